@@ -1,0 +1,29 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNUNABLETORESOLVEADDRESSEXCEPTION_H
+#define VORNUNABLETORESOLVEADDRESSEXCEPTION_H
+
+#include "VornNetExport.h"
+
+#include <VornException.h>
+#include <VornString.h>
+
+namespace VornNet {
+
+/**
+ * Says that an address could not be resolved. The library never throws it; it is there for programs.
+ *
+ * Thread-safety, blocking, ownership, signals, errors: as VornException.
+ */
+class VORNNET_API VornUnableToResolveAddressException : public VornException {
+public:
+    /** The text becomes "VornUnableToResolveAddressException - " and @p sMessageName, the code 0. */
+    explicit VornUnableToResolveAddressException(const VornString& sMessageName);
+    VornUnableToResolveAddressException(const VornUnableToResolveAddressException& source);
+    VornUnableToResolveAddressException& operator=(const VornUnableToResolveAddressException& source);
+    ~VornUnableToResolveAddressException() override;
+};
+
+} // namespace VornNet
+
+#endif

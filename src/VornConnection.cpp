@@ -1,0 +1,367 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornConnection.h"
+
+#include <SystemCalls.h>
+#include <VornException.h>
+#include <VornLogging.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include <cxxabi.h>
+
+namespace VornNet {
+
+namespace {
+
+constexpr const char* cReadFailed = "VornConnection::get: failed read";
+constexpr const char* cWriteFailed = "VornConnection::put: transfer failed.";
+constexpr const char* cServiceFailed =
+    "VornConnection::connectToService: connection to remote service failed.";
+
+/**
+ * Runs a typed operation. Callers are promised VornException and nothing else, so anything else that a
+ * transport throws is a fault of the program; the cancellation of a thread is no exception of the program's
+ * and passes.
+ */
+template <typename Operation>
+auto guarded(Operation&& operation) -> decltype(operation()) {
+    try {
+        return operation();
+    } catch (const VornException&) {
+        throw;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        std::terminate();
+    }
+}
+
+template <typename Unsigned>
+void store(unsigned char* bytes, Unsigned value) {
+    for (std::size_t i = 0; i < sizeof value; ++i)
+        bytes[i] = static_cast<unsigned char>(value >> (8 * (sizeof value - 1 - i)));
+}
+
+template <typename Unsigned>
+Unsigned load(const unsigned char* bytes) {
+    Unsigned value = 0;
+    for (std::size_t i = 0; i < sizeof value; ++i)
+        value = static_cast<Unsigned>(value << 8 | bytes[i]);
+    return value;
+}
+
+// Bytes of 0x80 and above count as unprintable in every locale.
+bool isPrintable(char character) {
+    const auto value = static_cast<signed char>(character);
+    return value >= 0 && std::isprint(value) != 0;
+}
+
+void logUnprintable(char character) {
+    if (VornLogging::isAdmitted(VornLogging::cVerbose)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cVerbose)
+                                   << "HTTPRequest::PeekLine: break on character = " << character
+                                   << endrecord;
+    }
+}
+
+void logNoLine(int nSize) {
+    if (VornLogging::isAdmitted(VornLogging::cVerbose)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cVerbose) << "VornConnection::peekLine: read "
+                                   << nSize << " without a <CRLF> pair" << endrecord;
+    }
+}
+
+} // namespace
+
+VornConnection::VornConnection()
+    : m_bConnected(false), m_bClientConnection(false), m_bRaw(false), m_bLocalAccess(false) {}
+
+VornConnection::VornConnection(bool bClientConnection, const VornString& sRemoteName)
+    : VornConnection(bClientConnection, false, sRemoteName) {}
+
+VornConnection::VornConnection(bool bClientConnection, bool bRaw, const VornString& sRemoteName)
+    : m_bConnected(false), m_bClientConnection(bClientConnection), m_sRemoteName(sRemoteName), m_bRaw(bRaw),
+      m_bLocalAccess(false) {}
+
+VornConnection::~VornConnection() = default;
+
+void VornConnection::transfer(const VornString& sString) {
+    guarded([&] {
+        establish();
+        if (sString.size() > INT_MAX)
+            throw VornException(cWriteFailed, EMSGSIZE);
+        const int nStringLength = static_cast<int>(sString.size());
+        transfer(nStringLength);
+        if (nStringLength > 0)
+            put(const_cast<char*>(sString.data()), nStringLength);
+    });
+}
+
+void VornConnection::transfer(int nValue) {
+    guarded([&] {
+        establish();
+        unsigned char bytes[4];
+        store(bytes, static_cast<std::uint32_t>(nValue));
+        put(bytes, sizeof bytes);
+    });
+}
+
+void VornConnection::transfer(short nValue) {
+    guarded([&] {
+        establish();
+        unsigned char bytes[2];
+        store(bytes, static_cast<std::uint16_t>(nValue));
+        put(bytes, sizeof bytes);
+    });
+}
+
+void VornConnection::transfer(long lValue) {
+    guarded([&] {
+        establish();
+        // Kept: a long travels as its low half and four zero bytes, as peers with 32-bit longs write it.
+        unsigned char bytes[8] = {};
+        store(bytes, static_cast<std::uint32_t>(lValue));
+        put(bytes, sizeof bytes);
+    });
+}
+
+void VornConnection::transfer(bool bValue) {
+    guarded([&] { transfer(static_cast<short>(bValue ? 1 : 0)); });
+}
+
+VornString VornConnection::receiveString() {
+    return guarded([&]() -> VornString {
+        establish();
+        const int nStringSize = receiveInt();
+        if (nStringSize == 0)
+            return {};
+        if (nStringSize < 0)
+            throw VornException(cReadFailed, 0);
+        // malloc() takes the memory without touching it: a peer that announces much and sends little costs
+        // address space only.
+        const std::unique_ptr<char, decltype(&std::free)> buffer(
+            static_cast<char*>(std::malloc(static_cast<std::size_t>(nStringSize) + 1)), &std::free);
+        if (buffer == nullptr)
+            throw VornException(cReadFailed, ENOMEM);
+        get(buffer.get(), nStringSize);
+        buffer.get()[nStringSize] = '\0';
+        try {
+            return buffer.get();
+        } catch (const std::bad_alloc&) {
+            throw VornException(cReadFailed, ENOMEM);
+        }
+    });
+}
+
+int VornConnection::receiveInt() {
+    return guarded([&] {
+        establish();
+        unsigned char bytes[4];
+        get(bytes, sizeof bytes);
+        return static_cast<int>(load<std::uint32_t>(bytes));
+    });
+}
+
+short VornConnection::receiveShort() {
+    return guarded([&] {
+        establish();
+        unsigned char bytes[2];
+        get(bytes, sizeof bytes);
+        return static_cast<short>(load<std::uint16_t>(bytes));
+    });
+}
+
+long VornConnection::receiveLong() {
+    return guarded([&] {
+        establish();
+        // Kept: zero-extended, so that -1 arrives as 4294967295.
+        unsigned char bytes[8];
+        get(bytes, sizeof bytes);
+        return static_cast<long>(load<std::uint32_t>(bytes));
+    });
+}
+
+void VornConnection::transferACK() {
+    guarded([&] {
+        establish();
+        transfer(static_cast<short>(1));
+        transfer(static_cast<short>(0));
+    });
+}
+
+void VornConnection::transferError() {
+    guarded([&] {
+        establish();
+        transfer(static_cast<short>(1));
+        transfer(static_cast<short>(-1));
+    });
+}
+
+const VornString& VornConnection::getRemoteName() {
+    return m_sRemoteName;
+}
+
+const VornString& VornConnection::getServiceName() {
+    return m_sServiceName;
+}
+
+void VornConnection::setServiceName(const VornString& sServiceName) {
+    m_sServiceName = sServiceName;
+}
+
+int VornConnection::get(void* pBuffer, int nSize) {
+    return guarded([&] {
+        long nError = 0;
+        // The count alone decides, as the error alone does in put().
+        if (receive(static_cast<char*>(pBuffer), nSize, &nError, true) != nSize)
+            throw VornException(cReadFailed, static_cast<int>(nError));
+        return nSize;
+    });
+}
+
+void VornConnection::put(void* pBuffer, int nSize) {
+    guarded([&] {
+        long nError = 0;
+        transfer(static_cast<const char*>(pBuffer), nSize, &nError);
+        // Kept: the count is not looked at; a transport that sends less without an error is trusted.
+        if (nError != 0)
+            throw VornException(cWriteFailed, static_cast<int>(nError));
+    });
+}
+
+bool VornConnection::peekLine(char* pBuffer, int& nSize, int& nErrorCode) {
+    constexpr int cMostTries = 3;
+    constexpr useconds_t cPause = 100'000;
+    const int nCapacity = nSize - 1;
+    int n = 0;
+    nErrorCode = 0;
+    if (nCapacity >= 0)
+        std::memset(pBuffer, 0, static_cast<std::size_t>(nCapacity) + 1);
+    for (int nTries = 1; nCapacity > 0; ++nTries) {
+        n = nCapacity;
+        peekBytes(pBuffer, n, nErrorCode);
+        // A refused connection leaves the size as it was: the error decides.
+        n = nErrorCode != 0 ? 0 : std::clamp(n, 0, nCapacity);
+        if (n > 0 || nErrorCode != 0 || nTries == cMostTries)
+            break;
+        System::usleep(cPause);
+    }
+    nSize = n;
+    if (nCapacity < 0)
+        return false;
+    pBuffer[n] = '\0';
+
+    char* lineEnd = std::strstr(pBuffer, "\r\n");
+    if (lineEnd == nullptr) {
+        logNoLine(n);
+        return false;
+    }
+    *lineEnd = '\0';
+    const char* unprintable = std::find_if_not(pBuffer, lineEnd, isPrintable);
+    if (unprintable != lineEnd) {
+        logUnprintable(*unprintable);
+        return false;
+    }
+    return true;
+}
+
+char* VornConnection::getLine(char* pszBuffer, int nBufferLen, int& nErrorCode) {
+    nErrorCode = 0;
+    if (nBufferLen < 2) // no byte can be looked at, so no line would ever be found
+        return nullptr;
+    for (;;) {
+        nErrorCode = 0;
+        int n = nBufferLen;
+        const bool isLine = peekLine(pszBuffer, n, nErrorCode);
+        if (nErrorCode != 0)
+            return nullptr;
+        if (isLine)
+            break;
+        if (n != 0)
+            return nullptr;
+    }
+    const int nLineLen = static_cast<int>(std::strlen(pszBuffer));
+    get(pszBuffer, nLineLen + 2);
+    pszBuffer[nLineLen] = '\0';
+    return pszBuffer;
+}
+
+void VornConnection::setRaw(bool bRaw) {
+    m_bRaw = bRaw;
+    if (!bRaw)
+        initialize();
+}
+
+VornString VornConnection::getServerName() {
+    return m_sServerName;
+}
+
+VornString VornConnection::getPortName() {
+    return m_sPortName;
+}
+
+bool VornConnection::getLocalAccess() {
+    return m_bLocalAccess;
+}
+
+void VornConnection::setLocalAccess(bool bLocalAccess) {
+    m_bLocalAccess = bLocalAccess;
+}
+
+unsigned int VornConnection::getAccessRights() {
+    return 1;
+}
+
+void VornConnection::transfer(const char* text) {
+    transfer(VornStringFromChar(text));
+}
+
+void VornConnection::establish() {
+    VornString sExceptionMessage;
+    const int rc = establishImpl(sExceptionMessage);
+    if (rc != 0 || !sExceptionMessage.empty())
+        throw VornException(sExceptionMessage, rc);
+}
+
+void VornConnection::connectToService() {
+    if (!connectToServiceImpl())
+        throw VornException(cServiceFailed, 0);
+}
+
+void VornConnection::initialize() {}
+
+void VornConnection::cleanup() {
+    m_bConnected = false;
+}
+
+bool VornConnection::connectToServiceImpl() {
+    constexpr char cAccepted = '+';
+    if (m_sServiceName.empty())
+        return true;
+
+    std::vector<char> request(m_sServiceName.size() + 3);
+    VornStringToChar(m_sServiceName, request.data(), static_cast<int>(request.size()));
+    // The name ends at its first zero byte.
+    const std::size_t length = std::strlen(request.data());
+    request[length] = '\r';
+    request[length + 1] = '\n';
+
+    long nError = 0;
+    if (transfer(request.data(), static_cast<long>(length + 2), &nError) == -1)
+        return false;
+    char answer = '\0';
+    return receive(&answer, 1, &nError, true) == 1 && answer == cAccepted;
+}
+
+} // namespace VornNet

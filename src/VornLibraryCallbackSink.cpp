@@ -1,0 +1,283 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornLibraryCallbackSink.h"
+
+#include "Delivery.h"
+#include "HostEntry.h"
+#include "VornPipeServer.h"
+#include "VornServerSocket.h"
+#include "VornUDPServerSocket.h"
+
+#include <SystemCalls.h>
+#include <VornCriticalSection.h>
+#include <VornException.h>
+#include <VornLogging.h>
+#include <VornSleep.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <mutex>
+
+namespace VornNet {
+
+namespace {
+
+constexpr const char* cTypeVariable = "QUORAX_CALLB_CONN_TYPE";
+constexpr short cFirstPort = 5023;
+constexpr int cBacklog = 5;
+constexpr unsigned int cDatagramSize = 16'777'215;
+
+/** Guards every sink's address text: its thread rewrites it while others copy it. */
+std::mutex g_addressLock;
+
+bool isTraced() {
+    return VornLogging::isAdmitted(VornLogging::cDebug);
+}
+
+template <typename... Pieces>
+void trace(const Pieces&... pieces) {
+    VornLogging& logger = VornLogging::getInstance();
+    logger << setloglevel(VornLogging::cDebug);
+    (logger << ... << pieces) << endrecord;
+}
+
+VornString makePipeName() {
+    std::array<char, 24> name;
+    std::snprintf(name.data(), name.size(), "quorax%x", static_cast<unsigned int>(System::getpid()));
+    return name.data();
+}
+
+/** Keeps a wait that fails at once, again and again, from taking a whole processor. */
+void pauseAfter(int nFailedWaits) {
+    constexpr int cLongestPause = 100;
+    VornSleep(std::min(cLongestPause, 1 << std::min(nFailedWaits - 1, 7)));
+}
+
+} // namespace
+
+VornLibraryCallbackSink::VornLibraryCallbackSink(const VornString& moduleName)
+    : VornThread(moduleName), m_bThreadStarted(false), m_nCallbackServerPort(cFirstPort) {
+    if (isTraced())
+        trace("VornLibraryCallbackSink::VornLibraryCallbackSink: moduleName=", "|", moduleName, "|");
+    start();
+    waitForServerPort();
+}
+
+VornLibraryCallbackSink::~VornLibraryCallbackSink() {
+    if (isOwnThread()) {
+        if (VornLogging::isAdmitted(VornLogging::cError)) {
+            VornLogging::getInstance()
+                << setloglevel(VornLogging::cError)
+                << "VornLibraryCallbackSink::~VornLibraryCallbackSink: destroyed by one of its own callbacks"
+                << endrecord;
+        }
+        std::terminate(); // the thread would have to end before its own call returns
+    }
+    if (m_spCallbackServer != nullptr && isTraced())
+        trace("VornLibraryCallbackSink::~VornLibraryCallbackSink: closing socket");
+    endThread();
+}
+
+int VornLibraryCallbackSink::run() {
+    if (isTraced())
+        trace("VornLibraryCallbackSink::run: enter");
+    establishCallbackServer();
+    int rc = 0;
+    int nFailedWaits = 0; // in a row
+    for (bool bGoesOn = true; bGoesOn && !isStopRequested();) {
+        try {
+            bGoesOn = serveOneClient(nFailedWaits);
+        } catch (const VornException& e) {
+            bGoesOn = continuesAfter(e.getCode(), nFailedWaits, rc);
+        }
+    }
+    if (isTraced())
+        trace("VornLibraryCallbackSink::run: exiting rc=", rc);
+    return rc;
+}
+
+short VornLibraryCallbackSink::getCallbackSocket() const {
+    return __atomic_load_n(&m_nCallbackServerPort, __ATOMIC_RELAXED);
+}
+
+VornCallbackContainer& VornLibraryCallbackSink::getCallbackContainer() {
+    return m_callbackContainer;
+}
+
+VornString VornLibraryCallbackSink::getCallbackAddress() {
+    const std::lock_guard lock(g_addressLock);
+    return m_sCallbackName;
+}
+
+void VornLibraryCallbackSink::establishCallbackServer() {
+    const char* type = std::getenv(cTypeVariable);
+    if (type == nullptr) {
+        establishDefaultCallbackServer();
+    } else {
+        m_sCallbackType = type;
+        if (m_sCallbackType == "udp") {
+            if (isTraced())
+                trace("VornLibraryCallbackSink::establishCallbackServer: creating udp server on socket ",
+                      m_nCallbackServerPort);
+            getMyIpAddr();
+            m_spCallbackServer = new VornUDPServerSocket(m_nCallbackServerPort, m_sIpAddr, cDatagramSize);
+            publishAddress(m_sIpAddr + ":" + std::to_string(m_nCallbackServerPort));
+        } else if (m_sCallbackType == "pipe") {
+            const VornString sPipeName = makePipeName();
+            if (isTraced())
+                trace("VornLibraryCallbackSink::establishCallbackServer: creating pipe server '", sPipeName,
+                      "'");
+            m_spCallbackServer = new VornPipeServer(sPipeName);
+            publishAddress(sPipeName);
+        } else if (m_sCallbackType == "socket") {
+            if (isTraced())
+                trace("VornLibraryCallbackSink::establishCallbackServer: creating tcp server on socket ",
+                      m_nCallbackServerPort);
+            getMyIpAddr();
+            m_spCallbackServer = new VornServerSocket(m_nCallbackServerPort, cBacklog, m_sIpAddr);
+            publishAddress(m_sIpAddr + ":" + std::to_string(m_nCallbackServerPort));
+        } else {
+            if (isTraced())
+                trace("VornLibraryCallbackSink::establishCallbackServer: unknown callback server type, "
+                      "creating default");
+            establishDefaultCallbackServer();
+        }
+    }
+    __atomic_store_n(&m_bThreadStarted, true, __ATOMIC_RELEASE);
+}
+
+void VornLibraryCallbackSink::establishDefaultCallbackServer() {
+    const VornString sPipeName = makePipeName();
+    m_sCallbackType = "pipe";
+    if (isTraced())
+        trace("VornLibraryCallbackSink::establishCallbackServer: creating default (pipe) server '", sPipeName,
+              "'");
+    m_spCallbackServer = new VornPipeServer(sPipeName);
+    publishAddress(sPipeName);
+}
+
+void VornLibraryCallbackSink::waitForServerPort() {
+    constexpr useconds_t cPause = 1000;
+    // Kept: without limit. When the server cannot be made, the thread's record at level 1 is all that tells.
+    while (!__atomic_load_n(&m_bThreadStarted, __ATOMIC_ACQUIRE))
+        System::usleep(cPause);
+    if (m_spCallbackServer != nullptr)
+        m_spCallbackServer->waitForInit();
+}
+
+bool VornLibraryCallbackSink::tryNextPort() {
+    if (m_sCallbackType != "udp" && m_sCallbackType != "socket")
+        return false;
+    const auto nPort =
+        static_cast<short>(m_nCallbackServerPort + 1); // wraps to the negative ports behind 32767
+    __atomic_store_n(&m_nCallbackServerPort, nPort, __ATOMIC_RELAXED);
+    VornIPCServer* pServer = m_spCallbackServer;
+    if (auto* pServerSocket = dynamic_cast<VornServerSocket*>(pServer))
+        pServerSocket->setPort(nPort);
+    publishAddress(m_sIpAddr + ":" + std::to_string(nPort));
+    if (isTraced())
+        trace("VornLibraryCallbackSink::tryNextPort: retrying ", m_sCallbackType, " server on socket ",
+              nPort);
+    return true;
+}
+
+void VornLibraryCallbackSink::getMyIpAddr() {
+    const HostEntry local = HostEntry::byName("localhost");
+    if (!local.isFound())
+        return;
+    const HostEntry official = HostEntry::byName(local.name());
+    if (!official.isFound())
+        return;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(official.addresses()[0]);
+    std::array<char, 20> text;
+    std::snprintf(text.data(), text.size(), "%u.%u.%u.%u", bytes[0], bytes[1], bytes[2], bytes[3]);
+    m_sIpAddr = text.data();
+    if (isTraced())
+        trace("VornLibraryCallbackSink::getMyIpAddr: address is ", "'", m_sIpAddr, "'");
+}
+
+void VornLibraryCallbackSink::publishAddress(const VornString& sPlace) {
+    const std::lock_guard lock(g_addressLock);
+    m_sCallbackName = m_sCallbackType + ":" + sPlace;
+}
+
+bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {
+    if (isTraced())
+        trace("VornLibraryCallbackSink::run: waiting for data : ", m_sCallbackName);
+    ++nFailedWaits;
+    VornSmartPointer<VornConnection> spConnection = m_spCallbackServer->waitForClient(false);
+    nFailedWaits = 0;
+    if (spConnection == nullptr) {
+        if (isTraced())
+            trace("VornLibraryCallbackSink::run: NULL returned from waitForClient : ", m_sCallbackName,
+                  ", exiting");
+        return false;
+    }
+    if (isTraced())
+        trace("VornLibraryCallbackSink::run: received data : ", m_sCallbackName);
+    const Delivery delivery(this, *spConnection);
+    deliver(spConnection);
+    return true;
+}
+
+void VornLibraryCallbackSink::deliver(VornSmartPointer<VornConnection>& spConnection) {
+    const long hCallback = spConnection->receiveLong();
+    if (isTraced())
+        trace("VornLibraryCallbackSink::run: hCallback=", hCallback);
+    const VornCriticalSection lock(m_callbackContainer.mutex(), true);
+    VornSmartPointer<VornNotificationCallback> spCallback =
+        m_callbackContainer.lookup(static_cast<int>(hCallback));
+    if (spCallback != nullptr) {
+        if (isTraced())
+            trace("VornLibraryCallbackSink::run: found callback... invoking");
+        spCallback->callback(spConnection);
+        if (isTraced())
+            trace("VornLibraryCallbackSink::run: callback returned");
+    } else if (isTraced()) {
+        trace("VornLibraryCallbackSink::run: unable to find callback... ignoring notification");
+    }
+    // One connection, one notification, one life of the server's socket: the next wait opens it again.
+    m_spCallbackServer->close();
+}
+
+bool VornLibraryCallbackSink::continuesAfter(int nCode, int nFailedWaits, int& rc) {
+    if (nCode == EADDRINUSE) {
+        const bool bMoved = tryNextPort();
+        if (isTraced() && bMoved)
+            trace("VornLibraryCallbackSink::run: exception=", nCode,
+                  " trying next port=", m_nCallbackServerPort);
+        else if (isTraced())
+            trace("VornLibraryCallbackSink::run: exception=", nCode, " cannot establish connection, exiting");
+        return bMoved;
+    }
+    if (nCode == ECONNRESET || nCode == EINTR) {
+        if (isTraced())
+            trace("VornLibraryCallbackSink::run: exception=", nCode, " connection closed, exiting");
+        return false;
+    }
+    rc = nCode;
+    if (nFailedWaits > 0)
+        pauseAfter(nFailedWaits);
+    return true;
+}
+
+void VornLibraryCallbackSink::endThread() {
+    using Clock = std::chrono::steady_clock;
+    constexpr int cPause = 20;
+    const Clock::time_point cutOffTime = Clock::now() + std::chrono::milliseconds(200);
+    VornThread::stop();
+    do {
+        // Once is not enough: between two waits there is nothing to close, and the next wait opens again.
+        if (m_spCallbackServer != nullptr)
+            m_spCallbackServer->close();
+        if (Clock::now() >= cutOffTime)
+            Delivery::cutOff(this);
+    } while (!VornThread::wait(cPause));
+}
+
+} // namespace VornNet

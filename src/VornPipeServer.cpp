@@ -1,0 +1,317 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornPipeServer.h"
+
+#include "Descriptor.h"
+#include "PipeAddress.h"
+#include "VornPipeConnection.h"
+
+#include <SystemCalls.h>
+#include <VornException.h>
+#include <VornLogging.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace VornNet {
+
+namespace {
+
+constexpr const char* cDirectory = "/opt/vorn/hostmgr/var/lib/kestrel/rendez/";
+
+constexpr const char* cCreateFailed = "VornPipeServer::init: failed to create pipe.";
+constexpr const char* cPrepareFailed = "VornPipeServer::init: failed to prepare pipe.";
+constexpr const char* cListenFailed = "VornPipeServer::init: failed to listen on bound pipe.";
+
+// Texts of the wait; their trailing blanks belong to them.
+constexpr const char* cNotSetUp = "VornPipeServer::waitForClient: pipe not setup. ";
+constexpr const char* cReadFailed = "VornPipeServer::waitForClient: pipe read error. ";
+constexpr const char* cConnectionFailed = "VornPipeServer::waitForClient: connection error. ";
+constexpr const char* cSelectFailed = "VornPipeServer::waitForClient: error on select. ";
+
+constexpr int cBacklog = 5;
+constexpr mode_t cOwnerOnly = 0700;
+constexpr mode_t cOwnerAndGroup = 0770;
+constexpr unsigned int cGroupPrivilege = 1;
+
+/**
+ * Guards each record's waiting flag together with the server's pointer to the record: a closing thread must
+ * not release the record between a waiting thread's look at the pointer and its raising of the flag. The
+ * server's own lock cannot do it, since it is held over everything that close() does and the waiting thread
+ * takes it there.
+ */
+std::mutex g_waitingLock;
+
+void logDebug(const VornString& sText) {
+    VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << sText << endrecord;
+}
+
+bool isDebugAdmitted() {
+    return VornLogging::isAdmitted(VornLogging::cDebug);
+}
+
+void bindTo(int fd, const VornString& sPath) {
+    const PipeAddress address(sPath);
+    if (!address.fits())
+        throw VornException(cPrepareFailed, ENAMETOOLONG);
+    System::unlink(sPath.c_str());
+    // bind() makes the file with the socket's mode, so it is never open to others, whatever the umask.
+    System::fchmod(fd, cOwnerOnly);
+    if (System::bind(fd, address.get(), address.length()) == -1)
+        throw VornException(cPrepareFailed, errno);
+    if (System::listen(fd, cBacklog) == -1)
+        throw VornException(cListenFailed, errno);
+    System::chmod(sPath.c_str(), cOwnerAndGroup);
+}
+
+bool findGroup(const VornString& sGroup, gid_t& id) {
+    std::vector<char> buffer(1024);
+    group entry{};
+    group* result = nullptr;
+    while (System::getgrnam(sGroup.c_str(), &entry, buffer.data(), buffer.size(), &result) == ERANGE)
+        buffer.resize(buffer.size() * 2);
+    if (result != nullptr)
+        id = result->gr_gid;
+    return result != nullptr;
+}
+
+void giveToGroup(const VornString& sPath, const VornString& sGroup) {
+    gid_t id = 0;
+    const bool bFound = findGroup(sGroup, id);
+    if (bFound) [[maybe_unused]]
+        const int ignored = System::chown(sPath.c_str(), System::getuid(), id);
+    if (isDebugAdmitted()) {
+        logDebug(
+            (bFound
+                 ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
+                 : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ") +
+            sGroup);
+    }
+}
+
+struct Readiness {
+    bool failed;
+    bool wakeUp;
+    bool client;
+};
+
+Readiness awaitBySelect(int wakeUp, int listener) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(wakeUp, &readable);
+    FD_SET(listener, &readable);
+    if (System::select(FD_SETSIZE, &readable, nullptr, nullptr, nullptr) < 1)
+        return {true, false, false};
+    return {false, FD_ISSET(wakeUp, &readable) != 0, FD_ISSET(listener, &readable) != 0};
+}
+
+Readiness awaitByPoll(int wakeUp, int listener) {
+    std::array<pollfd, 2> entries{{{wakeUp, POLLIN, 0}, {listener, POLLIN, 0}}};
+    if (System::poll(entries.data(), entries.size(), -1) < 1)
+        return {true, false, false};
+    return {false, entries[0].revents != 0, entries[1].revents != 0};
+}
+
+Readiness awaitReadiness(int wakeUp, int listener) {
+    // A descriptor of 1024 or more would be written outside select()'s set.
+    return std::max(wakeUp, listener) < FD_SETSIZE ? awaitBySelect(wakeUp, listener)
+                                                   : awaitByPoll(wakeUp, listener);
+}
+
+void signalWaiter(int writeEnd) {
+    // One signal is enough to wake the thread; a pipe that is full of them must not block the one that
+    // closes.
+    pollfd entry{writeEnd, POLLOUT, 0};
+    if (System::poll(&entry, 1, 0) == 1 && (entry.revents & POLLOUT) != 0) {
+        const int nSignal = 0;
+        [[maybe_unused]] const ssize_t ignored = System::write(writeEnd, &nSignal, sizeof nSignal);
+    }
+}
+
+} // namespace
+
+/** Marks the server's record as waited on; nobody releases it until the mark is gone. */
+class VornPipeServer::Waiting {
+public:
+    explicit Waiting(void* const& pipeHandle) {
+        const std::lock_guard lock(g_waitingLock);
+        m_pPipe = static_cast<_pipe*>(__atomic_load_n(&pipeHandle, __ATOMIC_ACQUIRE));
+        if (m_pPipe != nullptr)
+            m_pPipe->m_bClientWaiting = true;
+    }
+
+    ~Waiting() { end(); }
+
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+    _pipe* record() const { return m_pPipe; }
+
+    void end() {
+        const std::lock_guard lock(g_waitingLock);
+        if (m_pPipe != nullptr)
+            m_pPipe->m_bClientWaiting = false;
+        m_pPipe = nullptr;
+    }
+
+private:
+    _pipe* m_pPipe;
+};
+
+VornPipeServer::VornPipeServer(const VornString& sPipeName) : VornPipeServer(sPipeName, 7, VornString()) {}
+
+VornPipeServer::VornPipeServer(const VornString& sPipeName, unsigned int iAccessPrivileges,
+                               const VornString& sUserGroupName)
+    : m_sPipeName(sPipeName), m_pipeHandle(nullptr), m_iAccessPrivileges(iAccessPrivileges),
+      m_sUserGroupName(sUserGroupName) {
+    VornPipeServer::init();
+}
+
+VornPipeServer::~VornPipeServer() {
+    constexpr int cMostPauses = 40;
+    constexpr useconds_t cPause = 250'000;
+    VornPipeServer::close();
+    for (int i = 0; i < cMostPauses && __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr; ++i)
+        System::usleep(cPause);
+    // The waiting thread that has just released the record may still be on its way out of the lock. A record
+    // that is still held after 10 seconds is abandoned rather than freed under a thread that may use it.
+    const VornCriticalSection lock(m_lock, true);
+}
+
+void VornPipeServer::waitForInit() {}
+
+void VornPipeServer::close() {
+    if (isDebugAdmitted())
+        logDebug("VornPipeServer::close");
+    const VornCriticalSection lock(m_lock, true);
+    std::unique_lock waitingLock(g_waitingLock);
+    auto* pPipe = static_cast<_pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
+    if (pPipe == nullptr)
+        return;
+    if (pPipe->m_bClientWaiting) {
+        waitingLock.unlock();
+        // Nobody else can release the record: that takes m_lock.
+        if (isDebugAdmitted())
+            logDebug("VornPipeServer::close: signaling wait thread");
+        signalWaiter(pPipe->m_hRWPipe[1]);
+        return;
+    }
+    __atomic_store_n(&m_pipeHandle, nullptr, __ATOMIC_RELEASE);
+    waitingLock.unlock();
+    if (isDebugAdmitted())
+        logDebug("VornPipeServer::close: releasing resources");
+    System::close(pPipe->m_hClientPipe);
+    System::close(pPipe->m_hRWPipe[0]);
+    System::close(pPipe->m_hRWPipe[1]);
+    delete pPipe;
+}
+
+VornString VornPipeServer::getFullPipeName(const VornString& sPipeName) {
+    VornString sFullPipeName;
+    sFullPipeName.reserve(VornString::traits_type::length(cDirectory) + sPipeName.size());
+    sFullPipeName.append(cDirectory).append(sPipeName);
+    if (isDebugAdmitted())
+        logDebug("VornPipeServer::getFullPipeName () : sFullPipeName is : " + sFullPipeName);
+    return sFullPipeName;
+}
+
+VornSmartPointer<VornConnection>
+VornPipeServer::waitForClientImpl(bool /*bIdentify*/, VornString& sExceptionMessage, int& nErrorCode) {
+    try {
+        init();
+    } catch (const VornException& e) {
+        sExceptionMessage = e.getText();
+        nErrorCode = e.getCode();
+        return {};
+    }
+    Waiting waiting(m_pipeHandle);
+    if (waiting.record() == nullptr) {
+        sExceptionMessage = cNotSetUp;
+        return {};
+    }
+    const int nWakeUp = waiting.record()->m_hRWPipe[0];
+    const int nListener = waiting.record()->m_hClientPipe;
+    if (isDebugAdmitted()) {
+        logDebug("VornPipeServer::waitForClient: " + m_sPipeName + " ready, accepting connections... (" +
+                 std::to_string(nListener) + ")");
+    }
+    const Readiness ready = awaitReadiness(nWakeUp, nListener);
+    if (ready.failed) {
+        sExceptionMessage = cReadFailed;
+        return {};
+    }
+    if (ready.wakeUp) // before the clients: who comes while the server is closed is not accepted
+        return shutDown(waiting);
+    if (ready.client)
+        return acceptClient(waiting, sExceptionMessage, nErrorCode);
+    sExceptionMessage = cSelectFailed;
+    nErrorCode = 0;
+    return {};
+}
+
+void VornPipeServer::init() {
+    if (__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr)
+        return;
+    auto record = std::make_unique<_pipe>();
+    record->m_bClientWaiting = false;
+    if (System::pipe(record->m_hRWPipe) == -1)
+        throw VornException(cCreateFailed, errno);
+    Descriptor readEnd(record->m_hRWPipe[0]);
+    Descriptor writeEnd(record->m_hRWPipe[1]);
+    Descriptor listener(System::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (!listener.isOpen())
+        throw VornException(cCreateFailed, errno);
+    record->m_hClientPipe = listener.number();
+
+    const VornString sPath = getFullPipeName(m_sPipeName);
+    bindTo(listener.number(), sPath);
+    if (m_iAccessPrivileges == cGroupPrivilege && !m_sUserGroupName.empty())
+        giveToGroup(sPath, m_sUserGroupName);
+
+    readEnd.release();
+    writeEnd.release();
+    listener.release();
+    __atomic_store_n(&m_pipeHandle, record.release(), __ATOMIC_RELEASE);
+}
+
+VornSmartPointer<VornConnection> VornPipeServer::shutDown(Waiting& waiting) {
+    if (isDebugAdmitted())
+        logDebug("VornPipeServer::waitForClient : Shutting down thread");
+    waiting.end();
+    close(); // releases the record, now that no thread waits
+    return {};
+}
+
+VornSmartPointer<VornConnection> VornPipeServer::acceptClient(Waiting& waiting, VornString& sExceptionMessage,
+                                                              int& nErrorCode) {
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    const int nListener = waiting.record()->m_hClientPipe;
+    const int nAccepted = System::accept(nListener, reinterpret_cast<sockaddr*>(&address), &length);
+    const int nError = errno;
+    Descriptor client(nAccepted);
+    if (isDebugAdmitted()) {
+        logDebug("VornPipeServer::waitForClient: " + m_sPipeName +
+                 " returned from accept with clientSocket=" + std::to_string(nAccepted));
+    }
+    if (!client.isOpen()) {
+        if (nListener == 0) // kept: a listener of number 0 counts as one that was closed
+            return shutDown(waiting);
+        nErrorCode = nError;
+        sExceptionMessage = cConnectionFailed;
+        return {};
+    }
+    int nClient = client.number();
+    VornSmartPointer<VornConnection> spClient = new VornPipeConnection(&nClient, m_iAccessPrivileges);
+    client.release();
+    waiting.end();
+    spClient->setLocalAccess(true);
+    return spClient;
+}
+
+} // namespace VornNet

@@ -1,0 +1,69 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornProxyDependent.h"
+
+#include "CallbackAddress.h"
+#include "VornPipeConnection.h"
+#include "VornSSLSocketConnection.h"
+#include "VornSocketConnection.h"
+#include "VornUDPSocketConnection.h"
+
+namespace VornNet {
+
+namespace {
+
+void writeNotification(VornProxyDependent& proxy, long hDependent, VornConnection& connection,
+                       const VornNotification& notification) {
+    connection.transfer(hDependent);
+    proxy.addContent(connection, notification);
+}
+
+} // namespace
+
+VornProxyDependent::VornProxyDependent(const VornString& sRemoteName, long hDependent)
+    : m_sRemoteName(sRemoteName), m_hDependent(hDependent) {}
+
+VornProxyDependent::~VornProxyDependent() = default;
+
+void VornProxyDependent::addContent(VornConnection& connection, const VornNotification& notification) {
+    connection.transfer(static_cast<long>(notification.getId()));
+}
+
+void VornProxyDependent::remoteNotify(const VornNotification& notification) {
+    const CallbackAddress address(m_sRemoteName);
+    switch (address.kind) {
+    case CallbackAddress::Kind::udp: {
+        VornUDPSocketConnection connection(address.host, address.port, false);
+        writeNotification(*this, m_hDependent, connection, notification);
+        connection.transmit(); // a failure is logged and nothing more: UDP promises no delivery
+        break;
+    }
+    case CallbackAddress::Kind::pipe: {
+        VornPipeConnection connection(address.host);
+        writeNotification(*this, m_hDependent, connection, notification);
+        break;
+    }
+    case CallbackAddress::Kind::tcp: {
+        VornSocketConnection connection(address.host, address.port, true, false);
+        writeNotification(*this, m_hDependent, connection, notification);
+        break;
+    }
+    case CallbackAddress::Kind::ssl: {
+        VornSSLSocketConnection connection(address.host, address.port, true);
+        writeNotification(*this, m_hDependent, connection, notification);
+        break;
+    }
+    case CallbackAddress::Kind::unknown:
+        break;
+    }
+}
+
+const VornString& VornProxyDependent::getRemoteName() const {
+    return m_sRemoteName;
+}
+
+int VornProxyDependent::getDependentHandle() const {
+    return static_cast<int>(m_hDependent);
+}
+
+} // namespace VornNet

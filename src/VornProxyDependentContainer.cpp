@@ -1,0 +1,97 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornProxyDependentContainer.h"
+
+#include <iterator>
+
+namespace VornNet {
+
+namespace {
+
+/**
+ * The number of entries of the one registry, for size(), which takes no lock: the map's own count may not be
+ * read while another thread changes the map. Atomic; written under the registry's lock.
+ */
+int g_nEntries = 0;
+
+void publishSize(const ProxyDependentMap& entries) {
+    __atomic_store_n(&g_nEntries, static_cast<int>(entries.size()), __ATOMIC_RELEASE);
+}
+
+bool isPlace(const ProxyDependentMap& entries, int index) {
+    return index >= 0 && static_cast<std::size_t>(index) < entries.size();
+}
+
+} // namespace
+
+VornProxyDependentContainer* VornProxyDependentContainer::m_pThis = nullptr;
+
+VornProxyDependentContainer& VornProxyDependentContainer::getInstance() {
+    VornProxyDependentContainer* pInstance = __atomic_load_n(&m_pThis, __ATOMIC_ACQUIRE);
+    if (pInstance != nullptr)
+        return *pInstance;
+    auto* pNew = new VornProxyDependentContainer;
+    if (__atomic_compare_exchange_n(&m_pThis, &pInstance, pNew, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+        return *pNew;
+    delete pNew; // another thread was first
+    return *pInstance;
+}
+
+void VornProxyDependentContainer::deleteInstance() {
+    VornProxyDependentContainer* pInstance =
+        __atomic_exchange_n(&m_pThis, static_cast<VornProxyDependentContainer*>(nullptr), __ATOMIC_ACQ_REL);
+    if (pInstance == nullptr)
+        return;
+    __atomic_store_n(&g_nEntries, 0, __ATOMIC_RELEASE);
+    delete pInstance;
+}
+
+VornCriticalSectionObject& VornProxyDependentContainer::getlock() {
+    return m_lock;
+}
+
+void VornProxyDependentContainer::add(VornSmartPointer<VornProxyDependent> spDependent) {
+    const VornCriticalSection lock(m_lock, true);
+    // Kept: the id of the key is an int widened again, so a longer one is found under its cut value only.
+    const VornProxyDependentIdentifier key(spDependent->getRemoteName(), spDependent->getDependentHandle());
+    m_proxyDependentMap[key] = spDependent;
+    publishSize(m_proxyDependentMap);
+}
+
+VornSmartPointer<VornProxyDependent> VornProxyDependentContainer::lookup(const VornString& sRemoteName,
+                                                                         long hDependent) {
+    const VornCriticalSection lock(m_lock, true);
+    const auto found = m_proxyDependentMap.find(VornProxyDependentIdentifier(sRemoteName, hDependent));
+    return found == m_proxyDependentMap.end() ? VornSmartPointer<VornProxyDependent>() : found->second;
+}
+
+void VornProxyDependentContainer::remove(const VornString& sRemoteName, long hDependent) {
+    const VornCriticalSection lock(m_lock, true);
+    m_proxyDependentMap.erase(VornProxyDependentIdentifier(sRemoteName, hDependent));
+    publishSize(m_proxyDependentMap);
+}
+
+void VornProxyDependentContainer::remove(int index) {
+    const VornCriticalSection lock(m_lock, true);
+    if (!isPlace(m_proxyDependentMap, index))
+        return;
+    m_proxyDependentMap.erase(std::next(m_proxyDependentMap.begin(), index));
+    publishSize(m_proxyDependentMap);
+}
+
+int VornProxyDependentContainer::size() {
+    return __atomic_load_n(&g_nEntries, __ATOMIC_ACQUIRE);
+}
+
+VornSmartPointer<VornProxyDependent> VornProxyDependentContainer::operator[](int index) {
+    const VornCriticalSection lock(m_lock, true);
+    if (!isPlace(m_proxyDependentMap, index))
+        return {};
+    return std::next(m_proxyDependentMap.begin(), index)->second;
+}
+
+VornProxyDependentContainer::VornProxyDependentContainer() = default;
+
+VornProxyDependentContainer::~VornProxyDependentContainer() = default;
+
+} // namespace VornNet

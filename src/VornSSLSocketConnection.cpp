@@ -1,0 +1,101 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornSSLSocketConnection.h"
+
+#include <SystemCalls.h>
+#include <VornException.h>
+
+#include <cerrno>
+
+namespace VornNet {
+
+namespace {
+
+VornSocketConnection& checkedClient(const VornSmartPointer<VornSocketConnection>& client) {
+    if (client == nullptr || client->getSocket() == nullptr)
+        throw VornException("VornSSLSocketConnection::VornSSLSocketConnection: no socket to wrap.", ENOTCONN);
+    return *client;
+}
+
+int descriptorOf(const void* cell) {
+    return *static_cast<const int*>(cell);
+}
+
+} // namespace
+
+VornSSLSocketConnection::VornSSLSocketConnection(int client, const VornString& sRemoteName,
+                                                 VornServerSocket* pServer, bool bClientConnection)
+    : VornSocketConnection(client, sRemoteName, pServer, bClientConnection), m_pSSLImpl(nullptr) {}
+
+VornSSLSocketConnection::VornSSLSocketConnection(const VornString& sRemoteName, int nPort, bool bRaw)
+    : VornSocketConnection(sRemoteName, nPort, bRaw, false), m_pSSLImpl(nullptr) {}
+
+VornSSLSocketConnection::VornSSLSocketConnection(VornSmartPointer<VornSocketConnection> client,
+                                                 void* /*pSSL*/)
+    : VornSocketConnection(descriptorOf(checkedClient(client).getSocket()), client->getRemoteName(), nullptr,
+                           true),
+      m_client(client), m_pSSLImpl(nullptr) {
+    setRaw(true);
+    VornString sUnused;
+    VornSSLSocketConnection::establishImpl(sUnused);
+}
+
+VornSSLSocketConnection::~VornSSLSocketConnection() {
+    // Kept: this closes the descriptor that the wrapped connection closes again when it goes.
+    VornSSLSocketConnection::disconnect();
+}
+
+void VornSSLSocketConnection::disconnect() {
+    m_pSSLImpl = nullptr;
+    VornSocketConnection::disconnect();
+}
+
+long VornSSLSocketConnection::transfer(const char* buf, long bufLen, long* error) {
+    if (m_bConnected && m_pSSLImpl != nullptr) {
+        *error = 0;
+        return 0;
+    }
+    if (m_bConnected || m_pClient == nullptr) {
+        *error = ENOTCONN;
+        return -1;
+    }
+    return System::send(descriptorOf(m_pClient), buf, static_cast<size_t>(bufLen), 0);
+}
+
+long VornSSLSocketConnection::receive(char* bufPtr, long toRead, long* error, bool /*bWaitForAll*/) {
+    constexpr useconds_t cPause = 100'000;
+    if (m_bConnected && m_pSSLImpl != nullptr)
+        return 0;
+    if (m_bConnected || m_pClient == nullptr) {
+        *error = ENOTCONN;
+        return -1;
+    }
+    for (;;) {
+        const ssize_t count = System::recv(descriptorOf(m_pClient), bufPtr, static_cast<size_t>(toRead), 0);
+        if (count != -1 || errno != EAGAIN)
+            return count;
+        System::usleep(cPause);
+    }
+}
+
+bool VornSSLSocketConnection::peekBytes(void* /*pBuffer*/, int& nSize, int& nErrorCode) {
+    if (m_pSSLImpl != nullptr)
+        return nSize != 0;
+    nErrorCode = ENOTCONN;
+    nSize = 0;
+    return false;
+}
+
+int VornSSLSocketConnection::establishImpl(VornString& /*sExceptionMessage*/) {
+    if (!m_bConnected) {
+        m_bConnected = true;
+        initialize();
+    }
+    return 0;
+}
+
+void VNETInitSSL() {}
+
+void VNETFinitSSL() {}
+
+} // namespace VornNet

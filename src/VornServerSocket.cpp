@@ -1,0 +1,209 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornServerSocket.h"
+
+#include "Descriptor.h"
+#include "HostEntry.h"
+#include "HostText.h"
+#include "ServerGate.h"
+#include "VornSocketConnection.h"
+
+#include <SystemCalls.h>
+#include <VornException.h>
+#include <VornLogging.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+#include <arpa/inet.h>
+
+namespace VornNet {
+
+namespace {
+
+constexpr const char* cCreateFailed = "VornServerSocket::init: failed to create socket.";
+constexpr const char* cBindFailed = "VornServerSocket::init: failed to bind socket.";
+constexpr const char* cNameFailed = "VornServerSocket::init: failed to get socket name.";
+constexpr const char* cListenFailed = "VornServerSocket::init: failed to listen on bound socket.";
+
+/** What accept() reports when the server's end is the reason: the wait ends without a word. */
+bool isQuiet(int nError) {
+    switch (nError) {
+    case EINTR: // kept: an interrupted wait is not taken up again
+    case EBADF:
+    case ENONET:
+    case ENOTSOCK:
+    case EHOSTDOWN:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isListening(int fd) {
+    int bListening = 0;
+    socklen_t length = sizeof bListening;
+    return System::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &bListening, &length) == 0 && bListening != 0;
+}
+
+void logListening(in_addr address, int nPort) {
+    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
+                                   << "VornServerSocket::init: Using IP Address " << dottedText(address)
+                                   << " Port: " << static_cast<short>(nPort) << endrecord;
+    }
+}
+
+void logReady(int nPort) {
+    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
+                                   << "VornServerSocket::waitForClient: TCP Server on " << nPort
+                                   << " ready, accepting connections..." << endrecord;
+    }
+}
+
+void logAcceptFailure(int nError) {
+    if (VornLogging::isAdmitted(VornLogging::cError)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cError)
+                                   << "VornServerSocket::waitForClient: socket connection error. " << nError
+                                   << endrecord;
+    }
+}
+
+/** @return the official name of the peer's host, empty when it has none. */
+VornString identify(const sockaddr_in& peer) {
+    const HostEntry host = HostEntry::byAddress(&peer.sin_addr, sizeof peer.sin_addr);
+    if (!host.isFound())
+        return {};
+    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
+        // Kept: the port is shown as it stands in the address, in network byte order.
+        std::array<char, 8192> port;
+        std::snprintf(port.data(), port.size(), "%d", peer.sin_port);
+        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
+                                   << "VornServerSocket::waitForClient () Server connected to " << host.name()
+                                   << ":" << port.data() << endrecord;
+    }
+    return host.name();
+}
+
+VornSmartPointer<VornConnection> makeClient(Descriptor& client, const sockaddr_in& peer, bool bIdentify,
+                                            VornServerSocket* pServer) {
+    const VornString sRemoteName = bIdentify ? identify(peer) : VornString();
+    VornSmartPointer<VornConnection> spClient =
+        new VornSocketConnection(client.number(), sRemoteName, pServer, false);
+    client.release();
+    // Other loopback addresses do not count as local.
+    spClient->setLocalAccess(peer.sin_addr.s_addr == htonl(INADDR_LOOPBACK));
+    return spClient;
+}
+
+} // namespace
+
+VornServerSocket::VornServerSocket(int nPort, int nBacklog, const VornString& sBindAddress)
+    : m_nPort(nPort), m_nBacklog(nBacklog), m_sBindAddress(sBindAddress), m_pSocketImpl(nullptr),
+      m_bInitialized(false) {}
+
+VornServerSocket::~VornServerSocket() {
+    VornServerSocket::close();
+}
+
+void VornServerSocket::waitForInit() {
+    constexpr useconds_t cPause = 1000;
+    while (!__atomic_load_n(&m_bInitialized, __ATOMIC_ACQUIRE))
+        System::usleep(cPause);
+}
+
+void VornServerSocket::close() {
+    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
+        return;
+    if (VornLogging::isAdmitted(VornLogging::cDebug)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cDebug)
+                                   << "VornServerSocket::close: closing socket "
+                                   << __atomic_load_n(&m_nPort, __ATOMIC_RELAXED) << endrecord;
+    }
+    ServerGate::Closure closure(this, m_pSocketImpl);
+    if (!closure.isNeeded())
+        return;
+    closure.closeSocket();
+    __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
+}
+
+int VornServerSocket::getPort() {
+    return __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+}
+
+const VornString& VornServerSocket::getBindAddress() {
+    return m_sBindAddress;
+}
+
+void VornServerSocket::setPort(int nPort) {
+    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
+        __atomic_store_n(&m_nPort, nPort, __ATOMIC_RELAXED);
+}
+
+VornSmartPointer<VornConnection>
+VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessage, int& nErrorCode) {
+    try {
+        init();
+    } catch (const VornException& e) {
+        sExceptionMessage = e.getText();
+        nErrorCode = e.getCode();
+        return {};
+    }
+    while (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr) {
+        logReady(__atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        ServerGate::Visit visit(this, m_pSocketImpl);
+        if (visit.descriptor() == -1)
+            return {};
+        Descriptor client(System::accept(visit.descriptor(), reinterpret_cast<sockaddr*>(&peer), &length));
+        const int nError = client.isOpen() ? 0 : errno;
+        // Asked while the descriptor is still ours: a socket that somebody has shut down would fail for ever.
+        const bool bGoesOn = client.isOpen() || isQuiet(nError) || isListening(visit.descriptor());
+        if (visit.leave())
+            return {};
+        if (client.isOpen())
+            return makeClient(client, peer, bIdentify, this);
+        if (isQuiet(nError) || !bGoesOn)
+            return {};
+        logAcceptFailure(nError);
+    }
+    return {};
+}
+
+void VornServerSocket::init() {
+    ServerGate::awaitClosure(this);
+    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
+        return;
+    Descriptor socket(System::socket(AF_INET, SOCK_STREAM, 0));
+    if (!socket.isOpen())
+        throw VornException(cCreateFailed, errno);
+
+    const VornString& sBindAddress = getBindAddress();
+    const bool bAnyAddress = sBindAddress == "*";
+    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    sockaddr_in address =
+        makeSocketAddress(in_addr{bAnyAddress ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
+    // Linux lets a server bind 255.255.255.255, which is also what inet_addr() makes of a text that is no
+    // address.
+    if (address.sin_addr.s_addr == INADDR_NONE)
+        throw VornException(cBindFailed, EADDRNOTAVAIL);
+    // Kept: no SO_REUSEADDR, so a port in TIME_WAIT is refused.
+    if (System::bind(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+        throw VornException(cBindFailed, errno);
+    socklen_t length = sizeof address;
+    if (System::getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &length) == -1)
+        throw VornException(cNameFailed, errno);
+    if (System::listen(socket.number(), m_nBacklog) == -1)
+        throw VornException(cListenFailed, errno);
+    logListening(address.sin_addr, nPort);
+
+    void* cell = new int(socket.number());
+    socket.release();
+    __atomic_store_n(&m_pSocketImpl, cell, __ATOMIC_RELEASE);
+    __atomic_store_n(&m_bInitialized, true, __ATOMIC_RELEASE);
+}
+
+} // namespace VornNet

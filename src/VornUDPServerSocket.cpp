@@ -1,0 +1,209 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornUDPServerSocket.h"
+
+#include "Descriptor.h"
+#include "HostEntry.h"
+#include "HostText.h"
+#include "ServerGate.h"
+#include "VornBufferConnection.h"
+#include "VornUDPSocketConnection.h"
+
+#include <SystemCalls.h>
+#include <VornException.h>
+#include <VornLogging.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include <arpa/inet.h>
+
+namespace VornNet {
+
+namespace {
+
+constexpr const char* cCreateFailed = "VornUDPServerSocket::init: failed to create socket.";
+constexpr const char* cBindFailed = "VornUDPServerSocket::init: failed to bind socket.";
+constexpr const char* cNameFailed = "VornUDPServerSocket::init: failed to get socket name.";
+constexpr const char* cNoBuffer =
+    "VornUDPServerSocket::waitForClientImpl: failed to allocate receive buffer.";
+
+/** What recvfrom() reports when the server's end is the reason: the wait ends. */
+bool isEnding(int nError) {
+    switch (nError) {
+    case EINTR: // kept: an interrupted wait is not taken up again
+    case EBADF:
+    case ENONET:
+    case ENOTSOCK:
+    case ECONNRESET:
+    case EHOSTDOWN:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void logDebug(const char* before, long nValue, const char* after) {
+    if (VornLogging::isAdmitted(VornLogging::cDebug)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << before << nValue << after
+                                   << endrecord;
+    }
+}
+
+void logNoMessage() {
+    if (VornLogging::isAdmitted(VornLogging::cDebug)) {
+        VornLogging::getInstance()
+            << setloglevel(VornLogging::cDebug)
+            << "VornUDPServerSocket::receive: UDP server: exiting gracefully got no message" << endrecord;
+    }
+}
+
+void logReceiveFailure(int nError) {
+    if (VornLogging::isAdmitted(VornLogging::cError)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cError)
+                                   << "VornUDPServerSocket::receive: UDP server: failed to recvfrom (error:"
+                                   << nError << ")" << endrecord;
+    }
+}
+
+/** @return the official name of the sender's host, empty when it has none. */
+VornString identify(const sockaddr_in& sender) {
+    const HostEntry host = HostEntry::byAddress(&sender.sin_addr, sizeof sender.sin_addr);
+    if (!host.isFound())
+        return {};
+    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
+        // Kept: the port is shown as it stands in the address, in network byte order.
+        std::array<char, 16> port;
+        std::snprintf(port.data(), port.size(), "%d", sender.sin_port);
+        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
+                                   << "VornUDPServerSocket::receive: Server connected to " << host.name()
+                                   << ":" << port.data() << endrecord;
+    }
+    return host.name();
+}
+
+VornSmartPointer<VornConnection> makeClient(void* buffer, ssize_t count, const sockaddr_in& sender,
+                                            bool bIdentify) {
+    const VornString sRemoteName = bIdentify ? identify(sender) : VornString();
+    VornSmartPointer<VornConnection> spClient =
+        new VornBufferConnection(buffer, static_cast<int>(count), sRemoteName);
+    // Kept: compared without conversion, so on this machine's byte order it is 1.0.0.127 that counts as
+    // local.
+    spClient->setLocalAccess(sender.sin_addr.s_addr == INADDR_LOOPBACK);
+    return spClient;
+}
+
+/** Tells the server's own port on the loopback interface that the server is closed. */
+void sendWakeUp(int nPort) {
+    // Port 0 cannot be sent to, and a transmission that fails leaves its descriptor open.
+    if ((nPort & 0xFFFF) == 0)
+        return;
+    try {
+        VornUDPSocketConnection wakeServer("127.0.0.1", nPort, false);
+        wakeServer.transfer(static_cast<short>(1));
+        wakeServer.transmit();
+    } catch (const VornException&) {
+        // Nobody depends on it: a waiting thread has left already.
+    }
+}
+
+} // namespace
+
+VornUDPServerSocket::VornUDPServerSocket(int nPort, const VornString& sBindAddress, unsigned int nBufferSize)
+    : VornServerSocket(nPort, 0, sBindAddress), m_nBufferSize(nBufferSize) {}
+
+VornUDPServerSocket::~VornUDPServerSocket() {
+    VornUDPServerSocket::close();
+}
+
+void VornUDPServerSocket::close() {
+    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
+        return;
+    ServerGate::Closure closure(this, m_pSocketImpl);
+    if (!closure.isNeeded())
+        return;
+    closure.closeSocket();
+    __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
+    // Within the closure, while no new socket can be bound: one would take the datagram for a client.
+    sendWakeUp(__atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
+}
+
+VornSmartPointer<VornConnection>
+VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessage, int& nErrorCode) {
+    try {
+        init();
+    } catch (const VornException& e) {
+        sExceptionMessage = e.getText();
+        nErrorCode = e.getCode();
+        return {};
+    }
+    // malloc() takes the 16 MiB of a sink without touching them; only what arrives costs memory.
+    const std::unique_ptr<void, decltype(&std::free)> buffer(std::malloc(m_nBufferSize), &std::free);
+    if (buffer == nullptr && m_nBufferSize != 0) {
+        sExceptionMessage = cNoBuffer;
+        nErrorCode = ENOMEM;
+        return {};
+    }
+    for (;;) {
+        logDebug("VornUDPServerSocket::receive: UDP Server on ", __atomic_load_n(&m_nPort, __ATOMIC_RELAXED),
+                 " ready, accepting messages...");
+        sockaddr_in sender{};
+        socklen_t length = sizeof sender;
+        ServerGate::Visit visit(this, m_pSocketImpl);
+        if (visit.descriptor() == -1)
+            return {};
+        const ssize_t count = System::recvfrom(visit.descriptor(), buffer.get(), m_nBufferSize, 0,
+                                               reinterpret_cast<sockaddr*>(&sender), &length);
+        const int nError = count == -1 ? errno : 0;
+        // Looked at first: to a socket that is being closed, recvfrom() reports an empty datagram.
+        if (visit.leave())
+            return {};
+        if (count > 0)
+            return makeClient(buffer.get(), count, sender, bIdentify);
+        if (count == 0) {
+            logNoMessage();
+            return {};
+        }
+        if (isEnding(nError)) {
+            logDebug("VornUDPServerSocket::waitForClientImpl: socket error=", nError, ", exiting");
+            nErrorCode = nError;
+            return {};
+        }
+        logReceiveFailure(nError);
+    }
+}
+
+void VornUDPServerSocket::init() {
+    ServerGate::awaitClosure(this);
+    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
+        return;
+    Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));
+    if (!socket.isOpen())
+        throw VornException(cCreateFailed, errno);
+
+    const VornString& sBindAddress = getBindAddress();
+    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    // Kept: a text that is no address binds 255.255.255.255, which Linux allows.
+    sockaddr_in address = makeSocketAddress(
+        in_addr{sBindAddress == "*" ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
+    if (System::bind(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+        throw VornException(cBindFailed, errno);
+    socklen_t length = sizeof address;
+    if (System::getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &length) == -1)
+        throw VornException(cNameFailed, errno);
+    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
+                                   << "VornUDPServerSocket::init: Using IP Address "
+                                   << dottedText(address.sin_addr) << " Port: " << nPort << endrecord;
+    }
+
+    void* cell = new int(socket.number());
+    socket.release();
+    __atomic_store_n(&m_pSocketImpl, cell, __ATOMIC_RELEASE);
+    __atomic_store_n(&m_bInitialized, true, __ATOMIC_RELEASE);
+}
+
+} // namespace VornNet

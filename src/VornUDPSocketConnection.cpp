@@ -1,0 +1,90 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornUDPSocketConnection.h"
+
+#include "Descriptor.h"
+#include "HostEntry.h"
+#include "HostText.h"
+
+#include <SystemCalls.h>
+#include <VornLogging.h>
+
+#include <cerrno>
+#include <cstdint>
+
+namespace VornNet {
+
+namespace {
+
+void logFailure(const char* what, int nError) {
+    if (VornLogging::isAdmitted(VornLogging::cError)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cError) << what << " (rc=" << nError << ")"
+                                   << endrecord;
+    }
+}
+
+void logSendFailure(int nError, const VornString& sRemoteName) {
+    if (VornLogging::isAdmitted(VornLogging::cError)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cError)
+                                   << "VornUDPSocketConnection::transmit: failed to send data (rc:" << nError
+                                   << ") to " << sRemoteName << endrecord;
+    }
+}
+
+void askForName(in_addr address) {
+    if (VornLogging::isAdmitted(VornLogging::cTraceCoreHigh)) {
+        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreHigh)
+                                   << "VornUDPSocketConnection::transmit: using "
+                                   << "gethostbyaddr." << endrecord;
+    }
+    // Kept for what it does inside the resolver (its caches); length 8 as on the TCP transport.
+    const std::uint64_t lookedUp = address.s_addr;
+    HostEntry::byAddress(&lookedUp, sizeof lookedUp);
+}
+
+in_addr findTarget(const VornString& sRemoteName, bool bIdentify) {
+    const HostText text(sRemoteName);
+    if (text.isName()) {
+        const HostEntry host = HostEntry::byName(text.text());
+        // Kept: a name that nobody knows is sent to as 0.0.0.0, which Linux takes for the local host.
+        return host.isFound() ? host.firstAddress() : in_addr{INADDR_ANY};
+    }
+    const in_addr address = text.address();
+    if (bIdentify)
+        askForName(address);
+    return address;
+}
+
+} // namespace
+
+VornUDPSocketConnection::VornUDPSocketConnection(const VornString& sRemoteName, int nPort, bool bIdentify)
+    : m_nPort(nPort), m_bIdentify(bIdentify) {
+    m_sRemoteName = sRemoteName;
+}
+
+VornUDPSocketConnection::~VornUDPSocketConnection() = default;
+
+bool VornUDPSocketConnection::transmit() {
+    Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));
+    if (!socket.isOpen()) {
+        logFailure("VornUDPSocketConnection::transmit: failed to create socket.", errno);
+        return false;
+    }
+    const int bBroadcast = 1;
+    if (System::setsockopt(socket.number(), SOL_SOCKET, SO_BROADCAST, &bBroadcast, sizeof bBroadcast) == -1) {
+        logFailure("VornUDPSocketConnection::transmit: failed to set UDP options.", errno);
+        socket.release(); // kept: a failed transmission leaves its descriptor open
+        return false;
+    }
+    const sockaddr_in target = makeSocketAddress(findTarget(m_sRemoteName, m_bIdentify), m_nPort);
+    // With nothing written the size is -1, a length that sendto() refuses.
+    if (System::sendto(socket.number(), buf(), static_cast<size_t>(size()), 0,
+                       reinterpret_cast<const sockaddr*>(&target), sizeof target) == -1) {
+        logSendFailure(errno, m_sRemoteName);
+        socket.release(); // kept, as above
+        return false;
+    }
+    return true;
+}
+
+} // namespace VornNet

@@ -1,0 +1,43 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef MODULEDATA_H
+#define MODULEDATA_H
+
+#include "VornSupportExport.h"
+
+namespace VornSupport {
+
+/**
+ * Base of a library's module object, which starts the library when it is loaded and ends it when it is
+ * unloaded.
+ *
+ * A library derives from it, overrides attach() and detach(), and keeps one static instance. Calling the
+ * hooks is the derived class's own: it does so from its constructor and destructor, where they are its own
+ * already and still.
+ *
+ * Thread-safety: constructed and destroyed by the loader, alone. Blocking: none here. Ownership: static.
+ * Signals: none. Errors: none.
+ */
+class VORNSUPT_API ModuleData {
+public:
+    /** @param bAutoInit whether the module attaches and detaches by itself */
+    explicit ModuleData(bool bAutoInit);
+    virtual ~ModuleData();
+
+    ModuleData(const ModuleData&) = delete;
+    ModuleData& operator=(const ModuleData&) = delete;
+
+    /** Starts the library; here it does nothing. */
+    virtual void attach();
+
+    /** Ends the library; here it does nothing. */
+    virtual void detach();
+
+protected:
+    bool m_bAutoInit;
+    int m_nAttachCount; // how often the module has been attached without having been detached
+};
+
+} // namespace VornSupport
+
+#endif

@@ -1,0 +1,180 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNSUPPORT_SYSTEMCALLS_H
+#define VORNSUPPORT_SYSTEMCALLS_H
+
+/** @file
+ *  Every call of both libraries into the operating system, one line each and nothing but the call.
+ *
+ *  It is the one place to look at for what the libraries ask of the kernel, and the one place that a fault
+ *  injector has to know. Not installed. The functions are not noexcept: most are thread cancellation points,
+ *  and cancellation unwinds through them.
+ */
+
+#include <csignal>
+#include <ctime>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace VornSupport::System {
+
+// Sockets.
+
+inline int socket(int domain, int type, int protocol) {
+    return ::socket(domain, type, protocol);
+}
+
+inline int bind(int fd, const sockaddr* address, socklen_t length) {
+    return ::bind(fd, address, length);
+}
+
+inline int listen(int fd, int backlog) {
+    return ::listen(fd, backlog);
+}
+
+inline int accept(int fd, sockaddr* address, socklen_t* length) {
+    return ::accept(fd, address, length);
+}
+
+inline int connect(int fd, const sockaddr* address, socklen_t length) {
+    return ::connect(fd, address, length);
+}
+
+inline ssize_t send(int fd, const void* data, size_t size, int flags) {
+    return ::send(fd, data, size, flags);
+}
+
+inline ssize_t recv(int fd, void* data, size_t size, int flags) {
+    return ::recv(fd, data, size, flags);
+}
+
+inline ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                      socklen_t length) {
+    return ::sendto(fd, data, size, flags, address, length);
+}
+
+inline ssize_t recvfrom(int fd, void* data, size_t size, int flags, sockaddr* address, socklen_t* length) {
+    return ::recvfrom(fd, data, size, flags, address, length);
+}
+
+inline int setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
+    return ::setsockopt(fd, level, option, value, length);
+}
+
+inline int getsockopt(int fd, int level, int option, void* value, socklen_t* length) {
+    return ::getsockopt(fd, level, option, value, length);
+}
+
+inline int getsockname(int fd, sockaddr* address, socklen_t* length) {
+    return ::getsockname(fd, address, length);
+}
+
+inline int shutdown(int fd, int how) {
+    return ::shutdown(fd, how);
+}
+
+// Descriptors and files.
+
+inline int close(int fd) {
+    return ::close(fd);
+}
+
+inline int pipe(int ends[2]) {
+    return ::pipe(ends);
+}
+
+inline ssize_t read(int fd, void* data, size_t size) {
+    return ::read(fd, data, size);
+}
+
+inline ssize_t write(int fd, const void* data, size_t size) {
+    return ::write(fd, data, size);
+}
+
+inline int fcntl(int fd, int command, int argument) {
+    return ::fcntl(fd, command, argument);
+}
+
+inline int eventfd(unsigned int count, int flags) {
+    return ::eventfd(count, flags);
+}
+
+inline int select(int limit, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
+    return ::select(limit, readable, writable, exceptional, timeout);
+}
+
+inline int poll(pollfd* entries, nfds_t count, int milliseconds) {
+    return ::poll(entries, count, milliseconds);
+}
+
+inline int unlink(const char* path) {
+    return ::unlink(path);
+}
+
+inline int chmod(const char* path, mode_t mode) {
+    return ::chmod(path, mode);
+}
+
+inline int fchmod(int fd, mode_t mode) {
+    return ::fchmod(fd, mode);
+}
+
+inline int chown(const char* path, uid_t user, gid_t group) {
+    return ::chown(path, user, group);
+}
+
+// Resolver and account data base; the re-entrant forms.
+
+inline int gethostbyname(const char* name, hostent* entry, char* buffer, size_t size, hostent** result,
+                         int* error) {
+    return ::gethostbyname_r(name, entry, buffer, size, result, error);
+}
+
+inline int gethostbyaddr(const void* address, socklen_t length, int family, hostent* entry, char* buffer,
+                         size_t size, hostent** result, int* error) {
+    return ::gethostbyaddr_r(address, length, family, entry, buffer, size, result, error);
+}
+
+inline int getgrnam(const char* name, group* entry, char* buffer, size_t size, group** result) {
+    return ::getgrnam_r(name, entry, buffer, size, result);
+}
+
+// Process, threads and time.
+
+inline uid_t getuid() {
+    return ::getuid();
+}
+
+inline pid_t getpid() {
+    return ::getpid();
+}
+
+inline pid_t gettid() {
+    return ::gettid();
+}
+
+inline int usleep(useconds_t microseconds) {
+    return ::usleep(microseconds);
+}
+
+inline int clockGettime(clockid_t clock, timespec* now) {
+    return ::clock_gettime(clock, now);
+}
+
+inline int clockNanosleep(clockid_t clock, int flags, const timespec* time, timespec* remaining) {
+    return ::clock_nanosleep(clock, flags, time, remaining);
+}
+
+} // namespace VornSupport::System
+
+#endif

@@ -1,0 +1,65 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNCRITICALSECTION_H
+#define VORNCRITICALSECTION_H
+
+#include "VornSupportExport.h"
+
+namespace VornSupport {
+
+/**
+ * A mutex that the thread which holds it may take again.
+ *
+ * It is created unlocked, taken through a VornCriticalSection for a block, and destroyed when nobody holds
+ * it.
+ *
+ * Thread-safety: that is its purpose; only the destructor must run alone.
+ * Blocking: taking it blocks until the holder lets go, see pthread_mutex_lock(3).
+ * Ownership: it belongs to the object it guards. Signals: none raised.
+ * Errors: the constructor throws std::bad_alloc; std::system_error when it is taken too many times over.
+ */
+class VORNSUPT_API VornCriticalSectionObject {
+public:
+    /** Makes an unlocked mutex. */
+    VornCriticalSectionObject();
+    ~VornCriticalSectionObject();
+
+    VornCriticalSectionObject(const VornCriticalSectionObject&) = delete;
+    VornCriticalSectionObject& operator=(const VornCriticalSectionObject&) = delete;
+
+private:
+    friend class VornCriticalSection;
+
+    VORNSUPT_LOCAL void acquire();
+    VORNSUPT_LOCAL void releaseHold();
+
+    void* m_pCriticalSection;
+    bool m_bFast;
+};
+
+/**
+ * Holds a VornCriticalSectionObject for the enclosing block.
+ *
+ * Thread-safety: a holder belongs to the thread that made it. Blocking: the constructor, until the mutex is
+ * free. Ownership: refers to the mutex, which must live longer. Signals: none raised. Errors: as the mutex.
+ */
+class VORNSUPT_API VornCriticalSection {
+public:
+    /** @param object the mutex. @param bLock true to take it now; with false this holder does nothing at all.
+     */
+    VornCriticalSection(VornCriticalSectionObject& object, bool bLock);
+
+    /** Lets go of the mutex when it was taken. */
+    ~VornCriticalSection();
+
+    VornCriticalSection(const VornCriticalSection&) = delete;
+    VornCriticalSection& operator=(const VornCriticalSection&) = delete;
+
+private:
+    VornCriticalSectionObject& m_CriticalSection;
+    bool m_bIsLocked;
+};
+
+} // namespace VornSupport
+
+#endif

@@ -1,0 +1,202 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornLogging.h"
+
+#include "SystemCalls.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include <cxxabi.h>
+
+namespace VornSupport {
+
+namespace {
+
+constexpr int cNothing = INT_MIN;
+
+/** A record that its thread has opened and not yet completed. */
+struct Record {
+    Record* outer; // the record that was open when this one was opened
+    int level;
+    VornString text;
+};
+
+// A plain pointer, so that there is nothing to destroy: records are written after a thread's own destructors
+// and after main's thread-local objects are gone.
+thread_local Record* t_record = nullptr;
+
+/** Holds an object for the life of the process: threads and static objects may log while it ends. */
+template <typename T>
+union Immortal {
+    Immortal() : object() {}
+
+    ~Immortal() {}
+
+    T object;
+};
+
+struct HandlerSlot {
+    // Recursive: a handler may log, and may replace itself.
+    std::recursive_mutex lock;
+    std::shared_ptr<const VornLogging::RecordHandler> handler;
+};
+
+HandlerSlot& handlerSlot() {
+    static Immortal<HandlerSlot> slot;
+    return slot.object;
+}
+
+// Serialises the two setters, so that the admitted level always belongs to the last state of both.
+std::mutex& levelLock() {
+    static Immortal<std::mutex> lock;
+    return lock.object;
+}
+
+Record* openRecord(int level) noexcept {
+    auto* record = new (std::nothrow) Record{t_record, level, {}};
+    if (record != nullptr)
+        t_record = record;
+    return record;
+}
+
+/** Logging must not change what the caller is about to do: neither by an exception nor through errno. */
+template <typename Append>
+void append(Append&& appendTo) noexcept {
+    const int savedErrno = errno;
+    Record* record = t_record != nullptr ? t_record : openRecord(VornLogging::cUserOutput);
+    try {
+        if (record != nullptr)
+            appendTo(record->text);
+    } catch (const std::bad_alloc&) {
+        // The record goes on without this piece.
+    }
+    errno = savedErrno;
+}
+
+void appendPrefix(VornString& line, int level) {
+    timespec now{};
+    System::clockGettime(CLOCK_REALTIME, &now);
+    tm utc{};
+    ::gmtime_r(&now.tv_sec, &utc);
+    std::array<char, 96> prefix{};
+    const int length =
+        std::snprintf(prefix.data(), prefix.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ %d [%d:%d] ",
+                      utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                      now.tv_nsec / 1000, level, System::getpid(), System::gettid());
+    line.append(prefix.data(), static_cast<std::size_t>(length));
+}
+
+void writeLine(const Record& record) {
+    VornString line;
+    line.reserve(record.text.size() + 96);
+    appendPrefix(line, record.level);
+    line += record.text;
+    line += '\n';
+    // One call, so that lines of several processes do not mix. A lost line is no reason to fail.
+    [[maybe_unused]] const ssize_t written = System::write(STDERR_FILENO, line.data(), line.size());
+}
+
+void emitRecord(const Record& record) {
+    HandlerSlot& slot = handlerSlot();
+    std::unique_lock lock(slot.lock);
+    if (slot.handler == nullptr) {
+        lock.unlock();
+        writeLine(record);
+        return;
+    }
+    const auto handler = slot.handler; // stays alive when the handler replaces itself
+    (*handler)(record.level, record.text);
+}
+
+} // namespace
+
+VornLogging VornLogging::s_instance;
+bool VornLogging::s_bAccessAllowed = true;
+int VornLogging::s_nLogLevel = VornLogging::cOff;
+int VornLogging::s_nAdmittedLevel = VornLogging::cOff;
+
+void VornLogging::setAccessAllowed(bool bAllowed) {
+    const std::lock_guard lock(levelLock());
+    __atomic_store_n(&s_bAccessAllowed, bAllowed, __ATOMIC_RELAXED);
+    __atomic_store_n(&s_nAdmittedLevel, bAllowed ? s_nLogLevel : cNothing, __ATOMIC_RELAXED);
+}
+
+void VornLogging::setRecordHandler(RecordHandler handler) {
+    std::shared_ptr<const RecordHandler> replacement;
+    if (handler)
+        replacement = std::make_shared<const RecordHandler>(std::move(handler));
+    HandlerSlot& slot = handlerSlot();
+    const std::lock_guard lock(slot.lock);
+    slot.handler.swap(replacement);
+}
+
+void VornLogging::setLogLevel(int nLevel) {
+    const std::lock_guard lock(levelLock());
+    __atomic_store_n(&s_nLogLevel, nLevel, __ATOMIC_RELAXED);
+    __atomic_store_n(&s_nAdmittedLevel, s_bAccessAllowed ? nLevel : cNothing, __ATOMIC_RELAXED);
+}
+
+VornLogging& VornLogging::operator<<(const setloglevel& level) {
+    const int savedErrno = errno;
+    openRecord(level.level());
+    errno = savedErrno;
+    return *this;
+}
+
+VornLogging& VornLogging::operator<<(const char* text) {
+    append([text](VornString& record) { record += text == nullptr ? "" : text; });
+    return *this;
+}
+
+VornLogging& VornLogging::operator<<(const VornString& sText) {
+    append([&sText](VornString& record) { record += sText; });
+    return *this;
+}
+
+VornLogging& VornLogging::operator<<(char character) {
+    append([character](VornString& record) { record += character; });
+    return *this;
+}
+
+VornLogging& VornLogging::operator<<(short nValue) {
+    return *this << static_cast<long>(nValue);
+}
+
+VornLogging& VornLogging::operator<<(int nValue) {
+    return *this << static_cast<long>(nValue);
+}
+
+VornLogging& VornLogging::operator<<(long nValue) {
+    append([nValue](VornString& record) { record += std::to_string(nValue); });
+    return *this;
+}
+
+void VornLogging::completeRecord() {
+    if (t_record == nullptr)
+        return;
+    const int savedErrno = errno;
+    const std::unique_ptr<Record> record(t_record);
+    t_record = record->outer;
+    try {
+        emitRecord(*record);
+    } catch (const abi::__forced_unwind&) {
+        throw; // the cancellation of this thread
+    } catch (...) {
+        // A log handler's trouble is not the trouble of the code that logs.
+    }
+    errno = savedErrno;
+}
+
+VornLogging& endrecord(VornLogging& logger) {
+    logger.completeRecord();
+    return logger;
+}
+
+} // namespace VornSupport

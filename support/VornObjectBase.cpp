@@ -1,0 +1,52 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "VornObjectBase.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include <cxxabi.h>
+
+namespace VornSupport {
+
+VornObjectBase::VornObjectBase() : m_nRefCount(0) {}
+
+VornObjectBase::VornObjectBase(const VornObjectBase& /*source*/) : m_nRefCount(0) {}
+
+VornObjectBase& VornObjectBase::operator=(const VornObjectBase& /*source*/) {
+    return *this;
+}
+
+VornObjectBase::~VornObjectBase() = default;
+
+void VornObjectBase::addRef() {
+    // Whoever adds a reference holds one already, so nothing has to be ordered by this.
+    __atomic_add_fetch(&m_nRefCount, 1, __ATOMIC_RELAXED);
+}
+
+void VornObjectBase::release() {
+    // The thread that destroys must see everything that the others did with the object before they let go.
+    if (__atomic_sub_fetch(&m_nRefCount, 1, __ATOMIC_ACQ_REL) == 0)
+        delete this;
+}
+
+int VornObjectBase::refCount() const {
+    return __atomic_load_n(&m_nRefCount, __ATOMIC_ACQUIRE);
+}
+
+bool VornObjectBase::isA(const VornString& sClassName) const {
+    return isA(*this, sClassName);
+}
+
+VornString VornObjectBase::getClassName() const {
+    return getClassName(*this);
+}
+
+VornString VornObjectBase::normalizeClassName(const VornString& sName) {
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> readable(
+        abi::__cxa_demangle(sName.c_str(), nullptr, nullptr, &status), &std::free);
+    return readable == nullptr ? sName : VornString(readable.get());
+}
+
+} // namespace VornSupport
