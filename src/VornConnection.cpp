@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornConnection.h"
 
+#include <Cancellation.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 #include <VornLogging.h>
@@ -17,8 +18,6 @@
 #include <memory>
 #include <new>
 #include <vector>
-
-#include <cxxabi.h>
 
 namespace VornNet {
 
@@ -40,9 +39,9 @@ auto guarded(Operation&& operation) -> decltype(operation()) {
         return operation();
     } catch (const VornException&) {
         throw;
-    } catch (const abi::__forced_unwind&) {
-        throw;
     } catch (...) {
+        if (isCancellation())
+            throw;
         std::terminate();
     }
 }

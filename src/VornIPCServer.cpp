@@ -2,11 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornIPCServer.h"
 
+#include <Cancellation.h>
 #include <VornException.h>
 
 #include <exception>
-
-#include <cxxabi.h>
 
 namespace VornNet {
 
@@ -27,9 +26,9 @@ VornSmartPointer<VornConnection> VornIPCServer::waitForClient(bool bIdentify) {
         return spClient;
     } catch (const VornException&) {
         throw;
-    } catch (const abi::__forced_unwind&) {
-        throw;
     } catch (...) {
+        if (isCancellation())
+            throw;
         std::terminate();
     }
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornLogging.h"
 
+#include "Cancellation.h"
 #include "SystemCalls.h"
 
 #include <array>
@@ -12,8 +13,6 @@
 #include <mutex>
 #include <new>
 #include <utility>
-
-#include <cxxabi.h>
 
 namespace VornSupport {
 
@@ -186,10 +185,10 @@ void VornLogging::completeRecord() {
     t_record = record->outer;
     try {
         emitRecord(*record);
-    } catch (const abi::__forced_unwind&) {
-        throw; // the cancellation of this thread
     } catch (...) {
         // A log handler's trouble is not the trouble of the code that logs.
+        if (isCancellation())
+            throw;
     }
     errno = savedErrno;
 }

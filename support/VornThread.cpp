@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornThread.h"
 
+#include "Cancellation.h"
 #include "SystemCalls.h"
 #include "VornException.h"
 #include "VornLogging.h"
@@ -12,8 +13,6 @@
 #include <mutex>
 #include <system_error>
 #include <thread>
-
-#include <cxxabi.h>
 
 namespace VornSupport {
 
@@ -65,9 +64,9 @@ struct VornThread::State {
             logEscaped(name, e.getText(), e.getCode());
         } catch (const std::exception& e) {
             logEscaped(name, e.what(), 0);
-        } catch (const abi::__forced_unwind&) {
-            throw;
         } catch (...) {
+            if (isCancellation())
+                throw;
             logEscaped(name, "exception of unknown type", 0);
         }
     }

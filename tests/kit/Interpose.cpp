@@ -1,0 +1,814 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+// Fortified or large-file headers would rename or inline the very functions which are defined here.
+#undef _FORTIFY_SOURCE
+#undef _FILE_OFFSET_BITS
+
+#include "Interpose.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace VornTest {
+
+namespace Detail {
+
+struct FaultState {
+    std::string function;
+    int errorNumber = 0;
+    int nth = 1;
+    int times = 1;
+    long result = -1;
+    int fd = anyDescriptor;
+    pid_t tid = 0;
+    int calls = 0;
+    int failures = 0;
+};
+
+struct TraceState {
+    pid_t tid = 0;
+    std::vector<CallRecord> records;
+};
+
+struct ScriptState {
+    int fd = anyDescriptor;
+    std::vector<RecvStep> steps;
+    std::size_t next = 0;
+    std::vector<RecvRequest> requests;
+};
+
+struct HookState {
+    std::string function;
+    std::function<void()> action;
+    int times = 1;
+};
+
+struct LimitState {
+    std::size_t maximum = 0;
+    int fd = anyDescriptor;
+};
+
+} // namespace Detail
+
+namespace {
+
+using Detail::FaultState;
+using Detail::HookState;
+using Detail::LimitState;
+using Detail::ScriptState;
+using Detail::TraceState;
+
+template <typename State>
+using States = std::vector<std::shared_ptr<State>>;
+
+struct Injection {
+    long result = -1;
+    int error = 0;
+};
+
+pid_t callingThread() {
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+/*
+ * Looked at before anything else: while no object of this file exists, the functions must neither cost
+ * anything nor synchronise threads with a mutex, which would hide races from a thread sanitizer.
+ */
+std::atomic<int> activeObjects{0};
+
+// Set while this file or a hook works, so that calls made by them are simply forwarded.
+thread_local bool busy = false;
+
+class BusyScope {
+public:
+    BusyScope() { busy = true; }
+
+    ~BusyScope() { busy = false; }
+
+    BusyScope(const BusyScope&) = delete;
+    BusyScope& operator=(const BusyScope&) = delete;
+};
+
+bool isWatched() {
+    return activeObjects.load(std::memory_order_relaxed) != 0 && !busy;
+}
+
+class Registry {
+public:
+    static Registry& instance() {
+        // Never destroyed: descriptors are still closed while the program's static objects are destroyed.
+        static Registry* const registry = new Registry;
+        return *registry;
+    }
+
+    template <typename State>
+    void add(const std::shared_ptr<State>& state) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        list<State>().push_back(state);
+        ++activeObjects;
+    }
+
+    template <typename State>
+    void remove(const std::shared_ptr<State>& state) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        States<State>& states = list<State>();
+        states.erase(std::remove(states.begin(), states.end(), state), states.end());
+        --activeObjects;
+    }
+
+    std::mutex& mutex() { return m_mutex; }
+
+    std::optional<Injection> injectionFor(const CallRecord& call);
+    std::optional<Injection> scripted(const RecvRequest& request, char* buffer);
+    std::size_t limited(int fd, std::size_t length);
+    std::vector<std::function<void()>> hooksFor(const std::string& function);
+    void record(const CallRecord& call);
+
+private:
+    template <typename State>
+    States<State>& list();
+
+    std::mutex m_mutex;
+    States<FaultState> m_faults;
+    States<TraceState> m_traces;
+    States<ScriptState> m_scripts;
+    States<HookState> m_hooks;
+    States<LimitState> m_limits;
+};
+
+template <>
+States<FaultState>& Registry::list<FaultState>() {
+    return m_faults;
+}
+
+template <>
+States<TraceState>& Registry::list<TraceState>() {
+    return m_traces;
+}
+
+template <>
+States<ScriptState>& Registry::list<ScriptState>() {
+    return m_scripts;
+}
+
+template <>
+States<HookState>& Registry::list<HookState>() {
+    return m_hooks;
+}
+
+template <>
+States<LimitState>& Registry::list<LimitState>() {
+    return m_limits;
+}
+
+bool matches(int wanted, int fd) {
+    return wanted == anyDescriptor || wanted == fd;
+}
+
+bool countsFor(FaultState& rule, const CallRecord& call) {
+    return rule.function == call.name && matches(rule.fd, call.argument) &&
+           (rule.tid == 0 || rule.tid == call.tid);
+}
+
+bool countAndDecide(FaultState& rule) {
+    ++rule.calls;
+    const bool due =
+        rule.calls >= rule.nth && (rule.times == FaultRule::always || rule.calls - rule.nth < rule.times);
+    return due;
+}
+
+std::optional<Injection> Registry::injectionFor(const CallRecord& call) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::optional<Injection> result;
+    for (const auto& rule : m_faults) {
+        // Each rule counts each call, also one which another rule lets fail.
+        if (countsFor(*rule, call) && countAndDecide(*rule) && !result) {
+            ++rule->failures;
+            result = Injection{rule->result, rule->errorNumber};
+        }
+    }
+    return result;
+}
+
+Injection takeStep(ScriptState& script, const RecvRequest& request, char* buffer) {
+    RecvStep& step = script.steps[script.next];
+    const std::size_t room = std::min(step.data.size(), request.length);
+    if (room > 0) {
+        std::memcpy(buffer, step.data.data(), room);
+    }
+    const bool whole = room == step.data.size();
+    const Injection result{whole ? step.result : static_cast<long>(room), step.error};
+    if (whole) {
+        ++script.next;
+    } else {
+        step.data.erase(0, room);
+        step.result -= static_cast<ssize_t>(room);
+    }
+    return result;
+}
+
+std::optional<Injection> Registry::scripted(const RecvRequest& request, char* buffer) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::optional<Injection> result;
+    for (const auto& script : m_scripts) {
+        if (!matches(script->fd, request.fd)) {
+            continue;
+        }
+        script->requests.push_back(request);
+        if (!result && script->next < script->steps.size()) {
+            result = takeStep(*script, request, buffer);
+        }
+    }
+    return result;
+}
+
+std::size_t Registry::limited(int fd, std::size_t length) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto& limit : m_limits) {
+        if (matches(limit->fd, fd)) {
+            length = std::min(length, limit->maximum);
+        }
+    }
+    return length;
+}
+
+std::vector<std::function<void()>> Registry::hooksFor(const std::string& function) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::function<void()>> result;
+    for (const auto& hook : m_hooks) {
+        if (hook->function == function && hook->times > 0) {
+            --hook->times;
+            result.push_back(hook->action);
+        }
+    }
+    return result;
+}
+
+void Registry::record(const CallRecord& call) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto& trace : m_traces) {
+        if (trace->tid == 0 || trace->tid == call.tid) {
+            trace->records.push_back(call);
+        }
+    }
+}
+
+void* findReal(const char* name) {
+    // In a program with a statically linked sanitizer the next definition would be the C library's, and the
+    // sanitizer would no longer see the call.
+    const std::string prefix = "__interceptor_";
+    for (const std::string& interceptor : {prefix + name, "_" + prefix + name}) {
+        if (void* function = ::dlsym(RTLD_DEFAULT, interceptor.c_str())) {
+            return function;
+        }
+    }
+    void* function = ::dlsym(RTLD_NEXT, name);
+    if (function == nullptr) {
+        std::fprintf(stderr, "there is no real %s()\n", name);
+        std::abort();
+    }
+    return function;
+}
+
+template <typename Function>
+Function realFunction(const char* name) {
+    const int error = errno;
+    void* const found = findReal(name);
+    errno = error;
+    return reinterpret_cast<Function>(found);
+}
+
+CallRecord describe(const char* name, int argument, long second = 0, long third = 0) {
+    CallRecord call;
+    call.name = name;
+    call.argument = argument;
+    call.second = second;
+    call.third = third;
+    call.tid = callingThread();
+    return call;
+}
+
+CallRecord describePath(const char* name, const char* path, long second = 0, long third = 0) {
+    CallRecord call = describe(name, -1, second, third);
+    call.path = path;
+    return call;
+}
+
+/// What becomes of a call before the real function is tried.
+std::optional<Injection> before(const CallRecord& call) {
+    const int error = errno;
+    const BusyScope scope;
+    for (const auto& hook : Registry::instance().hooksFor(call.name)) {
+        hook();
+    }
+    const std::optional<Injection> result = Registry::instance().injectionFor(call);
+    errno = error;
+    return result;
+}
+
+void after(CallRecord& call, long result) {
+    const int error = errno;
+    const BusyScope scope;
+    call.result = result;
+    call.error = result < 0 ? error : 0;
+    Registry::instance().record(call);
+    errno = error;
+}
+
+long apply(const Injection& injection) {
+    if (injection.error != 0) {
+        errno = injection.error;
+    }
+    return injection.result;
+}
+
+template <typename Result, typename Real>
+Result watched(CallRecord call, const Real& real) {
+    const std::optional<Injection> injection = before(call);
+    if (!injection) {
+        const Result result = real();
+        after(call, static_cast<long>(result));
+        return result;
+    }
+    const long result = apply(*injection);
+    after(call, result);
+    return static_cast<Result>(result);
+}
+
+std::optional<Injection> scriptedReceive(const RecvRequest& request, void* buffer) {
+    const BusyScope scope;
+    return Registry::instance().scripted(request, static_cast<char*>(buffer));
+}
+
+std::size_t limitedLength(int fd, std::size_t length) {
+    const BusyScope scope;
+    return Registry::instance().limited(fd, length);
+}
+
+template <typename Function>
+auto locked(const Function& function) {
+    const std::lock_guard<std::mutex> lock(Registry::instance().mutex());
+    return function();
+}
+
+/// Hands the error number of an injected failure to the caller of a resolver function, which reads no errno.
+class ResolverError {
+public:
+    explicit ResolverError(int* error) : m_error(error) {}
+
+    ~ResolverError() {
+        if (!m_real) {
+            *m_error = errno;
+        }
+    }
+
+    ResolverError(const ResolverError&) = delete;
+    ResolverError& operator=(const ResolverError&) = delete;
+
+    int keep(int result) {
+        m_real = true;
+        return result;
+    }
+
+private:
+    int* m_error;
+    bool m_real = false;
+};
+
+} // namespace
+
+void useInterposition() {
+    // Referring to this function is what makes the linker take this file, and thereby the functions, in.
+}
+
+FaultRule::FaultRule(const std::string& function, int errorNumber, int nth, int times)
+    : m_state(std::make_shared<FaultState>()) {
+    m_state->function = function;
+    m_state->errorNumber = errorNumber;
+    m_state->nth = nth;
+    m_state->times = times;
+    Registry::instance().add(m_state);
+}
+
+FaultRule::~FaultRule() {
+    Registry::instance().remove(m_state);
+}
+
+FaultRule& FaultRule::onlyDescriptor(int fd) {
+    locked([&] { return m_state->fd = fd; });
+    return *this;
+}
+
+FaultRule& FaultRule::onlyThread(pid_t tid) {
+    locked([&] { return m_state->tid = tid; });
+    return *this;
+}
+
+FaultRule& FaultRule::returning(long result) {
+    locked([&] { return m_state->result = result; });
+    return *this;
+}
+
+int FaultRule::calls() const {
+    return locked([&] { return m_state->calls; });
+}
+
+int FaultRule::failures() const {
+    return locked([&] { return m_state->failures; });
+}
+
+CallTrace::CallTrace(Scope scope) : m_state(std::make_shared<TraceState>()) {
+    m_state->tid = scope == Scope::CallingThread ? callingThread() : 0;
+    Registry::instance().add(m_state);
+}
+
+CallTrace::~CallTrace() {
+    Registry::instance().remove(m_state);
+}
+
+std::vector<CallRecord> CallTrace::records() const {
+    return locked([&] { return m_state->records; });
+}
+
+std::vector<CallRecord> CallTrace::records(const std::string& function) const {
+    std::vector<CallRecord> result;
+    for (const CallRecord& record : records()) {
+        if (record.name == function) {
+            result.push_back(record);
+        }
+    }
+    return result;
+}
+
+int CallTrace::calls(const std::string& function) const {
+    return static_cast<int>(records(function).size());
+}
+
+std::vector<std::string> CallTrace::names() const {
+    std::vector<std::string> result;
+    for (const CallRecord& record : records()) {
+        result.push_back(record.name);
+    }
+    return result;
+}
+
+void CallTrace::clear() {
+    locked([&] {
+        m_state->records.clear();
+        return 0;
+    });
+}
+
+RecvStep RecvStep::bytes(const std::string& data) {
+    return {static_cast<ssize_t>(data.size()), 0, data};
+}
+
+RecvStep RecvStep::failure(int error) {
+    return {-1, error, {}};
+}
+
+RecvStep RecvStep::end() {
+    return {0, 0, {}};
+}
+
+RecvScript::RecvScript(std::vector<RecvStep> steps, int fd) : m_state(std::make_shared<ScriptState>()) {
+    m_state->steps = std::move(steps);
+    m_state->fd = fd;
+    Registry::instance().add(m_state);
+}
+
+RecvScript::~RecvScript() {
+    Registry::instance().remove(m_state);
+}
+
+std::vector<RecvRequest> RecvScript::requests() const {
+    return locked([&] { return m_state->requests; });
+}
+
+bool RecvScript::exhausted() const {
+    return locked([&] { return m_state->next == m_state->steps.size(); });
+}
+
+TransferLimit::TransferLimit(std::size_t maximum, int fd) : m_state(std::make_shared<LimitState>()) {
+    m_state->maximum = maximum;
+    m_state->fd = fd;
+    Registry::instance().add(m_state);
+}
+
+TransferLimit::~TransferLimit() {
+    Registry::instance().remove(m_state);
+}
+
+CallHook::CallHook(const std::string& function, std::function<void()> action, int times)
+    : m_state(std::make_shared<HookState>()) {
+    m_state->function = function;
+    m_state->action = std::move(action);
+    m_state->times = times;
+    Registry::instance().add(m_state);
+}
+
+CallHook::~CallHook() {
+    Registry::instance().remove(m_state);
+}
+
+} // namespace VornTest
+
+/*
+ * The functions which pre-empt the C library's. VORNTEST_REAL finds the real one once for each function;
+ * VORNTEST_WATCH forwards to it under the rules of the file, given a description of the call.
+ */
+#define VORNTEST_EXPORT __attribute__((visibility("default")))
+#define VORNTEST_REAL(name) static const auto real = VornTest::realFunction<decltype(&::name)>(#name)
+#define VORNTEST_WATCH(Result, description, realCall)                                                        \
+    return VornTest::isWatched() ? VornTest::watched<Result>(description, [&] { return realCall; }) : realCall
+
+extern "C" {
+
+VORNTEST_EXPORT int socket(int domain, int type, int protocol) noexcept {
+    VORNTEST_REAL(socket);
+    VORNTEST_WATCH(int, VornTest::describe("socket", domain, type, protocol), real(domain, type, protocol));
+}
+
+VORNTEST_EXPORT int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+    VORNTEST_REAL(bind);
+    VORNTEST_WATCH(int, VornTest::describe("bind", fd), real(fd, address, length));
+}
+
+VORNTEST_EXPORT int listen(int fd, int backlog) noexcept {
+    VORNTEST_REAL(listen);
+    VORNTEST_WATCH(int, VornTest::describe("listen", fd, backlog), real(fd, backlog));
+}
+
+VORNTEST_EXPORT int accept(int fd, sockaddr* address, socklen_t* length) {
+    VORNTEST_REAL(accept);
+    VORNTEST_WATCH(int, VornTest::describe("accept", fd), real(fd, address, length));
+}
+
+VORNTEST_EXPORT int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    VORNTEST_REAL(accept4);
+    VORNTEST_WATCH(int, VornTest::describe("accept4", fd, flags), real(fd, address, length, flags));
+}
+
+VORNTEST_EXPORT int connect(int fd, const sockaddr* address, socklen_t length) {
+    VORNTEST_REAL(connect);
+    VORNTEST_WATCH(int, VornTest::describe("connect", fd), real(fd, address, length));
+}
+
+VORNTEST_EXPORT ssize_t send(int fd, const void* data, size_t length, int flags) {
+    VORNTEST_REAL(send);
+    VORNTEST_WATCH(
+        ssize_t, VornTest::describe("send", fd, static_cast<long>(length), flags),
+        real(fd, data, VornTest::isWatched() ? VornTest::limitedLength(fd, length) : length, flags));
+}
+
+static ssize_t receiveForReal(int fd, void* buffer, size_t length, int flags) {
+    VORNTEST_REAL(recv);
+    if (!VornTest::isWatched()) {
+        return real(fd, buffer, length, flags);
+    }
+    if (const auto step = VornTest::scriptedReceive({fd, buffer, length, flags}, buffer)) {
+        return static_cast<ssize_t>(VornTest::apply(*step));
+    }
+    return real(fd, buffer, VornTest::limitedLength(fd, length), flags);
+}
+
+VORNTEST_EXPORT ssize_t recv(int fd, void* buffer, size_t length, int flags) {
+    VORNTEST_WATCH(ssize_t, VornTest::describe("recv", fd, static_cast<long>(length), flags),
+                   receiveForReal(fd, buffer, length, flags));
+}
+
+VORNTEST_EXPORT ssize_t sendto(int fd, const void* data, size_t length, int flags, const sockaddr* address,
+                               socklen_t addressLength) {
+    VORNTEST_REAL(sendto);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("sendto", fd, static_cast<long>(length), flags),
+                   real(fd, data, length, flags, address, addressLength));
+}
+
+VORNTEST_EXPORT ssize_t recvfrom(int fd, void* buffer, size_t length, int flags, sockaddr* address,
+                                 socklen_t* addressLength) {
+    VORNTEST_REAL(recvfrom);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("recvfrom", fd, static_cast<long>(length), flags),
+                   real(fd, buffer, length, flags, address, addressLength));
+}
+
+VORNTEST_EXPORT int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
+    VORNTEST_REAL(setsockopt);
+    VORNTEST_WATCH(int, VornTest::describe("setsockopt", fd, level, name),
+                   real(fd, level, name, value, length));
+}
+
+VORNTEST_EXPORT int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
+    VORNTEST_REAL(getsockopt);
+    VORNTEST_WATCH(int, VornTest::describe("getsockopt", fd, level, name),
+                   real(fd, level, name, value, length));
+}
+
+VORNTEST_EXPORT int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+    VORNTEST_REAL(getsockname);
+    VORNTEST_WATCH(int, VornTest::describe("getsockname", fd), real(fd, address, length));
+}
+
+VORNTEST_EXPORT int shutdown(int fd, int how) noexcept {
+    VORNTEST_REAL(shutdown);
+    VORNTEST_WATCH(int, VornTest::describe("shutdown", fd, how), real(fd, how));
+}
+
+VORNTEST_EXPORT int close(int fd) {
+    VORNTEST_REAL(close);
+    if (!VornTest::isWatched()) {
+        return real(fd);
+    }
+    VornTest::CallRecord call = VornTest::describe("close", fd);
+    const auto injection = VornTest::before(call);
+    int result = real(fd);
+    if (injection) {
+        result = static_cast<int>(VornTest::apply(*injection));
+    }
+    VornTest::after(call, result);
+    return result;
+}
+
+VORNTEST_EXPORT int pipe(int ends[2]) noexcept {
+    VORNTEST_REAL(pipe);
+    VORNTEST_WATCH(int, VornTest::describe("pipe", -1), real(ends));
+}
+
+VORNTEST_EXPORT int pipe2(int ends[2], int flags) noexcept {
+    VORNTEST_REAL(pipe2);
+    VORNTEST_WATCH(int, VornTest::describe("pipe2", -1, flags), real(ends, flags));
+}
+
+VORNTEST_EXPORT int eventfd(unsigned count, int flags) noexcept {
+    VORNTEST_REAL(eventfd);
+    VORNTEST_WATCH(int, VornTest::describe("eventfd", -1, count, flags), real(count, flags));
+}
+
+VORNTEST_EXPORT int usleep(useconds_t microseconds) {
+    VORNTEST_REAL(usleep);
+    VORNTEST_WATCH(int, VornTest::describe("usleep", -1, microseconds), real(microseconds));
+}
+
+VORNTEST_EXPORT int getgrnam_r(const char* name, group* entry, char* buffer, size_t size, group** result) {
+    VORNTEST_REAL(getgrnam_r);
+    // Nothing but a call of the real function sets the result, and its reader looks there first.
+    *result = nullptr;
+    VORNTEST_WATCH(int, VornTest::describePath("getgrnam_r", name), real(name, entry, buffer, size, result));
+}
+
+VORNTEST_EXPORT int gethostbyname_r(const char* name, hostent* entry, char* buffer, size_t size,
+                                    hostent** result, int* error) {
+    VORNTEST_REAL(gethostbyname_r);
+    *result = nullptr;
+    if (!VornTest::isWatched()) {
+        return real(name, entry, buffer, size, result, error);
+    }
+    VornTest::ResolverError resolverError(error);
+    return VornTest::watched<int>(VornTest::describePath("gethostbyname_r", name), [&] {
+        return resolverError.keep(real(name, entry, buffer, size, result, error));
+    });
+}
+
+VORNTEST_EXPORT int gethostbyaddr_r(const void* address, socklen_t length, int family, hostent* entry,
+                                    char* buffer, size_t size, hostent** result, int* error) {
+    VORNTEST_REAL(gethostbyaddr_r);
+    *result = nullptr;
+    if (!VornTest::isWatched()) {
+        return real(address, length, family, entry, buffer, size, result, error);
+    }
+    VornTest::ResolverError resolverError(error);
+    return VornTest::watched<int>(VornTest::describe("gethostbyaddr_r", -1, family), [&] {
+        return resolverError.keep(real(address, length, family, entry, buffer, size, result, error));
+    });
+}
+
+VORNTEST_EXPORT ssize_t read(int fd, void* buffer, size_t length) {
+    VORNTEST_REAL(read);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("read", fd, static_cast<long>(length)),
+                   real(fd, buffer, length));
+}
+
+VORNTEST_EXPORT ssize_t write(int fd, const void* data, size_t length) {
+    VORNTEST_REAL(write);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("write", fd, static_cast<long>(length)),
+                   real(fd, data, length));
+}
+
+VORNTEST_EXPORT int unlink(const char* path) noexcept {
+    VORNTEST_REAL(unlink);
+    VORNTEST_WATCH(int, VornTest::describePath("unlink", path), real(path));
+}
+
+VORNTEST_EXPORT int chmod(const char* path, mode_t mode) noexcept {
+    VORNTEST_REAL(chmod);
+    VORNTEST_WATCH(int, VornTest::describePath("chmod", path, mode), real(path, mode));
+}
+
+VORNTEST_EXPORT int fchmod(int fd, mode_t mode) noexcept {
+    VORNTEST_REAL(fchmod);
+    VORNTEST_WATCH(int, VornTest::describe("fchmod", fd, mode), real(fd, mode));
+}
+
+VORNTEST_EXPORT int chown(const char* path, uid_t user, gid_t group) noexcept {
+    VORNTEST_REAL(chown);
+    VORNTEST_WATCH(int, VornTest::describePath("chown", path, user, group), real(path, user, group));
+}
+
+VORNTEST_EXPORT int select(int count, fd_set* reading, fd_set* writing, fd_set* exceptional, timeval* limit) {
+    VORNTEST_REAL(select);
+    VORNTEST_WATCH(int, VornTest::describe("select", count),
+                   real(count, reading, writing, exceptional, limit));
+}
+
+VORNTEST_EXPORT int poll(pollfd* entries, nfds_t count, int limit) {
+    VORNTEST_REAL(poll);
+    VORNTEST_WATCH(
+        int, VornTest::describe("poll", count > 0 ? entries[0].fd : -1, static_cast<long>(count), limit),
+        real(entries, count, limit));
+}
+
+VORNTEST_EXPORT int fcntl(int fd, int command, ...) {
+    VORNTEST_REAL(fcntl);
+    // Whether there is an argument, and of which type, depends on the command; a pointer is wide enough for
+    // all.
+    std::va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    const long number = static_cast<int>(reinterpret_cast<std::intptr_t>(argument));
+    VORNTEST_WATCH(int, VornTest::describe("fcntl", fd, command, number), real(fd, command, argument));
+}
+
+/*
+ * What programs call which are compiled for files above two gigabytes or with _FORTIFY_SOURCE.
+ */
+VORNTEST_EXPORT int fcntl64(int fd, int command, ...) {
+    std::va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fcntl(fd, command, argument);
+}
+
+VORNTEST_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t room, int flags);
+
+VORNTEST_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t room, int flags) {
+    if (length > room) {
+        std::abort();
+    }
+    return recv(fd, buffer, length, flags);
+}
+
+VORNTEST_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_t room, int flags,
+                                       sockaddr* address, socklen_t* addressLength);
+
+VORNTEST_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_t room, int flags,
+                                       sockaddr* address, socklen_t* addressLength) {
+    if (length > room) {
+        std::abort();
+    }
+    return recvfrom(fd, buffer, length, flags, address, addressLength);
+}
+
+VORNTEST_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t length, size_t room);
+
+VORNTEST_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t length, size_t room) {
+    if (length > room) {
+        std::abort();
+    }
+    return read(fd, buffer, length);
+}
+
+VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t room);
+
+VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t room) {
+    if (count > room / sizeof(pollfd)) {
+        std::abort();
+    }
+    return poll(entries, count, limit);
+}
+
+} // extern "C"

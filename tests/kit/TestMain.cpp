@@ -1,0 +1,163 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * The main() of every test program.
+ */
+
+#include "Await.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+unsigned guardSeconds() {
+    const char* text = std::getenv("VORNTEST_GUARD_SECONDS");
+    const unsigned long seconds = text != nullptr ? std::strtoul(text, nullptr, 10) : 0;
+    return seconds > 0 ? static_cast<unsigned>(seconds) : 120U;
+}
+
+/**
+ * Ends the program if a test hangs. Its thread lives from before the first test until after the last one, so
+ * that a test which counts threads finds the same number before and after.
+ */
+class Watchdog {
+public:
+    Watchdog() : m_guardTime(guardSeconds()), m_thread([this] { watch(); }) {}
+
+    ~Watchdog() {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_ending = true;
+            m_changed.notify_all();
+        }
+        m_thread.join();
+    }
+
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+    void arm(const std::string& name) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_name = name;
+        m_deadline = Clock::now() + m_guardTime;
+        m_changed.notify_all();
+    }
+
+    void disarm() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_deadline = Clock::time_point::max();
+        m_changed.notify_all();
+    }
+
+private:
+    void watch() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (!m_ending) {
+            if (m_deadline == Clock::time_point::max()) {
+                // A wait until the end of time overflows in some C libraries.
+                m_changed.wait(lock);
+            } else if (m_changed.wait_until(lock, m_deadline) == std::cv_status::timeout &&
+                       Clock::now() >= m_deadline) {
+                bark();
+            }
+        }
+    }
+
+    [[noreturn]] void bark() const {
+        std::fprintf(stderr, "test %s hangs: it took more than %lld s; the threads:\n%s", m_name.c_str(),
+                     static_cast<long long>(m_guardTime.count()), VornTest::describeThreads().c_str());
+        std::fflush(stderr);
+        std::abort();
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    const std::chrono::seconds m_guardTime;
+    Clock::time_point m_deadline = Clock::time_point::max();
+    std::string m_name;
+    bool m_ending = false;
+    std::thread m_thread;
+};
+
+class WatchdogListener : public testing::EmptyTestEventListener {
+public:
+    explicit WatchdogListener(Watchdog& watchdog) : m_watchdog(watchdog) {}
+
+private:
+    void OnTestSuiteStart(const testing::TestSuite& suite) override {
+        m_watchdog.arm(std::string("suite ") + suite.name());
+    }
+
+    void OnTestStart(const testing::TestInfo& test) override {
+        m_watchdog.arm(std::string(test.test_suite_name()) + "." + test.name());
+    }
+
+    void OnTestEnd(const testing::TestInfo& test) override {
+        m_watchdog.arm(std::string("suite ") + test.test_suite_name());
+    }
+
+    void OnTestSuiteEnd(const testing::TestSuite&) override { m_watchdog.disarm(); }
+
+    Watchdog& m_watchdog;
+};
+
+bool onlyListsTests(const std::vector<std::string>& arguments) {
+    // The build lists the tests, possibly where no sandbox can be had.
+    return std::find(arguments.begin(), arguments.end(), "--gtest_list_tests") != arguments.end();
+}
+
+int playRole(const std::vector<std::string>& arguments) {
+    // A role whose test has been killed must not stay for ever.
+    ::alarm(guardSeconds());
+    // The test reads lines while the role is still running.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    return VornTest::runRole(arguments.at(2), {arguments.begin() + 3, arguments.end()});
+}
+
+int runTests(int argc, char** argv) {
+    // The other style forks, which leaves the child without the threads its parent has.
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    testing::InitGoogleMock(&argc, argv);
+    Watchdog watchdog;
+    auto& listeners = testing::UnitTest::GetInstance()->listeners();
+    auto* listener = new WatchdogListener(watchdog);
+    listeners.Append(listener);
+    const int result = RUN_ALL_TESTS();
+    delete listeners.Release(listener);
+    return result;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> arguments(argv, argv + argc);
+    if (!onlyListsTests(arguments)) {
+        VornTest::enterSandbox();
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    // A role keeps the setting: its test has put it there.
+    if (arguments.size() > 2 && arguments[1] == "--kit-role") {
+        return playRole(arguments);
+    }
+    ::unsetenv("QUORAX_CALLB_CONN_TYPE");
+    return runTests(argc, argv);
+}
