@@ -73,6 +73,8 @@ private:
     VornBufferConnection(const VornBufferConnection&) = delete;
     VornBufferConnection& operator=(const VornBufferConnection&) = delete;
 
+    friend class BufferAccess;
+
     VORNNET_LOCAL bool grow(long nRequest);
 };
 

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornConnection.h"
 
+#include "BufferAccess.h"
+
 #include <Cancellation.h>
 #include <SystemCalls.h>
 #include <VornException.h>
@@ -18,6 +20,8 @@
 #include <memory>
 #include <new>
 #include <vector>
+
+#include <endian.h>
 
 namespace VornNet {
 
@@ -46,18 +50,105 @@ auto guarded(Operation&& operation) -> decltype(operation()) {
     }
 }
 
+// Network order is the most significant byte first.
+
+std::uint16_t inNetworkOrder(std::uint16_t value) {
+    return htobe16(value);
+}
+
+std::uint32_t inNetworkOrder(std::uint32_t value) {
+    return htobe32(value);
+}
+
+std::uint64_t inNetworkOrder(std::uint64_t value) {
+    return htobe64(value);
+}
+
+// A long travels as its low half and four zero bytes, as peers with 32-bit longs write it.
+std::uint64_t asTravels(long lValue) {
+    return static_cast<std::uint64_t>(static_cast<std::uint32_t>(lValue)) << 32;
+}
+
+// The long ways are functions of their own, so that the short ones need no stack frame.
+
 template <typename Unsigned>
-void store(unsigned char* bytes, Unsigned value) {
-    for (std::size_t i = 0; i < sizeof value; ++i)
-        bytes[i] = static_cast<unsigned char>(value >> (8 * (sizeof value - 1 - i)));
+[[gnu::noinline]] void writeTheLongWay(VornConnection& connection, Unsigned value) {
+    guarded([&] {
+        connection.establish();
+        Unsigned ordered = inNetworkOrder(value);
+        connection.put(&ordered, sizeof ordered);
+    });
 }
 
 template <typename Unsigned>
-Unsigned load(const unsigned char* bytes) {
-    Unsigned value = 0;
-    for (std::size_t i = 0; i < sizeof value; ++i)
-        value = static_cast<Unsigned>(value << 8 | bytes[i]);
-    return value;
+[[gnu::noinline]] Unsigned readTheLongWay(VornConnection& connection) {
+    return guarded([&] {
+        connection.establish();
+        Unsigned ordered = 0;
+        connection.get(&ordered, sizeof ordered);
+        return inNetworkOrder(ordered);
+    });
+}
+
+template <typename Unsigned>
+[[gnu::always_inline]] inline void writeNumber(VornConnection& connection, Unsigned value) {
+    const Unsigned ordered = inNetworkOrder(value);
+    if (!BufferAccess(connection).append(&ordered, sizeof ordered))
+        writeTheLongWay(connection, value);
+}
+
+template <typename Unsigned>
+[[gnu::always_inline]] inline Unsigned readNumber(VornConnection& connection) {
+    const unsigned char* bytes = BufferAccess(connection).take(sizeof(Unsigned));
+    if (bytes == nullptr)
+        return readTheLongWay<Unsigned>(connection);
+    Unsigned ordered = 0;
+    std::memcpy(&ordered, bytes, sizeof ordered);
+    return inNetworkOrder(ordered);
+}
+
+/** @return the text up to its first zero byte. */
+VornString cutAtZero(const char* text, int nSize) {
+    return VornString(text, ::strnlen(text, static_cast<std::size_t>(nSize)));
+}
+
+/** Reads a short text straight into its place, which costs one allocation and the zeros it is filled with
+ * first. */
+VornString readShortText(VornConnection& connection, int nSize) {
+    VornString sText(static_cast<std::size_t>(nSize), '\0');
+    connection.get(sText.data(), nSize);
+    sText.resize(::strnlen(sText.data(), sText.size()));
+    return sText;
+}
+
+/**
+ * Reads a long text by way of memory that malloc() takes without touching it: a peer that announces much and
+ * sends little costs address space only.
+ */
+VornString readLongText(VornConnection& connection, int nSize) {
+    const std::unique_ptr<char, decltype(&std::free)> buffer(
+        static_cast<char*>(std::malloc(static_cast<std::size_t>(nSize))), &std::free);
+    if (buffer == nullptr)
+        throw std::bad_alloc();
+    connection.get(buffer.get(), nSize);
+    return cutAtZero(buffer.get(), nSize);
+}
+
+/** Reads a text whose length has been read. */
+VornString readText(VornConnection& connection, int nSize) {
+    constexpr int cLongestShortText = 65'536;
+    if (nSize == 0)
+        return {};
+    if (nSize < 0)
+        throw VornException(cReadFailed, 0);
+    try {
+        if (const unsigned char* text = BufferAccess(connection).take(nSize))
+            return cutAtZero(reinterpret_cast<const char*>(text), nSize);
+        return nSize <= cLongestShortText ? readShortText(connection, nSize)
+                                          : readLongText(connection, nSize);
+    } catch (const std::bad_alloc&) {
+        throw VornException(cReadFailed, ENOMEM);
+    }
 }
 
 // Bytes of 0x80 and above count as unprintable in every locale.
@@ -108,31 +199,15 @@ void VornConnection::transfer(const VornString& sString) {
 }
 
 void VornConnection::transfer(int nValue) {
-    guarded([&] {
-        establish();
-        unsigned char bytes[4];
-        store(bytes, static_cast<std::uint32_t>(nValue));
-        put(bytes, sizeof bytes);
-    });
+    writeNumber(*this, static_cast<std::uint32_t>(nValue));
 }
 
 void VornConnection::transfer(short nValue) {
-    guarded([&] {
-        establish();
-        unsigned char bytes[2];
-        store(bytes, static_cast<std::uint16_t>(nValue));
-        put(bytes, sizeof bytes);
-    });
+    writeNumber(*this, static_cast<std::uint16_t>(nValue));
 }
 
 void VornConnection::transfer(long lValue) {
-    guarded([&] {
-        establish();
-        // Kept: a long travels as its low half and four zero bytes, as peers with 32-bit longs write it.
-        unsigned char bytes[8] = {};
-        store(bytes, static_cast<std::uint32_t>(lValue));
-        put(bytes, sizeof bytes);
-    });
+    writeNumber(*this, asTravels(lValue));
 }
 
 void VornConnection::transfer(bool bValue) {
@@ -140,55 +215,23 @@ void VornConnection::transfer(bool bValue) {
 }
 
 VornString VornConnection::receiveString() {
-    return guarded([&]() -> VornString {
+    return guarded([&] {
         establish();
-        const int nStringSize = receiveInt();
-        if (nStringSize == 0)
-            return {};
-        if (nStringSize < 0)
-            throw VornException(cReadFailed, 0);
-        // malloc() takes the memory without touching it: a peer that announces much and sends little costs
-        // address space only.
-        const std::unique_ptr<char, decltype(&std::free)> buffer(
-            static_cast<char*>(std::malloc(static_cast<std::size_t>(nStringSize) + 1)), &std::free);
-        if (buffer == nullptr)
-            throw VornException(cReadFailed, ENOMEM);
-        get(buffer.get(), nStringSize);
-        buffer.get()[nStringSize] = '\0';
-        try {
-            return buffer.get();
-        } catch (const std::bad_alloc&) {
-            throw VornException(cReadFailed, ENOMEM);
-        }
+        return readText(*this, receiveInt());
     });
 }
 
 int VornConnection::receiveInt() {
-    return guarded([&] {
-        establish();
-        unsigned char bytes[4];
-        get(bytes, sizeof bytes);
-        return static_cast<int>(load<std::uint32_t>(bytes));
-    });
+    return static_cast<int>(readNumber<std::uint32_t>(*this));
 }
 
 short VornConnection::receiveShort() {
-    return guarded([&] {
-        establish();
-        unsigned char bytes[2];
-        get(bytes, sizeof bytes);
-        return static_cast<short>(load<std::uint16_t>(bytes));
-    });
+    return static_cast<short>(readNumber<std::uint16_t>(*this));
 }
 
 long VornConnection::receiveLong() {
-    return guarded([&] {
-        establish();
-        // Kept: zero-extended, so that -1 arrives as 4294967295.
-        unsigned char bytes[8];
-        get(bytes, sizeof bytes);
-        return static_cast<long>(load<std::uint32_t>(bytes));
-    });
+    // Zero-extended, so that -1 arrives as 4294967295; the lower half of what travels is not looked at.
+    return static_cast<long>(readNumber<std::uint64_t>(*this) >> 32);
 }
 
 void VornConnection::transferACK() {
