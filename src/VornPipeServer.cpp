@@ -282,6 +282,9 @@ void VornPipeServer::init() {
 VornSmartPointer<VornConnection> VornPipeServer::shutDown(Waiting& waiting) {
     if (isDebugAdmitted())
         logDebug("VornPipeServer::waitForClient : Shutting down thread");
+    // Held over both steps: between them another thread could release the record, find the server unused and
+    // destroy it under the call of close().
+    const VornCriticalSection lock(m_lock, true);
     waiting.end();
     close(); // releases the record, now that no thread waits
     return {};
