@@ -12,6 +12,9 @@ function(vornnet_common_options target)
             -fno-sanitize-recover=all)
         target_link_options(${target} PRIVATE -fsanitize=${VORNNET_SANITIZE})
     endif()
+    if(VORNNET_FUZZ)
+        target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+    endif()
 endfunction()
 
 # One of the two shared libraries: hidden unless exported, versioned symbols, no symbol that pins the library.

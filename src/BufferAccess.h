@@ -50,6 +50,15 @@ public:
         return m_buffer->m_pDataBuffer + position;
     }
 
+    /** Takes all that is left when it is less than @p count bytes, as a read that fails does. @return whether
+     * it is */
+    bool drainIfShort(int count) const {
+        if (m_buffer == nullptr || count <= m_buffer->m_nOutIndex - m_buffer->m_nInIndex)
+            return false;
+        m_buffer->m_nInIndex = m_buffer->m_nOutIndex;
+        return true;
+    }
+
 private:
     // The addresses of the type descriptions are compared, which is one load and no call. Should a program
     // hold a second copy of one, the object takes the long way.

@@ -142,8 +142,11 @@ VornString readText(VornConnection& connection, int nSize) {
     if (nSize < 0)
         throw VornException(cReadFailed, 0);
     try {
-        if (const unsigned char* text = BufferAccess(connection).take(nSize))
+        const BufferAccess access(connection);
+        if (const unsigned char* text = access.take(nSize))
             return cutAtZero(reinterpret_cast<const char*>(text), nSize);
+        if (access.drainIfShort(nSize)) // no memory is taken for what cannot come any more
+            throw VornException(cReadFailed, 0);
         return nSize <= cLongestShortText ? readShortText(connection, nSize)
                                           : readLongText(connection, nSize);
     } catch (const std::bad_alloc&) {

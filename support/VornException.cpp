@@ -3,29 +3,43 @@
 #include "VornException.h"
 
 #include <array>
-#include <cstdlib>
-#include <memory>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
 #include <new>
 
+#include <dlfcn.h>
 #include <execinfo.h>
+#include <link.h>
 
 namespace VornSupport {
 
 namespace {
 
-VornString captureCallStack() {
+/**
+ * Appends "FILE(+0xOFFSET)", which addr2line(1) understands. Names of functions are left out: looking one up
+ * takes longer than everything else that a throw does, and most functions of the libraries are hidden from
+ * it.
+ */
+void appendFrame(VornString& stack, void* address) {
+    dl_find_object object{};
+    const bool isKnown = ::_dl_find_object(address, &object) == 0;
+    const char* file = isKnown ? object.dlfo_link_map->l_name : "?";
+    const auto base = isKnown ? object.dlfo_link_map->l_addr : 0;
+    std::array<char, 32> offset{};
+    std::snprintf(offset.data(), offset.size(), "(+0x%zx)\n", reinterpret_cast<std::size_t>(address) - base);
+    stack.append(*file == '\0' ? program_invocation_name : file).append(offset.data());
+}
+
+[[gnu::noinline]] VornString captureCallStack() {
     constexpr int cMostFrames = 32;
     constexpr int cOwnFrames = 2; // this function and the constructor
     std::array<void*, cMostFrames> frames{};
     const int count = ::backtrace(frames.data(), cMostFrames);
-    const std::unique_ptr<char*, decltype(&std::free)> lines(::backtrace_symbols(frames.data(), count),
-                                                             &std::free);
-    if (lines == nullptr)
-        return {};
-    VornString result;
+    VornString stack;
     for (int i = cOwnFrames; i < count; ++i)
-        result.append(lines.get()[i]).append(1, '\n');
-    return result;
+        appendFrame(stack, frames[static_cast<std::size_t>(i)]);
+    return stack;
 }
 
 } // namespace

@@ -58,7 +58,7 @@ public:
 
     /**
      * @return one line for each frame of the place where the exception was constructed, innermost first, as
-     *         backtrace_symbols(3) writes them; empty when it could not be taken
+     *         "FILE(+0xOFFSET)" for addr2line(1); empty when it could not be taken
      */
     virtual const VornString& getCallStack() const { return m_sCallStack; }
 

@@ -1,0 +1,70 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+// Reads any bytes as any sequence of typed values. The input's first byte tells how many of the next ones
+// name a type each (s short, i int, l long, t text, by remainder of 4); the rest is what is decoded. With the
+// environment variable VORNFUZZ_PRINT set, the result is printed the way tests/fuzz/decode.py prints its own.
+
+#include "Input.h"
+
+#include <VornBufferConnection.h>
+#include <VornException.h>
+
+#include <string>
+#include <vector>
+
+using VornNet::VornBufferConnection;
+using VornNet::VornString;
+using VornSupport::VornException;
+
+namespace {
+
+std::string inHex(const std::string& text) {
+    static const char* digits = "0123456789abcdef";
+    std::string result;
+    for (const char character : text) {
+        result += digits[static_cast<unsigned char>(character) >> 4];
+        result += digits[static_cast<unsigned char>(character) & 15];
+    }
+    return result;
+}
+
+std::string decodeOne(VornBufferConnection& connection, int type) {
+    switch (type) {
+    case 0:
+        return "short " + std::to_string(connection.receiveShort());
+    case 1:
+        return "int " + std::to_string(connection.receiveInt());
+    case 2:
+        return "long " + std::to_string(connection.receiveLong());
+    default:
+        return "text " + inHex(connection.receiveString());
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool isPrinting = std::getenv("VORNFUZZ_PRINT") != nullptr;
+    Input input(data, size);
+    std::vector<int> types(input.byte() % 16);
+    for (int& type : types)
+        type = input.byte() % 4;
+    std::string bytes = input.rest();
+    VornBufferConnection connection(bytes.data(), static_cast<int>(bytes.size()), "fuzz");
+    for (const int type : types) {
+        std::string result;
+        try {
+            result = decodeOne(connection, type);
+        } catch (const VornException& e) {
+            require(e.getText() == "VornConnection::get: failed read", "the one text of a failed read");
+            require(e.getCode() == 0, "a buffer has no error number");
+            result = "failed";
+        }
+        if (isPrinting)
+            std::printf("%s\n", result.c_str());
+        require(connection.size() == static_cast<int>(bytes.size()), "reading does not write");
+        if (result == "failed")
+            break;
+    }
+    return 0;
+}
