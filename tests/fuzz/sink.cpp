@@ -1,0 +1,131 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+// Hostile bytes into a live callback sink over each kind of connection; after each input a well-formed
+// notification must still arrive. The input's first byte chooses the kind, the rest is sent.
+
+#include "Input.h"
+#include "Sandbox.h"
+
+#include <VornException.h>
+#include <VornLibraryCallbackSink.h>
+#include <VornProxyDependent.h>
+
+#include <cerrno>
+#include <csignal>
+#include <thread>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace VornNet;
+
+namespace {
+
+/** Reads what it can, so that hostile content meets every typed read. */
+class Reader : public VornNotificationCallback {
+public:
+    using VornNotificationCallback::VornNotificationCallback;
+
+protected:
+    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
+        if (spConnection->receiveLong() == 4711)
+            return;
+        spConnection->receiveString();
+        spConnection->receiveInt();
+    }
+};
+
+class Road {
+public:
+    explicit Road(const char* kind) {
+        ::setenv("QUORAX_CALLB_CONN_TYPE", kind, 1);
+        m_sink = new VornLibraryCallbackSink("fuzz");
+        m_spCallback = new Reader(m_sink->getCallbackContainer().getNewId());
+        VornSmartPointer<VornNotificationCallback> spCallback =
+            static_cast<VornNotificationCallback*>(m_spCallback);
+        m_sink->getCallbackContainer().add(spCallback);
+    }
+
+    std::string address() { return m_sink->getCallbackAddress(); }
+
+    /** Notifies until it arrives: between two deliveries the sink's server is closed for a moment. */
+    void requireAlive() {
+        for (int tries = 0; tries < 2000; ++tries) {
+            m_spCallback->reset();
+            try {
+                VornProxyDependent proxy(address(), m_spCallback->getId());
+                proxy.remoteNotify(VornNotification(4711));
+            } catch (const VornException&) {
+                std::this_thread::yield();
+                continue;
+            }
+            if (m_spCallback->wait(20))
+                return;
+        }
+        require(false, "the sink still serves");
+    }
+
+private:
+    VornLibraryCallbackSink* m_sink; // never destroyed: the fuzzer ends the process where it stands
+    VornSmartPointer<Reader> m_spCallback;
+};
+
+Road& road(int kind) {
+    static Road& pipe = *new Road("pipe");
+    static Road& tcp = *new Road("socket");
+    static Road& udp = *new Road("udp");
+    return kind == 0 ? pipe : kind == 1 ? tcp : udp;
+}
+
+int connectTo(int kind, const std::string& address) {
+    if (kind == 0) {
+        sockaddr_un place{};
+        place.sun_family = AF_UNIX;
+        VornTest::pipePath(address.substr(5)).copy(place.sun_path, sizeof place.sun_path - 1);
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        return ::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0
+                   ? fd
+                   : (::close(fd), -1);
+    }
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_port = htons(static_cast<std::uint16_t>(std::stoi(address.substr(address.rfind(':') + 1))));
+    place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int fd = ::socket(AF_INET, kind == 1 ? SOCK_STREAM : SOCK_DGRAM, 0);
+    return ::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0 ? fd
+                                                                                       : (::close(fd), -1);
+}
+
+} // namespace
+
+// A length of 2 GiB is taken from the address sanitizer a third of a second at a time; refusing it is
+// quicker, and what happens when memory is refused is worth trying too.
+extern "C" const char* __asan_default_options() {
+    return "max_allocation_size_mb=64:allocator_may_return_null=1";
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    VornTest::enterSandbox();
+    std::signal(SIGPIPE, SIG_IGN);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input input(data, size);
+    const int kind = input.byte() % 3;
+    const std::string bytes = input.rest();
+    if (kind == 2 && bytes.empty())
+        return 0; // an empty datagram ends the sink
+    Road& hit = road(kind);
+    const int peer = connectTo(kind, hit.address());
+    if (peer != -1) {
+        ::send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (kind != 2)
+            ::shutdown(peer, SHUT_WR);
+        ::close(peer);
+    }
+    hit.requireAlive();
+    return 0;
+}
