@@ -1,0 +1,37 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+
+# Components: `runtime` is what programs need to run, `development` what is needed to build them.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS vornsupt vornnet EXPORT vornnet-targets
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vornnet COMPONENT development)
+
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vornnet)
+install(EXPORT vornnet-targets NAMESPACE vornnet:: DESTINATION ${config_dir} COMPONENT development)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/vornnet-config.cmake.in
+    ${PROJECT_BINARY_DIR}/vornnet-config.cmake
+    INSTALL_DESTINATION ${config_dir}
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/vornnet-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/vornnet-config.cmake
+    ${PROJECT_BINARY_DIR}/vornnet-config-version.cmake
+    DESTINATION ${config_dir} COMPONENT development)
+
+# The pkg-config files find the rest from where they are themselves, unless the libraries have a fixed place.
+set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
+    set(pc_prefix ${CMAKE_INSTALL_PREFIX})
+else()
+    file(RELATIVE_PATH pc_prefix /prefix/${pc_dir} /prefix)
+    string(REGEX REPLACE "/$" "" pc_prefix "\${pcfiledir}/${pc_prefix}")
+endif()
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pc_libdir)
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_INCLUDEDIR BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pc_includedir)
+foreach(library IN ITEMS vornsupt vornnet)
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${pc_dir} COMPONENT development)
+endforeach()
