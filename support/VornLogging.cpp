@@ -92,11 +92,23 @@ void appendPrefix(VornString& line, int level) {
     line.append(prefix.data(), static_cast<std::size_t>(length));
 }
 
+/** Shows control characters as \xNN: a text that a peer had a hand in must not look like further records. */
+void appendPrintable(VornString& line, const VornString& text) {
+    static constexpr const char* cDigits = "0123456789abcdef";
+    for (const char character : text) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= 0x20 && byte != 0x7F)
+            line += character;
+        else
+            line.append("\\x").append(1, cDigits[byte >> 4]).append(1, cDigits[byte & 15]);
+    }
+}
+
 void writeLine(const Record& record) {
     VornString line;
     line.reserve(record.text.size() + 96);
     appendPrefix(line, record.level);
-    line += record.text;
+    appendPrintable(line, record.text);
     line += '\n';
     // One call, so that lines of several processes do not mix. A lost line is no reason to fail.
     [[maybe_unused]] const ssize_t written = System::write(STDERR_FILENO, line.data(), line.size());

@@ -33,10 +33,10 @@ private:
  * endrecord;
  * @endcode
  * The record is gathered by the writing thread and leaves in one piece at endrecord: as one line on standard
- * error, written with one write(2) and carrying time, level, process and thread id, or through the handler
- * of a host program. The logger exists before the first and after the last static object of the process.
- * At the start access is allowed and the level is cOff, so that nothing is admitted but by the program's
- * will.
+ * error, written with one write(2) and carrying time, level, process and thread id (control characters as
+ * \\xNN), or through the handler of a host program. The logger exists before the first and after the last
+ * static object of the process. At the start access is allowed and the level is cOff, so that nothing is
+ * admitted but by the program's will.
  *
  * Thread-safety: every operation may be called from any thread; records do not interleave. A record opened
  * while another one of the same thread is still open is written by itself.

@@ -399,6 +399,19 @@ private:
     bool m_real = false;
 };
 
+/**
+ * Whether the code at this address is a sanitizer's.
+ *
+ * The undefined behaviour sanitizer makes a pipe to find out whether an object can be read, in the midst of
+ * any code: of what is watched, and of this file while it holds its lock.
+ */
+bool isSanitizer(const void* code) {
+    Dl_info object = {};
+    return isWatched() && ::dladdr(code, &object) != 0 && object.dli_fname != nullptr &&
+           (std::strstr(object.dli_fname, "/libubsan.so") != nullptr ||
+            std::strstr(object.dli_fname, "/libasan.so") != nullptr);
+}
+
 } // namespace
 
 void useInterposition() {
@@ -654,6 +667,9 @@ VORNTEST_EXPORT int close(int fd) {
 
 VORNTEST_EXPORT int pipe(int ends[2]) noexcept {
     VORNTEST_REAL(pipe);
+    if (VornTest::isSanitizer(__builtin_return_address(0))) {
+        return real(ends);
+    }
     VORNTEST_WATCH(int, VornTest::describe("pipe", -1), real(ends));
 }
 
