@@ -1,0 +1,116 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Blocks.h"
+
+#ifdef BENCH_WITH_THRIFT
+#    include <thrift/protocol/TBinaryProtocol.h>
+#    include <thrift/transport/TSocket.h>
+#endif
+#ifdef BENCH_WITH_ASIO
+#    include <asio.hpp>
+#endif
+
+/** A block of 64 KiB over a standing connection, acknowledged by an int. */
+namespace Bench {
+
+namespace {
+
+constexpr std::size_t cSize = 65'536;
+
+#ifdef BENCH_WITH_THRIFT
+class ThriftBlock {
+public:
+    ThriftBlock(Road /*road*/, int fd)
+        : m_socket(std::make_shared<apache::thrift::transport::TSocket>(fd)), m_protocol(m_socket),
+          m_block(cSize, 'x') {}
+
+    ~ThriftBlock() { m_socket->close(); }
+
+    void ask() {
+        m_socket->write(m_block.data(), cSize);
+        std::int32_t reply = 0;
+        m_protocol.readI32(reply);
+    }
+
+    void answer() {
+        m_socket->readAll(m_block.data(), cSize);
+        m_protocol.writeI32(1);
+    }
+
+private:
+    std::shared_ptr<apache::thrift::transport::TSocket> m_socket;
+    apache::thrift::protocol::TBinaryProtocolT<apache::thrift::transport::TSocket> m_protocol;
+    std::vector<std::uint8_t> m_block;
+};
+#endif
+
+#ifdef BENCH_WITH_POCO
+class PocoBlock {
+public:
+    PocoBlock(Road /*road*/, int fd) : m_socket(fd), m_block(cSize, 'x') {}
+
+    ~PocoBlock() { m_socket.close(); }
+
+    void ask() {
+        m_socket.sendWhole(m_block.data(), cSize);
+        m_socket.receiveWhole(m_number, sizeof m_number);
+    }
+
+    void answer() {
+        m_socket.receiveWhole(m_block.data(), cSize);
+        m_socket.sendWhole(m_number, sizeof m_number);
+    }
+
+private:
+    PocoSocket m_socket;
+    unsigned char m_number[4] = {0, 0, 0, 1};
+    std::vector<char> m_block;
+};
+#endif
+
+#ifdef BENCH_WITH_ASIO
+class AsioBlock {
+public:
+    AsioBlock(Road road, int fd)
+        : m_socket(m_context,
+                   asio::generic::stream_protocol(familyOf(road), road == Road::pipe ? 0 : IPPROTO_TCP), fd),
+          m_block(cSize, 'x') {}
+
+    void ask() {
+        asio::write(m_socket, asio::buffer(m_block));
+        asio::read(m_socket, asio::buffer(m_number));
+    }
+
+    void answer() {
+        asio::read(m_socket, asio::buffer(m_block));
+        asio::write(m_socket, asio::buffer(m_number));
+    }
+
+private:
+    asio::io_context m_context;
+    asio::generic::stream_protocol::socket m_socket;
+    unsigned char m_number[4] = {0, 0, 0, 1};
+    std::vector<char> m_block;
+};
+#endif
+
+} // namespace
+
+void addBlocks() {
+    for (const Road road : {Road::pipe, Road::tcp}) {
+        const std::string workload = std::string("blocks-") + nameOf(road);
+        addContender<Dialogue<PosixBlock<cSize>>>(workload, "limit", 1, road);
+        addContender<Dialogue<VornnetBlock<cSize>>>(workload, "vornnet", 1, road);
+#ifdef BENCH_WITH_THRIFT
+        addContender<Dialogue<ThriftBlock>>(workload, "thrift", 1, road);
+#endif
+#ifdef BENCH_WITH_POCO
+        addContender<Dialogue<PocoBlock>>(workload, "poco", 1, road);
+#endif
+#ifdef BENCH_WITH_ASIO
+        addContender<Dialogue<AsioBlock>>(workload, "asio", 1, road);
+#endif
+    }
+}
+
+} // namespace Bench

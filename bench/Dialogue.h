@@ -1,0 +1,121 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNBENCH_DIALOGUE_H
+#define VORNBENCH_DIALOGUE_H
+
+#include "Bench.h"
+#include "Sockets.h"
+
+#include <unistd.h>
+
+#ifdef BENCH_WITH_POCO
+#    include <Poco/Net/StreamSocket.h>
+#    include <Poco/Net/StreamSocketImpl.h>
+#endif
+
+namespace Bench {
+
+/**
+ * Questions and answers over one stream connection, the other end of which has a thread of its own.
+ *
+ * @tparam End an end of the connection, made from road and descriptor, which it owns: ask() is an operation
+ * of the client's, and answer() is what the server does for it; it throws when the client has closed
+ */
+template <typename End>
+class Dialogue : public Contender {
+public:
+    explicit Dialogue(Road road) : Dialogue(road, connectedPair(road)) {}
+
+    Clock::time_point operate() override {
+        m_client.ask();
+        return Clock::now();
+    }
+
+private:
+    Dialogue(Road road, Ends ends)
+        : m_server([road, fd = ends.server] { serve(road, fd); }), m_client(road, ends.client) {}
+
+    static void serve(Road road, int fd) {
+        End end(road, fd);
+        try {
+            for (;;)
+                end.answer();
+        } catch (...) {
+            // The client has closed.
+        }
+    }
+
+    // In this order: the thread ends because the client does.
+    Joined m_server;
+    End m_client;
+};
+
+/** The end of a plain descriptor. */
+class PlainEnd {
+public:
+    PlainEnd(Road /*road*/, int fd) : m_fd(fd) {}
+
+    ~PlainEnd() { ::close(m_fd); }
+
+    PlainEnd(const PlainEnd&) = delete;
+    PlainEnd& operator=(const PlainEnd&) = delete;
+
+protected:
+    struct Closed {};
+
+    void send(const void* bytes, std::size_t size) const { sendAll(m_fd, bytes, size); }
+
+    void receive(void* bytes, std::size_t size) const {
+        if (!receiveAll(m_fd, bytes, size))
+            throw Closed();
+    }
+
+    void sendNumber(unsigned int value) const {
+        unsigned char bytes[4];
+        storeInt(bytes, value);
+        send(bytes, sizeof bytes);
+    }
+
+    unsigned int receiveNumber() const {
+        unsigned char bytes[4];
+        receive(bytes, sizeof bytes);
+        return loadInt(bytes);
+    }
+
+    int descriptor() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+#ifdef BENCH_WITH_POCO
+/** POCO's stream socket around a connected descriptor; its constructor for that is not public. */
+class PocoSocket : public Poco::Net::StreamSocket {
+public:
+    explicit PocoSocket(int fd) : StreamSocket(new Poco::Net::StreamSocketImpl(fd)) {}
+
+    void sendWhole(const void* bytes, int size) {
+        const char* cursor = static_cast<const char*>(bytes);
+        while (size > 0) {
+            const int count = sendBytes(cursor, size);
+            cursor += count;
+            size -= count;
+        }
+    }
+
+    void receiveWhole(void* bytes, int size) {
+        char* cursor = static_cast<char*>(bytes);
+        while (size > 0) {
+            const int count = receiveBytes(cursor, size);
+            if (count <= 0)
+                throw Poco::Exception("closed");
+            cursor += count;
+            size -= count;
+        }
+    }
+};
+#endif
+
+} // namespace Bench
+
+#endif

@@ -1,0 +1,145 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Bench.h"
+#include "BufferRewind.h"
+#include "Sockets.h"
+#include "ThriftMemory.h"
+
+#ifdef BENCH_WITH_THRIFT
+#    include <thrift/protocol/TBinaryProtocol.h>
+#    include <thrift/transport/TBufferTransports.h>
+#endif
+#ifdef BENCH_WITH_POCO
+#    include <Poco/BinaryReader.h>
+#    include <Poco/BinaryWriter.h>
+#    include <Poco/MemoryStream.h>
+#endif
+
+/** Ints written to a block of memory that has room for them, and read from it into an array. */
+namespace Bench {
+
+namespace {
+
+constexpr int cNumbers = 2000;
+constexpr int cBytes = 4 * cNumbers;
+
+using Block = std::vector<unsigned char>;
+using Numbers = std::vector<int>;
+
+void addLimit() {
+    addFunction("numbers-write", "limit", cNumbers, [] {
+        return [block = Block(cBytes)]() mutable {
+            unsigned char* cursor = block.data();
+            const unsigned char* end = cursor + block.size();
+            for (int number = 0; number < cNumbers && end - cursor >= 4; ++number, cursor += 4)
+                storeInt(cursor, static_cast<unsigned int>(number));
+            benchmark::DoNotOptimize(cursor);
+            benchmark::ClobberMemory();
+        };
+    });
+    addFunction("numbers-read", "limit", cNumbers, [] {
+        return [block = Block(cBytes), numbers = Numbers(cNumbers)]() mutable {
+            const unsigned char* cursor = block.data();
+            const unsigned char* end = cursor + block.size();
+            for (int& number : numbers) {
+                if (end - cursor < 4)
+                    break;
+                number = static_cast<int>(loadInt(cursor));
+                cursor += 4;
+            }
+            benchmark::DoNotOptimize(numbers.data());
+            benchmark::ClobberMemory();
+        };
+    });
+}
+
+void addVornnet() {
+    addFunction("numbers-write", "vornnet", cNumbers, [] {
+        return [buffer = std::make_shared<VornNet::VornBufferConnection>()] {
+            BufferRewind::writing(*buffer);
+            VornNet::VornConnection& connection = *buffer;
+            for (int number = 0; number < cNumbers; ++number)
+                connection.transfer(number);
+        };
+    });
+    addFunction("numbers-read", "vornnet", cNumbers, [] {
+        Block block(cBytes);
+        return [buffer = std::make_shared<VornNet::VornBufferConnection>(block.data(), cBytes, ""),
+                numbers = Numbers(cNumbers)]() mutable {
+            BufferRewind::reading(*buffer);
+            VornNet::VornConnection& connection = *buffer;
+            for (int& number : numbers)
+                number = connection.receiveInt();
+            benchmark::ClobberMemory();
+        };
+    });
+}
+
+#ifdef BENCH_WITH_THRIFT
+/**
+ * @tparam Access  what the program calls: TProtocol, all calls of which are virtual, or the protocol's own
+ * class
+ * @tparam Protocol the protocol over virtual calls of TTransport or over direct ones of TMemoryBuffer
+ */
+template <typename Access, typename Protocol>
+void addThrift(const char* contender) {
+    addFunction("numbers-write", contender, cNumbers, [] {
+        auto memory = std::make_shared<ThriftMemory>();
+        std::shared_ptr<Access> protocol = std::make_shared<Protocol>(memory);
+        return [memory, protocol] {
+            memory->resetBuffer();
+            for (int number = 0; number < cNumbers; ++number)
+                protocol->writeI32(number);
+        };
+    });
+    addFunction("numbers-read", contender, cNumbers, [] {
+        auto block = std::make_shared<Block>(cBytes);
+        auto memory = std::make_shared<ThriftMemory>();
+        std::shared_ptr<Access> protocol = std::make_shared<Protocol>(memory);
+        return [block, memory, protocol, numbers = Numbers(cNumbers)]() mutable {
+            memory->rewind(block->data(), block->size());
+            for (int& number : numbers)
+                protocol->readI32(number);
+            benchmark::ClobberMemory();
+        };
+    });
+}
+#endif
+
+#ifdef BENCH_WITH_POCO
+void addPoco() {
+    addFunction("numbers-write", "poco", cNumbers, [] {
+        return [block = Block(cBytes)]() mutable {
+            Poco::MemoryOutputStream stream(reinterpret_cast<char*>(block.data()), cBytes);
+            Poco::BinaryWriter writer(stream, Poco::BinaryWriter::NETWORK_BYTE_ORDER);
+            for (int number = 0; number < cNumbers; ++number)
+                writer << number;
+        };
+    });
+    addFunction("numbers-read", "poco", cNumbers, [] {
+        return [block = Block(cBytes), numbers = Numbers(cNumbers)]() mutable {
+            Poco::MemoryInputStream stream(reinterpret_cast<const char*>(block.data()), cBytes);
+            Poco::BinaryReader reader(stream, Poco::BinaryReader::NETWORK_BYTE_ORDER);
+            for (int& number : numbers)
+                reader >> number;
+            benchmark::ClobberMemory();
+        };
+    });
+}
+#endif
+
+} // namespace
+
+void addTypedNumbers() {
+    addLimit();
+    addVornnet();
+#ifdef BENCH_WITH_THRIFT
+    addThrift<ThriftProtocol, VirtualThrift>("thrift-virtual");
+    addThrift<DirectThrift, DirectThrift>("thrift-template");
+#endif
+#ifdef BENCH_WITH_POCO
+    addPoco();
+#endif
+}
+
+} // namespace Bench
