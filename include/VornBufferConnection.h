@@ -64,10 +64,10 @@ public:
 protected:
     int establishImpl(VornString& sExceptionMessage) override;
 
-    unsigned char* m_pDataBuffer;
-    int m_nBufferSize;
-    int m_nInIndex;
-    int m_nOutIndex;
+    unsigned char* m_pDataBuffer; ///< the block, from realloc(3)
+    int m_nBufferSize;            ///< its capacity in bytes
+    int m_nInIndex;               ///< where reading goes on; -1 before the first write
+    int m_nOutIndex;              ///< where writing goes on; -1 before the first write
 
 private:
     VornBufferConnection(const VornBufferConnection&) = delete;

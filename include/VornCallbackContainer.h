@@ -50,9 +50,9 @@ public:
     VornCriticalSectionObject& mutex();
 
 protected:
-    VornCriticalSectionObject m_lock; // guards everything below
-    NotificationCallbackMap m_callbackMap;
-    int m_nIdCounter;
+    VornCriticalSectionObject m_lock;      ///< guards everything below
+    NotificationCallbackMap m_callbackMap; ///< one reference to each callback
+    int m_nIdCounter;                      ///< the next id
 
 private:
     VornCallbackContainer(const VornCallbackContainer&) = delete;

@@ -28,7 +28,9 @@ public:
      */
     VornCertificate(const VornString& sFile, const VornString& sType, const VornString& sKeyFile,
                     const VornString& sKeyType);
+    /** Copies member by member. */
     VornCertificate(const VornCertificate& source);
+    /** Assigns member by member. */
     VornCertificate& operator=(const VornCertificate& source);
     virtual ~VornCertificate();
 
@@ -48,10 +50,10 @@ public:
     static Type toType(const VornString& sType);
 
 protected:
-    VornString m_sFile;
-    Type m_type;
-    VornString m_sKeyFile;
-    Type m_keyType;
+    VornString m_sFile;    ///< path of the certificate file
+    Type m_type;           ///< its format
+    VornString m_sKeyFile; ///< path of the private key file
+    Type m_keyType;        ///< its format
 };
 
 } // namespace VornNet

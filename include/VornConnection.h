@@ -228,14 +228,14 @@ protected:
      */
     virtual int establishImpl(VornString& sExceptionMessage) = 0;
 
-    bool m_bConnected;
-    bool m_bClientConnection;
-    VornString m_sRemoteName;
-    bool m_bRaw;
-    VornString m_sServiceName;
-    VornString m_sServerName;
-    VornString m_sPortName;
-    bool m_bLocalAccess;
+    bool m_bConnected;         ///< the transport is established
+    bool m_bClientConnection;  ///< this end initiated the connection
+    VornString m_sRemoteName;  ///< the peer as named at construction
+    bool m_bRaw;               ///< raw mode; changes no byte
+    VornString m_sServiceName; ///< the service to ask for, empty for none
+    VornString m_sServerName;  ///< what getServerName() last found
+    VornString m_sPortName;    ///< what getPortName() last found
+    bool m_bLocalAccess;       ///< what setLocalAccess() was last told
 
 private:
     VornConnection(const VornConnection&) = delete;

@@ -80,13 +80,13 @@ protected:
     /** Learns the address that other processes are told, from what "localhost" resolves to. */
     void getMyIpAddr();
 
-    VornString m_sCallbackType;
-    VornString m_sIpAddr;
-    VornString m_sCallbackName; // guarded by a lock of the library: the thread rewrites it when it moves
-    VornSmartPointer<VornIPCServer> m_spCallbackServer;
-    bool m_bThreadStarted;       // atomic; set by the thread when the server is made
-    short m_nCallbackServerPort; // atomic; written by the thread
-    VornCallbackContainer m_callbackContainer;
+    VornString m_sCallbackType;                         ///< "pipe", "socket" or "udp"
+    VornString m_sIpAddr;                               ///< this host's address, empty for a pipe
+    VornString m_sCallbackName;                         ///< the callback address; under a lock of the library
+    VornSmartPointer<VornIPCServer> m_spCallbackServer; ///< set by the thread before it is started
+    bool m_bThreadStarted;                              ///< the server is made; atomic, set by the thread
+    short m_nCallbackServerPort;                        ///< atomic, written by the thread
+    VornCallbackContainer m_callbackContainer;          ///< has a lock of its own
 
 private:
     VornLibraryCallbackSink() = delete;

@@ -6,6 +6,8 @@
 /** @file
  *  Marks what `libvornnet.so.1` exports, and lets namespace VornNet use the support library's names.
  */
+
+/** Exports a class or function. */
 #define VORNNET_API __attribute__((visibility("default")))
 
 /** Keeps a member of an exported class inside the library. */

@@ -45,7 +45,7 @@ protected:
     /** Handles one notification: reads its content from the connection, of which the handle has been read. */
     virtual void doCallback(VornSmartPointer<VornConnection>& spConnection) = 0;
 
-    int m_nId;
+    int m_nId; ///< as given at construction
 
 private:
     VornNotificationCallback() = delete;

@@ -62,9 +62,9 @@ public:
 protected:
     int establishImpl(VornString& sExceptionMessage) override;
 
-    VornString m_sPipeName;
-    void* m_pipeHandle;
-    unsigned int m_iAccessRights;
+    VornString m_sPipeName;       ///< short name; empty when accepted
+    void* m_pipeHandle;           ///< an int on the heap with the descriptor, or null
+    unsigned int m_iAccessRights; ///< what getAccessRights() reports
 
 private:
     VornPipeConnection(const VornPipeConnection&) = delete;

@@ -67,11 +67,11 @@ protected:
         bool m_bClientWaiting; ///< whether a thread waits; guarded by a lock of the library
     };
 
-    VornString m_sPipeName;
-    void* m_pipeHandle; // the _pipe record; atomic
-    VornCriticalSectionObject m_lock;
-    unsigned int m_iAccessPrivileges;
-    VornString m_sUserGroupName;
+    VornString m_sPipeName;           ///< short name
+    void* m_pipeHandle;               ///< the _pipe record, or null; atomic
+    VornCriticalSectionObject m_lock; ///< held over every close()
+    unsigned int m_iAccessPrivileges; ///< 1 gives the file to the group
+    VornString m_sUserGroupName;      ///< the group
 
 private:
     VornPipeServer(const VornPipeServer&) = delete;

@@ -60,8 +60,8 @@ public:
     int getDependentHandle() const;
 
 protected:
-    VornString m_sRemoteName;
-    long m_hDependent;
+    VornString m_sRemoteName; ///< the client's callback address
+    long m_hDependent;        ///< the id of the client's callback
 
 private:
     VornProxyDependent() = delete;

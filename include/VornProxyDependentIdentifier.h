@@ -20,7 +20,9 @@ public:
 
     /** @param sRemoteName callback address. @param hDependent callback id */
     VornProxyDependentIdentifier(const VornSupport::VornString& sRemoteName, long hDependent);
+    /** Copies member by member. */
     VornProxyDependentIdentifier(const VornProxyDependentIdentifier& source);
+    /** Assigns member by member. */
     VornProxyDependentIdentifier& operator=(const VornProxyDependentIdentifier& source);
     ~VornProxyDependentIdentifier();
 

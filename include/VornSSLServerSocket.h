@@ -34,8 +34,8 @@ protected:
     /** Does nothing: there is no socket to make. */
     void init() override;
 
-    void* m_pSSLImpl;
-    VornCertificate m_certificate;
+    void* m_pSSLImpl;              ///< always null
+    VornCertificate m_certificate; ///< as given at construction
 
 private:
     VornSSLServerSocket(const VornSSLServerSocket&) = delete;

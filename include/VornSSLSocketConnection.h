@@ -58,8 +58,8 @@ public:
 protected:
     int establishImpl(VornString& sExceptionMessage) override;
 
-    VornSmartPointer<VornSocketConnection> m_client;
-    void* m_pSSLImpl;
+    VornSmartPointer<VornSocketConnection> m_client; ///< the wrapped connection, or empty
+    void* m_pSSLImpl;                                ///< always null
 
 private:
     VornSSLSocketConnection(const VornSSLSocketConnection&) = delete;

@@ -61,11 +61,11 @@ protected:
     /** Binds and listens unless the server does. @throws VornException, see above */
     virtual void init();
 
-    int m_nPort; // atomic: close() and setPort() may meet
-    int m_nBacklog;
-    VornString m_sBindAddress;
-    void* m_pSocketImpl; // atomic; set by the waiting thread, cleared by close() when the socket is closed
-    bool m_bInitialized; // atomic
+    int m_nPort;               ///< the configured port; atomic: close() and setPort() may meet
+    int m_nBacklog;            ///< length of the queue of clients
+    VornString m_sBindAddress; ///< "*" or a dotted address
+    void* m_pSocketImpl;       ///< an int on the heap with the descriptor, or null; atomic
+    bool m_bInitialized;       ///< the server is listening; atomic
 
 private:
     VornServerSocket(const VornServerSocket&) = delete;

@@ -82,10 +82,10 @@ public:
 protected:
     int establishImpl(VornString& sExceptionMessage) override;
 
-    void* m_pClient;
-    int m_nPort;
-    bool m_bIdentify;
-    VornServerSocket* m_pSourceServer;
+    void* m_pClient;                   ///< an int on the heap with the descriptor, or null
+    int m_nPort;                       ///< port to connect to; 0 when accepted
+    bool m_bIdentify;                  ///< a host that is not known is refused
+    VornServerSocket* m_pSourceServer; ///< the server that accepted it, not owned, or null
 
 private:
     VornSocketConnection(const VornSocketConnection&) = delete;

@@ -48,7 +48,7 @@ protected:
     /** Binds unless the server is bound. @throws VornException, see above */
     void init() override;
 
-    unsigned int m_nBufferSize;
+    unsigned int m_nBufferSize; ///< the longest datagram received whole, in bytes
 
 private:
     VornUDPServerSocket() = delete;

@@ -40,8 +40,8 @@ public:
     virtual bool transmit();
 
 protected:
-    int m_nPort;
-    bool m_bIdentify;
+    int m_nPort;      ///< port to send to
+    bool m_bIdentify; ///< the resolver is asked for the name of an address
 
 private:
     VornUDPSocketConnection() = delete;

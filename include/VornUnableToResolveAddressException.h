@@ -19,7 +19,9 @@ class VORNNET_API VornUnableToResolveAddressException : public VornException {
 public:
     /** The text becomes "VornUnableToResolveAddressException - " and @p sMessageName, the code 0. */
     explicit VornUnableToResolveAddressException(const VornString& sMessageName);
+    /** Copies member by member. */
     VornUnableToResolveAddressException(const VornUnableToResolveAddressException& source);
+    /** Assigns member by member. */
     VornUnableToResolveAddressException& operator=(const VornUnableToResolveAddressException& source);
     ~VornUnableToResolveAddressException() override;
 };

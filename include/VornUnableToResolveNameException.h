@@ -19,7 +19,9 @@ class VORNNET_API VornUnableToResolveNameException : public VornException {
 public:
     /** The text becomes "VornUnableToResolveNameException - " and @p sMessageName, the code 0. */
     explicit VornUnableToResolveNameException(const VornString& sMessageName);
+    /** Copies member by member. */
     VornUnableToResolveNameException(const VornUnableToResolveNameException& source);
+    /** Assigns member by member. */
     VornUnableToResolveNameException& operator=(const VornUnableToResolveNameException& source);
     ~VornUnableToResolveNameException() override;
 };

@@ -8,8 +8,8 @@
 namespace VornSupport {
 
 /**
- * For handlers that catch everything: whether what they caught is the cancellation of the thread, which unwinds
- * like an exception without being one and has to be passed on. Not installed.
+ * For handlers that catch everything: whether what they caught is the cancellation of the thread, which
+ * unwinds like an exception without being one and has to be passed on. Not installed.
  */
 inline bool isCancellation() {
     return std::current_exception() == nullptr;

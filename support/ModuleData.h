@@ -34,8 +34,8 @@ public:
     virtual void detach();
 
 protected:
-    bool m_bAutoInit;
-    int m_nAttachCount; // how often the module has been attached without having been detached
+    bool m_bAutoInit; ///< the module attaches and detaches by itself
+    int m_nAttachCount; ///< how often the module has been attached without having been detached
 };
 
 } // namespace VornSupport

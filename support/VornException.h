@@ -27,7 +27,9 @@ public:
      * @param nCode  the errno value of the failing call, 107 (ENOTCONN), or 0 where none applies
      */
     VornException(const VornString& text, int nCode);
+    /** Copies member by member. */
     VornException(const VornException& source);
+    /** Assigns member by member. */
     VornException& operator=(const VornException& source);
 
     virtual ~VornException();

@@ -6,6 +6,8 @@
 /** @file
  *  Marks what `libvornsupt.so.1` exports; everything else in it is hidden.
  */
+
+/** Exports a class or function. */
 #define VORNSUPT_API __attribute__((visibility("default")))
 
 /** Keeps a member of an exported class inside the library. */

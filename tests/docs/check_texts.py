@@ -21,7 +21,7 @@ def texts_in_sources():
                 yield match.group(1)
 
 
-page = (tree / "docs/errors.md").read_text().replace("\\|", "|")
+page = (tree / "docs/errors.md").read_text().replace("\\|", "|").replace("&lt;", "<").replace("&gt;", ">")
 documented = [text for text in re.findall(r"`([^`\n]*)`", page) if begins.match(text)]
 pieces = [re.split(r"\.\.\.", text) for text in documented]
 known = sorted(set(texts_in_sources()))
