@@ -32,8 +32,9 @@ VornSSLSocketConnection::VornSSLSocketConnection(const VornString& sRemoteName, 
 
 VornSSLSocketConnection::VornSSLSocketConnection(VornSmartPointer<VornSocketConnection> client,
                                                  void* /*pSSL*/)
-    : VornSocketConnection(descriptorOf(checkedClient(client).getSocket()), client->getRemoteName(), nullptr,
-                           true),
+    // Checked in both places: arguments are evaluated in any order.
+    : VornSocketConnection(descriptorOf(checkedClient(client).getSocket()),
+                           checkedClient(client).getRemoteName(), nullptr, true),
       m_client(client), m_pSSLImpl(nullptr) {
     setRaw(true);
     VornString sUnused;

@@ -12,6 +12,7 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+extern "C" [[gnu::weak]] int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 namespace {
 
@@ -27,6 +28,8 @@ void replay(const std::filesystem::path& path) {
 } // namespace
 
 int main(int argc, char** argv) {
+    if (LLVMFuzzerInitialize != nullptr)
+        LLVMFuzzerInitialize(&argc, &argv);
     for (int i = 1; i < argc; ++i) {
         if (!std::filesystem::is_directory(argv[i])) {
             replay(argv[i]);

@@ -1,0 +1,40 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "ConnectionTestTools.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+
+#include <sys/resource.h>
+
+namespace VornTest {
+
+namespace {
+
+long statusKiB(const std::string& label) {
+    const std::string status = readTextFile("/proc/self/status");
+    return std::strtol(status.c_str() + status.find(label) + label.size(), nullptr, 10);
+}
+
+} // namespace
+
+void limitMemory() {
+#ifndef VORNTEST_UNDER_SANITIZER
+    const rlimit limit = {512UL * 1024 * 1024, 512UL * 1024 * 1024};
+    if (::setrlimit(RLIMIT_AS, &limit) != 0) {
+        throw std::system_error(errno, std::generic_category(), "setrlimit(RLIMIT_AS)");
+    }
+#endif
+}
+
+long peakResidentKiB() {
+    return statusKiB("VmHWM:");
+}
+
+long residentKiB() {
+    return statusKiB("VmRSS:");
+}
+
+} // namespace VornTest

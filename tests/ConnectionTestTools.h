@@ -1,0 +1,203 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef VORNTEST_CONNECTIONTESTTOOLS_H
+#define VORNTEST_CONNECTIONTESTTOOLS_H
+
+#include "Posix.h"
+
+#include <VornConnection.h>
+#include <VornException.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+/**
+ * @file
+ * What the tests of the connections have in common: failures and results of raw operations as values that can
+ * be compared and printed, and connected pairs of plain sockets.
+ */
+namespace VornTest {
+
+inline const char readFailed[] = "VornConnection::get: failed read";
+inline const char writeFailed[] = "VornConnection::put: transfer failed.";
+inline const char serviceFailed[] = "VornConnection::connectToService: connection to remote service failed.";
+
+/// What a VornException says.
+struct Failure {
+    std::string text;
+    int code = 0;
+
+    friend bool operator==(const Failure& left, const Failure& right) = default;
+};
+
+inline void PrintTo(const Failure& failure, std::ostream* out) {
+    *out << '"' << failure.text << "\", code " << failure.code;
+}
+
+inline Failure failure(const std::string& text, int code) {
+    return {text, code};
+}
+
+/// The VornException that @p operation ends with, if it does.
+template <typename Operation>
+std::optional<Failure> failureOf(Operation&& operation) {
+    try {
+        operation();
+        return std::nullopt;
+    } catch (const VornNet::VornException& exception) {
+        return Failure{exception.getText(), exception.getCode()};
+    }
+}
+
+/// What out-parameters hold before a call, so that one which the call leaves alone is seen.
+inline constexpr int untouched = -77;
+
+/// What a raw read or write hands back.
+struct RawResult {
+    long count = 0;
+    long error = 0;
+
+    friend bool operator==(const RawResult& left, const RawResult& right) = default;
+};
+
+inline void PrintTo(const RawResult& result, std::ostream* out) {
+    *out << "count " << result.count << ", error " << result.error;
+}
+
+inline RawResult raw(long count, long error) {
+    return {count, error};
+}
+
+inline RawResult rawWrite(VornNet::VornConnection& connection, const std::string& data) {
+    long error = untouched;
+    const long count = connection.transfer(data.data(), static_cast<long>(data.size()), &error);
+    return {count, error};
+}
+
+/// Reads into the front of @p buffer.
+inline RawResult rawRead(VornNet::VornConnection& connection, std::string& buffer, long toRead,
+                         bool waitForAll) {
+    long error = untouched;
+    const long count = connection.receive(buffer.data(), toRead, &error, waitForAll);
+    return {count, error};
+}
+
+/// What a raw look hands back, and the bytes it found.
+struct PeekResult {
+    bool result = false;
+    int size = 0;
+    int error = 0;
+    std::string data;
+
+    friend bool operator==(const PeekResult& left, const PeekResult& right) = default;
+};
+
+inline void PrintTo(const PeekResult& result, std::ostream* out) {
+    *out << (result.result ? "true" : "false") << ", size " << result.size << ", error " << result.error
+         << ", data \"" << result.data << '"';
+}
+
+/// The data of a look that failed is left empty.
+inline PeekResult peek(VornNet::VornConnection& connection, int size) {
+    std::string buffer(static_cast<std::size_t>(size > 0 ? size : 0), '\0');
+    PeekResult result{false, size, untouched, {}};
+    result.result = connection.peekBytes(buffer.data(), result.size, result.error);
+    if (result.result) {
+        result.data = buffer.substr(0, static_cast<std::size_t>(result.size));
+    }
+    return result;
+}
+
+inline PeekResult peeked(bool result, int size, int error, const std::string& data = {}) {
+    return {result, size, error, data};
+}
+
+/// Two ends of one connection: @p ours goes to what is tested, @p peer stays plain.
+struct SocketPair {
+    UniqueFd ours;
+    UniqueFd peer;
+};
+
+inline SocketPair tcpPair() {
+    int port = 0;
+    const UniqueFd listener = tcpListen("127.0.0.1", port);
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    UniqueFd ours = acceptClient(listener.get());
+    return {std::move(ours), std::move(peer)};
+}
+
+inline SocketPair unixPair(const std::string& path) {
+    const UniqueFd listener = unixListen(path);
+    UniqueFd peer = unixConnect(path);
+    ::unlink(path.c_str());
+    UniqueFd ours = acceptClient(listener.get());
+    return {std::move(ours), std::move(peer)};
+}
+
+/// Fills the socket's way out, so that the next send() blocks without having taken a byte.
+inline void fillWayOut(int fd) {
+    const std::vector<char> block(65536);
+    while (::send(fd, block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+    while (::send(fd, block.data(), 1, MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+}
+
+inline bool isCloseOnExec(int fd) {
+    return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#    define VORNTEST_UNDER_SANITIZER
+#elif defined(__has_feature)
+#    if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#        define VORNTEST_UNDER_SANITIZER
+#    endif
+#endif
+
+/**
+ * The environment of a role in which 512 MiB are more than malloc() gives.
+ *
+ * A sanitizer needs terabytes of address space, so its allocator is told to refuse; elsewhere the role limits
+ * its address space.
+ */
+inline std::vector<std::string> scarceMemoryEnvironment() {
+    std::vector<std::string> result;
+    for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
+        const char* old = std::getenv(name);
+        const std::string options = old != nullptr ? std::string(old) + ":" : std::string();
+        result.push_back(std::string(name) + "=" + options +
+                         "allocator_may_return_null=1:max_allocation_size_mb=512");
+    }
+    return result;
+}
+
+/// To be called in such a role.
+void limitMemory();
+
+/// The most memory, in KiB, that the process has had resident so far.
+long peakResidentKiB();
+
+/// What counts as memory in these: a sanitizer's own notes on an allocation are a part of its size.
+#ifdef VORNTEST_UNDER_SANITIZER
+inline constexpr long noticeableKiB = 1024 * 1024;
+#else
+inline constexpr long noticeableKiB = 16 * 1024;
+#endif
+
+/// The memory, in KiB, that the process has resident now.
+long residentKiB();
+
+} // namespace VornTest
+
+#endif

@@ -1,0 +1,214 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * The programs of the other tests are linked with the library and so never unload it. This one is not: it has
+ * the support library alone, and its children load the plug-in, which brings the library with it.
+ */
+
+#include "LeakCheckedTest.h"
+#include "Posix.h"
+#include "Process.h"
+#include "SharedObject.h"
+#include "plugins/RegistryPlugin.h"
+
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <VornLogging.h>
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace VornTest;
+using VornSupport::VornLogging;
+using VornSupport::VornString;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+class ModuleTest : public LeakCheckedTest {};
+
+const std::string pluginFile = VORNTEST_REGISTRY_PLUGIN_FILE;
+const std::string neighbourFile = VORNTEST_NEIGHBOUR_FILE;
+
+/// Every record from now on becomes a line of standard output: its level and its text.
+void printRecords(int level) {
+    VornLogging::setRecordHandler([](int recordLevel, const VornString& text) {
+        std::cout << recordLevel << ' ' << text << std::endl;
+    });
+    VornLogging::getInstance().setLogLevel(level);
+}
+
+void printReleased() {
+    std::cout << "proxy released" << std::endl;
+}
+
+/// Which of the shared objects in question are mapped.
+void printMapped() {
+    const std::string maps = readTextFile("/proc/self/maps");
+    const auto isMapped = [&](const char* name) { return maps.find(name) != std::string::npos; };
+    std::cout << "mapped:" << (isMapped("libvornnet.so") ? " library" : "")
+              << (isMapped("libvornnet_test_registry_plugin") ? " plug-in" : "") << std::endl;
+}
+
+void registerProxies(const SharedObject& plugin, int count) {
+    for (long handle = 0; handle < count; ++handle) {
+        plugin.function<decltype(registerProxy)>("registerProxy")("pipe:quorax1f3a", handle, &printReleased);
+    }
+    std::cout << "registered " << plugin.function<decltype(registrySize)>("registrySize")() << std::endl;
+}
+
+std::vector<std::string> linesOf(ChildProcess child) {
+    std::vector<std::string> result;
+    std::istringstream output(child.readAllOutput());
+    for (std::string line; std::getline(output, line);) {
+        result.push_back(line);
+    }
+    EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
+    return result;
+}
+
+/// What readelf says of the library's symbols; the options select the table.
+std::string symbolsOf(const std::string& path, const std::string& option) {
+    ChildProcess readelf = ChildProcess::spawn({"readelf", "--wide", option, path});
+    std::string output = readelf.readAllOutput();
+    EXPECT_EQ(readelf.wait(), 0) << readelf.readAllErrors();
+    return output;
+}
+
+} // namespace
+
+KIT_ROLE(loadAndUnload) {
+    printRecords(std::stoi(args.at(0)));
+    for (int round = 0; round < 2; ++round) {
+        const SharedObject plugin(pluginFile);
+        printMapped();
+        std::cout << "found " << plugin.function<decltype(registrySize)>("registrySize")() << std::endl;
+        registerProxies(plugin, 2);
+    }
+    printMapped();
+    return 0;
+}
+
+KIT_ROLE(unloadWithoutRegistry) {
+    printRecords(9);
+    { const SharedObject plugin(pluginFile); }
+    printMapped();
+    return 0;
+}
+
+KIT_ROLE(exitWhileLoaded) {
+    printRecords(9);
+    static const SharedObject* plugin = new SharedObject(pluginFile);
+    registerProxies(*plugin, 1);
+    return 0;
+}
+
+KIT_ROLE(exitWhileLoadedToStandardError) {
+    VornLogging::getInstance().setLogLevel(9);
+    static const SharedObject* plugin = new SharedObject(pluginFile);
+    registerProxies(*plugin, 1);
+    return 0;
+}
+
+KIT_ROLE(neighbourFirst) {
+    printRecords(9);
+    const SharedObject neighbour(neighbourFile, RTLD_NOW | RTLD_GLOBAL);
+    {
+        const SharedObject plugin(pluginFile, RTLD_NOW | RTLD_GLOBAL);
+        registerProxies(plugin, 1);
+    }
+    printMapped();
+    return 0;
+}
+
+KIT_ROLE(neighbourSecond) {
+    printRecords(9);
+    const SharedObject plugin(pluginFile, RTLD_NOW | RTLD_GLOBAL);
+    {
+        const SharedObject neighbour(neighbourFile, RTLD_NOW | RTLD_GLOBAL);
+        registerProxies(plugin, 1);
+    }
+    std::cout << "neighbour gone" << std::endl;
+    return 0;
+}
+
+TEST_F(ModuleTest,
+       WhenUnloaded_ReleasesTheProxiesBetweenItsTwoRecordsAndIsUnmapped_NextLoadFindsAnEmptyRegistry) {
+    const char entering[] = "9 vnet::Module::detach: entering";
+    const char exiting[] = "9 vnet::Module::detach: exiting";
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("loadAndUnload", "9")),
+                ElementsAre("mapped: library plug-in", "found 0", "registered 2", entering, "proxy released",
+                            "proxy released", exiting, "mapped: library plug-in", "found 0", "registered 2",
+                            entering, "proxy released", "proxy released", exiting, "mapped:"));
+}
+
+TEST_F(ModuleTest, WhenUnloadedAtALowerLogLevel_ReleasesTheProxiesWithoutARecord) {
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("loadAndUnload", "8")),
+                ElementsAre("mapped: library plug-in", "found 0", "registered 2", "proxy released",
+                            "proxy released", "mapped: library plug-in", "found 0", "registered 2",
+                            "proxy released", "proxy released", "mapped:"));
+}
+
+TEST_F(ModuleTest, WhenUnloadedWithoutARegistry_WritesBothRecordsAndIsUnmapped) {
+    EXPECT_THAT(
+        linesOf(ChildProcess::spawnRole("unloadWithoutRegistry")),
+        ElementsAre("9 vnet::Module::detach: entering", "9 vnet::Module::detach: exiting", "mapped:"));
+}
+
+TEST_F(ModuleTest, WhenTheProcessExits_ReleasesTheProxiesBetweenItsTwoRecords) {
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("exitWhileLoaded")),
+                ElementsAre("registered 1", "9 vnet::Module::detach: entering", "proxy released",
+                            "9 vnet::Module::detach: exiting"));
+}
+
+TEST_F(ModuleTest, WhenTheProcessExitsWithoutAHandler_WritesBothRecordsToStandardError) {
+    ChildProcess child = ChildProcess::spawnRole("exitWhileLoadedToStandardError");
+    EXPECT_EQ(child.readAllOutput(), "registered 1\nproxy released\n");
+    const std::string errors = child.readAllErrors();
+    EXPECT_THAT(errors, testing::MatchesRegex("[^\n]* 9 [^\n]* vnet::Module::detach: entering\n"
+                                              "[^\n]* 9 [^\n]* vnet::Module::detach: exiting\n"));
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(ModuleTest, ANeighbourLibraryWithAClassModule_KeepsItsHooksWhenLoadedFirst) {
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("neighbourFirst")),
+                ElementsAre("neighbour attached", "registered 1", "9 vnet::Module::detach: entering",
+                            "proxy released", "9 vnet::Module::detach: exiting",
+                            "mapped:", "neighbour detached"));
+}
+
+TEST_F(ModuleTest, ANeighbourLibraryWithAClassModule_KeepsItsHooksWhenLoadedSecond) {
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("neighbourSecond")),
+                ElementsAre("neighbour attached", "registered 1", "neighbour detached", "neighbour gone",
+                            "9 vnet::Module::detach: entering", "proxy released",
+                            "9 vnet::Module::detach: exiting"));
+}
+
+TEST_F(ModuleTest, NoSymbolOfTheLibraries_IsUniqueInTheProcess) {
+    for (const std::string path : {VORNTEST_VORNNET_FILE, VORNTEST_VORNSUPT_FILE}) {
+        const std::string symbols = symbolsOf(path, "--symbols");
+        EXPECT_THAT(symbols, HasSubstr(" WEAK ")) << path;
+        EXPECT_THAT(symbols, Not(HasSubstr(" UNIQUE "))) << path;
+    }
+}
+
+TEST_F(ModuleTest, TheClassModule_IsNotVisibleOutside) {
+    const std::string symbols = symbolsOf(VORNTEST_VORNNET_FILE, "--dyn-syms");
+    EXPECT_THAT(symbols, HasSubstr("VornProxyDependentContainer"));
+    EXPECT_THAT(symbols, Not(HasSubstr("6Module")));
+}
+
+TEST_F(ModuleTest, TheThrownTypes_AreExported) {
+    EXPECT_THAT(symbolsOf(VORNTEST_VORNSUPT_FILE, "--dyn-syms"),
+                HasSubstr(" _ZTIN11VornSupport13VornExceptionE@"));
+    const std::string symbols = symbolsOf(VORNTEST_VORNNET_FILE, "--dyn-syms");
+    EXPECT_THAT(symbols, HasSubstr(" _ZTIN7VornNet32VornUnableToResolveNameExceptionE@"));
+    EXPECT_THAT(symbols, HasSubstr(" _ZTIN7VornNet35VornUnableToResolveAddressExceptionE@"));
+}

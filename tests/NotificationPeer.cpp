@@ -1,0 +1,378 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "NotificationPeer.h"
+
+#include "Interpose.h"
+#include "Sandbox.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+#include <VornException.h>
+#include <VornNotification.h>
+#include <VornProxyDependent.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace VornTest {
+
+namespace {
+
+constexpr const char* typeVariable = "QUORAX_CALLB_CONN_TYPE";
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+void bringLoopbackUp() {
+    const UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request = {};
+    std::memcpy(request.ifr_name, "lo", sizeof("lo"));
+    request.ifr_flags = IFF_UP | IFF_RUNNING;
+    if (!fd || ::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0) {
+        fail("ioctl(SIOCSIFFLAGS, lo up)");
+    }
+}
+
+void renameFile(const std::string& from, const std::string& to) {
+    if (std::rename(from.c_str(), to.c_str()) != 0) {
+        fail("rename(" + from + ")");
+    }
+}
+
+bool awaitWaitOf(Kind kind, pid_t tid) {
+    switch (kind) {
+    case Kind::pipe:
+        return awaitBlockedIn(tid, {SYS_select, SYS_pselect6, SYS_poll, SYS_ppoll});
+    case Kind::socket:
+        return awaitBlockedIn(tid, {SYS_accept, SYS_accept4});
+    case Kind::udp:
+        return awaitBlockedIn(tid, {SYS_recvfrom});
+    }
+    return false;
+}
+
+Kind kindOf(const std::string& address) {
+    const std::string kind = Target(address).kind;
+    if (kind == "udp") {
+        return Kind::udp;
+    }
+    return kind == "socket" ? Kind::socket : Kind::pipe;
+}
+
+std::string printEvent(int id, VornNet::VornConnection& connection) {
+    const std::string content = readToEnd(connection);
+    std::printf("%d %s\n", id, hex(content).c_str());
+    return content;
+}
+
+} // namespace
+
+std::string nameOf(Kind kind) {
+    switch (kind) {
+    case Kind::pipe:
+        return "pipe";
+    case Kind::socket:
+        return "socket";
+    case Kind::udp:
+        return "udp";
+    }
+    return {};
+}
+
+void PrintTo(Kind kind, std::ostream* out) {
+    *out << nameOf(kind);
+}
+
+void useKind(Kind kind) {
+    useTypeText(nameOf(kind));
+}
+
+void useTypeText(const std::string& value) {
+    if (::setenv(typeVariable, value.c_str(), 1) != 0) {
+        fail("setenv()");
+    }
+}
+
+void enterFreshNetwork() {
+    if (::unshare(CLONE_NEWNET) != 0) {
+        fail("unshare(CLONE_NEWNET)");
+    }
+    bringLoopbackUp();
+}
+
+std::string onWire(long value) {
+    const auto low = static_cast<unsigned long>(value);
+    std::string result;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        result += static_cast<char>(static_cast<unsigned char>(low >> shift));
+    }
+    return result + std::string(4, '\0');
+}
+
+pid_t tidOfThread(const std::string& name) {
+    pid_t result = 0;
+    for (const pid_t tid : threadIds()) {
+        std::string comm;
+        try {
+            comm = readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm");
+        } catch (const std::system_error&) {
+            continue; // it has just ended
+        }
+        if (comm == name + "\n" && result != 0) {
+            throw std::logic_error("two threads are called " + name);
+        }
+        result = comm == name + "\n" ? tid : result;
+    }
+    return result;
+}
+
+std::chrono::milliseconds processorTime(pid_t tid) {
+    const std::string stat = readTextFile("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    std::string skipped;
+    for (int i = 0; i < 11; ++i) {
+        fields >> skipped;
+    }
+    long user = 0;
+    long system = 0;
+    fields >> user >> system;
+    return std::chrono::milliseconds((user + system) * 1000 / ::sysconf(_SC_CLK_TCK));
+}
+
+std::string readToEnd(VornNet::VornConnection& connection) {
+    std::string result;
+    char letter = 0;
+    long error = 0;
+    while (connection.receive(&letter, 1, &error, false) == 1) {
+        result += letter;
+    }
+    return result;
+}
+
+WatchedSink::WatchedSink(Kind kind, const std::string& name) : m_kind(kind), m_tid(0) {
+    useKind(kind);
+    m_sink = std::make_unique<SinkProbe>(name);
+    m_tid = tidOfThread(name);
+}
+
+bool WatchedSink::awaitServing() const {
+    return awaitWaitOf(m_kind, m_tid);
+}
+
+bool WatchedSink::awaitReading() const {
+    return awaitBlockedIn(m_tid, {SYS_recvfrom});
+}
+
+RecordingCallback::RecordingCallback(int id, Action action)
+    : VornNotificationCallback(id), m_action(std::move(action)) {}
+
+std::vector<std::string> RecordingCallback::contents() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_contents;
+}
+
+bool RecordingCallback::awaitCalls(int count) const {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, defaultLimit,
+                              [&] { return m_contents.size() >= static_cast<std::size_t>(count); });
+}
+
+void RecordingCallback::doCallback(VornNet::VornSmartPointer<VornNet::VornConnection>& connection) {
+    const std::string content = m_action ? m_action(connection) : readToEnd(*connection);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_contents.push_back(content);
+    m_changed.notify_all();
+}
+
+CallbackPointer addCallback(VornNet::VornLibraryCallbackSink& sink, RecordingCallback::Action action) {
+    return addCallbackAs(sink.getCallbackContainer().getNewId(), sink, std::move(action));
+}
+
+CallbackPointer addCallbackAs(int id, VornNet::VornLibraryCallbackSink& sink,
+                              RecordingCallback::Action action) {
+    CallbackPointer callback = new RecordingCallback(id, std::move(action));
+    VornNet::VornNotificationCallback* base = callback;
+    sink.getCallbackContainer().add(base);
+    return callback;
+}
+
+MissingPipeDirectory::MissingPipeDirectory() : m_name(pipeDirectory()) {
+    m_name.pop_back(); // the slash
+    renameFile(m_name, m_name + "-gone");
+}
+
+MissingPipeDirectory::~MissingPipeDirectory() {
+    if (!m_isBack) {
+        std::rename((m_name + "-gone").c_str(), m_name.c_str());
+    }
+}
+
+std::string MissingPipeDirectory::pathNow(const std::string& name) const {
+    return m_name + "-gone/" + name;
+}
+
+void MissingPipeDirectory::putBack() {
+    renameFile(m_name + "-gone", m_name);
+    m_isBack = true;
+}
+
+void Gate::open() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isOpen = true;
+    m_changed.notify_all();
+}
+
+bool Gate::await() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, defaultLimit, [this] { return m_isOpen; });
+}
+
+bool Gate::isOpen() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_isOpen;
+}
+
+Target::Target(const std::string& address) {
+    const std::size_t first = address.find(':');
+    const std::size_t second = address.find(':', first + 1);
+    kind = address.substr(0, first);
+    place = address.substr(first + 1, second - first - 1);
+    if (second != std::string::npos) {
+        port = std::stoi(address.substr(second + 1));
+    }
+}
+
+UniqueFd connectToSink(const std::string& address) {
+    const Target target(address);
+    return target.kind == "pipe" ? unixConnect(pipePath(target.place))
+                                 : tcpConnect(target.place, target.port);
+}
+
+void sendByHand(const std::string& address, const std::string& data) {
+    const Target target(address);
+    if (target.kind == "udp") {
+        int port = 0;
+        const UniqueFd fd = udpSocket("0.0.0.0", port);
+        udpSendTo(fd.get(), target.place, target.port, data);
+    } else {
+        sendAll(connectToSink(address).get(), data);
+    }
+}
+
+void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std::string& content) {
+    const int before = callback->calls();
+    ASSERT_TRUE(sink.awaitServing()) << describeThreads();
+    sendByHand(sink.address(), onWire(callback->getId()) + content);
+    ASSERT_TRUE(callback->awaitCalls(before + 1)) << describeThreads();
+}
+
+std::vector<std::string> recordsOf(const std::string& className, const LogCapture& log) {
+    std::vector<std::string> result;
+    for (const LogCapture::Record& record : log.records()) {
+        if (record.text.rfind(className + "::", 0) == 0) {
+            result.push_back(std::to_string(record.level) + " " + record.text);
+        }
+    }
+    return result;
+}
+
+Traffic::Traffic(int threads) {
+    for (int i = 0; i < threads; ++i) {
+        m_threads.emplace_back([this] { send(); });
+    }
+}
+
+Traffic::~Traffic() {
+    m_ends = true;
+    for (std::thread& thread : m_threads) {
+        thread.join();
+    }
+}
+
+void Traffic::aim(const std::string& address) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_target = address;
+}
+
+std::string Traffic::target() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_target;
+}
+
+void Traffic::send() {
+    const std::string data = onWire(0) + onWire(1);
+    while (!m_ends) {
+        const std::string address = target();
+        try {
+            if (address.empty() || kindOf(address) == Kind::udp) {
+                if (!address.empty()) {
+                    sendByHand(address, data);
+                }
+                std::this_thread::yield();
+                continue;
+            }
+            // It waits for the end, as a queue that runs full stalls TCP's senders for a second.
+            const UniqueFd fd = connectToSink(address);
+            sendAll(fd.get(), data);
+            ::shutdown(fd.get(), SHUT_WR);
+            receiveToEnd(fd.get());
+        } catch (const std::system_error&) {
+            // The sink is just closed; that is what the traffic is for.
+            std::this_thread::yield();
+        }
+    }
+}
+
+void NotificationTest::SetUp() {
+    useInterposition();
+    enterFreshNetwork();
+    LeakCheckedTest::SetUp();
+}
+
+void NotificationTest::TearDown() {
+    ::unsetenv(typeVariable);
+    LeakCheckedTest::TearDown();
+}
+
+int liveAsClient(int callbacks) {
+    SinkProbe sink("client");
+    const Kind kind = kindOf(sink.getCallbackAddress());
+    for (int i = 0; i < callbacks; ++i) {
+        const int id = sink.getCallbackContainer().getNewId();
+        addCallbackAs(id, sink, [id](auto& connection) { return printEvent(id, *connection); });
+    }
+    std::printf("%s\n", sink.getCallbackAddress().c_str());
+    for (std::string line; std::getline(std::cin, line);) {
+        std::printf("%s\n", awaitWaitOf(kind, tidOfThread("client")) ? "ready" : "stuck");
+    }
+    return 0;
+}
+
+int liveAsService(const std::string& address, long handle) {
+    const VornNet::VornSmartPointer<VornNet::VornProxyDependent> proxy =
+        new VornNet::VornProxyDependent(address, handle);
+    for (std::string line; std::getline(std::cin, line);) {
+        try {
+            proxy->remoteNotify(VornSupport::VornNotification(std::stoi(line)));
+            std::printf("sent\n");
+        } catch (const VornSupport::VornException& exception) {
+            std::printf("failed %d %s\n", exception.getCode(), exception.getText().c_str());
+        }
+    }
+    return 0;
+}
+
+} // namespace VornTest

@@ -1,0 +1,237 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef VORNTEST_NOTIFICATIONPEER_H
+#define VORNTEST_NOTIFICATIONPEER_H
+
+#include "Await.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <VornConnection.h>
+#include <VornLibraryCallbackSink.h>
+#include <VornNotificationCallback.h>
+#include <VornSmartPointer.h>
+
+/**
+ * @file
+ * What the tests of notifications have in common: sinks that are watched, callbacks that remember, and
+ * senders of plain POSIX calls.
+ */
+namespace VornTest {
+
+/// The roads on which a sink can be reached.
+enum class Kind { pipe, socket, udp };
+
+/// As in callback addresses and in the environment variable.
+std::string nameOf(Kind kind);
+
+/// For GoogleTest's messages and names of tests.
+void PrintTo(Kind kind, std::ostream* out);
+
+/// Makes sinks of that kind the ones which are made.
+void useKind(Kind kind);
+
+/// Makes @p value what the environment says about the kind.
+void useTypeText(const std::string& value);
+
+/// Gives the calling thread, and those it starts, a network of nothing but `lo`: every port is free there.
+void enterFreshNetwork();
+
+/// A number as it travels.
+std::string onWire(long value);
+
+/// The system's number of the only thread with this name; 0 if there is none.
+pid_t tidOfThread(const std::string& name);
+
+/// Processor time that a thread of this process has used.
+std::chrono::milliseconds processorTime(pid_t tid);
+
+/// What is left of the connection, read byte by byte until the other side has closed.
+std::string readToEnd(VornNet::VornConnection& connection);
+
+/// A sink with its inside open to tests.
+class SinkProbe : public VornNet::VornLibraryCallbackSink {
+public:
+    using VornLibraryCallbackSink::VornLibraryCallbackSink;
+
+    using VornLibraryCallbackSink::m_bThreadStarted;
+    using VornLibraryCallbackSink::m_nCallbackServerPort;
+    using VornLibraryCallbackSink::m_sCallbackName;
+    using VornLibraryCallbackSink::m_sCallbackType;
+    using VornLibraryCallbackSink::m_sIpAddr;
+    using VornLibraryCallbackSink::m_spCallbackServer;
+    using VornLibraryCallbackSink::tryNextPort;
+};
+
+/// A sink whose thread is known.
+class WatchedSink {
+public:
+    explicit WatchedSink(Kind kind, const std::string& name = "sink");
+
+    SinkProbe* operator->() const { return m_sink.get(); }
+
+    SinkProbe& operator*() const { return *m_sink; }
+
+    pid_t tid() const { return m_tid; }
+
+    /// Waits until the sink's thread waits for a client. What came before must be known to be over.
+    bool awaitServing() const;
+
+    /// Waits until the sink's thread waits for bytes of a client of a stream kind.
+    bool awaitReading() const;
+
+    /// Waits until run() has returned or thrown.
+    bool awaitEnd() const { return m_sink->wait(static_cast<int>(defaultLimit.count())); }
+
+    std::string address() const { return m_sink->getCallbackAddress(); }
+
+    /// Destroys the sink.
+    void destroy() { m_sink.reset(); }
+
+private:
+    Kind m_kind;
+    std::unique_ptr<SinkProbe> m_sink;
+    pid_t m_tid;
+};
+
+/// A callback that remembers what it was called with.
+class RecordingCallback : public VornNet::VornNotificationCallback {
+public:
+    /// What is done with a connection; the result is remembered.
+    using Action = std::function<std::string(VornNet::VornSmartPointer<VornNet::VornConnection>&)>;
+
+    RecordingCallback(int id, Action action);
+
+    /// The contents of the notifications so far.
+    std::vector<std::string> contents() const;
+
+    int calls() const { return static_cast<int>(contents().size()); }
+
+    /// Waits until there have been at least @p count calls.
+    bool awaitCalls(int count) const;
+
+protected:
+    void doCallback(VornNet::VornSmartPointer<VornNet::VornConnection>& connection) override;
+
+private:
+    Action m_action;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
+    std::vector<std::string> m_contents;
+};
+
+using CallbackPointer = VornNet::VornSmartPointer<RecordingCallback>;
+
+/// Registers a callback under the next id; without an action it reads to the end of the stream.
+CallbackPointer addCallback(VornNet::VornLibraryCallbackSink& sink, RecordingCallback::Action action = {});
+
+/// The same under an id of the test's choice.
+CallbackPointer addCallbackAs(int id, VornNet::VornLibraryCallbackSink& sink,
+                              RecordingCallback::Action action = {});
+
+/// The pipe directory is out of the way while this exists.
+class MissingPipeDirectory {
+public:
+    MissingPipeDirectory();
+    ~MissingPipeDirectory();
+    MissingPipeDirectory(const MissingPipeDirectory&) = delete;
+    MissingPipeDirectory& operator=(const MissingPipeDirectory&) = delete;
+
+    /// Where a pipe that was there before is now.
+    std::string pathNow(const std::string& name) const;
+
+    void putBack();
+
+private:
+    std::string m_name;
+    bool m_isBack = false;
+};
+
+/// Something that one thread opens for others.
+class Gate {
+public:
+    void open();
+    /// Waits until it is open; false if that takes too long.
+    bool await();
+    bool isOpen();
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_isOpen = false;
+};
+
+/// A callback address taken apart.
+struct Target {
+    explicit Target(const std::string& address);
+
+    std::string kind;
+    std::string place; ///< the name of the pipe, or the host
+    int port = 0;
+};
+
+/// A connection of plain POSIX calls to a sink of a stream kind.
+UniqueFd connectToSink(const std::string& address);
+
+/// Sends the bytes to a sink as one notification, and closes.
+void sendByHand(const std::string& address, const std::string& data);
+
+/// Sends to the sink by hand when it is waiting, and returns when the callback has been called.
+void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std::string& content);
+
+/// The records of the class, each with its level in front.
+std::vector<std::string> recordsOf(const std::string& className, const LogCapture& log);
+
+/// Sends notifications for id 0 without pause, wherever it is aimed at, while it exists.
+class Traffic {
+public:
+    explicit Traffic(int threads);
+    ~Traffic();
+    Traffic(const Traffic&) = delete;
+    Traffic& operator=(const Traffic&) = delete;
+
+    void aim(const std::string& address);
+
+private:
+    void send();
+    std::string target();
+
+    std::mutex m_mutex;
+    std::string m_target;
+    std::atomic<bool> m_ends{false};
+    std::vector<std::thread> m_threads;
+};
+
+/// A test in a network of its own.
+class NotificationTest : public LeakCheckedTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+/**
+ * The life of a client in a process of its own: it makes a sink with @p callbacks callbacks and prints the
+ * address, then a line "<id> <bytes>" for each notification. The line "ready" is answered when the sink is
+ * waiting; the end of the input ends it.
+ */
+int liveAsClient(int callbacks);
+
+/// The life of a service: notifies of every id that comes in, and prints "sent", or "failed <code> <text>".
+int liveAsService(const std::string& address, long handle);
+
+} // namespace VornTest
+
+#endif

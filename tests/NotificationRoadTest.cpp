@@ -1,0 +1,198 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * The whole road of a notification, between processes.
+ */
+
+#include "NotificationPeer.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace VornTest;
+
+namespace {
+
+using testing::Values;
+
+class NotificationRoad : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+INSTANTIATE_TEST_SUITE_P(Kind, NotificationRoad, Values(Kind::pipe, Kind::socket, Kind::udp),
+                         [](const auto& parameter) { return nameOf(parameter.param); });
+
+/// A client in a process of its own.
+class Client {
+public:
+    explicit Client(Kind kind, int callbacks = 1)
+        : m_process(ChildProcess::spawnRoleWith({"QUORAX_CALLB_CONN_TYPE=" + nameOf(kind)}, "roadClient",
+                                                {std::to_string(callbacks)})),
+          m_address(m_process.readLine()) {}
+
+    const std::string& address() const { return m_address; }
+
+    ChildProcess& process() { return m_process; }
+
+    /// Waits until its sink can take the next notification. What it has received must have been read.
+    void awaitServing() {
+        m_process.writeLine("ready?");
+        ASSERT_EQ(m_process.readLine(), "ready");
+    }
+
+private:
+    ChildProcess m_process;
+    std::string m_address;
+};
+
+/// A service in a process of its own, with one client.
+class Service {
+public:
+    explicit Service(const std::string& address, int handle = 0)
+        : m_process(ChildProcess::spawnRole("roadService", address, std::to_string(handle))) {}
+
+    /// Lets it notify, and returns what became of it.
+    std::string notify(int id) {
+        m_process.writeLine(std::to_string(id));
+        return m_process.readLine();
+    }
+
+private:
+    ChildProcess m_process;
+};
+
+/// What a client prints when it has been told of an id.
+std::string eventLine(int callback, int id) {
+    return std::to_string(callback) + " " + hex(onWire(id));
+}
+
+/// A socat command that sends its standard input to the address.
+std::vector<std::string> socatTo(const std::string& address) {
+    const Target target(address);
+    if (target.kind == "pipe") {
+        return {"socat", "-u", "STDIN", "UNIX-CONNECT:" + pipePath(target.place)};
+    }
+    const std::string kind = target.kind == "udp" ? "UDP4-SENDTO:" : "TCP4:";
+    return {"socat", "-u", "STDIN", kind + target.place + ":" + std::to_string(target.port)};
+}
+
+} // namespace
+
+KIT_ROLE(roadClient) {
+    return liveAsClient(std::stoi(args.at(0)));
+}
+
+KIT_ROLE(roadService) {
+    return liveAsService(args.at(0), std::stol(args.at(1)));
+}
+
+TEST_P(NotificationRoad, FromPlainSenderToSink) {
+    Client client(GetParam());
+    client.awaitServing();
+    sendByHand(client.address(), bytes("00 00 00 00 00 00 00 00") + "what the client makes of it");
+    EXPECT_EQ(client.process().readLine(), "0 " + hex("what the client makes of it"));
+}
+
+TEST_P(NotificationRoad, FromProxyToPlainReceiver) {
+    UniqueFd fd;
+    int port = 0;
+    std::string address;
+    switch (GetParam()) {
+    case Kind::pipe:
+        fd = unixListen(pipePath("plain"));
+        address = "pipe:plain";
+        break;
+    case Kind::socket:
+        fd = tcpListen("127.0.0.1", port);
+        break;
+    case Kind::udp:
+        fd = udpSocket("127.0.0.1", port);
+        break;
+    }
+    if (address.empty()) {
+        address = nameOf(GetParam()) + ":127.0.0.1:" + std::to_string(port);
+    }
+    Service service(address, 7);
+    EXPECT_EQ(service.notify(12), "sent");
+    const std::string received =
+        GetParam() == Kind::udp ? receiveDatagram(fd.get()) : receiveToEnd(acceptClient(fd.get()).get());
+    EXPECT_EQ(hex(received), "00 00 00 07 00 00 00 00 00 00 00 0c 00 00 00 00");
+    ::unlink(pipePath("plain").c_str());
+}
+
+TEST_P(NotificationRoad, FromSocatToSink) {
+    Client client(GetParam());
+    client.awaitServing();
+    ChildProcess socat = ChildProcess::spawn(socatTo(client.address()));
+    socat.writeLine(onWire(0) + "said by socat");
+    socat.closeInput();
+    EXPECT_EQ(client.process().readLine(), "0 " + hex("said by socat\n"));
+    EXPECT_EQ(socat.wait(), 0) << socat.readAllErrors();
+}
+
+TEST_P(NotificationRoad, PacedNotificationsArriveOnceAndInOrder) {
+    Client client(GetParam());
+    Service service(client.address());
+    for (int id = 0; id < 50; ++id) {
+        client.awaitServing();
+        ASSERT_EQ(service.notify(id), "sent");
+        ASSERT_EQ(client.process().readLine(), eventLine(0, id));
+    }
+    client.process().closeInput();
+    EXPECT_EQ(client.process().wait(), 0);
+    EXPECT_EQ(client.process().readAllOutput(), "") << "nothing arrives twice";
+}
+
+TEST_P(NotificationRoad, EachClientGetsItsOwn) {
+    Client first(GetParam());
+    Client second(GetParam());
+    ASSERT_NE(first.address(), second.address());
+    Service toFirst(first.address());
+    Service toSecond(second.address());
+    for (int id = 0; id < 5; ++id) {
+        first.awaitServing();
+        second.awaitServing();
+        EXPECT_EQ(toFirst.notify(id), "sent");
+        EXPECT_EQ(toSecond.notify(100 + id), "sent");
+        EXPECT_EQ(first.process().readLine(), eventLine(0, id));
+        EXPECT_EQ(second.process().readLine(), eventLine(0, 100 + id));
+    }
+}
+
+TEST_P(NotificationRoad, EachCallbackGetsItsOwn) {
+    Client client(GetParam(), 3);
+    for (const int callback : {2, 0, 1}) {
+        Service service(client.address(), callback);
+        client.awaitServing();
+        EXPECT_EQ(service.notify(12), "sent");
+        EXPECT_EQ(client.process().readLine(), eventLine(callback, 12));
+    }
+}
+
+TEST_P(NotificationRoad, KilledClientIsNoticedByStreams) {
+    Client client(GetParam());
+    Service service(client.address());
+    client.awaitServing();
+    EXPECT_EQ(service.notify(1), "sent");
+    EXPECT_EQ(client.process().readLine(), eventLine(0, 1));
+    client.process().kill(SIGKILL);
+    EXPECT_EQ(client.process().wait(), 128 + SIGKILL);
+    switch (GetParam()) {
+    case Kind::pipe:
+        EXPECT_EQ(service.notify(2), "failed 111 VornPipeConnection::establish: connection request failed.");
+        break;
+    case Kind::socket:
+        EXPECT_EQ(service.notify(2),
+                  "failed 111 VornSocketConnection::establish: connection request failed.");
+        break;
+    case Kind::udp:
+        EXPECT_EQ(service.notify(2), "sent");
+        break;
+    }
+}

@@ -1,0 +1,484 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/**
+ * @file
+ * What every server does, whatever its kind and wherever it is bound. A further kind is a line of `kinds`.
+ */
+
+#include <VornPipeServer.h>
+#include <VornSSLServerSocket.h>
+#include <VornServerSocket.h>
+#include <VornUDPServerSocket.h>
+
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ServerTestSupport.h"
+
+#include <atomic>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using VornNet::VornCertificate;
+using VornNet::VornPipeServer;
+using VornNet::VornServerSocket;
+using VornNet::VornSSLServerSocket;
+using VornNet::VornUDPServerSocket;
+
+namespace {
+
+constexpr const char* pipeName = "conformance";
+
+// As large as a sink's, but the address sanitizer takes a hundredth of a second for such a block.
+constexpr unsigned int udpBuffer = underSanitizer ? 65536 : 16777215;
+
+/// A server whose port the test can learn, also when the system has chosen it.
+class Reachable {
+public:
+    virtual int boundPort() const = 0;
+
+protected:
+    ~Reachable() = default;
+};
+
+template <typename Server>
+class ReachableServer : public Server, public Reachable {
+public:
+    using Server::m_pSocketImpl;
+    using Server::Server;
+
+    int boundPort() const override { return localPort(socketOf(*this)); }
+};
+
+int portOf(VornIPCServer& server) {
+    return dynamic_cast<const Reachable&>(server).boundPort();
+}
+
+/// One way of having a server.
+struct ServerKind {
+    std::string name;
+    /// Makes a server; the port is one that no other test uses.
+    std::function<VornIPCServer*(int port)> make;
+    /// Makes a client that sends the bytes; empty for a kind whose servers never have clients.
+    std::function<UniqueFd(VornIPCServer& server, const std::string& data)> meet;
+    /// What a wait tells that a signal has interrupted.
+    std::optional<Failure> interrupted;
+    /// What a wait may tell that was closed at its very start.
+    std::optional<Failure> closedEarly;
+
+    friend void PrintTo(const ServerKind& kind, std::ostream* out) { *out << kind.name; }
+};
+
+ServerKind pipeKind(const std::string& name) {
+    return {name, [](int) { return new VornPipeServer(pipeName); },
+            [](VornIPCServer&, const std::string& data) {
+                UniqueFd peer = unixConnect(pipePath(pipeName));
+                sendAll(peer.get(), data);
+                return peer;
+            },
+            Failure{"VornPipeServer::waitForClient: pipe read error. ", 0},
+            Failure{"VornPipeServer::waitForClient: pipe not setup. ", 0}};
+}
+
+enum class Port { Fixed, Any };
+
+ServerKind tcpKind(const std::string& name, const char* bound, const char* reached, Port choice) {
+    return {name,
+            [=](int port) {
+                return new ReachableServer<VornServerSocket>(choice == Port::Any ? 0 : port, 5, bound);
+            },
+            [=](VornIPCServer& server, const std::string& data) {
+                UniqueFd peer = tcpConnect(reached, portOf(server));
+                sendAll(peer.get(), data);
+                return peer;
+            },
+            std::nullopt, std::nullopt};
+}
+
+ServerKind udpKind(const std::string& name, const char* bound, const char* reached, Port choice) {
+    return {name,
+            [=](int port) {
+                return new ReachableServer<VornUDPServerSocket>(choice == Port::Any ? 0 : port, bound,
+                                                                udpBuffer);
+            },
+            [=](VornIPCServer& server, const std::string& data) {
+                int own = 0;
+                UniqueFd peer = udpSocket(reached, own);
+                udpSendTo(peer.get(), reached, portOf(server), data);
+                return peer;
+            },
+            std::nullopt, std::nullopt};
+}
+
+ServerKind sslKind(const std::string& name) {
+    return {name,
+            [](int port) {
+                return new VornSSLServerSocket(port, VornCertificate("c.pem", "PEM", "k.pem", "PEM"), 5, "*");
+            },
+            {},
+            std::nullopt,
+            std::nullopt};
+}
+
+const std::vector<ServerKind>& kinds() {
+    static const std::vector<ServerKind> table = {
+        pipeKind("pipe"),
+        tcpKind("tcp", "*", "127.0.0.1", Port::Fixed),
+        tcpKind("tcp_loopback", "127.0.0.1", "127.0.0.1", Port::Fixed),
+        tcpKind("tcp_other_loopback", "127.0.0.2", "127.0.0.2", Port::Fixed),
+        tcpKind("tcp_lan", lanAddress, lanAddress, Port::Fixed),
+        tcpKind("tcp_any_port", "*", "127.0.0.1", Port::Any),
+        udpKind("udp", "*", "127.0.0.1", Port::Fixed),
+        udpKind("udp_loopback", "127.0.0.1", "127.0.0.1", Port::Fixed),
+        udpKind("udp_other_loopback", "127.0.0.2", "127.0.0.2", Port::Fixed),
+        udpKind("udp_lan", lanAddress, lanAddress, Port::Fixed),
+        udpKind("udp_any_port", "*", "127.0.0.1", Port::Any),
+        sslKind("ssl"),
+    };
+    return table;
+}
+
+/// Uses sockets of its own all the time; whoever touches one of them by a number it had before is found out.
+void useSockets() {
+    int tcpPort = 0;
+    const UniqueFd listener = tcpListen("127.0.0.1", tcpPort);
+    UniqueFd client = tcpConnect("127.0.0.1", tcpPort);
+    const UniqueFd accepted = acceptClient(listener.get());
+    sendAll(client.get(), "own");
+    EXPECT_EQ(receiveExactly(accepted.get(), 3), "own");
+    int udpPort = 0;
+    const UniqueFd datagrams = udpSocket("127.0.0.1", udpPort);
+    udpSendTo(datagrams.get(), "127.0.0.1", udpPort, "own");
+    EXPECT_EQ(receiveDatagram(datagrams.get()), "own");
+    reset(client);
+}
+
+/// A program that has inherited whatever is not closed when it is started, and lives as long as this.
+class Bystander {
+public:
+    Bystander() {
+        int ends[2];
+        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+        const UniqueFd readEnd(ends[0]);
+        m_writeEnd.reset(ends[1]);
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_adddup2(&actions, readEnd.get(), STDIN_FILENO);
+        char program[] = "cat";
+        char* const arguments[] = {program, nullptr};
+        EXPECT_EQ(::posix_spawnp(&m_pid, program, &actions, nullptr, arguments, environ), 0);
+        ::posix_spawn_file_actions_destroy(&actions);
+    }
+
+    ~Bystander() {
+        m_writeEnd.reset();
+        ::waitpid(m_pid, nullptr, 0);
+    }
+
+    Bystander(const Bystander&) = delete;
+    Bystander& operator=(const Bystander&) = delete;
+
+private:
+    UniqueFd m_writeEnd;
+    pid_t m_pid = -1;
+};
+
+class ServerConformance : public LeakCheckedTest, public testing::WithParamInterface<ServerKind> {
+protected:
+    void SetUp() override {
+        useInterposition();
+        addLocalAddress("lo:1", lanAddress);
+        LeakCheckedTest::SetUp();
+        static int nextPort = 5023;
+        m_spServer = GetParam().make(nextPort++);
+    }
+
+    void TearDown() override {
+        m_spServer = nullptr;
+        LeakCheckedTest::TearDown();
+    }
+
+    VornIPCServer& server() { return *m_spServer; }
+
+    static bool hasClients() { return static_cast<bool>(GetParam().meet); }
+
+    /// Waits until the thread can be met, or until its wait is over where there are no clients.
+    static void awaitReady(ClientWait& wait) {
+        if (hasClients()) {
+            wait.server().waitForInit();
+            ASSERT_TRUE(wait.awaitBlocked());
+        } else {
+            ASSERT_TRUE(awaitCondition([&] { return wait.thread().finished(); }));
+        }
+    }
+
+    /// One client is served, or none where there are none.
+    void serveClient(char value) {
+        ClientWait wait(server());
+        awaitReady(wait);
+        UniqueFd peer;
+        if (hasClients()) {
+            peer = GetParam().meet(server(), std::string("\0", 1) + value);
+        }
+        checkClient(wait.outcome(), value);
+        if (peer) {
+            reset(peer);
+        }
+    }
+
+    static void checkClient(const Outcome& outcome, char value) {
+        EXPECT_EQ(outcome.failure, std::nullopt);
+        ASSERT_EQ(outcome.client() != nullptr, hasClients());
+        if (hasClients()) {
+            EXPECT_EQ(outcome.client()->receiveShort(), value);
+            EXPECT_EQ(outcome.client()->getRemoteName(), "");
+            EXPECT_EQ(outcome.client()->refCount(), 1);
+        }
+    }
+
+    struct CycleResult {
+        int clients = 0;
+        std::optional<Failure> firstFailure;
+    };
+
+    /// So many waits, each of them ended by one of the closing threads.
+    CycleResult runCycles(int cycles, int closers);
+
+    VornSmartPointer<VornIPCServer> m_spServer;
+};
+
+ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int closers) {
+    CycleResult result;
+    std::atomic<bool> over{false};
+    WatchedThread waiter([&] {
+        for (int i = 0; i < cycles; ++i) {
+            const Outcome outcome = waitFor(server());
+            result.clients += outcome.client() != nullptr ? 1 : 0;
+            if (!result.firstFailure && outcome.failure != GetParam().closedEarly) {
+                result.firstFailure = outcome.failure;
+            }
+        }
+        over = true;
+    });
+    std::vector<std::unique_ptr<WatchedThread>> threads;
+    for (int i = 0; i < closers; ++i) {
+        threads.push_back(std::make_unique<WatchedThread>([&] {
+            while (!over) {
+                server().close();
+                std::this_thread::yield();
+            }
+        }));
+    }
+    waiter.join(std::chrono::seconds(100));
+    for (const auto& thread : threads) {
+        EXPECT_TRUE(thread->join());
+    }
+    return result;
+}
+
+} // namespace
+
+TEST_P(ServerConformance, WhenNew_ServesAClient) {
+    serveClient('x');
+}
+
+TEST_P(ServerConformance, ServesOneClientAfterAnother) {
+    for (const char value : {'a', 'b', 'c'}) {
+        serveClient(value);
+    }
+}
+
+TEST_P(ServerConformance, WhenClosedBeforeTheFirstWait_ServesAfterwards) {
+    server().close();
+    serveClient('x');
+}
+
+TEST_P(ServerConformance, WhenClosedAgainAndAgain_ServesAfterwards) {
+    for (const char value : {'a', 'b', 'c'}) {
+        serveClient(value);
+        server().close();
+        server().close();
+        server().close();
+    }
+}
+
+TEST_P(ServerConformance, WhenClosedAfterEachOf200Clients_ServesThemAll) {
+    for (int i = 0; i < 200 && !HasFailure(); ++i) {
+        serveClient(static_cast<char>(i % 100));
+        server().close();
+    }
+}
+
+TEST_P(ServerConformance, WhenClosedWhileAThreadWaits_EndsTheWaitQuietly) {
+    ClientWait wait(server());
+    awaitReady(wait);
+    server().close();
+    expectQuiet(wait.outcome());
+}
+
+TEST_P(ServerConformance, WhenClosedWhileAThreadWaits_ServesAfterwards) {
+    for (const char value : {'a', 'b', 'c'}) {
+        ClientWait wait(server());
+        awaitReady(wait);
+        server().close();
+        expectQuiet(wait.outcome());
+        serveClient(value);
+    }
+}
+
+TEST_P(ServerConformance, WhenClosedWithAClientWaiting_DoesNotServeItLater) {
+    {
+        ClientWait first(server());
+        awaitReady(first);
+        UniqueFd peer;
+        UniqueFd pending;
+        if (hasClients()) {
+            peer = GetParam().meet(server(), std::string("\0\1", 2));
+            checkClient(first.outcome(), 1);
+            pending = GetParam().meet(server(), std::string("\0\2", 2));
+            reset(peer);
+        }
+        server().close();
+    }
+    ClientWait wait(server());
+    awaitReady(wait);
+    server().close();
+    expectQuiet(wait.outcome());
+}
+
+TEST_P(ServerConformance, WhenDestroyedWhileAThreadWaits_EndsTheWaitQuietly) {
+    ClientWait wait(server());
+    awaitReady(wait);
+    m_spServer = nullptr;
+    expectQuiet(wait.outcome());
+}
+
+TEST_P(ServerConformance, OpensNoDescriptorThatAnotherProgramWouldInherit) {
+    const std::map<int, std::string> before = descriptorTable();
+    ClientWait wait(server());
+    awaitReady(wait);
+    for (const auto& [fd, target] : descriptorTable()) {
+        EXPECT_TRUE(before.count(fd) != 0 || isCloseOnExec(fd)) << target;
+    }
+    server().close();
+    expectQuiet(wait.outcome());
+}
+
+TEST_P(ServerConformance, WhenAProgramWasStartedWhileItListened_ServesAgainAfterClose) {
+    ClientWait wait(server());
+    awaitReady(wait);
+    const Bystander bystander;
+    server().close();
+    expectQuiet(wait.outcome());
+    serveClient('x');
+}
+
+TEST_P(ServerConformance, WhenASignalInterruptsTheWait_EndsAsItsKindSays) {
+    const Interrupter interrupter;
+    ClientWait wait(server());
+    awaitReady(wait);
+    Interrupter::interrupt(wait.thread());
+    EXPECT_EQ(wait.outcome().client(), nullptr);
+    EXPECT_EQ(wait.outcome().failure, GetParam().interrupted);
+    serveClient('x');
+}
+
+TEST_P(ServerConformance, WithMoreThan1024DescriptorsOpen_ServesAndIsClosed) {
+    // What was opened at construction has a low number still.
+    server().close();
+    const ManyDescriptors many;
+    serveClient('x');
+    ClientWait wait(server());
+    awaitReady(wait);
+    server().close();
+    expectQuiet(wait.outcome());
+}
+
+TEST_P(ServerConformance, WhenTwoThreadsCloseAtOnce_NoDescriptorIsClosedTwice) {
+    const int rounds = underSanitizer ? 50 : 300;
+    int failedCloses = 0;
+    for (int i = 0; i < rounds; ++i) {
+        ClientWait wait(server());
+        awaitReady(wait);
+        const CallTrace trace;
+        std::atomic<int> ready{0};
+        const auto closeTogether = [&] {
+            ++ready;
+            while (ready < 2) {
+                std::this_thread::yield();
+            }
+            server().close();
+        };
+        WatchedThread first(closeTogether);
+        WatchedThread second(closeTogether);
+        expectQuiet(wait.outcome());
+        EXPECT_TRUE(first.join());
+        EXPECT_TRUE(second.join());
+        for (const CallRecord& call : trace.records("close")) {
+            failedCloses += call.error != 0 ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(failedCloses, 0);
+}
+
+TEST_P(ServerConformance, TenThousandCycles_HaveNoFailureNoStrayClientAndNoLeak) {
+    server().close();
+    const int before = openDescriptors();
+    const CycleResult result = runCycles(underSanitizer ? 1000 : 10000, 1);
+    EXPECT_EQ(result.clients, 0);
+    EXPECT_EQ(result.firstFailure, std::nullopt);
+    server().close();
+    EXPECT_EQ(openDescriptors(), before);
+    serveClient('x');
+}
+
+TEST_P(ServerConformance, CyclesWithTwoClosingThreads_NeverTouchASocketOfSomebodyElse) {
+    std::atomic<bool> over{false};
+    WatchedThread stranger([&] {
+        while (!over) {
+            useSockets();
+        }
+    });
+    const CycleResult result = runCycles(underSanitizer ? 300 : 1000, 2);
+    over = true;
+    EXPECT_TRUE(stranger.join(std::chrono::seconds(30)));
+    EXPECT_EQ(stranger.exceptionText(), std::nullopt);
+    EXPECT_EQ(result.clients, 0);
+    EXPECT_EQ(result.firstFailure, std::nullopt);
+    server().close();
+    serveClient('x');
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ServerConformance, testing::ValuesIn(kinds()),
+                         [](const testing::TestParamInfo<ServerKind>& row) { return row.param.name; });
+
+TEST(ServerConformanceCases, EveryKindHasTheSameNumber) {
+    std::map<std::string, int> cases;
+    const testing::UnitTest& all = *testing::UnitTest::GetInstance();
+    for (int i = 0; i < all.total_test_suite_count(); ++i) {
+        const testing::TestSuite& suite = *all.GetTestSuite(i);
+        for (int j = 0;
+             std::string(suite.name()) == "Kinds/ServerConformance" && j < suite.total_test_count(); ++j) {
+            const std::string name = suite.GetTestInfo(j)->name();
+            ++cases[name.substr(name.find('/') + 1)];
+        }
+    }
+    EXPECT_EQ(cases.size(), kinds().size());
+    for (const auto& [kind, count] : cases) {
+        std::cout << "server cases: " << kind << ' ' << count << '\n';
+        EXPECT_EQ(count, cases.begin()->second) << kind;
+    }
+}

@@ -1,0 +1,286 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef VORNTEST_SERVERTESTSUPPORT_H
+#define VORNTEST_SERVERTESTSUPPORT_H
+
+#include "Await.h"
+#include "Interpose.h"
+#include "LogCapture.h"
+#include "Posix.h"
+
+#include <VornException.h>
+#include <VornIPCServer.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+/**
+ * @file
+ * What the tests of the servers have in common.
+ */
+namespace VornTest {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr bool underSanitizer = true;
+#elif defined(__has_feature)
+#    if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+inline constexpr bool underSanitizer = true;
+#    else
+inline constexpr bool underSanitizer = false;
+#    endif
+#else
+inline constexpr bool underSanitizer = false;
+#endif
+
+using VornNet::VornConnection;
+using VornNet::VornException;
+using VornNet::VornIPCServer;
+using VornNet::VornSmartPointer;
+using VornNet::VornString;
+
+/// An address of this host that is no loopback address, see addLocalAddress().
+inline constexpr const char* lanAddress = "10.1.2.3";
+
+/// The names of the recorded calls but for pipe(), by which the undefined behaviour sanitizer tests
+/// addresses.
+inline std::vector<std::string> callsOf(const CallTrace& trace) {
+    std::vector<std::string> names = trace.names();
+    names.erase(std::remove(names.begin(), names.end(), "pipe"), names.end());
+    return names;
+}
+
+/// What an exception told.
+struct Failure {
+    std::string text;
+    int code = 0;
+
+    friend bool operator==(const Failure& left, const Failure& right) = default;
+};
+
+inline void PrintTo(const Failure& failure, std::ostream* out) {
+    *out << '"' << failure.text << "\" code " << failure.code;
+}
+
+/// What @p work throws, if it is a VornException.
+inline std::optional<Failure> failureOf(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const VornException& exception) {
+        return Failure{exception.getText(), exception.getCode()};
+    }
+    return std::nullopt;
+}
+
+/// How a wait for a client ended.
+struct Outcome {
+    VornSmartPointer<VornConnection> spClient;
+    std::optional<Failure> failure;
+
+    VornConnection* client() const { return spClient; }
+};
+
+inline Outcome waitFor(VornIPCServer& server, bool bIdentify = false) {
+    Outcome outcome;
+    outcome.failure = failureOf([&] { outcome.spClient = server.waitForClient(bIdentify); });
+    return outcome;
+}
+
+/// Checks that a wait ended without a client and without an exception.
+inline void expectQuiet(const Outcome& outcome) {
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.failure, std::nullopt);
+}
+
+/// A thread that waits for one client.
+class ClientWait {
+public:
+    explicit ClientWait(VornIPCServer& server, bool bIdentify = false)
+        : m_server(server), m_thread([this, bIdentify] { m_outcome = waitFor(m_server, bIdentify); }) {}
+
+    VornIPCServer& server() { return m_server; }
+
+    WatchedThread& thread() { return m_thread; }
+
+    bool awaitBlocked() { return awaitBlockedInIo(m_thread.tid()); }
+
+    /// Joins the thread.
+    const Outcome& outcome() {
+        m_thread.join();
+        return m_outcome;
+    }
+
+private:
+    VornIPCServer& m_server;
+    Outcome m_outcome;
+    WatchedThread m_thread;
+};
+
+/// How a server's waitForClientImpl() ended.
+struct ImplOutcome {
+    VornSmartPointer<VornConnection> spClient;
+    std::string text;
+    int code = 0;
+
+    VornConnection* client() const { return spClient; }
+};
+
+/// What the out-parameters hold before a call, to see whether they are touched.
+inline constexpr const char* untouchedText = "untouched";
+inline constexpr int untouchedCode = 4711;
+
+/// Runs waitForClientImpl() of a probe that makes it public.
+template <typename Probe>
+ImplOutcome waitForImpl(Probe& server, bool bIdentify = false) {
+    ImplOutcome outcome{{}, untouchedText, untouchedCode};
+    outcome.spClient = server.waitForClientImpl(bIdentify, outcome.text, outcome.code);
+    return outcome;
+}
+
+/// The socket of a probe that makes m_pSocketImpl public; -1 if there is none.
+template <typename Probe>
+int socketOf(const Probe& server) {
+    const void* cell = __atomic_load_n(&server.m_pSocketImpl, __ATOMIC_ACQUIRE);
+    return cell == nullptr ? -1 : *static_cast<const int*>(cell);
+}
+
+/// Reads a protected field of a connection that somebody else made.
+template <typename Value>
+Value fieldOf(const VornConnection* connection, Value VornConnection::*field) {
+    return connection->*field;
+}
+
+/// Holds a thread up at a point until the test lets it go on.
+class Checkpoint {
+public:
+    /// Called by the thread.
+    void pass() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_reached = true;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_open; });
+    }
+
+    bool awaitReached() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, defaultLimit, [this] { return m_reached; });
+    }
+
+    void open() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_reached = false;
+    bool m_open = false;
+};
+
+/// While it exists, interrupt() ends a system call of a thread with EINTR.
+class Interrupter {
+public:
+    Interrupter() {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGUSR1, &action, &m_old);
+    }
+
+    ~Interrupter() { ::sigaction(SIGUSR1, &m_old, nullptr); }
+
+    Interrupter(const Interrupter&) = delete;
+    Interrupter& operator=(const Interrupter&) = delete;
+
+    static void interrupt(WatchedThread& thread) { ::pthread_kill(thread.handle(), SIGUSR1); }
+
+private:
+    struct sigaction m_old = {};
+};
+
+/// Gives the loopback interface one more address; doing it again is harmless. @param label "lo:1", "lo:2"...
+inline void addLocalAddress(const char* label, const char* address) {
+    int port = 0;
+    const UniqueFd fd = udpSocket("127.0.0.1", port);
+    ifreq request = {};
+    std::strncpy(request.ifr_name, label, IFNAMSIZ - 1);
+    sockaddr_in value = {};
+    value.sin_family = AF_INET;
+    value.sin_addr.s_addr = ::inet_addr(address);
+    std::memcpy(&request.ifr_addr, &value, sizeof(value));
+    int status = ::ioctl(fd.get(), SIOCSIFADDR, &request);
+    value.sin_addr.s_addr = INADDR_NONE; // the address alone, not its whole class
+    std::memcpy(&request.ifr_netmask, &value, sizeof(value));
+    status = status == 0 ? ::ioctl(fd.get(), SIOCSIFNETMASK, &request) : status;
+    if (status != 0) {
+        throw std::system_error(errno, std::generic_category(), "address on lo");
+    }
+}
+
+/// Ends a connection without leaving its port in TIME_WAIT, whoever closes first.
+inline void reset(UniqueFd& peer) {
+    resetOnClose(peer.get());
+    peer.reset();
+}
+
+inline bool isCloseOnExec(int fd) {
+    return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+}
+
+/// While it exists, every new descriptor's number is above 1,024.
+class ManyDescriptors {
+public:
+    ManyDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &m_old);
+        rlimit raised = m_old;
+        raised.rlim_cur = std::max<rlim_t>(m_old.rlim_cur, enough + 200);
+        if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) {
+            throw std::system_error(errno, std::generic_category(), "setrlimit()");
+        }
+        int last = -1;
+        do {
+            last = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            m_descriptors.emplace_back(last);
+        } while (last != -1 && last < enough);
+        EXPECT_EQ(last, enough);
+    }
+
+    ~ManyDescriptors() {
+        m_descriptors.clear();
+        ::setrlimit(RLIMIT_NOFILE, &m_old);
+    }
+
+    ManyDescriptors(const ManyDescriptors&) = delete;
+    ManyDescriptors& operator=(const ManyDescriptors&) = delete;
+
+private:
+    static constexpr int enough = 1100;
+    rlimit m_old = {};
+    std::vector<UniqueFd> m_descriptors;
+};
+
+} // namespace VornTest
+
+#endif

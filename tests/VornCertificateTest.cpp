@@ -1,0 +1,108 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "LeakCheckedTest.h"
+
+#include <memory>
+#include <string>
+#include <type_traits>
+
+#include <VornCertificate.h>
+#include <gtest/gtest.h>
+
+using namespace VornTest;
+using VornNet::VornCertificate;
+using VornSupport::VornString;
+
+namespace {
+
+class VornCertificateTest : public LeakCheckedTest {};
+
+class Probe : public VornCertificate {
+public:
+    using VornCertificate::m_keyType;
+    using VornCertificate::m_type;
+    using VornCertificate::VornCertificate;
+};
+
+} // namespace
+
+TEST_F(VornCertificateTest, ReturnsThePathsUnchanged) {
+    const VornString odd("key \xFF\0 file", 11);
+    VornCertificate certificate("/no/such/file.pem", "PEM", odd, "DER");
+    EXPECT_EQ(certificate.getFile(), "/no/such/file.pem");
+    EXPECT_EQ(certificate.getKeyFile(), odd);
+}
+
+TEST_F(VornCertificateTest, WithAnyTypeTexts_BothTypesAreZero) {
+    for (const VornString text : {"", "PEM", "DER", "ASN1", "1", "no type at all"}) {
+        VornCertificate certificate("file", text, "key", text);
+        EXPECT_EQ(certificate.getType(), 0) << text;
+        EXPECT_EQ(certificate.getKeyType(), 0) << text;
+        EXPECT_EQ(VornCertificate::toType(text), 0) << text;
+    }
+}
+
+TEST_F(VornCertificateTest, Type_IsASigned32BitInteger) {
+    EXPECT_TRUE((std::is_same_v<VornCertificate::Type, int>));
+}
+
+TEST_F(VornCertificateTest, TheGetters_ReturnTheFieldsThemselves) {
+    Probe certificate("file", "PEM", "key", "PEM");
+    certificate.m_type = 3;
+    certificate.m_keyType = 4;
+    EXPECT_EQ(certificate.getType(), 3);
+    EXPECT_EQ(certificate.getKeyType(), 4);
+    EXPECT_EQ(&certificate.getFile(), &certificate.getFile());
+    EXPECT_EQ(&certificate.getKeyFile(), &certificate.getKeyFile());
+}
+
+TEST_F(VornCertificateTest, ACopy_HasEveryFieldAndIsIndependent) {
+    Probe original("file", "PEM", "key", "PEM");
+    original.m_type = 3;
+    original.m_keyType = 4;
+    Probe copy(original);
+    EXPECT_EQ(copy.getFile(), "file");
+    EXPECT_EQ(copy.getType(), 3);
+    EXPECT_EQ(copy.getKeyFile(), "key");
+    EXPECT_EQ(copy.getKeyType(), 4);
+    copy = Probe("other", "", "other key", "");
+    EXPECT_EQ(original.getFile(), "file");
+    EXPECT_EQ(original.getKeyFile(), "key");
+}
+
+TEST_F(VornCertificateTest, Assignment_TakesEveryField) {
+    Probe source("file", "PEM", "key", "PEM");
+    source.m_type = 3;
+    source.m_keyType = 4;
+    Probe target("", "", "", "");
+    target = source;
+    EXPECT_EQ(target.getFile(), "file");
+    EXPECT_EQ(target.getType(), 3);
+    EXPECT_EQ(target.getKeyFile(), "key");
+    EXPECT_EQ(target.getKeyType(), 4);
+}
+
+TEST_F(VornCertificateTest, AssignmentToItself_ChangesNothing) {
+    VornCertificate certificate("a path that is too long to be kept inside the text object itself", "PEM",
+                                "another path that is too long to be kept inside the text object", "PEM");
+    const VornCertificate& same = certificate;
+    certificate = same;
+    EXPECT_EQ(certificate.getFile(), "a path that is too long to be kept inside the text object itself");
+    EXPECT_EQ(certificate.getKeyFile(), "another path that is too long to be kept inside the text object");
+}
+
+TEST_F(VornCertificateTest, TheGetters_AreVirtual) {
+    class Renamed : public VornCertificate {
+    public:
+        Renamed() : VornCertificate("file", "", "key", "") {}
+
+        const VornString& getFile() override { return m_name; }
+
+    private:
+        VornString m_name = "renamed";
+    };
+
+    const std::unique_ptr<VornCertificate> certificate = std::make_unique<Renamed>();
+    EXPECT_EQ(certificate->getFile(), "renamed");
+}

@@ -1,0 +1,1210 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "ConnectionTestTools.h"
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+
+#include <VornLogging.h>
+#include <VornSmartPointer.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <limits>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace VornNet;
+using namespace VornTest;
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using Record = LogCapture::Record;
+
+/// One answer of a scripted peekBytes(); without a size the number of bytes is told.
+struct PeekStep {
+    std::string data;
+    int error = 0;
+    std::optional<int> size = std::nullopt;
+    bool result = true;
+};
+
+/**
+ * A transport which writes down every virtual call that reaches it and answers as the test has told it.
+ *
+ * Calls are written down at their beginning, so what a call leads to stands behind it.
+ */
+class ScriptedConnection : public VornConnection {
+public:
+    using VornConnection::transfer;
+    using VornConnection::VornConnection;
+
+    using VornConnection::m_bClientConnection;
+    using VornConnection::m_bConnected;
+    using VornConnection::m_bLocalAccess;
+    using VornConnection::m_bRaw;
+    using VornConnection::m_sPortName;
+    using VornConnection::m_sRemoteName;
+    using VornConnection::m_sServerName;
+    using VornConnection::m_sServiceName;
+
+    void disconnect() override { note("disconnect"); }
+
+    void transfer(int nValue) override {
+        note("transfer(int " + std::to_string(nValue) + ")");
+        VornConnection::transfer(nValue);
+    }
+
+    void transfer(short nValue) override {
+        note("transfer(short " + std::to_string(nValue) + ")");
+        VornConnection::transfer(nValue);
+    }
+
+    int receiveInt() override {
+        note("receiveInt");
+        return VornConnection::receiveInt();
+    }
+
+    int get(void* pBuffer, int nSize) override {
+        note("get " + std::to_string(nSize));
+        return VornConnection::get(pBuffer, nSize);
+    }
+
+    void put(void* pBuffer, int nSize) override {
+        note("put " + std::to_string(nSize));
+        VornConnection::put(pBuffer, nSize);
+    }
+
+    bool peekLine(char* pBuffer, int& nSize, int& nErrorCode) override {
+        note("peekLine " + std::to_string(nSize) + " error " + std::to_string(nErrorCode));
+        return VornConnection::peekLine(pBuffer, nSize, nErrorCode);
+    }
+
+    long transfer(const char* buf, long bufLen, long* error) override {
+        const std::string data(buf, static_cast<std::size_t>(bufLen));
+        note("send " + hex(data));
+        errorsOnEntry.push_back(*error);
+        onSend();
+        written += data;
+        *error = writeError;
+        return writeCount.value_or(bufLen);
+    }
+
+    long receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) override {
+        note("receive " + std::to_string(toRead) + (bWaitForAll ? " all" : " some"));
+        errorsOnEntry.push_back(*error);
+        onReceive();
+        const std::size_t count = std::min(incoming.size(), static_cast<std::size_t>(toRead));
+        std::memcpy(bufPtr, incoming.data(), count);
+        incoming.erase(0, count);
+        *error = readError;
+        return readCount.value_or(static_cast<long>(count));
+    }
+
+    bool peekBytes(void* pBuffer, int& nSize, int& nErrorCode) override {
+        note("peekBytes " + std::to_string(nSize));
+        if (peekSteps.empty()) {
+            const PeekStep waiting{incoming, 0, std::nullopt, !incoming.empty()};
+            return answer(waiting, pBuffer, nSize, nErrorCode);
+        }
+        const PeekStep step = peekSteps.front();
+        peekSteps.pop_front();
+        return answer(step, pBuffer, nSize, nErrorCode);
+    }
+
+    void initialize() override { note("initialize"); }
+
+    void cleanup() override {
+        note("cleanup");
+        VornConnection::cleanup();
+    }
+
+    bool connectToServiceImpl() override {
+        note("connectToServiceImpl");
+        return VornConnection::connectToServiceImpl();
+    }
+
+    int establishImpl(VornString& sExceptionMessage) override {
+        note("establish");
+        onEstablish();
+        messageOnEntry = sExceptionMessage;
+        sExceptionMessage = establishText;
+        return establishCode;
+    }
+
+    std::vector<std::string> calls;
+    std::vector<long> errorsOnEntry;
+    std::string messageOnEntry = "untouched";
+    std::string written;
+    std::string incoming;
+    std::deque<PeekStep> peekSteps;
+    std::string establishText;
+    int establishCode = 0;
+    long writeError = 0;
+    long readError = 0;
+    std::optional<long> writeCount;
+    std::optional<long> readCount;
+    std::function<void()> onEstablish = [] {};
+    std::function<void()> onSend = [] {};
+    std::function<void()> onReceive = [] {};
+
+private:
+    void note(const std::string& call) { calls.push_back(call); }
+
+    static bool answer(const PeekStep& step, void* pBuffer, int& nSize, int& nErrorCode) {
+        const std::size_t room = static_cast<std::size_t>(nSize);
+        const std::size_t count = std::min(step.data.size(), room);
+        std::memcpy(pBuffer, step.data.data(), count);
+        nSize = step.size.value_or(static_cast<int>(count));
+        nErrorCode = step.error;
+        return step.result;
+    }
+};
+
+/// The base's own hooks, which ScriptedConnection hides behind its records.
+class PlainConnection : public ScriptedConnection {
+public:
+    using ScriptedConnection::ScriptedConnection;
+
+    void initialize() override { VornConnection::initialize(); }
+
+    void cleanup() override { VornConnection::cleanup(); }
+};
+
+class VornConnectionTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+
+    ScriptedConnection connection;
+};
+
+/// peekLine() and getLine() with the pauses taken out; how many there were is still known.
+class VornConnectionLineTest : public VornConnectionTest {
+protected:
+    void SetUp() override {
+        VornConnectionTest::SetUp();
+        m_noPause.emplace("usleep", 0, 1, FaultRule::always);
+        m_noPause->returning(0);
+        m_trace.emplace(CallTrace::Scope::CallingThread);
+    }
+
+    void TearDown() override {
+        m_trace.reset();
+        m_noPause.reset();
+        VornConnectionTest::TearDown();
+    }
+
+    std::vector<long> pauses() const {
+        std::vector<long> result;
+        for (const CallRecord& record : m_trace->records("usleep")) {
+            result.push_back(record.second);
+        }
+        return result;
+    }
+
+    /// peekLine() on a buffer of this capacity, full of old bytes.
+    PeekResult peekLine(int capacity) {
+        m_line.fill('#');
+        PeekResult result{false, capacity, untouched, {}};
+        result.result = connection.peekLine(m_line.data(), result.size, result.error);
+        result.data = m_line.data();
+        return result;
+    }
+
+    /// getLine() on such a buffer; nullopt for null.
+    std::optional<std::string> getLine(int capacity) {
+        m_line.fill('#');
+        error = untouched;
+        const char* line = connection.getLine(m_line.data(), capacity, error);
+        if (line == nullptr) {
+            return std::nullopt;
+        }
+        EXPECT_EQ(static_cast<const void*>(line), static_cast<const void*>(m_line.data()));
+        return line;
+    }
+
+    int error = 0;
+    std::array<char, 128> m_line = {};
+
+private:
+    std::optional<FaultRule> m_noPause;
+    std::optional<CallTrace> m_trace;
+};
+
+using VornConnectionDeathTest = VornConnectionTest;
+
+const auto none = std::optional<Failure>();
+
+std::string noLineText(int count) {
+    return "VornConnection::peekLine: read " + std::to_string(count) + " without a <CRLF> pair";
+}
+
+std::string breakText(char character) {
+    return std::string("HTTPRequest::PeekLine: break on character = ") + character;
+}
+
+} // namespace
+
+// Construction, fields and accessors.
+
+TEST_F(VornConnectionTest, WhenMadeWithoutArguments_HasTheDefaults) {
+    EXPECT_FALSE(connection.m_bConnected);
+    EXPECT_FALSE(connection.m_bClientConnection);
+    EXPECT_EQ(connection.m_sRemoteName, "");
+    EXPECT_FALSE(connection.m_bRaw);
+    EXPECT_EQ(connection.m_sServiceName, "");
+    EXPECT_EQ(connection.m_sServerName, "");
+    EXPECT_EQ(connection.m_sPortName, "");
+    EXPECT_FALSE(connection.m_bLocalAccess);
+    EXPECT_THAT(connection.calls, IsEmpty());
+}
+
+TEST_F(VornConnectionTest, WhenMadeWithRemoteName_IsNotRaw) {
+    const ScriptedConnection named(true, "host1");
+    EXPECT_TRUE(named.m_bClientConnection);
+    EXPECT_EQ(named.m_sRemoteName, "host1");
+    EXPECT_FALSE(named.m_bRaw);
+    EXPECT_FALSE(named.m_bConnected);
+    EXPECT_FALSE(named.m_bLocalAccess);
+    EXPECT_EQ(named.m_sServiceName, "");
+}
+
+TEST_F(VornConnectionTest, WhenMadeRaw_KeepsTheFlagAndDoesNotConnect) {
+    const ScriptedConnection rawOne(false, true, "host2");
+    EXPECT_FALSE(rawOne.m_bClientConnection);
+    EXPECT_EQ(rawOne.m_sRemoteName, "host2");
+    EXPECT_TRUE(rawOne.m_bRaw);
+    EXPECT_FALSE(rawOne.m_bConnected);
+    EXPECT_THAT(rawOne.calls, IsEmpty());
+}
+
+TEST_F(VornConnectionTest, CannotBeCopied) {
+    EXPECT_FALSE(std::is_copy_constructible_v<VornConnection>);
+    EXPECT_FALSE(std::is_copy_assignable_v<VornConnection>);
+    EXPECT_FALSE(std::is_copy_constructible_v<ScriptedConnection>);
+    EXPECT_TRUE(std::is_abstract_v<VornConnection>);
+    EXPECT_TRUE((std::is_base_of_v<VornSupport::VornObjectBase, VornConnection>));
+}
+
+TEST_F(VornConnectionTest, WhenDestroyed_DoesNotDisconnect) {
+    static int disconnects;
+    disconnects = 0;
+
+    class Counting : public ScriptedConnection {
+    public:
+        void disconnect() override { ++disconnects; }
+    };
+
+    {
+        const VornSmartPointer<VornConnection> shared(new Counting);
+        EXPECT_EQ(shared->refCount(), 1);
+        shared->disconnect();
+    }
+    EXPECT_EQ(disconnects, 1);
+}
+
+TEST_F(VornConnectionTest, AccessorsReadAndWriteTheirFields) {
+    connection.m_sRemoteName = "remote";
+    connection.m_sServerName = "server";
+    connection.m_sPortName = "4711";
+    EXPECT_EQ(connection.getRemoteName(), "remote");
+    EXPECT_EQ(&connection.getRemoteName(), &connection.m_sRemoteName);
+    EXPECT_EQ(connection.getServerName(), "server");
+    EXPECT_EQ(connection.getPortName(), "4711");
+    connection.setServiceName("svc");
+    EXPECT_EQ(connection.m_sServiceName, "svc");
+    EXPECT_EQ(connection.getServiceName(), "svc");
+    connection.setLocalAccess(true);
+    EXPECT_TRUE(connection.m_bLocalAccess);
+    EXPECT_TRUE(connection.getLocalAccess());
+    connection.setLocalAccess(false);
+    EXPECT_FALSE(connection.getLocalAccess());
+    EXPECT_THAT(connection.calls, IsEmpty());
+}
+
+TEST_F(VornConnectionTest, AccessRightsAreOne) {
+    EXPECT_EQ(connection.getAccessRights(), 1U);
+}
+
+TEST_F(VornConnectionTest, WhenRawModeIsLeft_InitializesAgain) {
+    connection.setRaw(true);
+    EXPECT_TRUE(connection.m_bRaw);
+    EXPECT_THAT(connection.calls, IsEmpty());
+    connection.setRaw(false);
+    EXPECT_FALSE(connection.m_bRaw);
+    EXPECT_THAT(connection.calls, ElementsAre("initialize"));
+}
+
+TEST_F(VornConnectionTest, RawModeChangesNoEncodedByte) {
+    std::string bytesByMode[2];
+    for (const bool rawMode : {false, true}) {
+        ScriptedConnection one;
+        one.setRaw(rawMode);
+        one.transfer(1L);
+        one.transfer(VornString("abc"));
+        one.transferACK();
+        bytesByMode[rawMode ? 1 : 0] = hex(one.written);
+    }
+    EXPECT_EQ(bytesByMode[0], bytesByMode[1]);
+    EXPECT_EQ(bytesByMode[0], "00 00 00 01 00 00 00 00 00 00 00 03 61 62 63 00 01 00 00");
+}
+
+TEST_F(VornConnectionTest, CleanupOnlyMarksItUnconnected) {
+    PlainConnection plain;
+    plain.m_bConnected = true;
+    plain.m_bRaw = true;
+    plain.m_bLocalAccess = true;
+    plain.m_sServiceName = "svc";
+    plain.cleanup();
+    EXPECT_FALSE(plain.m_bConnected);
+    EXPECT_TRUE(plain.m_bRaw);
+    EXPECT_TRUE(plain.m_bLocalAccess);
+    EXPECT_EQ(plain.m_sServiceName, "svc");
+    EXPECT_THAT(plain.calls, IsEmpty());
+}
+
+TEST_F(VornConnectionTest, InitializeOfTheBaseDoesNothing) {
+    PlainConnection plain;
+    plain.setRaw(false);
+    EXPECT_FALSE(plain.m_bConnected);
+    EXPECT_THAT(plain.calls, IsEmpty());
+}
+
+// Establishing.
+
+TEST_F(VornConnectionTest, WhenEstablished_AsksTheTransportWithAnEmptyMessage) {
+    EXPECT_EQ(failureOf([&] { connection.establish(); }), none);
+    EXPECT_THAT(connection.calls, ElementsAre("establish"));
+    EXPECT_EQ(connection.messageOnEntry, "");
+}
+
+TEST_F(VornConnectionTest, WhenEstablishingGivesACode_ThrowsMessageAndCode) {
+    connection.establishText = "no way.";
+    connection.establishCode = 111;
+    EXPECT_EQ(failureOf([&] { connection.establish(); }), failure("no way.", 111));
+}
+
+TEST_F(VornConnectionTest, WhenEstablishingGivesACodeAlone_ThrowsAnEmptyText) {
+    connection.establishCode = 13;
+    EXPECT_EQ(failureOf([&] { connection.establish(); }), failure("", 13));
+}
+
+TEST_F(VornConnectionTest, WhenEstablishingGivesATextWithCodeZero_ThrowsToo) {
+    connection.establishText = serviceFailed;
+    EXPECT_EQ(failureOf([&] { connection.establish(); }), failure(serviceFailed, 0));
+}
+
+TEST_F(VornConnectionTest, WhenEstablishingFails_NoTypedOperationReadsOrWritesAByte) {
+    connection.establishText = "refused.";
+    connection.establishCode = 111;
+    connection.incoming = bytes("00 00 00 00 00 00 00 00");
+    const std::vector<std::function<void()>> operations = {
+        [&] { connection.transfer(1L); },
+        [&] { connection.transfer(1); },
+        [&] { connection.transfer(static_cast<short>(1)); },
+        [&] { connection.transfer(true); },
+        [&] { connection.transfer(VornString("abc")); },
+        [&] { connection.transfer("abc"); },
+        [&] { connection.transferACK(); },
+        [&] { connection.transferError(); },
+        [&] { connection.receiveLong(); },
+        [&] { connection.receiveInt(); },
+        [&] { connection.receiveShort(); },
+        [&] { connection.receiveString(); },
+    };
+    for (std::size_t i = 0; i < operations.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(failureOf(operations[i]), failure("refused.", 111));
+    }
+    EXPECT_EQ(connection.written, "");
+    EXPECT_EQ(connection.incoming.size(), 8U);
+    EXPECT_EQ(std::count(connection.calls.begin(), connection.calls.end(), "establish"),
+              static_cast<long>(operations.size()));
+}
+
+TEST_F(VornConnectionTest, WhenTheTransportThrows_TypedOperationsPassItUnchanged) {
+    connection.onEstablish = [] { throw VornException("own text", 42); };
+    EXPECT_EQ(failureOf([&] { connection.transfer(1); }), failure("own text", 42));
+    EXPECT_EQ(failureOf([&] { connection.receiveString(); }), failure("own text", 42));
+    connection.onEstablish = [] {};
+    connection.onSend = [] { throw VornException("send text", 43); };
+    EXPECT_EQ(failureOf([&] { connection.transfer(1); }), failure("send text", 43));
+    connection.onReceive = [] { throw VornException("receive text", 44); };
+    EXPECT_EQ(failureOf([&] { connection.receiveInt(); }), failure("receive text", 44));
+}
+
+// The typed encoding and the virtual calls it makes.
+
+TEST_F(VornConnectionTest, LongIsWrittenWithItsLowHalfFirst) {
+    connection.transfer(305419896L);
+    EXPECT_THAT(connection.calls, ElementsAre("establish", "put 8", "send 12 34 56 78 00 00 00 00"));
+}
+
+TEST_F(VornConnectionTest, LongCarriesOnlyItsLow32Bits) {
+    for (const auto& [value, expected] : std::vector<std::pair<long, std::string>>{
+             {-1L, "ff ff ff ff 00 00 00 00"},
+             {-5L, "ff ff ff fb 00 00 00 00"},
+             {0x100000000L, "00 00 00 00 00 00 00 00"},
+             {0x7FFFFFFF12345678L, "12 34 56 78 00 00 00 00"},
+             {std::numeric_limits<long>::min(), "00 00 00 00 00 00 00 00"},
+             {4294967295L, "ff ff ff ff 00 00 00 00"},
+         }) {
+        ScriptedConnection one;
+        one.transfer(value);
+        EXPECT_EQ(hex(one.written), expected) << value;
+    }
+}
+
+TEST_F(VornConnectionTest, IntIsWrittenMostSignificantByteFirst) {
+    connection.transfer(1);
+    EXPECT_THAT(connection.calls, ElementsAre("transfer(int 1)", "establish", "put 4", "send 00 00 00 01"));
+    connection.transfer(INT_MIN);
+    connection.transfer(-2);
+    EXPECT_EQ(hex(connection.written), "00 00 00 01 80 00 00 00 ff ff ff fe");
+}
+
+TEST_F(VornConnectionTest, ShortIsWrittenMostSignificantByteFirst) {
+    connection.transfer(static_cast<short>(-2));
+    EXPECT_THAT(connection.calls, ElementsAre("transfer(short -2)", "establish", "put 2", "send ff fe"));
+    connection.transfer(static_cast<short>(0x1234));
+    EXPECT_EQ(hex(connection.written), "ff fe 12 34");
+}
+
+TEST_F(VornConnectionTest, BoolGoesThroughTheVirtualShortWithoutEstablishingItself) {
+    connection.transfer(true);
+    EXPECT_THAT(connection.calls, ElementsAre("transfer(short 1)", "establish", "put 2", "send 00 01"));
+    connection.calls.clear();
+    connection.transfer(false);
+    EXPECT_THAT(connection.calls, ElementsAre("transfer(short 0)", "establish", "put 2", "send 00 00"));
+}
+
+TEST_F(VornConnectionTest, StringGoesThroughTheVirtualIntAndPut) {
+    connection.transfer(VornString("abc"));
+    EXPECT_THAT(connection.calls, ElementsAre("establish", "transfer(int 3)", "establish", "put 4",
+                                              "send 00 00 00 03", "put 3", "send 61 62 63"));
+}
+
+TEST_F(VornConnectionTest, EmptyStringIsItsLengthAlone) {
+    connection.transfer(VornString());
+    EXPECT_THAT(connection.calls,
+                ElementsAre("establish", "transfer(int 0)", "establish", "put 4", "send 00 00 00 00"));
+}
+
+TEST_F(VornConnectionTest, StringWithAZeroByteIsWrittenWhole) {
+    connection.transfer(VornString("a\0b", 3));
+    EXPECT_EQ(hex(connection.written), "00 00 00 03 61 00 62");
+}
+
+TEST_F(VornConnectionTest, LiteralIsWrittenAsTextAndNotAsBool) {
+    connection.transfer("abc");
+    EXPECT_EQ(hex(connection.written), "00 00 00 03 61 62 63");
+}
+
+TEST_F(VornConnectionTest, NullTextIsWrittenAsEmpty) {
+    connection.transfer(static_cast<const char*>(nullptr));
+    EXPECT_EQ(hex(connection.written), "00 00 00 00");
+}
+
+TEST_F(VornConnectionTest, AcknowledgementIsTwoShorts) {
+    connection.transferACK();
+    EXPECT_THAT(connection.calls,
+                ElementsAre("establish", "transfer(short 1)", "establish", "put 2", "send 00 01",
+                            "transfer(short 0)", "establish", "put 2", "send 00 00"));
+}
+
+TEST_F(VornConnectionTest, ErrorTokenIsTwoShorts) {
+    connection.transferError();
+    EXPECT_THAT(connection.calls,
+                ElementsAre("establish", "transfer(short 1)", "establish", "put 2", "send 00 01",
+                            "transfer(short -1)", "establish", "put 2", "send ff ff"));
+}
+
+TEST_F(VornConnectionTest, LongIsReadUnsignedAndItsLastBytesIgnored) {
+    connection.incoming = bytes("ff ff ff ff 00 00 00 00 ff ff ff fb 11 22 33 44 12 34 56 78 ff ff ff ff");
+    EXPECT_EQ(connection.receiveLong(), 4294967295L);
+    EXPECT_THAT(connection.calls, ElementsAre("establish", "get 8", "receive 8 all"));
+    EXPECT_EQ(connection.receiveLong(), 4294967291L);
+    EXPECT_EQ(connection.receiveLong(), 305419896L);
+    EXPECT_EQ(connection.incoming, "");
+}
+
+TEST_F(VornConnectionTest, IntIsReadThroughGet) {
+    connection.incoming = bytes("80 00 00 01 00 00 00 07");
+    EXPECT_EQ(connection.receiveInt(), -2147483647);
+    EXPECT_THAT(connection.calls, ElementsAre("receiveInt", "establish", "get 4", "receive 4 all"));
+    EXPECT_EQ(connection.receiveInt(), 7);
+}
+
+TEST_F(VornConnectionTest, ShortIsReadThroughGet) {
+    connection.incoming = bytes("ff fe 12 34");
+    EXPECT_EQ(connection.receiveShort(), -2);
+    EXPECT_THAT(connection.calls, ElementsAre("establish", "get 2", "receive 2 all"));
+    EXPECT_EQ(connection.receiveShort(), 0x1234);
+}
+
+TEST_F(VornConnectionTest, StringIsReadThroughTheVirtualIntAndGet) {
+    connection.incoming = bytes("00 00 00 03 61 62 63 64");
+    EXPECT_EQ(connection.receiveString(), "abc");
+    EXPECT_THAT(connection.calls, ElementsAre("establish", "receiveInt", "establish", "get 4",
+                                              "receive 4 all", "get 3", "receive 3 all"));
+    EXPECT_EQ(connection.incoming, "d");
+}
+
+TEST_F(VornConnectionTest, EmptyStringIsReadWithoutAFurtherRead) {
+    connection.incoming = bytes("00 00 00 00");
+    EXPECT_EQ(connection.receiveString(), "");
+    EXPECT_THAT(connection.calls,
+                ElementsAre("establish", "receiveInt", "establish", "get 4", "receive 4 all"));
+}
+
+TEST_F(VornConnectionTest, StringIsCutAtItsFirstZeroByteAndConsumedWhole) {
+    connection.incoming = bytes("00 00 00 03 61 00 62 7a");
+    EXPECT_EQ(connection.receiveString(), VornString("a"));
+    EXPECT_EQ(connection.incoming, "z");
+}
+
+TEST_F(VornConnectionTest, StringThatBeginsWithAZeroByteIsEmptyAndConsumedWhole) {
+    connection.incoming = bytes("00 00 00 02 00 62 7a");
+    EXPECT_EQ(connection.receiveString(), VornString());
+    EXPECT_EQ(connection.incoming, "z");
+}
+
+TEST_F(VornConnectionTest, LongStringIsReadInOneGet) {
+    const std::string text(300'000, 'x');
+    connection.incoming = bytes("00 04 93 e0") + text + "rest";
+    EXPECT_EQ(connection.receiveString(), text);
+    EXPECT_EQ(connection.incoming, "rest");
+    EXPECT_THAT(connection.calls, Contains("get 300000"));
+}
+
+TEST_F(VornConnectionTest, LongStringIsCutAtItsFirstZeroByteToo) {
+    const std::string text = std::string(70'000, 'x') + std::string(1, '\0') + std::string(29'999, 'y');
+    connection.incoming = bytes("00 01 86 a0") + text + "rest";
+    EXPECT_EQ(connection.receiveString(), std::string(70'000, 'x'));
+    EXPECT_EQ(connection.incoming, "rest");
+}
+
+TEST_F(VornConnectionTest, WhenReceiveIntIsOverridden_ReceiveStringTakesItsLengthFromThere) {
+    class FixedLength : public ScriptedConnection {
+    public:
+        int receiveInt() override { return 2; }
+    };
+
+    FixedLength fixed;
+    fixed.incoming = "hello";
+    EXPECT_EQ(fixed.receiveString(), "he");
+    EXPECT_EQ(fixed.incoming, "llo");
+}
+
+TEST_F(VornConnectionTest, WhenGetIsOverridden_TypedReadsSeeWhatItDelivers) {
+    class Filling : public ScriptedConnection {
+    public:
+        int get(void* pBuffer, int nSize) override {
+            std::memset(pBuffer, 1, static_cast<std::size_t>(nSize));
+            return nSize;
+        }
+    };
+
+    Filling filling;
+    EXPECT_EQ(filling.receiveShort(), 0x0101);
+    EXPECT_EQ(filling.receiveInt(), 0x01010101);
+    EXPECT_EQ(filling.receiveLong(), 0x01010101L);
+}
+
+TEST_F(VornConnectionTest, WhenPutAndTransferAreOverridden_NothingGoesPastThem) {
+    class Swallowing : public ScriptedConnection {
+    public:
+        using ScriptedConnection::transfer;
+
+        void put(void* /*pBuffer*/, int nSize) override { swallowed += nSize; }
+
+        void transfer(short nValue) override { shorts.push_back(nValue); }
+
+        int swallowed = 0;
+        std::vector<short> shorts;
+    };
+
+    Swallowing swallowing;
+    swallowing.transfer(7);
+    swallowing.transfer(VornString("abc"));
+    swallowing.transfer(7L);
+    swallowing.transfer(true);
+    swallowing.transferACK();
+    swallowing.transferError();
+    EXPECT_EQ(swallowing.swallowed, 4 + 4 + 3 + 8);
+    EXPECT_THAT(swallowing.shorts, ElementsAre(1, 1, 0, 1, -1));
+    EXPECT_EQ(swallowing.written, "");
+}
+
+TEST_F(VornConnectionTest, WhenTransferIntIsOverridden_StringLengthGoesThroughIt) {
+    class Lengths : public ScriptedConnection {
+    public:
+        using ScriptedConnection::transfer;
+
+        void transfer(int nValue) override { lengths.push_back(nValue); }
+
+        std::vector<int> lengths;
+    };
+
+    Lengths lengths;
+    lengths.transfer(VornString("abcd"));
+    EXPECT_THAT(lengths.lengths, ElementsAre(4));
+    EXPECT_EQ(lengths.written, "abcd");
+}
+
+// Lengths which a peer announces.
+
+TEST_F(VornConnectionTest, WhenAnnouncedLengthIsNegative_ReadFailsWithCodeZeroAndNothingElseIsRead) {
+    for (const char* length : {"ff ff ff ff", "ff ff ff fe", "80 00 00 00"}) {
+        SCOPED_TRACE(length);
+        ScriptedConnection hostile;
+        hostile.incoming = bytes(length) + "rest";
+        EXPECT_EQ(failureOf([&] { hostile.receiveString(); }), failure(readFailed, 0));
+        EXPECT_EQ(hostile.incoming, "rest");
+        EXPECT_THAT(hostile.calls,
+                    ElementsAre("establish", "receiveInt", "establish", "get 4", "receive 4 all"));
+    }
+}
+
+TEST_F(VornConnectionTest, WhenAnnouncedLengthIsHuge_ReadsItWithoutTouchingTheMemory) {
+    connection.incoming = bytes("7f ff ff ff") + "abc";
+    long during = LONG_MAX;
+    connection.onReceive = [&] {
+        connection.readError = connection.incoming.size() == 3 ? ENOTCONN : 0;
+        during = residentKiB();
+    };
+    const long before = residentKiB();
+    EXPECT_EQ(failureOf([&] { connection.receiveString(); }), failure(readFailed, ENOTCONN));
+    EXPECT_LT(during - before, noticeableKiB);
+    EXPECT_THAT(connection.calls, Contains("get 2147483647"));
+}
+
+#ifndef VORNTEST_UNDER_SANITIZER // which would need several times the two gigabytes
+
+TEST_F(VornConnectionTest, WhenAStringIsTooLongForItsLength_NothingIsWritten) {
+    class Lazy : public ScriptedConnection {
+    public:
+        using ScriptedConnection::transfer;
+
+        long transfer(const char* /*buf*/, long bufLen, long* /*error*/) override {
+            sent += bufLen;
+            return bufLen;
+        }
+
+        long sent = 0;
+    };
+
+    Lazy lazy;
+    const VornString text(static_cast<std::size_t>(INT_MAX) + 1, 'x');
+    EXPECT_EQ(failureOf([&] { lazy.transfer(text); }), failure(writeFailed, EMSGSIZE));
+    EXPECT_EQ(lazy.sent, 0);
+}
+
+#endif
+
+// get() and put().
+
+TEST_F(VornConnectionTest, GetAsksForAllAndReturnsTheSize) {
+    connection.incoming = "abcdef";
+    char buffer[4] = {};
+    EXPECT_EQ(connection.get(buffer, 4), 4);
+    EXPECT_EQ(std::string(buffer, 4), "abcd");
+    EXPECT_THAT(connection.calls, ElementsAre("get 4", "receive 4 all"));
+    EXPECT_THAT(connection.errorsOnEntry, ElementsAre(0));
+}
+
+TEST_F(VornConnectionTest, WhenFewerBytesCome_GetThrowsTheTransportsError) {
+    connection.incoming = "ab";
+    connection.readError = ECONNRESET;
+    char buffer[4] = {};
+    EXPECT_EQ(failureOf([&] { connection.get(buffer, 4); }), failure(readFailed, ECONNRESET));
+}
+
+TEST_F(VornConnectionTest, WhenFewerBytesComeWithoutAnError_GetThrowsCodeZero) {
+    connection.incoming = "ab";
+    char buffer[4] = {};
+    EXPECT_EQ(failureOf([&] { connection.get(buffer, 4); }), failure(readFailed, 0));
+}
+
+TEST_F(VornConnectionTest, WhenMoreBytesAreToldOf_GetThrowsToo) {
+    connection.readCount = 5;
+    char buffer[4] = {};
+    EXPECT_EQ(failureOf([&] { connection.get(buffer, 4); }), failure(readFailed, 0));
+}
+
+TEST_F(VornConnectionTest, WhenCountIsRight_GetDoesNotLookAtTheError) {
+    connection.incoming = "abcd";
+    connection.readError = EMSGSIZE;
+    char buffer[4] = {};
+    EXPECT_EQ(failureOf([&] { EXPECT_EQ(connection.get(buffer, 4), 4); }), none);
+}
+
+TEST_F(VornConnectionTest, WhenReadIsShort_EveryTypedReadFails) {
+    connection.incoming = "a";
+    connection.readError = ENOTCONN;
+    EXPECT_EQ(failureOf([&] { connection.receiveLong(); }), failure(readFailed, ENOTCONN));
+    EXPECT_EQ(failureOf([&] { connection.receiveInt(); }), failure(readFailed, ENOTCONN));
+    EXPECT_EQ(failureOf([&] { connection.receiveShort(); }), failure(readFailed, ENOTCONN));
+    EXPECT_EQ(failureOf([&] { connection.receiveString(); }), failure(readFailed, ENOTCONN));
+}
+
+TEST_F(VornConnectionTest, PutHandsTheBytesToTheTransport) {
+    char data[] = "abcd";
+    connection.put(data, 3);
+    EXPECT_THAT(connection.calls, ElementsAre("put 3", "send 61 62 63"));
+    EXPECT_THAT(connection.errorsOnEntry, ElementsAre(0));
+    EXPECT_TRUE(std::is_void_v<decltype(connection.put(data, 3))>);
+}
+
+TEST_F(VornConnectionTest, WhenTheTransportReportsAnError_PutThrowsItWhateverTheCount) {
+    connection.writeError = EPIPE;
+    char data[] = "abcd";
+    EXPECT_EQ(failureOf([&] { connection.put(data, 4); }), failure(writeFailed, EPIPE));
+    connection.writeCount = -1;
+    EXPECT_EQ(failureOf([&] { connection.put(data, 4); }), failure(writeFailed, EPIPE));
+}
+
+TEST_F(VornConnectionTest, WhenCountIsShortWithoutAnError_PutDoesNotThrow) {
+    char data[] = "abcd";
+    for (const long count : {2L, 0L, -1L}) {
+        connection.writeCount = count;
+        EXPECT_EQ(failureOf([&] { connection.put(data, 4); }), none) << count;
+    }
+}
+
+TEST_F(VornConnectionTest, WhenWriteFails_EveryTypedWriteFails) {
+    connection.writeError = EPIPE;
+    EXPECT_EQ(failureOf([&] { connection.transfer(1L); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.transfer(1); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.transfer(static_cast<short>(1)); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.transfer(true); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.transfer(VornString("abc")); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.transferACK(); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.transferError(); }), failure(writeFailed, EPIPE));
+}
+
+TEST_F(VornConnectionTest, AfterAFailure_TheConnectedStateIsLeftAsItWas) {
+    connection.m_bConnected = true;
+    connection.writeError = EPIPE;
+    EXPECT_EQ(failureOf([&] { connection.transfer(1); }), failure(writeFailed, EPIPE));
+    EXPECT_EQ(failureOf([&] { connection.receiveInt(); }), failure(readFailed, 0));
+    EXPECT_TRUE(connection.m_bConnected);
+    EXPECT_THAT(connection.calls, Not(Contains("disconnect")));
+}
+
+// Exceptions that are not the library's own.
+
+TEST_F(VornConnectionDeathTest, WhenTheTransportThrowsSomethingElse_EveryBoundaryEndsTheProcess) {
+    char buffer[4] = {};
+    const auto foreign = [] { throw std::runtime_error("foreign"); };
+    const auto died = testing::KilledBySignal(SIGABRT);
+    connection.onSend = foreign;
+    connection.onReceive = foreign;
+    EXPECT_EXIT(connection.transfer(1L), died, "");
+    EXPECT_EXIT(connection.transfer(1), died, "");
+    EXPECT_EXIT(connection.transfer(static_cast<short>(1)), died, "");
+    EXPECT_EXIT(connection.transfer(true), died, "");
+    EXPECT_EXIT(connection.transfer(VornString("abc")), died, "");
+    EXPECT_EXIT(connection.transferACK(), died, "");
+    EXPECT_EXIT(connection.transferError(), died, "");
+    EXPECT_EXIT(connection.receiveLong(), died, "");
+    EXPECT_EXIT(connection.receiveInt(), died, "");
+    EXPECT_EXIT(connection.receiveShort(), died, "");
+    EXPECT_EXIT(connection.receiveString(), died, "");
+    EXPECT_EXIT(connection.get(buffer, 4), died, "");
+    EXPECT_EXIT(connection.put(buffer, 4), died, "");
+}
+
+TEST_F(VornConnectionDeathTest, WhenEstablishingThrowsSomethingElse_TypedOperationsEndTheProcess) {
+    connection.onEstablish = [] { throw 5; };
+    const auto died = testing::KilledBySignal(SIGABRT);
+    EXPECT_EXIT(connection.transfer(1), died, "");
+    EXPECT_EXIT(connection.transferACK(), died, "");
+    EXPECT_EXIT(connection.receiveString(), died, "");
+}
+
+TEST_F(VornConnectionDeathTest, WhenTheTransportRunsOutOfMemory_GetEndsTheProcess) {
+    connection.onReceive = [] { throw std::bad_alloc(); };
+    EXPECT_EXIT(connection.receiveInt(), testing::KilledBySignal(SIGABRT), "");
+}
+
+// The service handshake.
+
+TEST_F(VornConnectionTest, WithoutAServiceName_TheHandshakeSendsNothing) {
+    EXPECT_TRUE(connection.connectToServiceImpl());
+    EXPECT_THAT(connection.calls, ElementsAre("connectToServiceImpl"));
+}
+
+TEST_F(VornConnectionTest, WithAServiceName_TheHandshakeSendsItAndReadsOneByte) {
+    connection.setServiceName("svc");
+    connection.incoming = "+more";
+    EXPECT_TRUE(connection.connectToServiceImpl());
+    EXPECT_THAT(connection.calls,
+                ElementsAre("connectToServiceImpl", "send 73 76 63 0d 0a", "receive 1 all"));
+    EXPECT_EQ(connection.incoming, "more");
+}
+
+TEST_F(VornConnectionTest, WhenTheAnswerIsAnyOtherByte_TheHandshakeFails) {
+    connection.setServiceName("svc");
+    for (int answer = 0; answer < 256; ++answer) {
+        connection.incoming = std::string(1, static_cast<char>(answer));
+        EXPECT_EQ(connection.connectToServiceImpl(), answer == 0x2B) << answer;
+    }
+}
+
+TEST_F(VornConnectionTest, WhenNoAnswerComes_TheHandshakeFails) {
+    connection.setServiceName("svc");
+    EXPECT_FALSE(connection.connectToServiceImpl());
+    connection.readCount = -1;
+    EXPECT_FALSE(connection.connectToServiceImpl());
+}
+
+TEST_F(VornConnectionTest, WhenSendingReturnsMinusOne_TheHandshakeFailsWithoutReading) {
+    connection.setServiceName("svc");
+    connection.incoming = "+";
+    connection.writeCount = -1;
+    EXPECT_FALSE(connection.connectToServiceImpl());
+    EXPECT_EQ(connection.incoming, "+");
+}
+
+TEST_F(VornConnectionTest, WhenSendingReportsAnErrorWithoutMinusOne_TheHandshakeGoesOn) {
+    connection.setServiceName("svc");
+    connection.incoming = "+";
+    connection.writeCount = 0;
+    connection.writeError = EPIPE;
+    EXPECT_TRUE(connection.connectToServiceImpl());
+}
+
+TEST_F(VornConnectionTest, WhenReadingReportsAnErrorBesideTheByte_TheHandshakeSucceeds) {
+    connection.setServiceName("svc");
+    connection.incoming = "+";
+    connection.readError = EMSGSIZE;
+    EXPECT_TRUE(connection.connectToServiceImpl());
+}
+
+TEST_F(VornConnectionTest, ServiceNameIsSentUpToItsFirstZeroByte) {
+    connection.setServiceName(VornString("sv\0c", 4));
+    connection.incoming = "+";
+    EXPECT_TRUE(connection.connectToServiceImpl());
+    EXPECT_EQ(connection.written, "sv\r\n");
+}
+
+TEST_F(VornConnectionTest, LongServiceNameIsSentWhole) {
+    const std::string name(100'000, 'n');
+    connection.setServiceName(name);
+    connection.incoming = "+";
+    EXPECT_TRUE(connection.connectToServiceImpl());
+    EXPECT_EQ(connection.written, name + "\r\n");
+}
+
+TEST_F(VornConnectionTest, ConnectToServiceThrowsWhenTheHandshakeFails) {
+    connection.setServiceName("svc");
+    connection.incoming = "-";
+    EXPECT_EQ(failureOf([&] { connection.connectToService(); }), failure(serviceFailed, 0));
+    connection.incoming = "+";
+    EXPECT_EQ(failureOf([&] { connection.connectToService(); }), none);
+}
+
+TEST_F(VornConnectionTest, ConnectToServiceGoesThroughTheVirtualHandshake) {
+    class Refusing : public ScriptedConnection {
+    public:
+        bool connectToServiceImpl() override { return false; }
+    };
+
+    Refusing refusing;
+    EXPECT_EQ(failureOf([&] { refusing.connectToService(); }), failure(serviceFailed, 0));
+}
+
+// peekLine().
+
+TEST_F(VornConnectionLineTest, WhenALineIsWaiting_PeekLineCutsItAndTellsHowMuchItSaw) {
+    connection.incoming = "GET x\r\nmore text";
+    const LogCapture log(9);
+    EXPECT_EQ(peekLine(64), peeked(true, 16, 0, "GET x"));
+    EXPECT_THAT(connection.calls, ElementsAre("peekLine 64 error -77", "peekBytes 63"));
+    EXPECT_EQ(connection.incoming, "GET x\r\nmore text");
+    EXPECT_THAT(pauses(), IsEmpty());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornConnectionLineTest, WhenNoLineEndIsWaiting_PeekLineLogsHowMuchItSaw) {
+    connection.incoming = "def";
+    const LogCapture log(4);
+    EXPECT_EQ(peekLine(64), peeked(false, 3, 0, "def"));
+    EXPECT_THAT(log.records(), ElementsAre(Record{4, noLineText(3)}));
+    EXPECT_THAT(pauses(), IsEmpty());
+}
+
+TEST_F(VornConnectionLineTest, LoneCarriageReturnOrLineFeedEndsNoLine) {
+    const LogCapture log(4);
+    connection.incoming = "ab\rcd";
+    EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "ab\rcd"));
+    connection.incoming = "ab\ncd";
+    EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "ab\ncd"));
+    connection.incoming = "ab\n\r";
+    EXPECT_EQ(peekLine(64), peeked(false, 4, 0, "ab\n\r"));
+    EXPECT_EQ(log.count(" without a <CRLF> pair"), 3);
+}
+
+TEST_F(VornConnectionLineTest, WhenALineHoldsATab_PeekLineLogsIt) {
+    connection.incoming = "a\tb\r\n";
+    const LogCapture log(4);
+    EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "a\tb"));
+    EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\t')}));
+}
+
+TEST_F(VornConnectionLineTest, TheFirstUnprintableCharacterIsTheOneLogged) {
+    connection.incoming = "ab\x01\x02\r\n";
+    const LogCapture log(4);
+    EXPECT_EQ(peekLine(64), peeked(false, 6, 0, "ab\x01\x02"));
+    EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\x01')}));
+}
+
+TEST_F(VornConnectionLineTest, LineEndsOfOneCharacterInsideALineAreUnprintable) {
+    const LogCapture log(4);
+    connection.incoming = "a\rb\r\n";
+    EXPECT_FALSE(peekLine(64).result);
+    connection.incoming = "a\nb\r\n";
+    EXPECT_FALSE(peekLine(64).result);
+    connection.incoming = "a\r\r\n";
+    EXPECT_FALSE(peekLine(64).result);
+    EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\r')}, Record{4, breakText('\n')},
+                                           Record{4, breakText('\r')}));
+}
+
+TEST_F(VornConnectionLineTest, PrintableAreTheCharactersOfAsciiFromBlankToTilde) {
+    for (int value = 1; value < 256; ++value) {
+        connection.incoming = std::string(1, static_cast<char>(value)) + "\r\n";
+        EXPECT_EQ(peekLine(64).result, value >= 0x20 && value <= 0x7E) << value;
+    }
+}
+
+TEST_F(VornConnectionLineTest, AZeroByteHidesWhatStandsBehindIt) {
+    connection.incoming = std::string("ab\0c\r\n", 6);
+    EXPECT_EQ(peekLine(64), peeked(false, 6, 0, "ab"));
+}
+
+TEST_F(VornConnectionLineTest, AnEmptyLineIsALine) {
+    connection.incoming = "\r\nx";
+    EXPECT_EQ(peekLine(64), peeked(true, 3, 0, ""));
+}
+
+TEST_F(VornConnectionLineTest, WhatStandsBehindTheLineMayBeUnprintable) {
+    connection.incoming = "abc\r\n\t\x80";
+    EXPECT_TRUE(peekLine(64).result);
+}
+
+TEST_F(VornConnectionLineTest, WhenNothingIsWaiting_PeekLineLooksThreeTimesAndPausesTwice) {
+    const LogCapture log(4);
+    EXPECT_EQ(peekLine(64), peeked(false, 0, 0, ""));
+    EXPECT_THAT(connection.calls,
+                ElementsAre("peekLine 64 error -77", "peekBytes 63", "peekBytes 63", "peekBytes 63"));
+    EXPECT_THAT(pauses(), ElementsAre(100'000, 100'000));
+    EXPECT_THAT(log.records(), ElementsAre(Record{4, noLineText(0)}));
+}
+
+TEST_F(VornConnectionLineTest, WhenTheLineComesLater_PeekLineFindsItInALaterLook) {
+    connection.peekSteps = {{"", 0, {}, false}, {"ab\r\n"}};
+    EXPECT_EQ(peekLine(64), peeked(true, 4, 0, "ab"));
+    EXPECT_THAT(pauses(), ElementsAre(100'000));
+    connection.peekSteps = {{"", 0, {}, false}, {"", 0, {}, false}, {"cd\r\n"}};
+    EXPECT_EQ(peekLine(64), peeked(true, 4, 0, "cd"));
+}
+
+TEST_F(VornConnectionLineTest, TheResultOfThePeekIsIgnored) {
+    connection.peekSteps = {{"ab\r\n", 0, {}, false}};
+    EXPECT_EQ(peekLine(64), peeked(true, 4, 0, "ab"));
+    connection.peekSteps = {{"", 0, 0, true}, {"", 0, 0, true}, {"", 0, 0, true}};
+    EXPECT_EQ(peekLine(64), peeked(false, 0, 0, ""));
+}
+
+TEST_F(VornConnectionLineTest, WhenThePeekReportsAnError_PeekLineGivesUpAtOnce) {
+    const LogCapture log(4);
+    connection.peekSteps = {{"", ECONNRESET, 0, false}};
+    EXPECT_EQ(peekLine(64), peeked(false, 0, ECONNRESET, ""));
+    EXPECT_THAT(connection.calls, ElementsAre("peekLine 64 error -77", "peekBytes 63"));
+    EXPECT_THAT(pauses(), IsEmpty());
+    EXPECT_THAT(log.records(), ElementsAre(Record{4, noLineText(0)}));
+}
+
+TEST_F(VornConnectionLineTest, WhenThePeekReportsAnErrorAndASize_TheErrorWins) {
+    // A connection that is refused leaves the size as it was, and the buffer may hold an old line.
+    connection.peekSteps = {{"old line\r\n", ECONNREFUSED, 63, false}};
+    EXPECT_EQ(peekLine(64), peeked(false, 0, ECONNREFUSED, ""));
+}
+
+TEST_F(VornConnectionLineTest, WhenTheErrorComesInALaterLook_PeekLineStopsThere) {
+    connection.peekSteps = {{"", 0, 0, false}, {"", ENOTCONN, 0, false}};
+    EXPECT_EQ(peekLine(64), peeked(false, 0, ENOTCONN, ""));
+    EXPECT_THAT(pauses(), ElementsAre(100'000));
+}
+
+TEST_F(VornConnectionLineTest, LineThatJustFitsIsFound) {
+    connection.incoming = "abc\r\nrest";
+    EXPECT_EQ(peekLine(6), peeked(true, 5, 0, "abc"));
+    EXPECT_EQ(m_line[6], '#');
+    EXPECT_EQ(peekLine(5), peeked(false, 4, 0, "abc\r"));
+    EXPECT_EQ(m_line[5], '#');
+}
+
+TEST_F(VornConnectionLineTest, WhenBytesAreClaimedThatWereNotCopied_OldBytesMakeNoLine) {
+    connection.peekSteps = {{"def", 0, 63, true}};
+    std::memcpy(m_line.data(), "XXXXXXX\r\n", 10);
+    int size = 64;
+    EXPECT_FALSE(connection.peekLine(m_line.data(), size, error));
+    EXPECT_EQ(size, 63);
+    EXPECT_STREQ(m_line.data(), "def");
+}
+
+TEST_F(VornConnectionLineTest, WhenMoreIsClaimedThanThereIsRoom_NothingIsWrittenPastTheBuffer) {
+    connection.peekSteps = {{"ab\r\n", 0, 1000, true}};
+    EXPECT_EQ(peekLine(8), peeked(true, 7, 0, "ab"));
+    EXPECT_EQ(m_line[8], '#');
+    connection.peekSteps = {{"", 0, -5, true}, {"", 0, -5, true}, {"", 0, -5, true}};
+    EXPECT_EQ(peekLine(8), peeked(false, 0, 0, ""));
+}
+
+TEST_F(VornConnectionLineTest, WithoutRoomForAByte_PeekLineAsksForNone) {
+    connection.incoming = "abc\r\n";
+    EXPECT_EQ(peekLine(1), peeked(false, 0, 0, ""));
+    EXPECT_EQ(m_line[1], '#');
+    for (const int capacity : {0, -1, INT_MIN + 1}) {
+        m_line.fill('#');
+        int size = capacity;
+        error = untouched;
+        EXPECT_FALSE(connection.peekLine(m_line.data(), size, error)) << capacity;
+        EXPECT_EQ(size, 0) << capacity;
+        EXPECT_EQ(error, 0) << capacity;
+        EXPECT_EQ(m_line[0], '#') << capacity;
+    }
+    EXPECT_EQ(connection.incoming, "abc\r\n");
+}
+
+TEST_F(VornConnectionLineTest, BelowLevelFourNothingIsLogged) {
+    const LogCapture log(3);
+    connection.incoming = "def";
+    peekLine(64);
+    connection.incoming = "a\tb\r\n";
+    peekLine(64);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornConnectionLineTest, WhenAccessIsNotAllowedNothingIsLogged) {
+    const LogCapture log(9);
+    VornLogging::setAccessAllowed(false);
+    connection.incoming = "def";
+    peekLine(64);
+    connection.incoming = "a\tb\r\n";
+    peekLine(64);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+// getLine().
+
+TEST_F(VornConnectionLineTest, WhenALineIsWaiting_GetLineConsumesItWithItsEnd) {
+    connection.incoming = "abc\r\ndef";
+    EXPECT_EQ(getLine(64), "abc");
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(connection.incoming, "def");
+    EXPECT_THAT(connection.calls,
+                ElementsAre("peekLine 64 error 0", "peekBytes 63", "get 5", "receive 5 all"));
+}
+
+TEST_F(VornConnectionLineTest, WhenAnEmptyLineIsWaiting_GetLineReturnsItAndConsumesItsEnd) {
+    connection.incoming = "\r\nabc\r\n";
+    EXPECT_EQ(getLine(64), "");
+    EXPECT_EQ(getLine(64), "abc");
+    EXPECT_EQ(connection.incoming, "");
+}
+
+TEST_F(VornConnectionLineTest, LineThatJustFitsIsRead) {
+    connection.incoming = "abc\r\nrest";
+    EXPECT_EQ(getLine(6), "abc");
+    EXPECT_EQ(m_line[6], '#');
+    EXPECT_EQ(connection.incoming, "rest");
+}
+
+TEST_F(VornConnectionLineTest, WhenOnlyAPartOfALineIsWaiting_GetLineReturnsNullAtOnce) {
+    connection.incoming = "def";
+    EXPECT_EQ(getLine(64), std::nullopt);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(connection.incoming, "def");
+    EXPECT_THAT(pauses(), IsEmpty());
+}
+
+TEST_F(VornConnectionLineTest, WhenTheLineIsUnprintable_GetLineReturnsNullAndLeavesIt) {
+    connection.incoming = "a\tb\r\n";
+    EXPECT_EQ(getLine(64), std::nullopt);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(connection.incoming, "a\tb\r\n");
+}
+
+TEST_F(VornConnectionLineTest, WhenThePeekReportsAnError_GetLineReturnsNullWithIt) {
+    connection.peekSteps = {{"abc\r\n", ECONNRESET, 5, true}};
+    EXPECT_EQ(getLine(64), std::nullopt);
+    EXPECT_EQ(error, ECONNRESET);
+    EXPECT_THAT(connection.calls, ElementsAre("peekLine 64 error 0", "peekBytes 63"));
+}
+
+TEST_F(VornConnectionLineTest, WhileNothingComes_GetLineAsksAgainAndAgain) {
+    // 10 rounds of three looks each before the line is there.
+    for (int i = 0; i < 30; ++i) {
+        connection.peekSteps.push_back({"", 0, 0, false});
+    }
+    connection.incoming = "abc\r\n";
+    EXPECT_EQ(getLine(64), "abc");
+    EXPECT_EQ(std::count(connection.calls.begin(), connection.calls.end(), "peekLine 64 error 0"), 11);
+    EXPECT_EQ(pauses().size(), 20U);
+}
+
+TEST_F(VornConnectionLineTest, WhenTheConsumingReadIsShort_GetLineThrows) {
+    connection.peekSteps = {{"abc\r\n"}};
+    connection.incoming = "abc";
+    connection.readError = ENOTCONN;
+    EXPECT_EQ(failureOf([&] { getLine(64); }), failure(readFailed, ENOTCONN));
+}
+
+TEST_F(VornConnectionLineTest, WhenPeekLineIsOverridden_GetLineGoesThroughIt) {
+    class FixedLine : public ScriptedConnection {
+    public:
+        bool peekLine(char* pBuffer, int& nSize, int& nErrorCode) override {
+            std::memcpy(pBuffer, "xy", 3);
+            nSize = 2;
+            nErrorCode = 0;
+            return true;
+        }
+    };
+
+    FixedLine fixed;
+    fixed.incoming = "ab\r\n";
+    EXPECT_STREQ(fixed.getLine(m_line.data(), 64, error), "ab");
+    EXPECT_THAT(fixed.calls, ElementsAre("get 4", "receive 4 all"));
+}
+
+TEST_F(VornConnectionLineTest, WithoutRoomForALine_GetLineReturnsNull) {
+    connection.incoming = "abc\r\n";
+    for (const int capacity : {1, 0, -1}) {
+        EXPECT_EQ(getLine(capacity), std::nullopt) << capacity;
+        EXPECT_EQ(error, 0) << capacity;
+        EXPECT_EQ(m_line[1], '#') << capacity;
+    }
+    EXPECT_EQ(connection.incoming, "abc\r\n");
+}

@@ -1,0 +1,273 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Await.h"
+#include "LeakCheckedTest.h"
+#include "Posix.h"
+#include "Process.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <VornEvent.h>
+#include <VornNotification.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+using namespace VornTest;
+using namespace std::chrono_literals;
+using VornSupport::VornEvent;
+using VornSupport::VornNotification;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+class VornEventTest : public LeakCheckedTest {
+protected:
+    void TearDown() override {
+        m_event = std::nullopt; // with its descriptor
+        LeakCheckedTest::TearDown();
+    }
+
+    std::optional<VornEvent> m_event{std::in_place};
+};
+
+/// What poll() says of the descriptor, without waiting by default.
+short polled(int fd, int milliseconds = 0) {
+    pollfd entry = {fd, POLLIN, 0};
+    ::poll(&entry, 1, milliseconds);
+    return entry.revents;
+}
+
+} // namespace
+
+KIT_ROLE(eventWithoutDescriptors) {
+    VornEvent event;
+    rlimit usual = {};
+    ::getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none = {0, usual.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    errno = 0;
+    const int handle = event.getHandle();
+    const int error = errno;
+    ::setrlimit(RLIMIT_NOFILE, &usual); // a leak sanitizer needs some at the end
+    event.set();
+    const bool signalled = event.wait(0);
+    event.reset();
+    return handle == -1 && error == EMFILE && signalled && !event.wait(0) ? 0 : 1;
+}
+
+TEST_F(VornEventTest, WhenConstructed_IsNotSignalled) {
+    EXPECT_EQ(m_event->wait(0), false);
+}
+
+TEST_F(VornEventTest, WhenSet_WaitIsTrue) {
+    m_event->set();
+    EXPECT_EQ(m_event->wait(0), true);
+    EXPECT_EQ(m_event->wait(1000), true);
+    EXPECT_EQ(m_event->wait(-1), true);
+}
+
+TEST_F(VornEventTest, WhenSet_StaysSetForEveryWaitUntilReset) {
+    m_event->set();
+    EXPECT_EQ(m_event->wait(0), true);
+    EXPECT_EQ(m_event->wait(0), true);
+    m_event->reset();
+    EXPECT_EQ(m_event->wait(0), false);
+}
+
+TEST_F(VornEventTest, WhenSetTwice_OneResetClearsIt) {
+    m_event->set();
+    m_event->set();
+    m_event->reset();
+    EXPECT_EQ(m_event->wait(0), false);
+}
+
+TEST_F(VornEventTest, WhenResetWithoutHavingBeenSet_CanBeSetLater) {
+    m_event->reset();
+    m_event->reset();
+    m_event->set();
+    EXPECT_EQ(m_event->wait(0), true);
+}
+
+TEST_F(VornEventTest, WhenTheTimeRunsOut_WaitIsFalseAndNotTooEarly) {
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(m_event->wait(30), false);
+    EXPECT_GE(Clock::now() - start, 30ms);
+}
+
+TEST_F(VornEventTest, WhenSetByAnotherThread_EndsAWaitWithoutLimit) {
+    for (const int limit : {-1, INT_MIN, INT_MAX, 100000}) {
+        m_event->reset();
+        bool result = false;
+        WatchedThread waiter([&] { result = m_event->wait(limit); });
+        EXPECT_TRUE(awaitBlockedOnLock(waiter.tid())) << "limit " << limit;
+        EXPECT_FALSE(waiter.finished()) << "limit " << limit;
+        m_event->set();
+        EXPECT_TRUE(waiter.join());
+        EXPECT_EQ(result, true) << "limit " << limit;
+    }
+}
+
+TEST_F(VornEventTest, WhenSet_WakesEveryWaiter) {
+    std::vector<std::unique_ptr<WatchedThread>> waiters;
+    for (int i = 0; i < 4; ++i) {
+        waiters.push_back(std::make_unique<WatchedThread>([this] { m_event->wait(-1); }));
+        EXPECT_TRUE(awaitBlockedOnLock(waiters.back()->tid()));
+    }
+    m_event->set();
+    for (const auto& waiter : waiters) {
+        EXPECT_TRUE(waiter->join());
+    }
+}
+
+TEST_F(VornEventTest, ASignalThatIsHandled_DoesNotEndAWait) {
+    static std::atomic<int> handled{0};
+    handled = 0;
+    struct sigaction action = {};
+    action.sa_handler = [](int) { handled = 1; };
+    struct sigaction oldAction = {};
+    ::sigaction(SIGUSR1, &action, &oldAction);
+    WatchedThread waiter([this] { m_event->wait(-1); });
+    EXPECT_TRUE(awaitBlockedOnLock(waiter.tid()));
+    ::pthread_kill(waiter.handle(), SIGUSR1);
+    EXPECT_TRUE(awaitCondition([] { return handled == 1; }));
+    EXPECT_TRUE(awaitBlockedOnLock(waiter.tid()));
+    EXPECT_FALSE(waiter.finished());
+    m_event->set();
+    EXPECT_TRUE(waiter.join());
+    ::sigaction(SIGUSR1, &oldAction, nullptr);
+}
+
+TEST_F(VornEventTest, Handle_IsReadableExactlyWhileTheEventIsSet) {
+    const int handle = m_event->getHandle();
+    ASSERT_GE(handle, 0);
+    EXPECT_EQ(polled(handle), 0);
+    m_event->set();
+    EXPECT_EQ(polled(handle), POLLIN);
+    m_event->wait(0);
+    EXPECT_EQ(polled(handle), POLLIN);
+    m_event->set();
+    m_event->reset();
+    EXPECT_EQ(polled(handle), 0);
+    m_event->set();
+    EXPECT_EQ(polled(handle), POLLIN);
+}
+
+TEST_F(VornEventTest, HandleOfAnEventThatIsSetAlready_IsReadableAtOnce) {
+    m_event->set();
+    EXPECT_EQ(polled(m_event->getHandle()), POLLIN);
+    m_event->reset();
+    EXPECT_EQ(polled(m_event->getHandle()), 0);
+}
+
+TEST_F(VornEventTest, Handle_IsTheSameEveryTime) {
+    const int handle = m_event->getHandle();
+    m_event->set();
+    m_event->reset();
+    EXPECT_EQ(m_event->getHandle(), handle);
+}
+
+TEST_F(VornEventTest, Handle_WakesAPollOfAnotherThread) {
+    const int handle = m_event->getHandle();
+    short result = 0;
+    WatchedThread poller([&] { result = polled(handle, -1); });
+    EXPECT_TRUE(awaitBlockedIn(poller.tid(), {SYS_poll, SYS_ppoll}));
+    m_event->set();
+    EXPECT_TRUE(poller.join());
+    EXPECT_EQ(result, POLLIN);
+}
+
+TEST_F(VornEventTest, Handle_IsCloseOnExec) {
+    EXPECT_EQ(::fcntl(m_event->getHandle(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(VornEventTest, WithoutAHandle_OpensNoDescriptor) {
+    const int before = openDescriptors();
+    VornEvent event;
+    event.set();
+    event.wait(0);
+    event.reset();
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(VornEventTest, WhenDestroyed_ClosesItsHandle) {
+    int handle = -1;
+    {
+        VornEvent event;
+        handle = event.getHandle();
+        EXPECT_EQ(isOpen(handle), true);
+    }
+    EXPECT_EQ(isOpen(handle), false);
+}
+
+TEST_F(VornEventTest, WhenNoDescriptorCanBeMade_HandleIsMinusOneAndWaitingStillWorks) {
+    ChildProcess child = ChildProcess::spawnRole("eventWithoutDescriptors");
+    EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
+}
+
+TEST_F(VornEventTest, CreateNotification_MakesANewOneWithIdZero) {
+    VornNotification* first = m_event->createNotification();
+    VornNotification* second = m_event->createNotification();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->getId(), 0);
+    EXPECT_NE(first, second);
+    m_event->destroyNotification(first);
+    m_event->destroyNotification(second);
+}
+
+TEST_F(VornEventTest, DestroyNotification_AllowsNull) {
+    m_event->destroyNotification(nullptr);
+    EXPECT_EQ(m_event->wait(0), false);
+}
+
+TEST_F(VornEventTest, AWaiter_MayDestroyTheEventAsSoonAsItWakes) {
+    for (int round = 0; round < 200; ++round) {
+        auto event = std::make_unique<VornEvent>();
+        VornEvent* shared = event.get();
+        WatchedThread waiter([owned = std::shared_ptr<VornEvent>(std::move(event))]() mutable {
+            owned->wait(-1);
+            owned.reset();
+        });
+        shared->set();
+        ASSERT_TRUE(waiter.join());
+    }
+}
+
+TEST_F(VornEventTest, ManyThreads_MaySetResetWaitAndPoll) {
+    const int handle = m_event->getHandle();
+    {
+        WatchedThread setter([this] {
+            for (int round = 0; round < 1000; ++round) {
+                m_event->set();
+                m_event->reset();
+            }
+        });
+        WatchedThread waiter([&] {
+            for (int round = 0; round < 200; ++round) {
+                m_event->wait(0);
+                polled(handle);
+            }
+        });
+        EXPECT_TRUE(setter.join() && waiter.join());
+    }
+    EXPECT_EQ(m_event->wait(0), false);
+    EXPECT_EQ(polled(handle), 0);
+}
+
+TEST_F(VornEventTest, CanNeitherBeCopiedNorAssigned) {
+    EXPECT_FALSE(std::is_copy_constructible_v<VornEvent>);
+    EXPECT_FALSE(std::is_copy_assignable_v<VornEvent>);
+}

@@ -1,0 +1,217 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "LeakCheckedTest.h"
+#include "SharedObject.h"
+#include "plugins/RegistryPlugin.h"
+
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <VornException.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace VornTest;
+using namespace VornSupport;
+
+namespace {
+
+using testing::HasSubstr;
+
+class VornExceptionTest : public LeakCheckedTest {};
+
+class Special : public VornException {
+public:
+    explicit Special(const VornString& text) : VornException(text, 3) {}
+};
+
+VornString allBytes() {
+    VornString result;
+    for (int value = 0; value < 256; ++value) {
+        result += static_cast<char>(value);
+    }
+    return result;
+}
+
+/// The text after it has gone narrow, wide and narrow again.
+VornString throughWideText(const VornString& text) {
+    const VornException first(text, 0);
+    VornException second("", 0);
+    second.setText(first.getUText());
+    return second.getText();
+}
+
+} // namespace
+
+TEST_F(VornExceptionTest, HasTheTextAndTheCodeGivenAtConstruction) {
+    const VornException exception("VornServerSocket::init: failed to bind socket.", 98);
+    EXPECT_EQ(exception.getText(), "VornServerSocket::init: failed to bind socket.");
+    EXPECT_EQ(exception.getUText(), L"VornServerSocket::init: failed to bind socket.");
+    EXPECT_EQ(exception.getCode(), 98);
+}
+
+TEST_F(VornExceptionTest, TextOfAll256Bytes_IsKeptByteForByte) {
+    EXPECT_EQ(VornException(allBytes(), 0).getText(), allBytes());
+    EXPECT_EQ(throughWideText(allBytes()), allBytes());
+}
+
+TEST_F(VornExceptionTest, RandomText_IsKeptByteForByte) {
+    const unsigned seed = std::random_device()();
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (int round = 0; round < 50; ++round) {
+        VornString text(random() % 300, '\0');
+        for (char& character : text) {
+            character = static_cast<char>(byte(random));
+        }
+        ASSERT_EQ(throughWideText(text), text) << "seed " << seed << ", round " << round;
+    }
+}
+
+TEST_F(VornExceptionTest, ValidUtf8_HasTheRightWideCharacters) {
+    const VornException exception("a \xC3\xBC \xE2\x82\xAC \xF0\x9F\x98\x80", 0);
+    EXPECT_EQ(exception.getUText(), L"a \u00FC \u20AC \U0001F600");
+    EXPECT_EQ(exception.getText(), "a \xC3\xBC \xE2\x82\xAC \xF0\x9F\x98\x80");
+}
+
+TEST_F(VornExceptionTest, SetCode_LeavesTheText) {
+    VornException exception("text", 1);
+    exception.setCode(-7);
+    EXPECT_EQ(exception.getCode(), -7);
+    EXPECT_EQ(exception.getText(), "text");
+}
+
+TEST_F(VornExceptionTest, SetNarrowText_ReplacesTheTextAndLeavesTheRest) {
+    VornException exception("text", 1);
+    exception.pushMessage(L"message");
+    const VornString callStack = exception.getCallStack();
+    exception.setText(VornString("\xFF other"));
+    EXPECT_EQ(exception.getText(), "\xFF other");
+    EXPECT_EQ(exception.getCode(), 1);
+    EXPECT_EQ(exception.getCallStack(), callStack);
+    EXPECT_EQ(exception.getFormattedMessages(), "message\n");
+}
+
+TEST_F(VornExceptionTest, SetWideText_ReplacesTheText) {
+    VornException exception("text", 1);
+    exception.setText(VornUString(L"\u20AC5"));
+    EXPECT_EQ(exception.getUText(), L"\u20AC5");
+    EXPECT_EQ(exception.getText(), "\xE2\x82\xAC"
+                                   "5");
+}
+
+TEST_F(VornExceptionTest, PopMessage_ReturnsTheNewestFirst) {
+    VornException exception("text", 0);
+    exception.pushMessage(L"first");
+    exception.pushMessage(L"second \u20AC");
+    EXPECT_EQ(exception.popMessage(), "second \xE2\x82\xAC");
+    EXPECT_EQ(exception.popMessage(), "first");
+}
+
+TEST_F(VornExceptionTest, PopMessageWithoutMessages_IsEmpty) {
+    VornException exception("text", 0);
+    EXPECT_EQ(exception.popMessage(), "");
+    exception.pushMessage(L"only");
+    exception.popMessage();
+    EXPECT_EQ(exception.popMessage(), "");
+}
+
+TEST_F(VornExceptionTest, FormattedMessages_AreOneLineEachNewestFirst) {
+    VornException exception("text", 0);
+    EXPECT_EQ(exception.getFormattedMessages(), "");
+    exception.pushMessage(L"first");
+    exception.pushMessage(L"second");
+    EXPECT_EQ(exception.getFormattedMessages(), "second\nfirst\n");
+    EXPECT_EQ(exception.getText(), "text");
+}
+
+TEST_F(VornExceptionTest, CallStack_NamesTheProgramThatConstructedIt) {
+    const VornException exception("text", 0);
+    EXPECT_THAT(exception.getCallStack(), HasSubstr("support_tests"));
+    EXPECT_EQ(exception.getCallStack().back(), '\n');
+}
+
+TEST_F(VornExceptionTest, ACopy_HasEverythingOfTheOriginalAndIsIndependent) {
+    VornException original("text", 5);
+    original.pushMessage(L"message");
+    VornException copy(original);
+    EXPECT_EQ(copy.getText(), "text");
+    EXPECT_EQ(copy.getCode(), 5);
+    EXPECT_EQ(copy.getCallStack(), original.getCallStack());
+    EXPECT_EQ(copy.getFormattedMessages(), "message\n");
+    copy.setCode(6);
+    copy.popMessage();
+    EXPECT_EQ(original.getCode(), 5);
+    EXPECT_EQ(original.getFormattedMessages(), "message\n");
+}
+
+TEST_F(VornExceptionTest, AnAssignedOne_HasEverythingOfTheSource) {
+    VornException source("text", 5);
+    source.pushMessage(L"message");
+    VornException target("other", 1);
+    target = source;
+    EXPECT_EQ(target.getText(), "text");
+    EXPECT_EQ(target.getCode(), 5);
+    EXPECT_EQ(target.getCallStack(), source.getCallStack());
+    EXPECT_EQ(target.getFormattedMessages(), "message\n");
+}
+
+TEST_F(VornExceptionTest, WhenRethrown_KeepsItsTypeAndWhatHandlersHavePushed) {
+    try {
+        try {
+            throw Special("special");
+        } catch (VornException& exception) {
+            exception.pushMessage(L"on the way");
+            throw;
+        }
+    } catch (const Special& exception) {
+        EXPECT_EQ(exception.getText(), "special");
+        EXPECT_EQ(exception.getFormattedMessages(), "on the way\n");
+    }
+}
+
+TEST_F(VornExceptionTest, ADerivedOne_IsCaughtAsTheBaseWithItsOverriddenAccessors) {
+    class Renaming : public VornException {
+    public:
+        Renaming() : VornException("inner", 1) {}
+
+        VornString getText() const override { return "outer"; }
+    };
+
+    try {
+        throw Renaming();
+    } catch (const VornException& exception) {
+        EXPECT_EQ(exception.getText(), "outer");
+    }
+}
+
+TEST_F(VornExceptionTest, ThrownByAnotherSharedObject_IsCaughtByItsType) {
+    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
+    const auto thrower = plugin.function<decltype(throwException)>("throwException");
+    std::string text;
+    int code = 0;
+    try {
+        thrower("over there \xFF", 42);
+    } catch (const VornException& exception) {
+        text = exception.getText();
+        code = exception.getCode();
+    }
+    EXPECT_EQ(text, "over there \xFF");
+    EXPECT_EQ(code, 42);
+}
+
+TEST_F(VornExceptionTest, ThrownHere_IsCaughtByAnotherSharedObject) {
+    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
+    const auto catcher = plugin.function<decltype(codeThrownBy)>("codeThrownBy");
+    EXPECT_EQ(catcher([] { throw VornException("here", 17); }), 17);
+    EXPECT_EQ(catcher([] { throw Special("derived, and private to this file"); }), 3);
+    EXPECT_EQ(catcher([] { throw 5; }), -1);
+}
+
+TEST_F(VornExceptionTest, IsPolymorphicWithAVirtualDestructor) {
+    EXPECT_TRUE(std::is_polymorphic_v<VornException>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<VornException>);
+}

@@ -1,0 +1,485 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * What becomes of one notification, and of the server and the container meanwhile.
+ */
+
+#include "Interpose.h"
+#include "NotificationPeer.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace VornTest;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::Values;
+using VornNet::VornConnection;
+using VornNet::VornSmartPointer;
+
+using Connection = VornSmartPointer<VornConnection>;
+
+class ServingSink : public NotificationTest {};
+
+class ServingSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+class ServingSinkOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+
+INSTANTIATE_TEST_SUITE_P(Kind, ServingSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, ServingSinkOnStreams, Values(Kind::pipe, Kind::socket), kindName);
+
+std::string ownPipeName() {
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "quorax%x", static_cast<unsigned>(::getpid()));
+    return text.data();
+}
+
+/// The address of the first sink of that kind in a process.
+std::string firstAddress(Kind kind) {
+    return kind == Kind::pipe ? "pipe:" + ownPipeName() : nameOf(kind) + ":127.0.0.1:5023";
+}
+
+std::string addressWithPort(Kind kind, int port) {
+    return nameOf(kind) + ":127.0.0.1:" + std::to_string(port);
+}
+
+/// A record of the sink's class, as recordsOf() shows it.
+std::string debugRecord(const std::string& text) {
+    return "9 VornLibraryCallbackSink::" + text;
+}
+
+std::vector<std::string> sinkRecords(const LogCapture& log) {
+    return recordsOf("VornLibraryCallbackSink", log);
+}
+
+} // namespace
+
+// What one notification does.
+
+TEST_P(ServingSinkOfAnyKind, NotificationReachesCallback) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer other = addCallback(*sink);
+    const CallbackPointer callback = addCallback(*sink);
+    EXPECT_FALSE(callback->wait(0));
+    deliver(sink, callback, onWire(12) + "and more");
+    EXPECT_THAT(callback->contents(), ElementsAre(onWire(12) + "and more"));
+    EXPECT_THAT(other->contents(), IsEmpty());
+    EXPECT_TRUE(callback->wait(10000)) << "its event is set";
+    EXPECT_FALSE(other->wait(0));
+}
+
+TEST_P(ServingSinkOfAnyKind, RecordsOfOneNotification) {
+    LogCapture log;
+    std::string address;
+    {
+        WatchedSink sink(GetParam(), "falcon");
+        address = sink.address();
+        const CallbackPointer callback = addCallback(*sink);
+        deliver(sink, callback, onWire(12));
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    std::vector<std::string> expected = {debugRecord("VornLibraryCallbackSink: moduleName=|falcon|"),
+                                         debugRecord("run: enter")};
+    if (GetParam() == Kind::pipe) {
+        expected.push_back(
+            debugRecord("establishCallbackServer: creating pipe server '" + ownPipeName() + "'"));
+    } else {
+        expected.push_back(debugRecord("establishCallbackServer: creating " +
+                                       std::string(GetParam() == Kind::udp ? "udp" : "tcp") +
+                                       " server on socket 5023"));
+        expected.push_back(debugRecord("getMyIpAddr: address is '127.0.0.1'"));
+    }
+    for (const std::string& text :
+         {"run: waiting for data : " + address, "run: received data : " + address,
+          std::string("run: hCallback=0"), std::string("run: found callback... invoking"),
+          std::string("run: callback returned"), "run: waiting for data : " + address,
+          std::string("~VornLibraryCallbackSink: closing socket"),
+          "run: NULL returned from waitForClient : " + address + ", exiting",
+          std::string("run: exiting rc=0")}) {
+        expected.push_back(debugRecord(text));
+    }
+    EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+}
+
+TEST_F(ServingSink, RecordsOfDefaultServer) {
+    LogCapture log;
+    SinkProbe sink("");
+    ASSERT_TRUE(log.await("waiting for data"));
+    EXPECT_THAT(sinkRecords(log),
+                ElementsAre(debugRecord("VornLibraryCallbackSink: moduleName=||"), debugRecord("run: enter"),
+                            debugRecord("establishCallbackServer: creating default (pipe) server '" +
+                                        ownPipeName() + "'"),
+                            debugRecord("run: waiting for data : pipe:" + ownPipeName())));
+}
+
+TEST_P(ServingSinkOfAnyKind, BelowDebugLevel_LogsNothing) {
+    LogCapture log(8);
+    {
+        WatchedSink sink(GetParam());
+        const CallbackPointer callback = addCallback(*sink);
+        deliver(sink, callback, onWire(12));
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_THAT(sinkRecords(log), IsEmpty());
+}
+
+TEST_P(ServingSinkOfAnyKind, UnknownHandle_IsIgnoredAndLogged) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    ASSERT_TRUE(sink.awaitServing());
+    LogCapture log;
+    sendByHand(sink.address(), onWire(4711) + onWire(12));
+    ASSERT_TRUE(log.await("waiting for data"));
+    EXPECT_THAT(sinkRecords(log),
+                ElementsAre(debugRecord("run: received data : " + sink.address()),
+                            debugRecord("run: hCallback=4711"),
+                            debugRecord("run: unable to find callback... ignoring notification"),
+                            debugRecord("run: waiting for data : " + sink.address())));
+    deliver(sink, callback, "goes on");
+    EXPECT_THAT(callback->contents(), ElementsAre("goes on"));
+}
+
+TEST_P(ServingSinkOnStreams, UnknownHandle_NothingMoreIsRead) {
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    CallTrace trace;
+    const UniqueFd client = connectToSink(sink.address());
+    sendAll(client.get(), onWire(4711) + onWire(12));
+    char letter = 0;
+    // Linux resets a connection that is closed with bytes unread.
+    EXPECT_EQ(::read(client.get(), &letter, 1), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    ASSERT_EQ(trace.calls("recv"), 1);
+    EXPECT_EQ(trace.records("recv").at(0).second, 8);
+    EXPECT_EQ(trace.records("recv").at(0).tid, sink.tid());
+}
+
+TEST_P(ServingSinkOfAnyKind, RemovedCallback_IsUnknown) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    sink->getCallbackContainer().remove(0);
+    ASSERT_TRUE(sink.awaitServing());
+    LogCapture log;
+    sendByHand(sink.address(), onWire(0));
+    EXPECT_TRUE(log.await("unable to find callback"));
+    EXPECT_EQ(callback->calls(), 0);
+}
+
+TEST_P(ServingSinkOfAnyKind, HandleIsCutToInt) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer negative = addCallbackAs(-1, *sink);
+    const CallbackPointer lowest = addCallbackAs(-2147483647 - 1, *sink);
+    LogCapture log;
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), bytes("ff ff ff ff 00 00 00 00"));
+    ASSERT_TRUE(negative->awaitCalls(1));
+    EXPECT_EQ(log.count("run: hCallback=4294967295"), 1);
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), bytes("80 00 00 00 00 00 00 00"));
+    ASSERT_TRUE(lowest->awaitCalls(1));
+    EXPECT_EQ(log.count("run: hCallback=2147483648"), 1);
+}
+
+TEST_P(ServingSinkOfAnyKind, LastFourBytesOfHandle_AreIgnored) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallbackAs(7, *sink);
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), bytes("00 00 00 07 de ad be ef") + "rest");
+    ASSERT_TRUE(callback->awaitCalls(1));
+    EXPECT_THAT(callback->contents(), ElementsAre("rest"));
+}
+
+TEST_P(ServingSinkOfAnyKind, ContentMayBeEmpty) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    deliver(sink, callback, "");
+    EXPECT_THAT(callback->contents(), ElementsAre(""));
+}
+
+TEST_P(ServingSinkOfAnyKind, ManyDeliveriesArriveInOrder) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    std::vector<std::string> sent;
+    for (int i = 0; i < 50; ++i) {
+        sent.push_back(onWire(i));
+        deliver(sink, callback, sent.back());
+        ASSERT_FALSE(HasFatalFailure()) << "at delivery " << i;
+    }
+    EXPECT_THAT(callback->contents(), ElementsAreArray(sent));
+}
+
+// The server's life between notifications.
+
+TEST_P(ServingSinkOfAnyKind, ServerIsClosedBeforeConnection) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    LogCapture log;
+    CallTrace trace;
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(callback->awaitCalls(1));
+    ASSERT_TRUE(sink.awaitServing());
+    std::vector<std::string> ownCalls;
+    for (const CallRecord& record : trace.records()) {
+        if (record.tid == sink.tid() && (record.name == "close" || record.name == "bind")) {
+            ownCalls.push_back(record.name);
+        }
+    }
+    // The pipe server closes three descriptors, the others one; UDP's wake-up datagram has one of its own.
+    switch (GetParam()) {
+    case Kind::pipe:
+        EXPECT_THAT(ownCalls, ElementsAre("close", "close", "close", "close", "bind"));
+        EXPECT_EQ(log.count("VornPipeServer::close: releasing resources"), 1);
+        break;
+    case Kind::socket:
+        EXPECT_THAT(ownCalls, ElementsAre("close", "close", "bind"));
+        EXPECT_EQ(log.count("VornServerSocket::close: closing socket 5023"), 1);
+        break;
+    case Kind::udp:
+        EXPECT_THAT(ownCalls, ElementsAre("close", "close", "bind"));
+        break;
+    }
+}
+
+TEST_P(ServingSinkOnStreams, WhoConnectsDuringCallback_IsDroppedWithOldServer) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        const std::string content = readToEnd(*connection);
+        entered.open();
+        leave.await();
+        return content;
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0) + "first");
+    ASSERT_TRUE(entered.await());
+    const UniqueFd late = connectToSink(sink.address());
+    sendAll(late.get(), onWire(0) + "second");
+    leave.open();
+    ASSERT_TRUE(callback->awaitCalls(1));
+    char letter = 0;
+    EXPECT_LE(::read(late.get(), &letter, 1), 0) << "the connection is gone";
+    deliver(sink, callback, "third");
+    EXPECT_THAT(callback->contents(), ElementsAre("first", "third"));
+}
+
+TEST_F(ServingSink, DatagramDuringCallback_IsDroppedWithOldServer) {
+    WatchedSink sink(Kind::udp);
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        entered.open();
+        leave.await();
+        return readToEnd(*connection);
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0) + "first");
+    ASSERT_TRUE(entered.await());
+    sendByHand(sink.address(), onWire(0) + "second");
+    leave.open();
+    ASSERT_TRUE(callback->awaitCalls(1));
+    deliver(sink, callback, "third");
+    EXPECT_THAT(callback->contents(), ElementsAre("first", "third"));
+}
+
+TEST_F(ServingSink, WhenCallbackReadsToEnd_TcpPortStays) {
+    WatchedSink sink(Kind::socket);
+    const CallbackPointer callback = addCallback(*sink);
+    for (int i = 0; i < 50; ++i) {
+        deliver(sink, callback, onWire(i));
+        ASSERT_FALSE(HasFatalFailure());
+        EXPECT_EQ(sink.address(), "socket:127.0.0.1:5023") << "after delivery " << i;
+    }
+}
+
+TEST_F(ServingSink, WhenSenderLingers_TcpPortMoves) {
+    WatchedSink sink(Kind::socket);
+    const CallbackPointer callback =
+        addCallback(*sink, [](Connection& connection) { return hex(onWire(connection->receiveLong())); });
+    for (int i = 1; i <= 3; ++i) {
+        ASSERT_TRUE(sink.awaitServing());
+        const UniqueFd sender = connectToSink(sink.address());
+        sendAll(sender.get(), onWire(0) + onWire(i));
+        EXPECT_EQ(receiveToEnd(sender.get()), "") << "the sink closes first";
+        ASSERT_TRUE(awaitCondition([&] { return sink.address() == addressWithPort(Kind::socket, 5023 + i); }))
+            << sink.address();
+    }
+    EXPECT_EQ(callback->calls(), 3);
+}
+
+TEST_P(ServingSinkOfAnyKind, CallbackMayKeepConnection) {
+    WatchedSink sink(GetParam());
+    std::vector<Connection> kept;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        kept.push_back(connection);
+        return std::string();
+    });
+    for (int i = 1; i <= 3; ++i) {
+        deliver(sink, callback, onWire(i));
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    // Over TCP a connection that is still open holds the port.
+    EXPECT_EQ(sink.address(),
+              GetParam() == Kind::socket ? addressWithPort(GetParam(), 5026) : firstAddress(GetParam()));
+    sink.destroy();
+    ASSERT_EQ(kept.size(), 3U);
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(kept.at(static_cast<std::size_t>(i - 1))->receiveLong(), i);
+    }
+}
+
+TEST_P(ServingSinkOfAnyKind, DescriptorsAreCloseOnExec) {
+    const auto before = descriptorTable();
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
+        entered.open();
+        leave.await();
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    int own = 0;
+    for (const auto& [fd, target] : descriptorTable()) {
+        if (before.count(fd) == 0) {
+            ++own;
+            EXPECT_EQ(::fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << fd << " -> " << target;
+        }
+    }
+    EXPECT_GE(own, 1);
+    leave.open();
+    EXPECT_TRUE(callback->awaitCalls(1));
+}
+
+TEST_P(ServingSinkOfAnyKind, WorksWithMoreThan1024Descriptors) {
+    rlimit limit = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit before = limit;
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_GT(limit.rlim_cur, 1200U) << "the hard limit of descriptors is too low for this test";
+    {
+        std::vector<UniqueFd> many;
+        while (many.size() < 1100) {
+            many.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+            ASSERT_GE(many.back().get(), 0);
+        }
+        WatchedSink sink(GetParam());
+        const CallbackPointer callback = addCallback(*sink);
+        deliver(sink, callback, "first");
+        deliver(sink, callback, "second");
+        EXPECT_THAT(callback->contents(), ElementsAre("first", "second"));
+    }
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+// The container while notifications arrive.
+
+TEST_P(ServingSinkOfAnyKind, CallbackRunsWithContainerLocked) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
+        entered.open();
+        leave.await();
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    int id = -1;
+    WatchedThread other([&] { id = sink->getCallbackContainer().getNewId(); });
+    EXPECT_TRUE(awaitBlockedOnLock(other.tid()));
+    EXPECT_FALSE(other.finished());
+    leave.open();
+    EXPECT_TRUE(other.join());
+    EXPECT_EQ(id, 1);
+}
+
+TEST_P(ServingSinkOfAnyKind, ServerIsClosedWithContainerLocked) {
+    WatchedSink sink(GetParam());
+    std::unique_ptr<CallHook> hook;
+    std::unique_ptr<WatchedThread> other;
+    bool wasBlocked = false;
+    Gate closing;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
+        hook = std::make_unique<CallHook>("close", [&] {
+            other = std::make_unique<WatchedThread>([&] { sink->getCallbackContainer().getNewId(); });
+            wasBlocked = awaitBlockedOnLock(other->tid()) && !other->finished();
+            closing.open();
+        });
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    int port = 0;
+    const UniqueFd sender =
+        GetParam() == Kind::udp ? udpSocket("127.0.0.1", port) : connectToSink(sink.address());
+    if (GetParam() == Kind::udp) {
+        udpSendTo(sender.get(), "127.0.0.1", 5023, onWire(0));
+    } else {
+        sendAll(sender.get(), onWire(0));
+    }
+    ASSERT_TRUE(closing.await());
+    EXPECT_TRUE(wasBlocked);
+    EXPECT_TRUE(other->join());
+    EXPECT_EQ(callback->calls(), 1);
+}
+
+TEST_P(ServingSinkOfAnyKind, CallbackMayUseContainer) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer next = new RecordingCallback(1, {});
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        VornNet::VornCallbackContainer& container = sink->getCallbackContainer();
+        VornNet::VornNotificationCallback* base = next;
+        container.add(base);
+        container.remove(0); // it lives on until it returns
+        return readToEnd(*connection) + std::to_string(container.getNewId());
+    });
+    deliver(sink, callback, "id ");
+    EXPECT_THAT(callback->contents(), ElementsAre("id 1"));
+    deliver(sink, next, "to next");
+    EXPECT_THAT(next->contents(), ElementsAre("to next"));
+    EXPECT_TRUE(sink->getCallbackContainer().lookup(0) == nullptr);
+}
+
+TEST_P(ServingSinkOfAnyKind, ContainerIsUsedWhileNotificationsArrive) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    std::atomic<bool> ends{false};
+    const auto use = [&] {
+        while (!ends) {
+            const CallbackPointer passing = addCallback(*sink);
+            ASSERT_TRUE(sink->getCallbackContainer().lookup(passing->getId()) != nullptr);
+            sink->getCallbackContainer().remove(passing->getId());
+            std::this_thread::yield();
+        }
+    };
+    WatchedThread first(use);
+    WatchedThread second(use);
+    for (int i = 0; i < 20; ++i) {
+        deliver(sink, callback, onWire(i));
+    }
+    ends = true;
+    EXPECT_TRUE(first.join());
+    EXPECT_TRUE(second.join());
+    EXPECT_EQ(callback->calls(), 20);
+}

@@ -1,0 +1,333 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * The end of a sink, whatever it is doing at that time.
+ */
+
+#include "Interpose.h"
+#include "NotificationPeer.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <system_error>
+
+#include <VornException.h>
+#include <VornLogging.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using namespace std::chrono_literals;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Values;
+using VornNet::VornConnection;
+using VornNet::VornSmartPointer;
+
+using Connection = VornSmartPointer<VornConnection>;
+
+#if defined(__has_feature)
+#    if __has_feature(thread_sanitizer)
+#        define VORNTEST_IS_SLOW
+#    endif
+#elif defined(__SANITIZE_THREAD__)
+#    define VORNTEST_IS_SLOW
+#endif
+#ifdef VORNTEST_IS_SLOW
+constexpr int destructions = 50;
+#else
+constexpr int destructions = 200;
+#endif
+
+/// Far beyond the 200 ms after which a destructor cuts clients off.
+constexpr std::chrono::milliseconds endsWithin = 5s;
+
+class EndingSink : public NotificationTest {};
+
+class EndingSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+class EndingSinkOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+
+INSTANTIATE_TEST_SUITE_P(Kind, EndingSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, EndingSinkOnStreams, Values(Kind::pipe, Kind::socket), kindName);
+
+/// Destroys a sink; false if that takes too long.
+bool destroyInTime(WatchedSink& sink) {
+    WatchedThread destroyer([&] { sink.destroy(); });
+    return destroyer.join(endsWithin);
+}
+
+/// Two connected sockets, to see whether somebody interferes with them.
+struct SocketPair {
+    SocketPair() {
+        std::array<int, 2> ends = {};
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+            throw std::system_error(errno, std::generic_category(), "socketpair()");
+        }
+        first.reset(ends[0]);
+        second.reset(ends[1]);
+    }
+
+    UniqueFd first;
+    UniqueFd second;
+};
+
+} // namespace
+
+KIT_ROLE(sinkDeletedByItsCallback) {
+    VornSupport::VornLogging::getInstance().setLogLevel(1);
+    useTypeText(args.at(0));
+    auto* sink = new SinkProbe("falcon");
+    addCallback(*sink, [&](Connection&) {
+        delete sink;
+        std::printf("survived\n");
+        return std::string();
+    });
+    std::printf("%s\n", sink->getCallbackAddress().c_str());
+    std::cin.get();
+    return 0;
+}
+
+TEST_P(EndingSinkOfAnyKind, WhileItWaits_WaitEndsWithoutClient) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    const std::string address = sink.address();
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    EXPECT_TRUE(destroyInTime(sink));
+    EXPECT_THAT(recordsOf("VornLibraryCallbackSink", log),
+                ElementsAre("9 VornLibraryCallbackSink::~VornLibraryCallbackSink: closing socket",
+                            "9 VornLibraryCallbackSink::run: NULL returned from waitForClient : " + address +
+                                ", exiting",
+                            "9 VornLibraryCallbackSink::run: exiting rc=0"));
+}
+
+TEST_P(EndingSinkOfAnyKind, RightAfterConstruction_Ends) {
+    for (int i = 0; i < 50; ++i) {
+        WatchedSink sink(GetParam());
+        ASSERT_TRUE(destroyInTime(sink));
+    }
+}
+
+TEST_P(EndingSinkOfAnyKind, GivesItsAddressBack) {
+    std::string first;
+    {
+        WatchedSink sink(GetParam());
+        first = sink.address();
+    }
+    WatchedSink sink(GetParam());
+    EXPECT_EQ(sink.address(), first);
+    const CallbackPointer callback = addCallback(*sink);
+    deliver(sink, callback, "to the second");
+    EXPECT_THAT(callback->contents(), ElementsAre("to the second"));
+}
+
+TEST_P(EndingSinkOnStreams, AfterwardsNobodyListens) {
+    std::string address;
+    {
+        WatchedSink sink(GetParam());
+        address = sink.address();
+    }
+    try {
+        connectToSink(address);
+        FAIL() << "somebody listens at " << address;
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), ECONNREFUSED);
+    }
+}
+
+TEST_P(EndingSinkOfAnyKind, ReleasesItsCallbacks) {
+    CallbackPointer callback;
+    {
+        WatchedSink sink(GetParam());
+        callback = addCallback(*sink);
+        EXPECT_EQ(callback->refCount(), 2);
+    }
+    EXPECT_EQ(callback->refCount(), 1);
+}
+
+TEST_P(EndingSinkOfAnyKind, UnderTraffic_EndsEveryTime) {
+    Traffic traffic(2);
+    for (int i = 0; i < destructions; ++i) {
+        WatchedSink sink(GetParam());
+        const CallbackPointer callback = addCallback(*sink);
+        ASSERT_TRUE(awaitCondition([&] {
+            traffic.aim(sink.address());
+            return callback->calls() > 0;
+        })) << "sink "
+            << i << '\n'
+            << describeThreads();
+        ASSERT_TRUE(destroyInTime(sink)) << "sink " << i;
+        ASSERT_EQ(callback->refCount(), 1) << "sink " << i << " still serves";
+    }
+}
+
+TEST_P(EndingSinkOfAnyKind, WhileCallbackRuns_WaitsForIt) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    // Of the type that an object has while its destructor runs.
+    VornNet::VornLibraryCallbackSink& dying = *sink;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
+        entered.open();
+        leave.await();
+        // The sink's members must still be there.
+        return std::to_string(dying.getCallbackContainer().getNewId());
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    log.clear();
+    WatchedThread destroyer([&] { sink.destroy(); });
+    ASSERT_TRUE(log.await("closing socket"));
+    EXPECT_TRUE(awaitBlockedOnLock(destroyer.tid()));
+    EXPECT_FALSE(destroyer.finished());
+    leave.open();
+    EXPECT_TRUE(destroyer.join(endsWithin));
+    EXPECT_THAT(callback->contents(), ElementsAre("1"));
+    EXPECT_EQ(log.count("run: callback returned"), 1);
+}
+
+TEST_P(EndingSinkOnStreams, WithSilentClient_Ends) {
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    ASSERT_TRUE(sink.awaitReading());
+    EXPECT_TRUE(destroyInTime(sink));
+    EXPECT_EQ(receiveToEnd(silent.get()), "") << "the client sees the end";
+}
+
+TEST_P(EndingSinkOnStreams, WithClientThatSentHalfAHandle_Ends) {
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    sendAll(silent.get(), bytes("00 00 00"));
+    ASSERT_TRUE(sink.awaitReading());
+    EXPECT_TRUE(destroyInTime(sink));
+}
+
+TEST_P(EndingSinkOnStreams, WithCallbackThatReadsFromSilentClient_Ends) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    int code = -1;
+    addCallback(*sink, [&](Connection& connection) -> std::string {
+        entered.open();
+        try {
+            connection->receiveLong();
+        } catch (const VornSupport::VornException& exception) {
+            code = exception.getCode();
+            throw;
+        }
+        return {};
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    sendAll(silent.get(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    ASSERT_TRUE(sink.awaitReading());
+    EXPECT_TRUE(destroyInTime(sink));
+    EXPECT_EQ(code, 107) << "as if the client had closed";
+}
+
+TEST_P(EndingSinkOnStreams, WithCallbackThatWaits_WhatHasArrivedCanBeRead) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        entered.open();
+        leave.await();
+        return readToEnd(*connection);
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd client = connectToSink(sink.address());
+    sendAll(client.get(), onWire(0) + "arrived");
+    ASSERT_TRUE(entered.await());
+    CallTrace trace;
+    WatchedThread destroyer([&] { sink.destroy(); });
+    ASSERT_TRUE(awaitCondition([&] {
+        const auto calls = trace.records("shutdown");
+        return std::any_of(calls.begin(), calls.end(),
+                           [](const CallRecord& call) { return call.second == SHUT_RD; });
+    })) << "the client is to be cut off";
+    leave.open();
+    EXPECT_TRUE(destroyer.join(endsWithin));
+    EXPECT_THAT(callback->contents(), ElementsAre("arrived"));
+}
+
+TEST_P(EndingSinkOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    std::unique_ptr<SocketPair> stranger;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        connection->disconnect();
+        stranger = std::make_unique<SocketPair>(); // gets the number that has just become free
+        entered.open();
+        leave.await();
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd client = connectToSink(sink.address());
+    sendAll(client.get(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    CallTrace trace;
+    WatchedThread destroyer([&] { sink.destroy(); });
+    // Nothing tells that a cut is not going to be made.
+    const auto end = std::chrono::steady_clock::now() + 600ms;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    EXPECT_FALSE(destroyer.finished());
+    for (const CallRecord& call : trace.records("shutdown")) {
+        EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
+    }
+    sendAll(stranger->first.get(), "to second");
+    sendAll(stranger->second.get(), "to first");
+    EXPECT_EQ(receiveExactly(stranger->second.get(), 9), "to second");
+    EXPECT_EQ(receiveExactly(stranger->first.get(), 8), "to first");
+    leave.open();
+    EXPECT_TRUE(destroyer.join(endsWithin));
+}
+
+TEST_P(EndingSinkOnStreams, OtherSinksClient_IsNotCutOff) {
+    WatchedSink staying(GetParam(), "staying");
+    Gate entered;
+    const CallbackPointer callback = addCallback(*staying, [&](Connection& connection) {
+        entered.open();
+        return readToEnd(*connection);
+    });
+    ASSERT_TRUE(staying.awaitServing());
+    UniqueFd slow = connectToSink(staying.address());
+    sendAll(slow.get(), onWire(0) + "before ");
+    ASSERT_TRUE(entered.await());
+    WatchedSink ending(GetParam(), "ending");
+    ASSERT_TRUE(ending.awaitServing());
+    const UniqueFd silent = connectToSink(ending.address());
+    ASSERT_TRUE(ending.awaitReading());
+    EXPECT_TRUE(destroyInTime(ending));
+    sendAll(slow.get(), "and after");
+    slow.reset();
+    ASSERT_TRUE(callback->awaitCalls(1));
+    EXPECT_THAT(callback->contents(), ElementsAre("before and after"));
+}
+
+TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_EndsProcess) {
+    ChildProcess child = ChildProcess::spawnRole("sinkDeletedByItsCallback", nameOf(GetParam()));
+    const std::string address = child.readLine();
+    sendByHand(address, onWire(0));
+    EXPECT_EQ(child.wait(), 128 + SIGABRT);
+    EXPECT_THAT(child.readAllErrors(), HasSubstr("VornLibraryCallbackSink::~VornLibraryCallbackSink"));
+    EXPECT_EQ(child.readAllOutput(), "");
+}

@@ -1,0 +1,586 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * Failures: of a callback, of the wait, of the making of the server, and what a hostile sender can do.
+ */
+
+#include "Interpose.h"
+#include "NotificationPeer.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include <VornException.h>
+#include <VornLogging.h>
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using namespace std::chrono_literals;
+
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+using testing::Values;
+using VornNet::VornConnection;
+using VornNet::VornSmartPointer;
+using VornSupport::VornException;
+
+using Connection = VornSmartPointer<VornConnection>;
+
+class FailingSink : public NotificationTest {};
+
+class FailingSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+class FailingSinkOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+class FailingSinkOnPorts : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+
+INSTANTIATE_TEST_SUITE_P(Kind, FailingSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, FailingSinkOnStreams, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, FailingSinkOnPorts, Values(Kind::socket, Kind::udp), kindName);
+
+/// A record of the sink's class, as recordsOf() shows it.
+std::string debugRecord(const std::string& text) {
+    return "9 VornLibraryCallbackSink::" + text;
+}
+
+std::vector<std::string> sinkRecords(const LogCapture& log) {
+    return recordsOf("VornLibraryCallbackSink", log);
+}
+
+RecordingCallback::Action throwing(int code) {
+    return [code](Connection& connection) -> std::string {
+        readToEnd(*connection);
+        throw VornException("a callback's failure", code);
+    };
+}
+
+/// Sends one notification by hand when the sink is waiting.
+void sendWhenServing(const WatchedSink& sink, const std::string& data) {
+    ASSERT_TRUE(sink.awaitServing()) << describeThreads();
+    sendByHand(sink.address(), data);
+}
+
+/// The records of a notification's way until its callback has failed.
+std::vector<std::string> recordsUpToFailure(const std::string& address) {
+    return {debugRecord("run: received data : " + address), debugRecord("run: hCallback=0"),
+            debugRecord("run: found callback... invoking")};
+}
+
+/// Lets pass a time in which something is counted.
+void letPass(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+}
+
+/// A signal's handler that does nothing but interrupt system calls.
+class InterruptingSignal {
+public:
+    InterruptingSignal() {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGUSR1, &action, &m_before);
+    }
+
+    ~InterruptingSignal() { ::sigaction(SIGUSR1, &m_before, nullptr); }
+
+    InterruptingSignal(const InterruptingSignal&) = delete;
+    InterruptingSignal& operator=(const InterruptingSignal&) = delete;
+
+    static void sendTo(pid_t tid) { ::syscall(SYS_tgkill, ::getpid(), tid, SIGUSR1); }
+
+private:
+    struct sigaction m_before = {};
+};
+
+} // namespace
+
+KIT_ROLE(sinkMaker) {
+    VornSupport::VornLogging::setRecordHandler(
+        [](int level, const VornSupport::VornString& text) { std::printf("%d %s\n", level, text.c_str()); });
+    VornSupport::VornLogging::getInstance().setLogLevel(std::stoi(args.at(0)));
+    std::printf("constructing\n");
+    SinkProbe sink("stuck");
+    std::printf("constructed\n");
+    return 0;
+}
+
+TEST_F(FailingSink, WhenLocalhostIsUnknown_TcpConstructorDoesNotReturn) {
+    useHostsFile("127.0.0.1 vega\n");
+    ChildProcess child = ChildProcess::spawnRoleWith({"QUORAX_CALLB_CONN_TYPE=socket"}, "sinkMaker", {"9"});
+    EXPECT_EQ(child.readLine(), "constructing");
+    int waits = 0;
+    while (waits < 8) {
+        const std::string line = child.readLine();
+        ASSERT_EQ(line.find("constructed"), std::string::npos) << line;
+        waits += line.find("run: waiting for data : socket::5023") != std::string::npos ? 1 : 0;
+    }
+}
+
+// A sink whose server cannot be made.
+
+TEST_F(FailingSink, WhenServerCannotBeMade_ConstructorWaitsAndThreadTellsWhy) {
+    const MissingPipeDirectory missing;
+    ChildProcess child = ChildProcess::spawnRole("sinkMaker", "1");
+    EXPECT_EQ(child.readLine(), "constructing");
+    const std::string record = child.readLine();
+    EXPECT_THAT(record, AllOf(StartsWith("1 "), HasSubstr("stuck"),
+                              HasSubstr("VornPipeServer::init: failed to prepare pipe."), HasSubstr("2")));
+    const std::string task = "/proc/" + std::to_string(child.pid()) + "/";
+    const auto switches = [&] {
+        const std::string status = readTextFile(task + "status");
+        return std::stol(status.substr(status.find("\nvoluntary_ctxt_switches:") + 25));
+    };
+    const auto ticks = [&] {
+        const std::string stat = readTextFile(task + "stat");
+        std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+        std::string skipped;
+        for (int i = 0; i < 11; ++i) {
+            fields >> skipped;
+        }
+        long user = 0;
+        long system = 0;
+        fields >> user >> system;
+        return user + system;
+    };
+    const long ticksBefore = ticks();
+    const auto before = std::chrono::steady_clock::now();
+    const long first = switches();
+    ASSERT_TRUE(awaitCondition([&] { return switches() >= first + 500; })) << "the constructor must poll";
+    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
+    EXPECT_LT(static_cast<double>(ticks() - ticksBefore) / static_cast<double>(::sysconf(_SC_CLK_TCK)),
+              0.6 * elapsed);
+    child.kill(SIGKILL);
+    EXPECT_EQ(child.wait(), 128 + SIGKILL);
+    EXPECT_EQ(child.readAllOutput(), "");
+}
+
+// A callback that throws.
+
+TEST_P(FailingSinkOfAnyKind, OtherCode_IsRememberedAndLoopGoesOn) {
+    LogCapture log;
+    std::string address;
+    {
+        WatchedSink sink(GetParam());
+        address = sink.address();
+        addCallback(*sink, throwing(5));
+        const CallbackPointer good = addCallback(*sink);
+        ASSERT_TRUE(sink.awaitServing());
+        log.clear();
+        sendByHand(address, onWire(0));
+        ASSERT_TRUE(log.await("waiting for data"));
+        std::vector<std::string> expected = recordsUpToFailure(address);
+        expected.push_back(debugRecord("run: waiting for data : " + address));
+        EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected)) << "the failure itself is not logged";
+        deliver(sink, good, "goes on");
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(log.count("run: exiting rc=5"), 1);
+}
+
+TEST_P(FailingSinkOfAnyKind, LastOtherCode_IsWhatRunReturns) {
+    LogCapture log;
+    {
+        WatchedSink sink(GetParam());
+        addCallback(*sink, throwing(5));
+        addCallback(*sink, throwing(-7));
+        for (int id = 0; id < 2; ++id) {
+            sendWhenServing(sink, onWire(id));
+            ASSERT_TRUE(awaitCondition([&] { return log.count("waiting for data") == id + 2; }));
+        }
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(log.count("run: exiting rc=-7"), 1);
+}
+
+TEST_P(FailingSinkOfAnyKind, CodeZero_IsACodeLikeOthers) {
+    LogCapture log;
+    {
+        WatchedSink sink(GetParam());
+        addCallback(*sink, throwing(5));
+        addCallback(*sink, throwing(0));
+        for (int id = 0; id < 2; ++id) {
+            sendWhenServing(sink, onWire(id));
+            ASSERT_TRUE(awaitCondition([&] { return log.count("waiting for data") == id + 2; }));
+        }
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(log.count("run: exiting rc=0"), 1);
+}
+
+TEST_P(FailingSinkOfAnyKind, ConnectionResetAndInterruption_EndLoop) {
+    for (const int code : {ECONNRESET, EINTR}) {
+        LogCapture log;
+        WatchedSink sink(GetParam());
+        const std::string address = sink.address();
+        addCallback(*sink, throwing(code));
+        ASSERT_TRUE(sink.awaitServing());
+        log.clear();
+        sendByHand(address, onWire(0));
+        ASSERT_TRUE(sink.awaitEnd());
+        std::vector<std::string> expected = recordsUpToFailure(address);
+        expected.push_back(
+            debugRecord("run: exception=" + std::to_string(code) + " connection closed, exiting"));
+        expected.push_back(debugRecord("run: exiting rc=0"));
+        EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+        // The server stays open: who sends meets no error.
+        EXPECT_NO_THROW(sendByHand(address, onWire(0)));
+    }
+}
+
+TEST_P(FailingSinkOfAnyKind, EndByCode_LeavesEarlierResult) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    addCallback(*sink, throwing(5));
+    addCallback(*sink, throwing(ECONNRESET));
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(awaitCondition([&] { return log.count("waiting for data") == 2; }));
+    sendWhenServing(sink, onWire(1));
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_EQ(log.count("run: exiting rc=5"), 1);
+}
+
+TEST_F(FailingSink, AddressInUse_EndsPipeSink) {
+    LogCapture log;
+    WatchedSink sink(Kind::pipe);
+    const std::string address = sink.address();
+    addCallback(*sink, throwing(EADDRINUSE));
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    sendByHand(address, onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    std::vector<std::string> expected = recordsUpToFailure(address);
+    expected.push_back(debugRecord("run: exception=98 cannot establish connection, exiting"));
+    expected.push_back(debugRecord("run: exiting rc=0"));
+    EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+    EXPECT_EQ(sink.address(), address);
+}
+
+TEST_P(FailingSinkOnPorts, AddressInUse_MovesPortWhateverItsSource) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    const std::string address = sink.address();
+    const std::string next = nameOf(GetParam()) + ":127.0.0.1:5024";
+    addCallback(*sink, throwing(EADDRINUSE));
+    const CallbackPointer good = addCallback(*sink);
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    sendByHand(address, onWire(0));
+    ASSERT_TRUE(log.await("waiting for data"));
+    std::vector<std::string> expected = recordsUpToFailure(address);
+    expected.push_back(debugRecord("tryNextPort: retrying " + nameOf(GetParam()) + " server on socket 5024"));
+    expected.push_back(debugRecord("run: exception=98 trying next port=5024"));
+    expected.push_back(debugRecord("run: waiting for data : " + next));
+    EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+    EXPECT_EQ(sink.address(), next);
+    EXPECT_EQ(sink->getCallbackSocket(), 5024);
+    // The server was not closed, so it is still where it was.
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(address, onWire(1) + "old port");
+    ASSERT_TRUE(good->awaitCalls(1));
+    EXPECT_THAT(good->contents(), ElementsAre("old port"));
+}
+
+TEST_P(FailingSinkOfAnyKind, OtherExceptions_EndThreadWithRecordAtLevelOne) {
+    LogCapture log;
+    WatchedSink sink(GetParam(), "falcon");
+    addCallback(*sink, [](Connection&) -> std::string { throw std::runtime_error("not of the library"); });
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_TRUE(log.contains(1, "not of the library"));
+    EXPECT_TRUE(log.contains(1, "falcon"));
+    EXPECT_EQ(log.count("run: exiting rc="), 0);
+    EXPECT_NO_THROW(sendByHand(sink.address(), onWire(0))) << "the server stays open";
+}
+
+TEST_P(FailingSinkOfAnyKind, ThrownNumber_EndsThreadWithRecordAtLevelOne) {
+    LogCapture log(1);
+    WatchedSink sink(GetParam(), "falcon");
+    addCallback(*sink, [](Connection&) -> std::string { throw 42; });
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_TRUE(log.contains(1, "falcon"));
+}
+
+TEST_P(FailingSinkOfAnyKind, CallbackThatThrows_LeavesEventAndLockAlone) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink, throwing(5));
+    const CallbackPointer good = addCallback(*sink);
+    sendWhenServing(sink, onWire(0));
+    deliver(sink, good, "");
+    EXPECT_FALSE(callback->wait(0));
+    WatchedThread other([&] { sink->getCallbackContainer().getNewId(); });
+    EXPECT_TRUE(other.join());
+}
+
+// Senders that do not keep to the exchange.
+
+TEST_P(FailingSinkOfAnyKind, HandleCutShort_IsAFailedRead) {
+    LogCapture log;
+    {
+        WatchedSink sink(GetParam());
+        const CallbackPointer callback = addCallback(*sink);
+        ASSERT_TRUE(sink.awaitServing());
+        log.clear();
+        sendByHand(sink.address(), bytes("00 00"));
+        ASSERT_TRUE(log.await("waiting for data"));
+        EXPECT_THAT(sinkRecords(log), ElementsAre(debugRecord("run: received data : " + sink.address()),
+                                                  debugRecord("run: waiting for data : " + sink.address())));
+        deliver(sink, callback, "goes on");
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(log.count(GetParam() == Kind::udp ? "run: exiting rc=0" : "run: exiting rc=107"), 1);
+}
+
+TEST_P(FailingSinkOnStreams, ClientThatSendsNothing_HoldsSinkUntilItCloses) {
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    ASSERT_TRUE(sink.awaitServing());
+    UniqueFd silent = connectToSink(sink.address());
+    ASSERT_TRUE(sink.awaitReading());
+    const UniqueFd behind = connectToSink(sink.address());
+    sendAll(behind.get(), onWire(0) + "behind");
+    ::shutdown(behind.get(), SHUT_WR);
+    EXPECT_EQ(callback->calls(), 0);
+    silent.reset();
+    // A failed read leaves the server open, with its queue.
+    ASSERT_TRUE(callback->awaitCalls(1));
+    EXPECT_THAT(callback->contents(), ElementsAre("behind"));
+}
+
+TEST_F(FailingSink, ResetBeforeHandle_EndsTcpSink) {
+    LogCapture log;
+    WatchedSink sink(Kind::socket);
+    const std::string address = sink.address();
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    UniqueFd client = connectToSink(address);
+    ASSERT_TRUE(sink.awaitReading());
+    resetOnClose(client.get());
+    client.reset();
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_THAT(sinkRecords(log), ElementsAre(debugRecord("run: received data : " + address),
+                                              debugRecord("run: exception=104 connection closed, exiting"),
+                                              debugRecord("run: exiting rc=0")));
+    EXPECT_NO_THROW(connectToSink(address)) << "the server stays open";
+}
+
+TEST_F(FailingSink, ResetWhileQueued_DoesNoHarm) {
+    WatchedSink sink(Kind::socket);
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        entered.open();
+        leave.await();
+        return readToEnd(*connection);
+    });
+    sendWhenServing(sink, onWire(0) + "first");
+    ASSERT_TRUE(entered.await());
+    UniqueFd client = connectToSink(sink.address());
+    resetOnClose(client.get());
+    client.reset();
+    leave.open();
+    ASSERT_TRUE(callback->awaitCalls(1));
+    deliver(sink, callback, "second");
+    EXPECT_THAT(callback->contents(), ElementsAre("first", "second"));
+}
+
+TEST_F(FailingSink, EmptyDatagram_EndsUdpSink) {
+    LogCapture log;
+    WatchedSink sink(Kind::udp);
+    const std::string address = sink.address();
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    sendByHand(address, "");
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_THAT(sinkRecords(log),
+                ElementsAre(debugRecord("run: NULL returned from waitForClient : " + address + ", exiting"),
+                            debugRecord("run: exiting rc=0")));
+    EXPECT_NO_THROW(sendByHand(address, onWire(0))) << "who sends learns nothing of it";
+}
+
+TEST_P(FailingSinkOnPorts, SignalDuringWait_EndsSink) {
+    const InterruptingSignal signal;
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    const std::string address = sink.address();
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    InterruptingSignal::sendTo(sink.tid());
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_THAT(sinkRecords(log),
+                ElementsAre(debugRecord("run: NULL returned from waitForClient : " + address + ", exiting"),
+                            debugRecord("run: exiting rc=0")));
+}
+
+TEST_F(FailingSink, SignalDuringWait_DoesNotEndPipeSink) {
+    const InterruptingSignal signal;
+    LogCapture log;
+    WatchedSink sink(Kind::pipe);
+    const CallbackPointer callback = addCallback(*sink);
+    ASSERT_TRUE(sink.awaitServing());
+    log.clear();
+    InterruptingSignal::sendTo(sink.tid());
+    ASSERT_TRUE(log.await("waiting for data"));
+    deliver(sink, callback, "goes on");
+    EXPECT_THAT(callback->contents(), ElementsAre("goes on"));
+}
+
+TEST_P(FailingSinkOnStreams, SignalDuringRead_EndsSink) {
+    const InterruptingSignal signal;
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    ASSERT_TRUE(sink.awaitReading());
+    InterruptingSignal::sendTo(sink.tid());
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_EQ(log.count("run: exception=4 connection closed, exiting"), 1);
+}
+
+// A wait that fails.
+
+TEST_F(FailingSink, FailedAcceptOfPipe_IsDecidedByItsCode) {
+    const std::vector<std::pair<int, std::string>> decisions = {
+        {EADDRINUSE, "run: exception=98 cannot establish connection, exiting"},
+        {ECONNRESET, "run: exception=104 connection closed, exiting"},
+        {EINTR, "run: exception=4 connection closed, exiting"}};
+    for (const auto& [code, text] : decisions) {
+        LogCapture log;
+        WatchedSink sink(Kind::pipe);
+        ASSERT_TRUE(sink.awaitServing());
+        log.clear();
+        FaultRule failing("accept", code);
+        const UniqueFd client = connectToSink(sink.address());
+        ASSERT_TRUE(sink.awaitEnd());
+        EXPECT_THAT(sinkRecords(log), ElementsAre(debugRecord(text), debugRecord("run: exiting rc=0")));
+    }
+}
+
+TEST_F(FailingSink, FailedAcceptOfPipe_IsTriedAgainAfterOtherCode) {
+    LogCapture log;
+    {
+        WatchedSink sink(Kind::pipe);
+        const CallbackPointer callback = addCallback(*sink);
+        ASSERT_TRUE(sink.awaitServing());
+        FaultRule failing("accept", EMFILE, 1, 3);
+        sendByHand(sink.address(), onWire(0) + "in the end");
+        ASSERT_TRUE(callback->awaitCalls(1));
+        EXPECT_EQ(failing.calls(), 4);
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(log.count("run: exiting rc=24"), 1);
+}
+
+TEST_F(FailingSink, ResetReportedByDatagramSocket_EndsUdpSink) {
+    LogCapture log;
+    WatchedSink sink(Kind::udp);
+    ASSERT_TRUE(sink.awaitServing());
+    FaultRule failing("recvfrom", ECONNRESET);
+    failing.onlyThread(sink.tid());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_EQ(log.count("socket error=104, exiting"), 1);
+    EXPECT_EQ(log.count("run: NULL returned from waitForClient"), 1);
+    EXPECT_EQ(log.count("run: exiting rc=0"), 1);
+}
+
+TEST_P(FailingSinkOnPorts, BindThatFailsAtFirst_IsTriedUntilItSucceeds) {
+    LogCapture log;
+    {
+        FaultRule failing("bind", EADDRNOTAVAIL, 1, 3);
+        WatchedSink sink(GetParam());
+        EXPECT_EQ(failing.calls(), 4) << "the constructor waits for the server";
+        EXPECT_EQ(sink.address(), nameOf(GetParam()) + ":127.0.0.1:5023");
+        const CallbackPointer callback = addCallback(*sink);
+        deliver(sink, callback, "x");
+        ASSERT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(log.count("run: exiting rc=99"), 1);
+}
+
+TEST_P(FailingSinkOfAnyKind, WaitThatKeepsFailing_BacksOffAndRecovers) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    const CallbackPointer callback = addCallback(*sink);
+    {
+        FaultRule failing("bind", EACCES, 1, FaultRule::always);
+        failing.onlyThread(sink.tid());
+        sendWhenServing(sink, onWire(4711));
+        ASSERT_TRUE(awaitCondition([&] { return failing.failures() > 0; }));
+        const auto before = processorTime(sink.tid());
+        const int failures = failing.failures();
+        letPass(1s);
+        // Pauses of 1, 2, 4 ... 64 and then 100 ms: some sixteen.
+        EXPECT_GE(failing.failures() - failures, 3);
+        EXPECT_LE(failing.failures() - failures, 60);
+        EXPECT_LT((processorTime(sink.tid()) - before).count(), 500);
+    }
+    deliver(sink, callback, "again");
+    EXPECT_THAT(callback->contents(), ElementsAre("again"));
+}
+
+TEST_F(FailingSink, WhenPipeDirectoryIsRemoved_BacksOffAndRecovers) {
+    LogCapture log;
+    WatchedSink sink(Kind::pipe);
+    const CallbackPointer callback = addCallback(*sink);
+    const std::string name = Target(sink.address()).place;
+    ASSERT_TRUE(sink.awaitServing());
+    {
+        MissingPipeDirectory missing;
+        // The old socket is still there, under the directory's other name.
+        sendAll(unixConnect(missing.pathNow(name)).get(), onWire(0) + "last");
+        ASSERT_TRUE(callback->awaitCalls(1));
+        ASSERT_TRUE(awaitCondition([&] { return log.count("waiting for data") >= 3; }));
+        const auto before = processorTime(sink.tid());
+        const int waits = log.count("waiting for data");
+        letPass(1s);
+        EXPECT_GE(log.count("waiting for data") - waits, 3);
+        EXPECT_LE(log.count("waiting for data") - waits, 60);
+        EXPECT_LT((processorTime(sink.tid()) - before).count(), 500);
+        missing.putBack();
+    }
+    deliver(sink, callback, "again");
+    EXPECT_THAT(callback->contents(), ElementsAre("last", "again"));
+    ASSERT_TRUE(sink.awaitServing());
+    sink.destroy();
+    EXPECT_EQ(log.count("run: exiting rc=2"), 1);
+}
+
+TEST_P(FailingSinkOfAnyKind, IsDestroyedWhileItBacksOff) {
+    WatchedSink sink(GetParam());
+    FaultRule failing("bind", EACCES, 1, FaultRule::always);
+    failing.onlyThread(sink.tid());
+    sendWhenServing(sink, onWire(4711));
+    ASSERT_TRUE(awaitCondition([&] { return failing.failures() >= 8; }));
+    WatchedThread destroyer([&] { sink.destroy(); });
+    EXPECT_TRUE(destroyer.join(5s));
+}
+
+TEST_P(FailingSinkOfAnyKind, IsDestroyedAfterItsThreadHasEnded) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    addCallback(*sink, throwing(ECONNRESET));
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    WatchedThread destroyer([&] { sink.destroy(); });
+    EXPECT_TRUE(destroyer.join(5s));
+    EXPECT_EQ(log.count("~VornLibraryCallbackSink: closing socket"), 1);
+}

@@ -1,0 +1,628 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Await.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Process.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <VornLogging.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using namespace VornSupport;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::SizeIs;
+
+/// Writes a record in the way of the library's own.
+template <typename... Values>
+void logAt(int level, const Values&... values) {
+    if (VornLogging::isAdmitted(level)) {
+        VornLogging& logger = VornLogging::getInstance() << setloglevel(level);
+        (logger << ... << values) << endrecord;
+    }
+}
+
+/// Stands in for standard error while it exists, and tells one write(2) from the next.
+class StandardErrorWrites {
+public:
+    StandardErrorWrites() : m_saved(::dup(STDERR_FILENO)) {
+        int ends[2] = {};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        m_reading.reset(ends[0]);
+        ::dup2(ends[1], STDERR_FILENO);
+        ::close(ends[1]);
+        m_reader = std::make_unique<WatchedThread>([this] { collect(); });
+    }
+
+    ~StandardErrorWrites() { finish(); }
+
+    StandardErrorWrites(const StandardErrorWrites&) = delete;
+    StandardErrorWrites& operator=(const StandardErrorWrites&) = delete;
+
+    /// Gives standard error back; what has been written meanwhile, one text for each write(2).
+    std::vector<std::string> finish() {
+        if (m_saved) {
+            ::shutdown(STDERR_FILENO, SHUT_WR);
+            ::dup2(m_saved.get(), STDERR_FILENO);
+            m_saved.reset();
+            m_reader->join();
+        }
+        return m_writes;
+    }
+
+private:
+    void collect() {
+        std::vector<char> buffer(1 << 20);
+        for (;;) {
+            const ssize_t length = ::recv(m_reading.get(), buffer.data(), buffer.size(), 0);
+            if (length <= 0) {
+                return;
+            }
+            m_writes.emplace_back(buffer.data(), static_cast<std::size_t>(length));
+        }
+    }
+
+    UniqueFd m_saved;
+    UniqueFd m_reading;
+    std::vector<std::string> m_writes;
+    std::unique_ptr<WatchedThread> m_reader;
+};
+
+/// What a line of the default output is made of.
+struct Line {
+    explicit Line(const std::string& written) {
+        tm utc = {};
+        int textStart = 0;
+        const int values = std::sscanf(written.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%*6[0-9]Z %d [%d:%d]%n",
+                                       &utc.tm_year, &utc.tm_mon, &utc.tm_mday, &utc.tm_hour, &utc.tm_min,
+                                       &utc.tm_sec, &m_level, &m_pid, &m_tid, &textStart);
+        const auto start = static_cast<std::size_t>(textStart) + 1;
+        m_isWellFormed =
+            values == 9 && written.size() > start && written[start - 1] == ' ' && written.back() == '\n';
+        if (!m_isWellFormed) {
+            return;
+        }
+        utc.tm_year -= 1900;
+        utc.tm_mon -= 1;
+        m_time = ::timegm(&utc);
+        m_text = written.substr(start, written.size() - start - 1);
+    }
+
+    bool m_isWellFormed = false;
+    time_t m_time = 0;
+    int m_level = -99;
+    pid_t m_pid = 0;
+    pid_t m_tid = 0;
+    std::string m_text;
+};
+
+std::vector<std::string> textsOf(const std::vector<std::string>& writes) {
+    std::vector<std::string> result;
+    for (const std::string& written : writes) {
+        result.push_back(Line(written).m_text);
+    }
+    return result;
+}
+
+class VornLoggingTest : public LeakCheckedTest {
+protected:
+    void TearDown() override {
+        VornLogging::setRecordHandler({});
+        VornLogging::setAccessAllowed(true);
+        VornLogging::getInstance().setLogLevel(VornLogging::cOff);
+        LeakCheckedTest::TearDown();
+    }
+};
+
+/// A thread sanitizer loses its way when a thread is cancelled within a call that it watches.
+void spinUntilCancelled() {
+    for (;;) {
+        ::pthread_testcancel();
+    }
+}
+
+/// Logs when it is destroyed.
+struct LastWords {
+    const char* m_text;
+
+    ~LastWords() { logAt(1, m_text); }
+};
+
+/// Static objects of this file are constructed before the program sets the level, and destroyed last.
+const LastWords g_lastWords{"destructor of a global object"};
+
+} // namespace
+
+KIT_ROLE(loggerDefaults) {
+    std::cout << VornLogging::isAccessAllowed() << ' ' << VornLogging::getInstance().getLogLevel()
+              << std::endl;
+    for (int level = VornLogging::cUserOutput; level <= VornLogging::cLast; ++level) {
+        logAt(level, "not admitted");
+    }
+    return 0;
+}
+
+KIT_ROLE(logAtTheEnd) {
+    if (args.at(0) == "handler") {
+        VornLogging::setRecordHandler(
+            [](int level, const VornString& text) { std::cerr << level << "] " << text << std::endl; });
+    }
+    VornLogging::getInstance().setLogLevel(VornLogging::cError);
+    static const LastWords local{"destructor of a local static object"};
+    thread_local const LastWords threads{"destructor of a thread's object"};
+    std::atexit([] { logAt(1, "exit handler"); });
+    std::thread([] { thread_local const LastWords other{"destructor of another thread's object"}; }).join();
+    logAt(1, "main of ", threads.m_text);
+    return 0;
+}
+
+KIT_ROLE(exitWhileThreadsLog) {
+    static std::atomic<long> records{0};
+    VornLogging::setRecordHandler([](int, const VornString&) { ++records; });
+    VornLogging::getInstance().setLogLevel(VornLogging::cDebug);
+    for (int i = 0; i < 3; ++i) {
+        std::thread([] {
+            for (;;) {
+                logAt(9, "still here");
+            }
+        }).detach();
+    }
+    return awaitCondition([] { return records > 100; }) ? 0 : 1;
+}
+
+TEST_F(VornLoggingTest, InAFreshProcess_AccessIsAllowedTheLevelIsOffAndNothingIsWritten) {
+    ChildProcess child = ChildProcess::spawnRole("loggerDefaults");
+    EXPECT_EQ(child.readAllOutput(), "1 -1\n");
+    EXPECT_EQ(child.readAllErrors(), "");
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(VornLoggingTest, Levels_HaveTheirNumbers) {
+    EXPECT_EQ(VornLogging::cOff, -1);
+    EXPECT_EQ(VornLogging::cUserOutput, 0);
+    EXPECT_EQ(VornLogging::cError, 1);
+    EXPECT_EQ(VornLogging::cWarning, 2);
+    EXPECT_EQ(VornLogging::cInformation, 3);
+    EXPECT_EQ(VornLogging::cVerbose, 4);
+    EXPECT_EQ(VornLogging::cTraceCoreLow, 5);
+    EXPECT_EQ(VornLogging::cTraceApplicationLow, 6);
+    EXPECT_EQ(VornLogging::cTraceCoreHigh, 7);
+    EXPECT_EQ(VornLogging::cTraceApplicationHigh, 8);
+    EXPECT_EQ(VornLogging::cDebug, 9);
+    EXPECT_EQ(VornLogging::cLast, 10);
+}
+
+TEST_F(VornLoggingTest, GetInstance_IsAlwaysTheSame) {
+    EXPECT_EQ(&VornLogging::getInstance(), &VornLogging::getInstance());
+    VornLogging* others = nullptr;
+    std::thread([&] { others = &VornLogging::getInstance(); }).join();
+    EXPECT_EQ(others, &VornLogging::getInstance());
+}
+
+TEST_F(VornLoggingTest, ARecord_IsAdmittedWhenAccessIsAllowedAndTheLevelIsHighEnough) {
+    VornLogging& logger = VornLogging::getInstance();
+    for (const bool allowed : {true, false}) {
+        for (int level = VornLogging::cOff; level <= VornLogging::cLast; ++level) {
+            VornLogging::setAccessAllowed(allowed);
+            logger.setLogLevel(level);
+            EXPECT_EQ(VornLogging::isAccessAllowed(), allowed);
+            EXPECT_EQ(logger.getLogLevel(), level);
+            for (int record = VornLogging::cUserOutput; record <= VornLogging::cLast; ++record) {
+                EXPECT_EQ(VornLogging::isAdmitted(record), allowed && level >= record)
+                    << "allowed " << allowed << ", level " << level << ", record " << record;
+            }
+        }
+    }
+}
+
+TEST_F(VornLoggingTest, TheLevelSetWhileAccessIsForbidden_HoldsWhenItIsAllowedAgain) {
+    VornLogging::setAccessAllowed(false);
+    VornLogging::getInstance().setLogLevel(5);
+    EXPECT_EQ(VornLogging::isAdmitted(5), false);
+    EXPECT_EQ(VornLogging::getInstance().getLogLevel(), 5);
+    VornLogging::setAccessAllowed(true);
+    EXPECT_EQ(VornLogging::isAdmitted(5), true);
+    EXPECT_EQ(VornLogging::isAdmitted(6), false);
+}
+
+TEST_F(VornLoggingTest, LevelAndAccessChangedByManyThreads_AgreeInTheEnd) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i] {
+            for (int round = 0; round < 1000; ++round) {
+                VornLogging::setAccessAllowed((round + i) % 2 == 0);
+                VornLogging::getInstance().setLogLevel((round + i) % 10);
+                VornLogging::isAdmitted(4);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const int level = VornLogging::getInstance().getLogLevel();
+    EXPECT_EQ(VornLogging::isAdmitted(level), VornLogging::isAccessAllowed());
+    EXPECT_EQ(VornLogging::isAdmitted(level + 1), false);
+}
+
+TEST_F(VornLoggingTest, AHandler_GetsLevelAndTextOfEveryKindOfValue) {
+    LogCapture log;
+    const VornString text("a text");
+    logAt(7, "chars ", text, ' ', static_cast<short>(-3), ' ', 65, ' ', -4294967297L);
+    EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{7, "chars a text -3 65 -4294967297"}));
+}
+
+TEST_F(VornLoggingTest, ExtremeNumbers_AreWrittenInFull) {
+    LogCapture log;
+    logAt(9, LONG_MIN, ' ', LONG_MAX, ' ', INT_MIN, ' ', static_cast<short>(SHRT_MIN), ' ', 0);
+    EXPECT_THAT(log.texts(), ElementsAre("-9223372036854775808 9223372036854775807 -2147483648 -32768 0"));
+}
+
+TEST_F(VornLoggingTest, ACharacter_IsAppendedAsItIs) {
+    LogCapture log;
+    logAt(4, 'x', '\t', '\0', '\xFF');
+    EXPECT_THAT(log.texts(), ElementsAre(std::string("x\t\0\xFF", 4)));
+}
+
+TEST_F(VornLoggingTest, ANullText_IsEmpty) {
+    LogCapture log;
+    const char* nothing = nullptr;
+    logAt(4, "[", nothing, "]");
+    EXPECT_THAT(log.texts(), ElementsAre("[]"));
+}
+
+TEST_F(VornLoggingTest, ARecordWithoutValues_IsEmpty) {
+    LogCapture log;
+    VornLogging::getInstance() << setloglevel(3) << endrecord;
+    EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{3, ""}));
+}
+
+TEST_F(VornLoggingTest, ARecord_IsEmittedByEndrecordAndNotBefore) {
+    LogCapture log;
+    VornLogging::getInstance() << setloglevel(3) << "half";
+    EXPECT_THAT(log.records(), IsEmpty());
+    VornLogging::getInstance() << " and half" << endrecord;
+    EXPECT_THAT(log.texts(), ElementsAre("half and half"));
+}
+
+TEST_F(VornLoggingTest, EndrecordWithoutARecord_DoesNothing) {
+    LogCapture log;
+    VornLogging::getInstance() << endrecord;
+    endrecord(VornLogging::getInstance());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornLoggingTest, ValuesWithoutALevel_OpenARecordOfLevelZero) {
+    LogCapture log;
+    VornLogging::getInstance() << "plain" << endrecord;
+    EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{0, "plain"}));
+}
+
+TEST_F(VornLoggingTest, ARecordOpenedWithinAnother_IsWrittenByItself) {
+    LogCapture log;
+    const auto inner = [] {
+        logAt(1, "inner ", 2);
+        return 3;
+    };
+    VornLogging::getInstance() << setloglevel(5) << "outer ";
+    VornLogging::getInstance() << inner() << " end" << endrecord;
+    EXPECT_THAT(log.records(),
+                ElementsAre(LogCapture::Record{1, "inner 2"}, LogCapture::Record{5, "outer 3 end"}));
+}
+
+TEST_F(VornLoggingTest, RecordsOfTwoThreads_DoNotMixWhileBothAreOpen) {
+    LogCapture log;
+    VornLogging::getInstance() << setloglevel(5) << "ours ";
+    std::thread([] { logAt(6, "theirs"); }).join();
+    VornLogging::getInstance() << "only" << endrecord;
+    EXPECT_THAT(log.records(),
+                ElementsAre(LogCapture::Record{6, "theirs"}, LogCapture::Record{5, "ours only"}));
+}
+
+TEST_F(VornLoggingTest, WithoutAHandler_ARecordIsOneLineWrittenAtOnceWithTimeLevelProcessAndThread) {
+    const time_t before = ::time(nullptr);
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(7, "VornWidget::open: ", 5, ' ', VornString("done"));
+    const std::vector<std::string> writes = output.finish();
+    const time_t after = ::time(nullptr);
+    ASSERT_THAT(writes, SizeIs(1));
+    const Line line(writes[0]);
+    EXPECT_EQ(line.m_isWellFormed, true) << writes[0];
+    EXPECT_EQ(line.m_level, 7);
+    EXPECT_EQ(line.m_pid, ::getpid());
+    EXPECT_EQ(line.m_tid, currentTid());
+    EXPECT_EQ(line.m_text, "VornWidget::open: 5 done");
+    EXPECT_GE(line.m_time, before);
+    EXPECT_LE(line.m_time, after);
+}
+
+TEST_F(VornLoggingTest, WithoutAHandler_TheLineNamesTheThreadThatLogs) {
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    pid_t tid = 0;
+    std::thread([&] {
+        tid = currentTid();
+        logAt(1, "here");
+    }).join();
+    const std::vector<std::string> writes = output.finish();
+    ASSERT_THAT(writes, SizeIs(1));
+    EXPECT_EQ(Line(writes[0]).m_tid, tid);
+    EXPECT_EQ(Line(writes[0]).m_pid, ::getpid());
+}
+
+TEST_F(VornLoggingTest, WithoutAHandler_ALongRecordIsWrittenAtOnceToo) {
+    const std::string text(100000, 'x');
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(1, text);
+    EXPECT_THAT(textsOf(output.finish()), ElementsAre(text));
+}
+
+TEST_F(VornLoggingTest, WithoutAHandler_ARecordWithALineEndInItIsStillOneLine) {
+    // A peer's bytes get into records, and must not be able to write lines of their own.
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(4, "HTTPRequest::PeekLine: break on character = ", '\n');
+    logAt(4, VornString("name\nforged line"));
+    for (const std::string& written : output.finish()) {
+        EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), 1) << written;
+    }
+}
+
+TEST_F(VornLoggingTest, WithoutAHandler_ControlCharactersAreShownAsHexadecimalNumbers) {
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(4, "tab ", '\t', " zero ", '\0', " escape ", '\x1B', " delete ", '\x7F', " byte ", '\xFF',
+          " backslash \\ ~");
+    EXPECT_THAT(textsOf(output.finish()),
+                ElementsAre("tab \\x09 zero \\x00 escape \\x1b delete \\x7f byte \xFF backslash \\ ~"));
+}
+
+TEST_F(VornLoggingTest, AHandler_GetsControlCharactersAsTheyAre) {
+    LogCapture log;
+    logAt(4, VornString("two\nlines\x1B"));
+    EXPECT_THAT(log.texts(), ElementsAre("two\nlines\x1B"));
+}
+
+TEST_F(VornLoggingTest, WithoutAHandler_RecordsOfManyThreadsDoNotInterleave) {
+    constexpr int cThreads = 4;
+    constexpr int cRecords = 100;
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < cThreads; ++thread) {
+        threads.emplace_back([thread] {
+            for (int record = 0; record < cRecords; ++record) {
+                logAt(9, "thread ", thread, " record ", record,
+                      VornString(200, static_cast<char>('a' + thread)));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::vector<std::string> texts = textsOf(output.finish());
+    const std::set<std::string> found(texts.begin(), texts.end());
+    EXPECT_EQ(texts.size(), static_cast<std::size_t>(cThreads * cRecords));
+    for (int thread = 0; thread < cThreads; ++thread) {
+        for (int record = 0; record < cRecords; ++record) {
+            const std::string text = "thread " + std::to_string(thread) + " record " +
+                                     std::to_string(record) +
+                                     std::string(200, static_cast<char>('a' + thread));
+            EXPECT_EQ(found.count(text), 1U) << text;
+        }
+    }
+}
+
+TEST_F(VornLoggingTest, WhenStandardErrorIsClosed_LoggingGoesOnWithoutATrace) {
+    const UniqueFd saved(::dup(STDERR_FILENO));
+    ::close(STDERR_FILENO);
+    VornLogging::getInstance().setLogLevel(9);
+    errno = EINTR;
+    logAt(1, "to nobody");
+    const int error = errno;
+    ::dup2(saved.get(), STDERR_FILENO);
+    EXPECT_EQ(error, EINTR);
+}
+
+TEST_F(VornLoggingTest, AHandler_ReplacesTheDefaultOutputAndAnEmptyOneRestoresIt) {
+    std::vector<std::string> texts;
+    StandardErrorWrites output;
+    VornLogging::getInstance().setLogLevel(9);
+    VornLogging::setRecordHandler([&](int, const VornString& text) { texts.push_back(text); });
+    logAt(1, "handled");
+    VornLogging::setRecordHandler({});
+    logAt(1, "written");
+    EXPECT_THAT(textsOf(output.finish()), ElementsAre("written"));
+    EXPECT_THAT(texts, ElementsAre("handled"));
+}
+
+TEST_F(VornLoggingTest, AHandler_ReplacesTheOneBefore) {
+    VornLogging::getInstance().setLogLevel(9);
+    std::vector<std::string> first;
+    std::vector<std::string> second;
+    VornLogging::setRecordHandler([&](int, const VornString& text) { first.push_back(text); });
+    logAt(1, "one");
+    VornLogging::setRecordHandler([&](int, const VornString& text) { second.push_back(text); });
+    logAt(1, "two");
+    EXPECT_THAT(first, ElementsAre("one"));
+    EXPECT_THAT(second, ElementsAre("two"));
+}
+
+TEST_F(VornLoggingTest, AReplacedHandler_IsDestroyedWithWhatItHolds) {
+    const auto held = std::make_shared<int>(1);
+    VornLogging::setRecordHandler([held](int, const VornString&) {});
+    EXPECT_EQ(held.use_count(), 2);
+    VornLogging::setRecordHandler({});
+    EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_F(VornLoggingTest, AHandlerThatThrows_LosesTheRecordAndNothingElse) {
+    VornLogging::getInstance().setLogLevel(9);
+    int calls = 0;
+    VornLogging::setRecordHandler([&](int, const VornString&) {
+        ++calls;
+        if (calls == 1) {
+            throw std::runtime_error("no");
+        }
+        if (calls == 2) {
+            throw 7;
+        }
+    });
+    errno = EINTR;
+    EXPECT_NO_THROW(logAt(1, "one"));
+    EXPECT_NO_THROW(logAt(1, "two"));
+    EXPECT_EQ(errno, EINTR);
+    WatchedThread other([] { logAt(1, "three"); });
+    EXPECT_TRUE(other.join());
+    EXPECT_EQ(calls, 3);
+}
+
+TEST_F(VornLoggingTest, AHandler_MayLogItself) {
+    VornLogging::getInstance().setLogLevel(9);
+    std::vector<std::string> texts;
+    VornLogging::setRecordHandler([&](int level, const VornString& text) {
+        if (level == 1) {
+            logAt(2, "about ", text);
+        }
+        texts.push_back(text);
+    });
+    logAt(1, "it");
+    EXPECT_THAT(texts, ElementsAre("about it", "it"));
+}
+
+TEST_F(VornLoggingTest, AHandler_MayReplaceItself) {
+    VornLogging::getInstance().setLogLevel(9);
+    std::vector<std::string> texts;
+    VornLogging::setRecordHandler(
+        [&texts, kept = std::make_shared<std::string>("first")](int, const VornString&) {
+            VornLogging::setRecordHandler(
+                [&texts](int, const VornString& text) { texts.push_back("second " + text); });
+            texts.push_back(*kept);
+        });
+    logAt(1, "a");
+    logAt(1, "b");
+    EXPECT_THAT(texts, ElementsAre("first", "second b"));
+}
+
+TEST_F(VornLoggingTest, AHandler_GetsOneRecordAtATime) {
+    VornLogging::getInstance().setLogLevel(9);
+    int inside = 0; // plain, as the handler of a program may keep it
+    int most = 0;
+    int records = 0;
+    VornLogging::setRecordHandler([&](int, const VornString&) {
+        most = std::max(most, ++inside);
+        ++records;
+        std::this_thread::yield();
+        --inside;
+    });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int record = 0; record < 250; ++record) {
+                logAt(9, "record ", record);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(most, 1);
+    EXPECT_EQ(records, 1000);
+}
+
+TEST_F(VornLoggingTest, ReplacingAHandlerThatRuns_WaitsForIt) {
+    VornLogging::getInstance().setLogLevel(9);
+    std::promise<void> entered;
+    std::promise<void> leave;
+    VornLogging::setRecordHandler([&](int, const VornString&) {
+        entered.set_value();
+        leave.get_future().wait();
+    });
+    WatchedThread writer([] { logAt(1, "slow"); });
+    entered.get_future().wait();
+    WatchedThread replacer([] { VornLogging::setRecordHandler({}); });
+    EXPECT_TRUE(awaitBlockedOnLock(replacer.tid()));
+    EXPECT_FALSE(replacer.finished());
+    leave.set_value();
+    EXPECT_TRUE(writer.join() && replacer.join());
+}
+
+TEST_F(VornLoggingTest, AThreadCancelledInAHandler_DiesOfItAndLeavesTheLoggerUsable) {
+    VornLogging::getInstance().setLogLevel(9);
+    std::atomic<bool> entered{false};
+    VornLogging::setRecordHandler([&](int, const VornString&) {
+        entered = true;
+        spinUntilCancelled();
+    });
+    WatchedThread writer([] { logAt(1, "last"); });
+    EXPECT_TRUE(awaitCondition([&] { return entered.load(); }));
+    ::pthread_cancel(writer.handle());
+    EXPECT_TRUE(writer.join());
+    EXPECT_EQ(writer.exceptionText(), "cancelled");
+    LogCapture log;
+    logAt(1, "next");
+    EXPECT_THAT(log.texts(), ElementsAre("next"));
+}
+
+TEST_F(VornLoggingTest, ErrnoIsKept_WhateverTheHandlerDoes) {
+    VornLogging::getInstance().setLogLevel(9);
+    VornLogging::setRecordHandler([](int, const VornString&) { errno = ENOSPC; });
+    errno = ECONNREFUSED;
+    VornLogging::getInstance() << setloglevel(1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    VornLogging::getInstance() << "text" << VornString(100000, 'x') << 'c' << 5L;
+    EXPECT_EQ(errno, ECONNREFUSED);
+    VornLogging::getInstance() << endrecord;
+    EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+TEST_F(VornLoggingTest, AtTheEndOfTheProcess_RecordsOfExitHandlersAndDestructorsAreWritten) {
+    for (const char* output : {"handler", "default"}) {
+        ChildProcess child = ChildProcess::spawnRole("logAtTheEnd", output);
+        EXPECT_THAT(child.readAllErrors(), MatchesRegex("[^\n]*\\] destructor of another thread's object\n"
+                                                        "[^\n]*\\] main of destructor of a thread's object\n"
+                                                        "[^\n]*\\] destructor of a thread's object\n"
+                                                        "[^\n]*\\] exit handler\n"
+                                                        "[^\n]*\\] destructor of a local static object\n"
+                                                        "[^\n]*\\] destructor of a global object\n"))
+            << output;
+        EXPECT_EQ(child.wait(), 0) << output;
+    }
+}
+
+TEST_F(VornLoggingTest, WhenTheProcessExitsWhileThreadsLog_ItExitsInPeace) {
+    for (int round = 0; round < 5; ++round) {
+        ChildProcess child = ChildProcess::spawnRole("exitWhileThreadsLog");
+        EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
+    }
+}

@@ -1,0 +1,551 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Await.h"
+#include "ConnectionTestTools.h"
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <VornPipeConnection.h>
+
+#include <cerrno>
+#include <optional>
+#include <stdexcept>
+#include <type_traits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace VornNet;
+using namespace VornTest;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Record = LogCapture::Record;
+
+const char connectFailed[] = "VornPipeConnection::establish: connection request failed.";
+const auto none = std::optional<Failure>();
+
+class Probe : public VornPipeConnection {
+public:
+    using VornPipeConnection::VornPipeConnection;
+
+    using VornPipeConnection::m_bClientConnection;
+    using VornPipeConnection::m_bConnected;
+    using VornPipeConnection::m_bRaw;
+    using VornPipeConnection::m_iAccessRights;
+    using VornPipeConnection::m_pipeHandle;
+    using VornPipeConnection::m_sPipeName;
+
+    int establishWith(VornString& message) { return establishImpl(message); }
+
+    int fd() const { return m_pipeHandle != nullptr ? *static_cast<int*>(m_pipeHandle) : -1; }
+
+    void initialize() override { calls.emplace_back("initialize"); }
+
+    void cleanup() override {
+        calls.emplace_back("cleanup");
+        VornPipeConnection::cleanup();
+    }
+
+    std::vector<std::string> calls;
+};
+
+class VornPipeConnectionTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+        m_listener = unixListen(pipePath("alpha"));
+    }
+
+    void TearDown() override {
+        m_listener.reset();
+        // The last two are socat's, which leaves its own behind when it is killed.
+        for (const char* name : {"alpha", "echo", "sink"}) {
+            ::unlink(pipePath(name).c_str());
+        }
+        LeakCheckedTest::TearDown();
+    }
+
+    UniqueFd accept() const { return acceptClient(m_listener.get()); }
+
+private:
+    UniqueFd m_listener;
+};
+
+} // namespace
+
+// Construction.
+
+TEST_F(VornPipeConnectionTest, WhenMadeByName_HoldsItAndDoesNotConnect) {
+    const CallTrace trace;
+    Probe client("alpha");
+    EXPECT_EQ(client.m_sPipeName, "alpha");
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+    EXPECT_EQ(client.m_iAccessRights, 1U);
+    EXPECT_FALSE(client.m_bConnected);
+    EXPECT_FALSE(client.m_bRaw);
+    EXPECT_THAT(trace.records(), IsEmpty());
+}
+
+TEST_F(VornPipeConnectionTest, WhenMadeByName_IsNoClientConnectionAndHasNoRemoteName) {
+    Probe client("alpha");
+    EXPECT_FALSE(client.m_bClientConnection);
+    EXPECT_EQ(client.getRemoteName(), "");
+    client.establish();
+    EXPECT_FALSE(client.m_bClientConnection);
+    EXPECT_EQ(client.getRemoteName(), "");
+}
+
+TEST_F(VornPipeConnectionTest, WhenMadeAroundASocket_CopiesTheDescriptorIntoACellOfItsOwn) {
+    SocketPair pair = unixPair(pipePath("beta"));
+    int fd = pair.ours.release();
+    const int number = fd;
+    Probe accepted(&fd, 7);
+    fd = -1;
+    EXPECT_NE(accepted.m_pipeHandle, static_cast<void*>(&fd));
+    EXPECT_EQ(accepted.fd(), number);
+    EXPECT_EQ(accepted.m_sPipeName, "");
+    EXPECT_EQ(accepted.getRemoteName(), "");
+    EXPECT_THAT(accepted.calls, IsEmpty());
+    accepted.transfer(7);
+    EXPECT_EQ(hex(receiveExactly(pair.peer.get(), 4)), "00 00 00 07");
+}
+
+TEST_F(VornPipeConnectionTest, WhenMadeAroundASocket_TheConnectedMarkStaysUnset) {
+    SocketPair pair = unixPair(pipePath("beta"));
+    int fd = pair.ours.release();
+    Probe accepted(&fd, 7);
+    EXPECT_FALSE(accepted.m_bConnected);
+    sendAll(pair.peer.get(), bytes("00 00 00 07"));
+    EXPECT_EQ(accepted.receiveInt(), 7);
+    EXPECT_FALSE(accepted.m_bConnected);
+    EXPECT_THAT(accepted.calls, IsEmpty());
+}
+
+TEST_F(VornPipeConnectionTest, AccessRightsAreOneByNameAndAsGivenAroundASocket) {
+    Probe client("alpha");
+    EXPECT_EQ(client.getAccessRights(), 1U);
+    SocketPair pair = unixPair(pipePath("beta"));
+    int fd = pair.ours.release();
+    Probe accepted(&fd, 0xFFFFFFFFU);
+    EXPECT_EQ(accepted.getAccessRights(), 0xFFFFFFFFU);
+}
+
+TEST_F(VornPipeConnectionTest, CannotBeCopied) {
+    EXPECT_FALSE(std::is_copy_constructible_v<VornPipeConnection>);
+    EXPECT_FALSE(std::is_copy_assignable_v<VornPipeConnection>);
+}
+
+TEST_F(VornPipeConnectionTest, TypedOperationsCanBeCalledOnTheClassItself) {
+    VornPipeConnection client("alpha");
+    client.transfer(7);
+    client.transfer("abc");
+    const UniqueFd peer = accept();
+    EXPECT_EQ(hex(receiveExactly(peer.get(), 11)), "00 00 00 07 00 00 00 03 61 62 63");
+}
+
+// Establishing.
+
+TEST_F(VornPipeConnectionTest, WhenEstablished_HoldsASocketAndIsInitialized) {
+    Probe client("alpha");
+    VornString message = "as it was";
+    EXPECT_EQ(client.establishWith(message), 0);
+    EXPECT_EQ(message, "as it was");
+    EXPECT_TRUE(client.m_bConnected);
+    EXPECT_GE(client.fd(), 0);
+    EXPECT_THAT(client.calls, ElementsAre("initialize"));
+}
+
+TEST_F(VornPipeConnectionTest, TheHandleAloneDecidesWhetherThereIsSomethingToDo) {
+    Probe client("alpha");
+    client.m_bConnected = true;
+    client.establish();
+    EXPECT_GE(client.fd(), 0);
+    client.m_bConnected = false;
+    const CallTrace trace;
+    client.establish();
+    EXPECT_THAT(trace.records(), IsEmpty());
+    EXPECT_FALSE(client.m_bConnected);
+}
+
+TEST_F(VornPipeConnectionTest, TheSocketIsClosedOnExec) {
+    const CallTrace trace;
+    Probe client("alpha");
+    client.establish();
+    EXPECT_THAT(trace.names(), ElementsAre("socket", "fcntl", "connect"));
+    const CallRecord socket = trace.records("socket").at(0);
+    EXPECT_EQ(socket.argument, AF_UNIX);
+    EXPECT_EQ(socket.second, SOCK_STREAM);
+    EXPECT_EQ(socket.third, 0);
+    EXPECT_TRUE(isCloseOnExec(client.fd()));
+}
+
+TEST_F(VornPipeConnectionTest, AChildProcessDoesNotInheritTheSocket) {
+    VornPipeConnection client("alpha");
+    client.establish();
+    const UniqueFd peer = accept();
+    const ChildProcess child = ChildProcess::spawn({"sleep", "60"});
+    client.disconnect();
+    EXPECT_EQ(receiveToEnd(peer.get()), "");
+}
+
+TEST_F(VornPipeConnectionTest, NothingButThePathIsLogged) {
+    const LogCapture log(9);
+    VornPipeConnection client("alpha");
+    client.transfer(7);
+    VornPipeConnection nobody("nobody");
+    EXPECT_TRUE(failureOf([&] { nobody.establish(); }).has_value());
+    EXPECT_THAT(
+        log.records(),
+        ElementsAre(
+            Record{9, "VornPipeServer::getFullPipeName () : sFullPipeName is : " + pipePath("alpha")},
+            Record{9, "VornPipeServer::getFullPipeName () : sFullPipeName is : " + pipePath("nobody")}));
+}
+
+TEST_F(VornPipeConnectionTest, EveryRawOperationEstablishes) {
+    std::string data = "####";
+    Probe writer("alpha");
+    EXPECT_EQ(rawWrite(writer, ""), raw(0, 0));
+    EXPECT_TRUE(writer.m_bConnected);
+    Probe reader("alpha");
+    EXPECT_EQ(rawRead(reader, data, 0, true), raw(0, 0));
+    EXPECT_TRUE(reader.m_bConnected);
+    const UniqueFd first = accept();
+    const UniqueFd second = accept();
+    Probe looker("alpha");
+    PeekResult result;
+    WatchedThread user([&] { result = peek(looker, 4); });
+    const UniqueFd third = accept();
+    sendAll(third.get(), "abc");
+    EXPECT_TRUE(user.join());
+    EXPECT_EQ(result, peeked(true, 3, 0, "abc"));
+}
+
+TEST_F(VornPipeConnectionTest, RawOperationsEstablishThroughTheVirtualHook) {
+    class Refusing : public Probe {
+    public:
+        using Probe::Probe;
+
+        int establishImpl(VornString& /*message*/) override { return 42; }
+    };
+
+    Refusing client("alpha");
+    EXPECT_EQ(rawWrite(client, "abc"), raw(0, 42));
+    std::string data = "###";
+    EXPECT_EQ(rawRead(client, data, 3, true), raw(0, 42));
+    EXPECT_EQ(peek(client, 3), peeked(false, 3, 42));
+}
+
+TEST_F(VornPipeConnectionTest, WhenDisconnected_TheNextOperationConnectsToTheSamePath) {
+    Probe client("alpha");
+    client.transfer(1);
+    const UniqueFd first = accept();
+    client.disconnect();
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+    EXPECT_FALSE(client.m_bConnected);
+    EXPECT_EQ(hex(receiveToEnd(first.get())), "00 00 00 01");
+    client.transfer(2);
+    const UniqueFd second = accept();
+    EXPECT_EQ(hex(receiveExactly(second.get(), 4)), "00 00 00 02");
+    EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "initialize"));
+}
+
+TEST_F(VornPipeConnectionTest, ASecondDisconnectOnlyCleansUpAgain) {
+    Probe client("alpha");
+    client.establish();
+    const CallTrace trace;
+    client.disconnect();
+    client.disconnect();
+    EXPECT_EQ(trace.calls("close"), 1);
+    EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "cleanup"));
+}
+
+TEST_F(VornPipeConnectionTest, DisconnectLeavesTheConnectedMarkToCleanup) {
+    class Keeping : public Probe {
+    public:
+        using Probe::Probe;
+
+        void cleanup() override {}
+    };
+
+    Keeping client("alpha");
+    client.establish();
+    client.disconnect();
+    EXPECT_TRUE(client.m_bConnected);
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+}
+
+TEST_F(VornPipeConnectionTest, WhenDestroyed_ClosesItsSocketWithoutVirtualCalls) {
+    static int disconnects;
+    disconnects = 0;
+
+    class Counting : public VornPipeConnection {
+    public:
+        using VornPipeConnection::VornPipeConnection;
+
+        void disconnect() override { ++disconnects; }
+    };
+
+    UniqueFd peer;
+    {
+        Counting client("alpha");
+        client.establish();
+        peer = accept();
+    }
+    EXPECT_EQ(receiveToEnd(peer.get()), "");
+    EXPECT_EQ(disconnects, 0);
+}
+
+TEST_F(VornPipeConnectionTest, AfterItsServerIsGone_AnAcceptedConnectionFindsNoPipeOfItsName) {
+    SocketPair pair = unixPair(pipePath("beta"));
+    int fd = pair.ours.release();
+    Probe accepted(&fd, 7);
+    accepted.disconnect();
+    // Without a name the path is the pipe directory, at which nobody listens.
+    EXPECT_EQ(failureOf([&] { accepted.transfer(7); }), failure(connectFailed, ECONNREFUSED));
+}
+
+// Failures to establish.
+
+TEST_F(VornPipeConnectionTest, WhenThereIsNoPipe_ThrowsTheConnectErrorAndHoldsNoDescriptor) {
+    Probe client("nobody");
+    const int before = openDescriptors();
+    EXPECT_EQ(failureOf([&] { client.transfer(7); }), failure(connectFailed, ENOENT));
+    EXPECT_EQ(failureOf([&] { client.receiveInt(); }), failure(connectFailed, ENOENT));
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+    EXPECT_FALSE(client.m_bConnected);
+    EXPECT_THAT(client.calls, IsEmpty());
+}
+
+TEST_F(VornPipeConnectionTest, WhenThePipesServerIsGone_ThrowsConnectionRefused) {
+    unixListen(pipePath("dead")).reset();
+    VornPipeConnection client("dead");
+    EXPECT_EQ(failureOf([&] { client.establish(); }), failure(connectFailed, ECONNREFUSED));
+    EXPECT_EQ(rawWrite(client, "abc"), raw(0, ECONNREFUSED));
+    std::string data = "###";
+    EXPECT_EQ(rawRead(client, data, 3, true), raw(0, ECONNREFUSED));
+    EXPECT_EQ(rawRead(client, data, 3, false), raw(0, ECONNREFUSED));
+    EXPECT_EQ(peek(client, 3), peeked(false, 3, ECONNREFUSED));
+    EXPECT_EQ(::unlink(pipePath("dead").c_str()), 0);
+}
+
+TEST_F(VornPipeConnectionTest, EveryErrorOfConnectIsTheCode) {
+    for (const int error : {EINTR, EACCES, EAGAIN, EPROTOTYPE}) {
+        VornPipeConnection client("alpha");
+        const FaultRule fault("connect", error);
+        EXPECT_EQ(failureOf([&] { client.establish(); }), failure(connectFailed, error));
+    }
+}
+
+TEST_F(VornPipeConnectionTest, AfterAFailure_TheNextOperationTriesAgain) {
+    VornPipeConnection client("alpha");
+    {
+        const FaultRule fault("connect", EAGAIN);
+        EXPECT_EQ(failureOf([&] { client.transfer(1); }), failure(connectFailed, EAGAIN));
+    }
+    client.transfer(2);
+    const UniqueFd peer = accept();
+    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 02");
+}
+
+TEST_F(VornPipeConnectionTest, WhenThePathIsTooLong_FailsAsNameTooLong) {
+    const int before = openDescriptors();
+    for (const std::size_t length :
+         {sizeof(sockaddr_un::sun_path) + 1, std::size_t{200}, std::size_t{5000}, std::size_t{100'000}}) {
+        VornPipeConnection client(std::string(length - pipePath("").size(), 'n'));
+        EXPECT_EQ(failureOf([&] { client.establish(); }), failure(connectFailed, ENAMETOOLONG)) << length;
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(VornPipeConnectionTest, TheLongestPathOfAnAddressIsReached) {
+    const std::string name(sizeof(sockaddr_un::sun_path) - 1 - pipePath("").size(), 'n');
+    const UniqueFd listener = unixListen(pipePath(name));
+    VornPipeConnection client(name);
+    client.transfer(7);
+    const UniqueFd peer = acceptClient(listener.get());
+    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 07");
+    EXPECT_EQ(::unlink(pipePath(name).c_str()), 0);
+}
+
+TEST_F(VornPipeConnectionTest, WhenThereIsNoSocket_EstablishingSucceedsAndTheOperationFails) {
+    Probe client("alpha");
+    const FaultRule fault("socket", EMFILE, 1, FaultRule::always);
+    VornString message = "as it was";
+    EXPECT_EQ(client.establishWith(message), 0);
+    EXPECT_EQ(message, "as it was");
+    EXPECT_FALSE(client.m_bConnected);
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+    EXPECT_EQ(failureOf([&] { client.establish(); }), none);
+    EXPECT_EQ(failureOf([&] { client.transfer(7); }), failure(writeFailed, ENOTCONN));
+    EXPECT_EQ(failureOf([&] { client.receiveInt(); }), failure(readFailed, ENOTCONN));
+    EXPECT_EQ(rawWrite(client, "abc"), raw(0, ENOTCONN));
+    EXPECT_EQ(rawWrite(client, ""), raw(0, ENOTCONN));
+    std::string data = "###";
+    EXPECT_EQ(rawRead(client, data, 3, true), raw(0, ENOTCONN));
+    EXPECT_EQ(rawRead(client, data, 0, false), raw(0, ENOTCONN));
+    EXPECT_EQ(peek(client, 3), peeked(false, 0, ENOTCONN));
+    EXPECT_THAT(client.calls, IsEmpty());
+}
+
+// The service handshake.
+
+TEST_F(VornPipeConnectionTest, WithAServiceName_AsksForTheServiceBeforeAnythingElse) {
+    Probe client("alpha");
+    client.setServiceName("svc");
+    WatchedThread user([&] { client.transfer(7); });
+    const UniqueFd peer = accept();
+    EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
+    EXPECT_TRUE(awaitBlockedIn(user.tid(), {SYS_recvfrom}));
+    sendAll(peer.get(), "+");
+    EXPECT_TRUE(user.join());
+    EXPECT_EQ(user.exceptionText(), std::nullopt);
+    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 07");
+    EXPECT_TRUE(client.m_bConnected);
+    EXPECT_THAT(client.calls, ElementsAre("initialize"));
+}
+
+TEST_F(VornPipeConnectionTest, WhenTheServiceIsRefused_ThrowsCodeZeroAndHoldsNoDescriptor) {
+    Probe client("alpha");
+    client.setServiceName("svc");
+    std::optional<Failure> failed;
+    WatchedThread user([&] { failed = failureOf([&] { client.receiveInt(); }); });
+    const UniqueFd peer = accept();
+    EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
+    sendAll(peer.get(), "-");
+    EXPECT_TRUE(user.join());
+    EXPECT_EQ(failed, failure(serviceFailed, 0));
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+    EXPECT_FALSE(client.m_bConnected);
+    EXPECT_THAT(client.calls, IsEmpty());
+    EXPECT_EQ(receiveToEnd(peer.get()), "");
+}
+
+TEST_F(VornPipeConnectionTest, WhenTheServiceIsRefused_ARawOperationReportsNotConnected) {
+    Probe client("alpha");
+    client.setServiceName("svc");
+    RawResult result;
+    WatchedThread user([&] { result = rawWrite(client, "abc"); });
+    const UniqueFd peer = accept();
+    sendAll(peer.get(), "-");
+    EXPECT_TRUE(user.join());
+    EXPECT_EQ(result, raw(0, ENOTCONN));
+}
+
+TEST_F(VornPipeConnectionTest, WhenThePeerClosesInsteadOfAnswering_TheServiceIsRefused) {
+    Probe client("alpha");
+    client.setServiceName("svc");
+    std::optional<Failure> failed;
+    WatchedThread user([&] { failed = failureOf([&] { client.establish(); }); });
+    {
+        const UniqueFd peer = accept();
+        EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
+    }
+    EXPECT_TRUE(user.join());
+    EXPECT_EQ(failed, failure(serviceFailed, 0));
+}
+
+TEST_F(VornPipeConnectionTest, WhenTheServiceNameCannotBeSent_TheAnswerIsAwaitedAllTheSame) {
+    // A failed write of a pipe returns 0, and the handshake looks for -1 only.
+    Probe client("alpha");
+    client.setServiceName("svc");
+    std::optional<FaultRule> fault(std::in_place, "send", EIO);
+    WatchedThread user([&] { client.establish(); });
+    const UniqueFd peer = accept();
+    EXPECT_TRUE(awaitBlockedIn(user.tid(), {SYS_recvfrom}));
+    EXPECT_EQ(fault->failures(), 1);
+    fault.reset();
+    sendAll(peer.get(), "+");
+    EXPECT_TRUE(user.join());
+    EXPECT_EQ(user.exceptionText(), std::nullopt);
+    EXPECT_TRUE(client.m_bConnected);
+}
+
+// Exceptions that pass through establishing.
+
+TEST_F(VornPipeConnectionTest, AForeignExceptionPassesAndLeavesNoSocketBehind) {
+    class Throwing : public Probe {
+    public:
+        using Probe::Probe;
+
+        void initialize() override { throw std::runtime_error("foreign"); }
+    };
+
+    Throwing client("alpha");
+    EXPECT_THROW(client.establish(), std::runtime_error);
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+}
+
+TEST_F(VornPipeConnectionTest, AnOwnExceptionOfTheHooksIsTheResult) {
+    class Throwing : public Probe {
+    public:
+        using Probe::Probe;
+
+        bool connectToServiceImpl() override { throw VornException("own text", 42); }
+    };
+
+    Throwing client("alpha");
+    EXPECT_EQ(failureOf([&] { client.establish(); }), failure("own text", 42));
+    EXPECT_EQ(client.m_pipeHandle, nullptr);
+}
+
+// Names.
+
+TEST_F(VornPipeConnectionTest, ServerNameAndPortNameAreEmpty) {
+    VornPipeConnection client("alpha");
+    client.establish();
+    EXPECT_EQ(client.getServerName(), "");
+    EXPECT_EQ(client.getPortName(), "");
+}
+
+// Programs of somebody else as peers.
+
+TEST_F(VornPipeConnectionTest, ValuesEchoedBySocatComeBack) {
+    const ChildProcess socat = ChildProcess::spawn({"socat", "UNIX-LISTEN:" + pipePath("echo"), "EXEC:cat"});
+    VornPipeConnection connection("echo");
+    ASSERT_TRUE(awaitCondition([&] { return !failureOf([&] { connection.establish(); }).has_value(); }));
+    connection.transfer(-1L);
+    connection.transfer(-2);
+    connection.transfer(static_cast<short>(-3));
+    connection.transfer(VornString(50'000, 't'));
+    EXPECT_EQ(connection.receiveLong(), 4294967295L);
+    EXPECT_EQ(connection.receiveInt(), -2);
+    EXPECT_EQ(connection.receiveShort(), -3);
+    EXPECT_EQ(connection.receiveString(), VornString(50'000, 't'));
+}
+
+TEST_F(VornPipeConnectionTest, WhatSocatTakesDownIsWhatWasWritten) {
+    ChildProcess socat = ChildProcess::spawn({"socat", "-u", "UNIX-LISTEN:" + pipePath("sink"), "STDOUT"});
+    {
+        VornPipeConnection connection("sink");
+        ASSERT_TRUE(awaitCondition([&] { return !failureOf([&] { connection.establish(); }).has_value(); }));
+        connection.transfer("abc");
+        connection.transferACK();
+    }
+    EXPECT_EQ(hex(socat.readAllOutput()), "00 00 00 03 61 62 63 00 01 00 00");
+    EXPECT_EQ(socat.wait(), 0);
+}
+
+TEST_F(VornPipeConnectionTest, LinesWrittenThroughSocatAreReadOneByOne) {
+    ChildProcess socat = ChildProcess::spawn({"socat", "-u", "STDIN", "UNIX-CONNECT:" + pipePath("alpha")});
+    int fd = accept().release();
+    VornPipeConnection connection(&fd, 1);
+    socat.writeLine("first line\r");
+    char line[64];
+    int error = untouched;
+    EXPECT_STREQ(connection.getLine(line, sizeof(line), error), "first line");
+    socat.writeLine("second\r");
+    EXPECT_STREQ(connection.getLine(line, sizeof(line), error), "second");
+}

@@ -1,0 +1,853 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include <VornPipeConnection.h>
+#include <VornPipeServer.h>
+
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ServerTestSupport.h"
+
+#include <cerrno>
+#include <fstream>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using VornNet::VornPipeConnection;
+using VornNet::VornPipeServer;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Record = LogCapture::Record;
+
+constexpr const char* directory = "/opt/vorn/hostmgr/var/lib/kestrel/rendez/";
+
+class VornPipeServerTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+
+    void TearDown() override {
+        ::unlink(pipePath("kite").c_str());
+        LeakCheckedTest::TearDown();
+    }
+};
+
+class Probe : public VornPipeServer {
+public:
+    using VornPipeServer::_pipe;
+    using VornPipeServer::init;
+    using VornPipeServer::m_iAccessPrivileges;
+    using VornPipeServer::m_pipeHandle;
+    using VornPipeServer::m_sPipeName;
+    using VornPipeServer::m_sUserGroupName;
+    using VornPipeServer::VornPipeServer;
+    using VornPipeServer::waitForClientImpl;
+
+    _pipe* record() const { return static_cast<_pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE)); }
+
+    std::vector<int> descriptors() const {
+        return {record()->m_hClientPipe, record()->m_hRWPipe[0], record()->m_hRWPipe[1]};
+    }
+};
+
+/// A server whose init() only counts.
+class Uninitialised : public Probe {
+public:
+    Uninitialised() : Probe("kite") {}
+
+    int m_calls = 0;
+
+protected:
+    void init() override { ++m_calls; }
+};
+
+class UmaskScope {
+public:
+    explicit UmaskScope(mode_t mask) : m_old(::umask(mask)) {}
+
+    ~UmaskScope() { ::umask(m_old); }
+
+    UmaskScope(const UmaskScope&) = delete;
+    UmaskScope& operator=(const UmaskScope&) = delete;
+
+private:
+    mode_t m_old;
+};
+
+/// While it exists, there is no pipe directory.
+class MissingDirectory {
+public:
+    MissingDirectory() { EXPECT_EQ(::rename(path().c_str(), (path() + "-away").c_str()), 0); }
+
+    ~MissingDirectory() { EXPECT_EQ(::rename((path() + "-away").c_str(), path().c_str()), 0); }
+
+    MissingDirectory(const MissingDirectory&) = delete;
+    MissingDirectory& operator=(const MissingDirectory&) = delete;
+
+private:
+    static std::string path() {
+        const std::string text = pipeDirectory();
+        return text.substr(0, text.size() - 1);
+    }
+};
+
+struct stat statOf(const std::string& path) {
+    struct stat information = {};
+    EXPECT_EQ(::stat(path.c_str(), &information), 0) << path;
+    return information;
+}
+
+mode_t modeOf(const std::string& path) {
+    return statOf(path).st_mode & 07777;
+}
+
+std::vector<Record> debugRecords(const std::vector<std::string>& texts) {
+    std::vector<Record> records;
+    for (const std::string& text : texts) {
+        records.push_back({9, text});
+    }
+    return records;
+}
+
+struct InitFault {
+    const char* function;
+    int error;
+    const char* text;
+
+    friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
+};
+
+/// Lets the undefined behaviour sanitizer see every type once, for which it makes pipes of its own.
+void rehearseFailures() {
+    Probe server("kite");
+    server.close();
+    const FaultRule fault("socket", EMFILE, 1, 2);
+    waitForImpl(server);
+    waitFor(server);
+}
+
+class VornPipeServerInitFault : public VornPipeServerTest, public testing::WithParamInterface<InitFault> {};
+
+class VornPipeServerUmask : public VornPipeServerTest, public testing::WithParamInterface<mode_t> {};
+
+class VornPipeServerIgnored : public VornPipeServerTest, public testing::WithParamInterface<const char*> {};
+
+} // namespace
+
+TEST_F(VornPipeServerTest, GetFullPipeName_PutsTheDirectoryBeforeTheName) {
+    EXPECT_EQ(VornPipeServer::getFullPipeName("kite"), std::string(directory) + "kite");
+    EXPECT_EQ(VornPipeServer::getFullPipeName(""), directory);
+}
+
+TEST_F(VornPipeServerTest, GetFullPipeName_DoesNotLookAtTheName) {
+    EXPECT_EQ(VornPipeServer::getFullPipeName("/kite"), std::string(directory) + "/kite");
+    EXPECT_EQ(VornPipeServer::getFullPipeName("../kite"), std::string(directory) + "../kite");
+    const std::string longName(500, 'x');
+    EXPECT_EQ(VornPipeServer::getFullPipeName(longName), directory + longName);
+}
+
+TEST_F(VornPipeServerTest, GetFullPipeName_IsLoggedAtLevel9AndNotAtLevel8) {
+    for (const int level : {8, 9}) {
+        const LogCapture log(level);
+        VornPipeServer::getFullPipeName("kite");
+        const std::vector<Record> expected(
+            level == 9 ? 1 : 0, Record{9, "VornPipeServer::getFullPipeName () : sFullPipeName is : " +
+                                              std::string(directory) + "kite"});
+        EXPECT_EQ(log.records(), expected);
+    }
+}
+
+TEST_F(VornPipeServerTest, WhenConstructed_ListensWithPrivileges7AndNoGroup) {
+    Probe server("kite");
+    EXPECT_EQ(server.m_sPipeName, "kite");
+    EXPECT_EQ(server.m_iAccessPrivileges, 7U);
+    EXPECT_EQ(server.m_sUserGroupName, "");
+    ASSERT_NE(server.record(), nullptr);
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+    unixConnect(pipePath("kite"));
+}
+
+TEST_F(VornPipeServerTest, WhenConstructedWithPrivileges_KeepsThem) {
+    Probe server("kite", 5, "falcon");
+    EXPECT_EQ(server.m_iAccessPrivileges, 5U);
+    EXPECT_EQ(server.m_sUserGroupName, "falcon");
+    EXPECT_NE(server.record(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Init_MakesPipeAndSocketBindsListensAndSetsTheMode) {
+    const CallTrace trace;
+    const Probe server("kite");
+    EXPECT_GE(trace.calls("pipe"), 1);
+    EXPECT_THAT(callsOf(trace), ElementsAre("fcntl", "fcntl", "socket", "fcntl", "unlink", "fchmod", "bind",
+                                            "listen", "chmod"));
+    const CallRecord socket = trace.records("socket").at(0);
+    EXPECT_EQ(socket.argument, AF_UNIX);
+    EXPECT_EQ(socket.second, SOCK_STREAM);
+    EXPECT_EQ(socket.third, 0);
+    EXPECT_EQ(trace.records("unlink").at(0).path, pipePath("kite"));
+    EXPECT_EQ(trace.records("listen").at(0).second, 5);
+    EXPECT_EQ(trace.records("chmod").at(0).path, pipePath("kite"));
+    EXPECT_EQ(trace.records("chmod").at(0).second, 0770);
+}
+
+TEST_F(VornPipeServerTest, Init_WhenListening_DoesNothing) {
+    Probe server("kite");
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornPipeServerTest, Init_MakesDescriptorsThatAreCloseOnExec) {
+    const Probe server("kite");
+    for (const int fd : server.descriptors()) {
+        EXPECT_TRUE(isCloseOnExec(fd)) << fd;
+    }
+}
+
+TEST_F(VornPipeServerTest, Init_WithALeadingSeparator_BindsTheDoubledPath) {
+    const Probe server("/kite");
+    unixConnect(std::string(directory) + "/kite");
+    EXPECT_TRUE(S_ISSOCK(statOf(pipePath("kite")).st_mode));
+}
+
+TEST_F(VornPipeServerTest, Init_ReplacesAFileLeftByAnEarlierRun) {
+    { const UniqueFd crashed = unixListen(pipePath("kite")); }
+    const ino_t before = statOf(pipePath("kite")).st_ino;
+    const Probe server("kite");
+    EXPECT_NE(statOf(pipePath("kite")).st_ino, before);
+    unixConnect(pipePath("kite"));
+}
+
+TEST_F(VornPipeServerTest, Init_ReplacesAnyOtherFileToo) {
+    std::ofstream(pipePath("kite")) << "text";
+    const Probe server("kite");
+    EXPECT_TRUE(S_ISSOCK(statOf(pipePath("kite")).st_mode));
+}
+
+TEST_F(VornPipeServerTest, Init_TakesThePathFromALivingServer) {
+    Probe first("kite");
+    Probe second("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    sendAll(peer.get(), bytes("00 07"));
+    EXPECT_EQ(waitFor(second).spClient->receiveShort(), 7);
+}
+
+TEST_F(VornPipeServerTest, Init_AcceptsTheLongestPathAndRefusesALongerOne) {
+    const std::string longest(107 - std::string(directory).size(), 'x');
+    {
+        const Probe server(longest);
+        unixConnect(pipePath(longest));
+    }
+    EXPECT_EQ(::unlink(pipePath(longest).c_str()), 0);
+    const Failure tooLong{"VornPipeServer::init: failed to prepare pipe.", ENAMETOOLONG};
+    EXPECT_EQ(failureOf([&] { Probe server(longest + "x"); }), tooLong);
+    EXPECT_EQ(failureOf([&] { Probe server(std::string(5000, 'x')); }), tooLong);
+}
+
+TEST_F(VornPipeServerTest, Init_WithoutTheDirectory_FailsToPrepareWithCode2) {
+    const MissingDirectory missing;
+    EXPECT_EQ(failureOf([] { Probe server("kite"); }),
+              (Failure{"VornPipeServer::init: failed to prepare pipe.", ENOENT}));
+}
+
+TEST_F(VornPipeServerTest, Init_WithAnEmptyName_FailsToPrepareWithCode98) {
+    EXPECT_EQ(failureOf([] { Probe server(""); }),
+              (Failure{"VornPipeServer::init: failed to prepare pipe.", EADDRINUSE}));
+}
+
+TEST_P(VornPipeServerInitFault, LeavesTheConstructorAndNothingOpen) {
+    const InitFault& row = GetParam();
+    rehearseFailures();
+    const int before = openDescriptors();
+    const FaultRule fault(row.function, row.error);
+    EXPECT_EQ(failureOf([] { Probe server("kite"); }), (Failure{row.text, row.error}));
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(failureOf([] { Probe server("kite"); }), std::nullopt);
+}
+
+TEST_P(VornPipeServerInitFault, IsReportedByTheWait) {
+    const InitFault& row = GetParam();
+    rehearseFailures();
+    Probe server("kite");
+    server.close();
+    const FaultRule fault(row.function, row.error, 1, 2);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, row.text);
+    EXPECT_EQ(outcome.code, row.error);
+    EXPECT_EQ(waitFor(server).failure, (Failure{row.text, row.error}));
+    EXPECT_EQ(server.record(), nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, VornPipeServerInitFault,
+    testing::Values(InitFault{"pipe", EMFILE, "VornPipeServer::init: failed to create pipe."},
+                    InitFault{"socket", ENFILE, "VornPipeServer::init: failed to create pipe."},
+                    InitFault{"bind", EACCES, "VornPipeServer::init: failed to prepare pipe."},
+                    InitFault{"listen", EOPNOTSUPP, "VornPipeServer::init: failed to listen on bound pipe."}),
+    [](const testing::TestParamInfo<InitFault>& row) { return row.param.function; });
+
+TEST_P(VornPipeServerIgnored, FailureDoesNotMatter) {
+    useGroupFile("root:x:0:\nfalcon:x:4711:\n");
+    const FaultRule fault(GetParam(), EPERM, 1, FaultRule::always);
+    const Probe server("kite", 1, "falcon");
+    EXPECT_EQ(fault.failures(), 1);
+    unixConnect(pipePath("kite"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, VornPipeServerIgnored, testing::Values("unlink", "chmod", "chown", "fchmod"),
+                         [](const testing::TestParamInfo<const char*>& row) { return row.param; });
+
+TEST_P(VornPipeServerUmask, SocketFileEndsOpenToOwnerAndGroupAlone) {
+    const UmaskScope umask(GetParam());
+    const Probe server("kite");
+    const struct stat information = statOf(pipePath("kite"));
+    EXPECT_EQ(information.st_mode & 07777, 0770U);
+    EXPECT_EQ(information.st_uid, ::geteuid());
+    EXPECT_EQ(information.st_gid, ::getegid());
+}
+
+TEST_P(VornPipeServerUmask, SocketFileIsNeverOpenToGroupOrOthersBeforeItsModeIsSet) {
+    const UmaskScope umask(GetParam());
+    mode_t afterBind = 07777;
+    mode_t beforeChmod = 07777;
+    const CallHook listening("listen", [&] { afterBind = modeOf(pipePath("kite")); });
+    const CallHook changing("chmod", [&] { beforeChmod = modeOf(pipePath("kite")); });
+    const Probe server("kite");
+    EXPECT_EQ(afterBind & 0077, 0U) << std::oct << afterBind;
+    EXPECT_EQ(beforeChmod & 0077, 0U) << std::oct << beforeChmod;
+}
+
+INSTANTIATE_TEST_SUITE_P(Masks, VornPipeServerUmask, testing::Values(0, 022, 077),
+                         testing::PrintToStringParamName());
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndAGroup_TheFileIsGivenToTheCallerAndTheGroup) {
+    useGroupFile("root:x:0:\nfalcon:x:4711:\n");
+    const LogCapture log(9);
+    const CallTrace trace;
+    const Probe server("kite", 1, "falcon");
+    ASSERT_EQ(trace.calls("chown"), 1);
+    const CallRecord chown = trace.records("chown").at(0);
+    EXPECT_EQ(chown.path, pipePath("kite"));
+    EXPECT_EQ(chown.second, static_cast<long>(::getuid()));
+    EXPECT_EQ(chown.third, 4711);
+    // The sandbox of an ordinary user knows no group but 0.
+    EXPECT_EQ(statOf(pipePath("kite")).st_gid, chown.result == 0 ? 4711U : ::getegid());
+    EXPECT_EQ(modeOf(pipePath("kite")), 0770U);
+    EXPECT_TRUE(log.contains(9, "VornPipeServer::init () : successfully granted rw access to the NamedPipe "
+                                "for OS Group : falcon"));
+}
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndALargeGroup_TheGroupIsFound) {
+    std::string members = "member";
+    for (int i = 0; i < 500; ++i) {
+        members += ",another-member" + std::to_string(i);
+    }
+    useGroupFile("falcon:x:4711:" + members + "\n");
+    const CallTrace trace;
+    const Probe server("kite", 1, "falcon");
+    ASSERT_EQ(trace.calls("chown"), 1);
+    EXPECT_EQ(trace.records("chown").at(0).third, 4711);
+}
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndAMissingGroup_StartsAndSaysSoInTheLog) {
+    const LogCapture log(9);
+    const CallTrace trace;
+    const Probe server("kite", 1, "falcon");
+    EXPECT_TRUE(log.contains(9, "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS "
+                                "Group : falcon"));
+    EXPECT_EQ(log.count("successfully granted"), 0);
+    EXPECT_EQ(trace.calls("chown"), 0);
+    unixConnect(pipePath("kite"));
+}
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndNoGroup_NobodyIsAsked) {
+    const LogCapture log(9);
+    const CallTrace trace;
+    const Probe server("kite", 1, "");
+    EXPECT_EQ(trace.calls("getgrnam_r"), 0);
+    EXPECT_EQ(log.count("OS Group"), 0);
+}
+
+TEST_F(VornPipeServerTest, WithOtherPrivileges_TheOwnerIsNeverChanged) {
+    useGroupFile("root:x:0:\nfalcon:x:4711:\n");
+    for (const unsigned int privileges : {0U, 2U, 3U, 7U, 0x80000001U}) {
+        const CallTrace trace;
+        const Probe server("kite", privileges, "falcon");
+        EXPECT_EQ(trace.calls("getgrnam_r"), 0) << privileges;
+        EXPECT_EQ(trace.calls("chown"), 0) << privileges;
+        EXPECT_EQ(statOf(pipePath("kite")).st_gid, ::getegid()) << privileges;
+    }
+}
+
+TEST_F(VornPipeServerTest, WaitForInit_ReturnsAtOnceEvenWhenClosed) {
+    Probe server("kite");
+    const CallTrace trace;
+    server.waitForInit();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    server.close();
+    server.waitForInit();
+    EXPECT_EQ(trace.calls("usleep"), 0);
+}
+
+TEST_F(VornPipeServerTest, Client_IsALocalPipeConnectionThatTalks) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const ImplOutcome outcome = waitForImpl(server);
+    ASSERT_NE(dynamic_cast<VornPipeConnection*>(outcome.client()), nullptr);
+    EXPECT_TRUE(outcome.client()->getLocalAccess());
+    EXPECT_EQ(outcome.client()->refCount(), 1);
+    sendAll(peer.get(), bytes("00 00 00 03 61 62 63"));
+    EXPECT_EQ(outcome.client()->receiveString(), "abc");
+    outcome.client()->transfer(258);
+    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 01 02");
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+}
+
+TEST_F(VornPipeServerTest, Client_HasTheServersPrivilegesAsAccessRights) {
+    for (const unsigned int privileges : {7U, 0U, 0x80000001U}) {
+        Probe server("kite", privileges, "");
+        const UniqueFd peer = unixConnect(pipePath("kite"));
+        EXPECT_EQ(waitFor(server).client()->getAccessRights(), privileges);
+    }
+}
+
+TEST_F(VornPipeServerTest, Client_IsNotLookedUpWhenIdentified) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const CallTrace trace;
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
+    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
+}
+
+TEST_F(VornPipeServerTest, Client_IsCloseOnExec) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const CallTrace trace;
+    const Outcome outcome = waitFor(server);
+    EXPECT_TRUE(isCloseOnExec(static_cast<int>(trace.records("accept").at(0).result)));
+}
+
+TEST_F(VornPipeServerTest, Wait_LogsItsSocketAndTheClientsAtLevel9) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const LogCapture log(9);
+    const CallTrace trace;
+    const Outcome outcome = waitFor(server);
+    const std::string listener = std::to_string(server.record()->m_hClientPipe);
+    const std::string client = std::to_string(trace.records("accept").at(0).result);
+    EXPECT_EQ(log.records(),
+              debugRecords(
+                  {"VornPipeServer::waitForClient: kite ready, accepting connections... (" + listener + ")",
+                   "VornPipeServer::waitForClient: kite returned from accept with clientSocket=" + client}));
+}
+
+TEST_F(VornPipeServerTest, AtLevel8_NothingIsLogged) {
+    const LogCapture log(8);
+    Probe server("kite", 1, "falcon");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornPipeServerTest, Wait_AsksSelectFor1024Descriptors) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const CallTrace trace;
+    const Outcome outcome = waitFor(server);
+    ASSERT_EQ(trace.calls("select"), 1);
+    EXPECT_EQ(trace.records("select").at(0).argument, 1024);
+}
+
+TEST_F(VornPipeServerTest, Wait_WhileItLasts_IsMarkedInTheRecord) {
+    Probe server("kite");
+    bool waiting = false;
+    const CallHook hook("select", [&] { waiting = server.record()->m_bClientWaiting; });
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const Outcome outcome = waitFor(server);
+    EXPECT_TRUE(waiting);
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+}
+
+TEST_F(VornPipeServerTest, Wait_RunsTheVirtualInitAndNeedsARecord) {
+    Uninitialised server;
+    server.close();
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(server.m_calls, 1);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "VornPipeServer::waitForClient: pipe not setup. ");
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_EQ(waitFor(server).failure, (Failure{"VornPipeServer::waitForClient: pipe not setup. ", 0}));
+}
+
+TEST_F(VornPipeServerTest, Wait_WhenClosedBeforeItIsMarked_ReportsThatThePipeIsNotSetUp) {
+    class ClosedEarly : public Probe {
+    public:
+        ClosedEarly() : Probe("kite") {}
+
+    protected:
+        void init() override {
+            VornPipeServer::init();
+            close();
+        }
+    };
+
+    ClosedEarly server;
+    EXPECT_EQ(waitFor(server).failure, (Failure{"VornPipeServer::waitForClient: pipe not setup. ", 0}));
+}
+
+TEST_F(VornPipeServerTest, Wait_WhenSelectFails_ReportsAReadErrorWithoutACode) {
+    Probe server("kite");
+    const FaultRule fault("select", ENOMEM, 1, 2);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "VornPipeServer::waitForClient: pipe read error. ");
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+    EXPECT_EQ(waitFor(server).failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
+}
+
+TEST_F(VornPipeServerTest, Wait_WhenSelectReturnsNothing_ReportsAReadErrorToo) {
+    Probe server("kite");
+    FaultRule fault("select", 0);
+    fault.returning(0);
+    EXPECT_EQ(waitFor(server).failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+}
+
+TEST_F(VornPipeServerTest, Wait_WhenASignalInterruptsIt_ReportsAReadErrorAndTheServerGoesOnListening) {
+    const Interrupter interrupter;
+    Probe server("kite");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    Interrupter::interrupt(wait.thread());
+    EXPECT_EQ(wait.outcome().failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    EXPECT_NE(waitFor(server).client(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Wait_WhenAcceptFails_ReportsAConnectionErrorWithItsCode) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const LogCapture log(9);
+    const FaultRule fault("accept", EMFILE);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "VornPipeServer::waitForClient: connection error. ");
+    EXPECT_EQ(outcome.code, EMFILE);
+    EXPECT_TRUE(log.contains(9, "VornPipeServer::waitForClient: kite returned from accept with "
+                                "clientSocket=-1"));
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Wait_WhenAcceptFailsOnASocketOfNumber0_CountsItAsAShutdown) {
+    const UniqueFd standardInput(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));
+    ASSERT_TRUE(standardInput);
+    {
+        const CallHook hook("socket", [] { ::close(STDIN_FILENO); });
+        Probe server("kite");
+        EXPECT_EQ(server.record()->m_hClientPipe, 0);
+        const UniqueFd peer = unixConnect(pipePath("kite"));
+        const LogCapture log(9);
+        const FaultRule fault("accept", ECONNABORTED);
+        const ImplOutcome outcome = waitForImpl(server);
+        EXPECT_EQ(outcome.client(), nullptr);
+        EXPECT_EQ(outcome.text, untouchedText);
+        EXPECT_EQ(outcome.code, untouchedCode);
+        EXPECT_EQ(server.record(), nullptr);
+        EXPECT_TRUE(log.contains(9, "VornPipeServer::waitForClient : Shutting down thread"));
+    }
+    EXPECT_EQ(::dup2(standardInput.get(), STDIN_FILENO), STDIN_FILENO);
+}
+
+TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_EndsTheWaitWithTextAndCodeUntouched) {
+    Probe server("kite");
+    ImplOutcome outcome;
+    WatchedThread thread([&] { outcome = waitForImpl(server); });
+    ASSERT_TRUE(awaitBlockedInIo(thread.tid()));
+    const std::vector<int> descriptors = server.descriptors();
+    server.close();
+    ASSERT_TRUE(thread.join());
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_EQ(server.record(), nullptr);
+    for (const int fd : descriptors) {
+        EXPECT_FALSE(isOpen(fd)) << fd;
+    }
+}
+
+TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_WritesFourBytesAndLeavesTheReleaseToTheThread) {
+    Probe server("kite");
+    Checkpoint selecting;
+    const CallHook hook("select", [&] { selecting.pass(); });
+    ClientWait wait(server);
+    ASSERT_TRUE(selecting.awaitReached());
+    const std::vector<int> descriptors = server.descriptors();
+    const CallTrace trace;
+    server.close();
+    ASSERT_EQ(trace.calls("write"), 1);
+    EXPECT_EQ(trace.records("write").at(0).argument, descriptors.at(2));
+    EXPECT_EQ(trace.records("write").at(0).second, 4);
+    EXPECT_EQ(trace.calls("close"), 0);
+    selecting.open();
+    expectQuiet(wait.outcome());
+    std::vector<int> closed;
+    for (const CallRecord& call : trace.records("close")) {
+        closed.push_back(call.argument);
+    }
+    EXPECT_EQ(closed, descriptors);
+}
+
+TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_IsLoggedStepByStepAtLevel9) {
+    Probe server("kite");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const LogCapture log(9);
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(log.records(),
+              debugRecords({"VornPipeServer::close", "VornPipeServer::close: signaling wait thread",
+                            "VornPipeServer::waitForClient : Shutting down thread", "VornPipeServer::close",
+                            "VornPipeServer::close: releasing resources"}));
+}
+
+TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_RunsTheVirtualCloseOnThatThread) {
+    class Counting : public Probe {
+    public:
+        Counting() : Probe("kite") {}
+
+        void close() override {
+            m_closer = currentTid();
+            VornPipeServer::close();
+        }
+
+        pid_t m_closer = 0;
+    };
+
+    Counting server;
+    ClientWait wait(server);
+    const pid_t waiter = wait.thread().tid();
+    ASSERT_TRUE(wait.awaitBlocked());
+    server.VornPipeServer::close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(server.m_closer, waiter);
+}
+
+TEST_F(VornPipeServerTest, Close_WhenTheWriteFails_DoesNotThrow) {
+    Probe server("kite");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    {
+        const FaultRule fault("write", EIO);
+        EXPECT_EQ(failureOf([&] { server.close(); }), std::nullopt);
+        EXPECT_EQ(fault.failures(), 1);
+    }
+    EXPECT_FALSE(wait.thread().finished());
+    server.close();
+    expectQuiet(wait.outcome());
+}
+
+TEST_F(VornPipeServerTest, Close_WithoutAWaitingThread_ReleasesAtOnceInOrder) {
+    Probe server("kite");
+    const std::vector<int> descriptors = server.descriptors();
+    const LogCapture log(9);
+    const CallTrace trace;
+    server.close();
+    EXPECT_EQ(server.record(), nullptr);
+    std::vector<int> closed;
+    for (const CallRecord& call : trace.records("close")) {
+        closed.push_back(call.argument);
+    }
+    EXPECT_EQ(closed, descriptors);
+    EXPECT_EQ(log.records(),
+              debugRecords({"VornPipeServer::close", "VornPipeServer::close: releasing resources"}));
+}
+
+TEST_F(VornPipeServerTest, Close_Again_OnlyLogs) {
+    Probe server("kite");
+    server.close();
+    const LogCapture log(9);
+    const CallTrace trace;
+    server.close();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_EQ(log.records(), debugRecords({"VornPipeServer::close"}));
+}
+
+TEST_F(VornPipeServerTest, Close_LeavesTheFileAndTheNextWaitReplacesIt) {
+    Probe server("kite");
+    const ino_t before = statOf(pipePath("kite")).st_ino;
+    server.close();
+    EXPECT_EQ(statOf(pipePath("kite")).st_ino, before);
+    EXPECT_THROW(unixConnect(pipePath("kite")), std::system_error);
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    EXPECT_NE(wait.outcome().client(), nullptr);
+    EXPECT_EQ(modeOf(pipePath("kite")), 0770U);
+}
+
+TEST_F(VornPipeServerTest, AClientThatComesWhileItIsClosed_IsNotAccepted) {
+    Probe server("kite");
+    UniqueFd peer;
+    const CallHook hook("select", [&] {
+        peer = unixConnect(pipePath("kite"));
+        server.close();
+    });
+    const CallTrace trace;
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(trace.calls("accept"), 0);
+    EXPECT_EQ(server.record(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, AWakeUpThatMeetsAnAcceptingThread_IsLeftBehindForTheNextWait) {
+    Probe server("kite");
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    const CallHook hook("accept", [&] { server.close(); });
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    EXPECT_NE(server.record(), nullptr);
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(server.record(), nullptr);
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const UniqueFd next = unixConnect(pipePath("kite"));
+    EXPECT_NE(wait.outcome().client(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, TwentyThousandClosesWhileTheWaitingThreadIsHeldUp_DoNotBlock) {
+    Probe server("kite");
+    Checkpoint selecting;
+    const CallHook hook("select", [&] { selecting.pass(); });
+    ClientWait wait(server);
+    ASSERT_TRUE(selecting.awaitReached());
+    WatchedThread closer([&] {
+        for (int i = 0; i < 20000; ++i) {
+            server.close();
+        }
+    });
+    EXPECT_TRUE(closer.join(std::chrono::seconds(60)));
+    selecting.open();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(server.record(), nullptr);
+    server.init();
+    const UniqueFd peer = unixConnect(pipePath("kite"));
+    EXPECT_NE(waitFor(server).client(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Destructor_WithoutAWaitingThread_ReleasesWithoutPause) {
+    const CallTrace trace;
+    std::vector<int> descriptors;
+    {
+        const Probe server("kite");
+        descriptors = server.descriptors();
+    }
+    EXPECT_EQ(trace.calls("usleep"), 0);
+    for (const int fd : descriptors) {
+        EXPECT_FALSE(isOpen(fd)) << fd;
+    }
+    EXPECT_TRUE(S_ISSOCK(statOf(pipePath("kite")).st_mode));
+}
+
+TEST_F(VornPipeServerTest, Destructor_GivesAWaitingThreadTimeToLeave) {
+    auto server = std::make_unique<Probe>("kite");
+    Checkpoint selecting;
+    const CallHook hook("select", [&] { selecting.pass(); });
+    ClientWait wait(*server);
+    ASSERT_TRUE(selecting.awaitReached());
+    const CallTrace trace;
+    WatchedThread destroyer([&] { server.reset(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("write") == 1; }));
+    ASSERT_TRUE(awaitBlockedIn(destroyer.tid(), {SYS_nanosleep, SYS_clock_nanosleep}));
+    EXPECT_FALSE(destroyer.finished());
+    selecting.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(destroyer.join());
+    EXPECT_GE(trace.calls("usleep"), 1);
+    EXPECT_LE(trace.calls("usleep"), 40);
+    for (const CallRecord& call : trace.records("usleep")) {
+        EXPECT_EQ(call.second, 250000);
+    }
+}
+
+TEST_F(VornPipeServerTest, Destructor_AbandonsAThreadThatHasNotLeftAfter40Pauses) {
+    auto server = std::make_unique<Probe>("kite");
+    const std::unique_ptr<Probe::_pipe> abandoned(server->record());
+    abandoned->m_bClientWaiting = true; // as if a thread waited that never runs again
+    FaultRule pauses("usleep", 0, 1, FaultRule::always);
+    pauses.returning(0);
+    server.reset();
+    EXPECT_EQ(pauses.calls(), 40);
+    EXPECT_TRUE(isOpen(abandoned->m_hClientPipe));
+    EXPECT_TRUE(isOpen(abandoned->m_hRWPipe[0]));
+    EXPECT_TRUE(isOpen(abandoned->m_hRWPipe[1]));
+    expectDescriptorLeak(3);
+}
+
+TEST_F(VornPipeServerTest, WithManyDescriptorsOpen_ServesAndWakesWithoutSelect) {
+    const ManyDescriptors many;
+    Probe server("kite");
+    EXPECT_GT(server.record()->m_hClientPipe, 1024);
+    const CallTrace trace;
+    {
+        const UniqueFd peer = unixConnect(pipePath("kite"));
+        sendAll(peer.get(), bytes("00 07"));
+        EXPECT_EQ(waitFor(server).spClient->receiveShort(), 7);
+    }
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(trace.calls("select"), 0);
+}
+
+TEST_F(VornPipeServerTest, WithManyDescriptorsOpen_AFailedWaitIsAReadErrorToo) {
+    const ManyDescriptors many;
+    Probe server("kite");
+    const FaultRule fault("poll", ENOMEM);
+    EXPECT_EQ(waitFor(server).failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
+}
+
+TEST_F(VornPipeServerTest, WithManyDescriptorsOpen_AShutdownWinsOverAPendingClient) {
+    const ManyDescriptors many;
+    Probe server("kite");
+    UniqueFd peer;
+    const CallHook hook("poll", [&] {
+        peer = unixConnect(pipePath("kite"));
+        server.close();
+    });
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(server.record(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, WhenNeitherDescriptorIsReadable_ReportsASelectErrorWithCode0) {
+    const ManyDescriptors many;
+    Probe server("kite");
+    FaultRule fault("poll", 0);
+    fault.returning(1);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "VornPipeServer::waitForClient: error on select. ");
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+}

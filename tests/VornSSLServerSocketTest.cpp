@@ -1,0 +1,182 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include <VornSSLServerSocket.h>
+
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "ServerTestSupport.h"
+
+#include <memory>
+
+using namespace VornTest;
+using VornNet::VornCertificate;
+using VornNet::VornServerSocket;
+using VornNet::VornSSLServerSocket;
+
+namespace {
+
+using testing::IsEmpty;
+
+constexpr int port = 5023;
+
+class VornSSLServerSocketTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+};
+
+class Probe : public VornSSLServerSocket {
+public:
+    Probe() : VornSSLServerSocket(port, VornCertificate("c.pem", "PEM", "k.pem", "DER"), 7, "127.0.0.1") {}
+
+    using VornServerSocket::m_bInitialized;
+    using VornServerSocket::m_nBacklog;
+    using VornServerSocket::m_pSocketImpl;
+    using VornSSLServerSocket::init;
+    using VornSSLServerSocket::m_certificate;
+    using VornSSLServerSocket::m_pSSLImpl;
+    using VornSSLServerSocket::VornSSLServerSocket;
+    using VornSSLServerSocket::waitForClientImpl;
+};
+
+/// What a derived class makes of it that brings a socket.
+class Listening : public Probe {
+public:
+    void init() override { VornServerSocket::init(); }
+};
+
+class Failing : public Probe {
+protected:
+    void init() override { throw VornException("derived", 12); }
+};
+
+} // namespace
+
+TEST_F(VornSSLServerSocketTest, WhenConstructed_KeepsItsArguments) {
+    const CallTrace trace;
+    Probe server;
+    EXPECT_EQ(server.getPort(), port);
+    EXPECT_EQ(server.getBindAddress(), "127.0.0.1");
+    EXPECT_EQ(server.m_nBacklog, 7);
+    EXPECT_EQ(server.m_pSSLImpl, nullptr);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornSSLServerSocketTest, WhenConstructed_KeepsACopyOfTheCertificate) {
+    auto certificate = std::make_unique<VornCertificate>("c.pem", "PEM", "k.pem", "DER");
+    Probe server(port, *certificate, 5, "*");
+    *certificate = VornCertificate("other", "", "other", "");
+    certificate.reset();
+    EXPECT_EQ(server.m_certificate.getFile(), "c.pem");
+    EXPECT_EQ(server.m_certificate.getKeyFile(), "k.pem");
+    EXPECT_EQ(server.m_certificate.getType(), 0);
+    EXPECT_EQ(server.m_certificate.getKeyType(), 0);
+}
+
+TEST_F(VornSSLServerSocketTest, Init_DoesNothing) {
+    Probe server;
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+}
+
+TEST_F(VornSSLServerSocketTest, Wait_EndsAtOnceWithoutClientOrTextAndTouchesNoDescriptor) {
+    Probe server;
+    const LogCapture log(4);
+    const CallTrace trace;
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornSSLServerSocketTest, Wait_IsQuietForTheCallerEveryTime) {
+    Probe server;
+    for (int i = 0; i < 3; ++i) {
+        expectQuiet(waitFor(server, true));
+    }
+}
+
+TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassListens_LetsTheClientGoAtOnce) {
+    Listening server;
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    // The client closes its side first, so that the port is not lost.
+    ASSERT_EQ(::shutdown(peer.get(), SHUT_WR), 0);
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(receiveToEnd(peer.get()), "");
+}
+
+TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassFails_ReportsTextAndCode) {
+    Failing server;
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "derived");
+    EXPECT_EQ(outcome.code, 12);
+    EXPECT_EQ(waitFor(server).failure, (Failure{"derived", 12}));
+}
+
+TEST_F(VornSSLServerSocketTest, WaitForInit_NeverReturns) {
+    Probe server;
+    const CallTrace trace;
+    WatchedThread thread([&] { server.waitForInit(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
+    expectQuiet(waitFor(server));
+    const int calls = trace.calls("usleep");
+    EXPECT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= calls + 3; }));
+    EXPECT_FALSE(thread.finished());
+    // Only a derived class can let the thread go.
+    __atomic_store_n(&server.m_bInitialized, true, __ATOMIC_RELEASE);
+    EXPECT_TRUE(thread.join());
+}
+
+TEST_F(VornSSLServerSocketTest, Close_WhenThereIsNoSocket_DoesNothing) {
+    Probe server;
+    int state = 0;
+    server.m_pSSLImpl = &state;
+    const LogCapture log(9);
+    const CallTrace trace;
+    server.close();
+    EXPECT_EQ(server.m_pSSLImpl, &state);
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornSSLServerSocketTest, Close_WhenADerivedClassListens_ClearsTheStateAndClosesTheSocket) {
+    Listening server;
+    server.init();
+    int state = 0;
+    server.m_pSSLImpl = &state;
+    const int listener = socketOf(server);
+    server.close();
+    EXPECT_EQ(server.m_pSSLImpl, nullptr);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(isOpen(listener));
+}
+
+TEST_F(VornSSLServerSocketTest, SetPort_ChangesThePort) {
+    Probe server;
+    server.setPort(6000);
+    EXPECT_EQ(server.getPort(), 6000);
+}
+
+TEST_F(VornSSLServerSocketTest, Destructor_ClosesTheSocketOfADerivedClass) {
+    int listener = -1;
+    {
+        Listening server;
+        server.init();
+        listener = socketOf(server);
+    }
+    EXPECT_FALSE(isOpen(listener));
+}

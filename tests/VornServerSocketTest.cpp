@@ -1,0 +1,690 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include <VornServerSocket.h>
+#include <VornSocketConnection.h>
+
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ServerTestSupport.h"
+
+#include <cerrno>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+using namespace VornTest;
+using VornNet::VornServerSocket;
+using VornNet::VornSocketConnection;
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Record = LogCapture::Record;
+
+constexpr int port = 5023;
+
+class VornServerSocketTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        addLocalAddress("lo:1", lanAddress);
+        LeakCheckedTest::SetUp();
+    }
+};
+
+class Probe : public VornServerSocket {
+public:
+    using VornServerSocket::init;
+    using VornServerSocket::m_bInitialized;
+    using VornServerSocket::m_nBacklog;
+    using VornServerSocket::m_nPort;
+    using VornServerSocket::m_pSocketImpl;
+    using VornServerSocket::m_sBindAddress;
+    using VornServerSocket::VornServerSocket;
+    using VornServerSocket::waitForClientImpl;
+};
+
+class ConnectionProbe : public VornSocketConnection {
+public:
+    using VornConnection::m_bClientConnection;
+    using VornConnection::m_bConnected;
+};
+
+std::string readyText(int nPort) {
+    return "VornServerSocket::waitForClient: TCP Server on " + std::to_string(nPort) +
+           " ready, accepting connections...";
+}
+
+/// The port as the log shows it: the bytes of the network, read as a number of this machine.
+std::string portInNetworkOrder(int nPort) {
+    return std::to_string(htons(static_cast<std::uint16_t>(nPort)));
+}
+
+struct InitFault {
+    const char* name;
+    const char* function;
+    int error;
+    const char* text;
+
+    friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
+};
+
+class VornServerSocketInitFault : public VornServerSocketTest,
+                                  public testing::WithParamInterface<InitFault> {};
+
+class VornServerSocketQuietError : public VornServerSocketTest, public testing::WithParamInterface<int> {};
+
+} // namespace
+
+TEST_F(VornServerSocketTest, WhenConstructed_KeepsItsArgumentsAndMakesNoSocket) {
+    const CallTrace trace;
+    Probe server(6000, 7, "127.0.0.1");
+    EXPECT_EQ(server.m_nPort, 6000);
+    EXPECT_EQ(server.m_nBacklog, 7);
+    EXPECT_EQ(server.m_sBindAddress, "127.0.0.1");
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    EXPECT_EQ(server.getPort(), 6000);
+    EXPECT_EQ(server.getBindAddress(), "127.0.0.1");
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornServerSocketTest, Init_MakesBindsNamesAndListensWithoutAnySocketOption) {
+    Probe server(port, 7, "*");
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), ElementsAre("socket", "fcntl", "bind", "getsockname", "listen"));
+    const CallRecord socket = trace.records("socket").at(0);
+    EXPECT_EQ(socket.argument, AF_INET);
+    EXPECT_EQ(socket.second, SOCK_STREAM);
+    EXPECT_EQ(socket.third, 0);
+    EXPECT_EQ(trace.records("listen").at(0).second, 7);
+    EXPECT_EQ(socketOf(server), socket.result);
+    EXPECT_TRUE(server.m_bInitialized);
+}
+
+TEST_F(VornServerSocketTest, Init_HandsTheBacklogToListenAsItIs) {
+    Probe server(port, -3, "*");
+    const CallTrace trace;
+    server.init();
+    EXPECT_EQ(trace.records("listen").at(0).second, -3);
+}
+
+TEST_F(VornServerSocketTest, Init_WhenListening_DoesNothing) {
+    Probe server(port, 5, "*");
+    server.init();
+    const int listener = socketOf(server);
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_EQ(socketOf(server), listener);
+}
+
+TEST_F(VornServerSocketTest, Init_MakesACloseOnExecListener) {
+    Probe server(port, 5, "*");
+    server.init();
+    EXPECT_TRUE(isCloseOnExec(socketOf(server)));
+}
+
+TEST_F(VornServerSocketTest, Init_WithAStar_ListensOnAllInterfaces) {
+    Probe server(port, 5, "*");
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), "0.0.0.0");
+    UniqueFd loopback = tcpConnect("127.0.0.1", port);
+    UniqueFd lan = tcpConnect(lanAddress, port);
+    reset(loopback);
+    reset(lan);
+}
+
+TEST_F(VornServerSocketTest, Init_WithALoopbackAddress_ListensOnlyThere) {
+    Probe server(port, 5, "127.0.0.1");
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.1");
+    EXPECT_THROW(tcpConnect(lanAddress, port), std::system_error);
+    UniqueFd loopback = tcpConnect("127.0.0.1", port);
+    reset(loopback);
+}
+
+TEST_F(VornServerSocketTest, Init_WithAHostName_FailsToBindWithoutResolvingIt) {
+    Probe server(port, 5, "localhost");
+    const CallTrace trace;
+    EXPECT_EQ(failureOf([&] { server.init(); }),
+              (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}));
+    EXPECT_EQ(trace.calls("gethostbyname_r"), 0);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+}
+
+TEST_F(VornServerSocketTest, Init_WithAnEmptyAddressOrTheBroadcastAddress_FailsToBind) {
+    for (const char* address : {"", "255.255.255.255", "1.2.3.4.5"}) {
+        Probe server(port, 5, address);
+        EXPECT_EQ(failureOf([&] { server.init(); }),
+                  (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}))
+            << address;
+    }
+}
+
+TEST_F(VornServerSocketTest, Init_WithAnAddressOfAnotherHost_FailsToBind) {
+    Probe server(port, 5, "192.0.2.1");
+    EXPECT_EQ(waitFor(server).failure,
+              (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}));
+}
+
+TEST_F(VornServerSocketTest, Init_TakesTheLow16BitsOfThePort) {
+    Probe high(70000, 5, "127.0.0.1");
+    Probe negative(-1, 5, "127.0.0.1");
+    high.init();
+    negative.init();
+    EXPECT_EQ(localPort(socketOf(high)), 70000 - 65536);
+    EXPECT_EQ(localPort(socketOf(negative)), 65535);
+    EXPECT_EQ(high.getPort(), 70000);
+}
+
+TEST_F(VornServerSocketTest, Init_WithPortZero_ListensWhereTheSystemChoosesAndDoesNotLearnIt) {
+    Probe server(0, 5, "*");
+    server.init();
+    EXPECT_GT(localPort(socketOf(server)), 0);
+    EXPECT_EQ(server.getPort(), 0);
+}
+
+TEST_F(VornServerSocketTest, Init_AsksTheVirtualBindAddress) {
+    class Elsewhere : public Probe {
+    public:
+        Elsewhere() : Probe(port, 5, "*"), m_sElsewhere("127.0.0.2") {}
+
+        const VornString& getBindAddress() override { return m_sElsewhere; }
+
+    private:
+        VornString m_sElsewhere;
+    };
+
+    Elsewhere server;
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.2");
+}
+
+TEST_F(VornServerSocketTest, Init_LogsAddressAndPortAsASigned16BitNumberAtLevel5) {
+    const LogCapture log(5);
+    Probe server(40000, 5, "127.0.0.1");
+    server.init();
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{5, "VornServerSocket::init: Using IP Address 127.0.0.1 Port: -25536"}));
+}
+
+TEST_F(VornServerSocketTest, Init_WithPortZero_LogsTheConfiguredPort) {
+    const LogCapture log(5);
+    Probe server(0, 5, "*");
+    server.init();
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{5, "VornServerSocket::init: Using IP Address 0.0.0.0 Port: 0"}));
+}
+
+TEST_F(VornServerSocketTest, AtLevel4_NothingIsLogged) {
+    useHostsFile("127.0.0.1 alpha\n");
+    const LogCapture log(4);
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha");
+    reset(peer);
+    server.close();
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornServerSocketTest, WhenThePortIsInUse_ThrowsTheBindTextAndTriesAnotherPortLater) {
+    int taken = 0;
+    const UniqueFd other = tcpListen("127.0.0.1", taken);
+    Probe server(taken, 5, "127.0.0.1");
+    EXPECT_EQ(waitFor(server).failure,
+              (Failure{"VornServerSocket::init: failed to bind socket.", EADDRINUSE}));
+    server.setPort(port);
+    UniqueFd peer;
+    ClientWait wait(server);
+    server.waitForInit();
+    peer = tcpConnect("127.0.0.1", port);
+    EXPECT_NE(wait.outcome().client(), nullptr);
+    reset(peer);
+}
+
+TEST_P(VornServerSocketInitFault, ReachesTheCallerAndLeavesNothingOpen) {
+    const InitFault& row = GetParam();
+    Probe server(port, 5, "127.0.0.1");
+    const int before = openDescriptors();
+    {
+        const FaultRule fault(row.function, row.error);
+        EXPECT_EQ(failureOf([&] { server.init(); }), (Failure{row.text, row.error}));
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port);
+}
+
+TEST_P(VornServerSocketInitFault, IsReportedByTheWait) {
+    const InitFault& row = GetParam();
+    Probe server(port, 5, "127.0.0.1");
+    const FaultRule fault(row.function, row.error, 1, 2);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, row.text);
+    EXPECT_EQ(outcome.code, row.error);
+    EXPECT_EQ(waitFor(server).failure, (Failure{row.text, row.error}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, VornServerSocketInitFault,
+    testing::Values(InitFault{"socket", "socket", EMFILE, "VornServerSocket::init: failed to create socket."},
+                    InitFault{"bind", "bind", EACCES, "VornServerSocket::init: failed to bind socket."},
+                    InitFault{"getsockname", "getsockname", ENOBUFS,
+                              "VornServerSocket::init: failed to get socket name."},
+                    InitFault{"listen", "listen", EOPNOTSUPP,
+                              "VornServerSocket::init: failed to listen on bound socket."}),
+    [](const testing::TestParamInfo<InitFault>& row) { return row.param.name; });
+
+TEST_F(VornServerSocketTest, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
+    class Failing : public Probe {
+    public:
+        Failing() : Probe(port, 5, "*") {}
+
+    protected:
+        void init() override { throw VornException("derived", 12); }
+    };
+
+    Failing server;
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "derived");
+    EXPECT_EQ(outcome.code, 12);
+}
+
+TEST_F(VornServerSocketTest, Wait_LogsThatItIsReadyAtLevel5) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const LogCapture log(5);
+    const Outcome outcome = waitFor(server);
+    EXPECT_THAT(log.records(), ElementsAre(Record{5, readyText(port)}));
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_LeavesTextAndCodeAloneWhenAClientComes) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_NE(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_ServesOneClientPerCallInTheOrderTheyCame) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd first = tcpConnect("127.0.0.1", port);
+    UniqueFd second = tcpConnect("127.0.0.1", port);
+    sendAll(first.get(), bytes("00 01"));
+    sendAll(second.get(), bytes("00 02"));
+    const Outcome one = waitFor(server);
+    const Outcome two = waitFor(server);
+    EXPECT_EQ(one.spClient->receiveShort(), 1);
+    EXPECT_EQ(two.spClient->receiveShort(), 2);
+    reset(first);
+    reset(second);
+}
+
+TEST_F(VornServerSocketTest, Client_IsConnectedAndTalksInBothDirections) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const Outcome outcome = waitFor(server);
+    ASSERT_NE(outcome.client(), nullptr);
+    EXPECT_TRUE(fieldOf<bool>(outcome.client(), &ConnectionProbe::m_bConnected));
+    EXPECT_FALSE(fieldOf<bool>(outcome.client(), &ConnectionProbe::m_bClientConnection));
+    sendAll(peer.get(), bytes("00 00 00 03 61 62 63"));
+    EXPECT_EQ(outcome.spClient->receiveString(), "abc");
+    outcome.spClient->transfer(258);
+    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 01 02");
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Client_IsASocketConnectionThatKnowsItsServersPort) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const Outcome outcome = waitFor(server);
+    ASSERT_NE(dynamic_cast<VornSocketConnection*>(outcome.client()), nullptr);
+    EXPECT_EQ(outcome.client()->getPortName(), "5023");
+    EXPECT_EQ(outcome.client()->getServerName(), "127.0.0.1");
+    EXPECT_EQ(outcome.client()->refCount(), 1);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Client_FromLoopback_IsLocal) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    EXPECT_TRUE(waitFor(server).client()->getLocalAccess());
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Client_FromAnyOtherAddress_IsNotLocal) {
+    Probe server(port, 5, "*");
+    server.init();
+    for (const char* address : {"127.0.0.2", lanAddress}) {
+        UniqueFd peer = tcpConnect("127.0.0.1", port, address);
+        EXPECT_FALSE(waitFor(server).client()->getLocalAccess()) << address;
+        reset(peer);
+    }
+}
+
+TEST_F(VornServerSocketTest, Client_WithoutIdentify_HasNoNameAndNobodyIsAsked) {
+    useHostsFile("127.0.0.1 alpha\n");
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const CallTrace trace;
+    EXPECT_EQ(waitFor(server, false).client()->getRemoteName(), "");
+    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Client_WithIdentify_HasTheOfficialName) {
+    useHostsFile("127.0.0.2 alpha.example alpha\n");
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha.example");
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Client_WithIdentify_IsLoggedAtLevel5WithItsPortInNetworkOrder) {
+    useHostsFile("127.0.0.2 alpha.example alpha\n");
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    const LogCapture log(5);
+    const Outcome outcome = waitFor(server, true);
+    EXPECT_THAT(
+        log.records(),
+        ElementsAre(Record{5, readyText(port)},
+                    Record{5, "VornServerSocket::waitForClient () Server connected to alpha.example:" +
+                                  portInNetworkOrder(localPort(peer.get()))}));
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Client_WithIdentifyButUnknown_HasNoNameAndIsNotLogged) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    const LogCapture log(5);
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
+    EXPECT_THAT(log.records(), ElementsAre(Record{5, readyText(port)}));
+    reset(peer);
+}
+
+TEST_P(VornServerSocketQuietError, EndsTheWaitWithoutAWord) {
+    Probe server(port, 5, "*");
+    server.init();
+    const LogCapture log(4);
+    const FaultRule fault("accept", GetParam());
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_THAT(log.records(), IsEmpty());
+    EXPECT_EQ(fault.calls(), 1);
+}
+
+TEST_P(VornServerSocketQuietError, IsNoExceptionForTheCallerAndTheNextWaitServes) {
+    Probe server(port, 5, "*");
+    server.init();
+    const FaultRule fault("accept", GetParam());
+    expectQuiet(waitFor(server));
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    reset(peer);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, VornServerSocketQuietError,
+                         testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN),
+                         testing::PrintToStringParamName());
+
+TEST_F(VornServerSocketTest, Wait_AfterAnyOtherAcceptError_LogsAtLevel1AndAcceptsAgain) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const LogCapture log(5);
+    const FaultRule first("accept", EMFILE, 1);
+    const FaultRule second("accept", ECONNABORTED, 2);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{5, readyText(port)},
+                            Record{1, "VornServerSocket::waitForClient: socket connection error. 24"},
+                            Record{5, readyText(port)},
+                            Record{1, "VornServerSocket::waitForClient: socket connection error. 103"},
+                            Record{5, readyText(port)}));
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, AtLevel0_AcceptErrorsAreNotLogged) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const LogCapture log(0);
+    const FaultRule fault("accept", EMFILE);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    EXPECT_THAT(log.records(), IsEmpty());
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_RetriesWithoutLimitAndWithoutDelay) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const FaultRule fault("accept", EMFILE, 1, 1000);
+    const FaultRule sleeps("usleep", 0, 1, 0);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    EXPECT_EQ(fault.failures(), 1000);
+    EXPECT_EQ(sleeps.calls(), 0);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyAndTheServerGoesOnListening) {
+    const Interrupter interrupter;
+    Probe server(port, 5, "*");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    Interrupter::interrupt(wait.thread());
+    expectQuiet(wait.outcome());
+    EXPECT_NE(socketOf(server), -1);
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_WhenSomebodyElseShutsTheListenerDown_EndsQuietly) {
+    const LogCapture log(4);
+    Probe server(port, 5, "*");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    ASSERT_EQ(::shutdown(socketOf(server), SHUT_RDWR), 0);
+    expectQuiet(wait.outcome());
+    EXPECT_THAT(log.records(), IsEmpty());
+    server.close();
+    ClientWait again(server);
+    server.waitForInit();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    EXPECT_NE(again.outcome().client(), nullptr);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_WhenClosedWhileAClientIsAccepted_ReturnsNullAndClosesTheClient) {
+    Probe server(port, 5, "*");
+    server.init();
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const UniqueFd peer(ends[0]);
+    Checkpoint accepting;
+    const CallHook hook("accept", [&] { accepting.pass(); });
+    FaultRule accepted("accept", 0);
+    accepted.returning(ends[1]);
+    const CallTrace trace;
+    ClientWait wait(server);
+    ASSERT_TRUE(accepting.awaitReached());
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") == 1; }));
+    accepting.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(closer.join());
+    EXPECT_EQ(receiveToEnd(peer.get()), "");
+    EXPECT_FALSE(isOpen(ends[1]));
+}
+
+TEST_F(VornServerSocketTest, WaitForInit_WhenListening_ReturnsAtOnce) {
+    Probe server(port, 5, "*");
+    server.init();
+    const CallTrace trace;
+    server.waitForInit();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornServerSocketTest, WaitForInit_LooksEveryMillisecondUntilAnotherThreadListens) {
+    Probe server(port, 5, "*");
+    const CallTrace trace;
+    WatchedThread thread([&] { server.waitForInit(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
+    EXPECT_FALSE(thread.finished());
+    for (const CallRecord& call : trace.records("usleep")) {
+        EXPECT_EQ(call.second, 1000);
+    }
+    server.init();
+    EXPECT_TRUE(thread.join());
+}
+
+TEST_F(VornServerSocketTest, SetPort_BeforeListening_ChangesThePort) {
+    Probe server(port, 5, "*");
+    server.setPort(port + 1);
+    EXPECT_EQ(server.getPort(), port + 1);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port + 1);
+}
+
+TEST_F(VornServerSocketTest, SetPort_WhileListening_IsIgnored) {
+    Probe server(port, 5, "*");
+    server.init();
+    server.setPort(port + 1);
+    EXPECT_EQ(server.getPort(), port);
+}
+
+TEST_F(VornServerSocketTest, SetPort_AfterClose_DecidesWhereTheNextWaitListens) {
+    Probe server(port, 5, "*");
+    server.init();
+    server.close();
+    server.setPort(port + 1);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port + 1);
+}
+
+TEST_F(VornServerSocketTest, Close_WhenNeverListened_DoesNothing) {
+    Probe server(port, 5, "*");
+    const LogCapture log(9);
+    const CallTrace trace;
+    server.close();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornServerSocketTest, Close_WithoutAWaitingThread_ReleasesAtOnce) {
+    Probe server(port, 5, "*");
+    server.init();
+    const int listener = socketOf(server);
+    server.close();
+    EXPECT_FALSE(isOpen(listener));
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    EXPECT_THROW(tcpConnect("127.0.0.1", port), std::system_error);
+}
+
+TEST_F(VornServerSocketTest, Close_LogsThePortAtLevel9AndNotAtLevel8) {
+    Probe server(40000, 5, "*");
+    for (const int level : {8, 9}) {
+        server.init();
+        const LogCapture log(level);
+        server.close();
+        const std::vector<Record> expected(level == 9 ? 1 : 0,
+                                           Record{9, "VornServerSocket::close: closing socket 40000"});
+        EXPECT_EQ(log.records(), expected);
+    }
+}
+
+TEST_F(VornServerSocketTest, Close_Again_DoesNothing) {
+    Probe server(port, 5, "*");
+    server.init();
+    server.close();
+    const CallTrace trace;
+    server.close();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornServerSocketTest, Close_ClosesTheListenerOnlyWhenNobodyUsesIt) {
+    Probe server(port, 5, "127.0.0.2");
+    const CallTrace trace;
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const int listener = socketOf(server);
+    server.close();
+    expectQuiet(wait.outcome());
+    std::vector<std::string> uses;
+    for (const CallRecord& call : trace.records()) {
+        if (call.argument == listener && (call.name == "accept" || call.name == "close")) {
+            uses.push_back(call.name);
+        }
+    }
+    EXPECT_THAT(uses, ElementsAre("accept", "close"));
+}
+
+TEST_F(VornServerSocketTest, Destructor_ClosesTheListener) {
+    int listener = -1;
+    {
+        Probe server(port, 5, "*");
+        server.init();
+        listener = socketOf(server);
+    }
+    EXPECT_FALSE(isOpen(listener));
+}
+
+TEST_F(VornServerSocketTest, WhenTheServersSideClosesAClientFirst_ThePortIsRefusedAfterwards) {
+    // A port of its own, for it stays taken for a minute.
+    constexpr int lost = 6023;
+    Probe server(lost, 5, "*");
+    server.init();
+    const UniqueFd peer = tcpConnect("127.0.0.1", lost);
+    waitFor(server);
+    EXPECT_EQ(receiveToEnd(peer.get()), "");
+    server.close();
+    EXPECT_EQ(waitFor(server).failure,
+              (Failure{"VornServerSocket::init: failed to bind socket.", EADDRINUSE}));
+}
+
+TEST_F(VornServerSocketTest, WhenTheClientClosesFirst_ThePortCanBeBoundAtOnce) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    {
+        const Outcome outcome = waitFor(server);
+        peer.reset();
+        char byte = 0;
+        long error = 0;
+        EXPECT_EQ(outcome.client()->receive(&byte, 1, &error, true), -1);
+        EXPECT_EQ(error, ENOTCONN);
+    }
+    server.close();
+    EXPECT_EQ(failureOf([&] { server.init(); }), std::nullopt);
+}

@@ -1,0 +1,80 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "LeakCheckedTest.h"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+
+#include <VornSleep.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+using namespace VornTest;
+using namespace std::chrono_literals;
+using VornSupport::VornSleep;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+class VornSleepTest : public LeakCheckedTest {};
+
+std::atomic<int> g_alarms{0};
+
+/// Interrupts the program every few milliseconds while it exists.
+class Interruptions {
+public:
+    Interruptions() {
+        struct sigaction action = {};
+        action.sa_handler = [](int) { ++g_alarms; }; // and no SA_RESTART
+        ::sigaction(SIGALRM, &action, &m_oldAction);
+        const itimerval every = {{0, 3000}, {0, 3000}};
+        ::setitimer(ITIMER_REAL, &every, nullptr);
+    }
+
+    ~Interruptions() {
+        const itimerval never = {};
+        ::setitimer(ITIMER_REAL, &never, nullptr);
+        ::sigaction(SIGALRM, &m_oldAction, nullptr);
+    }
+
+    Interruptions(const Interruptions&) = delete;
+    Interruptions& operator=(const Interruptions&) = delete;
+
+private:
+    struct sigaction m_oldAction = {};
+};
+
+} // namespace
+
+TEST_F(VornSleepTest, LastsAtLeastAsLongAsAsked) {
+    for (const int milliseconds : {1, 25, 100}) {
+        const Clock::time_point start = Clock::now();
+        VornSleep(milliseconds);
+        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(milliseconds));
+    }
+}
+
+TEST_F(VornSleepTest, AcrossTheEndOfASecond_LastsAtLeastAsLongAsAsked) {
+    const Clock::time_point start = Clock::now();
+    VornSleep(1001);
+    EXPECT_GE(Clock::now() - start, 1001ms);
+}
+
+TEST_F(VornSleepTest, WithZeroOrLess_ReturnsAtOnce) {
+    const Clock::time_point start = Clock::now();
+    VornSleep(0);
+    VornSleep(-1);
+    VornSleep(-1000000);
+    EXPECT_LT(Clock::now() - start, 60s);
+}
+
+TEST_F(VornSleepTest, WhenSignalsAreHandledMeanwhile_IsNotShortened) {
+    g_alarms = 0;
+    const Interruptions interruptions;
+    const Clock::time_point start = Clock::now();
+    VornSleep(100);
+    EXPECT_GE(Clock::now() - start, 100ms);
+    EXPECT_GT(g_alarms.load(), 0);
+}

@@ -1,0 +1,154 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "LeakCheckedTest.h"
+
+#include <array>
+#include <random>
+#include <string>
+#include <type_traits>
+
+#include <VornString.h>
+#include <gtest/gtest.h>
+
+using namespace VornTest;
+using namespace VornSupport;
+
+namespace {
+
+class VornStringTest : public LeakCheckedTest {
+protected:
+    VornStringTest() { m_buffer.fill('#'); }
+
+    /// What has been written, up to and including the guard byte behind the capacity.
+    std::string written(std::size_t count) const { return std::string(m_buffer.data(), count); }
+
+    std::array<char, 16> m_buffer{};
+};
+
+std::string nul(const char* text, std::size_t length) {
+    return std::string(text, length);
+}
+
+} // namespace
+
+TEST_F(VornStringTest, Types_AreTheStandardOnes) {
+    EXPECT_TRUE((std::is_same_v<VornString, std::string>));
+    EXPECT_TRUE((std::is_same_v<VornUString, std::wstring>));
+}
+
+TEST_F(VornStringTest, ToChar_CopiesAndTerminates) {
+    VornStringToChar("abc", m_buffer.data(), 10);
+    EXPECT_EQ(written(5), nul("abc\0#", 5));
+}
+
+TEST_F(VornStringTest, ToCharOfTextThatJustFits_FillsTheBufferAndNothingBehindIt) {
+    VornStringToChar("abc", m_buffer.data(), 4);
+    EXPECT_EQ(written(5), nul("abc\0#", 5));
+}
+
+TEST_F(VornStringTest, ToCharOfTooLongText_CutsAndTerminatesWithinTheBuffer) {
+    VornStringToChar("abcdef", m_buffer.data(), 4);
+    EXPECT_EQ(written(5), nul("abc\0#", 5));
+}
+
+TEST_F(VornStringTest, ToCharOfEmptyText_WritesTheTerminatorOnly) {
+    VornStringToChar("", m_buffer.data(), 4);
+    EXPECT_EQ(written(2), nul("\0#", 2));
+}
+
+TEST_F(VornStringTest, ToCharWithRoomForOneByte_WritesTheTerminatorOnly) {
+    VornStringToChar("abc", m_buffer.data(), 1);
+    EXPECT_EQ(written(2), nul("\0#", 2));
+}
+
+TEST_F(VornStringTest, ToCharWithoutRoom_WritesNothing) {
+    VornStringToChar("abc", m_buffer.data(), 0);
+    VornStringToChar("abc", m_buffer.data(), -1);
+    EXPECT_EQ(written(3), "###");
+}
+
+TEST_F(VornStringTest, ToCharOfTextWithAZeroByte_CopiesWhatIsBehindItToo) {
+    VornStringToChar(nul("a\0b", 3), m_buffer.data(), 10);
+    EXPECT_EQ(written(5), nul("a\0b\0#", 5));
+}
+
+TEST_F(VornStringTest, FromChar_TakesTheTextUpToItsTerminator) {
+    EXPECT_EQ(VornStringFromChar("abc\0def"), "abc");
+    EXPECT_EQ(VornStringFromChar(""), "");
+}
+
+TEST_F(VornStringTest, FromCharOfNull_IsEmpty) {
+    EXPECT_EQ(VornStringFromChar(nullptr), "");
+}
+
+TEST_F(VornStringTest, ValidUtf8_BecomesTheCharactersItStandsFor) {
+    EXPECT_EQ(VornStringToWide("az\x7F"), L"az\x7F");
+    EXPECT_EQ(VornStringToWide("\xC3\xA9\xDF\xBF"), L"\u00E9\u07FF");
+    EXPECT_EQ(VornStringToWide("\xE2\x82\xAC\xEF\xBF\xBD"), L"\u20AC\uFFFD");
+    EXPECT_EQ(VornStringToWide("\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF"), L"\U0001F600\U0010FFFF");
+}
+
+TEST_F(VornStringTest, WideText_BecomesUtf8) {
+    EXPECT_EQ(VornStringToNarrow(L"az\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF"),
+              "az\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF\xF0\x90\x80\x80\xF4\x8F\xBF\xBF");
+}
+
+TEST_F(VornStringTest, AByteThatIsNoUtf8_BecomesALoneSurrogate) {
+    EXPECT_EQ(VornStringToWide("\x80\xFF"), (VornUString{0xDC80, 0xDCFF}));
+}
+
+TEST_F(VornStringTest, EverySingleByte_SurvivesTheRoundTrip) {
+    for (int value = 0; value < 256; ++value) {
+        const VornString text(1, static_cast<char>(value));
+        EXPECT_EQ(VornStringToNarrow(VornStringToWide(text)), text) << "byte " << value;
+        EXPECT_EQ(VornStringToWide(text).size(), 1U) << "byte " << value;
+    }
+}
+
+TEST_F(VornStringTest, EveryPairOfBytes_SurvivesTheRoundTrip) {
+    for (int value = 0; value < 65536; ++value) {
+        const VornString text{static_cast<char>(value >> 8), static_cast<char>(value & 0xFF)};
+        ASSERT_EQ(VornStringToNarrow(VornStringToWide(text)), text) << "bytes " << value;
+    }
+}
+
+TEST_F(VornStringTest, AlmostUtf8_SurvivesTheRoundTripByteForByte) {
+    const VornString texts[] = {
+        "\xC0\x80",         // overlong zero
+        "\xC1\xBF",         // overlong DEL
+        "\xE0\x9F\xBF",     // overlong in three bytes
+        "\xF0\x8F\xBF\xBF", // overlong in four bytes
+        "\xED\xA0\x80",     // a high surrogate
+        "\xED\xB2\x80",     // the very surrogate that stands for the byte 0x80
+        "\xF4\x90\x80\x80", // above the last character
+        "\xF5\x80\x80\x80", // a lead byte that leads to nothing
+        "\xE2\x82",         // cut off
+        "\xE2\x82\x41",     // broken off
+        "\xF0\x9F\x98",     // cut off in four bytes
+        "a\x80z\xC3",
+    };
+    for (const VornString& text : texts) {
+        EXPECT_EQ(VornStringToNarrow(VornStringToWide(text)), text);
+    }
+    EXPECT_EQ(VornStringToWide("\xED\xB2\x80"), (VornUString{0xDCED, 0xDCB2, 0xDC80}));
+}
+
+TEST_F(VornStringTest, RandomBytes_SurviveTheRoundTrip) {
+    const unsigned seed = std::random_device()();
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (int round = 0; round < 2000; ++round) {
+        VornString text(random() % 64, '\0');
+        for (char& character : text) {
+            character = static_cast<char>(byte(random));
+        }
+        ASSERT_EQ(VornStringToNarrow(VornStringToWide(text)), text) << "seed " << seed << ", round " << round;
+    }
+}
+
+TEST_F(VornStringTest, ValuesThatAreNoCharacters_BecomeTheReplacementCharacter) {
+    const VornUString noCharacters = {0xD800, 0xDC7F, 0xDD00, 0xDFFF, 0x110000};
+    EXPECT_EQ(VornStringToNarrow(noCharacters),
+              "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+}

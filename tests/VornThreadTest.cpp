@@ -1,0 +1,505 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Await.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Process.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+
+#include <VornDependent.h>
+#include <VornEvent.h>
+#include <VornException.h>
+#include <VornNotification.h>
+#include <VornSmartPointer.h>
+#include <VornThread.h>
+#include <VornWorkInformation.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+using namespace VornTest;
+using namespace std::chrono_literals;
+using namespace VornSupport;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// A thread which runs a function of the test, and ends before the function's variables do.
+class Worker : public VornThread {
+public:
+    Worker(const VornString& name, std::function<int(Worker&)> work)
+        : VornThread(name), m_work(std::move(work)) {}
+
+    explicit Worker(std::function<int(Worker&)> work) : Worker("worker", std::move(work)) {}
+
+    ~Worker() override {
+        stop();
+        if (!isOwnThread()) {
+            wait(-1);
+        }
+    }
+
+    using VornThread::isOwnThread;
+    using VornThread::isStopRequested;
+    using VornThread::run;
+
+    int run() override { return m_work(*this); }
+
+private:
+    std::function<int(Worker&)> m_work;
+};
+
+/// Makes a worker stay in run() until it is let go.
+class Gate {
+public:
+    ~Gate() { m_leave.set(); }
+
+    void pass() {
+        m_entered.set();
+        m_leave.wait(-1);
+    }
+
+    bool awaitEntered() { return m_entered.wait(static_cast<int>(defaultLimit.count())); }
+
+    void open() { m_leave.set(); }
+
+private:
+    VornEvent m_entered;
+    VornEvent m_leave;
+};
+
+constexpr int cLimit = static_cast<int>(defaultLimit.count());
+
+std::string systemName(pid_t tid) {
+    return readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm");
+}
+
+/// The system's name of a thread called @p name.
+std::string systemNameOf(const std::string& name) {
+    std::string result;
+    Worker worker(name, [&](Worker&) {
+        result = systemName(currentTid());
+        return 0;
+    });
+    worker.start();
+    worker.wait(-1);
+    return result;
+}
+
+class VornThreadTest : public LeakCheckedTest {};
+
+} // namespace
+
+KIT_ROLE(threadCannotBeCreated) {
+    // A stack of this size cannot be had, and there is no thread without one.
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, std::size_t{1} << 50);
+    ::pthread_setattr_default_np(&attributes);
+    VornThread thread("none");
+    try {
+        thread.start();
+    } catch (const VornException& exception) {
+        std::cout << exception.getText() << '|' << exception.getCode() << '|' << thread.wait(0) << '\n';
+        return 0;
+    }
+    return 1;
+}
+
+TEST_F(VornThreadTest, WhenConstructed_HasNoThreadAndHasEnded) {
+    const std::size_t before = threadIds().size();
+    bool ran = false;
+    Worker worker([&](Worker&) {
+        ran = true;
+        return 0;
+    });
+    EXPECT_EQ(threadIds().size(), before);
+    EXPECT_EQ(worker.wait(0), true);
+    EXPECT_EQ(worker.wait(-1), true);
+    EXPECT_EQ(ran, false);
+}
+
+TEST_F(VornThreadTest, Start_RunsTheOverriddenRunOnAThreadOfItsOwn) {
+    pid_t tid = 0;
+    Worker worker([&](Worker&) {
+        tid = currentTid();
+        return 0;
+    });
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_NE(tid, 0);
+    EXPECT_NE(tid, currentTid());
+}
+
+TEST_F(VornThreadTest, WhileRunning_WaitRunsOutOfTime) {
+    Gate gate;
+    Worker worker([&](Worker&) {
+        gate.pass();
+        return 0;
+    });
+    worker.start();
+    EXPECT_EQ(worker.wait(0), false);
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(worker.wait(30), false);
+    EXPECT_GE(Clock::now() - start, 30ms);
+    gate.open();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(worker.wait(0), true);
+}
+
+TEST_F(VornThreadTest, WaitWithoutLimit_EndsWithTheThread) {
+    Gate gate;
+    Worker worker([&](Worker&) {
+        gate.pass();
+        return 0;
+    });
+    worker.start();
+    EXPECT_TRUE(gate.awaitEntered());
+    bool result = false;
+    WatchedThread waiter([&] { result = worker.wait(-1); });
+    EXPECT_TRUE(awaitBlockedOnLock(waiter.tid()));
+    EXPECT_FALSE(waiter.finished());
+    gate.open();
+    EXPECT_TRUE(waiter.join());
+    EXPECT_EQ(result, true);
+}
+
+TEST_F(VornThreadTest, StartWhileRunning_DoesNothing) {
+    Gate gate;
+    std::atomic<int> runs{0};
+    Worker worker([&](Worker&) {
+        ++runs;
+        gate.pass();
+        return 0;
+    });
+    worker.start();
+    EXPECT_TRUE(gate.awaitEntered());
+    const std::size_t threads = threadIds().size();
+    worker.start();
+    EXPECT_EQ(threadIds().size(), threads);
+    gate.open();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(runs.load(), 1);
+}
+
+TEST_F(VornThreadTest, StartAfterTheEnd_RunsAgain) {
+    int runs = 0;
+    Worker worker([&](Worker&) { return ++runs; });
+    for (int expected = 1; expected <= 3; ++expected) {
+        worker.start();
+        EXPECT_EQ(worker.wait(cLimit), true);
+        EXPECT_EQ(runs, expected);
+    }
+}
+
+TEST_F(VornThreadTest, Stop_OnlyAsks) {
+    Gate gate;
+    std::atomic<bool> before{true};
+    std::atomic<bool> after{false};
+    Worker worker([&](Worker& self) {
+        before = self.isStopRequested();
+        gate.pass();
+        after = self.isStopRequested();
+        return 0;
+    });
+    worker.start();
+    EXPECT_TRUE(gate.awaitEntered());
+    worker.stop();
+    EXPECT_EQ(worker.wait(0), false);
+    gate.open();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(before.load(), false);
+    EXPECT_EQ(after.load(), true);
+}
+
+TEST_F(VornThreadTest, StartAfterStop_ForgetsTheRequest) {
+    bool seen = true;
+    Worker worker([&](Worker& self) {
+        seen = self.isStopRequested();
+        return 0;
+    });
+    worker.stop();
+    EXPECT_EQ(worker.isStopRequested(), true);
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(seen, false);
+}
+
+TEST_F(VornThreadTest, Name_IsShownByTheSystemCutTo15Bytes) {
+    EXPECT_EQ(systemNameOf("quorax"), "quorax\n");
+    EXPECT_EQ(systemNameOf("123456789012345"), "123456789012345\n");
+    EXPECT_EQ(systemNameOf("1234567890123456789"), "123456789012345\n");
+}
+
+TEST_F(VornThreadTest, OnlyTheThreadItself_IsItsOwnThread) {
+    bool inside = false;
+    Worker worker([&](Worker& self) {
+        inside = self.isOwnThread();
+        return 0;
+    });
+    EXPECT_EQ(worker.isOwnThread(), false);
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(inside, true);
+    EXPECT_EQ(worker.isOwnThread(), false);
+}
+
+TEST_F(VornThreadTest, AVornExceptionThatLeavesRun_IsLoggedAtLevelOneWithTextAndCode) {
+    LogCapture log(1);
+    Worker worker("quorax", [](Worker&) -> int { throw VornException("Widget::open: failed.", 98); });
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_THAT(log.records(),
+                ElementsAre(LogCapture::Record{
+                    1, "VornThread::run: exception ended thread 'quorax': Widget::open: failed. (code=98)"}));
+}
+
+TEST_F(VornThreadTest, AStandardExceptionThatLeavesRun_IsLoggedAtLevelOneWithItsText) {
+    LogCapture log(1);
+    Worker worker("quorax", [](Worker&) -> int { throw std::runtime_error("out of luck"); });
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_THAT(log.records(),
+                ElementsAre(LogCapture::Record{
+                    1, "VornThread::run: exception ended thread 'quorax': out of luck (code=0)"}));
+}
+
+TEST_F(VornThreadTest, AnyOtherExceptionThatLeavesRun_IsLoggedAtLevelOne) {
+    LogCapture log(1);
+    Worker worker("quorax", [](Worker&) -> int { throw 7; });
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_THAT(
+        log.records(),
+        ElementsAre(LogCapture::Record{
+            1, "VornThread::run: exception ended thread 'quorax': exception of unknown type (code=0)"}));
+}
+
+TEST_F(VornThreadTest, AnExceptionThatLeavesRun_IsNotLoggedBelowLevelOneAndTheThreadCanBeStartedAgain) {
+    LogCapture log(0);
+    int runs = 0;
+    Worker worker([&](Worker&) -> int {
+        ++runs;
+        throw VornException("again", 1);
+    });
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(runs, 2);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornThreadTest, ACancelledThread_HasEndedAndIsNotLogged) {
+    LogCapture log(9);
+    VornEvent entered;
+    pthread_t handle{};
+    Worker worker([&](Worker&) {
+        handle = ::pthread_self();
+        entered.set();
+        for (;;) {
+            ::pthread_testcancel(); // no sleep: a thread sanitizer loses its way when that is cancelled
+        }
+        return 0;
+    });
+    worker.start();
+    EXPECT_EQ(entered.wait(cLimit), true);
+    EXPECT_EQ(::pthread_cancel(handle), 0);
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornThreadTest, WhenNoThreadCanBeCreated_StartThrowsAndNothingRuns) {
+    ChildProcess child = ChildProcess::spawnRole("threadCannotBeCreated");
+    EXPECT_EQ(child.readAllOutput(),
+              "VornThread::start: failed to create thread.|" + std::to_string(EAGAIN) + "|1\n");
+    EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
+}
+
+TEST_F(VornThreadTest, ItsOwnRuns_ReturnZero) {
+    class Bare : public VornThread {
+    public:
+        using VornThread::VornThread;
+    };
+
+    Bare bare("bare");
+    VornWorkInformation work;
+    EXPECT_EQ(bare.run(), 0);
+    EXPECT_EQ(bare.run(work), 0);
+    bare.start();
+    EXPECT_EQ(bare.wait(cLimit), true);
+}
+
+TEST_F(VornThreadTest, WorkInformation_IsPassedToTheOtherRunByTheNextStart) {
+    class Working : public VornThread {
+    public:
+        Working() : VornThread("working") {}
+
+        ~Working() override { wait(-1); }
+
+        using VornThread::run;
+
+        int run(VornWorkInformation& workInfo) override {
+            m_seen = &workInfo;
+            return 0;
+        }
+
+        VornWorkInformation* m_seen = nullptr;
+    };
+
+    Working thread;
+    const VornSmartPointer<VornWorkInformation> work(new VornWorkInformation);
+    thread.start();
+    EXPECT_EQ(thread.wait(cLimit), true);
+    EXPECT_EQ(thread.m_seen, nullptr);
+    thread.setWorkInfo(work);
+    EXPECT_EQ(work->refCount(), 2);
+    thread.start();
+    EXPECT_EQ(thread.wait(cLimit), true);
+    EXPECT_EQ(thread.m_seen, static_cast<VornWorkInformation*>(work));
+    thread.setWorkInfo(nullptr);
+    EXPECT_EQ(work->refCount(), 1);
+}
+
+TEST_F(VornThreadTest, Notify_TellsItsDependents) {
+    class Listener : public VornDependent {
+    public:
+        void handleNotification(VornCollaborator&, const VornNotification& notification) override {
+            m_id = notification.getId();
+        }
+
+        int m_id = -1;
+    };
+
+    VornThread thread("subject");
+    Listener listener;
+    thread.addDependent(listener);
+    thread.notify(VornNotification(12));
+    EXPECT_EQ(listener.m_id, 12);
+}
+
+TEST_F(VornThreadTest, Priority_IsAcceptedWithoutEffect) {
+    sched_param parameters = {};
+    int policy = -1;
+    sched_param expectedParameters = {};
+    int expectedPolicy = -2;
+    ::pthread_getschedparam(::pthread_self(), &expectedPolicy, &expectedParameters);
+    Worker worker([&](Worker&) {
+        ::pthread_getschedparam(::pthread_self(), &policy, &parameters);
+        return 0;
+    });
+    worker.setPriority(VornThread::cPriorityHigh);
+    worker.start();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(policy, expectedPolicy);
+    EXPECT_EQ(parameters.sched_priority, expectedParameters.sched_priority);
+}
+
+TEST_F(VornThreadTest, KeepsTheSignalMaskOfItsStarter) {
+    sigset_t blocked;
+    sigset_t old;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR2);
+    ::pthread_sigmask(SIG_BLOCK, &blocked, &old);
+    int isBlocked = -1;
+    Worker worker([&](Worker&) {
+        sigset_t mask;
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        isBlocked = sigismember(&mask, SIGUSR2);
+        return 0;
+    });
+    worker.start();
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(isBlocked, 1);
+}
+
+TEST_F(VornThreadTest, ItsDestructor_WaitsForTheThread) {
+    class Careless : public VornThread {
+    public:
+        explicit Careless(Gate& gate) : VornThread("careless"), m_gate(gate) {}
+
+        int run() override {
+            Gate& gate = m_gate; // all that is used of the object, which is about to be destroyed
+            gate.pass();
+            return 0;
+        }
+
+        using VornThread::run;
+
+    private:
+        Gate& m_gate;
+    };
+
+    Gate gate;
+    auto thread = std::make_unique<Careless>(gate);
+    thread->start();
+    EXPECT_TRUE(gate.awaitEntered());
+    WatchedThread destroyer([&] { thread.reset(); });
+    EXPECT_TRUE(awaitBlockedOnLock(destroyer.tid()));
+    EXPECT_FALSE(destroyer.finished());
+    gate.open();
+    EXPECT_TRUE(destroyer.join());
+}
+
+TEST_F(VornThreadTest, WhenRunLetsGoOfTheLastReference_TheThreadEndsByItself) {
+    VornEvent destroyed;
+
+    class SelfOwned : public VornThread {
+    public:
+        explicit SelfOwned(VornEvent& gone) : VornThread("self-owned"), m_gone(gone) {}
+
+        ~SelfOwned() override { m_gone.set(); }
+
+        int run() override {
+            m_start.wait(-1);
+            const VornSmartPointer<SelfOwned> last(m_self);
+            m_self = nullptr;
+            return 0;
+        }
+
+        using VornThread::run;
+
+        VornSmartPointer<SelfOwned> m_self;
+        VornEvent m_start;
+
+    private:
+        VornEvent& m_gone;
+    };
+
+    {
+        VornSmartPointer<SelfOwned> thread(new SelfOwned(destroyed));
+        SelfOwned* raw = thread;
+        raw->m_self = thread;
+        raw->start();
+        thread = nullptr;
+        raw->m_start.set();
+    }
+    EXPECT_EQ(destroyed.wait(cLimit), true);
+}
+
+TEST_F(VornThreadTest, IsACountedObjectThatKnowsItsClassName) {
+    const VornSmartPointer<VornThread> thread(new VornThread("counted"));
+    EXPECT_EQ(thread->refCount(), 1);
+    EXPECT_EQ(thread->getClassName(), "VornSupport::VornThread");
+}
+
+TEST_F(VornThreadTest, CanNeitherBeCopiedNorAssigned) {
+    EXPECT_FALSE(std::is_copy_constructible_v<VornThread>);
+    EXPECT_FALSE(std::is_copy_assignable_v<VornThread>);
+}

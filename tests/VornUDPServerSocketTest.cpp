@@ -1,0 +1,661 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include <VornBufferConnection.h>
+#include <VornUDPServerSocket.h>
+
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Process.h"
+#include "Sandbox.h"
+#include "ServerTestSupport.h"
+
+#include <cerrno>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include <arpa/inet.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+using namespace VornTest;
+using VornNet::VornBufferConnection;
+using VornNet::VornUDPServerSocket;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Record = LogCapture::Record;
+
+constexpr int port = 5023;
+constexpr unsigned int sinkBuffer = 16777215;
+
+class VornUDPServerSocketTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        addLocalAddress("lo:1", lanAddress);
+        LeakCheckedTest::SetUp();
+    }
+
+    static void send(const std::string& data, const std::string& from = "127.0.0.1") {
+        int own = 0;
+        const UniqueFd peer = udpSocket(from, own);
+        udpSendTo(peer.get(), "127.0.0.1", port, data);
+    }
+};
+
+class Probe : public VornUDPServerSocket {
+public:
+    using VornServerSocket::m_bInitialized;
+    using VornServerSocket::m_nBacklog;
+    using VornServerSocket::m_nPort;
+    using VornServerSocket::m_pSocketImpl;
+    using VornServerSocket::m_sBindAddress;
+    using VornUDPServerSocket::init;
+    using VornUDPServerSocket::m_nBufferSize;
+    using VornUDPServerSocket::VornUDPServerSocket;
+    using VornUDPServerSocket::waitForClientImpl;
+};
+
+std::string readyText(int nPort) {
+    return "VornUDPServerSocket::receive: UDP Server on " + std::to_string(nPort) +
+           " ready, accepting messages...";
+}
+
+/// All bytes of a connection that holds a datagram.
+std::string contentOf(VornConnection* connection) {
+    std::string data(70000, '\0');
+    long error = 0;
+    const long count = connection->receive(data.data(), static_cast<long>(data.size()), &error, false);
+    data.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+    return data;
+}
+
+/// A line of /proc/self/status in KiB.
+long memoryOf(const std::string& what) {
+    std::istringstream status(readTextFile("/proc/self/status"));
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, what.size(), what) == 0) {
+            return std::stol(line.substr(what.size()));
+        }
+    }
+    return -1;
+}
+
+struct InitFault {
+    const char* function;
+    int error;
+    const char* text;
+
+    friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
+};
+
+class VornUDPServerSocketInitFault : public VornUDPServerSocketTest,
+                                     public testing::WithParamInterface<InitFault> {};
+
+class VornUDPServerSocketEndingError : public VornUDPServerSocketTest,
+                                       public testing::WithParamInterface<int> {};
+
+} // namespace
+
+KIT_ROLE(udpServerWithoutMemory) {
+    // A sanitizer has an address space of its own; there the test sets a limit for the allocator.
+    const rlimit limit = {1UL << 30, 1UL << 30};
+    if (!underSanitizer && ::setrlimit(RLIMIT_AS, &limit) != 0) {
+        return 1;
+    }
+    Probe server(port, "*", 0xffffffff);
+    const ImplOutcome outcome = waitForImpl(server);
+    std::cout << outcome.text << '\n' << outcome.code << '\n';
+    return outcome.client() == nullptr ? 0 : 2;
+}
+
+TEST_F(VornUDPServerSocketTest, WhenConstructed_KeepsItsArgumentsAndMakesNoSocket) {
+    const CallTrace trace;
+    Probe server(6000, "127.0.0.1", 99);
+    EXPECT_EQ(server.m_nPort, 6000);
+    EXPECT_EQ(server.m_nBacklog, 0);
+    EXPECT_EQ(server.m_sBindAddress, "127.0.0.1");
+    EXPECT_EQ(server.m_nBufferSize, 99U);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    EXPECT_EQ(server.getPort(), 6000);
+    EXPECT_EQ(server.getBindAddress(), "127.0.0.1");
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornUDPServerSocketTest, Init_MakesBindsAndNamesTheSocketWithoutAnyOption) {
+    Probe server(port, "*", 100);
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), ElementsAre("socket", "fcntl", "bind", "getsockname"));
+    const CallRecord socket = trace.records("socket").at(0);
+    EXPECT_EQ(socket.argument, AF_INET);
+    EXPECT_EQ(socket.second, SOCK_DGRAM);
+    EXPECT_EQ(socket.third, 0);
+    EXPECT_EQ(socketOf(server), socket.result);
+    EXPECT_TRUE(server.m_bInitialized);
+    EXPECT_TRUE(isCloseOnExec(socketOf(server)));
+}
+
+TEST_F(VornUDPServerSocketTest, Init_WhenBound_DoesNothing) {
+    Probe server(port, "*", 100);
+    server.init();
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+}
+
+TEST_F(VornUDPServerSocketTest, Init_WithAStar_BindsAllInterfaces) {
+    Probe server(port, "*", 100);
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), "0.0.0.0");
+    int own = 0;
+    const UniqueFd peer = udpSocket(lanAddress, own);
+    udpSendTo(peer.get(), lanAddress, port, "lan");
+    EXPECT_EQ(contentOf(waitFor(server).client()), "lan");
+}
+
+TEST_F(VornUDPServerSocketTest, Init_WithADottedAddress_BindsItAlone) {
+    Probe server(port, lanAddress, 100);
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), lanAddress);
+    EXPECT_EQ(localPort(socketOf(server)), port);
+}
+
+TEST_F(VornUDPServerSocketTest, Init_WithATextThatIsNoAddress_BindsTheBroadcastAddressWithoutResolvingIt) {
+    for (const char* address : {"localhost", ""}) {
+        Probe server(port, address, 100);
+        const CallTrace trace;
+        server.init();
+        EXPECT_EQ(localAddress(socketOf(server)), "255.255.255.255") << address;
+        EXPECT_EQ(trace.calls("gethostbyname_r"), 0) << address;
+    }
+}
+
+TEST_F(VornUDPServerSocketTest, Init_AsksTheVirtualBindAddress) {
+    class Elsewhere : public Probe {
+    public:
+        Elsewhere() : Probe(port, "*", 100), m_sElsewhere("127.0.0.2") {}
+
+        const VornString& getBindAddress() override { return m_sElsewhere; }
+
+    private:
+        VornString m_sElsewhere;
+    };
+
+    Elsewhere server;
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.2");
+}
+
+TEST_F(VornUDPServerSocketTest, Init_TakesTheLow16BitsOfThePort) {
+    Probe server(70000, "127.0.0.1", 100);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), 70000 - 65536);
+}
+
+TEST_F(VornUDPServerSocketTest, Init_LogsAddressAndConfiguredPortAtLevel5) {
+    const LogCapture log(5);
+    Probe server(40000, "127.0.0.1", 100);
+    Probe anywhere(0, "*", 100);
+    server.init();
+    anywhere.init();
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{5, "VornUDPServerSocket::init: Using IP Address 127.0.0.1 Port: 40000"},
+                            Record{5, "VornUDPServerSocket::init: Using IP Address 0.0.0.0 Port: 0"}));
+}
+
+TEST_F(VornUDPServerSocketTest, AtLevel4_NothingIsLogged) {
+    useHostsFile("127.0.0.1 alpha\n");
+    const LogCapture log(4);
+    Probe server(port, "*", 100);
+    server.init();
+    send("x");
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha");
+    server.close();
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_P(VornUDPServerSocketInitFault, ReachesTheCallerAndLeavesNothingOpen) {
+    const InitFault& row = GetParam();
+    Probe server(port, "127.0.0.1", 100);
+    const int before = openDescriptors();
+    {
+        const FaultRule fault(row.function, row.error);
+        EXPECT_EQ(failureOf([&] { server.init(); }), (Failure{row.text, row.error}));
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port);
+}
+
+TEST_P(VornUDPServerSocketInitFault, IsReportedByTheWait) {
+    const InitFault& row = GetParam();
+    Probe server(port, "127.0.0.1", 100);
+    const FaultRule fault(row.function, row.error, 1, 2);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, row.text);
+    EXPECT_EQ(outcome.code, row.error);
+    EXPECT_EQ(waitFor(server).failure, (Failure{row.text, row.error}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, VornUDPServerSocketInitFault,
+    testing::Values(InitFault{"socket", EMFILE, "VornUDPServerSocket::init: failed to create socket."},
+                    InitFault{"bind", EACCES, "VornUDPServerSocket::init: failed to bind socket."},
+                    InitFault{"getsockname", ENOBUFS,
+                              "VornUDPServerSocket::init: failed to get socket name."}),
+    [](const testing::TestParamInfo<InitFault>& row) { return row.param.function; });
+
+TEST_F(VornUDPServerSocketTest, WhenThePortIsInUse_ReportsTheBindTextAndTriesAnotherPortLater) {
+    int taken = 0;
+    const UniqueFd other = udpSocket("127.0.0.1", taken);
+    Probe server(taken, "127.0.0.1", 100);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "VornUDPServerSocket::init: failed to bind socket.");
+    EXPECT_EQ(outcome.code, EADDRINUSE);
+    server.setPort(port);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
+    class Failing : public Probe {
+    public:
+        Failing() : Probe(port, "*", 100) {}
+
+    protected:
+        void init() override { throw VornException("derived", 12); }
+    };
+
+    Failing server;
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "derived");
+    EXPECT_EQ(outcome.code, 12);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_HandsOutADatagramOfTenBytesWhole) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("0123456789");
+    const ImplOutcome outcome = waitForImpl(server);
+    ASSERT_NE(dynamic_cast<VornBufferConnection*>(outcome.client()), nullptr);
+    EXPECT_EQ(contentOf(outcome.client()), "0123456789");
+    EXPECT_EQ(contentOf(outcome.client()), "");
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_EQ(outcome.client()->refCount(), 1);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_HandsOutOneDatagramPerCall) {
+    Probe server(port, "*", 100);
+    server.init();
+    send(bytes("00 01"));
+    send(bytes("00 00 00 03 61 62 63"));
+    EXPECT_EQ(waitFor(server).spClient->receiveShort(), 1);
+    EXPECT_EQ(waitFor(server).spClient->receiveString(), "abc");
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_LogsThatItIsReadyAtLevel9AndNotAtLevel8) {
+    Probe server(port, "*", 100);
+    server.init();
+    for (const int level : {8, 9}) {
+        send("x");
+        const LogCapture log(level);
+        waitFor(server);
+        EXPECT_EQ(log.records(), std::vector<Record>(level == 9 ? 1 : 0, Record{9, readyText(port)}));
+    }
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_ForALongerDatagram_HandsOutItsBeginning) {
+    Probe server(port, "*", 4);
+    server.init();
+    send("0123456789");
+    send("next");
+    EXPECT_EQ(contentOf(waitFor(server).client()), "0123");
+    EXPECT_EQ(contentOf(waitFor(server).client()), "next");
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_ForTheLongestDatagram_HandsItOutWhole) {
+    Probe server(port, "*", sinkBuffer);
+    server.init();
+    const std::string longest(65507, 'x');
+    send(longest);
+    EXPECT_EQ(contentOf(waitFor(server).client()), longest);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_ForAnEmptyDatagram_EndsWithoutClientOrError) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("");
+    const LogCapture log(9);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    EXPECT_THAT(
+        log.records(),
+        ElementsAre(
+            Record{9, readyText(port)},
+            Record{9, "VornUDPServerSocket::receive: UDP server: exiting gracefully got no message"}));
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_AfterAnEmptyDatagram_IsStillBound) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("");
+    send("x");
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(contentOf(waitFor(server).client()), "x");
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WithoutABuffer_TakesEveryDatagramForAnEmptyOne) {
+    Probe server(port, "*", 0);
+    server.init();
+    send("x");
+    expectQuiet(waitFor(server));
+}
+
+TEST_P(VornUDPServerSocketEndingError, EndsTheWaitWithItsCode) {
+    Probe server(port, "*", 100);
+    server.init();
+    const LogCapture log(9);
+    const FaultRule fault("recvfrom", GetParam());
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, GetParam());
+    EXPECT_THAT(log.records(), ElementsAre(Record{9, readyText(port)},
+                                           Record{9, "VornUDPServerSocket::waitForClientImpl: socket error=" +
+                                                         std::to_string(GetParam()) + ", exiting"}));
+}
+
+TEST_P(VornUDPServerSocketEndingError, IsNoExceptionForTheCallerAndTheNextWaitReceives) {
+    Probe server(port, "*", 100);
+    server.init();
+    const FaultRule fault("recvfrom", GetParam());
+    expectQuiet(waitFor(server));
+    send("x");
+    EXPECT_EQ(contentOf(waitFor(server).client()), "x");
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, VornUDPServerSocketEndingError,
+                         testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, ECONNRESET, EHOSTDOWN),
+                         testing::PrintToStringParamName());
+
+TEST_F(VornUDPServerSocketTest, Wait_AfterAnyOtherError_LogsAtLevel1AndReceivesAgain) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("x");
+    const LogCapture log(1);
+    const FaultRule first("recvfrom", ECONNREFUSED, 1);
+    const FaultRule second("recvfrom", EINVAL, 2);
+    EXPECT_EQ(contentOf(waitFor(server).client()), "x");
+    EXPECT_THAT(
+        log.records(),
+        ElementsAre(Record{1, "VornUDPServerSocket::receive: UDP server: failed to recvfrom (error:111)"},
+                    Record{1, "VornUDPServerSocket::receive: UDP server: failed to recvfrom (error:22)"}));
+}
+
+TEST_F(VornUDPServerSocketTest, AtLevel0_ReceiveErrorsAreNotLogged) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("x");
+    const LogCapture log(0);
+    const FaultRule fault("recvfrom", ECONNREFUSED);
+    EXPECT_EQ(contentOf(waitFor(server).client()), "x");
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_RetriesWithoutLimitAndWithoutDelay) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("x");
+    const FaultRule fault("recvfrom", ECONNREFUSED, 1, 1000);
+    const FaultRule sleeps("usleep", 0, 1, 0);
+    EXPECT_EQ(contentOf(waitFor(server).client()), "x");
+    EXPECT_EQ(fault.failures(), 1000);
+    EXPECT_EQ(sleeps.calls(), 0);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyWithCode4) {
+    const Interrupter interrupter;
+    Probe server(port, "*", 100);
+    server.init();
+    ImplOutcome outcome;
+    WatchedThread thread([&] { outcome = waitForImpl(server); });
+    ASSERT_TRUE(awaitBlockedInIo(thread.tid()));
+    Interrupter::interrupt(thread);
+    ASSERT_TRUE(thread.join());
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, EINTR);
+    EXPECT_NE(socketOf(server), -1);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WhenClosedWhileADatagramArrives_ReturnsNull) {
+    Probe server(port, "*", 100);
+    server.init();
+    Checkpoint receiving;
+    const CallHook hook("recvfrom", [&] { receiving.pass(); });
+    FaultRule received("recvfrom", 0);
+    received.returning(10);
+    const CallTrace trace;
+    ClientWait wait(server);
+    ASSERT_TRUE(receiving.awaitReached());
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") == 1; }));
+    receiving.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(closer.join());
+}
+
+TEST_F(VornUDPServerSocketTest, Client_WithoutIdentify_HasNoNameAndNobodyIsAsked) {
+    useHostsFile("127.0.0.1 alpha\n");
+    Probe server(port, "*", 100);
+    server.init();
+    send("x");
+    const CallTrace trace;
+    EXPECT_EQ(waitFor(server, false).client()->getRemoteName(), "");
+    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
+}
+
+TEST_F(VornUDPServerSocketTest, Client_WithIdentify_HasTheOfficialNameAndIsLoggedWithItsPortInNetworkOrder) {
+    useHostsFile("127.0.0.2 alpha.example alpha\n");
+    Probe server(port, "*", 100);
+    server.init();
+    int own = 0;
+    const UniqueFd peer = udpSocket("127.0.0.2", own);
+    udpSendTo(peer.get(), "127.0.0.1", port, "x");
+    const LogCapture log(5);
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha.example");
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{5, "VornUDPServerSocket::receive: Server connected to alpha.example:" +
+                                          std::to_string(htons(static_cast<std::uint16_t>(own)))}));
+}
+
+TEST_F(VornUDPServerSocketTest, Client_WithIdentifyButUnknown_HasNoNameAndIsNotLogged) {
+    Probe server(port, "*", 100);
+    server.init();
+    send("x", "127.0.0.2");
+    const LogCapture log(5);
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornUDPServerSocketTest, Client_IsLocalOnlyFrom1_0_0_127) {
+    addLocalAddress("lo:2", "1.0.0.127");
+    Probe server(port, "*", 100);
+    server.init();
+    for (const char* address : {"127.0.0.1", "127.0.0.2", lanAddress}) {
+        send("x", address);
+        EXPECT_FALSE(waitFor(server).client()->getLocalAccess()) << address;
+    }
+    send("x", "1.0.0.127");
+    EXPECT_TRUE(waitFor(server).client()->getLocalAccess());
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WhenNeverBound_DoesNothing) {
+    Probe server(port, "*", 100);
+    const LogCapture log(9);
+    const CallTrace trace;
+    server.close();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornUDPServerSocketTest, Close_ReleasesAndTheNextInitBindsThePortThenConfigured) {
+    Probe server(port, "*", 100);
+    server.init();
+    const int old = socketOf(server);
+    server.close();
+    EXPECT_FALSE(isOpen(old));
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    server.setPort(port + 1);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port + 1);
+}
+
+TEST_F(VornUDPServerSocketTest, Close_SendsTheShort1ToItsPortOnLoopback) {
+    int observed = port;
+    const UniqueFd observer = udpSocket("127.0.0.1", observed);
+    Probe server(port, "127.0.0.2", 100);
+    server.init();
+    server.close();
+    const Datagram datagram = receiveDatagramFrom(observer.get());
+    EXPECT_EQ(hex(datagram.data), "00 01");
+    EXPECT_EQ(datagram.address, "127.0.0.1");
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WhileAThreadWaits_SendsTheDatagramToo) {
+    int observed = port;
+    const UniqueFd observer = udpSocket("127.0.0.1", observed);
+    Probe server(port, "127.0.0.2", 100);
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(hex(receiveDatagram(observer.get())), "00 01");
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WithoutAPortToSendTo_SendsNothingAndLeaksNothing) {
+    for (const int nPort : {0, 65536}) {
+        Probe server(nPort, "127.0.0.1", 100);
+        server.init();
+        const int before = openDescriptors();
+        const CallTrace trace;
+        server.close();
+        EXPECT_EQ(trace.calls("sendto"), 0) << nPort;
+        EXPECT_EQ(openDescriptors(), before - 1) << nPort;
+    }
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WhenTheDatagramCannotBeSent_DoesNotThrow) {
+    Probe server(port, "127.0.0.1", 100);
+    server.init();
+    const FaultRule fault("sendto", EPERM);
+    EXPECT_EQ(failureOf([&] { server.close(); }), std::nullopt);
+    EXPECT_EQ(fault.failures(), 1);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    // A transmission that fails leaves its descriptor open.
+    expectDescriptorLeak(1);
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WhenThereIsNoDescriptorForTheDatagram_DoesNotThrow) {
+    Probe server(port, "127.0.0.1", 100);
+    server.init();
+    const FaultRule fault("socket", EMFILE);
+    EXPECT_EQ(failureOf([&] { server.close(); }), std::nullopt);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+}
+
+TEST_F(VornUDPServerSocketTest, Close_ClosesTheSocketOnlyWhenNobodyUsesIt) {
+    Probe server(port, "127.0.0.2", 100);
+    const CallTrace trace;
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const int socket = socketOf(server);
+    server.close();
+    expectQuiet(wait.outcome());
+    std::vector<std::string> uses;
+    for (const CallRecord& call : trace.records()) {
+        if (call.argument == socket && (call.name == "recvfrom" || call.name == "close")) {
+            uses.push_back(call.name);
+        }
+        if (uses.size() == 2) {
+            break; // from here on the number may be that of the wake-up's socket
+        }
+    }
+    EXPECT_THAT(uses, ElementsAre("recvfrom", "close"));
+}
+
+TEST_F(VornUDPServerSocketTest, Destructor_ClosesTheSocket) {
+    int socket = -1;
+    {
+        Probe server(port, "*", 100);
+        server.init();
+        socket = socketOf(server);
+    }
+    EXPECT_FALSE(isOpen(socket));
+}
+
+TEST_F(VornUDPServerSocketTest, WaitForInit_ReturnsWhenAnotherThreadHasBound) {
+    Probe server(port, "*", 100);
+    const CallTrace trace;
+    WatchedThread thread([&] { server.waitForInit(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
+    EXPECT_FALSE(thread.finished());
+    server.init();
+    EXPECT_TRUE(thread.join());
+}
+
+TEST_F(VornUDPServerSocketTest, WaitsWithTheLargestBuffer_CostNoResidentMemory) {
+    constexpr int waits = 8;
+    std::vector<std::unique_ptr<Probe>> servers;
+    std::vector<std::unique_ptr<ClientWait>> threads;
+    const long before = memoryOf("VmRSS:");
+    for (int i = 0; i < waits; ++i) {
+        servers.push_back(std::make_unique<Probe>(port + i, "*", sinkBuffer));
+        threads.push_back(std::make_unique<ClientWait>(*servers.back()));
+        ASSERT_TRUE(threads.back()->awaitBlocked());
+    }
+    // Eight buffers are 128 MiB. The sanitizers' own books about a block are an eighth of it or more.
+    EXPECT_LT(memoryOf("VmRSS:") - before, underSanitizer ? 96 * 1024 : 8 * 1024);
+    for (int i = 0; i < waits; ++i) {
+        servers.at(static_cast<std::size_t>(i))->close();
+        expectQuiet(threads.at(static_cast<std::size_t>(i))->outcome());
+    }
+}
+
+TEST_F(VornUDPServerSocketTest, OneWaitAfterAnother_DoesNotKeepBuffers) {
+    Probe server(port, "*", sinkBuffer);
+    server.init();
+    const long before = memoryOf("VmRSS:");
+    for (int i = 0; i < 200; ++i) {
+        send("x");
+        ASSERT_NE(waitFor(server).client(), nullptr);
+    }
+    EXPECT_LT(memoryOf("VmRSS:") - before, underSanitizer ? 96 * 1024 : 8 * 1024);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WithoutMemoryForTheBuffer_ReportsItsOwnText) {
+    const std::string options = "allocator_may_return_null=1:max_allocation_size_mb=1024";
+    ChildProcess child = ChildProcess::spawnRoleWith({"ASAN_OPTIONS=" + options, "TSAN_OPTIONS=" + options},
+                                                     "udpServerWithoutMemory");
+    EXPECT_EQ(child.readAllOutput(),
+              "VornUDPServerSocket::waitForClientImpl: failed to allocate receive buffer.\n12\n");
+    EXPECT_EQ(child.wait(), 0);
+}

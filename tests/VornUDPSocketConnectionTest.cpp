@@ -1,0 +1,401 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "Await.h"
+#include "ConnectionTestTools.h"
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <VornUDPSocketConnection.h>
+
+#include <cerrno>
+#include <system_error>
+#include <type_traits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+using namespace VornNet;
+using namespace VornTest;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Record = LogCapture::Record;
+
+class Probe : public VornUDPSocketConnection {
+public:
+    using VornUDPSocketConnection::VornUDPSocketConnection;
+
+    using VornUDPSocketConnection::m_bClientConnection;
+    using VornUDPSocketConnection::m_bConnected;
+    using VornUDPSocketConnection::m_bIdentify;
+    using VornUDPSocketConnection::m_nPort;
+};
+
+Record sendFailure(int error, const std::string& host) {
+    return {1, "VornUDPSocketConnection::transmit: failed to send data (rc:" + std::to_string(error) +
+                   ") to " + host};
+}
+
+class VornUDPSocketConnectionTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+        m_receiver = udpSocket("0.0.0.0", port);
+    }
+
+    void TearDown() override {
+        m_receiver.reset();
+        LeakCheckedTest::TearDown();
+    }
+
+    std::string received() const { return hex(receiveDatagram(m_receiver.get())); }
+
+    /// Sends an int to the receiver under this host name; what is logged up to level 7, and the datagram.
+    std::vector<std::string> sendTo(const std::string& host, bool identify) {
+        const LogCapture log(7);
+        VornUDPSocketConnection connection(host, port, identify);
+        connection.transfer(7);
+        EXPECT_TRUE(connection.transmit()) << host;
+        std::vector<std::string> result;
+        for (const Record& record : log.records()) {
+            result.push_back(std::to_string(record.level) + " " + record.text);
+        }
+        result.push_back(received());
+        return result;
+    }
+
+    int port = 0;
+
+private:
+    UniqueFd m_receiver;
+};
+
+const char seven[] = "00 00 00 07";
+
+} // namespace
+
+// Construction.
+
+TEST_F(VornUDPSocketConnectionTest, WhenMade_HoldsItsArgumentsAndNothingElse) {
+    const CallTrace trace;
+    Probe connection("host1", 4711, true);
+    EXPECT_EQ(connection.m_nPort, 4711);
+    EXPECT_TRUE(connection.m_bIdentify);
+    EXPECT_EQ(connection.getRemoteName(), "host1");
+    EXPECT_TRUE(connection.m_bClientConnection);
+    EXPECT_FALSE(connection.m_bConnected);
+    EXPECT_EQ(connection.size(), -1);
+    EXPECT_EQ(connection.buf(), nullptr);
+    EXPECT_THAT(trace.records(), IsEmpty());
+    const Probe other("host2", -1, false);
+    EXPECT_EQ(other.m_nPort, -1);
+    EXPECT_FALSE(other.m_bIdentify);
+}
+
+TEST_F(VornUDPSocketConnectionTest, CannotBeCopiedOrMadeFromNothing) {
+    EXPECT_FALSE(std::is_copy_constructible_v<VornUDPSocketConnection>);
+    EXPECT_FALSE(std::is_copy_assignable_v<VornUDPSocketConnection>);
+    EXPECT_FALSE(std::is_default_constructible_v<VornUDPSocketConnection>);
+    EXPECT_TRUE((std::is_base_of_v<VornBufferConnection, VornUDPSocketConnection>));
+}
+
+TEST_F(VornUDPSocketConnectionTest, TypedOperationsCanBeCalledOnTheClassItself) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    connection.transfer("abc");
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), "00 00 00 07 00 00 00 03 61 62 63");
+}
+
+// Sending.
+
+TEST_F(VornUDPSocketConnectionTest, NothingIsSentBeforeTransmit) {
+    const CallTrace trace;
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    connection.disconnect();
+    EXPECT_THAT(trace.records(), IsEmpty());
+}
+
+TEST_F(VornUDPSocketConnectionTest, EverythingWrittenIsOneDatagram) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(1L);
+    connection.transfer(VornString("abc"));
+    connection.transferACK();
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), "00 00 00 01 00 00 00 00 00 00 00 03 61 62 63 00 01 00 00");
+}
+
+TEST_F(VornUDPSocketConnectionTest, TransmittingAgainSendsTheSameAgain) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), seven);
+    EXPECT_EQ(received(), seven);
+    EXPECT_EQ(connection.size(), 4);
+    connection.transfer(8);
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), "00 00 00 07 00 00 00 08");
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhatHasBeenReadBackIsSentAllTheSame) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    EXPECT_EQ(connection.receiveInt(), 7);
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), seven);
+}
+
+TEST_F(VornUDPSocketConnectionTest, AnEmptyMessageIsAnEmptyDatagram) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    EXPECT_EQ(rawWrite(connection, ""), raw(0, 0));
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), "");
+}
+
+TEST_F(VornUDPSocketConnectionTest, TheLargestDatagramIsSent) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    const std::string message(65507, 'm');
+    EXPECT_EQ(rawWrite(connection, message), raw(65507, 0));
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), hex(message));
+}
+
+TEST_F(VornUDPSocketConnectionTest, TransmitMakesASocketForBroadcastsAndClosesIt) {
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    const CallTrace trace;
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_THAT(trace.names(), ElementsAre("socket", "fcntl", "setsockopt", "sendto", "close"));
+    const CallRecord socket = trace.records("socket").at(0);
+    EXPECT_EQ(socket.argument, AF_INET);
+    EXPECT_EQ(socket.second, SOCK_DGRAM);
+    EXPECT_EQ(socket.third, 0);
+    const CallRecord option = trace.records("setsockopt").at(0);
+    EXPECT_EQ(option.second, SOL_SOCKET);
+    EXPECT_EQ(option.third, SO_BROADCAST);
+    const CallRecord sent = trace.records("sendto").at(0);
+    EXPECT_EQ(sent.second, 4);
+    EXPECT_EQ(sent.third, 0);
+}
+
+TEST_F(VornUDPSocketConnectionTest, ABroadcastAddressIsAllowed) {
+    EXPECT_THAT(sendTo("127.255.255.255", false), ElementsAre(seven));
+}
+
+TEST_F(VornUDPSocketConnectionTest, OfThePortTheLow16BitsCount) {
+    for (const int number : {port + 0x10000, port - 0x10000, port + 0x7FFF0000}) {
+        VornUDPSocketConnection connection("127.0.0.1", number, false);
+        connection.transfer(7);
+        EXPECT_TRUE(connection.transmit()) << number;
+        EXPECT_EQ(received(), seven);
+    }
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenNobodyReceives_TransmitSucceeds) {
+    VornUDPSocketConnection connection("127.0.0.1", unusedUdpPort(), false);
+    connection.transfer(7);
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_TRUE(connection.transmit());
+}
+
+TEST_F(VornUDPSocketConnectionTest, SocatReceivesTheDatagram) {
+    const int socatPort = unusedUdpPort();
+    ChildProcess socat = ChildProcess::spawn(
+        {"socat", "-u", "UDP-RECVFROM:" + std::to_string(socatPort) + ",bind=127.0.0.1", "STDOUT"});
+    VornUDPSocketConnection connection("127.0.0.1", socatPort, false);
+    connection.transfer("abc");
+    // Nobody tells when the socket is there, and what is sent before is lost.
+    std::string output;
+    EXPECT_TRUE(awaitCondition([&] {
+        EXPECT_TRUE(connection.transmit());
+        try {
+            output = socat.readAllOutput(std::chrono::milliseconds(20));
+        } catch (const std::system_error&) {
+            return false;
+        }
+        return true;
+    }));
+    EXPECT_EQ(hex(output), "00 00 00 03 61 62 63");
+}
+
+// Which host is meant.
+
+TEST_F(VornUDPSocketConnectionTest, ANumericAddressIsNotLookedUp) {
+    const CallTrace trace;
+    EXPECT_THAT(sendTo("127.0.0.1", false), ElementsAre(seven));
+    EXPECT_THAT(sendTo("127.1", false), ElementsAre(seven));
+    EXPECT_EQ(trace.calls("gethostbyname_r"), 0);
+    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
+}
+
+TEST_F(VornUDPSocketConnectionTest, ANameIsLookedUpWithoutALogRecord) {
+    useHostsFile("127.0.0.1 localhost\n127.0.0.1 1a\n");
+    const CallTrace trace;
+    EXPECT_THAT(sendTo("localhost", false), ElementsAre(seven));
+    EXPECT_THAT(sendTo("localhost", true), ElementsAre(seven));
+    EXPECT_THAT(sendTo("1a", false), ElementsAre(seven));
+    EXPECT_EQ(trace.calls("gethostbyname_r"), 3);
+    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
+}
+
+TEST_F(VornUDPSocketConnectionTest, OfSeveralAddressesTheFirstIsTaken) {
+    useHostsFile("127.0.0.9 twofold\n127.0.0.8 twofold\n");
+    int other = 0;
+    const UniqueFd receiver = udpSocket("127.0.0.9", other);
+    VornUDPSocketConnection connection("twofold", other, false);
+    connection.transfer(7);
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(hex(receiveDatagram(receiver.get())), seven);
+}
+
+TEST_F(VornUDPSocketConnectionTest, AnUnknownNameIsSentToTheLocalHost) {
+    EXPECT_THAT(sendTo("no-such-host.invalid", false), ElementsAre(seven));
+    EXPECT_THAT(sendTo("no-such-host.invalid", true), ElementsAre(seven));
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenANumericAddressIsToBeIdentified_TheLookUpsResultIsNotUsed) {
+    const CallTrace trace;
+    EXPECT_THAT(sendTo("127.0.0.1", true),
+                ElementsAre("7 VornUDPSocketConnection::transmit: using gethostbyaddr.", seven));
+    ASSERT_EQ(trace.calls("gethostbyaddr_r"), 1);
+    EXPECT_EQ(trace.records("gethostbyaddr_r").at(0).second, AF_INET);
+    EXPECT_EQ(trace.calls("gethostbyname_r"), 0);
+}
+
+TEST_F(VornUDPSocketConnectionTest, BelowLevelSevenTheLookUpIsNotLogged) {
+    const LogCapture log(6);
+    VornUDPSocketConnection connection("127.0.0.1", port, true);
+    connection.transfer(7);
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornUDPSocketConnectionTest, AHostTextIsCutAt8191Bytes) {
+    const std::string host = "127.0.0.1";
+    const CallTrace trace;
+    VornUDPSocketConnection cut(host + std::string(8191 - host.size(), ' ') + "x", port, false);
+    cut.transfer(7);
+    EXPECT_TRUE(cut.transmit());
+    EXPECT_EQ(received(), seven);
+    EXPECT_EQ(trace.calls("gethostbyname_r"), 0);
+    VornUDPSocketConnection whole(host + std::string(8190 - host.size(), ' ') + "x", port, false);
+    whole.transfer(7);
+    EXPECT_TRUE(whole.transmit());
+    EXPECT_GE(trace.calls("gethostbyname_r"), 1);
+}
+
+TEST_F(VornUDPSocketConnectionTest, AnEmptyOrInvalidHostIsTheBroadcastAddress) {
+    // Which cannot be reached here, for the loopback interface is the only one.
+    for (const char* host : {"", "127.0.0.1.1"}) {
+        const LogCapture log(1);
+        const CallTrace trace;
+        VornUDPSocketConnection connection(host, port, false);
+        connection.transfer(7);
+        EXPECT_FALSE(connection.transmit());
+        EXPECT_THAT(log.records(), ElementsAre(sendFailure(ENETUNREACH, host)));
+        EXPECT_EQ(trace.calls("gethostbyname_r"), 0);
+    }
+    expectDescriptorLeak(2);
+}
+
+// Failures.
+
+TEST_F(VornUDPSocketConnectionTest, WhenThereIsNoSocket_TransmitFailsAndLogsTheError) {
+    const LogCapture log(9);
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    const FaultRule fault("socket", EMFILE);
+    const CallTrace trace;
+    EXPECT_FALSE(connection.transmit());
+    EXPECT_THAT(trace.names(), ElementsAre("socket"));
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{1, "VornUDPSocketConnection::transmit: failed to create socket. (rc=" +
+                                          std::to_string(EMFILE) + ")"}));
+    EXPECT_TRUE(connection.transmit());
+    EXPECT_EQ(received(), seven);
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenBroadcastsAreRefused_TransmitFailsAndLeavesTheDescriptorOpen) {
+    const LogCapture log(9);
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    const FaultRule fault("setsockopt", EACCES);
+    const CallTrace trace;
+    EXPECT_FALSE(connection.transmit());
+    expectDescriptorLeak(1);
+    EXPECT_THAT(trace.names(), ElementsAre("socket", "fcntl", "setsockopt"));
+    EXPECT_THAT(log.records(),
+                ElementsAre(Record{1, "VornUDPSocketConnection::transmit: failed to set UDP options. (rc=" +
+                                          std::to_string(EACCES) + ")"}));
+    const int leaked = static_cast<int>(trace.records("socket").at(0).result);
+    EXPECT_TRUE(isOpen(leaked));
+    EXPECT_TRUE(isCloseOnExec(leaked));
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenSendingFails_TransmitFailsAndLeavesTheDescriptorOpen) {
+    const LogCapture log(9);
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    const FaultRule fault("sendto", ENOBUFS);
+    const CallTrace trace;
+    EXPECT_FALSE(connection.transmit());
+    expectDescriptorLeak(1);
+    EXPECT_THAT(trace.names(), ElementsAre("socket", "fcntl", "setsockopt", "sendto"));
+    EXPECT_THAT(log.records(), ElementsAre(sendFailure(ENOBUFS, "127.0.0.1")));
+    EXPECT_TRUE(isCloseOnExec(static_cast<int>(trace.records("socket").at(0).result)));
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenAMessageIsTooLong_EveryTransmitLeavesADescriptorOpen) {
+    const LogCapture log(9);
+    VornUDPSocketConnection connection("localhost", port, false);
+    EXPECT_EQ(rawWrite(connection, std::string(65508, 'm')), raw(65508, 0));
+    const int before = openDescriptors();
+    EXPECT_FALSE(connection.transmit());
+    EXPECT_FALSE(connection.transmit());
+    EXPECT_EQ(openDescriptors(), before + 2);
+    expectDescriptorLeak(2);
+    EXPECT_THAT(log.records(),
+                ElementsAre(sendFailure(EMSGSIZE, "localhost"), sendFailure(EMSGSIZE, "localhost")));
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenNothingWasWritten_TransmitFailsInSending) {
+    const LogCapture log(9);
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    const CallTrace trace;
+    EXPECT_FALSE(connection.transmit());
+    expectDescriptorLeak(1);
+    const CallRecord sent = trace.records("sendto").at(0);
+    EXPECT_EQ(sent.second, -1);
+    EXPECT_NE(sent.error, 0);
+    EXPECT_THAT(log.records(), ElementsAre(sendFailure(sent.error, "127.0.0.1")));
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenThePortIsZero_TransmitFailsInSending) {
+    const LogCapture log(9);
+    VornUDPSocketConnection connection("127.0.0.1", 0, false);
+    connection.transfer(7);
+    EXPECT_FALSE(connection.transmit());
+    expectDescriptorLeak(1);
+    EXPECT_THAT(log.records(), ElementsAre(sendFailure(EINVAL, "127.0.0.1")));
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenLoggingIsOffFailuresAreSilent) {
+    const LogCapture log(0);
+    VornUDPSocketConnection connection("127.0.0.1", port, false);
+    for (const char* function : {"socket", "setsockopt", "sendto"}) {
+        const FaultRule fault(function, EPERM);
+        EXPECT_FALSE(connection.transmit()) << function;
+    }
+    expectDescriptorLeak(2);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
