@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServerGate.h"
 
+#include "Descriptor.h"
+
 #include <SystemCalls.h>
 
 #include <condition_variable>
@@ -29,7 +31,7 @@ auto& monitor() {
 }
 
 int descriptorIn(const void* cell) {
-    return cell == nullptr ? -1 : *static_cast<const int*>(cell);
+    return cell == nullptr ? -1 : descriptorOf(cell);
 }
 
 } // namespace

@@ -22,10 +22,6 @@ constexpr const char* cConnectFailed = "VornPipeConnection::establish: connectio
 constexpr const char* cServiceFailed =
     "VornConnection::connectToService: connection to remote service failed.";
 
-int descriptorOf(const void* cell) {
-    return *static_cast<const int*>(cell);
-}
-
 void connectTo(int fd, const VornString& sPath) {
     const PipeAddress address(sPath);
     if (!address.fits())

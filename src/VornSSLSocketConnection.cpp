@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornSSLSocketConnection.h"
 
+#include "Descriptor.h"
+
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -15,10 +17,6 @@ VornSocketConnection& checkedClient(const VornSmartPointer<VornSocketConnection>
     if (client == nullptr || client->getSocket() == nullptr)
         throw VornException("VornSSLSocketConnection::VornSSLSocketConnection: no socket to wrap.", ENOTCONN);
     return *client;
-}
-
-int descriptorOf(const void* cell) {
-    return *static_cast<const int*>(cell);
 }
 
 } // namespace

@@ -28,10 +28,6 @@ constexpr const char* cConnectFailed = "VornSocketConnection::establish: connect
 constexpr const char* cServiceFailed =
     "VornConnection::connectToService: connection to remote service failed.";
 
-int descriptorOf(const void* cell) {
-    return *static_cast<const int*>(cell);
-}
-
 void logConnecting(const HostEntry& host, int nPort) {
     if (VornLogging::isAdmitted(VornLogging::cTraceCoreHigh)) {
         VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreHigh)

@@ -34,7 +34,7 @@ public:
     virtual void detach();
 
 protected:
-    bool m_bAutoInit; ///< the module attaches and detaches by itself
+    bool m_bAutoInit;   ///< the module attaches and detaches by itself
     int m_nAttachCount; ///< how often the module has been attached without having been detached
 };
 
