@@ -144,15 +144,6 @@ inline SocketPair unixPair(const std::string& path) {
     return {std::move(ours), std::move(peer)};
 }
 
-/// Fills the socket's way out, so that the next send() blocks without having taken a byte.
-inline void fillWayOut(int fd) {
-    const std::vector<char> block(65536);
-    while (::send(fd, block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-    }
-    while (::send(fd, block.data(), 1, MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-    }
-}
-
 inline bool isCloseOnExec(int fd) {
     return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }

@@ -24,6 +24,7 @@
 #include <iterator>
 #include <optional>
 #include <ostream>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -190,11 +191,16 @@ TEST_P(StreamConnectionTest, WhenThePeerIsGone_TransferReportsTheBrokenConnectio
 
 TEST_P(StreamConnectionTest, WhenASignalArrives_AWriteIsBrokenOff) {
     const InterruptingSignal signal;
-    fillWayOut(fd);
+    std::vector<char> data(64U * 1024 * 1024); // far more than both ends can hold
     std::optional<Failure> failed;
-    WatchedThread writer([&] { failed = failureOf([&] { connection->transfer(7); }); });
+    WatchedThread writer(
+        [&] { failed = failureOf([&] { connection->put(data.data(), static_cast<int>(data.size())); }); });
     EXPECT_TRUE(awaitBlockedIn(writer.tid(), {SYS_sendto}));
-    ::pthread_kill(writer.handle(), SIGUSR1);
+    // A send() which had taken some bytes already returns their count, and the next one is interrupted.
+    EXPECT_TRUE(awaitCondition([&] {
+        ::pthread_kill(writer.handle(), SIGUSR1);
+        return writer.finished();
+    }));
     EXPECT_TRUE(writer.join());
     EXPECT_EQ(failed, failure(writeFailed, EINTR));
 }

@@ -1,0 +1,288 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ToolRun.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+class VornnetDoctor : public ToolTest {};
+
+/// What the tool finds, and its exit status.
+struct Diagnosis {
+    int status = -1;
+    Json findings;
+
+    /// The findings of a check.
+    std::vector<Json> of(const std::string& check) const {
+        std::vector<Json> result;
+        for (const Json& finding : findings) {
+            if (finding.at("check") == check)
+                result.push_back(finding);
+        }
+        return result;
+    }
+};
+
+Diagnosis examine(const std::vector<std::string>& environment = {"QUORAX_CALLB_CONN_TYPE"},
+                  const std::vector<std::string>& options = {}) {
+    std::vector<std::string> arguments = {"doctor", "--json"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const ToolResult result = runTool(arguments, environment);
+    return {result.status, result.json().at("findings")};
+}
+
+/// Expects that the only finding of a check is this one.
+void expectFinding(const Diagnosis& diagnosis, const std::string& check, const std::string& severity,
+                   const std::string& text) {
+    const std::vector<Json> findings = diagnosis.of(check);
+    ASSERT_EQ(findings.size(), 1U) << diagnosis.findings.dump(1);
+    EXPECT_EQ(findings[0].at("severity"), severity);
+    EXPECT_THAT(findings[0].at("text").get<std::string>(), HasSubstr(text));
+    if (severity == "ok")
+        EXPECT_FALSE(findings[0].contains("remedy"));
+    else
+        EXPECT_NE(findings[0].value("remedy", ""), "");
+}
+
+std::string directoryPath() {
+    const std::string path = pipeDirectory();
+    return path.substr(0, path.size() - 1);
+}
+
+/// Gives the pipe directory another mode while it exists.
+class DirectoryMode {
+public:
+    explicit DirectoryMode(mode_t mode) { ::chmod(pipeDirectory(), mode); }
+
+    ~DirectoryMode() { ::chmod(pipeDirectory(), 0770); }
+
+    DirectoryMode(const DirectoryMode&) = delete;
+    DirectoryMode& operator=(const DirectoryMode&) = delete;
+};
+
+/// Leaves a TCP port in TIME_WAIT, by closing the server's side first.
+void leaveInTimeWait(int port) {
+    UniqueFd accepted;
+    UniqueFd client;
+    {
+        const UniqueFd server = tcpListen("127.0.0.1", port);
+        client = tcpConnect("127.0.0.1", port);
+        accepted = acceptClient(server.get());
+    }
+    accepted.reset();
+    receiveToEnd(client.get());
+}
+
+} // namespace
+
+KIT_ROLE(runWithFewDescriptors) {
+    const rlimit limit = {64, 64};
+    if (::setrlimit(RLIMIT_NOFILE, &limit) == 0)
+        ::execl(args.at(0).c_str(), "vornnet", "doctor", "--json", nullptr);
+    return 125;
+}
+
+TEST_F(VornnetDoctor, WhereAllIsWell_FindsNothing) {
+    const DirectoryMode mode(01770);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 0);
+    for (const Json& finding : diagnosis.findings)
+        EXPECT_EQ(finding.at("severity"), "ok") << finding;
+    for (const char* check : {"pipe-directory", "sink-type", "localhost", "tcp-ports", "udp-ports", "pipes",
+                              "path-length", "descriptors"})
+        EXPECT_EQ(diagnosis.of(check).size(), 1U) << check;
+}
+
+TEST_F(VornnetDoctor, WithoutJson_PrintsEachFindingWithItsRemedy) {
+    const DirectoryMode mode(0777);
+    const ToolResult result = runTool({"doctor"});
+    EXPECT_EQ(result.status, 5);
+    EXPECT_THAT(result.output, StartsWith("problem  pipe-directory: the pipe directory "));
+    EXPECT_THAT(result.output,
+                HasSubstr(std::string("\n         remedy: chmod 1770 ") + pipeDirectory() + "\n"));
+    EXPECT_THAT(result.output, HasSubstr("\nok       descriptors: "));
+}
+
+TEST_F(VornnetDoctor, WithoutPipeDirectory_FindsAProblem) {
+    const std::string aside = directoryPath() + ".aside";
+    ASSERT_EQ(::rename(directoryPath().c_str(), aside.c_str()), 0);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(::rename(aside.c_str(), directoryPath().c_str()), 0);
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipe-directory", "problem", "is missing");
+}
+
+TEST_F(VornnetDoctor, WithPipeDirectoryOpenToOthers_FindsAProblem) {
+    const DirectoryMode mode(01777);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipe-directory", "problem", "open to others (mode 1777)");
+}
+
+TEST_F(VornnetDoctor, WithPipeDirectoryWithoutStickyBit_Warns) {
+    const DirectoryMode mode(0770);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 0);
+    expectFinding(diagnosis, "pipe-directory", "warning", "has no sticky bit (mode 0770)");
+}
+
+TEST_F(VornnetDoctor, WithPipeDirectoryNotWritable_FindsAProblem) {
+    ASSERT_EQ(::mount("tmpfs", directoryPath().c_str(), "tmpfs", MS_RDONLY, "mode=1770"), 0);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(::umount(directoryPath().c_str()), 0);
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipe-directory", "problem",
+                  "not writable for this user: Read-only file system");
+}
+
+TEST_F(VornnetDoctor, WithPipeDirectoryWithoutRoom_FindsAProblem) {
+    ASSERT_EQ(::mount("tmpfs", directoryPath().c_str(), "tmpfs", 0, "mode=1770,nr_inodes=1"), 0);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(::umount(directoryPath().c_str()), 0);
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipe-directory", "problem", "no file left to give");
+}
+
+TEST_F(VornnetDoctor, WithSinkTypeThatIsKnown_SaysWhich) {
+    for (const std::string type : {"pipe", "socket", "udp"}) {
+        const Diagnosis diagnosis = examine({"QUORAX_CALLB_CONN_TYPE=" + type});
+        EXPECT_EQ(diagnosis.status, 0);
+        expectFinding(diagnosis, "sink-type", "ok", "QUORAX_CALLB_CONN_TYPE is \"" + type + "\"");
+    }
+}
+
+TEST_F(VornnetDoctor, WithSinkTypeThatIsNone_FindsAProblem) {
+    const Diagnosis diagnosis = examine({"QUORAX_CALLB_CONN_TYPE=Pipe"});
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "sink-type", "problem", "is \"Pipe\", which is no kind");
+}
+
+TEST_F(VornnetDoctor, WithLocalhost_TellsTheAddressThatASinkPublishes) {
+    expectFinding(examine(), "localhost", "ok",
+                  "publishes the address 127.0.0.1, which only this host can reach");
+}
+
+TEST_F(VornnetDoctor, WithLocalhostThatHasAnotherOfficialName_FollowsIt) {
+    useHostsFile("127.0.0.1 host1 localhost\n127.0.0.9 other\n");
+    expectFinding(examine(), "localhost", "ok", "publishes the address 127.0.0.1");
+}
+
+TEST_F(VornnetDoctor, WithoutLocalhost_FindsAProblemForSocketsOnly) {
+    useHostsFile("");
+    const Diagnosis socket = examine({"QUORAX_CALLB_CONN_TYPE=socket"});
+    EXPECT_EQ(socket.status, 5);
+    expectFinding(socket, "localhost", "problem", "does not resolve");
+    const Diagnosis pipe = examine();
+    EXPECT_EQ(pipe.status, 0);
+    expectFinding(pipe, "localhost", "warning", "does not resolve");
+}
+
+TEST_F(VornnetDoctor, WithLocalhostOfAnotherHost_FindsAProblem) {
+    useHostsFile("10.1.2.3 localhost\n");
+    const Diagnosis diagnosis = examine({"QUORAX_CALLB_CONN_TYPE=udp"});
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "localhost", "problem", "10.1.2.3, which is no address of this host");
+}
+
+TEST_F(VornnetDoctor, WithTcpPortTaken_NamesTheProcessAndTheNextPort) {
+    ChildProcess server = startTool({"serve", "socket:127.0.0.1:5023"});
+    nextLine(server);
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 0);
+    expectFinding(diagnosis, "tcp-ports", "warning",
+                  "a TCP sink moves to port 5024: 5023 is taken by " + std::to_string(server.pid()) +
+                      " (vornnet)");
+    expectFinding(diagnosis, "udp-ports", "ok", "port 5023 is free");
+}
+
+TEST_F(VornnetDoctor, WithUdpPortTaken_NamesTheProcessAndTheNextPort) {
+    int port = 5023;
+    const UniqueFd taken = udpSocket("127.0.0.1", port);
+    const Diagnosis diagnosis = examine();
+    expectFinding(diagnosis, "udp-ports", "warning",
+                  "a UDP sink moves to port 5024: 5023 is taken by " + std::to_string(::getpid()) + " (");
+    expectFinding(diagnosis, "tcp-ports", "ok", "port 5023 is free");
+}
+
+TEST_F(VornnetDoctor, WithTcpPortsInTimeWait_SaysSo) {
+    leaveInTimeWait(5023);
+    leaveInTimeWait(5024);
+    expectFinding(examine(), "tcp-ports", "warning",
+                  "a TCP sink moves to port 5025: 5023 is in TIME_WAIT, 5024 is in TIME_WAIT");
+}
+
+TEST_F(VornnetDoctor, WithStrict_CountsWarningsAsProblems) {
+    const DirectoryMode mode(01770);
+    EXPECT_EQ(examine({"QUORAX_CALLB_CONN_TYPE"}, {"--strict"}).status, 0);
+    unixListen(pipePath("dead"));
+    EXPECT_EQ(examine().status, 0);
+    EXPECT_EQ(examine({"QUORAX_CALLB_CONN_TYPE"}, {"--strict"}).status, 5);
+}
+
+TEST_F(VornnetDoctor, WithDeadPipe_Warns) {
+    unixListen(pipePath("dead"));
+    expectFinding(examine(), "pipes", "warning", "pipe \"dead\" is dead");
+}
+
+TEST_F(VornnetDoctor, WithStolenPipe_FindsAProblem) {
+    ChildProcess first = startTool({"serve", "pipe:shared"});
+    nextLine(first);
+    const UniqueFd second = [] {
+        ::unlink(pipePath("shared").c_str());
+        return unixListen(pipePath("shared"));
+    }();
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipes", "problem",
+                  "pipe \"shared\" was stolen from process " + std::to_string(first.pid()) + " (vornnet)");
+}
+
+TEST_F(VornnetDoctor, WithUnlinkedPipe_FindsAProblem) {
+    const UniqueFd server = unixListen(pipePath("lost"));
+    ::unlink(pipePath("lost").c_str());
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipes", "problem", "has lost its file");
+}
+
+TEST_F(VornnetDoctor, WithFullPipe_FindsAProblem) {
+    const UniqueFd server = unixListen(pipePath("full"), 0);
+    const UniqueFd client = unixConnect(pipePath("full"));
+    const Diagnosis diagnosis = examine();
+    EXPECT_EQ(diagnosis.status, 5);
+    expectFinding(diagnosis, "pipes", "problem", "has a full queue");
+}
+
+TEST_F(VornnetDoctor, WithLivePipe_FindsNothing) {
+    const UniqueFd server = unixListen(pipePath("live"));
+    expectFinding(examine(), "pipes", "ok", "1 entries, none of them dead, stolen or full");
+}
+
+TEST_F(VornnetDoctor, Always_TellsHowLongThePipesNamesMayBe) {
+    const Diagnosis diagnosis = examine();
+    const std::size_t longest = 107 - std::string(pipeDirectory()).size();
+    expectFinding(diagnosis, "path-length", "ok", "may have " + std::to_string(longest) + " bytes");
+    ChildProcess server = startTool({"serve", "pipe:" + std::string(longest, 'x')});
+    EXPECT_THAT(nextLine(server), StartsWith("listening at pipe:xxx"));
+    EXPECT_EQ(runTool({"serve", "pipe:" + std::string(longest + 1, 'x')}).status, 2);
+}
+
+TEST_F(VornnetDoctor, WithFewDescriptors_FindsAProblem) {
+    ChildProcess tool = ChildProcess::spawnRole("runWithFewDescriptors", toolPath());
+    const ToolResult result = finish(tool);
+    EXPECT_EQ(result.status, 5);
+    expectFinding({result.status, result.json().at("findings")}, "descriptors", "problem",
+                  "a process may have 64 descriptors only");
+}

@@ -1,0 +1,173 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ToolRun.h"
+
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using testing::HasSubstr;
+using testing::IsSupersetOf;
+using testing::UnorderedElementsAreArray;
+
+namespace {
+
+class VornnetDocuments : public ToolTest, public testing::WithParamInterface<std::string> {
+protected:
+    static std::string manualOf(const std::string& name) {
+        return readTextFile(toolFile("man/" + (name.empty() ? "vornnet" : "vornnet-" + name) + ".1"));
+    }
+};
+
+class VornnetCompletion : public ToolTest, public testing::WithParamInterface<std::string> {};
+
+using Words = std::set<std::string>;
+
+Words matches(const std::string& text, const std::string& pattern) {
+    const std::regex expression(pattern);
+    Words result;
+    for (std::sregex_iterator match(text.begin(), text.end(), expression), end; match != end; ++match)
+        result.insert((*match)[1]);
+    return result;
+}
+
+/// The long options of a help text.
+Words optionsOf(const std::string& help) {
+    return matches(help, R"((?:^|\n)  (?:-h,)?(--[a-z-]+))");
+}
+
+/// The program's own help: its options for an empty name, else those of the subcommand.
+std::string helpOf(const std::string& name) {
+    return runTool(name.empty() ? std::vector<std::string>{"--help"}
+                                : std::vector<std::string>{name, "--help"})
+        .output;
+}
+
+/// What bash offers behind `vornnet ...` when the last of the words is to be completed.
+Words complete(const std::string& words) {
+    const std::string script = "source \"$1\"; COMP_WORDS=(vornnet " + words +
+                               "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _vornnet; "
+                               "printf '%s\\n' \"${COMPREPLY[@]}\"";
+    ChildProcess shell =
+        ChildProcess::spawn({"bash", "--norc", "-c", script, "bash", toolFile("completion/vornnet.bash")});
+    std::istringstream lines(finish(shell).output);
+    Words result;
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty())
+            result.insert(line);
+    }
+    return result;
+}
+
+/// The lines of zsh's completion that belong to the subcommand.
+std::string zshPartOf(const std::string& name) {
+    const std::string text = readTextFile(toolFile("completion/_vornnet"));
+    const std::size_t start = text.find("                " + name + ") _arguments");
+    return start == std::string::npos ? "" : text.substr(start, text.find(";;", start) - start);
+}
+
+std::vector<std::string> withProgramItself() {
+    std::vector<std::string> names = subcommands();
+    names.push_back("");
+    return names;
+}
+
+std::string testName(const testing::TestParamInfo<std::string>& info) {
+    return info.param.empty() ? "vornnet" : info.param;
+}
+
+} // namespace
+
+TEST_P(VornnetDocuments, Manual_HasEveryOptionAndNoOther) {
+    const std::string manual = manualOf(GetParam());
+    EXPECT_THAT(matches(manual, R"(\.It (?:Fl h , )?Fl (-[a-z-]+))"),
+                UnorderedElementsAreArray(matches(helpOf(GetParam()), R"((?:\n)  (?:-h,)?-(-[a-z-]+))")));
+}
+
+TEST_P(VornnetDocuments, Manual_HasTheExitStatusesOfTheHelpText) {
+    const std::string help = helpOf(GetParam());
+    const std::string manual = manualOf(GetParam());
+    const std::string table = help.substr(help.find("Exit status:"));
+    const std::regex line(R"(\n  (\d+) +([^\n]+))");
+    int count = 0;
+    for (std::sregex_iterator match(table.begin(), table.end(), line), end; match != end; ++match, ++count)
+        EXPECT_THAT(manual, HasSubstr("\n.It " + (*match)[1].str() + "\n" + (*match)[2].str() + "\n"));
+    EXPECT_EQ(count, 9);
+}
+
+TEST_P(VornnetDocuments, Manual_HasItsSections) {
+    const std::string manual = manualOf(GetParam());
+    for (const char* section : {"NAME", "SYNOPSIS", "DESCRIPTION", "EXIT STATUS", "EXAMPLES", "SEE ALSO"})
+        EXPECT_THAT(manual, HasSubstr(std::string("\n.Sh ") + section + "\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, VornnetDocuments, testing::ValuesIn(withProgramItself()), testName);
+
+TEST_F(VornnetDocuments, ManualOfTheProgram_RefersToEverySubcommand) {
+    for (const std::string& name : subcommands())
+        EXPECT_THAT(manualOf(""), HasSubstr("\n.It Xr vornnet-" + name + " 1\n"));
+}
+
+TEST_F(VornnetDocuments, ListOfSubcommands_IsThatOfTheHelpText) {
+    const std::string help = helpOf("");
+    EXPECT_THAT(matches(help.substr(help.find("Subcommands:")), R"(\n  ([a-z]+) )"),
+                UnorderedElementsAreArray(subcommands()));
+}
+
+TEST_P(VornnetCompletion, InBash_OffersEveryOptionAndNoOther) {
+    EXPECT_EQ(complete(GetParam() + " -"), optionsOf(helpOf(GetParam())));
+}
+
+TEST_P(VornnetCompletion, InZsh_HasEveryOptionAndNoOther) {
+    Words options = optionsOf(helpOf(GetParam()));
+    options.erase("--help");
+    if (GetParam().empty()) {
+        EXPECT_THAT(readTextFile(toolFile("completion/_vornnet")), HasSubstr("'--version["));
+        return;
+    }
+    const std::string part = zshPartOf(GetParam());
+    Words offered = matches(part, R"((--[a-z-]+)\[)");
+    EXPECT_THAT(part, HasSubstr("$common"));
+    offered.insert("--log-level");
+    if (part.find("$json") != std::string::npos)
+        offered.insert("--json");
+    EXPECT_EQ(offered, options);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, VornnetCompletion, testing::ValuesIn(withProgramItself()), testName);
+
+TEST_F(VornnetCompletion, InBash_OffersEverySubcommand) {
+    EXPECT_THAT(complete("''"), UnorderedElementsAreArray(subcommands()));
+}
+
+TEST_F(VornnetCompletion, InZsh_OffersEverySubcommand) {
+    const std::string text = readTextFile(toolFile("completion/_vornnet"));
+    EXPECT_THAT(matches(text, R"(\n        '([a-z]+):)"), UnorderedElementsAreArray(subcommands()));
+}
+
+TEST_F(VornnetCompletion, InBash_CompletesTheBeginningOfASubcommand) {
+    EXPECT_EQ(complete("res"), Words{"resolve"});
+}
+
+TEST_F(VornnetCompletion, InBash_OffersTheValuesOfAnOption) {
+    EXPECT_EQ(complete("sink --type ''"), (Words{"pipe", "socket", "udp"}));
+    EXPECT_EQ(complete("decode --types s"), (Words{"short", "string"}));
+}
+
+TEST_F(VornnetCompletion, InBash_OffersThePipesOfThisHostAsAddresses) {
+    const UniqueFd server = unixListen(pipePath("offered"));
+    EXPECT_THAT(complete("connect ''"), IsSupersetOf({"pipe:offered", "socket:", "udp:", "ssl:"}));
+    EXPECT_EQ(::unlink(pipePath("offered").c_str()), 0);
+}
+
+TEST_F(VornnetCompletion, InBash_OffersValuesBehindTheAddress) {
+    EXPECT_EQ(complete("notify a 0 1 s"), (Words{"short:", "string:"}));
+    EXPECT_EQ(complete("notify a ''"), Words{});
+}

@@ -1,0 +1,292 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ToolRun.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/netlink.h>
+#include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace VornTest;
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+class VornnetPipes : public ToolTest {
+protected:
+    /// What the tool says of the pipes called @p name.
+    static std::vector<Json> entries(const std::string& name) {
+        std::vector<Json> result;
+        const Json object = runTool({"pipes", "--json"}).json();
+        for (const Json& pipe : object.at("pipes")) {
+            if (pipe.at("name") == name)
+                result.push_back(pipe);
+        }
+        return result;
+    }
+
+    static Json entry(const std::string& name) {
+        const std::vector<Json> all = entries(name);
+        EXPECT_EQ(all.size(), 1U);
+        return all.empty() ? Json() : all.front();
+    }
+};
+
+/// A socket file whose server has gone.
+void makeDeadPipe(const std::string& name) {
+    unixListen(pipePath(name));
+}
+
+bool exists(const std::string& name) {
+    return ::access(pipePath(name).c_str(), F_OK) == 0;
+}
+
+ChildProcess serve(const std::string& name) {
+    ChildProcess server = startTool({"serve", "pipe:" + name});
+    EXPECT_EQ(nextLine(server), "listening at pipe:" + name);
+    return server;
+}
+
+/// Makes socket(AF_NETLINK) fail from now on, as it does in hardened services.
+bool forbidNetlink() {
+    sock_filter instructions[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_NETLINK, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {static_cast<unsigned short>(std::size(instructions)), instructions};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+/// `pipes --json` on a host whose kernel has no socket diagnosis.
+Json pipesWithoutDiagnosis() {
+    ChildProcess tool = ChildProcess::spawnRole("runWithoutNetlink", toolPath(), "pipes", "--json");
+    return finish(tool).json().at("pipes");
+}
+
+} // namespace
+
+KIT_ROLE(runWithoutNetlink) {
+    std::vector<char*> arguments;
+    for (const std::string& argument : args)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+    if (forbidNetlink())
+        ::execv(arguments[0], arguments.data());
+    return 125;
+}
+
+KIT_ROLE(listenInAnotherNetwork) {
+    if (::unshare(CLONE_NEWNET) != 0)
+        return 125;
+    const UniqueFd server = unixListen(pipePath(args.at(0)));
+    std::cout << "ready" << std::endl;
+    std::string line;
+    std::getline(std::cin, line);
+    return 0;
+}
+
+TEST_F(VornnetPipes, InAnEmptyDirectory_PrintsTheHeadingAndIsDone) {
+    const ToolResult result = runTool({"pipes"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "NAME  STATE  QUEUE  MODE  OWNER  GROUP  PROCESS\n");
+    EXPECT_EQ(runTool({"pipes", "--json"}).json().at("pipes"), Json::array());
+}
+
+TEST_F(VornnetPipes, WithALiveServer_PrintsItWithProcessAndRights) {
+    ChildProcess server = serve("live");
+    const Json pipe = entry("live");
+    EXPECT_EQ(pipe.at("state"), "listening");
+    EXPECT_EQ(pipe.at("waiting"), 0);
+    EXPECT_EQ(pipe.at("backlog"), 5);
+    EXPECT_EQ(pipe.at("full"), false);
+    EXPECT_EQ(pipe.at("mode"), "0770");
+    EXPECT_EQ(pipe.at("owner"), "root");
+    EXPECT_EQ(pipe.at("group"), "root");
+    ASSERT_EQ(pipe.at("processes").size(), 1U);
+    EXPECT_EQ(pipe.at("processes").at(0).at("pid"), server.pid());
+    EXPECT_EQ(pipe.at("processes").at(0).at("name"), "vornnet");
+    EXPECT_EQ(runTool({"pipes"}).status, 0);
+}
+
+TEST_F(VornnetPipes, WithALiveServer_DoesNotConnectToIt) {
+    ChildProcess server = serve("quiet");
+    EXPECT_EQ(runTool({"pipes"}).status, 0);
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
+    server.kill(SIGINT);
+    EXPECT_EQ(finish(server).output, "");
+}
+
+TEST_F(VornnetPipes, WithADeadFile_SaysSoAndFindsAProblem) {
+    makeDeadPipe("dead");
+    EXPECT_EQ(entry("dead").at("state"), "dead");
+    const ToolResult result = runTool({"pipes"});
+    EXPECT_EQ(result.status, 5);
+    EXPECT_THAT(result.output, HasSubstr("dead  dead   -      07"));
+}
+
+TEST_F(VornnetPipes, WithAFullQueue_DoesNotTakeTheServerForDead) {
+    const UniqueFd server = unixListen(pipePath("full"), 0);
+    const UniqueFd client = unixConnect(pipePath("full"));
+    const Json pipe = entry("full");
+    EXPECT_EQ(pipe.at("state"), "listening");
+    EXPECT_EQ(pipe.at("waiting"), 1);
+    EXPECT_EQ(pipe.at("backlog"), 0);
+    EXPECT_EQ(pipe.at("full"), true);
+    EXPECT_THAT(runTool({"pipes"}).output, HasSubstr("1/0 full"));
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
+    EXPECT_TRUE(exists("full"));
+}
+
+TEST_F(VornnetPipes, WithAStolenPath_ShowsBothProcesses) {
+    ChildProcess first = serve("shared");
+    ChildProcess second = serve("shared");
+    const std::vector<Json> all = entries("shared");
+    ASSERT_EQ(all.size(), 2U);
+    EXPECT_EQ(all[0].at("state"), "listening");
+    EXPECT_EQ(all[0].at("processes").at(0).at("pid"), second.pid());
+    EXPECT_EQ(all[1].at("state"), "stolen");
+    EXPECT_EQ(all[1].at("processes").at(0).at("pid"), first.pid());
+    EXPECT_FALSE(all[1].contains("mode"));
+    EXPECT_EQ(runTool({"pipes"}).status, 5);
+}
+
+TEST_F(VornnetPipes, WithAFileRemovedUnderItsServer_SaysSo) {
+    const UniqueFd server = unixListen(pipePath("unlinked"));
+    ASSERT_EQ(::unlink(pipePath("unlinked").c_str()), 0);
+    EXPECT_EQ(entry("unlinked").at("state"), "unlinked");
+    EXPECT_EQ(runTool({"pipes"}).status, 5);
+}
+
+TEST_F(VornnetPipes, WithASocketThatDoesNotListen_SaysSo) {
+    // A server between its bind() and its listen().
+    const UniqueFd server(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    pipePath("bound").copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(entry("bound").at("state"), "bound");
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
+    EXPECT_TRUE(exists("bound"));
+}
+
+TEST_F(VornnetPipes, WithAServerInAnotherNetwork_KnowsThatItLives) {
+    ChildProcess server = ChildProcess::spawnRole("listenInAnotherNetwork", "elsewhere");
+    ASSERT_EQ(nextLine(server), "ready");
+    EXPECT_EQ(entry("elsewhere").at("state"), "hidden");
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
+    EXPECT_TRUE(exists("elsewhere"));
+}
+
+TEST_F(VornnetPipes, WithAFileOfAnotherKind_SaysSoAndLeavesIt) {
+    std::ofstream(pipePath("notes")) << "text";
+    std::filesystem::create_directory(pipePath("folder"));
+    EXPECT_EQ(entry("notes").at("state"), "no-socket");
+    EXPECT_EQ(entry("folder").at("state"), "no-socket");
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
+    EXPECT_TRUE(exists("notes"));
+    EXPECT_TRUE(exists("folder"));
+}
+
+TEST_F(VornnetPipes, WithAnAcceptedConnection_ShowsTheServerOnce) {
+    const UniqueFd server = unixListen(pipePath("served"));
+    const UniqueFd client = unixConnect(pipePath("served"));
+    const UniqueFd accepted = acceptClient(server.get());
+    EXPECT_EQ(entry("served").at("state"), "listening");
+}
+
+TEST_F(VornnetPipes, WithANameHarmfulToATerminal_ShowsItEscaped) {
+    makeDeadPipe("a\033[2Jb");
+    const std::string output = runTool({"pipes"}).output;
+    EXPECT_THAT(output, HasSubstr("a\\x1b[2Jb"));
+    EXPECT_THAT(output, Not(HasSubstr("\033")));
+}
+
+TEST_F(VornnetPipes, WithClean_RemovesTheDeadOnly) {
+    makeDeadPipe("dead1");
+    makeDeadPipe("dead2");
+    ChildProcess server = serve("live");
+    const ToolResult result = runTool({"pipes", "--clean"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, HasSubstr("removed dead1\nremoved dead2\nNAME"));
+    EXPECT_FALSE(exists("dead1"));
+    EXPECT_FALSE(exists("dead2"));
+    EXPECT_EQ(runTool({"connect", "pipe:live"}).status, 0);
+}
+
+TEST_F(VornnetPipes, WithCleanAndJson_NamesWhatWasRemoved) {
+    makeDeadPipe("dead");
+    const Json object = runTool({"pipes", "--clean", "--json"}).json();
+    EXPECT_EQ(object, Json::parse(R"({"pipes":[],"removed":["dead"],"not_removed":[]})"));
+}
+
+TEST_F(VornnetPipes, WithCleanAndAStolenPath_LeavesTheThiefsFile) {
+    ChildProcess first = serve("shared");
+    ChildProcess second = serve("shared");
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 5);
+    EXPECT_TRUE(exists("shared"));
+}
+
+TEST_F(VornnetPipes, WithCleanWhileASinkOpensAndClosesItsServer_LeavesItWithinReach) {
+    ChildProcess sink = startTool({"sink", "--type", "pipe", "--count", "20"});
+    const std::string address = addressOf(sink);
+    ChildProcess cleaner = ChildProcess::spawn(
+        {"/bin/sh", "-c", "while \"$TOOL\" pipes --clean >/dev/null; do :; done"}, {"TOOL=" + toolPath()});
+    ChildProcess sender = startTool({"notify", address, "0", "1", "--repeat", "10000", "--every", "5"});
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_F(VornnetPipes, WithoutTheDirectory_Fails) {
+    const std::string directory = std::string(pipeDirectory(), std::string(pipeDirectory()).size() - 1);
+    const std::string aside = directory + ".aside";
+    ASSERT_EQ(::rename(directory.c_str(), aside.c_str()), 0);
+    const ToolResult result = runTool({"pipes"});
+    EXPECT_EQ(::rename(aside.c_str(), directory.c_str()), 0);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, HasSubstr("No such file or directory"));
+}
+
+TEST_F(VornnetPipes, WithoutSocketDiagnosis_StillTellsTheLiveFromTheDead) {
+    makeDeadPipe("dead");
+    ChildProcess server = serve("live");
+    const Json pipes = pipesWithoutDiagnosis();
+    ASSERT_EQ(pipes.size(), 2U);
+    EXPECT_EQ(pipes.at(0).at("name"), "dead");
+    EXPECT_EQ(pipes.at(0).at("state"), "dead");
+    EXPECT_EQ(pipes.at(1).at("name"), "live");
+    EXPECT_EQ(pipes.at(1).at("state"), "listening");
+    EXPECT_FALSE(pipes.at(1).contains("full"));
+    EXPECT_EQ(pipes.at(1).at("processes").at(0).at("pid"), server.pid());
+}
+
+TEST_F(VornnetPipes, WithoutSocketDiagnosis_ShowsAStolenPathAsContested) {
+    ChildProcess first = serve("shared");
+    ChildProcess second = serve("shared");
+    const Json pipes = pipesWithoutDiagnosis();
+    ASSERT_EQ(pipes.size(), 1U);
+    EXPECT_EQ(pipes.at(0).at("state"), "contested");
+    EXPECT_EQ(pipes.at(0).at("processes").size(), 2U);
+}

@@ -1,0 +1,371 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Await.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ToolRun.h"
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+namespace {
+
+class VornnetSink : public ToolTest {};
+
+class VornnetNotify : public ToolTest {};
+
+class VornnetRoad : public ToolTest, public testing::WithParamInterface<std::string> {};
+
+/// Handle 0 and an id of 12, as a sender writes them.
+const char cNotification[] = "00 00 00 00 00 00 00 00  00 00 00 0c 00 00 00 00";
+/// A handle for which no sink here has a callback.
+const char cUnknownHandle[] = "00 00 00 63 00 00 00 00";
+
+/// Whether the only thread that does anything is in connect(), where a full queue holds it.
+bool isInConnect(pid_t pid) {
+    const std::string text = readTextFile("/proc/" + std::to_string(pid) + "/syscall");
+    return text.rfind(std::to_string(SYS_connect) + " ", 0) == 0;
+}
+
+bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+std::string pipeOf(const std::string& address) {
+    return pipePath(address.substr(address.find(':') + 1));
+}
+
+} // namespace
+
+TEST_P(VornnetRoad, NotificationWithValues_IsPrintedByTheSink) {
+    ChildProcess sink =
+        startTool({"sink", "--type", GetParam(), "--content", "int,short,long,bool,string", "--count", "1"});
+    const std::string address = addressOf(sink);
+    EXPECT_THAT(address, StartsWith(GetParam() + ":"));
+    const ToolResult sent = runTool(
+        {"notify", address, "0", "12", "int:-5", "short:-2", "long:7", "bool:true", "string:some text"});
+    EXPECT_EQ(sent.status, 0);
+    EXPECT_EQ(sent.output, "sent 1, refused 0\n");
+    EXPECT_EQ(nextLine(sink), "notification 1: handle 0, id 12, int -5, short -2, long 7, bool true, string "
+                              "\"some text\"");
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_P(VornnetRoad, NotificationWithJson_IsPrintedAsOneObject) {
+    ChildProcess sink =
+        startTool({"sink", "--json", "--type", GetParam(), "--content", "string", "--count", "1"});
+    const Json first = nextJson(sink);
+    EXPECT_EQ(first.at("event"), "address");
+    const Json sent =
+        runTool({"notify", "--json", first.at("address").get<std::string>(), "0", "-3", "string:x"}).json();
+    EXPECT_EQ(sent.at("address"), first.at("address"));
+    EXPECT_EQ(sent.at("sent"), 1);
+    EXPECT_EQ(sent.at("refused"), 0);
+    EXPECT_EQ(sent.at("errors"), Json::array());
+    const Json second = nextJson(sink);
+    EXPECT_EQ(second.at("event"), "notification");
+    EXPECT_EQ(second.at("number"), 1);
+    EXPECT_EQ(second.at("handle"), 0);
+    EXPECT_EQ(second.at("id"), -3);
+    EXPECT_EQ(second.at("values"), Json::parse(R"([{"type":"string","value":"x"}])"));
+    EXPECT_EQ(second.at("unread_bytes"), 0);
+    EXPECT_THAT(second.at("time").get<std::string>(), MatchesRegex("....-..-..T..:..:......Z"));
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_P(VornnetRoad, NotificationWithTooLittleContent_IsPrintedAsIncomplete) {
+    ChildProcess sink = startTool({"sink", "--type", GetParam(), "--content", "int", "--count", "1"});
+    EXPECT_EQ(runTool({"notify", addressOf(sink), "0", "12"}).status, 0);
+    EXPECT_THAT(nextLine(sink),
+                StartsWith("notification 1: handle 0, id 12, incomplete: VornConnection::get: "
+                           "failed read"));
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_P(VornnetRoad, NotificationWithMoreContent_IsPrintedWithTheNumberOfBytesLeft) {
+    ChildProcess sink = startTool({"sink", "--type", GetParam(), "--count", "1"});
+    EXPECT_EQ(runTool({"notify", addressOf(sink), "0", "12", "int:1", "short:2"}).status, 0);
+    EXPECT_EQ(nextLine(sink), "notification 1: handle 0, id 12, 6 more bytes");
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_P(VornnetRoad, Interrupted_TheSinkEndsCleanly) {
+    ChildProcess sink = startTool({"sink", "--type", GetParam()});
+    addressOf(sink);
+    sink.kill(SIGINT);
+    const ToolResult result = finish(sink);
+    EXPECT_EQ(result.status, 130);
+    EXPECT_EQ(result.errors, "");
+}
+
+TEST_P(VornnetRoad, SeveralNotifications_LeaveTheAddressAsItIs) {
+    ChildProcess sink = startTool({"sink", "--type", GetParam(), "--count", "3"});
+    const std::string address = addressOf(sink);
+    // Some may be lost, for the sink closes its server after each.
+    ChildProcess sender = startTool({"notify", address, "0", "7", "--repeat", "3000", "--every", "20"});
+    for (int i = 1; i <= 3; ++i)
+        EXPECT_EQ(nextLine(sink), "notification " + std::to_string(i) + ": handle 0, id 7");
+    const ToolResult result = finish(sink);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, VornnetRoad, testing::Values("pipe", "socket", "udp"),
+                         [](const auto& instance) { return instance.param; });
+
+TEST_F(VornnetSink, WithoutType_MakesAPipeNamedAfterItsProcess) {
+    ChildProcess sink = startTool({"sink"}, {"QUORAX_CALLB_CONN_TYPE"});
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "pipe:quorax%x", static_cast<unsigned int>(sink.pid()));
+    EXPECT_EQ(addressOf(sink), expected);
+}
+
+TEST_F(VornnetSink, WithoutType_MakesWhatTheEnvironmentSays) {
+    ChildProcess sink = startTool({"sink"}, {"QUORAX_CALLB_CONN_TYPE=udp"});
+    EXPECT_EQ(addressOf(sink), "udp:127.0.0.1:5023");
+}
+
+TEST_F(VornnetSink, WithTypeThatIsNone_EndsWithUsage) {
+    EXPECT_EQ(runTool({"sink", "--type", "tcp"}).status, 2);
+}
+
+TEST_F(VornnetSink, WithContentThatIsNone_EndsWithUsage) {
+    EXPECT_EQ(runTool({"sink", "--content", "float"}).status, 2);
+}
+
+TEST_F(VornnetSink, WithPortTaken_PrintsTheAddressToWhichItMoved) {
+    int port = 5023;
+    const UniqueFd taken = tcpListen("127.0.0.1", port);
+    ChildProcess sink = startTool({"sink", "--type", "socket"});
+    EXPECT_EQ(addressOf(sink), "socket:127.0.0.1:5024");
+}
+
+TEST_F(VornnetSink, WhenItsAddressMoves_PrintsTheNewOne) {
+    ChildProcess sink = startTool({"sink", "--type", "socket", "--count", "1"});
+    EXPECT_EQ(addressOf(sink), "socket:127.0.0.1:5023");
+    {
+        // The sink closes a connection for an unknown handle first, which leaves its port in TIME_WAIT.
+        const UniqueFd sender = tcpConnect("127.0.0.1", 5023);
+        sendAll(sender.get(), bytes(cUnknownHandle));
+        EXPECT_EQ(receiveToEnd(sender.get()), "");
+    }
+    EXPECT_EQ(nextLine(sink), "address socket:127.0.0.1:5024");
+    // The address is known a moment before the port is bound.
+    ChildProcess sender =
+        startTool({"notify", "socket:127.0.0.1:5024", "0", "1", "--repeat", "3000", "--every", "20"});
+    EXPECT_EQ(nextLine(sink), "notification 1: handle 0, id 1");
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_F(VornnetSink, WithSeveralCallbacks_PrintsTheHandleOfEach) {
+    ChildProcess sink = startTool({"sink", "--type", "pipe", "--callbacks", "3", "--count", "2"});
+    const std::string address = addressOf(sink);
+    EXPECT_EQ(runTool({"notify", address, "2", "7"}).status, 0);
+    EXPECT_EQ(nextLine(sink), "notification 1: handle 2, id 7");
+    // One that follows at once may meet the sink while it closes and opens its server, so several are sent.
+    // Nobody has the handle 3, so nothing is printed for it.
+    runTool({"notify", address, "3", "8", "--repeat", "3", "--every", "10"});
+    ChildProcess sender = startTool({"notify", address, "1", "9", "--repeat", "3000", "--every", "20"});
+    EXPECT_EQ(nextLine(sink), "notification 2: handle 1, id 9");
+}
+
+TEST_F(VornnetSink, WithForeignSender_PrintsItsNotification) {
+    ChildProcess sink = startTool({"sink", "--type", "pipe", "--count", "1"});
+    {
+        const UniqueFd sender = unixConnect(pipeOf(addressOf(sink)));
+        sendAll(sender.get(), bytes(cNotification));
+    }
+    EXPECT_EQ(nextLine(sink), "notification 1: handle 0, id 12");
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_F(VornnetSink, AtItsEnd_RemovesThePipesFile) {
+    ChildProcess sink = startTool({"sink", "--type", "pipe"});
+    const std::string path = pipeOf(addressOf(sink));
+    EXPECT_TRUE(exists(path));
+    sink.kill(SIGTERM);
+    EXPECT_EQ(finish(sink).status, 143);
+    EXPECT_FALSE(exists(path));
+}
+
+TEST_F(VornnetSink, InterruptedWhileASenderSaysNothing_Ends) {
+    ChildProcess sink = startTool({"sink", "--type", "pipe", "--log-level", "9"});
+    const UniqueFd sender = unixConnect(pipeOf(addressOf(sink)));
+    sink.kill(SIGINT);
+    EXPECT_EQ(finish(sink).status, 130);
+}
+
+TEST_F(VornnetSink, WhenItsThreadHasEnded_SaysSoAndFails) {
+    ChildProcess sink = startTool({"sink", "--type", "udp"});
+    addressOf(sink);
+    int port = 0;
+    const UniqueFd sender = udpSocket("127.0.0.1", port);
+    udpSendTo(sender.get(), "127.0.0.1", 5023, "");
+    const ToolResult result = finish(sink);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, HasSubstr("the sink has ended"));
+}
+
+TEST_F(VornnetSink, WithoutPipeDirectory_TellsTheRemedyInsteadOfWaiting) {
+    const std::string directory = std::string(pipeDirectory(), std::string(pipeDirectory()).size() - 1);
+    const std::string aside = directory + ".aside";
+    ASSERT_EQ(::rename(directory.c_str(), aside.c_str()), 0);
+    const ToolResult result = runTool({"sink", "--type", "pipe"});
+    EXPECT_EQ(::rename(aside.c_str(), directory.c_str()), 0);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, HasSubstr("is missing; create it: "));
+}
+
+TEST_F(VornnetSink, WithoutLocalhost_TellsTheRemedyInsteadOfWaiting) {
+    useHostsFile("");
+    for (const char* type : {"socket", "udp"}) {
+        const ToolResult result = runTool({"sink", "--type", type});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_THAT(result.errors, HasSubstr("\"localhost\" does not resolve"));
+    }
+}
+
+TEST_F(VornnetSink, WhenStandardOutputGoesAway_Ends) {
+    // The shell takes the first line and closes its end; the notifications then find nobody to print for.
+    const ToolResult result = runShell("\"$TOOL\" sink --type pipe | { read -r word address; exec <&-; "
+                                       "while \"$TOOL\" notify \"$address\" 0 1 >/dev/null; do :; done; }");
+    EXPECT_THAT(result.errors, HasSubstr("standard output has gone away"));
+}
+
+TEST_F(VornnetNotify, WhenNobodyListens_IsUnreachable) {
+    const ToolResult result = runTool({"notify", "pipe:nobody", "0", "1"});
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.output, "sent 0, refused 1 (2 No such file or directory: 1)\n");
+}
+
+TEST_F(VornnetNotify, WhenRefused_CountsByErrorNumber) {
+    const int port = unusedTcpPort();
+    const Json object =
+        runTool({"notify", "--json", "socket:127.0.0.1:" + std::to_string(port), "0", "1", "--repeat", "3"})
+            .json();
+    EXPECT_EQ(object.at("sent"), 0);
+    EXPECT_EQ(object.at("refused"), 3);
+    ASSERT_EQ(object.at("errors").size(), 1U);
+    EXPECT_EQ(object.at("errors").at(0).at("code"), 111);
+    EXPECT_EQ(object.at("errors").at(0).at("count"), 3);
+}
+
+TEST_F(VornnetNotify, WhenOnlySomeAreSent_IsIncomplete) {
+    UniqueFd server = unixListen(pipePath("once"));
+    ChildProcess tool = startTool({"notify", "pipe:once", "0", "1", "--repeat", "2", "--every", "2000"});
+    {
+        const UniqueFd client = acceptClient(server.get());
+        server.reset();
+        EXPECT_EQ(hex(receiveToEnd(client.get())), "00 00 00 00 00 00 00 00 00 00 00 01 00 00 00 00");
+    }
+    const ToolResult result = finish(tool);
+    EXPECT_EQ(result.status, 6);
+    EXPECT_EQ(result.output, "sent 1, refused 1 (111 Connection refused: 1)\n");
+}
+
+TEST_F(VornnetNotify, WithHandleIdAndValues_WritesThemInThisOrder) {
+    const UniqueFd server = unixListen(pipePath("foreign"));
+    ChildProcess tool = startTool({"notify", "pipe:foreign", "--", "-1", "5", "int:258", "string:ab"});
+    const UniqueFd client = acceptClient(server.get());
+    EXPECT_EQ(hex(receiveToEnd(client.get())), "ff ff ff ff 00 00 00 00 00 00 00 05 00 00 00 00 00 00 01 02 "
+                                               "00 00 00 02 61 62");
+    EXPECT_EQ(finish(tool).status, 0);
+}
+
+TEST_F(VornnetNotify, WithUdp_SendsOneDatagram) {
+    int port = 0;
+    const UniqueFd receiver = udpSocket("127.0.0.1", port);
+    EXPECT_EQ(runTool({"notify", "udp:127.0.0.1:" + std::to_string(port), "1", "2", "short:3"}).status, 0);
+    EXPECT_EQ(hex(receiveDatagram(receiver.get())), "00 00 00 01 00 00 00 00 00 00 00 02 00 00 00 00 00 03");
+}
+
+TEST_F(VornnetNotify, WithMoreThanADatagramTakes_EndsWithUsage) {
+    const ToolResult result =
+        runTool({"notify", "udp:127.0.0.1:9", "1", "2", "string:" + std::string(65500, 'x')});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.errors, HasSubstr("a datagram takes 65507"));
+}
+
+TEST_F(VornnetNotify, WhenADatagramCannotBeSent_IsUnreachable) {
+    // The sandbox has the loopback interface only.
+    const ToolResult result = runTool({"notify", "udp:10.0.0.1:5023", "1", "2"});
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.output, "sent 0, refused 1 (101 Network is unreachable: 1)\n");
+}
+
+TEST_F(VornnetNotify, WithUnknownHost_IsUnreachableAndSendsNothingToThisHost) {
+    ChildProcess sink = startTool({"sink", "--type", "socket"});
+    addressOf(sink);
+    const ToolResult result = runTool({"notify", "socket:no-such-host:5023", "0", "1"});
+    EXPECT_EQ(result.status, 4);
+    EXPECT_THAT(result.errors, HasSubstr("there is no host called \"no-such-host\""));
+    sink.kill(SIGINT);
+    EXPECT_EQ(finish(sink).output, "");
+}
+
+TEST_F(VornnetNotify, WithTimeoutAndAFullServer_GivesUpAndPrintsTheResult) {
+    const UniqueFd server = unixListen(pipePath("full"), 0);
+    const ToolResult result = runTool({"notify", "pipe:full", "0", "1", "--repeat", "5", "--timeout", "0.5"});
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.output, "sent 1, refused 0\n");
+    EXPECT_THAT(result.errors, HasSubstr("no answer within 500 ms"));
+}
+
+TEST_F(VornnetNotify, InterruptedBetweenTwo_PrintsTheResultSoFar) {
+    const UniqueFd server = unixListen(pipePath("slow"));
+    ChildProcess tool = startTool({"notify", "pipe:slow", "0", "1", "--repeat", "1000", "--every", "600000"});
+    const UniqueFd client = acceptClient(server.get());
+    receiveToEnd(client.get());
+    tool.kill(SIGINT);
+    const ToolResult result = finish(tool);
+    EXPECT_EQ(result.status, 130);
+    EXPECT_EQ(result.output, "sent 1, refused 0\n");
+}
+
+TEST_F(VornnetNotify, InterruptedWhileBlocked_PrintsTheResultSoFar) {
+    const UniqueFd server = unixListen(pipePath("stuck"), 0);
+    ChildProcess tool = startTool({"notify", "pipe:stuck", "0", "1", "--repeat", "1000"});
+    ASSERT_TRUE(awaitCondition([&] { return isInConnect(tool.pid()); }));
+    tool.kill(SIGTERM);
+    const ToolResult result = finish(tool);
+    EXPECT_EQ(result.status, 143);
+    EXPECT_EQ(result.output, "sent 1, refused 0\n");
+}
+
+TEST_F(VornnetNotify, WithSslAddress_Fails) {
+    const ToolResult result = runTool({"notify", "ssl:127.0.0.1:5023", "0", "1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output, HasSubstr("107"));
+}
+
+TEST_F(VornnetNotify, WithHandleOrIdThatIsNone_EndsWithUsage) {
+    EXPECT_EQ(runTool({"notify", "pipe:x", "4294967296", "1"}).status, 2);
+    EXPECT_EQ(runTool({"notify", "pipe:x", "a", "1"}).status, 2);
+    EXPECT_EQ(runTool({"notify", "pipe:x", "0", "2147483648"}).status, 2);
+    EXPECT_EQ(runTool({"notify", "pipe:x", "0"}).status, 2);
+}
+
+class VornnetBadAddress : public ToolTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(VornnetBadAddress, EndsWithUsage) {
+    const ToolResult result = runTool({"notify", GetParam(), "0", "1"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.errors, HasSubstr("vornnet notify: address "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Addresses, VornnetBadAddress,
+                         testing::Values("", "pipe", "pipe:", "pipe:../x", "pipeline:x",
+                                         "pipe:" + std::string(100, 'x'), "tcp:127.0.0.1:1",
+                                         "socket:127.0.0.1", "socket::5023", "socket:127.0.0.1:0",
+                                         "socket:127.0.0.1:70000", "socket:127.0.0.1:5x", "socket:1.2:5023",
+                                         "udp:*:5023"));

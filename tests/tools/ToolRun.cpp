@@ -1,0 +1,108 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "ToolRun.h"
+
+#include "Posix.h"
+#include "Sandbox.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <ostream>
+#include <system_error>
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace VornTest {
+
+namespace {
+
+constexpr std::chrono::seconds cPatience(60);
+
+/// Ports stay in TIME_WAIT for a minute, in the network in which they were used.
+void enterNewNetwork() {
+    if (::unshare(CLONE_NEWNET) != 0)
+        throw std::system_error(errno, std::generic_category(), "unshare(CLONE_NEWNET)");
+    const UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request{};
+    std::memcpy(request.ifr_name, "lo", sizeof "lo");
+    request.ifr_flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK;
+    if (::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0)
+        throw std::system_error(errno, std::generic_category(), "ioctl(SIOCSIFFLAGS)");
+}
+
+} // namespace
+
+void ToolTest::SetUp() {
+    for (const auto& file : std::filesystem::directory_iterator(pipeDirectory()))
+        std::filesystem::remove_all(file.path());
+    enterNewNetwork();
+    LeakCheckedTest::SetUp();
+}
+
+void PrintTo(const ToolResult& result, std::ostream* out) {
+    *out << "status " << result.status << "\noutput:\n" << result.output << "errors:\n" << result.errors;
+}
+
+std::string toolPath() {
+    return VORNTEST_TOOL;
+}
+
+std::string toolFile(const std::string& name) {
+    return std::string(VORNTEST_TOOL_SOURCE) + "/" + name;
+}
+
+const std::vector<std::string>& subcommands() {
+    static const std::vector<std::string> names = {"sink",   "notify", "connect", "serve", "encode",
+                                                   "decode", "pipes",  "resolve", "doctor"};
+    return names;
+}
+
+ToolResult finish(ChildProcess& tool) {
+    ToolResult result;
+    result.output = tool.readAllOutput(cPatience);
+    result.errors = tool.readAllErrors(cPatience);
+    result.status = tool.wait(cPatience);
+    return result;
+}
+
+ToolResult runTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
+    ChildProcess tool = startTool(arguments, environment);
+    tool.closeInput();
+    return finish(tool);
+}
+
+ToolResult runShell(const std::string& command) {
+    ChildProcess shell = ChildProcess::spawn({"/bin/sh", "-c", command}, {"TOOL=" + toolPath()});
+    shell.closeInput();
+    return finish(shell);
+}
+
+ChildProcess startTool(const std::vector<std::string>& arguments,
+                       const std::vector<std::string>& environment) {
+    std::vector<std::string> all = {toolPath()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return ChildProcess::spawn(all, environment);
+}
+
+std::string nextLine(ChildProcess& tool) {
+    return tool.readLine(cPatience);
+}
+
+Json nextJson(ChildProcess& tool) {
+    return Json::parse(nextLine(tool));
+}
+
+std::string addressOf(ChildProcess& sink) {
+    const std::string prefix = "address ";
+    const std::string line = nextLine(sink);
+    EXPECT_EQ(line.substr(0, prefix.size()), prefix);
+    return line.substr(prefix.size());
+}
+
+} // namespace VornTest

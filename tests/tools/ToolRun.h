@@ -1,0 +1,75 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNTEST_TOOLRUN_H
+#define VORNTEST_TOOLRUN_H
+
+#include "LeakCheckedTest.h"
+#include "Process.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+/**
+ * @file
+ * Runs the command-line tool itself.
+ */
+namespace VornTest {
+
+using Json = nlohmann::json;
+
+/// A test that begins with an empty pipe directory and a network of its own, in which no port has been used.
+class ToolTest : public LeakCheckedTest {
+protected:
+    void SetUp() override;
+};
+
+/// How a run of the tool ended and what it wrote.
+struct ToolResult {
+    int status = -1;
+    std::string output;
+    std::string errors;
+
+    /// The output as one JSON value; throws if it is none.
+    Json json() const { return Json::parse(output); }
+};
+
+/// For GoogleTest's messages.
+void PrintTo(const ToolResult& result, std::ostream* out);
+
+/// The tool's path.
+std::string toolPath();
+
+/// A file of the tool's source folder, such as "man/vornnet.1".
+std::string toolFile(const std::string& name);
+
+/// The names of all subcommands.
+const std::vector<std::string>& subcommands();
+
+/// Runs the tool to its end.
+ToolResult runTool(const std::vector<std::string>& arguments,
+                   const std::vector<std::string>& environment = {});
+
+/// Runs a shell command, in which $TOOL is the tool.
+ToolResult runShell(const std::string& command);
+
+/// Starts the tool.
+ChildProcess startTool(const std::vector<std::string>& arguments,
+                       const std::vector<std::string>& environment = {});
+
+/// The next line of output, with the patience that a busy machine needs.
+std::string nextLine(ChildProcess& tool);
+
+/// The next line of output as JSON.
+Json nextJson(ChildProcess& tool);
+
+/// Waits for the end of a started tool.
+ToolResult finish(ChildProcess& tool);
+
+/// Starts `sink` and returns its address, which is its first line.
+std::string addressOf(ChildProcess& sink);
+
+} // namespace VornTest
+
+#endif

@@ -1,0 +1,81 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Command.h"
+#include "ExitStatus.h"
+#include "Interruption.h"
+#include "Output.h"
+
+#include <VornException.h>
+
+#include <exception>
+
+namespace VornTool {
+
+CLI::App* addCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     CommonOptions& options) {
+    CLI::App* command = app.add_subcommand(name, description);
+    command->footer(exitStatusTable());
+    command
+        ->add_option("--log-level", options.logLevel,
+                     "Write the library's records up to level N to standard error; -1 for none")
+        ->type_name("N")
+        ->check(CLI::Range(-1, 9));
+    return command;
+}
+
+void addJsonOption(CLI::App& command, CommonOptions& options) {
+    command.add_flag("--json", options.json, "Print JSON, one object per line");
+}
+
+} // namespace VornTool
+
+namespace {
+
+int runCommand(const VornTool::Runner& runner) {
+    using namespace VornTool;
+    try {
+        const int status = runner();
+        if (!Output::isLost())
+            return status;
+        Output::error("standard output has gone away");
+        return exitFailed;
+    } catch (const ToolError& error) {
+        Output::error(error.what());
+        return error.status();
+    } catch (const VornSupport::VornException& error) {
+        Output::error(describeFailure(error.getCode(), error.getText()));
+        return statusOfFailure(error.getCode(), error.getText());
+    } catch (const std::exception& error) {
+        Output::error(error.what());
+        return exitFailed;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    using namespace VornTool;
+    Interruption::blockSignals();
+    CLI::App app{"Looks into, tries out and repairs the connections and notifications of vornnet", "vornnet"};
+    app.set_version_flag("--version", "vornnet " VORNNET_VERSION);
+    app.require_subcommand(1);
+    app.footer(exitStatusTable());
+    app.get_formatter()->column_width(32);
+    Runner runner;
+    addSink(app, runner);
+    addNotify(app, runner);
+    addConnect(app, runner);
+    addServe(app, runner);
+    addEncode(app, runner);
+    addDecode(app, runner);
+    addPipes(app, runner);
+    addResolve(app, runner);
+    addDoctor(app, runner);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? exitDone : exitUsage;
+    }
+    Output::setCommand(app.get_subcommands().front()->get_name());
+    return runCommand(runner);
+}

@@ -1,0 +1,232 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Address.h"
+#include "Command.h"
+#include "ExitStatus.h"
+#include "Interruption.h"
+#include "LibraryRecords.h"
+#include "Output.h"
+#include "Values.h"
+
+#include <VornException.h>
+#include <VornNotification.h>
+#include <VornProxyDependent.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+namespace VornTool {
+
+using VornNet::VornConnection;
+using VornNet::VornProxyDependent;
+using VornSupport::VornException;
+using VornSupport::VornNotification;
+
+namespace {
+
+struct NotifyOptions : CommonOptions {
+    std::string address;
+    long handle = 0;
+    int id = 0;
+    std::vector<std::string> values;
+    long repeat = 1;
+    long every = 0;
+    double timeout = 0;
+};
+
+/** A proxy that sends the operator's values after the notification's id. */
+class ValueProxy : public VornProxyDependent {
+public:
+    ValueProxy(const Address& address, long handle, std::vector<Value> values)
+        : VornProxyDependent(address.text, handle), m_values(std::move(values)) {}
+
+    void addContent(VornConnection& connection, const VornNotification& notification) override {
+        VornProxyDependent::addContent(connection, notification);
+        for (const Value& value : m_values)
+            sendValue(connection, value);
+    }
+
+private:
+    const std::vector<Value> m_values;
+};
+
+/** Counts what came of the notifications; printed by the signal thread when that has to end the program. */
+class Tally {
+public:
+    explicit Tally(const NotifyOptions& options)
+        : m_address(options.address), m_json(options.json), m_start(Clock::now()) {}
+
+    void addSent();
+    void addFailure(int code, const std::string& text);
+    std::string progress(long total) const;
+    void print() const;
+    int exitStatus() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Failure {
+        long count = 0;
+        std::string text;
+    };
+
+    std::string describeFailures() const;
+
+    const std::string m_address;
+    const bool m_json;
+    const Clock::time_point m_start;
+    mutable std::mutex m_mutex;
+    long m_sent = 0; // guarded by m_mutex, as what follows
+    long m_failed = 0;
+    std::map<int, Failure> m_failures; // by error number
+};
+
+void Tally::addSent() {
+    const std::lock_guard lock(m_mutex);
+    ++m_sent;
+}
+
+void Tally::addFailure(int code, const std::string& text) {
+    const std::lock_guard lock(m_mutex);
+    ++m_failed;
+    ++m_failures[code].count;
+    m_failures[code].text = text;
+}
+
+std::string Tally::progress(long total) const {
+    const std::lock_guard lock(m_mutex);
+    return "sent " + std::to_string(m_sent) + ", refused " + std::to_string(m_failed) + " of " +
+           std::to_string(total);
+}
+
+std::string Tally::describeFailures() const {
+    std::string result;
+    for (const auto& [code, failure] : m_failures) {
+        result += result.empty() ? " (" : "; ";
+        result += std::to_string(code) + " " + (code != 0 ? std::strerror(code) : failure.text.c_str()) +
+                  ": " + std::to_string(failure.count);
+    }
+    return result.empty() ? result : result + ")";
+}
+
+void Tally::print() const {
+    const std::lock_guard lock(m_mutex);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_start);
+    if (!m_json) {
+        Output::line("sent " + std::to_string(m_sent) + ", refused " + std::to_string(m_failed) +
+                     describeFailures());
+        return;
+    }
+    Json errors = Json::array();
+    for (const auto& [code, failure] : m_failures)
+        errors.push_back({{"code", code}, {"text", failure.text}, {"count", failure.count}});
+    Output::json({{"address", m_address},
+                  {"sent", m_sent},
+                  {"refused", m_failed},
+                  {"errors", errors},
+                  {"milliseconds", elapsed.count()}});
+}
+
+int Tally::exitStatus() const {
+    const std::lock_guard lock(m_mutex);
+    if (m_failed == 0)
+        return exitDone;
+    if (m_sent > 0)
+        return exitIncomplete;
+    const auto& [code, failure] = *m_failures.begin();
+    return statusOfFailure(code, failure.text);
+}
+
+/** Sees what remoteNotify() does not tell: a datagram that is too long is dropped without a word. */
+void requireFitsDatagram(const Address& address, const std::vector<Value>& values) {
+    constexpr std::size_t cLargestDatagram = 65507;
+    std::size_t size = 16; // handle and id
+    for (const Value& value : values)
+        size += encodedSize(value);
+    if (address.kind == Address::Kind::Udp && size > cLargestDatagram)
+        throw ToolError(exitUsage, "the notification has " + std::to_string(size) +
+                                       " bytes, a datagram takes " + std::to_string(cLargestDatagram));
+}
+
+/** The error number in "...transmit: failed to send data (rc:101) to ...". */
+int codeInRecord(const std::string& text) {
+    const std::size_t mark = text.find("(rc");
+    return mark == std::string::npos ? 0
+                                     : static_cast<int>(std::strtol(text.c_str() + mark + 4, nullptr, 10));
+}
+
+void sendOne(ValueProxy& proxy, const VornNotification& notification, Tally& tally, std::string& record) {
+    try {
+        record.clear();
+        proxy.remoteNotify(notification);
+        // A datagram that the system refuses is told of in a record only.
+        if (record.find("VornUDPSocketConnection::transmit") != std::string::npos)
+            tally.addFailure(codeInRecord(record), record);
+        else
+            tally.addSent();
+    } catch (const VornException& error) {
+        tally.addFailure(error.getCode(), error.getText());
+    }
+}
+
+int runNotify(NotifyOptions& options) {
+    const Address address = parseAddress(options.address);
+    const std::vector<Value> values = parseValues(options.values);
+    requireFitsDatagram(address, values);
+    requireKnownHost(address);
+    std::string record;
+    const LibraryRecords records(options.logLevel, [&record](const std::string& text) { record = text; });
+    Tally tally(options);
+    Progress progress;
+    Interruption interruption(std::chrono::milliseconds(300),
+                              std::chrono::milliseconds(static_cast<long>(options.timeout * 1000)));
+    interruption.onForcedEnd([&] {
+        progress.clear();
+        tally.print();
+    });
+    ValueProxy proxy(address, options.handle, values);
+    const VornNotification notification(options.id);
+    for (long i = 0; i < options.repeat; ++i) {
+        if (i > 0 && !interruption.sleepFor(std::chrono::milliseconds(options.every)))
+            break;
+        sendOne(proxy, notification, tally, record);
+        if (options.repeat > 1)
+            progress.update(tally.progress(options.repeat));
+    }
+    progress.clear();
+    interruption.onForcedEnd(nullptr);
+    tally.print();
+    return interruption.isRequested() ? interruption.status() : tally.exitStatus();
+}
+
+} // namespace
+
+void addNotify(CLI::App& app, Runner& runner) {
+    auto options = std::make_shared<NotifyOptions>();
+    CLI::App* command = addCommand(app, "notify", "Send notifications to a sink", *options);
+    command->add_option("ADDRESS", options->address, std::string("Callback address: ") + addressHelp)
+        ->required();
+    command->add_option("HANDLE", options->handle, "Handle of the callback; write -- before a negative one")
+        ->required()
+        ->check(CLI::Range(-2147483648L, 4294967295L));
+    command->add_option("ID", options->id, "Id of the notification")->required();
+    command->add_option("VALUE", options->values, std::string("What follows the id. ") + valueHelp);
+    command->add_option("--repeat", options->repeat, "Send it N times")
+        ->type_name("N")
+        ->check(CLI::Range(1L, 1000000000L));
+    command->add_option("--every", options->every, "Wait MS milliseconds between two of them")
+        ->type_name("MS")
+        ->check(CLI::Range(0L, 86400000L));
+    command
+        ->add_option("--timeout", options->timeout,
+                     "Give up after SECONDS; without it a full server holds the sender for ever")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.001, 1000000.0));
+    addJsonOption(*command, *options);
+    setRunner(command, runner, options, runNotify);
+}
+
+} // namespace VornTool

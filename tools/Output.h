@@ -1,0 +1,74 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNTOOL_OUTPUT_H
+#define VORNTOOL_OUTPUT_H
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace VornTool {
+
+/** JSON whose members stay in the order in which they were added. */
+using Json = nlohmann::ordered_json;
+
+/**
+ * What the program writes. Each line leaves with one write(2), so that lines of several threads do not mix
+ * and nothing is lost when the process ends at once.
+ */
+class Output {
+public:
+    /** Names the subcommand, for error texts. */
+    static void setCommand(const std::string& name);
+
+    /** Writes a line to standard output. */
+    static void line(const std::string& text);
+
+    /** Writes an object as one line to standard output; bytes that are no UTF-8 are replaced. */
+    static void json(const Json& value);
+
+    /** Writes bytes to standard output as they are. */
+    static void bytes(const std::string& data);
+
+    /** Writes "vornnet COMMAND: text" to standard error. */
+    static void error(const std::string& text);
+
+    /** Writes a line to standard error. */
+    static void diagnostic(const std::string& text);
+
+    /** @return whether standard output has gone away, as with `| head -1`. */
+    static bool isLost();
+
+    /** @return @p text in the colour (an SGR number) when standard output is a terminal that wants colours.
+     */
+    static std::string coloured(const std::string& text, int colour);
+};
+
+/** A line on standard error that is rewritten while the program works; nothing where that is no terminal. */
+class Progress {
+public:
+    Progress();
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    /** @return whether there is a terminal to show something on. */
+    bool isShown() const { return m_shown; }
+
+    void update(const std::string& text);
+    void clear();
+
+private:
+    bool m_shown;
+    bool m_dirty = false;
+};
+
+/** @return the text in quotes, with everything escaped that could do harm on a terminal. */
+std::string quoted(const std::string& text);
+
+/** @return the text with control characters escaped, without quotes. */
+std::string printable(const std::string& text);
+
+} // namespace VornTool
+
+#endif

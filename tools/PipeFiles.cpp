@@ -1,0 +1,305 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "PipeFiles.h"
+
+#include "Address.h"
+#include "ExitStatus.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <linux/magic.h>
+
+namespace VornTool {
+
+namespace {
+
+/** The kernel's own form of a device number, which differs from that of struct stat. */
+std::uint32_t kernelDevice(dev_t device) {
+    return (major(device) << 20U) | minor(device);
+}
+
+bool isSameFile(const UnixSocket::File& file, const struct stat& information) {
+    return file.inode == static_cast<std::uint32_t>(information.st_ino) &&
+           file.device == kernelDevice(information.st_dev);
+}
+
+/**
+ * Asks whether any socket is bound to the file, without a connection being made: the kernel looks for the
+ * socket first and for its type afterwards, and no server of this library has datagram sockets.
+ * @return EPROTOTYPE or 0 when there is one, ECONNREFUSED when there is none, otherwise why that is unknown
+ */
+int probe(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        return ENAMETOOLONG;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return errno;
+    const int result = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int error = result == 0 ? 0 : errno;
+    ::close(fd);
+    return error;
+}
+
+std::string nameOfUser(uid_t user) {
+    std::array<char, 4096> buffer;
+    passwd entry{};
+    passwd* found = nullptr;
+    ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
+    return found != nullptr ? found->pw_name : std::to_string(user);
+}
+
+std::string nameOfGroup(gid_t group) {
+    std::array<char, 4096> buffer;
+    ::group entry{};
+    ::group* found = nullptr;
+    ::getgrgid_r(group, &entry, buffer.data(), buffer.size(), &found);
+    return found != nullptr ? found->gr_name : std::to_string(group);
+}
+
+/** Compares the directory with the sockets, once. */
+class Inspection {
+public:
+    Inspection();
+
+    std::vector<PipeFile> run();
+
+private:
+    void readDirectory();
+    PipeFile inspect(const std::string& name, const struct stat& information);
+    void judge(PipeFile& file, const std::string& name, const struct stat& information);
+    void judgeWithoutSocket(PipeFile& file, const std::string& name) const;
+    void addCutOff(std::vector<PipeFile>& files) const;
+    std::string nameInDirectory(const std::string& path) const;
+
+    const std::string m_directory;
+    UnixSockets m_unix;
+    bool m_exact = false; // whether sockets can be told by their files
+    std::multimap<std::string, const UnixSocket*> m_byName;
+    std::multimap<std::uint32_t, Process> m_holders;
+    std::set<std::uint32_t> m_found; // sockets that have their path
+    std::vector<std::string> m_names;
+
+    std::vector<Process> holdersOf(const UnixSocket& socket) const;
+};
+
+Inspection::Inspection() : m_directory(pipeDirectory()) {
+    // Directory first: a pipe made meanwhile is then just not listed, instead of being taken for stolen.
+    readDirectory();
+    m_unix = listUnixSockets();
+
+    struct statfs fileSystem {};
+
+    // A socket on an overlay may be told with the number of a file below it.
+    m_exact = m_unix.exact && ::statfs(m_directory.c_str(), &fileSystem) == 0 &&
+              fileSystem.f_type != OVERLAYFS_SUPER_MAGIC;
+    std::set<std::uint32_t> numbers;
+    for (const UnixSocket& socket : m_unix.sockets) {
+        const std::string name = nameInDirectory(socket.path);
+        if (name.empty())
+            continue;
+        m_byName.emplace(name, &socket);
+        numbers.insert(socket.number);
+    }
+    m_holders = findHolders(numbers);
+}
+
+std::string Inspection::nameInDirectory(const std::string& path) const {
+    if (path.rfind(m_directory, 0) != 0)
+        return {};
+    const std::size_t start = path.find_first_not_of('/', m_directory.size());
+    const std::string name = start == std::string::npos ? "" : path.substr(start);
+    return name.find('/') == std::string::npos ? name : "";
+}
+
+void Inspection::readDirectory() {
+    DIR* directory = ::opendir(m_directory.c_str());
+    if (directory == nullptr)
+        throw ToolError(exitFailed, "cannot read " + m_directory + ": " + std::strerror(errno));
+    while (const dirent* entry = ::readdir(directory)) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            m_names.push_back(name);
+    }
+    ::closedir(directory);
+    std::sort(m_names.begin(), m_names.end());
+}
+
+std::vector<Process> Inspection::holdersOf(const UnixSocket& socket) const {
+    std::vector<Process> result;
+    const auto [first, last] = m_holders.equal_range(socket.number);
+    std::transform(first, last, std::back_inserter(result), [](const auto& entry) { return entry.second; });
+    return result;
+}
+
+void Inspection::judgeWithoutSocket(PipeFile& file, const std::string& name) const {
+    switch (probe(m_directory + name)) {
+    case ECONNREFUSED:
+        file.state = PipeState::Dead;
+        break;
+    case EPROTOTYPE:
+    case 0:
+        file.state = PipeState::Hidden;
+        break;
+    default:
+        file.state = PipeState::Unknown;
+    }
+}
+
+void Inspection::judge(PipeFile& file, const std::string& name, const struct stat& information) {
+    const auto [first, last] = m_byName.equal_range(name);
+    std::vector<const UnixSocket*> candidates;
+    for (auto entry = first; entry != last; ++entry) {
+        if (!m_exact || (entry->second->file && isSameFile(*entry->second->file, information)))
+            candidates.push_back(entry->second);
+    }
+    judgeWithoutSocket(file, name);
+    // Without the kernel's word the name alone tells little: a dead file may bear a stolen socket's name.
+    if (candidates.empty() || (!m_exact && file.state == PipeState::Dead))
+        return;
+    const bool contested = candidates.size() > 1;
+    for (const UnixSocket* socket : candidates) {
+        m_found.insert(socket->number);
+        file.state = socket->listening ? PipeState::Listening : PipeState::Bound;
+        file.queue = socket->queue;
+        const std::vector<Process> holders = holdersOf(*socket);
+        file.processes.insert(file.processes.end(), holders.begin(), holders.end());
+    }
+    if (contested) {
+        file.state = PipeState::Contested;
+        file.queue.reset();
+    }
+}
+
+PipeFile Inspection::inspect(const std::string& name, const struct stat& information) {
+    PipeFile file;
+    file.name = name;
+    file.ownership = PipeFile::Ownership{information.st_mode & 07777U, nameOfUser(information.st_uid),
+                                         nameOfGroup(information.st_gid)};
+    if (S_ISSOCK(information.st_mode))
+        judge(file, name, information);
+    else
+        file.state = PipeState::NoSocket;
+    return file;
+}
+
+void Inspection::addCutOff(std::vector<PipeFile>& files) const {
+    for (const auto& [name, socket] : m_byName) {
+        if (!socket->listening || m_found.count(socket->number) != 0)
+            continue;
+        const bool exists = ::access((m_directory + name).c_str(), F_OK) == 0;
+        PipeFile file;
+        file.name = name;
+        file.state = exists ? PipeState::Stolen : PipeState::Unlinked;
+        file.queue = socket->queue;
+        file.processes = holdersOf(*socket);
+        files.push_back(file);
+    }
+}
+
+std::vector<PipeFile> Inspection::run() {
+    std::vector<PipeFile> files;
+    for (const std::string& name : m_names) {
+        struct stat information {};
+
+        if (::lstat((m_directory + name).c_str(), &information) == 0)
+            files.push_back(inspect(name, information));
+    }
+    addCutOff(files);
+    std::stable_sort(files.begin(), files.end(),
+                     [](const PipeFile& a, const PipeFile& b) { return a.name < b.name; });
+    return files;
+}
+
+bool isPassing(const PipeFile& file) {
+    return file.state == PipeState::Dead || file.state == PipeState::Stolen ||
+           file.state == PipeState::Unlinked || file.state == PipeState::Bound;
+}
+
+} // namespace
+
+std::vector<PipeFile> listPipeFiles() {
+    constexpr int cLooks = 4;
+    constexpr std::chrono::milliseconds cPause(15);
+    std::vector<PipeFile> files = Inspection().run();
+    // A sink closes its server and binds its path anew after each notification: what is seen in between
+    // looks like death or theft, and is gone at a second look.
+    for (int look = 1; look < cLooks && std::any_of(files.begin(), files.end(), isPassing); ++look) {
+        std::this_thread::sleep_for(cPause);
+        files = Inspection().run();
+    }
+    return files;
+}
+
+std::string pipePath(const std::string& name) {
+    return pipeDirectory() + name;
+}
+
+int removeIfDead(const std::string& path) {
+    const int error = probe(path);
+    if (error != ECONNREFUSED)
+        return error == EPROTOTYPE || error == 0 ? EADDRINUSE : error;
+    // Between a look and the removal another server may bind the path. So the file is moved aside, where
+    // nobody can bind it, and looked at again; it goes back if the look had been at another file.
+    const std::string aside = pipeDirectory() + ".v" + std::to_string(::getpid());
+    if (::rename(path.c_str(), aside.c_str()) != 0)
+        return errno;
+    if (probe(aside) == ECONNREFUSED)
+        return ::unlink(aside.c_str()) == 0 ? 0 : errno;
+    if (::renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0)
+        return errno;
+    return EADDRINUSE;
+}
+
+std::string nameOf(PipeState state) {
+    switch (state) {
+    case PipeState::Listening:
+        return "listening";
+    case PipeState::Bound:
+        return "bound";
+    case PipeState::Hidden:
+        return "hidden";
+    case PipeState::Contested:
+        return "contested";
+    case PipeState::Stolen:
+        return "stolen";
+    case PipeState::Unlinked:
+        return "unlinked";
+    case PipeState::Dead:
+        return "dead";
+    case PipeState::NoSocket:
+        return "no-socket";
+    case PipeState::Unknown:
+        break;
+    }
+    return "unknown";
+}
+
+std::string describe(const std::vector<Process>& processes) {
+    std::string result;
+    for (const Process& process : processes)
+        result += (result.empty() ? "" : ", ") + std::to_string(process.pid) + " (" + process.name + ")";
+    return result.empty() ? "?" : result;
+}
+
+} // namespace VornTool

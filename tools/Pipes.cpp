@@ -1,0 +1,183 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Command.h"
+#include "ExitStatus.h"
+#include "LibraryRecords.h"
+#include "Output.h"
+#include "PipeFiles.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+namespace VornTool {
+
+namespace {
+
+struct PipesOptions : CommonOptions {
+    bool clean = false;
+};
+
+struct Removal {
+    std::string name;
+    int error = 0;
+};
+
+std::string modeText(mode_t mode) {
+    std::array<char, 16> text;
+    std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned int>(mode));
+    return text.data();
+}
+
+std::string queueText(const PipeFile& file) {
+    if (!file.queue)
+        return "-";
+    return std::to_string(file.queue->waiting) + "/" + std::to_string(file.queue->backlog) +
+           (file.isFull() ? " full" : "");
+}
+
+int colourOf(PipeState state) {
+    constexpr int cGreen = 32;
+    constexpr int cRed = 31;
+    constexpr int cYellow = 33;
+    switch (state) {
+    case PipeState::Listening:
+        return cGreen;
+    case PipeState::Stolen:
+    case PipeState::Unlinked:
+    case PipeState::Contested:
+    case PipeState::Dead:
+        return cRed;
+    default:
+        return cYellow;
+    }
+}
+
+using Row = std::array<std::string, 7>;
+
+Row makeRow(const PipeFile& file) {
+    const bool hasFile = file.ownership.has_value();
+    const bool hasProcess = !file.processes.empty() || file.state == PipeState::Listening ||
+                            file.state == PipeState::Hidden || file.state == PipeState::Stolen;
+    return {printable(file.name),
+            nameOf(file.state),
+            queueText(file),
+            hasFile ? modeText(file.ownership->mode) : "-",
+            hasFile ? file.ownership->owner : "-",
+            hasFile ? file.ownership->group : "-",
+            hasProcess ? printable(describe(file.processes)) : "-"};
+}
+
+void printTable(const std::vector<PipeFile>& files) {
+    std::vector<Row> rows = {{"NAME", "STATE", "QUEUE", "MODE", "OWNER", "GROUP", "PROCESS"}};
+    std::transform(files.begin(), files.end(), std::back_inserter(rows), makeRow);
+    std::array<std::size_t, 7> widths{};
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column)
+            widths[column] = std::max(widths[column], row[column].size());
+    }
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        std::string line;
+        for (std::size_t column = 0; column < widths.size(); ++column) {
+            std::string cell = rows[i][column];
+            cell.resize(std::max(cell.size(), widths[column]), ' ');
+            const bool isState = i > 0 && column == 1;
+            line += (column == 0 ? "" : "  ") +
+                    (isState ? Output::coloured(cell, colourOf(files[i - 1].state)) : cell);
+        }
+        Output::line(line);
+    }
+}
+
+Json toJson(const PipeFile& file) {
+    Json processes = Json::array();
+    for (const Process& process : file.processes)
+        processes.push_back({{"pid", process.pid}, {"name", process.name}});
+    Json object = {{"name", file.name}, {"state", nameOf(file.state)}, {"processes", processes}};
+    if (file.queue) {
+        object["waiting"] = file.queue->waiting;
+        object["backlog"] = file.queue->backlog;
+        object["full"] = file.isFull();
+    }
+    if (file.ownership) {
+        object["mode"] = modeText(file.ownership->mode);
+        object["owner"] = file.ownership->owner;
+        object["group"] = file.ownership->group;
+    }
+    return object;
+}
+
+std::vector<Removal> removeDead(std::vector<PipeFile>& files) {
+    std::vector<Removal> removals;
+    for (const PipeFile& file : files) {
+        if (file.state == PipeState::Dead)
+            removals.push_back({file.name, removeIfDead(pipePath(file.name))});
+    }
+    files.erase(std::remove_if(files.begin(), files.end(),
+                               [&](const PipeFile& file) {
+                                   return std::any_of(
+                                       removals.begin(), removals.end(), [&](const Removal& removal) {
+                                           return removal.error == 0 && removal.name == file.name &&
+                                                  file.state == PipeState::Dead;
+                                       });
+                               }),
+                files.end());
+    return removals;
+}
+
+void printRemovals(const std::vector<Removal>& removals) {
+    for (const Removal& removal : removals) {
+        if (removal.error == 0)
+            Output::line("removed " + printable(removal.name));
+        else
+            Output::error("cannot remove " + printable(removal.name) + ": " + std::strerror(removal.error));
+    }
+}
+
+void printJson(const std::vector<PipeFile>& files, const std::vector<Removal>& removals) {
+    Json pipes = Json::array();
+    for (const PipeFile& file : files)
+        pipes.push_back(toJson(file));
+    Json removed = Json::array();
+    Json failed = Json::array();
+    for (const Removal& removal : removals) {
+        if (removal.error == 0)
+            removed.push_back(removal.name);
+        else
+            failed.push_back({{"name", removal.name}, {"code", removal.error}});
+    }
+    Output::json({{"pipes", pipes}, {"removed", removed}, {"not_removed", failed}});
+}
+
+bool isProblem(const PipeFile& file) {
+    return file.state == PipeState::Dead || file.state == PipeState::Stolen ||
+           file.state == PipeState::Unlinked || file.state == PipeState::Contested;
+}
+
+int runPipes(PipesOptions& options) {
+    const LibraryRecords records(options.logLevel);
+    std::vector<PipeFile> files = listPipeFiles();
+    std::vector<Removal> removals;
+    if (options.clean)
+        removals = removeDead(files);
+    if (options.json) {
+        printJson(files, removals);
+    } else {
+        printRemovals(removals);
+        printTable(files);
+    }
+    return std::any_of(files.begin(), files.end(), isProblem) ? exitProblems : exitDone;
+}
+
+} // namespace
+
+void addPipes(CLI::App& app, Runner& runner) {
+    auto options = std::make_shared<PipesOptions>();
+    CLI::App* command = addCommand(app, "pipes", "List the pipes of this host and who serves them", *options);
+    command->add_flag("--clean", options->clean, "Remove the files that are proven dead");
+    addJsonOption(*command, *options);
+    setRunner(command, runner, options, runPipes);
+}
+
+} // namespace VornTool

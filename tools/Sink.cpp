@@ -1,0 +1,246 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Command.h"
+#include "ExitStatus.h"
+#include "Interruption.h"
+#include "LibraryRecords.h"
+#include "Output.h"
+#include "PipeFiles.h"
+#include "SinkObstacle.h"
+#include "Values.h"
+
+#include <VornException.h>
+#include <VornLibraryCallbackSink.h>
+#include <VornNotificationCallback.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+
+#include <unistd.h>
+
+namespace VornTool {
+
+using VornNet::VornConnection;
+using VornNet::VornLibraryCallbackSink;
+using VornNet::VornNotificationCallback;
+using VornSupport::VornException;
+using VornSupport::VornSmartPointer;
+
+namespace {
+
+struct SinkOptions : CommonOptions {
+    std::string type;
+    int callbacks = 1;
+    std::string content;
+    long count = 0;
+};
+
+std::string timeText() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    const std::time_t seconds = milliseconds / 1000;
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    std::array<char, 32> date{};
+    std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+    std::array<char, 8> fraction{};
+    std::snprintf(fraction.data(), fraction.size(), ".%03dZ", static_cast<int>(milliseconds % 1000));
+    return std::string(date.data()) + fraction.data();
+}
+
+/** What the callbacks of one sink share. */
+class Reception {
+public:
+    Reception(const SinkOptions& options, Interruption& interruption)
+        : m_json(options.json), m_limit(options.count), m_types(parseTypes(options.content)),
+          m_interruption(interruption) {}
+
+    bool isComplete() const { return m_limit > 0 && m_count >= m_limit; }
+
+    /** Reads one notification of the callback @p handle and prints it; on the sink's thread. */
+    void take(int handle, VornConnection& connection);
+
+    void printAddress(const std::string& address) const;
+
+private:
+    void print(int handle, long id, const std::vector<Value>& values, const std::string& failure, long rest);
+
+    const bool m_json;
+    const long m_limit;
+    const std::vector<ValueType> m_types;
+    Interruption& m_interruption;
+    std::atomic<long> m_count{0};
+};
+
+/** Reads what is left, so that the sender closes first and a TCP sink keeps its port. */
+long readToEnd(VornConnection& connection) {
+    std::array<char, 4096> buffer;
+    long total = 0;
+    long error = 0;
+    for (long count = 1; count > 0; total += count > 0 ? count : 0)
+        count = connection.receive(buffer.data(), static_cast<long>(buffer.size()), &error, false);
+    return total;
+}
+
+void Reception::take(int handle, VornConnection& connection) {
+    if (isComplete())
+        return;
+    long id = 0;
+    std::vector<Value> values;
+    std::string failure;
+    // Nothing may leave a callback: by its number an error could end the sink.
+    try {
+        id = connection.receiveLong();
+        for (const ValueType type : m_types)
+            values.push_back(receiveValue(connection, type));
+    } catch (const VornException& error) {
+        failure = describeFailure(error.getCode(), error.getText());
+    } catch (const ToolError& error) {
+        failure = error.what();
+    }
+    print(handle, id, values, failure, readToEnd(connection));
+    m_interruption.wake();
+}
+
+void Reception::print(int handle, long id, const std::vector<Value>& values, const std::string& failure,
+                      long rest) {
+    const long number = ++m_count;
+    // Ids are ints, of which the wire carries the 32 bits without their sign.
+    const int signedId = static_cast<int>(id);
+    if (m_json) {
+        Json object = {{"event", "notification"}, {"number", number}, {"time", timeText()},
+                       {"handle", handle},        {"id", signedId},   {"values", toJson(values)},
+                       {"unread_bytes", rest}};
+        if (!failure.empty())
+            object["error"] = failure;
+        Output::json(object);
+        return;
+    }
+    std::string text = "notification " + std::to_string(number) + ": handle " + std::to_string(handle) +
+                       ", id " + std::to_string(signedId);
+    if (!values.empty())
+        text += ", " + describe(values);
+    if (!failure.empty())
+        text += ", incomplete: " + failure;
+    if (rest > 0)
+        text += ", " + std::to_string(rest) + " more bytes";
+    Output::line(text);
+}
+
+void Reception::printAddress(const std::string& address) const {
+    if (m_json)
+        Output::json({{"event", "address"}, {"address", address}});
+    else
+        Output::line("address " + address);
+}
+
+class PrintingCallback : public VornNotificationCallback {
+public:
+    PrintingCallback(int id, Reception& reception) : VornNotificationCallback(id), m_reception(reception) {}
+
+protected:
+    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
+        m_reception.take(getId(), *spConnection);
+    }
+
+private:
+    Reception& m_reception;
+};
+
+void prepare(const SinkOptions& options) {
+    if (!options.type.empty())
+        ::setenv(sinkTypeVariable, options.type.c_str(), 1);
+    if (const auto obstacle = sinkObstacle(effectiveSinkType()))
+        throw ToolError(exitFailed, obstacle->text + "; " + obstacle->remedy);
+}
+
+/** Serves until there is a reason to end. @return the exit status */
+int serve(VornLibraryCallbackSink& sink, const Reception& reception, Interruption& interruption) {
+    constexpr std::chrono::milliseconds cPause(50);
+    std::string address = sink.getCallbackAddress();
+    reception.printAddress(address);
+    for (;;) {
+        if (reception.isComplete())
+            return exitDone;
+        if (interruption.isRequested())
+            return interruption.status();
+        if (Output::isLost())
+            return exitFailed;
+        // Nothing tells of a new address or of the end of the sink's thread, so both are asked for.
+        if (sink.wait(0)) {
+            Output::error(
+                "the sink has ended: an empty datagram or a connection reset by its sender does that");
+            return exitFailed;
+        }
+        const std::string newAddress = sink.getCallbackAddress();
+        if (newAddress != address) {
+            address = newAddress;
+            reception.printAddress(address);
+        }
+        interruption.awaitChange(cPause);
+    }
+}
+
+std::string pipePathOf(const std::string& address) {
+    const std::string prefix = "pipe:";
+    return address.rfind(prefix, 0) == 0 ? pipePath(address.substr(prefix.size())) : "";
+}
+
+int runSink(SinkOptions& options) {
+    prepare(options);
+    std::atomic<bool> starting{true};
+    const LibraryRecords records(options.logLevel, [&starting](const std::string& text) {
+        // The sink's constructor waits for ever when its thread has failed, and a record is all that tells.
+        if (starting && text.find("ended thread") != std::string::npos) {
+            Output::error("the sink cannot be started: " + text);
+            ::_exit(exitFailed);
+        }
+    });
+    Interruption interruption(std::chrono::seconds(2));
+    Reception reception(options, interruption);
+    int status = exitDone;
+    std::string pipe;
+    {
+        VornLibraryCallbackSink sink("vornnet");
+        starting = false;
+        for (int i = 0; i < options.callbacks; ++i) {
+            const int id = sink.getCallbackContainer().getNewId();
+            sink.getCallbackContainer().add(new PrintingCallback(id, reception));
+        }
+        pipe = pipePathOf(sink.getCallbackAddress());
+        status = serve(sink, reception, interruption);
+    }
+    // The library leaves the file of a closed pipe server, and the next one to look would take it for dead.
+    if (!pipe.empty())
+        removeIfDead(pipe);
+    return status;
+}
+
+} // namespace
+
+void addSink(CLI::App& app, Runner& runner) {
+    auto options = std::make_shared<SinkOptions>();
+    CLI::App* command = addCommand(app, "sink", "Receive notifications and print them", *options);
+    command
+        ->add_option("--type", options->type,
+                     "Kind of server: pipe, socket or udp; else as QUORAX_CALLB_CONN_TYPE says, or pipe")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"pipe", "socket", "udp"}));
+    command->add_option("--callbacks", options->callbacks, "Register N callbacks, with the handles 0 to N-1")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1000000));
+    command
+        ->add_option("--content", options->content,
+                     std::string("What follows the id of a notification. ") + typesHelp)
+        ->type_name("TYPES");
+    command->add_option("--count", options->count, "End after N notifications")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    addJsonOption(*command, *options);
+    setRunner(command, runner, options, runSink);
+}
+
+} // namespace VornTool

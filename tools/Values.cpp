@@ -1,0 +1,301 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Values.h"
+
+#include "ExitStatus.h"
+
+#include <VornBufferConnection.h>
+#include <VornException.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <utility>
+
+namespace VornTool {
+
+using VornNet::VornBufferConnection;
+using VornNet::VornConnection;
+
+const char* const valueHelp = "Values: int:N short:N long:N bool:true|false string:TEXT line:TEXT ack error";
+const char* const typesHelp = "Types, separated by commas: int short long bool string line ack";
+
+namespace {
+
+constexpr std::size_t cLongestText = std::size_t{16} << 20;
+constexpr std::array<std::pair<const char*, ValueType>, 7> cTypes = {{{"int", ValueType::Int},
+                                                                      {"short", ValueType::Short},
+                                                                      {"long", ValueType::Long},
+                                                                      {"bool", ValueType::Bool},
+                                                                      {"string", ValueType::String},
+                                                                      {"line", ValueType::Line},
+                                                                      {"ack", ValueType::Token}}};
+
+[[noreturn]] void refuse(const std::string& text) {
+    throw ToolError(exitUsage, text);
+}
+
+ValueType parseType(const std::string& name) {
+    const auto* found =
+        std::find_if(cTypes.begin(), cTypes.end(), [&](const auto& type) { return name == type.first; });
+    if (found == cTypes.end())
+        refuse("unknown type " + quoted(name) + "; " + typesHelp);
+    return found->second;
+}
+
+long parseNumber(const std::string& text, const std::string& digits, long lowest, long highest) {
+    long number = 0;
+    const char* end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, number);
+    if (error != std::errc() || stop != end || number < lowest || number > highest)
+        refuse(quoted(text) + ": a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
+               " is needed");
+    return number;
+}
+
+long parseBool(const std::string& text, const std::string& word) {
+    if (word == "true" || word == "1")
+        return 1;
+    if (word == "false" || word == "0")
+        return 0;
+    refuse(quoted(text) + ": true or false is needed");
+}
+
+std::string parseLine(const std::string& text, const std::string& line) {
+    if (line.find_first_of("\r\n") != std::string::npos)
+        refuse(quoted(text) + ": a line has no line end within");
+    return line;
+}
+
+/** Reads with the exact-length operation, so that zero bytes within a text are kept. */
+std::string receiveText(VornConnection& connection) {
+    const int length = connection.receiveInt();
+    if (length < 0 || static_cast<std::size_t>(length) > cLongestText)
+        throw ToolError(exitFailed, "a string of length " + std::to_string(length) + " was announced");
+    std::string text(static_cast<std::size_t>(length), '\0');
+    if (length > 0)
+        connection.get(text.data(), length);
+    return text;
+}
+
+std::string receiveLine(VornConnection& connection) {
+    constexpr std::size_t cLongestLine = 65536;
+    std::string line;
+    // One byte at a time: what follows the line belongs to the next value.
+    while (line.size() < 2 || line.compare(line.size() - 2, 2, "\r\n") != 0) {
+        if (line.size() > cLongestLine)
+            throw ToolError(exitFailed, "a line without an end was received");
+        char character = 0;
+        connection.get(&character, 1);
+        line += character;
+    }
+    line.resize(line.size() - 2);
+    return line;
+}
+
+long receiveToken(VornConnection& connection) {
+    const short first = connection.receiveShort();
+    const short second = connection.receiveShort();
+    if (first != 1 || (second != 0 && second != -1))
+        throw ToolError(exitFailed, "the shorts " + std::to_string(first) + " and " + std::to_string(second) +
+                                        " are neither an acknowledgement nor an error");
+    return second;
+}
+
+bool isUtf8(const std::string& text) {
+    try {
+        static_cast<void>(Json(text).dump());
+        return true;
+    } catch (const Json::type_error&) {
+        return false;
+    }
+}
+
+} // namespace
+
+Value parseValue(const std::string& text) {
+    if (text == "ack" || text == "error")
+        return {ValueType::Token, text == "ack" ? 0 : -1, {}};
+    const std::size_t colon = text.find(':');
+    if (colon == std::string::npos || text.substr(0, colon) == "ack")
+        refuse(quoted(text) + " is no value. " + valueHelp);
+    const std::string rest = text.substr(colon + 1);
+    const ValueType type = parseType(text.substr(0, colon));
+    switch (type) {
+    case ValueType::Int:
+        return {type,
+                parseNumber(text, rest, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()),
+                {}};
+    case ValueType::Short:
+        return {type,
+                parseNumber(text, rest, std::numeric_limits<short>::min(), std::numeric_limits<short>::max()),
+                {}};
+    case ValueType::Long:
+        // The wire carries 32 bits of a long, and a larger one would arrive as another number.
+        return {type,
+                parseNumber(text, rest, std::numeric_limits<int>::min(),
+                            std::numeric_limits<unsigned int>::max()),
+                {}};
+    case ValueType::Bool:
+        return {type, parseBool(text, rest), {}};
+    case ValueType::Line:
+        return {type, 0, parseLine(text, rest)};
+    default:
+        return {type, 0, rest};
+    }
+}
+
+std::vector<Value> parseValues(const std::vector<std::string>& texts) {
+    std::vector<Value> values;
+    std::transform(texts.begin(), texts.end(), std::back_inserter(values), parseValue);
+    return values;
+}
+
+std::vector<ValueType> parseTypes(const std::string& text) {
+    std::vector<ValueType> types;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t comma = std::min(text.find(',', start), text.size());
+        types.push_back(parseType(text.substr(start, comma - start)));
+        start = comma + 1;
+        if (start == text.size())
+            refuse("a type is missing at the end of " + quoted(text));
+    }
+    return types;
+}
+
+void sendValue(VornConnection& connection, const Value& value) {
+    switch (value.type) {
+    case ValueType::Int:
+        return connection.transfer(static_cast<int>(value.number));
+    case ValueType::Short:
+        return connection.transfer(static_cast<short>(value.number));
+    case ValueType::Long:
+        return connection.transfer(value.number);
+    case ValueType::Bool:
+        return connection.transfer(value.number != 0);
+    case ValueType::String:
+        return connection.transfer(value.text);
+    case ValueType::Token:
+        return value.number == 0 ? connection.transferACK() : connection.transferError();
+    case ValueType::Line:
+        break;
+    }
+    std::string line = value.text + "\r\n";
+    connection.establish();
+    connection.put(line.data(), static_cast<int>(line.size()));
+}
+
+Value receiveValue(VornConnection& connection, ValueType type) {
+    switch (type) {
+    case ValueType::Int:
+        return {type, connection.receiveInt(), {}};
+    case ValueType::Short:
+        return {type, connection.receiveShort(), {}};
+    case ValueType::Long:
+        return {type, connection.receiveLong(), {}};
+    case ValueType::Bool:
+        return {type, connection.receiveShort() != 0 ? 1 : 0, {}};
+    case ValueType::String:
+        return {type, 0, receiveText(connection)};
+    case ValueType::Token:
+        return {type, receiveToken(connection), {}};
+    case ValueType::Line:
+        break;
+    }
+    return {type, 0, receiveLine(connection)};
+}
+
+std::string encoded(const Value& value) {
+    VornBufferConnection buffer;
+    sendValue(buffer, value);
+    return {static_cast<const char*>(buffer.buf()), static_cast<std::size_t>(buffer.size())};
+}
+
+std::size_t encodedSize(const Value& value) {
+    switch (value.type) {
+    case ValueType::Long:
+        return 8;
+    case ValueType::Int:
+    case ValueType::Token:
+        return 4;
+    case ValueType::Short:
+    case ValueType::Bool:
+        return 2;
+    case ValueType::String:
+        return 4 + value.text.size();
+    case ValueType::Line:
+        break;
+    }
+    return value.text.size() + 2;
+}
+
+std::string describe(const Value& value) {
+    switch (value.type) {
+    case ValueType::Token:
+        return value.number == 0 ? "ack" : "error";
+    case ValueType::Bool:
+        return value.number != 0 ? "bool true" : "bool false";
+    case ValueType::String:
+    case ValueType::Line:
+        return nameOf(value.type) + " " + quoted(value.text);
+    default:
+        return nameOf(value.type) + " " + std::to_string(value.number);
+    }
+}
+
+std::string describe(const std::vector<Value>& values) {
+    std::string result;
+    for (const Value& value : values)
+        result += (result.empty() ? "" : ", ") + describe(value);
+    return result;
+}
+
+std::string nameOf(ValueType type) {
+    const auto* found =
+        std::find_if(cTypes.begin(), cTypes.end(), [&](const auto& entry) { return type == entry.second; });
+    return found->first;
+}
+
+Json toJson(const Value& value) {
+    Json result = {{"type", nameOf(value.type)}};
+    switch (value.type) {
+    case ValueType::Token:
+        result["value"] = value.number == 0 ? "ack" : "error";
+        break;
+    case ValueType::Bool:
+        result["value"] = value.number != 0;
+        break;
+    case ValueType::String:
+    case ValueType::Line:
+        result["value"] = value.text;
+        if (!isUtf8(value.text))
+            result["hex"] = hexText(value.text);
+        break;
+    default:
+        result["value"] = value.number;
+    }
+    return result;
+}
+
+Json toJson(const std::vector<Value>& values) {
+    Json result = Json::array();
+    for (const Value& value : values)
+        result.push_back(toJson(value));
+    return result;
+}
+
+std::string hexText(const std::string& data) {
+    constexpr const char* cDigits = "0123456789abcdef";
+    std::string result;
+    for (const char character : data) {
+        const auto code = static_cast<unsigned char>(character);
+        if (!result.empty())
+            result += ' ';
+        result += cDigits[code >> 4U];
+        result += cDigits[code & 15U];
+    }
+    return result;
+}
+
+} // namespace VornTool
