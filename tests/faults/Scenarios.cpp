@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <ostream>
 
 #include <sys/socket.h>
@@ -113,22 +114,33 @@ std::string serveOne(Server& server) {
     return isRight ? "" : "wrong value";
 }
 
-// The server of the scenario that runs, for its interruption by another thread.
-std::atomic<VornIPCServer*> g_server = nullptr;
+// The server of the scenario that runs, for its interruption by another thread, which keeps it alive
+// meanwhile.
+std::mutex g_serverLock;
+VornIPCServer* g_server = nullptr;
+
+void setServer(VornIPCServer* server) {
+    const std::lock_guard lock(g_serverLock);
+    g_server = server;
+}
 
 void closeServer() {
-    if (VornIPCServer* server = g_server)
-        server->close();
+    const std::lock_guard lock(g_serverLock);
+    if (g_server != nullptr)
+        g_server->close();
 }
 
 template <typename Server, typename... Arguments>
 std::string serveWith(const Arguments&... arguments) {
     Server server(arguments...);
-    g_server = &server;
 
-    struct Withdraw {
-        ~Withdraw() { g_server = nullptr; }
-    } withdraw;
+    struct Publication {
+        explicit Publication(VornIPCServer* server) { setServer(server); }
+
+        ~Publication() { setServer(nullptr); }
+    };
+
+    const Publication publication(&server);
 
     return serveOne(server);
 }
