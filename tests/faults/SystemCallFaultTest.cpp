@@ -53,9 +53,8 @@ public:
     explicit FaultyStage(const Fault& fault) : m_fault(fault) {}
 
     Outcome operator()(const std::function<std::string()>& action) {
-        FaultRule rule(m_fault.expectation.function, m_fault.error, m_fault.nth,
-                       m_fault.isLasting ? FaultRule::always : 1);
-        rule.onlyThread(currentTid());
+        const FaultRule rule(m_fault.expectation.function, m_fault.error, m_fault.nth,
+                             m_fault.isLasting ? FaultRule::always : 1, currentTid());
         const Outcome outcome = runWithInterruption(action, rule);
         m_failures = rule.failures();
         return outcome;

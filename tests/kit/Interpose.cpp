@@ -418,12 +418,13 @@ void useInterposition() {
     // Referring to this function is what makes the linker take this file, and thereby the functions, in.
 }
 
-FaultRule::FaultRule(const std::string& function, int errorNumber, int nth, int times)
+FaultRule::FaultRule(const std::string& function, int errorNumber, int nth, int times, pid_t tid)
     : m_state(std::make_shared<FaultState>()) {
     m_state->function = function;
     m_state->errorNumber = errorNumber;
     m_state->nth = nth;
     m_state->times = times;
+    m_state->tid = tid;
     Registry::instance().add(m_state);
 }
 

@@ -53,7 +53,9 @@ public:
     /// As number of times: every call from the n-th one.
     static constexpr int always = -1;
 
-    FaultRule(const std::string& function, int errorNumber, int nth = 1, int times = 1);
+    /// With @p tid it is for that thread from the first moment; onlyThread() leaves a moment in which it is
+    /// for all.
+    FaultRule(const std::string& function, int errorNumber, int nth = 1, int times = 1, pid_t tid = 0);
     ~FaultRule();
     FaultRule(const FaultRule&) = delete;
     FaultRule& operator=(const FaultRule&) = delete;
