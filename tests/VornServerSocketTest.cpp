@@ -22,7 +22,6 @@ using VornNet::VornSocketConnection;
 
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Record = LogCapture::Record;
