@@ -15,6 +15,7 @@
 #include <sstream>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <VornException.h>
 #include <VornNotification.h>
@@ -122,21 +123,29 @@ std::string onWire(long value) {
     return result + std::string(4, '\0');
 }
 
-pid_t tidOfThread(const std::string& name) {
-    pid_t result = 0;
+namespace {
+
+std::vector<pid_t> tidsOfThreads(const std::string& name) {
+    std::vector<pid_t> result;
     for (const pid_t tid : threadIds()) {
-        std::string comm;
         try {
-            comm = readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm");
+            if (readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm") == name + "\n")
+                result.push_back(tid);
         } catch (const std::system_error&) {
             continue; // it has just ended
         }
-        if (comm == name + "\n" && result != 0) {
-            throw std::logic_error("two threads are called " + name);
-        }
-        result = comm == name + "\n" ? tid : result;
     }
     return result;
+}
+
+} // namespace
+
+pid_t tidOfThread(const std::string& name) {
+    std::vector<pid_t> tids;
+    // A thread that has been joined is still listed for a moment.
+    if (!awaitCondition([&] { return (tids = tidsOfThreads(name)).size() <= 1; }))
+        throw std::logic_error("two threads are called " + name);
+    return tids.empty() ? 0 : tids.front();
 }
 
 std::chrono::milliseconds processorTime(pid_t tid) {
