@@ -65,7 +65,7 @@ public:
         cLast = 10                 ///< above every level in use
     };
 
-    /** Receives a record's level and its text, which has no line end. */
+    /** Receives a record's level and its text as it was streamed, control characters included. */
     using RecordHandler = std::function<void(int nLevel, const VornString& sText)>;
 
     /** @return the one logger; valid at any time, also while the process ends. */

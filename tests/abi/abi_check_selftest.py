@@ -38,7 +38,7 @@ class AbiCheck(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    def library(self, name, code):
+    def build_library(self, name, code):
         """Builds a libvornnet.so in a folder of that name."""
         place = self.folder / name
         place.mkdir()
@@ -52,11 +52,11 @@ class AbiCheck(unittest.TestCase):
     def difference(self, changed):
         self.assertNotEqual(changed, CODE)
         stored = self.folder / "stored.abi"
-        stored.write_text(abi_check.layout_text(self.library("stored", CODE)))
-        return abi_check.layout_difference(stored, self.library("changed", changed))
+        stored.write_text(abi_check.layout_text(self.build_library("stored", CODE)))
+        return abi_check.layout_difference(stored, self.build_library("changed", changed))
 
     def leaks(self, code):
-        return list(abi_check.leaks("libvornnet", abi_check.exported(self.library("leaking", code))))
+        return list(abi_check.leaks("libvornnet", abi_check.exported(self.build_library("leaking", code))))
 
     def test_the_same_interface_in_other_code_is_accepted(self):
         self.assertEqual(self.difference(CODE.replace("return m_nFirst;", "return m_nFirst + 1;")), "")

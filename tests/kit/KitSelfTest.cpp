@@ -448,6 +448,7 @@ TEST(KitGuard, HangingTestIsDescribed) {
     EXPECT_THAT(errors, HasSubstr("comm="));
 }
 
+// Not run by itself, for it hangs: the test above runs it in a child and looks at what the guard says of it.
 TEST(KitGuard, DISABLED_Hangs) {
     WatchedThread thread([] { ::pause(); });
 }

@@ -262,7 +262,7 @@ TEST_F(VornnetNotify, WhenRefused_CountsByErrorNumber) {
 
 TEST_F(VornnetNotify, WhenOnlySomeAreSent_IsIncomplete) {
     UniqueFd server = unixListen(pipePath("once"));
-    ChildProcess tool = startTool({"notify", "pipe:once", "0", "1", "--repeat", "2", "--every", "2000"});
+    ChildProcess tool = startTool({"notify", "pipe:once", "0", "1", "--repeat", "2", "--every", "4000"});
     {
         const UniqueFd client = acceptClient(server.get());
         server.reset();
