@@ -53,6 +53,43 @@ void addLimit() {
     });
 }
 
+/** Appends a number to a block by nothing but the steps that this takes. */
+class Writer {
+public:
+    virtual ~Writer() = default;
+
+    virtual void write(int number) {
+        if (m_block.size() - m_position < 4)
+            return;
+        storeInt(m_block.data() + m_position, static_cast<unsigned int>(number));
+        m_position += 4;
+    }
+
+    void rewind() { m_position = 0; }
+
+private:
+    Block m_block = Block(cBytes);
+    std::size_t m_position = 0;
+};
+
+/**
+ * The limit of anything that is called through an interface once per number: a virtual call, and a position
+ * that is in memory between two calls, where the loop above keeps it in a register.
+ */
+void addCallLimit() {
+    addFunction("numbers-write", "virtual-call", cNumbers, [] {
+        return [writer = std::make_shared<Writer>()] {
+            Writer* target = writer.get();
+            target->rewind();
+            // The compiler must not guess the function and inline it.
+            void (Writer::*write)(int) = &Writer::write;
+            benchmark::DoNotOptimize(write);
+            for (int number = 0; number < cNumbers; ++number)
+                (target->*write)(number);
+        };
+    });
+}
+
 void addVornnet() {
     addFunction("numbers-write", "vornnet", cNumbers, [] {
         return [buffer = std::make_shared<VornNet::VornBufferConnection>()] {
@@ -132,6 +169,7 @@ void addPoco() {
 
 void addTypedNumbers() {
     addLimit();
+    addCallLimit();
     addVornnet();
 #ifdef BENCH_WITH_THRIFT
     addThrift<ThriftProtocol, VirtualThrift>("thrift-virtual");
