@@ -37,7 +37,10 @@ public:
     /** @return 0, then 1, 2, ...; ids are not used again. */
     int getNewId();
 
-    /** Registers a callback under its id in the place of one that is there; it must not be empty. */
+    /**
+     * Registers a callback under its id in the place of one that is there, which is let go of first; it must
+     * not be empty.
+     */
     void add(VornSmartPointer<VornNotificationCallback> spCallback);
 
     /** @return the callback of that id, or an empty pointer. */

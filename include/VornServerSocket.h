@@ -36,7 +36,10 @@ public:
      */
     VornServerSocket(int nPort, int nBacklog, const VornString& sBindAddress);
 
-    /** Closes the server. */
+    /**
+     * Closes the server. A thread that is waiting is sent away first; whoever destroys must know that it
+     * waits already, for one that comes to wait later finds no server any more.
+     */
     ~VornServerSocket() override;
 
     /** Polls every millisecond until another thread's wait has bound the port. */

@@ -35,7 +35,10 @@ public:
      */
     VornUDPServerSocket(int nPort, const VornString& sBindAddress, unsigned int nBufferSize);
 
-    /** Closes the server. */
+    /**
+     * Closes the server. A thread that is waiting is sent away first; whoever destroys must know that it
+     * waits already, for one that comes to wait later finds no server any more.
+     */
     ~VornUDPServerSocket() override;
 
     /** Closes the socket, ends another thread's wait and sends the wake-up datagram. */

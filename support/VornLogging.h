@@ -39,7 +39,8 @@ private:
  * admitted but by the program's will.
  *
  * Thread-safety: every operation may be called from any thread; records do not interleave. A record opened
- * while another one of the same thread is still open is written by itself.
+ * while another one of the same thread is still open is written by itself; one that never sees its endrecord
+ * (what was to be written threw) is kept, and comes out with a later endrecord of its thread or not at all.
  * Blocking: the default output blocks as write(2) on standard error does; a handler is called under a lock,
  * one record at a time.
  * Ownership: the handler is copied and lives until it is replaced.
