@@ -90,9 +90,20 @@ void addCallLimit() {
     });
 }
 
+/** Might have overridden any operation that a typed write consists of, so each of them is called. */
+class Derived : public VornNet::VornBufferConnection {};
+
 void addVornnet() {
     addFunction("numbers-write", "vornnet", cNumbers, [] {
         return [buffer = std::make_shared<VornNet::VornBufferConnection>()] {
+            BufferRewind::writing(*buffer);
+            VornNet::VornConnection& connection = *buffer;
+            for (int number = 0; number < cNumbers; ++number)
+                connection.transfer(number);
+        };
+    });
+    addFunction("numbers-write", "vornnet-derived", cNumbers, [] {
+        return [buffer = std::make_shared<Derived>()] {
             BufferRewind::writing(*buffer);
             VornNet::VornConnection& connection = *buffer;
             for (int number = 0; number < cNumbers; ++number)

@@ -1,0 +1,128 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+"""The plots, as small SVG files that are the same for the same numbers."""
+
+import html
+import math
+
+from results import OURS, SCALES, WORKLOADS, scale_lines
+from tables import number
+
+LICENSE = (
+    # In two pieces, or it would be taken for a mark of this file.
+    "<!-- SPDX-FileCopyrightText: 2026 The vornnet authors -->\n<!-- SPDX-License" "-Identifier: Apache-2.0 -->\n"
+)
+STYLE = 'text { font: 13px "DejaVu Sans", Verdana, sans-serif; fill: #1f2d3d; } .small { font-size: 11px; }'
+OUR_COLOUR, OTHER_COLOUR, BAR_COLOUR, GRID_COLOUR = "#2266bb", "#8899aa", "#aa0000", "#d5dae0"
+LINE_COLOURS = ["#555f6b", "#2266bb", "#cc7722", "#338855"]
+WIDTH = 720
+
+
+class Drawing:
+    def __init__(self, title, height):
+        self.height = height
+        self.title = html.escape(title)
+        self.elements = []
+        self.text(WIDTH / 2, 20, title, anchor="middle")
+
+    def add(self, element):
+        self.elements.append(element)
+
+    def text(self, x, y, text, anchor="start", kind="", turned=False):
+        turn = f' transform="rotate(-90 {x:.1f} {y:.1f})"' if turned else ""
+        kind = f' class="{kind}"' if kind else ""
+        self.add(f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}"{kind}{turn}>{html.escape(text)}</text>')
+
+    def line(self, x1, y1, x2, y2, colour, more=""):
+        self.add(f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}"{more}/>')
+
+    def rectangle(self, x, y, width, height, colour):
+        self.add(f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" height="{height:.1f}" fill="{colour}"/>')
+
+    def write(self, path):
+        size = f'viewBox="0 0 {WIDTH} {self.height}" width="{WIDTH}" height="{self.height}"'
+        lines = [f'{LICENSE}<svg xmlns="http://www.w3.org/2000/svg" {size} role="img">', f"<title>{self.title}</title>"]
+        lines += [f"<style>{STYLE}</style>", f'<rect width="{WIDTH}" height="{self.height}" fill="#ffffff"/>']
+        path.write_text("\n".join(lines + self.elements) + "\n</svg>\n")
+
+
+def plot_ratios(path, workload, result):
+    """A bar for each contender, with a whisker from the lower quartile to the upper."""
+    left, right, top, row_height = 150, WIDTH - 70, 34, 26
+    contenders = result["contenders"]
+    bottom = top + row_height * len(contenders)
+    most = max(max(row["ratio"]["upper"] for row in contenders.values()), workload.get("bar", 1))
+    is_logarithmic = most > 50
+
+    def place(ratio):
+        share = math.log(max(ratio, 0.5) / 0.5) / math.log(most / 0.5) if is_logarithmic else ratio / most
+        return left + share * (right - left)
+
+    drawing = Drawing(workload["title"], bottom + 30)
+    for at, (contender, row) in enumerate(contenders.items()):
+        ratio, y = row["ratio"], top + row_height * at
+        drawing.text(left - 8, y + 17, contender, anchor="end")
+        colour = OUR_COLOUR if contender.startswith(OURS) else OTHER_COLOUR
+        drawing.rectangle(left, y + 4, place(ratio["median"]) - left, row_height - 8, colour)
+        drawing.line(place(ratio["lower"]), y + 13, place(ratio["upper"]), y + 13, "#000000", ' stroke-width="3"')
+        end = place(ratio["upper"])
+        if end < place(workload.get("bar", 0)) < end + 40:
+            end = place(workload["bar"])  # so that the line does not cross the number
+        drawing.text(end + 6, y + 17, number(ratio["median"]), kind="small")
+    drawing.line(place(1), top, place(1), bottom, "#000000")
+    if "bar" in workload:
+        drawing.line(place(workload["bar"]), top, place(workload["bar"]), bottom, BAR_COLOUR, ' stroke-dasharray="5 3"')
+    legend = "times the limit" + (", logarithmic" if is_logarithmic else "")
+    legend += f"; dashed: the bar, {workload['bar']:g}" if "bar" in workload else ""
+    drawing.text(left, bottom + 20, legend, kind="small")
+    drawing.write(path)
+
+
+def axis(values, low, high):
+    """Returns the place of a value on a logarithmic axis from low to high, and the decades on it."""
+    first, last = math.floor(math.log10(min(values))), math.ceil(math.log10(max(values)))
+    last = max(last, first + 1)
+
+    def place(value):
+        return low + (math.log10(value) - first) / (last - first) * (high - low)
+
+    return place, [10.0**exponent for exponent in range(first, last + 1)]
+
+
+def plot_scale(path, workload, rounds):
+    """A line for each contender, both axes logarithmic."""
+    left, right, top, bottom = 90, WIDTH - 30, 36, 350
+    title, unit = SCALES[workload]
+    cheapest, lines = scale_lines(rounds)
+    across, marks_across = axis([place for points in lines.values() for place in points], left, right)
+    up, marks_up = axis([cost for points in lines.values() for cost in points.values()], bottom, top)
+    drawing = Drawing(title, bottom + 66)
+    for mark in marks_across:
+        drawing.line(across(mark), top, across(mark), bottom, GRID_COLOUR)
+        drawing.text(across(mark), bottom + 16, f"{mark:,.0f}", anchor="middle", kind="small")
+    for mark in marks_up:
+        drawing.line(left, up(mark), right, up(mark), GRID_COLOUR)
+        drawing.text(left - 6, up(mark) + 4, f"{mark:,g}" if mark < 1e6 else f"{mark:.0e}", anchor="end", kind="small")
+    drawing.text((left + right) / 2, bottom + 34, unit, anchor="middle", kind="small")
+    label = f"cost per unit, times the limit's at {cheapest:,} {unit}"
+    drawing.text(16, (top + bottom) / 2, label, anchor="middle", kind="small", turned=True)
+    for at, (contender, points) in enumerate(lines.items()):
+        colour = LINE_COLOURS[at]
+        places = " ".join(f"{across(place):.1f},{up(cost):.1f}" for place, cost in points.items())
+        drawing.add(f'<polyline points="{places}" fill="none" stroke="{colour}" stroke-width="2"/>')
+        for place, cost in points.items():
+            drawing.add(f'<circle cx="{across(place):.1f}" cy="{up(cost):.1f}" r="3" fill="{colour}"/>')
+        drawing.rectangle(left + 150 * at, bottom + 48, 14, 5, colour)
+        drawing.text(left + 150 * at + 20, bottom + 55, contender, kind="small")
+    drawing.write(path)
+
+
+def plot_all_ratios(directory, results):
+    for workload in WORKLOADS:
+        if workload["name"] in results:
+            plot_ratios(directory / f"{workload['name']}.svg", workload, results[workload["name"]])
+
+
+def plot_all_scales(directory, rounds_of):
+    for workload, rounds in rounds_of.items():
+        plot_scale(directory / f"{workload}.svg", workload, rounds)

@@ -1,0 +1,83 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+"""Puts stored results into docs/performance.md.
+
+What stands there between "<!-- measured: NAME -->" and "<!-- measured end -->" is replaced; the rest is written by
+hand. Nothing is measured here.
+"""
+
+import json
+import re
+import sys
+
+import plots
+import tables
+from results import HERE, SCALES, WORKLOADS, evaluate
+
+PAGE = HERE.parent / "docs" / "performance.md"
+PLOTS = PAGE.parent / "performance"
+FEWEST_ROUNDS = 5
+
+
+def load(directory, name):
+    """Returns what is stored under that name, or nothing."""
+    path = directory / name
+    if not path.exists():
+        return None
+    stored = json.loads(path.read_text())
+    rounds = min(len(rounds) for rounds in stored["rounds"].values())
+    if rounds < FEWEST_ROUNDS:
+        sys.exit(f"{path}: {rounds} rounds are too few to claim anything from; {FEWEST_ROUNDS} are needed")
+    return stored
+
+
+def made_at(stored):
+    return [tables.made_at(stored["machine"], min(len(rounds) for rounds in stored["rounds"].values()))]
+
+
+def ratio_blocks(stored):
+    """Returns {name: lines}."""
+    results = evaluate(stored)
+    blocks = {"ratios": made_at(stored) + [""] + tables.summary(results), "calls": tables.call_names(results)}
+    for workload in WORKLOADS:
+        if "contenders" in workload and workload["name"] in results:
+            blocks[workload["name"]] = tables.advice(results, workload["name"])
+    blocks["plots"] = [
+        line for workload in WORKLOADS if workload["name"] in results
+        for line in (f"![{workload['title']}](performance/{workload['name']}.svg)", "")
+    ][:-1]
+    return blocks
+
+
+def scale_blocks(stored):
+    blocks = {"scale": made_at(stored)}
+    for workload, rounds in stored["rounds"].items():
+        image = f"![{SCALES[workload][0]}](performance/{workload}.svg)"
+        blocks[workload] = tables.scale(workload, rounds) + ["", image]
+    return blocks
+
+
+def put(page, blocks):
+    """Returns the page with the blocks in their places; each has to have one."""
+    for name, lines in blocks.items():
+        place = re.compile(rf"(<!-- measured: {name} -->\n).*?(<!-- measured end -->)", re.DOTALL)
+        text = "\n".join(lines) + "\n"
+        page, found = place.subn(lambda match, text=text: match.group(1) + text + match.group(2), page)
+        if found != 1:
+            sys.exit(f"the page has {found} places for {name}")
+    return page
+
+
+def publish(directory):
+    ratios, scale = load(directory, "results.json"), load(directory, "scale.json")
+    if ratios is None and scale is None:
+        sys.exit(f"{directory} holds no results; measure first")
+    PLOTS.mkdir(exist_ok=True)
+    page = PAGE.read_text()
+    if ratios:
+        page = put(page, ratio_blocks(ratios))
+        plots.plot_all_ratios(PLOTS, evaluate(ratios))
+    if scale:
+        page = put(page, scale_blocks(scale))
+        plots.plot_all_scales(PLOTS, scale["rounds"])
+    PAGE.write_text(page)
