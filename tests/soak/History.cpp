@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "History.h"
 
+#include <VornSleep.h>
+
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -10,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iterator>
+#include <system_error>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,8 +24,15 @@ namespace {
 int historyFile = -1;
 
 int entriesOf(const char* directory) {
-    const std::filesystem::directory_iterator entries{directory};
-    return static_cast<int>(std::distance(begin(entries), end(entries)));
+    for (;;) {
+        std::error_code error;
+        const std::filesystem::directory_iterator entries{directory, error};
+        if (!error)
+            return static_cast<int>(std::distance(begin(entries), end(entries)));
+        if (error != std::errc::too_many_files_open)
+            throw std::filesystem::filesystem_error("Belongings", error);
+        VornSupport::VornSleep(10); // the soak has used the descriptors up, and gives them back
+    }
 }
 
 } // namespace
