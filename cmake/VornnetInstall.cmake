@@ -1,7 +1,8 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
 
-# Components: `runtime` is what programs need to run, `development` what is needed to build them.
+# Components: `runtime` is what programs need to run, `development` what is needed to build them, `tools` the
+# command-line tool (see tools/), `documentation` all that is there to be read.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS vornsupt vornnet EXPORT vornnet-targets
@@ -35,3 +36,26 @@ foreach(library IN ITEMS vornsupt vornnet)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${pc_dir} COMPONENT development)
 endforeach()
+
+# Who may use pipes, and where they are; named after the library's soname, so that another one can be beside it.
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.sysusers
+    DESTINATION lib/sysusers.d RENAME libvornnet1.conf COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.tmpfiles
+    DESTINATION lib/tmpfiles.d RENAME libvornnet1.conf COMPONENT runtime)
+
+# Chapters are looked for when they are installed, and so is what script/docs renders: a site and manual pages.
+set(VORNNET_DOCS_DIR ${PROJECT_SOURCE_DIR}/build/docs CACHE PATH "Where script/docs has put what it renders")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg"
+    PATTERN behaviour EXCLUDE PATTERN man EXCLUDE PATTERN site EXCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
+    FILES_MATCHING PATTERN "*.cpp" PATTERN "*.h" PATTERN CMakeLists.txt)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation OPTIONAL
+    PATTERN "*.md5" EXCLUDE PATTERN "*.map" EXCLUDE)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT documentation OPTIONAL
+    FILES_MATCHING PATTERN "*.3" PATTERN "*.7")
+
+if(VORNNET_PACKAGING)
+    include(VornnetPackages)
+endif()

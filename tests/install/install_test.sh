@@ -34,12 +34,29 @@ expected_files() {
     for component in "$@"; do
         sed -n "s|^$component  *||p" "$source/tests/install/files.txt"
     done | sed "s|^LIBDIR|$libdir|; s|CONFIGURATION|${configuration:-noconfig}|" | while read -r file; do
-        if [ "$file" = HEADERS ]; then
+        case $file in
+        HEADERS)
             find "$source/include" "$source/support" -name '*.h' ! -name SystemCalls.h ! -name Cancellation.h \
                 -printf "$includedir/vornnet/%f\n"
-        else
-            echo "$file"
-        fi
+            ;;
+        MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
+        PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
+        CHAPTERS)
+            find "$source/docs" \( -name behaviour -o -name man -o -name site \) -prune -o \( -name '*.md' -o -name '*.svg' \) \
+                -printf 'share/doc/vornnet/%P\n'
+            ;;
+        EXAMPLES)
+            find "$source/examples" \( -name '*.cpp' -o -name '*.h' -o -name CMakeLists.txt \) \
+                -printf 'share/doc/vornnet/examples/%P\n'
+            ;;
+        RENDERED)
+            rendered=$(cached VORNNET_DOCS_DIR)
+            [ ! -d "$rendered/html" ] || find "$rendered/html" ! -type d ! -name '*.md5' ! -name '*.map' \
+                -printf "share/doc/vornnet/html/%P\n"
+            [ ! -d "$rendered/man" ] || find "$rendered/man" -name '*.[37]' -printf 'share/man/%P\n'
+            ;;
+        *) echo "$file" ;;
+        esac
     done | sort
 }
 
@@ -50,10 +67,14 @@ compare_files() {
 }
 
 check_files() {
-    install_component runtime
-    compare_files runtime
-    install_component development
-    compare_files runtime development
+    components=
+    for component in runtime development tools documentation; do
+        [ "$component" != tools ] || [ "$(cached VORNNET_BUILD_TOOLS)" = ON ] || continue
+        components="$components $component"
+        install_component "$component"
+        # shellcheck disable=SC2086 # each is a word
+        compare_files $components
+    done
     # Only the libraries' debug information may say where they were built.
     if grep -rIn -e "$source" -e "$build" -e "$work" "$work/as-installed"; then
         echo "names a place of this build"

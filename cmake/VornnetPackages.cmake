@@ -1,0 +1,132 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+
+# Debian packages of the four components, and one each with the debug symbols of those that have programs.
+# script/package is what to call; it sets the time that goes into them and adds the bill of materials.
+set(packaging_dir ${PROJECT_SOURCE_DIR}/packaging)
+set(VORNNET_CHANGELOG ${packaging_dir}/changelog CACHE FILEPATH "Debian changelog, which names the packages' version")
+set(work_dir ${PROJECT_BINARY_DIR}/packaging)
+
+file(STRINGS ${VORNNET_CHANGELOG} first_line LIMIT_COUNT 1)
+if(NOT first_line MATCHES "^vornnet \\(${PROJECT_VERSION}-([0-9a-z.+~]+)\\) ")
+    message(FATAL_ERROR "${VORNNET_CHANGELOG} begins with another version than ${PROJECT_VERSION}: ${first_line}")
+endif()
+set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_1})
+
+set(package_of_runtime libvornnet1)
+set(package_of_development libvornnet-dev)
+set(package_of_tools vornnet-tools)
+set(package_of_documentation vornnet-doc)
+
+# What every package has for itself beside its component.
+foreach(component IN ITEMS runtime development tools documentation)
+    set(package ${package_of_${component}})
+    set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/${package})
+    install(FILES ${packaging_dir}/copyright DESTINATION ${doc_dir} COMPONENT ${component})
+    install(FILES ${VORNNET_CHANGELOG} DESTINATION ${doc_dir} RENAME changelog.Debian COMPONENT ${component})
+    install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${doc_dir} RENAME changelog
+        COMPONENT ${component})
+endforeach()
+install(FILES ${packaging_dir}/vornnet-doc.doc-base DESTINATION ${CMAKE_INSTALL_DATADIR}/doc-base
+    RENAME vornnet-doc.vornnet COMPONENT documentation)
+# It describes the packages' files as they are in the packages, so packages without it are made first.
+install(FILES ${work_dir}/vornnet.spdx.json DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libvornnet1
+    COMPONENT runtime OPTIONAL)
+
+# The maintainer scripts must be executable and have these very names; the symbols file comes from finish.cmake.
+file(MAKE_DIRECTORY ${work_dir})
+set(control_of_runtime ${work_dir}/symbols)
+foreach(file IN ITEMS postinst postrm)
+    file(COPY_FILE ${packaging_dir}/libvornnet1.${file} ${work_dir}/${file})
+    file(CHMOD ${work_dir}/${file} PERMISSIONS
+        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    list(APPEND control_of_runtime ${work_dir}/${file})
+endforeach()
+foreach(file IN ITEMS shlibs triggers)
+    file(COPY_FILE ${packaging_dir}/libvornnet1.${file} ${work_dir}/${file})
+    list(APPEND control_of_runtime ${work_dir}/${file})
+endforeach()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+    ${VORNNET_CHANGELOG}
+    ${packaging_dir}/libvornnet1.postinst
+    ${packaging_dir}/libvornnet1.postrm
+    ${packaging_dir}/libvornnet1.shlibs
+    ${packaging_dir}/libvornnet1.triggers)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME vornnet)
+set(CPACK_PACKAGE_VENDOR "The vornnet authors")
+set(CPACK_PACKAGE_CONTACT "The vornnet authors <authors@vornnet.example>")
+set(CPACK_PACKAGE_HOMEPAGE_URL ${PROJECT_HOMEPAGE_URL})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_COMPONENTS_ALL runtime development tools documentation)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${packaging_dir}/finish.cmake)
+set(CPACK_VORNNET_SYMBOLS ${packaging_dir}/libvornnet1.symbols)
+set(CPACK_VORNNET_SYMBOLS_RESULT ${work_dir}/symbols)
+set(CPACK_VORNNET_LIBDIR ${CMAKE_INSTALL_LIBDIR})
+set(CPACK_VORNNET_SOURCE_DIR ${PROJECT_SOURCE_DIR})
+set(CPACK_VORNNET_BINARY_DIR ${PROJECT_BINARY_DIR})
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SOURCE vornnet)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+# The libraries that programs of this tree are linked with are in packages that do not exist yet.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/support)
+
+# CPack indents the lines and marks the empty ones. The project's own summary would come before each.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(what "vornnet carries typed values between processes over local pipes, TCP, UDP and
+memory, and notifications from services to callbacks in their clients.")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${package_of_runtime})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control_of_runtime})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "adduser | systemd-sysusers")
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "typed connections and notifications between processes
+${what}
+
+This package contains both shared libraries, and sets up the group vorn and
+the directory of local pipes.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS vornnet-doc)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "typed connections and notifications between processes - headers
+${what}
+
+This package contains the headers and what CMake and pkg-config need to find
+the libraries.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${package_of_tools})
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOLS_DEBUGINFO_PACKAGE ON)
+set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "typed connections and notifications between processes - tool
+${what}
+
+This package contains the program vornnet, with which callback sinks,
+notifications, connections and servers can be tried from the shell, and which
+finds out why a notification does not arrive. It also contains printers for gdb
+and a dissector for Wireshark.")
+
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME ${package_of_documentation})
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "typed connections and notifications between processes - manual
+${what}
+
+This package contains the manual, the reference of all classes, manual pages
+and the examples.")
+
+include(CPack)

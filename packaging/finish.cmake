@@ -1,0 +1,38 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+
+# Run by CPack over the directories it is about to make packages of, one per component.
+cmake_minimum_required(VERSION 3.25)
+
+function(run)
+    execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+set(root_of_runtime ${CPACK_TEMPORARY_DIRECTORY}/runtime)
+set(library_dir ${root_of_runtime}/usr/${CPACK_VORNNET_LIBDIR})
+
+# A symbol that came or went without the stored file being changed stops here.
+run(dpkg-gensymbols -plibvornnet1 -v${CPACK_PACKAGE_VERSION} -P${root_of_runtime} -I${CPACK_VORNNET_SYMBOLS}
+    -O${CPACK_VORNNET_SYMBOLS_RESULT} -c4
+    -e${library_dir}/libvornnet.so.${CPACK_PACKAGE_VERSION}
+    -e${library_dir}/libvornsupt.so.${CPACK_PACKAGE_VERSION})
+
+file(GLOB_RECURSE pages ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*)
+file(GLOB texts
+    ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog
+    ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog.Debian
+    ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/vornnet.spdx.json)
+foreach(file IN LISTS pages texts)
+    # Without the name and the time of the file, which would differ with each build.
+    run(gzip -9nf ${file})
+endforeach()
+
+file(GLOB_RECURSE programs
+    ${library_dir}/*.so.${CPACK_PACKAGE_VERSION}
+    ${CPACK_TEMPORARY_DIRECTORY}/tools/usr/bin/*)
+foreach(program IN LISTS programs)
+    run(objcopy --remove-section=.comment --remove-section=.note ${program})
+endforeach()
+
+# CPack takes the times of files from the files.
+run(find ${CPACK_TEMPORARY_DIRECTORY} -exec touch --no-dereference --date=@$ENV{SOURCE_DATE_EPOCH} {} +)
