@@ -1,38 +1,56 @@
 #!/usr/bin/env python3
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Compares docs/errors.md with the texts in the sources, both ways: check_texts.py SOURCE_TREE"""
+"""Compares docs/errors.md with the sources, both ways: check_texts.py SOURCE_TREE
+
+Every text of an exception or a log record stands on the page and the other way round, a record with the level at which
+it is written; and no other page quotes a text that there is not.
+"""
 import pathlib
 import re
 import sys
 
-tree = pathlib.Path(sys.argv[1])
-literal = re.compile(r'"((?:[^"\\]|\\.)*)"')
-begins = re.compile(r"(Vorn[A-Za-z]+::|HTTPRequest::|vnet::|VornUnable\w+ - )")
+sys.dont_write_bytecode = True  # the source tree stays as it is
+import source_texts  # noqa: E402
+
+ROW = re.compile(r"^\|(?: (\d+) \|)? `([^`\n]*)` \|", re.M)
+QUOTED = re.compile(r"`((?:Vorn[A-Za-z]+|HTTPRequest|vnet)::[^`\n]*)`")
 
 
-def texts_in_sources():
-    """The literals that begin a text; neighbours that the compiler joins are joined."""
-    for path in sorted(tree.glob("src/*.cpp")) + sorted(tree.glob("support/*.cpp")):
-        source = re.sub(r'^#include.*$', "", path.read_text(), flags=re.M)
-        source = re.sub(r'"\s*\n\s*"', "", source)
-        for match in literal.finditer(source):
-            if begins.match(match.group(1)):
-                yield match.group(1)
+def texts_on(page):
+    """{text: level} of the rows; an exception has no level."""
+    rows = ROW.findall(page.replace("\\|", "|"))
+    return {text: int(level) if level else None for level, text in rows if source_texts.BEGINS.match(text)}
 
 
-page = (tree / "docs/errors.md").read_text().replace("\\|", "|").replace("&lt;", "<").replace("&gt;", ">")
-documented = [text for text in re.findall(r"`([^`\n]*)`", page) if begins.match(text)]
-pieces = [re.split(r"\.\.\.", text) for text in documented]
-known = sorted(set(texts_in_sources()))
+def same(shown, text):
+    """Whether the shown text begins as the text does; "..." is what is filled in."""
+    shown, text = shown.split("...")[0], text.split("...")[0]
+    return shown.startswith(text) or text.startswith(shown)
 
-undocumented = [text for text in known
-                if not any(whole.startswith(text.rstrip("(")) or text in whole for whole in documented)]
-unknown = [whole for whole, parts in zip(documented, pieces)
-           if not any(text.startswith(parts[0][:40]) or parts[0].startswith(text) for text in known)]
-for text in undocumented:
-    print(f"in the sources, not in docs/errors.md: {text!r}")
-for text in unknown:
-    print(f"in docs/errors.md, not in the sources: {text!r}")
-print(f"{len(known)} texts in the sources, {len(documented)} in docs/errors.md")
-sys.exit(1 if undocumented or unknown else 0)
+
+def differences(known, shown):
+    for text in sorted(set(known) | set(shown)):
+        if text not in shown:
+            yield f"in the sources, not in docs/errors.md: {text!r}"
+        elif text not in known:
+            yield f"in docs/errors.md, not in the sources: {text!r}"
+        elif known[text] != shown[text]:
+            yield f"docs/errors.md says level {shown[text]}, the sources {known[text]}: {text!r}"
+
+
+def main(tree):
+    texts = source_texts.texts_in_sources(tree)
+    known = {text.shown: text.level for text in texts}
+    shown = texts_on((tree / "docs/errors.md").read_text())
+    problems = [*source_texts.overlooked(tree, texts), *differences(known, shown)]
+    for document in sorted(tree.glob("docs/*.md")) + [tree / "README.md"]:
+        for quoted in QUOTED.findall(document.read_text().replace("\\|", "|")):
+            if ": " in quoted and not any(same(quoted, text) for text in known):
+                problems.append(f"{document.name} quotes what is not in the sources: {quoted!r}")
+    levels = sum(level is not None for level in known.values())
+    print("\n".join(problems + [f"{len(known)} texts in the sources, {len(shown)} on the page, {levels} levels"]))
+    return 1 if problems else 0
+
+
+sys.exit(main(pathlib.Path(sys.argv[1])))

@@ -1,0 +1,90 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+"""Checks how the manual hangs together: check_chapters.py SOURCE_TREE
+
+Every chapter stands in docs/index.md once; every link leads somewhere; threads.md speaks of every public class; a test
+that is named is there; the diagrams are what docs/diagrams/draw.py draws.
+"""
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
+TEST_NAME = re.compile(r"`((?:\w+)\.(?:[A-Z]\w*_?\w+))`")
+
+
+def prose(text):
+    """The text without fenced blocks."""
+    return re.sub(r"^\s*```.*?^\s*```\s*$", "", text, flags=re.M | re.S)
+
+
+def anchors(text):
+    """As GitHub makes them of headings."""
+    headings = re.findall(r"^#+ (.*)$", prose(text), re.M)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+def check_links(tree, pages):
+    for page in pages:
+        for link in LINK.findall(prose(page.read_text())):
+            if re.match(r"\w+:", link):
+                continue
+            path, _, anchor = link.partition("#")
+            target = (page.parent / path).resolve() if path else page
+            if not target.exists():
+                yield f"{page.name}: the link {link} leads nowhere"
+            elif anchor and anchor not in anchors(target.read_text()):
+                yield f"{page.name}: there is no heading for the link {link}"
+
+
+def check_index(tree):
+    index = (tree / "docs/index.md").read_text()
+    listed = re.findall(r"^\d+\. \[[^\]]*\]\(([\w-]+\.md)\)", index, re.M)
+    chapters = sorted(page.name for page in (tree / "docs").glob("*.md") if page.name != "index.md")
+    if sorted(listed) != chapters:
+        yield f"index.md lists {sorted(set(listed) ^ set(chapters))} and the directory does not, or the other way round"
+
+
+def check_classes(tree):
+    table = (tree / "docs/threads.md").read_text()
+    for folder in ("include", "support"):
+        for header in sorted((tree / folder).glob("*.h")):
+            for name in re.findall(r"^class (?:VORN\w+_API )?(\w+)[^;]*\{", header.read_text(), re.M):
+                if f"`{name}`" not in table:
+                    yield f"threads.md does not speak of {name}"
+
+
+def check_test_names(tree, pages):
+    tests = {f"{suite}.{name}" for source in (tree / "tests").rglob("*.cpp")
+             for suite, name in re.findall(r"^TEST(?:_[FP])?\((\w+),\s*(\w+)", source.read_text(), re.M)}
+    for page in pages:
+        for name in TEST_NAME.findall(prose(page.read_text())):
+            if "_" in name and name not in tests:
+                yield f"{page.name}: there is no test {name}"
+
+
+def check_diagrams(tree):
+    with tempfile.TemporaryDirectory() as folder:
+        subprocess.run([tree / "docs/diagrams/draw.py", folder], check=True)
+        drawn = {path.name: path.read_text() for path in pathlib.Path(folder).glob("*.svg")}
+    kept = {path.name: path.read_text() for path in (tree / "docs/diagrams").glob("*.svg")}
+    for name in sorted(set(drawn) | set(kept)):
+        if drawn.get(name) != kept.get(name):
+            yield f"docs/diagrams/{name} is not what draw.py draws"
+
+
+def main(tree):
+    pages = sorted((tree / "docs").glob("*.md")) + [tree / "README.md"]
+    problems = [*check_links(tree, pages), *check_index(tree), *check_classes(tree), *check_test_names(tree, pages),
+                *check_diagrams(tree)]
+    for problem in problems:
+        print(problem)
+    print(f"{len(pages)} pages, {len(problems)} problems")
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1]).resolve()))

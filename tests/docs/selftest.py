@@ -1,0 +1,196 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+"""Shows that the checks of the documents find what is wrong.
+
+selftest.py SOURCE_TREE [BUILD_DIRECTORY SANDBOX COMPILER]
+"""
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+HERE = pathlib.Path(__file__).resolve().parent
+TREE = pathlib.Path(sys.argv.pop(1)).resolve()
+BUILD, SANDBOX, COMPILER = (sys.argv.pop(1), sys.argv.pop(1), sys.argv.pop(1)) if len(sys.argv) > 3 else (None,) * 3
+
+
+def run(*command, **options):
+    return subprocess.run([str(word) for word in command], capture_output=True, text=True, check=False, **options)
+
+
+class Blocks(unittest.TestCase):
+    def outcome(self, *blocks):
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder) / "page.md"
+            page.write_text("".join(f"text\n\n```{info}\n{text}```\n" for info, text in blocks))
+            return run(SANDBOX, HERE / "check_blocks.py", page, BUILD, COMPILER)
+
+    def passes(self, *blocks):
+        result = self.outcome(*blocks)
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        return result.stdout
+
+    def fails(self, expected, *blocks):
+        result = self.outcome(*blocks)
+        self.assertEqual(result.returncode, 1, result.stdout + result.stderr)
+        self.assertIn(expected, result.stdout)
+
+    def test_unknown_kind(self):
+        self.fails("unknown kind", ("text", "anything\n"))
+        self.fails("unknown kind", ("", "anything\n"))
+
+    def test_declarations(self):
+        self.passes(("cpp", "VornString name();\n"))
+        self.fails("error", ("cpp", "Unknown name();\n"))
+
+    def test_declarations_behind_others(self):
+        self.passes(("cpp", "struct First {};\n"), ("cpp more", "First second();\n"))
+        self.fails("error", ("cpp", "struct First {};\n"), ("cpp", "First second();\n"))
+
+    def test_statements(self):
+        self.passes(("cpp body", "VornSleep(0);\n"))
+        self.fails("error", ("cpp", "VornSleep(0);\n"))
+
+    def test_program_and_its_output(self):
+        program = ("cpp run", '#include <cstdio>\nint main() { std::puts("one"); }\n')
+        self.passes(program, ("output", "one\n"))
+        self.fails("was printed", program, ("output", "two\n"))
+        self.fails("no program", ("output", "one\n"))
+
+    def test_excerpt(self):
+        self.passes(("cpp of=examples/service.cpp", "std::signal(SIGPIPE, SIG_IGN);\n"))
+        self.fails("stands nowhere", ("cpp of=examples/service.cpp", "std::signal(SIGPIPE, SIG_DFL);\n"))
+
+    def test_command_and_its_output(self):
+        self.passes(("console", "$ echo one; echo two\none\ntwo\n$ true\n"))
+        self.passes(("console", "$ echo one two three; echo four; echo five\none ... three\n...\nfive\n"))
+        self.fails("was printed", ("console", "$ echo one\ntwo\n"))
+        self.fails("was printed", ("console", "$ echo one\n"))
+        self.fails("exit status 3", ("console", "$ exit 3\n"))
+
+    def test_command_beside_others(self):
+        sink = ("console later", "$ vornnet sink --count 1\naddress pipe:quorax1f3a\nnotification 1: handle 0, id 5\n")
+        self.passes(sink, ("sh", "vornnet notify pipe:quorax1f3a 0 5\n"))
+        self.fails("id 6", sink, ("sh", "vornnet notify pipe:quorax1f3a 0 6\n"))
+
+    def test_command_that_is_interrupted(self):
+        self.passes(("console later", "$ vornnet serve pipe:one\nlistening at pipe:one\n^C\n"))
+
+    def test_bytes(self):
+        self.passes(("example", "int:1\n00 00 00 01\n"))
+        self.fails("encoded it is", ("example", "int:1\n00 00 00 02\n"))
+        self.passes(("example", "long:-1\nff ff ff ff 00 00 00 00\nlong:4294967295\n"))
+        self.fails("was printed", ("example", "long:-1\nff ff ff ff 00 00 00 00\n"))
+
+    def test_block_that_is_not_run(self):
+        self.assertIn("installs packages", self.passes(("sh not-run=packages", "apt-get install vornnet-tools\n")))
+        self.fails("not-run is for", ("sh not-run=laziness", "true\n"))
+        self.fails("syntax error", ("sh not-run=host", "if\n"))
+
+    def test_cmake(self):
+        self.passes(("cmake", "find_package(vornnet 1 CONFIG REQUIRED)\n"
+                              "target_link_libraries(program PRIVATE vornnet::vornnet)\n"))
+        self.fails("exit status", ("cmake", "find_package(vornnet 2 CONFIG REQUIRED)\n"))
+
+
+class Pages(unittest.TestCase):
+    """Checks of the whole tree, on a copy of what they look at."""
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.tree = pathlib.Path(self.folder.name)
+        for name in ("docs", "include", "support", "src", "examples", "tests"):
+            if name == "docs":
+                shutil.copytree(TREE / name, self.tree / name)
+            else:
+                (self.tree / name).symlink_to(TREE / name)
+        shutil.copy(TREE / "README.md", self.tree)
+
+    def tearDown(self):
+        self.folder.cleanup()
+
+    def change(self, page, old, new):
+        path = self.tree / "docs" / page
+        text = path.read_text()
+        self.assertIn(old, text)
+        path.write_text(text.replace(old, new, 1))
+
+    def finds(self, check, expected):
+        result = run(HERE / check, self.tree)
+        self.assertEqual(result.returncode, 1, result.stdout + result.stderr)
+        self.assertIn(expected, result.stdout)
+
+    def test_text_that_is_missing(self):
+        self.change("errors.md", "`VornServerSocket::init: failed to bind socket.`", "`x`")
+        self.finds("check_texts.py", "not in docs/errors.md")
+
+    def test_text_that_is_wrong(self):
+        self.change("errors.md", "VornPipeServer::init: failed to listen on bound pipe.", "VornPipeServer::init: no.")
+        self.finds("check_texts.py", "not in the sources")
+
+    def test_level_that_is_wrong(self):
+        self.change("errors.md", "| 9 | `VornPipeServer::close` |", "| 8 | `VornPipeServer::close` |")
+        self.finds("check_texts.py", "level 8")
+
+    def test_text_that_another_page_makes_up(self):
+        self.change("client.md", "## The end", "`VornConnection::get: failed to read`\n\n## The end")
+        self.finds("check_texts.py", "client.md quotes")
+
+    def test_link_that_leads_nowhere(self):
+        self.change("client.md", "(guarantees.md#ports-that-move)", "(guarantees.md#ports-that-stay)")
+        self.finds("check_chapters.py", "no heading")
+        self.change("client.md", "(guarantees.md#", "(nowhere.md#")
+        self.finds("check_chapters.py", "leads nowhere")
+
+    def test_chapter_that_is_not_listed(self):
+        (self.tree / "docs/more.md").write_text("# More\n")
+        self.finds("check_chapters.py", "more.md")
+
+    def test_class_without_a_word_on_threads(self):
+        self.change("threads.md", "`VornEvent`", "An event")
+        self.finds("check_chapters.py", "does not speak of VornEvent")
+
+    def test_test_that_is_not_there(self):
+        self.change("threats.md", "FailingSink.EmptyDatagram_EndsUdpSink", "FailingSink.EmptyDatagram_EndsNothing")
+        self.finds("check_chapters.py", "no test FailingSink.EmptyDatagram_EndsNothing")
+
+    def test_diagram_that_was_drawn_by_hand(self):
+        self.change("diagrams/road.svg", "connect", "join")
+        self.finds("check_chapters.py", "road.svg is not what draw.py draws")
+
+
+class Site(unittest.TestCase):
+    def doxygen(self, header):
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder) / "Widget.h"
+            path.write_text(header)
+            settings = (TREE / "docs/Doxyfile").read_text() + (
+                f"INPUT = {path}\nOUTPUT_DIRECTORY = {folder}\nUSE_MDFILE_AS_MAINPAGE =\nGENERATE_XML = NO\n")
+            return run("doxygen", "-", cwd=TREE, input=settings)
+
+    def test_public_name_without_a_comment(self):
+        widget = "/** A widget. */\nclass Widget {\npublic:\n    /** Opens it. */\n    void open();\n};\n"
+        documented = self.doxygen(widget)
+        self.assertEqual(documented.returncode, 0, documented.stderr)
+        bare = self.doxygen(widget.replace("    /** Opens it. */\n", ""))
+        self.assertNotEqual(bare.returncode, 0)
+        self.assertIn("is not documented", bare.stderr)
+
+    def test_link_that_leads_nowhere(self):
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder) / "page.html"
+            page.write_text('<a href="page.html#here">x</a><a id="here"></a>')
+            self.assertEqual(run(TREE / "docs/site/check_links.py", folder).returncode, 0)
+            page.write_text('<a href="page.html#there">x</a>')
+            self.assertIn("there is no place", run(TREE / "docs/site/check_links.py", folder).stdout)
+            page.write_text('<a href="other.html">x</a>')
+            self.assertIn("leads nowhere", run(TREE / "docs/site/check_links.py", folder).stdout)
+
+
+# What is not built cannot be run.
+cases = [Pages, Site] + ([Blocks] if BUILD else [])
+suite = unittest.TestSuite(unittest.defaultTestLoader.loadTestsFromTestCase(case) for case in cases)
+sys.exit(0 if unittest.TextTestRunner().run(suite).wasSuccessful() else 1)

@@ -1,0 +1,161 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+"""The texts that the libraries show, of exceptions and of log records, as the sources put them together."""
+
+import re
+import typing
+
+BEGINS = re.compile(r"(Vorn[A-Za-z]+::|HTTPRequest::|vnet::|VornUnable\w+ - )")
+TOKEN = re.compile(r'//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|\s+|\w+|.',
+                   re.S | re.M)
+LEVEL = re.compile(r"setloglevel\(VornLogging::(\w+)\)")
+JOINTS = set("<>,+?:()")
+
+
+class Text(typing.NamedTuple):
+    shown: str  # with "..." for what is filled in
+    level: typing.Optional[int]  # of a log record, none of an exception
+    source: str
+
+
+def tokens_of(source):
+    """The source without comments and spaces; texts that the compiler joins are one."""
+    tokens = []
+    for token in TOKEN.findall(source):
+        if token.isspace() or token.startswith(("//", "/*")) or token.lstrip().startswith("#"):
+            continue
+        if token[0] == '"' and tokens and tokens[-1][0] == '"':
+            tokens[-1] = tokens[-1][:-1] + token[1:]
+        else:
+            tokens.append(token)
+    return tokens
+
+
+def literal(token):
+    return re.sub(r"\\(.)", r"\1", token[1:-1])
+
+
+def begins_text(token):
+    return token[0] == '"' and BEGINS.match(literal(token)) is not None
+
+
+def statements(tokens):
+    statement = []
+    for token in tokens:
+        if token in (";", "{", "}"):
+            yield statement
+            statement = []
+        else:
+            statement.append(token)
+
+
+def shown(tokens):
+    """What the tokens print: texts as they are, everything else as "..."."""
+    result = []
+    for token in tokens:
+        if token == "endrecord":
+            break
+        piece = literal(token) if token[0] == '"' else "" if token in JOINTS else "..."
+        if piece and not (piece == "..." and result and result[-1] == "..." and token[0] != '"'):
+            result.append(piece)
+    return "".join(result)
+
+
+def alternatives(tokens):
+    """The texts that begin in the tokens: of a conditional, each with what is common to all."""
+    beginnings = [place for place, token in enumerate(tokens) if begins_text(token)]
+    for beginning in beginnings:
+        others = set(beginnings) - {beginning}
+        yield shown(token for place, token in enumerate(tokens) if place >= beginning and place not in others)
+
+
+def enclosing_call(tokens, place):
+    """(name, index of the first argument) of the call of which the token is an argument, if it is one."""
+    depth = 0
+    for index in range(place - 1, 0, -1):
+        depth += {")": 1, "(": -1}.get(tokens[index], 0)
+        if depth < 0 and re.fullmatch(r"\w+", tokens[index - 1]):
+            return tokens[index - 1], index + 1
+        depth = max(depth, 0)
+    return None, 0
+
+
+def arguments(tokens, start):
+    depth, found = 1, [[]]
+    for token in tokens[start:]:
+        depth += {"(": 1, ")": -1}.get(token, 0)
+        if depth == 0:
+            return found
+        if token == "," and depth == 1:
+            found.append([])
+        else:
+            found[-1].append(token)
+    return found
+
+
+class Helper:
+    """A function of a source that writes a record of what it is given."""
+
+    def __init__(self, match, levels):
+        self.level = levels[LEVEL.search(match.group("body")).group(1)]
+        self.parameters = re.findall(r"(\w+)(?:,|$)", match.group("parameters"))
+        tokens = tokens_of(match.group("body"))
+        after = tokens[tokens.index("setloglevel"):]
+        self.chain = after[after.index(")") + 1:after.index("endrecord")]
+
+    def record(self, given):
+        """The tokens of the record; a function that takes any number of pieces writes them in their order."""
+        if "pieces" in self.parameters:
+            return [token for argument in given for token in argument + [","]]
+        filled = dict(zip(self.parameters, given))
+        return [part for token in self.chain for part in filled.get(token, [token])]
+
+
+def helpers_of(source, levels):
+    pattern = r"^(?:template[^\n]*\n)?void (?P<name>\w+)\((?P<parameters>[^)]*)\) \{\n(?P<body>.*?)^\}"
+    return {match.group("name"): Helper(match, levels)
+            for match in re.finditer(pattern, source, re.S | re.M) if LEVEL.search(match.group("body"))}
+
+
+def levels_of(tree):
+    header = (tree / "support/VornLogging.h").read_text()
+    return {name: int(value) for name, value in re.findall(r"\b(c\w+) = (-?\d+)", header)}
+
+
+def texts_of_statement(statement, helpers, levels):
+    """(text, level) of each text that begins in the statement."""
+    place = next((place for place, token in enumerate(statement) if begins_text(token)), None)
+    if place is None:
+        return
+    name, start = enclosing_call(statement, place)
+    stream = LEVEL.search("".join(statement))
+    if name in helpers:
+        record = helpers[name].record(arguments(statement, start))
+        yield from ((text, helpers[name].level) for text in alternatives(record))
+    elif stream:
+        yield from ((text, levels[stream.group(1)]) for text in alternatives(statement))
+    else:
+        argument = arguments(statement, start)[0] if name == "VornException" else statement
+        yield from ((text, None) for text in alternatives(argument))
+
+
+def texts_in_sources(tree):
+    """Every text of both libraries; each once for each file and level."""
+    levels = levels_of(tree)
+    found = set()
+    for path in sorted(tree.glob("src/*.cpp")) + sorted(tree.glob("support/*.cpp")):
+        source = path.read_text()
+        helpers = helpers_of(source, levels)
+        for statement in statements(tokens_of(source)):
+            found |= {Text(text, level, path.name)
+                      for text, level in texts_of_statement(statement, helpers, levels)}
+    return sorted(found, key=lambda text: (text.source, text.shown))
+
+
+def overlooked(tree, texts):
+    """The literals that begin a text and are the beginning of none of the texts found."""
+    for path in sorted(tree.glob("src/*.cpp")) + sorted(tree.glob("support/*.cpp")):
+        for token in tokens_of(path.read_text()):
+            if begins_text(token) and not any(text.shown.startswith(literal(token)) for text in texts
+                                              if text.source == path.name):
+                yield f"{path}: a text that cannot be followed: {token}"

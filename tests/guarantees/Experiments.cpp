@@ -1,0 +1,194 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Experiments.h"
+
+#include "Posix.h"
+
+#include <algorithm>
+#include <set>
+#include <stdexcept>
+
+#include <VornException.h>
+#include <VornSleep.h>
+
+using namespace VornTest;
+
+namespace Guarantees {
+
+namespace {
+
+/// What a callback of the experiments has received; written on the sink's thread.
+struct Log {
+    std::mutex mutex;
+    std::vector<int> ids;
+    int broken = 0;
+};
+
+CallbackPointer addReader(VornNet::VornLibraryCallbackSink& sink, Log& log, const Callback& callback) {
+    return addCallback(sink, [&log, callback](auto& spConnection) {
+        std::string content;
+        try {
+            const int id = spConnection->receiveInt();
+            spConnection->receiveString();
+            const std::lock_guard lock(log.mutex);
+            log.ids.push_back(id);
+        } catch (const VornSupport::VornException&) {
+            const std::lock_guard lock(log.mutex);
+            ++log.broken;
+        }
+        if (callback.readsToEnd)
+            readToEnd(*spConnection);
+        VornSupport::VornSleep(callback.milliseconds);
+        return content;
+    });
+}
+
+void awaitServing(const WatchedSink& sink) {
+    if (!sink.awaitServing())
+        throw std::runtime_error("the sink does not wait for clients");
+}
+
+} // namespace
+
+int Delivery::lostSilently() const {
+    const std::set<int> arrived(received.begin(), received.end());
+    return static_cast<int>(std::count_if(sender.sent.begin(), sender.sent.end(),
+                                          [&arrived](int id) { return arrived.count(id) == 0; }));
+}
+
+Delivery deliver(Kind kind, Order order, const Callback& callback) {
+    enterFreshNetwork();
+    Log log;
+    WatchedSink sink(kind);
+    const CallbackPointer reader = addReader(*sink, log, callback);
+    awaitServing(sink);
+    Delivery result;
+    result.addressBefore = sink.address();
+    order.address = sink.address();
+    result.sender = sendFromOtherProcess(order);
+    awaitServing(sink); // what is still in the queue keeps it from waiting
+    result.addressAfter = sink.address();
+    sink.destroy();
+    result.received = log.ids;
+    result.broken = log.broken;
+    return result;
+}
+
+int movesInSequence(Kind kind, int count, const Order& each, const Callback& callback) {
+    enterFreshNetwork();
+    Log log;
+    WatchedSink sink(kind);
+    const CallbackPointer reader = addReader(*sink, log, callback);
+    int moves = 0;
+    for (int i = 0; i < count; ++i) {
+        awaitServing(sink);
+        const std::string address = sink.address();
+        Order order = each;
+        order.address = address;
+        sendFromOtherProcess(order);
+        if (!reader->awaitCalls(i + 1))
+            throw std::runtime_error("a single notification did not arrive");
+        awaitServing(sink);
+        moves += sink.address() != address ? 1 : 0;
+    }
+    return moves;
+}
+
+TwoSinks deliverToFirstOfTwo(Kind kind, int count) {
+    enterFreshNetwork();
+    Log firstLog;
+    Log secondLog;
+    WatchedSink first(kind, "first");
+    WatchedSink second(kind, "second");
+    const CallbackPointer firstReader = addReader(*first, firstLog, {});
+    const CallbackPointer secondReader = addReader(*second, secondLog, {});
+    const TwoSinks none{0, 0, first.address() == second.address()};
+    for (int i = 0; i < count; ++i) {
+        awaitServing(first);
+        awaitServing(second);
+        Order order;
+        order.address = first.address();
+        sendFromOtherProcess(order);
+    }
+    awaitServing(first);
+    awaitServing(second);
+    return {firstReader->calls(), secondReader->calls(), none.sameAddress};
+}
+
+int sentToStuckSink(Kind kind, int most) {
+    enterFreshNetwork();
+    Gate entered;
+    Gate mayReturn;
+    Outcome outcome;
+    WatchedSink sink(kind);
+    const CallbackPointer stuck = addCallback(*sink, [&](auto&) {
+        entered.open();
+        mayReturn.await();
+        return std::string();
+    });
+    awaitServing(sink);
+    Order order;
+    order.address = sink.address();
+    order.patience = 1;
+    const int sentBefore = static_cast<int>(sendFromOtherProcess(order).sent.size());
+    if (!entered.await())
+        throw std::runtime_error("the callback was not called");
+    int sent = sentBefore;
+    for (; sent < most; ++sent) {
+        outcome = sendFromOtherProcess(order);
+        if (outcome.sent.empty())
+            break;
+    }
+    mayReturn.open();
+    return sent;
+}
+
+Outcome sendToSilentHost() {
+    enterFreshNetwork();
+    // A full queue makes the kernel drop who knocks, as a packet filter does.
+    int port = 0;
+    const UniqueFd listener = tcpListen("127.0.0.1", port, 0);
+    const UniqueFd filler = tcpConnect("127.0.0.1", port);
+    Order order;
+    order.address = "socket:127.0.0.1:" + std::to_string(port);
+    return sendFromOtherProcess(order);
+}
+
+Ended endSink(Kind kind, Blow blow, int count) {
+    enterFreshNetwork();
+    WatchedSink sink(kind);
+    const CallbackPointer reader = addCallback(*sink, [](auto&) -> std::string {
+        throw VornSupport::VornException("a connection of its own was reset", ECONNRESET);
+    });
+    awaitServing(sink);
+    const Target target(sink.address());
+    Order order;
+    order.address = sink.address();
+    order.patience = 5; // for those that are sent to be sent, however busy the machine is
+    switch (blow) {
+    case Blow::emptyDatagram: {
+        int port = 0;
+        const UniqueFd socket = udpSocket("127.0.0.1", port);
+        udpSendTo(socket.get(), target.place, target.port, "");
+        break;
+    }
+    case Blow::reset: {
+        UniqueFd connection = connectToSink(sink.address());
+        if (!sink.awaitReading())
+            throw std::runtime_error("the sink does not read");
+        resetOnClose(connection.get());
+        connection.reset();
+        break;
+    }
+    case Blow::callbackThrows:
+        sendFromOtherProcess(order);
+        break;
+    }
+    Ended result;
+    result.ended = sink.awaitEnd();
+    order.count = count;
+    result.sender = sendFromOtherProcess(order);
+    return result;
+}
+
+} // namespace Guarantees

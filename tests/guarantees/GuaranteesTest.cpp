@@ -1,0 +1,217 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Experiments.h"
+#include "LeakCheckedTest.h"
+
+#include <algorithm>
+#include <csignal>
+#include <set>
+
+#include <gmock/gmock.h>
+
+using namespace Guarantees;
+using testing::AnyOf;
+using testing::Each;
+using testing::Eq;
+using testing::Key;
+
+/**
+ * @file
+ * What docs/guarantees.md claims, without its figures: those depend on the machine.
+ */
+namespace {
+
+class NotificationGuarantees : public VornTest::NotificationTest {};
+
+class NotificationGuaranteesOfAnyKind : public NotificationGuarantees,
+                                        public testing::WithParamInterface<Kind> {};
+
+std::string testName(const testing::TestParamInfo<Kind>& info) {
+    return VornTest::nameOf(info.param);
+}
+
+std::vector<int> sorted(std::vector<int> ids) {
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+constexpr int cBurst = 30;
+
+Order burst() {
+    Order order;
+    order.count = cBurst;
+    return order;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(All, NotificationGuaranteesOfAnyKind,
+                         testing::Values(Kind::pipe, Kind::socket, Kind::udp), testName);
+
+TEST_P(NotificationGuaranteesOfAnyKind, NotificationOfABurst_ArrivesAtMostOnce) {
+    const Delivery delivery = deliver(GetParam(), burst());
+    const std::set<int> different(delivery.received.begin(), delivery.received.end());
+    EXPECT_EQ(delivery.received.size(), different.size());
+    EXPECT_GE(delivery.received.size(), 1U);
+}
+
+TEST_P(NotificationGuaranteesOfAnyKind, NotificationsOfABurst_ArriveInTheirOrder) {
+    const Delivery delivery = deliver(GetParam(), burst());
+    EXPECT_EQ(delivery.received, sorted(delivery.received));
+}
+
+TEST_P(NotificationGuaranteesOfAnyKind, NotificationThatThrew_DoesNotArrive) {
+    const Delivery delivery = deliver(GetParam(), burst());
+    const std::set<int> sent(delivery.sender.sent.begin(), delivery.sender.sent.end());
+    for (const int id : delivery.received)
+        EXPECT_EQ(sent.count(id), 1U) << id;
+}
+
+TEST_P(NotificationGuaranteesOfAnyKind, NotificationOfABurst_IsReceivedLostOrRefused) {
+    const Delivery delivery = deliver(GetParam(), burst());
+    int refused = 0;
+    for (const auto& [code, count] : delivery.sender.refused)
+        refused += count;
+    EXPECT_EQ(static_cast<int>(delivery.received.size()) + delivery.lostSilently() + refused, cBurst);
+}
+
+TEST_P(NotificationGuaranteesOfAnyKind, SlowCallback_ReceivesEachAtMostOnce) {
+    Order order;
+    order.count = 20;
+    order.pauseMicros = 2000;
+    Callback slow;
+    slow.milliseconds = 10;
+    const Delivery delivery = deliver(GetParam(), order, slow);
+    const std::set<int> different(delivery.received.begin(), delivery.received.end());
+    EXPECT_EQ(delivery.received.size(), different.size());
+}
+
+TEST_F(NotificationGuarantees, RefusalOfAPipeThatReopens_PassesWithRetries) {
+    Order order = burst();
+    order.mostTries = 500;
+    EXPECT_THAT(deliver(Kind::pipe, order).sender.refused, testing::IsEmpty());
+}
+
+TEST_F(NotificationGuarantees, BurstOverPipe_IsRefusedByFourCodesOnly) {
+    const Delivery delivery = deliver(Kind::pipe, burst());
+    EXPECT_THAT(delivery.sender.refused,
+                Each(Key(AnyOf(Eq(ENOENT), Eq(ECONNREFUSED), Eq(EPIPE), Eq(ECONNRESET)))));
+}
+
+TEST_F(NotificationGuarantees, BurstOverTcp_IsRefusedByThreeCodesOnly) {
+    const Delivery delivery = deliver(Kind::socket, burst());
+    EXPECT_THAT(delivery.sender.refused, Each(Key(AnyOf(Eq(ECONNREFUSED), Eq(EPIPE), Eq(ECONNRESET)))));
+}
+
+TEST_F(NotificationGuarantees, BurstOverUdp_IsNeverRefused) {
+    const Delivery delivery = deliver(Kind::udp, burst());
+    EXPECT_EQ(delivery.sender.sent.size(), static_cast<std::size_t>(cBurst));
+}
+
+TEST_F(NotificationGuarantees, TcpSinkThatClosesFirst_MovesAtEachDelivery) {
+    Order each;
+    each.holdsForPeer = true;
+    EXPECT_EQ(movesInSequence(Kind::socket, 3, each, {false, 0}), 3);
+}
+
+TEST_F(NotificationGuarantees, TcpSinkThatReadsToTheEnd_NeverMoves) {
+    Order each;
+    each.holdMicros = 5000;
+    EXPECT_EQ(movesInSequence(Kind::socket, 3, each, {true, 0}), 0);
+}
+
+TEST_F(NotificationGuarantees, UdpSink_NeverMovesByItself) {
+    EXPECT_EQ(movesInSequence(Kind::udp, 3, {}, {false, 0}), 0);
+}
+
+TEST_F(NotificationGuarantees, PipeSink_KeepsItsNameWhoeverClosesFirst) {
+    Order each;
+    each.holdsForPeer = true;
+    EXPECT_EQ(movesInSequence(Kind::pipe, 3, each, {false, 0}), 0);
+}
+
+TEST_F(NotificationGuarantees, AddressOfAMovedSink_RefusesWhoKeepsIt) {
+    Order order;
+    order.count = 2;
+    order.holdsForPeer = true;
+    order.pauseMicros = 20000;
+    order.mostTries = 5;
+    const Delivery delivery = deliver(Kind::socket, order, {false, 0});
+    EXPECT_EQ(delivery.received, std::vector<int>{0});
+    EXPECT_NE(delivery.addressBefore, delivery.addressAfter);
+}
+
+TEST_F(NotificationGuarantees, TwoPipeSinksOfOneProcess_TheSecondHasEverything) {
+    const TwoSinks sinks = deliverToFirstOfTwo(Kind::pipe, 3);
+    EXPECT_TRUE(sinks.sameAddress);
+    EXPECT_EQ(sinks.first, 0);
+    EXPECT_EQ(sinks.second, 3);
+}
+
+TEST_F(NotificationGuarantees, TwoTcpSinksOfOneProcess_HaveAddressesOfTheirOwn) {
+    const TwoSinks sinks = deliverToFirstOfTwo(Kind::socket, 3);
+    EXPECT_FALSE(sinks.sameAddress);
+    EXPECT_EQ(sinks.first, 3);
+    EXPECT_EQ(sinks.second, 0);
+}
+
+TEST_F(NotificationGuarantees, TwoUdpSinksOfOneProcess_HaveAddressesOfTheirOwn) {
+    const TwoSinks sinks = deliverToFirstOfTwo(Kind::udp, 3);
+    EXPECT_FALSE(sinks.sameAddress);
+    EXPECT_EQ(sinks.first, 3);
+    EXPECT_EQ(sinks.second, 0);
+}
+
+TEST_F(NotificationGuarantees, StuckPipeSink_LetsAHandfulSucceedAndThenBlocks) {
+    EXPECT_LT(sentToStuckSink(Kind::pipe, 20), 20);
+}
+
+TEST_F(NotificationGuarantees, StuckTcpSink_LetsAHandfulSucceedAndThenBlocks) {
+    EXPECT_LT(sentToStuckSink(Kind::socket, 20), 20);
+}
+
+TEST_F(NotificationGuarantees, StuckUdpSink_LetsEverythingSucceed) {
+    EXPECT_EQ(sentToStuckSink(Kind::udp, 20), 20);
+}
+
+TEST_F(NotificationGuarantees, LongestDatagram_Arrives) {
+    Order order;
+    order.payload = 65507 - 8 - 4 - 4;
+    EXPECT_EQ(deliver(Kind::udp, order).received, std::vector<int>{0});
+}
+
+TEST_F(NotificationGuarantees, LongerDatagram_IsNotSentWithoutAWord) {
+    Order order;
+    order.payload = 65507 - 8 - 4 - 4 + 1;
+    const Delivery delivery = deliver(Kind::udp, order);
+    EXPECT_EQ(delivery.sender.sent, std::vector<int>{0});
+    EXPECT_EQ(delivery.received, std::vector<int>{});
+}
+
+TEST_F(NotificationGuarantees, EmptyDatagram_EndsAUdpSinkUnnoticedBySenders) {
+    const Ended ended = endSink(Kind::udp, Blow::emptyDatagram, 5);
+    EXPECT_TRUE(ended.ended);
+    EXPECT_EQ(ended.sender.sent.size(), 5U);
+}
+
+TEST_F(NotificationGuarantees, Reset_EndsATcpSinkWhoseQueueStillTakesSome) {
+    const Ended ended = endSink(Kind::socket, Blow::reset, 3);
+    EXPECT_TRUE(ended.ended);
+    EXPECT_EQ(ended.sender.sent.size(), 3U);
+}
+
+TEST_F(NotificationGuarantees, CallbackThatThrowsAReset_EndsAPipeSink) {
+    const Ended ended = endSink(Kind::pipe, Blow::callbackThrows, 3);
+    EXPECT_TRUE(ended.ended);
+    EXPECT_EQ(ended.sender.sent.size(), 3U);
+}
+
+TEST_F(NotificationGuarantees, BurstWithSigpipeAtItsDefault_EndsInPeaceOrByThatSignalOnly) {
+    Order order = burst();
+    order.ignoresSigpipe = false;
+    EXPECT_THAT(deliver(Kind::pipe, order).sender.signal, AnyOf(Eq(0), Eq(SIGPIPE)));
+}
+
+TEST_F(NotificationGuarantees, BurstWithSigpipeIgnored_ComesToItsEnd) {
+    EXPECT_EQ(deliver(Kind::pipe, burst()).sender.signal, 0);
+}

@@ -1,0 +1,293 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+// Prints the tables of docs/guarantees.md: measure_guarantees [SECTION...], by hand only. It takes minutes,
+// and the figures are this machine's.
+
+#include "Experiments.h"
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include <unistd.h>
+
+using namespace Guarantees;
+
+namespace {
+
+constexpr int cRuns = 10;
+constexpr int cBurst = 100;
+constexpr Kind cKinds[] = {Kind::pipe, Kind::socket, Kind::udp};
+
+std::string roadOf(Kind kind) {
+    return kind == Kind::pipe ? "pipe" : kind == Kind::socket ? "TCP" : "UDP";
+}
+
+std::string timeOf(int micros) {
+    if (micros == 0)
+        return "none";
+    const std::string sMillis = std::to_string(micros / 1000);
+    return (micros % 1000 == 0 ? sMillis : sMillis + "." + std::to_string(micros % 1000 / 100)) + " ms";
+}
+
+/// Smallest and largest of the numbers of several runs.
+class Range {
+public:
+    void add(double number) { m_numbers.push_back(number); }
+
+    std::string text(int decimals = 0) const {
+        const auto [least, most] = std::minmax_element(m_numbers.begin(), m_numbers.end());
+        const std::string sLeast = written(*least, decimals);
+        const std::string sMost = written(*most, decimals);
+        return sLeast == sMost ? sMost : sLeast + " to " + sMost;
+    }
+
+private:
+    static std::string written(double number, int decimals) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.*f", decimals, number);
+        return text;
+    }
+
+    std::vector<double> m_numbers;
+};
+
+/// One row of a table: several runs of the same delivery.
+class Runs {
+public:
+    Runs(Kind kind, const Order& order, const Callback& callback = {}) {
+        for (int run = 0; run < cRuns; ++run) {
+            const Delivery delivery = deliver(kind, order, callback);
+            int refused = 0;
+            for (const auto& [code, count] : delivery.sender.refused) {
+                refused += count;
+                m_codes[code] += count;
+            }
+            m_delivered.add(static_cast<double>(delivery.received.size()));
+            m_refused.add(refused);
+            m_lost.add(delivery.lostSilently());
+            m_retries.add(delivery.sender.retries);
+            m_seconds.add(delivery.sender.seconds);
+            m_killed += delivery.sender.signal == SIGPIPE ? 1 : 0;
+        }
+    }
+
+    std::string delivered() const { return m_delivered.text(); }
+
+    /// How many, and by which codes.
+    std::string refused() const {
+        std::string sCodes;
+        for (const auto& [code, count] : m_codes)
+            sCodes += (sCodes.empty() ? "" : ", ") + std::to_string(code);
+        return m_refused.text() + (sCodes.empty() ? "" : " (" + sCodes + ")");
+    }
+
+    std::string lost() const { return m_lost.text(); }
+
+    std::string retries() const { return m_retries.text(); }
+
+    std::string seconds() const { return m_seconds.text(1); }
+
+    int killed() const { return m_killed; }
+
+    int timesOf(int code) const {
+        const auto found = m_codes.find(code);
+        return found == m_codes.end() ? 0 : found->second;
+    }
+
+private:
+    Range m_delivered;
+    Range m_refused;
+    Range m_lost;
+    Range m_retries;
+    Range m_seconds;
+    std::map<int, int> m_codes;
+    int m_killed = 0;
+};
+
+void row(const std::vector<std::string>& cells) {
+    for (const std::string& sCell : cells)
+        std::printf("| %s ", sCell.c_str());
+    std::printf("|\n");
+    std::fflush(stdout);
+}
+
+void head(const std::vector<std::string>& cells) {
+    row(cells);
+    row(std::vector<std::string>(cells.size(), "---"));
+}
+
+void measureBurst() {
+    head({"road", "pause", "delivered of " + std::to_string(cBurst), "refused (codes)", "lost in silence",
+          "seconds"});
+    for (const Kind kind : cKinds) {
+        for (const int pause : {0, 1000, 5000, 20000}) {
+            Order order;
+            order.count = cBurst;
+            order.pauseMicros = pause;
+            const Runs runs(kind, order);
+            row({roadOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost(), runs.seconds()});
+        }
+    }
+}
+
+void measureSlowCallback() {
+    head({"road", "pause", "delivered of 50", "refused (codes)", "lost in silence"});
+    for (const Kind kind : cKinds) {
+        for (const int pause : {0, 5000, 40000}) {
+            Order order;
+            order.count = 50;
+            order.pauseMicros = pause;
+            Callback callback;
+            callback.milliseconds = 20;
+            const Runs runs(kind, order, callback);
+            row({roadOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost()});
+        }
+    }
+}
+
+void measureRetry() {
+    head({"road", "delivered of " + std::to_string(cBurst), "retries", "given up", "lost in silence"});
+    for (const Kind kind : cKinds) {
+        Order order;
+        order.count = cBurst;
+        order.pauseMicros = 20000;
+        order.mostTries = 10;
+        const Runs runs(kind, order);
+        row({roadOf(kind), runs.delivered(), runs.retries(), runs.refused(), runs.lost()});
+    }
+}
+
+void measureMoves() {
+    head({"callback", "sender closes", "moves of 50 deliveries"});
+    for (const bool readsToEnd : {false, true}) {
+        for (const int hold : {0, 200, 5000}) {
+            Order each;
+            each.holdMicros = hold;
+            const int moves = movesInSequence(Kind::socket, 50, each, {readsToEnd, 0});
+            row({readsToEnd ? "reads to the end" : "returns at once",
+                 hold == 0 ? "at once" : timeOf(hold) + " after its last write", std::to_string(moves)});
+        }
+    }
+}
+
+void measureQueue() {
+    constexpr int cMost = 50;
+    head({"road", "sent while the first is being handled", "the next"});
+    for (const Kind kind : cKinds) {
+        const int sent = sentToStuckSink(kind, cMost) - 1;
+        row({roadOf(kind), sent + 1 == cMost ? "all" : std::to_string(sent),
+             sent + 1 == cMost ? "is sent too" : "blocks"});
+    }
+}
+
+void measureSigpipe() {
+    head({"SIGPIPE", "bursts that killed the sender", "refused with 32 in all bursts"});
+    for (const bool ignored : {false, true}) {
+        Order order;
+        order.count = cBurst;
+        order.ignoresSigpipe = ignored;
+        const Runs runs(Kind::pipe, order);
+        row({ignored ? "ignored" : "at its default",
+             std::to_string(runs.killed()) + " of " + std::to_string(cRuns),
+             ignored ? std::to_string(runs.timesOf(EPIPE)) : "-"});
+    }
+}
+
+void measureTwoSinks() {
+    head({"road", "addresses", "reached the first of 10", "reached the second"});
+    for (const Kind kind : cKinds) {
+        const TwoSinks sinks = deliverToFirstOfTwo(kind, 10);
+        row({roadOf(kind), sinks.sameAddress ? "the same" : "two", std::to_string(sinks.first),
+             std::to_string(sinks.second)});
+    }
+}
+
+void measureUdpSize() {
+    constexpr int cOverhead = 8 + 4 + 4; // handle, id, and the length of the text
+    head({"bytes of the notification", "sender sees", "delivered"});
+    for (const int size : {65507, 65508}) {
+        Order order;
+        order.payload = size - cOverhead;
+        const Delivery delivery = deliver(Kind::udp, order);
+        row({std::to_string(size), delivery.sender.sent.empty() ? "an exception" : "success",
+             std::to_string(delivery.received.size())});
+    }
+}
+
+void measureEnds() {
+    struct Case {
+        Kind kind;
+        Blow blow;
+        const char* text;
+    };
+
+    constexpr int cCount = 8;
+    head({"road", "what ends the sink", "of the next 8: sent", "blocked"});
+    for (const Case& one : {Case{Kind::udp, Blow::emptyDatagram, "an empty datagram, from anybody"},
+                            Case{Kind::socket, Blow::reset, "a connection reset before its handle was read"},
+                            Case{Kind::pipe, Blow::callbackThrows, "a callback that throws code 104"},
+                            Case{Kind::socket, Blow::callbackThrows, "a callback that throws code 104"}}) {
+        const Ended ended = endSink(one.kind, one.blow, cCount);
+        const auto blocked = ended.sender.refused.find(EINTR);
+        row({roadOf(one.kind), std::string(one.text) + (ended.ended ? "" : " (it did not)"),
+             std::to_string(ended.sender.sent.size()),
+             std::to_string(blocked == ended.sender.refused.end() ? 0 : blocked->second)});
+    }
+}
+
+void measureSilentHost() {
+    head({"host", "seconds until the exception", "code"});
+    const Outcome outcome = sendToSilentHost();
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.0f", outcome.seconds);
+    row({"swallows packets", seconds,
+         outcome.refused.empty() ? "none" : std::to_string(outcome.refused.begin()->first)});
+}
+
+struct Section {
+    const char* name;
+    void (*measure)();
+};
+
+constexpr Section cSections[] = {{"burst", measureBurst},        {"slow-callback", measureSlowCallback},
+                                 {"retry", measureRetry},        {"moves", measureMoves},
+                                 {"queue", measureQueue},        {"sigpipe", measureSigpipe},
+                                 {"two-sinks", measureTwoSinks}, {"udp-size", measureUdpSize},
+                                 {"ends", measureEnds},          {"silent-host", measureSilentHost}};
+
+int measure(const std::vector<std::string>& names) {
+    for (const Section& section : cSections) {
+        if (!names.empty() && std::find(names.begin(), names.end(), section.name) == names.end())
+            continue;
+        std::printf("<!-- measured: %s -->\n", section.name);
+        section.measure();
+        std::printf("<!-- measured end -->\n");
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (arguments == std::vector<std::string>{"--list"}) {
+        for (const Section& section : cSections)
+            std::printf("%s\n", section.name);
+        return 0;
+    }
+    VornTest::enterSandbox();
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        if (arguments.size() >= 2 && arguments[0] == "--kit-role")
+            return VornTest::runRole(arguments[1], {arguments.begin() + 2, arguments.end()});
+        return measure(arguments);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "measure_guarantees: %s\n", e.what());
+        return 1;
+    }
+}
