@@ -74,6 +74,7 @@ public:
     using VornLibraryCallbackSink::m_sIpAddr;
     using VornLibraryCallbackSink::m_spCallbackServer;
     using VornLibraryCallbackSink::tryNextPort;
+    using VornLibraryCallbackSink::waitForServerPort;
 };
 
 /// A sink whose thread is known.

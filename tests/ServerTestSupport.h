@@ -11,6 +11,7 @@
 
 #include <VornException.h>
 #include <VornIPCServer.h>
+#include <VornLogging.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -23,6 +24,7 @@
 #include <ostream>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -198,6 +200,28 @@ private:
     std::condition_variable m_changed;
     bool m_reached = false;
     bool m_open = false;
+};
+
+/// While it exists, the action is done by whoever logs a record with the text, at the level or below, once.
+class RecordAction {
+public:
+    RecordAction(int level, std::string text, std::function<void()> action) {
+        VornNet::VornLogging::setRecordHandler(
+            [text = std::move(text), next = std::move(action)](int, const VornString& record) mutable {
+                if (next && record.find(text) != VornString::npos) {
+                    std::exchange(next, nullptr)();
+                }
+            });
+        VornNet::VornLogging::getInstance().setLogLevel(level);
+    }
+
+    ~RecordAction() {
+        VornNet::VornLogging::getInstance().setLogLevel(VornNet::VornLogging::cOff);
+        VornNet::VornLogging::setRecordHandler({});
+    }
+
+    RecordAction(const RecordAction&) = delete;
+    RecordAction& operator=(const RecordAction&) = delete;
 };
 
 /// While it exists, interrupt() ends a system call of a thread with EINTR.

@@ -1217,3 +1217,9 @@ TEST_F(VornConnectionLineTest, WithoutRoomForALine_GetLineReturnsNull) {
     }
     EXPECT_EQ(connection.incoming, "abc\r\n");
 }
+
+TEST_F(VornConnectionTest, WhenItIsNotRaw_LeavingRawModeInitializesAllTheSame) {
+    connection.setRaw(false);
+    connection.setRaw(false);
+    EXPECT_THAT(connection.calls, ElementsAre("initialize", "initialize"));
+}

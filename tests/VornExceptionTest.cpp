@@ -5,14 +5,18 @@
 #include "SharedObject.h"
 #include "plugins/RegistryPlugin.h"
 
+#include <array>
+#include <cstring>
 #include <random>
 #include <string>
+#include <system_error>
 #include <type_traits>
 #include <vector>
 
 #include <VornException.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 using namespace VornTest;
 using namespace VornSupport;
@@ -43,6 +47,47 @@ VornString throughWideText(const VornString& text) {
     second.setText(first.getUText());
     return second.getText();
 }
+
+/// Machine code that belongs to no file, as a just-in-time compiler makes it. It calls the function it is
+/// given.
+class FilelessCode {
+public:
+    FilelessCode()
+        : m_page(::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
+        if (m_page == MAP_FAILED) {
+            throw std::system_error(errno, std::generic_category(), "mmap()");
+        }
+        std::memcpy(m_page, code.data(), sizeof code);
+        char* const begin = static_cast<char*>(m_page);
+        __builtin___clear_cache(begin, begin + sizeof code);
+        if (::mprotect(m_page, size, PROT_READ | PROT_EXEC) != 0) {
+            throw std::system_error(errno, std::generic_category(), "mprotect()");
+        }
+    }
+
+    ~FilelessCode() { ::munmap(m_page, size); }
+
+    FilelessCode(const FilelessCode&) = delete;
+    FilelessCode& operator=(const FilelessCode&) = delete;
+
+    void call(void (*function)()) const { reinterpret_cast<void (*)(void (*)())>(m_page)(function); }
+
+private:
+    static constexpr std::size_t size = 4096;
+#ifdef __x86_64__
+    // sub $8,%rsp; call *%rdi; add $8,%rsp; ret
+    static constexpr std::array<unsigned char, 11> code = {0x48, 0x83, 0xEC, 0x08, 0xFF, 0xD7,
+                                                           0x48, 0x83, 0xC4, 0x08, 0xC3};
+#elif defined(__aarch64__)
+    // stp x29,x30,[sp,#-16]!; mov x29,sp; blr x0; ldp x29,x30,[sp],#16; ret
+    static constexpr std::array<unsigned, 5> code = {0xA9BF7BFD, 0x910003FD, 0xD63F0000, 0xA8C17BFD,
+                                                     0xD65F03C0};
+#else
+#    error "a caller in this machine's code is needed here"
+#endif
+
+    void* m_page;
+};
 
 } // namespace
 
@@ -214,4 +259,11 @@ TEST_F(VornExceptionTest, ThrownHere_IsCaughtByAnotherSharedObject) {
 TEST_F(VornExceptionTest, IsPolymorphicWithAVirtualDestructor) {
     EXPECT_TRUE(std::is_polymorphic_v<VornException>);
     EXPECT_TRUE(std::has_virtual_destructor_v<VornException>);
+}
+
+TEST_F(VornExceptionTest, CallStack_ThroughCodeThatBelongsToNoFile_ShowsItsAddressAlone) {
+    static VornString callStack;
+    const FilelessCode code;
+    code.call([] { callStack = VornException("text", 0).getCallStack(); });
+    EXPECT_THAT(callStack, testing::ContainsRegex("support_tests.*\n\\?\\(\\+0x[0-9a-f]+\\)\n"));
 }

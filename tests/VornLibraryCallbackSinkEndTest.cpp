@@ -88,7 +88,7 @@ struct SocketPair {
 } // namespace
 
 KIT_ROLE(sinkDeletedByItsCallback) {
-    VornSupport::VornLogging::getInstance().setLogLevel(1);
+    VornSupport::VornLogging::getInstance().setLogLevel(args.size() > 1 ? std::stoi(args.at(1)) : 1);
     useTypeText(args.at(0));
     auto* sink = new SinkProbe("falcon");
     addCallback(*sink, [&](Connection&) {
@@ -330,4 +330,74 @@ TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_EndsProcess) {
     EXPECT_EQ(child.wait(), 128 + SIGABRT);
     EXPECT_THAT(child.readAllErrors(), HasSubstr("VornLibraryCallbackSink::~VornLibraryCallbackSink"));
     EXPECT_EQ(child.readAllOutput(), "");
+}
+
+TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_SaysSoAtLevelOne) {
+    ChildProcess child = ChildProcess::spawnRole("sinkDeletedByItsCallback", nameOf(GetParam()));
+    sendByHand(child.readLine(), onWire(0));
+    EXPECT_EQ(child.wait(), 128 + SIGABRT);
+    EXPECT_THAT(child.readAllErrors(),
+                testing::ContainsRegex("Z 1 \\[[0-9:]+\\] VornLibraryCallbackSink::~VornLibraryCallbackSink: "
+                                       "destroyed by one of its own callbacks\n"));
+}
+
+TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallbackBelowErrorLevel_EndsProcessWithoutRecord) {
+    ChildProcess child = ChildProcess::spawnRole("sinkDeletedByItsCallback", nameOf(GetParam()), "0");
+    sendByHand(child.readLine(), onWire(0));
+    EXPECT_EQ(child.wait(), 128 + SIGABRT);
+    EXPECT_THAT(child.readAllErrors(), testing::Not(HasSubstr("VornLibraryCallbackSink")));
+    EXPECT_EQ(child.readAllOutput(), "");
+}
+
+TEST_F(EndingSink, WhileCallbackReadsADatagramForLong_HasNobodyToCutOff) {
+    WatchedSink sink(Kind::udp);
+    Gate entered;
+    Gate leave;
+    addCallback(*sink, [&](Connection&) {
+        entered.open();
+        leave.await();
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    const CallTrace trace;
+    WatchedThread destroyer([&] { sink.destroy(); });
+    // Nothing tells that a cut is not going to be made.
+    const auto end = std::chrono::steady_clock::now() + 600ms;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    EXPECT_FALSE(destroyer.finished());
+    for (const CallRecord& call : trace.records("shutdown")) {
+        EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
+    }
+    leave.open();
+    EXPECT_TRUE(destroyer.join(endsWithin));
+}
+
+TEST_F(EndingSink, OfTwoThatServeAtOnce_TheFirstMayBeDoneFirst) {
+    WatchedSink first(Kind::socket, "first");
+    Gate firstEntered;
+    Gate firstLeaves;
+    const CallbackPointer ofFirst = addCallback(*first, [&](Connection& connection) {
+        firstEntered.open();
+        firstLeaves.await();
+        return readToEnd(*connection);
+    });
+    ASSERT_TRUE(first.awaitServing());
+    sendByHand(first.address(), onWire(0) + "one");
+    ASSERT_TRUE(firstEntered.await());
+    WatchedSink second(Kind::socket, "second");
+    const CallbackPointer ofSecond = addCallback(*second);
+    ASSERT_TRUE(second.awaitServing());
+    UniqueFd slow = connectToSink(second.address());
+    sendAll(slow.get(), onWire(0) + "t");
+    ASSERT_TRUE(second.awaitReading());
+    firstLeaves.open();
+    ASSERT_TRUE(ofFirst->awaitCalls(1));
+    EXPECT_TRUE(destroyInTime(first));
+    sendAll(slow.get(), "wo");
+    slow.reset();
+    ASSERT_TRUE(ofSecond->awaitCalls(1));
+    EXPECT_THAT(ofFirst->contents(), ElementsAre("one"));
+    EXPECT_THAT(ofSecond->contents(), ElementsAre("two"));
 }

@@ -584,3 +584,27 @@ TEST_P(FailingSinkOfAnyKind, IsDestroyedAfterItsThreadHasEnded) {
     EXPECT_TRUE(destroyer.join(5s));
     EXPECT_EQ(log.count("~VornLibraryCallbackSink: closing socket"), 1);
 }
+
+TEST_P(FailingSinkOfAnyKind, EndByCodeBelowDebugLevel_LogsNothing) {
+    LogCapture log(8);
+    WatchedSink sink(GetParam());
+    addCallback(*sink, throwing(ECONNRESET));
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    EXPECT_THAT(sinkRecords(log), IsEmpty());
+}
+
+TEST_P(FailingSinkOnPorts, WhenTheServerHasBeenLetGoOf_MovesAndEndsAllTheSame) {
+    LogCapture log;
+    WatchedSink sink(GetParam());
+    addCallback(*sink, throwing(ECONNRESET));
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(sink.awaitEnd());
+    sink->m_spCallbackServer = nullptr; // as a derived class may do, now that the thread is gone
+    sink->waitForServerPort();
+    EXPECT_TRUE(sink->tryNextPort());
+    EXPECT_EQ(sink.address(), nameOf(GetParam()) + ":127.0.0.1:5024");
+    WatchedThread destroyer([&] { sink.destroy(); });
+    EXPECT_TRUE(destroyer.join(5s));
+    EXPECT_EQ(log.count("~VornLibraryCallbackSink: closing socket"), 0);
+}

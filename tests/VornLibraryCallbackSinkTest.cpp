@@ -357,3 +357,11 @@ TEST_F(VornLibraryCallbackSink, WhenOfficialNameIsUnknown_UdpAddressHasEmptyPart
     EXPECT_EQ(sink.address(), "udp::5023");
     EXPECT_EQ(second.calls(), 2);
 }
+
+TEST_F(VornLibraryCallbackSink, OfOtherTypeBelowDebugLevel_LogsNothing) {
+    useTypeText("ssl");
+    LogCapture log(8);
+    SinkProbe sink("sink");
+    EXPECT_EQ(sink.getCallbackAddress(), "pipe:" + ownPipeName());
+    EXPECT_THAT(log.texts(), IsEmpty());
+}

@@ -549,3 +549,13 @@ TEST_F(VornPipeConnectionTest, LinesWrittenThroughSocatAreReadOneByOne) {
     socat.writeLine("second\r");
     EXPECT_STREQ(connection.getLine(line, sizeof(line), error), "second");
 }
+
+TEST_F(VornPipeConnectionTest, TheTextOfAFailedSocketIsSeenNowhere) {
+    const LogCapture log(9);
+    Probe client("alpha");
+    const FaultRule fault("socket", EMFILE);
+    VornString message;
+    EXPECT_EQ(client.establishWith(message), 0);
+    EXPECT_EQ(message, "");
+    EXPECT_EQ(log.count("VornPipeConnection::establish: pipe creation failed."), 0);
+}

@@ -851,3 +851,38 @@ TEST_F(VornPipeServerTest, WhenNeitherDescriptorIsReadable_ReportsASelectErrorWi
     EXPECT_EQ(outcome.code, 0);
     EXPECT_FALSE(server.record()->m_bClientWaiting);
 }
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndAGroupThatCannotBeGiven_TheLogSaysGrantedAllTheSame) {
+    useGroupFile("root:x:0:\nfalcon:x:4711:\n");
+    const LogCapture log(9);
+    const FaultRule fault("chown", EPERM);
+    const Probe server("kite", 1, "falcon");
+    EXPECT_EQ(fault.failures(), 1);
+    EXPECT_EQ(statOf(pipePath("kite")).st_gid, ::getegid());
+    EXPECT_TRUE(log.contains(9, "VornPipeServer::init () : successfully granted rw access to the NamedPipe "
+                                "for OS Group : falcon"));
+}
+
+TEST_F(VornPipeServerTest, Init_LogsThePathItBindsAtLevel9) {
+    const LogCapture log(9);
+    const Probe server("kite");
+    EXPECT_EQ(log.records(), debugRecords({"VornPipeServer::getFullPipeName () : sFullPipeName is : " +
+                                           std::string(directory) + "kite"}));
+}
+
+TEST_F(VornPipeServerTest, Close_WhenTheWakeUpPipeHasAnEventButNoRoom_DoesNotWrite) {
+    Probe server("kite");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    {
+        FaultRule broken("poll", 0);
+        broken.returning(1);
+        const CallTrace trace;
+        server.close();
+        EXPECT_EQ(broken.failures(), 1);
+        EXPECT_EQ(trace.calls("write"), 0);
+    }
+    EXPECT_FALSE(wait.thread().finished());
+    server.close();
+    expectQuiet(wait.outcome());
+}

@@ -8,12 +8,15 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <VornCriticalSection.h>
@@ -33,6 +36,9 @@ namespace {
 
 using testing::ElementsAre;
 using ProxyPointer = VornSmartPointer<VornProxyDependent>;
+
+/// What is done before the next allocation of this thread.
+thread_local std::function<void()>* t_beforeAllocation = nullptr;
 
 class Proxy : public VornProxyDependent {
 public:
@@ -409,4 +415,35 @@ TEST_F(VornProxyDependentContainerTest, CanNeitherBeMadeNorCopiedNorDestroyedByO
     EXPECT_FALSE(std::is_destructible_v<VornProxyDependentContainer>);
     EXPECT_FALSE(std::is_copy_constructible_v<VornProxyDependentContainer>);
     EXPECT_FALSE(std::is_copy_assignable_v<VornProxyDependentContainer>);
+}
+
+// It stands for whoever is faster while the registry is being made.
+void* operator new(std::size_t size) {
+    if (auto* const action = std::exchange(t_beforeAllocation, nullptr)) {
+        (*action)();
+    }
+    if (void* const block = std::malloc(size)) {
+        return block;
+    }
+    throw std::bad_alloc();
+}
+
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+
+void operator delete(void* block, std::size_t /*size*/) noexcept {
+    std::free(block);
+}
+
+TEST_F(VornProxyDependentContainerTest, WhenAnotherIsFasterAtMakingIt_EverybodyHasTheOthersInstance) {
+    VornProxyDependentContainer* others = nullptr;
+    std::function<void()> action = [&] {
+        others = &registry();
+        others->add(make("pipe:x", 1));
+    };
+    t_beforeAllocation = &action;
+    const VornProxyDependentContainer* const own = &registry();
+    EXPECT_EQ(own, others);
+    EXPECT_THAT(keys(), ElementsAre("pipe:x 1"));
 }

@@ -687,3 +687,51 @@ TEST_F(VornServerSocketTest, WhenTheClientClosesFirst_ThePortCanBeBoundAtOnce) {
     server.close();
     EXPECT_EQ(failureOf([&] { server.init(); }), std::nullopt);
 }
+
+TEST_F(VornServerSocketTest, Client_WithIdentifyAndAnAnswerThatIsLong_IsAskedForWithMoreRoom) {
+    useHostsFile("127.0.0.2 alpha.example alpha\n");
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    FaultRule tooShort("gethostbyaddr_r", 0, 1, 2);
+    tooShort.returning(ERANGE);
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha.example");
+    EXPECT_EQ(tooShort.calls(), 3);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Wait_WhenClosedBeforeItAccepts_EndsQuietly) {
+    Probe server(port, 5, "*");
+    server.init();
+    const CallTrace trace;
+    const RecordAction action(5, "ready, accepting connections", [&] { server.close(); });
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_EQ(trace.calls("accept"), 0);
+}
+
+TEST_F(VornServerSocketTest, Wait_WhenAcceptFailsAndTheListenerCannotBeAsked_EndsQuietly) {
+    Probe server(port, 5, "*");
+    server.init();
+    const LogCapture log(4);
+    const FaultRule accepting("accept", EMFILE);
+    const FaultRule asking("getsockopt", EBADF);
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(accepting.calls(), 1);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornServerSocketTest, Close_WhenAnotherIsFaster_DoesNothingMore) {
+    Probe server(port, 5, "*");
+    server.init();
+    const int listener = socketOf(server);
+    const CallTrace trace;
+    const RecordAction action(9, "close: closing socket", [&] { server.close(); });
+    server.close();
+    int closes = 0;
+    for (const CallRecord& call : trace.records("close")) {
+        closes += call.argument == listener ? 1 : 0;
+    }
+    EXPECT_EQ(closes, 1);
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+}

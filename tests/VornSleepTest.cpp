@@ -78,3 +78,14 @@ TEST_F(VornSleepTest, WhenSignalsAreHandledMeanwhile_IsNotShortened) {
     EXPECT_GE(Clock::now() - start, 100ms);
     EXPECT_GT(g_alarms.load(), 0);
 }
+
+TEST_F(VornSleepTest, IntoTheNextSecondOfTheClock_LastsAtLeastAsLongAsAsked) {
+    VornSleep(10); // more than a few milliseconds of the present second are over, or of the next
+    const auto untilNextSecond =
+        std::chrono::ceil<std::chrono::milliseconds>(1s - Clock::now().time_since_epoch() % 1s);
+    // Less than a second in all, and so long that a late start does not matter.
+    const auto time = untilNextSecond < 500ms ? untilNextSecond + 499ms : untilNextSecond;
+    const Clock::time_point start = Clock::now();
+    VornSleep(static_cast<int>(time.count()));
+    EXPECT_GE(Clock::now() - start, time);
+}

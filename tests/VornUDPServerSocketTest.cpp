@@ -659,3 +659,41 @@ TEST_F(VornUDPServerSocketTest, Wait_WithoutMemoryForTheBuffer_ReportsItsOwnText
               "VornUDPServerSocket::waitForClientImpl: failed to allocate receive buffer.\n12\n");
     EXPECT_EQ(child.wait(), 0);
 }
+
+TEST_F(VornUDPServerSocketTest, Close_LogsNothing) {
+    Probe server(port, "*", 100);
+    server.init();
+    const LogCapture log(9);
+    server.close();
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WhenClosedBeforeItReceives_EndsQuietly) {
+    Probe server(port, "*", 100);
+    server.init();
+    const CallTrace trace;
+    const RecordAction action(9, "ready, accepting messages", [&] { server.close(); });
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_EQ(trace.calls("recvfrom"), 0);
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WhileAnotherThreadCloses_WaitsForItAndDoesNothingMore) {
+    Probe server(port, "*", 100);
+    Checkpoint receiving;
+    const CallHook hook("recvfrom", [&] { receiving.pass(); });
+    const CallTrace trace;
+    ClientWait wait(server);
+    ASSERT_TRUE(receiving.awaitReached());
+    WatchedThread first([&] { server.close(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") == 1; }));
+    WatchedThread second([&] { server.close(); });
+    EXPECT_TRUE(awaitBlockedOnLock(second.tid()));
+    receiving.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(first.join());
+    EXPECT_TRUE(second.join());
+    EXPECT_EQ(trace.calls("shutdown"), 1);
+    EXPECT_EQ(trace.calls("sendto"), 1);
+}

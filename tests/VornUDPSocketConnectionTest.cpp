@@ -12,12 +12,16 @@
 #include <VornUDPSocketConnection.h>
 
 #include <cerrno>
+#include <fstream>
 #include <system_error>
 #include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace VornNet;
 using namespace VornTest;
@@ -398,4 +402,48 @@ TEST_F(VornUDPSocketConnectionTest, WhenLoggingIsOffFailuresAreSilent) {
     }
     expectDescriptorLeak(2);
     EXPECT_THAT(log.records(), IsEmpty());
+}
+
+// How an address is asked for, which only a name service can tell.
+
+namespace {
+
+/// Lets this process find the text in the place of the system's file, if there is one.
+bool coverFile(const std::string& path, const std::string& text) {
+    const std::string own = "/opt/cover" + std::to_string(path.size());
+    std::ofstream(own) << text;
+    return ::access(path.c_str(), F_OK) != 0 ||
+           ::mount(own.c_str(), path.c_str(), "none", MS_BIND, nullptr) == 0;
+}
+
+} // namespace
+
+KIT_ROLE(identifyBesideHostsFile) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        !coverFile("/etc/nsswitch.conf", "hosts: files dns\n") ||
+        !coverFile("/etc/resolv.conf", "nameserver 127.0.0.1\n")) {
+        return 4;
+    }
+    int dnsPort = 53;
+    const UniqueFd dns = udpSocket("127.0.0.1", dnsPort);
+    int port = 0;
+    const UniqueFd receiver = udpSocket("127.0.0.1", port);
+    WatchedThread sender([&] {
+        VornUDPSocketConnection connection("127.0.0.1", port, true);
+        connection.transfer(7);
+        connection.transmit();
+    });
+    const Datagram question = receiveDatagramFrom(dns.get());
+    // The same question with "no such name" for an answer.
+    udpSendTo(dns.get(), question.address, question.port,
+              question.data.substr(0, 2) + bytes("81 83") + question.data.substr(4));
+    return receiveDatagram(receiver.get()) == bytes(seven) && sender.join() ? 0 : 5;
+}
+
+TEST_F(VornUDPSocketConnectionTest, WhenANumericAddressIsToBeIdentified_TheHostsFileDoesNotAnswer) {
+    // It knows 127.0.0.1; but it is asked for an address of eight bytes, so that the name service is asked
+    // too.
+    useHostsFile("127.0.0.1 localhost\n");
+    ChildProcess child = ChildProcess::spawnRole("identifyBesideHostsFile");
+    EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
 }
