@@ -50,10 +50,12 @@ public:
         return m_buffer->m_pDataBuffer + position;
     }
 
-    /** Takes all that is left when it is less than @p count bytes, as a read that fails does. @return whether
-     * it is */
-    bool drainIfShort(int count) const {
-        if (m_buffer == nullptr || count <= m_buffer->m_nOutIndex - m_buffer->m_nInIndex)
+    /**
+     * For when take() has returned null on an established connection: takes all that is left, as a read that
+     * fails does. @return false for a connection that is read the long way
+     */
+    bool drain() const {
+        if (m_buffer == nullptr)
             return false;
         m_buffer->m_nInIndex = m_buffer->m_nOutIndex;
         return true;

@@ -20,9 +20,11 @@ Delivery* g_first = nullptr;
 } // namespace
 
 Delivery::Delivery(const void* owner, VornConnection& connection) : m_owner(owner), m_cell(nullptr) {
-    if (auto* socket = dynamic_cast<VornSocketConnection*>(&connection))
+    const auto* socket = dynamic_cast<VornSocketConnection*>(&connection);
+    const auto* pipe = dynamic_cast<VornPipeConnection*>(&connection);
+    if (socket != nullptr)
         m_cell = &socket->m_pClient;
-    else if (auto* pipe = dynamic_cast<VornPipeConnection*>(&connection))
+    else if (pipe != nullptr)
         m_cell = &pipe->m_pipeHandle;
     const std::lock_guard lock(g_lock);
     m_next = g_first;

@@ -145,7 +145,7 @@ VornString readText(VornConnection& connection, int nSize) {
         const BufferAccess access(connection);
         if (const unsigned char* text = access.take(nSize))
             return cutAtZero(reinterpret_cast<const char*>(text), nSize);
-        if (access.drainIfShort(nSize)) // no memory is taken for what cannot come any more
+        if (access.drain()) // no memory is taken for what cannot come any more
             throw VornException(cReadFailed, 0);
         return nSize <= cLongestShortText ? readShortText(connection, nSize)
                                           : readLongText(connection, nSize);

@@ -46,7 +46,9 @@ VornString VornObjectBase::normalizeClassName(const VornString& sName) {
     int status = 0;
     const std::unique_ptr<char, decltype(&std::free)> readable(
         abi::__cxa_demangle(sName.c_str(), nullptr, nullptr, &status), &std::free);
-    return readable == nullptr ? sName : VornString(readable.get());
+    if (readable == nullptr)
+        return sName;
+    return readable.get();
 }
 
 } // namespace VornSupport

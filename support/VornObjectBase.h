@@ -64,8 +64,8 @@ public:
     /** @return the readable name of the dynamic type of @p object, which need not be counted. */
     template <typename T>
     static VornString getClassName(const T& object) {
-        const char* name = typeid(object).name();
-        return normalizeClassName(*name == '*' ? name + 1 : name);
+        // The C++ library has dropped the "*" that the names of local types begin with.
+        return normalizeClassName(typeid(object).name());
     }
 
     /** @return true exactly when the dynamic type of @p object has the readable name @p sClassName. */

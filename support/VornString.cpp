@@ -75,7 +75,9 @@ void VornStringToChar(const VornString& s, char* buffer, int size) {
 }
 
 VornString VornStringFromChar(const char* text) {
-    return text == nullptr ? VornString() : VornString(text);
+    if (text == nullptr)
+        return {};
+    return text;
 }
 
 VornUString VornStringToWide(const VornString& s) {
