@@ -6,6 +6,7 @@
 
 #include <SystemCalls.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -95,8 +96,11 @@ void ServerGate::Closure::closeSocket() {
     if (isVisited) {
         // It ends a blocked accept() and recvfrom() wherever the socket is bound, and one that is only about
         // to block. On a datagram socket it reports ENOTCONN and works all the same.
-        System::shutdown(descriptor, SHUT_RDWR);
-        monitor().changed.wait(lock, [this] { return find(m_entry.server, false) == nullptr; });
+        // It is done again until they have gone: one that fails would leave them, and this thread, for ever.
+        const auto areGone = [this] { return find(m_entry.server, false) == nullptr; };
+        do {
+            System::shutdown(descriptor, SHUT_RDWR);
+        } while (!monitor().changed.wait_for(lock, std::chrono::milliseconds(20), areGone));
     }
     lock.unlock();
     System::close(descriptor);

@@ -10,7 +10,14 @@ VornCertificate::VornCertificate(const VornString& sFile, const VornString& sTyp
 
 VornCertificate::VornCertificate(const VornCertificate& source) = default;
 
-VornCertificate& VornCertificate::operator=(const VornCertificate& source) = default;
+VornCertificate& VornCertificate::operator=(const VornCertificate& source) {
+    VornCertificate copy(source); // what can fail comes first
+    m_sFile.swap(copy.m_sFile);
+    m_type = copy.m_type;
+    m_sKeyFile.swap(copy.m_sKeyFile);
+    m_keyType = copy.m_keyType;
+    return *this;
+}
 
 VornCertificate::~VornCertificate() = default;
 

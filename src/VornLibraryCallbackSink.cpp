@@ -174,12 +174,12 @@ bool VornLibraryCallbackSink::tryNextPort() {
     if (m_sCallbackType != "udp" && m_sCallbackType != "socket")
         return false;
     const auto nPort =
-        static_cast<short>(m_nCallbackServerPort + 1); // wraps to the negative ports behind 32767
+        static_cast<short>(m_nCallbackServerPort + 1);       // wraps to the negative ports behind 32767
+    publishAddress(m_sIpAddr + ":" + std::to_string(nPort)); // it alone can fail
     __atomic_store_n(&m_nCallbackServerPort, nPort, __ATOMIC_RELAXED);
     VornIPCServer* pServer = m_spCallbackServer;
     if (auto* pServerSocket = dynamic_cast<VornServerSocket*>(pServer))
         pServerSocket->setPort(nPort);
-    publishAddress(m_sIpAddr + ":" + std::to_string(nPort));
     if (isTraced())
         trace("VornLibraryCallbackSink::tryNextPort: retrying ", m_sCallbackType, " server on socket ",
               nPort);
@@ -202,8 +202,9 @@ void VornLibraryCallbackSink::getMyIpAddr() {
 }
 
 void VornLibraryCallbackSink::publishAddress(const VornString& sPlace) {
+    VornString sAddress = m_sCallbackType + ":" + sPlace;
     const std::lock_guard lock(g_addressLock);
-    m_sCallbackName = m_sCallbackType + ":" + sPlace;
+    m_sCallbackName.swap(sAddress);
 }
 
 bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {

@@ -47,8 +47,12 @@ constexpr unsigned int cGroupPrivilege = 1;
  */
 std::mutex g_waitingLock;
 
-void logDebug(const VornString& sText) {
-    VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << sText << endrecord;
+/** Its pieces are put together by the logger, which drops what there is no memory for. */
+template <typename... Pieces>
+void logDebug(const Pieces&... pieces) {
+    VornLogging& logger = VornLogging::getInstance();
+    logger << setloglevel(VornLogging::cDebug);
+    (logger << ... << pieces) << endrecord;
 }
 
 bool isDebugAdmitted() {
@@ -87,9 +91,9 @@ void giveToGroup(const VornString& sPath, const VornString& sGroup) {
         const int ignored = System::chown(sPath.c_str(), System::getuid(), id);
     if (isDebugAdmitted()) {
         logDebug(
-            (bFound
-                 ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
-                 : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ") +
+            bFound
+                ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
+                : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ",
             sGroup);
     }
 }
@@ -216,7 +220,7 @@ VornString VornPipeServer::getFullPipeName(const VornString& sPipeName) {
     sFullPipeName.reserve(VornString::traits_type::length(cDirectory) + sPipeName.size());
     sFullPipeName.append(cDirectory).append(sPipeName);
     if (isDebugAdmitted())
-        logDebug("VornPipeServer::getFullPipeName () : sFullPipeName is : " + sFullPipeName);
+        logDebug("VornPipeServer::getFullPipeName () : sFullPipeName is : ", sFullPipeName);
     return sFullPipeName;
 }
 
@@ -237,8 +241,8 @@ VornPipeServer::waitForClientImpl(bool /*bIdentify*/, VornString& sExceptionMess
     const int nWakeUp = waiting.record()->m_hRWPipe[0];
     const int nListener = waiting.record()->m_hClientPipe;
     if (isDebugAdmitted()) {
-        logDebug("VornPipeServer::waitForClient: " + m_sPipeName + " ready, accepting connections... (" +
-                 std::to_string(nListener) + ")");
+        logDebug("VornPipeServer::waitForClient: ", m_sPipeName, " ready, accepting connections... (",
+                 nListener, ")");
     }
     const Readiness ready = awaitReadiness(nWakeUp, nListener);
     if (ready.failed) {
@@ -299,8 +303,8 @@ VornSmartPointer<VornConnection> VornPipeServer::acceptClient(Waiting& waiting, 
     const int nError = errno;
     Descriptor client(nAccepted);
     if (isDebugAdmitted()) {
-        logDebug("VornPipeServer::waitForClient: " + m_sPipeName +
-                 " returned from accept with clientSocket=" + std::to_string(nAccepted));
+        logDebug("VornPipeServer::waitForClient: ", m_sPipeName,
+                 " returned from accept with clientSocket=", nAccepted);
     }
     if (!client.isOpen()) {
         if (nListener == 0) // kept: a listener of number 0 counts as one that was closed

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <new>
 
 namespace VornNet {
 
@@ -76,7 +77,13 @@ bool VornUDPSocketConnection::transmit() {
         socket.release(); // kept: a failed transmission leaves its descriptor open
         return false;
     }
-    const sockaddr_in target = makeSocketAddress(findTarget(m_sRemoteName, m_bIdentify), m_nPort);
+    sockaddr_in target{};
+    try {
+        target = makeSocketAddress(findTarget(m_sRemoteName, m_bIdentify), m_nPort);
+    } catch (const std::bad_alloc&) { // a failure is the result here, and no exception
+        logSendFailure(ENOMEM, m_sRemoteName);
+        return false;
+    }
     // With nothing written the size is -1, a length that sendto() refuses.
     if (System::sendto(socket.number(), buf(), static_cast<size_t>(size()), 0,
                        reinterpret_cast<const sockaddr*>(&target), sizeof target) == -1) {

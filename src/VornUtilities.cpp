@@ -40,13 +40,15 @@ int VornNameToAddressImpl(const VornString& sName, std::vector<VornString>& addr
         logFailure("VornUtilities::VornNameToAddress: gethostbyname failed");
         return 1;
     }
+    std::vector<VornString> found;
     for (char** next = host.addresses(); *next != nullptr; ++next) {
         // Kept: copied as a text, so that whatever stands behind the first zero byte reads as zero.
         in_addr address{};
         const std::size_t length = ::strnlen(*next, std::min(host.addressLength(), sizeof address));
         std::memcpy(&address, *next, length);
-        addresses.push_back(dottedText(address));
+        found.push_back(dottedText(address));
     }
+    addresses.insert(addresses.end(), found.begin(), found.end());
     return 1;
 }
 

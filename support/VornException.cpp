@@ -55,7 +55,14 @@ VornException::VornException(const VornString& text, int nCode)
 
 VornException::VornException(const VornException& source) = default;
 
-VornException& VornException::operator=(const VornException& source) = default;
+VornException& VornException::operator=(const VornException& source) {
+    VornException copy(source); // what can fail comes first
+    m_sText.swap(copy.m_sText);
+    m_nCode = copy.m_nCode;
+    m_sCallStack.swap(copy.m_sCallStack);
+    m_messages.swap(copy.m_messages);
+    return *this;
+}
 
 VornException::~VornException() = default;
 

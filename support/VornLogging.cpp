@@ -31,6 +31,11 @@ struct Record {
 // and after main's thread-local objects are gone.
 thread_local Record* t_record = nullptr;
 
+// Whether the newest record could not be opened: what is streamed belongs to it and is dropped with it. The
+// next record starts afresh, for the end of this one may never come: where memory is short, what was to be
+// written may have thrown.
+thread_local bool t_bDropping = false;
+
 /** Holds an object for the life of the process: threads and static objects may log while it ends. */
 template <typename T>
 union Immortal {
@@ -60,6 +65,7 @@ std::mutex& levelLock() {
 
 Record* openRecord(int level) noexcept {
     auto* record = new (std::nothrow) Record{t_record, level, {}};
+    t_bDropping = record == nullptr;
     if (record != nullptr)
         t_record = record;
     return record;
@@ -68,6 +74,8 @@ Record* openRecord(int level) noexcept {
 /** Logging must not change what the caller is about to do: neither by an exception nor through errno. */
 template <typename Append>
 void append(Append&& appendTo) noexcept {
+    if (t_bDropping)
+        return;
     const int savedErrno = errno;
     Record* record = t_record != nullptr ? t_record : openRecord(VornLogging::cUserOutput);
     try {
@@ -190,6 +198,10 @@ VornLogging& VornLogging::operator<<(long nValue) {
 }
 
 void VornLogging::completeRecord() {
+    if (t_bDropping) {
+        t_bDropping = false;
+        return;
+    }
     if (t_record == nullptr)
         return;
     const int savedErrno = errno;

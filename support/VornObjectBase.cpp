@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include <cxxabi.h>
 
@@ -46,6 +47,9 @@ VornString VornObjectBase::normalizeClassName(const VornString& sName) {
     int status = 0;
     const std::unique_ptr<char, decltype(&std::free)> readable(
         abi::__cxa_demangle(sName.c_str(), nullptr, nullptr, &status), &std::free);
+    constexpr int cNoMemory = -1;
+    if (status == cNoMemory)
+        throw std::bad_alloc();
     if (readable == nullptr)
         return sName;
     return readable.get();

@@ -103,6 +103,9 @@ void VornThread::start() {
     } catch (const std::system_error& e) {
         m_spState->running = false;
         throw VornException("VornThread::start: failed to create thread.", e.code().value());
+    } catch (...) {
+        m_spState->running = false;
+        throw;
     }
 }
 
