@@ -1,19 +1,27 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-// Every allocation of every scenario fails once: operator new, malloc() and realloc(). Each failure happens
-// in a process of its own, because the end of the process is one of the promised outcomes.
+// Every allocation of every public operation fails, once, and from then on always: operator new, malloc(),
+// calloc() and realloc(). Each failure happens in a process of its own, because the end of the process is one
+// of the promised outcomes.
 
-#include "AllocationFaults.h"
-#include "Scenarios.h"
+#include "Await.h"
+#include "LeakCheckedTest.h"
+#include "Operations.h"
+#include "Posix.h"
+#include "Sandbox.h"
 
 #include <VornException.h>
+#include <VornLogging.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <new>
+#include <cstring>
+#include <fstream>
+#include <set>
 
-#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,71 +29,278 @@ using namespace VornTest;
 
 namespace {
 
-enum Ending { succeeded = 40, threwVornException, threwBadAlloc, leaked, notReached, endedUnexpectedly };
+/// What a child process tells of its run.
+struct Report {
+    Ending ending;
+    int allocations;
+    long blocks;     ///< more than before
+    int descriptors; ///< more than before
+    bool mayLeaveDescriptor;
+    char note[200];
+};
 
-Ending endingOf(const std::function<std::string()>& action) {
-    try {
-        action();
-        return succeeded;
-    } catch (const VornSupport::VornException& e) {
-        return e.getUText().empty() ? endedUnexpectedly : threwVornException;
-    } catch (const std::bad_alloc&) {
-        return threwBadAlloc;
-    }
+/// A report in memory that the child shares.
+class SharedReport {
+public:
+    SharedReport()
+        : m_report(static_cast<Report*>(
+              ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+
+    ~SharedReport() { ::munmap(m_report, sizeof(Report)); }
+
+    SharedReport(const SharedReport&) = delete;
+    SharedReport& operator=(const SharedReport&) = delete;
+
+    Report& operator*() const { return *m_report; }
+
+    Report* operator->() const { return m_report; }
+
+private:
+    Report* m_report;
+};
+
+bool g_isLogging = false;
+
+/// Has every record written, to nowhere, if that is the circumstance; rows may have changed it.
+void setLogging() {
+    using VornSupport::VornLogging;
+    if (g_isLogging)
+        VornLogging::setRecordHandler([](int, const VornSupport::VornString&) {});
+    else
+        VornLogging::setRecordHandler({});
+    VornLogging::getInstance().setLogLevel(g_isLogging ? VornLogging::cDebug : VornLogging::cOff);
 }
 
-/// Runs the scenario's own part with the n-th allocation failing, and tells how it ended.
-Ending provoke(const Scenario& scenario, int nth) {
-    // The first exception of a process makes the C library load what it takes call stacks with, and that
-    // stays.
-    VornSupport::VornException("first", 0);
-    Ending ending = endedUnexpectedly;
-    scenario.run([&](const std::function<std::string()>& action) {
-        const long before = liveAllocations();
-        const AllocationFault fault(nth);
-        ending = endingOf(action);
-        if (!fault.happened())
-            ending = notReached;
-        else if (liveAllocations() != before)
-            ending = leaked;
-        return Outcome{};
-    });
+/// Runs one row in this process.
+void runRow(const Operation& row, int nth, AllocationFault::Mode mode, Report& report) {
+    setLogging();
+    const int descriptors = openDescriptors();
+    const long blocks = liveAllocations();
+    Trial trial(nth, mode);
+    try {
+        row.run(trial);
+    } catch (const std::exception&) {
+        trial.expect(false, "what comes before or afterwards fails");
+    } catch (const VornSupport::VornException&) {
+        trial.expect(false, "what comes before or afterwards fails");
+    }
+    setLogging();
+    // A thread that has been joined may take a moment to be gone.
+    awaitCondition([&] { return liveAllocations() == blocks; }, std::chrono::milliseconds(500));
+    report.blocks = liveAllocations() - blocks;
+    report.descriptors = openDescriptors() - descriptors;
+    report.mayLeaveDescriptor = trial.mayLeaveDescriptor();
+    report.allocations = trial.allocations();
+    report.ending = trial.ending();
+    std::snprintf(report.note, sizeof report.note, "%s", trial.note() == nullptr ? "" : trial.note());
+}
+
+/// Whether a process has nothing else to do than to look again and again whether something has happened.
+bool isWaitingForEver(pid_t process) {
+    int looks = 0;
+    return awaitCondition(
+        [&] {
+            std::string call;
+            try {
+                call = readTextFile("/proc/" + std::to_string(process) + "/syscall");
+            } catch (const std::system_error&) {
+                return false; // it is just ending
+            }
+            looks = std::atoi(call.c_str()) == SYS_clock_nanosleep ? looks + 1 : 0;
+            return looks > 10;
+        },
+        std::chrono::milliseconds(100));
+}
+
+/// Waits for a child. @return how it ended; of an ordinary end the report tells
+Ending endOf(pid_t child, bool mayWaitForEver) {
+    int status = 0;
+    bool hasEnded = false;
+    const auto isOver = [&] { return hasEnded = ::waitpid(child, &status, WNOHANG) == child; };
+    bool isStuck = false;
+    for (int i = 0; i < 1000 && !awaitCondition(isOver, std::chrono::milliseconds(30)) && !isStuck; ++i)
+        isStuck = mayWaitForEver && isWaitingForEver(child);
+    if (!hasEnded) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+        return isStuck ? neverReturns : throwsSomethingElse;
+    }
+    if (WIFSIGNALED(status))
+        return WTERMSIG(status) == SIGABRT ? endsProcess : throwsSomethingElse;
+    return doesWithout;
+}
+
+extern "C" [[gnu::weak]] void __gcov_dump();
+
+Ending provoke(const Operation& row, int nth, AllocationFault::Mode mode, Report& report) {
+    report = {};
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::freopen("/dev/null", "w", stderr); // the message of a promised end is no news
+        ::alarm(60);
+        runRow(row, nth, mode, report);
+        if (__gcov_dump != nullptr)
+            __gcov_dump();
+        ::_exit(0);
+    }
+    const Ending ending = endOf(child, (row.allowed & neverReturns) != 0);
+    if (ending == doesWithout)
+        return report.ending;
+    report.allocations = nth; // it came so far
     return ending;
 }
 
-/// @return an Ending, or the negative number of the signal that ended the process
-int endingInProcess(const Scenario& scenario, int nth) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        std::freopen("/dev/null", "w", stderr); // the message of a promised abort is no news
-        ::alarm(30);
-        ::_exit(provoke(scenario, nth));
+std::string nameOf(Ending ending) {
+    switch (ending) {
+    case allocatesNothing:
+        return "nothing";
+    case throwsBadAlloc:
+        return "std::bad_alloc";
+    case throwsVornException:
+        return "VornException";
+    case doesWithout:
+        return "an ordinary end";
+    case endsProcess:
+        return "the end of the process";
+    case neverReturns:
+        return "no return";
+    case throwsSomethingElse:
+        break;
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    return "another exception, a crash or a hang";
 }
 
-TEST(AllocationFaults, LeadToAnExceptionOrThePromisedEndAndNeverToALeak) {
-    int provoked = 0;
-    for (const Scenario& scenario : allScenarios()) {
-        int nth = 1;
-        for (int ending = 0; nth < 200; ++nth) {
-            ending = endingInProcess(scenario, nth);
-            if (ending == notReached)
-                break;
-            // An exception other than VornException that reaches a typed operation or a wait ends the
-            // process.
-            EXPECT_TRUE(ending == succeeded || ending == threwVornException || ending == threwBadAlloc ||
-                        ending == -SIGABRT)
-                << scenario.name << ", allocation number " << nth << ": ending " << ending;
-        }
-        EXPECT_GT(nth, 1) << scenario.name << " allocates nothing";
-        EXPECT_LT(nth, 200) << scenario.name;
-        std::printf("%s: %d allocations failed\n", scenario.name.c_str(), nth - 1);
-        provoked += nth - 1;
+std::string titleOf(const Operation& row) {
+    return row.names.front() + (row.detail.empty() ? "" : " (" + row.detail + ")");
+}
+
+struct Figures {
+    int operations = 0;
+    int allocations = 0;
+    int failures = 0;
+};
+
+class AllocationFaults : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        LeakCheckedTest::SetUp();
+        useHostsFile(hostsFile());
+        // The first exception of a process makes the C library load what it takes call stacks with, and that
+        // stays.
+        VornSupport::VornException("first", 0);
     }
-    EXPECT_GT(provoked, 0);
+
+    void TearDown() override {
+        ::unsetenv("QUORAX_CALLB_CONN_TYPE");
+        g_isLogging = false;
+        setLogging();
+        LeakCheckedTest::TearDown();
+    }
+
+    /// @param alsoAllowed what every operation may do besides
+    void failEachAllocation(unsigned alsoAllowed) {
+        for (const Operation& row : allOperations()) {
+            failEachAllocationOf(row, alsoAllowed);
+            ++m_figures.operations;
+        }
+    }
+
+    void failEachAllocationOf(const Operation& row, unsigned alsoAllowed) {
+        // Undisturbed first: what is made once for the whole process must not be taken for a leak.
+        runRow(row, 0, AllocationFault::Mode::once, *m_report);
+        runRow(row, 0, AllocationFault::Mode::once, *m_report);
+        EXPECT_EQ(0, m_report->blocks) << titleOf(row) << " leaks without any failure";
+        EXPECT_STREQ("", m_report->note) << titleOf(row) << " without any failure";
+        const int allocations = m_report->allocations;
+        if (row.allowed == allocatesNothing && alsoAllowed == 0) {
+            EXPECT_EQ(0, allocations) << titleOf(row);
+        }
+        m_figures.allocations += allocations;
+        const int before = failedParts();
+        for (const auto mode : {AllocationFault::Mode::once, AllocationFault::Mode::fromThenOn}) {
+            for (int nth = 1; nth <= allocations && failedParts() == before; ++nth)
+                failAllocation(row, nth, mode, row.allowed | alsoAllowed);
+        }
+    }
+
+    void failAllocation(const Operation& row, int nth, AllocationFault::Mode mode, unsigned allowed) {
+        const Ending ending = provoke(row, nth, mode, *m_report);
+        if (m_report->allocations < nth)
+            return; // another thread was faster this time
+        ++m_figures.failures;
+        const std::string what = titleOf(row) + ": allocation " + std::to_string(nth) + " fails " +
+                                 (mode == AllocationFault::Mode::once ? "once" : "with all later ones");
+        EXPECT_TRUE((ending & allowed) != 0) << what << ", and there is " << nameOf(ending);
+        EXPECT_EQ(0, m_report->blocks) << what << ", and memory is lost";
+        EXPECT_LE(m_report->descriptors, m_report->mayLeaveDescriptor ? 1 : 0) << what;
+        EXPECT_STREQ("", m_report->note) << what;
+    }
+
+    static int failedParts() {
+        return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+    }
+
+    void print(const char* circumstance) const {
+        std::printf("allocation faults, %s: %d operations with %d allocations, %d failures provoked\n",
+                    circumstance, m_figures.operations, m_figures.allocations, m_figures.failures);
+    }
+
+    SharedReport m_report;
+    Figures m_figures;
+};
+
+TEST_F(AllocationFaults, LeadToWhatEachOperationPromisesAndNeverToALeakOrAHalfChangedObject) {
+    failEachAllocation(0);
+    print("nothing logged");
+}
+
+TEST_F(AllocationFaults, LeadToTheSameWhileEveryLogRecordIsWritten) {
+    g_isLogging = true;
+    failEachAllocation(doesWithout); // a record for which there is no memory is dropped
+    print("everything logged");
+}
+
+/// "Class::operation" or "function" of a symbol, empty for what is no operation.
+std::string operationOf(std::string symbol) {
+    const std::size_t arguments = symbol.find('(');
+    if (arguments == std::string::npos || symbol[0] == '#' || symbol.find("typeinfo") == 0 ||
+        symbol.find("vtable") == 0 || symbol.find("non-virtual thunk") == 0)
+        return {};
+    symbol.resize(arguments);
+    for (const char* spaceName : {"VornNet::", "VornSupport::", "[abi:cxx11]"}) {
+        for (std::size_t at = symbol.find(spaceName); at != std::string::npos; at = symbol.find(spaceName))
+            symbol.erase(at, std::strlen(spaceName));
+    }
+    const std::size_t begin = symbol.find('<');
+    const std::size_t end = symbol.find('>', begin);
+    if (symbol.find("VornSmartPointer<") == 0)
+        symbol.erase(begin, end - begin + 1);
+    if (symbol.find("VornSmartPointer::operator Vorn") == 0)
+        symbol = "VornSmartPointer::operator T*";
+    return symbol;
+}
+
+TEST(AllocationFaultTable, NamesEveryOperationThatTheLibrariesExport) {
+    std::set<std::string> named;
+    for (const Operation& row : allOperations())
+        named.insert(row.names.begin(), row.names.end());
+    for (const char* library : {"libvornnet", "libvornsupt"}) {
+        std::ifstream symbols(VORNTEST_ABI_DIRECTORY + std::string("/") + library + ".symbols");
+        ASSERT_TRUE(symbols.is_open()) << library;
+        for (std::string line; std::getline(symbols, line);) {
+            const std::string operation = operationOf(line);
+            EXPECT_TRUE(operation.empty() || named.count(operation) == 1) << operation;
+        }
+    }
 }
 
 } // namespace
+
+Operations VornTest::allOperations() {
+    Operations all;
+    for (const Operations& some :
+         {textOperations(), supportOperations(), connectionOperations(), transportOperations(),
+          serverOperations(), notificationOperations(), sinkOperations()})
+        all.insert(all.end(), some.begin(), some.end());
+    return all;
+}

@@ -4,21 +4,22 @@
 #define VORNTEST_SCENARIOS_H
 
 #include <functional>
+#include <initializer_list>
 #include <iosfwd>
 #include <string>
 #include <vector>
 
 /**
  * @file
- * What a program does with the library, each as one function that makes all of the library's calls on the
- * calling thread, beside a plain POSIX peer on another.
+ * What a program does with the library, each as one function, beside a plain POSIX peer; and what must come
+ * of it when a system call fails.
  */
 namespace VornTest {
 
 /// How a scenario ended.
 struct Outcome {
-    /// The exception's text; "no client" for a wait that ended quietly, "not sent" for a failed datagram,
-    /// else empty.
+    /// The exception's text; "no client" for a wait that ended quietly, "not sent" for a failed datagram and
+    /// the like, else empty.
     std::string text;
     /// The exception's code.
     int code = 0;
@@ -28,21 +29,67 @@ struct Outcome {
 
 void PrintTo(const Outcome& outcome, std::ostream* stream);
 
-/// What the failure of a system call must lead to.
-struct Expectation {
+/// The failure of one system call: call site, error number and mode.
+struct CallFault {
     std::string function;
-    /// The exception's text; empty when the failure must not be noticed.
-    std::string text;
-    /// The exception's code; sameErrno for the error number of the call.
-    int code = 0;
-    /// Descriptors left open by contract.
-    int leaked = 0;
-    /// Whether a failure that happens once is not noticed, because the next operation tries again.
-    bool isHealed = false;
-    /// Whether only the first such call matters; later ones are made for something that nobody waits for.
-    bool isFirstOnly = false;
+    int error = 0;
+    /// Which one of the calls is the first to fail.
+    int nth = 1;
+    /// Whether it fails from then on always, or a number of times.
+    bool isLasting = false;
+    int times = 1;
+};
 
-    static constexpr int sameErrno = -1;
+/// What must come of a failure.
+struct Promise {
+    Outcome outcome;
+    /// Descriptors left open by contract, for each failure.
+    int leaked = 0;
+    /// Whether it goes on until somebody interrupts it.
+    bool isEndless = false;
+    /// Whether what goes on without end is somebody's wait for the failure to pass.
+    bool isHeld = false;
+};
+
+using Rule = std::function<Promise(const CallFault&)>;
+
+/// A function that the scenario calls, and what must come of its failure.
+struct FailingCall {
+    std::string function;
+    Rule rule;
+    /// Whether the number of calls depends on how threads are scheduled; only the first one is failed then.
+    bool isOccasional = false;
+};
+
+/// The rules of which most scenarios are made. @{
+
+/// The exception of that text; its code is the call's error number.
+Rule fails(const std::string& text);
+/// The exception or result of that text and code.
+Rule endsWith(const std::string& text, int code = 0);
+/// Nobody notices.
+Rule isIgnored();
+/// Nobody notices, but each time a descriptor stays open.
+Rule isIgnoredAndLeaks();
+/// What @p rule says while it lasts; nobody notices a single failure, for the call is made again.
+Rule isTriedAgain(const Rule& rule);
+/// What @p rule says for the first call; later ones are made for something that nobody waits for.
+Rule ofFirstCall(const Rule& rule);
+/// A wait for clients that ends without a word with some error numbers and is taken up again with the others.
+Rule endsWait(std::initializer_list<int> quiet);
+
+/// @}
+
+/// What the one who interrupts a scenario sees and may do.
+class FaultControl {
+public:
+    virtual ~FaultControl() = default;
+    /// How many calls have failed.
+    virtual int failures() = 0;
+    /// What is to come of the failure.
+    virtual const Promise& promise() = 0;
+    /// Lets no further call fail.
+    virtual void lift() = 0;
 };
 
 /// Runs the library's part of a scenario, and only that, under whatever is to go wrong with it.
@@ -51,20 +98,32 @@ using Stage = std::function<Outcome(const std::function<std::string()>& action)>
 struct Scenario {
     std::string name;
     std::function<Outcome(const Stage& stage)> run;
-    std::vector<Expectation> expectations;
-    /// Ends a wait which by contract goes on for ever; null where there is none.
-    std::function<void()> interrupt;
+    std::vector<FailingCall> calls;
     /// How it ends when nothing fails.
     Outcome undisturbed = {};
+    /// Called again and again while an endless failure lasts; null where there is none.
+    std::function<void(FaultControl&)> interrupt = nullptr;
+    /// Whether the library's calls are made on threads of its own as well; its peer's are out of sight then.
+    bool isOfAllThreads = false;
 };
 
 /// Runs an action and tells how it ended; the stage on which nothing goes wrong.
 Outcome outcomeOf(const std::function<std::string()>& action);
 
-/// All scenarios.
+/// Stages an action, and afterwards does it again with the same objects, undisturbed.
+Outcome twice(const Stage& stage, const std::function<std::string()>& action,
+              const Outcome& undisturbed = {});
+
+std::vector<Scenario> clientScenarios();
+std::vector<Scenario> serverScenarios();
+std::vector<Scenario> closingScenarios();
+std::vector<Scenario> notificationScenarios();
+std::vector<Scenario> sinkScenarios();
+
+/// All of them.
 std::vector<Scenario> allScenarios();
 
-/// The error numbers which the manual page of a function lists.
+/// The error numbers that the manual pages list: of the function, and of its protocol in section 7.
 const std::vector<int>& errorsOf(const std::string& function);
 
 } // namespace VornTest

@@ -1,0 +1,317 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+// The table's rows for registries, callbacks, proxies, certificates and look-ups.
+
+#include "Operations.h"
+#include "Peers.h"
+
+#include <VornBufferConnection.h>
+#include <VornCallbackContainer.h>
+#include <VornCertificate.h>
+#include <VornNotificationCallback.h>
+#include <VornProxyDependent.h>
+#include <VornProxyDependentContainer.h>
+#include <VornProxyDependentIdentifier.h>
+#include <VornUtilities.h>
+
+#include <memory>
+#include <vector>
+
+using namespace VornNet;
+
+namespace VornTest {
+
+namespace {
+
+const VornString cText(40, 'x');
+const VornString cOther(50, 'y');
+
+class Callback : public VornNotificationCallback {
+public:
+    using VornNotificationCallback::VornNotificationCallback;
+
+protected:
+    void doCallback(VornSmartPointer<VornConnection>&) override {}
+};
+
+VornSmartPointer<VornNotificationCallback> callback(int id) {
+    return {new Callback(id)};
+}
+
+Operations callbackRows() {
+    return {
+        {{"VornNotificationCallback::VornNotificationCallback",
+          "VornNotificationCallback::~VornNotificationCallback"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) { trial.attempt([] { Callback made(7); }); }},
+        {{"VornNotificationCallback::callback", "VornNotificationCallback::getId"},
+         "",
+         allocatesNothing,
+         [](Trial& trial) {
+             Callback called(7);
+             VornSmartPointer<VornConnection> connection;
+             trial.attempt([&] {
+                 if (called.getId() == 7)
+                     called.callback(connection);
+             });
+             trial.expect(called.wait(0), "its event is not set");
+         }},
+        {{"VornCallbackContainer::VornCallbackContainer", "VornCallbackContainer::~VornCallbackContainer"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) { trial.attempt([] { VornCallbackContainer container; }); }},
+        {{"VornCallbackContainer::add"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             VornCallbackContainer container;
+             const auto first = callback(1);
+             const auto second = callback(2);
+             container.add(first);
+             trial.attempt([&] { container.add(second); });
+             trial.expect(container.lookup(1) == first, "a callback is lost");
+             trial.expect((container.lookup(2) == second) != trial.hasThrown(), "half added");
+             trial.expect(second->refCount() == (trial.hasThrown() ? 1 : 2), "a reference too many");
+         }},
+        {{"VornCallbackContainer::lookup", "VornCallbackContainer::remove", "VornCallbackContainer::getNewId",
+          "VornCallbackContainer::mutex"},
+         "",
+         allocatesNothing,
+         [](Trial& trial) {
+             VornCallbackContainer container;
+             container.add(callback(1));
+             trial.attempt([&] {
+                 const VornCriticalSection lock(container.mutex(), true);
+                 if (container.lookup(1) != nullptr)
+                     container.remove(1);
+                 container.getNewId();
+             });
+         }},
+    };
+}
+
+Operations identifierRows() {
+    return {
+        {{"VornProxyDependentIdentifier::VornProxyDependentIdentifier",
+          "VornProxyDependentIdentifier::~VornProxyDependentIdentifier"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             trial.attempt([] {
+                 const VornProxyDependentIdentifier empty;
+                 const VornProxyDependentIdentifier made(cText, 7);
+                 const VornProxyDependentIdentifier copy(made);
+             });
+         }},
+        {{"VornProxyDependentIdentifier::operator=", "operator<"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             VornProxyDependentIdentifier changed(cText, 7);
+             const VornProxyDependentIdentifier before(changed);
+             const VornProxyDependentIdentifier source(cOther, 8);
+             trial.attempt([&] { changed = source; });
+             const bool isAsBefore = !(changed < before) && !(before < changed);
+             trial.expect(isAsBefore == trial.hasThrown(), "half changed");
+         }},
+    };
+}
+
+VornSmartPointer<VornProxyDependent> proxy(const VornString& address, long id) {
+    return {new VornProxyDependent(address, id)};
+}
+
+/// The registry with one entry, which it must still have afterwards.
+template <typename Use>
+std::function<void(Trial&)> usingRegistry(int sizeAfter, Use use) {
+    return [=](Trial& trial) {
+        auto& container = VornProxyDependentContainer::getInstance();
+        container.add(proxy(cText, 1));
+        const auto added = proxy(cOther, 2);
+        trial.attempt([&] { use(container, added); });
+        const int expected = trial.hasThrown() ? 1 : sizeAfter;
+        trial.expect(container.size() == expected, "another number of entries");
+        trial.expect((container.lookup(cText, 1) != nullptr) == (expected > 0), "another entry");
+        trial.expect((container.lookup(cOther, 2) != nullptr) == (expected > 1), "half added");
+        VornProxyDependentContainer::deleteInstance();
+        trial.expect(added->refCount() == 1, "a reference too many");
+    };
+}
+
+Operations registryRows() {
+    using Container = VornProxyDependentContainer;
+    using Proxy = VornSmartPointer<VornProxyDependent>;
+    return {
+        {{"VornProxyDependentContainer::getInstance", "VornProxyDependentContainer::deleteInstance",
+          "VornProxyDependentContainer::VornProxyDependentContainer",
+          "VornProxyDependentContainer::~VornProxyDependentContainer"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             Container::deleteInstance();
+             trial.attempt([] { Container::getInstance(); });
+             trial.expect(Container::getInstance().size() == 0, "not empty");
+             Container::deleteInstance();
+         }},
+        {{"VornProxyDependentContainer::add"},
+         "",
+         throwsBadAlloc,
+         usingRegistry(2, [](Container& container, const Proxy& added) { container.add(added); })},
+        {{"VornProxyDependentContainer::lookup"},
+         "",
+         throwsBadAlloc,
+         usingRegistry(1, [](Container& container, const Proxy&) { container.lookup(cText, 1); })},
+        {{"VornProxyDependentContainer::remove"},
+         "by name",
+         throwsBadAlloc,
+         usingRegistry(0, [](Container& container, const Proxy&) { container.remove(cText, 1); })},
+        {{"VornProxyDependentContainer::remove"},
+         "by place",
+         allocatesNothing,
+         usingRegistry(0, [](Container& container, const Proxy&) { container.remove(0); })},
+        {{"VornProxyDependentContainer::size", "VornProxyDependentContainer::operator[]",
+          "VornProxyDependentContainer::getlock"},
+         "",
+         allocatesNothing,
+         usingRegistry(1,
+                       [](Container& container, const Proxy&) {
+                           const VornCriticalSection lock(container.getlock(), true);
+                           const Proxy found = container[container.size() - 1];
+                       })},
+    };
+}
+
+/// Notifies a plain receiver of its kind.
+Operation notifying(const std::string& kind, unsigned allowed) {
+    return {{"VornProxyDependent::remoteNotify"}, kind, allowed, [kind](Trial& trial) {
+                int port = 0;
+                const UniqueFd receiver = kind == "pipe"  ? listenAtPipe()
+                                          : kind == "udp" ? udpSocket("127.0.0.1", port)
+                                                          : tcpListen("127.0.0.1", port);
+                const VornString place = kind == "pipe" ? "faults" : "127.0.0.1:" + std::to_string(port);
+                VornProxyDependent proxy(kind + ":" + place, 3);
+                const VornNotification notification(5);
+                if (kind == "udp")
+                    trial.allowOpenDescriptor();
+                trial.attempt([&] { proxy.remoteNotify(notification); });
+                if (kind != "ssl")
+                    proxy.remoteNotify(notification);
+            }};
+}
+
+Operations proxyRows() {
+    const unsigned ofStream = throwsBadAlloc | throwsVornException | endsProcess;
+    return {
+        {{"VornProxyDependent::VornProxyDependent", "VornProxyDependent::~VornProxyDependent",
+          "VornProxyDependent::getRemoteName", "VornProxyDependent::getDependentHandle"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             trial.attempt([] {
+                 const VornProxyDependent proxy(cText, 7);
+                 proxy.getRemoteName();
+                 proxy.getDependentHandle();
+             });
+         }},
+        {{"VornProxyDependent::addContent"},
+         "into a buffer",
+         doesWithout,
+         [](Trial& trial) {
+             VornProxyDependent proxy(cText, 7);
+             VornBufferConnection buffer;
+             trial.attempt([&] { proxy.addContent(buffer, VornNotification(5)); });
+         }},
+        notifying("pipe", ofStream),
+        notifying("socket", ofStream),
+        notifying("udp", throwsBadAlloc | doesWithout),
+        notifying("ssl", ofStream),
+        {{"VornProxyDependent::remoteNotify"},
+         "to a name that no kind has",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             VornProxyDependent proxy(cText, 7);
+             trial.attempt([&] { proxy.remoteNotify(VornNotification(5)); });
+         }},
+    };
+}
+
+Operations certificateRows() {
+    const auto isSame = [](VornCertificate& one, const VornString& file) {
+        return one.getFile() == file && one.getKeyFile() == file + "key";
+    };
+    return {
+        {{"VornCertificate::VornCertificate", "VornCertificate::~VornCertificate", "VornCertificate::getFile",
+          "VornCertificate::getKeyFile", "VornCertificate::getType", "VornCertificate::getKeyType",
+          "VornCertificate::toType"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             const VornString type = "PEM";
+             trial.attempt([&] {
+                 VornCertificate made(cText, type, cText, type);
+                 VornCertificate copy(made);
+                 copy.getFile();
+                 copy.getKeyFile();
+                 if (copy.getType() == copy.getKeyType())
+                     VornCertificate::toType(type);
+             });
+         }},
+        {{"VornCertificate::operator="},
+         "",
+         throwsBadAlloc,
+         [=](Trial& trial) {
+             VornCertificate changed(cText, "PEM", cText + "key", "PEM");
+             const VornCertificate source(cOther, "PEM", cOther + "key", "PEM");
+             trial.attempt([&] { changed = source; });
+             trial.expect(isSame(changed, trial.hasThrown() ? cText : cOther), "half changed");
+         }},
+    };
+}
+
+/// What the names are, hostsFile() tells.
+Operations lookUpRows() {
+    // What the system's resolver lacks memory for counts as not found.
+    const unsigned ofLookUp = throwsBadAlloc | doesWithout;
+    return {
+        {{"VornAddressToNameImpl"},
+         "",
+         ofLookUp,
+         [](Trial& trial) {
+             const VornString address = "10.1.1.4";
+             VornString name = "old";
+             VornString message;
+             trial.attempt([&] { VornAddressToNameImpl(address, name, message); });
+             trial.expect(name == "old" || name == "a-name-with-more-than-fifteen-letters", "another name");
+             trial.expect(!trial.hasThrown() || name == "old", "it failed and answered all the same");
+         }},
+        {{"VornNameToAddressImpl"},
+         "",
+         ofLookUp,
+         [](Trial& trial) {
+             const VornString name = "many";
+             std::vector<VornString> addresses = {"old"};
+             VornString message;
+             trial.attempt([&] { VornNameToAddressImpl(name, addresses, message); });
+             trial.expect(addresses.size() == 1 || addresses.size() == 4, "some of the addresses only");
+             trial.expect(!trial.hasThrown() || addresses.size() == 1, "it failed and answered all the same");
+         }},
+    };
+}
+
+} // namespace
+
+const char* hostsFile() {
+    return "127.0.0.1 localhost\n10.1.1.1 many\n10.1.1.2 many\n10.1.1.3 many\n"
+           "10.1.1.4 a-name-with-more-than-fifteen-letters\n";
+}
+
+Operations notificationOperations() {
+    Operations rows;
+    for (const Operations& more :
+         {callbackRows(), identifierRows(), registryRows(), proxyRows(), certificateRows(), lookUpRows()})
+        rows.insert(rows.end(), more.begin(), more.end());
+    return rows;
+}
+
+} // namespace VornTest

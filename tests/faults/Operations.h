@@ -1,0 +1,132 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNTEST_OPERATIONS_H
+#define VORNTEST_OPERATIONS_H
+
+#include "AllocationFaults.h"
+
+#include <VornException.h>
+
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+/**
+ * @file
+ * The table of every public operation, for the failures of its allocations.
+ */
+namespace VornTest {
+
+/// What an operation of which an allocation fails may do; several may be combined.
+enum Ending : unsigned {
+    allocatesNothing = 0,     ///< it has no allocation that could fail
+    throwsBadAlloc = 1,       ///< std::bad_alloc
+    throwsVornException = 2,  ///< VornException
+    doesWithout = 4,          ///< it goes on without what needed the memory, or reports an error
+    endsProcess = 8,          ///< std::terminate(), as is promised for what no caller expects
+    neverReturns = 16,        ///< a sink's constructor whose thread cannot make the server
+    throwsSomethingElse = 32, ///< never allowed
+};
+
+/// One run of an operation, in which perhaps an allocation fails.
+class Trial {
+public:
+    /// @param nth which allocation fails; 0 for none
+    Trial(int nth, AllocationFault::Mode mode) : m_nth(nth), m_mode(mode) {}
+
+    /// Does the operation; around it a row may prepare and look at what it needs. Once per run.
+    template <typename Operation>
+    void attempt(Operation&& operation) {
+        attemptOn(AllocationFault::Scope::thisThread, operation);
+    }
+
+    /// The same for an operation that works on other threads as well: their allocations fail, too.
+    template <typename Operation>
+    void attemptOnAllThreads(Operation&& operation) {
+        attemptOn(AllocationFault::Scope::allThreads, operation);
+    }
+
+    /// The same, but it is of other threads only: what this one does is a peer's part.
+    template <typename Operation>
+    void attemptOnOtherThreads(Operation&& operation) {
+        attemptOn(AllocationFault::Scope::otherThreads, operation);
+    }
+
+    /// Whether the operation has thrown: what it works on must then be as before.
+    bool hasThrown() const { return m_ending != doesWithout; }
+
+    /// Notes what must not be, for example that an object is half changed.
+    void expect(bool isTrue, const char* otherwise) {
+        if (!isTrue && m_note == nullptr)
+            m_note = otherwise;
+    }
+
+    /// By contract a datagram that cannot be sent leaves its descriptor open.
+    void allowOpenDescriptor() { m_mayLeaveDescriptor = true; }
+
+    Ending ending() const { return m_ending; }
+
+    const char* note() const { return m_note; }
+
+    int allocations() const { return m_allocations; }
+
+    bool mayLeaveDescriptor() const { return m_mayLeaveDescriptor; }
+
+private:
+    template <typename Operation>
+    void attemptOn(AllocationFault::Scope scope, Operation& operation) {
+        m_ending = throwsSomethingElse;
+        try {
+            const AllocationFault fault(m_nth == 0 ? cNever : m_nth, m_mode, scope);
+            operation();
+            m_ending = doesWithout;
+        } catch (const std::bad_alloc&) {
+            m_ending = throwsBadAlloc;
+        } catch (const VornSupport::VornException&) {
+            m_ending = throwsVornException;
+        } catch (...) {
+            m_ending = throwsSomethingElse;
+        }
+        m_allocations = AllocationFault::allocations();
+    }
+
+    static constexpr int cNever = 1'000'000'000;
+
+    int m_nth;
+    AllocationFault::Mode m_mode;
+    Ending m_ending = doesWithout;
+    const char* m_note = nullptr;
+    int m_allocations = 0;
+    bool m_mayLeaveDescriptor = false;
+};
+
+/// A row of the table.
+struct Operation {
+    /// The operations that are done, as "Class::operation" or "function".
+    std::vector<std::string> names;
+    /// Under which circumstances; empty where there is only one way.
+    std::string detail;
+    unsigned allowed;
+    std::function<void(Trial&)> run;
+};
+
+using Operations = std::vector<Operation>;
+
+Operations textOperations();
+Operations supportOperations();
+Operations connectionOperations();
+Operations transportOperations();
+Operations serverOperations();
+Operations notificationOperations();
+Operations sinkOperations();
+
+/// The whole table.
+Operations allOperations();
+
+/// The names and addresses that the table's operations look up.
+const char* hostsFile();
+
+} // namespace VornTest
+
+#endif

@@ -1,0 +1,255 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+// The table's rows for the servers.
+
+#include "Operations.h"
+#include "Peers.h"
+#include "Sandbox.h"
+
+#include <VornPipeServer.h>
+#include <VornSSLServerSocket.h>
+#include <VornServerSocket.h>
+#include <VornUDPServerSocket.h>
+
+#include <sys/resource.h>
+
+using namespace VornNet;
+
+namespace VornTest {
+
+namespace {
+
+const VornString cText(40, 'x');
+constexpr unsigned ofWait = throwsVornException | endsProcess;
+
+/// A server of either socket kind, which can be opened before anybody waits on it.
+template <typename Server>
+class Opened : public Server {
+public:
+    using Server::init;
+    using Server::Server;
+};
+
+/// Waits for the client that is there; a server that could not do it must be able to do it later.
+void waitFor(Trial& trial, VornIPCServer& server, bool isIdentified, const std::function<void()>& come) {
+    come();
+    VornSmartPointer<VornConnection> client;
+    trial.attempt([&] { client = server.waitForClient(isIdentified); });
+    trial.expect(trial.hasThrown() || client != nullptr, "no client");
+    if (trial.hasThrown()) {
+        server.close();
+        WatchedThread waiter([&] { client = server.waitForClient(isIdentified); });
+        const Repeated caller([&] { come(); });
+        trial.expect(waiter.join(), "it does not wait again");
+        trial.expect(client != nullptr, "it serves nobody any more");
+    }
+    client = nullptr;
+    server.close();
+}
+
+Operations pipeRows() {
+    const auto come = [] { unixConnect(pipePath("faults")); };
+    return {
+        {{"VornPipeServer::VornPipeServer", "VornPipeServer::~VornPipeServer", "VornPipeServer::init",
+          "VornIPCServer::VornIPCServer", "VornIPCServer::~VornIPCServer"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             trial.attempt([] { VornPipeServer server("faults"); });
+             VornPipeServer again("faults");
+         }},
+        {{"VornPipeServer::VornPipeServer"},
+         "of a group",
+         throwsBadAlloc | doesWithout,
+         [](Trial& trial) {
+             trial.attempt([] { VornPipeServer server("faults", 1, "root"); });
+             VornPipeServer again("faults");
+         }},
+        {{"VornPipeServer::VornPipeServer"},
+         "with too long a name",
+         throwsBadAlloc | throwsVornException,
+         [](Trial& trial) { trial.attempt([] { VornPipeServer server(VornString(200, 'x')); }); }},
+        {{"VornPipeServer::getFullPipeName"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) { trial.attempt([] { VornPipeServer::getFullPipeName(cText); }); }},
+        {{"VornPipeServer::close", "VornPipeServer::waitForInit"},
+         "",
+         allocatesNothing,
+         [](Trial& trial) {
+             VornPipeServer server("faults");
+             trial.attempt([&] {
+                 server.waitForInit();
+                 server.close();
+             });
+         }},
+        {{"VornIPCServer::waitForClient", "VornPipeServer::waitForClientImpl"},
+         "pipe",
+         ofWait,
+         [=](Trial& trial) {
+             VornPipeServer server("faults");
+             waitFor(trial, server, false, come);
+         }},
+        {{"VornIPCServer::waitForClient", "VornPipeServer::init"},
+         "pipe without a descriptor left",
+         ofWait,
+         [](Trial& trial) {
+             VornPipeServer server("faults");
+             server.close();
+             rlimit limit = {};
+             ::getrlimit(RLIMIT_NOFILE, &limit);
+             const rlimit none = {0, limit.rlim_max};
+             ::setrlimit(RLIMIT_NOFILE, &none);
+             trial.attempt([&] { server.waitForClient(false); });
+             ::setrlimit(RLIMIT_NOFILE, &limit);
+         }},
+    };
+}
+
+Operations tcpRows() {
+    return {
+        {{"VornServerSocket::VornServerSocket", "VornServerSocket::~VornServerSocket",
+          "VornServerSocket::getBindAddress", "VornServerSocket::getPort", "VornServerSocket::setPort"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             trial.attempt([] {
+                 VornServerSocket server(9, 5, cText);
+                 server.getBindAddress();
+                 server.setPort(server.getPort());
+             });
+         }},
+        {{"VornServerSocket::init", "VornServerSocket::close", "VornServerSocket::waitForInit"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             Opened<VornServerSocket> server(freshPort(), 5, "127.0.0.1");
+             trial.attempt([&] {
+                 server.init();
+                 server.waitForInit();
+                 server.close();
+             });
+             server.init();
+         }},
+        {{"VornServerSocket::init"},
+         "to no address",
+         throwsBadAlloc | throwsVornException,
+         [](Trial& trial) {
+             Opened<VornServerSocket> server(freshPort(), 5, "localhost");
+             trial.attempt([&] { server.init(); });
+         }},
+        {{"VornIPCServer::waitForClient", "VornServerSocket::waitForClientImpl"},
+         "TCP",
+         ofWait,
+         [](Trial& trial) {
+             const int port = freshPort();
+             Opened<VornServerSocket> server(port, 5, "127.0.0.1");
+             server.init();
+             waitFor(trial, server, false, [=] { resetOnClose(tcpConnect("127.0.0.1", port).get()); });
+         }},
+        {{"VornIPCServer::waitForClient"},
+         "TCP, identified",
+         ofWait | doesWithout,
+         [](Trial& trial) {
+             const int port = freshPort();
+             Opened<VornServerSocket> server(port, 5, "127.0.0.1");
+             server.init();
+             waitFor(trial, server, true, [=] { resetOnClose(tcpConnect("127.0.0.1", port).get()); });
+         }},
+        {{"VornIPCServer::waitForClient"},
+         "TCP, opening",
+         ofWait,
+         [](Trial& trial) {
+             const int port = freshPort();
+             VornServerSocket server(port, 5, "127.0.0.1");
+             const Repeated caller([=] { resetOnClose(tcpConnect("127.0.0.1", port).get()); });
+             trial.attempt([&] { server.waitForClient(false); });
+         }},
+    };
+}
+
+Operations udpRows() {
+    const auto sendTo = [](int port) {
+        return [=] {
+            int ownPort = 0;
+            udpSendTo(udpSocket("127.0.0.1", ownPort).get(), "127.0.0.1", port, "0123456789");
+        };
+    };
+    return {
+        {{"VornUDPServerSocket::VornUDPServerSocket", "VornUDPServerSocket::~VornUDPServerSocket"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) { trial.attempt([] { VornUDPServerSocket server(9, cText, 100); }); }},
+        {{"VornUDPServerSocket::init"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             Opened<VornUDPServerSocket> server(freshPort(), "127.0.0.1", 100);
+             trial.attempt([&] { server.init(); });
+             server.init();
+             server.waitForInit();
+         }},
+        // Its datagram to itself has nothing in it then, and cannot be sent.
+        {{"VornUDPServerSocket::close"},
+         "",
+         doesWithout,
+         [](Trial& trial) {
+             trial.allowOpenDescriptor();
+             Opened<VornUDPServerSocket> server(freshPort(), "127.0.0.1", 100);
+             server.init();
+             trial.attempt([&] { server.close(); });
+             server.init();
+         }},
+        // The datagram's copy is one of the writes of a buffer connection, which are dropped.
+        {{"VornIPCServer::waitForClient", "VornUDPServerSocket::waitForClientImpl"},
+         "UDP",
+         ofWait | doesWithout,
+         [=](Trial& trial) {
+             const int port = freshPort();
+             Opened<VornUDPServerSocket> server(port, "127.0.0.1", 100);
+             server.init();
+             waitFor(trial, server, false, sendTo(port));
+         }},
+        {{"VornIPCServer::waitForClient"},
+         "UDP, identified",
+         ofWait | doesWithout,
+         [=](Trial& trial) {
+             const int port = freshPort();
+             Opened<VornUDPServerSocket> server(port, "127.0.0.1", 100);
+             server.init();
+             waitFor(trial, server, true, sendTo(port));
+         }},
+    };
+}
+
+Operations sslRows() {
+    static const VornCertificate certificate(cText, "PEM", cText, "PEM");
+    return {
+        {{"VornSSLServerSocket::VornSSLServerSocket", "VornSSLServerSocket::~VornSSLServerSocket"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) { trial.attempt([] { VornSSLServerSocket server(9, certificate, 5, cText); }); }},
+        {{"VornIPCServer::waitForClient", "VornSSLServerSocket::waitForClientImpl",
+          "VornSSLServerSocket::init", "VornSSLServerSocket::close"},
+         "SSL",
+         allocatesNothing,
+         [](Trial& trial) {
+             VornSSLServerSocket server(9, certificate, 5, cText);
+             trial.attempt([&] {
+                 server.waitForClient(false);
+                 server.close();
+             });
+         }},
+    };
+}
+
+} // namespace
+
+Operations serverOperations() {
+    Operations rows;
+    for (const Operations& more : {pipeRows(), tcpRows(), udpRows(), sslRows()})
+        rows.insert(rows.end(), more.begin(), more.end());
+    return rows;
+}
+
+} // namespace VornTest
