@@ -9,5 +9,7 @@ add_compile_options(
     -D_FORTIFY_SOURCE=2
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}=${source_in_packages}
     -ffile-prefix-map=${PROJECT_BINARY_DIR}=${source_in_packages}/build)
-# The debug symbols go into packages too, and are a fifth of the size when they are packed.
+# The debug symbols go into packages too, and are a third of the size when they are packed.
 add_link_options(LINKER:-z,relro,-z,now LINKER:--compress-debug-sections=zlib)
+# The programs' build ids are made of all that they are linked with, and so of a run path that installing removes.
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)

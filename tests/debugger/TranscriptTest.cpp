@@ -25,7 +25,7 @@ using testing::HasSubstr;
 
 namespace {
 
-/// A session as the page shows it.
+/// What is typed and printed, as the page shows it.
 struct Transcript {
     Lines commands; ///< given to gdb
     Lines values;   ///< what it prints, without places in the source
@@ -45,7 +45,7 @@ Lines linesOf(const std::string& text) {
     return lines;
 }
 
-/// The sessions in the page's blocks, in order.
+/// The transcripts in the page's blocks, in order.
 std::vector<Transcript> transcripts() {
     std::vector<Transcript> result;
     bool isInside = false;
@@ -117,20 +117,20 @@ void install(const std::string& prefix) {
 
 } // namespace
 
-TEST_F(GdbPrinters, SessionWithACoreDump_IsAsThePageShowsIt) {
+TEST_F(GdbPrinters, TranscriptOfACoreDump_IsAsThePageShowsIt) {
     const TemporaryDirectory directory;
     const std::string core = dumpBusySink(directory.path());
     const Transcript page = transcripts().at(1);
     EXPECT_EQ(valuesOf({VORNTEST_TOOL, core}, {}, page.commands), page.values);
 }
 
-TEST_F(GdbPrinters, SessionThatSetsTheLogLevel_IsAsThePageShowsIt) {
+TEST_F(GdbPrinters, TranscriptThatSetsTheLogLevel_IsAsThePageShowsIt) {
     const Transcript page = transcripts().at(0);
     EXPECT_EQ(valuesOf({"--args", VORNTEST_DEBUGGEE, "values"}, {"break stopHere", "run"}, page.commands),
               page.values);
 }
 
-TEST_F(GdbPrinters, Page_HasNoOtherSessions) {
+TEST_F(GdbPrinters, Page_HasNoOtherTranscripts) {
     EXPECT_EQ(transcripts().size(), 2U);
 }
 

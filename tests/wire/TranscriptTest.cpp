@@ -125,20 +125,20 @@ void request() {
 
 } // namespace
 
-TEST_F(VornnetDissector, Sessions_AreAsThePageShowsThem) {
+TEST_F(VornnetDissector, Transcripts_AreAsThePageShowsThem) {
     notify();
     request();
     capture().awaitEnds(4);
-    const std::vector<Transcript> sessions = transcripts();
-    EXPECT_EQ(sessions.size(), 2U);
+    const std::vector<Transcript> shownOnPage = transcripts();
+    EXPECT_EQ(shownOnPage.size(), 2U);
     const std::string program = "tshark -r notify.pcap";
-    for (const Transcript& session : sessions) {
-        ASSERT_THAT(session.command, testing::StartsWith(program));
+    for (const Transcript& transcript : shownOnPage) {
+        ASSERT_THAT(transcript.command, testing::StartsWith(program));
         Lines options;
-        std::istringstream words(session.command.substr(program.size()));
+        std::istringstream words(transcript.command.substr(program.size()));
         for (std::string word; words >> word;)
             options.push_back(word);
-        EXPECT_EQ(lasting(linesOf(tshark(options))), lasting(session.output)) << session.command;
+        EXPECT_EQ(lasting(linesOf(tshark(options))), lasting(transcript.output)) << transcript.command;
     }
 }
 
