@@ -80,7 +80,8 @@ bool VornUDPSocketConnection::transmit() {
     sockaddr_in target{};
     try {
         target = makeSocketAddress(findTarget(m_sRemoteName, m_bIdentify), m_nPort);
-    } catch (const std::bad_alloc&) { // a failure is the result here, and no exception
+    } catch (const std::bad_alloc&) { // GCOVR_EXCL_BR_LINE: nothing else is thrown
+        // A failure is the result here, and no exception.
         logSendFailure(ENOMEM, m_sRemoteName);
         return false;
     }

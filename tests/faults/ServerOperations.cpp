@@ -147,6 +147,11 @@ Operations tcpRows() {
              server.init();
              waitFor(trial, server, false, [=] { resetOnClose(tcpConnect("127.0.0.1", port).get()); });
          }},
+    };
+}
+
+Operations otherTcpWaitRows() {
+    return {
         {{"VornIPCServer::waitForClient"},
          "TCP, identified",
          ofWait | doesWithout,
@@ -247,7 +252,7 @@ Operations sslRows() {
 
 Operations serverOperations() {
     Operations rows;
-    for (const Operations& more : {pipeRows(), tcpRows(), udpRows(), sslRows()})
+    for (const Operations& more : {pipeRows(), tcpRows(), otherTcpWaitRows(), udpRows(), sslRows()})
         rows.insert(rows.end(), more.begin(), more.end());
     return rows;
 }

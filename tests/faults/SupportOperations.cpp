@@ -243,6 +243,21 @@ public:
     Module() : ModuleData(true) {}
 };
 
+Operations moduleRows() {
+    return {
+        {{"ModuleData::ModuleData", "ModuleData::attach", "ModuleData::detach", "ModuleData::~ModuleData"},
+         "",
+         allocatesNothing,
+         [](Trial& trial) {
+             trial.attempt([] {
+                 Module module;
+                 module.attach();
+                 module.detach();
+             });
+         }},
+    };
+}
+
 Operations threadRows() {
     return {
         {{"VornThread::VornThread", "VornThread::~VornThread"},
@@ -293,16 +308,6 @@ Operations threadRows() {
              trial.attempt([&] { worker.notify(notification); });
              trial.expect(dependent.told == (trial.hasThrown() ? 0 : 1), "told although it failed");
          }},
-        {{"ModuleData::ModuleData", "ModuleData::attach", "ModuleData::detach", "ModuleData::~ModuleData"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             trial.attempt([] {
-                 Module module;
-                 module.attach();
-                 module.detach();
-             });
-         }},
     };
 }
 
@@ -310,7 +315,8 @@ Operations threadRows() {
 
 Operations supportOperations() {
     Operations rows;
-    for (const Operations& more : {objectRows(), pointerRows(), observerRows(), lockRows(), threadRows()})
+    for (const Operations& more :
+         {objectRows(), pointerRows(), observerRows(), lockRows(), threadRows(), moduleRows()})
         rows.insert(rows.end(), more.begin(), more.end());
     return rows;
 }

@@ -192,6 +192,23 @@ Operations makingRows() {
                               (size == -1 && block == nullptr),
                           "the message is half there");
          }},
+        {{"VNETInitWinsock", "VNETFinitWinsock", "VNETInitSSL", "VNETFinitSSL"},
+         "",
+         allocatesNothing,
+         [](Trial& trial) {
+             trial.attempt([] {
+                 VNETInitWinsock();
+                 VNETInitSSL();
+                 VNETFinitSSL();
+                 VNETFinitWinsock();
+             });
+         }},
+    };
+}
+
+/// Around a descriptor that is connected already.
+Operations acceptedRows() {
+    return {
         {{"VornPipeConnection::VornPipeConnection"}, "accepted", throwsBadAlloc, takingOver([](int fd) {
              VornPipeConnection connection(&fd, 7);
          })},
@@ -221,17 +238,6 @@ Operations makingRows() {
          "nothing to wrap",
          throwsBadAlloc | throwsVornException,
          [](Trial& trial) { trial.attempt([] { VornSSLSocketConnection connection(nullptr, nullptr); }); }},
-        {{"VNETInitWinsock", "VNETFinitWinsock", "VNETInitSSL", "VNETFinitSSL"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             trial.attempt([] {
-                 VNETInitWinsock();
-                 VNETInitSSL();
-                 VNETFinitSSL();
-                 VNETFinitWinsock();
-             });
-         }},
     };
 }
 
@@ -264,8 +270,8 @@ Operation transmission(const std::string& host) {
 
 Operations transportOperations() {
     Operations rows = {firstWrite(), transmission("127.0.0.1"), transmission("localhost")};
-    for (const Operations& more :
-         {makingRows(), connectingRows(true), connectingRows(false), failingRows(true), failingRows(false)})
+    for (const Operations& more : {makingRows(), acceptedRows(), connectingRows(true), connectingRows(false),
+                                   failingRows(true), failingRows(false)})
         rows.insert(rows.end(), more.begin(), more.end());
     rows.push_back({{"VornConnection::establish"},
                     "TCP, by name",
