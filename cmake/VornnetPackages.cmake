@@ -91,6 +91,8 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control_of_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "adduser | systemd-sysusers")
+# It makes /etc/hosts, without which "localhost" has no address and TCP and UDP sinks have none either.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS netbase)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "typed connections and notifications between processes
 ${what}
 

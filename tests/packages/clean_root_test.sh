@@ -40,8 +40,9 @@ in_namespace() {
     fi
 }
 clean_up() {
-    # The files belong to others than the one who runs the test.
-    if ((EUID == 0)); then rm -rf -- "$work"; else mmdebstrap --unshare-helper rm -rf -- "$work"; fi
+    # The files of the roots belong to others than the one who runs the test.
+    ((EUID == 0)) || mmdebstrap --unshare-helper rm -rf -- "$work"/*/root
+    rm -rf -- "$work"
 }
 trap clean_up EXIT
 chmod 755 "$work"
@@ -79,6 +80,9 @@ check_development() {
     done
     run_quietly cmake -S "$here/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$directory/usr"
     run_quietly cmake --build "$work/consumer"
+    # Where nothing has told the linker of the libraries, one of them does not find the other by itself.
+    local -x LD_LIBRARY_PATH
+    LD_LIBRARY_PATH=$(echo "$directory"/usr/lib/*-linux-*)
     [[ $("$work/consumer/program") == '7 seven' ]]
     ldd "$work/consumer/program" >"$work/log"
     for library in "$directory"/usr/lib/*/*.so.1; do

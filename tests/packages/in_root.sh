@@ -40,7 +40,7 @@ snapshot() {
 }
 
 install_packages() { # DIRECTORY VERSION
-    quietly apt-get -o Dpkg::Use-Pty=0 install -y "/packages/$1"/*.deb
+    quietly apt-get -o Dpkg::Use-Pty=0 install -y --no-install-recommends "/packages/$1"/*.deb
     local package
     for package in "${all_packages[@]}"; do
         expect_equal "state of $package" "$(dpkg-query -W -f '${db:Status-Status} ${Version}' "$package")" \
@@ -74,13 +74,20 @@ remove_users() {
     done
 }
 
+# The doctor has found something wrong, and has found that.
+expect_problem() { # STATUS WHAT
+    sed 's/^/   /' /tmp/doctor
+    expect_equal "exit status of the doctor for $2" "$1" 5
+    grep -q "^problem *$2: " /tmp/doctor || fail "the doctor does not say that it is the $2"
+}
+
 # Smaller than any system that somebody has set up: not even localhost has an address.
 check_doctor_without_hosts() {
     mv /etc/hosts /tmp/hosts 2>/dev/null || true
     local status=0
+    show '(as alice, without /etc/hosts) QUORAX_CALLB_CONN_TYPE=socket vornnet doctor'
     as alice env QUORAX_CALLB_CONN_TYPE=socket vornnet doctor >/tmp/doctor || status=$?
-    expect_equal 'exit status of the doctor without /etc/hosts' "$status" 5
-    grep -q 'localhost' /tmp/doctor || fail 'the doctor does not tell that localhost has no address'
+    expect_problem "$status" localhost
     echo '127.0.0.1 localhost' >/etc/hosts
 }
 
@@ -93,9 +100,9 @@ check_doctor() {
     local status=0
     show '(as alice) vornnet doctor'
     as alice vornnet doctor | sed 's/^/   /'
+    show '(as mallory, who is not in the group) vornnet doctor'
     as mallory vornnet doctor >/tmp/doctor || status=$?
-    expect_equal 'exit status of the doctor for a stranger' "$status" 5
-    grep -q "^problem *pipe-directory: .*$directory" /tmp/doctor || { cat /tmp/doctor; fail 'it does not say why'; }
+    expect_problem "$status" pipe-directory
 }
 
 start_sink() { # USER OPTION...
