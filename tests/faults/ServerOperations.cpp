@@ -42,6 +42,7 @@ void waitFor(Trial& trial, VornIPCServer& server, bool isIdentified, const std::
         const Repeated caller([&] { come(); });
         trial.expect(waiter.join(), "it does not wait again");
         trial.expect(client != nullptr, "it serves nobody any more");
+        server.close(); // a caller in a full queue would wait, and be waited for, for minutes
     }
     client = nullptr;
     server.close();
@@ -169,6 +170,7 @@ Operations otherTcpWaitRows() {
              VornServerSocket server(port, 5, "127.0.0.1");
              const Repeated caller([=] { resetOnClose(tcpConnect("127.0.0.1", port).get()); });
              trial.attempt([&] { server.waitForClient(false); });
+             server.close(); // a caller in a full queue would wait, and be waited for, for minutes
          }},
     };
 }
