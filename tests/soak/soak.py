@@ -301,7 +301,7 @@ def await_idle(path):
 
 
 class Schedule:
-    """What happens when, by the seed alone."""
+    """What happens when, by its seed alone."""
 
     def __init__(self, stage, options):
         self.stage = stage
