@@ -39,12 +39,17 @@ private:
     std::vector<std::pair<std::string, long>> m_queries;
 };
 
-/** The map alone. As with the registry, the key is made of address and handle for each look-up. */
+/**
+ * The map alone. As with the registry, the key is made of address and handle for each look-up, and what is
+ * found is a proxy, which lies in memory beside its entry.
+ */
 class MapLookUp : public Contender {
 public:
     explicit MapLookUp(int entries) : m_queries(entries) {
-        for (int i = 0; i < entries; ++i)
-            m_map.emplace(std::make_pair(addressOf(i), i), &m_value);
+        for (int i = 0; i < entries; ++i) {
+            m_proxies.emplace_back(new VornNet::VornProxyDependent(addressOf(i), i));
+            m_map.emplace(std::make_pair(addressOf(i), i), m_proxies.back());
+        }
     }
 
     Clock::time_point operate() override {
@@ -54,8 +59,8 @@ public:
     }
 
 private:
-    const int m_value = 0;
-    std::map<std::pair<std::string, long>, const int*> m_map;
+    std::vector<VornNet::VornSmartPointer<VornNet::VornProxyDependent>> m_proxies;
+    std::map<std::pair<std::string, long>, VornNet::VornProxyDependent*> m_map;
     const Queries m_queries;
 };
 

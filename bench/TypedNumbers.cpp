@@ -65,6 +65,8 @@ public:
         m_position += 4;
     }
 
+    virtual void pass(int number) { benchmark::DoNotOptimize(number); }
+
     void rewind() { m_position = 0; }
 
 private:
@@ -73,19 +75,18 @@ private:
 };
 
 /**
- * The limit of anything that is called through an interface once per number: a virtual call, and a position
- * that is in memory between two calls, where the loop above keeps it in a register.
+ * The limits of anything that is called through an interface once per number: a virtual call that does
+ * nothing, and one that stores the number at a position that is in memory between two calls.
  */
-void addCallLimit() {
-    addFunction("numbers-write", "virtual-call", cNumbers, [] {
-        return [writer = std::make_shared<Writer>()] {
+void addCallLimit(const char* contender, void (Writer::*function)(int)) {
+    addFunction("numbers-write", contender, cNumbers, [function] {
+        return [writer = std::make_shared<Writer>(), function] {
             Writer* target = writer.get();
             target->rewind();
-            // The compiler must not guess the function and inline it.
-            void (Writer::*write)(int) = &Writer::write;
-            benchmark::DoNotOptimize(write);
+            void (Writer::*call)(int) = function;
+            benchmark::DoNotOptimize(call); // the compiler must not guess it and inline it
             for (int number = 0; number < cNumbers; ++number)
-                (target->*write)(number);
+                (target->*call)(number);
         };
     });
 }
@@ -180,7 +181,8 @@ void addPoco() {
 
 void addTypedNumbers() {
     addLimit();
-    addCallLimit();
+    addCallLimit("empty-call", &Writer::pass);
+    addCallLimit("virtual-call", &Writer::write);
     addVornnet();
 #ifdef BENCH_WITH_THRIFT
     addThrift<ThriftProtocol, VirtualThrift>("thrift-virtual");

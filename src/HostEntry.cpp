@@ -12,6 +12,8 @@ namespace VornNet {
 template <typename LookUp>
 HostEntry HostEntry::ask(LookUp&& lookUp) {
     constexpr std::size_t cUsualSize = 1024;
+    constexpr std::size_t cLargestSize =
+        16UL * 1024 * 1024; // a resolver that asks for more will ask for ever
     HostEntry answer;
     answer.m_buffer.resize(cUsualSize);
     for (;;) {
@@ -22,7 +24,7 @@ HostEntry HostEntry::ask(LookUp&& lookUp) {
         const int status =
             lookUp(&answer.m_entry, answer.m_buffer.data(), answer.m_buffer.size(), &result, &resolverError);
         answer.m_error = errno;
-        if (status != ERANGE) {
+        if (status != ERANGE || answer.m_buffer.size() == cLargestSize) {
             answer.m_isFound = result != nullptr;
             return answer;
         }

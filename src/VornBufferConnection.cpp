@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <malloc.h>
+
 namespace VornNet {
 
 namespace {
@@ -95,18 +97,34 @@ bool VornBufferConnection::grow(long nRequest) {
     constexpr long cStep = 8192;
     // The step follows from the request alone, also where less would do.
     const long nStep = nRequest > INT_MAX ? nRequest : (nRequest + cStep - 1) / cStep * cStep;
-    if (nStep > INT_MAX - m_nBufferSize)
+    if (nStep > INT_MAX - m_nBufferSize || !reserve(static_cast<std::size_t>(m_nBufferSize + nStep)))
         return false;
-    const auto nCapacity = static_cast<std::size_t>(m_nBufferSize + nStep);
-    void* block = std::realloc(m_pDataBuffer, nCapacity);
-    if (block == nullptr)
-        return false;
-    m_pDataBuffer = static_cast<unsigned char*>(block);
     m_nBufferSize += static_cast<int>(nStep);
     if (m_nOutIndex == -1) {
         m_nInIndex = 0;
         m_nOutIndex = 0;
     }
+    return true;
+}
+
+/**
+ * Makes the block hold @p nCapacity bytes. A large block that grows again is given half as much on top: a
+ * message of some MiB that grew by single steps made malloc() copy it from place to place and give its memory
+ * back to the system at the end, so that each message paid for all its page faults anew.
+ */
+bool VornBufferConnection::reserve(std::size_t nCapacity) {
+    constexpr std::size_t cLarge = 131'072;
+    const std::size_t nBlock = m_pDataBuffer == nullptr ? 0 : ::malloc_usable_size(m_pDataBuffer);
+    if (m_pDataBuffer != nullptr && nCapacity <= nBlock)
+        return true;
+    void* block = nullptr;
+    if (nBlock >= cLarge)
+        block = std::realloc(m_pDataBuffer, nCapacity + nCapacity / 2);
+    if (block == nullptr)
+        block = std::realloc(m_pDataBuffer, nCapacity);
+    if (block == nullptr)
+        return false;
+    m_pDataBuffer = static_cast<unsigned char*>(block);
     return true;
 }
 

@@ -74,10 +74,13 @@ void bindTo(int fd, const VornString& sPath) {
 }
 
 bool findGroup(const VornString& sGroup, gid_t& id) {
+    constexpr std::size_t cLargestSize =
+        16UL * 1024 * 1024; // a data base that asks for more will ask for ever
     std::vector<char> buffer(1024);
     group entry{};
     group* result = nullptr;
-    while (System::getgrnam(sGroup.c_str(), &entry, buffer.data(), buffer.size(), &result) == ERANGE)
+    while (System::getgrnam(sGroup.c_str(), &entry, buffer.data(), buffer.size(), &result) == ERANGE &&
+           buffer.size() < cLargestSize)
         buffer.resize(buffer.size() * 2);
     if (result != nullptr)
         id = result->gr_gid;

@@ -20,9 +20,10 @@ long statusKiB(const std::string& label) {
 
 } // namespace
 
-void limitMemory() {
+void limitMemory([[maybe_unused]] long bytes) {
 #ifndef VORNTEST_UNDER_SANITIZER
-    const rlimit limit = {512UL * 1024 * 1024, 512UL * 1024 * 1024};
+    const auto most = static_cast<rlim_t>(statusKiB("VmSize:") * 1024 + bytes);
+    const rlimit limit = {most, most};
     if (::setrlimit(RLIMIT_AS, &limit) != 0) {
         throw std::system_error(errno, std::generic_category(), "setrlimit(RLIMIT_AS)");
     }

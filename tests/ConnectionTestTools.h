@@ -162,19 +162,19 @@ inline bool isCloseOnExec(int fd) {
  * A sanitizer needs terabytes of address space, so its allocator is told to refuse; elsewhere the role limits
  * its address space.
  */
-inline std::vector<std::string> scarceMemoryEnvironment() {
+inline std::vector<std::string> scarceMemoryEnvironment(int megabytes = 512) {
     std::vector<std::string> result;
     for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
         const char* old = std::getenv(name);
         const std::string options = old != nullptr ? std::string(old) + ":" : std::string();
         result.push_back(std::string(name) + "=" + options +
-                         "allocator_may_return_null=1:max_allocation_size_mb=512");
+                         "allocator_may_return_null=1:max_allocation_size_mb=" + std::to_string(megabytes));
     }
     return result;
 }
 
-/// To be called in such a role.
-void limitMemory();
+/// To be called in such a role: leaves no more than so many bytes of address space.
+void limitMemory(long bytes = 512L * 1024 * 1024);
 
 /// The most memory, in KiB, that the process has had resident so far.
 long peakResidentKiB();

@@ -12,7 +12,10 @@
 #include <climits>
 #include <cstring>
 #include <iostream>
+#include <set>
 #include <type_traits>
+
+#include <malloc.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -94,6 +97,21 @@ KIT_ROLE(freshBufferWithScarceMemory) {
     const long count = buffer.transfer(&byte, 1024L * 1024 * 1024, &error);
     std::cout << count << ' ' << error << ' ' << buffer.size() << ' ' << buffer.m_nInIndex << ' '
               << buffer.m_nBufferSize << ' ' << (buffer.buf() == nullptr ? "null" : "block") << '\n';
+    return 0;
+}
+
+KIT_ROLE(bufferThatUsesAllMemory) {
+    constexpr long megabyte = 1024L * 1024;
+    ::mallopt(M_MMAP_THRESHOLD,
+              128 * 1024); // a block that is extended where it is needs no room for a second one
+    limitMemory(48 * megabyte);
+    const std::string piece(megabyte, 'x');
+    Probe buffer;
+    long error = untouched;
+    while (buffer.transfer(piece.data(), megabyte, &error) == megabyte) {
+    }
+    std::cout << error << ' ' << (buffer.size() > 40 * megabyte ? "all" : "some") << ' '
+              << (buffer.size() == buffer.m_nBufferSize ? "steps" : "more") << '\n';
     return 0;
 }
 
@@ -313,6 +331,24 @@ TEST_F(VornBufferConnectionTest, TypedWritesGrowTheBlockByTheSameSteps) {
     EXPECT_EQ(buffer.receiveString(), VornString(20'000, 'x'));
 }
 
+TEST_F(VornBufferConnectionTest, ALargeBlockThatGrowsAgainIsNotMovedForEachStep) {
+    std::set<std::size_t> sizes;
+    for (int i = 0; i < 1024 * 1024; ++i) {
+        buffer.transfer(i);
+        sizes.insert(::malloc_usable_size(buffer.m_pDataBuffer));
+    }
+    EXPECT_EQ(buffer.m_nBufferSize, 4 * 1024 * 1024);
+    EXPECT_LT(sizes.size(), 32U);
+    for (int i = 0; i < 1024 * 1024; ++i) {
+        ASSERT_EQ(buffer.receiveInt(), i);
+    }
+}
+
+TEST_F(VornBufferConnectionTest, ABlockThatDoesNotGrowIsNotLargerThanWhatItHolds) {
+    rawWrite(buffer, std::string(4 * 1024 * 1024, 'x'));
+    EXPECT_LT(::malloc_usable_size(buffer.m_pDataBuffer), 4U * 1024 * 1024 + 8192);
+}
+
 TEST_F(VornBufferConnectionTest, AnIntAcrossTheEndOfTheBlockIsWrittenWhole) {
     rawWrite(buffer, std::string(8190, 'a'));
     buffer.transfer(0x01020304);
@@ -376,6 +412,12 @@ TEST_F(VornBufferConnectionTest, WhenThereIsNoMemoryForTheFirstWrite_ItStaysFres
     ChildProcess child =
         ChildProcess::spawnRoleWith(scarceMemoryEnvironment(), "freshBufferWithScarceMemory");
     EXPECT_EQ(child.readLine(), "0 0 -1 -1 0 null");
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(VornBufferConnectionTest, WhenThereIsNoMemoryToSpare_ALargeBlockGrowsByItsStepsAlone) {
+    ChildProcess child = ChildProcess::spawnRoleWith(scarceMemoryEnvironment(48), "bufferThatUsesAllMemory");
+    EXPECT_EQ(child.readLine(), "0 all steps");
     EXPECT_EQ(child.wait(), 0);
 }
 

@@ -130,8 +130,6 @@ Ending endOf(pid_t child, bool mayWaitForEver) {
     return doesWithout;
 }
 
-extern "C" [[gnu::weak]] void __gcov_dump();
-
 Ending provoke(const Operation& row, int nth, AllocationFault::Mode mode, Report& report) {
     report = {};
     const pid_t child = ::fork();
@@ -139,8 +137,6 @@ Ending provoke(const Operation& row, int nth, AllocationFault::Mode mode, Report
         std::freopen("/dev/null", "w", stderr); // the message of a promised end is no news
         ::alarm(60);
         runRow(row, nth, mode, report);
-        if (__gcov_dump != nullptr)
-            __gcov_dump();
         ::_exit(0);
     }
     const Ending ending = endOf(child, (row.allowed & neverReturns) != 0);

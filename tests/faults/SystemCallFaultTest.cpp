@@ -55,8 +55,6 @@ protected:
         for (const int error : errorsOf(call.function)) {
             for (const bool isLasting : {false, true}) {
                 CallFault fault = {call.function, error, 1, isLasting};
-                if (error == ERANGE && isLasting)
-                    continue; // there is no end to the room that a look-up asks for
                 while (!HasFailure() && provoke(scenario, call, fault, true)) {
                     ++m_triples;
                     sites = std::max(sites, fault.nth++);

@@ -25,12 +25,19 @@ public:
     explicit Model(VornBufferConnection& connection) : m_connection(connection) {}
 
     void wrote(const std::string& bytes) {
+        require(m_connection.size() == static_cast<int>(m_text.size() + bytes.size()),
+                "size() counts what was written");
+        const char* block = static_cast<const char*>(m_connection.buf());
+        require(bytes.compare(0, bytes.size(), block + m_text.size(), bytes.size()) == 0,
+                "what is written is appended");
         m_text += bytes;
         m_isWritten = true;
-        require(m_connection.size() == static_cast<int>(m_text.size()), "size() counts what was written");
+    }
+
+    void requireSame() const {
         require(m_text.compare(0, m_text.size(), static_cast<const char*>(m_connection.buf()),
                                m_text.size()) == 0,
-                "the block holds what was written");
+                "the block holds all that was written");
     }
 
     std::string waiting(std::size_t count) const { return m_text.substr(m_read, count); }
@@ -67,7 +74,7 @@ void write(VornBufferConnection& connection, Model& model, Input& input, int ope
         return model.wrote(big(value, 4) + std::string(4, '\0'));
     case 3: {
         // Mostly short: long ones only matter where the block grows.
-        const std::size_t length = value % 16 == 0 ? value / 16 % 20'000 : value % 40;
+        const std::size_t length = value % 64 == 0 ? value / 64 % 20'000 : value % 40;
         const std::string text(length, static_cast<char>(value >> 32));
         connection.transfer(text);
         return model.wrote(big(text.size(), 4) + text);
@@ -136,5 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(connection.capacity() >= capacity, "the capacity never shrinks");
         require((connection.size() == -1) == !model.isWritten(), "size() is -1 until something is written");
     }
+    if (model.isWritten())
+        model.requireSame();
     return 0;
 }
