@@ -65,8 +65,6 @@ public:
         m_position += 4;
     }
 
-    virtual void pass(int number) { benchmark::DoNotOptimize(number); }
-
     void rewind() { m_position = 0; }
 
 private:
@@ -75,18 +73,30 @@ private:
 };
 
 /**
- * The limits of anything that is called through an interface once per number: a virtual call that does
- * nothing, and one that stores the number at a position that is in memory between two calls.
+ * The limit of anything that is called through an interface once per number: a virtual call, and a position
+ * that is in memory between two calls, where the loop above keeps it in a register.
  */
-void addCallLimit(const char* contender, void (Writer::*function)(int)) {
-    addFunction("numbers-write", contender, cNumbers, [function] {
-        return [writer = std::make_shared<Writer>(), function] {
+void addCallLimit() {
+    addFunction("numbers-write", "virtual-call", cNumbers, [] {
+        return [writer = std::make_shared<Writer>()] {
             Writer* target = writer.get();
             target->rewind();
-            void (Writer::*call)(int) = function;
-            benchmark::DoNotOptimize(call); // the compiler must not guess it and inline it
+            // The compiler must not guess the function and inline it.
+            void (Writer::*write)(int) = &Writer::write;
+            benchmark::DoNotOptimize(write);
             for (int number = 0; number < cNumbers; ++number)
-                (target->*call)(number);
+                (target->*write)(number);
+        };
+    });
+}
+
+/** The limit of this library's interface: a virtual call into it that returns a field. */
+void addLibraryCall() {
+    addFunction("numbers-write", "library-call", cNumbers, [] {
+        return [buffer = std::make_shared<VornNet::VornBufferConnection>()] {
+            VornNet::VornConnection& connection = *buffer;
+            for (int number = 0; number < cNumbers; ++number)
+                benchmark::DoNotOptimize(connection.getLocalAccess());
         };
     });
 }
@@ -139,11 +149,11 @@ void addVirtualWrites(const char* contender) {
 }
 
 void addVornnet() {
-    addContender<DirectWrites>("numbers-write", "vornnet", cNumbers);
-    addVirtualWrites<VornNet::VornBufferConnection>("vornnet-virtual");
+    addVirtualWrites<VornNet::VornBufferConnection>("vornnet");
+    addContender<DirectWrites>("numbers-write", "vornnet-direct", cNumbers);
     addVirtualWrites<Derived>("vornnet-derived");
-    addContender<DirectReads>("numbers-read", "vornnet", cNumbers);
-    addFunction("numbers-read", "vornnet-virtual", cNumbers, [] {
+    addContender<DirectReads>("numbers-read", "vornnet-direct", cNumbers);
+    addFunction("numbers-read", "vornnet", cNumbers, [] {
         Block block(cBytes);
         return [buffer = std::make_shared<VornNet::VornBufferConnection>(block.data(), cBytes, ""),
                 numbers = Numbers(cNumbers)]() mutable {
@@ -213,8 +223,8 @@ void addPoco() {
 
 void addTypedNumbers() {
     addLimit();
-    addCallLimit("empty-call", &Writer::pass);
-    addCallLimit("virtual-call", &Writer::write);
+    addCallLimit();
+    addLibraryCall();
     addVornnet();
 #ifdef BENCH_WITH_THRIFT
     addThrift<ThriftProtocol, VirtualThrift>("thrift-virtual");
