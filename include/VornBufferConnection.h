@@ -14,8 +14,8 @@ namespace VornNet {
  * Made empty it composes a message (VornUDPSocketConnection sends the block as one datagram); made from bytes
  * it decodes one (VornUDPServerSocket hands out each datagram so). Reading and writing may alternate. Read
  * space is not used again and the block never shrinks; disconnect() keeps both. The capacity grows by the
- * size of the write that does not fit, rounded up to the next 8192 bytes. Behind a capacity of 128 KiB and
- * more there may be half as much memory again, so that a large message is not moved at each step.
+ * size of the write that does not fit, rounded up to the next 8192 bytes. Behind a capacity of more than
+ * 1 MiB there may be half as much memory again, so that a large message is not moved at each step.
  *
  * Thread-safety: none; one thread at a time. Blocking: never.
  * Ownership: the block belongs to the connection. Signals: none raised.

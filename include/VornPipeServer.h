@@ -78,6 +78,7 @@ private:
     VornPipeServer& operator=(const VornPipeServer&) = delete;
 
     class VORNNET_LOCAL Waiting;
+    class VORNNET_LOCAL Departure;
     VORNNET_LOCAL VornSmartPointer<VornConnection> shutDown(Waiting& waiting);
     VORNNET_LOCAL VornSmartPointer<VornConnection>
     acceptClient(Waiting& waiting, VornString& sExceptionMessage, int& nErrorCode);

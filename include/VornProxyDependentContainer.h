@@ -65,15 +65,18 @@ public:
      * index. */
     VornSmartPointer<VornProxyDependent> operator[](int index);
 
+protected:
+    VornCriticalSectionObject m_lock;            ///< guards the map
+    ProxyDependentMap m_proxyDependentMap;       ///< the entries
+    static VornProxyDependentContainer* m_pThis; ///< the one registry or null; atomic
+
 private:
     VornProxyDependentContainer();
     ~VornProxyDependentContainer();
     VornProxyDependentContainer(const VornProxyDependentContainer&) = delete;
     VornProxyDependentContainer& operator=(const VornProxyDependentContainer&) = delete;
 
-    VornCriticalSectionObject m_lock; // guards the map
-    ProxyDependentMap m_proxyDependentMap;
-    static VornProxyDependentContainer* m_pThis; // atomic
+    VORNNET_LOCAL void letGo();
 };
 
 } // namespace VornNet

@@ -64,6 +64,9 @@ protected:
 private:
     VornSSLSocketConnection(const VornSSLSocketConnection&) = delete;
     VornSSLSocketConnection& operator=(const VornSSLSocketConnection&) = delete;
+
+    VORNNET_LOCAL VornSSLSocketConnection(const VornSmartPointer<VornSocketConnection>& client,
+                                          const VornString& sRemoteName, void* pSocket);
 };
 
 /** Starts the encryption layer: nothing to do, since there is none. Thread-safe. */

@@ -33,7 +33,7 @@ public:
     /** Frees the message. */
     ~VornUDPSocketConnection() override;
 
-    using VornConnection::transfer;
+    using VornBufferConnection::transfer;
 
     /** Sends everything written so far as one datagram. @return whether it was sent, not whether it arrived.
      */

@@ -47,6 +47,14 @@ void Delivery::cutOff(const void* owner) {
     }
 }
 
+void Delivery::forget(void* const& cell) {
+    const std::lock_guard lock(g_lock);
+    for (Delivery* delivery = g_first; delivery != nullptr; delivery = delivery->m_next) {
+        if (delivery->m_cell == &cell)
+            delivery->m_cell = nullptr;
+    }
+}
+
 void Delivery::closeCell(void*& cell) {
     std::unique_lock lock(g_lock);
     const std::unique_ptr<int> owned(static_cast<int*>(cell));

@@ -16,7 +16,7 @@ namespace VornNet {
  */
 class Delivery {
 public:
-    /** @param owner identifies the sink. @param connection the client; must live longer than this */
+    /** @param owner identifies the sink. @param connection the client; a callback may let go of it */
     Delivery(const void* owner, VornConnection& connection);
     ~Delivery();
 
@@ -29,12 +29,15 @@ public:
      */
     static void cutOff(const void* owner);
 
+    /** To be called when a connection is destroyed: nothing looks at its cell any more. */
+    static void forget(void* const& cell);
+
     /** Closes and frees a connection's descriptor cell and sets the pointer to null; null is allowed. */
     static void closeCell(void*& cell);
 
 private:
     const void* m_owner;
-    void* const* m_cell; // where the connection keeps its cell; null for one without a descriptor
+    void* const* m_cell; // where the connection keeps its cell; null for one without, and when it is gone
     Delivery* m_next;
 };
 

@@ -77,8 +77,6 @@ ServerGate::Closure::~Closure() {
     if (!m_isNeeded)
         return;
     const std::lock_guard lock(monitor().lock);
-    delete static_cast<int*>(m_cell);
-    __atomic_store_n(&m_cell, nullptr, __ATOMIC_RELEASE);
     remove(m_entry);
     monitor().changed.notify_all();
 }
@@ -104,6 +102,12 @@ void ServerGate::Closure::closeSocket() {
     }
     lock.unlock();
     System::close(descriptor);
+}
+
+void ServerGate::Closure::releaseCell() {
+    const std::lock_guard lock(monitor().lock);
+    delete static_cast<int*>(m_cell);
+    __atomic_store_n(&m_cell, nullptr, __ATOMIC_RELEASE);
 }
 
 void ServerGate::awaitClosure(const void* server) {

@@ -58,7 +58,7 @@ public:
         /** Waits while another thread closes the server. @param cell where the server keeps its socket */
         Closure(const void* server, void*& cell);
 
-        /** Sets the server's pointer to null, frees the cell and lets newcomers in. */
+        /** Lets newcomers in. */
         ~Closure();
 
         Closure(const Closure&) = delete;
@@ -69,6 +69,12 @@ public:
 
         /** Sends visitors away and closes the socket when they are gone. */
         void closeSocket();
+
+        /**
+         * Sets the server's pointer to null and frees the cell. Another thread may take the server for closed
+         * now and destroy it: nothing of it may be touched any more.
+         */
+        void releaseCell();
 
     private:
         Entry m_entry;

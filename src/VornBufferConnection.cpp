@@ -110,16 +110,15 @@ bool VornBufferConnection::grow(long nRequest) {
 /**
  * Makes the block hold @p nCapacity bytes. A large block that grows again is given half as much on top: a
  * message of some MiB that grew by single steps made malloc() copy it from place to place and give its memory
- * back to the system at the end, so that each message paid for all its page faults anew.
+ * back to the system at the end, so that each message paid for all its page faults anew. Smaller blocks have
+ * exactly their capacity.
  */
 bool VornBufferConnection::reserve(std::size_t nCapacity) {
-    constexpr std::size_t cLarge = 131'072;
-    const std::size_t nBlock = m_pDataBuffer == nullptr ? 0 : ::malloc_usable_size(m_pDataBuffer);
-    if (m_pDataBuffer != nullptr && nCapacity <= nBlock)
+    constexpr int cLarge = 1024 * 1024;
+    const bool bIsLarge = m_nBufferSize >= cLarge;
+    if (bIsLarge && nCapacity <= ::malloc_usable_size(m_pDataBuffer))
         return true;
-    void* block = nullptr;
-    if (nBlock >= cLarge)
-        block = std::realloc(m_pDataBuffer, nCapacity + nCapacity / 2);
+    void* block = bIsLarge ? std::realloc(m_pDataBuffer, nCapacity + nCapacity / 2) : nullptr;
     if (block == nullptr)
         block = std::realloc(m_pDataBuffer, nCapacity);
     if (block == nullptr)

@@ -11,6 +11,8 @@ VornCertificate::VornCertificate(const VornString& sFile, const VornString& sTyp
 VornCertificate::VornCertificate(const VornCertificate& source) = default;
 
 VornCertificate& VornCertificate::operator=(const VornCertificate& source) {
+    if (this == &source)
+        return *this;
     VornCertificate copy(source); // what can fail comes first
     m_sFile.swap(copy.m_sFile);
     m_type = copy.m_type;

@@ -107,15 +107,25 @@ template <typename Unsigned>
     return inNetworkOrder(ordered);
 }
 
+/** Makes a text. @throws VornException when there is no memory for it: to its reader that is a failed read */
+template <typename... Arguments>
+VornString makeText(Arguments... arguments) {
+    try {
+        return VornString(arguments...);
+    } catch (const std::bad_alloc&) {
+        throw VornException(cReadFailed, ENOMEM);
+    }
+}
+
 /** @return the text up to its first zero byte. */
 VornString cutAtZero(const char* text, int nSize) {
-    return VornString(text, ::strnlen(text, static_cast<std::size_t>(nSize)));
+    return makeText(text, ::strnlen(text, static_cast<std::size_t>(nSize)));
 }
 
 /** Reads a short text straight into its place, which costs one allocation and the zeros it is filled with
  * first. */
 VornString readShortText(VornConnection& connection, int nSize) {
-    VornString sText(static_cast<std::size_t>(nSize), '\0');
+    VornString sText = makeText(static_cast<std::size_t>(nSize), '\0');
     connection.get(sText.data(), nSize);
     sText.resize(::strnlen(sText.data(), sText.size()));
     return sText;
@@ -129,7 +139,7 @@ VornString readLongText(VornConnection& connection, int nSize) {
     const std::unique_ptr<char, decltype(&std::free)> buffer(
         static_cast<char*>(std::malloc(static_cast<std::size_t>(nSize))), &std::free);
     if (buffer == nullptr)
-        throw std::bad_alloc();
+        throw VornException(cReadFailed, ENOMEM);
     connection.get(buffer.get(), nSize);
     return cutAtZero(buffer.get(), nSize);
 }
@@ -141,17 +151,12 @@ VornString readText(VornConnection& connection, int nSize) {
         return {};
     if (nSize < 0)
         throw VornException(cReadFailed, 0);
-    try {
-        const BufferAccess access(connection);
-        if (const unsigned char* text = access.take(nSize))
-            return cutAtZero(reinterpret_cast<const char*>(text), nSize);
-        if (access.drain()) // no memory is taken for what cannot come any more
-            throw VornException(cReadFailed, 0);
-        return nSize <= cLongestShortText ? readShortText(connection, nSize)
-                                          : readLongText(connection, nSize);
-    } catch (const std::bad_alloc&) {
-        throw VornException(cReadFailed, ENOMEM);
-    }
+    const BufferAccess access(connection);
+    if (const unsigned char* text = access.take(nSize))
+        return cutAtZero(reinterpret_cast<const char*>(text), nSize);
+    if (access.drain()) // no memory is taken for what cannot come any more
+        throw VornException(cReadFailed, 0);
+    return nSize <= cLongestShortText ? readShortText(connection, nSize) : readLongText(connection, nSize);
 }
 
 // Bytes of 0x80 and above count as unprintable in every locale.

@@ -39,6 +39,7 @@ VornPipeConnection::VornPipeConnection(void* pPipeHandle, unsigned int iAccessRi
     : m_pipeHandle(new int(descriptorOf(pPipeHandle))), m_iAccessRights(iAccessRights) {}
 
 VornPipeConnection::~VornPipeConnection() {
+    Delivery::forget(m_pipeHandle);
     VornPipeConnection::disconnect();
 }
 

@@ -13,9 +13,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace VornNet {
@@ -46,6 +49,20 @@ constexpr unsigned int cGroupPrivilege = 1;
  * takes it there.
  */
 std::mutex g_waitingLock;
+
+/** Tells that a thread has departed. Never destroyed: servers may be closed while static objects are. */
+std::condition_variable& departed() {
+    union Condition {
+        Condition() : variable() {}
+
+        ~Condition() {}
+
+        std::condition_variable variable;
+    };
+
+    static Condition instance;
+    return instance.variable;
+}
 
 /** Its pieces are put together by the logger, which drops what there is no memory for. */
 template <typename... Pieces>
@@ -170,6 +187,64 @@ private:
     _pipe* m_pPipe;
 };
 
+/**
+ * The way out of a waiting thread that has been woken by close() and now releases the record by a close() of
+ * its own. Until that is over no other thread releases the record, so that it cannot find the server unused
+ * and open it again or destroy it under the call. No lock is held meanwhile: a derived class may have one of
+ * its own in close().
+ */
+class VornPipeServer::Departure {
+public:
+    explicit Departure(const VornPipeServer* server)
+        : m_server(server), m_thread(std::this_thread::get_id()), m_next(nullptr) {
+        const std::lock_guard lock(g_waitingLock);
+        m_next = s_first;
+        s_first = this;
+    }
+
+    ~Departure() {
+        const std::lock_guard lock(g_waitingLock);
+        Departure** link = &s_first;
+        while (*link != this)
+            link = &(*link)->m_next;
+        *link = m_next;
+        departed().notify_all();
+    }
+
+    Departure(const Departure&) = delete;
+    Departure& operator=(const Departure&) = delete;
+
+    /** @return whether other threads are on their way out and the calling one is not; under g_waitingLock. */
+    static bool isOfOthers(const VornPipeServer* server) {
+        const std::thread::id self = std::this_thread::get_id();
+        return exists([server](const Departure& departure) { return departure.m_server == server; }) &&
+               !exists([server, self](const Departure& departure) {
+                   return departure.m_server == server && departure.m_thread == self;
+               });
+    }
+
+    /** Waits until no other thread is on its way out, but not for ever. */
+    static void await(const VornPipeServer* server) {
+        std::unique_lock lock(g_waitingLock);
+        departed().wait_for(lock, std::chrono::seconds(10), [server] { return !isOfOthers(server); });
+    }
+
+private:
+    template <typename Condition>
+    static bool exists(Condition condition) {
+        for (const Departure* departure = s_first; departure != nullptr; departure = departure->m_next) {
+            if (condition(*departure))
+                return true;
+        }
+        return false;
+    }
+
+    const VornPipeServer* m_server;
+    std::thread::id m_thread;
+    Departure* m_next;
+    static inline Departure* s_first = nullptr; // under g_waitingLock
+};
+
 VornPipeServer::VornPipeServer(const VornString& sPipeName) : VornPipeServer(sPipeName, 7, VornString()) {}
 
 VornPipeServer::VornPipeServer(const VornString& sPipeName, unsigned int iAccessPrivileges,
@@ -185,9 +260,10 @@ VornPipeServer::~VornPipeServer() {
     VornPipeServer::close();
     for (int i = 0; i < cMostPauses && __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr; ++i)
         System::usleep(cPause);
-    // The waiting thread that has just released the record may still be on its way out of the lock. A record
+    // The waiting thread that has just released the record may still be on its way out of close(). A record
     // that is still held after 10 seconds is abandoned rather than freed under a thread that may use it.
-    const VornCriticalSection lock(m_lock, true);
+    if (__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) == nullptr)
+        Departure::await(this);
 }
 
 void VornPipeServer::waitForInit() {}
@@ -208,6 +284,8 @@ void VornPipeServer::close() {
         signalWaiter(pPipe->m_hRWPipe[1]);
         return;
     }
+    if (Departure::isOfOthers(this)) // who has been signalled releases the record
+        return;
     __atomic_store_n(&m_pipeHandle, nullptr, __ATOMIC_RELEASE);
     waitingLock.unlock();
     if (isDebugAdmitted())
@@ -289,9 +367,7 @@ void VornPipeServer::init() {
 VornSmartPointer<VornConnection> VornPipeServer::shutDown(Waiting& waiting) {
     if (isDebugAdmitted())
         logDebug("VornPipeServer::waitForClient : Shutting down thread");
-    // Held over both steps: between them another thread could release the record, find the server unused and
-    // destroy it under the call of close().
-    const VornCriticalSection lock(m_lock, true);
+    const Departure departure(this);
     waiting.end();
     close(); // releases the record, now that no thread waits
     return {};

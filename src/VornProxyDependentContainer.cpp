@@ -38,10 +38,13 @@ VornProxyDependentContainer& VornProxyDependentContainer::getInstance() {
 }
 
 void VornProxyDependentContainer::deleteInstance() {
-    VornProxyDependentContainer* pInstance =
-        __atomic_exchange_n(&m_pThis, static_cast<VornProxyDependentContainer*>(nullptr), __ATOMIC_ACQ_REL);
+    VornProxyDependentContainer* pInstance = __atomic_load_n(&m_pThis, __ATOMIC_ACQUIRE);
     if (pInstance == nullptr)
         return;
+    // The entries go first, while this is still the registry: a proxy that asks for it as it is destroyed
+    // would make another one.
+    pInstance->letGo();
+    __atomic_store_n(&m_pThis, nullptr, __ATOMIC_RELEASE);
     __atomic_store_n(&g_nEntries, 0, __ATOMIC_RELEASE);
     delete pInstance;
 }
@@ -93,5 +96,12 @@ VornSmartPointer<VornProxyDependent> VornProxyDependentContainer::operator[](int
 VornProxyDependentContainer::VornProxyDependentContainer() = default;
 
 VornProxyDependentContainer::~VornProxyDependentContainer() = default;
+
+void VornProxyDependentContainer::letGo() {
+    ProxyDependentMap entries; // destroyed behind the lock, which the destructor of a proxy may want
+    const VornCriticalSection lock(m_lock, true);
+    entries.swap(m_proxyDependentMap);
+    publishSize(m_proxyDependentMap);
+}
 
 } // namespace VornNet

@@ -13,10 +13,18 @@ namespace VornNet {
 
 namespace {
 
+constexpr const char* cNothingToWrap = "VornSSLSocketConnection::VornSSLSocketConnection: no socket to wrap.";
+
 VornSocketConnection& checkedClient(const VornSmartPointer<VornSocketConnection>& client) {
-    if (client == nullptr || client->getSocket() == nullptr)
-        throw VornException("VornSSLSocketConnection::VornSSLSocketConnection: no socket to wrap.", ENOTCONN);
+    if (client == nullptr)
+        throw VornException(cNothingToWrap, ENOTCONN);
     return *client;
+}
+
+int checkedDescriptor(void* pSocket) {
+    if (pSocket == nullptr)
+        throw VornException(cNothingToWrap, ENOTCONN);
+    return descriptorOf(pSocket);
 }
 
 } // namespace
@@ -30,14 +38,8 @@ VornSSLSocketConnection::VornSSLSocketConnection(const VornString& sRemoteName, 
 
 VornSSLSocketConnection::VornSSLSocketConnection(VornSmartPointer<VornSocketConnection> client,
                                                  void* /*pSSL*/)
-    // Checked in both places: arguments are evaluated in any order.
-    : VornSocketConnection(descriptorOf(checkedClient(client).getSocket()),
-                           checkedClient(client).getRemoteName(), nullptr, true),
-      m_client(client), m_pSSLImpl(nullptr) {
-    setRaw(true);
-    VornString sUnused;
-    VornSSLSocketConnection::establishImpl(sUnused);
-}
+    // The braces are for the order: the client is asked for its name first, and for each once.
+    : VornSSLSocketConnection{client, checkedClient(client).getRemoteName(), client->getSocket()} {}
 
 VornSSLSocketConnection::~VornSSLSocketConnection() {
     // Kept: this closes the descriptor that the wrapped connection closes again when it goes.
@@ -91,6 +93,15 @@ int VornSSLSocketConnection::establishImpl(VornString& /*sExceptionMessage*/) {
         initialize();
     }
     return 0;
+}
+
+VornSSLSocketConnection::VornSSLSocketConnection(const VornSmartPointer<VornSocketConnection>& client,
+                                                 const VornString& sRemoteName, void* pSocket)
+    : VornSocketConnection(checkedDescriptor(pSocket), sRemoteName, nullptr, true), m_client(client),
+      m_pSSLImpl(nullptr) {
+    setRaw(true);
+    VornString sUnused;
+    VornSSLSocketConnection::establishImpl(sUnused);
 }
 
 void VNETInitSSL() {}

@@ -127,6 +127,7 @@ void VornServerSocket::close() {
         return;
     closure.closeSocket();
     __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
+    closure.releaseCell();
 }
 
 int VornServerSocket::getPort() {
@@ -162,7 +163,9 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
         const int nError = client.isOpen() ? 0 : errno;
         // Asked while the descriptor is still ours: a socket that somebody has shut down would fail for ever.
         const bool bGoesOn = client.isOpen() || isQuiet(nError) || isListening(visit.descriptor());
-        if (visit.leave())
+        // A derived class may have given the socket up by itself.
+        const bool bHasSocket = __atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr;
+        if (visit.leave() || !bHasSocket)
             return {};
         if (client.isOpen())
             return makeClient(client, peer, bIdentify, this);

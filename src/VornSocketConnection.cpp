@@ -88,6 +88,7 @@ VornSocketConnection::VornSocketConnection(const VornString& sRemoteName, int nP
       m_pSourceServer(nullptr) {}
 
 VornSocketConnection::~VornSocketConnection() {
+    Delivery::forget(m_pClient);
     VornSocketConnection::disconnect();
 }
 

@@ -127,8 +127,10 @@ void VornUDPServerSocket::close() {
         return;
     closure.closeSocket();
     __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
+    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    closure.releaseCell();
     // Within the closure, while no new socket can be bound: one would take the datagram for a client.
-    sendWakeUp(__atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
+    sendWakeUp(nPort);
 }
 
 VornSmartPointer<VornConnection>
@@ -158,8 +160,10 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
         const ssize_t count = System::recvfrom(visit.descriptor(), buffer.get(), m_nBufferSize, 0,
                                                reinterpret_cast<sockaddr*>(&sender), &length);
         const int nError = count == -1 ? errno : 0;
+        // A derived class may have given the socket up by itself.
+        const bool bHasSocket = __atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr;
         // Looked at first: to a socket that is being closed, recvfrom() reports an empty datagram.
-        if (visit.leave())
+        if (visit.leave() || (count > 0 && !bHasSocket))
             return {};
         if (count > 0)
             return makeClient(buffer.get(), count, sender, bIdentify);

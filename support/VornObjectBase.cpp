@@ -36,7 +36,7 @@ int VornObjectBase::refCount() const {
 }
 
 bool VornObjectBase::isA(const VornString& sClassName) const {
-    return isA(*this, sClassName);
+    return getClassName() == sClassName; // the virtual one: a class that names itself goes by that name
 }
 
 VornString VornObjectBase::getClassName() const {

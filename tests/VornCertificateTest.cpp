@@ -87,7 +87,9 @@ TEST_F(VornCertificateTest, AssignmentToItself_ChangesNothing) {
     VornCertificate certificate("a path that is too long to be kept inside the text object itself", "PEM",
                                 "another path that is too long to be kept inside the text object", "PEM");
     const VornCertificate& same = certificate;
+    const char* bytes = certificate.getFile().data();
     certificate = same;
+    EXPECT_EQ(static_cast<const void*>(certificate.getFile().data()), bytes);
     EXPECT_EQ(certificate.getFile(), "a path that is too long to be kept inside the text object itself");
     EXPECT_EQ(certificate.getKeyFile(), "another path that is too long to be kept inside the text object");
 }

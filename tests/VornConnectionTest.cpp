@@ -6,6 +6,7 @@
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
 
+#include <VornBufferConnection.h>
 #include <VornLogging.h>
 #include <VornSmartPointer.h>
 
@@ -853,6 +854,28 @@ TEST_F(VornConnectionDeathTest, WhenEstablishingThrowsSomethingElse_TypedOperati
 TEST_F(VornConnectionDeathTest, WhenTheTransportRunsOutOfMemory_GetEndsTheProcess) {
     connection.onReceive = [] { throw std::bad_alloc(); };
     EXPECT_EXIT(connection.receiveInt(), testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST_F(VornConnectionDeathTest, WhenAnOverriddenGetRunsOutOfMemory_ReceiveStringEndsTheProcess) {
+    class Failing : public VornNet::VornBufferConnection {
+    public:
+        int get(void* buffer, int size) override {
+            if (m_isFailing)
+                throw std::bad_alloc();
+            return VornBufferConnection::get(buffer, size);
+        }
+
+        int receiveInt() override {
+            m_isFailing = true; // the length has come, the text is next
+            return 3;
+        }
+
+    private:
+        bool m_isFailing = false;
+    };
+
+    Failing failing;
+    EXPECT_EXIT(failing.receiveString(), testing::KilledBySignal(SIGABRT), "");
 }
 
 // The service handshake.

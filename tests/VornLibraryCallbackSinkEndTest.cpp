@@ -301,6 +301,33 @@ TEST_P(EndingSinkOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
+TEST_P(EndingSinkOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLookedAt) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    std::vector<std::string> strangers;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        connection = nullptr;
+        for (std::size_t size = 100; size < 400;
+             ++size) // one of them gets the memory that has just become free
+            strangers.emplace_back(size, '\x01');
+        entered.open();
+        leave.await();
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd client = connectToSink(sink.address());
+    sendAll(client.get(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    WatchedThread destroyer([&] { sink.destroy(); });
+    // Nothing tells that a cut is not going to be made.
+    const auto end = std::chrono::steady_clock::now() + 600ms;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    EXPECT_FALSE(destroyer.finished());
+    leave.open();
+    EXPECT_TRUE(destroyer.join(endsWithin));
+}
+
 TEST_P(EndingSinkOnStreams, OtherSinksClient_IsNotCutOff) {
     WatchedSink staying(GetParam(), "staying");
     Gate entered;

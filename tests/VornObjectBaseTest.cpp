@@ -230,6 +230,8 @@ TEST_F(VornObjectBaseTest, OverriddenQueries_AreReachedThroughTheBase) {
     const Renamed object;
     const VornObjectBase& base = object;
     EXPECT_EQ(base.getClassName(), "renamed");
+    EXPECT_TRUE(base.isA(base.getClassName()));
+    EXPECT_FALSE(base.isA(VornObjectBase::getClassName(object)));
 }
 
 TEST_F(VornObjectBaseTest, NormalizeClassName_MakesACompilersNameReadable) {

@@ -620,6 +620,42 @@ TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_WritesFourBytesAndLeavesTheRe
     EXPECT_EQ(closed, descriptors);
 }
 
+TEST_F(VornPipeServerTest, Close_WhileTheWokenThreadIsInACloseOfItsOwn_HoldsNoLockAgainstIt) {
+    class Slow : public Probe {
+    public:
+        using Probe::Probe;
+
+        void close() override {
+            if (std::this_thread::get_id() == m_waiter)
+                m_closing.pass();
+            VornPipeServer::close();
+        }
+
+        std::thread::id m_waiter;
+        Checkpoint m_closing;
+    };
+
+    Slow server("kite");
+    ImplOutcome outcome;
+    WatchedThread waiter([&] {
+        server.m_waiter = std::this_thread::get_id();
+        outcome = waitForImpl(server);
+    });
+    ASSERT_TRUE(awaitBlockedInIo(waiter.tid()));
+    server.close();
+    ASSERT_TRUE(server.m_closing.awaitReached());
+    EXPECT_FALSE(server.record()->m_bClientWaiting);
+    WatchedThread closer([&] { server.close(); });
+    EXPECT_TRUE(closer.join());
+    EXPECT_NE(server.record(), nullptr); // it is the woken thread's to release
+    server.m_closing.open();
+    ASSERT_TRUE(waiter.join());
+    EXPECT_EQ(server.record(), nullptr);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+}
+
 TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_IsLoggedStepByStepAtLevel9) {
     Probe server("kite");
     ClientWait wait(server);

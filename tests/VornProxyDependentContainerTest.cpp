@@ -146,6 +146,33 @@ TEST_F(VornProxyDependentContainerTest, DeleteInstance_ReleasesEveryProxyAndTheN
     EXPECT_TRUE(registry().lookup("pipe:held", 1) == nullptr);
 }
 
+TEST_F(VornProxyDependentContainerTest,
+       DeleteInstance_WhenAProxyAsksForTheRegistryAsItGoes_GivesItTheSameOne) {
+    class Returning : public VornProxyDependent {
+    public:
+        Returning() : VornProxyDependent("pipe:x", 1) {}
+
+        ~Returning() override { registry().add(new VornProxyDependent("pipe:y", 2)); }
+    };
+
+    registry().add(new Returning);
+    VornProxyDependentContainer::deleteInstance();
+    EXPECT_EQ(registry().size(), 0);
+    EXPECT_TRUE(registry().lookup("pipe:y", 2) == nullptr);
+}
+
+TEST_F(VornProxyDependentContainerTest, Instance_IsNullUntilItIsAskedForAndAfterItIsDeleted) {
+    struct Probe : VornProxyDependentContainer {
+        static VornProxyDependentContainer* instance() { return m_pThis; }
+    };
+
+    EXPECT_EQ(Probe::instance(), nullptr);
+    VornProxyDependentContainer* instance = &registry();
+    EXPECT_EQ(Probe::instance(), instance);
+    VornProxyDependentContainer::deleteInstance();
+    EXPECT_EQ(Probe::instance(), nullptr);
+}
+
 TEST_F(VornProxyDependentContainerTest, DeleteInstanceTwiceInARow_IsHarmless) {
     registry().add(make("pipe:x", 1));
     VornProxyDependentContainer::deleteInstance();

@@ -262,6 +262,31 @@ TEST_F(VornSSLSocketConnectionTest, WhenItWraps_SharesDescriptorAndNameAndHoldsA
     EXPECT_EQ(plain->refCount(), 1);
 }
 
+TEST_F(VornSSLSocketConnectionTest, WhenItWraps_AsksForTheNameAndThenForTheSocketAndForEachOnce) {
+    class Asked : public VornSocketConnection {
+    public:
+        using VornSocketConnection::VornSocketConnection;
+
+        const VornString& getRemoteName() override {
+            m_questions.emplace_back("name");
+            return VornSocketConnection::getRemoteName();
+        }
+
+        void* getSocket() override {
+            m_questions.emplace_back("socket");
+            return VornSocketConnection::getSocket();
+        }
+
+        std::vector<std::string> m_questions;
+    };
+
+    SocketPair pair = tcpPair();
+    auto* asked = new Asked(pair.ours.release(), "peer", nullptr, false);
+    const VornSmartPointer<VornSocketConnection> plain(asked);
+    const Probe wrapper(plain, nullptr);
+    EXPECT_THAT(asked->m_questions, ElementsAre("name", "socket"));
+}
+
 TEST_F(VornSSLSocketConnectionTest, WhenTheWrapperGoes_TheSharedDescriptorIsClosedAndLaterClosedAgain) {
     SocketPair pair = tcpPair();
     const int fd = pair.ours.release();

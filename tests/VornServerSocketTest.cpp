@@ -735,3 +735,18 @@ TEST_F(VornServerSocketTest, Close_WhenAnotherIsFaster_DoesNothingMore) {
     EXPECT_EQ(closes, 1);
     EXPECT_EQ(server.m_pSocketImpl, nullptr);
 }
+
+TEST_F(VornServerSocketTest, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_ReturnsNoClient) {
+    Probe server(port, 5, "*");
+    server.init();
+    const std::unique_ptr<int> cell(static_cast<int*>(server.m_pSocketImpl));
+    const UniqueFd socket(*cell);
+    const CallHook hook("accept",
+                        [&] { __atomic_store_n(&server.m_pSocketImpl, nullptr, __ATOMIC_RELEASE); });
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+    reset(peer);
+}

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include <arpa/inet.h>
@@ -696,4 +697,32 @@ TEST_F(VornUDPServerSocketTest, Close_WhileAnotherThreadCloses_WaitsForItAndDoes
     EXPECT_TRUE(second.join());
     EXPECT_EQ(trace.calls("shutdown"), 1);
     EXPECT_EQ(trace.calls("sendto"), 1);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_ReturnsNoClient) {
+    Probe server(port, "*", sinkBuffer);
+    server.init();
+    const std::unique_ptr<int> cell(static_cast<int*>(server.m_pSocketImpl));
+    const UniqueFd socket(*cell);
+    const CallHook hook("recvfrom",
+                        [&] { __atomic_store_n(&server.m_pSocketImpl, nullptr, __ATOMIC_RELEASE); });
+    send("abc");
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+}
+
+TEST_F(VornUDPServerSocketTest, Close_WhenItSendsTheWakeUp_HasGivenUpTheSocketAlready) {
+    Probe server(port, "*", sinkBuffer);
+    server.init();
+    std::optional<bool> hasSocket;
+    {
+        const CallHook hook("sendto", [&] {
+            hasSocket = __atomic_load_n(&server.m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr ||
+                        __atomic_load_n(&server.m_bInitialized, __ATOMIC_ACQUIRE);
+        });
+        server.close();
+    }
+    EXPECT_EQ(hasSocket, std::optional<bool>(false));
 }

@@ -88,6 +88,26 @@ const char seven[] = "00 00 00 07";
 
 // Construction.
 
+TEST_F(VornUDPSocketConnectionTest, ADerivedClassMayOverrideTheRawWriteAndCallItsBase) {
+    class Watching : public VornUDPSocketConnection {
+    public:
+        using VornUDPSocketConnection::transfer;
+        using VornUDPSocketConnection::VornUDPSocketConnection;
+
+        long transfer(const char* buf, long bufLen, long* error) override {
+            ++m_writes;
+            return VornUDPSocketConnection::transfer(buf, bufLen, error);
+        }
+
+        int m_writes = 0;
+    };
+
+    Watching connection("127.0.0.1", port, false);
+    connection.transfer(7);
+    EXPECT_EQ(connection.m_writes, 1);
+    EXPECT_EQ(connection.size(), 4);
+}
+
 TEST_F(VornUDPSocketConnectionTest, WhenMade_HoldsItsArgumentsAndNothingElse) {
     const CallTrace trace;
     Probe connection("host1", 4711, true);

@@ -11,8 +11,8 @@
  *   -DBROKEN_NO_WAITING_LOCK  the waiting thread looks at the record and raises the flag in two steps
  *   -DBROKEN_NO_SERVER_LOCK   close() runs without the server's lock
  *   -DBROKEN_NO_SIGNAL        close() forgets to write to the wake-up pipe
- *   -DBROKEN_TWO_STEPS        a thread that shuts down lowers the flag before it takes the server's lock
- *   -DBROKEN_NO_LAST_LOCK     the destructor does not pass through the lock at its end
+ *   -DBROKEN_NO_DEPARTURE     a thread that shuts down does not tell that it is about to call close()
+ *   -DBROKEN_NO_LAST_WAIT     the destructor does not wait for that thread at its end
  */
 
 #define cRecords 4
@@ -23,6 +23,7 @@ bool signalled[cRecords];   /* something is in the wake-up pipe */
 byte handle = 0;            /* m_pipeHandle */
 byte next = 1;
 bool serverLock = false;    /* m_lock */
+bool departing = false;     /* the waiting thread is about to release the record */
 bool destroyed = false;
 bool noMoreWaits = false;
 
@@ -42,10 +43,11 @@ inline unlockServer() {
     serverLock = false
 }
 
-inline closeLocked() {
-    atomic {                /* under the waiting lock */
+inline closeLocked(isWaiter) {
+    atomic {                /* under the waiting lock; step: VornPipeServer::Departure::isOfOthers */
         seen = handle;
-        release = (seen != 0 && !flag[seen]);
+        signal = (seen != 0 && flag[seen]);
+        release = (seen != 0 && !flag[seen] && (isWaiter || !departing));
 #ifndef BROKEN_NO_SERVER_LOCK
         if
         :: release -> handle = 0
@@ -54,15 +56,15 @@ inline closeLocked() {
 #endif
     }
     if
-    :: seen == 0
-    :: seen != 0 && !release ->
+    :: !signal && !release
+    :: signal ->
         assert(isHeld[seen]);
 #ifndef BROKEN_NO_SIGNAL
         signalled[seen] = true /* step: signalWaiter */
 #else
         skip
 #endif
-    :: seen != 0 && release ->
+    :: release ->
         assert(isHeld[seen]);
         isHeld[seen] = false;
 #ifdef BROKEN_NO_SERVER_LOCK
@@ -71,9 +73,9 @@ inline closeLocked() {
     fi
 }
 
-inline close() {            /* step: VornPipeServer::close */
+inline close(isWaiter) {    /* step: VornPipeServer::close */
     lockServer();
-    closeLocked();
+    closeLocked(isWaiter);
     unlockServer()
 }
 
@@ -105,6 +107,7 @@ bool waiterDone = false;
 proctype Waiter() {
     byte record;
     byte seen;
+    bool signal;
     bool release;
     byte round;
     for (round : 1 .. 2) {
@@ -125,15 +128,12 @@ proctype Waiter() {
                 if          /* step: awaitReadiness; until a client comes or somebody closes */
                 :: signalled[record] ->
                     assert(isHeld[record]);
-#ifdef BROKEN_TWO_STEPS
-                    lowerFlag();
-                    close()
-#else
-                    lockServer(); /* step: VornPipeServer::shutDown */
-                    lowerFlag();
-                    closeLocked();
-                    unlockServer()
+#ifndef BROKEN_NO_DEPARTURE
+                    departing = true; /* step: VornPipeServer::shutDown */
 #endif
+                    lowerFlag();
+                    close(true);
+                    departing = false
                 :: !signalled[record] && round < 2 ->
                     assert(isHeld[record]);
                     lowerFlag() /* step: VornPipeServer::acceptClient */
@@ -146,26 +146,30 @@ proctype Waiter() {
 
 proctype Closer() {
     byte seen;
+    bool signal;
     bool release;
-    close();
+    close(false);
     closersDone++
 }
 
 /* An owner sees to it that nobody else calls the server any more, and that the waiting thread waits or has ended. */
 proctype Owner() {
     byte seen;
+    bool signal;
     bool release;
     (closersDone == 2);
     noMoreWaits = true;
     (waiterDone || (handle != 0 && flag[handle]));
-    close();                /* step: VornPipeServer::~VornPipeServer */
+    close(false);           /* step: VornPipeServer::~VornPipeServer */
     do
     :: handle == 0 -> break
     :: waiterDone && handle != 0 -> break /* abandoned after 10 seconds */
     od;
-#ifndef BROKEN_NO_LAST_LOCK
-    lockServer();
-    unlockServer();
+#ifndef BROKEN_NO_LAST_WAIT
+    if
+    :: handle == 0 -> (!departing) /* step: VornPipeServer::Departure::await */
+    :: else
+    fi;
 #endif
     destroyed = true
 }
