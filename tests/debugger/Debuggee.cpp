@@ -207,10 +207,14 @@ void showServers() {
     VornServerSocket closedTcp(5042, 5, "*");
     const VornCertificate certificate("server.pem", "PEM", "/etc/my keys/server.key", "PEM");
     VornSSLServerSocket ssl(443, certificate, 5, "*");
+    // The wait for the socket opens no file, which the look at the thread does, so each gets a certain
+    // number.
     VornTest::WatchedThread tcpThread([&] { spTcp->waitForClient(false); });
+    spTcp->waitForInit();
     if (!VornTest::awaitBlockedInIo(tcpThread.tid()))
         std::abort();
     VornTest::WatchedThread udpThread([&] { spUdp->waitForClient(false); });
+    spUdp->waitForInit();
     if (!VornTest::awaitBlockedInIo(udpThread.tid()))
         std::abort();
     VornTest::WatchedThread pipeThread([&] { spPipe->waitForClient(false); });
