@@ -11,9 +11,12 @@
 #include "Sandbox.h"
 #include "ServerTestSupport.h"
 
+#include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <memory>
+#include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -73,6 +76,28 @@ public:
 
 protected:
     void init() override { ++m_calls; }
+};
+
+/// A server whose waiting thread lingers in the close() that releases the record.
+class SlowCloser : public Probe {
+public:
+    using Probe::Probe;
+
+    ImplOutcome wait() {
+        m_waiter = std::this_thread::get_id();
+        return waitForImpl(*this);
+    }
+
+    void close() override {
+        if (std::this_thread::get_id() == m_waiter)
+            m_closing.pass();
+        VornPipeServer::close();
+    }
+
+    Checkpoint m_closing;
+
+private:
+    std::atomic<std::thread::id> m_waiter;
 };
 
 class UmaskScope {
@@ -621,26 +646,9 @@ TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_WritesFourBytesAndLeavesTheRe
 }
 
 TEST_F(VornPipeServerTest, Close_WhileTheWokenThreadIsInACloseOfItsOwn_HoldsNoLockAgainstIt) {
-    class Slow : public Probe {
-    public:
-        using Probe::Probe;
-
-        void close() override {
-            if (std::this_thread::get_id() == m_waiter)
-                m_closing.pass();
-            VornPipeServer::close();
-        }
-
-        std::thread::id m_waiter;
-        Checkpoint m_closing;
-    };
-
-    Slow server("kite");
+    SlowCloser server("kite");
     ImplOutcome outcome;
-    WatchedThread waiter([&] {
-        server.m_waiter = std::this_thread::get_id();
-        outcome = waitForImpl(server);
-    });
+    WatchedThread waiter([&] { outcome = server.wait(); });
     ASSERT_TRUE(awaitBlockedInIo(waiter.tid()));
     server.close();
     ASSERT_TRUE(server.m_closing.awaitReached());
@@ -654,6 +662,26 @@ TEST_F(VornPipeServerTest, Close_WhileTheWokenThreadIsInACloseOfItsOwn_HoldsNoLo
     EXPECT_EQ(outcome.client(), nullptr);
     EXPECT_EQ(outcome.text, untouchedText);
     EXPECT_EQ(outcome.code, untouchedCode);
+}
+
+TEST_F(VornPipeServerTest, Close_OfTwoServersAtOnce_ReleasesEachByItsOwnThread) {
+    SlowCloser first("kite");
+    SlowCloser second("hawk");
+    WatchedThread firstWaiter([&] { first.wait(); });
+    WatchedThread secondWaiter([&] { second.wait(); });
+    for (auto [server, waiter] : {std::pair(&first, &firstWaiter), std::pair(&second, &secondWaiter)}) {
+        ASSERT_TRUE(awaitBlockedInIo(waiter->tid()));
+        server->close();
+        ASSERT_TRUE(server->m_closing.awaitReached());
+    }
+    first.m_closing.open();
+    ASSERT_TRUE(firstWaiter.join());
+    EXPECT_EQ(first.record(), nullptr);
+    EXPECT_NE(second.record(), nullptr);
+    second.m_closing.open();
+    ASSERT_TRUE(secondWaiter.join());
+    EXPECT_EQ(second.record(), nullptr);
+    ::unlink(pipePath("hawk").c_str());
 }
 
 TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_IsLoggedStepByStepAtLevel9) {
