@@ -85,6 +85,12 @@ struct SocketPair {
     UniqueFd second;
 };
 
+/// Waits until clients would have been cut off: nothing tells that a cut is not going to be made.
+void passTheTimeOfTheCut() {
+    const auto end = std::chrono::steady_clock::now() + 600ms;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+}
+
 } // namespace
 
 KIT_ROLE(sinkDeletedByItsCallback) {
@@ -286,9 +292,7 @@ TEST_P(EndingSinkOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
     ASSERT_TRUE(entered.await());
     CallTrace trace;
     WatchedThread destroyer([&] { sink.destroy(); });
-    // Nothing tells that a cut is not going to be made.
-    const auto end = std::chrono::steady_clock::now() + 600ms;
-    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
     for (const CallRecord& call : trace.records("shutdown")) {
         EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
@@ -308,8 +312,8 @@ TEST_P(EndingSinkOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLoo
     std::vector<std::string> strangers;
     const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
         connection = nullptr;
-        for (std::size_t size = 100; size < 400;
-             ++size) // one of them gets the memory that has just become free
+        // One of them gets the memory that has just become free.
+        for (std::size_t size = 100; size < 400; ++size)
             strangers.emplace_back(size, '\x01');
         entered.open();
         leave.await();
@@ -320,9 +324,7 @@ TEST_P(EndingSinkOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLoo
     sendAll(client.get(), onWire(0));
     ASSERT_TRUE(entered.await());
     WatchedThread destroyer([&] { sink.destroy(); });
-    // Nothing tells that a cut is not going to be made.
-    const auto end = std::chrono::steady_clock::now() + 600ms;
-    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
     leave.open();
     EXPECT_TRUE(destroyer.join(endsWithin));
@@ -390,9 +392,7 @@ TEST_F(EndingSink, WhileCallbackReadsADatagramForLong_HasNobodyToCutOff) {
     ASSERT_TRUE(entered.await());
     const CallTrace trace;
     WatchedThread destroyer([&] { sink.destroy(); });
-    // Nothing tells that a cut is not going to be made.
-    const auto end = std::chrono::steady_clock::now() + 600ms;
-    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
     for (const CallRecord& call : trace.records("shutdown")) {
         EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
