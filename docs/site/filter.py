@@ -3,7 +3,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Turns a chapter or a header into what Doxygen makes a site of: filter.py FILE
 
-Chapters are written for readers of plain Markdown: links name files and headings, fences say how a block is tested.
+Chapters are written for readers of plain Markdown: links name files and headings, comments say how a block is tested.
 Headers say in one paragraph what each class promises about threads, blocking, ownership, signals and errors.
 """
 import pathlib
@@ -51,8 +51,7 @@ class Chapter:
     def fence(self, line):
         indent, info = re.match(r"(\s*)```(.*)", line).groups()
         opens, self.code = not self.code, not self.code
-        word = info.split(" ")[0]
-        return f"{indent}```{COLOURED.get(word, '{.unparsed}') if opens else ''}"
+        return f"{indent}```{COLOURED.get(info, '{.unparsed}') if opens else ''}"
 
     @staticmethod
     def span(span):
@@ -95,7 +94,7 @@ def neighbours(path):
 
 def chapter(path):
     text = re.sub(r"\A<!--.*?-->\n", "", path.read_text(), flags=re.S)
-    text = re.sub(r"^<!-- measured.*?-->$\n", "", text, flags=re.M)
+    text = re.sub(r"^\s*<!-- (measured|block).*?-->$\n", "", text, flags=re.M)
     page = Chapter(path)
     return "\n".join(page.line(line) for line in text.split("\n")) + neighbours(path)
 

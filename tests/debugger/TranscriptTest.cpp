@@ -48,9 +48,13 @@ Lines linesOf(const std::string& text) {
 /// The transcripts in the page's blocks, in order.
 std::vector<Transcript> transcripts() {
     std::vector<Transcript> result;
+    bool isMarked = false;
     bool isInside = false;
     for (const std::string& line : linesOf(readTextFile(VORNTEST_PAGE))) {
-        if (line == "```console-gdb") {
+        if (line == "<!-- block: gdb -->") {
+            isMarked = true;
+        } else if (isMarked) {
+            isMarked = false;
             isInside = true;
             result.emplace_back();
         } else if (line == "```") {

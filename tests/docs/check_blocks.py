@@ -3,31 +3,33 @@
 # SPDX-License-Identifier: Apache-2.0
 """Compiles, runs or compares every fenced block of a document: check_blocks.py DOCUMENT BUILD_DIRECTORY COMPILER
 
-It is run within docs_sandbox. The words behind the fence say what a block is; any other word fails:
+It is run within docs_sandbox. The fence names the language alone. Whatever else the check has to know is in a comment
+on the line before the fence, <!-- block: WORDS -->, which no renderer shows. An unknown word fails.
 
-cpp              declarations, compiled with every public header included
-cpp more         the same behind the block of C++ before it
-cpp body         statements of a function
-cpp run          a program, compiled and run; what it prints is the `output` block behind it
-cpp file=NAME    a program, saved under that name for the commands that follow
-cpp ... with=T   the text T is put in front of what is compiled ("%20" is a blank); for what the block leaves out
-output           what the program before it prints
-cmake            the end of a CMakeLists.txt with a target `program`, built against the installed library
-console          a terminal: lines with "$ " are run, the others are what is printed. "..." stands for any text, on a
-                 line of its own for any lines; the first name like quorax1f3a stands for whatever is there, and from
-                 then on for the same. A command that fails, fails the test.
-console later    the same, running beside the blocks that follow; it has to end by itself, or at a line "^C"
-console after    the same, when everything that runs beside has ended
-sh               commands that only have to succeed
-example          values in the notation of `vornnet encode`, then their bytes, then, when they are read as others,
-                 those; compared with the tool in both directions
-console-gdb, console-tshark    sessions that tests of their own run
-KIND of=PATH     an excerpt: its lines stand in that file of the tree, one behind the other
-sh not-run=WHY   is not run, for one of the REASONS; its syntax is looked at
+cpp                   declarations, compiled with every public header included
+cpp, more             the same after the previous block of C++
+cpp, body             statements of a function
+cpp, run              a program, compiled and run; the next block, text, output, is what it prints
+cpp, file=NAME        a program, saved under that name for the commands that follow
+cpp, with="TEXT"      also: TEXT is put before what is compiled; for what the block leaves out
+text, output          what the program before it prints
+cmake                 the end of a CMakeLists.txt with a target `program`, built against the installed library
+console               a terminal: lines with "$ " are run, the others are what is printed. "..." stands for any text, on
+                      a line of its own for any lines; the first name like quorax1f3a stands for whatever is there, and
+                      from then on for the same. A command that fails, fails the test.
+console, later        the same, running beside the blocks that follow; it has to end by itself, or at a line "^C"
+console, after        the same, when everything that runs beside has ended
+sh                    commands that only have to succeed
+text, example         values in the notation of `vornnet encode`, then their bytes, then, when they are read as others,
+                      those; compared with the tool in both directions
+console, gdb|tshark   sessions that tests of their own run
+any, of=PATH          an excerpt: its lines stand in that file of the tree, one after the other
+sh, not-run=WHY       is not run, for one of the REASONS; its syntax is checked
 """
 import os
 import pathlib
 import re
+import shlex
 import signal
 import subprocess
 import sys
@@ -42,10 +44,15 @@ REASONS = {
     "long": "takes minutes",
 }
 # Kinds whose sessions are run by tests of their own, which have to know them.
-ELSEWHERE = {"console-gdb": "tests/debugger/TranscriptTest.cpp", "console-tshark": "tests/wire/TranscriptTest.cpp"}
+ELSEWHERE = {"gdb": "tests/debugger/TranscriptTest.cpp", "tshark": "tests/wire/TranscriptTest.cpp"}
+KINDS = {"cpp", "cmake", "console", "sh", "text"} # languages; a text is one of the following
+TEXTS = {"output", "example"}
+FLAGS = {"more", "body", "run", "later", "after"} | TEXTS | set(ELSEWHERE)
+VALUES = {"file", "with", "of", "not-run"}
 STANDARD_HEADERS = ("atomic", "csignal", "cstdio", "string", "thread", "vector")
 PATIENCE = 60
 FENCE = re.compile(r"^(\s*)```(.*)$")
+MARK = re.compile(r"^\s*<!-- block: (.*) -->$")
 SINK_NAME = re.compile(r"quorax[0-9a-f]+")
 
 
@@ -54,29 +61,40 @@ class Failure(Exception):
 
 
 class Block:
-    def __init__(self, line, info, text):
-        words = info.split()
+    def __init__(self, line, language, words, text):
         self.line = line
-        self.kind = words[0] if words else ""
-        self.flags = {word for word in words[1:] if "=" not in word}
-        self.values = dict(word.split("=", 1) for word in words[1:] if "=" in word)
+        self.language = language
+        self.flags = {word for word in words if "=" not in word}
+        self.values = dict(word.split("=", 1) for word in words if "=" in word)
+        self.kind = next(iter(self.flags & (TEXTS | set(ELSEWHERE))), language)
         self.text = text
+
+    def check_words(self):
+        if self.language not in KINDS or self.kind == "text":
+            raise Failure(f"a block of the unknown kind \"{self.language}\"")
+        unknown = (self.flags - FLAGS) | (set(self.values) - VALUES)
+        if unknown:
+            raise Failure(f"unknown words: {sorted(unknown)}")
 
     def lines(self):
         return self.text.splitlines()
 
 
 def blocks_of(text):
-    blocks, start, info, collected = [], None, "", []
+    blocks, start, language, words, collected = [], None, "", [], []
     for number, line in enumerate(text.splitlines(), 1):
-        match = FENCE.match(line)
+        match, mark = FENCE.match(line), MARK.match(line)
         if match and start is None:
-            start, info, collected = number, match.group(2), []
+            start, language, collected = number, match.group(2), []
         elif match and not match.group(2).strip():
-            blocks.append(Block(start, info, textwrap.dedent("\n".join(collected)) + "\n"))
-            start = None
+            blocks.append(Block(start, language, words, textwrap.dedent("\n".join(collected)) + "\n"))
+            start, words = None, []
         elif start is not None:
             collected.append(line)
+        elif mark:
+            words = shlex.split(mark.group(1))
+        elif words:
+            raise Failure(f"line {number}: no block follows the comment")
     if start is not None:
         raise Failure(f"line {start}: the block has no end")
     return blocks
@@ -247,7 +265,7 @@ class Document:
                        for header in sorted((self.tree / folder).glob("Vorn*.h")))
 
     def check_cpp(self, block):
-        context = block.values.get("with", "").replace("%20", " ") + "\n"
+        context = block.values.get("with", "") + "\n"
         if "file" in block.values:
             (self.work / block.values["file"]).write_text(block.text)
         elif "run" in block.flags:
@@ -325,7 +343,7 @@ class Document:
             raise Failure(f"stands nowhere in {block.values['of']}")
 
     def check_elsewhere(self, block):
-        if block.kind not in (self.tree / ELSEWHERE[block.kind]).read_text():
+        if f"<!-- block: {block.kind} -->" not in (self.tree / ELSEWHERE[block.kind]).read_text():
             raise Failure(f"{ELSEWHERE[block.kind]} does not know blocks of the kind {block.kind}")
 
     def check_not_run(self, block):
@@ -338,16 +356,15 @@ class Document:
         self.not_run.append(f"{self.path.name}:{block.line}: {REASONS[block.values['not-run']]}")
 
     def check(self, block):
+        block.check_words()
         if "not-run" in block.values:
             self.check_not_run(block)
         elif "of" in block.values:
             self.check_excerpt(block)
         elif block.kind in ELSEWHERE:
             self.check_elsewhere(block)
-        elif hasattr(self, "check_" + block.kind):
-            getattr(self, "check_" + block.kind)(block)
         else:
-            raise Failure(f"a block of the unknown kind \"{block.kind}\"")
+            getattr(self, "check_" + block.kind)(block)
 
     def check_all(self):
         failures = 0
@@ -374,7 +391,10 @@ def main(arguments):
         sys.exit(__doc__)
     path, build, compiler = pathlib.Path(arguments[0]).resolve(), pathlib.Path(arguments[1]).resolve(), arguments[2]
     with tempfile.TemporaryDirectory() as work:
-        return 1 if Document(path, build, compiler, pathlib.Path(work)).check_all() else 0
+        try:
+            return 1 if Document(path, build, compiler, pathlib.Path(work)).check_all() else 0
+        except Failure as failure: # the blocks could not even be told apart
+            sys.exit(f"{path}: {failure}")
 
 
 if __name__ == "__main__":

@@ -22,10 +22,16 @@ def run(*command, **options):
 
 
 class Blocks(unittest.TestCase):
+    @staticmethod
+    def fence(info):
+        """Of "cpp body" the comment with the words and the fence with the language."""
+        language, _, words = info.partition(" ")
+        return (f"<!-- block: {words} -->\n" if words else "") + f"```{language}"
+
     def outcome(self, *blocks):
         with tempfile.TemporaryDirectory() as folder:
             page = pathlib.Path(folder) / "page.md"
-            page.write_text("".join(f"text\n\n```{info}\n{text}```\n" for info, text in blocks))
+            page.write_text("".join(f"text\n\n{self.fence(info)}\n{text}```\n" for info, text in blocks))
             return run(SANDBOX, HERE / "check_blocks.py", page, BUILD, COMPILER)
 
     def passes(self, *blocks):
@@ -41,6 +47,20 @@ class Blocks(unittest.TestCase):
     def test_unknown_kind(self):
         self.fails("unknown kind", ("text", "anything\n"))
         self.fails("unknown kind", ("", "anything\n"))
+        self.fails("unknown kind", ("cpp_body", "VornSleep(0);\n"))
+        self.fails("unknown words", ("cpp bodily", "VornSleep(0);\n"))
+
+    def test_word_that_a_reader_would_see(self):
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder) / "page.md"
+            page.write_text("```cpp body\nVornSleep(0);\n```\n")
+            self.assertIn("unknown kind", run(SANDBOX, HERE / "check_blocks.py", page, BUILD, COMPILER).stdout)
+
+    def test_comment_without_its_block(self):
+        with tempfile.TemporaryDirectory() as folder:
+            page = pathlib.Path(folder) / "page.md"
+            page.write_text("<!-- block: body -->\n\n```cpp\nVornSleep(0);\n```\n")
+            self.assertIn("no block follows", run(SANDBOX, HERE / "check_blocks.py", page, BUILD, COMPILER).stderr)
 
     def test_declarations(self):
         self.passes(("cpp", "VornString name();\n"))
@@ -56,9 +76,9 @@ class Blocks(unittest.TestCase):
 
     def test_program_and_its_output(self):
         program = ("cpp run", '#include <cstdio>\nint main() { std::puts("one"); }\n')
-        self.passes(program, ("output", "one\n"))
-        self.fails("was printed", program, ("output", "two\n"))
-        self.fails("no program", ("output", "one\n"))
+        self.passes(program, ("text output", "one\n"))
+        self.fails("was printed", program, ("text output", "two\n"))
+        self.fails("no program", ("text output", "one\n"))
 
     def test_excerpt(self):
         self.passes(("cpp of=examples/service.cpp", "std::signal(SIGPIPE, SIG_IGN);\n"))
@@ -80,10 +100,10 @@ class Blocks(unittest.TestCase):
         self.passes(("console later", "$ vornnet serve pipe:one\nlistening at pipe:one\n^C\n"))
 
     def test_bytes(self):
-        self.passes(("example", "int:1\n00 00 00 01\n"))
-        self.fails("encoded it is", ("example", "int:1\n00 00 00 02\n"))
-        self.passes(("example", "long:-1\nff ff ff ff 00 00 00 00\nlong:4294967295\n"))
-        self.fails("was printed", ("example", "long:-1\nff ff ff ff 00 00 00 00\n"))
+        self.passes(("text example", "int:1\n00 00 00 01\n"))
+        self.fails("encoded it is", ("text example", "int:1\n00 00 00 02\n"))
+        self.passes(("text example", "long:-1\nff ff ff ff 00 00 00 00\nlong:4294967295\n"))
+        self.fails("was printed", ("text example", "long:-1\nff ff ff ff 00 00 00 00\n"))
 
     def test_block_that_is_not_run(self):
         self.assertIn("installs packages", self.passes(("sh not-run=packages", "apt-get install vornnet-tools\n")))

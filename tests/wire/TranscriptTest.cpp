@@ -63,11 +63,15 @@ std::string page() {
 
 std::vector<Transcript> transcripts() {
     std::vector<Transcript> result;
+    bool isMarked = false;
     bool isInside = false;
     for (const std::string& line : linesOf(page())) {
-        if (line == "```console-tshark")
+        if (line == "<!-- block: tshark -->")
+            isMarked = true;
+        else if (isMarked) {
+            isMarked = false;
             isInside = true;
-        else if (line == "```")
+        } else if (line == "```")
             isInside = false;
         else if (isInside && line.rfind("$ ", 0) == 0)
             result.push_back({line.substr(2), {}});
