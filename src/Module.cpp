@@ -4,21 +4,11 @@
 #include "VornSSLSocketConnection.h"
 #include "VornSocketConnection.h"
 
+#include <LogRecord.h>
 #include <ModuleData.h>
-#include <VornLogging.h>
 
-using VornSupport::endrecord;
-using VornSupport::setloglevel;
+using VornSupport::logRecord;
 using VornSupport::VornLogging;
-
-namespace {
-
-void logDebug(const char* text) {
-    if (VornLogging::isAdmitted(VornLogging::cDebug))
-        VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << text << endrecord;
-}
-
-} // namespace
 
 /**
  * Starts the library when it is loaded and ends it when it is unloaded or the process exits. Its name is
@@ -49,11 +39,11 @@ public:
     }
 
     void detach() override {
-        logDebug("vnet::Module::detach: entering");
+        logRecord(VornLogging::cDebug, "vnet::Module::detach: entering");
         VornNet::VornProxyDependentContainer::deleteInstance();
         VornNet::VNETFinitSSL();
         VornNet::VNETFinitWinsock();
-        logDebug("vnet::Module::detach: exiting");
+        logRecord(VornLogging::cDebug, "vnet::Module::detach: exiting");
     }
 };
 

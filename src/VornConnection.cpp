@@ -5,9 +5,9 @@
 #include "BufferAccess.h"
 
 #include <Cancellation.h>
+#include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
-#include <VornLogging.h>
 
 #include <algorithm>
 #include <cctype>
@@ -165,21 +165,6 @@ bool isPrintable(char character) {
     return value >= 0 && std::isprint(value) != 0;
 }
 
-void logUnprintable(char character) {
-    if (VornLogging::isAdmitted(VornLogging::cVerbose)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cVerbose)
-                                   << "HTTPRequest::PeekLine: break on character = " << character
-                                   << endrecord;
-    }
-}
-
-void logNoLine(int nSize) {
-    if (VornLogging::isAdmitted(VornLogging::cVerbose)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cVerbose) << "VornConnection::peekLine: read "
-                                   << nSize << " without a <CRLF> pair" << endrecord;
-    }
-}
-
 } // namespace
 
 VornConnection::VornConnection()
@@ -314,13 +299,13 @@ bool VornConnection::peekLine(char* pBuffer, int& nSize, int& nErrorCode) {
 
     char* lineEnd = std::strstr(pBuffer, "\r\n");
     if (lineEnd == nullptr) {
-        logNoLine(n);
+        logRecord(VornLogging::cVerbose, "VornConnection::peekLine: read ", n, " without a <CRLF> pair");
         return false;
     }
     *lineEnd = '\0';
     const char* unprintable = std::find_if_not(pBuffer, lineEnd, isPrintable);
     if (unprintable != lineEnd) {
-        logUnprintable(*unprintable);
+        logRecord(VornLogging::cVerbose, "HTTPRequest::PeekLine: break on character = ", *unprintable);
         return false;
     }
     return true;

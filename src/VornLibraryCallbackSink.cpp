@@ -8,10 +8,10 @@
 #include "VornServerSocket.h"
 #include "VornUDPServerSocket.h"
 
+#include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornCriticalSection.h>
 #include <VornException.h>
-#include <VornLogging.h>
 #include <VornSleep.h>
 
 #include <algorithm>
@@ -35,17 +35,6 @@ constexpr unsigned int cDatagramSize = 16'777'215;
 /** Guards every sink's address text: its thread rewrites it while others copy it. */
 std::mutex g_addressLock;
 
-bool isTraced() {
-    return VornLogging::isAdmitted(VornLogging::cDebug);
-}
-
-template <typename... Pieces>
-void trace(const Pieces&... pieces) {
-    VornLogging& logger = VornLogging::getInstance();
-    logger << setloglevel(VornLogging::cDebug);
-    (logger << ... << pieces) << endrecord;
-}
-
 VornString makePipeName() {
     std::array<char, 24> name;
     std::snprintf(name.data(), name.size(), "quorax%x", static_cast<unsigned int>(System::getpid()));
@@ -62,30 +51,25 @@ void pauseAfter(int nFailedWaits) {
 
 VornLibraryCallbackSink::VornLibraryCallbackSink(const VornString& moduleName)
     : VornThread(moduleName), m_bThreadStarted(false), m_nCallbackServerPort(cFirstPort) {
-    if (isTraced())
-        trace("VornLibraryCallbackSink::VornLibraryCallbackSink: moduleName=", "|", moduleName, "|");
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::VornLibraryCallbackSink: moduleName=|",
+              moduleName, "|");
     start();
     waitForServerPort();
 }
 
 VornLibraryCallbackSink::~VornLibraryCallbackSink() {
     if (isOwnThread()) {
-        if (VornLogging::isAdmitted(VornLogging::cError)) {
-            VornLogging::getInstance()
-                << setloglevel(VornLogging::cError)
-                << "VornLibraryCallbackSink::~VornLibraryCallbackSink: destroyed by one of its own callbacks"
-                << endrecord;
-        }
+        logRecord(VornLogging::cError,
+                  "VornLibraryCallbackSink::~VornLibraryCallbackSink: destroyed by one of its own callbacks");
         std::terminate(); // the thread would have to end before its own call returns
     }
-    if (m_spCallbackServer != nullptr && isTraced())
-        trace("VornLibraryCallbackSink::~VornLibraryCallbackSink: closing socket");
+    if (m_spCallbackServer != nullptr)
+        logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::~VornLibraryCallbackSink: closing socket");
     endThread();
 }
 
 int VornLibraryCallbackSink::run() {
-    if (isTraced())
-        trace("VornLibraryCallbackSink::run: enter");
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: enter");
     establishCallbackServer();
     int rc = 0;
     int nFailedWaits = 0; // in a row
@@ -96,8 +80,7 @@ int VornLibraryCallbackSink::run() {
             bGoesOn = continuesAfter(e.getCode(), nFailedWaits, rc);
         }
     }
-    if (isTraced())
-        trace("VornLibraryCallbackSink::run: exiting rc=", rc);
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: exiting rc=", rc);
     return rc;
 }
 
@@ -121,29 +104,29 @@ void VornLibraryCallbackSink::establishCallbackServer() {
     } else {
         m_sCallbackType = type;
         if (m_sCallbackType == "udp") {
-            if (isTraced())
-                trace("VornLibraryCallbackSink::establishCallbackServer: creating udp server on socket ",
+            logRecord(VornLogging::cDebug,
+                      "VornLibraryCallbackSink::establishCallbackServer: creating udp server on socket ",
                       m_nCallbackServerPort);
             getMyIpAddr();
             m_spCallbackServer = new VornUDPServerSocket(m_nCallbackServerPort, m_sIpAddr, cDatagramSize);
             publishAddress(m_sIpAddr + ":" + std::to_string(m_nCallbackServerPort));
         } else if (m_sCallbackType == "pipe") {
             const VornString sPipeName = makePipeName();
-            if (isTraced())
-                trace("VornLibraryCallbackSink::establishCallbackServer: creating pipe server '", sPipeName,
+            logRecord(VornLogging::cDebug,
+                      "VornLibraryCallbackSink::establishCallbackServer: creating pipe server '", sPipeName,
                       "'");
             m_spCallbackServer = new VornPipeServer(sPipeName);
             publishAddress(sPipeName);
         } else if (m_sCallbackType == "socket") {
-            if (isTraced())
-                trace("VornLibraryCallbackSink::establishCallbackServer: creating tcp server on socket ",
+            logRecord(VornLogging::cDebug,
+                      "VornLibraryCallbackSink::establishCallbackServer: creating tcp server on socket ",
                       m_nCallbackServerPort);
             getMyIpAddr();
             m_spCallbackServer = new VornServerSocket(m_nCallbackServerPort, cBacklog, m_sIpAddr);
             publishAddress(m_sIpAddr + ":" + std::to_string(m_nCallbackServerPort));
         } else {
-            if (isTraced())
-                trace("VornLibraryCallbackSink::establishCallbackServer: unknown callback server type, "
+            logRecord(VornLogging::cDebug,
+                      "VornLibraryCallbackSink::establishCallbackServer: unknown callback server type, "
                       "creating default");
             establishDefaultCallbackServer();
         }
@@ -154,8 +137,8 @@ void VornLibraryCallbackSink::establishCallbackServer() {
 void VornLibraryCallbackSink::establishDefaultCallbackServer() {
     const VornString sPipeName = makePipeName();
     m_sCallbackType = "pipe";
-    if (isTraced())
-        trace("VornLibraryCallbackSink::establishCallbackServer: creating default (pipe) server '", sPipeName,
+    logRecord(VornLogging::cDebug,
+              "VornLibraryCallbackSink::establishCallbackServer: creating default (pipe) server '", sPipeName,
               "'");
     m_spCallbackServer = new VornPipeServer(sPipeName);
     publishAddress(sPipeName);
@@ -180,9 +163,8 @@ bool VornLibraryCallbackSink::tryNextPort() {
     VornIPCServer* pServer = m_spCallbackServer;
     if (auto* pServerSocket = dynamic_cast<VornServerSocket*>(pServer))
         pServerSocket->setPort(nPort);
-    if (isTraced())
-        trace("VornLibraryCallbackSink::tryNextPort: retrying ", m_sCallbackType, " server on socket ",
-              nPort);
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::tryNextPort: retrying ", m_sCallbackType,
+              " server on socket ", nPort);
     return true;
 }
 
@@ -197,8 +179,7 @@ void VornLibraryCallbackSink::getMyIpAddr() {
     std::array<char, 20> text;
     std::snprintf(text.data(), text.size(), "%u.%u.%u.%u", bytes[0], bytes[1], bytes[2], bytes[3]);
     m_sIpAddr = text.data();
-    if (isTraced())
-        trace("VornLibraryCallbackSink::getMyIpAddr: address is ", "'", m_sIpAddr, "'");
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::getMyIpAddr: address is '", m_sIpAddr, "'");
 }
 
 void VornLibraryCallbackSink::publishAddress(const VornString& sPlace) {
@@ -208,19 +189,17 @@ void VornLibraryCallbackSink::publishAddress(const VornString& sPlace) {
 }
 
 bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {
-    if (isTraced())
-        trace("VornLibraryCallbackSink::run: waiting for data : ", m_sCallbackName);
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: waiting for data : ", m_sCallbackName);
     ++nFailedWaits;
     VornSmartPointer<VornConnection> spConnection = m_spCallbackServer->waitForClient(false);
     nFailedWaits = 0;
     if (spConnection == nullptr) {
-        if (isTraced())
-            trace("VornLibraryCallbackSink::run: NULL returned from waitForClient : ", m_sCallbackName,
+        logRecord(VornLogging::cDebug,
+                  "VornLibraryCallbackSink::run: NULL returned from waitForClient : ", m_sCallbackName,
                   ", exiting");
         return false;
     }
-    if (isTraced())
-        trace("VornLibraryCallbackSink::run: received data : ", m_sCallbackName);
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: received data : ", m_sCallbackName);
     const Delivery delivery(this, *spConnection);
     deliver(spConnection);
     return true;
@@ -228,19 +207,17 @@ bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {
 
 void VornLibraryCallbackSink::deliver(VornSmartPointer<VornConnection>& spConnection) {
     const long hCallback = spConnection->receiveLong();
-    if (isTraced())
-        trace("VornLibraryCallbackSink::run: hCallback=", hCallback);
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: hCallback=", hCallback);
     const VornCriticalSection lock(m_callbackContainer.mutex(), true);
     VornSmartPointer<VornNotificationCallback> spCallback =
         m_callbackContainer.lookup(static_cast<int>(hCallback));
     if (spCallback != nullptr) {
-        if (isTraced())
-            trace("VornLibraryCallbackSink::run: found callback... invoking");
+        logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: found callback... invoking");
         spCallback->callback(spConnection);
-        if (isTraced())
-            trace("VornLibraryCallbackSink::run: callback returned");
-    } else if (isTraced()) {
-        trace("VornLibraryCallbackSink::run: unable to find callback... ignoring notification");
+        logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: callback returned");
+    } else {
+        logRecord(VornLogging::cDebug,
+                  "VornLibraryCallbackSink::run: unable to find callback... ignoring notification");
     }
     // One connection, one notification, one life of the server's socket: the next wait opens it again.
     m_spCallbackServer->close();
@@ -249,16 +226,17 @@ void VornLibraryCallbackSink::deliver(VornSmartPointer<VornConnection>& spConnec
 bool VornLibraryCallbackSink::continuesAfter(int nCode, int nFailedWaits, int& rc) {
     if (nCode == EADDRINUSE) {
         const bool bMoved = tryNextPort();
-        if (isTraced() && bMoved)
-            trace("VornLibraryCallbackSink::run: exception=", nCode,
-                  " trying next port=", m_nCallbackServerPort);
-        else if (isTraced())
-            trace("VornLibraryCallbackSink::run: exception=", nCode, " cannot establish connection, exiting");
+        if (bMoved)
+            logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: exception=", nCode,
+                      " trying next port=", m_nCallbackServerPort);
+        else
+            logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: exception=", nCode,
+                      " cannot establish connection, exiting");
         return bMoved;
     }
     if (nCode == ECONNRESET || nCode == EINTR) {
-        if (isTraced())
-            trace("VornLibraryCallbackSink::run: exception=", nCode, " connection closed, exiting");
+        logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: exception=", nCode,
+                  " connection closed, exiting");
         return false;
     }
     rc = nCode;

@@ -6,9 +6,9 @@
 #include "PipeAddress.h"
 #include "VornPipeConnection.h"
 
+#include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
-#include <VornLogging.h>
 
 #include <algorithm>
 #include <array>
@@ -64,18 +64,6 @@ std::condition_variable& departed() {
     return instance.variable;
 }
 
-/** Its pieces are put together by the logger, which drops what there is no memory for. */
-template <typename... Pieces>
-void logDebug(const Pieces&... pieces) {
-    VornLogging& logger = VornLogging::getInstance();
-    logger << setloglevel(VornLogging::cDebug);
-    (logger << ... << pieces) << endrecord;
-}
-
-bool isDebugAdmitted() {
-    return VornLogging::isAdmitted(VornLogging::cDebug);
-}
-
 void bindTo(int fd, const VornString& sPath) {
     const PipeAddress address(sPath);
     if (!address.fits())
@@ -109,13 +97,11 @@ void giveToGroup(const VornString& sPath, const VornString& sGroup) {
     const bool bFound = findGroup(sGroup, id);
     if (bFound) [[maybe_unused]]
         const int ignored = System::chown(sPath.c_str(), System::getuid(), id);
-    if (isDebugAdmitted()) {
-        logDebug(
-            bFound
-                ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
-                : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ",
-            sGroup);
-    }
+    logRecord(
+        VornLogging::cDebug,
+        bFound ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
+               : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ",
+        sGroup);
 }
 
 struct Readiness {
@@ -269,8 +255,7 @@ VornPipeServer::~VornPipeServer() {
 void VornPipeServer::waitForInit() {}
 
 void VornPipeServer::close() {
-    if (isDebugAdmitted())
-        logDebug("VornPipeServer::close");
+    logRecord(VornLogging::cDebug, "VornPipeServer::close");
     const VornCriticalSection lock(m_lock, true);
     std::unique_lock waitingLock(g_waitingLock);
     auto* pPipe = static_cast<_pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
@@ -279,8 +264,7 @@ void VornPipeServer::close() {
     if (pPipe->m_bClientWaiting) {
         waitingLock.unlock();
         // Nobody else can release the record: that takes m_lock.
-        if (isDebugAdmitted())
-            logDebug("VornPipeServer::close: signaling wait thread");
+        logRecord(VornLogging::cDebug, "VornPipeServer::close: signaling wait thread");
         signalWaiter(pPipe->m_hRWPipe[1]);
         return;
     }
@@ -288,8 +272,7 @@ void VornPipeServer::close() {
         return;
     __atomic_store_n(&m_pipeHandle, nullptr, __ATOMIC_RELEASE);
     waitingLock.unlock();
-    if (isDebugAdmitted())
-        logDebug("VornPipeServer::close: releasing resources");
+    logRecord(VornLogging::cDebug, "VornPipeServer::close: releasing resources");
     System::close(pPipe->m_hClientPipe);
     System::close(pPipe->m_hRWPipe[0]);
     System::close(pPipe->m_hRWPipe[1]);
@@ -300,8 +283,7 @@ VornString VornPipeServer::getFullPipeName(const VornString& sPipeName) {
     VornString sFullPipeName;
     sFullPipeName.reserve(VornString::traits_type::length(cDirectory) + sPipeName.size());
     sFullPipeName.append(cDirectory).append(sPipeName);
-    if (isDebugAdmitted())
-        logDebug("VornPipeServer::getFullPipeName () : sFullPipeName is : ", sFullPipeName);
+    logRecord(VornLogging::cDebug, "VornPipeServer::getFullPipeName () : sFullPipeName is : ", sFullPipeName);
     return sFullPipeName;
 }
 
@@ -321,10 +303,8 @@ VornPipeServer::waitForClientImpl(bool /*bIdentify*/, VornString& sExceptionMess
     }
     const int nWakeUp = waiting.record()->m_hRWPipe[0];
     const int nListener = waiting.record()->m_hClientPipe;
-    if (isDebugAdmitted()) {
-        logDebug("VornPipeServer::waitForClient: ", m_sPipeName, " ready, accepting connections... (",
-                 nListener, ")");
-    }
+    logRecord(VornLogging::cDebug, "VornPipeServer::waitForClient: ", m_sPipeName,
+              " ready, accepting connections... (", nListener, ")");
     const Readiness ready = awaitReadiness(nWakeUp, nListener);
     if (ready.failed) {
         sExceptionMessage = cReadFailed;
@@ -365,8 +345,7 @@ void VornPipeServer::init() {
 }
 
 VornSmartPointer<VornConnection> VornPipeServer::shutDown(Waiting& waiting) {
-    if (isDebugAdmitted())
-        logDebug("VornPipeServer::waitForClient : Shutting down thread");
+    logRecord(VornLogging::cDebug, "VornPipeServer::waitForClient : Shutting down thread");
     const Departure departure(this);
     waiting.end();
     close(); // releases the record, now that no thread waits
@@ -381,10 +360,8 @@ VornSmartPointer<VornConnection> VornPipeServer::acceptClient(Waiting& waiting, 
     const int nAccepted = System::accept(nListener, reinterpret_cast<sockaddr*>(&address), &length);
     const int nError = errno;
     Descriptor client(nAccepted);
-    if (isDebugAdmitted()) {
-        logDebug("VornPipeServer::waitForClient: ", m_sPipeName,
-                 " returned from accept with clientSocket=", nAccepted);
-    }
+    logRecord(VornLogging::cDebug, "VornPipeServer::waitForClient: ", m_sPipeName,
+              " returned from accept with clientSocket=", nAccepted);
     if (!client.isOpen()) {
         if (nListener == 0) // kept: a listener of number 0 counts as one that was closed
             return shutDown(waiting);

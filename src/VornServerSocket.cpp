@@ -8,13 +8,11 @@
 #include "ServerGate.h"
 #include "VornSocketConnection.h"
 
+#include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
-#include <VornLogging.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 
 #include <arpa/inet.h>
 
@@ -47,43 +45,14 @@ bool isListening(int fd) {
     return System::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &bListening, &length) == 0 && bListening != 0;
 }
 
-void logListening(in_addr address, int nPort) {
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
-                                   << "VornServerSocket::init: Using IP Address " << dottedText(address)
-                                   << " Port: " << static_cast<short>(nPort) << endrecord;
-    }
-}
-
-void logReady(int nPort) {
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
-                                   << "VornServerSocket::waitForClient: TCP Server on " << nPort
-                                   << " ready, accepting connections..." << endrecord;
-    }
-}
-
-void logAcceptFailure(int nError) {
-    if (VornLogging::isAdmitted(VornLogging::cError)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cError)
-                                   << "VornServerSocket::waitForClient: socket connection error. " << nError
-                                   << endrecord;
-    }
-}
-
 /** @return the official name of the peer's host, empty when it has none. */
 VornString identify(const sockaddr_in& peer) {
     const HostEntry host = HostEntry::byAddress(&peer.sin_addr, sizeof peer.sin_addr);
     if (!host.isFound())
         return {};
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
-        // Kept: the port is shown as it stands in the address, in network byte order.
-        std::array<char, 8192> port;
-        std::snprintf(port.data(), port.size(), "%d", peer.sin_port);
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
-                                   << "VornServerSocket::waitForClient () Server connected to " << host.name()
-                                   << ":" << port.data() << endrecord;
-    }
+    // Kept: the port is shown as it stands in the address, in network byte order.
+    logRecord(VornLogging::cTraceCoreLow, "VornServerSocket::waitForClient () Server connected to ",
+              host.name(), ":", static_cast<int>(peer.sin_port));
     return host.name();
 }
 
@@ -117,11 +86,8 @@ void VornServerSocket::waitForInit() {
 void VornServerSocket::close() {
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
         return;
-    if (VornLogging::isAdmitted(VornLogging::cDebug)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cDebug)
-                                   << "VornServerSocket::close: closing socket "
-                                   << __atomic_load_n(&m_nPort, __ATOMIC_RELAXED) << endrecord;
-    }
+    logRecord(VornLogging::cDebug, "VornServerSocket::close: closing socket ",
+              __atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
     ServerGate::Closure closure(this, m_pSocketImpl);
     if (!closure.isNeeded())
         return;
@@ -153,7 +119,8 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
         return {};
     }
     while (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr) {
-        logReady(__atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
+        logRecord(VornLogging::cTraceCoreLow, "VornServerSocket::waitForClient: TCP Server on ",
+                  __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting connections...");
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         ServerGate::Visit visit(this, m_pSocketImpl);
@@ -171,7 +138,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
             return makeClient(client, peer, bIdentify, this);
         if (isQuiet(nError) || !bGoesOn)
             return {};
-        logAcceptFailure(nError);
+        logRecord(VornLogging::cError, "VornServerSocket::waitForClient: socket connection error. ", nError);
     }
     return {};
 }
@@ -201,7 +168,9 @@ void VornServerSocket::init() {
         throw VornException(cNameFailed, errno);
     if (System::listen(socket.number(), m_nBacklog) == -1)
         throw VornException(cListenFailed, errno);
-    logListening(address.sin_addr, nPort);
+    logRecord(
+        VornLogging::cTraceCoreLow, "VornServerSocket::init: Using IP Address ",
+        [&] { return dottedText(address.sin_addr); }, " Port: ", static_cast<short>(nPort));
 
     void* cell = new int(socket.number());
     socket.release();

@@ -9,9 +9,9 @@
 #include "StreamSocket.h"
 #include "VornServerSocket.h"
 
+#include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
-#include <VornLogging.h>
 
 #include <array>
 #include <cerrno>
@@ -29,11 +29,8 @@ constexpr const char* cServiceFailed =
     "VornConnection::connectToService: connection to remote service failed.";
 
 void logConnecting(const HostEntry& host, int nPort) {
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreHigh)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreHigh)
-                                   << "VornSocketConnection::establish: connecting"
-                                   << " to: " << host.name() << ":" << nPort << endrecord;
-    }
+    logRecord(VornLogging::cTraceCoreHigh, "VornSocketConnection::establish: connecting to: ", host.name(),
+              ":", nPort);
 }
 
 in_addr resolveName(const HostText& text, int nPort, bool bIdentify) {
@@ -49,11 +46,7 @@ in_addr resolveName(const HostText& text, int nPort, bool bIdentify) {
 }
 
 void identifyAddress(in_addr address, int nPort) {
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreHigh)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreHigh)
-                                   << "VornSocketConnection::establish: using "
-                                   << "gethostbyaddr." << endrecord;
-    }
+    logRecord(VornLogging::cTraceCoreHigh, "VornSocketConnection::establish: using gethostbyaddr.");
     // Kept: a length of 8 decides which name services answer; the hosts file does not, DNS does.
     const std::uint64_t lookedUp = address.s_addr;
     const HostEntry host = HostEntry::byAddress(&lookedUp, sizeof lookedUp);

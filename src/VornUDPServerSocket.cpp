@@ -9,13 +9,11 @@
 #include "VornBufferConnection.h"
 #include "VornUDPSocketConnection.h"
 
+#include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
-#include <VornLogging.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -46,42 +44,14 @@ bool isEnding(int nError) {
     }
 }
 
-void logDebug(const char* before, long nValue, const char* after) {
-    if (VornLogging::isAdmitted(VornLogging::cDebug)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << before << nValue << after
-                                   << endrecord;
-    }
-}
-
-void logNoMessage() {
-    if (VornLogging::isAdmitted(VornLogging::cDebug)) {
-        VornLogging::getInstance()
-            << setloglevel(VornLogging::cDebug)
-            << "VornUDPServerSocket::receive: UDP server: exiting gracefully got no message" << endrecord;
-    }
-}
-
-void logReceiveFailure(int nError) {
-    if (VornLogging::isAdmitted(VornLogging::cError)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cError)
-                                   << "VornUDPServerSocket::receive: UDP server: failed to recvfrom (error:"
-                                   << nError << ")" << endrecord;
-    }
-}
-
 /** @return the official name of the sender's host, empty when it has none. */
 VornString identify(const sockaddr_in& sender) {
     const HostEntry host = HostEntry::byAddress(&sender.sin_addr, sizeof sender.sin_addr);
     if (!host.isFound())
         return {};
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
-        // Kept: the port is shown as it stands in the address, in network byte order.
-        std::array<char, 16> port;
-        std::snprintf(port.data(), port.size(), "%d", sender.sin_port);
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
-                                   << "VornUDPServerSocket::receive: Server connected to " << host.name()
-                                   << ":" << port.data() << endrecord;
-    }
+    // Kept: the port is shown as it stands in the address, in network byte order.
+    logRecord(VornLogging::cTraceCoreLow, "VornUDPServerSocket::receive: Server connected to ", host.name(),
+              ":", static_cast<int>(sender.sin_port));
     return host.name();
 }
 
@@ -150,8 +120,8 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
         return {};
     }
     for (;;) {
-        logDebug("VornUDPServerSocket::receive: UDP Server on ", __atomic_load_n(&m_nPort, __ATOMIC_RELAXED),
-                 " ready, accepting messages...");
+        logRecord(VornLogging::cDebug, "VornUDPServerSocket::receive: UDP Server on ",
+                  __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting messages...");
         sockaddr_in sender{};
         socklen_t length = sizeof sender;
         ServerGate::Visit visit(this, m_pSocketImpl);
@@ -168,15 +138,18 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
         if (count > 0)
             return makeClient(buffer.get(), count, sender, bIdentify);
         if (count == 0) {
-            logNoMessage();
+            logRecord(VornLogging::cDebug,
+                      "VornUDPServerSocket::receive: UDP server: exiting gracefully got no message");
             return {};
         }
         if (isEnding(nError)) {
-            logDebug("VornUDPServerSocket::waitForClientImpl: socket error=", nError, ", exiting");
+            logRecord(VornLogging::cDebug, "VornUDPServerSocket::waitForClientImpl: socket error=", nError,
+                      ", exiting");
             nErrorCode = nError;
             return {};
         }
-        logReceiveFailure(nError);
+        logRecord(VornLogging::cError,
+                  "VornUDPServerSocket::receive: UDP server: failed to recvfrom (error:", nError, ")");
     }
 }
 
@@ -198,11 +171,9 @@ void VornUDPServerSocket::init() {
     socklen_t length = sizeof address;
     if (System::getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &length) == -1)
         throw VornException(cNameFailed, errno);
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreLow)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreLow)
-                                   << "VornUDPServerSocket::init: Using IP Address "
-                                   << dottedText(address.sin_addr) << " Port: " << nPort << endrecord;
-    }
+    logRecord(
+        VornLogging::cTraceCoreLow, "VornUDPServerSocket::init: Using IP Address ",
+        [&] { return dottedText(address.sin_addr); }, " Port: ", nPort);
 
     void* cell = new int(socket.number());
     socket.release();

@@ -6,8 +6,8 @@
 #include "HostEntry.h"
 #include "HostText.h"
 
+#include <LogRecord.h>
 #include <SystemCalls.h>
-#include <VornLogging.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -17,27 +17,8 @@ namespace VornNet {
 
 namespace {
 
-void logFailure(const char* what, int nError) {
-    if (VornLogging::isAdmitted(VornLogging::cError)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cError) << what << " (rc=" << nError << ")"
-                                   << endrecord;
-    }
-}
-
-void logSendFailure(int nError, const VornString& sRemoteName) {
-    if (VornLogging::isAdmitted(VornLogging::cError)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cError)
-                                   << "VornUDPSocketConnection::transmit: failed to send data (rc:" << nError
-                                   << ") to " << sRemoteName << endrecord;
-    }
-}
-
 void askForName(in_addr address) {
-    if (VornLogging::isAdmitted(VornLogging::cTraceCoreHigh)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cTraceCoreHigh)
-                                   << "VornUDPSocketConnection::transmit: using "
-                                   << "gethostbyaddr." << endrecord;
-    }
+    logRecord(VornLogging::cTraceCoreHigh, "VornUDPSocketConnection::transmit: using gethostbyaddr.");
     // Kept for what it does inside the resolver (its caches); length 8 as on the TCP transport.
     const std::uint64_t lookedUp = address.s_addr;
     HostEntry::byAddress(&lookedUp, sizeof lookedUp);
@@ -68,12 +49,16 @@ VornUDPSocketConnection::~VornUDPSocketConnection() = default;
 bool VornUDPSocketConnection::transmit() {
     Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));
     if (!socket.isOpen()) {
-        logFailure("VornUDPSocketConnection::transmit: failed to create socket.", errno);
+        const int nError = errno;
+        logRecord(VornLogging::cError,
+                  "VornUDPSocketConnection::transmit: failed to create socket. (rc=", nError, ")");
         return false;
     }
     const int bBroadcast = 1;
     if (System::setsockopt(socket.number(), SOL_SOCKET, SO_BROADCAST, &bBroadcast, sizeof bBroadcast) == -1) {
-        logFailure("VornUDPSocketConnection::transmit: failed to set UDP options.", errno);
+        const int nError = errno;
+        logRecord(VornLogging::cError,
+                  "VornUDPSocketConnection::transmit: failed to set UDP options. (rc=", nError, ")");
         socket.release(); // kept: a failed transmission leaves its descriptor open
         return false;
     }
@@ -82,13 +67,16 @@ bool VornUDPSocketConnection::transmit() {
         target = makeSocketAddress(findTarget(m_sRemoteName, m_bIdentify), m_nPort);
     } catch (const std::bad_alloc&) { // GCOVR_EXCL_BR_LINE: nothing else is thrown
         // A failure is the result here, and no exception.
-        logSendFailure(ENOMEM, m_sRemoteName);
+        logRecord(VornLogging::cError, "VornUDPSocketConnection::transmit: failed to send data (rc:", ENOMEM,
+                  ") to ", m_sRemoteName);
         return false;
     }
     // With nothing written the size is -1, a length that sendto() refuses.
     if (System::sendto(socket.number(), buf(), static_cast<size_t>(size()), 0,
                        reinterpret_cast<const sockaddr*>(&target), sizeof target) == -1) {
-        logSendFailure(errno, m_sRemoteName);
+        const int nError = errno;
+        logRecord(VornLogging::cError, "VornUDPSocketConnection::transmit: failed to send data (rc:", nError,
+                  ") to ", m_sRemoteName);
         socket.release(); // kept, as above
         return false;
     }

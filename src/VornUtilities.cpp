@@ -5,7 +5,7 @@
 #include "HostEntry.h"
 #include "HostText.h"
 
-#include <VornLogging.h>
+#include <LogRecord.h>
 
 #include <algorithm>
 #include <cstring>
@@ -14,22 +14,13 @@
 
 namespace VornNet {
 
-namespace {
-
-void logFailure(const char* text) {
-    if (VornLogging::isAdmitted(VornLogging::cError))
-        VornLogging::getInstance() << setloglevel(VornLogging::cError) << text << endrecord;
-}
-
-} // namespace
-
 int VornAddressToNameImpl(const VornString& sIPAddress, VornString& sName, VornString& /*sExcepMessage*/) {
     const in_addr address{::inet_addr(sIPAddress.c_str())};
     const HostEntry host = HostEntry::byAddress(&address, sizeof address);
     if (host.isFound())
         sName = host.name();
     else
-        logFailure("VornUtilities::VornAddressToName: gethostbyaddr failed");
+        logRecord(VornLogging::cError, "VornUtilities::VornAddressToName: gethostbyaddr failed");
     return 1;
 }
 
@@ -37,7 +28,7 @@ int VornNameToAddressImpl(const VornString& sName, std::vector<VornString>& addr
                           VornString& /*sExcepMessage*/) {
     const HostEntry host = HostEntry::byName(sName.c_str());
     if (!host.isFound()) {
-        logFailure("VornUtilities::VornNameToAddress: gethostbyname failed");
+        logRecord(VornLogging::cError, "VornUtilities::VornNameToAddress: gethostbyname failed");
         return 1;
     }
     std::vector<VornString> found;

@@ -3,9 +3,9 @@
 #include "VornThread.h"
 
 #include "Cancellation.h"
+#include "LogRecord.h"
 #include "SystemCalls.h"
 #include "VornException.h"
-#include "VornLogging.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -21,11 +21,8 @@ namespace {
 constexpr std::size_t cLongestSystemName = 15; // pthread_setname_np(3) refuses more
 
 void logEscaped(const VornString& name, const VornString& text, int code) {
-    if (VornLogging::isAdmitted(VornLogging::cError)) {
-        VornLogging::getInstance() << setloglevel(VornLogging::cError)
-                                   << "VornThread::run: exception ended thread '" << name << "': " << text
-                                   << " (code=" << code << ")" << endrecord;
-    }
+    logRecord(VornLogging::cError, "VornThread::run: exception ended thread '", name, "': ", text,
+              " (code=", code, ")");
 }
 
 } // namespace

@@ -8,7 +8,7 @@ import typing
 BEGINS = re.compile(r"(Vorn[A-Za-z]+::|HTTPRequest::|vnet::|VornUnable\w+ - )")
 TOKEN = re.compile(r'//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|\s+|\w+|.',
                    re.S | re.M)
-LEVEL = re.compile(r"setloglevel\(VornLogging::(\w+)\)")
+LATE_PIECE = re.compile(r"\[&\] \{ return ([^;{}]*); \}")  # of a record; computed when it is written
 JOINTS = set("<>,+?:()")
 
 
@@ -53,8 +53,6 @@ def shown(tokens):
     """What the tokens print: texts as they are, everything else as "..."."""
     result = []
     for token in tokens:
-        if token == "endrecord":
-            break
         piece = literal(token) if token[0] == '"' else "" if token in JOINTS else "..."
         if piece and not (piece == "..." and result and result[-1] == "..." and token[0] != '"'):
             result.append(piece)
@@ -93,47 +91,21 @@ def arguments(tokens, start):
     return found
 
 
-class Helper:
-    """A function of a source that writes a record of what it is given."""
-
-    def __init__(self, match, levels):
-        self.level = levels[LEVEL.search(match.group("body")).group(1)]
-        self.parameters = re.findall(r"(\w+)(?:,|$)", match.group("parameters"))
-        tokens = tokens_of(match.group("body"))
-        after = tokens[tokens.index("setloglevel"):]
-        self.chain = after[after.index(")") + 1:after.index("endrecord")]
-
-    def record(self, given):
-        """The tokens of the record; a function that takes any number of pieces writes them in their order."""
-        if "pieces" in self.parameters:
-            return [token for argument in given for token in argument + [","]]
-        filled = dict(zip(self.parameters, given))
-        return [part for token in self.chain for part in filled.get(token, [token])]
-
-
-def helpers_of(source, levels):
-    pattern = r"^(?:template[^\n]*\n)?void (?P<name>\w+)\((?P<parameters>[^)]*)\) \{\n(?P<body>.*?)^\}"
-    return {match.group("name"): Helper(match, levels)
-            for match in re.finditer(pattern, source, re.S | re.M) if LEVEL.search(match.group("body"))}
-
-
 def levels_of(tree):
     header = (tree / "support/VornLogging.h").read_text()
     return {name: int(value) for name, value in re.findall(r"\b(c\w+) = (-?\d+)", header)}
 
 
-def texts_of_statement(statement, helpers, levels):
+def texts_of_statement(statement, levels):
     """(text, level) of each text that begins in the statement."""
     place = next((place for place, token in enumerate(statement) if begins_text(token)), None)
     if place is None:
         return
     name, start = enclosing_call(statement, place)
-    stream = LEVEL.search("".join(statement))
-    if name in helpers:
-        record = helpers[name].record(arguments(statement, start))
-        yield from ((text, helpers[name].level) for text in alternatives(record))
-    elif stream:
-        yield from ((text, levels[stream.group(1)]) for text in alternatives(statement))
+    if name == "logRecord":
+        level, *pieces = arguments(statement, start)
+        record = [token for piece in pieces for token in piece + [","]]
+        yield from ((text, levels[level[-1]]) for text in alternatives(record))
     else:
         argument = arguments(statement, start)[0] if name == "VornException" else statement
         yield from ((text, None) for text in alternatives(argument))
@@ -144,11 +116,9 @@ def texts_in_sources(tree):
     levels = levels_of(tree)
     found = set()
     for path in sorted(tree.glob("src/*.cpp")) + sorted(tree.glob("support/*.cpp")):
-        source = path.read_text()
-        helpers = helpers_of(source, levels)
+        source = LATE_PIECE.sub(r"\1", path.read_text())
         for statement in statements(tokens_of(source)):
-            found |= {Text(text, level, path.name)
-                      for text, level in texts_of_statement(statement, helpers, levels)}
+            found |= {Text(text, level, path.name) for text, level in texts_of_statement(statement, levels)}
     return sorted(found, key=lambda text: (text.source, text.shown))
 
 

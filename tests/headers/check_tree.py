@@ -28,7 +28,7 @@ NO_HEADER = {
     "TemplateInstantiation": "nothing but instantiations",
 }
 # Headers that are not installed.
-INTERNAL = {"Cancellation", "SystemCalls"}
+INTERNAL = {"Cancellation", "LogRecord", "SystemCalls"}
 
 FIVE_WORDS = ("thread-safety", "blocking", "ownership", "signals", "errors")
 # Classes whose comment need not have them.
