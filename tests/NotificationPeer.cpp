@@ -365,17 +365,22 @@ int liveAsClient(int callbacks) {
     }
     std::printf("%s\n", sink.getCallbackAddress().c_str());
     for (std::string line; std::getline(std::cin, line);) {
-        std::printf("%s\n", awaitWaitOf(kind, tidOfThread("client")) ? "ready" : "stuck");
+        const bool isReady = awaitWaitOf(kind, tidOfThread("client"));
+        std::printf("%s\n", isReady ? sink.getCallbackAddress().c_str() : "stuck");
     }
     return 0;
 }
 
-int liveAsService(const std::string& address, long handle) {
-    const VornNet::VornSmartPointer<VornNet::VornProxyDependent> proxy =
-        new VornNet::VornProxyDependent(address, handle);
+int liveAsService(long handle) {
+    VornNet::VornSmartPointer<VornNet::VornProxyDependent> proxy;
     for (std::string line; std::getline(std::cin, line);) {
+        const std::size_t blank = line.find(' ');
+        const std::string address = line.substr(0, blank);
+        if (proxy == nullptr || proxy->getRemoteName() != address) {
+            proxy = new VornNet::VornProxyDependent(address, handle);
+        }
         try {
-            proxy->remoteNotify(VornSupport::VornNotification(std::stoi(line)));
+            proxy->remoteNotify(VornSupport::VornNotification(std::stoi(line.substr(blank))));
             std::printf("sent\n");
         } catch (const VornSupport::VornException& exception) {
             std::printf("failed %d %s\n", exception.getCode(), exception.getText().c_str());

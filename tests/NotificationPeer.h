@@ -225,13 +225,15 @@ protected:
 
 /**
  * The life of a client in a process of its own: it makes a sink with @p callbacks callbacks and prints the
- * address, then a line "<id> <bytes>" for each notification. The line "ready" is answered when the sink is
- * waiting; the end of the input ends it.
+ * address, then a line "<id> <bytes>" for each notification. A line of input is answered, when the sink is
+ * waiting, with the address that it has then: a sink that cannot bind its port again has moved to the next.
+ * The end of the input ends it.
  */
 int liveAsClient(int callbacks);
 
-/// The life of a service: notifies of every id that comes in, and prints "sent", or "failed <code> <text>".
-int liveAsService(const std::string& address, long handle);
+/// The life of a service: notifies as each line "<address> <id>" says, and prints "sent", or "failed <code>
+/// <text>".
+int liveAsService(long handle);
 
 } // namespace VornTest
 

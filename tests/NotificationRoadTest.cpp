@@ -36,6 +36,7 @@ public:
                                                 {std::to_string(callbacks)})),
           m_address(m_process.readLine()) {}
 
+    /// Where the sink was when it was last seen waiting.
     const std::string& address() const { return m_address; }
 
     ChildProcess& process() { return m_process; }
@@ -43,7 +44,7 @@ public:
     /// Waits until its sink can take the next notification. What it has received must have been read.
     void awaitServing() {
         m_process.writeLine("ready?");
-        ASSERT_EQ(m_process.readLine(), "ready");
+        m_address = m_process.readLine();
     }
 
 private:
@@ -51,15 +52,15 @@ private:
     std::string m_address;
 };
 
-/// A service in a process of its own, with one client.
+/// A service in a process of its own, with one callback of its clients.
 class Service {
 public:
-    explicit Service(const std::string& address, int handle = 0)
-        : m_process(ChildProcess::spawnRole("roadService", address, std::to_string(handle))) {}
+    explicit Service(int handle = 0)
+        : m_process(ChildProcess::spawnRole("roadService", std::to_string(handle))) {}
 
-    /// Lets it notify, and returns what became of it.
-    std::string notify(int id) {
-        m_process.writeLine(std::to_string(id));
+    /// Lets it notify the sink at the address, and returns what became of it.
+    std::string notify(const std::string& address, int id) {
+        m_process.writeLine(address + " " + std::to_string(id));
         return m_process.readLine();
     }
 
@@ -89,7 +90,7 @@ KIT_ROLE(roadClient) {
 }
 
 KIT_ROLE(roadService) {
-    return liveAsService(args.at(0), std::stol(args.at(1)));
+    return liveAsService(std::stol(args.at(0)));
 }
 
 TEST_P(NotificationRoad, FromPlainSenderToSink) {
@@ -118,8 +119,8 @@ TEST_P(NotificationRoad, FromProxyToPlainReceiver) {
     if (address.empty()) {
         address = nameOf(GetParam()) + ":127.0.0.1:" + std::to_string(port);
     }
-    Service service(address, 7);
-    EXPECT_EQ(service.notify(12), "sent");
+    Service service(7);
+    EXPECT_EQ(service.notify(address, 12), "sent");
     const std::string received =
         GetParam() == Kind::udp ? receiveDatagram(fd.get()) : receiveToEnd(acceptClient(fd.get()).get());
     EXPECT_EQ(hex(received), "00 00 00 07 00 00 00 00 00 00 00 0c 00 00 00 00");
@@ -138,10 +139,10 @@ TEST_P(NotificationRoad, FromSocatToSink) {
 
 TEST_P(NotificationRoad, PacedNotificationsArriveOnceAndInOrder) {
     Client client(GetParam());
-    Service service(client.address());
+    Service service;
     for (int id = 0; id < 50; ++id) {
         client.awaitServing();
-        ASSERT_EQ(service.notify(id), "sent");
+        ASSERT_EQ(service.notify(client.address(), id), "sent");
         ASSERT_EQ(client.process().readLine(), eventLine(0, id));
     }
     client.process().closeInput();
@@ -153,13 +154,13 @@ TEST_P(NotificationRoad, EachClientGetsItsOwn) {
     Client first(GetParam());
     Client second(GetParam());
     ASSERT_NE(first.address(), second.address());
-    Service toFirst(first.address());
-    Service toSecond(second.address());
+    Service toFirst;
+    Service toSecond;
     for (int id = 0; id < 5; ++id) {
         first.awaitServing();
         second.awaitServing();
-        EXPECT_EQ(toFirst.notify(id), "sent");
-        EXPECT_EQ(toSecond.notify(100 + id), "sent");
+        EXPECT_EQ(toFirst.notify(first.address(), id), "sent");
+        EXPECT_EQ(toSecond.notify(second.address(), 100 + id), "sent");
         EXPECT_EQ(first.process().readLine(), eventLine(0, id));
         EXPECT_EQ(second.process().readLine(), eventLine(0, 100 + id));
     }
@@ -168,18 +169,18 @@ TEST_P(NotificationRoad, EachClientGetsItsOwn) {
 TEST_P(NotificationRoad, EachCallbackGetsItsOwn) {
     Client client(GetParam(), 3);
     for (const int callback : {2, 0, 1}) {
-        Service service(client.address(), callback);
+        Service service(callback);
         client.awaitServing();
-        EXPECT_EQ(service.notify(12), "sent");
+        EXPECT_EQ(service.notify(client.address(), 12), "sent");
         EXPECT_EQ(client.process().readLine(), eventLine(callback, 12));
     }
 }
 
 TEST_P(NotificationRoad, KilledClientIsNoticedByStreams) {
     Client client(GetParam());
-    Service service(client.address());
+    Service service;
     client.awaitServing();
-    EXPECT_EQ(service.notify(1), "sent");
+    EXPECT_EQ(service.notify(client.address(), 1), "sent");
     EXPECT_EQ(client.process().readLine(), eventLine(0, 1));
     // Until its sink waits again the address may be gone for a moment: a pipe would answer 2, not 111.
     client.awaitServing();
@@ -187,14 +188,15 @@ TEST_P(NotificationRoad, KilledClientIsNoticedByStreams) {
     EXPECT_EQ(client.process().wait(), 128 + SIGKILL);
     switch (GetParam()) {
     case Kind::pipe:
-        EXPECT_EQ(service.notify(2), "failed 111 VornPipeConnection::establish: connection request failed.");
+        EXPECT_EQ(service.notify(client.address(), 2),
+                  "failed 111 VornPipeConnection::establish: connection request failed.");
         break;
     case Kind::socket:
-        EXPECT_EQ(service.notify(2),
+        EXPECT_EQ(service.notify(client.address(), 2),
                   "failed 111 VornSocketConnection::establish: connection request failed.");
         break;
     case Kind::udp:
-        EXPECT_EQ(service.notify(2), "sent");
+        EXPECT_EQ(service.notify(client.address(), 2), "sent");
         break;
     }
 }

@@ -102,9 +102,10 @@ protected:
 
     ChildProcess& client() { return *m_client; }
 
-    void awaitServing() {
+    /// Waits until the client's sink is waiting, and returns the address that it has then.
+    std::string awaitServing() {
         m_client->writeLine("ready?");
-        ASSERT_EQ(m_client->readLine(), "ready");
+        return m_client->readLine();
     }
 
 private:
@@ -130,7 +131,7 @@ KIT_ROLE(clientOnOtherHost) {
 }
 
 KIT_ROLE(serviceOnThisHost) {
-    return liveAsService(args.at(0), 0);
+    return liveAsService(0);
 }
 
 TEST_P(TwoHostsOfAnyKind, SinkPublishesItsHostsAddress) {
@@ -140,11 +141,10 @@ TEST_P(TwoHostsOfAnyKind, SinkPublishesItsHostsAddress) {
 }
 
 TEST_P(TwoHostsOfAnyKind, ServiceNotifiesClientOnOtherHost) {
-    const std::string address = startClient(GetParam());
-    ChildProcess service = ChildProcess::spawnRole("serviceOnThisHost", address);
+    startClient(GetParam());
+    ChildProcess service = ChildProcess::spawnRole("serviceOnThisHost");
     for (int id = 0; id < 20; ++id) {
-        awaitServing();
-        service.writeLine(std::to_string(id));
+        service.writeLine(awaitServing() + " " + std::to_string(id));
         ASSERT_EQ(service.readLine(), "sent");
         ASSERT_EQ(client().readLine(), "0 " + hex(onWire(id)));
     }
@@ -155,9 +155,8 @@ TEST_P(TwoHostsOfAnyKind, ServiceNotifiesClientOnOtherHost) {
 }
 
 TEST_P(TwoHostsOfAnyKind, PlainSenderReachesClientOnOtherHost) {
-    const std::string address = startClient(GetParam());
-    awaitServing();
-    sendByHand(address, onWire(0) + "from afar");
+    startClient(GetParam());
+    sendByHand(awaitServing(), onWire(0) + "from afar");
     EXPECT_EQ(client().readLine(), "0 " + hex("from afar"));
 }
 
@@ -169,11 +168,10 @@ TEST_P(TwoHostsOfAnyKind, ServiceMayUseHostsName) {
 }
 
 TEST_P(TwoHostsOfAnyKind, HostThatSwallowsPackets_IsGivenUpAfterItsTime) {
-    const std::string address = startClient(GetParam());
-    awaitServing();
-    EXPECT_EQ(notifyAt(address), "sent");
+    startClient(GetParam());
+    EXPECT_EQ(notifyAt(awaitServing()), "sent");
     EXPECT_EQ(client().readLine(), "0 " + hex(onWire(12)));
-    awaitServing();
+    const std::string address = awaitServing();
     // What is sent to another station's number gets there, and is dropped without an answer.
     run({"ip", "neigh", "replace", "10.77.0.2", "lladdr", "02:00:00:00:00:99", "dev", "cable0", "nud",
          "permanent"});
