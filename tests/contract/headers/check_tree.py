@@ -1,0 +1,204 @@
+#!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+"""Checks how headers, sources and tests belong together.
+
+check_tree.py files SOURCE_DIRECTORY      a class has a header, a source and a test of its name
+check_tree.py order SOURCE_DIRECTORY      a source defines functions in the order of its header
+check_tree.py comments SOURCE_DIRECTORY   the comment of a public class says what users must know
+"""
+
+import pathlib
+import re
+import sys
+
+# Headers of no class of their own, or without a source or a test of their name; each with the reason.
+NO_SOURCE = {
+    "VornNetExport": "macros",
+    "VornSupportExport": "macros",
+    "VornSmartPointer": "a template, instantiated in TemplateInstantiation.cpp",
+}
+NO_TEST = {
+    "VornNetExport": "macros; tests/contract/abi compares what is exported",
+    "VornSupportExport": "macros; tests/contract/abi compares what is exported",
+}
+# Sources without a public header.
+NO_HEADER = {
+    "Module": "is not visible outside; has a test",
+    "TemplateInstantiation": "nothing but instantiations",
+}
+# Headers that are not installed.
+INTERNAL = {"Cancellation", "LogRecord", "SystemCalls"}
+
+FIVE_WORDS = ("thread-safety", "blocking", "ownership", "signals", "errors")
+# Classes whose comment need not have them.
+NO_FIVE_WORDS = {
+    "setloglevel": "a level wrapped into a type; everything is said at VornLogging",
+}
+
+
+def public_headers(root):
+    headers = sorted((root / "include").glob("*.h")) + sorted((root / "support").glob("*.h"))
+    return [header for header in headers if header.stem not in INTERNAL]
+
+
+def source_of(header):
+    folder = "src" if header.parent.name == "include" else "support"
+    return header.parent.parent / folder / f"{header.stem}.cpp"
+
+
+def check_files(root):
+    problems = []
+    for header in public_headers(root):
+        source = source_of(header)
+        tests = list((root / "tests/unit").glob(f"*/{header.stem}Test.cpp"))
+        if source.exists() == (header.stem in NO_SOURCE):
+            problems.append(f"{header}: " + ("is listed as having no source, but has one" if source.exists()
+                                             else f"has no {source}"))
+        if bool(tests) == (header.stem in NO_TEST):
+            problems.append(f"{header}: " + ("is listed as having no test, but has one" if tests
+                                             else f"has no {header.stem}Test.cpp"))
+    stems = {header.stem for header in public_headers(root)}
+    internal = {header.stem for folder in ("src", "support") for header in (root / folder).glob("*.h")}
+    for folder in ("src", "support"):
+        for source in sorted((root / folder).glob("*.cpp")):
+            if source.stem not in stems | internal | set(NO_HEADER):
+                problems.append(f"{source}: has no header")
+    return problems
+
+
+def without_comments(text):
+    """The text with comments, texts and preprocessor lines blanked out; the line numbers stay."""
+    def blank(match):
+        return "\n" * match.group(0).count("\n") if match.group(0)[0] == "/" else '""'
+    text = re.sub(r'/\*.*?\*/|//[^\n]*|"(?:\\.|[^"\\\n])*"', blank, text, flags=re.S)
+    return re.sub(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*", "", text, flags=re.M)
+
+
+def parameter_types(parameters):
+    """The parameter list without the parameters' names, so that overloads can be told apart."""
+    types = []
+    for parameter in re.split(r",(?![^<]*>)", parameters):
+        parameter = re.sub(r"=.*", "", parameter)
+        words = re.findall(r"[\w:]+(?:<[^>]*>)?|[&*]", parameter)
+        named = len(words) > 1 and re.match(r"\w+$", words[-1])
+        if named and words[-2] not in ("const", "unsigned", "struct"):
+            words.pop()
+        types.append(" ".join(re.sub(r"^.*::", "", word) for word in words))
+    return ", ".join(types)
+
+
+def functions(text, name_pattern):
+    """(position, name, parameter types) of everything that looks like a function of that name."""
+    for match in re.finditer(name_pattern + r"\s*\(", text):
+        depth, end = 1, match.end()
+        while depth > 0 and end < len(text):
+            depth += {"(": 1, ")": -1}.get(text[end], 0)
+            end += 1
+        yield match.start(), match.group("name"), parameter_types(text[match.end():end - 1])
+
+
+NAME = r"(?P<name>~?\w+|operator\s*(?:\[\]|[<>=!+*/-]+))"
+
+
+def class_bodies(text):
+    """(name, body) of each class defined at the outermost level of its name space."""
+    for match in re.finditer(r"\bclass\s+(?:\w+_API\s+)?(\w+)[^;{()]*\{", text):
+        depth, end = 1, match.end()
+        while depth > 0:
+            depth += {"{": 1, "}": -1}.get(text[end], 0)
+            end += 1
+        yield match.group(1), text[match.end():end - 1]
+
+
+def declared_order(header_text):
+    """Of each class, its functions in the order of declaration."""
+    declared = {}
+    for name, body in class_bodies(without_comments(header_text)):
+        body = re.sub(r"\{[^{}]*\}", ";", re.sub(r"\{[^{}]*\}", ";", body))
+        found = []
+        for position, function, types in functions(body, r"(?<![\w:~])" + NAME):
+            statement = body[max(body.rfind(";", 0, position), body.rfind(":", 0, position)) + 1:position]
+            if "=" not in statement and "return" not in statement:
+                found.append((function, types))
+        declared[name] = found
+    return declared
+
+
+def defined_order(source_text):
+    """Of each class, its functions in the order of definition."""
+    defined = {}
+    pattern = r"^(?=\S)(?:[\w:<>&*, \[\]]*?[\s&*])?(?P<class>\w+)::" + NAME
+    text = without_comments(source_text)
+    for match in re.finditer(pattern + r"\s*\(", text, flags=re.M):
+        _, name, types = next(functions(text[match.start("name"):], NAME))
+        defined.setdefault(match.group("class"), []).append((name, types))
+    return defined
+
+
+def order_problems(declared, defined):
+    for name, order in declared.items():
+        last = -1
+        for function in defined.get(name, []):
+            if function not in order:
+                continue
+            position = order.index(function)
+            if position < last:
+                yield f"{name}::{function[0]}({function[1]}) is defined behind {name}::{order[last][0]}"
+            last = max(last, position)
+
+
+def check_order(root):
+    problems = []
+    checked = 0
+    for header in public_headers(root):
+        source = source_of(header)
+        if not source.exists():
+            continue
+        declared = declared_order(header.read_text())
+        defined = defined_order(source.read_text())
+        checked += sum(len(defined.get(name, [])) for name in declared)
+        problems += [f"{source}: {problem}" for problem in order_problems(declared, defined)]
+        for name in declared:
+            for function in defined.get(name, []):
+                if function not in declared[name]:
+                    problems.append(f"{source}: {name}::{function[0]}({function[1]}) is not in the header")
+    print(f"{checked} definitions")
+    return problems
+
+
+def class_comments(header_text):
+    """(class, the comment before it) of each exported class and class template."""
+    pattern = r"(?P<comment>/\*\*(?:(?!\*/).)*\*/)?\s*(?:template\s*<[^>]*>\s*)?\n(?:template[^\n]*\n)?" \
+              r"class\s+(?:\w+_API\s+)?(?P<name>\w+)[^;{()]*\{"
+    for match in re.finditer(pattern, header_text, flags=re.S):
+        if not re.search(r"\n[ \t]+class", match.group(0)):
+            yield match.group("name"), match.group("comment") or ""
+
+
+def check_comments(root):
+    problems = []
+    checked = 0
+    for header in public_headers(root):
+        for name, comment in class_comments(header.read_text()):
+            checked += 1
+            missing = [word for word in FIVE_WORDS if word not in comment.lower()]
+            if bool(missing) != (name in NO_FIVE_WORDS):
+                problems.append(f"{header}: the comment of {name} says nothing of {', '.join(missing)}"
+                                if missing else f"{header}: {name} is listed as an exception and is none")
+    print(f"{checked} classes")
+    return problems
+
+
+def main(arguments):
+    checks = {"files": check_files, "order": check_order, "comments": check_comments}
+    if len(arguments) != 2 or arguments[0] not in checks:
+        sys.exit(__doc__)
+    problems = checks[arguments[0]](pathlib.Path(arguments[1]))
+    for problem in problems:
+        print(problem)
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,140 @@
+#!/bin/sh
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+#
+# install_test.sh CHECK BUILD_DIRECTORY
+#
+# files            what is installed, component by component, and that nothing of it names a place of this build
+# find_package, pkg_config, add_subdirectory, fetch_content
+#                  builds and runs a program outside the tree that comes by the libraries in this way; the first
+#                  two find them installed, in a directory that was moved after the installation
+set -eu
+check=$1
+build=$2
+source=$(cd "$(dirname "$0")/../../.." && pwd)
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cached() {
+    sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"
+}
+
+install_component() {
+    cmake --install "$build" --prefix "$work/as-installed" --component "$1" >"$work/install.log" ||
+        { cat "$work/install.log"; exit 1; }
+}
+
+installed_files() {
+    [ ! -d "$work/as-installed" ] || (cd "$work/as-installed" && find . ! -type d | sed 's|^\./||' | sort)
+}
+
+expected_files() {
+    configuration=$(cached CMAKE_BUILD_TYPE | tr '[:upper:]' '[:lower:]')
+    for component in "$@"; do
+        sed -n "s|^$component  *||p" "$source/tests/contract/install/files.txt"
+    done | sed "s|^LIBDIR|$libdir|; s|CONFIGURATION|${configuration:-noconfig}|" | while read -r file; do
+        case $file in
+        HEADERS)
+            find "$source/include" "$source/support" -name '*.h' ! -name SystemCalls.h ! -name Cancellation.h \
+                -printf "$includedir/vornnet/%f\n"
+            ;;
+        MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
+        PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
+        CHAPTERS)
+            find "$source/docs" \( -name behaviour -o -name man -o -name site \) -prune -o \( -name '*.md' -o -name '*.svg' \) \
+                -printf 'share/doc/vornnet/%P\n'
+            ;;
+        EXAMPLES)
+            find "$source/examples" \( -name '*.cpp' -o -name '*.h' -o -name CMakeLists.txt \) \
+                -printf 'share/doc/vornnet/examples/%P\n'
+            ;;
+        RENDERED)
+            rendered=$(cached VORNNET_DOCS_DIR)
+            [ ! -d "$rendered/html" ] || find "$rendered/html" ! -type d ! -name '*.md5' ! -name '*.map' \
+                -printf "share/doc/vornnet/html/%P\n"
+            [ ! -d "$rendered/man" ] || find "$rendered/man" -name '*.[37]' -printf 'share/man/%P\n'
+            ;;
+        *) echo "$file" ;;
+        esac
+    done | sort
+}
+
+compare_files() {
+    expected_files "$@" >"$work/expected"
+    installed_files >"$work/installed"
+    diff -u "$work/expected" "$work/installed" || { echo "installed with the components: $*"; exit 1; }
+}
+
+check_files() {
+    components=
+    for component in runtime development tools documentation; do
+        [ "$component" != tools ] || [ "$(cached VORNNET_BUILD_TOOLS)" = ON ] || continue
+        components="$components $component"
+        install_component "$component"
+        # shellcheck disable=SC2086 # each is a word
+        compare_files $components
+    done
+    # Only the libraries' debug information may say where they were built.
+    if grep -rIn -e "$source" -e "$build" -e "$work" "$work/as-installed"; then
+        echo "names a place of this build"
+        exit 1
+    fi
+    for library in "$work/as-installed/$libdir"/*.so; do
+        if readelf -d "$library" | grep -E 'RPATH|RUNPATH'; then
+            echo "$library looks for libraries in directories of its own"
+            exit 1
+        fi
+    done
+}
+
+build_and_run_consumer() {
+    cp -r "$source/tests/contract/install/consumer" "$work/consumer"
+    # Not `set -e`: it does not hold in what is tested by `||`.
+    {
+        cmake -S "$work/consumer" -B "$work/build" -DWAY="$check" \
+            -DCMAKE_CXX_COMPILER="$(cached CMAKE_CXX_COMPILER)" \
+            -DCMAKE_CXX_COMPILER_LAUNCHER="$(cached CMAKE_CXX_COMPILER_LAUNCHER)" "$@" &&
+            cmake --build "$work/build" -j 2
+    } >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+    for standard in 17 20 23; do
+        "$work/build/consumer$standard" || { echo "consumer$standard failed"; exit 1; }
+    done
+}
+
+use_installed() {
+    install_component runtime
+    install_component development
+    mv "$work/as-installed" "$work/moved"
+}
+
+libdir=$(cached CMAKE_INSTALL_LIBDIR)
+includedir=$(cached CMAKE_INSTALL_INCLUDEDIR)
+case $check in
+files)
+    check_files
+    ;;
+find_package)
+    use_installed
+    build_and_run_consumer -DCMAKE_PREFIX_PATH="$work/moved"
+    grep -q "$work/moved" "$work/build/CMakeCache.txt"
+    ;;
+pkg_config)
+    use_installed
+    export PKG_CONFIG_PATH="$work/moved/$libdir/pkgconfig"
+    [ "$(pkg-config --modversion vornnet vornsupt | tr '\n' ' ')" = "1.0.0 1.0.0 " ]
+    LD_LIBRARY_PATH="$work/moved/$libdir" build_and_run_consumer
+    ;;
+add_subdirectory | fetch_content)
+    build_and_run_consumer -DVORNNET_SOURCE_DIR="$source"
+    # A program that takes the libraries in does not want their tests.
+    if [ -d "$work/build/vornnet/tests" ] || [ -d "$work/build/_deps/vornnet-build/tests" ]; then
+        echo "the tests were built too"
+        exit 1
+    fi
+    ;;
+*)
+    sed -n '5,11s/^# \{0,1\}//p' "$0"
+    exit 2
+    ;;
+esac
