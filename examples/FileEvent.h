@@ -14,16 +14,17 @@
 
 namespace Example {
 
-using namespace VornNet;
+using VornNet::VornConnection;
+using VornNet::VornNotification;
 
-// What service and client have agreed on. The service handshake chooses what a client wants; callback
-// address, callback id and directory follow, and the service answers with the acknowledgement or the error
-// token.
+// What service and client have agreed on. The service handshake says what the client wants. The callback
+// address, the callback id and the directory follow, and the service answers with the acknowledgement or the
+// error token.
 constexpr const char* cPipeName = "dirwatch";
 constexpr const char* cWatchService = "watch";
 constexpr const char* cUnwatchService = "unwatch";
 
-/** Something happened to a file in the watched directory. The id counts the service's events from 1. */
+/** Something that happened to a file in the watched directory. The service numbers its events from 1. */
 class FileEvent : public VornNotification {
 public:
     FileEvent(int nId, std::uint32_t nMask, std::uintmax_t nSize, const std::string& sName)
@@ -32,7 +33,7 @@ public:
     void write(VornConnection& connection) const {
         connection.transfer(getId());
         connection.transfer(static_cast<int>(m_nMask));
-        // As text: a long travels with its low 32 bits, and a file may be larger.
+        // As text: only the low 32 bits of a long are sent, and a file may be larger.
         connection.transfer(std::to_string(m_nSize));
         connection.transfer(m_sName);
     }

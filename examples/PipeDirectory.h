@@ -8,24 +8,23 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <unistd.h>
 
 namespace Example {
 
-using namespace VornNet;
-
 /**
- * Looks whether this process can make pipes, and says in one line what is missing and how to make it. Asked
- * first thing, because the library never makes the directory, and a callback sink without it waits for ever.
+ * Checks whether this process can create pipes, and prints one line if it cannot. Call it first: the library
+ * never creates the directory, and without it the constructor of a callback sink never returns.
  */
 inline bool hasPipeDirectory(const char* sProgram) {
-    const std::string sDirectory = VornPipeServer::getFullPipeName("");
+    const std::string sDirectory = VornNet::VornPipeServer::getFullPipeName("");
     if (access(sDirectory.c_str(), W_OK | X_OK) == 0)
         return true;
     const int nError = errno;
-    std::fprintf(stderr, "%s: pipe directory %s: %s; make it: sudo install -d -m 0770 -o \"$USER\" %s\n",
-                 sProgram, sDirectory.c_str(), std::strerror(nError), sDirectory.c_str());
+    std::fprintf(stderr, "%s: pipe directory %s: %s; the chapter \"Installing\" tells how to set it up\n",
+                 sProgram, sDirectory.c_str(), std::strerror(nError));
     return false;
 }
 

@@ -17,9 +17,15 @@
 
 namespace Example {
 
-using namespace VornNet;
+using VornNet::VornConnection;
+using VornNet::VornException;
+using VornNet::VornPipeServer;
+using VornNet::VornSleep;
+using VornNet::VornSmartPointer;
+using VornNet::VornString;
+using VornNet::VornThread;
 
-/** The thread that clients subscribe at. */
+/** The thread that takes subscriptions: it serves one client after the other at the service's own pipe. */
 class SubscriptionDesk final : public VornThread {
 public:
     SubscriptionDesk(const std::filesystem::path& directory, Subscriptions& subscriptions)
@@ -30,7 +36,7 @@ public:
 
     ~SubscriptionDesk() override {
         stop();
-        do // more than once: closed between two waits, the server opens again with the next
+        do // until the thread has ended: a server that is closed between two waits opens again with the next
             m_spServer->close();
         while (!wait(20));
     }
@@ -45,7 +51,7 @@ public:
                     serve(*spClient);
             } catch (const VornException& e) {
                 std::fprintf(stderr, "service: desk: %s (%d)\n", e.getText().c_str(), e.getCode());
-                VornSleep(100); // a wait that fails, fails again at once
+                VornSleep(100); // the next wait would probably fail at once, too
             }
         }
         return 0;
@@ -57,7 +63,7 @@ private:
         char service[64];
         int nSize = sizeof service;
         int nErrorCode = 0;
-        // Looked at first: getLine() waits without limit, also for a client that has gone without a word.
+        // Peek first: getLine() has no time-out, not even when the client has gone.
         if (!client.peekLine(service, nSize, nErrorCode) ||
             client.getLine(service, sizeof service, nErrorCode) == nullptr)
             return;
@@ -74,7 +80,7 @@ private:
             client.transferError();
             return;
         }
-        // Before the answer, so that a client that has it misses no event.
+        // Done before the answer: a client that has the answer misses no event.
         if (bWatches)
             m_subscriptions.add(sAddress, hCallback);
         else
@@ -82,11 +88,12 @@ private:
         client.transferACK();
     }
 
-    // An address of no known kind would be ignored without an error at each event. Apart from that it is
-    // trusted: the pipe is open to this user and group only.
+    // Notifications to an address with an unknown transport would be ignored without an error. Apart from
+    // that the address is trusted: only this user and group can connect to the pipe.
     static bool isAddress(const VornString& sAddress) {
-        const VornString sKind = sAddress.substr(0, sAddress.find(':'));
-        return (sKind == "pipe" || sKind == "socket" || sKind == "udp") && sAddress.size() > sKind.size() + 1;
+        const VornString sTransport = sAddress.substr(0, sAddress.find(':'));
+        return (sTransport == "pipe" || sTransport == "socket" || sTransport == "udp") &&
+               sAddress.size() > sTransport.size() + 1;
     }
 
     const std::filesystem::path m_directory;

@@ -19,11 +19,19 @@
 
 namespace Example {
 
-using namespace VornNet;
+using VornNet::VornConnection;
+using VornNet::VornCriticalSection;
+using VornNet::VornException;
+using VornNet::VornNotification;
+using VornNet::VornProxyDependent;
+using VornNet::VornProxyDependentContainer;
+using VornNet::VornSleep;
+using VornNet::VornSmartPointer;
+using VornNet::VornString;
 
-constexpr std::chrono::seconds cPatience(2); // with one client, which the others wait for
+constexpr std::chrono::seconds cPatience(2); // for one client; the others wait meanwhile
 
-/** One client's callback, and what has become of the events sent to it. */
+/** One client's callback, and the account of the events sent to it. */
 class Subscription : public VornProxyDependent {
 public:
     using VornProxyDependent::VornProxyDependent;
@@ -32,15 +40,15 @@ public:
         dynamic_cast<const FileEvent&>(notification).write(connection);
     }
 
-    // The numbers are the main thread's.
+    // Only the main thread uses the numbers.
     int m_nSent = 0;
-    int m_nDelivered = 0; // accepted by the connection; nothing acknowledges that the client has read it
-    int m_nRefused = 0;   // given up
+    int m_nDelivered = 0; // written to the connection; the client acknowledges nothing
+    int m_nRefused = 0;   // given up after several tries
     int m_nRetries = 0;
     const char* m_sState = "subscribed"; // guarded by the registry's lock
 };
 
-/** All subscriptions: those in force in the library's registry, and the accounts of all. */
+/** The subscriptions: those in force are in the library's registry, and each has an account here. */
 class Subscriptions {
 public:
     void add(const VornString& sAddress, long hCallback) {
@@ -68,7 +76,7 @@ public:
     void notifyAll(const FileEvent& event) {
         std::vector<VornSmartPointer<VornProxyDependent>> clients;
         {
-            // Copied under the lock and notified without it: a notification may block, and the desk must not.
+            // Copied under the lock and notified without it: a notification may block, the desk must not.
             const VornCriticalSection lock(m_registry.getlock(), true);
             for (int i = 0; i < m_registry.size(); ++i)
                 clients.push_back(m_registry[i]);
@@ -92,11 +100,11 @@ private:
     /**
      * Sends one event to one client and drops a client that cannot be reached.
      *
-     * One refusal is no reason to drop it: after each notification a sink closes its server and opens it
-     * again, and who comes in between finds no pipe (2), nobody listening (111), or a connection that is
-     * closed in its face (32, 104). It lasts less than a millisecond as a rule, so a few more tries tell such
-     * a client from one that is gone. Nothing arrives twice: where an exception is thrown, the event was not
-     * sent whole.
+     * One refusal is no reason to drop it. After each notification a sink closes its server and opens it
+     * again. A sender that connects in between finds no pipe (2) or nobody listening (111), or its connection
+     * is closed at once (32, 104). This usually lasts less than a millisecond, so a few more tries tell such
+     * a client from one that is gone. Nothing arrives twice: an exception means that the event was not sent
+     * completely.
      */
     void notify(Subscription& client, const FileEvent& event) {
         constexpr int cMostTries = 10;

@@ -12,11 +12,11 @@
 namespace Example {
 
 /**
- * While it lives, whatever the calling thread blocks in is broken off once the time is over.
+ * Limits the time that the calling thread may block, for as long as the object lives.
  *
- * Connections have no time-outs: a peer that is stopped, or says nothing, holds its caller for ever. What
- * ends them is a signal whose handler is installed without SA_RESTART (a typed operation then throws with
- * code 4, EINTR). A timer sends one to this thread alone.
+ * Connections have no time-outs: a peer that is stopped, or sends nothing, blocks its caller without end. A
+ * signal ends the call if its handler was installed without SA_RESTART; a typed operation then throws with
+ * code 4 (EINTR). Here a timer sends such a signal to this thread alone.
  */
 class TimeLimit {
 public:
@@ -29,7 +29,7 @@ public:
         event.sigev_signo = SIGALRM;
         event._sigev_un._tid = gettid();
         m_isSet = timer_create(CLOCK_MONOTONIC, &event, &m_timer) == 0;
-        // Repeated: the first signal may come just before the thread blocks again.
+        // Repeated, because the first signal may arrive just before the thread blocks again.
         const itimerspec times = {{0, 100'000'000}, {time.count(), 0}};
         if (m_isSet)
             timer_settime(m_timer, 0, &times, nullptr);
@@ -45,7 +45,7 @@ public:
 
 private:
     timer_t m_timer = {};
-    bool m_isSet = false; // without a timer the thread waits as long as it would have waited anyway
+    bool m_isSet = false; // if no timer could be created, there is no limit
 };
 
 } // namespace Example

@@ -3,9 +3,9 @@
 
 // Subscribes to the service's events and prints each as it arrives.
 //
-// The sink is a thread with a server of its own, whose kind (pipe, TCP, UDP) the environment variable
-// QUORAX_CALLB_CONN_TYPE chooses ("pipe", "socket", "udp"). Its address and the callback's id are all that
-// the service needs to reach us.
+// The sink is a thread with its own server. The environment variable QUORAX_CALLB_CONN_TYPE chooses the
+// transport: "pipe", "socket" (TCP) or "udp". The service needs nothing but the sink's address and the
+// callback id.
 
 #include "FileEvent.h"
 #include "PipeDirectory.h"
@@ -16,14 +16,14 @@
 #include <VornLogging.h>
 #include <VornPipeConnection.h>
 
-#include <CLI/CLI.hpp>
-
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 
 using namespace Example;
+using namespace VornNet;
 
 namespace {
 
@@ -42,16 +42,16 @@ protected:
             std::printf("event %d: %s '%s' (%ju bytes)\n", event.getId(), event.verb(),
                         printable(event.name()).c_str(), event.size());
         } catch (const VornException& e) {
-            // A sender that broke off. Left to the sink, the code would count as the sink's own failure, and
-            // 104 (connection reset) ends it.
+            // The sender broke off. If the exception left this function, the sink would take it for a failure
+            // of its own, and code 104 (connection reset) would end it.
             std::fprintf(stderr, "client: incomplete event: %s (%d)\n", e.getText().c_str(), e.getCode());
         }
     }
 
 private:
-    // The side that closes a TCP connection first keeps its port busy for a minute. Were it this one, the
-    // sink could not open its port again and would move to the next, and the service would knock at the old
-    // one.
+    // The side that closes a TCP connection first keeps its port busy for a minute. If that were this side,
+    // the sink could not open its port again: it would move to the next one, and the service would still
+    // connect to the old one.
     static void awaitEnd(VornConnection& connection) {
         char rest = 0;
         long nError = 0;
@@ -59,7 +59,7 @@ private:
         }
     }
 
-    // A file's name may hold anything, also what a terminal takes for a command.
+    // A file name may contain any byte, including escape sequences for the terminal.
     static VornString printable(VornString sText) {
         for (char& character : sText) {
             if (static_cast<unsigned char>(character) < ' ' || character == '\x7f')
@@ -71,7 +71,7 @@ private:
     std::atomic<int> m_nReceived = 0; // counted on the sink's thread, read by main()
 };
 
-/** Asks the service to begin or to end telling us of the directory; throws when it cannot or will not. */
+/** Subscribes to the directory at the service, or unsubscribes; throws if the service refuses. */
 void ask(const char* sService, const VornString& sAddress, long hCallback, const VornString& sDirectory) {
     const TimeLimit limit(std::chrono::seconds(5));
     VornPipeConnection connection(cPipeName);
@@ -92,7 +92,7 @@ void stayUntilSignalled(const sigset_t& signals, VornLibraryCallbackSink& sink, 
     std::printf("client: subscribed as %s\n", sAddress.c_str());
     const timespec pause = {0, 200'000'000};
     while (sigtimedwait(&signals, nullptr, &pause) == -1) {
-        // A TCP or UDP sink moves when another process takes its port between two events, and tells nobody.
+        // A TCP or UDP sink moves when another process takes its port between two events. Nobody is told.
         const VornString sPresent = sink.getCallbackAddress();
         if (sPresent == sAddress)
             continue;
@@ -101,28 +101,28 @@ void stayUntilSignalled(const sigset_t& signals, VornLibraryCallbackSink& sink, 
         std::printf("client: moved to %s\n", sPresent.c_str());
         sAddress = sPresent;
     }
-    // Said aloud, because a service never notices that a client on UDP is gone.
+    // Necessary, because a service never notices that a UDP client is gone.
     ask(cUnwatchService, sAddress, hCallback, sDirectory);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    // Writing to a peer that has just closed raises SIGPIPE, whose default ends the process.
+    // Writing to a peer that has just closed raises SIGPIPE, which by default ends the process.
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    CLI::App app("Prints what happens to the files of a directory that the service watches");
-    std::string sDirectory;
-    int nLogLevel = VornLogging::cOff;
-    app.add_option("directory", sDirectory, "the directory")->required()->check(CLI::ExistingDirectory);
-    app.add_option("--log-level", nLogLevel, "the library's log on standard error, -1 (off) to 9");
-    CLI11_PARSE(app, argc, argv);
-    VornLogging::getInstance().setLogLevel(nLogLevel);
+    if (argc < 2 || argc > 3 || !std::filesystem::is_directory(argv[1])) {
+        std::fprintf(stderr, "usage: client DIRECTORY [LOG-LEVEL]\n");
+        return 2;
+    }
+    if (argc == 3) // the library's log on standard error, from 0 to 9
+        VornLogging::getInstance().setLogLevel(std::atoi(argv[2]));
     if (!hasPipeDirectory("client"))
         return 1;
 
-    // Before the sink is made, whose thread inherits it: a signal handled there would end a TCP or UDP sink.
+    // Before the sink is created: its thread inherits the mask, and a signal that is handled on that thread
+    // would end a TCP or UDP sink.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
     callbacks.add(&*spPrinter);
     int nStatus = 0;
     try {
-        const VornString sWatched = std::filesystem::canonical(sDirectory);
+        const VornString sWatched = std::filesystem::canonical(argv[1]);
         stayUntilSignalled(signals, sink, spPrinter->getId(), sWatched);
     } catch (const VornException& e) {
         std::fprintf(stderr, "client: %s (%d)\n", e.getText().c_str(), e.getCode());

@@ -1,10 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Watches a directory and tells every client that has subscribed what happens to its files.
+// Watches a directory and notifies every subscribed client of what happens to its files.
 //
-// Two threads: the desk waits at the service's own pipe for clients that subscribe or leave; the main thread
-// waits for events and for the signal to end, and sends the notifications. They meet in the library's
+// There are two threads. The desk waits at the service's own pipe for clients that subscribe or leave. The
+// main thread waits for events and for the signal to end, and sends the notifications. Both use the library's
 // registry.
 
 #include "DirectoryWatch.h"
@@ -16,10 +16,9 @@
 #include <VornLogging.h>
 #include <VornSleep.h>
 
-#include <CLI/CLI.hpp>
-
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <filesystem>
 
@@ -27,6 +26,7 @@
 #include <sys/signalfd.h>
 
 using namespace Example;
+using namespace VornNet;
 
 namespace {
 
@@ -55,8 +55,8 @@ bool tellEvents(DirectoryWatch& watch, int signals, Subscriptions& subscriptions
             continue;
         subscriptions.notifyAll(events.front());
         events.pop_front();
-        // Not back to back: a sink that is about to re-open its server may take the connection, or over UDP
-        // the datagram, and throw it away unread, without a word to the sender. The pause makes that rare.
+        // Not back to back: a sink that is about to open its server again may take the connection, or over
+        // UDP the datagram, and discard it silently. The pause makes that rare.
         VornSleep(cPause);
     }
 }
@@ -64,27 +64,26 @@ bool tellEvents(DirectoryWatch& watch, int signals, Subscriptions& subscriptions
 } // namespace
 
 int main(int argc, char** argv) {
-    // Before anything else: writing to a client that has just closed raises SIGPIPE, whose default ends the
-    // process. Every service meets such a client sooner or later; ignored, it is an exception like the
-    // others.
+    // Before anything else: writing to a client that has just closed raises SIGPIPE, which by default ends
+    // the process. Every service meets such a client sooner or later. Once the signal is ignored, the failed
+    // write throws an exception like any other.
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    CLI::App app("Watches a directory and tells its clients what happens to the files");
-    std::string sDirectory;
-    int nLogLevel = VornLogging::cOff;
-    app.add_option("directory", sDirectory, "the directory")->required()->check(CLI::ExistingDirectory);
-    app.add_option("--log-level", nLogLevel, "the library's log on standard error, -1 (off) to 9");
-    CLI11_PARSE(app, argc, argv);
-    VornLogging::getInstance().setLogLevel(nLogLevel);
+    if (argc < 2 || argc > 3 || !std::filesystem::is_directory(argv[1])) {
+        std::fprintf(stderr, "usage: service DIRECTORY [LOG-LEVEL]\n");
+        return 2;
+    }
+    if (argc == 3) // the library's log on standard error, from 0 to 9
+        VornLogging::getInstance().setLogLevel(std::atoi(argv[2]));
     if (!hasPipeDirectory("service"))
         return 1;
 
-    const int signals = blockEndSignals(); // before the desk's thread, which inherits it
+    const int signals = blockEndSignals(); // before the desk's thread starts, which inherits the mask
     Subscriptions subscriptions;
     int nStatus = 0;
     try {
-        const std::filesystem::path directory = std::filesystem::canonical(sDirectory);
+        const std::filesystem::path directory = std::filesystem::canonical(argv[1]);
         DirectoryWatch watch(directory);
         const SubscriptionDesk desk(directory, subscriptions);
         std::printf("service: watching %s\n", directory.c_str());
