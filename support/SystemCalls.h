@@ -4,7 +4,7 @@
 #define VORNSUPPORT_SYSTEMCALLS_H
 
 /** @file
- *  Every call of both libraries into the operating system, one line each and nothing but the call.
+ *  Every call of the libraries into the operating system, one line each and nothing but the call.
  *
  *  It is the one place to look at for what the libraries ask of the kernel, and the one place that a fault
  *  injector has to know. Not installed. The functions are not noexcept: most are thread cancellation points,
@@ -19,7 +19,11 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -109,6 +113,26 @@ inline int eventfd(unsigned int count, int flags) {
     return ::eventfd(count, flags);
 }
 
+inline int epollCreate(int flags) {
+    return ::epoll_create1(flags);
+}
+
+inline int epollControl(int epoll, int operation, int fd, epoll_event* event) {
+    return ::epoll_ctl(epoll, operation, fd, event);
+}
+
+inline int epollWait(int epoll, epoll_event* events, int count, int milliseconds) {
+    return ::epoll_wait(epoll, events, count, milliseconds);
+}
+
+inline int epollWait(int epoll, epoll_event* events, int count, const timespec* timeout) {
+    return ::epoll_pwait2(epoll, events, count, timeout, nullptr);
+}
+
+inline int ioctl(int fd, unsigned long request, int* value) {
+    return ::ioctl(fd, request, value);
+}
+
 inline int select(int limit, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
     return ::select(limit, readable, writable, exceptional, timeout);
 }
@@ -161,6 +185,14 @@ inline pid_t getpid() {
 
 inline pid_t gettid() {
     return ::gettid();
+}
+
+inline int getrlimit(__rlimit_resource_t resource, rlimit* limits) {
+    return ::getrlimit(resource, limits);
+}
+
+inline int prctl(int option, unsigned long value) {
+    return ::prctl(option, value);
 }
 
 inline int usleep(useconds_t microseconds) {

@@ -1,0 +1,49 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNNOTIFY_OWNEDDESCRIPTOR_H
+#define VORNNOTIFY_OWNEDDESCRIPTOR_H
+
+#include <SystemCalls.h>
+#include <VornNetExport.h>
+
+#include <utility>
+
+namespace VornNet {
+
+/** Owns a descriptor, or none (-1). Whoever opens one asks for close-on-exec in the same call. */
+class OwnedDescriptor {
+public:
+    OwnedDescriptor() = default;
+
+    explicit OwnedDescriptor(int number) : m_number(number) {}
+
+    OwnedDescriptor(OwnedDescriptor&& other) noexcept : m_number(other.release()) {}
+
+    OwnedDescriptor& operator=(OwnedDescriptor&& other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+
+    ~OwnedDescriptor() { reset(); }
+
+    int number() const { return m_number; }
+
+    bool isOpen() const { return m_number != -1; }
+
+    /** Hands the descriptor on: it is the caller's from now on. */
+    int release() { return std::exchange(m_number, -1); }
+
+    /** Closes what is owned and takes over @p number. */
+    void reset(int number = -1) {
+        const int previous = std::exchange(m_number, number);
+        if (previous != -1)
+            System::close(previous);
+    }
+
+private:
+    int m_number = -1;
+};
+
+} // namespace VornNet
+
+#endif

@@ -1,0 +1,55 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "QuietThread.h"
+
+#include <SystemCalls.h>
+
+#include <csignal>
+#include <semaphore>
+#include <utility>
+
+namespace VornNet {
+
+namespace {
+
+constexpr std::size_t cLongestSystemName = 15; // pthread_setname_np(3) refuses more
+
+/** Blocks all signals on the calling thread; a thread that is made meanwhile is born with them blocked. */
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &m_previous);
+    }
+
+    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t m_previous;
+};
+
+} // namespace
+
+void QuietThread::start(const VornString& sName, std::function<void()> run) {
+    std::binary_semaphore named(0);
+    const SignalsBlocked blocked;
+    m_thread = std::thread([&named, sName = sName.substr(0, cLongestSystemName), run = std::move(run)] {
+        ::pthread_setname_np(::pthread_self(), sName.c_str());
+        // A sleep takes 50 microseconds more than asked for unless the thread says that it minds.
+        System::prctl(PR_SET_TIMERSLACK, 1);
+        named.release();
+        run();
+    });
+    named.acquire();
+}
+
+void QuietThread::join() {
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+} // namespace VornNet
