@@ -36,7 +36,7 @@ expected_files() {
     done | sed "s|^LIBDIR|$libdir|; s|CONFIGURATION|${configuration:-noconfig}|" | while read -r file; do
         case $file in
         HEADERS)
-            find "$source/include" "$source/support" -name '*.h' ! -name SystemCalls.h ! -name Cancellation.h \
+            find "$source/include" "$source/support" -name '*.h' ! -name SystemCalls.h ! -name Cancellation.h ! -name LogRecord.h \
                 -printf "$includedir/vornnet/%f\n"
             ;;
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
