@@ -5,6 +5,7 @@
 
 #include "VornNetExport.h"
 
+#include <StandardStreams.h>
 #include <SystemCalls.h>
 
 namespace VornNet {
@@ -14,11 +15,11 @@ namespace VornNet {
  *
  * Every descriptor that the library opens passes through here and becomes close-on-exec: a child process
  * which inherits a listening socket would keep its port. It is a call of its own because the calls that open
- * keep their plain arguments.
+ * keep their plain arguments. One that was opened with the number of a standard stream gets another number.
  */
 class Descriptor {
 public:
-    explicit Descriptor(int number) : m_number(number) {
+    explicit Descriptor(int number) : m_number(keepOffStandardStreams(number)) {
         if (m_number != -1)
             System::fcntl(m_number, F_SETFD, FD_CLOEXEC);
     }

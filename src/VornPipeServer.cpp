@@ -331,16 +331,15 @@ void VornPipeServer::init() {
     Descriptor listener(System::socket(AF_UNIX, SOCK_STREAM, 0));
     if (!listener.isOpen())
         throw VornException(cCreateFailed, errno);
-    record->m_hClientPipe = listener.number();
 
     const VornString sPath = getFullPipeName(m_sPipeName);
     bindTo(listener.number(), sPath);
     if (m_iAccessPrivileges == cGroupPrivilege && !m_sUserGroupName.empty())
         giveToGroup(sPath, m_sUserGroupName);
 
-    readEnd.release();
-    writeEnd.release();
-    listener.release();
+    record->m_hRWPipe[0] = readEnd.release();
+    record->m_hRWPipe[1] = writeEnd.release();
+    record->m_hClientPipe = listener.release();
     __atomic_store_n(&m_pipeHandle, record.release(), __ATOMIC_RELEASE);
 }
 

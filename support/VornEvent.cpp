@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornEvent.h"
 
+#include "StandardStreams.h"
 #include "SystemCalls.h"
 #include "VornNotification.h"
 
@@ -70,7 +71,7 @@ bool VornEvent::wait(int nMilliSec) {
 int VornEvent::getHandle() {
     const std::lock_guard lock(m_pState->lock);
     if (m_pState->descriptor == -1) {
-        m_pState->descriptor = System::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        m_pState->descriptor = keepOffStandardStreams(System::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         if (m_pState->descriptor != -1 && m_pState->isSet)
             m_pState->showOnDescriptor();
     }

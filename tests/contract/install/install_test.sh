@@ -36,7 +36,8 @@ expected_files() {
     done | sed "s|^LIBDIR|$libdir|; s|CONFIGURATION|${configuration:-noconfig}|" | while read -r file; do
         case $file in
         HEADERS)
-            find "$source/include" "$source/support" -name '*.h' ! -name SystemCalls.h ! -name Cancellation.h ! -name LogRecord.h \
+            find "$source/include" "$source/support" -name '*.h' \
+                ! -name Cancellation.h ! -name LogRecord.h ! -name StandardStreams.h ! -name SystemCalls.h \
                 -printf "$includedir/vornnet/%f\n"
             ;;
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;

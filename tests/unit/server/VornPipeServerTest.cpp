@@ -591,6 +591,8 @@ TEST_F(VornPipeServerTest, Wait_WhenAcceptFailsOnASocketOfNumber0_CountsItAsAShu
     ASSERT_TRUE(standardInput);
     {
         const CallHook hook("socket", [] { ::close(STDIN_FILENO); });
+        FaultRule noOtherNumber("fcntl", EMFILE);
+        noOtherNumber.onlyDescriptor(STDIN_FILENO);
         Probe server("kite");
         EXPECT_EQ(server.record()->m_hClientPipe, 0);
         const UniqueFd peer = unixConnect(pipePath("kite"));
