@@ -11,11 +11,18 @@ endfunction()
 set(root_of_runtime ${CPACK_TEMPORARY_DIRECTORY}/runtime)
 set(library_dir ${root_of_runtime}/usr/${CPACK_VORNNET_LIBDIR})
 
-# A symbol that came or went without the stored file being changed stops here.
-run(dpkg-gensymbols -plibvornnet1 -v${CPACK_PACKAGE_VERSION} -P${root_of_runtime} -I${CPACK_VORNNET_SYMBOLS}
-    -O${CPACK_VORNNET_SYMBOLS_RESULT} -c4
+# What came with a later release has a node of its own, VORNNET_1.2 for what came with 1.2, so a symbol's node tells
+# from which release on it is there.
+# What is there already would be merged.
+file(REMOVE ${CPACK_VORNNET_SYMBOLS_RESULT})
+run(dpkg-gensymbols -plibvornnet1 -v${CPACK_PACKAGE_VERSION} -P${root_of_runtime} -O${CPACK_VORNNET_SYMBOLS_RESULT}
     -e${library_dir}/libvornnet.so.${CPACK_PACKAGE_VERSION}
     -e${library_dir}/libvornsupt.so.${CPACK_PACKAGE_VERSION})
+file(READ ${CPACK_VORNNET_SYMBOLS_RESULT} symbols)
+string(REGEX REPLACE "@(VORN[A-Z]+_1) [^\n]*" "@\\1 1.0.0" symbols "${symbols}")
+string(REGEX REPLACE "@(VORN[A-Z]+_(1\\.[0-9]+)) [^\n]*" "@\\1 \\2.0" symbols "${symbols}")
+string(REPLACE "#MINVER#" "#MINVER#\n* Build-Depends-Package: libvornnet-dev" symbols "${symbols}")
+file(WRITE ${CPACK_VORNNET_SYMBOLS_RESULT} "${symbols}")
 
 file(GLOB_RECURSE pages ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*)
 file(GLOB texts

@@ -78,6 +78,11 @@ Exports readExports() {
     return exports;
 }
 
+const Exports& allExports() {
+    static const Exports exports = readExports();
+    return exports;
+}
+
 } // namespace
 
 void PrintTo(const ClassRow& row, std::ostream* stream) {
@@ -118,12 +123,20 @@ std::string readable(const char* mangledName) {
 }
 
 std::vector<std::string> exportedNames(const void* address) {
-    static const auto names = readExports();
+    const Exports& names = allExports();
     std::vector<std::string> found;
     const auto range = names.equal_range(address);
     std::transform(range.first, range.second, std::back_inserter(found),
                    [](const auto& entry) { return entry.second; });
     return found;
+}
+
+std::set<std::string> allExportedNames() {
+    std::set<std::string> names;
+    for (const auto& [address, name] : allExports()) {
+        names.insert(readable(name.c_str()));
+    }
+    return names;
 }
 
 const void* exportedAddress(const std::string& mangledName) {

@@ -41,6 +41,7 @@
 
 #include <cstddef>
 #include <iosfwd>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -119,6 +120,9 @@ std::string readable(const char* mangledName);
  * constructors and destructors have two, and a compiler may make one function of two that do the same.
  */
 std::vector<std::string> exportedNames(const void* address);
+
+/** The readable names of everything that both libraries export. */
+std::set<std::string> allExportedNames();
 
 /** The address of an exported symbol of either library; null when there is none. */
 const void* exportedAddress(const std::string& mangledName);

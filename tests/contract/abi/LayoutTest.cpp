@@ -212,6 +212,9 @@ static_assert(VornLogging::cOff == -1 && VornLogging::cUserOutput == 0 && VornLo
               VornLogging::cTraceCoreHigh == 7 && VornLogging::cTraceApplicationHigh == 8 &&
               VornLogging::cDebug == 9 && VornLogging::cLast == 10);
 
+static_assert(VornThread::cPriorityLow == 0 && VornThread::cPriorityNormal == 1 &&
+              VornThread::cPriorityHigh == 2);
+
 template <typename Class>
 constexpr bool isNeverCopied = !std::is_copy_constructible_v<Class> && !std::is_copy_assignable_v<Class>;
 

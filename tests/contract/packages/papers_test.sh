@@ -27,8 +27,6 @@ expect_equal 'entries of sysusers' "$(sed '/^#/d' libvornnet1.sysusers)" 'g vorn
 
 dpkg-parsechangelog -l changelog >/dev/null
 expect_equal 'version of the changelog' "$(dpkg-parsechangelog -l changelog -S Version | sed 's/-.*//')" "$version"
-expect_equal 'libraries of the symbols' "$(sed -n 's/^\(lib.*\)\.so\.\([0-9]*\) \([^ ]*\) .*/\1 \2 \3/p' \
-    libvornnet1.symbols)" "$(sed 's/ (.*//' libvornnet1.shlibs)"
 expect_equal 'licence' "$(cksum <"$source/LICENSES/Apache-2.0.txt")" "$(cksum <"$source/LICENSE")"
 
 for script in libvornnet1.postinst libvornnet1.postrm; do
