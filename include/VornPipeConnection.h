@@ -70,7 +70,7 @@ private:
     VornPipeConnection(const VornPipeConnection&) = delete;
     VornPipeConnection& operator=(const VornPipeConnection&) = delete;
 
-    friend class Delivery;
+    friend class ServedConnection;
 };
 
 } // namespace VornNet

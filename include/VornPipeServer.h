@@ -78,7 +78,8 @@ private:
     VornPipeServer& operator=(const VornPipeServer&) = delete;
 
     class VORNNET_LOCAL Waiting;
-    class VORNNET_LOCAL Departure;
+    class VORNNET_LOCAL Releasing;
+    struct VORNNET_LOCAL Monitor;
     VORNNET_LOCAL VornSmartPointer<VornConnection> shutDown(Waiting& waiting);
     VORNNET_LOCAL VornSmartPointer<VornConnection>
     acceptClient(Waiting& waiting, VornString& sExceptionMessage, int& nErrorCode);

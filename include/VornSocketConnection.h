@@ -91,7 +91,7 @@ private:
     VornSocketConnection(const VornSocketConnection&) = delete;
     VornSocketConnection& operator=(const VornSocketConnection&) = delete;
 
-    friend class Delivery;
+    friend class ServedConnection;
 };
 
 /** Starts the socket layer, which needs no start on Linux. @return true. Thread-safe. */

@@ -47,11 +47,6 @@ private:
     int m_number;
 };
 
-/** @return the descriptor in the heap cell of a connection or server; the cell must be there. */
-inline int descriptorOf(const void* cell) {
-    return *static_cast<const int*>(cell);
-}
-
 } // namespace VornNet
 
 #endif

@@ -2,10 +2,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServerGate.h"
 
-#include "Descriptor.h"
+#include "SocketCell.h"
 
+#include <NeverDestroyed.h>
 #include <SystemCalls.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -14,124 +16,115 @@ namespace VornNet {
 
 namespace {
 
-/** Never destroyed: servers may be closed while static objects are being destroyed. */
-union Monitor {
-    Monitor() : parts() {}
-
-    ~Monitor() {}
-
-    struct {
-        std::mutex lock; // guards the list, and every server's pointer to its cell
-        std::condition_variable changed;
-    } parts;
+struct Monitor {
+    std::mutex lock; // guards the lists, and every server's pointer to its cell
+    std::condition_variable changed;
 };
 
-auto& monitor() {
-    static Monitor instance;
-    return instance.parts;
+/** Servers may be closed while static objects are being destroyed. */
+Monitor& monitor() {
+    static NeverDestroyed<Monitor> instance;
+    return instance.object;
 }
 
 int descriptorIn(const void* cell) {
-    return cell == nullptr ? -1 : descriptorOf(cell);
+    return cell == nullptr ? -1 : SocketCell::descriptorOf(cell);
 }
 
 } // namespace
 
-ServerGate::Entry* ServerGate::s_first = nullptr;
+constinit IntrusiveList<ServerGate::Wait> ServerGate::s_waits;
+constinit IntrusiveList<ServerGate::Closing> ServerGate::s_closings;
 
-ServerGate::Visit::Visit(const void* server, void* const& cell)
-    : m_entry{server, false, false, nullptr}, m_descriptor(-1), m_isInside(true) {
+ServerGate::Wait::Wait(const void* server, void* const& cell) : m_server(server), m_wasClosed(false) {
     std::unique_lock lock(monitor().lock);
-    monitor().changed.wait(lock, [server] { return find(server, true) == nullptr; });
+    monitor().changed.wait(lock, [server] { return !isClosing(server); });
     m_descriptor = descriptorIn(__atomic_load_n(&cell, __ATOMIC_ACQUIRE));
-    enter(m_entry);
+    s_waits.add(*this);
 }
 
-ServerGate::Visit::~Visit() {
-    leave();
+ServerGate::Wait::~Wait() {
+    end();
 }
 
-bool ServerGate::Visit::leave() {
-    if (!m_isInside)
-        return m_entry.wasClosed;
-    m_isInside = false;
+bool ServerGate::Wait::end() {
+    if (!isListed())
+        return m_wasClosed;
     std::unique_lock lock(monitor().lock);
-    remove(m_entry);
-    if (m_entry.wasClosed) {
+    s_waits.remove(*this);
+    if (m_wasClosed) {
         monitor().changed.notify_all();
-        monitor().changed.wait(lock, [this] { return find(m_entry.server, true) == nullptr; });
+        monitor().changed.wait(lock, [this] { return !isClosing(m_server); });
     }
-    return m_entry.wasClosed;
+    return m_wasClosed;
 }
 
-ServerGate::Closure::Closure(const void* server, void*& cell)
-    : m_entry{server, true, false, nullptr}, m_cell(cell), m_isNeeded(false) {
+ServerGate::Closing::Closing(const void* server, void*& cell)
+    : m_server(server), m_cell(cell), m_isNeeded(false) {
     std::unique_lock lock(monitor().lock);
-    monitor().changed.wait(lock, [server] { return find(server, true) == nullptr; });
+    monitor().changed.wait(lock, [server] { return !isClosing(server); });
     m_isNeeded = __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
     if (m_isNeeded)
-        enter(m_entry);
+        s_closings.add(*this);
 }
 
-ServerGate::Closure::~Closure() {
+ServerGate::Closing::~Closing() {
     if (!m_isNeeded)
         return;
     const std::lock_guard lock(monitor().lock);
-    remove(m_entry);
+    s_closings.remove(*this);
     monitor().changed.notify_all();
 }
 
-void ServerGate::Closure::closeSocket() {
+void ServerGate::Closing::closeSocket() {
     const int descriptor = descriptorIn(m_cell);
     std::unique_lock lock(monitor().lock);
-    bool isVisited = false;
-    for (Entry* entry = s_first; entry != nullptr; entry = entry->next) {
-        if (entry->server == m_entry.server && !entry->isClosure) {
-            entry->wasClosed = true;
-            isVisited = true;
-        }
-    }
-    if (isVisited) {
+    for (Wait& wait : s_waits)
+        wait.m_wasClosed = wait.m_wasClosed || wait.m_server == m_server;
+    if (isWaitedOn(m_server)) {
         // It ends a blocked accept() and recvfrom() wherever the socket is bound, and one that is only about
         // to block. On a datagram socket it reports ENOTCONN and works all the same.
-        // It is done again until they have gone: one that fails would leave them, and this thread, for ever.
-        const auto areGone = [this] { return find(m_entry.server, false) == nullptr; };
+        // It is done again until they have left: one that fails would leave them, and this thread, forever.
+        const auto haveLeft = [this] { return !isWaitedOn(m_server); };
         do {
             System::shutdown(descriptor, SHUT_RDWR);
-        } while (!monitor().changed.wait_for(lock, std::chrono::milliseconds(20), areGone));
+        } while (!monitor().changed.wait_for(lock, std::chrono::milliseconds(20), haveLeft));
     }
     lock.unlock();
     System::close(descriptor);
 }
 
-void ServerGate::Closure::releaseCell() {
+void ServerGate::Closing::releaseCell() {
     const std::lock_guard lock(monitor().lock);
     delete static_cast<int*>(m_cell);
     __atomic_store_n(&m_cell, nullptr, __ATOMIC_RELEASE);
 }
 
-void ServerGate::awaitClosure(const void* server) {
+void ServerGate::awaitClosing(const void* server) {
     std::unique_lock lock(monitor().lock);
-    monitor().changed.wait(lock, [server] { return find(server, true) == nullptr; });
+    monitor().changed.wait(lock, [server] { return !isClosing(server); });
 }
 
-void ServerGate::enter(Entry& entry) {
-    entry.next = s_first;
-    s_first = &entry;
+bool ServerGate::endsWait(int nError) {
+    switch (nError) {
+    case EINTR: // kept: an interrupted wait is not taken up again
+    case EBADF:
+    case ENONET:
+    case ENOTSOCK:
+    case EHOSTDOWN:
+        return true;
+    default:
+        return false;
+    }
 }
 
-void ServerGate::remove(const Entry& entry) {
-    Entry** link = &s_first;
-    while (*link != &entry)
-        link = &(*link)->next;
-    *link = entry.next;
+bool ServerGate::isClosing(const void* server) {
+    return s_closings.find([server](const Closing& closing) { return closing.m_server == server; }) !=
+           nullptr;
 }
 
-ServerGate::Entry* ServerGate::find(const void* server, bool isClosure) {
-    Entry* entry = s_first;
-    while (entry != nullptr && (entry->server != server || entry->isClosure != isClosure))
-        entry = entry->next;
-    return entry;
+bool ServerGate::isWaitedOn(const void* server) {
+    return s_waits.find([server](const Wait& wait) { return wait.m_server == server; }) != nullptr;
 }
 
 } // namespace VornNet

@@ -5,69 +5,69 @@
 
 #include "VornNetExport.h"
 
+#include <IntrusiveList.h>
+
 namespace VornNet {
 
 /**
- * Lets one thread close a server's socket while another is blocked on it.
+ * Lets one thread close a TCP or UDP server's socket while another waits on it.
  *
  * A descriptor's number may be given to a stranger as soon as it is closed, so nobody may close it while
- * somebody is about to use it. The waiting thread is on a Visit while it uses the socket. The closing thread
- * makes a Closure, which sends visitors away by shutting the socket down, closes it when they are gone, and
- * holds newcomers back until it is done. So close() returns when the port is free, and whoever waits again
- * never meets a socket that is half closed. Servers are told apart by their address; the state lives on the
- * stacks of the threads concerned, because the layout of a server leaves no room for it.
+ * somebody is about to use it. The closing thread shuts the socket down, which ends the wait, closes it when
+ * the waiting thread has left, and holds newcomers back until it is done. So close() returns when the port is
+ * free, and whoever waits again never meets a socket that is half closed.
+ *
+ * A pipe server closes by another protocol because its close() does not wait: it wakes the waiting thread
+ * through a pipe, and that thread releases what the server holds.
+ *
+ * Servers are told apart by their address; the state lives on the stacks of the threads concerned, because
+ * the layout of a server leaves no room for it.
  */
 class ServerGate {
-    /** One thread that is concerned with the socket of one server. */
-    struct Entry {
-        const void* server;
-        bool isClosure;
-        bool wasClosed; // visitors: a closure has sent them away
-        Entry* next;
-    };
-
 public:
-    /** The waiting thread's use of the socket. */
-    class Visit {
+    /** One thread's wait on a server's socket. */
+    class Wait : public IntrusiveList<Wait>::Link {
     public:
         /** Waits while the server is being closed. @param cell where the server keeps its socket */
-        Visit(const void* server, void* const& cell);
-        ~Visit();
+        Wait(const void* server, void* const& cell);
+        ~Wait();
 
-        Visit(const Visit&) = delete;
-        Visit& operator=(const Visit&) = delete;
+        Wait(const Wait&) = delete;
+        Wait& operator=(const Wait&) = delete;
 
         /** @return the socket; -1 when the server has none. */
         int descriptor() const { return m_descriptor; }
 
         /**
-         * Ends the visit. @return whether the server was closed meanwhile. Then the closing is over, and the
+         * Ends the wait. @return whether the server was closed meanwhile. Then the closing is over, and the
          * server may be gone: nothing of it may be touched any more
          */
-        bool leave();
+        bool end();
 
     private:
-        Entry m_entry;
+        friend class ServerGate;
+
+        const void* m_server;
         int m_descriptor;
-        bool m_isInside;
+        bool m_wasClosed;
     };
 
-    /** The closing of the socket by one thread. */
-    class Closure {
+    /** The closing of a server's socket by one thread. */
+    class Closing : public IntrusiveList<Closing>::Link {
     public:
         /** Waits while another thread closes the server. @param cell where the server keeps its socket */
-        Closure(const void* server, void*& cell);
+        Closing(const void* server, void*& cell);
 
         /** Lets newcomers in. */
-        ~Closure();
+        ~Closing();
 
-        Closure(const Closure&) = delete;
-        Closure& operator=(const Closure&) = delete;
+        Closing(const Closing&) = delete;
+        Closing& operator=(const Closing&) = delete;
 
         /** @return whether there is a socket to close. */
         bool isNeeded() const { return m_isNeeded; }
 
-        /** Sends visitors away and closes the socket when they are gone. */
+        /** Ends the waits and closes the socket when the waiting threads have left. */
         void closeSocket();
 
         /**
@@ -77,19 +77,25 @@ public:
         void releaseCell();
 
     private:
-        Entry m_entry;
+        friend class ServerGate;
+
+        const void* m_server;
         void*& m_cell;
         bool m_isNeeded;
     };
 
     /** Waits while the server is being closed. */
-    static void awaitClosure(const void* server);
+    static void awaitClosing(const void* server);
+
+    /** @return whether accept() or recvfrom() reports this when the server's end is the reason. */
+    static bool endsWait(int nError);
 
 private:
-    static void enter(Entry& entry);
-    static void remove(const Entry& entry);
-    static Entry* find(const void* server, bool isClosure);
-    static Entry* s_first;
+    static bool isClosing(const void* server);
+    static bool isWaitedOn(const void* server);
+
+    static IntrusiveList<Wait> s_waits;
+    static IntrusiveList<Closing> s_closings;
 };
 
 } // namespace VornNet

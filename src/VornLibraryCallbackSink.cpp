@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornLibraryCallbackSink.h"
 
-#include "Delivery.h"
 #include "HostEntry.h"
+#include "ServedConnection.h"
 #include "VornPipeServer.h"
 #include "VornServerSocket.h"
 #include "VornUDPServerSocket.h"
@@ -200,7 +200,7 @@ bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {
         return false;
     }
     logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: received data : ", m_sCallbackName);
-    const Delivery delivery(this, *spConnection);
+    const ServedConnection served(this, *spConnection);
     deliver(spConnection);
     return true;
 }
@@ -255,7 +255,7 @@ void VornLibraryCallbackSink::endThread() {
         if (m_spCallbackServer != nullptr)
             m_spCallbackServer->close();
         if (Clock::now() >= cutOffTime)
-            Delivery::cutOff(this);
+            ServedConnection::endRead(this);
     } while (!VornThread::wait(cPause));
 }
 

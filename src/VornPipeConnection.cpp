@@ -2,9 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornPipeConnection.h"
 
-#include "Delivery.h"
 #include "Descriptor.h"
 #include "PipeAddress.h"
+#include "SocketCell.h"
 #include "StreamSocket.h"
 #include "VornPipeServer.h"
 
@@ -36,15 +36,15 @@ VornPipeConnection::VornPipeConnection(const VornString& sPipeName)
     : m_sPipeName(sPipeName), m_pipeHandle(nullptr), m_iAccessRights(1) {}
 
 VornPipeConnection::VornPipeConnection(void* pPipeHandle, unsigned int iAccessRights)
-    : m_pipeHandle(new int(descriptorOf(pPipeHandle))), m_iAccessRights(iAccessRights) {}
+    : m_pipeHandle(new int(SocketCell::descriptorOf(pPipeHandle))), m_iAccessRights(iAccessRights) {}
 
 VornPipeConnection::~VornPipeConnection() {
-    Delivery::forget(m_pipeHandle);
+    SocketCell::forget(m_pipeHandle);
     VornPipeConnection::disconnect();
 }
 
 void VornPipeConnection::disconnect() {
-    Delivery::closeCell(m_pipeHandle);
+    SocketCell::close(m_pipeHandle);
     cleanup();
 }
 
@@ -59,8 +59,8 @@ long VornPipeConnection::transfer(const char* buf, long bufLen, long* error) {
     }
     long total = 0;
     while (total < bufLen) {
-        const ssize_t count =
-            System::send(descriptorOf(m_pipeHandle), buf + total, static_cast<size_t>(bufLen - total), 0);
+        const ssize_t count = System::send(SocketCell::descriptorOf(m_pipeHandle), buf + total,
+                                           static_cast<size_t>(bufLen - total), 0);
         if (count == -1) {
             *error = errno;
             return 0; // kept: unlike the TCP transport's -1; callers look at the error
@@ -81,7 +81,7 @@ long VornPipeConnection::receive(char* bufPtr, long toRead, long* error, bool bW
     }
     if (toRead < 1)
         return 0;
-    return StreamSocket::receive(descriptorOf(m_pipeHandle), bufPtr, toRead, error, bWaitForAll);
+    return StreamSocket::receive(SocketCell::descriptorOf(m_pipeHandle), bufPtr, toRead, error, bWaitForAll);
 }
 
 bool VornPipeConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
@@ -94,7 +94,7 @@ bool VornPipeConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
         nSize = 0;
         return false;
     }
-    return StreamSocket::peek(descriptorOf(m_pipeHandle), pBuffer, nSize, nErrorCode);
+    return StreamSocket::peek(SocketCell::descriptorOf(m_pipeHandle), pBuffer, nSize, nErrorCode);
 }
 
 unsigned int VornPipeConnection::getAccessRights() {
@@ -121,12 +121,12 @@ int VornPipeConnection::establishImpl(VornString& sExceptionMessage) {
         // (ENOTCONN).
         if (m_pipeHandle == nullptr)
             return 0;
-        Delivery::closeCell(m_pipeHandle);
+        SocketCell::close(m_pipeHandle);
         sExceptionMessage = e.getText();
         return e.getCode();
     } catch (...) {
         // A socket left behind half connected would pass for an established connection.
-        Delivery::closeCell(m_pipeHandle);
+        SocketCell::close(m_pipeHandle);
         throw;
     }
 }

@@ -6,7 +6,9 @@
 #include "PipeAddress.h"
 #include "VornPipeConnection.h"
 
+#include <IntrusiveList.h>
 #include <LogRecord.h>
+#include <NeverDestroyed.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -41,28 +43,6 @@ constexpr int cBacklog = 5;
 constexpr mode_t cOwnerOnly = 0700;
 constexpr mode_t cOwnerAndGroup = 0770;
 constexpr unsigned int cGroupPrivilege = 1;
-
-/**
- * Guards each record's waiting flag together with the server's pointer to the record: a closing thread must
- * not release the record between a waiting thread's look at the pointer and its raising of the flag. The
- * server's own lock cannot do it, since it is held over everything that close() does and the waiting thread
- * takes it there.
- */
-std::mutex g_waitingLock;
-
-/** Tells that a thread has departed. Never destroyed: servers may be closed while static objects are. */
-std::condition_variable& departed() {
-    union Condition {
-        Condition() : variable() {}
-
-        ~Condition() {}
-
-        std::condition_variable variable;
-    };
-
-    static Condition instance;
-    return instance.variable;
-}
 
 void bindTo(int fd, const VornString& sPath) {
     const PipeAddress address(sPath);
@@ -145,11 +125,89 @@ void signalWaiter(int writeEnd) {
 
 } // namespace
 
+/*
+ * A pipe server closes by another protocol than TCP and UDP servers (see ServerGate), because its close()
+ * does not wait: it wakes the waiting thread through a pipe, and that thread releases what the server holds
+ * by a close() of its own.
+ */
+
+/**
+ * A waiting thread that has been woken by close() and now releases the record. Until that is over no other
+ * thread releases the record, so that it cannot find the server unused and open it again or destroy it under
+ * the call. No lock is held meanwhile: a derived class may have one of its own in close().
+ */
+class VornPipeServer::Releasing : public IntrusiveList<Releasing>::Link {
+public:
+    explicit Releasing(const VornPipeServer* server);
+    ~Releasing();
+
+    Releasing(const Releasing&) = delete;
+    Releasing& operator=(const Releasing&) = delete;
+
+    /** @return whether the record is left to another thread than the calling one; under the lock. */
+    static bool isLeftToAnother(const VornPipeServer* server);
+
+    /** Waits until no other thread is releasing the record, but not forever. */
+    static void await(const VornPipeServer* server);
+
+private:
+    const VornPipeServer* m_server;
+    std::thread::id m_thread;
+};
+
+/** What the threads that wait on and close pipe servers share; servers may be closed while static objects
+ * are. */
+struct VornPipeServer::Monitor {
+    /**
+     * Guards each record's waiting flag together with the server's pointer to the record: a closing thread
+     * must not release the record between a waiting thread's look at the pointer and its raising of the flag.
+     * The server's own lock cannot do it, since it is held over everything that close() does and the waiting
+     * thread takes it there.
+     */
+    std::mutex lock;
+    std::condition_variable released;
+    IntrusiveList<Releasing> releasing;
+
+    static Monitor& instance() {
+        static NeverDestroyed<Monitor> monitor;
+        return monitor.object;
+    }
+};
+
+VornPipeServer::Releasing::Releasing(const VornPipeServer* server)
+    : m_server(server), m_thread(std::this_thread::get_id()) {
+    const std::lock_guard lock(Monitor::instance().lock);
+    Monitor::instance().releasing.add(*this);
+}
+
+VornPipeServer::Releasing::~Releasing() {
+    const std::lock_guard lock(Monitor::instance().lock);
+    Monitor::instance().releasing.remove(*this);
+    Monitor::instance().released.notify_all();
+}
+
+bool VornPipeServer::Releasing::isLeftToAnother(const VornPipeServer* server) {
+    const std::thread::id self = std::this_thread::get_id();
+    bool isLeft = false;
+    for (const Releasing& one : Monitor::instance().releasing) {
+        if (one.m_server == server && one.m_thread == self)
+            return false;
+        isLeft = isLeft || one.m_server == server;
+    }
+    return isLeft;
+}
+
+void VornPipeServer::Releasing::await(const VornPipeServer* server) {
+    std::unique_lock lock(Monitor::instance().lock);
+    Monitor::instance().released.wait_for(lock, std::chrono::seconds(10),
+                                          [server] { return !isLeftToAnother(server); });
+}
+
 /** Marks the server's record as waited on; nobody releases it until the mark is gone. */
 class VornPipeServer::Waiting {
 public:
     explicit Waiting(void* const& pipeHandle) {
-        const std::lock_guard lock(g_waitingLock);
+        const std::lock_guard lock(Monitor::instance().lock);
         m_pPipe = static_cast<_pipe*>(__atomic_load_n(&pipeHandle, __ATOMIC_ACQUIRE));
         if (m_pPipe != nullptr)
             m_pPipe->m_bClientWaiting = true;
@@ -163,7 +221,7 @@ public:
     _pipe* record() const { return m_pPipe; }
 
     void end() {
-        const std::lock_guard lock(g_waitingLock);
+        const std::lock_guard lock(Monitor::instance().lock);
         if (m_pPipe != nullptr)
             m_pPipe->m_bClientWaiting = false;
         m_pPipe = nullptr;
@@ -171,64 +229,6 @@ public:
 
 private:
     _pipe* m_pPipe;
-};
-
-/**
- * The way out of a waiting thread that has been woken by close() and now releases the record by a close() of
- * its own. Until that is over no other thread releases the record, so that it cannot find the server unused
- * and open it again or destroy it under the call. No lock is held meanwhile: a derived class may have one of
- * its own in close().
- */
-class VornPipeServer::Departure {
-public:
-    explicit Departure(const VornPipeServer* server)
-        : m_server(server), m_thread(std::this_thread::get_id()), m_next(nullptr) {
-        const std::lock_guard lock(g_waitingLock);
-        m_next = s_first;
-        s_first = this;
-    }
-
-    ~Departure() {
-        const std::lock_guard lock(g_waitingLock);
-        Departure** link = &s_first;
-        while (*link != this)
-            link = &(*link)->m_next;
-        *link = m_next;
-        departed().notify_all();
-    }
-
-    Departure(const Departure&) = delete;
-    Departure& operator=(const Departure&) = delete;
-
-    /** @return whether other threads are on their way out and the calling one is not; under g_waitingLock. */
-    static bool isOfOthers(const VornPipeServer* server) {
-        const std::thread::id self = std::this_thread::get_id();
-        return exists([server](const Departure& departure) { return departure.m_server == server; }) &&
-               !exists([server, self](const Departure& departure) {
-                   return departure.m_server == server && departure.m_thread == self;
-               });
-    }
-
-    /** Waits until no other thread is on its way out, but not for ever. */
-    static void await(const VornPipeServer* server) {
-        std::unique_lock lock(g_waitingLock);
-        departed().wait_for(lock, std::chrono::seconds(10), [server] { return !isOfOthers(server); });
-    }
-
-private:
-    template <typename Condition>
-    static bool exists(Condition condition) {
-        for (const Departure* departure = s_first; departure != nullptr; departure = departure->m_next) {
-            if (condition(*departure))
-                return true;
-        }
-        return false;
-    }
-
-    const VornPipeServer* m_server;
-    std::thread::id m_thread;
-    Departure* m_next;
-    static inline Departure* s_first = nullptr; // under g_waitingLock
 };
 
 VornPipeServer::VornPipeServer(const VornString& sPipeName) : VornPipeServer(sPipeName, 7, VornString()) {}
@@ -249,7 +249,7 @@ VornPipeServer::~VornPipeServer() {
     // The waiting thread that has just released the record may still be on its way out of close(). A record
     // that is still held after 10 seconds is abandoned rather than freed under a thread that may use it.
     if (__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) == nullptr)
-        Departure::await(this);
+        Releasing::await(this);
 }
 
 void VornPipeServer::waitForInit() {}
@@ -257,7 +257,7 @@ void VornPipeServer::waitForInit() {}
 void VornPipeServer::close() {
     logRecord(VornLogging::cDebug, "VornPipeServer::close");
     const VornCriticalSection lock(m_lock, true);
-    std::unique_lock waitingLock(g_waitingLock);
+    std::unique_lock waitingLock(Monitor::instance().lock);
     auto* pPipe = static_cast<_pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
     if (pPipe == nullptr)
         return;
@@ -268,7 +268,7 @@ void VornPipeServer::close() {
         signalWaiter(pPipe->m_hRWPipe[1]);
         return;
     }
-    if (Departure::isOfOthers(this)) // who has been signalled releases the record
+    if (Releasing::isLeftToAnother(this))
         return;
     __atomic_store_n(&m_pipeHandle, nullptr, __ATOMIC_RELEASE);
     waitingLock.unlock();
@@ -345,7 +345,7 @@ void VornPipeServer::init() {
 
 VornSmartPointer<VornConnection> VornPipeServer::shutDown(Waiting& waiting) {
     logRecord(VornLogging::cDebug, "VornPipeServer::waitForClient : Shutting down thread");
-    const Departure departure(this);
+    const Releasing releasing(this);
     waiting.end();
     close(); // releases the record, now that no thread waits
     return {};

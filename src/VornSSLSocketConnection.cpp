@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornSSLSocketConnection.h"
 
-#include "Descriptor.h"
+#include "SocketCell.h"
 
 #include <SystemCalls.h>
 #include <VornException.h>
@@ -24,7 +24,7 @@ VornSocketConnection& checkedClient(const VornSmartPointer<VornSocketConnection>
 int checkedDescriptor(void* pSocket) {
     if (pSocket == nullptr)
         throw VornException(cNothingToWrap, ENOTCONN);
-    return descriptorOf(pSocket);
+    return SocketCell::descriptorOf(pSocket);
 }
 
 } // namespace
@@ -60,7 +60,7 @@ long VornSSLSocketConnection::transfer(const char* buf, long bufLen, long* error
         *error = ENOTCONN;
         return -1;
     }
-    return System::send(descriptorOf(m_pClient), buf, static_cast<size_t>(bufLen), 0);
+    return System::send(SocketCell::descriptorOf(m_pClient), buf, static_cast<size_t>(bufLen), 0);
 }
 
 long VornSSLSocketConnection::receive(char* bufPtr, long toRead, long* error, bool /*bWaitForAll*/) {
@@ -72,7 +72,8 @@ long VornSSLSocketConnection::receive(char* bufPtr, long toRead, long* error, bo
         return -1;
     }
     for (;;) {
-        const ssize_t count = System::recv(descriptorOf(m_pClient), bufPtr, static_cast<size_t>(toRead), 0);
+        const ssize_t count =
+            System::recv(SocketCell::descriptorOf(m_pClient), bufPtr, static_cast<size_t>(toRead), 0);
         if (count != -1 || errno != EAGAIN)
             return count;
         System::usleep(cPause);

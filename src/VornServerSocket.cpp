@@ -25,20 +25,6 @@ constexpr const char* cBindFailed = "VornServerSocket::init: failed to bind sock
 constexpr const char* cNameFailed = "VornServerSocket::init: failed to get socket name.";
 constexpr const char* cListenFailed = "VornServerSocket::init: failed to listen on bound socket.";
 
-/** What accept() reports when the server's end is the reason: the wait ends without a word. */
-bool isQuiet(int nError) {
-    switch (nError) {
-    case EINTR: // kept: an interrupted wait is not taken up again
-    case EBADF:
-    case ENONET:
-    case ENOTSOCK:
-    case EHOSTDOWN:
-        return true;
-    default:
-        return false;
-    }
-}
-
 bool isListening(int fd) {
     int bListening = 0;
     socklen_t length = sizeof bListening;
@@ -88,12 +74,12 @@ void VornServerSocket::close() {
         return;
     logRecord(VornLogging::cDebug, "VornServerSocket::close: closing socket ",
               __atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
-    ServerGate::Closure closure(this, m_pSocketImpl);
-    if (!closure.isNeeded())
+    ServerGate::Closing closing(this, m_pSocketImpl);
+    if (!closing.isNeeded())
         return;
-    closure.closeSocket();
+    closing.closeSocket();
     __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
-    closure.releaseCell();
+    closing.releaseCell();
 }
 
 int VornServerSocket::getPort() {
@@ -123,20 +109,21 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
                   __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting connections...");
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
-        ServerGate::Visit visit(this, m_pSocketImpl);
-        if (visit.descriptor() == -1)
+        ServerGate::Wait wait(this, m_pSocketImpl);
+        if (wait.descriptor() == -1)
             return {};
-        Descriptor client(System::accept(visit.descriptor(), reinterpret_cast<sockaddr*>(&peer), &length));
+        Descriptor client(System::accept(wait.descriptor(), reinterpret_cast<sockaddr*>(&peer), &length));
         const int nError = client.isOpen() ? 0 : errno;
         // Asked while the descriptor is still ours: a socket that somebody has shut down would fail for ever.
-        const bool bGoesOn = client.isOpen() || isQuiet(nError) || isListening(visit.descriptor());
+        const bool bGoesOn =
+            client.isOpen() || (!ServerGate::endsWait(nError) && isListening(wait.descriptor()));
         // A derived class may have given the socket up by itself.
         const bool bHasSocket = __atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr;
-        if (visit.leave() || !bHasSocket)
+        if (wait.end() || !bHasSocket)
             return {};
         if (client.isOpen())
             return makeClient(client, peer, bIdentify, this);
-        if (isQuiet(nError) || !bGoesOn)
+        if (!bGoesOn)
             return {};
         logRecord(VornLogging::cError, "VornServerSocket::waitForClient: socket connection error. ", nError);
     }
@@ -144,7 +131,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
 }
 
 void VornServerSocket::init() {
-    ServerGate::awaitClosure(this);
+    ServerGate::awaitClosing(this);
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
         return;
     Descriptor socket(System::socket(AF_INET, SOCK_STREAM, 0));

@@ -2,10 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornSocketConnection.h"
 
-#include "Delivery.h"
 #include "Descriptor.h"
 #include "HostEntry.h"
 #include "HostText.h"
+#include "SocketCell.h"
 #include "StreamSocket.h"
 #include "VornServerSocket.h"
 
@@ -81,12 +81,12 @@ VornSocketConnection::VornSocketConnection(const VornString& sRemoteName, int nP
       m_pSourceServer(nullptr) {}
 
 VornSocketConnection::~VornSocketConnection() {
-    Delivery::forget(m_pClient);
+    SocketCell::forget(m_pClient);
     VornSocketConnection::disconnect();
 }
 
 void VornSocketConnection::disconnect() {
-    Delivery::closeCell(m_pClient);
+    SocketCell::close(m_pClient);
     cleanup();
 }
 
@@ -101,8 +101,8 @@ long VornSocketConnection::transfer(const char* buf, long bufLen, long* error) {
     }
     long total = 0;
     while (total < bufLen) {
-        const ssize_t count =
-            System::send(descriptorOf(m_pClient), buf + total, static_cast<size_t>(bufLen - total), 0);
+        const ssize_t count = System::send(SocketCell::descriptorOf(m_pClient), buf + total,
+                                           static_cast<size_t>(bufLen - total), 0);
         if (count == -1) {
             *error = errno;
             return -1;
@@ -123,7 +123,7 @@ long VornSocketConnection::receive(char* bufPtr, long toRead, long* error, bool 
     }
     if (toRead <= 0)
         return 0;
-    return StreamSocket::receive(descriptorOf(m_pClient), bufPtr, toRead, error, bWaitForAll);
+    return StreamSocket::receive(SocketCell::descriptorOf(m_pClient), bufPtr, toRead, error, bWaitForAll);
 }
 
 bool VornSocketConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
@@ -136,13 +136,14 @@ bool VornSocketConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode)
         nSize = 0;
         return false;
     }
-    return StreamSocket::peek(descriptorOf(m_pClient), pBuffer, nSize, nErrorCode);
+    return StreamSocket::peek(SocketCell::descriptorOf(m_pClient), pBuffer, nSize, nErrorCode);
 }
 
 VornString VornSocketConnection::getServerName() {
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    if (System::getsockname(descriptorOf(m_pClient), reinterpret_cast<sockaddr*>(&address), &length) == 0)
+    if (System::getsockname(SocketCell::descriptorOf(m_pClient), reinterpret_cast<sockaddr*>(&address),
+                            &length) == 0)
         m_sServerName = dottedText(address.sin_addr);
     return m_sServerName;
 }
@@ -172,7 +173,7 @@ int VornSocketConnection::establishImpl(VornString& sExceptionMessage) {
         socket.release();
         const sockaddr_in target =
             makeSocketAddress(findTarget(m_sRemoteName, m_nPort, m_bIdentify), m_nPort);
-        if (System::connect(descriptorOf(m_pClient), reinterpret_cast<const sockaddr*>(&target),
+        if (System::connect(SocketCell::descriptorOf(m_pClient), reinterpret_cast<const sockaddr*>(&target),
                             sizeof target) == -1)
             throw VornException(cConnectFailed, errno);
         if (!connectToServiceImpl())
@@ -185,12 +186,12 @@ int VornSocketConnection::establishImpl(VornString& sExceptionMessage) {
         // (ENOTCONN).
         if (m_pClient == nullptr)
             return 0;
-        Delivery::closeCell(m_pClient);
+        SocketCell::close(m_pClient);
         sExceptionMessage = e.getText();
         return e.getCode();
     } catch (...) {
         // A socket left behind half connected would pass for an established connection.
-        Delivery::closeCell(m_pClient);
+        SocketCell::close(m_pClient);
         throw;
     }
 }

@@ -29,21 +29,6 @@ constexpr const char* cNameFailed = "VornUDPServerSocket::init: failed to get so
 constexpr const char* cNoBuffer =
     "VornUDPServerSocket::waitForClientImpl: failed to allocate receive buffer.";
 
-/** What recvfrom() reports when the server's end is the reason: the wait ends. */
-bool isEnding(int nError) {
-    switch (nError) {
-    case EINTR: // kept: an interrupted wait is not taken up again
-    case EBADF:
-    case ENONET:
-    case ENOTSOCK:
-    case ECONNRESET:
-    case EHOSTDOWN:
-        return true;
-    default:
-        return false;
-    }
-}
-
 /** @return the official name of the sender's host, empty when it has none. */
 VornString identify(const sockaddr_in& sender) {
     const HostEntry host = HostEntry::byAddress(&sender.sin_addr, sizeof sender.sin_addr);
@@ -92,14 +77,15 @@ VornUDPServerSocket::~VornUDPServerSocket() {
 void VornUDPServerSocket::close() {
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
         return;
-    ServerGate::Closure closure(this, m_pSocketImpl);
-    if (!closure.isNeeded())
+    ServerGate::Closing closing(this, m_pSocketImpl);
+    if (!closing.isNeeded())
         return;
-    closure.closeSocket();
+    closing.closeSocket();
     __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
     const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
-    closure.releaseCell();
-    // Within the closure, while no new socket can be bound: one would take the datagram for a client.
+    closing.releaseCell();
+    // Before newcomers are let in, while no new socket can be bound: one would take the datagram for a
+    // client.
     sendWakeUp(nPort);
 }
 
@@ -124,16 +110,16 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
                   __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting messages...");
         sockaddr_in sender{};
         socklen_t length = sizeof sender;
-        ServerGate::Visit visit(this, m_pSocketImpl);
-        if (visit.descriptor() == -1)
+        ServerGate::Wait wait(this, m_pSocketImpl);
+        if (wait.descriptor() == -1)
             return {};
-        const ssize_t count = System::recvfrom(visit.descriptor(), buffer.get(), m_nBufferSize, 0,
+        const ssize_t count = System::recvfrom(wait.descriptor(), buffer.get(), m_nBufferSize, 0,
                                                reinterpret_cast<sockaddr*>(&sender), &length);
         const int nError = count == -1 ? errno : 0;
         // A derived class may have given the socket up by itself.
         const bool bHasSocket = __atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr;
         // Looked at first: to a socket that is being closed, recvfrom() reports an empty datagram.
-        if (visit.leave() || (count > 0 && !bHasSocket))
+        if (wait.end() || (count > 0 && !bHasSocket))
             return {};
         if (count > 0)
             return makeClient(buffer.get(), count, sender, bIdentify);
@@ -142,7 +128,7 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
                       "VornUDPServerSocket::receive: UDP server: exiting gracefully got no message");
             return {};
         }
-        if (isEnding(nError)) {
+        if (nError == ECONNRESET || ServerGate::endsWait(nError)) {
             logRecord(VornLogging::cDebug, "VornUDPServerSocket::waitForClientImpl: socket error=", nError,
                       ", exiting");
             nErrorCode = nError;
@@ -154,7 +140,7 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
 }
 
 void VornUDPServerSocket::init() {
-    ServerGate::awaitClosure(this);
+    ServerGate::awaitClosing(this);
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
         return;
     Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));

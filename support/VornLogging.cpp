@@ -3,6 +3,7 @@
 #include "VornLogging.h"
 
 #include "Cancellation.h"
+#include "NeverDestroyed.h"
 #include "SystemCalls.h"
 
 #include <array>
@@ -36,16 +37,7 @@ thread_local Record* t_record = nullptr;
 // written may have thrown.
 thread_local bool t_bDropping = false;
 
-/** Holds an object for the life of the process: threads and static objects may log while it ends. */
-template <typename T>
-union Immortal {
-    Immortal() : object() {}
-
-    ~Immortal() {}
-
-    T object;
-};
-
+/** Threads and static objects may log while the process ends, so nothing here is destroyed. */
 struct HandlerSlot {
     // Recursive: a handler may log, and may replace itself.
     std::recursive_mutex lock;
@@ -53,13 +45,13 @@ struct HandlerSlot {
 };
 
 HandlerSlot& handlerSlot() {
-    static Immortal<HandlerSlot> slot;
+    static NeverDestroyed<HandlerSlot> slot;
     return slot.object;
 }
 
 // Serialises the two setters, so that the admitted level always belongs to the last state of both.
 std::mutex& levelLock() {
-    static Immortal<std::mutex> lock;
+    static NeverDestroyed<std::mutex> lock;
     return lock.object;
 }
 

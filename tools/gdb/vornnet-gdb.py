@@ -349,16 +349,19 @@ def describe_connection(value):
 def concerned_threads(server):
     """Who is concerned with a TCP or UDP server just now: waiting threads and closing ones, from the
     library's list of them."""
-    try:
-        entry = gdb.parse_and_eval("VornNet::ServerGate::s_first")
-        waiting = closing = 0
+    def count(name):
+        found = 0
+        thread = gdb.parse_and_eval("VornNet::ServerGate::%s.m_first" % name)
         for _ in range(LONGEST_LIST):
-            if int(entry) == 0:
+            if int(thread) == 0:
                 break
-            if int(entry["server"]) == server:
-                closing += bool(entry["isClosure"])
-                waiting += not entry["isClosure"]
-            entry = entry["next"]
+            found += int(thread["m_server"]) == server
+            thread = thread["m_next"]
+        return found
+
+    try:
+        waiting = count("s_waits")
+        closing = count("s_closings")
     except gdb.error:
         return ""
     return joined(

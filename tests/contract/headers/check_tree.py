@@ -28,7 +28,8 @@ NO_HEADER = {
     "TemplateInstantiation": "nothing but instantiations",
 }
 # Headers that are not installed.
-INTERNAL = {"Cancellation", "LogRecord", "StandardStreams", "SystemCalls"}
+INTERNAL = {"Cancellation", "ForkHandlers", "IntrusiveList", "LogRecord", "NeverDestroyed", "StandardStreams",
+            "SystemCalls"}
 
 FIVE_WORDS = ("thread-safety", "blocking", "ownership", "signals", "errors")
 # Classes whose comment need not have them.

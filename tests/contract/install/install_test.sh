@@ -36,8 +36,7 @@ expected_files() {
     done | sed "s|^LIBDIR|$libdir|; s|CONFIGURATION|${configuration:-noconfig}|" | while read -r file; do
         case $file in
         HEADERS)
-            find "$source/include" "$source/support" -name '*.h' \
-                ! -name Cancellation.h ! -name LogRecord.h ! -name StandardStreams.h ! -name SystemCalls.h \
+            find "$source/include" "$source/support" \( -name 'Vorn*.h' -o -name ModuleData.h \) \
                 -printf "$includedir/vornnet/%f\n"
             ;;
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;

@@ -11,7 +11,7 @@
  *   -DBROKEN_NO_WAITING_LOCK  the waiting thread looks at the record and raises the flag in two steps
  *   -DBROKEN_NO_SERVER_LOCK   close() runs without the server's lock
  *   -DBROKEN_NO_SIGNAL        close() forgets to write to the wake-up pipe
- *   -DBROKEN_NO_DEPARTURE     a thread that shuts down does not tell that it is about to call close()
+ *   -DBROKEN_NO_RELEASING     a thread that shuts down does not tell that it is about to call close()
  *   -DBROKEN_NO_LAST_WAIT     the destructor does not wait for that thread at its end
  */
 
@@ -23,7 +23,7 @@ bool signalled[cRecords];   /* something is in the wake-up pipe */
 byte handle = 0;            /* m_pipeHandle */
 byte next = 1;
 bool serverLock = false;    /* m_lock */
-bool departing = false;     /* the waiting thread is about to release the record */
+bool releasing = false;     /* the waiting thread is about to release the record */
 bool destroyed = false;
 bool noMoreWaits = false;
 
@@ -44,10 +44,10 @@ inline unlockServer() {
 }
 
 inline closeLocked(isWaiter) {
-    atomic {                /* under the waiting lock; step: VornPipeServer::Departure::isOfOthers */
+    atomic {                /* under the waiting lock; step: VornPipeServer::Releasing::isLeftToAnother */
         seen = handle;
         signal = (seen != 0 && flag[seen]);
-        release = (seen != 0 && !flag[seen] && (isWaiter || !departing));
+        release = (seen != 0 && !flag[seen] && (isWaiter || !releasing));
 #ifndef BROKEN_NO_SERVER_LOCK
         if
         :: release -> handle = 0
@@ -128,12 +128,12 @@ proctype Waiter() {
                 if          /* step: awaitReadiness; until a client comes or somebody closes */
                 :: signalled[record] ->
                     assert(isHeld[record]);
-#ifndef BROKEN_NO_DEPARTURE
-                    departing = true; /* step: VornPipeServer::shutDown */
+#ifndef BROKEN_NO_RELEASING
+                    releasing = true; /* step: VornPipeServer::shutDown */
 #endif
                     lowerFlag();
                     close(true);
-                    departing = false
+                    releasing = false
                 :: !signalled[record] && round < 2 ->
                     assert(isHeld[record]);
                     lowerFlag() /* step: VornPipeServer::acceptClient */
@@ -167,7 +167,7 @@ proctype Owner() {
     od;
 #ifndef BROKEN_NO_LAST_WAIT
     if
-    :: handle == 0 -> (!departing) /* step: VornPipeServer::Departure::await */
+    :: handle == 0 -> (!releasing) /* step: VornPipeServer::Releasing::await */
     :: else
     fi;
 #endif

@@ -9,10 +9,10 @@
  * datagram is sent while a socket is bound that would take it for a client, and nobody stays blocked.
  *
  * Broken variants, each of which the checker must catch:
- *   -DBROKEN_NO_EVICTION   close() does not wait until the visitor has left
+ *   -DBROKEN_NO_EVICTION   close() does not wait until the waiting thread has left
  *   -DBROKEN_NO_SHUTDOWN   close() does not shut the socket down
  *   -DBROKEN_EARLY_REOPEN  init() does not wait for a closing that is under way, and the pointer is cleared first
- *   -DBROKEN_TWO_CLOSURES  two threads may close at once
+ *   -DBROKEN_TWO_CLOSINGS  two threads may close at once
  */
 
 #define cSockets 4
@@ -23,14 +23,14 @@ byte cell = 0;             /* m_pSocketImpl: the descriptor, 0 for null */
 byte next = 1;
 bool portHeld = false;
 
-bool closing = false;      /* a Closure is in the list */
-bool visiting = false;     /* a Visit is in the list */
-bool wasClosed = false;    /* the visitor's mark */
+bool closing = false;      /* a Closing is in the list */
+bool waiting = false;      /* a Wait is in the list */
+bool wasClosed = false;    /* the waiting thread's mark */
 bool waiterEnded = false;
 
 inline openServer() {      /* step: VornServerSocket::init */
 #ifndef BROKEN_EARLY_REOPEN
-    (!closing);            /* step: ServerGate::awaitClosure */
+    (!closing);            /* step: ServerGate::awaitClosing */
 #endif
     if
     :: cell == 0 ->
@@ -46,12 +46,12 @@ inline openServer() {      /* step: VornServerSocket::init */
     fi
 }
 
-inline enterVisit() {      /* step: ServerGate::Visit::Visit */
-    atomic { !closing -> descriptor = cell; wasClosed = false; visiting = true }
+inline beginWait() {      /* step: ServerGate::Wait::Wait */
+    atomic { !closing -> descriptor = cell; wasClosed = false; waiting = true }
 }
 
-inline leaveVisit() {      /* step: ServerGate::Visit::leave */
-    atomic { visiting = false; sentAway = wasClosed }
+inline endWait() {      /* step: ServerGate::Wait::end */
+    atomic { waiting = false; sentAway = wasClosed }
     if
     :: sentAway -> (!closing)
     :: else
@@ -68,7 +68,7 @@ proctype Waiter() {
         :: else
         fi;
         openServer();
-        enterVisit();
+        beginWait();
         if
         :: descriptor != 0 ->
             assert(isOpen[descriptor]);
@@ -78,7 +78,7 @@ proctype Waiter() {
             fi
         :: else
         fi;
-        leaveVisit()
+        endWait()
     }
     waiterEnded = true
 }
@@ -87,48 +87,48 @@ inline close() {
     if
     :: cell == 0 -> needed = false
     :: else ->
-#ifdef BROKEN_TWO_CLOSURES
+#ifdef BROKEN_TWO_CLOSINGS
         atomic { needed = (cell != 0); closing = needed }
 #else
-        atomic { !closing -> needed = (cell != 0); closing = needed } /* step: ServerGate::Closure::Closure */
+        atomic { !closing -> needed = (cell != 0); closing = needed } /* step: ServerGate::Closing::Closing */
 #endif
     fi;
     if
     :: needed ->
-        doomed = cell;     /* step: ServerGate::Closure::closeSocket */
+        doomed = cell;     /* step: ServerGate::Closing::closeSocket */
 #ifdef BROKEN_EARLY_REOPEN
         cell = 0;
 #endif
         atomic {
-            isVisited = visiting;
-            wasClosed = wasClosed || visiting;
+            isWaitedOn = waiting;
+            wasClosed = wasClosed || waiting;
 #ifndef BROKEN_NO_SHUTDOWN
-            isShutDown[doomed] = isShutDown[doomed] || visiting
+            isShutDown[doomed] = isShutDown[doomed] || waiting
 #endif
         }
 #ifndef BROKEN_NO_EVICTION
         if
-        :: isVisited -> (!visiting)
+        :: isWaitedOn -> (!waiting)
         :: else
         fi;
 #endif
         atomic { assert(isOpen[doomed]); isOpen[doomed] = false; portHeld = false }
         assert(!portHeld); /* the wake-up datagram of a UDP server: nobody is bound to take it */
-        atomic { cell = 0; closing = false } /* step: ServerGate::Closure::~Closure */
+        atomic { cell = 0; closing = false } /* step: ServerGate::Closing::~Closing */
     :: else
     fi
 }
 
 proctype Closer() {
     bool needed;
-    bool isVisited;
+    bool isWaitedOn;
     byte doomed;
     close()
 }
 
 proctype Owner() {
     bool needed;
-    bool isVisited;
+    bool isWaitedOn;
     byte doomed;
     do
     :: waiterEnded -> break

@@ -92,7 +92,7 @@ proctype Destructor() {      /* step: VornLibraryCallbackSink::endThread */
     :: !threadEnded ->
         closeServer();
 #ifndef BROKEN_NO_CUT_OFF
-        atomic { if :: isReading -> cutOff = true :: else fi } /* step: Delivery::cutOff */
+        atomic { if :: isReading -> cutOff = true :: else fi } /* step: ServedConnection::endRead */
 #endif
 #ifdef BROKEN_NO_WAIT
         break
