@@ -18,15 +18,15 @@ using VornSupport::VornLogging;
 class Module : public VornSupport::ModuleData {
 public:
     explicit Module(bool bAutoInit) : ModuleData(bAutoInit) {
-        if (!m_bAutoInit)        // GCOVR_EXCL_BR_LINE: the one instance is made with true
-            return;              // GCOVR_EXCL_LINE: as above
-        if (m_nAttachCount == 0) // GCOVR_EXCL_BR_LINE: made once
+        if (!m_bAutoInit)
+            return;
+        if (m_nAttachCount == 0)
             Module::attach();
         ++m_nAttachCount;
     }
 
     ~Module() override {
-        if (m_bAutoInit && m_nAttachCount > 0 && --m_nAttachCount == 0) // GCOVR_EXCL_BR_LINE: as above
+        if (m_bAutoInit && m_nAttachCount > 0 && --m_nAttachCount == 0)
             Module::detach();
     }
 

@@ -10,8 +10,10 @@
 #include "Posix.h"
 #include "Process.h"
 #include "SharedObject.h"
+#include "plugins/ModuleInstances.h"
 #include "plugins/RegistryPlugin.h"
 
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -33,6 +35,14 @@ using testing::IsEmpty;
 using testing::Not;
 
 class ModuleTest : public LeakCheckedTest {};
+
+/// A module's life, see liveAsModule().
+struct Life {
+    bool autoInit;
+    int start;
+    int more;
+    std::vector<std::string> events;
+};
 
 const std::string pluginFile = VORNTEST_REGISTRY_PLUGIN_FILE;
 const std::string neighbourFile = VORNTEST_NEIGHBOUR_FILE;
@@ -117,6 +127,19 @@ KIT_ROLE(exitWhileLoaded) {
     return 0;
 }
 
+KIT_ROLE(exitWithAFunctionThatUsesTheRegistryAfterwards) {
+    printRecords(9);
+    static const SharedObject* plugin = nullptr;
+    // What is registered before the library is loaded runs when its module has been destroyed.
+    std::atexit([] {
+        std::cout << "found " << plugin->function<decltype(registrySize)>("registrySize")() << std::endl;
+        registerProxies(*plugin, 2);
+    });
+    plugin = new SharedObject(pluginFile);
+    registerProxies(*plugin, 1);
+    return 0;
+}
+
 KIT_ROLE(exitWhileLoadedToStandardError) {
     VornLogging::getInstance().setLogLevel(9);
     static const SharedObject* plugin = new SharedObject(pluginFile);
@@ -182,6 +205,47 @@ TEST_F(ModuleTest, WhenTheProcessExitsWithoutAHandler_WritesBothRecordsToStandar
     EXPECT_THAT(errors, testing::MatchesRegex("[^\n]* 9 [^\n]* vnet::Module::detach: entering\n"
                                               "[^\n]* 9 [^\n]* vnet::Module::detach: exiting\n"));
     EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(ModuleTest, AfterDetachingAtExit_TheNextRegistryIsFreshAndEmpty) {
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("exitWithAFunctionThatUsesTheRegistryAfterwards")),
+                ElementsAre("registered 1", "9 vnet::Module::detach: entering", "proxy released",
+                            "9 vnet::Module::detach: exiting", "found 0", "registered 2"));
+}
+
+TEST_F(ModuleTest, AttachesWhenItsCounterLeavesZeroAndDetachesWhenItIsZeroAgain) {
+    static std::vector<std::string> events;
+    const std::vector<std::string> attach = {"VNETInitWinsock", "VNETInitSSL"};
+    const std::vector<std::string> detach = {"9 vnet::Module::detach: entering", "deleteInstance",
+                                             "VNETFinitSSL", "VNETFinitWinsock",
+                                             "9 vnet::Module::detach: exiting"};
+    const auto joined = [](std::vector<std::string> result, const std::vector<std::string>& more) {
+        result.insert(result.end(), more.begin(), more.end());
+        return result;
+    };
+    const std::vector<Life> lives = {
+        {true, 0, 0, joined(joined(joined(attach, {"count 1"}), detach), {"count 0"})},
+        {true, 0, 1, joined(attach, {"count 1", "count 1"})},
+        {true, 1, 0, {"count 2", "count 1"}},
+        {true, 1, -1, joined(joined({"count 2"}, detach), {"count 0"})},
+        {true, 0, -1, joined(attach, {"count 1", "count 0"})},
+        {true, 0, -2, joined(attach, {"count 1", "count -1"})},
+        {false, 0, 0, {"count 0", "count 0"}},
+        {false, 0, 1, {"count 0", "count 1"}},
+        {false, 1, 0, {"count 1", "count 1"}},
+    };
+    const SharedObject plugin(VORNTEST_MODULE_INSTANCES_FILE);
+    const auto live = plugin.function<decltype(liveAsModule)>("liveAsModule");
+    VornLogging::setRecordHandler(
+        [](int level, const VornString& text) { events.push_back(std::to_string(level) + " " + text); });
+    VornLogging::getInstance().setLogLevel(9);
+    for (const Life& life : lives) {
+        events.clear();
+        live(life.autoInit, life.start, life.more, [](const char* event) { events.emplace_back(event); });
+        EXPECT_EQ(events, life.events) << life.autoInit << ' ' << life.start << ' ' << life.more;
+    }
+    VornLogging::getInstance().setLogLevel(VornLogging::cOff);
+    VornLogging::setRecordHandler({});
 }
 
 TEST_F(ModuleTest, ANeighbourLibraryWithAClassModule_KeepsItsHooksWhenLoadedFirst) {

@@ -161,6 +161,24 @@ TEST_F(VornProxyDependentContainerTest,
     EXPECT_TRUE(registry().lookup("pipe:y", 2) == nullptr);
 }
 
+TEST_F(VornProxyDependentContainerTest, DeleteInstance_WhenAProxyAsksForTheSizeAsItGoes_TellsItZero) {
+    class Asking : public VornProxyDependent {
+    public:
+        explicit Asking(int& size) : VornProxyDependent("pipe:x", 1), m_size(size) {}
+
+        ~Asking() override { m_size = registry().size(); }
+
+    private:
+        int& m_size;
+    };
+
+    int size = -1;
+    registry().add(new Asking(size));
+    registry().add(make("pipe:y", 2));
+    VornProxyDependentContainer::deleteInstance();
+    EXPECT_EQ(size, 0);
+}
+
 TEST_F(VornProxyDependentContainerTest, Instance_IsNullUntilItIsAskedForAndAfterItIsDeleted) {
     struct Probe : VornProxyDependentContainer {
         static VornProxyDependentContainer* instance() { return m_pThis; }

@@ -7,8 +7,10 @@
 
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 
 #include <VornException.h>
+#include <VornObjectBase.h>
 #include <VornUnableToResolveAddressException.h>
 #include <gtest/gtest.h>
 
@@ -69,6 +71,19 @@ TEST_F(VornUnableToResolveAddressExceptionTest, ThrownByAnotherSharedObject_IsCa
         text = exception.getText();
     }
     EXPECT_EQ(text, "VornUnableToResolveAddressException - over there");
+}
+
+TEST_F(VornUnableToResolveAddressExceptionTest, CaughtAsItsBase_HasItsOwnRunTimeTypeName) {
+    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
+    const auto thrower =
+        plugin.function<decltype(throwUnableToResolveAddress)>("throwUnableToResolveAddress");
+    std::string name;
+    try {
+        thrower("over there");
+    } catch (const VornException& exception) {
+        name = VornSupport::VornObjectBase::normalizeClassName(typeid(exception).name());
+    }
+    EXPECT_EQ(name, "VornNet::VornUnableToResolveAddressException");
 }
 
 TEST_F(VornUnableToResolveAddressExceptionTest, ThrownByAnotherSharedObject_IsCaughtAsItsBase) {

@@ -7,8 +7,10 @@
 
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 
 #include <VornException.h>
+#include <VornObjectBase.h>
 #include <VornUnableToResolveNameException.h>
 #include <gtest/gtest.h>
 
@@ -67,6 +69,18 @@ TEST_F(VornUnableToResolveNameExceptionTest, ThrownByAnotherSharedObject_IsCaugh
         text = exception.getText();
     }
     EXPECT_EQ(text, "VornUnableToResolveNameException - over there");
+}
+
+TEST_F(VornUnableToResolveNameExceptionTest, CaughtAsItsBase_HasItsOwnRunTimeTypeName) {
+    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
+    const auto thrower = plugin.function<decltype(throwUnableToResolveName)>("throwUnableToResolveName");
+    std::string name;
+    try {
+        thrower("over there");
+    } catch (const VornException& exception) {
+        name = VornSupport::VornObjectBase::normalizeClassName(typeid(exception).name());
+    }
+    EXPECT_EQ(name, "VornNet::VornUnableToResolveNameException");
 }
 
 TEST_F(VornUnableToResolveNameExceptionTest, ThrownByAnotherSharedObject_IsCaughtAsItsBase) {

@@ -85,6 +85,54 @@ private:
 
 constexpr int cLimit = static_cast<int>(defaultLimit.count());
 
+/// Work that can hold up whoever takes a reference to it, or lets go of one.
+class WatchedWork : public VornWorkInformation {
+public:
+    void addRef() override {
+        if (m_holdsAdding) {
+            m_holding.pass();
+        }
+        VornWorkInformation::addRef();
+    }
+
+    void release() override {
+        if (m_holdsReleasing) {
+            m_holding.pass();
+        }
+        VornWorkInformation::release();
+    }
+
+    std::atomic<bool> m_holdsAdding{false};
+    std::atomic<bool> m_holdsReleasing{false};
+    Gate m_holding;
+};
+
+/// A thread that is held up before it takes its work.
+class StartingThread : public VornThread {
+public:
+    StartingThread() : VornThread("starting") {}
+
+    ~StartingThread() override {
+        m_starting.open();
+        wait(-1);
+    }
+
+    int run() override {
+        m_starting.pass();
+        m_tid = currentTid();
+        return VornThread::run();
+    }
+
+    int run(VornWorkInformation&) override {
+        m_worked = true;
+        return 0;
+    }
+
+    Gate m_starting;
+    std::atomic<pid_t> m_tid{0};
+    std::atomic<bool> m_worked{false};
+};
+
 std::string systemName(pid_t tid) {
     return readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm");
 }
@@ -374,6 +422,43 @@ TEST_F(VornThreadTest, WorkInformation_IsPassedToTheOtherRunByTheNextStart) {
     EXPECT_EQ(thread.m_seen, static_cast<VornWorkInformation*>(work));
     thread.setWorkInfo(nullptr);
     EXPECT_EQ(work->refCount(), 1);
+}
+
+TEST_F(VornThreadTest, SetWorkInfo_WhileTheThreadTakesTheFormerOne_Waits) {
+    StartingThread thread;
+    const VornSmartPointer<WatchedWork> former(new WatchedWork);
+    thread.setWorkInfo(static_cast<WatchedWork*>(former));
+    thread.start();
+    EXPECT_TRUE(thread.m_starting.awaitEntered());
+    former->m_holdsAdding = true;
+    thread.m_starting.open();
+    EXPECT_TRUE(former->m_holding.awaitEntered());
+    WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
+    EXPECT_TRUE(awaitBlockedOnLock(setter.tid()));
+    EXPECT_FALSE(setter.finished());
+    former->m_holdsAdding = false;
+    former->m_holding.open();
+    EXPECT_TRUE(setter.join());
+    EXPECT_EQ(thread.wait(cLimit), true);
+    EXPECT_EQ(thread.m_worked, true);
+}
+
+TEST_F(VornThreadTest, TheThread_WhileItsWorkIsBeingSet_WaitsBeforeItTakesIt) {
+    StartingThread thread;
+    const VornSmartPointer<WatchedWork> former(new WatchedWork);
+    thread.setWorkInfo(static_cast<WatchedWork*>(former));
+    thread.start();
+    EXPECT_TRUE(thread.m_starting.awaitEntered());
+    former->m_holdsReleasing = true;
+    WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
+    EXPECT_TRUE(former->m_holding.awaitEntered());
+    thread.m_starting.open();
+    EXPECT_TRUE(awaitCondition([&] { return thread.m_tid != 0; }));
+    EXPECT_TRUE(awaitBlockedOnLock(thread.m_tid));
+    former->m_holding.open();
+    EXPECT_TRUE(setter.join());
+    EXPECT_EQ(thread.wait(cLimit), true);
+    EXPECT_EQ(thread.m_worked, false);
 }
 
 TEST_F(VornThreadTest, Notify_TellsItsDependents) {
