@@ -684,6 +684,11 @@ VORNTEST_EXPORT int eventfd(unsigned count, int flags) noexcept {
     VORNTEST_WATCH(int, VornTest::describe("eventfd", -1, count, flags), real(count, flags));
 }
 
+VORNTEST_EXPORT uid_t getuid() noexcept {
+    VORNTEST_REAL(getuid);
+    VORNTEST_WATCH(uid_t, VornTest::describe("getuid", -1), real());
+}
+
 VORNTEST_EXPORT int usleep(useconds_t microseconds) {
     VORNTEST_REAL(usleep);
     VORNTEST_WATCH(int, VornTest::describe("usleep", -1, microseconds), real(microseconds));

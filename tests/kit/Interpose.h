@@ -18,7 +18,7 @@
  *
  * A program linked with the library of this file defines the functions socket, bind, listen, accept, accept4,
  * connect, send, recv, sendto, recvfrom, setsockopt, getsockname, getsockopt, shutdown, close, pipe, pipe2,
- * eventfd, read, write, unlink, chmod, chown, fchmod, select, poll, fcntl, usleep, getgrnam_r,
+ * eventfd, read, write, unlink, chmod, chown, fchmod, select, poll, fcntl, usleep, getuid, getgrnam_r,
  * gethostbyname_r and gethostbyaddr_r itself, which pre-empts the C library's for everybody who calls them
  * through the dynamic linker or from an archive. They forward to the real ones unless an object of the
  * classes below says otherwise. Calls which the C library makes from within itself are not seen. The kit's

@@ -202,6 +202,25 @@ private:
     bool m_open = false;
 };
 
+/// While it exists, the next call of a function is held up before it is made, until the test lets it go on.
+class HeldCall {
+public:
+    explicit HeldCall(const std::string& function) : m_hook(function, [this] { m_checkpoint.pass(); }) {}
+
+    ~HeldCall() { open(); }
+
+    HeldCall(const HeldCall&) = delete;
+    HeldCall& operator=(const HeldCall&) = delete;
+
+    bool awaitReached() { return m_checkpoint.awaitReached(); }
+
+    void open() { m_checkpoint.open(); }
+
+private:
+    Checkpoint m_checkpoint;
+    CallHook m_hook;
+};
+
 /// While it exists, the action is done by whoever logs a record with the text, at the level or below, once.
 class RecordAction {
 public:
@@ -273,22 +292,22 @@ inline bool isCloseOnExec(int fd) {
     return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
-/// While it exists, every new descriptor's number is above 1,024.
+/// While it exists, every new descriptor's number is above @p last.
 class ManyDescriptors {
 public:
-    ManyDescriptors() {
+    explicit ManyDescriptors(int last = 1100) {
         ::getrlimit(RLIMIT_NOFILE, &m_old);
         rlimit raised = m_old;
-        raised.rlim_cur = std::max<rlim_t>(m_old.rlim_cur, enough + 200);
+        raised.rlim_cur = std::max<rlim_t>(m_old.rlim_cur, static_cast<rlim_t>(last) + 200);
         if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) {
             throw std::system_error(errno, std::generic_category(), "setrlimit()");
         }
-        int last = -1;
+        int newest = -1;
         do {
-            last = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-            m_descriptors.emplace_back(last);
-        } while (last != -1 && last < enough);
-        EXPECT_EQ(last, enough);
+            newest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            m_descriptors.emplace_back(newest);
+        } while (newest != -1 && newest < last);
+        EXPECT_EQ(newest, last);
     }
 
     ~ManyDescriptors() {
@@ -299,8 +318,15 @@ public:
     ManyDescriptors(const ManyDescriptors&) = delete;
     ManyDescriptors& operator=(const ManyDescriptors&) = delete;
 
+    /// Makes one of the numbers free again.
+    void free(int fd) {
+        for (UniqueFd& descriptor : m_descriptors) {
+            if (descriptor.get() == fd)
+                descriptor.reset();
+        }
+    }
+
 private:
-    static constexpr int enough = 1100;
     rlimit m_old = {};
     std::vector<UniqueFd> m_descriptors;
 };

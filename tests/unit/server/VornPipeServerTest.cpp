@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -54,6 +55,7 @@ public:
     using VornPipeServer::_pipe;
     using VornPipeServer::init;
     using VornPipeServer::m_iAccessPrivileges;
+    using VornPipeServer::m_lock;
     using VornPipeServer::m_pipeHandle;
     using VornPipeServer::m_sPipeName;
     using VornPipeServer::m_sUserGroupName;
@@ -951,4 +953,96 @@ TEST_F(VornPipeServerTest, Close_WhenTheWakeUpPipeHasAnEventButNoRoom_DoesNotWri
     EXPECT_FALSE(wait.thread().finished());
     server.close();
     expectQuiet(wait.outcome());
+}
+
+TEST_F(VornPipeServerTest, WithADescriptorOfExactly1024_WaitsWithoutSelect) {
+    // The pipe's ends are opened first and then the socket.
+    for (const int last : {1020, 1021, 1022, 1023}) {
+        ManyDescriptors many(last);
+        Probe server("kite");
+        ASSERT_EQ(server.record()->m_hClientPipe, last + 3);
+        const UniqueFd peer = unixConnect(pipePath("kite"));
+        const CallTrace trace;
+        EXPECT_NE(waitFor(server).client(), nullptr);
+        EXPECT_EQ(trace.calls("select"), last == 1020 ? 1 : 0) << last;
+        EXPECT_EQ(trace.calls("poll"), last == 1020 ? 0 : 1) << last;
+    }
+}
+
+TEST_F(VornPipeServerTest, WithAWakeUpPipeOfExactly1024_WaitsWithoutSelect) {
+    for (const int last : {1022, 1023}) {
+        ManyDescriptors many(last);
+        const CallHook hook("socket", [&] { many.free(1000); });
+        Probe server("kite");
+        ASSERT_EQ(server.record()->m_hClientPipe, 1000);
+        ASSERT_EQ(server.record()->m_hRWPipe[0], last + 1);
+        const UniqueFd peer = unixConnect(pipePath("kite"));
+        const CallTrace trace;
+        EXPECT_NE(waitFor(server).client(), nullptr);
+        EXPECT_EQ(trace.calls("select"), last == 1022 ? 1 : 0) << last;
+        EXPECT_EQ(trace.calls("poll"), last == 1022 ? 0 : 1) << last;
+    }
+}
+
+TEST_F(VornPipeServerTest, Close_HoldsItsLockOverAllThatItDoes) {
+    // The first closes a server that nobody waits on; the second wakes a thread.
+    for (const char* function : {"close", "write"}) {
+        Probe server("kite");
+        std::optional<ClientWait> wait;
+        if (std::string(function) == "write") {
+            wait.emplace(server);
+            ASSERT_TRUE(wait->awaitBlocked());
+        }
+        HeldCall working(function);
+        WatchedThread closer([&] { server.close(); });
+        ASSERT_TRUE(working.awaitReached());
+        WatchedThread visitor([&] { const VornNet::VornCriticalSection lock(server.m_lock, true); });
+        EXPECT_TRUE(awaitBlockedOnLock(visitor.tid())) << function;
+        EXPECT_FALSE(visitor.finished()) << function;
+        working.open();
+        EXPECT_TRUE(closer.join());
+        EXPECT_TRUE(visitor.join());
+        if (wait)
+            expectQuiet(wait->outcome());
+    }
+}
+
+TEST_F(VornPipeServerTest, Close_BesideAnotherClose_ReleasesOnlyOnce) {
+    Probe server("kite");
+    const std::vector<int> descriptors = server.descriptors();
+    const CallTrace trace;
+    HeldCall releasing("close");
+    WatchedThread first([&] { server.close(); });
+    ASSERT_TRUE(releasing.awaitReached());
+    WatchedThread second([&] { server.close(); });
+    EXPECT_TRUE(awaitBlockedOnLock(second.tid()));
+    EXPECT_FALSE(second.finished());
+    releasing.open();
+    EXPECT_TRUE(first.join());
+    EXPECT_TRUE(second.join());
+    EXPECT_EQ(trace.calls("close"), 3);
+    for (const int fd : descriptors) {
+        EXPECT_FALSE(isOpen(fd)) << fd;
+    }
+}
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndAGroup_TheFileIsGivenToTheRealUser) {
+    useGroupFile("root:x:0:\nfalcon:x:4711:\n");
+    const CallTrace trace;
+    FaultRule realUser("getuid", 0);
+    realUser.returning(1234); // as in a program that has the rights of its file's owner
+    const Probe server("kite", 1, "falcon");
+    ASSERT_EQ(trace.calls("chown"), 1);
+    EXPECT_EQ(trace.records("chown").at(0).second, 1234);
+}
+
+TEST_F(VornPipeServerTest, WithPrivileges1AndAGroupThatNeedsMoreAndMoreRoom_GivesUpAt16Megabytes) {
+    const LogCapture log(9);
+    FaultRule tooShort("getgrnam_r", 0, 1, FaultRule::always);
+    tooShort.returning(ERANGE);
+    const Probe server("kite", 1, "falcon");
+    // 1,024 bytes at first, twice as much each time.
+    EXPECT_EQ(tooShort.calls(), 15);
+    EXPECT_EQ(log.count("failed to grant rw access"), 1);
+    unixConnect(pipePath("kite"));
 }

@@ -750,3 +750,52 @@ TEST_F(VornServerSocketTest, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_Ret
     EXPECT_EQ(outcome.code, untouchedCode);
     reset(peer);
 }
+
+TEST_F(VornServerSocketTest, Wait_WhenAnotherThreadsCloseHasEndedIt_ReturnsOnlyWhenThatCloseIsOver) {
+    Probe server(port, 5, "*");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    HeldCall closing("close");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(closing.awaitReached());
+    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
+    EXPECT_FALSE(wait.thread().finished());
+    closing.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(closer.join());
+}
+
+TEST_F(VornServerSocketTest, Wait_BegunDuringAnotherThreadsClose_OpensTheServerAgainAfterwardsAndServes) {
+    Probe server(port, 5, "*");
+    server.init();
+    HeldCall closing("close");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(closing.awaitReached());
+    ClientWait wait(server);
+    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
+    EXPECT_FALSE(wait.thread().finished());
+    closing.open();
+    EXPECT_TRUE(closer.join());
+    ASSERT_TRUE(wait.awaitBlocked());
+    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    EXPECT_NE(wait.outcome().client(), nullptr);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, TwoWaitsOnOneServer_DoNotHoldEachOtherUp) {
+    Probe server(port, 5, "*");
+    server.init();
+    ClientWait first(server);
+    ASSERT_TRUE(first.awaitBlocked());
+    ClientWait second(server);
+    ASSERT_TRUE(second.awaitBlocked());
+    const auto finished = [&] { return first.thread().finished() + second.thread().finished(); };
+    UniqueFd one = tcpConnect("127.0.0.1", port);
+    EXPECT_TRUE(awaitCondition([&] { return finished() == 1; }));
+    UniqueFd other = tcpConnect("127.0.0.1", port);
+    EXPECT_TRUE(awaitCondition([&] { return finished() == 2; }));
+    EXPECT_NE(first.outcome().client(), nullptr);
+    EXPECT_NE(second.outcome().client(), nullptr);
+    reset(one);
+    reset(other);
+}

@@ -21,6 +21,7 @@
 #include <arpa/inet.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
 using namespace VornTest;
 using VornNet::VornBufferConnection;
@@ -725,4 +726,67 @@ TEST_F(VornUDPServerSocketTest, Close_WhenItSendsTheWakeUp_HasGivenUpTheSocketAl
         server.close();
     }
     EXPECT_EQ(hasSocket, std::optional<bool>(false));
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_WhenAnotherThreadsCloseHasEndedIt_ReturnsOnlyWhenThatCloseIsOver) {
+    Probe server(port, "*", 100);
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    HeldCall closing("close");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(closing.awaitReached());
+    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
+    EXPECT_FALSE(wait.thread().finished());
+    closing.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(closer.join());
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_BegunDuringAnotherThreadsClose_OpensTheServerAgainAfterwardsAndServes) {
+    Probe server(port, "*", 100);
+    server.init();
+    HeldCall closing("close");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(closing.awaitReached());
+    ClientWait wait(server);
+    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
+    EXPECT_FALSE(wait.thread().finished());
+    closing.open();
+    EXPECT_TRUE(closer.join());
+    ASSERT_TRUE(wait.awaitBlocked());
+    send("abc");
+    EXPECT_NE(wait.outcome().client(), nullptr);
+}
+
+TEST_F(VornUDPServerSocketTest, TwoWaitsOnOneServer_DoNotHoldEachOtherUp) {
+    Probe server(port, "*", 100);
+    server.init();
+    ClientWait first(server);
+    ASSERT_TRUE(first.awaitBlocked());
+    ClientWait second(server);
+    ASSERT_TRUE(second.awaitBlocked());
+    const auto finished = [&] { return first.thread().finished() + second.thread().finished(); };
+    send("one");
+    EXPECT_TRUE(awaitCondition([&] { return finished() == 1; }));
+    send("other");
+    EXPECT_TRUE(awaitCondition([&] { return finished() == 2; }));
+    EXPECT_NE(first.outcome().client(), nullptr);
+    EXPECT_NE(second.outcome().client(), nullptr);
+}
+
+TEST_F(VornUDPServerSocketTest, Wait_BegunWhileCloseSendsItsDatagram_DoesNotTakeItForAClient) {
+    Probe server(port, "*", 100);
+    server.init();
+    HeldCall sending("sendto");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(sending.awaitReached());
+    ClientWait wait(server);
+    // It must not have a socket yet; if it had one, it would be blocked on it.
+    ASSERT_TRUE(awaitBlockedIn(wait.thread().tid(), {SYS_futex, SYS_recvfrom}));
+    sending.open();
+    EXPECT_TRUE(closer.join());
+    ASSERT_TRUE(wait.awaitBlocked());
+    send("abc");
+    ASSERT_NE(wait.outcome().client(), nullptr);
+    EXPECT_EQ(contentOf(wait.outcome().client()), "abc");
 }
