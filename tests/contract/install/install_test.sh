@@ -42,7 +42,7 @@ expected_files() {
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
         PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
         CHAPTERS)
-            find "$source/docs" \( -name behaviour -o -name man -o -name site \) -prune -o \( -name '*.md' -o -name '*.svg' \) \
+            find "$source/docs" \( -name man -o -name site \) -prune -o \( -name '*.md' -o -name '*.svg' \) \
                 -printf 'share/doc/vornnet/%P\n'
             ;;
         EXAMPLES)
