@@ -46,8 +46,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.tmpfiles
 # Chapters are looked for when they are installed, and so is what script/docs renders: a site and manual pages.
 set(VORNNET_DOCS_DIR ${PROJECT_SOURCE_DIR}/build/docs CACHE PATH "Where script/docs has put what it renders")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg"
-    PATTERN man EXCLUDE PATTERN site EXCLUDE)
+    FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN site EXCLUDE PATTERN diagrams EXCLUDE)
+foreach(images IN ITEMS diagrams performance)
+    install(DIRECTORY ${VORNNET_DOCS_DIR}/${images} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation OPTIONAL)
+endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
     FILES_MATCHING PATTERN "*.cpp" PATTERN "*.h" PATTERN CMakeLists.txt)

@@ -1,11 +1,13 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""The plots, as small SVG files that are the same for the same numbers."""
+"""The plots, as small SVG files that are the same for the same numbers: plots.py DIRECTORY draws what is stored."""
 
 import html
 import math
+import pathlib
+import sys
 
-from results import OURS, SCALES, WORKLOADS, scale_lines
+from results import OURS, SCALES, WORKLOADS, load_measured
 from tables import number
 
 LICENSE = (
@@ -46,12 +48,11 @@ class Drawing:
         path.write_text("\n".join(lines + self.elements) + "\n</svg>\n")
 
 
-def plot_ratios(path, workload, result):
+def plot_ratios(path, workload, contenders):
     """A bar for each contender, with a whisker from the lower quartile to the upper."""
     left, right, top, row_height = 150, WIDTH - 70, 34, 26
-    contenders = result["contenders"]
     bottom = top + row_height * len(contenders)
-    most = max(max(row["ratio"]["upper"] for row in contenders.values()), workload.get("bar", 1))
+    most = max(max(upper for _, _, upper in contenders.values()), workload.get("bar", 1))
     is_logarithmic = most > 50
 
     def place(ratio):
@@ -59,16 +60,16 @@ def plot_ratios(path, workload, result):
         return left + share * (right - left)
 
     drawing = Drawing(workload["title"], bottom + 30)
-    for at, (contender, row) in enumerate(contenders.items()):
-        ratio, y = row["ratio"], top + row_height * at
+    for at, (contender, (median, lower, upper)) in enumerate(contenders.items()):
+        y = top + row_height * at
         drawing.text(left - 8, y + 17, contender, anchor="end")
         colour = OUR_COLOUR if contender.startswith(OURS) else OTHER_COLOUR
-        drawing.rectangle(left, y + 4, place(ratio["median"]) - left, row_height - 8, colour)
-        drawing.line(place(ratio["lower"]), y + 13, place(ratio["upper"]), y + 13, "#000000", ' stroke-width="3"')
-        end = place(ratio["upper"])
+        drawing.rectangle(left, y + 4, place(median) - left, row_height - 8, colour)
+        drawing.line(place(lower), y + 13, place(upper), y + 13, "#000000", ' stroke-width="3"')
+        end = place(upper)
         if end < place(workload.get("bar", 0)) < end + 40:
             end = place(workload["bar"])  # so that the line does not cross the number
-        drawing.text(end + 6, y + 17, number(ratio["median"]), kind="small")
+        drawing.text(end + 6, y + 17, number(median), kind="small")
     drawing.line(place(1), top, place(1), bottom, "#000000")
     if "bar" in workload:
         drawing.line(place(workload["bar"]), top, place(workload["bar"]), bottom, BAR_COLOUR, ' stroke-dasharray="5 3"')
@@ -89,11 +90,10 @@ def axis(values, low, high):
     return place, [10.0**exponent for exponent in range(first, last + 1)]
 
 
-def plot_scale(path, workload, rounds):
+def plot_scale(path, workload, cheapest, lines):
     """A line for each contender, both axes logarithmic."""
     left, right, top, bottom = 90, WIDTH - 30, 36, 350
     title, unit = SCALES[workload]
-    cheapest, lines = scale_lines(rounds)
     across, marks_across = axis([place for points in lines.values() for place in points], left, right)
     up, marks_up = axis([cost for points in lines.values() for cost in points.values()], bottom, top)
     drawing = Drawing(title, bottom + 66)
@@ -117,12 +117,14 @@ def plot_scale(path, workload, rounds):
     drawing.write(path)
 
 
-def plot_all_ratios(directory, results):
+def plot_all(directory, measured):
+    directory.mkdir(parents=True, exist_ok=True)
     for workload in WORKLOADS:
-        if workload["name"] in results:
-            plot_ratios(directory / f"{workload['name']}.svg", workload, results[workload["name"]])
+        if workload["name"] in measured.get("ratios", {}):
+            plot_ratios(directory / f"{workload['name']}.svg", workload, measured["ratios"][workload["name"]])
+    for workload, (cheapest, lines) in measured.get("scale", {}).items():
+        plot_scale(directory / f"{workload}.svg", workload, cheapest, lines)
 
 
-def plot_all_scales(directory, rounds_of):
-    for workload, rounds in rounds_of.items():
-        plot_scale(directory / f"{workload}.svg", workload, rounds)
+if __name__ == "__main__":
+    plot_all(pathlib.Path(sys.argv[1]), load_measured())

@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Puts stored results into docs/performance.md.
+"""Puts stored results into docs/performance.md, and what its plots show into bench/measured.json.
 
 What stands there between "<!-- measured: NAME -->" and "<!-- measured end -->" is replaced; the rest is written by
 hand. Nothing is measured here.
@@ -10,12 +10,11 @@ import json
 import re
 import sys
 
-import plots
 import tables
-from results import HERE, SCALES, WORKLOADS, evaluate
+from results import (HERE, SCALES, WORKLOADS, evaluate, load_measured, measured_ratios, measured_scale,
+                     store_measured)
 
 PAGE = HERE.parent / "docs" / "performance.md"
-PLOTS = PAGE.parent / "performance"
 FEWEST_ROUNDS = 5
 
 
@@ -72,12 +71,12 @@ def publish(directory):
     ratios, scale = load(directory, "results.json"), load(directory, "scale.json")
     if ratios is None and scale is None:
         sys.exit(f"{directory} holds no results; measure first")
-    PLOTS.mkdir(exist_ok=True)
-    page = PAGE.read_text()
+    page, measured = PAGE.read_text(), load_measured()
     if ratios:
         page = put(page, ratio_blocks(ratios))
-        plots.plot_all_ratios(PLOTS, evaluate(ratios))
+        measured["ratios"] = measured_ratios(ratios)
     if scale:
         page = put(page, scale_blocks(scale))
-        plots.plot_all_scales(PLOTS, scale["rounds"])
+        measured["scale"] = measured_scale(scale)
+    store_measured(measured)
     PAGE.write_text(page)

@@ -15,6 +15,7 @@ from counts import split_calls
 from times import LIMIT, noise_of, quartiles, ratios
 
 HERE = pathlib.Path(__file__).resolve().parent.parent
+MEASURED = HERE / "measured.json"
 WORKLOADS = json.loads((HERE / "workloads.json").read_text())
 OURS = "vornnet"
 
@@ -84,6 +85,43 @@ def evaluate(stored):
             } | stored["counts"].get(name, {})
         result[workload] = {"noise": noise_of(rounds), "contenders": contenders}
     return result
+
+
+def measured_ratios(stored):
+    """What the plots show of the ratios: {workload: {contender: (median, lower quartile, upper quartile)}}."""
+    return {workload: {contender: [rounded(row["ratio"][which]) for which in ("median", "lower", "upper")]
+                       for contender, row in result["contenders"].items()}
+            for workload, result in evaluate(stored).items()}
+
+
+def measured_scale(stored):
+    """What the plots show of the scale: {workload: (cheapest point, {contender: {point: cost}})}."""
+    measured = {}
+    for workload, rounds in stored["rounds"].items():
+        cheapest, lines = scale_lines(rounds)
+        measured[workload] = [cheapest, {contender: {point: rounded(cost) for point, cost in points.items()}
+                                         for contender, points in lines.items()}]
+    return measured
+
+
+def rounded(value):
+    return float(f"{value:.4g}")
+
+
+def store_measured(measured):
+    """Stores them with a line for each workload."""
+    parts = [f" {json.dumps(part)}: {{\n" +
+             ",\n".join(f"  {json.dumps(name)}: {json.dumps(value)}" for name, value in workloads.items()) + "\n }"
+             for part, workloads in measured.items()]
+    MEASURED.write_text("{\n" + ",\n".join(parts) + "\n}\n")
+
+
+def load_measured():
+    measured = json.loads(MEASURED.read_text())
+    for _, lines in measured["scale"].values():
+        for contender, points in lines.items():
+            lines[contender] = {int(point): cost for point, cost in points.items()}
+    return measured
 
 
 def missed_bars(workload, row):

@@ -1,11 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Draws the manual's diagrams: draw.py [DIRECTORY]
-
-The drawings are kept beside this file, so that the pages can be read without having been rendered; a test compares
-them with what this draws.
-"""
+"""Draws the manual's diagrams: draw.py DIRECTORY"""
 import html
 import pathlib
 import sys
@@ -209,7 +205,8 @@ def all_drawings():
 
 
 def main(arguments):
-    folder = pathlib.Path(arguments[0]) if arguments else pathlib.Path(__file__).parent
+    folder = pathlib.Path(arguments[0])
+    folder.mkdir(parents=True, exist_ok=True)
     for name, drawing in all_drawings().items():
         drawing.write(folder / f"{name}.svg")
 

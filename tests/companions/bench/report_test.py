@@ -128,20 +128,20 @@ class Publishing(unittest.TestCase):
 
 
 class Plots(unittest.TestCase):
-    def test_they_are_well_formed_and_the_same_for_the_same_numbers(self):
-        workload = next(workload for workload in results.WORKLOADS if workload["name"] == "notification-pipe")
-        evaluated = results.evaluate(stored(one_round(11)))["notification-pipe"]
-        rounds = [{"limit/1": (5, 5), "limit/10": (2, 2), "vornnet/1": (6, 6), "vornnet/10": (7, 7)}]
+    def test_they_are_well_formed(self):
+        measured = {"ratios": results.measured_ratios(stored(one_round(11))),
+                    "scale": results.measured_scale({"rounds": {"scale-callback-lookup": [
+                        {"limit/1": (5, 5), "limit/10": (2, 2), "vornnet/1": (6, 6), "vornnet/10": (7, 7)}]}})}
         with tempfile.TemporaryDirectory() as directory:
-            paths = [pathlib.Path(directory) / name for name in "abcd"]
-            for path in paths[:2]:
-                plots.plot_ratios(path, workload, evaluated)
-            for path in paths[2:]:
-                plots.plot_scale(path, "scale-callback-lookup", rounds)
-            texts = [path.read_text() for path in paths]
-        self.assertEqual([texts[0], texts[2]], [texts[1], texts[3]])
-        for text in texts:
-            xml.dom.minidom.parseString(text)
+            plots.plot_all(pathlib.Path(directory), measured)
+            for name in ("notification-pipe", "scale-callback-lookup"):
+                xml.dom.minidom.parse(f"{directory}/{name}.svg")
+
+    def test_what_is_stored_can_be_drawn(self):
+        with tempfile.TemporaryDirectory() as directory:
+            plots.plot_all(pathlib.Path(directory), results.load_measured())
+            self.assertEqual({path.stem for path in pathlib.Path(directory).iterdir()},
+                             {workload["name"] for workload in results.WORKLOADS} | set(results.SCALES))
 
 
 if __name__ == "__main__":

@@ -4,13 +4,11 @@
 """Checks how the manual hangs together: check_chapters.py SOURCE_TREE
 
 Every chapter stands in docs/index.md once; every link leads somewhere; threads.md speaks of every public class; a test
-that is named is there; the diagrams are what docs/diagrams/draw.py draws.
+that is named is there.
 """
 import pathlib
 import re
-import subprocess
 import sys
-import tempfile
 
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 TEST_NAME = re.compile(r"`((?:\w+)\.(?:[A-Z]\w*_?\w+))`")
@@ -30,7 +28,8 @@ def anchors(text):
 def check_links(tree, pages):
     for page in pages:
         for link in LINK.findall(prose(page.read_text())):
-            if re.match(r"\w+:", link):
+            # Images are drawn when the manual is rendered, which fails without them.
+            if re.match(r"\w+:", link) or link.endswith(".svg"):
                 continue
             path, _, anchor = link.partition("#")
             target = (page.parent / path).resolve() if path else page
@@ -67,20 +66,9 @@ def check_test_names(tree, pages):
                 yield f"{page.name}: there is no test {name}"
 
 
-def check_diagrams(tree):
-    with tempfile.TemporaryDirectory() as folder:
-        subprocess.run([tree / "docs/diagrams/draw.py", folder], check=True)
-        drawn = {path.name: path.read_text() for path in pathlib.Path(folder).glob("*.svg")}
-    kept = {path.name: path.read_text() for path in (tree / "docs/diagrams").glob("*.svg")}
-    for name in sorted(set(drawn) | set(kept)):
-        if drawn.get(name) != kept.get(name):
-            yield f"docs/diagrams/{name} is not what draw.py draws"
-
-
 def main(tree):
     pages = sorted((tree / "docs").glob("*.md")) + [tree / "README.md"]
-    problems = [*check_links(tree, pages), *check_index(tree), *check_classes(tree), *check_test_names(tree, pages),
-                *check_diagrams(tree)]
+    problems = [*check_links(tree, pages), *check_index(tree), *check_classes(tree), *check_test_names(tree, pages)]
     for problem in problems:
         print(problem)
     print(f"{len(pages)} pages, {len(problems)} problems")

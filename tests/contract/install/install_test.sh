@@ -42,8 +42,7 @@ expected_files() {
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
         PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
         CHAPTERS)
-            find "$source/docs" \( -name man -o -name site \) -prune -o \( -name '*.md' -o -name '*.svg' \) \
-                -printf 'share/doc/vornnet/%P\n'
+            find "$source/docs" \( -name man -o -name site \) -prune -o -name '*.md' -printf 'share/doc/vornnet/%P\n'
             ;;
         EXAMPLES)
             find "$source/examples" \( -name '*.cpp' -o -name '*.h' -o -name CMakeLists.txt \) \
@@ -51,6 +50,9 @@ expected_files() {
             ;;
         RENDERED)
             rendered=$(cached VORNNET_DOCS_DIR)
+            for images in diagrams performance; do
+                [ ! -d "$rendered/$images" ] || find "$rendered/$images" -type f -printf "share/doc/vornnet/$images/%f\n"
+            done
             [ ! -d "$rendered/html" ] || find "$rendered/html" ! -type d ! -name '*.md5' ! -name '*.map' \
                 -printf "share/doc/vornnet/html/%P\n"
             [ ! -d "$rendered/man" ] || find "$rendered/man" -name '*.[37]' -printf 'share/man/%P\n'
