@@ -27,9 +27,6 @@ NO_HEADER = {
     "Module": "is not visible outside; has a test",
     "TemplateInstantiation": "nothing but instantiations",
 }
-# Headers that are not installed.
-INTERNAL = {"Cancellation", "ForkHandlers", "IntrusiveList", "LogRecord", "NeverDestroyed", "StandardStreams",
-            "SystemCalls"}
 
 FIVE_WORDS = ("thread-safety", "blocking", "ownership", "signals", "errors")
 # Classes whose comment need not have them.
@@ -39,8 +36,9 @@ NO_FIVE_WORDS = {
 
 
 def public_headers(root):
-    headers = sorted((root / "include").glob("*.h")) + sorted((root / "support").glob("*.h"))
-    return [header for header in headers if header.stem not in INTERNAL]
+    """Those that are installed; the libraries' own do not begin with Vorn."""
+    return [header for folder in ("include", "support") for header in sorted((root / folder).glob("*.h"))
+            if header.stem.startswith("Vorn") or header.stem == "ModuleData"]
 
 
 def source_of(header):
