@@ -6,6 +6,7 @@
 #include "Operations.h"
 
 #include <array>
+#include <cerrno>
 
 using namespace VornNet;
 
@@ -30,6 +31,21 @@ Operation row(const Terms& terms, std::vector<std::string> names, const std::str
     return {std::move(names), Link::nameOf(terms.kind) + what, allowed, [=](Trial& trial) {
                 Link link(terms.kind, waiting);
                 trial.attempt([&] { operation(link.connection()); });
+            }};
+}
+
+/// A row for a text, whose reader is told when there is no memory for it.
+Operation textRow(const Terms& terms, const std::string& detail, unsigned allowed,
+                  const std::string& waiting) {
+    return {{"VornConnection::receiveString"},
+            Link::nameOf(terms.kind) + ", " + detail,
+            allowed,
+            [=](Trial& trial) {
+                Link link(terms.kind, waiting);
+                trial.attempt([&] { link.connection().receiveString(); });
+                const bool isConnected = terms.kind != Link::Kind::ssl; // an SSL connection never reads
+                trial.expect(!trial.hasThrown() || trial.code() == (isConnected ? ENOMEM : ENOTCONN),
+                             "another code than that of memory");
             }};
 }
 
@@ -68,10 +84,8 @@ Operations readingRows(const Terms& terms) {
     // With memory at its end not even the exception can be made.
     const unsigned ofText = throwsVornException | endsProcess;
     return {
-        row(terms, {"VornConnection::receiveString"}, "short text", ofText, shortText,
-            [](VornConnection& c) { c.receiveString(); }),
-        row(terms, {"VornConnection::receiveString"}, "long text", ofText, longText,
-            [](VornConnection& c) { c.receiveString(); }),
+        textRow(terms, "short text", ofText, shortText),
+        textRow(terms, "long text", ofText, longText),
         row(terms, {"VornConnection::receiveString"}, "negative length", ofText, "\xff\xff\xff\xff",
             [](VornConnection& c) { c.receiveString(); }),
         row(terms, {"VornConnection::receiveInt"}, "", terms.reading, zeros,

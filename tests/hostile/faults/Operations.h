@@ -56,6 +56,9 @@ public:
     /// Whether the operation has thrown: what it works on must then be as before.
     bool hasThrown() const { return m_ending != doesWithout; }
 
+    /// The code of the VornException that it has thrown; 0 when it has not.
+    int code() const { return m_code; }
+
     /// Notes what must not be, for example that an object is half changed.
     void expect(bool isTrue, const char* otherwise) {
         if (!isTrue && m_note == nullptr)
@@ -83,8 +86,9 @@ private:
             m_ending = doesWithout;
         } catch (const std::bad_alloc&) {
             m_ending = throwsBadAlloc;
-        } catch (const VornSupport::VornException&) {
+        } catch (const VornSupport::VornException& exception) {
             m_ending = throwsVornException;
+            m_code = exception.getCode();
         } catch (...) {
             m_ending = throwsSomethingElse;
         }
@@ -96,6 +100,7 @@ private:
     int m_nth;
     AllocationFault::Mode m_mode;
     Ending m_ending = doesWithout;
+    int m_code = 0;
     const char* m_note = nullptr;
     int m_allocations = 0;
     bool m_mayLeaveDescriptor = false;

@@ -8,6 +8,7 @@
 #include "Sandbox.h"
 
 #include <VornBufferConnection.h>
+#include <VornLogging.h>
 #include <VornPipeConnection.h>
 #include <VornSSLSocketConnection.h>
 #include <VornSocketConnection.h>
@@ -261,7 +262,20 @@ Operation transmission(const std::string& host) {
                 const UniqueFd receiver = udpSocket("127.0.0.1", port);
                 VornUDPSocketConnection connection(host, port, true);
                 connection.transfer(7);
+                std::string record;
+                record.reserve(200);
+                if (VornLogging::isAdmitted(VornLogging::cError)) {
+                    VornLogging::setRecordHandler([&](int level, const VornString& text) {
+                        if (level == VornLogging::cError)
+                            record = text;
+                    });
+                }
                 trial.attempt([&] { connection.transmit(); });
+                VornLogging::setRecordHandler([](int, const VornString&) {});
+                trial.expect(record.empty() || record == "VornUDPSocketConnection::transmit: failed to send "
+                                                         "data (rc:12) to " +
+                                                             host,
+                             "another record than that of memory");
                 trial.expect(connection.transmit(), "it cannot be used again");
             }};
 }

@@ -67,6 +67,7 @@ class SinkProbe : public VornNet::VornLibraryCallbackSink {
 public:
     using VornLibraryCallbackSink::VornLibraryCallbackSink;
 
+    using VornLibraryCallbackSink::establishCallbackServer;
     using VornLibraryCallbackSink::m_bThreadStarted;
     using VornLibraryCallbackSink::m_nCallbackServerPort;
     using VornLibraryCallbackSink::m_sCallbackName;

@@ -13,6 +13,9 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <functional>
+#include <memory>
+#include <utility>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -413,6 +416,52 @@ TEST_P(ServingSinkOfAnyKind, CallbackRunsWithContainerLocked) {
     leave.open();
     EXPECT_TRUE(other.join());
     EXPECT_EQ(id, 1);
+}
+
+TEST_P(ServingSinkOnStreams,
+       CallbackThatRemovesItself_IsDestroyedWithContainerLockedAndBeforeConnectionIsClosed) {
+    struct Destroyed : RecordingCallback {
+        Destroyed(int id, Action action, std::function<void()> last)
+            : RecordingCallback(id, std::move(action)), m_last(std::move(last)) {}
+
+        ~Destroyed() override { m_last(); }
+
+        std::function<void()> m_last;
+    };
+
+    WatchedSink sink(GetParam());
+    VornNet::VornCallbackContainer& container = sink->getCallbackContainer();
+    UniqueFd client;
+    std::unique_ptr<WatchedThread> other;
+    bool isLocked = false;
+    ssize_t received = 0;
+    int error = 0;
+    Gate destroyed;
+    VornSmartPointer<VornNet::VornNotificationCallback> callback = new Destroyed(
+        7,
+        [&](Connection& connection) {
+            container.remove(7);
+            return onWire(connection->receiveLong());
+        },
+        [&] {
+            other = std::make_unique<WatchedThread>([&] { container.getNewId(); });
+            isLocked = awaitBlockedOnLock(other->tid()) && !other->finished();
+            char letter = 0;
+            received = ::recv(client.get(), &letter, 1, MSG_DONTWAIT);
+            error = errno;
+            destroyed.open();
+        });
+    container.add(callback);
+    callback = nullptr;
+    ASSERT_TRUE(sink.awaitServing());
+    client = connectToSink(sink.address());
+    sendAll(client.get(), onWire(7) + onWire(12));
+    ASSERT_TRUE(destroyed.await());
+    EXPECT_TRUE(isLocked);
+    EXPECT_EQ(received, -1);
+    EXPECT_EQ(error, EAGAIN);
+    EXPECT_TRUE(other->join());
+    EXPECT_EQ(receiveToEnd(client.get()), "");
 }
 
 TEST_P(ServingSinkOfAnyKind, ServerIsClosedWithContainerLocked) {

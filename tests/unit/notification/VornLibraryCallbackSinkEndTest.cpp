@@ -249,6 +249,38 @@ TEST_P(EndingSinkOnStreams, WithCallbackThatReadsFromSilentClient_Ends) {
     EXPECT_EQ(code, 107) << "as if the client had closed";
 }
 
+TEST_F(EndingSink, WithClientThatIsBeingServed_CutsItOffAfter200Milliseconds) {
+    using Clock = std::chrono::steady_clock;
+    LogCapture log;
+    WatchedSink sink(Kind::pipe);
+    Gate entered;
+    Gate cut;
+    addCallback(*sink, [&](Connection& connection) {
+        entered.open();
+        return readToEnd(*connection);
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    sendAll(silent.get(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    ASSERT_TRUE(sink.awaitReading());
+    log.clear();
+    Clock::time_point cutTime;
+    std::vector<std::string> records;
+    const CallHook hook("shutdown", [&] {
+        cutTime = Clock::now();
+        records = log.texts();
+        cut.open();
+    });
+    const Clock::time_point start = Clock::now();
+    EXPECT_TRUE(destroyInTime(sink));
+    ASSERT_TRUE(cut.isOpen());
+    EXPECT_GE(cutTime - start, 200ms);
+    // An upper limit on a clock would depend on the machine. The destructor closes the server every 20 ms,
+    // and so no more than eleven times until then.
+    EXPECT_LE(std::count(records.begin(), records.end(), "VornPipeServer::close"), 11);
+}
+
 TEST_P(EndingSinkOnStreams, WithCallbackThatWaits_WhatHasArrivedCanBeRead) {
     WatchedSink sink(GetParam());
     Gate entered;

@@ -338,6 +338,21 @@ TEST_P(VornLibraryCallbackSinkOnPorts, AddressIsReadWhileItMoves) {
     EXPECT_EQ(wrong, 0);
 }
 
+TEST_P(VornLibraryCallbackSinkOfAnyKind, ServerEstablishedAgain_ReplacesFormerOne) {
+    WatchedSink sink(GetParam());
+    const std::string address = sink.address();
+    VornNet::VornSmartPointer<VornNet::VornIPCServer> former = sink->m_spCallbackServer;
+    ASSERT_TRUE(sink.awaitServing());
+    former->close();
+    ASSERT_TRUE(sink.awaitEnd()); // only the sink's thread establishes servers otherwise
+    EXPECT_EQ(former->refCount(), 2);
+    sink->establishCallbackServer();
+    EXPECT_EQ(former->refCount(), 1);
+    EXPECT_FALSE(sink->m_spCallbackServer == nullptr);
+    EXPECT_FALSE(sink->m_spCallbackServer == former);
+    EXPECT_EQ(sink.address(), address);
+}
+
 // The address of this host cannot be found.
 
 TEST_F(VornLibraryCallbackSink, WhenLocalhostIsUnknown_UdpAddressHasEmptyPart) {

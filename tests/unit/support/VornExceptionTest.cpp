@@ -179,6 +179,26 @@ TEST_F(VornExceptionTest, CallStack_NamesTheProgramThatConstructedIt) {
     EXPECT_EQ(exception.getCallStack().back(), '\n');
 }
 
+TEST_F(VornExceptionTest, CallStack_BeginsWithTheFunctionThatConstructedIt) {
+    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
+    const auto thrower = plugin.function<decltype(throwException)>("throwException");
+    VornString callStack;
+    try {
+        thrower("over there", 42);
+    } catch (const VornException& exception) {
+        callStack = exception.getCallStack();
+    }
+    Dl_info object = {};
+    ASSERT_NE(::dladdr(reinterpret_cast<void*>(thrower), &object), 0);
+    const std::string before = std::string(object.dli_fname) + "(+0x";
+    ASSERT_THAT(callStack, testing::StartsWith(before));
+    const std::size_t offset = std::stoul(callStack.substr(before.size()), nullptr, 16);
+    // Where it returns to may be behind the function's end.
+    Dl_info first = {};
+    ASSERT_NE(::dladdr(static_cast<char*>(object.dli_fbase) + offset - 1, &first), 0);
+    EXPECT_STREQ(first.dli_sname, "throwException");
+}
+
 TEST_F(VornExceptionTest, ACopy_HasEverythingOfTheOriginalAndIsIndependent) {
     VornException original("text", 5);
     original.pushMessage(L"message");
