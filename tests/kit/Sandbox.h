@@ -22,8 +22,9 @@ namespace VornTest {
  * To be called first in main(), while there is one thread. A process which finds itself in a sandbox already
  * (a child of a test program) stays there.
  *
- * Where no namespaces can be created, script/test sets VORNTEST_IN_PLACE and runs one test after the other. Then
- * there is no sandbox: the program gets an empty pipe directory and shares everything else with the host.
+ * Where no namespaces can be created, script/test sets VORNTEST_IN_PLACE and runs one test after the other.
+ * Then there is no sandbox: the program gets an empty pipe directory and shares everything else with the
+ * host.
  */
 void enterSandbox();
 
