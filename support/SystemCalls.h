@@ -12,6 +12,7 @@
  */
 
 #include <csignal>
+#include <cstdio>
 #include <ctime>
 
 #include <fcntl.h>
@@ -23,6 +24,7 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -50,6 +52,10 @@ inline int accept(int fd, sockaddr* address, socklen_t* length) {
     return ::accept(fd, address, length);
 }
 
+inline int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    return ::accept4(fd, address, length, flags);
+}
+
 inline int connect(int fd, const sockaddr* address, socklen_t length) {
     return ::connect(fd, address, length);
 }
@@ -69,6 +75,10 @@ inline ssize_t sendto(int fd, const void* data, size_t size, int flags, const so
 
 inline ssize_t recvfrom(int fd, void* data, size_t size, int flags, sockaddr* address, socklen_t* length) {
     return ::recvfrom(fd, data, size, flags, address, length);
+}
+
+inline ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    return ::recvmsg(fd, message, flags);
 }
 
 inline int setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
@@ -145,6 +155,14 @@ inline int unlink(const char* path) {
     return ::unlink(path);
 }
 
+inline int lstat(const char* path, struct stat* status) {
+    return ::lstat(path, status);
+}
+
+inline int renameat2(int from, const char* path, int to, const char* newPath, unsigned int flags) {
+    return ::renameat2(from, path, to, newPath, flags);
+}
+
 inline int chmod(const char* path, mode_t mode) {
     return ::chmod(path, mode);
 }
@@ -193,6 +211,10 @@ inline int getrlimit(__rlimit_resource_t resource, rlimit* limits) {
 
 inline int prctl(int option, unsigned long value) {
     return ::prctl(option, value);
+}
+
+inline ssize_t getrandom(void* data, size_t size, unsigned int flags) {
+    return ::getrandom(data, size, flags);
 }
 
 inline int usleep(useconds_t microseconds) {

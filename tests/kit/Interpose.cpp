@@ -26,7 +26,10 @@
 #include <grp.h>
 #include <netdb.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/random.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -629,6 +632,11 @@ VORNTEST_EXPORT ssize_t recvfrom(int fd, void* buffer, size_t length, int flags,
                    real(fd, buffer, length, flags, address, addressLength));
 }
 
+VORNTEST_EXPORT ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    VORNTEST_REAL(recvmsg);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("recvmsg", fd, 0, flags), real(fd, message, flags));
+}
+
 VORNTEST_EXPORT int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
     VORNTEST_REAL(setsockopt);
     VORNTEST_WATCH(int, VornTest::describe("setsockopt", fd, level, name),
@@ -689,6 +697,40 @@ VORNTEST_EXPORT uid_t getuid() noexcept {
     VORNTEST_WATCH(uid_t, VornTest::describe("getuid", -1), real());
 }
 
+VORNTEST_EXPORT int epoll_create1(int flags) noexcept {
+    VORNTEST_REAL(epoll_create1);
+    VORNTEST_WATCH(int, VornTest::describe("epoll_create1", -1, flags), real(flags));
+}
+
+VORNTEST_EXPORT int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
+    VORNTEST_REAL(epoll_ctl);
+    VORNTEST_WATCH(int, VornTest::describe("epoll_ctl", epoll, operation, fd),
+                   real(epoll, operation, fd, event));
+}
+
+VORNTEST_EXPORT int epoll_wait(int epoll, epoll_event* events, int count, int limit) {
+    VORNTEST_REAL(epoll_wait);
+    VORNTEST_WATCH(int, VornTest::describe("epoll_wait", epoll, count, limit),
+                   real(epoll, events, count, limit));
+}
+
+VORNTEST_EXPORT int epoll_pwait2(int epoll, epoll_event* events, int count, const timespec* limit,
+                                 const sigset_t* mask) {
+    VORNTEST_REAL(epoll_pwait2);
+    VORNTEST_WATCH(int, VornTest::describe("epoll_pwait2", epoll, count),
+                   real(epoll, events, count, limit, mask));
+}
+
+VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
+    VORNTEST_REAL(ioctl);
+    std::va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    VORNTEST_WATCH(int, VornTest::describe("ioctl", fd, static_cast<long>(request)),
+                   real(fd, request, argument));
+}
+
 VORNTEST_EXPORT int usleep(useconds_t microseconds) {
     VORNTEST_REAL(usleep);
     VORNTEST_WATCH(int, VornTest::describe("usleep", -1, microseconds), real(microseconds));
@@ -742,6 +784,23 @@ VORNTEST_EXPORT ssize_t write(int fd, const void* data, size_t length) {
 VORNTEST_EXPORT int unlink(const char* path) noexcept {
     VORNTEST_REAL(unlink);
     VORNTEST_WATCH(int, VornTest::describePath("unlink", path), real(path));
+}
+
+VORNTEST_EXPORT int lstat(const char* path, struct stat* status) noexcept {
+    VORNTEST_REAL(lstat);
+    VORNTEST_WATCH(int, VornTest::describePath("lstat", path), real(path, status));
+}
+
+VORNTEST_EXPORT int renameat2(int from, const char* path, int to, const char* newPath,
+                              unsigned flags) noexcept {
+    VORNTEST_REAL(renameat2);
+    VORNTEST_WATCH(int, VornTest::describePath("renameat2", path), real(from, path, to, newPath, flags));
+}
+
+VORNTEST_EXPORT ssize_t getrandom(void* data, size_t length, unsigned flags) {
+    VORNTEST_REAL(getrandom);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("getrandom", -1, static_cast<long>(length), flags),
+                   real(data, length, flags));
 }
 
 VORNTEST_EXPORT int chmod(const char* path, mode_t mode) noexcept {
