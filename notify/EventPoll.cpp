@@ -15,12 +15,6 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 
-int opened(int fd) {
-    if (fd == -1)
-        throw std::system_error(errno, std::generic_category());
-    return fd;
-}
-
 timespec timespecOf(nanoseconds span) {
     const auto whole = std::chrono::floor<seconds>(span);
     return {static_cast<time_t>(whole.count()), static_cast<long>((span - whole).count())};
@@ -29,8 +23,8 @@ timespec timespecOf(nanoseconds span) {
 } // namespace
 
 EventPoll::EventPoll()
-    : m_poll(opened(System::epollCreate(EPOLL_CLOEXEC))),
-      m_wakeUp(opened(System::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
+    : m_poll(OwnedDescriptor::opened(System::epollCreate(EPOLL_CLOEXEC))),
+      m_wakeUp(OwnedDescriptor::opened(System::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
     // An edge is told for each write, so the count never has to be read.
     if (const int nError = control(EPOLL_CTL_ADD, m_wakeUp.number(), EPOLLIN | EPOLLET, nullptr); nError != 0)
         throw std::system_error(nError, std::generic_category());

@@ -3,9 +3,12 @@
 #ifndef VORNNOTIFY_OWNEDDESCRIPTOR_H
 #define VORNNOTIFY_OWNEDDESCRIPTOR_H
 
+#include <StandardStreams.h>
 #include <SystemCalls.h>
 #include <VornNetExport.h>
 
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 namespace VornNet {
@@ -25,6 +28,13 @@ public:
     }
 
     ~OwnedDescriptor() { reset(); }
+
+    /** Owns what a system call has just opened. @throws std::system_error with errno when it is -1 */
+    static OwnedDescriptor opened(int number) {
+        if (number == -1)
+            throw std::system_error(errno, std::generic_category());
+        return OwnedDescriptor(keepOffStandardStreams(number));
+    }
 
     int number() const { return m_number; }
 

@@ -64,9 +64,9 @@ public:
     enum class Kind {
         byEnvironment, ///< as VornLibraryCallbackSink: QUORAX_CALLB_CONN_TYPE "socket" is tcp, "udp" is udp,
                        ///< all else and none is pipe
-        pipe, ///< a local pipe: "pipe:NAME"
-        tcp,  ///< "socket:ADDRESS:PORT"
-        udp   ///< "udp:ADDRESS:PORT"
+        pipe,          ///< a local pipe: "pipe:NAME"
+        tcp,           ///< "socket:ADDRESS:PORT"
+        udp            ///< "udp:ADDRESS:PORT"
     };
 
     /** Called with the new callback address. */
@@ -83,15 +83,15 @@ public:
             sPipeGroup; ///< pipe: the group that the file is given to; empty: the process's. Mode is 0770
         int nPort = 0; ///< TCP, UDP: 1 to 65535, one in use throws 98; 0: the system chooses, and the address
                        ///< tells
-        VornString sBindAddress; ///< TCP, UDP: dotted address, or "*" for all; empty: the address that
-                                 ///< "localhost" has, found as VornLibraryCallbackSink does
+        VornString sBindAddress;   ///< TCP, UDP: dotted address, or "*" for all; empty: the address that
+                                   ///< "localhost" has, found as VornLibraryCallbackSink does
         VornString sPublishedHost; ///< TCP, UDP: dotted address for getCallbackAddress(); empty: the bind
                                    ///< address, which must then not be "*"
 
         std::chrono::milliseconds readLimit{10'000}; ///< from accepting a connection to the end of its stream
         std::size_t nMessageLimit = 16UL * 1024 * 1024; ///< most bytes of one notification, handle included
         std::size_t nByteLimit = 64UL * 1024 * 1024;    ///< most bytes read and waiting for callbacks; at it
-                                                     ///< only one notification at a time is read on
+                                                        ///< only one notification at a time is read on
         std::size_t nConnectionLimit =
             0; ///< most connections at once, those of waiting notifications included;
                ///< 0: half the descriptors that the process may have, at most 1024

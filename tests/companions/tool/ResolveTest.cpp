@@ -11,7 +11,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class VornnetResolve : public ToolNetworkTest {};
+class VornnetResolve : public ToolTest {};
 
 } // namespace
 

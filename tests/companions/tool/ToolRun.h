@@ -19,14 +19,8 @@ namespace VornTest {
 
 using Json = nlohmann::json;
 
-/// A test that begins with an empty pipe directory.
+/// A test that begins with an empty pipe directory and a network of its own, in which no port has been used.
 class ToolTest : public LeakCheckedTest {
-protected:
-    void SetUp() override;
-};
-
-/// The same in a network of its own, in which no port has been used.
-class ToolNetworkTest : public ToolTest {
 protected:
     void SetUp() override;
 };

@@ -111,11 +111,15 @@ def texts_of_statement(statement, levels):
         yield from ((text, None) for text in alternatives(argument))
 
 
+def sources(tree):
+    return sorted(path for folder in ("src", "support", "notify") for path in tree.glob(f"{folder}/*.cpp"))
+
+
 def texts_in_sources(tree):
-    """Every text of both libraries; each once for each file and level."""
+    """Every text of the libraries; each once for each file and level."""
     levels = levels_of(tree)
     found = set()
-    for path in sorted(tree.glob("src/*.cpp")) + sorted(tree.glob("support/*.cpp")):
+    for path in sources(tree):
         source = LATE_PIECE.sub(r"\1", path.read_text())
         for statement in statements(tokens_of(source)):
             found |= {Text(text, level, path.name) for text, level in texts_of_statement(statement, levels)}
@@ -124,7 +128,7 @@ def texts_in_sources(tree):
 
 def overlooked(tree, texts):
     """The literals that begin a text and are the beginning of none of the texts found."""
-    for path in sorted(tree.glob("src/*.cpp")) + sorted(tree.glob("support/*.cpp")):
+    for path in sources(tree):
         for token in tokens_of(path.read_text()):
             if begins_text(token) and not any(text.shown.startswith(literal(token)) for text in texts
                                               if text.source == path.name):

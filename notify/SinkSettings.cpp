@@ -1,0 +1,111 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "SinkSettings.h"
+
+#include "DottedAddress.h"
+#include "PipeListener.h"
+#include "SystemError.h"
+
+#include <SystemCalls.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <vector>
+
+namespace VornNet {
+
+namespace {
+
+using Kind = VornSteadySink::Kind;
+using Options = VornSteadySink::Options;
+
+void require(bool isValid) {
+    if (!isValid)
+        throwSystemError(EINVAL);
+}
+
+Kind kindOf(const Options& options) {
+    if (options.kind != Kind::byEnvironment)
+        return options.kind;
+    const char* type = std::getenv("QUORAX_CALLB_CONN_TYPE");
+    const VornString sType = type == nullptr ? "" : type;
+    return sType == "socket" ? Kind::tcp : sType == "udp" ? Kind::udp : Kind::pipe;
+}
+
+gid_t groupOf(const VornString& sName) {
+    constexpr std::size_t cLargestSize =
+        16UL * 1024 * 1024; // a data base that asks for more never has enough
+    std::vector<char> buffer(1024);
+    group entry{};
+    group* result = nullptr;
+    while (System::getgrnam(sName.c_str(), &entry, buffer.data(), buffer.size(), &result) == ERANGE &&
+           buffer.size() < cLargestSize)
+        buffer.resize(buffer.size() * 2);
+    require(result != nullptr);
+    return result->gr_gid;
+}
+
+in_addr addressOf(const VornString& sAddress) {
+    const std::optional<in_addr> address = parseDottedAddress(sAddress);
+    require(address.has_value());
+    return *address;
+}
+
+std::size_t connectionLimitOf(std::size_t nLimit) {
+    constexpr rlim_t cMost = 1024;
+    if (nLimit != 0)
+        return nLimit;
+    rlimit descriptors{};
+    if (System::getrlimit(RLIMIT_NOFILE, &descriptors) == -1)
+        descriptors.rlim_cur = cMost;
+    return std::clamp<rlim_t>(descriptors.rlim_cur / 2, 1, cMost);
+}
+
+void checkPipe(const Options& options, SinkSettings& settings) {
+    require(options.sPipeName.empty() || PipeListener::isName(options.sPipeName));
+    settings.sPipeName = options.sPipeName;
+    if (!options.sPipeGroup.empty())
+        settings.group = groupOf(options.sPipeGroup);
+    settings.senders.allowUsers(options.allowedUsers);
+}
+
+void checkPort(const Options& options, SinkSettings& settings) {
+    require(options.nPort >= 0 && options.nPort <= std::numeric_limits<in_port_t>::max());
+    settings.nPort = static_cast<in_port_t>(options.nPort);
+    if (options.sBindAddress == "*")
+        settings.bindAddress = in_addr{INADDR_ANY};
+    else if (!options.sBindAddress.empty())
+        settings.bindAddress = addressOf(options.sBindAddress);
+    if (!options.sPublishedHost.empty()) {
+        settings.publishedHost = addressOf(options.sPublishedHost);
+        require(settings.publishedHost->s_addr != INADDR_ANY); // no sender takes it for an address
+    }
+    const bool isForAll = settings.bindAddress.has_value() && settings.bindAddress->s_addr == INADDR_ANY;
+    require(!isForAll || settings.publishedHost.has_value());
+    for (const VornString& sNetwork : options.allowedNetworks)
+        require(settings.senders.allowNetwork(sNetwork));
+}
+
+} // namespace
+
+SinkSettings SinkSettings::check(const VornSteadySink::Options& options) {
+    // More than this is no limit any more, and the clock's numbers end somewhere.
+    constexpr std::chrono::milliseconds cLongest = std::chrono::hours(24 * 365);
+    SinkSettings settings;
+    settings.kind = kindOf(options);
+    require(settings.kind == Kind::pipe || settings.kind == Kind::tcp || settings.kind == Kind::udp);
+    if (settings.kind == Kind::pipe)
+        checkPipe(options, settings);
+    else
+        checkPort(options, settings);
+    require(options.readLimit.count() > 0 && options.nMessageLimit > 0 && options.nByteLimit > 0);
+    settings.readLimit = std::min(options.readLimit, cLongest);
+    settings.nMessageLimit = options.nMessageLimit;
+    settings.nByteLimit = options.nByteLimit;
+    settings.nConnectionLimit = connectionLimitOf(options.nConnectionLimit);
+    return settings;
+}
+
+} // namespace VornNet

@@ -1,0 +1,360 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * A pipe's name and file: which names are taken, whose files are replaced, and what happens when the file
+ * goes.
+ */
+
+#include "Interpose.h"
+#include "Process.h"
+#include "Sandbox.h"
+#include "SteadySinkPeer.h"
+
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <set>
+#include <system_error>
+
+#include <VornException.h>
+#include <VornPipeServer.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace VornTest;
+
+namespace {
+
+using testing::ElementsAre;
+using testing::MatchesRegex;
+using testing::Not;
+
+class VornSteadySink_PipeFile : public NotificationTest {};
+
+SteadyOptions named(const std::string& name) {
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.sPipeName = name;
+    return options;
+}
+
+struct stat statusOf(const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
+bool exists(const std::string& path) {
+    struct stat status = {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+std::string pathOf(const SteadyClient& client) {
+    return pipePath(Target(client.address()).place);
+}
+
+/// Remembers the addresses that a handler was told.
+class Told {
+public:
+    VornNet::VornSteadySink::AddressHandler handler() {
+        return [this](const VornSupport::VornString& address) {
+            const std::lock_guard lock(m_lock);
+            m_addresses.push_back(address);
+            m_thread = currentTid();
+        };
+    }
+
+    std::vector<std::string> addresses() const {
+        const std::lock_guard lock(m_lock);
+        return m_addresses;
+    }
+
+    pid_t thread() const {
+        const std::lock_guard lock(m_lock);
+        return m_thread;
+    }
+
+private:
+    mutable std::mutex m_lock;
+    std::vector<std::string> m_addresses;
+    pid_t m_thread = 0;
+};
+
+} // namespace
+
+TEST_F(VornSteadySink_PipeFile, WithoutAName_ItIsTheProcessIdAndEightRandomDigits) {
+    std::set<std::string> names;
+    for (int i = 0; i < 50; ++i)
+        names.insert(SteadyClient(optionsFor(Kind::pipe)).address());
+    EXPECT_EQ(names.size(), 50U);
+    char process[32];
+    std::snprintf(process, sizeof process, "pipe:quorax%x-[0-9a-f]{8}", static_cast<unsigned>(::getpid()));
+    for (const std::string& name : names)
+        EXPECT_THAT(name, MatchesRegex(process));
+}
+
+TEST_F(VornSteadySink_PipeFile, ARandomNameThatIsTaken_IsNotTakenAway) {
+    // The first bind() is said to have failed, as when somebody has just that name.
+    const FaultRule taken("bind", EADDRINUSE);
+    const CallTrace trace(CallTrace::Scope::CallingThread);
+    const SteadyClient client(optionsFor(Kind::pipe));
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+    EXPECT_EQ(trace.calls("bind"), 2);
+    EXPECT_EQ(trace.calls("unlink"), 0);
+}
+
+TEST_F(VornSteadySink_PipeFile, AGivenName_IsTheSinks) {
+    const SteadyClient client(named("client"));
+    EXPECT_EQ(client.address(), "pipe:client");
+    EXPECT_EQ(deliverTo("pipe:client", ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, TheMode_Is0770WhateverTheMaskSays) {
+    const mode_t before = ::umask(077);
+    const SteadyClient client(optionsFor(Kind::pipe));
+    ::umask(before);
+    EXPECT_EQ(statusOf(pathOf(client)).st_mode, S_IFSOCK | 0770U);
+    EXPECT_EQ(statusOf(pathOf(client)).st_gid, ::getegid());
+}
+
+TEST_F(VornSteadySink_PipeFile, AGroup_IsGivenTheFile) {
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.sPipeGroup = "root";
+    const CallTrace trace(CallTrace::Scope::CallingThread);
+    const SteadyClient client(options);
+    const auto given = trace.records("chown");
+    ASSERT_EQ(given.size(), 1U);
+    EXPECT_EQ(given[0].third, 0);
+    EXPECT_EQ(statusOf(pathOf(client)).st_gid, 0U);
+}
+
+TEST_F(VornSteadySink_PipeFile, AGroupThatTheFileCannotBeGivenTo_Is13AndLeavesNoFile) {
+    SteadyOptions options = named("client");
+    options.sPipeGroup = "root";
+    const FaultRule forbidden("chown", EPERM);
+    EXPECT_EQ(codeOf(options, cOpenFailed), EACCES);
+    EXPECT_FALSE(exists(pipePath("client")));
+}
+
+TEST_F(VornSteadySink_PipeFile, ADirectoryWithoutPermission_Is13) {
+    const FaultRule forbidden("bind", EACCES);
+    EXPECT_EQ(codeOf(optionsFor(Kind::pipe), cOpenFailed), EACCES);
+}
+
+TEST_F(VornSteadySink_PipeFile, ANameOfALivingServer_Is98AndTheServerGoesOn) {
+    const UniqueFd server = unixListen(pipePath("client"));
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+    EXPECT_TRUE(unixConnect(pipePath("client")));
+    const SteadyClient other(named("other"));
+    EXPECT_EQ(codeOf(named("other"), cOpenFailed), EADDRINUSE);
+    EXPECT_EQ(deliverTo("pipe:other", ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, ANameOfAServerWhoseQueueIsFull_Is98WithoutWaiting) {
+    const UniqueFd server = unixListen(pipePath("client"), 0);
+    const UniqueFd waiting = unixConnect(pipePath("client"));
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+}
+
+TEST_F(VornSteadySink_PipeFile, ADeadServersFile_IsReplaced) {
+    unixListen(pipePath("client")).reset();
+    ASSERT_TRUE(exists(pipePath("client")));
+    const SteadyClient client(named("client"));
+    EXPECT_EQ(deliverTo("pipe:client", ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, AFileThatIsNoPipe_Is98AndIsKept) {
+    std::fclose(std::fopen(pipePath("client").c_str(), "w"));
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+    EXPECT_TRUE(exists(pipePath("client")));
+    ::unlink(pipePath("client").c_str());
+    ASSERT_EQ(::symlink("nowhere", pipePath("client").c_str()), 0);
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+    ::unlink(pipePath("client").c_str());
+}
+
+TEST_F(VornSteadySink_PipeFile, ALivingServerThatReplacesTheDeadOneInBetween_KeepsItsName) {
+    unixListen(pipePath("client")).reset();
+    UniqueFd server;
+    const CallHook inBetween("renameat2", [&] {
+        ::unlink(pipePath("client").c_str());
+        server = unixListen(pipePath("client"));
+    });
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+    EXPECT_TRUE(unixConnect(pipePath("client")));
+}
+
+TEST_F(VornSteadySink_PipeFile, ANameThatIsTakenOverDuringTheConstruction_Is98) {
+    UniqueFd server;
+    const CallHook inBetween("listen", [&] {
+        ::unlink(pipePath("client").c_str());
+        server = unixListen(pipePath("client"));
+    });
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+    EXPECT_TRUE(unixConnect(pipePath("client")));
+}
+
+TEST_F(VornSteadySink_PipeFile, TheDestructor_RemovesTheOwnFileOnly) {
+    std::string path;
+    {
+        const SteadyClient client(optionsFor(Kind::pipe));
+        path = pathOf(client);
+        EXPECT_TRUE(exists(path));
+    }
+    EXPECT_FALSE(exists(path));
+    UniqueFd server;
+    {
+        const SteadyClient client(named("client"));
+        ::unlink(pipePath("client").c_str());
+        server = unixListen(pipePath("client"));
+    }
+    EXPECT_TRUE(unixConnect(pipePath("client")));
+}
+
+TEST_F(VornSteadySink_PipeFile, WhileTheLastCallbackRuns_TheFileIsGoneAlready) {
+    HeldCallback held;
+    SteadyClient client(optionsFor(Kind::pipe), held.action());
+    const std::string path = pathOf(client);
+    const UniqueFd sender = sendNotification(client.address(), "");
+    ASSERT_TRUE(held.awaitEntered());
+    WatchedThread destroyer([&] { client.destroy(); });
+    EXPECT_TRUE(awaitCondition([&] { return !exists(path); }));
+    EXPECT_FALSE(destroyer.finished());
+    held.letGoOn();
+    EXPECT_TRUE(destroyer.join());
+}
+
+TEST_F(VornSteadySink_PipeFile, AFileThatIsRemoved_IsMadeAgainUnderTheSameName) {
+    Told told;
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.onAddressChange = told.handler();
+    const SteadyClient client(options);
+    const std::string address = client.address();
+    const std::string path = pathOf(client);
+    ::unlink(path.c_str());
+    ASSERT_TRUE(awaitCondition([&] { return exists(path); }));
+    ASSERT_TRUE(awaitCondition([&] { return statusOf(path).st_mode == (S_IFSOCK | 0770U); }));
+    EXPECT_EQ(client.address(), address);
+    EXPECT_EQ(deliverTo(address, ""), "end");
+    EXPECT_THAT(told.addresses(), ElementsAre());
+}
+
+TEST_F(VornSteadySink_PipeFile, WhoHadConnectedToARemovedFile_IsServedBeforeThoseWhoComeAfter) {
+    HeldCallback held;
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.nConnectionLimit = 1;
+    const SteadyClient client(options, held.action());
+    const UniqueFd running = sendNotification(client.address(), "running");
+    ASSERT_TRUE(held.awaitEntered());
+    const UniqueFd before = sendNotification(client.address(), "before");
+    const std::string path = pathOf(client);
+    ::unlink(path.c_str());
+    ASSERT_TRUE(awaitCondition([&] { return exists(path); }));
+    UniqueFd after;
+    ASSERT_TRUE(awaitCondition([&] {
+        try {
+            after = sendNotification(client.address(), "after");
+        } catch (const std::system_error&) { // between bind() and listen()
+        }
+        return static_cast<bool>(after);
+    }));
+    held.letGoOn();
+    EXPECT_EQ(endingOf(running.get()), "end");
+    EXPECT_EQ(endingOf(before.get()), "end");
+    EXPECT_EQ(endingOf(after.get()), "end");
+    EXPECT_THAT(client.callback()->contents(), ElementsAre("running", "before", "after"));
+}
+
+TEST_F(VornSteadySink_PipeFile, AFileThatIsReplaced_GivesTheSinkAnotherNameAndTheHandlerIsTold) {
+    for (const char* name : {"", "client"}) {
+        Told told;
+        SteadyOptions options = named(name);
+        options.onAddressChange = told.handler();
+        const SteadyClient client(options);
+        const std::string path = pathOf(client);
+        const std::string before = client.address();
+        ::unlink(path.c_str());
+        const UniqueFd server = unixListen(path);
+        ASSERT_TRUE(awaitCondition([&] { return told.addresses().size() == 1; }));
+        EXPECT_NE(client.address(), before);
+        EXPECT_THAT(client.address(), MatchesRegex("pipe:quorax[0-9a-f]+-[0-9a-f]{8}"));
+        EXPECT_THAT(told.addresses(), ElementsAre(client.address()));
+        EXPECT_EQ(deliverTo(client.address(), ""), "end");
+        EXPECT_TRUE(unixConnect(path));
+        ::unlink(path.c_str());
+    }
+}
+
+TEST_F(VornSteadySink_PipeFile, ALibraryServerThatTakesTheNameOver_DoesNotEndTheSink) {
+    const SteadyClient client(named("client"));
+    const VornNet::VornPipeServer server("client");
+    ASSERT_TRUE(awaitCondition([&] { return client.address() != "pipe:client"; }));
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, WhileTheHandlerTakesItsTime_CallbacksAreCalledAndTheSinkReads) {
+    Gate entered;
+    Gate goesOn;
+    pid_t handlerThread = 0;
+    SteadyOptions options = named("client");
+    options.onAddressChange = [&](const VornSupport::VornString&) {
+        handlerThread = currentTid();
+        entered.open();
+        goesOn.await();
+    };
+    pid_t callbackThread = 0;
+    const SteadyClient client(options, [&](auto&) {
+        callbackThread = currentTid();
+        return "";
+    });
+    ::unlink(pipePath("client").c_str());
+    const UniqueFd server = unixListen(pipePath("client"));
+    ASSERT_TRUE(entered.await());
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+    EXPECT_NE(handlerThread, callbackThread);
+    goesOn.open();
+}
+
+TEST_F(VornSteadySink_PipeFile, AHandlerThatThrows_IsLoggedAndTheSinkGoesOn) {
+    LogCapture log(1);
+    SteadyOptions options = named("client");
+    options.onAddressChange = [](const VornSupport::VornString&) {
+        throw VornSupport::VornException("oh", 5);
+    };
+    const SteadyClient client(options);
+    ::unlink(pipePath("client").c_str());
+    const UniqueFd server = unixListen(pipePath("client"));
+    EXPECT_TRUE(log.await("VornSteadySink::onAddressChange: the handler threw: oh (code=5)"));
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, ADirectoryThatGoesAndComesBack_IsUsedAgain) {
+    const SteadyClient client(named("client"));
+    {
+        const MissingPipeDirectory missing;
+        const FaultRule watched("lstat", 0, 1000000);
+        ASSERT_TRUE(awaitCondition([&] { return watched.calls() >= 1; })); // it has looked in vain
+        ::unlink(missing.pathNow("client").c_str());
+    }
+    ASSERT_TRUE(awaitCondition([&] { return exists(pipePath("client")); }));
+    EXPECT_EQ(client.address(), "pipe:client");
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, AfterAKill_TheNextSinkTakesTheNameAtOnce) {
+    ChildProcess child = ChildProcess::spawnRole("steadyNamedClient");
+    ASSERT_EQ(child.readLine(), "pipe:client");
+    child.kill(SIGKILL);
+    child.wait();
+    EXPECT_TRUE(exists(pipePath("client")));
+    const SteadyClient client(named("client"));
+    EXPECT_EQ(deliverTo("pipe:client", ""), "end");
+}
+
+KIT_ROLE(steadyNamedClient) {
+    const SteadyClient client(named("client"));
+    std::puts(client.address().c_str());
+    std::getchar();
+    return 0;
+}
