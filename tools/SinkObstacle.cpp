@@ -40,8 +40,11 @@ bool lookUp(const std::string& name, std::string& officialName, std::string& add
     return true;
 }
 
-std::string makeDirectoryRemedy() {
-    return "create it: install -d -o root -g vorn -m 1770 " + pipeDirectory();
+/** As in the manual; a test compares them. */
+std::string createDirectoryRemedy() {
+    const std::string directory = pipeDirectory();
+    return "as root: groupadd --system --force vorn; install -d -o root -g vorn -m 1770 " +
+           directory.substr(0, directory.size() - 1) + "; then add this user to the group";
 }
 
 bool isOwnAddress(const std::string& address) {
@@ -77,7 +80,7 @@ std::optional<Obstacle> pipeDirectoryObstacle() {
 
     if (::stat(path.c_str(), &information) != 0) {
         if (errno == ENOENT || errno == ENOTDIR)
-            return Obstacle{"the pipe directory " + path + " is missing", makeDirectoryRemedy()};
+            return Obstacle{"the pipe directory " + path + " is missing", createDirectoryRemedy()};
         return Obstacle{"the pipe directory " + path + " cannot be looked at: " + std::strerror(errno),
                         "let this user pass through the directories above it"};
     }

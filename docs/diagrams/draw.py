@@ -73,7 +73,7 @@ def byte_boxes(title, fields):
 
 
 def road():
-    drawing = Drawing("The road of a notification", 860, 640)
+    drawing = Drawing("What happens to a notification", 860, 640)
     lanes = {"service": 130, "thread": 480, "callback": 720}
     drawing.box(30, 10, 200, 30, BLUE, "service process", "bold")
     drawing.box(360, 10, 480, 30, GREEN, "client process", "bold")
@@ -93,7 +93,7 @@ def road():
     step(108, "thread", "the server waits", GREEN)
     step(108, "service", "remoteNotify()", BLUE)
     message(164, "service", "thread", "connect")
-    message(196, "service", "thread", "long: the handle")
+    message(196, "service", "thread", "long: the callback id")
     step(212, "thread", "receiveLong(), container locked, lookup()", SAND, width=270)
     message(266, "thread", "callback", "callback()")
     message(298, "service", "callback", "what addContent() writes")
@@ -102,8 +102,8 @@ def road():
     step(384, "callback", "reads on to the end", GREEN, width=180)
     message(440, "callback", "thread", "returns; its event is set")
     step(456, "thread", "the server is closed, container unlocked", ROSE, width=270)
-    drawing.box(345, 490, 270, 52, ROSE, "no server:\nwhoever comes now is refused or lost", "small", more="dashed")
-    step(550, "thread", "the server is opened anew and waits", GREEN, width=270)
+    drawing.box(345, 490, 270, 52, ROSE, "no server:\na sender is refused now, or lost", "small", more="dashed")
+    step(550, "thread", "the server is opened again and waits", GREEN, width=270)
     drawing.line([(lanes["service"], 600), (345, 600)])
     drawing.text(238, 593, "the next notification", "label")
     return drawing

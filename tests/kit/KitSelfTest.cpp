@@ -118,6 +118,7 @@ KIT_ROLE(pipeSignal) {
 }
 
 TEST_F(Kit, SandboxHasPipeDirectoryAndNothingElse) {
+    needSandbox("a sandbox to be tested");
     struct stat information = {};
     ASSERT_EQ(::stat(pipeDirectory(), &information), 0);
     EXPECT_EQ(information.st_mode & 07777, 0770U);

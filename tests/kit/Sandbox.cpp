@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -38,6 +39,11 @@ const char nsswitchPath[] = "/opt/.vorntest/nsswitch.conf";
 const char defaultHosts[] = "127.0.0.1 localhost\n";
 const char defaultGroups[] = "root:x:0:\n";
 const char sandboxVariable[] = "VORNTEST_IN_SANDBOX";
+const char inPlaceVariable[] = "VORNTEST_IN_PLACE";
+const char needVariable[] = "VORNTEST_NEED"; // of a whole program, from its CMakeLists.txt
+// Written by script/test when it has created the pipe directory for the tests.
+const char createdMarkPath[] = "/opt/vorn/hostmgr/var/lib/kestrel/.created-for-a-run";
+constexpr int skippedStatus = 77; // SKIP_RETURN_CODE of every test
 
 const char namespaceRemedy[] =
     "run the tests as root or allow unprivileged user name spaces (sysctl user.max_user_namespaces, "
@@ -176,6 +182,30 @@ void rewrite(const char* path, const std::string& text) {
     }
 }
 
+bool isInPlace() {
+    return std::getenv(inPlaceVariable) != nullptr;
+}
+
+/// Leaves nothing of an earlier test in the pipe directory. Children of the test find the variable changed.
+void preparePlace() {
+    if (const char* need = std::getenv(needVariable)) {
+        needSandbox(need);
+    }
+    const std::string entered = "entered";
+    if (std::getenv(inPlaceVariable) == entered) {
+        return;
+    }
+    if (::access(createdMarkPath, F_OK) != 0) {
+        giveUp(std::string("access(") + createdMarkPath + ")",
+               "let script/test create the pipe directory: one that was not created for tests may be in use");
+    }
+    std::filesystem::remove_all(pipeDirectoryPath);
+    makePipeDirectory();
+    if (::setenv(inPlaceVariable, entered.c_str(), 1) != 0) {
+        giveUp("setenv(VORNTEST_IN_PLACE)", fileRemedy);
+    }
+}
+
 bool insideSandbox() {
     // The variable alone could come from a careless shell, and the tests would then work on the host.
     struct statfs information = {};
@@ -252,6 +282,10 @@ std::vector<std::string> commandLine() {
 } // namespace
 
 void enterSandbox() {
+    if (isInPlace()) {
+        preparePlace();
+        return;
+    }
     if (insideSandbox()) {
         return;
     }
@@ -259,6 +293,14 @@ void enterSandbox() {
         buildSandbox();
     } else {
         runInForkedSandbox();
+    }
+}
+
+void needSandbox(const char* need) {
+    if (isInPlace()) {
+        std::printf("not tested in place: it needs %s\n", need);
+        std::fflush(stdout);
+        ::_exit(skippedStatus);
     }
 }
 
@@ -271,14 +313,19 @@ std::string pipePath(const std::string& name) {
 }
 
 void useHostsFile(const std::string& text) {
+    needSandbox("its own hosts file");
     rewrite(hostsPath, text);
 }
 
 void useGroupFile(const std::string& text) {
+    needSandbox("its own group file");
     rewrite(groupPath, text);
 }
 
 void restoreSystemFiles() {
+    if (isInPlace()) {
+        return;
+    }
     rewrite(hostsPath, defaultHosts);
     rewrite(groupPath, defaultGroups);
 }

@@ -8,7 +8,7 @@
 
 /**
  * @file
- * The private world of a test program: its own mount and network name spaces.
+ * The private world of a test program: its own mount and network namespaces.
  */
 namespace VornTest {
 
@@ -17,12 +17,23 @@ namespace VornTest {
  *
  * Afterwards /opt is an empty tmpfs which contains nothing but the directory of the Unix sockets, `lo` is the
  * only network interface, and names are looked up in the kit's hosts and group files alone. An ordinary user
- * becomes root of a user name space. A failing step ends the program with exit status 2 and a line on stderr.
+ * becomes root of a user namespace. A failing step ends the program with exit status 2 and a line on stderr.
  *
  * To be called first in main(), while there is one thread. A process which finds itself in a sandbox already
  * (a child of a test program) stays there.
+ *
+ * Where no namespaces can be created, script/test sets VORNTEST_IN_PLACE and runs one test after the other.
+ * Then there is no sandbox: the program gets an empty pipe directory and shares everything else with the
+ * host.
  */
 void enterSandbox();
+
+/**
+ * Ends the program as skipped if it runs in place.
+ *
+ * For a test that needs a network, a mount or a system file of its own; @p need says which, and is printed.
+ */
+void needSandbox(const char* need);
 
 /// The directory of the Unix sockets, with a slash at its end.
 const char* pipeDirectory();

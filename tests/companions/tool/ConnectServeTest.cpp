@@ -17,11 +17,11 @@ using testing::StartsWith;
 
 namespace {
 
-class VornnetConnect : public ToolTest {};
+class VornnetConnect : public ToolNetworkTest {};
 
-class VornnetServe : public ToolTest {};
+class VornnetServe : public ToolNetworkTest {};
 
-class VornnetConversation : public ToolTest, public testing::WithParamInterface<std::string> {
+class VornnetConversation : public ToolNetworkTest, public testing::WithParamInterface<std::string> {
 protected:
     /// Starts a server at the parameter's address and waits until it listens.
     ChildProcess serve(std::vector<std::string> arguments) {

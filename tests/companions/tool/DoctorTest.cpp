@@ -17,7 +17,7 @@ using testing::StartsWith;
 
 namespace {
 
-class VornnetDoctor : public ToolTest {};
+class VornnetDoctor : public ToolNetworkTest {};
 
 /// What the tool finds, and its exit status.
 struct Diagnosis {
@@ -122,6 +122,14 @@ TEST_F(VornnetDoctor, WithoutPipeDirectory_FindsAProblem) {
     EXPECT_EQ(::rename(aside.c_str(), directoryPath().c_str()), 0);
     EXPECT_EQ(diagnosis.status, 5);
     expectFinding(diagnosis, "pipe-directory", "problem", "is missing");
+    const std::string remedy = diagnosis.of("pipe-directory").at(0).at("remedy");
+    const std::string manual = readTextFile(toolFile("../docs/installing.md"));
+    for (const std::string command :
+         {"groupadd --system --force vorn",
+          "install -d -o root -g vorn -m 1770 /opt/vorn/hostmgr/var/lib/kestrel/rendez"}) {
+        EXPECT_THAT(remedy, HasSubstr(command + ";"));
+        EXPECT_THAT(manual, HasSubstr("sudo " + command + "\n"));
+    }
 }
 
 TEST_F(VornnetDoctor, WithPipeDirectoryOpenToOthers_FindsAProblem) {

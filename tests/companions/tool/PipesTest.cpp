@@ -194,6 +194,7 @@ TEST_F(VornnetPipes, WithASocketThatDoesNotListen_SaysSo) {
 }
 
 TEST_F(VornnetPipes, WithAServerInAnotherNetwork_KnowsThatItLives) {
+    needSandbox("a second network");
     ChildProcess server = ChildProcess::spawnRole("listenInAnotherNetwork", "elsewhere");
     ASSERT_EQ(nextLine(server), "ready");
     EXPECT_EQ(entry("elsewhere").at("state"), "hidden");

@@ -11,7 +11,7 @@ using testing::HasSubstr;
 
 namespace {
 
-class VornnetResolve : public ToolTest {};
+class VornnetResolve : public ToolNetworkTest {};
 
 } // namespace
 

@@ -20,11 +20,11 @@ using testing::StartsWith;
 
 namespace {
 
-class VornnetSink : public ToolTest {};
+class VornnetSink : public ToolNetworkTest {};
 
-class VornnetNotify : public ToolTest {};
+class VornnetNotify : public ToolNetworkTest {};
 
-class VornnetRoad : public ToolTest, public testing::WithParamInterface<std::string> {};
+class VornnetRoad : public ToolNetworkTest, public testing::WithParamInterface<std::string> {};
 
 /// Handle 0 and an id of 12, as a sender writes them.
 const char cNotification[] = "00 00 00 00 00 00 00 00  00 00 00 0c 00 00 00 00";
@@ -223,7 +223,7 @@ TEST_F(VornnetSink, WithoutPipeDirectory_TellsTheRemedyInsteadOfWaiting) {
     const ToolResult result = runTool({"sink", "--type", "pipe"});
     EXPECT_EQ(::rename(aside.c_str(), directory.c_str()), 0);
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, HasSubstr("is missing; create it: "));
+    EXPECT_THAT(result.errors, HasSubstr("is missing; as root: "));
 }
 
 TEST_F(VornnetSink, WithoutLocalhost_TellsTheRemedyInsteadOfWaiting) {
@@ -355,7 +355,7 @@ TEST_F(VornnetNotify, WithHandleOrIdThatIsNone_EndsWithUsage) {
     EXPECT_EQ(runTool({"notify", "pipe:x", "0"}).status, 2);
 }
 
-class VornnetBadAddress : public ToolTest, public testing::WithParamInterface<std::string> {};
+class VornnetBadAddress : public ToolNetworkTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(VornnetBadAddress, EndsWithUsage) {
     const ToolResult result = runTool({"notify", GetParam(), "0", "1"});

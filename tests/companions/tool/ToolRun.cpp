@@ -26,6 +26,7 @@ constexpr std::chrono::seconds cPatience(60);
 
 /// Ports stay in TIME_WAIT for a minute, in the network in which they were used.
 void enterNewNetwork() {
+    needSandbox("a network of its own");
     if (::unshare(CLONE_NEWNET) != 0)
         throw std::system_error(errno, std::generic_category(), "unshare(CLONE_NEWNET)");
     const UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -41,8 +42,12 @@ void enterNewNetwork() {
 void ToolTest::SetUp() {
     for (const auto& file : std::filesystem::directory_iterator(pipeDirectory()))
         std::filesystem::remove_all(file.path());
-    enterNewNetwork();
     LeakCheckedTest::SetUp();
+}
+
+void ToolNetworkTest::SetUp() {
+    enterNewNetwork();
+    ToolTest::SetUp();
 }
 
 void PrintTo(const ToolResult& result, std::ostream* out) {

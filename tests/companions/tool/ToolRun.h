@@ -19,8 +19,14 @@ namespace VornTest {
 
 using Json = nlohmann::json;
 
-/// A test that begins with an empty pipe directory and a network of its own, in which no port has been used.
+/// A test that begins with an empty pipe directory.
 class ToolTest : public LeakCheckedTest {
+protected:
+    void SetUp() override;
+};
+
+/// The same in a network of its own, in which no port has been used.
+class ToolNetworkTest : public ToolTest {
 protected:
     void SetUp() override;
 };

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 
-// Runs a command where the documents' commands may do what they say: in the tests' sandbox, with the groups
-// that the documents speak of.
+// Runs a command where the documents' commands may do what they say: in the tests' sandbox, with the group
+// and the pipe directory that the packages create.
 
 #include "Sandbox.h"
 
@@ -17,8 +17,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     VornTest::enterSandbox();
-    VornTest::useGroupFile("root:x:0:\nvorn:x:0:\nGROUP:x:0:\n");
-    if (chmod(VornTest::pipeDirectory(), 01770) != 0) { // as the packages make it
+    VornTest::useGroupFile("root:x:0:\nvorn:x:0:\n");
+    if (chmod(VornTest::pipeDirectory(), 01770) != 0) { // as the packages create it
         std::perror(VornTest::pipeDirectory());
         return 2;
     }

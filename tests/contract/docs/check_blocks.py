@@ -3,8 +3,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """Compiles, runs or compares every fenced block of a document: check_blocks.py DOCUMENT BUILD_DIRECTORY COMPILER
 
-It is run within docs_sandbox. The fence names the language alone. Whatever else the check has to know is in a comment
-on the line before the fence, <!-- block: WORDS -->, which no renderer shows. An unknown word fails.
+It is run within docs_sandbox, where the pipe directory is as the packages set it up; no document may change that.
+
+The fence names the language alone. Whatever else the check has to know is in a comment on the line before the fence,
+<!-- block: WORDS -->, which no renderer shows. An unknown word fails.
 
 cpp                   declarations, compiled with every public header included
 cpp, more             the same after the previous block of C++
@@ -51,6 +53,7 @@ TEXTS = {"output", "example"}
 FLAGS = {"more", "body", "run", "later", "after"} | TEXTS | set(ELSEWHERE)
 VALUES = {"file", "with", "of", "not-run"}
 STANDARD_HEADERS = ("atomic", "csignal", "cstdio", "string", "thread", "vector")
+PIPE_DIRECTORY = "/opt/vorn/hostmgr/var/lib/kestrel/rendez"
 PATIENCE = 60
 FENCE = re.compile(r"^(\s*)```(.*)$")
 MARK = re.compile(r"^\s*<!-- block: (.*) -->$")
@@ -225,9 +228,11 @@ class Document:
         # What a document calls program.cpp without showing it.
         (self.work / "program.cpp").write_text("#include <VornPipeConnection.h>\n"
                                                "int main() { VornNet::VornPipeConnection connection(\"x\"); }\n")
-        sudo = stage / "bin" / "sudo"
-        sudo.write_text("#!/bin/sh\nexec \"$@\"\n")
-        sudo.chmod(0o755)
+        # The sandbox's group file cannot be replaced; it has the group already.
+        for name, script in (("sudo", 'exec "$@"'), ("groupadd", "true"), ("usermod", "true")):
+            stand_in = stage / "bin" / name
+            stand_in.write_text(f"#!/bin/sh\n{script}\n")
+            stand_in.chmod(0o755)
         clean = {name: os.environ[name] for name in ("HOME", "PATH", "TERM", "ASAN_OPTIONS") if name in os.environ}
         self.environment = clean | {
             "PATH": f"{stage}/bin:{os.environ['PATH']}", "LD_LIBRARY_PATH": str(libraries), "USER": "root",
@@ -367,8 +372,14 @@ class Document:
         else:
             getattr(self, "check_" + block.kind)(block)
 
+    @staticmethod
+    def pipe_directory():
+        """@return who owns the directory that the packages have set up, and who may use it"""
+        found = os.stat(PIPE_DIRECTORY)
+        return found.st_ino, found.st_uid, found.st_gid, oct(found.st_mode)
+
     def check_all(self):
-        failures = 0
+        failures, before = 0, self.pipe_directory()
         blocks = blocks_of(self.path.read_text())
         for block in blocks:
             try:
@@ -381,6 +392,9 @@ class Document:
         except Failure as failure:
             failures += 1
             print(f"{self.path}: {failure}")
+        if self.pipe_directory() != before:
+            failures += 1
+            print(f"{self.path}: the pipe directory was {before} and is {self.pipe_directory()}")
         print(f"{self.path.name}: {len(blocks)} blocks, {len(self.not_run)} of them not run, {failures} wrong")
         for line in self.not_run:
             print(f"not run: {line}")

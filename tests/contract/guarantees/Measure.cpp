@@ -23,7 +23,7 @@ constexpr int cRuns = 10;
 constexpr int cBurst = 100;
 constexpr Kind cKinds[] = {Kind::pipe, Kind::socket, Kind::udp};
 
-std::string roadOf(Kind kind) {
+std::string transportOf(Kind kind) {
     return kind == Kind::pipe ? "pipe" : kind == Kind::socket ? "TCP" : "UDP";
 }
 
@@ -122,21 +122,22 @@ void head(const std::vector<std::string>& cells) {
 }
 
 void measureBurst() {
-    head({"road", "pause", "delivered of " + std::to_string(cBurst), "refused (codes)", "lost in silence",
-          "seconds"});
+    head({"transport", "pause", "delivered of " + std::to_string(cBurst), "refused (codes)",
+          "lost in silence", "seconds"});
     for (const Kind kind : cKinds) {
         for (const int pause : {0, 1000, 5000, 20000}) {
             Order order;
             order.count = cBurst;
             order.pauseMicros = pause;
             const Runs runs(kind, order);
-            row({roadOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost(), runs.seconds()});
+            row({transportOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost(),
+                 runs.seconds()});
         }
     }
 }
 
 void measureSlowCallback() {
-    head({"road", "pause", "delivered of 50", "refused (codes)", "lost in silence"});
+    head({"transport", "pause", "delivered of 50", "refused (codes)", "lost in silence"});
     for (const Kind kind : cKinds) {
         for (const int pause : {0, 5000, 40000}) {
             Order order;
@@ -145,20 +146,20 @@ void measureSlowCallback() {
             Callback callback;
             callback.milliseconds = 20;
             const Runs runs(kind, order, callback);
-            row({roadOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost()});
+            row({transportOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost()});
         }
     }
 }
 
 void measureRetry() {
-    head({"road", "delivered of " + std::to_string(cBurst), "retries", "given up", "lost in silence"});
+    head({"transport", "delivered of " + std::to_string(cBurst), "retries", "given up", "lost in silence"});
     for (const Kind kind : cKinds) {
         Order order;
         order.count = cBurst;
         order.pauseMicros = 20000;
         order.mostTries = 10;
         const Runs runs(kind, order);
-        row({roadOf(kind), runs.delivered(), runs.retries(), runs.refused(), runs.lost()});
+        row({transportOf(kind), runs.delivered(), runs.retries(), runs.refused(), runs.lost()});
     }
 }
 
@@ -177,10 +178,10 @@ void measureMoves() {
 
 void measureQueue() {
     constexpr int cMost = 50;
-    head({"road", "sent while the first is being handled", "the next"});
+    head({"transport", "sent while the first is being handled", "the next"});
     for (const Kind kind : cKinds) {
         const int sent = sentToStuckSink(kind, cMost) - 1;
-        row({roadOf(kind), sent + 1 == cMost ? "all" : std::to_string(sent),
+        row({transportOf(kind), sent + 1 == cMost ? "all" : std::to_string(sent),
              sent + 1 == cMost ? "is sent too" : "blocks"});
     }
 }
@@ -199,10 +200,10 @@ void measureSigpipe() {
 }
 
 void measureTwoSinks() {
-    head({"road", "addresses", "reached the first of 10", "reached the second"});
+    head({"transport", "addresses", "reached the first of 10", "reached the second"});
     for (const Kind kind : cKinds) {
         const TwoSinks sinks = deliverToFirstOfTwo(kind, 10);
-        row({roadOf(kind), sinks.sameAddress ? "the same" : "two", std::to_string(sinks.first),
+        row({transportOf(kind), sinks.sameAddress ? "the same" : "two", std::to_string(sinks.first),
              std::to_string(sinks.second)});
     }
 }
@@ -227,14 +228,14 @@ void measureEnds() {
     };
 
     constexpr int cCount = 8;
-    head({"road", "what ends the sink", "of the next 8: sent", "blocked"});
+    head({"transport", "what ends the sink", "of the next 8: sent", "blocked"});
     for (const Case& one : {Case{Kind::udp, Blow::emptyDatagram, "an empty datagram, from anybody"},
                             Case{Kind::socket, Blow::reset, "a connection reset before its handle was read"},
                             Case{Kind::pipe, Blow::callbackThrows, "a callback that throws code 104"},
                             Case{Kind::socket, Blow::callbackThrows, "a callback that throws code 104"}}) {
         const Ended ended = endSink(one.kind, one.blow, cCount);
         const auto blocked = ended.sender.refused.find(EINTR);
-        row({roadOf(one.kind), std::string(one.text) + (ended.ended ? "" : " (it did not)"),
+        row({transportOf(one.kind), std::string(one.text) + (ended.ended ? "" : " (it did not)"),
              std::to_string(ended.sender.sent.size()),
              std::to_string(blocked == ended.sender.refused.end() ? 0 : blocked->second)});
     }

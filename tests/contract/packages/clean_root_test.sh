@@ -21,7 +21,7 @@ if [[ ${1-} == --in-namespace ]]; then
     done
     mount -t proc proc "$root/proc"
     ip link set lo up
-    cp -r -- "$work/first" "$work/second" "$work/in_root.sh" "$root/packages"
+    cp -r -- "$work/first" "$work/second" "$work/in_root.sh" "$work/installing.md" "$root/packages"
     exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 HOME=/root DEBIAN_FRONTEND=noninteractive \
         chroot "$root" /packages/in_root.sh
 fi
@@ -98,7 +98,7 @@ run_in_root() { # NAME
     mkdir -- "$work/$1"
     cp -r -- "$packages" "$work/$1/first"
     cp -r -- "$work/second" "$work/$1/second"
-    cp -- "$here/in_root.sh" "$work/$1"
+    cp -- "$here/in_root.sh" "$source_dir/docs/installing.md" "$work/$1"
     chmod 777 "$work/$1"
     in_namespace "$here/clean_root_test.sh" --in-namespace "$work/$1" "$build/roots/$1.tar"
 }

@@ -58,12 +58,47 @@ check_set_up() {
     grep -q 'libvornsupt\.so\.1 ' /tmp/log || fail 'the linker does not know the support library'
 }
 
+# What the manual says of the pipe directory, followed by alice, who becomes root with what stands in for sudo.
+follow_chapter() {
+    sed -n '/^## The pipe directory/,/^## /{/^```sh/,/^```/{/^```/!p}}' /packages/installing.md >/tmp/recipe
+    [[ -s /tmp/recipe ]] || fail 'the manual has no recipe for the pipe directory'
+    (
+        sudo() { "$@"; }
+        USER=alice
+        set -e
+        . /tmp/recipe
+    ) || fail 'the recipe of the manual has failed'
+    id -nG alice | tr ' ' '\n' | grep -q -x vorn || fail 'alice is not in the group'
+}
+
+directory_state() { stat -c '%i %U:%G %a %w' "$directory" "${directory%/*}"; }
+
+# With the packages, the recipe adds a user to the group and does not touch the directory.
+check_chapter_after_installation() {
+    local before
+    before=$(directory_state)
+    show '(as alice) the recipe of the manual'
+    follow_chapter
+    follow_chapter
+    expect_equal 'the pipe directory' "$(directory_state)" "$before"
+}
+
+# Without them, it sets up the same as they do.
+check_chapter_without_packages() {
+    useradd --create-home alice
+    follow_chapter
+    expect_equal "owner and mode of $directory" "$(stat -c '%U:%G %a' "$directory")" 'root:vorn 1770'
+    as alice touch "$directory/pipe" || fail 'a member of the group cannot create pipes'
+    quietly userdel -r alice
+    groupdel vorn
+    rm -r /opt/vorn
+}
+
 make_users() {
     local user
     for user in alice bob mallory; do
         useradd --create-home --shell /bin/sh "$user"
     done
-    usermod -aG vorn alice
     usermod -aG vorn bob
 }
 
@@ -208,10 +243,12 @@ check_end_with_foreign_file() {
     diff /tmp/before /tmp/after || fail 'purging has left something'
 }
 
+check_chapter_without_packages
 snapshot >/tmp/before
 install_packages first 1.0.0-1
 check_set_up
 make_users
+check_chapter_after_installation
 check_doctor_without_hosts
 check_doctor
 for kind in pipe socket udp; do

@@ -442,6 +442,7 @@ TEST_F(VornSocketConnectionTest, WhenANumericAddressIsToBeIdentified_TheHostsFil
 }
 
 TEST_F(VornSocketConnectionTest, WhenANumericAddressIsToBeIdentified_ANameServicesAnswerIsLogged) {
+    needSandbox("its own system files");
     ChildProcess child = ChildProcess::spawnRole("identifyByNameService");
     const std::string output = child.readAllOutput();
     EXPECT_EQ(child.wait(), 0) << child.readAllErrors();

@@ -464,6 +464,7 @@ TEST_F(VornUDPSocketConnectionTest, WhenANumericAddressIsToBeIdentified_TheHosts
     // It knows 127.0.0.1; but it is asked for an address of eight bytes, so that the name service is asked
     // too.
     useHostsFile("127.0.0.1 localhost\n");
+    needSandbox("its own system files");
     ChildProcess child = ChildProcess::spawnRole("identifyBesideHostsFile");
     EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
 }

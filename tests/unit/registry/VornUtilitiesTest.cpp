@@ -71,6 +71,7 @@ TEST_F(VornUtilitiesTest, AnAddressWithAZeroByte_HasOnlyZerosBehindIt) {
 }
 
 TEST_F(VornUtilitiesTest, Localhost_IsThereforeNotTheLoopbackAddress) {
+    needSandbox("its own hosts file");
     EXPECT_THAT(addressesOf("localhost"), ElementsAre("127.0.0.0"));
 }
 

@@ -8,6 +8,7 @@
 #include "Interpose.h"
 #include "LogCapture.h"
 #include "Posix.h"
+#include "Sandbox.h"
 
 #include <VornException.h>
 #include <VornIPCServer.h>
@@ -265,6 +266,7 @@ private:
 
 /// Gives the loopback interface one more address; doing it again is harmless. @param label "lo:1", "lo:2"...
 inline void addLocalAddress(const char* label, const char* address) {
+    needSandbox("an address of its own");
     int port = 0;
     const UniqueFd fd = udpSocket("127.0.0.1", port);
     ifreq request = {};
