@@ -13,12 +13,13 @@
 
 namespace VornNet {
 
-/** Owns a descriptor, or none (-1). Whoever opens one asks for close-on-exec in the same call. */
+/** Owns a descriptor, or none (-1), off the standard streams. Whoever opens one asks for close-on-exec in the
+ * same call. */
 class OwnedDescriptor {
 public:
     OwnedDescriptor() = default;
 
-    explicit OwnedDescriptor(int number) : m_number(number) {}
+    explicit OwnedDescriptor(int number) : m_number(keepOffStandardStreams(number)) {}
 
     OwnedDescriptor(OwnedDescriptor&& other) noexcept : m_number(other.release()) {}
 
@@ -33,7 +34,7 @@ public:
     static OwnedDescriptor opened(int number) {
         if (number == -1)
             throw std::system_error(errno, std::generic_category());
-        return OwnedDescriptor(keepOffStandardStreams(number));
+        return OwnedDescriptor(number);
     }
 
     int number() const { return m_number; }
@@ -45,7 +46,7 @@ public:
 
     /** Closes what is owned and takes over @p number. */
     void reset(int number = -1) {
-        const int previous = std::exchange(m_number, number);
+        const int previous = std::exchange(m_number, keepOffStandardStreams(number));
         if (previous != -1)
             System::close(previous);
     }

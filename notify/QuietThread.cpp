@@ -37,12 +37,14 @@ private:
 void QuietThread::start(const VornString& sName, std::function<void()> run) {
     std::binary_semaphore named(0);
     const SignalsBlocked blocked;
-    m_thread = std::thread([&named, sName = sName.substr(0, cLongestSystemName), run = std::move(run)] {
+    m_thread = std::thread([this, &named, sName = sName.substr(0, cLongestSystemName), run = std::move(run)] {
         ::pthread_setname_np(::pthread_self(), sName.c_str());
         // A sleep takes 50 microseconds more than asked for unless the thread says that it minds.
         System::prctl(PR_SET_TIMERSLACK, 1);
+        m_id = std::this_thread::get_id();
         named.release();
         run();
+        m_id = std::thread::id();
     });
     named.acquire();
 }

@@ -6,6 +6,7 @@
 #include <VornNetExport.h>
 #include <VornString.h>
 
+#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -28,10 +29,12 @@ public:
     void join();
 
     /** @return whether the caller runs on this thread. */
-    bool isCurrent() const { return m_thread.get_id() == std::this_thread::get_id(); }
+    bool isCurrent() const { return m_id.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
 private:
     std::thread m_thread;
+    std::atomic<std::thread::id>
+        m_id; // while it runs, for the system may give it to another thread afterwards
 };
 
 } // namespace VornNet

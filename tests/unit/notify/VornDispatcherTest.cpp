@@ -1,0 +1,754 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "DispatcherTestSupport.h"
+#include "LogCapture.h"
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using namespace VornTest;
+using Overflow = VornDispatcher::Overflow;
+
+namespace {
+
+/** What its operations promise, whatever the transport. */
+class VornDispatcher_Operations : public DispatcherTest {
+protected:
+    static UniqueFd listen(const std::string& name, int backlog = 64) {
+        ::unlink(pipePath(name).c_str());
+        return unixListen(pipePath(name), backlog);
+    }
+
+    /** Waits until the first notification is being tried: a connection is in the listener's queue. */
+    static void awaitTry(int listener) {
+        pollfd entry{listener, POLLIN, 0};
+        ASSERT_EQ(::poll(&entry, 1, 10'000), 1);
+    }
+
+    static std::vector<Outcome> outcomesOf(const std::vector<Result>& results) {
+        std::vector<Outcome> outcomes;
+        for (const Result& result : results)
+            outcomes.push_back(result.outcome);
+        return outcomes;
+    }
+
+    static std::vector<std::uint64_t> ticketsOf(const std::vector<Result>& results) {
+        std::vector<std::uint64_t> tickets;
+        for (const Result& result : results)
+            tickets.push_back(result.nTicket);
+        return tickets;
+    }
+
+    using Thrown = std::pair<std::string, int>;
+    using Tickets = std::vector<std::uint64_t>;
+    using Outcomes = std::vector<Outcome>;
+};
+
+} // namespace
+
+TEST(VornDispatcher, HasTheDefaultsOfItsHeader) {
+    const VornDispatcher::Options options;
+    EXPECT_EQ(options.sName, "dispatcher");
+    EXPECT_EQ(options.terms.timeLimit, 10s);
+    EXPECT_EQ(options.terms.nDoubtfulTries, 64U);
+    EXPECT_EQ(options.overflow, Overflow::refuse);
+    EXPECT_EQ(options.nQueueLimit, 10'000U);
+    EXPECT_EQ(options.nByteLimit, 64UL * 1024 * 1024);
+    EXPECT_EQ(options.nConnectionLimit, 0U);
+    EXPECT_EQ(options.connectLimit, 1s);
+    EXPECT_EQ(options.firstPause, 20us);
+    EXPECT_EQ(options.longestPause, 250ms);
+    EXPECT_EQ(options.datagramPause, 1ms);
+    EXPECT_EQ(options.stopLimit, 1s);
+    EXPECT_FALSE(options.onResult);
+}
+
+TEST(VornDispatcher, NamesEveryOutcome) {
+    const std::pair<Outcome, std::string> names[] = {
+        {Outcome::delivered, "delivered"},    {Outcome::sent, "sent"},
+        {Outcome::unread, "unread"},          {Outcome::expired, "expired"},
+        {Outcome::dropped, "dropped"},        {Outcome::cancelled, "cancelled"},
+        {Outcome::stopped, "stopped"},        {static_cast<Outcome>(7), "unknown"},
+        {static_cast<Outcome>(-1), "unknown"}};
+    for (const auto& [outcome, name] : names)
+        EXPECT_EQ(VornDispatcher::nameOf(outcome), name);
+}
+
+TEST_F(VornDispatcher_Operations, RefusesInvalidOptions) {
+    using Options = VornDispatcher::Options;
+    const std::function<void(Options&)> faults[] = {
+        [](Options& options) { options.terms.timeLimit = 0ms; },
+        [](Options& options) { options.terms.timeLimit = -1ms; },
+        [](Options& options) { options.terms.nDoubtfulTries = 0; },
+        [](Options& options) { options.nQueueLimit = 0; },
+        [](Options& options) { options.nByteLimit = 0; },
+        [](Options& options) { options.connectLimit = 0ms; },
+        [](Options& options) { options.connectLimit = -1ms; },
+        [](Options& options) { options.firstPause = 0us; },
+        [](Options& options) { options.firstPause = -1us; },
+        [](Options& options) { options.longestPause = 0ms; },
+        [](Options& options) { options.longestPause = -1ms; },
+        [](Options& options) { options.datagramPause = -1us; },
+        [](Options& options) { options.stopLimit = -1ms; },
+    };
+    for (const auto& makeFaulty : faults) {
+        Options options;
+        makeFaulty(options);
+        EXPECT_EQ(thrownBy([&] { VornDispatcher dispatcher(options); }),
+                  Thrown("VornDispatcher::VornDispatcher: invalid option.", EINVAL))
+            << &makeFaulty - faults;
+    }
+    Options least;
+    least.datagramPause = 0us;
+    least.stopLimit = 0ms;
+    least.nConnectionLimit = 0;
+    EXPECT_EQ(thrownBy([&] { VornDispatcher dispatcher(least); }).second, 0);
+}
+
+TEST_F(VornDispatcher_Operations, RefusesWhatIsNoAddressAndNoTerms) {
+    VornDispatcher dispatcher(optionsWithResults());
+    for (const char* text :
+         {"", "pipe:", "pipe:a/b", "socket:localhost:5023", "ssl:127.0.0.1:5023", "udp:0.0.0.0:5023"})
+        EXPECT_EQ(thrownBy([&] { post(dispatcher, text); }),
+                  Thrown("VornDispatcher::post: invalid callback address.", EINVAL))
+            << text;
+    for (const VornDispatcher::Terms& terms : {termsOf(0ms), termsOf(-1ms), termsOf(1s, 0)})
+        EXPECT_EQ(thrownBy([&] { postWith(terms, dispatcher, "pipe:nobody"); }),
+                  Thrown("VornDispatcher::post: invalid terms.", EINVAL));
+    EXPECT_EQ(dispatcher.statistics().nPosted, 0U);
+    EXPECT_EQ(dispatcher.statistics().nRefused, 0U);
+}
+
+TEST_F(VornDispatcher_Operations, ComposesAtOnceOnceAndOnTheCallersThread) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    int nCalls = 0;
+    {
+        WritingProxy proxy("pipe:peer", [&, me = std::this_thread::get_id()](VornConnection& connection) {
+            ++nCalls;
+            EXPECT_EQ(std::this_thread::get_id(), me);
+            EXPECT_EQ(connection.getRemoteName(), "peer");
+            connection.transfer("text");
+            connection.transfer(5L);
+            connection.transfer(static_cast<short>(3));
+        });
+        dispatcher.post(proxy, VornNotification(1));
+    }
+    EXPECT_EQ(nCalls, 1);
+    EXPECT_EQ(takeOne(listener.get()),
+              cHandle + bytes("00 00 00 04") + "text" + bytes("00 00 00 05 00 00 00 00 00 03"));
+    EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
+}
+
+TEST_F(VornDispatcher_Operations, RefusesAProxyThatReads) {
+    VornDispatcher dispatcher;
+    char byte = 0;
+    int nSize = 1;
+    int nError = 0;
+    long nLongError = 0;
+    const std::function<void(VornConnection&)> reads[] = {
+        [](VornConnection& connection) { connection.receiveInt(); },
+        [](VornConnection& connection) { connection.receiveLong(); },
+        [](VornConnection& connection) { connection.receiveShort(); },
+        [](VornConnection& connection) { connection.receiveString(); },
+        [&](VornConnection& connection) { connection.get(&byte, 1); },
+        [&](VornConnection& connection) { connection.receive(&byte, 1, &nLongError, false); },
+        [&](VornConnection& connection) { connection.peekBytes(&byte, nSize, nError); },
+        [](VornConnection& connection) {
+            try {
+                connection.receiveInt();
+            } catch (const VornException&) { // nor when it does not mind
+            }
+            connection.transfer(5);
+        },
+    };
+    for (const auto& read : reads) {
+        WritingProxy proxy("pipe:peer", read);
+        EXPECT_EQ(thrownBy([&] { dispatcher.post(proxy, VornNotification(1)); }),
+                  Thrown("VornDispatcher::post: addContent() must not read.", EOPNOTSUPP))
+            << &read - reads;
+    }
+    EXPECT_EQ(dispatcher.statistics().nPosted, 0U);
+}
+
+TEST_F(VornDispatcher_Operations, PassesOnWhatAProxyThrows) {
+    VornDispatcher dispatcher;
+    WritingProxy first("pipe:peer", [](VornConnection&) { throw VornException("mine", 5); });
+    EXPECT_EQ(thrownBy([&] { dispatcher.post(first, VornNotification(1)); }), Thrown("mine", 5));
+    WritingProxy second("pipe:peer", [](VornConnection&) { throw 5; });
+    EXPECT_THROW(dispatcher.post(second, VornNotification(1)), int);
+    EXPECT_EQ(dispatcher.statistics().nPosted, 0U);
+}
+
+TEST_F(VornDispatcher_Operations, RefusesWhatIsLongerThanAllMemoryForAll) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options;
+    options.nByteLimit = 100;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer", std::string(92, 'x'));
+    EXPECT_EQ(dispatcher.statistics().nQueuedBytes, 100U);
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(93, 'x')); }),
+              Thrown("VornDispatcher::post: notification too long.", EMSGSIZE));
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:other"); }),
+              Thrown("VornDispatcher::post: queue full.", ENOBUFS));
+    EXPECT_EQ(dispatcher.statistics().nRefused, 1U) << "one that can never fit is no full queue";
+    takeOne(listener.get());
+}
+
+TEST_F(VornDispatcher_Operations, DeliversToOneAddressInOrderAndOneAtATime) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    for (int i = 1; i <= 50; ++i)
+        EXPECT_EQ(post(dispatcher, "pipe:peer", std::to_string(i), i % 3), static_cast<std::uint64_t>(i));
+    for (int i = 1; i <= 50; ++i) {
+        const UniqueFd client = acceptClient(listener.get());
+        EXPECT_EQ(receiveToEnd(client.get()).substr(8), std::to_string(i));
+        pollfd next{listener.get(), POLLIN, 0};
+        EXPECT_EQ(::poll(&next, 1, 0), 0) << "the next one while this one has no outcome";
+    }
+    Tickets expected;
+    for (std::uint64_t n = 1; n <= 50; ++n)
+        expected.push_back(n);
+    EXPECT_EQ(ticketsOf(m_results.await(50)), expected);
+}
+
+TEST_F(VornDispatcher_Operations, AddressesDoNotWaitForEachOther) {
+    const UniqueFd silent = listen("silent");
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, "pipe:nobody");
+    post(dispatcher, "pipe:silent");
+    post(dispatcher, "socket:127.0.0.1:" + std::to_string(unusedTcpPort()));
+    post(dispatcher, "pipe:peer");
+    takeOne(listener.get());
+    EXPECT_EQ(ticketsOf(m_results.await(1)), Tickets{4});
+}
+
+TEST_F(VornDispatcher_Operations, EachTimeLimitCountsFromItsOwnPost) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    postWith(termsOf(10s), dispatcher, "pipe:peer");
+    awaitTry(listener.get());
+    postWith(termsOf(120ms), dispatcher, "pipe:peer");
+    postWith(termsOf(40ms), dispatcher, "pipe:peer");
+    const std::vector<Result> results = m_results.await(2);
+    EXPECT_EQ(ticketsOf(results), (Tickets{3, 2}));
+    for (const Result& result : results) {
+        EXPECT_EQ(result.outcome, Outcome::expired);
+        EXPECT_EQ(result.nTries, 0U);
+        EXPECT_EQ(result.nCode, 0);
+    }
+    takeOne(listener.get());
+    EXPECT_EQ(m_results.await(3)[2].outcome, Outcome::delivered);
+}
+
+TEST_F(VornDispatcher_Operations, RefusesByDefaultWhenTheQueueIsFull) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 2;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    post(dispatcher, "pipe:peer");
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
+              Thrown("VornDispatcher::post: queue full.", ENOBUFS));
+    EXPECT_EQ(post(dispatcher, "pipe:other"), 3U) << "the limit is each address's own";
+    EXPECT_EQ(dispatcher.statistics().nRefused, 1U);
+    EXPECT_EQ(dispatcher.queued("pipe:peer"), 2U);
+    takeOne(listener.get());
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.queued("pipe:peer") == 1; }));
+    EXPECT_EQ(post(dispatcher, "pipe:peer"), 4U);
+}
+
+TEST_F(VornDispatcher_Operations, DropsTheOldestThatIsNotBeingTried) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 3;
+    options.overflow = Overflow::dropOldest;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    awaitTry(listener.get());
+    for (int i = 0; i < 4; ++i)
+        post(dispatcher, "pipe:peer");
+    std::vector<Result> results = m_results.await(2);
+    EXPECT_EQ(ticketsOf(results), (Tickets{2, 3}));
+    EXPECT_EQ(outcomesOf(results), (Outcomes{Outcome::dropped, Outcome::dropped}));
+    for (int i = 0; i < 3; ++i)
+        takeOne(listener.get());
+    EXPECT_EQ(ticketsOf(m_results.await(5)), (Tickets{2, 3, 1, 4, 5}));
+    EXPECT_EQ(dispatcher.statistics().nDropped, 2U);
+    EXPECT_EQ(dispatcher.statistics().nRefused, 0U);
+}
+
+TEST_F(VornDispatcher_Operations, RefusesWhereThereIsNoneToDrop) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 1;
+    options.nByteLimit = 100;
+    options.overflow = Overflow::dropOldest;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    awaitTry(listener.get());
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
+              Thrown("VornDispatcher::post: queue full.", ENOBUFS));
+    post(dispatcher, "pipe:other", std::string(72, 'x')); // leaves 12 bytes
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:third", "12345"); }).second, ENOBUFS)
+        << "only the same address gives way";
+    EXPECT_TRUE(m_results.now().empty());
+    takeOne(listener.get());
+}
+
+TEST_F(VornDispatcher_Operations, DropsAsManyAsMemoryAsksFor) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.nByteLimit = 100;
+    options.overflow = Overflow::dropOldest;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    awaitTry(listener.get());
+    for (int i = 0; i < 4; ++i)
+        post(dispatcher, "pipe:peer", std::string(12, 'x'));
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(90, 'x')); }).second, ENOBUFS);
+    EXPECT_TRUE(m_results.now().empty()) << "nothing is dropped in vain";
+    post(dispatcher, "pipe:peer", std::string(50, 'x'));
+    EXPECT_EQ(ticketsOf(m_results.await(3)), (Tickets{2, 3, 4}));
+    takeOne(listener.get());
+}
+
+TEST_F(VornDispatcher_Operations, WaitsForRoom) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 1;
+    options.overflow = Overflow::wait;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    WatchedThread waiting([&] { EXPECT_EQ(post(dispatcher, "pipe:peer"), 2U); });
+    EXPECT_TRUE(awaitBlockedOnLock(waiting.tid()));
+    takeOne(listener.get());
+    EXPECT_TRUE(waiting.join());
+    takeOne(listener.get());
+    EXPECT_EQ(m_results.await(2)[1].outcome, Outcome::delivered);
+    EXPECT_EQ(dispatcher.statistics().nRefused, 0U);
+}
+
+TEST_F(VornDispatcher_Operations, WaitsForRoomNoLongerThanTheTimeLimit) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 1;
+    options.overflow = Overflow::wait;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(thrownBy([&] { postWith(termsOf(50ms), dispatcher, "pipe:peer"); }),
+              Thrown("VornDispatcher::post: queue full.", ETIMEDOUT));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+    EXPECT_EQ(dispatcher.statistics().nRefused, 1U);
+    takeOne(listener.get());
+}
+
+TEST_F(VornDispatcher_Operations, TheResultHandlerNeverWaitsForRoom) {
+    VornDispatcher* pDispatcher = nullptr;
+    std::promise<Thrown> thrown;
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options;
+    options.nQueueLimit = 1;
+    options.overflow = Overflow::wait;
+    options.onResult = [&](const Result& result) {
+        if (result.nTicket == 1)
+            thrown.set_value(thrownBy([&] { post(*pDispatcher, "pipe:peer"); }));
+    };
+    VornDispatcher dispatcher(options);
+    pDispatcher = &dispatcher;
+    post(dispatcher, "pipe:peer");
+    WatchedThread other([&] { post(dispatcher, "pipe:peer"); });
+    ASSERT_TRUE(awaitBlockedOnLock(other.tid()));
+    takeOne(listener.get()); // the thread that waits fills the queue, or the handler finds room
+    const Thrown found = thrown.get_future().get();
+    EXPECT_TRUE(found.second == ENOBUFS || found.second == 0) << found.second;
+    dispatcher.stop(0ms);
+    other.join();
+}
+
+TEST_F(VornDispatcher_Operations, FlushWaitsForTheHandlersOfWhatWasPostedBefore) {
+    const UniqueFd listener = listen("peer");
+    std::promise<void> mayReturn;
+    std::shared_future<void> returns = mayReturn.get_future().share();
+    std::atomic<int> nReturned = 0;
+    VornDispatcher::Options options;
+    options.onResult = [&](const Result&) {
+        returns.wait();
+        ++nReturned;
+    };
+    VornDispatcher dispatcher(options);
+    EXPECT_TRUE(dispatcher.flush(0ms)) << "nothing was posted";
+    post(dispatcher, "pipe:peer");
+    EXPECT_FALSE(dispatcher.flush(0ms));
+    takeOne(listener.get());
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 1; }));
+    EXPECT_FALSE(dispatcher.flush(20ms)) << "the handler has not returned";
+    WatchedThread flushing([&] {
+        EXPECT_TRUE(dispatcher.flush(-1ms));
+        EXPECT_EQ(nReturned, 1);
+    });
+    ASSERT_TRUE(awaitBlockedOnLock(flushing.tid()));
+    post(dispatcher, "pipe:nobody"); // by others, meanwhile
+    mayReturn.set_value();
+    EXPECT_TRUE(flushing.join());
+    EXPECT_FALSE(dispatcher.flush(0ms));
+}
+
+TEST_F(VornDispatcher_Operations, TheResultHandlerMayNeitherFlushNorStop) {
+    VornDispatcher* pDispatcher = nullptr;
+    std::promise<std::pair<Thrown, Thrown>> thrown;
+    VornDispatcher::Options options;
+    options.onResult = [&](const Result&) {
+        thrown.set_value(
+            {thrownBy([&] { pDispatcher->flush(0ms); }), thrownBy([&] { pDispatcher->stop(0ms); })});
+    };
+    VornDispatcher dispatcher(options);
+    pDispatcher = &dispatcher;
+    postWith(termsOf(1ms), dispatcher, "pipe:nobody");
+    const auto [flushed, stopped] = thrown.get_future().get();
+    EXPECT_EQ(flushed, Thrown("VornDispatcher::flush: called by the result handler.", EDEADLK));
+    EXPECT_EQ(stopped, Thrown("VornDispatcher::stop: called by the result handler.", EDEADLK));
+}
+
+TEST_F(VornDispatcher_Operations, TheResultHandlerMayPostCancelRedirectAndAsk) {
+    VornDispatcher* pDispatcher = nullptr;
+    std::promise<std::size_t> cancelled;
+    VornDispatcher::Options options;
+    options.onResult = [&](const Result& result) {
+        if (result.nTicket != 1)
+            return;
+        post(*pDispatcher, "pipe:nobody");
+        EXPECT_EQ(pDispatcher->redirect("pipe:nobody", "pipe:neither"), 1U);
+        EXPECT_EQ(pDispatcher->queued("pipe:neither"), 1U);
+        EXPECT_EQ(pDispatcher->statistics().nPosted, 2U);
+        cancelled.set_value(pDispatcher->cancel("pipe:neither"));
+    };
+    VornDispatcher dispatcher(options);
+    pDispatcher = &dispatcher;
+    postWith(termsOf(1ms), dispatcher, "pipe:absent");
+    EXPECT_EQ(cancelled.get_future().get(), 1U);
+}
+
+TEST_F(VornDispatcher_Operations, CancelGivesUpEverythingForOneAddress) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    EXPECT_EQ(dispatcher.cancel("pipe:peer"), 0U);
+    EXPECT_EQ(dispatcher.cancel("no address"), 0U);
+    for (int i = 0; i < 3; ++i)
+        post(dispatcher, "pipe:peer", "content");
+    post(dispatcher, "pipe:nobody");
+    const UniqueFd client = acceptClient(listener.get());
+    EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
+    EXPECT_EQ(dispatcher.cancel("pipe:peer"), 3U);
+    EXPECT_EQ(dispatcher.queued("pipe:peer"), 0U);
+    EXPECT_EQ(dispatcher.statistics().nCancelled, 3U);
+    const std::vector<Result> results = m_results.await(3);
+    EXPECT_EQ(ticketsOf(results), (Tickets{1, 2, 3}));
+    EXPECT_EQ(outcomesOf(results), Outcomes(3, Outcome::cancelled));
+    EXPECT_EQ(results[0].nDoubtfulTries, 1U) << "it may have reached the callback";
+    EXPECT_EQ(results[1].nDoubtfulTries, 0U);
+    pollfd next{listener.get(), POLLIN, 0};
+    EXPECT_EQ(::poll(&next, 1, 0), 0) << "nothing more is sent";
+    EXPECT_EQ(dispatcher.queued("pipe:nobody"), 1U);
+    post(dispatcher, "pipe:peer", "new");
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "new");
+}
+
+TEST_F(VornDispatcher_Operations, RedirectTakesEverythingBeforeWhatWaitsThere) {
+    const UniqueFd listener = listen("new");
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, "pipe:new", "first");
+    awaitTry(listener.get());
+    post(dispatcher, "pipe:new", "last");
+    post(dispatcher, "pipe:old", "second");
+    post(dispatcher, "pipe:old", "third");
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 1; }));
+    EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 2U);
+    EXPECT_EQ(dispatcher.queued("pipe:old"), 0U);
+    EXPECT_EQ(dispatcher.queued("pipe:new"), 4U);
+    for (const char* sContent : {"first", "second", "third", "last"})
+        EXPECT_EQ(takeOne(listener.get()), cHandle + sContent);
+    const std::vector<Result> results = m_results.await(4);
+    EXPECT_EQ(ticketsOf(results), (Tickets{1, 3, 4, 2}));
+    EXPECT_EQ(results[1].sAddress, "pipe:new");
+    EXPECT_EQ(results[1].nCode, ENOENT);
+
+    const UniqueFd old = listen("old");
+    post(dispatcher, "pipe:old", "posted afterwards");
+    EXPECT_EQ(takeOne(old.get()), cHandle + "posted afterwards");
+}
+
+TEST_F(VornDispatcher_Operations, RedirectEndsATryAsAResetWould) {
+    const UniqueFd pipe = listen("old");
+    int nPort = 0;
+    const UniqueFd tcp = tcpListen("127.0.0.1", nPort);
+    const std::string sTcp = "socket:127.0.0.1:" + std::to_string(nPort);
+    const UniqueFd listener = listen("new");
+    VornDispatcher dispatcher(optionsWithResults());
+
+    post(dispatcher, "pipe:old", "untaken");
+    awaitTry(pipe.get());
+    EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 1U);
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "untaken");
+    EXPECT_EQ(m_results.await(1)[0].nDoubtfulTries, 0U);
+    acceptClient(pipe.get());
+
+    post(dispatcher, "pipe:old", "taken");
+    const UniqueFd client = acceptClient(pipe.get());
+    EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
+    EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 0U) << "a sink has taken it, and that is final";
+    const Result unread = m_results.await(2)[1];
+    EXPECT_EQ(unread.outcome, Outcome::unread);
+    EXPECT_EQ(unread.nCode, ECONNRESET);
+    EXPECT_EQ(unread.nDoubtfulTries, 1U);
+
+    post(dispatcher, sTcp, "doubtful");
+    const UniqueFd other = acceptClient(tcp.get());
+    EXPECT_EQ(receiveExactly(other.get(), 8), cHandle);
+    EXPECT_EQ(dispatcher.redirect(sTcp, "pipe:new"), 1U);
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "doubtful");
+    const Result doubtful = m_results.await(3)[2];
+    EXPECT_EQ(doubtful.outcome, Outcome::delivered);
+    EXPECT_EQ(doubtful.nCode, ECONNRESET);
+    EXPECT_EQ(doubtful.nDoubtfulTries, 1U);
+    EXPECT_EQ(receiveToEnd(other.get()), "doubtful") << "and no reset";
+}
+
+TEST_F(VornDispatcher_Operations, RedirectMayExceedTheLimitAndKeepsTimeLimits) {
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 2;
+    VornDispatcher dispatcher(options);
+    for (int i = 0; i < 2; ++i) {
+        postWith(termsOf(100ms), dispatcher, "pipe:old");
+        post(dispatcher, "pipe:new");
+    }
+    EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 2U);
+    EXPECT_EQ(dispatcher.queued("pipe:new"), 4U);
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:new"); }).second, ENOBUFS);
+    for (const Result& result : m_results.await(2)) {
+        EXPECT_EQ(result.outcome, Outcome::expired);
+        EXPECT_EQ(result.sAddress, "pipe:new");
+        EXPECT_GE(result.elapsed, 100ms);
+        EXPECT_LT(result.elapsed, 5s);
+    }
+    EXPECT_EQ(dispatcher.redirect("pipe:nobody", "pipe:new"), 0U);
+    EXPECT_EQ(dispatcher.redirect("no address", "pipe:new"), 0U);
+    EXPECT_EQ(thrownBy([&] { dispatcher.redirect("pipe:new", "no address"); }),
+              Thrown("VornDispatcher::redirect: invalid callback address.", EINVAL));
+    EXPECT_EQ(dispatcher.redirect("pipe:new", "pipe:new"), 2U);
+    EXPECT_EQ(dispatcher.statistics().nAddresses, 1U);
+}
+
+TEST_F(VornDispatcher_Operations, StatisticsAreTheSumOfAll) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, "pipe:peer", "content");
+    post(dispatcher, "pipe:peer", "more");
+    postWith(termsOf(20ms), dispatcher, "pipe:nobody");
+    m_results.await(1);
+    awaitTry(listener.get());
+    VornDispatcher::Statistics found = dispatcher.statistics();
+    EXPECT_EQ(found.nPosted, 3U);
+    EXPECT_EQ(found.nExpired, 1U);
+    EXPECT_EQ(found.nQueued, 2U);
+    EXPECT_EQ(found.nQueuedBytes, 27U);
+    EXPECT_EQ(found.nAddresses, 1U);
+    EXPECT_EQ(found.nConnections, 1U);
+    EXPECT_GT(found.nTries, 1U);
+    takeOne(listener.get());
+    takeOne(listener.get());
+    m_results.await(3);
+    found = dispatcher.statistics();
+    EXPECT_EQ(found.nPosted, found.nDelivered + found.nExpired);
+    EXPECT_EQ(found.nDelivered, 2U);
+    EXPECT_EQ(found.nQueued + found.nQueuedBytes + found.nAddresses + found.nConnections, 0U);
+}
+
+TEST_F(VornDispatcher_Operations, StopDeliversWhatItCanAndTellsEveryResult) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    for (int i = 0; i < 3; ++i)
+        post(dispatcher, "pipe:peer");
+    post(dispatcher, "pipe:nobody");
+    WatchedThread stopping([&] { dispatcher.stop(300ms); });
+    for (int i = 0; i < 3; ++i)
+        takeOne(listener.get());
+    EXPECT_TRUE(stopping.join());
+    const std::vector<Result> results = m_results.now();
+    EXPECT_EQ(outcomesOf(results),
+              (Outcomes{Outcome::delivered, Outcome::delivered, Outcome::delivered, Outcome::stopped}));
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
+              Thrown("VornDispatcher::post: stopped.", ESHUTDOWN));
+    EXPECT_TRUE(dispatcher.flush(0ms));
+    EXPECT_EQ(dispatcher.cancel("pipe:nobody"), 0U);
+    EXPECT_EQ(dispatcher.redirect("pipe:nobody", "pipe:peer"), 0U);
+    EXPECT_EQ(dispatcher.statistics().nStopped, 1U);
+    dispatcher.stop(-1ms);
+}
+
+TEST_F(VornDispatcher_Operations, StopEndsAtOnceWhenEverythingHasItsOutcome) {
+    VornDispatcher dispatcher;
+    dispatcher.stop(-1ms);
+    VornDispatcher other;
+    postWith(termsOf(20ms), other, "pipe:nobody");
+    other.stop(-1ms);
+    EXPECT_EQ(other.statistics().nExpired, 1U);
+}
+
+TEST_F(VornDispatcher_Operations, StopWithoutTimeLeavesATryInDoubt) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, "pipe:peer", "content");
+    const UniqueFd client = acceptClient(listener.get());
+    EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
+    dispatcher.stop(0ms);
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::stopped);
+    EXPECT_EQ(result.nDoubtfulTries, 1U);
+    EXPECT_EQ(receiveToEnd(client.get()), "content");
+}
+
+TEST_F(VornDispatcher_Operations, ASecondStopWaitsForTheFirst) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, "pipe:peer");
+    WatchedThread first([&] { dispatcher.stop(-1ms); });
+    ASSERT_TRUE(awaitBlockedOnLock(first.tid()));
+    WatchedThread second([&] {
+        dispatcher.stop(0ms);
+        EXPECT_EQ(m_results.now().size(), 1U);
+    });
+    ASSERT_TRUE(awaitBlockedOnLock(second.tid()));
+    takeOne(listener.get());
+    EXPECT_TRUE(first.join());
+    EXPECT_TRUE(second.join());
+    EXPECT_EQ(m_results.now()[0].outcome, Outcome::delivered);
+}
+
+TEST_F(VornDispatcher_Operations, StopEndsThoseWhoWaitForRoom) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options;
+    options.nQueueLimit = 1;
+    options.overflow = Overflow::wait;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    WatchedThread waiting([&] {
+        EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
+                  Thrown("VornDispatcher::post: stopped.", ESHUTDOWN));
+    });
+    ASSERT_TRUE(awaitBlockedOnLock(waiting.tid()));
+    dispatcher.stop(0ms);
+    EXPECT_TRUE(waiting.join());
+}
+
+TEST_F(VornDispatcher_Operations, TheDestructorGivesWhatIsQueuedItsTime) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.stopLimit = 10s;
+    WatchedThread owner([&] {
+        VornDispatcher dispatcher(options);
+        post(dispatcher, "pipe:peer");
+    });
+    takeOne(listener.get());
+    EXPECT_TRUE(owner.join());
+    EXPECT_EQ(m_results.now()[0].outcome, Outcome::delivered);
+}
+
+TEST_F(VornDispatcher_Operations, AHandlerThatThrowsIsLoggedAndCalledAgain) {
+    LogCapture log(1);
+    VornDispatcher::Options options;
+    options.onResult = [&](const Result& result) {
+        if (result.nTicket == 1)
+            throw VornException("a text", 5);
+        if (result.nTicket == 2)
+            throw std::runtime_error("another");
+        if (result.nTicket == 3)
+            throw 5;
+        m_results.handler()(result);
+    };
+    VornDispatcher dispatcher(options);
+    for (int i = 0; i < 4; ++i)
+        postWith(termsOf(1ms), dispatcher, "pipe:nobody");
+    EXPECT_EQ(m_results.awaitOne().nTicket, 4U);
+    EXPECT_TRUE(dispatcher.flush(10s));
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{
+                               "VornDispatcher::onResult: the result handler has thrown: a text (5)",
+                               "VornDispatcher::onResult: the result handler has thrown: another",
+                               "VornDispatcher::onResult: the result handler has thrown: an object of "
+                               "another type"}));
+    EXPECT_EQ(log.records().front().level, 1);
+}
+
+TEST_F(VornDispatcher_Operations, ASlowHandlerDelaysNoDelivery) {
+    const UniqueFd listener = listen("peer");
+    std::promise<void> mayReturn;
+    std::shared_future<void> returns = mayReturn.get_future().share();
+    std::atomic<int> nCalls = 0;
+    VornDispatcher::Options options;
+    options.onResult = [&](const Result&) {
+        ++nCalls;
+        returns.wait();
+    };
+    VornDispatcher dispatcher(options);
+    for (int i = 0; i < 20; ++i)
+        post(dispatcher, "pipe:peer");
+    for (int i = 0; i < 20; ++i)
+        takeOne(listener.get());
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 20; }));
+    EXPECT_LE(nCalls, 1) << "one call at a time";
+    mayReturn.set_value();
+    EXPECT_TRUE(dispatcher.flush(10s));
+    EXPECT_EQ(nCalls, 20);
+}
+
+TEST_F(VornDispatcher_Operations, TimeLimitsWithoutEndAreNone) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher::Options options = optionsWithResults();
+    options.terms.timeLimit = options.connectLimit = options.stopLimit = std::chrono::milliseconds::max();
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    takeOne(listener.get());
+    EXPECT_TRUE(dispatcher.flush(std::chrono::milliseconds::max()));
+    EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
+    dispatcher.stop(std::chrono::milliseconds::max());
+}
+
+TEST_F(VornDispatcher_Operations, FewConnectionsServeManyAddresses) {
+    VornDispatcher::Options options = optionsWithResults();
+    options.nConnectionLimit = 2;
+    std::vector<UniqueFd> listeners;
+    for (int i = 0; i < 20; ++i)
+        listeners.push_back(listen("peer" + std::to_string(i)));
+    VornDispatcher dispatcher(options);
+    int nUdpPort = 0;
+    const UniqueFd datagrams = udpSocket("127.0.0.1", nUdpPort);
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 20; ++i)
+            post(dispatcher, "pipe:peer" + std::to_string(i));
+        post(dispatcher, "udp:127.0.0.1:" + std::to_string(nUdpPort));
+    }
+    std::vector<pollfd> entries;
+    for (const UniqueFd& listener : listeners)
+        entries.push_back({listener.get(), POLLIN, 0});
+    for (int nTaken = 0; nTaken < 40;) {
+        ASSERT_GT(::poll(entries.data(), entries.size(), 10'000), 0);
+        EXPECT_LE(dispatcher.statistics().nConnections, 2U);
+        for (const pollfd& entry : entries) {
+            if (entry.revents != 0) {
+                takeOne(entry.fd);
+                ++nTaken;
+            }
+        }
+    }
+    EXPECT_TRUE(dispatcher.flush(10s));
+    EXPECT_EQ(dispatcher.statistics().nDelivered, 40U);
+    EXPECT_EQ(dispatcher.statistics().nSent, 2U);
+}

@@ -1,0 +1,116 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "DispatcherTestSupport.h"
+
+#include <set>
+
+using namespace std::chrono_literals;
+using namespace VornTest;
+
+namespace {
+
+/** Datagrams: at most once, and nobody knows. */
+class VornDispatcher_Udp : public DispatcherTest {
+protected:
+    UniqueFd open() {
+        UniqueFd socket = udpSocket("127.0.0.1", m_nPort);
+        m_sAddress = "udp:127.0.0.1:" + std::to_string(m_nPort);
+        return socket;
+    }
+
+    int m_nPort = 0;
+    std::string m_sAddress;
+};
+
+} // namespace
+
+TEST_F(VornDispatcher_Udp, OneDatagramIsSent) {
+    const UniqueFd socket = open();
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, m_sAddress, "content");
+    EXPECT_EQ(receiveDatagram(socket.get()), cHandle + "content");
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::sent);
+    EXPECT_EQ(result.nCode, 0);
+    EXPECT_EQ(result.nTries, 1U);
+    EXPECT_EQ(result.nDoubtfulTries, 0U);
+    EXPECT_EQ(dispatcher.statistics().nSent, 1U);
+}
+
+TEST_F(VornDispatcher_Udp, WhereNobodyListensItIsSentAgainUntilTheLimit) {
+    open();
+    VornDispatcher dispatcher(optionsWithResults());
+    postWith(termsOf(50ms), dispatcher, m_sAddress);
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::expired);
+    EXPECT_EQ(result.nCode, ECONNREFUSED);
+    EXPECT_GT(result.nTries, 2U);
+    EXPECT_EQ(result.nDoubtfulTries, 0U);
+}
+
+TEST_F(VornDispatcher_Udp, ASinkThatOpensLaterGetsIt) {
+    m_nPort = unusedUdpPort();
+    m_sAddress = "udp:127.0.0.1:" + std::to_string(m_nPort);
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, m_sAddress, "content");
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 2; }));
+    const UniqueFd socket = open();
+    EXPECT_EQ(receiveDatagram(socket.get()), cHandle + "content");
+    EXPECT_EQ(m_results.awaitOne().outcome, Outcome::sent);
+}
+
+TEST_F(VornDispatcher_Udp, DatagramsToOneAddressKeepTheirDistance) {
+    const UniqueFd first = open();
+    const std::string sFirst = m_sAddress;
+    m_nPort = 0;
+    const UniqueFd second = open();
+    VornDispatcher::Options options = optionsWithResults();
+    options.datagramPause = 20ms;
+    VornDispatcher dispatcher(options);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 4; ++i) {
+        post(dispatcher, sFirst, std::to_string(i));
+        ASSERT_TRUE(dispatcher.flush(10s)); // also when the queue has been empty in between
+        post(dispatcher, m_sAddress, std::to_string(i));
+    }
+    ASSERT_TRUE(dispatcher.flush(10s));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 60ms);
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(receiveDatagram(first.get()), cHandle + std::to_string(i));
+        EXPECT_EQ(receiveDatagram(second.get()), cHandle + std::to_string(i));
+    }
+}
+
+TEST_F(VornDispatcher_Udp, TheSocketIsKeptWhileSomethingWaitsAndClosedAfterwards) {
+    const UniqueFd socket = open();
+    VornDispatcher::Options options = optionsWithResults();
+    options.datagramPause = 2ms;
+    VornDispatcher dispatcher(options);
+    for (int i = 0; i < 10; ++i)
+        post(dispatcher, m_sAddress);
+    std::set<int> sources;
+    for (int i = 0; i < 10; ++i)
+        sources.insert(receiveDatagramFrom(socket.get()).port);
+    EXPECT_LE(sources.size(), 2U) << "nothing may have waited when the first was sent";
+    ASSERT_TRUE(dispatcher.flush(10s));
+    EXPECT_EQ(dispatcher.statistics().nConnections, 0U);
+}
+
+TEST_F(VornDispatcher_Udp, TheLongestDatagramIsSentAndALongerOneRefused) {
+    const UniqueFd socket = open();
+    VornDispatcher dispatcher(optionsWithResults());
+    const std::string sContent(65507 - 8, 'x');
+    post(dispatcher, m_sAddress, sContent);
+    EXPECT_TRUE(receiveDatagram(socket.get()) == cHandle + sContent);
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, m_sAddress, sContent + "x"); }),
+              std::make_pair(std::string("VornDispatcher::post: notification too long."), EMSGSIZE));
+}
+
+TEST_F(VornDispatcher_Udp, AnAddressThatCannotBeReachedIsTriedAgain) {
+    VornDispatcher dispatcher(optionsWithResults());
+    postWith(termsOf(30ms), dispatcher, "udp:10.1.2.3:5023");
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::expired);
+    EXPECT_EQ(result.nCode, ENETUNREACH);
+    EXPECT_GT(result.nTries, 1U);
+}
