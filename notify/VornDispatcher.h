@@ -99,8 +99,8 @@ public:
         refuse,     ///< throws VornException, 105 (ENOBUFS)
         dropOldest, ///< the oldest that waits for the same address, and is not being tried, is `dropped`;
                     ///< where there is none, as refuse
-        wait ///< waits for room; when the notification's time limit runs out first, throws 110
-             ///< (ETIMEDOUT). On the result handler's thread as refuse
+        wait        ///< waits for room; when the notification's time limit runs out first, throws 110
+                    ///< (ETIMEDOUT). On the result handler's thread as refuse
     };
 
     /** What is granted to one notification. */

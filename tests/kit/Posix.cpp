@@ -384,6 +384,10 @@ bool isOpen(int fd) {
     return ::fcntl(fd, F_GETFD) != -1;
 }
 
+bool isCloseOnExec(int fd) {
+    return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+}
+
 std::map<int, std::string> descriptorTable() {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc/self/fd"), &::closedir);
     if (directory == nullptr) {

@@ -125,6 +125,9 @@ int unusedUdpPort();
 /// Whether the number is that of an open descriptor.
 bool isOpen(int fd);
 
+/// Whether the descriptor is closed by exec.
+bool isCloseOnExec(int fd);
+
 /// The open descriptors of this process: number and what /proc says it is.
 std::map<int, std::string> descriptorTable();
 

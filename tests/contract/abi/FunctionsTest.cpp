@@ -118,7 +118,7 @@ void addSmartPointers(std::set<std::string>& names) {
 
 void addOperations(std::set<std::string>& names) {
 #    define CONSTRUCTOR(class_, arguments_) names.insert(#    class_ "::" #    class_ #    arguments_);
-#    define DESTRUCTOR(class_) names.insert(#class_ "::~" #class_ "()");
+#    define DESTRUCTOR(class_) names.insert(#    class_ "::~" #    class_ "()");
 #    define METHOD(class_, returns_, operation_, arguments_)                                                 \
         names.insert(#class_ "::" #operation_ #arguments_);
 #    define STATIC METHOD

@@ -178,8 +178,8 @@ class Pages(unittest.TestCase):
         self.finds("check_chapters.py", "does not speak of VornEvent")
 
     def test_test_that_is_not_there(self):
-        self.change("threats.md", "FailingSink.EmptyDatagram_EndsUdpSink", "FailingSink.EmptyDatagram_EndsNothing")
-        self.finds("check_chapters.py", "no test FailingSink.EmptyDatagram_EndsNothing")
+        self.change("threats.md", "VornLibraryCallbackSink_Failure.EmptyDatagram_EndsUdpSink", "VornLibraryCallbackSink_Failure.EmptyDatagram_EndsNothing")
+        self.finds("check_chapters.py", "no test VornLibraryCallbackSink_Failure.EmptyDatagram_EndsNothing")
 
 
 class Site(unittest.TestCase):

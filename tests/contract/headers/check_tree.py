@@ -57,6 +57,7 @@ def check_files(root):
         if bool(tests) == (header.stem in NO_TEST):
             problems.append(f"{header}: " + ("is listed as having no test, but has one" if tests
                                              else f"has no {header.stem}Test.cpp"))
+    problems += check_suites(root)
     stems = {header.stem for header in public_headers(root)}
     internal = {header.stem for folder in ("src", "support") for header in (root / folder).glob("*.h")}
     for folder in ("src", "support"):
@@ -64,6 +65,19 @@ def check_files(root):
             if source.stem not in stems | internal | set(NO_HEADER):
                 problems.append(f"{source}: has no header")
     return problems
+
+
+def check_suites(root):
+    """A class's suites begin with its name, so that one expression selects them all."""
+    headers = [*public_headers(root), *(root / "notify").glob("Vorn*.h")]
+    stems = sorted((header.stem for header in headers), key=len, reverse=True)
+    for path in sorted((root / "tests/unit").glob("*/Vorn*Test.cpp")):
+        name = next((stem for stem in stems if path.stem.startswith(stem)), None)
+        if name is None:
+            continue
+        for suite in sorted(set(re.findall(r"^TEST(?:_F|_P)?\((\w+),", path.read_text(), re.M))):
+            if not re.fullmatch(rf"{name}(Test|_\w+)?", suite):
+                yield f"{path}: the suite {suite} is not named after {name}"
 
 
 def without_comments(text):

@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads any bytes as any sequence of typed values. The input's first byte tells how many of the next ones
 // name a type each (s short, i int, l long, t text, by remainder of 4); the rest is what is decoded. With the
-// environment variable VORNFUZZ_PRINT set, the result is printed the way tests/hostile/fuzz/decode.py prints its own.
+// environment variable VORNFUZZ_PRINT set, the result is printed the way tests/hostile/fuzz/decode.py prints
+// its own.
 
 #include "Input.h"
 

@@ -42,12 +42,12 @@ namespace {
 const auto none = std::optional<Failure>();
 
 /// A connection of the library and its other end. A test either writes or reads.
-class Link {
+class PlainLink {
 public:
-    Link() = default;
-    Link(const Link&) = delete;
-    Link& operator=(const Link&) = delete;
-    virtual ~Link() = default;
+    PlainLink() = default;
+    PlainLink(const PlainLink&) = delete;
+    PlainLink& operator=(const PlainLink&) = delete;
+    virtual ~PlainLink() = default;
 
     /// The connection to write to.
     virtual VornConnection& writer() = 0;
@@ -60,7 +60,7 @@ public:
 };
 
 /// A stream between a connection and a plain socket.
-class StreamLink : public Link {
+class StreamLink : public PlainLink {
 public:
     VornConnection& writer() override { return connected(); }
 
@@ -163,7 +163,7 @@ class SslWrappingLink : public StreamLink {
 };
 
 /// A client which says that it is connected and never is.
-class SslClientLink : public Link {
+class SslClientLink : public PlainLink {
 public:
     VornConnection& writer() override { return m_connection; }
 
@@ -181,7 +181,7 @@ private:
 };
 
 /// Memory alone.
-class BufferLink : public Link {
+class BufferLink : public PlainLink {
 public:
     VornConnection& writer() override { return m_writer; }
 
@@ -200,7 +200,7 @@ private:
 };
 
 /// Datagrams from and to plain sockets; what arrives is read as the UDP server hands it out.
-class UdpLink : public Link {
+class UdpLink : public PlainLink {
 public:
     VornConnection& writer() override { return m_writer; }
 
@@ -226,13 +226,13 @@ private:
 };
 
 template <typename Class>
-std::unique_ptr<Link> make() {
+std::unique_ptr<PlainLink> make() {
     return std::make_unique<Class>();
 }
 
 struct Kind {
     const char* name;
-    std::unique_ptr<Link> (*makeLink)();
+    std::unique_ptr<PlainLink> (*makeLink)();
     /// Whether anything can be written and read; what cannot fails with 107 each time.
     bool carriesData;
     /// The code of a read behind the last byte.
@@ -315,7 +315,7 @@ protected:
         return carriesData() ? expected : "error 107";
     }
 
-    std::unique_ptr<Link> link;
+    std::unique_ptr<PlainLink> link;
 };
 
 /// The hostile string is read by a role, which can measure and limit its own memory.
@@ -333,7 +333,7 @@ std::string readHostileString(const Kind& kind, bool scarceMemory) {
 KIT_ROLE(hostileString) {
     const Kind& kind = *std::find_if(std::begin(kinds), std::end(kinds),
                                      [&](const Kind& one) { return one.name == args.at(0); });
-    const std::unique_ptr<Link> link = kind.makeLink();
+    const std::unique_ptr<PlainLink> link = kind.makeLink();
     VornConnection& connection = link->reader(bytes("7f ff ff ff") + "abc");
     if (args.at(1) == "scarce") {
         limitMemory();

@@ -20,14 +20,15 @@ long statusKiB(const std::string& label) {
 
 } // namespace
 
-void limitMemory([[maybe_unused]] long bytes) {
-#ifndef VORNTEST_UNDER_SANITIZER
+void limitMemory(long bytes) {
+    if (underSanitizer) {
+        return;
+    }
     const auto most = static_cast<rlim_t>(statusKiB("VmSize:") * 1024 + bytes);
     const rlimit limit = {most, most};
     if (::setrlimit(RLIMIT_AS, &limit) != 0) {
         throw std::system_error(errno, std::generic_category(), "setrlimit(RLIMIT_AS)");
     }
-#endif
 }
 
 long peakResidentKiB() {

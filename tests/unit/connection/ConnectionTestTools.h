@@ -4,20 +4,19 @@
 #ifndef VORNTEST_CONNECTIONTESTTOOLS_H
 #define VORNTEST_CONNECTIONTESTTOOLS_H
 
+#include "Failure.h"
 #include "Posix.h"
+#include "Sanitizer.h"
 
 #include <VornConnection.h>
-#include <VornException.h>
 
 #include <cstddef>
 #include <cstdlib>
-#include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,33 +30,6 @@ namespace VornTest {
 inline const char readFailed[] = "VornConnection::get: failed read";
 inline const char writeFailed[] = "VornConnection::put: transfer failed.";
 inline const char serviceFailed[] = "VornConnection::connectToService: connection to remote service failed.";
-
-/// What a VornException says.
-struct Failure {
-    std::string text;
-    int code = 0;
-
-    friend bool operator==(const Failure& left, const Failure& right) = default;
-};
-
-inline void PrintTo(const Failure& failure, std::ostream* out) {
-    *out << '"' << failure.text << "\", code " << failure.code;
-}
-
-inline Failure failure(const std::string& text, int code) {
-    return {text, code};
-}
-
-/// The VornException that @p operation ends with, if it does.
-template <typename Operation>
-std::optional<Failure> failureOf(Operation&& operation) {
-    try {
-        operation();
-        return std::nullopt;
-    } catch (const VornNet::VornException& exception) {
-        return Failure{exception.getText(), exception.getCode()};
-    }
-}
 
 /// What out-parameters hold before a call, so that one which the call leaves alone is seen.
 inline constexpr int untouched = -77;
@@ -144,18 +116,6 @@ inline SocketPair unixPair(const std::string& path) {
     return {std::move(ours), std::move(peer)};
 }
 
-inline bool isCloseOnExec(int fd) {
-    return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#    define VORNTEST_UNDER_SANITIZER
-#elif defined(__has_feature)
-#    if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#        define VORNTEST_UNDER_SANITIZER
-#    endif
-#endif
-
 /**
  * The environment of a role in which 512 MiB are more than malloc() gives.
  *
@@ -180,11 +140,7 @@ void limitMemory(long bytes = 512L * 1024 * 1024);
 long peakResidentKiB();
 
 /// What counts as memory in these: a sanitizer's own notes on an allocation are a part of its size.
-#ifdef VORNTEST_UNDER_SANITIZER
-inline constexpr long noticeableKiB = 1024 * 1024;
-#else
-inline constexpr long noticeableKiB = 16 * 1024;
-#endif
+inline constexpr long noticeableKiB = underSanitizer ? 1024 * 1024 : 16 * 1024;
 
 /// The memory, in KiB, that the process has resident now.
 long residentKiB();

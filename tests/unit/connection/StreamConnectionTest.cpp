@@ -305,7 +305,7 @@ TEST_P(StreamConnectionTest, WhenTheThreadIsCancelled_ATypedReadLetsItPass) {
 
 namespace {
 
-class StreamConnectionStepBackTest : public StreamConnectionTest {
+class StreamConnection_StepBack : public StreamConnectionTest {
 protected:
     /// Reads behind guard bytes, which the step back may reach.
     RawResult read(std::vector<RecvStep> steps, long toRead, bool waitForAll) {
@@ -328,20 +328,20 @@ protected:
 
 } // namespace
 
-TEST_P(StreamConnectionStepBackTest, WhenItIsToWait_TheReadGoesOnOneByteEarlier) {
+TEST_P(StreamConnection_StepBack, WhenItIsToWait_TheReadGoesOnOneByteEarlier) {
     EXPECT_EQ(read({RecvStep::bytes("ab"), RecvStep::failure(EMSGSIZE), RecvStep::bytes("xyz")}, 4, true),
               raw(4, EMSGSIZE));
     EXPECT_EQ(guarded, "<<<<axyz####");
     EXPECT_THAT(requests, ElementsAre("4 bytes at 0", "2 bytes at 2", "3 bytes at 1"));
 }
 
-TEST_P(StreamConnectionStepBackTest, TheFirstStepReachesBeforeTheBuffer) {
+TEST_P(StreamConnection_StepBack, TheFirstStepReachesBeforeTheBuffer) {
     EXPECT_EQ(read({RecvStep::failure(EMSGSIZE), RecvStep::bytes("vwxyz")}, 4, true), raw(4, EMSGSIZE));
     EXPECT_EQ(guarded, "<<<vwxyz####");
     EXPECT_THAT(requests, ElementsAre("4 bytes at 0", "5 bytes at -1"));
 }
 
-TEST_P(StreamConnectionStepBackTest, EveryFurtherFailureIsAFurtherStep) {
+TEST_P(StreamConnection_StepBack, EveryFurtherFailureIsAFurtherStep) {
     EXPECT_EQ(read({RecvStep::failure(EMSGSIZE), RecvStep::failure(EMSGSIZE), RecvStep::bytes("uv"),
                     RecvStep::bytes("wxyz")},
                    4, true),
@@ -350,7 +350,7 @@ TEST_P(StreamConnectionStepBackTest, EveryFurtherFailureIsAFurtherStep) {
     EXPECT_THAT(requests, ElementsAre("4 bytes at 0", "5 bytes at -1", "6 bytes at -2", "4 bytes at 0"));
 }
 
-TEST_P(StreamConnectionStepBackTest, WhenItIsNotToWait_TheCountIsLessOnePerStep) {
+TEST_P(StreamConnection_StepBack, WhenItIsNotToWait_TheCountIsLessOnePerStep) {
     EXPECT_EQ(read({RecvStep::failure(EMSGSIZE), RecvStep::bytes("abc")}, 4, false), raw(2, EMSGSIZE));
     EXPECT_EQ(guarded, "<<<abc######");
     EXPECT_THAT(requests, ElementsAre("4 bytes at 0", "5 bytes at -1"));
@@ -361,7 +361,7 @@ TEST_P(StreamConnectionStepBackTest, WhenItIsNotToWait_TheCountIsLessOnePerStep)
     EXPECT_THAT(requests, ElementsAre("4 bytes at 0", "5 bytes at -1", "6 bytes at -2"));
 }
 
-TEST_P(StreamConnectionStepBackTest, AnotherFailureAfterAStepIsReported) {
+TEST_P(StreamConnection_StepBack, AnotherFailureAfterAStepIsReported) {
     EXPECT_EQ(read({RecvStep::failure(EMSGSIZE), RecvStep::failure(EIO)}, 4, true), raw(-1, EIO));
     EXPECT_EQ(read({RecvStep::failure(EMSGSIZE), RecvStep::failure(EIO)}, 4, false), raw(-1, EIO));
     EXPECT_EQ(read({RecvStep::failure(EMSGSIZE), RecvStep::end()}, 4, true), raw(-1, ENOTCONN));
@@ -369,7 +369,7 @@ TEST_P(StreamConnectionStepBackTest, AnotherFailureAfterAStepIsReported) {
     EXPECT_EQ(guarded, "<<<<########");
 }
 
-TEST_P(StreamConnectionStepBackTest, GetTakesTheCountAndNotTheRemainingError) {
+TEST_P(StreamConnection_StepBack, GetTakesTheCountAndNotTheRemainingError) {
     std::string data = "<<<<####";
     const RecvScript script({RecvStep::failure(EMSGSIZE), RecvStep::bytes("vwxyz")}, fd);
     EXPECT_EQ(failureOf([&] { connection->get(data.data() + 4, 4); }), none);
@@ -462,5 +462,5 @@ TEST_P(StreamConnectionTest, WhenTheLastReferenceGoes_TheSocketIsClosed) {
 
 INSTANTIATE_TEST_SUITE_P(Connection, StreamConnectionTest, testing::ValuesIn(transports),
                          [](const auto& transport) { return std::string(transport.param.name); });
-INSTANTIATE_TEST_SUITE_P(Connection, StreamConnectionStepBackTest, testing::ValuesIn(transports),
+INSTANTIATE_TEST_SUITE_P(Connection, StreamConnection_StepBack, testing::ValuesIn(transports),
                          [](const auto& transport) { return std::string(transport.param.name); });

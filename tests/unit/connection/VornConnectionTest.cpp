@@ -198,7 +198,7 @@ protected:
 };
 
 /// peekLine() and getLine() with the pauses taken out; how many there were is still known.
-class VornConnectionLineTest : public VornConnectionTest {
+class VornConnection_Line : public VornConnectionTest {
 protected:
     void SetUp() override {
         VornConnectionTest::SetUp();
@@ -250,7 +250,7 @@ private:
     std::optional<CallTrace> m_trace;
 };
 
-using VornConnectionDeathTest = VornConnectionTest;
+using VornConnection_Death = VornConnectionTest;
 
 const auto none = std::optional<Failure>();
 
@@ -822,7 +822,7 @@ TEST_F(VornConnectionTest, AfterAFailure_TheConnectedStateIsLeftAsItWas) {
 
 // Exceptions that are not the library's own.
 
-TEST_F(VornConnectionDeathTest, WhenTheTransportThrowsSomethingElse_EveryBoundaryEndsTheProcess) {
+TEST_F(VornConnection_Death, WhenTheTransportThrowsSomethingElse_EveryBoundaryEndsTheProcess) {
     char buffer[4] = {};
     const auto foreign = [] { throw std::runtime_error("foreign"); };
     const auto died = testing::KilledBySignal(SIGABRT);
@@ -843,7 +843,7 @@ TEST_F(VornConnectionDeathTest, WhenTheTransportThrowsSomethingElse_EveryBoundar
     EXPECT_EXIT(connection.put(buffer, 4), died, "");
 }
 
-TEST_F(VornConnectionDeathTest, WhenEstablishingThrowsSomethingElse_TypedOperationsEndTheProcess) {
+TEST_F(VornConnection_Death, WhenEstablishingThrowsSomethingElse_TypedOperationsEndTheProcess) {
     connection.onEstablish = [] { throw 5; };
     const auto died = testing::KilledBySignal(SIGABRT);
     EXPECT_EXIT(connection.transfer(1), died, "");
@@ -851,12 +851,12 @@ TEST_F(VornConnectionDeathTest, WhenEstablishingThrowsSomethingElse_TypedOperati
     EXPECT_EXIT(connection.receiveString(), died, "");
 }
 
-TEST_F(VornConnectionDeathTest, WhenTheTransportRunsOutOfMemory_GetEndsTheProcess) {
+TEST_F(VornConnection_Death, WhenTheTransportRunsOutOfMemory_GetEndsTheProcess) {
     connection.onReceive = [] { throw std::bad_alloc(); };
     EXPECT_EXIT(connection.receiveInt(), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(VornConnectionDeathTest, WhenAnOverriddenGetRunsOutOfMemory_ReceiveStringEndsTheProcess) {
+TEST_F(VornConnection_Death, WhenAnOverriddenGetRunsOutOfMemory_ReceiveStringEndsTheProcess) {
     class Failing : public VornNet::VornBufferConnection {
     public:
         int get(void* buffer, int size) override {
@@ -967,7 +967,7 @@ TEST_F(VornConnectionTest, ConnectToServiceGoesThroughTheVirtualHandshake) {
 
 // peekLine().
 
-TEST_F(VornConnectionLineTest, WhenALineIsWaiting_PeekLineCutsItAndTellsHowMuchItSaw) {
+TEST_F(VornConnection_Line, WhenALineIsWaiting_PeekLineCutsItAndTellsHowMuchItSaw) {
     connection.incoming = "GET x\r\nmore text";
     const LogCapture log(9);
     EXPECT_EQ(peekLine(64), peeked(true, 16, 0, "GET x"));
@@ -977,7 +977,7 @@ TEST_F(VornConnectionLineTest, WhenALineIsWaiting_PeekLineCutsItAndTellsHowMuchI
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-TEST_F(VornConnectionLineTest, WhenNoLineEndIsWaiting_PeekLineLogsHowMuchItSaw) {
+TEST_F(VornConnection_Line, WhenNoLineEndIsWaiting_PeekLineLogsHowMuchItSaw) {
     connection.incoming = "def";
     const LogCapture log(4);
     EXPECT_EQ(peekLine(64), peeked(false, 3, 0, "def"));
@@ -985,7 +985,7 @@ TEST_F(VornConnectionLineTest, WhenNoLineEndIsWaiting_PeekLineLogsHowMuchItSaw) 
     EXPECT_THAT(pauses(), IsEmpty());
 }
 
-TEST_F(VornConnectionLineTest, LoneCarriageReturnOrLineFeedEndsNoLine) {
+TEST_F(VornConnection_Line, LoneCarriageReturnOrLineFeedEndsNoLine) {
     const LogCapture log(4);
     connection.incoming = "ab\rcd";
     EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "ab\rcd"));
@@ -996,21 +996,21 @@ TEST_F(VornConnectionLineTest, LoneCarriageReturnOrLineFeedEndsNoLine) {
     EXPECT_EQ(log.count(" without a <CRLF> pair"), 3);
 }
 
-TEST_F(VornConnectionLineTest, WhenALineHoldsATab_PeekLineLogsIt) {
+TEST_F(VornConnection_Line, WhenALineHoldsATab_PeekLineLogsIt) {
     connection.incoming = "a\tb\r\n";
     const LogCapture log(4);
     EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "a\tb"));
     EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\t')}));
 }
 
-TEST_F(VornConnectionLineTest, TheFirstUnprintableCharacterIsTheOneLogged) {
+TEST_F(VornConnection_Line, TheFirstUnprintableCharacterIsTheOneLogged) {
     connection.incoming = "ab\x01\x02\r\n";
     const LogCapture log(4);
     EXPECT_EQ(peekLine(64), peeked(false, 6, 0, "ab\x01\x02"));
     EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\x01')}));
 }
 
-TEST_F(VornConnectionLineTest, LineEndsOfOneCharacterInsideALineAreUnprintable) {
+TEST_F(VornConnection_Line, LineEndsOfOneCharacterInsideALineAreUnprintable) {
     const LogCapture log(4);
     connection.incoming = "a\rb\r\n";
     EXPECT_FALSE(peekLine(64).result);
@@ -1022,29 +1022,29 @@ TEST_F(VornConnectionLineTest, LineEndsOfOneCharacterInsideALineAreUnprintable) 
                                            Record{4, breakText('\r')}));
 }
 
-TEST_F(VornConnectionLineTest, PrintableAreTheCharactersOfAsciiFromBlankToTilde) {
+TEST_F(VornConnection_Line, PrintableAreTheCharactersOfAsciiFromBlankToTilde) {
     for (int value = 1; value < 256; ++value) {
         connection.incoming = std::string(1, static_cast<char>(value)) + "\r\n";
         EXPECT_EQ(peekLine(64).result, value >= 0x20 && value <= 0x7E) << value;
     }
 }
 
-TEST_F(VornConnectionLineTest, AZeroByteHidesWhatStandsBehindIt) {
+TEST_F(VornConnection_Line, AZeroByteHidesWhatStandsBehindIt) {
     connection.incoming = std::string("ab\0c\r\n", 6);
     EXPECT_EQ(peekLine(64), peeked(false, 6, 0, "ab"));
 }
 
-TEST_F(VornConnectionLineTest, AnEmptyLineIsALine) {
+TEST_F(VornConnection_Line, AnEmptyLineIsALine) {
     connection.incoming = "\r\nx";
     EXPECT_EQ(peekLine(64), peeked(true, 3, 0, ""));
 }
 
-TEST_F(VornConnectionLineTest, WhatStandsBehindTheLineMayBeUnprintable) {
+TEST_F(VornConnection_Line, WhatStandsBehindTheLineMayBeUnprintable) {
     connection.incoming = "abc\r\n\t\x80";
     EXPECT_TRUE(peekLine(64).result);
 }
 
-TEST_F(VornConnectionLineTest, WhenNothingIsWaiting_PeekLineLooksThreeTimesAndPausesTwice) {
+TEST_F(VornConnection_Line, WhenNothingIsWaiting_PeekLineLooksThreeTimesAndPausesTwice) {
     const LogCapture log(4);
     EXPECT_EQ(peekLine(64), peeked(false, 0, 0, ""));
     EXPECT_THAT(connection.calls,
@@ -1053,7 +1053,7 @@ TEST_F(VornConnectionLineTest, WhenNothingIsWaiting_PeekLineLooksThreeTimesAndPa
     EXPECT_THAT(log.records(), ElementsAre(Record{4, noLineText(0)}));
 }
 
-TEST_F(VornConnectionLineTest, WhenTheLineComesLater_PeekLineFindsItInALaterLook) {
+TEST_F(VornConnection_Line, WhenTheLineComesLater_PeekLineFindsItInALaterLook) {
     connection.peekSteps = {{"", 0, {}, false}, {"ab\r\n"}};
     EXPECT_EQ(peekLine(64), peeked(true, 4, 0, "ab"));
     EXPECT_THAT(pauses(), ElementsAre(100'000));
@@ -1061,14 +1061,14 @@ TEST_F(VornConnectionLineTest, WhenTheLineComesLater_PeekLineFindsItInALaterLook
     EXPECT_EQ(peekLine(64), peeked(true, 4, 0, "cd"));
 }
 
-TEST_F(VornConnectionLineTest, TheResultOfThePeekIsIgnored) {
+TEST_F(VornConnection_Line, TheResultOfThePeekIsIgnored) {
     connection.peekSteps = {{"ab\r\n", 0, {}, false}};
     EXPECT_EQ(peekLine(64), peeked(true, 4, 0, "ab"));
     connection.peekSteps = {{"", 0, 0, true}, {"", 0, 0, true}, {"", 0, 0, true}};
     EXPECT_EQ(peekLine(64), peeked(false, 0, 0, ""));
 }
 
-TEST_F(VornConnectionLineTest, WhenThePeekReportsAnError_PeekLineGivesUpAtOnce) {
+TEST_F(VornConnection_Line, WhenThePeekReportsAnError_PeekLineGivesUpAtOnce) {
     const LogCapture log(4);
     connection.peekSteps = {{"", ECONNRESET, 0, false}};
     EXPECT_EQ(peekLine(64), peeked(false, 0, ECONNRESET, ""));
@@ -1077,19 +1077,19 @@ TEST_F(VornConnectionLineTest, WhenThePeekReportsAnError_PeekLineGivesUpAtOnce) 
     EXPECT_THAT(log.records(), ElementsAre(Record{4, noLineText(0)}));
 }
 
-TEST_F(VornConnectionLineTest, WhenThePeekReportsAnErrorAndASize_TheErrorWins) {
+TEST_F(VornConnection_Line, WhenThePeekReportsAnErrorAndASize_TheErrorWins) {
     // A connection that is refused leaves the size as it was, and the buffer may hold an old line.
     connection.peekSteps = {{"old line\r\n", ECONNREFUSED, 63, false}};
     EXPECT_EQ(peekLine(64), peeked(false, 0, ECONNREFUSED, ""));
 }
 
-TEST_F(VornConnectionLineTest, WhenTheErrorComesInALaterLook_PeekLineStopsThere) {
+TEST_F(VornConnection_Line, WhenTheErrorComesInALaterLook_PeekLineStopsThere) {
     connection.peekSteps = {{"", 0, 0, false}, {"", ENOTCONN, 0, false}};
     EXPECT_EQ(peekLine(64), peeked(false, 0, ENOTCONN, ""));
     EXPECT_THAT(pauses(), ElementsAre(100'000));
 }
 
-TEST_F(VornConnectionLineTest, LineThatJustFitsIsFound) {
+TEST_F(VornConnection_Line, LineThatJustFitsIsFound) {
     connection.incoming = "abc\r\nrest";
     EXPECT_EQ(peekLine(6), peeked(true, 5, 0, "abc"));
     EXPECT_EQ(m_line[6], '#');
@@ -1097,7 +1097,7 @@ TEST_F(VornConnectionLineTest, LineThatJustFitsIsFound) {
     EXPECT_EQ(m_line[5], '#');
 }
 
-TEST_F(VornConnectionLineTest, WhenBytesAreClaimedThatWereNotCopied_OldBytesMakeNoLine) {
+TEST_F(VornConnection_Line, WhenBytesAreClaimedThatWereNotCopied_OldBytesMakeNoLine) {
     connection.peekSteps = {{"def", 0, 63, true}};
     std::memcpy(m_line.data(), "XXXXXXX\r\n", 10);
     int size = 64;
@@ -1106,7 +1106,7 @@ TEST_F(VornConnectionLineTest, WhenBytesAreClaimedThatWereNotCopied_OldBytesMake
     EXPECT_STREQ(m_line.data(), "def");
 }
 
-TEST_F(VornConnectionLineTest, WhenMoreIsClaimedThanThereIsRoom_NothingIsWrittenPastTheBuffer) {
+TEST_F(VornConnection_Line, WhenMoreIsClaimedThanThereIsRoom_NothingIsWrittenPastTheBuffer) {
     connection.peekSteps = {{"ab\r\n", 0, 1000, true}};
     EXPECT_EQ(peekLine(8), peeked(true, 7, 0, "ab"));
     EXPECT_EQ(m_line[8], '#');
@@ -1114,7 +1114,7 @@ TEST_F(VornConnectionLineTest, WhenMoreIsClaimedThanThereIsRoom_NothingIsWritten
     EXPECT_EQ(peekLine(8), peeked(false, 0, 0, ""));
 }
 
-TEST_F(VornConnectionLineTest, WithoutRoomForAByte_PeekLineAsksForNone) {
+TEST_F(VornConnection_Line, WithoutRoomForAByte_PeekLineAsksForNone) {
     connection.incoming = "abc\r\n";
     EXPECT_EQ(peekLine(1), peeked(false, 0, 0, ""));
     EXPECT_EQ(m_line[1], '#');
@@ -1130,7 +1130,7 @@ TEST_F(VornConnectionLineTest, WithoutRoomForAByte_PeekLineAsksForNone) {
     EXPECT_EQ(connection.incoming, "abc\r\n");
 }
 
-TEST_F(VornConnectionLineTest, BelowLevelFourNothingIsLogged) {
+TEST_F(VornConnection_Line, BelowLevelFourNothingIsLogged) {
     const LogCapture log(3);
     connection.incoming = "def";
     peekLine(64);
@@ -1139,7 +1139,7 @@ TEST_F(VornConnectionLineTest, BelowLevelFourNothingIsLogged) {
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-TEST_F(VornConnectionLineTest, WhenAccessIsNotAllowedNothingIsLogged) {
+TEST_F(VornConnection_Line, WhenAccessIsNotAllowedNothingIsLogged) {
     const LogCapture log(9);
     VornLogging::setAccessAllowed(false);
     connection.incoming = "def";
@@ -1151,7 +1151,7 @@ TEST_F(VornConnectionLineTest, WhenAccessIsNotAllowedNothingIsLogged) {
 
 // getLine().
 
-TEST_F(VornConnectionLineTest, WhenALineIsWaiting_GetLineConsumesItWithItsEnd) {
+TEST_F(VornConnection_Line, WhenALineIsWaiting_GetLineConsumesItWithItsEnd) {
     connection.incoming = "abc\r\ndef";
     EXPECT_EQ(getLine(64), "abc");
     EXPECT_EQ(error, 0);
@@ -1160,21 +1160,21 @@ TEST_F(VornConnectionLineTest, WhenALineIsWaiting_GetLineConsumesItWithItsEnd) {
                 ElementsAre("peekLine 64 error 0", "peekBytes 63", "get 5", "receive 5 all"));
 }
 
-TEST_F(VornConnectionLineTest, WhenAnEmptyLineIsWaiting_GetLineReturnsItAndConsumesItsEnd) {
+TEST_F(VornConnection_Line, WhenAnEmptyLineIsWaiting_GetLineReturnsItAndConsumesItsEnd) {
     connection.incoming = "\r\nabc\r\n";
     EXPECT_EQ(getLine(64), "");
     EXPECT_EQ(getLine(64), "abc");
     EXPECT_EQ(connection.incoming, "");
 }
 
-TEST_F(VornConnectionLineTest, LineThatJustFitsIsRead) {
+TEST_F(VornConnection_Line, LineThatJustFitsIsRead) {
     connection.incoming = "abc\r\nrest";
     EXPECT_EQ(getLine(6), "abc");
     EXPECT_EQ(m_line[6], '#');
     EXPECT_EQ(connection.incoming, "rest");
 }
 
-TEST_F(VornConnectionLineTest, WhenOnlyAPartOfALineIsWaiting_GetLineReturnsNullAtOnce) {
+TEST_F(VornConnection_Line, WhenOnlyAPartOfALineIsWaiting_GetLineReturnsNullAtOnce) {
     connection.incoming = "def";
     EXPECT_EQ(getLine(64), std::nullopt);
     EXPECT_EQ(error, 0);
@@ -1182,21 +1182,21 @@ TEST_F(VornConnectionLineTest, WhenOnlyAPartOfALineIsWaiting_GetLineReturnsNullA
     EXPECT_THAT(pauses(), IsEmpty());
 }
 
-TEST_F(VornConnectionLineTest, WhenTheLineIsUnprintable_GetLineReturnsNullAndLeavesIt) {
+TEST_F(VornConnection_Line, WhenTheLineIsUnprintable_GetLineReturnsNullAndLeavesIt) {
     connection.incoming = "a\tb\r\n";
     EXPECT_EQ(getLine(64), std::nullopt);
     EXPECT_EQ(error, 0);
     EXPECT_EQ(connection.incoming, "a\tb\r\n");
 }
 
-TEST_F(VornConnectionLineTest, WhenThePeekReportsAnError_GetLineReturnsNullWithIt) {
+TEST_F(VornConnection_Line, WhenThePeekReportsAnError_GetLineReturnsNullWithIt) {
     connection.peekSteps = {{"abc\r\n", ECONNRESET, 5, true}};
     EXPECT_EQ(getLine(64), std::nullopt);
     EXPECT_EQ(error, ECONNRESET);
     EXPECT_THAT(connection.calls, ElementsAre("peekLine 64 error 0", "peekBytes 63"));
 }
 
-TEST_F(VornConnectionLineTest, WhileNothingComes_GetLineAsksAgainAndAgain) {
+TEST_F(VornConnection_Line, WhileNothingComes_GetLineAsksAgainAndAgain) {
     // 10 rounds of three looks each before the line is there.
     for (int i = 0; i < 30; ++i) {
         connection.peekSteps.push_back({"", 0, 0, false});
@@ -1207,14 +1207,14 @@ TEST_F(VornConnectionLineTest, WhileNothingComes_GetLineAsksAgainAndAgain) {
     EXPECT_EQ(pauses().size(), 20U);
 }
 
-TEST_F(VornConnectionLineTest, WhenTheConsumingReadIsShort_GetLineThrows) {
+TEST_F(VornConnection_Line, WhenTheConsumingReadIsShort_GetLineThrows) {
     connection.peekSteps = {{"abc\r\n"}};
     connection.incoming = "abc";
     connection.readError = ENOTCONN;
     EXPECT_EQ(failureOf([&] { getLine(64); }), failure(readFailed, ENOTCONN));
 }
 
-TEST_F(VornConnectionLineTest, WhenPeekLineIsOverridden_GetLineGoesThroughIt) {
+TEST_F(VornConnection_Line, WhenPeekLineIsOverridden_GetLineGoesThroughIt) {
     class FixedLine : public ScriptedConnection {
     public:
         bool peekLine(char* pBuffer, int& nSize, int& nErrorCode) override {
@@ -1231,7 +1231,7 @@ TEST_F(VornConnectionLineTest, WhenPeekLineIsOverridden_GetLineGoesThroughIt) {
     EXPECT_THAT(fixed.calls, ElementsAre("get 4", "receive 4 all"));
 }
 
-TEST_F(VornConnectionLineTest, WithoutRoomForALine_GetLineReturnsNull) {
+TEST_F(VornConnection_Line, WithoutRoomForALine_GetLineReturnsNull) {
     connection.incoming = "abc\r\n";
     for (const int capacity : {1, 0, -1}) {
         EXPECT_EQ(getLine(capacity), std::nullopt) << capacity;

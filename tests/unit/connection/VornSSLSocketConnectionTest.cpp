@@ -65,7 +65,7 @@ protected:
 };
 
 /// A connection which has a socket but is not marked connected; nothing of the library makes such a one.
-class VornSSLSocketConnectionUnmarkedTest : public VornSSLSocketConnectionTest {
+class VornSSLSocketConnection_Unmarked : public VornSSLSocketConnectionTest {
 protected:
     void SetUp() override {
         VornSSLSocketConnectionTest::SetUp();
@@ -361,7 +361,7 @@ TEST_F(VornSSLSocketConnectionTest, WithAnEncryptionState_NothingIsTransferredAn
 
 // With a socket, but not marked connected.
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, OneSendIsMadeAndTheErrorIsNotWritten) {
+TEST_F(VornSSLSocketConnection_Unmarked, OneSendIsMadeAndTheErrorIsNotWritten) {
     const CallTrace trace;
     EXPECT_EQ(rawWrite(*connection, "abc"), raw(3, untouched));
     ASSERT_THAT(trace.names(), ElementsAre("send"));
@@ -369,7 +369,7 @@ TEST_F(VornSSLSocketConnectionUnmarkedTest, OneSendIsMadeAndTheErrorIsNotWritten
     EXPECT_EQ(receiveExactly(peer(), 3), "abc");
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, APartialSendIsReturnedAsItIs) {
+TEST_F(VornSSLSocketConnection_Unmarked, APartialSendIsReturnedAsItIs) {
     const TransferLimit limit(2, connection->fd());
     const CallTrace trace;
     EXPECT_EQ(rawWrite(*connection, "abc"), raw(2, untouched));
@@ -377,12 +377,12 @@ TEST_F(VornSSLSocketConnectionUnmarkedTest, APartialSendIsReturnedAsItIs) {
     EXPECT_EQ(receiveExactly(peer(), 2), "ab");
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, AFailedSendIsMinusOneWithoutAnError) {
+TEST_F(VornSSLSocketConnection_Unmarked, AFailedSendIsMinusOneWithoutAnError) {
     const FaultRule fault("send", EPIPE);
     EXPECT_EQ(rawWrite(*connection, "abc"), raw(-1, untouched));
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, OneReadIsMadeWhetherOrNotItIsToWait) {
+TEST_F(VornSSLSocketConnection_Unmarked, OneReadIsMadeWhetherOrNotItIsToWait) {
     for (const bool waitForAll : {true, false}) {
         sendAll(peer(), "abc");
         std::string data(8, '#');
@@ -391,7 +391,7 @@ TEST_F(VornSSLSocketConnectionUnmarkedTest, OneReadIsMadeWhetherOrNotItIsToWait)
     }
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, WhileTheReadWouldBlock_ItIsTriedAgainAfterAPause) {
+TEST_F(VornSSLSocketConnection_Unmarked, WhileTheReadWouldBlock_ItIsTriedAgainAfterAPause) {
     FaultRule noPause("usleep", 0, 1, FaultRule::always);
     noPause.returning(0);
     const RecvScript script({RecvStep::failure(EAGAIN), RecvStep::failure(EAGAIN), RecvStep::bytes("ab")},
@@ -405,7 +405,7 @@ TEST_F(VornSSLSocketConnectionUnmarkedTest, WhileTheReadWouldBlock_ItIsTriedAgai
     EXPECT_EQ(trace.records("recv").at(0).third, 0);
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, AnyOtherFailureOfTheReadIsMinusOneWithoutAnError) {
+TEST_F(VornSSLSocketConnection_Unmarked, AnyOtherFailureOfTheReadIsMinusOneWithoutAnError) {
     std::string data(3, '#');
     for (const int error : {EINTR, ECONNRESET, EMSGSIZE}) {
         const RecvScript script({RecvStep::failure(error)}, connection->fd());
@@ -413,17 +413,17 @@ TEST_F(VornSSLSocketConnectionUnmarkedTest, AnyOtherFailureOfTheReadIsMinusOneWi
     }
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, WhenThePeerHasClosed_TheReadReturnsZero) {
+TEST_F(VornSSLSocketConnection_Unmarked, WhenThePeerHasClosed_TheReadReturnsZero) {
     closePeer();
     std::string data(3, '#');
     EXPECT_EQ(rawRead(*connection, data, 3, true), raw(0, untouched));
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, PeekFailsAllTheSame) {
+TEST_F(VornSSLSocketConnection_Unmarked, PeekFailsAllTheSame) {
     EXPECT_EQ(peek(*connection, 3), peeked(false, 0, ENOTCONN));
 }
 
-TEST_F(VornSSLSocketConnectionUnmarkedTest, EstablishingMarksItAndThenItFails) {
+TEST_F(VornSSLSocketConnection_Unmarked, EstablishingMarksItAndThenItFails) {
     EXPECT_EQ(failureOf([&] { connection->transfer(7); }), failure(writeFailed, ENOTCONN));
     EXPECT_TRUE(connection->m_bConnected);
     EXPECT_THAT(connection->calls, ElementsAre("initialize"));

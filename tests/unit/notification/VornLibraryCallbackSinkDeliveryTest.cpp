@@ -36,16 +36,20 @@ using VornNet::VornSmartPointer;
 
 using Connection = VornSmartPointer<VornConnection>;
 
-class ServingSink : public NotificationTest {};
+class VornLibraryCallbackSink_Delivery : public NotificationTest {};
 
-class ServingSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_DeliveryOfAnyKind : public NotificationTest,
+                                                  public testing::WithParamInterface<Kind> {};
 
-class ServingSinkOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_DeliveryOnStreams : public NotificationTest,
+                                                  public testing::WithParamInterface<Kind> {};
 
 const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
 
-INSTANTIATE_TEST_SUITE_P(Kind, ServingSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, ServingSinkOnStreams, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_DeliveryOfAnyKind,
+                         Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_DeliveryOnStreams, Values(Kind::pipe, Kind::socket),
+                         kindName);
 
 std::string ownPipeName() {
     std::array<char, 32> text = {};
@@ -75,7 +79,7 @@ std::vector<std::string> sinkRecords(const LogCapture& log) {
 
 // What one notification does.
 
-TEST_P(ServingSinkOfAnyKind, NotificationReachesCallback) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, NotificationReachesCallback) {
     WatchedSink sink(GetParam());
     const CallbackPointer other = addCallback(*sink);
     const CallbackPointer callback = addCallback(*sink);
@@ -87,7 +91,7 @@ TEST_P(ServingSinkOfAnyKind, NotificationReachesCallback) {
     EXPECT_FALSE(other->wait(0));
 }
 
-TEST_P(ServingSinkOfAnyKind, RecordsOfOneNotification) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, RecordsOfOneNotification) {
     LogCapture log;
     std::string address;
     {
@@ -120,7 +124,7 @@ TEST_P(ServingSinkOfAnyKind, RecordsOfOneNotification) {
     EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
 }
 
-TEST_F(ServingSink, RecordsOfDefaultServer) {
+TEST_F(VornLibraryCallbackSink_Delivery, RecordsOfDefaultServer) {
     LogCapture log;
     SinkProbe sink("");
     ASSERT_TRUE(log.await("waiting for data"));
@@ -131,7 +135,7 @@ TEST_F(ServingSink, RecordsOfDefaultServer) {
                             debugRecord("run: waiting for data : pipe:" + ownPipeName())));
 }
 
-TEST_P(ServingSinkOfAnyKind, BelowDebugLevel_LogsNothing) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, BelowDebugLevel_LogsNothing) {
     LogCapture log(8);
     {
         WatchedSink sink(GetParam());
@@ -142,7 +146,7 @@ TEST_P(ServingSinkOfAnyKind, BelowDebugLevel_LogsNothing) {
     EXPECT_THAT(sinkRecords(log), IsEmpty());
 }
 
-TEST_P(ServingSinkOfAnyKind, UnknownHandle_IsIgnoredAndLogged) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, UnknownHandle_IsIgnoredAndLogged) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     ASSERT_TRUE(sink.awaitServing());
@@ -158,7 +162,7 @@ TEST_P(ServingSinkOfAnyKind, UnknownHandle_IsIgnoredAndLogged) {
     EXPECT_THAT(callback->contents(), ElementsAre("goes on"));
 }
 
-TEST_P(ServingSinkOnStreams, UnknownHandle_NothingMoreIsRead) {
+TEST_P(VornLibraryCallbackSink_DeliveryOnStreams, UnknownHandle_NothingMoreIsRead) {
     WatchedSink sink(GetParam());
     ASSERT_TRUE(sink.awaitServing());
     CallTrace trace;
@@ -173,7 +177,7 @@ TEST_P(ServingSinkOnStreams, UnknownHandle_NothingMoreIsRead) {
     EXPECT_EQ(trace.records("recv").at(0).tid, sink.tid());
 }
 
-TEST_P(ServingSinkOfAnyKind, RemovedCallback_IsUnknown) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, RemovedCallback_IsUnknown) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     sink->getCallbackContainer().remove(0);
@@ -184,7 +188,7 @@ TEST_P(ServingSinkOfAnyKind, RemovedCallback_IsUnknown) {
     EXPECT_EQ(callback->calls(), 0);
 }
 
-TEST_P(ServingSinkOfAnyKind, HandleIsCutToInt) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, HandleIsCutToInt) {
     WatchedSink sink(GetParam());
     const CallbackPointer negative = addCallbackAs(-1, *sink);
     const CallbackPointer lowest = addCallbackAs(-2147483647 - 1, *sink);
@@ -199,7 +203,7 @@ TEST_P(ServingSinkOfAnyKind, HandleIsCutToInt) {
     EXPECT_EQ(log.count("run: hCallback=2147483648"), 1);
 }
 
-TEST_P(ServingSinkOfAnyKind, LastFourBytesOfHandle_AreIgnored) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, LastFourBytesOfHandle_AreIgnored) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallbackAs(7, *sink);
     ASSERT_TRUE(sink.awaitServing());
@@ -208,14 +212,14 @@ TEST_P(ServingSinkOfAnyKind, LastFourBytesOfHandle_AreIgnored) {
     EXPECT_THAT(callback->contents(), ElementsAre("rest"));
 }
 
-TEST_P(ServingSinkOfAnyKind, ContentMayBeEmpty) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ContentMayBeEmpty) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     deliver(sink, callback, "");
     EXPECT_THAT(callback->contents(), ElementsAre(""));
 }
 
-TEST_P(ServingSinkOfAnyKind, ManyDeliveriesArriveInOrder) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ManyDeliveriesArriveInOrder) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     std::vector<std::string> sent;
@@ -229,7 +233,7 @@ TEST_P(ServingSinkOfAnyKind, ManyDeliveriesArriveInOrder) {
 
 // The server's life between notifications.
 
-TEST_P(ServingSinkOfAnyKind, ServerIsClosedBeforeConnection) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ServerIsClosedBeforeConnection) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     LogCapture log;
@@ -260,7 +264,7 @@ TEST_P(ServingSinkOfAnyKind, ServerIsClosedBeforeConnection) {
     }
 }
 
-TEST_P(ServingSinkOnStreams, WhoConnectsDuringCallback_IsDroppedWithOldServer) {
+TEST_P(VornLibraryCallbackSink_DeliveryOnStreams, WhoConnectsDuringCallback_IsDroppedWithOldServer) {
     WatchedSink sink(GetParam());
     Gate entered;
     Gate leave;
@@ -283,7 +287,7 @@ TEST_P(ServingSinkOnStreams, WhoConnectsDuringCallback_IsDroppedWithOldServer) {
     EXPECT_THAT(callback->contents(), ElementsAre("first", "third"));
 }
 
-TEST_F(ServingSink, DatagramDuringCallback_IsDroppedWithOldServer) {
+TEST_F(VornLibraryCallbackSink_Delivery, DatagramDuringCallback_IsDroppedWithOldServer) {
     WatchedSink sink(Kind::udp);
     Gate entered;
     Gate leave;
@@ -302,7 +306,7 @@ TEST_F(ServingSink, DatagramDuringCallback_IsDroppedWithOldServer) {
     EXPECT_THAT(callback->contents(), ElementsAre("first", "third"));
 }
 
-TEST_F(ServingSink, WhenCallbackReadsToEnd_TcpPortStays) {
+TEST_F(VornLibraryCallbackSink_Delivery, WhenCallbackReadsToEnd_TcpPortStays) {
     WatchedSink sink(Kind::socket);
     const CallbackPointer callback = addCallback(*sink);
     for (int i = 0; i < 50; ++i) {
@@ -312,7 +316,7 @@ TEST_F(ServingSink, WhenCallbackReadsToEnd_TcpPortStays) {
     }
 }
 
-TEST_F(ServingSink, WhenSenderLingers_TcpPortMoves) {
+TEST_F(VornLibraryCallbackSink_Delivery, WhenSenderLingers_TcpPortMoves) {
     WatchedSink sink(Kind::socket);
     const CallbackPointer callback =
         addCallback(*sink, [](Connection& connection) { return hex(onWire(connection->receiveLong())); });
@@ -327,7 +331,7 @@ TEST_F(ServingSink, WhenSenderLingers_TcpPortMoves) {
     EXPECT_EQ(callback->calls(), 3);
 }
 
-TEST_P(ServingSinkOfAnyKind, CallbackMayKeepConnection) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, CallbackMayKeepConnection) {
     WatchedSink sink(GetParam());
     std::vector<Connection> kept;
     const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
@@ -348,7 +352,7 @@ TEST_P(ServingSinkOfAnyKind, CallbackMayKeepConnection) {
     }
 }
 
-TEST_P(ServingSinkOfAnyKind, DescriptorsAreCloseOnExec) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, DescriptorsAreCloseOnExec) {
     const auto before = descriptorTable();
     WatchedSink sink(GetParam());
     Gate entered;
@@ -373,7 +377,7 @@ TEST_P(ServingSinkOfAnyKind, DescriptorsAreCloseOnExec) {
     EXPECT_TRUE(callback->awaitCalls(1));
 }
 
-TEST_P(ServingSinkOfAnyKind, WorksWithMoreThan1024Descriptors) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, WorksWithMoreThan1024Descriptors) {
     rlimit limit = {};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit before = limit;
@@ -397,7 +401,7 @@ TEST_P(ServingSinkOfAnyKind, WorksWithMoreThan1024Descriptors) {
 
 // The container while notifications arrive.
 
-TEST_P(ServingSinkOfAnyKind, CallbackRunsWithContainerLocked) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, CallbackRunsWithContainerLocked) {
     WatchedSink sink(GetParam());
     Gate entered;
     Gate leave;
@@ -418,7 +422,7 @@ TEST_P(ServingSinkOfAnyKind, CallbackRunsWithContainerLocked) {
     EXPECT_EQ(id, 1);
 }
 
-TEST_P(ServingSinkOnStreams,
+TEST_P(VornLibraryCallbackSink_DeliveryOnStreams,
        CallbackThatRemovesItself_IsDestroyedWithContainerLockedAndBeforeConnectionIsClosed) {
     struct Destroyed : RecordingCallback {
         Destroyed(int id, Action action, std::function<void()> last)
@@ -464,7 +468,7 @@ TEST_P(ServingSinkOnStreams,
     EXPECT_EQ(receiveToEnd(client.get()), "");
 }
 
-TEST_P(ServingSinkOfAnyKind, ServerIsClosedWithContainerLocked) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ServerIsClosedWithContainerLocked) {
     WatchedSink sink(GetParam());
     std::unique_ptr<CallHook> hook;
     std::unique_ptr<WatchedThread> other;
@@ -493,7 +497,7 @@ TEST_P(ServingSinkOfAnyKind, ServerIsClosedWithContainerLocked) {
     EXPECT_EQ(callback->calls(), 1);
 }
 
-TEST_P(ServingSinkOfAnyKind, CallbackMayUseContainer) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, CallbackMayUseContainer) {
     WatchedSink sink(GetParam());
     const CallbackPointer next = new RecordingCallback(1, {});
     const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
@@ -510,7 +514,7 @@ TEST_P(ServingSinkOfAnyKind, CallbackMayUseContainer) {
     EXPECT_TRUE(sink->getCallbackContainer().lookup(0) == nullptr);
 }
 
-TEST_P(ServingSinkOfAnyKind, ContainerIsUsedWhileNotificationsArrive) {
+TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ContainerIsUsedWhileNotificationsArrive) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     std::atomic<bool> ends{false};

@@ -53,16 +53,20 @@ constexpr int destructions = 200;
 /// Far beyond the 200 ms after which a destructor cuts clients off.
 constexpr std::chrono::milliseconds endsWithin = 5s;
 
-class EndingSink : public NotificationTest {};
+class VornLibraryCallbackSink_End : public NotificationTest {};
 
-class EndingSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_EndOfAnyKind : public NotificationTest,
+                                             public testing::WithParamInterface<Kind> {};
 
-class EndingSinkOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_EndOnStreams : public NotificationTest,
+                                             public testing::WithParamInterface<Kind> {};
 
 const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
 
-INSTANTIATE_TEST_SUITE_P(Kind, EndingSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, EndingSinkOnStreams, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_EndOfAnyKind,
+                         Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_EndOnStreams, Values(Kind::pipe, Kind::socket),
+                         kindName);
 
 /// Destroys a sink; false if that takes too long.
 bool destroyInTime(WatchedSink& sink) {
@@ -107,7 +111,7 @@ KIT_ROLE(sinkDeletedByItsCallback) {
     return 0;
 }
 
-TEST_P(EndingSinkOfAnyKind, WhileItWaits_WaitEndsWithoutClient) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, WhileItWaits_WaitEndsWithoutClient) {
     LogCapture log;
     WatchedSink sink(GetParam());
     const std::string address = sink.address();
@@ -121,14 +125,14 @@ TEST_P(EndingSinkOfAnyKind, WhileItWaits_WaitEndsWithoutClient) {
                             "9 VornLibraryCallbackSink::run: exiting rc=0"));
 }
 
-TEST_P(EndingSinkOfAnyKind, RightAfterConstruction_Ends) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, RightAfterConstruction_Ends) {
     for (int i = 0; i < 50; ++i) {
         WatchedSink sink(GetParam());
         ASSERT_TRUE(destroyInTime(sink));
     }
 }
 
-TEST_P(EndingSinkOfAnyKind, GivesItsAddressBack) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, GivesItsAddressBack) {
     std::string first;
     {
         WatchedSink sink(GetParam());
@@ -141,7 +145,7 @@ TEST_P(EndingSinkOfAnyKind, GivesItsAddressBack) {
     EXPECT_THAT(callback->contents(), ElementsAre("to the second"));
 }
 
-TEST_P(EndingSinkOnStreams, AfterwardsNobodyListens) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, AfterwardsNobodyListens) {
     std::string address;
     {
         WatchedSink sink(GetParam());
@@ -155,7 +159,7 @@ TEST_P(EndingSinkOnStreams, AfterwardsNobodyListens) {
     }
 }
 
-TEST_P(EndingSinkOfAnyKind, ReleasesItsCallbacks) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, ReleasesItsCallbacks) {
     CallbackPointer callback;
     {
         WatchedSink sink(GetParam());
@@ -165,7 +169,7 @@ TEST_P(EndingSinkOfAnyKind, ReleasesItsCallbacks) {
     EXPECT_EQ(callback->refCount(), 1);
 }
 
-TEST_P(EndingSinkOfAnyKind, UnderTraffic_EndsEveryTime) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, UnderTraffic_EndsEveryTime) {
     Traffic traffic(2);
     for (int i = 0; i < destructions; ++i) {
         WatchedSink sink(GetParam());
@@ -181,7 +185,7 @@ TEST_P(EndingSinkOfAnyKind, UnderTraffic_EndsEveryTime) {
     }
 }
 
-TEST_P(EndingSinkOfAnyKind, WhileCallbackRuns_WaitsForIt) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, WhileCallbackRuns_WaitsForIt) {
     LogCapture log;
     WatchedSink sink(GetParam());
     Gate entered;
@@ -208,7 +212,7 @@ TEST_P(EndingSinkOfAnyKind, WhileCallbackRuns_WaitsForIt) {
     EXPECT_EQ(log.count("run: callback returned"), 1);
 }
 
-TEST_P(EndingSinkOnStreams, WithSilentClient_Ends) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, WithSilentClient_Ends) {
     WatchedSink sink(GetParam());
     ASSERT_TRUE(sink.awaitServing());
     const UniqueFd silent = connectToSink(sink.address());
@@ -217,7 +221,7 @@ TEST_P(EndingSinkOnStreams, WithSilentClient_Ends) {
     EXPECT_EQ(receiveToEnd(silent.get()), "") << "the client sees the end";
 }
 
-TEST_P(EndingSinkOnStreams, WithClientThatSentHalfAHandle_Ends) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, WithClientThatSentHalfAHandle_Ends) {
     WatchedSink sink(GetParam());
     ASSERT_TRUE(sink.awaitServing());
     const UniqueFd silent = connectToSink(sink.address());
@@ -226,7 +230,7 @@ TEST_P(EndingSinkOnStreams, WithClientThatSentHalfAHandle_Ends) {
     EXPECT_TRUE(destroyInTime(sink));
 }
 
-TEST_P(EndingSinkOnStreams, WithCallbackThatReadsFromSilentClient_Ends) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, WithCallbackThatReadsFromSilentClient_Ends) {
     WatchedSink sink(GetParam());
     Gate entered;
     int code = -1;
@@ -249,7 +253,7 @@ TEST_P(EndingSinkOnStreams, WithCallbackThatReadsFromSilentClient_Ends) {
     EXPECT_EQ(code, 107) << "as if the client had closed";
 }
 
-TEST_F(EndingSink, WithClientThatIsBeingServed_CutsItOffAfter200Milliseconds) {
+TEST_F(VornLibraryCallbackSink_End, WithClientThatIsBeingServed_CutsItOffAfter200Milliseconds) {
     using Clock = std::chrono::steady_clock;
     LogCapture log;
     WatchedSink sink(Kind::pipe);
@@ -281,7 +285,7 @@ TEST_F(EndingSink, WithClientThatIsBeingServed_CutsItOffAfter200Milliseconds) {
     EXPECT_LE(std::count(records.begin(), records.end(), "VornPipeServer::close"), 11);
 }
 
-TEST_P(EndingSinkOnStreams, WithCallbackThatWaits_WhatHasArrivedCanBeRead) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, WithCallbackThatWaits_WhatHasArrivedCanBeRead) {
     WatchedSink sink(GetParam());
     Gate entered;
     Gate leave;
@@ -306,7 +310,7 @@ TEST_P(EndingSinkOnStreams, WithCallbackThatWaits_WhatHasArrivedCanBeRead) {
     EXPECT_THAT(callback->contents(), ElementsAre("arrived"));
 }
 
-TEST_P(EndingSinkOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
     WatchedSink sink(GetParam());
     Gate entered;
     Gate leave;
@@ -337,7 +341,7 @@ TEST_P(EndingSinkOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
-TEST_P(EndingSinkOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLookedAt) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLookedAt) {
     WatchedSink sink(GetParam());
     Gate entered;
     Gate leave;
@@ -362,7 +366,7 @@ TEST_P(EndingSinkOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLoo
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
-TEST_P(EndingSinkOnStreams, OtherSinksClient_IsNotCutOff) {
+TEST_P(VornLibraryCallbackSink_EndOnStreams, OtherSinksClient_IsNotCutOff) {
     WatchedSink staying(GetParam(), "staying");
     Gate entered;
     const CallbackPointer callback = addCallback(*staying, [&](Connection& connection) {
@@ -384,7 +388,7 @@ TEST_P(EndingSinkOnStreams, OtherSinksClient_IsNotCutOff) {
     EXPECT_THAT(callback->contents(), ElementsAre("before and after"));
 }
 
-TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_EndsProcess) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, DeletedByItsOwnCallback_EndsProcess) {
     ChildProcess child = ChildProcess::spawnRole("sinkDeletedByItsCallback", nameOf(GetParam()));
     const std::string address = child.readLine();
     sendByHand(address, onWire(0));
@@ -393,7 +397,7 @@ TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_EndsProcess) {
     EXPECT_EQ(child.readAllOutput(), "");
 }
 
-TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_SaysSoAtLevelOne) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind, DeletedByItsOwnCallback_SaysSoAtLevelOne) {
     ChildProcess child = ChildProcess::spawnRole("sinkDeletedByItsCallback", nameOf(GetParam()));
     sendByHand(child.readLine(), onWire(0));
     EXPECT_EQ(child.wait(), 128 + SIGABRT);
@@ -402,7 +406,8 @@ TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallback_SaysSoAtLevelOne) {
                                        "destroyed by one of its own callbacks\n"));
 }
 
-TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallbackBelowErrorLevel_EndsProcessWithoutRecord) {
+TEST_P(VornLibraryCallbackSink_EndOfAnyKind,
+       DeletedByItsOwnCallbackBelowErrorLevel_EndsProcessWithoutRecord) {
     ChildProcess child = ChildProcess::spawnRole("sinkDeletedByItsCallback", nameOf(GetParam()), "0");
     sendByHand(child.readLine(), onWire(0));
     EXPECT_EQ(child.wait(), 128 + SIGABRT);
@@ -410,7 +415,7 @@ TEST_P(EndingSinkOfAnyKind, DeletedByItsOwnCallbackBelowErrorLevel_EndsProcessWi
     EXPECT_EQ(child.readAllOutput(), "");
 }
 
-TEST_F(EndingSink, WhileCallbackReadsADatagramForLong_HasNobodyToCutOff) {
+TEST_F(VornLibraryCallbackSink_End, WhileCallbackReadsADatagramForLong_HasNobodyToCutOff) {
     WatchedSink sink(Kind::udp);
     Gate entered;
     Gate leave;
@@ -433,7 +438,7 @@ TEST_F(EndingSink, WhileCallbackReadsADatagramForLong_HasNobodyToCutOff) {
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
-TEST_F(EndingSink, OfTwoThatServeAtOnce_TheFirstMayBeDoneFirst) {
+TEST_F(VornLibraryCallbackSink_End, OfTwoThatServeAtOnce_TheFirstMayBeDoneFirst) {
     WatchedSink first(Kind::socket, "first");
     Gate firstEntered;
     Gate firstLeaves;

@@ -42,19 +42,25 @@ using VornSupport::VornException;
 
 using Connection = VornSmartPointer<VornConnection>;
 
-class FailingSink : public NotificationTest {};
+class VornLibraryCallbackSink_Failure : public NotificationTest {};
 
-class FailingSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_FailureOfAnyKind : public NotificationTest,
+                                                 public testing::WithParamInterface<Kind> {};
 
-class FailingSinkOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_FailureOnStreams : public NotificationTest,
+                                                 public testing::WithParamInterface<Kind> {};
 
-class FailingSinkOnPorts : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_FailureOnPorts : public NotificationTest,
+                                               public testing::WithParamInterface<Kind> {};
 
 const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
 
-INSTANTIATE_TEST_SUITE_P(Kind, FailingSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, FailingSinkOnStreams, Values(Kind::pipe, Kind::socket), kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, FailingSinkOnPorts, Values(Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOfAnyKind,
+                         Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOnStreams, Values(Kind::pipe, Kind::socket),
+                         kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOnPorts, Values(Kind::socket, Kind::udp),
+                         kindName);
 
 /// A record of the sink's class, as recordsOf() shows it.
 std::string debugRecord(const std::string& text) {
@@ -122,7 +128,7 @@ KIT_ROLE(sinkMaker) {
     return 0;
 }
 
-TEST_F(FailingSink, WhenLocalhostIsUnknown_TcpConstructorDoesNotReturn) {
+TEST_F(VornLibraryCallbackSink_Failure, WhenLocalhostIsUnknown_TcpConstructorDoesNotReturn) {
     useHostsFile("127.0.0.1 vega\n");
     ChildProcess child = ChildProcess::spawnRoleWith({"QUORAX_CALLB_CONN_TYPE=socket"}, "sinkMaker", {"9"});
     EXPECT_EQ(child.readLine(), "constructing");
@@ -136,7 +142,7 @@ TEST_F(FailingSink, WhenLocalhostIsUnknown_TcpConstructorDoesNotReturn) {
 
 // A sink whose server cannot be made.
 
-TEST_F(FailingSink, WhenServerCannotBeMade_ConstructorWaitsAndThreadTellsWhy) {
+TEST_F(VornLibraryCallbackSink_Failure, WhenServerCannotBeMade_ConstructorWaitsAndThreadTellsWhy) {
     const MissingPipeDirectory missing;
     ChildProcess child = ChildProcess::spawnRole("sinkMaker", "1");
     EXPECT_EQ(child.readLine(), "constructing");
@@ -174,7 +180,7 @@ TEST_F(FailingSink, WhenServerCannotBeMade_ConstructorWaitsAndThreadTellsWhy) {
 
 // A callback that throws.
 
-TEST_P(FailingSinkOfAnyKind, OtherCode_IsRememberedAndLoopGoesOn) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, OtherCode_IsRememberedAndLoopGoesOn) {
     LogCapture log;
     std::string address;
     {
@@ -195,7 +201,7 @@ TEST_P(FailingSinkOfAnyKind, OtherCode_IsRememberedAndLoopGoesOn) {
     EXPECT_EQ(log.count("run: exiting rc=5"), 1);
 }
 
-TEST_P(FailingSinkOfAnyKind, LastOtherCode_IsWhatRunReturns) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, LastOtherCode_IsWhatRunReturns) {
     LogCapture log;
     {
         WatchedSink sink(GetParam());
@@ -210,7 +216,7 @@ TEST_P(FailingSinkOfAnyKind, LastOtherCode_IsWhatRunReturns) {
     EXPECT_EQ(log.count("run: exiting rc=-7"), 1);
 }
 
-TEST_P(FailingSinkOfAnyKind, CodeZero_IsACodeLikeOthers) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, CodeZero_IsACodeLikeOthers) {
     LogCapture log;
     {
         WatchedSink sink(GetParam());
@@ -225,7 +231,7 @@ TEST_P(FailingSinkOfAnyKind, CodeZero_IsACodeLikeOthers) {
     EXPECT_EQ(log.count("run: exiting rc=0"), 1);
 }
 
-TEST_P(FailingSinkOfAnyKind, ConnectionResetAndInterruption_EndLoop) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, ConnectionResetAndInterruption_EndLoop) {
     for (const int code : {ECONNRESET, EINTR}) {
         LogCapture log;
         WatchedSink sink(GetParam());
@@ -245,7 +251,7 @@ TEST_P(FailingSinkOfAnyKind, ConnectionResetAndInterruption_EndLoop) {
     }
 }
 
-TEST_P(FailingSinkOfAnyKind, EndByCode_LeavesEarlierResult) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, EndByCode_LeavesEarlierResult) {
     LogCapture log;
     WatchedSink sink(GetParam());
     addCallback(*sink, throwing(5));
@@ -257,7 +263,7 @@ TEST_P(FailingSinkOfAnyKind, EndByCode_LeavesEarlierResult) {
     EXPECT_EQ(log.count("run: exiting rc=5"), 1);
 }
 
-TEST_F(FailingSink, AddressInUse_EndsPipeSink) {
+TEST_F(VornLibraryCallbackSink_Failure, AddressInUse_EndsPipeSink) {
     LogCapture log;
     WatchedSink sink(Kind::pipe);
     const std::string address = sink.address();
@@ -273,7 +279,7 @@ TEST_F(FailingSink, AddressInUse_EndsPipeSink) {
     EXPECT_EQ(sink.address(), address);
 }
 
-TEST_P(FailingSinkOnPorts, AddressInUse_MovesPortWhateverItsSource) {
+TEST_P(VornLibraryCallbackSink_FailureOnPorts, AddressInUse_MovesPortWhateverItsSource) {
     LogCapture log;
     WatchedSink sink(GetParam());
     const std::string address = sink.address();
@@ -298,7 +304,7 @@ TEST_P(FailingSinkOnPorts, AddressInUse_MovesPortWhateverItsSource) {
     EXPECT_THAT(good->contents(), ElementsAre("old port"));
 }
 
-TEST_P(FailingSinkOfAnyKind, OtherExceptions_EndThreadWithRecordAtLevelOne) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, OtherExceptions_EndThreadWithRecordAtLevelOne) {
     LogCapture log;
     WatchedSink sink(GetParam(), "falcon");
     addCallback(*sink, [](Connection&) -> std::string { throw std::runtime_error("not of the library"); });
@@ -310,7 +316,7 @@ TEST_P(FailingSinkOfAnyKind, OtherExceptions_EndThreadWithRecordAtLevelOne) {
     EXPECT_NO_THROW(sendByHand(sink.address(), onWire(0))) << "the server stays open";
 }
 
-TEST_P(FailingSinkOfAnyKind, ThrownNumber_EndsThreadWithRecordAtLevelOne) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, ThrownNumber_EndsThreadWithRecordAtLevelOne) {
     LogCapture log(1);
     WatchedSink sink(GetParam(), "falcon");
     addCallback(*sink, [](Connection&) -> std::string { throw 42; });
@@ -319,7 +325,7 @@ TEST_P(FailingSinkOfAnyKind, ThrownNumber_EndsThreadWithRecordAtLevelOne) {
     EXPECT_TRUE(log.contains(1, "falcon"));
 }
 
-TEST_P(FailingSinkOfAnyKind, CallbackThatThrows_LeavesEventAndLockAlone) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, CallbackThatThrows_LeavesEventAndLockAlone) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink, throwing(5));
     const CallbackPointer good = addCallback(*sink);
@@ -332,7 +338,7 @@ TEST_P(FailingSinkOfAnyKind, CallbackThatThrows_LeavesEventAndLockAlone) {
 
 // Senders that do not keep to the exchange.
 
-TEST_P(FailingSinkOfAnyKind, HandleCutShort_IsAFailedRead) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, HandleCutShort_IsAFailedRead) {
     LogCapture log;
     {
         WatchedSink sink(GetParam());
@@ -349,7 +355,7 @@ TEST_P(FailingSinkOfAnyKind, HandleCutShort_IsAFailedRead) {
     EXPECT_EQ(log.count(GetParam() == Kind::udp ? "run: exiting rc=0" : "run: exiting rc=107"), 1);
 }
 
-TEST_P(FailingSinkOnStreams, ClientThatSendsNothing_HoldsSinkUntilItCloses) {
+TEST_P(VornLibraryCallbackSink_FailureOnStreams, ClientThatSendsNothing_HoldsSinkUntilItCloses) {
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
     ASSERT_TRUE(sink.awaitServing());
@@ -365,7 +371,7 @@ TEST_P(FailingSinkOnStreams, ClientThatSendsNothing_HoldsSinkUntilItCloses) {
     EXPECT_THAT(callback->contents(), ElementsAre("behind"));
 }
 
-TEST_F(FailingSink, ResetBeforeHandle_EndsTcpSink) {
+TEST_F(VornLibraryCallbackSink_Failure, ResetBeforeHandle_EndsTcpSink) {
     LogCapture log;
     WatchedSink sink(Kind::socket);
     const std::string address = sink.address();
@@ -382,7 +388,7 @@ TEST_F(FailingSink, ResetBeforeHandle_EndsTcpSink) {
     EXPECT_NO_THROW(connectToSink(address)) << "the server stays open";
 }
 
-TEST_F(FailingSink, ResetWhileQueued_DoesNoHarm) {
+TEST_F(VornLibraryCallbackSink_Failure, ResetWhileQueued_DoesNoHarm) {
     WatchedSink sink(Kind::socket);
     Gate entered;
     Gate leave;
@@ -402,7 +408,7 @@ TEST_F(FailingSink, ResetWhileQueued_DoesNoHarm) {
     EXPECT_THAT(callback->contents(), ElementsAre("first", "second"));
 }
 
-TEST_F(FailingSink, EmptyDatagram_EndsUdpSink) {
+TEST_F(VornLibraryCallbackSink_Failure, EmptyDatagram_EndsUdpSink) {
     LogCapture log;
     WatchedSink sink(Kind::udp);
     const std::string address = sink.address();
@@ -416,7 +422,7 @@ TEST_F(FailingSink, EmptyDatagram_EndsUdpSink) {
     EXPECT_NO_THROW(sendByHand(address, onWire(0))) << "who sends learns nothing of it";
 }
 
-TEST_P(FailingSinkOnPorts, SignalDuringWait_EndsSink) {
+TEST_P(VornLibraryCallbackSink_FailureOnPorts, SignalDuringWait_EndsSink) {
     const InterruptingSignal signal;
     LogCapture log;
     WatchedSink sink(GetParam());
@@ -430,7 +436,7 @@ TEST_P(FailingSinkOnPorts, SignalDuringWait_EndsSink) {
                             debugRecord("run: exiting rc=0")));
 }
 
-TEST_F(FailingSink, SignalDuringWait_DoesNotEndPipeSink) {
+TEST_F(VornLibraryCallbackSink_Failure, SignalDuringWait_DoesNotEndPipeSink) {
     const InterruptingSignal signal;
     LogCapture log;
     WatchedSink sink(Kind::pipe);
@@ -443,7 +449,7 @@ TEST_F(FailingSink, SignalDuringWait_DoesNotEndPipeSink) {
     EXPECT_THAT(callback->contents(), ElementsAre("goes on"));
 }
 
-TEST_P(FailingSinkOnStreams, SignalDuringRead_EndsSink) {
+TEST_P(VornLibraryCallbackSink_FailureOnStreams, SignalDuringRead_EndsSink) {
     const InterruptingSignal signal;
     LogCapture log;
     WatchedSink sink(GetParam());
@@ -457,7 +463,7 @@ TEST_P(FailingSinkOnStreams, SignalDuringRead_EndsSink) {
 
 // A wait that fails.
 
-TEST_F(FailingSink, FailedAcceptOfPipe_IsDecidedByItsCode) {
+TEST_F(VornLibraryCallbackSink_Failure, FailedAcceptOfPipe_IsDecidedByItsCode) {
     const std::vector<std::pair<int, std::string>> decisions = {
         {EADDRINUSE, "run: exception=98 cannot establish connection, exiting"},
         {ECONNRESET, "run: exception=104 connection closed, exiting"},
@@ -474,7 +480,7 @@ TEST_F(FailingSink, FailedAcceptOfPipe_IsDecidedByItsCode) {
     }
 }
 
-TEST_F(FailingSink, FailedAcceptOfPipe_IsTriedAgainAfterOtherCode) {
+TEST_F(VornLibraryCallbackSink_Failure, FailedAcceptOfPipe_IsTriedAgainAfterOtherCode) {
     LogCapture log;
     {
         WatchedSink sink(Kind::pipe);
@@ -489,7 +495,7 @@ TEST_F(FailingSink, FailedAcceptOfPipe_IsTriedAgainAfterOtherCode) {
     EXPECT_EQ(log.count("run: exiting rc=24"), 1);
 }
 
-TEST_F(FailingSink, ResetReportedByDatagramSocket_EndsUdpSink) {
+TEST_F(VornLibraryCallbackSink_Failure, ResetReportedByDatagramSocket_EndsUdpSink) {
     LogCapture log;
     WatchedSink sink(Kind::udp);
     ASSERT_TRUE(sink.awaitServing());
@@ -502,7 +508,7 @@ TEST_F(FailingSink, ResetReportedByDatagramSocket_EndsUdpSink) {
     EXPECT_EQ(log.count("run: exiting rc=0"), 1);
 }
 
-TEST_P(FailingSinkOnPorts, BindThatFailsAtFirst_IsTriedUntilItSucceeds) {
+TEST_P(VornLibraryCallbackSink_FailureOnPorts, BindThatFailsAtFirst_IsTriedUntilItSucceeds) {
     LogCapture log;
     {
         FaultRule failing("bind", EADDRNOTAVAIL, 1, 3);
@@ -516,7 +522,7 @@ TEST_P(FailingSinkOnPorts, BindThatFailsAtFirst_IsTriedUntilItSucceeds) {
     EXPECT_EQ(log.count("run: exiting rc=99"), 1);
 }
 
-TEST_P(FailingSinkOfAnyKind, WaitThatKeepsFailing_BacksOffAndRecovers) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, WaitThatKeepsFailing_BacksOffAndRecovers) {
     LogCapture log;
     WatchedSink sink(GetParam());
     const CallbackPointer callback = addCallback(*sink);
@@ -537,7 +543,7 @@ TEST_P(FailingSinkOfAnyKind, WaitThatKeepsFailing_BacksOffAndRecovers) {
     EXPECT_THAT(callback->contents(), ElementsAre("again"));
 }
 
-TEST_F(FailingSink, WhenPipeDirectoryIsRemoved_BacksOffAndRecovers) {
+TEST_F(VornLibraryCallbackSink_Failure, WhenPipeDirectoryIsRemoved_BacksOffAndRecovers) {
     LogCapture log;
     WatchedSink sink(Kind::pipe);
     const CallbackPointer callback = addCallback(*sink);
@@ -564,7 +570,7 @@ TEST_F(FailingSink, WhenPipeDirectoryIsRemoved_BacksOffAndRecovers) {
     EXPECT_EQ(log.count("run: exiting rc=2"), 1);
 }
 
-TEST_P(FailingSinkOfAnyKind, IsDestroyedWhileItBacksOff) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, IsDestroyedWhileItBacksOff) {
     WatchedSink sink(GetParam());
     FaultRule failing("bind", EACCES, 1, FaultRule::always);
     failing.onlyThread(sink.tid());
@@ -574,7 +580,7 @@ TEST_P(FailingSinkOfAnyKind, IsDestroyedWhileItBacksOff) {
     EXPECT_TRUE(destroyer.join(5s));
 }
 
-TEST_P(FailingSinkOfAnyKind, IsDestroyedAfterItsThreadHasEnded) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, IsDestroyedAfterItsThreadHasEnded) {
     LogCapture log;
     WatchedSink sink(GetParam());
     addCallback(*sink, throwing(ECONNRESET));
@@ -585,7 +591,7 @@ TEST_P(FailingSinkOfAnyKind, IsDestroyedAfterItsThreadHasEnded) {
     EXPECT_EQ(log.count("~VornLibraryCallbackSink: closing socket"), 1);
 }
 
-TEST_P(FailingSinkOfAnyKind, EndByCodeBelowDebugLevel_LogsNothing) {
+TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, EndByCodeBelowDebugLevel_LogsNothing) {
     LogCapture log(8);
     WatchedSink sink(GetParam());
     addCallback(*sink, throwing(ECONNRESET));
@@ -594,7 +600,7 @@ TEST_P(FailingSinkOfAnyKind, EndByCodeBelowDebugLevel_LogsNothing) {
     EXPECT_THAT(sinkRecords(log), IsEmpty());
 }
 
-TEST_P(FailingSinkOnPorts, WhenTheServerHasBeenLetGoOf_MovesAndEndsAllTheSame) {
+TEST_P(VornLibraryCallbackSink_FailureOnPorts, WhenTheServerHasBeenLetGoOf_MovesAndEndsAllTheSame) {
     LogCapture log;
     WatchedSink sink(GetParam());
     addCallback(*sink, throwing(ECONNRESET));

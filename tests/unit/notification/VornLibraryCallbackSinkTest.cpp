@@ -34,20 +34,21 @@ using Connection = VornSmartPointer<VornConnection>;
 
 class VornLibraryCallbackSink : public NotificationTest {};
 
-class VornLibraryCallbackSinkOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_OfAnyKind : public NotificationTest,
+                                          public testing::WithParamInterface<Kind> {};
 
-class VornLibraryCallbackSinkOnPorts : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_OnPorts : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
 const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
 
-INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSinkOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_OfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
                          kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSinkOnPorts, Values(Kind::socket, Kind::udp), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_OnPorts, Values(Kind::socket, Kind::udp), kindName);
 
-class VornLibraryCallbackSinkOfOtherType : public NotificationTest,
-                                           public testing::WithParamInterface<const char*> {};
+class VornLibraryCallbackSink_OfOtherType : public NotificationTest,
+                                            public testing::WithParamInterface<const char*> {};
 
-INSTANTIATE_TEST_SUITE_P(Text, VornLibraryCallbackSinkOfOtherType,
+INSTANTIATE_TEST_SUITE_P(Text, VornLibraryCallbackSink_OfOtherType,
                          Values("Pipe", "", "SOCKET", "socket ", " udp", "ssl", "pipes", "tcp"));
 
 std::string ownPipeName() {
@@ -102,7 +103,7 @@ TEST_F(VornLibraryCallbackSink, WithoutVariable_IsPipeNamedByProcessId) {
     EXPECT_EQ(sink.m_bThreadStarted, true);
 }
 
-TEST_P(VornLibraryCallbackSinkOfAnyKind, HasAddressWhenConstructed) {
+TEST_P(VornLibraryCallbackSink_OfAnyKind, HasAddressWhenConstructed) {
     WatchedSink sink(GetParam());
     EXPECT_EQ(sink->getCallbackAddress(), firstAddress(GetParam()));
     EXPECT_EQ(sink->getCallbackSocket(), 5023);
@@ -112,13 +113,13 @@ TEST_P(VornLibraryCallbackSinkOfAnyKind, HasAddressWhenConstructed) {
     EXPECT_EQ(sink->m_bThreadStarted, true);
 }
 
-TEST_P(VornLibraryCallbackSinkOfAnyKind, CanBeReachedWhenConstructed) {
+TEST_P(VornLibraryCallbackSink_OfAnyKind, CanBeReachedWhenConstructed) {
     // The thread need not be there yet, but what is sent must not be refused.
     WatchedSink sink(GetParam());
     EXPECT_NO_THROW(sendByHand(sink.address(), onWire(0)));
 }
 
-TEST_P(VornLibraryCallbackSinkOfOtherType, IsPipe) {
+TEST_P(VornLibraryCallbackSink_OfOtherType, IsPipe) {
     useTypeText(GetParam());
     LogCapture log;
     SinkProbe sink("sink");
@@ -167,7 +168,7 @@ TEST_F(VornLibraryCallbackSink, ContainerIsItsOwnAndEmpty) {
     EXPECT_EQ(second->getCallbackContainer().getNewId(), 0);
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, AddressIsThatOfOfficialNameOfLocalhost) {
+TEST_P(VornLibraryCallbackSink_OnPorts, AddressIsThatOfOfficialNameOfLocalhost) {
     useHostsFile("127.0.0.9 vega\n127.0.0.1 vega localhost\n");
     LogCapture log;
     WatchedSink sink(GetParam());
@@ -183,7 +184,7 @@ TEST_P(VornLibraryCallbackSinkOnPorts, AddressIsThatOfOfficialNameOfLocalhost) {
 
 // Ports in use.
 
-TEST_P(VornLibraryCallbackSinkOnPorts, WhenPortIsTaken_MovesToNext) {
+TEST_P(VornLibraryCallbackSink_OnPorts, WhenPortIsTaken_MovesToNext) {
     const UniqueFd stranger = occupy(GetParam(), 5023);
     LogCapture log;
     WatchedSink sink(GetParam());
@@ -205,7 +206,7 @@ TEST_P(VornLibraryCallbackSinkOnPorts, WhenPortIsTaken_MovesToNext) {
     EXPECT_THAT(callback->contents(), ElementsAre("moved"));
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, WhenSeveralPortsAreTaken_MovesUntilOneIsFree) {
+TEST_P(VornLibraryCallbackSink_OnPorts, WhenSeveralPortsAreTaken_MovesUntilOneIsFree) {
     std::vector<UniqueFd> strangers;
     for (int port = 5023; port < 5043; ++port) {
         strangers.push_back(occupy(GetParam(), port));
@@ -215,7 +216,7 @@ TEST_P(VornLibraryCallbackSinkOnPorts, WhenSeveralPortsAreTaken_MovesUntilOneIsF
     EXPECT_EQ(sink->getCallbackSocket(), 5043);
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, SecondSinkOfProcess_HasNextPort) {
+TEST_P(VornLibraryCallbackSink_OnPorts, SecondSinkOfProcess_HasNextPort) {
     WatchedSink first(GetParam(), "first");
     WatchedSink second(GetParam(), "second");
     EXPECT_EQ(second.address(), addressWithPort(GetParam(), 5024));
@@ -241,7 +242,7 @@ TEST_F(VornLibraryCallbackSink, SecondPipeSinkOfProcess_TakesNameOver) {
     EXPECT_THAT(ofFirst->contents(), IsEmpty());
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, MoveWhileListening_ChangesAddressButNotServer) {
+TEST_P(VornLibraryCallbackSink_OnPorts, MoveWhileListening_ChangesAddressButNotServer) {
     LogCapture log;
     WatchedSink sink(GetParam());
     bool hasMoved = false;
@@ -260,7 +261,7 @@ TEST_P(VornLibraryCallbackSinkOnPorts, MoveWhileListening_ChangesAddressButNotSe
     EXPECT_THAT(callback->contents(), ElementsAre("before", "to the old port"));
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, PortsBehindHighest_AreNegativeAndWork) {
+TEST_P(VornLibraryCallbackSink_OnPorts, PortsBehindHighest_AreNegativeAndWork) {
     WatchedSink sink(GetParam());
     int portOfServer = 0;
     const CallbackPointer mover = addCallback(*sink, [&](Connection& connection) {
@@ -295,7 +296,7 @@ TEST_F(VornLibraryCallbackSink, PipeHasNoNextPort) {
     EXPECT_THAT(log.texts(), IsEmpty());
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, MovesKeepServerObject) {
+TEST_P(VornLibraryCallbackSink_OnPorts, MovesKeepServerObject) {
     WatchedSink sink(GetParam());
     const VornNet::VornIPCServer* const before = sink->m_spCallbackServer;
     FaultRule inUse("bind", EADDRINUSE, 1, 3);
@@ -310,7 +311,7 @@ TEST_P(VornLibraryCallbackSinkOnPorts, MovesKeepServerObject) {
     EXPECT_EQ(dynamic_cast<VornNet::VornServerSocket&>(*sink->m_spCallbackServer).getPort(), 5026);
 }
 
-TEST_P(VornLibraryCallbackSinkOnPorts, AddressIsReadWhileItMoves) {
+TEST_P(VornLibraryCallbackSink_OnPorts, AddressIsReadWhileItMoves) {
     WatchedSink sink(GetParam());
     addCallback(*sink);
     constexpr int moves = 300;
@@ -338,7 +339,7 @@ TEST_P(VornLibraryCallbackSinkOnPorts, AddressIsReadWhileItMoves) {
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_P(VornLibraryCallbackSinkOfAnyKind, ServerEstablishedAgain_ReplacesFormerOne) {
+TEST_P(VornLibraryCallbackSink_OfAnyKind, ServerEstablishedAgain_ReplacesFormerOne) {
     WatchedSink sink(GetParam());
     const std::string address = sink.address();
     VornNet::VornSmartPointer<VornNet::VornIPCServer> former = sink->m_spCallbackServer;

@@ -40,15 +40,15 @@ using ProxyPointer = VornSmartPointer<Proxy>;
 
 class VornProxyDependent : public NotificationTest {};
 
-class VornProxyDependentOfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornProxyDependent_OfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
-class VornProxyDependentOnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornProxyDependent_OnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
 const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
 
-INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependentOfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
+INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
                          kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependentOnStreams, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OnStreams, Values(Kind::pipe, Kind::socket), kindName);
 
 /// A proxy whose content is up to the test.
 class WritingProxy : public Proxy {
@@ -123,7 +123,7 @@ ProxyPointer makeProxy(const std::string& address, WritingProxy::Write write) {
 }
 
 /// Notifies, and tells text and code of the failure.
-std::string failureOf(const ProxyPointer& proxy) {
+std::string textAndCode(const ProxyPointer& proxy) {
     try {
         proxy->remoteNotify(VornNotification(12));
     } catch (const VornException& exception) {
@@ -161,7 +161,7 @@ KIT_ROLE(writerToClosedPipe) {
             receiveExactly(receiver.accept().get(), 8);
             connection.transfer(1L);
         });
-    std::printf("%s\n", failureOf(proxy).c_str());
+    std::printf("%s\n", textAndCode(proxy).c_str());
     return 0;
 }
 
@@ -180,7 +180,7 @@ TEST_F(VornProxyDependent, HandleIsReportedAsInt) {
     EXPECT_EQ(makeProxy("", 4294967296L + 5)->getDependentHandle(), 5);
 }
 
-TEST_P(VornProxyDependentOfAnyKind, SendsHandleAndId) {
+TEST_P(VornProxyDependent_OfAnyKind, SendsHandleAndId) {
     const Receiver receiver(GetParam());
     const ProxyPointer proxy = makeProxy(receiver.address(), 7);
     proxy->remoteNotify(VornNotification(12));
@@ -188,7 +188,7 @@ TEST_P(VornProxyDependentOfAnyKind, SendsHandleAndId) {
     EXPECT_TRUE(receiver.isEmpty());
 }
 
-TEST_P(VornProxyDependentOfAnyKind, NumbersTravelWithTheirLow32Bits) {
+TEST_P(VornProxyDependent_OfAnyKind, NumbersTravelWithTheirLow32Bits) {
     const Receiver receiver(GetParam());
     makeProxy(receiver.address(), -1)->remoteNotify(VornNotification(-5));
     EXPECT_EQ(receiver.next(), "ff ff ff ff 00 00 00 00 ff ff ff fb 00 00 00 00");
@@ -198,7 +198,7 @@ TEST_P(VornProxyDependentOfAnyKind, NumbersTravelWithTheirLow32Bits) {
     EXPECT_EQ(receiver.next(), "00 00 00 00 00 00 00 00 80 00 00 00 00 00 00 00");
 }
 
-TEST_P(VornProxyDependentOfAnyKind, EachNotificationHasItsOwnConnection) {
+TEST_P(VornProxyDependent_OfAnyKind, EachNotificationHasItsOwnConnection) {
     const Receiver receiver(GetParam());
     const ProxyPointer proxy = makeProxy(receiver.address());
     CallTrace trace;
@@ -211,21 +211,21 @@ TEST_P(VornProxyDependentOfAnyKind, EachNotificationHasItsOwnConnection) {
     }
 }
 
-TEST_P(VornProxyDependentOnStreams, NobodyNeedAcceptOrAnswer) {
+TEST_P(VornProxyDependent_OnStreams, NobodyNeedAcceptOrAnswer) {
     const Receiver receiver(GetParam());
     const int before = openDescriptors();
     makeProxy(receiver.address())->remoteNotify(VornNotification(12));
     EXPECT_EQ(openDescriptors(), before) << "it is closed before anybody has accepted it";
 }
 
-TEST_P(VornProxyDependentOfAnyKind, DoesNotLookNumericAddressesUp) {
+TEST_P(VornProxyDependent_OfAnyKind, DoesNotLookNumericAddressesUp) {
     const Receiver receiver(GetParam());
     CallTrace trace;
     makeProxy(receiver.address())->remoteNotify(VornNotification(12));
     EXPECT_EQ(trace.calls("gethostbyaddr_r") + trace.calls("gethostbyname_r"), 0);
 }
 
-TEST_P(VornProxyDependentOfAnyKind, SeveralThreadsMayUseOneProxy) {
+TEST_P(VornProxyDependent_OfAnyKind, SeveralThreadsMayUseOneProxy) {
     constexpr int threads = 4;
     constexpr int each = 25;
     const Receiver receiver(GetParam());
@@ -253,7 +253,7 @@ TEST_P(VornProxyDependentOfAnyKind, SeveralThreadsMayUseOneProxy) {
 
 // Content.
 
-TEST_P(VornProxyDependentOfAnyKind, OverriddenContentFollowsHandle) {
+TEST_P(VornProxyDependent_OfAnyKind, OverriddenContentFollowsHandle) {
     const Receiver receiver(GetParam());
     const ProxyPointer proxy =
         makeProxy(receiver.address(), [](VornConnection& connection, const VornNotification& notification) {
@@ -264,14 +264,14 @@ TEST_P(VornProxyDependentOfAnyKind, OverriddenContentFollowsHandle) {
     EXPECT_EQ(receiver.next(), handleAndId(7, 12) + " " + hex(bytes("00 00 00 08") + "file.txt"));
 }
 
-TEST_P(VornProxyDependentOfAnyKind, OverriddenContentMayBeEmpty) {
+TEST_P(VornProxyDependent_OfAnyKind, OverriddenContentMayBeEmpty) {
     const Receiver receiver(GetParam());
     makeProxy(receiver.address(), [](VornConnection&, const VornNotification&) {
     })->remoteNotify(VornNotification(12));
     EXPECT_EQ(receiver.next(), hex(onWire(7)));
 }
 
-TEST_P(VornProxyDependentOfAnyKind, ContentIsWrittenForTheCallersNotification) {
+TEST_P(VornProxyDependent_OfAnyKind, ContentIsWrittenForTheCallersNotification) {
     const Receiver receiver(GetParam());
     const VornNotification notification(12);
     const VornNotification* seen = nullptr;
@@ -286,7 +286,7 @@ TEST_P(VornProxyDependentOfAnyKind, ContentIsWrittenForTheCallersNotification) {
                                                       : "VornNet::VornUDPSocketConnection");
 }
 
-TEST_P(VornProxyDependentOnStreams, HandleIsSentBeforeContentIsAskedFor) {
+TEST_P(VornProxyDependent_OnStreams, HandleIsSentBeforeContentIsAskedFor) {
     const Receiver receiver(GetParam());
     std::string early;
     makeProxy(receiver.address(), [&](VornConnection&, const VornNotification&) {
@@ -352,14 +352,14 @@ void PrintTo(const AddressCase& value, std::ostream* out) {
     *out << value.text;
 }
 
-class VornProxyDependentWithTcpAddress : public NotificationTest,
-                                         public testing::WithParamInterface<AddressCase> {};
+class VornProxyDependent_WithTcpAddress : public NotificationTest,
+                                          public testing::WithParamInterface<AddressCase> {};
 
-class VornProxyDependentWithUdpAddress : public NotificationTest,
-                                         public testing::WithParamInterface<AddressCase> {};
+class VornProxyDependent_WithUdpAddress : public NotificationTest,
+                                          public testing::WithParamInterface<AddressCase> {};
 
 INSTANTIATE_TEST_SUITE_P(
-    Text, VornProxyDependentWithTcpAddress,
+    Text, VornProxyDependent_WithTcpAddress,
     Values(AddressCase{"socket:127.0.0.1:5023", 5023}, AddressCase{"socket/127.0.0.1:5023", 5023},
            AddressCase{"sockets127.0.0.1:5023", 5023}, AddressCase{"socket:localhost:5023", 5023},
            AddressCase{"socket:127.1:5023", 5023}, AddressCase{"socket:0.0.0.0:5023", 5023},
@@ -367,7 +367,7 @@ INSTANTIATE_TEST_SUITE_P(
            AddressCase{"socket:127.0.0.1: +5023", 5023}, AddressCase{"socket:127.0.0.1:70000", 4464},
            AddressCase{"socket:127.0.0.1:-32768", 32768}, AddressCase{"socket:127.0.0.1:-1", 65535},
            AddressCase{"socket:127.0.0.1", 127}, AddressCase{"socket:no-such-host.invalid:5023", 5023}));
-INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependentWithUdpAddress,
+INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependent_WithUdpAddress,
                          Values(AddressCase{"udp:127.0.0.1:5023", 5023},
                                 AddressCase{"udpx127.0.0.1:5023", 5023},
                                 AddressCase{"udp:localhost:5023", 5023}, AddressCase{"udp:127.1:5023", 5023},
@@ -376,27 +376,27 @@ INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependentWithUdpAddress,
                                 AddressCase{"udp:127.0.0.1:-32768", 32768}, AddressCase{"udp:127.0.0.1", 127},
                                 AddressCase{"udp:no-such-host.invalid:5023", 5023}));
 
-TEST_P(VornProxyDependentWithTcpAddress, Reaches) {
+TEST_P(VornProxyDependent_WithTcpAddress, Reaches) {
     const Receiver receiver(Kind::socket, GetParam().port);
     makeProxy(GetParam().text)->remoteNotify(VornNotification(12));
     EXPECT_EQ(receiver.next(), handleAndId(7, 12));
 }
 
-TEST_P(VornProxyDependentWithUdpAddress, Reaches) {
+TEST_P(VornProxyDependent_WithUdpAddress, Reaches) {
     const Receiver receiver(Kind::udp, GetParam().port);
     makeProxy(GetParam().text)->remoteNotify(VornNotification(12));
     EXPECT_EQ(receiver.next(), handleAndId(7, 12));
 }
 
-class VornProxyDependentWithUnknownAddress : public NotificationTest,
-                                             public testing::WithParamInterface<const char*> {};
+class VornProxyDependent_WithUnknownAddress : public NotificationTest,
+                                              public testing::WithParamInterface<const char*> {};
 
-INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependentWithUnknownAddress,
+INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependent_WithUnknownAddress,
                          Values("", "tcp:host:1", "u", "ud", "pip", "sock", "ss", "Pipe:receiver",
                                 "UDP:127.0.0.1:5023", "Socket:127.0.0.1:5023", "SSL:127.0.0.1:5023",
                                 " pipe:receiver", ":", "127.0.0.1:5023"));
 
-TEST_P(VornProxyDependentWithUnknownAddress, DoesNothing) {
+TEST_P(VornProxyDependent_WithUnknownAddress, DoesNothing) {
     bool wasAsked = false;
     const ProxyPointer proxy =
         makeProxy(GetParam(), [&](VornConnection&, const VornNotification&) { wasAsked = true; });
@@ -408,12 +408,12 @@ TEST_P(VornProxyDependentWithUnknownAddress, DoesNothing) {
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-class VornProxyDependentWithCutAddress : public NotificationTest,
-                                         public testing::WithParamInterface<const char*> {};
+class VornProxyDependent_WithCutAddress : public NotificationTest,
+                                          public testing::WithParamInterface<const char*> {};
 
-INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependentWithCutAddress, Values("pipe", "udp", "socket", "ssl"));
+INSTANTIATE_TEST_SUITE_P(Text, VornProxyDependent_WithCutAddress, Values("pipe", "udp", "socket", "ssl"));
 
-TEST_P(VornProxyDependentWithCutAddress, ThrowsOutOfRange) {
+TEST_P(VornProxyDependent_WithCutAddress, ThrowsOutOfRange) {
     CallTrace trace;
     EXPECT_THROW(makeProxy(GetParam())->remoteNotify(VornNotification(12)), std::out_of_range);
     EXPECT_EQ(socketsMade(trace), 0);
@@ -422,39 +422,40 @@ TEST_P(VornProxyDependentWithCutAddress, ThrowsOutOfRange) {
 // Failures.
 
 TEST_F(VornProxyDependent, PipeWithoutFile_IsConnectFailure) {
-    EXPECT_EQ(failureOf(makeProxy("pipe:nobody")),
+    EXPECT_EQ(textAndCode(makeProxy("pipe:nobody")),
               "VornPipeConnection::establish: connection request failed. 2");
 }
 
 TEST_F(VornProxyDependent, PipeWithoutListener_IsConnectFailure) {
     unixListen(pipePath("left")).reset();
-    EXPECT_EQ(failureOf(makeProxy("pipe:left")),
+    EXPECT_EQ(textAndCode(makeProxy("pipe:left")),
               "VornPipeConnection::establish: connection request failed. 111");
     ::unlink(pipePath("left").c_str());
 }
 
 TEST_F(VornProxyDependent, PipeWithoutName_IsConnectFailure) {
-    EXPECT_EQ(failureOf(makeProxy("pipe:")), "VornPipeConnection::establish: connection request failed. 111");
+    EXPECT_EQ(textAndCode(makeProxy("pipe:")),
+              "VornPipeConnection::establish: connection request failed. 111");
 }
 
 TEST_F(VornProxyDependent, TcpWithoutListener_IsConnectFailure) {
     const std::string text = "VornSocketConnection::establish: connection request failed. 111";
-    EXPECT_EQ(failureOf(makeProxy("socket:127.0.0.1:5023")), text);
-    EXPECT_EQ(failureOf(makeProxy("socket:127.0.0.1:abc")), text) << "no digits are port 0";
-    EXPECT_EQ(failureOf(makeProxy("socket:127.0.0.1:")), text);
-    EXPECT_EQ(failureOf(makeProxy("socket:localhost")), text);
+    EXPECT_EQ(textAndCode(makeProxy("socket:127.0.0.1:5023")), text);
+    EXPECT_EQ(textAndCode(makeProxy("socket:127.0.0.1:abc")), text) << "no digits are port 0";
+    EXPECT_EQ(textAndCode(makeProxy("socket:127.0.0.1:")), text);
+    EXPECT_EQ(textAndCode(makeProxy("socket:localhost")), text);
 }
 
 TEST_F(VornProxyDependent, TcpWithoutHost_IsConnectFailure) {
     for (const char* address : {"socket:", "socket::5023", "socket:1.2.3.400:5023"}) {
-        EXPECT_THAT(failureOf(makeProxy(address)),
+        EXPECT_THAT(textAndCode(makeProxy(address)),
                     StartsWith("VornSocketConnection::establish: connection request failed. "))
             << address;
     }
 }
 
 TEST_F(VornProxyDependent, UdpWithoutReceiver_IsNoFailure) {
-    EXPECT_EQ(failureOf(makeProxy("udp:127.0.0.1:5023")), "no failure");
+    EXPECT_EQ(textAndCode(makeProxy("udp:127.0.0.1:5023")), "no failure");
 }
 
 TEST_F(VornProxyDependent, UdpThatCannotBeSent_IsLoggedOnly) {
@@ -462,7 +463,7 @@ TEST_F(VornProxyDependent, UdpThatCannotBeSent_IsLoggedOnly) {
     expectDescriptorLeak(4);
     int sent = 0;
     for (const char* address : {"udp:", "udpx", "udp::5023", "udp:127.0.0.1:abc"}) {
-        EXPECT_EQ(failureOf(makeProxy(address)), "no failure") << address;
+        EXPECT_EQ(textAndCode(makeProxy(address)), "no failure") << address;
         ++sent;
         EXPECT_EQ(log.count("VornUDPSocketConnection::transmit: failed to send data"), sent) << address;
     }
@@ -477,7 +478,7 @@ TEST_F(VornProxyDependent, UdpContentAboveADatagram_IsLoggedOnly) {
         makeProxy(receiver.address(), [&](VornConnection& connection, const VornNotification&) {
             connection.transfer(VornSupport::VornString(large));
         });
-    EXPECT_EQ(failureOf(proxy), "no failure");
+    EXPECT_EQ(textAndCode(proxy), "no failure");
     EXPECT_TRUE(receiver.isEmpty());
     EXPECT_TRUE(log.contains(1, "failed to send data (rc:90) to 127.0.0.1"));
 }
@@ -485,32 +486,32 @@ TEST_F(VornProxyDependent, UdpContentAboveADatagram_IsLoggedOnly) {
 TEST_F(VornProxyDependent, UdpWithoutSocket_IsLoggedOnly) {
     LogCapture log(1);
     const FaultRule failing("socket", EMFILE);
-    EXPECT_EQ(failureOf(makeProxy("udp:127.0.0.1:5023")), "no failure");
+    EXPECT_EQ(textAndCode(makeProxy("udp:127.0.0.1:5023")), "no failure");
     EXPECT_TRUE(log.contains(1, "failed to create socket. (rc=24)"));
 }
 
-TEST_P(VornProxyDependentOnStreams, SocketThatCannotBeMadeAtFirst_IsTriedAgainByTheWrite) {
+TEST_P(VornProxyDependent_OnStreams, SocketThatCannotBeMadeAtFirst_IsTriedAgainByTheWrite) {
     const Receiver receiver(GetParam());
     const FaultRule failing("socket", EMFILE);
-    EXPECT_EQ(failureOf(makeProxy(receiver.address())), "no failure");
+    EXPECT_EQ(textAndCode(makeProxy(receiver.address())), "no failure");
     EXPECT_EQ(failing.calls(), 2);
     EXPECT_EQ(receiver.next(), handleAndId(7, 12));
 }
 
-TEST_P(VornProxyDependentOnStreams, WithoutSocket_IsNotConnected) {
+TEST_P(VornProxyDependent_OnStreams, WithoutSocket_IsNotConnected) {
     const Receiver receiver(GetParam());
     const FaultRule failing("socket", EMFILE, 1, 2);
-    EXPECT_EQ(failureOf(makeProxy(receiver.address())), "VornConnection::put: transfer failed. 107");
+    EXPECT_EQ(textAndCode(makeProxy(receiver.address())), "VornConnection::put: transfer failed. 107");
 }
 
-TEST_P(VornProxyDependentOnStreams, FailedWrite_PassesAndLeavesNothingOpen) {
+TEST_P(VornProxyDependent_OnStreams, FailedWrite_PassesAndLeavesNothingOpen) {
     const Receiver receiver(GetParam());
     const FaultRule failing("send", ENOBUFS, 2);
-    EXPECT_EQ(failureOf(makeProxy(receiver.address())), "VornConnection::put: transfer failed. 105");
+    EXPECT_EQ(textAndCode(makeProxy(receiver.address())), "VornConnection::put: transfer failed. 105");
     EXPECT_EQ(receiver.next(), hex(onWire(7))) << "the receiver sees the end behind the handle";
 }
 
-TEST_P(VornProxyDependentOnStreams, FailedContent_PassesAfterConnectionIsGone) {
+TEST_P(VornProxyDependent_OnStreams, FailedContent_PassesAfterConnectionIsGone) {
     const Receiver receiver(GetParam());
     const int before = openDescriptors();
     const ProxyPointer proxy = makeProxy(receiver.address(), [](VornConnection&, const VornNotification&) {
@@ -533,11 +534,11 @@ TEST_F(VornProxyDependent, FailedContent_SendsNoDatagram) {
     const ProxyPointer proxy = makeProxy(receiver.address(), [](VornConnection&, const VornNotification&) {
         throw VornException("no content", 4711);
     });
-    EXPECT_EQ(failureOf(proxy), "no content 4711");
+    EXPECT_EQ(textAndCode(proxy), "no content 4711");
     EXPECT_EQ(socketsMade(trace), 0);
 }
 
-TEST_P(VornProxyDependentOfAnyKind, ForeignExceptionOfContent_Passes) {
+TEST_P(VornProxyDependent_OfAnyKind, ForeignExceptionOfContent_Passes) {
     const Receiver receiver(GetParam());
     const ProxyPointer proxy = makeProxy(receiver.address(), [](VornConnection&, const VornNotification&) {
         throw std::runtime_error("not of the library");
@@ -554,7 +555,7 @@ TEST_F(VornProxyDependent, ReceiverThatIsGone_FailsOrKillsAsSigpipeIsSet) {
     EXPECT_EQ(careless.wait(), 128 + SIGPIPE);
 }
 
-TEST_P(VornProxyDependentOnStreams, FullQueue_BlocksUntilSomebodyAccepts) {
+TEST_P(VornProxyDependent_OnStreams, FullQueue_BlocksUntilSomebodyAccepts) {
     UniqueFd listener;
     int port = 0;
     ::unlink(pipePath("narrow").c_str());
@@ -578,7 +579,7 @@ TEST_F(VornProxyDependent, SslIsNeverConnected) {
     for (const std::string& address :
          {receiver.addressWith("127.0.0.1").replace(0, 6, "ssl"), std::string("ssl:host:1"),
           std::string("ssl:"), std::string("sslx"), std::string("ssl:10.0.0.5")}) {
-        EXPECT_EQ(failureOf(makeProxy(address)), "VornConnection::put: transfer failed. 107") << address;
+        EXPECT_EQ(textAndCode(makeProxy(address)), "VornConnection::put: transfer failed. 107") << address;
     }
     EXPECT_EQ(socketsMade(trace), 0);
     EXPECT_EQ(trace.calls("gethostbyname_r"), 0);

@@ -239,7 +239,7 @@ protected:
         }
     }
 
-    static void checkClient(const Outcome& outcome, char value) {
+    static void checkClient(const WaitOutcome& outcome, char value) {
         EXPECT_EQ(outcome.failure, std::nullopt);
         ASSERT_EQ(outcome.client() != nullptr, hasClients());
         if (hasClients()) {
@@ -265,7 +265,7 @@ ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int clos
     std::atomic<bool> over{false};
     WatchedThread waiter([&] {
         for (int i = 0; i < cycles; ++i) {
-            const Outcome outcome = waitFor(server());
+            const WaitOutcome outcome = waitFor(server());
             result.clients += outcome.client() != nullptr ? 1 : 0;
             if (!result.firstFailure && outcome.failure != GetParam().closedEarly) {
                 result.firstFailure = outcome.failure;

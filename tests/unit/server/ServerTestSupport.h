@@ -5,10 +5,13 @@
 #define VORNTEST_SERVERTESTSUPPORT_H
 
 #include "Await.h"
+#include "Checkpoint.h"
+#include "Failure.h"
 #include "Interpose.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 
 #include <VornException.h>
 #include <VornIPCServer.h>
@@ -45,18 +48,6 @@
  */
 namespace VornTest {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-inline constexpr bool underSanitizer = true;
-#elif defined(__has_feature)
-#    if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-inline constexpr bool underSanitizer = true;
-#    else
-inline constexpr bool underSanitizer = false;
-#    endif
-#else
-inline constexpr bool underSanitizer = false;
-#endif
-
 using VornNet::VornConnection;
 using VornNet::VornException;
 using VornNet::VornIPCServer;
@@ -74,44 +65,22 @@ inline std::vector<std::string> callsOf(const CallTrace& trace) {
     return names;
 }
 
-/// What an exception told.
-struct Failure {
-    std::string text;
-    int code = 0;
-
-    friend bool operator==(const Failure& left, const Failure& right) = default;
-};
-
-inline void PrintTo(const Failure& failure, std::ostream* out) {
-    *out << '"' << failure.text << "\" code " << failure.code;
-}
-
-/// What @p work throws, if it is a VornException.
-inline std::optional<Failure> failureOf(const std::function<void()>& work) {
-    try {
-        work();
-    } catch (const VornException& exception) {
-        return Failure{exception.getText(), exception.getCode()};
-    }
-    return std::nullopt;
-}
-
 /// How a wait for a client ended.
-struct Outcome {
+struct WaitOutcome {
     VornSmartPointer<VornConnection> spClient;
     std::optional<Failure> failure;
 
     VornConnection* client() const { return spClient; }
 };
 
-inline Outcome waitFor(VornIPCServer& server, bool bIdentify = false) {
-    Outcome outcome;
+inline WaitOutcome waitFor(VornIPCServer& server, bool bIdentify = false) {
+    WaitOutcome outcome;
     outcome.failure = failureOf([&] { outcome.spClient = server.waitForClient(bIdentify); });
     return outcome;
 }
 
 /// Checks that a wait ended without a client and without an exception.
-inline void expectQuiet(const Outcome& outcome) {
+inline void expectQuiet(const WaitOutcome& outcome) {
     EXPECT_EQ(outcome.client(), nullptr);
     EXPECT_EQ(outcome.failure, std::nullopt);
 }
@@ -129,14 +98,14 @@ public:
     bool awaitBlocked() { return awaitBlockedInIo(m_thread.tid()); }
 
     /// Joins the thread.
-    const Outcome& outcome() {
+    const WaitOutcome& outcome() {
         m_thread.join();
         return m_outcome;
     }
 
 private:
     VornIPCServer& m_server;
-    Outcome m_outcome;
+    WaitOutcome m_outcome;
     WatchedThread m_thread;
 };
 
@@ -173,35 +142,6 @@ template <typename Value>
 Value fieldOf(const VornConnection* connection, Value VornConnection::*field) {
     return connection->*field;
 }
-
-/// Holds a thread up at a point until the test lets it go on.
-class Checkpoint {
-public:
-    /// Called by the thread.
-    void pass() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_reached = true;
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return m_open; });
-    }
-
-    bool awaitReached() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, defaultLimit, [this] { return m_reached; });
-    }
-
-    void open() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_reached = false;
-    bool m_open = false;
-};
 
 /// While it exists, the next call of a function is held up before it is made, until the test lets it go on.
 class HeldCall {
@@ -288,10 +228,6 @@ inline void addLocalAddress(const char* label, const char* address) {
 inline void reset(UniqueFd& peer) {
     resetOnClose(peer.get());
     peer.reset();
-}
-
-inline bool isCloseOnExec(int fd) {
-    return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
 /// While it exists, every new descriptor's number is above @p last.

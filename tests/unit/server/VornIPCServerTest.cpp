@@ -109,7 +109,7 @@ TEST_F(VornIPCServerTest, WhenAClientComesTogetherWithAText_ReturnsTheClient) {
         nCode = 5;
         return pClient;
     });
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     EXPECT_EQ(outcome.client(), pClient);
     EXPECT_EQ(outcome.failure, std::nullopt);
 }

@@ -167,11 +167,11 @@ void rehearseFailures() {
     waitFor(server);
 }
 
-class VornPipeServerInitFault : public VornPipeServerTest, public testing::WithParamInterface<InitFault> {};
+class VornPipeServer_InitFault : public VornPipeServerTest, public testing::WithParamInterface<InitFault> {};
 
-class VornPipeServerUmask : public VornPipeServerTest, public testing::WithParamInterface<mode_t> {};
+class VornPipeServer_Umask : public VornPipeServerTest, public testing::WithParamInterface<mode_t> {};
 
-class VornPipeServerIgnored : public VornPipeServerTest, public testing::WithParamInterface<const char*> {};
+class VornPipeServer_Ignored : public VornPipeServerTest, public testing::WithParamInterface<const char*> {};
 
 } // namespace
 
@@ -299,7 +299,7 @@ TEST_F(VornPipeServerTest, Init_WithAnEmptyName_FailsToPrepareWithCode98) {
               (Failure{"VornPipeServer::init: failed to prepare pipe.", EADDRINUSE}));
 }
 
-TEST_P(VornPipeServerInitFault, LeavesTheConstructorAndNothingOpen) {
+TEST_P(VornPipeServer_InitFault, LeavesTheConstructorAndNothingOpen) {
     const InitFault& row = GetParam();
     rehearseFailures();
     const int before = openDescriptors();
@@ -309,7 +309,7 @@ TEST_P(VornPipeServerInitFault, LeavesTheConstructorAndNothingOpen) {
     EXPECT_EQ(failureOf([] { Probe server("kite"); }), std::nullopt);
 }
 
-TEST_P(VornPipeServerInitFault, IsReportedByTheWait) {
+TEST_P(VornPipeServer_InitFault, IsReportedByTheWait) {
     const InitFault& row = GetParam();
     rehearseFailures();
     Probe server("kite");
@@ -324,14 +324,14 @@ TEST_P(VornPipeServerInitFault, IsReportedByTheWait) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, VornPipeServerInitFault,
+    Rows, VornPipeServer_InitFault,
     testing::Values(InitFault{"pipe", EMFILE, "VornPipeServer::init: failed to create pipe."},
                     InitFault{"socket", ENFILE, "VornPipeServer::init: failed to create pipe."},
                     InitFault{"bind", EACCES, "VornPipeServer::init: failed to prepare pipe."},
                     InitFault{"listen", EOPNOTSUPP, "VornPipeServer::init: failed to listen on bound pipe."}),
     [](const testing::TestParamInfo<InitFault>& row) { return row.param.function; });
 
-TEST_P(VornPipeServerIgnored, FailureDoesNotMatter) {
+TEST_P(VornPipeServer_Ignored, FailureDoesNotMatter) {
     useGroupFile("root:x:0:\nfalcon:x:4711:\n");
     const FaultRule fault(GetParam(), EPERM, 1, FaultRule::always);
     const Probe server("kite", 1, "falcon");
@@ -339,10 +339,10 @@ TEST_P(VornPipeServerIgnored, FailureDoesNotMatter) {
     unixConnect(pipePath("kite"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, VornPipeServerIgnored, testing::Values("unlink", "chmod", "chown", "fchmod"),
+INSTANTIATE_TEST_SUITE_P(Calls, VornPipeServer_Ignored, testing::Values("unlink", "chmod", "chown", "fchmod"),
                          [](const testing::TestParamInfo<const char*>& row) { return row.param; });
 
-TEST_P(VornPipeServerUmask, SocketFileEndsOpenToOwnerAndGroupAlone) {
+TEST_P(VornPipeServer_Umask, SocketFileEndsOpenToOwnerAndGroupAlone) {
     const UmaskScope umask(GetParam());
     const Probe server("kite");
     const struct stat information = statOf(pipePath("kite"));
@@ -351,7 +351,7 @@ TEST_P(VornPipeServerUmask, SocketFileEndsOpenToOwnerAndGroupAlone) {
     EXPECT_EQ(information.st_gid, ::getegid());
 }
 
-TEST_P(VornPipeServerUmask, SocketFileIsNeverOpenToGroupOrOthersBeforeItsModeIsSet) {
+TEST_P(VornPipeServer_Umask, SocketFileIsNeverOpenToGroupOrOthersBeforeItsModeIsSet) {
     const UmaskScope umask(GetParam());
     mode_t afterBind = 07777;
     mode_t beforeChmod = 07777;
@@ -362,7 +362,7 @@ TEST_P(VornPipeServerUmask, SocketFileIsNeverOpenToGroupOrOthersBeforeItsModeIsS
     EXPECT_EQ(beforeChmod & 0077, 0U) << std::oct << beforeChmod;
 }
 
-INSTANTIATE_TEST_SUITE_P(Masks, VornPipeServerUmask, testing::Values(0, 022, 077),
+INSTANTIATE_TEST_SUITE_P(Masks, VornPipeServer_Umask, testing::Values(0, 022, 077),
                          testing::PrintToStringParamName());
 
 TEST_F(VornPipeServerTest, WithPrivileges1AndAGroup_TheFileIsGivenToTheCallerAndTheGroup) {
@@ -470,7 +470,7 @@ TEST_F(VornPipeServerTest, Client_IsCloseOnExec) {
     Probe server("kite");
     const UniqueFd peer = unixConnect(pipePath("kite"));
     const CallTrace trace;
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     EXPECT_TRUE(isCloseOnExec(static_cast<int>(trace.records("accept").at(0).result)));
 }
 
@@ -479,7 +479,7 @@ TEST_F(VornPipeServerTest, Wait_LogsItsSocketAndTheClientsAtLevel9) {
     const UniqueFd peer = unixConnect(pipePath("kite"));
     const LogCapture log(9);
     const CallTrace trace;
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     const std::string listener = std::to_string(server.record()->m_hClientPipe);
     const std::string client = std::to_string(trace.records("accept").at(0).result);
     EXPECT_EQ(log.records(),
@@ -504,7 +504,7 @@ TEST_F(VornPipeServerTest, Wait_AsksSelectFor1024Descriptors) {
     Probe server("kite");
     const UniqueFd peer = unixConnect(pipePath("kite"));
     const CallTrace trace;
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     ASSERT_EQ(trace.calls("select"), 1);
     EXPECT_EQ(trace.records("select").at(0).argument, 1024);
 }
@@ -514,7 +514,7 @@ TEST_F(VornPipeServerTest, Wait_WhileItLasts_IsMarkedInTheRecord) {
     bool waiting = false;
     const CallHook hook("select", [&] { waiting = server.record()->m_bClientWaiting; });
     const UniqueFd peer = unixConnect(pipePath("kite"));
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     EXPECT_TRUE(waiting);
     EXPECT_FALSE(server.record()->m_bClientWaiting);
 }

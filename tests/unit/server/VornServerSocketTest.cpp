@@ -74,10 +74,10 @@ struct InitFault {
     friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
 };
 
-class VornServerSocketInitFault : public VornServerSocketTest,
-                                  public testing::WithParamInterface<InitFault> {};
+class VornServerSocket_InitFault : public VornServerSocketTest,
+                                   public testing::WithParamInterface<InitFault> {};
 
-class VornServerSocketQuietError : public VornServerSocketTest, public testing::WithParamInterface<int> {};
+class VornServerSocket_QuietError : public VornServerSocketTest, public testing::WithParamInterface<int> {};
 
 } // namespace
 
@@ -250,7 +250,7 @@ TEST_F(VornServerSocketTest, WhenThePortIsInUse_ThrowsTheBindTextAndTriesAnother
     reset(peer);
 }
 
-TEST_P(VornServerSocketInitFault, ReachesTheCallerAndLeavesNothingOpen) {
+TEST_P(VornServerSocket_InitFault, ReachesTheCallerAndLeavesNothingOpen) {
     const InitFault& row = GetParam();
     Probe server(port, 5, "127.0.0.1");
     const int before = openDescriptors();
@@ -265,7 +265,7 @@ TEST_P(VornServerSocketInitFault, ReachesTheCallerAndLeavesNothingOpen) {
     EXPECT_EQ(localPort(socketOf(server)), port);
 }
 
-TEST_P(VornServerSocketInitFault, IsReportedByTheWait) {
+TEST_P(VornServerSocket_InitFault, IsReportedByTheWait) {
     const InitFault& row = GetParam();
     Probe server(port, 5, "127.0.0.1");
     const FaultRule fault(row.function, row.error, 1, 2);
@@ -277,7 +277,7 @@ TEST_P(VornServerSocketInitFault, IsReportedByTheWait) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, VornServerSocketInitFault,
+    Rows, VornServerSocket_InitFault,
     testing::Values(InitFault{"socket", "socket", EMFILE, "VornServerSocket::init: failed to create socket."},
                     InitFault{"bind", "bind", EACCES, "VornServerSocket::init: failed to bind socket."},
                     InitFault{"getsockname", "getsockname", ENOBUFS,
@@ -307,7 +307,7 @@ TEST_F(VornServerSocketTest, Wait_LogsThatItIsReadyAtLevel5) {
     server.init();
     UniqueFd peer = tcpConnect("127.0.0.1", port);
     const LogCapture log(5);
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     EXPECT_THAT(log.records(), ElementsAre(Record{5, readyText(port)}));
     reset(peer);
 }
@@ -330,8 +330,8 @@ TEST_F(VornServerSocketTest, Wait_ServesOneClientPerCallInTheOrderTheyCame) {
     UniqueFd second = tcpConnect("127.0.0.1", port);
     sendAll(first.get(), bytes("00 01"));
     sendAll(second.get(), bytes("00 02"));
-    const Outcome one = waitFor(server);
-    const Outcome two = waitFor(server);
+    const WaitOutcome one = waitFor(server);
+    const WaitOutcome two = waitFor(server);
     EXPECT_EQ(one.spClient->receiveShort(), 1);
     EXPECT_EQ(two.spClient->receiveShort(), 2);
     reset(first);
@@ -342,7 +342,7 @@ TEST_F(VornServerSocketTest, Client_IsConnectedAndTalksInBothDirections) {
     Probe server(port, 5, "*");
     server.init();
     UniqueFd peer = tcpConnect("127.0.0.1", port);
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     ASSERT_NE(outcome.client(), nullptr);
     EXPECT_TRUE(fieldOf<bool>(outcome.client(), &ConnectionProbe::m_bConnected));
     EXPECT_FALSE(fieldOf<bool>(outcome.client(), &ConnectionProbe::m_bClientConnection));
@@ -357,7 +357,7 @@ TEST_F(VornServerSocketTest, Client_IsASocketConnectionThatKnowsItsServersPort) 
     Probe server(port, 5, "*");
     server.init();
     UniqueFd peer = tcpConnect("127.0.0.1", port);
-    const Outcome outcome = waitFor(server);
+    const WaitOutcome outcome = waitFor(server);
     ASSERT_NE(dynamic_cast<VornSocketConnection*>(outcome.client()), nullptr);
     EXPECT_EQ(outcome.client()->getPortName(), "5023");
     EXPECT_EQ(outcome.client()->getServerName(), "127.0.0.1");
@@ -409,7 +409,7 @@ TEST_F(VornServerSocketTest, Client_WithIdentify_IsLoggedAtLevel5WithItsPortInNe
     server.init();
     UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
     const LogCapture log(5);
-    const Outcome outcome = waitFor(server, true);
+    const WaitOutcome outcome = waitFor(server, true);
     EXPECT_THAT(
         log.records(),
         ElementsAre(Record{5, readyText(port)},
@@ -428,7 +428,7 @@ TEST_F(VornServerSocketTest, Client_WithIdentifyButUnknown_HasNoNameAndIsNotLogg
     reset(peer);
 }
 
-TEST_P(VornServerSocketQuietError, EndsTheWaitWithoutAWord) {
+TEST_P(VornServerSocket_QuietError, EndsTheWaitWithoutAWord) {
     Probe server(port, 5, "*");
     server.init();
     const LogCapture log(4);
@@ -441,7 +441,7 @@ TEST_P(VornServerSocketQuietError, EndsTheWaitWithoutAWord) {
     EXPECT_EQ(fault.calls(), 1);
 }
 
-TEST_P(VornServerSocketQuietError, IsNoExceptionForTheCallerAndTheNextWaitServes) {
+TEST_P(VornServerSocket_QuietError, IsNoExceptionForTheCallerAndTheNextWaitServes) {
     Probe server(port, 5, "*");
     server.init();
     const FaultRule fault("accept", GetParam());
@@ -451,7 +451,7 @@ TEST_P(VornServerSocketQuietError, IsNoExceptionForTheCallerAndTheNextWaitServes
     reset(peer);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, VornServerSocketQuietError,
+INSTANTIATE_TEST_SUITE_P(Rows, VornServerSocket_QuietError,
                          testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN),
                          testing::PrintToStringParamName());
 
@@ -677,7 +677,7 @@ TEST_F(VornServerSocketTest, WhenTheClientClosesFirst_ThePortCanBeBoundAtOnce) {
     server.init();
     UniqueFd peer = tcpConnect("127.0.0.1", port);
     {
-        const Outcome outcome = waitFor(server);
+        const WaitOutcome outcome = waitFor(server);
         peer.reset();
         char byte = 0;
         long error = 0;

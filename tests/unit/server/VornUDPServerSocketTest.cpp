@@ -98,11 +98,11 @@ struct InitFault {
     friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
 };
 
-class VornUDPServerSocketInitFault : public VornUDPServerSocketTest,
-                                     public testing::WithParamInterface<InitFault> {};
+class VornUDPServerSocket_InitFault : public VornUDPServerSocketTest,
+                                      public testing::WithParamInterface<InitFault> {};
 
-class VornUDPServerSocketEndingError : public VornUDPServerSocketTest,
-                                       public testing::WithParamInterface<int> {};
+class VornUDPServerSocket_EndingError : public VornUDPServerSocketTest,
+                                        public testing::WithParamInterface<int> {};
 
 } // namespace
 
@@ -225,7 +225,7 @@ TEST_F(VornUDPServerSocketTest, AtLevel4_NothingIsLogged) {
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-TEST_P(VornUDPServerSocketInitFault, ReachesTheCallerAndLeavesNothingOpen) {
+TEST_P(VornUDPServerSocket_InitFault, ReachesTheCallerAndLeavesNothingOpen) {
     const InitFault& row = GetParam();
     Probe server(port, "127.0.0.1", 100);
     const int before = openDescriptors();
@@ -240,7 +240,7 @@ TEST_P(VornUDPServerSocketInitFault, ReachesTheCallerAndLeavesNothingOpen) {
     EXPECT_EQ(localPort(socketOf(server)), port);
 }
 
-TEST_P(VornUDPServerSocketInitFault, IsReportedByTheWait) {
+TEST_P(VornUDPServerSocket_InitFault, IsReportedByTheWait) {
     const InitFault& row = GetParam();
     Probe server(port, "127.0.0.1", 100);
     const FaultRule fault(row.function, row.error, 1, 2);
@@ -252,7 +252,7 @@ TEST_P(VornUDPServerSocketInitFault, IsReportedByTheWait) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, VornUDPServerSocketInitFault,
+    Rows, VornUDPServerSocket_InitFault,
     testing::Values(InitFault{"socket", EMFILE, "VornUDPServerSocket::init: failed to create socket."},
                     InitFault{"bind", EACCES, "VornUDPServerSocket::init: failed to bind socket."},
                     InitFault{"getsockname", ENOBUFS,
@@ -370,7 +370,7 @@ TEST_F(VornUDPServerSocketTest, Wait_WithoutABuffer_TakesEveryDatagramForAnEmpty
     expectQuiet(waitFor(server));
 }
 
-TEST_P(VornUDPServerSocketEndingError, EndsTheWaitWithItsCode) {
+TEST_P(VornUDPServerSocket_EndingError, EndsTheWaitWithItsCode) {
     Probe server(port, "*", 100);
     server.init();
     const LogCapture log(9);
@@ -384,7 +384,7 @@ TEST_P(VornUDPServerSocketEndingError, EndsTheWaitWithItsCode) {
                                                          std::to_string(GetParam()) + ", exiting"}));
 }
 
-TEST_P(VornUDPServerSocketEndingError, IsNoExceptionForTheCallerAndTheNextWaitReceives) {
+TEST_P(VornUDPServerSocket_EndingError, IsNoExceptionForTheCallerAndTheNextWaitReceives) {
     Probe server(port, "*", 100);
     server.init();
     const FaultRule fault("recvfrom", GetParam());
@@ -393,7 +393,7 @@ TEST_P(VornUDPServerSocketEndingError, IsNoExceptionForTheCallerAndTheNextWaitRe
     EXPECT_EQ(contentOf(waitFor(server).client()), "x");
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, VornUDPServerSocketEndingError,
+INSTANTIATE_TEST_SUITE_P(Rows, VornUDPServerSocket_EndingError,
                          testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, ECONNRESET, EHOSTDOWN),
                          testing::PrintToStringParamName());
 

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Await.h"
+#include "Checkpoint.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
@@ -64,25 +65,6 @@ private:
     std::function<int(Worker&)> m_work;
 };
 
-/// Makes a worker stay in run() until it is let go.
-class Gate {
-public:
-    ~Gate() { m_leave.set(); }
-
-    void pass() {
-        m_entered.set();
-        m_leave.wait(-1);
-    }
-
-    bool awaitEntered() { return m_entered.wait(static_cast<int>(defaultLimit.count())); }
-
-    void open() { m_leave.set(); }
-
-private:
-    VornEvent m_entered;
-    VornEvent m_leave;
-};
-
 constexpr int cLimit = static_cast<int>(defaultLimit.count());
 
 /// Work that can hold up whoever takes a reference to it, or lets go of one.
@@ -104,7 +86,7 @@ public:
 
     std::atomic<bool> m_holdsAdding{false};
     std::atomic<bool> m_holdsReleasing{false};
-    Gate m_holding;
+    Checkpoint m_holding;
 };
 
 /// A thread that is held up before it takes its work.
@@ -128,7 +110,7 @@ public:
         return 0;
     }
 
-    Gate m_starting;
+    Checkpoint m_starting;
     std::atomic<pid_t> m_tid{0};
     std::atomic<bool> m_worked{false};
 };
@@ -195,7 +177,7 @@ TEST_F(VornThreadTest, Start_RunsTheOverriddenRunOnAThreadOfItsOwn) {
 }
 
 TEST_F(VornThreadTest, WhileRunning_WaitRunsOutOfTime) {
-    Gate gate;
+    Checkpoint gate;
     Worker worker([&](Worker&) {
         gate.pass();
         return 0;
@@ -211,13 +193,13 @@ TEST_F(VornThreadTest, WhileRunning_WaitRunsOutOfTime) {
 }
 
 TEST_F(VornThreadTest, WaitWithoutLimit_EndsWithTheThread) {
-    Gate gate;
+    Checkpoint gate;
     Worker worker([&](Worker&) {
         gate.pass();
         return 0;
     });
     worker.start();
-    EXPECT_TRUE(gate.awaitEntered());
+    EXPECT_TRUE(gate.awaitReached());
     bool result = false;
     WatchedThread waiter([&] { result = worker.wait(-1); });
     EXPECT_TRUE(awaitBlockedOnLock(waiter.tid()));
@@ -228,7 +210,7 @@ TEST_F(VornThreadTest, WaitWithoutLimit_EndsWithTheThread) {
 }
 
 TEST_F(VornThreadTest, StartWhileRunning_DoesNothing) {
-    Gate gate;
+    Checkpoint gate;
     std::atomic<int> runs{0};
     Worker worker([&](Worker&) {
         ++runs;
@@ -236,7 +218,7 @@ TEST_F(VornThreadTest, StartWhileRunning_DoesNothing) {
         return 0;
     });
     worker.start();
-    EXPECT_TRUE(gate.awaitEntered());
+    EXPECT_TRUE(gate.awaitReached());
     const std::size_t threads = threadIds().size();
     worker.start();
     EXPECT_EQ(threadIds().size(), threads);
@@ -256,7 +238,7 @@ TEST_F(VornThreadTest, StartAfterTheEnd_RunsAgain) {
 }
 
 TEST_F(VornThreadTest, Stop_OnlyAsks) {
-    Gate gate;
+    Checkpoint gate;
     std::atomic<bool> before{true};
     std::atomic<bool> after{false};
     Worker worker([&](Worker& self) {
@@ -266,7 +248,7 @@ TEST_F(VornThreadTest, Stop_OnlyAsks) {
         return 0;
     });
     worker.start();
-    EXPECT_TRUE(gate.awaitEntered());
+    EXPECT_TRUE(gate.awaitReached());
     worker.stop();
     EXPECT_EQ(worker.wait(0), false);
     gate.open();
@@ -429,10 +411,10 @@ TEST_F(VornThreadTest, SetWorkInfo_WhileTheThreadTakesTheFormerOne_Waits) {
     const VornSmartPointer<WatchedWork> former(new WatchedWork);
     thread.setWorkInfo(static_cast<WatchedWork*>(former));
     thread.start();
-    EXPECT_TRUE(thread.m_starting.awaitEntered());
+    EXPECT_TRUE(thread.m_starting.awaitReached());
     former->m_holdsAdding = true;
     thread.m_starting.open();
-    EXPECT_TRUE(former->m_holding.awaitEntered());
+    EXPECT_TRUE(former->m_holding.awaitReached());
     WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
     EXPECT_TRUE(awaitBlockedOnLock(setter.tid()));
     EXPECT_FALSE(setter.finished());
@@ -448,10 +430,10 @@ TEST_F(VornThreadTest, TheThread_WhileItsWorkIsBeingSet_WaitsBeforeItTakesIt) {
     const VornSmartPointer<WatchedWork> former(new WatchedWork);
     thread.setWorkInfo(static_cast<WatchedWork*>(former));
     thread.start();
-    EXPECT_TRUE(thread.m_starting.awaitEntered());
+    EXPECT_TRUE(thread.m_starting.awaitReached());
     former->m_holdsReleasing = true;
     WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
-    EXPECT_TRUE(former->m_holding.awaitEntered());
+    EXPECT_TRUE(former->m_holding.awaitReached());
     thread.m_starting.open();
     EXPECT_TRUE(awaitCondition([&] { return thread.m_tid != 0; }));
     EXPECT_TRUE(awaitBlockedOnLock(thread.m_tid));
@@ -517,10 +499,10 @@ TEST_F(VornThreadTest, KeepsTheSignalMaskOfItsStarter) {
 TEST_F(VornThreadTest, ItsDestructor_WaitsForTheThread) {
     class Careless : public VornThread {
     public:
-        explicit Careless(Gate& gate) : VornThread("careless"), m_gate(gate) {}
+        explicit Careless(Checkpoint& gate) : VornThread("careless"), m_gate(gate) {}
 
         int run() override {
-            Gate& gate = m_gate; // all that is used of the object, which is about to be destroyed
+            Checkpoint& gate = m_gate; // all that is used of the object, which is about to be destroyed
             gate.pass();
             return 0;
         }
@@ -528,13 +510,13 @@ TEST_F(VornThreadTest, ItsDestructor_WaitsForTheThread) {
         using VornThread::run;
 
     private:
-        Gate& m_gate;
+        Checkpoint& m_gate;
     };
 
-    Gate gate;
+    Checkpoint gate;
     auto thread = std::make_unique<Careless>(gate);
     thread->start();
-    EXPECT_TRUE(gate.awaitEntered());
+    EXPECT_TRUE(gate.awaitReached());
     WatchedThread destroyer([&] { thread.reset(); });
     EXPECT_TRUE(awaitBlockedOnLock(destroyer.tid()));
     EXPECT_FALSE(destroyer.finished());
