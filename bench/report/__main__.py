@@ -67,7 +67,7 @@ def parse_arguments():
     action.add_argument("--scale", action="store_true", help="how cost depends on threads, callbacks and bytes")
     action.add_argument("--check", action="store_true", help="compare instructions and system calls with the baseline")
     action.add_argument("--update-baseline", action="store_true", help="store instructions and system calls")
-    action.add_argument("--publish", action="store_true", help="put what is stored into docs/performance.md")
+    action.add_argument("--publish", action="store_true", help="put what is stored into bench/README.md")
     return parser.parse_args()
 
 

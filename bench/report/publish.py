@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Puts stored results into docs/performance.md, and what its plots show into bench/measured.json.
+"""Puts stored results into bench/README.md, and what its plots show into bench/measured.json.
 
 What stands there between "<!-- measured: NAME -->" and "<!-- measured end -->" is replaced; the rest is written by
 hand. Nothing is measured here.
@@ -14,7 +14,7 @@ import tables
 from results import (HERE, SCALES, WORKLOADS, evaluate, load_measured, measured_ratios, measured_scale,
                      store_measured)
 
-PAGE = HERE.parent / "docs" / "performance.md"
+PAGE = HERE / "README.md"
 FEWEST_ROUNDS = 5
 
 

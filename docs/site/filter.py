@@ -19,9 +19,14 @@ def slug(heading):
     return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
 
 
+def name_of(path):
+    """The page's name: of bench/README.md it is "measurements"."""
+    return "measurements" if path.parent.name == "bench" else path.stem
+
+
 class Chapter:
     def __init__(self, path):
-        self.name = path.stem
+        self.name = name_of(path)
         self.is_index = path.stem == "index"
         self.code = False
 
@@ -33,7 +38,7 @@ class Chapter:
         if re.match(r"\w+:", target):
             return match.group(0)
         path, _, anchor = target.partition("#")
-        page = pathlib.PurePath(path or self.name).stem
+        page = name_of(pathlib.PurePath(path)) if path else self.name
         if path.startswith("../examples/"):
             return f"[{text}](@ref {pathlib.PurePath(path).name})"
         if anchor:
@@ -81,15 +86,15 @@ class Chapter:
 
 
 def neighbours(path):
-    """What leads from a chapter to those before and behind it."""
-    order = re.findall(r"^\d+\. \[[^\]]*\]\(([\w-]+)\.md\)", (path.parent / "index.md").read_text(), re.M)
+    """Links from a chapter to the previous and the next one."""
+    order = re.findall(r"^\d+\. \[[^\]]*\]\(([\w-]+)\.md\)", pathlib.Path("docs/index.md").read_text(), re.M)
     if path.stem not in order:
         return ""
     at = order.index(path.stem)
     before = f"&larr; @ref {order[at - 1]}" if at > 0 else ""
-    behind = f"@ref {order[at + 1]} &rarr;" if at + 1 < len(order) else ""
+    after = f"@ref {order[at + 1]} &rarr;" if at + 1 < len(order) else ""
     return (f'\n\n<div class="neighbours"><span>{before}</span><span>@ref index "Contents"</span>'
-            f"<span>{behind}</span></div>\n")
+            f"<span>{after}</span></div>\n")
 
 
 def chapter(path):

@@ -67,7 +67,7 @@ def check_test_names(tree, pages):
 
 
 def main(tree):
-    pages = sorted((tree / "docs").glob("*.md")) + [tree / "README.md"]
+    pages = sorted((tree / "docs").glob("*.md")) + [tree / "README.md", tree / "bench/README.md"]
     problems = [*check_links(tree, pages), *check_index(tree), *check_classes(tree), *check_test_names(tree, pages)]
     for problem in problems:
         print(problem)

@@ -126,7 +126,7 @@ class Pages(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
         self.tree = pathlib.Path(self.folder.name)
-        for name in ("docs", "include", "support", "src", "examples", "tests"):
+        for name in ("docs", "include", "support", "src", "examples", "tests", "bench"):
             if name == "docs":
                 shutil.copytree(TREE / name, self.tree / name)
             else:
