@@ -51,29 +51,9 @@ class Blocks(unittest.TestCase):
         self.fails("unknown kind", ("cpp_body", "VornSleep(0);\n"))
         self.fails("unknown words", ("cpp bodily", "VornSleep(0);\n"))
 
-    def test_word_that_a_reader_would_see(self):
-        with tempfile.TemporaryDirectory() as folder:
-            page = pathlib.Path(folder) / "page.md"
-            page.write_text("```cpp body\nVornSleep(0);\n```\n")
-            self.assertIn("unknown kind", run(SANDBOX, HERE / "check_blocks.py", page, BUILD, COMPILER).stdout)
-
-    def test_comment_without_its_block(self):
-        with tempfile.TemporaryDirectory() as folder:
-            page = pathlib.Path(folder) / "page.md"
-            page.write_text("<!-- block: body -->\n\n```cpp\nVornSleep(0);\n```\n")
-            self.assertIn("no block follows", run(SANDBOX, HERE / "check_blocks.py", page, BUILD, COMPILER).stderr)
-
     def test_declarations(self):
         self.passes(("cpp", "VornString name();\n"))
         self.fails("error", ("cpp", "Unknown name();\n"))
-
-    def test_declarations_behind_others(self):
-        self.passes(("cpp", "struct First {};\n"), ("cpp more", "First second();\n"))
-        self.fails("error", ("cpp", "struct First {};\n"), ("cpp", "First second();\n"))
-
-    def test_statements(self):
-        self.passes(("cpp body", "VornSleep(0);\n"))
-        self.fails("error", ("cpp", "VornSleep(0);\n"))
 
     def test_program_and_its_output(self):
         program = ("cpp run", '#include <cstdio>\nint main() { std::puts("one"); }\n')
@@ -81,24 +61,12 @@ class Blocks(unittest.TestCase):
         self.fails("was printed", program, ("text output", "two\n"))
         self.fails("no program", ("text output", "one\n"))
 
-    def test_excerpt(self):
-        self.passes(("cpp of=examples/service.cpp", "std::signal(SIGPIPE, SIG_IGN);\n"))
-        self.fails("stands nowhere", ("cpp of=examples/service.cpp", "std::signal(SIGPIPE, SIG_DFL);\n"))
-
     def test_command_and_its_output(self):
         self.passes(("console", "$ echo one; echo two\none\ntwo\n$ true\n"))
         self.passes(("console", "$ echo one two three; echo four; echo five\none ... three\n...\nfive\n"))
         self.fails("was printed", ("console", "$ echo one\ntwo\n"))
         self.fails("was printed", ("console", "$ echo one\n"))
         self.fails("exit status 3", ("console", "$ exit 3\n"))
-
-    def test_command_beside_others(self):
-        sink = ("console later", "$ vornnet sink --count 1\naddress pipe:quorax1f3a\nnotification 1: handle 0, id 5\n")
-        self.passes(sink, ("sh", "vornnet notify pipe:quorax1f3a 0 5\n"))
-        self.fails("id 6", sink, ("sh", "vornnet notify pipe:quorax1f3a 0 6\n"))
-
-    def test_command_that_is_interrupted(self):
-        self.passes(("console later", "$ vornnet serve pipe:one\nlistening at pipe:one\n^C\n"))
 
     def test_bytes(self):
         self.passes(("text example", "int:1\n00 00 00 01\n"))
@@ -113,11 +81,6 @@ class Blocks(unittest.TestCase):
 
     def test_pipe_directory_that_is_changed(self):
         self.fails("the pipe directory was", ("sh", "chmod 0700 /opt/vorn/hostmgr/var/lib/kestrel/rendez\n"))
-
-    def test_cmake(self):
-        self.passes(("cmake", "find_package(vornnet 1 CONFIG REQUIRED)\n"
-                              "target_link_libraries(program PRIVATE vornnet::vornnet)\n"))
-        self.fails("exit status", ("cmake", "find_package(vornnet 2 CONFIG REQUIRED)\n"))
 
 
 class Pages(unittest.TestCase):
@@ -151,14 +114,6 @@ class Pages(unittest.TestCase):
         self.change("errors.md", "`VornServerSocket::init: failed to bind socket.`", "`x`")
         self.finds("check_texts.py", "not in docs/errors.md")
 
-    def test_text_that_is_wrong(self):
-        self.change("errors.md", "VornPipeServer::init: failed to listen on bound pipe.", "VornPipeServer::init: no.")
-        self.finds("check_texts.py", "not in the sources")
-
-    def test_level_that_is_wrong(self):
-        self.change("errors.md", "| 9 | `VornPipeServer::close` |", "| 8 | `VornPipeServer::close` |")
-        self.finds("check_texts.py", "level 8")
-
     def test_text_that_another_page_makes_up(self):
         self.change("client.md", "## The end", "`VornConnection::get: failed to read`\n\n## The end")
         self.finds("check_texts.py", "client.md quotes")
@@ -168,10 +123,6 @@ class Pages(unittest.TestCase):
         self.finds("check_chapters.py", "no heading")
         self.change("client.md", "(guarantees.md#", "(nowhere.md#")
         self.finds("check_chapters.py", "leads nowhere")
-
-    def test_chapter_that_is_not_listed(self):
-        (self.tree / "docs/more.md").write_text("# More\n")
-        self.finds("check_chapters.py", "more.md")
 
     def test_class_without_a_word_on_threads(self):
         self.change("threads.md", "`VornEvent`", "An event")

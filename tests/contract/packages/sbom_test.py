@@ -80,13 +80,6 @@ class SbomTest(unittest.TestCase):
                 open(self.write("second.json", list(reversed(self.packages))), "rb") as second:
             self.assertEqual(first.read(), second.read())
 
-    def test_without_a_time_there_is_none(self):
-        environment = {name: value for name, value in os.environ.items() if name != "SOURCE_DATE_EPOCH"}
-        result = subprocess.run([sys.executable, SBOM, "--output", os.devnull, *self.packages], env=environment,
-                                stderr=subprocess.PIPE, check=False)
-        self.assertNotEqual(result.returncode, 0)
-        self.assertIn(b"SOURCE_DATE_EPOCH", result.stderr)
-
     def test_is_valid_and_lists_what_the_packages_have(self):
         self.assertEqual(self.check(self.good, self.packages), "")
 
@@ -107,11 +100,6 @@ class SbomTest(unittest.TestCase):
             "./usr/share/doc/vornnet/jquery.js": "MIT",
         })
 
-    def test_tells_what_is_compiled_into_the_tool(self):
-        linked = [relation["relatedSpdxElement"] for relation in self.good["relationships"]
-                  if relation["relationshipType"] == "STATIC_LINK"]
-        self.assertEqual(linked, ["SPDXRef-Package-libcli11-dev", "SPDXRef-Package-nlohmann-json3-dev"])
-
     def test_depends_on_the_library_of_the_same_build(self):
         needed = [relation["relatedSpdxElement"] for relation in self.good["relationships"]
                   if relation["relationshipType"] == "DEPENDS_ON"]
@@ -128,39 +116,9 @@ class SbomTest(unittest.TestCase):
                     self.assertIn(f"lacks ['{field}']",
                                   self.spoil(lambda sbom, kind=kind, field=field: sbom[kind][0].pop(field)))
 
-    def test_a_field_too_many_is_found(self):
-        self.assertIn("has ['extra'] besides", self.spoil(lambda sbom: sbom["files"][0].update(extra=1)))
-
-    def test_an_unknown_licence_is_found(self):
-        self.assertIn("unknown licence ['Some-1.0']",
-                      self.spoil(lambda sbom: sbom["files"][0].update(licenseConcluded="MIT AND Some-1.0")))
-
-    def test_a_relation_to_nothing_is_found(self):
-        self.assertIn("there is no SPDXRef-nobody",
-                      self.spoil(lambda sbom: sbom["relationships"][0].update(relatedSpdxElement="SPDXRef-nobody")))
-
-    def test_a_file_of_no_package_is_found(self):
-        self.assertIn("related to nothing",
-                      self.spoil(lambda sbom: sbom.update(relationships=[
-                          relation for relation in sbom["relationships"]
-                          if relation["relatedSpdxElement"] != sbom["files"][0]["SPDXID"]])))
-
-    def test_an_identifier_that_is_there_twice_is_found(self):
-        self.assertIn("twice",
-                      self.spoil(lambda sbom: sbom["files"][0].update(SPDXID=sbom["files"][1]["SPDXID"])))
-
     def test_a_changed_checksum_is_found(self):
         self.assertIn("wrong verification code",
                       self.spoil(lambda sbom: sbom["files"][0]["checksums"][0].update(checksumValue="0" * 40)))
-
-    def test_a_time_of_another_form_is_found(self):
-        self.assertIn("bad time",
-                      self.spoil(lambda sbom: sbom["creationInfo"].update(created="2026-11-21 12:00")))
-
-    def test_another_version_of_a_package_is_found(self):
-        with tempfile.TemporaryDirectory() as directory:
-            other = [make_package(directory, "libvornnet1", "1.0.0-2"), self.packages[1]]
-            self.assertIn("libvornnet1: another version", self.check(self.good, other))
 
     def test_a_file_that_was_changed_later_is_found(self):
         sbom = copy.deepcopy(self.good)
