@@ -13,6 +13,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <system_error>
+#include <utility>
 
 #include <sys/un.h>
 
@@ -42,8 +45,8 @@ struct Address {
     throwSystemError(errno == EPERM ? EACCES : errno);
 }
 
-OwnedDescriptor makeSocket() {
-    return OwnedDescriptor::opened(System::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+OwnedDescriptor makeSocket(int nType) {
+    return OwnedDescriptor::opened(System::socket(AF_UNIX, nType | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
 VornString makeUniqueName() {
@@ -58,9 +61,12 @@ VornString makeUniqueName() {
     return name.data();
 }
 
-/** @return whether somebody listens at the path. It does not wait: a queue that is full tells as well. */
+/**
+ * @return whether a server has the path. Nobody is connected to: the kernel looks for the socket first and
+ * for its type afterwards. So a server that does not listen yet is found as well, and none is disturbed.
+ */
 bool isAlive(const VornString& sPath) {
-    const OwnedDescriptor probe = makeSocket();
+    const OwnedDescriptor probe = makeSocket(SOCK_DGRAM);
     const Address address(sPath);
     return System::connect(probe.number(), address.get(), address.length) == 0 ||
            (errno != ECONNREFUSED && errno != ENOENT);
@@ -139,15 +145,14 @@ PipeListener PipeListener::openNamed(const VornString& sName, std::optional<gid_
 PipeListener PipeListener::openFree(const VornString& sName, std::optional<gid_t> group) {
     const VornString sPath = VornPipeServer::getFullPipeName(sName);
     const Address address(sPath);
-    OwnedDescriptor socket = makeSocket();
+    PipeListener listener(makeSocket(SOCK_STREAM), sName, sPath);
     // bind() makes the file with the socket's mode, so it is never open to others, whatever the umask.
-    System::fchmod(socket.number(), cOwnerOnly);
-    if (System::bind(socket.number(), address.get(), address.length) == -1)
+    System::fchmod(listener.descriptor(), cOwnerOnly);
+    if (System::bind(listener.descriptor(), address.get(), address.length) == -1)
         fail();
-    PipeListener listener(std::move(socket), sName, sPath);
     try {
         listener.finish(group);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         listener.removeFile();
         throw;
     }
@@ -173,8 +178,11 @@ PipeListener::PipeListener(OwnedDescriptor&& socket, const VornString& sName, co
 void PipeListener::finish(std::optional<gid_t> group) {
     struct stat own {};
 
-    if (System::lstat(m_sPath.c_str(), &own) == -1)
-        fail();
+    if (System::lstat(m_sPath.c_str(), &own) == -1) {
+        const int code = errno;
+        System::unlink(m_sPath.c_str()); // it was made just now
+        throwSystemError(code);
+    }
     m_device = own.st_dev;
     m_inode = own.st_ino;
     if (System::listen(m_socket.number(), SOMAXCONN) == -1)
@@ -183,7 +191,7 @@ void PipeListener::finish(std::optional<gid_t> group) {
         fail();
     if (System::chmod(m_sPath.c_str(), cOwnerAndGroup) == -1)
         fail();
-    // Between bind() and listen() the file looked like a dead server's, and may have been replaced.
+    // A library's server does not ask before it takes a name over.
     if (look() != File::own)
         throwSystemError(EADDRINUSE);
 }

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -80,9 +81,13 @@ void PipeSource::reopen(PipeListener::File file) {
             throw;
     }
     PipeListener fresh = PipeListener::openUnique(m_settings.group);
-    VornString sAddress = addressOf(fresh);
+    try {
+        m_address.change(addressOf(fresh));
+    } catch (const std::bad_alloc&) {
+        fresh.removeFile();
+        throw;
+    }
     m_former.push_back(std::exchange(m_listener, std::move(fresh)));
-    m_address.change(std::move(sAddress));
 }
 
 } // namespace VornNet

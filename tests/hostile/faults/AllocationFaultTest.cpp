@@ -302,7 +302,7 @@ Operations VornTest::allOperations() {
     Operations all;
     for (const Operations& some :
          {textOperations(), supportOperations(), connectionOperations(), transportOperations(),
-          serverOperations(), notificationOperations(), sinkOperations()})
+          serverOperations(), notificationOperations(), sinkOperations(), steadySinkOperations()})
         all.insert(all.end(), some.begin(), some.end());
     return all;
 }

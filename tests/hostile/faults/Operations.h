@@ -125,6 +125,7 @@ Operations transportOperations();
 Operations serverOperations();
 Operations notificationOperations();
 Operations sinkOperations();
+Operations steadySinkOperations();
 
 /// The whole table.
 Operations allOperations();

@@ -11,6 +11,7 @@
 #include "Sandbox.h"
 #include "SteadySinkPeer.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <map>
@@ -212,7 +213,7 @@ KIT_ROLE(steadyBareClient) {
     ::close(STDOUT_FILENO);
     ::close(STDERR_FILENO);
     VornNet::VornSteadySink sink("client");
-    bool isClean = true;
+    std::atomic<bool> isClean = true;
     const auto look = [&] {
         for (int fd = 0; fd < 3; ++fd)
             isClean = isClean && !isOpen(fd);

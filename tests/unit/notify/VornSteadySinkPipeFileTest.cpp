@@ -312,6 +312,7 @@ TEST_F(VornSteadySink_PipeFile, WhileTheHandlerTakesItsTime_CallbacksAreCalledAn
     const UniqueFd server = unixListen(pipePath("client"));
     ASSERT_TRUE(entered.await());
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
+    ASSERT_TRUE(client.callback()->awaitCalls(1));
     EXPECT_NE(handlerThread, callbackThread);
     goesOn.open();
 }

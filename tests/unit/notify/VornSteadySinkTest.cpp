@@ -312,6 +312,7 @@ TEST_F(VornSteadySink, ANotificationOfManyMegabytes_ArrivesWhole) {
             return "";
         });
         EXPECT_EQ(deliverTo(client.address(), content), "end");
+        ASSERT_TRUE(client.callback()->awaitCalls(1));
         EXPECT_TRUE(isEqual) << nameOf(kind);
     }
 }
