@@ -4,6 +4,8 @@
 #ifndef VORNTEST_INTERPOSE_H
 #define VORNTEST_INTERPOSE_H
 
+#include "Checkpoint.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -205,6 +207,27 @@ public:
 
 private:
     std::shared_ptr<Detail::HookState> m_state;
+};
+
+/// Holds the next call of the function up, before it is made, until the test lets it go on or this ends.
+class HeldCall {
+public:
+    explicit HeldCall(const std::string& function) : m_hook(function, [this] { m_checkpoint.pass(); }) {}
+
+    ~HeldCall() { open(); }
+
+    HeldCall(const HeldCall&) = delete;
+    HeldCall& operator=(const HeldCall&) = delete;
+
+    /// Waits until somebody makes the call; false if nobody did in time.
+    bool awaitReached() { return m_checkpoint.awaitReached(); }
+
+    /// Lets the call go on.
+    void open() { m_checkpoint.open(); }
+
+private:
+    Checkpoint m_checkpoint;
+    CallHook m_hook;
 };
 
 } // namespace VornTest

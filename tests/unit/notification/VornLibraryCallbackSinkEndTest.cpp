@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
@@ -339,6 +340,37 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasDisconnected_NoStran
     EXPECT_EQ(receiveExactly(stranger->first.get(), 8), "to first");
     leave.open();
     EXPECT_TRUE(destroyer.join(endsWithin));
+}
+
+TEST_F(VornLibraryCallbackSink_End, WhileClientIsCutOff_ItsSocketCannotBeClosedNorAnotherSinkServe) {
+    WatchedSink other(Kind::socket, "other");
+    WatchedSink sink(Kind::pipe);
+    Gate entered;
+    std::atomic<bool> leaves{false};
+    addCallback(*sink, [&](Connection& connection) {
+        entered.open();
+        while (!leaves) {
+            std::this_thread::yield(); // not on a lock: the test looks for the one that is meant
+        }
+        connection->disconnect();
+        return std::string();
+    });
+    ASSERT_TRUE(other.awaitServing());
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd client = connectToSink(sink.address());
+    sendAll(client.get(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    HeldCall cutting("shutdown");
+    WatchedThread destroyer([&] { sink.destroy(); });
+    ASSERT_TRUE(cutting.awaitReached());
+    leaves = true;
+    EXPECT_TRUE(awaitBlockedOnLock(sink.tid()));
+    sendByHand(other.address(), onWire(4711));
+    EXPECT_TRUE(awaitBlockedOnLock(other.tid()));
+    EXPECT_FALSE(destroyer.finished());
+    cutting.open();
+    EXPECT_TRUE(destroyer.join(endsWithin));
+    EXPECT_TRUE(other.awaitServing());
 }
 
 TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLookedAt) {

@@ -143,25 +143,6 @@ Value fieldOf(const VornConnection* connection, Value VornConnection::*field) {
     return connection->*field;
 }
 
-/// While it exists, the next call of a function is held up before it is made, until the test lets it go on.
-class HeldCall {
-public:
-    explicit HeldCall(const std::string& function) : m_hook(function, [this] { m_checkpoint.pass(); }) {}
-
-    ~HeldCall() { open(); }
-
-    HeldCall(const HeldCall&) = delete;
-    HeldCall& operator=(const HeldCall&) = delete;
-
-    bool awaitReached() { return m_checkpoint.awaitReached(); }
-
-    void open() { m_checkpoint.open(); }
-
-private:
-    Checkpoint m_checkpoint;
-    CallHook m_hook;
-};
-
 /// While it exists, the action is done by whoever logs a record with the text, at the level or below, once.
 class RecordAction {
 public:

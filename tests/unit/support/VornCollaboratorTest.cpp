@@ -129,7 +129,7 @@ TEST_F(VornCollaboratorTest, WhatADependentThrows_PassesThroughAndThoseBehindItA
     EXPECT_THAT(m_journal, ElementsAre("a1", "a2", "b2"));
 }
 
-TEST_F(VornCollaboratorTest, RemovingADependentThatIsBeingTold_WaitsUntilItHasBeen) {
+TEST_F(VornCollaboratorTest, WhileADependentIsBeingTold_TheOperationsOfAnotherThreadWait) {
     std::promise<void> entered;
     std::promise<void> leave;
     m_subject.addDependent(m_a);
@@ -140,10 +140,13 @@ TEST_F(VornCollaboratorTest, RemovingADependentThatIsBeingTold_WaitsUntilItHasBe
     WatchedThread notifier([this] { m_subject.notify(VornNotification(1)); });
     entered.get_future().wait();
     WatchedThread remover([this] { m_subject.removeDependent(m_a); });
-    EXPECT_TRUE(awaitBlockedOnLock(remover.tid()));
-    EXPECT_FALSE(remover.finished());
+    WatchedThread adder([this] { m_subject.addDependent(m_b); });
+    for (WatchedThread* thread : {&remover, &adder}) {
+        EXPECT_TRUE(awaitBlockedOnLock(thread->tid()));
+        EXPECT_FALSE(thread->finished());
+    }
     leave.set_value();
-    EXPECT_TRUE(remover.join());
+    EXPECT_TRUE(remover.join() && adder.join());
     EXPECT_TRUE(notifier.join());
 }
 

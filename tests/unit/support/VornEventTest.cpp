@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Await.h"
+#include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Process.h"
@@ -11,10 +12,12 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <VornEvent.h>
@@ -39,6 +42,20 @@ protected:
     void TearDown() override {
         m_event = std::nullopt; // with its descriptor
         LeakCheckedTest::TearDown();
+    }
+
+    /// Makes the event one for which the operation makes that call.
+    void prepareFor(const std::string& function) {
+        if (function == "eventfd") {
+            m_event.emplace();
+            return;
+        }
+        m_event->getHandle();
+        if (function == "write") {
+            m_event->reset();
+        } else {
+            m_event->set();
+        }
     }
 
     std::optional<VornEvent> m_event{std::in_place};
@@ -216,6 +233,43 @@ TEST_F(VornEventTest, WhenDestroyed_ClosesItsHandle) {
 TEST_F(VornEventTest, WhenNoDescriptorCanBeMade_HandleIsMinusOneAndWaitingStillWorks) {
     ChildProcess child = ChildProcess::spawnRole("eventWithoutDescriptors");
     EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
+}
+
+TEST_F(VornEventTest, WhileOneThreadIsInAnOperation_ThoseOfAnotherWait) {
+    // Each with the call that it makes.
+    const std::vector<std::pair<const char*, std::function<void()>>> operations = {
+        {"eventfd", [this] { m_event->getHandle(); }},
+        {"write", [this] { m_event->set(); }},
+        {"read", [this] { m_event->reset(); }},
+    };
+    for (const auto& [function, operation] : operations) {
+        prepareFor(function);
+        for (int other = 0; other < 4; ++other) {
+            HeldCall held(function);
+            WatchedThread first(operation);
+            ASSERT_TRUE(held.awaitReached()) << function;
+            WatchedThread second([this, other] {
+                switch (other) {
+                case 0:
+                    m_event->set();
+                    break;
+                case 1:
+                    m_event->reset();
+                    break;
+                case 2:
+                    m_event->wait(0);
+                    break;
+                default:
+                    m_event->getHandle();
+                }
+            });
+            EXPECT_TRUE(awaitBlockedOnLock(second.tid())) << function << ' ' << other;
+            EXPECT_FALSE(second.finished()) << function << ' ' << other;
+            held.open();
+            EXPECT_TRUE(first.join() && second.join());
+            prepareFor(function);
+        }
+    }
 }
 
 TEST_F(VornEventTest, CreateNotification_MakesANewOneWithIdZero) {

@@ -102,7 +102,7 @@ public:
     int run() override {
         m_starting.pass();
         m_tid = currentTid();
-        return VornThread::run();
+        return m_takesWork ? VornThread::run() : 0;
     }
 
     int run(VornWorkInformation&) override {
@@ -110,7 +110,11 @@ public:
         return 0;
     }
 
+    using VornThread::isOwnThread;
+    using VornThread::isStopRequested;
+
     Checkpoint m_starting;
+    std::atomic<bool> m_takesWork{true};
     std::atomic<pid_t> m_tid{0};
     std::atomic<bool> m_worked{false};
 };
@@ -423,6 +427,49 @@ TEST_F(VornThreadTest, SetWorkInfo_WhileTheThreadTakesTheFormerOne_Waits) {
     EXPECT_TRUE(setter.join());
     EXPECT_EQ(thread.wait(cLimit), true);
     EXPECT_EQ(thread.m_worked, true);
+}
+
+TEST_F(VornThreadTest, WhileTheThreadTakesItsWork_TheOperationsOfOthersWait) {
+    StartingThread thread;
+    const VornSmartPointer<WatchedWork> work(new WatchedWork);
+    thread.setWorkInfo(static_cast<WatchedWork*>(work));
+    thread.start();
+    EXPECT_TRUE(thread.m_starting.awaitReached());
+    work->m_holdsAdding = true;
+    thread.m_starting.open();
+    EXPECT_TRUE(work->m_holding.awaitReached());
+    WatchedThread starter([&] { thread.start(); });
+    WatchedThread stopper([&] { thread.stop(); });
+    WatchedThread waiter([&] { thread.wait(0); });
+    WatchedThread asker([&] { thread.isStopRequested(); });
+    WatchedThread other([&] { thread.isOwnThread(); });
+    for (WatchedThread* visitor : {&starter, &stopper, &waiter, &asker, &other}) {
+        EXPECT_TRUE(awaitBlockedOnLock(visitor->tid()));
+        EXPECT_FALSE(visitor->finished());
+    }
+    work->m_holdsAdding = false;
+    work->m_holding.open();
+    for (WatchedThread* visitor : {&starter, &stopper, &waiter, &asker, &other}) {
+        EXPECT_TRUE(visitor->join());
+    }
+}
+
+TEST_F(VornThreadTest, AtItsEnd_WaitsForWhoSetsItsWork) {
+    StartingThread thread;
+    const VornSmartPointer<WatchedWork> work(new WatchedWork);
+    thread.setWorkInfo(static_cast<WatchedWork*>(work));
+    thread.m_takesWork = false;
+    thread.start();
+    EXPECT_TRUE(thread.m_starting.awaitReached());
+    work->m_holdsReleasing = true;
+    WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
+    EXPECT_TRUE(work->m_holding.awaitReached());
+    thread.m_starting.open();
+    EXPECT_TRUE(awaitCondition([&] { return thread.m_tid != 0; }));
+    EXPECT_TRUE(awaitBlockedOnLock(thread.m_tid));
+    work->m_holding.open();
+    EXPECT_TRUE(setter.join());
+    EXPECT_EQ(thread.wait(cLimit), true);
 }
 
 TEST_F(VornThreadTest, TheThread_WhileItsWorkIsBeingSet_WaitsBeforeItTakesIt) {
