@@ -9,6 +9,7 @@ BEGINS = re.compile(r"(Vorn[A-Za-z]+::|HTTPRequest::|vnet::|VornUnable\w+ - )")
 TOKEN = re.compile(r'//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|\s+|\w+|.',
                    re.S | re.M)
 LATE_PIECE = re.compile(r"\[&\] \{ return ([^;{}]*); \}")  # of a record; computed when it is written
+RECORDED = re.compile(r"logRecord\(\s*VornLogging::(c\w+),\s*(c[A-Z]\w*)\b")  # a constant as the text
 JOINTS = set("<>,+?:()")
 
 
@@ -96,8 +97,8 @@ def levels_of(tree):
     return {name: int(value) for name, value in re.findall(r"\b(c\w+) = (-?\d+)", header)}
 
 
-def texts_of_statement(statement, levels):
-    """(text, level) of each text that begins in the statement."""
+def texts_of_statement(statement, levels, recorded):
+    """(text, level) of each text that begins in the statement; @p recorded are the levels of constants."""
     place = next((place for place, token in enumerate(statement) if begins_text(token)), None)
     if place is None:
         return
@@ -108,7 +109,8 @@ def texts_of_statement(statement, levels):
         yield from ((text, levels[level[-1]]) for text in alternatives(record))
     else:
         argument = arguments(statement, start)[0] if name == "VornException" else statement
-        yield from ((text, None) for text in alternatives(argument))
+        constant = next((token for token in statement if token in recorded), None)
+        yield from ((text, recorded.get(constant)) for text in alternatives(argument))
 
 
 def sources(tree):
@@ -121,8 +123,9 @@ def texts_in_sources(tree):
     found = set()
     for path in sources(tree):
         source = LATE_PIECE.sub(r"\1", path.read_text())
+        recorded = {constant: levels[level] for level, constant in RECORDED.findall(source)}
         for statement in statements(tokens_of(source)):
-            found |= {Text(text, level, path.name) for text, level in texts_of_statement(statement, levels)}
+            found |= {Text(text, level, path.name) for text, level in texts_of_statement(statement, levels, recorded)}
     return sorted(found, key=lambda text: (text.source, text.shown))
 
 
