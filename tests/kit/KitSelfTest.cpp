@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Await.h"
+#include "BeforeAllocation.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <stdexcept>
 #include <system_error>
@@ -414,6 +416,27 @@ TEST_F(Kit, HookRunsBeforeTheCall) {
     ::close(-1);
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(trace.calls("close"), 2);
+}
+
+TEST_F(Kit, HeldCallWaitsBeforeItIsMade) {
+    HeldCall held("close");
+    const CallTrace trace;
+    WatchedThread caller([] { ::close(-1); });
+    EXPECT_TRUE(held.awaitReached());
+    EXPECT_EQ(trace.calls("close"), 0);
+    held.open();
+    EXPECT_TRUE(caller.join());
+    EXPECT_EQ(trace.calls("close"), 1);
+}
+
+TEST_F(Kit, ActionComesBeforeTheNextAllocationOfItsThread) {
+    int actions = 0;
+    const std::function<void()> action = [&] { actions += std::string(100, 'x').size() == 100 ? 1 : 0; };
+    beforeNextAllocation(action);
+    WatchedThread([] { EXPECT_EQ(std::string(100, 'x').size(), 100U); }).join();
+    const std::string second(100, 'x');
+    const std::string third(100, 'x');
+    EXPECT_EQ(actions, 1);
 }
 
 TEST_F(Kit, ResolverFailuresCanBeInjected) {

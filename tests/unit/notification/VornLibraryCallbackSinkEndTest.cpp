@@ -342,19 +342,32 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasDisconnected_NoStran
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
-TEST_F(VornLibraryCallbackSink_End, WhileClientIsCutOff_ItsSocketCannotBeClosedNorAnotherSinkServe) {
+TEST_F(VornLibraryCallbackSink_End, WhileClientIsCutOff_ItsSocketIsNotClosedAndNoOtherServiceBeginsOrEnds) {
     WatchedSink other(Kind::socket, "other");
+    WatchedSink leaving(Kind::udp, "leaving"); // its client has no socket to close
     WatchedSink sink(Kind::pipe);
     Gate entered;
+    Gate leavingEntered;
     std::atomic<bool> leaves{false};
-    addCallback(*sink, [&](Connection& connection) {
-        entered.open();
+    const auto awaitLeaving = [&] {
         while (!leaves) {
             std::this_thread::yield(); // not on a lock: the test looks for the one that is meant
         }
+        return std::string();
+    };
+    addCallback(*sink, [&](Connection& connection) {
+        entered.open();
+        awaitLeaving();
         connection->disconnect();
         return std::string();
     });
+    addCallback(*leaving, [&](Connection&) {
+        leavingEntered.open();
+        return awaitLeaving();
+    });
+    ASSERT_TRUE(leaving.awaitServing());
+    sendByHand(leaving.address(), onWire(0));
+    ASSERT_TRUE(leavingEntered.await());
     ASSERT_TRUE(other.awaitServing());
     ASSERT_TRUE(sink.awaitServing());
     const UniqueFd client = connectToSink(sink.address());
@@ -365,10 +378,12 @@ TEST_F(VornLibraryCallbackSink_End, WhileClientIsCutOff_ItsSocketCannotBeClosedN
     ASSERT_TRUE(cutting.awaitReached());
     leaves = true;
     EXPECT_TRUE(awaitBlockedOnLock(sink.tid()));
-    sendByHand(other.address(), onWire(4711));
+    EXPECT_TRUE(awaitBlockedOnLock(leaving.tid()));
+    UniqueFd beginning = connectToSink(other.address());
     EXPECT_TRUE(awaitBlockedOnLock(other.tid()));
     EXPECT_FALSE(destroyer.finished());
     cutting.open();
+    beginning.reset();
     EXPECT_TRUE(destroyer.join(endsWithin));
     EXPECT_TRUE(other.awaitServing());
 }

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "BeforeAllocation.h"
 #include "Interpose.h"
 #include "NotificationPeer.h"
 #include "Sandbox.h"
@@ -352,6 +353,23 @@ TEST_P(VornLibraryCallbackSink_OfAnyKind, ServerEstablishedAgain_ReplacesFormerO
     EXPECT_FALSE(sink->m_spCallbackServer == nullptr);
     EXPECT_FALSE(sink->m_spCallbackServer == former);
     EXPECT_EQ(sink.address(), address);
+}
+
+TEST_P(VornLibraryCallbackSink_OnPorts, AddressIsNotRewrittenWhileItIsCopied) {
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    std::unique_ptr<WatchedThread> mover;
+    const std::function<void()> move = [&] {
+        mover = std::make_unique<WatchedThread>([&] { sink->tryNextPort(); });
+        EXPECT_TRUE(awaitBlockedOnLock(mover->tid()));
+        EXPECT_FALSE(mover->finished());
+    };
+    beforeNextAllocation(move); // the copy's
+    const std::string address = sink.address();
+    EXPECT_EQ(address, addressWithPort(GetParam(), 5023));
+    ASSERT_NE(mover, nullptr);
+    EXPECT_TRUE(mover->join());
+    EXPECT_EQ(sink.address(), addressWithPort(GetParam(), 5024));
 }
 
 // The address of this host cannot be found.

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Await.h"
+#include "BeforeAllocation.h"
 #include "LeakCheckedTest.h"
 #include "Process.h"
 
@@ -36,9 +37,6 @@ namespace {
 
 using testing::ElementsAre;
 using ProxyPointer = VornSmartPointer<VornProxyDependent>;
-
-/// What is done before the next allocation of this thread.
-thread_local std::function<void()>* t_beforeAllocation = nullptr;
 
 class Proxy : public VornProxyDependent {
 public:
@@ -189,6 +187,20 @@ TEST_F(VornProxyDependentContainerTest, Instance_IsNullUntilItIsAskedForAndAfter
     EXPECT_EQ(Probe::instance(), instance);
     VornProxyDependentContainer::deleteInstance();
     EXPECT_EQ(Probe::instance(), nullptr);
+}
+
+TEST_F(VornProxyDependentContainerTest, DeleteInstance_WhileAnotherThreadHoldsTheLock_Waits) {
+    registry().add(make("pipe:x", 1));
+    std::unique_ptr<WatchedThread> visitor;
+    {
+        const VornCriticalSection lock(registry().getlock(), true);
+        visitor = std::make_unique<WatchedThread>([] { VornProxyDependentContainer::deleteInstance(); });
+        EXPECT_TRUE(awaitBlockedOnLock(visitor->tid()));
+        EXPECT_FALSE(visitor->finished());
+        EXPECT_EQ(m_destroyed.load(), 0);
+    }
+    EXPECT_TRUE(visitor->join());
+    EXPECT_EQ(m_destroyed.load(), 1);
 }
 
 TEST_F(VornProxyDependentContainerTest, DeleteInstanceTwiceInARow_IsHarmless) {
@@ -462,36 +474,13 @@ TEST_F(VornProxyDependentContainerTest, CanNeitherBeMadeNorCopiedNorDestroyedByO
     EXPECT_FALSE(std::is_copy_assignable_v<VornProxyDependentContainer>);
 }
 
-// It stands for whoever is faster while the registry is being made.
-void* operator new(std::size_t size) {
-    if (auto* const action = std::exchange(t_beforeAllocation, nullptr)) {
-        (*action)();
-    }
-    if (void* const block = std::malloc(size)) {
-        return block;
-    }
-    throw std::bad_alloc();
-}
-
-void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
-    return std::malloc(size);
-}
-
-void operator delete(void* block) noexcept {
-    std::free(block);
-}
-
-void operator delete(void* block, std::size_t /*size*/) noexcept {
-    std::free(block);
-}
-
 TEST_F(VornProxyDependentContainerTest, WhenAnotherIsFasterAtMakingIt_EverybodyHasTheOthersInstance) {
     VornProxyDependentContainer* others = nullptr;
     std::function<void()> action = [&] {
         others = &registry();
         others->add(make("pipe:x", 1));
     };
-    t_beforeAllocation = &action;
+    beforeNextAllocation(action);
     const VornProxyDependentContainer* const own = &registry();
     EXPECT_EQ(own, others);
     EXPECT_THAT(keys(), ElementsAre("pipe:x 1"));
