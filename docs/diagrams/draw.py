@@ -110,7 +110,7 @@ def road():
 
 
 def objects():
-    drawing = Drawing("Who owns what", 860, 450)
+    drawing = Drawing("The objects and their owners", 860, 450)
     drawing.box(15, 15, 520, 420, PAPER, radius=8)
     drawing.text(32, 38, "client process", "bold", "start")
     drawing.box(555, 15, 290, 420, PAPER, radius=8)
@@ -135,7 +135,7 @@ def objects():
     drawing.text(412, 316, "doCallback()", "label", "start")
 
     drawing.box(580, 60, 240, 54, BLUE, "VornProxyDependentContainer\none for each process", "small")
-    drawing.box(580, 180, 240, 54, BLUE, "VornProxyDependent\ncallback address and handle", "small")
+    drawing.box(580, 180, 240, 54, BLUE, "VornProxyDependent\ncallback address and id", "small")
     drawing.line([(700, 114), (700, 180)])
     drawing.text(707, 152, "one pointer each", "label", "start")
     drawing.box(580, 310, 240, 54, BLUE, "VornConnection\nlocal to one remoteNotify()", "small")

@@ -246,7 +246,7 @@ void measureSilentHost() {
     const Outcome outcome = sendToSilentHost();
     char seconds[32];
     std::snprintf(seconds, sizeof seconds, "%.0f", outcome.seconds);
-    row({"swallows packets", seconds,
+    row({"drops all packets", seconds,
          outcome.refused.empty() ? "none" : std::to_string(outcome.refused.begin()->first)});
 }
 
