@@ -57,7 +57,7 @@ void checkPipeDirectory(Findings& findings) {
     if ((information.st_mode & S_IRWXO) != 0)
         findings.push_back({check, Severity::Problem,
                             "the pipe directory " + path + " is open to others (mode " + mode.data() +
-                                "): whoever may write there can take a server's name and its notifications",
+                                "): anyone who can write there can take a server's name and its notifications",
                             "chmod 1770 " + path});
     else if ((information.st_mode & (S_IWGRP | S_ISVTX)) == S_IWGRP)
         findings.push_back({check, Severity::Warning,
@@ -73,12 +73,12 @@ void checkSinkType(Findings& findings) {
     const std::string name = sinkTypeVariable;
     const std::string type = value != nullptr ? value : "";
     if (value == nullptr)
-        findings.push_back({"sink-type", Severity::Ok, name + " is not set: sinks make pipes", ""});
+        findings.push_back({"sink-type", Severity::Ok, name + " is not set: sinks use pipes", ""});
     else if (type == "pipe" || type == "socket" || type == "udp")
         findings.push_back({"sink-type", Severity::Ok, name + " is \"" + type + "\"", ""});
     else
         findings.push_back({"sink-type", Severity::Problem,
-                            name + " is " + quoted(type) + ", which is no kind: sinks make pipes instead",
+                            name + " is " + quoted(type) + ", which is no transport: sinks use pipes instead",
                             "set it to pipe, socket or udp, in lower case, or unset it"});
 }
 
@@ -180,7 +180,7 @@ std::optional<Finding> judgePipe(const PipeFile& file) {
             return std::nullopt;
         return Finding{"pipes", Severity::Problem,
                        pipe + " of process " + process + " has a full queue: its senders are blocked",
-                       "look what its process is waiting for: a callback that does not return, or a client "
+                       "find out what its process is waiting for: a callback that does not return, or a client "
                        "that sends nothing"};
     default:
         return std::nullopt;
@@ -233,7 +233,7 @@ void checkDescriptors(Findings& findings) {
         findings.push_back(
             {"descriptors", Severity::Problem,
              "the host has " + std::to_string(open) + " files open of at most " + std::to_string(most),
-             "raise fs.file-max, or find who has them open"});
+             "raise fs.file-max, or find the processes that have them open"});
 }
 
 std::string nameOf(Severity severity) {
@@ -298,7 +298,7 @@ int runDoctor(DoctorOptions& options) {
 void addDoctor(CLI::App& app, Runner& runner) {
     auto options = std::make_shared<DoctorOptions>();
     CLI::App* command =
-        addCommand(app, "doctor", "Find what makes notifications fail here, and the remedies", *options);
+        addCommand(app, "doctor", "Find obstacles to notifications on this host, and their remedies", *options);
     command->add_flag("--strict", options->strict, "Let warnings count as problems in the exit status");
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runDoctor);

@@ -209,7 +209,7 @@ void addNotify(CLI::App& app, Runner& runner) {
     CLI::App* command = addCommand(app, "notify", "Send notifications to a sink", *options);
     command->add_option("ADDRESS", options->address, std::string("Callback address: ") + addressHelp)
         ->required();
-    command->add_option("HANDLE", options->handle, "Handle of the callback; write -- before a negative one")
+    command->add_option("HANDLE", options->handle, "Id of the callback; write -- before a negative one")
         ->required()
         ->check(CLI::Range(-2147483648L, 4294967295L));
     command->add_option("ID", options->id, "Id of the notification")->required();
@@ -222,7 +222,7 @@ void addNotify(CLI::App& app, Runner& runner) {
         ->check(CLI::Range(0L, 86400000L));
     command
         ->add_option("--timeout", options->timeout,
-                     "Give up after SECONDS; without it a full server holds the sender for ever")
+                     "Give up after SECONDS; without it a full queue blocks the sender without end")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.001, 1000000.0));
     addJsonOption(*command, *options);

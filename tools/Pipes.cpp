@@ -174,7 +174,7 @@ int runPipes(PipesOptions& options) {
 
 void addPipes(CLI::App& app, Runner& runner) {
     auto options = std::make_shared<PipesOptions>();
-    CLI::App* command = addCommand(app, "pipes", "List the pipes of this host and who serves them", *options);
+    CLI::App* command = addCommand(app, "pipes", "List the pipes of this host and their processes", *options);
     command->add_flag("--clean", options->clean, "Remove the files that are proven dead");
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runPipes);

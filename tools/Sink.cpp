@@ -226,10 +226,10 @@ void addSink(CLI::App& app, Runner& runner) {
     CLI::App* command = addCommand(app, "sink", "Receive notifications and print them", *options);
     command
         ->add_option("--type", options->type,
-                     "Kind of server: pipe, socket or udp; else as QUORAX_CALLB_CONN_TYPE says, or pipe")
-        ->type_name("KIND")
+                     "Transport: pipe, socket (TCP) or udp; by default as QUORAX_CALLB_CONN_TYPE says, or pipe")
+        ->type_name("TRANSPORT")
         ->check(CLI::IsMember({"pipe", "socket", "udp"}));
-    command->add_option("--callbacks", options->callbacks, "Register N callbacks, with the handles 0 to N-1")
+    command->add_option("--callbacks", options->callbacks, "Register N callbacks, with the ids 0 to N-1")
         ->type_name("N")
         ->check(CLI::Range(1, 1000000));
     command

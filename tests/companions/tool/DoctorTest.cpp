@@ -174,7 +174,7 @@ TEST_F(VornnetDoctor, WithSinkTypeThatIsKnown_SaysWhich) {
 TEST_F(VornnetDoctor, WithSinkTypeThatIsNone_FindsAProblem) {
     const Diagnosis diagnosis = examine({"QUORAX_CALLB_CONN_TYPE=Pipe"});
     EXPECT_EQ(diagnosis.status, 5);
-    expectFinding(diagnosis, "sink-type", "problem", "is \"Pipe\", which is no kind");
+    expectFinding(diagnosis, "sink-type", "problem", "is \"Pipe\", which is no transport");
 }
 
 TEST_F(VornnetDoctor, WithLocalhost_TellsTheAddressThatASinkPublishes) {
