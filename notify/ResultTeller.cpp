@@ -2,19 +2,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ResultTeller.h"
 
+#include "ThrownText.h"
+
 #include <Cancellation.h>
 #include <LogRecord.h>
-#include <VornException.h>
-
-#include <exception>
 
 namespace VornNet {
-
-namespace {
-
-constexpr const char* cThrown = "VornDispatcher::onResult: the result handler has thrown: ";
-
-} // namespace
 
 ResultTeller::ResultTeller(const VornDispatcher::Options& options, DispatchBook& book)
     : m_handler(options.onResult), m_book(book) {
@@ -50,15 +43,11 @@ void ResultTeller::run() {
 void ResultTeller::tell(const VornDispatcher::Result& result) const {
     try {
         m_handler(result);
-    } catch (const VornException& e) {
-        logRecord(
-            VornLogging::cError, cThrown, [&e] { return e.getText(); }, " (", e.getCode(), ")");
-    } catch (const std::exception& e) {
-        logRecord(VornLogging::cError, cThrown, e.what());
     } catch (...) {
         if (isCancellation())
             throw;
-        logRecord(VornLogging::cError, cThrown, "an object of another type");
+        logRecord(VornLogging::cError,
+                  "VornDispatcher::onResult: the result handler threw: ", [] { return describeThrown(); });
     }
 }
 

@@ -205,6 +205,7 @@ TEST_F(VornDispatcher_Tcp, WhatASinkWritesIsThrownAway) {
 }
 
 TEST_F(VornDispatcher_Tcp, ItsOwnEchoIsNoDelivery) {
+    needSandbox("a network of its own, whose ports it chooses from");
     // Where nobody listens, the kernel may give the dispatcher the very port that it connects to.
     std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << "40000 40000";
     m_sAddress = "socket:127.0.0.1:40000";

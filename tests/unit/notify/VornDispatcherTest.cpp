@@ -679,11 +679,11 @@ TEST_F(VornDispatcher_Operations, AHandlerThatThrowsIsLoggedAndCalledAgain) {
         postWith(termsOf(1ms), dispatcher, "pipe:nobody");
     EXPECT_EQ(m_results.awaitOne().nTicket, 4U);
     EXPECT_TRUE(dispatcher.flush(10s));
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{
-                               "VornDispatcher::onResult: the result handler has thrown: a text (5)",
-                               "VornDispatcher::onResult: the result handler has thrown: another",
-                               "VornDispatcher::onResult: the result handler has thrown: an object of "
-                               "another type"}));
+    EXPECT_EQ(log.texts(),
+              (std::vector<std::string>{"VornDispatcher::onResult: the result handler threw: a text (code=5)",
+                                        "VornDispatcher::onResult: the result handler threw: another",
+                                        "VornDispatcher::onResult: the result handler threw: exception of "
+                                        "unknown type"}));
     EXPECT_EQ(log.records().front().level, 1);
 }
 
