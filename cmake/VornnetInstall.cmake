@@ -1,16 +1,22 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
 
-# Components: `runtime` is what programs need to run, `development` what is needed to build them, `tools` the
-# command-line tool (see tools/), `documentation` all that is there to be read.
+# Components: `runtime` is what programs need to run, `development` what is needed to build them, `notify` and
+# `notify_development` the same of the library of deliveries that arrive, `tools` the command-line tool (see tools/),
+# `documentation` all that is there to be read.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS vornsupt vornnet EXPORT vornnet-targets
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vornnet COMPONENT development)
+install(TARGETS vornnotify EXPORT vornnotify-targets
+    LIBRARY COMPONENT notify NAMELINK_COMPONENT notify_development
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vornnet COMPONENT notify_development)
 
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vornnet)
 install(EXPORT vornnet-targets NAMESPACE vornnet:: DESTINATION ${config_dir} COMPONENT development)
+# vornnet-config.cmake looks for it, so that one call of find_package() finds what is installed.
+install(EXPORT vornnotify-targets NAMESPACE vornnet:: DESTINATION ${config_dir} COMPONENT notify_development)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/vornnet-config.cmake.in
     ${PROJECT_BINARY_DIR}/vornnet-config.cmake
     INSTALL_DESTINATION ${config_dir}
@@ -32,10 +38,12 @@ else()
 endif()
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pc_libdir)
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_INCLUDEDIR BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pc_includedir)
-foreach(library IN ITEMS vornsupt vornnet)
+foreach(library IN ITEMS vornsupt vornnet vornnotify)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
-    install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${pc_dir} COMPONENT development)
 endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/vornsupt.pc ${PROJECT_BINARY_DIR}/vornnet.pc
+    DESTINATION ${pc_dir} COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/vornnotify.pc DESTINATION ${pc_dir} COMPONENT notify_development)
 
 # Who may use pipes, and where they are; named after the library's soname, so that another one can be beside it.
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.sysusers

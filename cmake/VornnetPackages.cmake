@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
 
-# Debian packages of the four components, and one each with the debug symbols of those that have programs.
+# Debian packages of the components, and one each with the debug symbols of those that have programs.
 # script/package is what to call; it sets the time that goes into them and adds the bill of materials.
 set(packaging_dir ${PROJECT_SOURCE_DIR}/packaging)
 set(VORNNET_CHANGELOG ${packaging_dir}/changelog CACHE FILEPATH "Debian changelog, which names the packages' version")
@@ -15,11 +15,13 @@ set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_1})
 
 set(package_of_runtime libvornnet1)
 set(package_of_development libvornnet-dev)
+set(package_of_notify libvornnotify1)
+set(package_of_notify_development libvornnotify-dev)
 set(package_of_tools vornnet-tools)
 set(package_of_documentation vornnet-doc)
 
 # What every package has for itself beside its component.
-foreach(component IN ITEMS runtime development tools documentation)
+foreach(component IN ITEMS runtime development notify notify_development tools documentation)
     set(package ${package_of_${component}})
     set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/${package})
     install(FILES ${packaging_dir}/copyright DESTINATION ${doc_dir} COMPONENT ${component})
@@ -46,12 +48,22 @@ foreach(file IN ITEMS shlibs triggers)
     file(COPY_FILE ${packaging_dir}/libvornnet1.${file} ${work_dir}/${file})
     list(APPEND control_of_runtime ${work_dir}/${file})
 endforeach()
+# Control files have the same names in each package.
+set(work_dir_of_notify ${work_dir}/notify)
+file(MAKE_DIRECTORY ${work_dir_of_notify})
+set(control_of_notify ${work_dir_of_notify}/symbols)
+foreach(file IN ITEMS shlibs triggers)
+    file(COPY_FILE ${packaging_dir}/libvornnotify1.${file} ${work_dir_of_notify}/${file})
+    list(APPEND control_of_notify ${work_dir_of_notify}/${file})
+endforeach()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
     ${VORNNET_CHANGELOG}
     ${packaging_dir}/libvornnet1.postinst
     ${packaging_dir}/libvornnet1.postrm
     ${packaging_dir}/libvornnet1.shlibs
-    ${packaging_dir}/libvornnet1.triggers)
+    ${packaging_dir}/libvornnet1.triggers
+    ${packaging_dir}/libvornnotify1.shlibs
+    ${packaging_dir}/libvornnotify1.triggers)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vornnet)
@@ -59,12 +71,12 @@ set(CPACK_PACKAGE_VENDOR "The vornnet authors")
 set(CPACK_PACKAGE_CONTACT "The vornnet authors <authors@vornnet.example>")
 set(CPACK_PACKAGE_HOMEPAGE_URL ${PROJECT_HOMEPAGE_URL})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_COMPONENTS_ALL runtime development tools documentation)
+set(CPACK_COMPONENTS_ALL runtime development notify notify_development tools documentation)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_PRE_BUILD_SCRIPTS ${packaging_dir}/finish.cmake)
-set(CPACK_VORNNET_SYMBOLS_RESULT ${work_dir}/symbols)
+set(CPACK_VORNNET_WORK_DIR ${work_dir})
 set(CPACK_VORNNET_LIBDIR ${CMAKE_INSTALL_LIBDIR})
 set(CPACK_VORNNET_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 set(CPACK_VORNNET_BINARY_DIR ${PROJECT_BINARY_DIR})
@@ -77,7 +89,8 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE vornnet)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 # The libraries that programs of this tree are linked with are in packages that do not exist yet.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/support)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/notify ${PROJECT_BINARY_DIR}/src
+    ${PROJECT_BINARY_DIR}/support)
 
 # CPack indents the lines and marks the empty ones. The project's own summary would come before each.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
@@ -95,7 +108,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS netbase)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "typed connections and notifications between processes
 ${what}
 
-This package contains both shared libraries, and sets up the group vorn and
+This package contains the shared libraries of the contract, and sets up the group vorn and
 the directory of local pipes.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
@@ -107,6 +120,28 @@ ${what}
 
 This package contains the headers and what CMake and pkg-config need to find
 the libraries.")
+
+set(CPACK_DEBIAN_NOTIFY_PACKAGE_NAME ${package_of_notify})
+set(CPACK_DEBIAN_NOTIFY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_NOTIFY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_NOTIFY_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_NOTIFY_PACKAGE_CONTROL_EXTRA ${control_of_notify})
+set(CPACK_COMPONENT_NOTIFY_DEPENDS runtime)
+set(CPACK_DEBIAN_NOTIFY_DESCRIPTION "typed connections and notifications between processes - delivery
+${what}
+
+This package contains the shared library whose senders and sinks see to it that
+notifications arrive, also with peers that do not know of it.")
+
+set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_PACKAGE_NAME ${package_of_notify_development})
+set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_COMPONENT_NOTIFY_DEVELOPMENT_DEPENDS notify development)
+set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_PACKAGE_SUGGESTS vornnet-doc)
+set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_DESCRIPTION "typed connections and notifications between processes - delivery headers
+${what}
+
+This package contains the headers of the library of deliveries that arrive, and
+what CMake and pkg-config need to find it.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${package_of_tools})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)

@@ -8,21 +8,29 @@ function(run)
     execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
 
-set(root_of_runtime ${CPACK_TEMPORARY_DIRECTORY}/runtime)
-set(library_dir ${root_of_runtime}/usr/${CPACK_VORNNET_LIBDIR})
+# The file with the symbols of a package's libraries, and the release from which on each is there.
+#
+# What came with a later release has a node of its own, VORNNET_1.2 for what came with 1.2, so a symbol's node tells.
+function(write_symbols result component package development_package)
+    # What is there already would be merged.
+    file(REMOVE ${result})
+    set(libraries "")
+    foreach(library IN LISTS ARGN)
+        list(APPEND libraries -e${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/${CPACK_VORNNET_LIBDIR}/${library})
+    endforeach()
+    run(dpkg-gensymbols -p${package} -v${CPACK_PACKAGE_VERSION} -P${CPACK_TEMPORARY_DIRECTORY}/${component} -O${result}
+        ${libraries})
+    file(READ ${result} symbols)
+    string(REGEX REPLACE "@(VORN[A-Z]+_1) [^\n]*" "@\\1 1.0.0" symbols "${symbols}")
+    string(REGEX REPLACE "@(VORN[A-Z]+_(1\\.[0-9]+)) [^\n]*" "@\\1 \\2.0" symbols "${symbols}")
+    string(REPLACE "#MINVER#" "#MINVER#\n* Build-Depends-Package: ${development_package}" symbols "${symbols}")
+    file(WRITE ${result} "${symbols}")
+endfunction()
 
-# What came with a later release has a node of its own, VORNNET_1.2 for what came with 1.2, so a symbol's node tells
-# from which release on it is there.
-# What is there already would be merged.
-file(REMOVE ${CPACK_VORNNET_SYMBOLS_RESULT})
-run(dpkg-gensymbols -plibvornnet1 -v${CPACK_PACKAGE_VERSION} -P${root_of_runtime} -O${CPACK_VORNNET_SYMBOLS_RESULT}
-    -e${library_dir}/libvornnet.so.${CPACK_PACKAGE_VERSION}
-    -e${library_dir}/libvornsupt.so.${CPACK_PACKAGE_VERSION})
-file(READ ${CPACK_VORNNET_SYMBOLS_RESULT} symbols)
-string(REGEX REPLACE "@(VORN[A-Z]+_1) [^\n]*" "@\\1 1.0.0" symbols "${symbols}")
-string(REGEX REPLACE "@(VORN[A-Z]+_(1\\.[0-9]+)) [^\n]*" "@\\1 \\2.0" symbols "${symbols}")
-string(REPLACE "#MINVER#" "#MINVER#\n* Build-Depends-Package: libvornnet-dev" symbols "${symbols}")
-file(WRITE ${CPACK_VORNNET_SYMBOLS_RESULT} "${symbols}")
+write_symbols(${CPACK_VORNNET_WORK_DIR}/symbols runtime libvornnet1 libvornnet-dev
+    libvornnet.so.${CPACK_PACKAGE_VERSION} libvornsupt.so.${CPACK_PACKAGE_VERSION})
+write_symbols(${CPACK_VORNNET_WORK_DIR}/notify/symbols notify libvornnotify1 libvornnotify-dev
+    libvornnotify.so.${CPACK_PACKAGE_VERSION})
 
 file(GLOB_RECURSE pages ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/*)
 file(GLOB texts
@@ -35,7 +43,7 @@ foreach(file IN LISTS pages texts)
 endforeach()
 
 file(GLOB_RECURSE programs
-    ${library_dir}/*.so.${CPACK_PACKAGE_VERSION}
+    ${CPACK_TEMPORARY_DIRECTORY}/*/usr/${CPACK_VORNNET_LIBDIR}/*.so.${CPACK_PACKAGE_VERSION}
     ${CPACK_TEMPORARY_DIRECTORY}/tools/usr/bin/*)
 foreach(program IN LISTS programs)
     run(objcopy --remove-section=.comment --remove-section=.note ${program})

@@ -31,7 +31,7 @@ COMPILED_IN = {
 }
 TOOLS = "vornnet-tools"
 
-PURPOSES = {"libvornnet1": "LIBRARY", "vornnet-tools": "APPLICATION"}
+PURPOSES = {"libvornnet1": "LIBRARY", "libvornnotify1": "LIBRARY", "vornnet-tools": "APPLICATION"}
 
 
 def output_of(*command):

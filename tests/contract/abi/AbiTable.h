@@ -11,6 +11,7 @@
 #include <VornConnection.h>
 #include <VornCriticalSection.h>
 #include <VornDependent.h>
+#include <VornDispatcher.h>
 #include <VornEvent.h>
 #include <VornException.h>
 #include <VornIPCServer.h>
@@ -30,6 +31,7 @@
 #include <VornSleep.h>
 #include <VornSmartPointer.h>
 #include <VornSocketConnection.h>
+#include <VornSteadySink.h>
 #include <VornString.h>
 #include <VornThread.h>
 #include <VornUDPServerSocket.h>
@@ -65,6 +67,12 @@ public:
 
 using PipeRecord = PipeServerProbe::_pipe;
 using TwoInts = int[2];
+using DispatcherResult = VornDispatcher::Result;
+using DispatcherTerms = VornDispatcher::Terms;
+using DispatcherOptions = VornDispatcher::Options;
+using DispatcherStatistics = VornDispatcher::Statistics;
+using SteadySinkOptions = VornSteadySink::Options;
+using SteadySinkStatistics = VornSteadySink::Statistics;
 
 /**
  * Gives out a pointer to a member that is not public: the arguments of an explicit instantiation are exempt

@@ -62,7 +62,9 @@ std::size_t roundedUp(std::size_t value, std::size_t alignment) {
 std::size_t sizeWithoutRow(const std::string& className) {
     static const std::map<std::string, std::size_t> sizes = {
         {"VornCriticalSection", sizeof(VornCriticalSectionObject*)},
+        {"VornDispatcher", sizeof(void*)},
         {"VornEvent", sizeof(void*)},
+        {"VornSteadySink", sizeof(void*)},
         {"VornThread", sizeof(std::shared_ptr<int>)}};
     const auto found = sizes.find(className);
     return found == sizes.end() ? 0 : found->second;

@@ -19,6 +19,12 @@ LIBRARIES = {
         "may_need": set(),
         "stays_loaded": False,
     },
+    "libvornnotify": {
+        "version": "VORNNOTIFY_1",
+        "needed": {"libvornnet.so.1", "libvornsupt.so.1", "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"},
+        "may_need": set(),
+        "stays_loaded": False,
+    },
     "libvornsupt": {
         "version": "VORNSUPT_1",
         "needed": {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"},
@@ -28,7 +34,7 @@ LIBRARIES = {
     },
 }
 
-ALLOWED_IMPORT_VERSIONS = re.compile(r"(GLIBC|GLIBCXX|CXXABI|GCC|VORNSUPT)_[0-9.]+$")
+ALLOWED_IMPORT_VERSIONS = re.compile(r"(GLIBC|GLIBCXX|CXXABI|GCC|VORNNET|VORNSUPT)_[0-9.]+$")
 # Left undefined by the compiler's start-up code in every shared object.
 ALLOWED_WITHOUT_VERSION = {"_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable", "__gmon_start__"}
 

@@ -260,14 +260,14 @@ class Document:
         return printed.splitlines()
 
     def compile(self, source, *arguments):
-        folders = [f"-I{self.tree}/{folder}" for folder in ("include", "support")]
+        folders = [f"-I{self.tree}/{folder}" for folder in ("include", "notify", "support")]
         result = subprocess.run([self.compiler, "-std=c++17", "-Wall", "-Wextra", *folders, "-x", "c++", source, "-x",
                                  "none", *arguments], capture_output=True, text=True, check=False)
         if result.returncode != 0:
             raise Failure(result.stderr)
 
     def headers(self):
-        return "".join(f"#include <{header.name}>\n" for folder in ("include", "support")
+        return "".join(f"#include <{header.name}>\n" for folder in ("include", "notify", "support")
                        for header in sorted((self.tree / folder).glob("Vorn*.h")))
 
     def check_cpp(self, block):
@@ -290,7 +290,7 @@ class Document:
         source, program = self.work / f"block-{block.line}.cpp", self.work / f"block-{block.line}"
         source.write_text(block.text)
         libraries = self.environment["LD_LIBRARY_PATH"]
-        self.compile(source, "-o", program, f"-L{libraries}", "-lvornnet", "-lvornsupt", "-pthread")
+        self.compile(source, "-o", program, f"-L{libraries}", "-lvornnotify", "-lvornnet", "-lvornsupt", "-pthread")
         self.printed = self.run(f"./{program.name}")
 
     def check_output(self, block):

@@ -2,7 +2,7 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
 #
-# compile_alone.sh DIRECTORY COMPILER STANDARD NET_INCLUDES SUPPORT_INCLUDES HEADER...
+# compile_alone.sh DIRECTORY COMPILER STANDARD SOURCE_DIRECTORY HEADER...
 #
 # Compiles each header by itself, twice over, and without a warning. Works in DIRECTORY; $LAUNCHER, when set,
 # is what the compiler is started through (ccache).
@@ -10,9 +10,8 @@ set -eu
 directory=$1
 compiler=$2
 standard=$3
-net=$4
-support=$5
-shift 5
+source=$4
+shift 4
 
 command -v "$compiler" >/dev/null || { echo "$compiler is missing: see script/setup"; exit 1; }
 # Both compilers of Debian 12 know C++23 under its name as a draft.
@@ -24,7 +23,7 @@ failed=0
 for header in "$@"; do
     printf '#include <%s>\n#include <%s>\n' "$header" "$header" >"$header.cpp"
     ${LAUNCHER:-} "$compiler" "-std=c++$standard" -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror \
-        "-I$net" "-I$support" -c -o "$header.o" "$header.cpp" ||
+        "-I$source/include" "-I$source/notify" "-I$source/support" -c -o "$header.o" "$header.cpp" ||
         { echo "$header does not compile alone"; failed=1; }
 done
 exit "$failed"

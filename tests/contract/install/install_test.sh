@@ -39,6 +39,7 @@ expected_files() {
             find "$source/include" "$source/support" \( -name 'Vorn*.h' -o -name ModuleData.h \) \
                 -printf "$includedir/vornnet/%f\n"
             ;;
+        NOTIFY_HEADERS) find "$source/notify" -name 'Vorn*.h' -printf "$includedir/vornnet/%f\n" ;;
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
         PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
         CHAPTERS)
@@ -70,7 +71,7 @@ compare_files() {
 
 check_files() {
     components=
-    for component in runtime development tools documentation; do
+    for component in runtime development notify notify_development tools documentation; do
         [ "$component" != tools ] || [ "$(cached VORNNET_BUILD_TOOLS)" = ON ] || continue
         components="$components $component"
         install_component "$component"
@@ -107,6 +108,8 @@ build_and_run_consumer() {
 use_installed() {
     install_component runtime
     install_component development
+    install_component notify
+    install_component notify_development
     mv "$work/as-installed" "$work/moved"
 }
 
@@ -124,7 +127,7 @@ find_package)
 pkg_config)
     use_installed
     export PKG_CONFIG_PATH="$work/moved/$libdir/pkgconfig"
-    [ "$(pkg-config --modversion vornnet vornsupt | tr '\n' ' ')" = "1.0.0 1.0.0 " ]
+    [ "$(pkg-config --modversion vornnet vornsupt vornnotify | tr '\n' ' ')" = "1.0.0 1.0.0 1.0.0 " ]
     LD_LIBRARY_PATH="$work/moved/$libdir" build_and_run_consumer
     ;;
 add_subdirectory | fetch_content)

@@ -75,7 +75,7 @@ make_upgrade() {
 check_development() {
     say 'a program linked with what the packages have'
     local directory=$work/unpacked package library id
-    for package in "$packages"/libvornnet*.deb; do
+    for package in "$packages"/libvorn*.deb; do
         dpkg-deb --extract "$package" "$directory"
     done
     run_quietly cmake -S "$here/consumer" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$directory/usr"

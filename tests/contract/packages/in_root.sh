@@ -6,7 +6,8 @@
 set -euo pipefail
 
 directory=/opt/vorn/hostmgr/var/lib/kestrel/rendez
-all_packages=(libvornnet1 libvornnet1-dbgsym libvornnet-dev vornnet-tools vornnet-tools-dbgsym vornnet-doc)
+all_packages=(libvornnet1 libvornnet1-dbgsym libvornnet-dev libvornnotify1 libvornnotify1-dbgsym
+    libvornnotify-dev vornnet-tools vornnet-tools-dbgsym vornnet-doc)
 
 fail() {
     printf 'FAILED: %s\n' "$*"

@@ -3,6 +3,7 @@
 #include "DispatcherTestSupport.h"
 #include "Interpose.h"
 #include "Process.h"
+#include "Sanitizer.h"
 
 #include <VornLogging.h>
 
@@ -13,7 +14,6 @@
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -180,23 +180,20 @@ TEST_F(VornDispatcher_Process, ManyPostsLeaveNoMemory) {
     EXPECT_EQ(dispatcher.statistics().nSent, 200'000U);
 }
 
-TEST_F(VornDispatcher_Process, AChildThatWasForkedEndsWithoutIt) {
+KIT_ROLE(forksWithADispatcher) {
+    static VornDispatcher dispatcher;
+    BytesProxy proxy("pipe:nobody");
+    dispatcher.post(proxy, VornNotification(1));
     const pid_t child = ::fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
-        // The child of the child, so that the dispatcher's thread is another process's.
-        static VornDispatcher dispatcher;
-        post(dispatcher, "pipe:nobody");
-        const pid_t grandchild = ::fork();
-        if (grandchild == 0)
-            std::exit(7); // destroys the dispatcher
-        int status = 0;
-        ::waitpid(grandchild, &status, 0);
-        ::_exit(WIFEXITED(status) && WEXITSTATUS(status) == 7 ? 0 : 1);
-    }
+    if (child == 0)
+        std::exit(7); // destroys the child's copy
     int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+TEST_F(VornDispatcher_Process, AChildThatWasForkedEndsWithoutIt) {
+    EXPECT_EQ(ChildProcess::spawnRole("forksWithADispatcher").wait(), 7);
 }
 
 TEST_F(VornDispatcher_Process, AChildThatHoldsItsSocketsDisturbsNothing) {
@@ -262,6 +259,8 @@ TEST_F(VornDispatcher_Process, DestroyingItInItsResultHandlerEndsTheProcess) {
 }
 
 TEST_F(VornDispatcher_Process, AThreadCancelledWhileItWaitsLeavesEverythingInOrder) {
+    if (underSanitizer)
+        GTEST_SKIP() << "it takes what the frames of a cancelled thread leave behind for an error";
     ::unlink(pipePath("peer").c_str());
     const UniqueFd listener = unixListen(pipePath("peer"));
     VornDispatcher::Options options = optionsWithResults();
@@ -282,32 +281,15 @@ TEST_F(VornDispatcher_Process, AThreadCancelledWhileItWaitsLeavesEverythingInOrd
     EXPECT_EQ(dispatcher.statistics().nPosted, 1U);
 }
 
-TEST_F(VornDispatcher_Process, WithoutDescriptorsItDoesNotStart) {
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const UniqueFd lowest(::dup(0));
-    for (int nMore = 0; nMore < 2; ++nMore) {
-        const rlimit few{static_cast<rlim_t>(lowest.get() + 1 + nMore), before.rlim_max};
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-        const auto thrown = thrownBy([&] { VornDispatcher dispatcher(optionsWithResults()); });
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-        EXPECT_EQ(thrown,
-                  std::make_pair(std::string("VornDispatcher::VornDispatcher: failed to start."), EMFILE));
-    }
-}
-
 TEST_F(VornDispatcher_Process, WithoutDescriptorsATryFailsAndIsTriedAgain) {
     ::unlink(pipePath("peer").c_str());
     const UniqueFd listener = unixListen(pipePath("peer"));
     VornDispatcher dispatcher(optionsWithResults());
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const UniqueFd lowest(::dup(0));
-    const rlimit none{static_cast<rlim_t>(lowest.get()) + 1, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    post(dispatcher, "pipe:peer");
-    EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 2; }));
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    {
+        const FaultRule none("socket", EMFILE, 1, FaultRule::always);
+        post(dispatcher, "pipe:peer");
+        EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 2; }));
+    }
     EXPECT_EQ(takeOne(listener.get()), cHandle);
     const Result result = m_results.awaitOne();
     EXPECT_EQ(result.outcome, Outcome::delivered);

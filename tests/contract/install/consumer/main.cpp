@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include <VornBufferConnection.h>
+#include <VornDispatcher.h>
 #include <VornException.h>
 #include <VornPipeServer.h>
 
@@ -37,10 +38,23 @@ void sendAndReceive() {
     }
 }
 
+void dispatch() {
+    VornNet::VornDispatcher dispatcher;
+    VornNet::VornProxyDependent proxy("no address", 1);
+    try {
+        dispatcher.post(proxy, VornNet::VornNotification(1));
+        expectEqual("an invalid address", VornNet::VornString("nothing thrown"), VornNet::VornString());
+    } catch (const VornSupport::VornException& exception) {
+        expectEqual("exception", exception.getText(),
+                    VornNet::VornString("VornDispatcher::post: invalid callback address."));
+    }
+}
+
 } // namespace
 
 int main() {
     sendAndReceive();
+    dispatch();
     expectEqual("path of a pipe", VornNet::VornPipeServer::getFullPipeName("consumer"),
                 VornNet::VornString("/opt/vorn/hostmgr/var/lib/kestrel/rendez/consumer"));
     return failures == 0 ? 0 : 1;
