@@ -221,7 +221,7 @@ class Document:
     def install(self):
         """Installs the libraries and the tool for the commands, which find them as on a machine that has them."""
         stage = self.work / "stage"
-        for component in ("runtime", "development", "tools"):
+        for component in ("runtime", "development", "notify", "notify_development", "tools"):
             subprocess.run(["cmake", "--install", self.build, "--prefix", stage, "--component", component],
                            check=True, capture_output=True)
         libraries = next(stage.rglob("libvornnet.so")).parent
