@@ -1,0 +1,370 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * delivery_history [COUNT [ROUNDS [SEED]]]
+ *
+ * Services with dispatchers post COUNT notifications each to one client, each in a process of its own,
+ * without pause; then clients and services are killed at random moments, ROUNDS times each. Every process
+ * writes down what it saw as it happens, into a file that a kill leaves as it is, and the histories are
+ * compared.
+ */
+
+#include "Process.h"
+#include "Sandbox.h"
+
+#include <VornDispatcher.h>
+#include <VornLibraryCallbackSink.h>
+#include <VornNotificationCallback.h>
+#include <VornSteadySink.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using namespace VornNet;
+using namespace VornTest;
+using Outcome = VornDispatcher::Outcome;
+
+namespace {
+
+/** What happened to one notification. */
+struct Event {
+    enum Kind : std::int32_t { begun, finished, told };
+
+    std::int32_t kind;
+    std::int32_t service;
+    std::int32_t number;
+    std::int32_t outcome;
+};
+
+/** A file of events; each is there once write() has returned, whatever becomes of the process. */
+class History {
+public:
+    explicit History(const std::string& path)
+        : m_fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {}
+
+    ~History() { ::close(m_fd); }
+
+    History(const History&) = delete;
+    History& operator=(const History&) = delete;
+
+    void add(const Event& event) const {
+        if (::write(m_fd, &event, sizeof event) != sizeof event)
+            std::abort();
+    }
+
+    static std::vector<Event> read(const std::string& path) {
+        const std::string bytes = readTextFile(path);
+        std::vector<Event> events(bytes.size() / sizeof(Event));
+        std::copy_n(bytes.data(), events.size() * sizeof(Event), reinterpret_cast<char*>(events.data()));
+        return events;
+    }
+
+    static std::size_t count(const std::string& path) {
+        std::error_code none;
+        const auto size = std::filesystem::file_size(path, none);
+        return none ? 0 : static_cast<std::size_t>(size) / sizeof(Event);
+    }
+
+private:
+    int m_fd;
+};
+
+class RecordingCallback : public VornNotificationCallback {
+public:
+    RecordingCallback(const std::string& path, std::chrono::microseconds length)
+        : VornNotificationCallback(0), m_history(path), m_length(length) {}
+
+protected:
+    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
+        const int nService = spConnection->receiveInt();
+        const int nNumber = spConnection->receiveInt();
+        m_history.add({Event::begun, nService, nNumber, 0});
+        const auto end = std::chrono::steady_clock::now() + m_length;
+        while (std::chrono::steady_clock::now() < end) {
+        }
+        m_history.add({Event::finished, nService, nNumber, 0});
+    }
+
+private:
+    const History m_history;
+    const std::chrono::microseconds m_length;
+};
+
+class NumberProxy : public VornProxyDependent {
+public:
+    NumberProxy(const std::string& sAddress, int nService)
+        : VornProxyDependent(sAddress, 0), m_nService(nService) {}
+
+    void addContent(VornConnection& connection, const VornNotification& notification) override {
+        connection.transfer(m_nService);
+        connection.transfer(notification.getId());
+    }
+
+private:
+    const int m_nService;
+};
+
+} // namespace
+
+/** KIND SINK HISTORY MICROSECONDS: a client; it prints its address and lives until its input ends. */
+KIT_ROLE(client) {
+    VornNotificationCallback* callback =
+        new RecordingCallback(args.at(2), std::chrono::microseconds(std::stoi(args.at(3))));
+    const VornSmartPointer<VornNotificationCallback> spCallback(callback);
+    std::unique_ptr<VornSteadySink> spSteady;
+    std::unique_ptr<VornLibraryCallbackSink> spPlain;
+    if (args.at(1) == "steady") {
+        VornSteadySink::Options options;
+        options.kind = args.at(0) == "pipe" ? VornSteadySink::Kind::pipe : VornSteadySink::Kind::tcp;
+        if (args.at(0) == "pipe")
+            options.sPipeName = "client";
+        spSteady = std::make_unique<VornSteadySink>("client", options);
+        spSteady->getCallbackContainer().add(spCallback);
+        std::puts(spSteady->getCallbackAddress().c_str());
+    } else {
+        ::setenv("QUORAX_CALLB_CONN_TYPE", args.at(0) == "pipe" ? "pipe" : "socket", 1);
+        spPlain = std::make_unique<VornLibraryCallbackSink>("client");
+        spPlain->getCallbackContainer().add(spCallback);
+        std::puts(spPlain->getCallbackAddress().c_str());
+    }
+    std::fflush(stdout);
+    std::getchar();
+    return 0;
+}
+
+/** ADDRESS INDEX COUNT HISTORY MILLISECONDS: a service; it posts, and ends when it knows what became of all.
+ */
+KIT_ROLE(service) {
+    const int nService = std::stoi(args.at(1));
+    const int nCount = std::stoi(args.at(2));
+    const History history(args.at(3));
+    VornDispatcher::Options options;
+    options.overflow = VornDispatcher::Overflow::wait;
+    options.terms.timeLimit = std::chrono::milliseconds(std::stoi(args.at(4)));
+    options.onResult = [&](const VornDispatcher::Result& result) {
+        history.add(
+            {Event::told, nService, static_cast<int>(result.nTicket) - 1, static_cast<int>(result.outcome)});
+    };
+    VornDispatcher dispatcher(options);
+    NumberProxy proxy(args.at(0), nService);
+    for (int i = 0; i < nCount; ++i)
+        dispatcher.post(proxy, VornNotification(i));
+    dispatcher.stop(-1ms);
+    return 0;
+}
+
+namespace {
+
+/** The numbers of one service's events of a kind, in their order. */
+std::vector<int> numbersOf(const std::vector<Event>& events, Event::Kind kind, int nService) {
+    std::vector<int> numbers;
+    for (const Event& event : events) {
+        if (event.kind == kind && event.service == nService)
+            numbers.push_back(event.number);
+    }
+    return numbers;
+}
+
+std::set<int> toldAs(const std::vector<Event>& events, Outcome outcome) {
+    std::set<int> numbers;
+    for (const Event& event : events) {
+        if (event.kind == Event::told && event.outcome == static_cast<int>(outcome))
+            numbers.insert(event.number);
+    }
+    return numbers;
+}
+
+struct Sums {
+    int delivered = 0;
+    int told = 0;
+    int lost = 0;
+    int twice = 0;
+    int disordered = 0;
+    int overstated = 0; // delivered, and no callback had finished
+
+    bool isClean() const { return lost + twice + disordered + overstated == 0; }
+
+    void print(const std::string& what) const {
+        std::printf(
+            "%-44s %6d delivered, %5d told otherwise; lost %d, twice %d, out of order %d, overstated %d\n",
+            what.c_str(), delivered, told, lost, twice, disordered, overstated);
+        std::fflush(stdout);
+    }
+};
+
+/**
+ * Compares what one service was told with what the client saw of it.
+ * @param bIsSteady whether `delivered` means that the callback has finished, and not only begun
+ */
+void compare(const std::vector<Event>& client, const std::vector<Event>& service, int nService, int nCount,
+             bool bIsSteady, Sums& sums) {
+    const std::vector<int> begun = numbersOf(client, Event::begun, nService);
+    const std::vector<int> finished = numbersOf(client, Event::finished, nService);
+    const std::set<int> called(begun.begin(), begun.end());
+    const std::set<int> done(finished.begin(), finished.end());
+    const std::set<int> delivered = toldAs(service, Outcome::delivered);
+    sums.delivered += static_cast<int>(delivered.size());
+    sums.told += static_cast<int>(service.size() - delivered.size());
+    sums.twice += static_cast<int>(begun.size() - called.size());
+    sums.disordered += !std::is_sorted(begun.begin(), begun.end());
+    sums.lost += nCount - static_cast<int>(service.size()); // without a result
+    for (const int number : delivered)
+        sums.overstated += (bIsSteady ? done : called).count(number) == 0;
+}
+
+/** A folder of histories, gone at the end. */
+class Folder {
+public:
+    Folder() {
+        char name[] = "/tmp/delivery_history.XXXXXX";
+        m_path = ::mkdtemp(name);
+    }
+
+    ~Folder() { std::filesystem::remove_all(m_path); }
+
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+ChildProcess startClient(const std::string& kind, const std::string& sink, const std::string& file,
+                         int nLength) {
+    return ChildProcess::spawnRole("client", kind, sink, file, std::to_string(nLength));
+}
+
+bool burst(const std::string& kind, const std::string& sink, int nServices, int nCount) {
+    const Folder folder;
+    ChildProcess client = startClient(kind, sink, folder.file("client"), 0);
+    const std::string address = client.readLine();
+    std::vector<ChildProcess> services;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < nServices; ++i)
+        services.push_back(ChildProcess::spawnRole("service", address, std::to_string(i),
+                                                   std::to_string(nCount),
+                                                   folder.file("service" + std::to_string(i)), "10000"));
+    for (ChildProcess& service : services)
+        service.wait(600s);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    client.closeInput();
+    client.wait();
+    const std::vector<Event> seen = History::read(folder.file("client"));
+    Sums sums;
+    for (int i = 0; i < nServices; ++i)
+        compare(seen, History::read(folder.file("service" + std::to_string(i))), i, nCount, sink == "steady",
+                sums);
+    // Only such a sink may move to another port; what was queued then expires, and is told of.
+    const bool bMayMove = kind == "tcp" && sink == "plain";
+    sums.print(kind + ", " + sink + " sink, " + std::to_string(nServices) + " services, " +
+               std::to_string(static_cast<int>(sums.delivered / seconds)) + "/s");
+    return sums.isClean() && (bMayMove || sums.told == 0);
+}
+
+/** Waits for so many events, which is some moment in the middle. */
+void awaitEvents(const std::string& file, std::size_t nEvents) {
+    while (History::count(file) < nEvents)
+        std::this_thread::yield();
+}
+
+bool killClients(const std::string& kind, const std::string& sink, int nRounds, std::mt19937& random) {
+    Sums sums;
+    int nUnread = 0;
+    for (int round = 0; round < nRounds; ++round) {
+        const Folder folder;
+        ChildProcess client = startClient(kind, sink, folder.file("client"), 300);
+        const std::string address = client.readLine();
+        const bool bComesBack = sink == "steady" && kind == "pipe" && round % 2 == 0;
+        ChildProcess service = ChildProcess::spawnRole("service", address, "0", "200", folder.file("service"),
+                                                       bComesBack ? "20000" : "700");
+        awaitEvents(folder.file("client"), 1 + random() % 300);
+        client.kill(SIGKILL);
+        client.wait();
+        std::optional<ChildProcess> next;
+        if (bComesBack) { // under the same name
+            next.emplace(startClient(kind, sink, folder.file("client"), 300));
+            next->readLine();
+        }
+        service.wait(60s);
+        const std::vector<Event> told = History::read(folder.file("service"));
+        compare(History::read(folder.file("client")), told, 0, 200, sink == "steady", sums);
+        const int nLeft = static_cast<int>(toldAs(told, Outcome::unread).size());
+        nUnread = std::max(nUnread, nLeft);
+        sums.lost += bComesBack ? static_cast<int>(toldAs(told, Outcome::expired).size()) : 0;
+    }
+    sums.print(kind + ", " + sink + " client killed " + std::to_string(nRounds) + " times");
+    return sums.isClean() && nUnread <= 1;
+}
+
+bool killServices(const std::string& kind, const std::string& sink, int nRounds, std::mt19937& random) {
+    Sums sums;
+    const Folder folder;
+    ChildProcess client = startClient(kind, sink, folder.file("client"), 100);
+    const std::string address = client.readLine();
+    for (int round = 0; round < nRounds; ++round) {
+        const std::size_t nBefore = History::count(folder.file("client"));
+        ChildProcess service =
+            ChildProcess::spawnRole("service", address, std::to_string(round), "300",
+                                    folder.file("service" + std::to_string(round)), "10000");
+        awaitEvents(folder.file("client"), nBefore + 1 + random() % 400);
+        service.kill(SIGKILL);
+        service.wait();
+    }
+    client.closeInput();
+    client.wait();
+    const std::vector<Event> seen = History::read(folder.file("client"));
+    for (int round = 0; round < nRounds; ++round) {
+        const std::vector<int> begun = numbersOf(seen, Event::begun, round);
+        const std::vector<Event> told = History::read(folder.file("service" + std::to_string(round)));
+        compare(seen, told, round, static_cast<int>(told.size()), sink == "steady", sums);
+        // A beginning without a gap.
+        for (std::size_t i = 0; i < begun.size(); ++i)
+            sums.disordered += begun[i] != static_cast<int>(i);
+    }
+    sums.print(kind + ", " + sink + " sink, service killed " + std::to_string(nRounds) + " times");
+    return sums.isClean();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    enterSandbox();
+    std::signal(SIGPIPE, SIG_IGN);
+    if (argc > 2 && std::string(argv[1]) == "--kit-role")
+        return runRole(argv[2], {argv + 3, argv + argc});
+    const int nCount = argc > 1 ? std::atoi(argv[1]) : 10'000;
+    const int nRounds = argc > 2 ? std::atoi(argv[2]) : 200;
+    std::mt19937 random(static_cast<unsigned int>(argc > 3 ? std::atoi(argv[3]) : 1));
+    bool bIsClean = true;
+    for (const char* kind : {"pipe", "tcp"}) {
+        for (const char* sink : {"plain", "steady"}) {
+            for (const int nServices : {1, 8})
+                bIsClean = burst(kind, sink, nServices, nCount) && bIsClean;
+        }
+    }
+    for (const char* kind : {"pipe", "tcp"}) {
+        bIsClean = killClients(kind, "steady", nRounds, random) && bIsClean;
+        bIsClean = killServices(kind, "steady", nRounds, random) && bIsClean;
+    }
+    bIsClean = killClients("pipe", "plain", nRounds, random) && bIsClean;
+    bIsClean = killServices("pipe", "plain", nRounds, random) && bIsClean;
+    return bIsClean ? EXIT_SUCCESS : EXIT_FAILURE;
+}
