@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Address.h"
 #include "Command.h"
+#include "Confirmation.h"
 #include "ExitStatus.h"
 #include "Interruption.h"
 #include "LibraryRecords.h"
@@ -35,6 +36,11 @@ struct NotifyOptions : CommonOptions {
     long repeat = 1;
     long every = 0;
     double timeout = 0;
+    bool confirm = false;
+
+    std::chrono::milliseconds limit() const {
+        return std::chrono::milliseconds(static_cast<long>(timeout * 1000));
+    }
 };
 
 /** A proxy that sends the operator's values after the notification's id. */
@@ -172,22 +178,39 @@ void sendOne(ValueProxy& proxy, const VornNotification& notification, Tally& tal
     }
 }
 
+int runConfirmed(const NotifyOptions& options, ValueProxy& proxy) {
+    const LibraryRecords records(options.logLevel, [](const std::string&) {});
+    Interruption interruption(std::chrono::milliseconds(300));
+    Confirmation confirmation(options.limit(), options.json);
+    const VornNotification notification(options.id);
+    for (long i = 0; i < options.repeat; ++i) {
+        if (i > 0 && !interruption.sleepFor(std::chrono::milliseconds(options.every)))
+            break;
+        confirmation.post(proxy, notification);
+    }
+    while (!interruption.isRequested() && !confirmation.await(std::chrono::milliseconds(100))) {
+    }
+    confirmation.stop();
+    return interruption.isRequested() ? interruption.status() : confirmation.exitStatus();
+}
+
 int runNotify(NotifyOptions& options) {
     const Address address = parseAddress(options.address);
     const std::vector<Value> values = parseValues(options.values);
     requireFitsDatagram(address, values);
     requireKnownHost(address);
+    ValueProxy proxy(address, options.handle, values);
+    if (options.confirm)
+        return runConfirmed(options, proxy);
     std::string record;
     const LibraryRecords records(options.logLevel, [&record](const std::string& text) { record = text; });
     Tally tally(options);
     Progress progress;
-    Interruption interruption(std::chrono::milliseconds(300),
-                              std::chrono::milliseconds(static_cast<long>(options.timeout * 1000)));
+    Interruption interruption(std::chrono::milliseconds(300), options.limit());
     interruption.onForcedEnd([&] {
         progress.clear();
         tally.print();
     });
-    ValueProxy proxy(address, options.handle, values);
     const VornNotification notification(options.id);
     for (long i = 0; i < options.repeat; ++i) {
         if (i > 0 && !interruption.sleepFor(std::chrono::milliseconds(options.every)))
@@ -225,6 +248,9 @@ void addNotify(CLI::App& app, Runner& runner) {
                      "Give up after SECONDS; without it a full queue blocks the sender without end")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.001, 1000000.0));
+    command->add_flag(
+        "--confirm", options->confirm,
+        "Send by a dispatcher: try again until SECONDS are over (10), and tell what became of each");
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runNotify);
 }

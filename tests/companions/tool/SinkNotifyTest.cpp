@@ -369,3 +369,45 @@ INSTANTIATE_TEST_SUITE_P(Addresses, VornnetBadAddress,
                                          "socket:127.0.0.1", "socket::5023", "socket:127.0.0.1:0",
                                          "socket:127.0.0.1:70000", "socket:127.0.0.1:5x", "socket:1.2:5023",
                                          "udp:*:5023"));
+
+TEST_F(VornnetNotify, Confirmed_TellsWhatBecameOfEach) {
+    ChildProcess sink = startTool({"sink", "--type", "pipe", "--count", "3"});
+    const std::string address = addressOf(sink);
+    const ToolResult sent = runTool({"notify", "--confirm", "--repeat", "3", address, "0", "12"});
+    EXPECT_EQ(sent.status, 0);
+    EXPECT_THAT(sent.output,
+                MatchesRegex("(notification [123]: delivered, [0-9]+ (try|tries), [0-9.]+ ms\n){3}"));
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
+TEST_F(VornnetNotify, Confirmed_WhereNobodyListens_ExpiresAtTheTimeout) {
+    const ToolResult sent =
+        runTool({"notify", "--confirm", "--timeout", "0.05", "--json", "pipe:nobody", "0", "12"});
+    EXPECT_EQ(sent.status, 4);
+    const Json result = sent.json();
+    EXPECT_EQ(result["notification"], 1);
+    EXPECT_EQ(result["address"], "pipe:nobody");
+    EXPECT_EQ(result["outcome"], "expired");
+    EXPECT_EQ(result["code"], ENOENT);
+    EXPECT_GT(result["tries"], 1);
+    EXPECT_EQ(result["doubtful"], 0);
+    EXPECT_GE(result["microseconds"], 50'000);
+}
+
+TEST_F(VornnetNotify, Confirmed_TakesNoNameOfAHost) {
+    const ToolResult sent = runTool({"notify", "--confirm", "socket:localhost:5023", "0", "12"});
+    EXPECT_EQ(sent.status, 2);
+    EXPECT_THAT(sent.errors, HasSubstr("dotted address"));
+}
+
+TEST_F(VornnetNotify, Confirmed_WhenInterrupted_TellsWhatIsLeft) {
+    ChildProcess tool = startTool({"notify", "--confirm", "pipe:nobody", "0", "12"});
+    ASSERT_TRUE(awaitCondition([&] {
+        return readTextFile("/proc/" + std::to_string(tool.pid()) + "/status").find("Threads:\t4") !=
+               std::string::npos;
+    }));
+    tool.kill(SIGINT);
+    const ToolResult result = finish(tool);
+    EXPECT_EQ(result.status, 130);
+    EXPECT_THAT(result.output, StartsWith("notification 1: stopped"));
+}
