@@ -12,6 +12,7 @@
 #include <VornException.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornNotificationCallback.h>
+#include <VornSteadySink.h>
 
 #include <array>
 #include <atomic>
@@ -26,6 +27,7 @@ namespace VornTool {
 using VornNet::VornConnection;
 using VornNet::VornLibraryCallbackSink;
 using VornNet::VornNotificationCallback;
+using VornNet::VornSteadySink;
 using VornSupport::VornException;
 using VornSupport::VornSmartPointer;
 
@@ -33,6 +35,7 @@ namespace {
 
 struct SinkOptions : CommonOptions {
     std::string type;
+    bool steady = false;
     int callbacks = 1;
     std::string content;
     long count = 0;
@@ -157,8 +160,20 @@ void prepare(const SinkOptions& options) {
         throw ToolError(exitFailed, obstacle->text + "; " + obstacle->remedy);
 }
 
+/** Whether the sink has ended by itself. @{ */
+bool hasEnded(VornLibraryCallbackSink& sink) {
+    return sink.wait(0);
+}
+
+bool hasEnded(VornSteadySink& /*sink*/) {
+    return false;
+}
+
+/** @} */
+
 /** Serves until there is a reason to end. @return the exit status */
-int serve(VornLibraryCallbackSink& sink, const Reception& reception, Interruption& interruption) {
+template <typename Sink>
+int serve(Sink& sink, const Reception& reception, Interruption& interruption) {
     constexpr std::chrono::milliseconds cPause(50);
     std::string address = sink.getCallbackAddress();
     reception.printAddress(address);
@@ -170,7 +185,7 @@ int serve(VornLibraryCallbackSink& sink, const Reception& reception, Interruptio
         if (Output::isLost())
             return exitFailed;
         // Nothing tells of a new address or of the end of the sink's thread, so both are asked for.
-        if (sink.wait(0)) {
+        if (hasEnded(sink)) {
             Output::error(
                 "the sink has ended: an empty datagram or a connection reset by its sender does that");
             return exitFailed;
@@ -184,13 +199,28 @@ int serve(VornLibraryCallbackSink& sink, const Reception& reception, Interruptio
     }
 }
 
+void addCallbacks(VornNet::VornCallbackContainer& container, int count, Reception& reception) {
+    for (int i = 0; i < count; ++i)
+        container.add(new PrintingCallback(container.getNewId(), reception));
+}
+
 std::string pipePathOf(const std::string& address) {
     const std::string prefix = "pipe:";
     return address.rfind(prefix, 0) == 0 ? pipePath(address.substr(prefix.size())) : "";
 }
 
-int runSink(SinkOptions& options) {
-    prepare(options);
+int runSteadySink(const SinkOptions& options, Reception& reception, Interruption& interruption) {
+    const LibraryRecords records(options.logLevel);
+    try {
+        VornSteadySink sink("vornnet");
+        addCallbacks(sink.getCallbackContainer(), options.callbacks, reception);
+        return serve(sink, reception, interruption);
+    } catch (const VornException& error) {
+        throw ToolError(exitFailed, describeFailure(error.getCode(), error.getText()));
+    }
+}
+
+int runLibrarySink(const SinkOptions& options, Reception& reception, Interruption& interruption) {
     std::atomic<bool> starting{true};
     const LibraryRecords records(options.logLevel, [&starting](const std::string& text) {
         // The sink's constructor waits for ever when its thread has failed, and a record is all that tells.
@@ -199,17 +229,12 @@ int runSink(SinkOptions& options) {
             ::_exit(exitFailed);
         }
     });
-    Interruption interruption(std::chrono::seconds(2));
-    Reception reception(options, interruption);
     int status = exitDone;
     std::string pipe;
     {
         VornLibraryCallbackSink sink("vornnet");
         starting = false;
-        for (int i = 0; i < options.callbacks; ++i) {
-            const int id = sink.getCallbackContainer().getNewId();
-            sink.getCallbackContainer().add(new PrintingCallback(id, reception));
-        }
+        addCallbacks(sink.getCallbackContainer(), options.callbacks, reception);
         pipe = pipePathOf(sink.getCallbackAddress());
         status = serve(sink, reception, interruption);
     }
@@ -217,6 +242,14 @@ int runSink(SinkOptions& options) {
     if (!pipe.empty())
         removeIfDead(pipe);
     return status;
+}
+
+int runSink(SinkOptions& options) {
+    prepare(options);
+    Interruption interruption(std::chrono::seconds(2));
+    Reception reception(options, interruption);
+    return options.steady ? runSteadySink(options, reception, interruption)
+                          : runLibrarySink(options, reception, interruption);
 }
 
 } // namespace
@@ -229,6 +262,8 @@ void addSink(CLI::App& app, Runner& runner) {
                      "Transport: pipe, socket (TCP) or udp; by default as QUORAX_CALLB_CONN_TYPE says, or pipe")
         ->type_name("TRANSPORT")
         ->check(CLI::IsMember({"pipe", "socket", "udp"}));
+    command->add_flag("--steady", options->steady,
+                      "Receive by a sink that stays open, so that no notification of a burst is lost");
     command->add_option("--callbacks", options->callbacks, "Register N callbacks, with the ids 0 to N-1")
         ->type_name("N")
         ->check(CLI::Range(1, 1000000));

@@ -6,7 +6,7 @@
 _vornnet_options()
 {
     case $1 in
-        sink) echo --type --callbacks --content --count --json --log-level --help ;;
+        sink) echo --type --steady --callbacks --content --count --json --log-level --help ;;
         notify) echo --repeat --every --timeout --confirm --json --log-level --help ;;
         connect) echo --service --expect --timeout --json --log-level --help ;;
         serve) echo --service --expect --reply --ack --error --lines --group --count --json --log-level --help ;;

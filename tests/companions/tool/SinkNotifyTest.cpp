@@ -108,6 +108,31 @@ TEST_P(VornnetRoad, Interrupted_TheSinkEndsCleanly) {
     EXPECT_EQ(result.errors, "");
 }
 
+TEST_P(VornnetRoad, NotificationToASteadySink_IsPrintedAsFromAnyOther) {
+    ChildProcess sink =
+        startTool({"sink", "--steady", "--type", GetParam(), "--content", "string", "--count", "1"});
+    const std::string address = addressOf(sink);
+    EXPECT_THAT(address, MatchesRegex(GetParam() == "pipe" ? "pipe:quorax[0-9a-f]+-[0-9a-f]+"
+                                                           : GetParam() + ":127\\.0\\.0\\.1:[0-9]+"));
+    EXPECT_EQ(runTool({"notify", address, "0", "12", "string:some text"}).status, 0);
+    EXPECT_EQ(nextLine(sink), "notification 1: handle 0, id 12, string \"some text\"");
+    const ToolResult result = finish(sink);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_TRUE(GetParam() != "pipe" || !exists(pipeOf(address)));
+}
+
+TEST_P(VornnetRoad, BurstToASteadySink_ArrivesWhole) {
+    if (GetParam() == "udp")
+        GTEST_SKIP() << "nothing holds a sender of datagrams back";
+    ChildProcess sink = startTool({"sink", "--steady", "--type", GetParam(), "--count", "1000"});
+    EXPECT_EQ(runTool({"notify", addressOf(sink), "0", "7", "--repeat", "1000"}).output,
+              "sent 1000, refused 0\n");
+    for (int i = 1; i <= 1000; ++i)
+        ASSERT_EQ(nextLine(sink), "notification " + std::to_string(i) + ": handle 0, id 7");
+    EXPECT_EQ(finish(sink).status, 0);
+}
+
 TEST_P(VornnetRoad, SeveralNotifications_LeaveTheAddressAsItIs) {
     ChildProcess sink = startTool({"sink", "--type", GetParam(), "--count", "3"});
     const std::string address = addressOf(sink);
@@ -122,6 +147,18 @@ TEST_P(VornnetRoad, SeveralNotifications_LeaveTheAddressAsItIs) {
 
 INSTANTIATE_TEST_SUITE_P(Kinds, VornnetRoad, testing::Values("pipe", "socket", "udp"),
                          [](const auto& instance) { return instance.param; });
+
+TEST_F(VornnetSink, Steady_IsListedAsListening) {
+    ChildProcess sink = startTool({"sink", "--steady", "--type", "pipe"});
+    const std::string address = addressOf(sink);
+    const Json pipes = runTool({"pipes", "--json"}).json().at("pipes");
+    ASSERT_EQ(pipes.size(), 1U) << pipes;
+    EXPECT_EQ(pipes[0].at("name"), address.substr(5));
+    EXPECT_EQ(pipes[0].at("state"), "listening");
+    EXPECT_EQ(pipes[0].at("processes")[0].at("pid"), sink.pid());
+    EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
+    EXPECT_TRUE(exists(pipeOf(address)));
+}
 
 TEST_F(VornnetSink, WithoutType_MakesAPipeNamedAfterItsProcess) {
     ChildProcess sink = startTool({"sink"}, {"QUORAX_CALLB_CONN_TYPE"});
