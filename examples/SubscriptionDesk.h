@@ -4,7 +4,6 @@
 #define EXAMPLES_SUBSCRIPTIONDESK_H
 
 #include "FileEvent.h"
-#include "Subscriptions.h"
 #include "TimeLimit.h"
 
 #include <VornException.h>
@@ -12,6 +11,7 @@
 #include <VornSleep.h>
 #include <VornThread.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 
@@ -25,7 +25,13 @@ using VornNet::VornSmartPointer;
 using VornNet::VornString;
 using VornNet::VornThread;
 
-/** The thread that takes subscriptions: it serves one client after the other at the service's own pipe. */
+constexpr std::chrono::seconds cDeskPatience(2); // for one client; the others wait meanwhile
+
+/**
+ * The thread that takes subscriptions: it serves one client after the other at the service's own pipe.
+ * @tparam Subscriptions what keeps them
+ */
+template <typename Subscriptions>
 class SubscriptionDesk final : public VornThread {
 public:
     SubscriptionDesk(const std::filesystem::path& directory, Subscriptions& subscriptions)
@@ -59,7 +65,7 @@ public:
 
 private:
     void serve(VornConnection& client) {
-        const TimeLimit limit(cPatience);
+        const TimeLimit limit(cDeskPatience);
         char service[64];
         int nSize = sizeof service;
         int nErrorCode = 0;

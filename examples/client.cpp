@@ -3,20 +3,19 @@
 
 // Subscribes to the service's events and prints each as it arrives.
 //
-// The sink is a thread with its own server. The environment variable QUORAX_CALLB_CONN_TYPE chooses the
-// transport: "pipe", "socket" (TCP) or "udp". The service needs nothing but the sink's address and the
-// callback id.
+// The sink stays open: events that come without a pause wait, and none is lost. The environment variable
+// QUORAX_CALLB_CONN_TYPE chooses the transport: "pipe", "socket" (TCP) or "udp". The service needs nothing
+// but the sink's address and the callback id.
 
+#include "EventPrinter.h"
 #include "FileEvent.h"
 #include "PipeDirectory.h"
-#include "TimeLimit.h"
+#include "ServiceRequest.h"
 
 #include <VornException.h>
-#include <VornLibraryCallbackSink.h>
 #include <VornLogging.h>
-#include <VornPipeConnection.h>
+#include <VornSteadySink.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -24,88 +23,6 @@
 
 using namespace Example;
 using namespace VornNet;
-
-namespace {
-
-class EventPrinter : public VornNotificationCallback {
-public:
-    explicit EventPrinter(int nId) : VornNotificationCallback(nId) {}
-
-    int received() const { return m_nReceived; }
-
-protected:
-    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
-        try {
-            const FileEvent event = FileEvent::read(*spConnection);
-            awaitEnd(*spConnection);
-            ++m_nReceived;
-            std::printf("event %d: %s '%s' (%ju bytes)\n", event.getId(), event.verb(),
-                        printable(event.name()).c_str(), event.size());
-        } catch (const VornException& e) {
-            // The sender broke off. If the exception left this function, the sink would take it for a failure
-            // of its own, and code 104 (connection reset) would end it.
-            std::fprintf(stderr, "client: incomplete event: %s (%d)\n", e.getText().c_str(), e.getCode());
-        }
-    }
-
-private:
-    // The side that closes a TCP connection first keeps its port busy for a minute. If that were this side,
-    // the sink could not open its port again: it would move to the next one, and the service would still
-    // connect to the old one.
-    static void awaitEnd(VornConnection& connection) {
-        char rest = 0;
-        long nError = 0;
-        while (connection.receive(&rest, 1, &nError, true) > 0) {
-        }
-    }
-
-    // A file name may contain any byte, including escape sequences for the terminal.
-    static VornString printable(VornString sText) {
-        for (char& character : sText) {
-            if (static_cast<unsigned char>(character) < ' ' || character == '\x7f')
-                character = '?';
-        }
-        return sText;
-    }
-
-    std::atomic<int> m_nReceived = 0; // counted on the sink's thread, read by main()
-};
-
-/** Subscribes to the directory at the service, or unsubscribes; throws if the service refuses. */
-void ask(const char* sService, const VornString& sAddress, long hCallback, const VornString& sDirectory) {
-    const TimeLimit limit(std::chrono::seconds(5));
-    VornPipeConnection connection(cPipeName);
-    connection.setServiceName(sService);
-    connection.transfer(sAddress);
-    connection.transfer(hCallback);
-    connection.transfer(sDirectory);
-    // The acknowledgement token is the shorts 1 and 0, the error token 1 and -1.
-    connection.receiveShort();
-    if (connection.receiveShort() != 0)
-        throw VornException("the service refuses " + sDirectory, 0);
-}
-
-void stayUntilSignalled(const sigset_t& signals, VornLibraryCallbackSink& sink, long hCallback,
-                        const VornString& sDirectory) {
-    VornString sAddress = sink.getCallbackAddress();
-    ask(cWatchService, sAddress, hCallback, sDirectory);
-    std::printf("client: subscribed as %s\n", sAddress.c_str());
-    const timespec pause = {0, 200'000'000};
-    while (sigtimedwait(&signals, nullptr, &pause) == -1) {
-        // A TCP or UDP sink moves when another process takes its port between two events. Nobody is told.
-        const VornString sPresent = sink.getCallbackAddress();
-        if (sPresent == sAddress)
-            continue;
-        ask(cUnwatchService, sAddress, hCallback, sDirectory);
-        ask(cWatchService, sPresent, hCallback, sDirectory);
-        std::printf("client: moved to %s\n", sPresent.c_str());
-        sAddress = sPresent;
-    }
-    // Necessary, because a service never notices that a UDP client is gone.
-    ask(cUnwatchService, sAddress, hCallback, sDirectory);
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     // Writing to a peer that has just closed raises SIGPIPE, which by default ends the process.
@@ -121,27 +38,33 @@ int main(int argc, char** argv) {
     if (!hasPipeDirectory("client"))
         return 1;
 
-    // Before the sink is created: its thread inherits the mask, and a signal that is handled on that thread
-    // would end a TCP or UDP sink.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    VornLibraryCallbackSink sink("client");
-    VornCallbackContainer& callbacks = sink.getCallbackContainer();
-    const VornSmartPointer<EventPrinter> spPrinter = new EventPrinter(callbacks.getNewId());
-    callbacks.add(&*spPrinter);
     int nStatus = 0;
+    const VornSmartPointer<EventPrinter> spPrinter = new EventPrinter(0);
     try {
         const VornString sWatched = std::filesystem::canonical(argv[1]);
-        stayUntilSignalled(signals, sink, spPrinter->getId(), sWatched);
+        VornSteadySink::Options options;
+        // Only a pipe has to move, when somebody has taken its file away.
+        options.onAddressChange = [&](const VornString& sAddress) {
+            ask(cWatchService, sAddress, spPrinter->getId(), sWatched);
+            std::printf("client: moved to %s\n", sAddress.c_str());
+        };
+        VornSteadySink sink("client", options);
+        sink.getCallbackContainer().add(&*spPrinter);
+        ask(cWatchService, sink.getCallbackAddress(), spPrinter->getId(), sWatched);
+        std::printf("client: subscribed as %s\n", sink.getCallbackAddress().c_str());
+        int nSignal = 0;
+        sigwait(&signals, &nSignal);
+        ask(cUnwatchService, sink.getCallbackAddress(), spPrinter->getId(), sWatched);
     } catch (const VornException& e) {
         std::fprintf(stderr, "client: %s (%d)\n", e.getText().c_str(), e.getCode());
         nStatus = 1;
     }
-    callbacks.remove(spPrinter->getId());
     std::printf("client: received %d events\n", spPrinter->received());
     return nStatus;
 }

@@ -4,17 +4,16 @@
 // Watches a directory and notifies every subscribed client of what happens to its files.
 //
 // There are two threads. The desk waits at the service's own pipe for clients that subscribe or leave. The
-// main thread waits for events and for the signal to end, and sends the notifications. Both use the library's
-// registry.
+// main thread waits for events and for the signal to end, and posts each event to the dispatcher, which
+// delivers it, tries again where that is needed, and tells what became of it.
 
+#include "Audience.h"
 #include "DirectoryWatch.h"
 #include "PipeDirectory.h"
 #include "SubscriptionDesk.h"
-#include "Subscriptions.h"
 
 #include <VornException.h>
 #include <VornLogging.h>
-#include <VornSleep.h>
 
 #include <csignal>
 #include <cstdio>
@@ -41,32 +40,25 @@ int blockEndSignals() {
 }
 
 /** @return true when told to end, false when there is nothing left to watch */
-bool tellEvents(DirectoryWatch& watch, int signals, Subscriptions& subscriptions) {
-    constexpr int cPause = 20;
-    std::deque<FileEvent> events;
+bool tellEvents(DirectoryWatch& watch, int signals, Audience& audience) {
     for (;;) {
         pollfd entries[] = {{signals, POLLIN, 0}, {watch.handle(), POLLIN, 0}};
-        poll(entries, 2, events.empty() ? -1 : 0);
+        poll(entries, 2, -1);
         if (entries[0].revents != 0)
             return true;
+        std::deque<FileEvent> events;
         if (entries[1].revents != 0 && !watch.readInto(events))
             return false;
-        if (events.empty())
-            continue;
-        subscriptions.notifyAll(events.front());
-        events.pop_front();
-        // Not back to back: a sink that is about to open its server again may take the connection, or over
-        // UDP the datagram, and discard it silently. The pause makes that rare.
-        VornSleep(cPause);
+        for (const FileEvent& event : events)
+            audience.notifyAll(event);
     }
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    // Before anything else: writing to a client that has just closed raises SIGPIPE, which by default ends
-    // the process. Every service meets such a client sooner or later. Once the signal is ignored, the failed
-    // write throws an exception like any other.
+    // Before anything else: answering a client that has just closed raises SIGPIPE, which by default ends the
+    // process.
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
@@ -80,17 +72,21 @@ int main(int argc, char** argv) {
         return 1;
 
     const int signals = blockEndSignals(); // before the desk's thread starts, which inherits the mask
-    Subscriptions subscriptions;
     int nStatus = 0;
     try {
+        Audience audience;
         const std::filesystem::path directory = std::filesystem::canonical(argv[1]);
-        DirectoryWatch watch(directory);
-        const SubscriptionDesk desk(directory, subscriptions);
-        std::printf("service: watching %s\n", directory.c_str());
-        if (!tellEvents(watch, signals, subscriptions)) {
-            std::fprintf(stderr, "service: %s is gone\n", directory.c_str());
-            nStatus = 1;
+        {
+            DirectoryWatch watch(directory);
+            const SubscriptionDesk desk(directory, audience);
+            std::printf("service: watching %s\n", directory.c_str());
+            if (!tellEvents(watch, signals, audience)) {
+                std::fprintf(stderr, "service: %s is gone\n", directory.c_str());
+                nStatus = 1;
+            }
         }
+        audience.stop();
+        audience.printTable();
     } catch (const VornException& e) {
         std::fprintf(stderr, "service: %s (%d)\n", e.getText().c_str(), e.getCode());
         nStatus = 1;
@@ -99,6 +95,5 @@ int main(int argc, char** argv) {
         nStatus = 1;
     }
     close(signals);
-    subscriptions.printTable();
     return nStatus;
 }
