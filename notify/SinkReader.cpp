@@ -166,7 +166,7 @@ void SinkReader::readHeldBack() {
         read(current);
         const Place after = m_open.find(nNumber);
         if (after != m_open.end() && after->second->isHeldBack)
-            m_retryTime = m_now + cRetryPause; // perhaps it is memory that is wanting
+            m_retryTime = std::min(m_retryTime, m_now + cRetryPause); // perhaps it is memory that is wanting
     }
 }
 
@@ -260,6 +260,7 @@ void SinkReader::setHeldBack(Place place) {
         return;
     ++m_nHeldBack;
     notification.heldSince = m_now;
+    m_retryTime = m_now; // unless it is tried again in this round
 }
 
 void SinkReader::setComplete(Place place) {
@@ -273,6 +274,8 @@ void SinkReader::drop(Place place, SinkLine::Counter counter) {
     if (notification.isHeldBack)
         --m_nHeldBack;
     m_nBytes -= notification.size();
+    if (m_nHeldBack > 0)
+        m_retryTime = m_now; // there may be room now
     m_line.count(counter, notification.descriptor() != -1);
     m_open.erase(place);
 }

@@ -112,6 +112,19 @@ TEST_P(VornSteadySink_Limits, WhenHalfReadOnesHoldAllBytes_OneAfterTheOtherIsRea
     EXPECT_EQ(client.statistics().nDelivered, 5U);
 }
 
+TEST_P(VornSteadySink_Limits, WhenOneThatHoldsAllBytesIsCut_ThoseThatWaitedGoOn) {
+    SteadyOptions options = optionsFor(GetParam());
+    options.nByteLimit = 1000;
+    options.readLimit = 200ms;
+    const SteadyClient client(options);
+    const UniqueFd silent = connectToSink(client.address());
+    sendAll(silent.get(), onWire(0) + std::string(2000, 'x')); // it is read above the limit, and does not end
+    ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
+    EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+    EXPECT_EQ(endingOf(silent.get()), "reset");
+    EXPECT_EQ(client.statistics().nTimedOut, 1U);
+}
+
 TEST_P(VornSteadySink_Limits, BurstsAboveTheByteLimit_ArriveInOrder) {
     SteadyOptions options = optionsFor(GetParam());
     options.nByteLimit = 3000;

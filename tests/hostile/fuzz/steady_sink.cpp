@@ -1,0 +1,172 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+// Hostile senders at a live steady sink over each kind of connection, with small limits; after each input a
+// well-formed notification must be confirmed, or over UDP arrive. The input's first byte chooses the kind;
+// then come pieces, each with a byte that says how it is sent and one that gives its length.
+
+#include "Input.h"
+#include "Sandbox.h"
+
+#include <VornException.h>
+#include <VornSteadySink.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace VornNet;
+
+namespace {
+
+using Kind = VornSteadySink::Kind;
+
+/** Reads what it can, so that hostile content meets every typed read. */
+class Reader : public VornNotificationCallback {
+public:
+    using VornNotificationCallback::VornNotificationCallback;
+
+protected:
+    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
+        if (spConnection->receiveLong() == 4711)
+            return;
+        spConnection->receiveString();
+        spConnection->receiveInt();
+    }
+};
+
+class Road {
+public:
+    explicit Road(Kind kind) : m_kind(kind), m_sink("fuzz", optionsFor(kind)), m_spCallback(new Reader(0)) {
+        m_sink.getCallbackContainer().add(static_cast<VornNotificationCallback*>(m_spCallback));
+    }
+
+    int connect() {
+        const std::string address = m_sink.getCallbackAddress();
+        return m_kind == Kind::pipe ? connectToPipe(address.substr(5))
+                                    : connectToPort(std::stoi(address.substr(address.rfind(':') + 1)));
+    }
+
+    bool isStream() const { return m_kind != Kind::udp; }
+
+    void requireAlive() {
+        // On a busy machine the sink may cut a sender that has not been given the processor in time.
+        for (;;) {
+            const VornSteadySink::Statistics before = m_sink.statistics();
+            const bool isConfirmed = notify();
+            if (isConfirmed &&
+                (m_sink.statistics().nDelivered > before.nDelivered || awaitMore(before.nDelivered)))
+                return;
+            require(m_sink.statistics().nTimedOut > before.nTimedOut, "the sink calls and confirms");
+        }
+    }
+
+private:
+    static VornSteadySink::Options optionsFor(Kind kind) {
+        VornSteadySink::Options options;
+        options.kind = kind;
+        options.nMessageLimit = 300;
+        options.nByteLimit = 100;
+        options.readLimit = std::chrono::milliseconds(100); // a silent one may be all that there is room for
+        return options;
+    }
+
+    bool notify() {
+        const unsigned char notification[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x67};
+        const int fd = connect();
+        require(fd != -1, "the sink can be reached");
+        ::send(fd, notification, sizeof notification, MSG_NOSIGNAL);
+        char byte = 0;
+        const bool isConfirmed =
+            !isStream() || (::shutdown(fd, SHUT_WR) == 0 && ::recv(fd, &byte, 1, 0) == 0);
+        ::close(fd);
+        return isConfirmed;
+    }
+
+    int connectToPipe(const std::string& name) const {
+        sockaddr_un place{};
+        place.sun_family = AF_UNIX;
+        VornTest::pipePath(name).copy(place.sun_path, sizeof place.sun_path - 1);
+        return connectTo(::socket(AF_UNIX, SOCK_STREAM, 0), place);
+    }
+
+    int connectToPort(int port) const {
+        sockaddr_in place{};
+        place.sin_family = AF_INET;
+        place.sin_port = htons(static_cast<std::uint16_t>(port));
+        place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return connectTo(::socket(AF_INET, isStream() ? SOCK_STREAM : SOCK_DGRAM, 0), place);
+    }
+
+    template <typename Place>
+    static int connectTo(int fd, const Place& place) {
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0)
+            return fd;
+        ::close(fd);
+        return -1;
+    }
+
+    bool awaitMore(std::uint64_t before) {
+        for (int tries = 0; tries < (isStream() ? 1 : 10'000) && m_sink.statistics().nDelivered == before;
+             ++tries) {
+            m_spCallback->reset();
+            m_spCallback->wait(1);
+        }
+        return m_sink.statistics().nDelivered > before;
+    }
+
+    const Kind m_kind;
+    VornSteadySink m_sink;
+    const VornSmartPointer<Reader> m_spCallback;
+};
+
+Road& road(int choice) {
+    // Never destroyed: the fuzzer ends the process where it stands.
+    static Road& pipe = *new Road(Kind::pipe);
+    static Road& tcp = *new Road(Kind::tcp);
+    static Road& udp = *new Road(Kind::udp);
+    return choice < 4 ? pipe : choice < 7 ? tcp : udp;
+}
+
+void attack(int fd, Input& input) {
+    while (!input.empty()) {
+        const int way = input.byte() % 16;
+        const std::string piece = input.text(input.byte());
+        if (way == 0)
+            ::shutdown(fd, SHUT_WR);
+        else if (way == 1)
+            ::sched_yield();
+        else
+            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (way == 2 ? MSG_OOB : 0));
+        if (way == 3) {
+            const linger reset{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            return;
+        }
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    VornTest::enterSandbox();
+    std::signal(SIGPIPE, SIG_IGN);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input input(data, size);
+    Road& hit = road(input.byte() % 8);
+    const int peer = hit.connect();
+    require(peer != -1, "the sink listens");
+    attack(peer, input);
+    hit.requireAlive(); // also while the attacker's connection is open
+    ::close(peer);
+    hit.requireAlive();
+    return 0;
+}
