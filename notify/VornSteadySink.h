@@ -47,16 +47,17 @@ namespace VornNet {
  *
  * A sender sees the end of its stream when the callback has returned (or thrown), and a reset in every other
  * case: when the process ends meanwhile, when the id is not registered, when the notification is too long or
- * not complete in time, when the sender is not admitted.
+ * not complete in time, when the sender is not admitted. Only over a pipe it sees the end, too, when less
+ * than a handle has come and has been read: the system resets a pipe only while bytes are unread.
  *
  * Thread-safety: every operation may be called from any thread; the destructor by the owner, never from a
- * callback: that ends the process. Blocking: only the destructor, for a running callback. What has been read
- * and waits for its callback is then given back: its sender sees a reset.
- * Ownership: sockets (close-on-exec), threads and the callback container belong to the sink; the pipe's file
- * is removed by the destructor if it is still the sink's own. Signals: none raised; its threads have all
- * signals blocked. Errors: VornException from the constructor, see there. Later failures are retried: without
- * descriptors (24) the sink goes on with those it has, and takes new connections when there are descriptors
- * again, without using a processor meanwhile.
+ * callback: that ends the process. A process that forks must not use the sink in the child.
+ * Blocking: only the destructor, for a running callback or address handler. What has been read and waits for
+ * its callback is then given back: its sender sees a reset. Ownership: sockets (close-on-exec), threads and
+ * the callback container belong to the sink; the pipe's file is removed by the destructor if it is still the
+ * sink's own. Signals: none raised; its threads have all signals blocked. Errors: VornException from the
+ * constructor, see there. Later failures are retried: without descriptors (24) the sink goes on with those it
+ * has, and takes new connections when there are descriptors again, without using a processor meanwhile.
  */
 class VORNNOTIFY_API VornSteadySink {
 public:
@@ -79,8 +80,8 @@ public:
         VornString
             sPipeName; ///< pipe: its name; empty: "quorax", the process id as "%x", "-" and digits that make
                        ///< it unique. A name in use throws 98 (EADDRINUSE); a dead server's file is replaced
-        VornString
-            sPipeGroup; ///< pipe: the group that the file is given to; empty: the process's. Mode is 0770
+        VornString sPipeGroup; ///< pipe: the group that the file is given to; empty: the process's, or that
+                               ///< of a directory that is set-group-ID. Mode is 0770
         int nPort = 0; ///< TCP, UDP: 1 to 65535, one in use throws 98; 0: the system chooses, and the address
                        ///< tells
         VornString sBindAddress;   ///< TCP, UDP: dotted address, or "*" for all; empty: the address that
