@@ -49,7 +49,14 @@ public:
      * the new one alive (`p = p->next`), take a copy of the smart pointer first.
      */
     VornSmartPointer<T>& operator=(const VornSmartPointer<T>& source) noexcept {
-        return *this = source.m_pObject;
+        if (m_pObject == source.m_pObject)
+            return *this;
+        if (m_pObject != nullptr)
+            m_pObject->release();
+        m_pObject = source.m_pObject; // only now: the end of the old object may have changed it
+        if (m_pObject != nullptr)
+            m_pObject->addRef();
+        return *this;
     }
 
     /** As the assignment of a smart pointer: adds a reference of its own to @p pObject, which may be null. */

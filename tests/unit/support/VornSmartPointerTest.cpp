@@ -375,6 +375,26 @@ TEST_F(VornSmartPointerTest, AFieldOfTheObjectItHolds_IsAssignedThroughACopy) {
     EXPECT_EQ(list->refCount(), 2);
 }
 
+TEST_F(VornSmartPointerTest, WhenTheEndOfTheOldObjectClearsTheSource_TheAssignedPointerIsEmpty) {
+    class Owner : public Recorder {
+    public:
+        Owner(Pointer& source, Journal& journal) : Recorder("owner", journal), m_source(source) {}
+
+        ~Owner() override { m_source = nullptr; }
+
+    private:
+        Pointer& m_source;
+    };
+
+    Pointer source(make("new"));
+    Pointer assigned(new Owner(source, m_journal));
+    m_journal.clear();
+    assigned = source;
+    EXPECT_TRUE(assigned == nullptr);
+    EXPECT_TRUE(source == nullptr);
+    EXPECT_EQ(m_journal, (Journal{"-owner", "-new", "~new", "~owner"}));
+}
+
 TEST_F(VornSmartPointerTest, CopiesOnManyThreads_DestroyTheObjectOnce) {
     {
         struct Quiet : VornObjectBase {
