@@ -82,7 +82,6 @@ bool isCounting();
  */
 long allocations();
 
-void addBigMessage();
 void addBigStrings();
 void addBlocks();
 void addLogging();

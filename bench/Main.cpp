@@ -169,7 +169,6 @@ void addAll() {
     addSentValues();
     addBlocks();
     addBigStrings();
-    addBigMessage();
     addUdpReceive();
     addUdpSend();
     addRegistry();

@@ -14,8 +14,9 @@ namespace VornNet {
  * Made empty it composes a message (VornUDPSocketConnection sends the block as one datagram); made from bytes
  * it decodes one (VornUDPServerSocket hands out each datagram so). Reading and writing may alternate. Read
  * space is not used again and the block never shrinks; disconnect() keeps both. The capacity grows by the
- * size of the write that does not fit, rounded up to the next 8192 bytes. Behind a capacity of more than
- * 1 MiB there may be half as much memory again, so that a large message is not moved at each step.
+ * size of the write that does not fit, rounded up to the next 8192 bytes, and realloc(3) may move the block
+ * at each step. It is meant for messages of some KiB; what is larger is written in few large pieces, or put()
+ * on a stream connection.
  *
  * Thread-safety: none; one thread at a time. Blocking: never.
  * Ownership: the block belongs to the connection. Signals: none raised.
@@ -77,7 +78,6 @@ private:
     friend class BufferAccess;
 
     VORNNET_LOCAL bool grow(long nRequest);
-    VORNNET_LOCAL bool reserve(std::size_t nCapacity);
 };
 
 } // namespace VornNet

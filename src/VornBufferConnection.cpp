@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <malloc.h>
-
 namespace VornNet {
 
 namespace {
@@ -97,33 +95,17 @@ bool VornBufferConnection::grow(long nRequest) {
     constexpr long cStep = 8192;
     // The step follows from the request alone, also where less would do.
     const long nStep = nRequest > INT_MAX ? nRequest : (nRequest + cStep - 1) / cStep * cStep;
-    if (nStep > INT_MAX - m_nBufferSize || !reserve(static_cast<std::size_t>(m_nBufferSize + nStep)))
+    if (nStep > INT_MAX - m_nBufferSize)
         return false;
+    void* block = std::realloc(m_pDataBuffer, static_cast<std::size_t>(m_nBufferSize + nStep));
+    if (block == nullptr)
+        return false;
+    m_pDataBuffer = static_cast<unsigned char*>(block);
     m_nBufferSize += static_cast<int>(nStep);
     if (m_nOutIndex == -1) {
         m_nInIndex = 0;
         m_nOutIndex = 0;
     }
-    return true;
-}
-
-/**
- * Makes the block hold @p nCapacity bytes. A large block that grows again is given half as much on top: a
- * message of some MiB that grew by single steps made malloc() copy it from place to place and give its memory
- * back to the system at the end, so that each message paid for all its page faults anew. Smaller blocks have
- * exactly their capacity.
- */
-bool VornBufferConnection::reserve(std::size_t nCapacity) {
-    constexpr int cLarge = 1024 * 1024;
-    const bool bIsLarge = m_nBufferSize >= cLarge;
-    if (bIsLarge && nCapacity <= ::malloc_usable_size(m_pDataBuffer))
-        return true;
-    void* block = bIsLarge ? std::realloc(m_pDataBuffer, nCapacity + nCapacity / 2) : nullptr;
-    if (block == nullptr)
-        block = std::realloc(m_pDataBuffer, nCapacity);
-    if (block == nullptr)
-        return false;
-    m_pDataBuffer = static_cast<unsigned char*>(block);
     return true;
 }
 
