@@ -115,6 +115,10 @@ inline ssize_t write(int fd, const void* data, size_t size) {
     return ::write(fd, data, size);
 }
 
+inline int fstat(int fd, struct stat* file) {
+    return ::fstat(fd, file);
+}
+
 inline int fcntl(int fd, int command, int argument) {
     return ::fcntl(fd, command, argument);
 }

@@ -4,6 +4,7 @@
 
 #include "Cancellation.h"
 #include "NeverDestroyed.h"
+#include "StandardError.h"
 #include "SystemCalls.h"
 
 #include <array>
@@ -37,16 +38,22 @@ thread_local Record* t_record = nullptr;
 // written may have thrown.
 thread_local bool t_bDropping = false;
 
-/** Threads and static objects may log while the process ends, so nothing here is destroyed. */
-struct HandlerSlot {
+/** Where records go, one at a time. Threads and static objects log while the process ends: never destroyed.
+ */
+struct Output {
     // Recursive: a handler may log, and may replace itself.
     std::recursive_mutex lock;
     std::shared_ptr<const VornLogging::RecordHandler> handler;
+    StandardError standardError;
 };
 
-HandlerSlot& handlerSlot() {
-    static NeverDestroyed<HandlerSlot> slot;
-    return slot.object;
+Output& theOutput() {
+    static NeverDestroyed<Output> output;
+    return output.object;
+}
+
+[[gnu::constructor]] void adoptStandardError() {
+    theOutput().standardError.adopt();
 }
 
 // Serialises the two setters, so that the admitted level always belongs to the last state of both.
@@ -104,26 +111,23 @@ void appendPrintable(VornString& line, const VornString& text) {
     }
 }
 
-void writeLine(const Record& record) {
+VornString lineOf(const Record& record) {
     VornString line;
     line.reserve(record.text.size() + 96);
     appendPrefix(line, record.level);
     appendPrintable(line, record.text);
     line += '\n';
-    // One call, so that lines of several processes do not mix. A lost line is no reason to fail.
-    [[maybe_unused]] const ssize_t written = System::write(STDERR_FILENO, line.data(), line.size());
+    return line;
 }
 
 void emitRecord(const Record& record) {
-    HandlerSlot& slot = handlerSlot();
-    std::unique_lock lock(slot.lock);
-    if (slot.handler == nullptr) {
-        lock.unlock();
-        writeLine(record);
-        return;
-    }
-    const auto handler = slot.handler; // stays alive when the handler replaces itself
-    (*handler)(record.level, record.text);
+    Output& output = theOutput();
+    const std::lock_guard lock(output.lock);
+    const auto handler = output.handler; // stays alive when the handler replaces itself
+    if (handler == nullptr)
+        output.standardError.writeLine(lineOf(record));
+    else
+        (*handler)(record.level, record.text);
 }
 
 } // namespace
@@ -143,9 +147,11 @@ void VornLogging::setRecordHandler(RecordHandler handler) {
     std::shared_ptr<const RecordHandler> replacement;
     if (handler)
         replacement = std::make_shared<const RecordHandler>(std::move(handler));
-    HandlerSlot& slot = handlerSlot();
-    const std::lock_guard lock(slot.lock);
-    slot.handler.swap(replacement);
+    Output& output = theOutput();
+    const std::lock_guard lock(output.lock);
+    output.handler.swap(replacement);
+    if (output.handler == nullptr)
+        output.standardError.adopt();
 }
 
 void VornLogging::setLogLevel(int nLevel) {

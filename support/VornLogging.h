@@ -33,20 +33,24 @@ private:
  * endrecord;
  * @endcode
  * The record is gathered by the writing thread and leaves in one piece at endrecord: as one line on standard
- * error, written with one write(2) and carrying time, level, process and thread id (control characters as
- * \\xNN), or through the handler of a host program. The logger exists before the first and after the last
- * static object of the process. At the start access is allowed and the level is cOff, so that nothing is
- * admitted but by the program's will.
+ * error, which carries time, level, process and thread id (control characters as \\xNN), or through the
+ * handler of a host program. The logger exists before the first and after the last static object of the
+ * process. At the start access is allowed and the level is cOff, so that nothing is admitted but by the
+ * program's will.
+ *
+ * Standard error is what has descriptor 2 when the library is loaded. Where that is closed, nothing is
+ * written. A program may put a file, a pipe or a terminal in its place at any time. A socket that has its
+ * number later is taken for a connection and gets nothing; a program that means it calls
+ * setRecordHandler({}).
  *
  * Thread-safety: every operation may be called from any thread; records do not interleave. A record opened
  * while another one of the same thread is still open is written by itself; one that never sees its endrecord
  * (what was to be written threw) is kept, and comes out with a later endrecord of its thread or not at all.
- * Blocking: the default output blocks as write(2) on standard error does; a handler is called under a lock,
- * one record at a time.
- * Ownership: the handler is copied and lives until it is replaced.
- * Signals: none raised, but SIGPIPE when standard error is a broken pipe.
- * Errors: none reach the writer: a record for which there is no memory, and what a handler throws, are
- * dropped.
+ * Blocking: the default output blocks as write(2) on standard error does. Where that does not block, a record
+ * waits up to a second for room; then the rest of it is lost, and the next begins on a new line. One record
+ * is written or handled at a time, under a lock. Ownership: the handler is copied and lives until it is
+ * replaced. Signals: none raised, but SIGPIPE when standard error is a broken pipe. Errors: none reach the
+ * writer: a record for which there is no memory, and what a handler throws, are dropped.
  */
 class VORNSUPT_API VornLogging {
 public:
@@ -84,7 +88,8 @@ public:
     }
 
     /**
-     * Routes records to @p handler; an empty one restores the default output.
+     * Routes records to @p handler; an empty one restores the default output, to whatever is standard error
+     * by then.
      *
      * The handler is called from every thread that logs, one record at a time. It may log itself and may
      * replace itself, but must not wait for a lock that another thread holds while it logs. When this returns

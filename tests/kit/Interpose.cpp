@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -736,6 +737,12 @@ VORNTEST_EXPORT int usleep(useconds_t microseconds) {
     VORNTEST_WATCH(int, VornTest::describe("usleep", -1, microseconds), real(microseconds));
 }
 
+VORNTEST_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* remaining) {
+    VORNTEST_REAL(clock_nanosleep);
+    VORNTEST_WATCH(int, VornTest::describe("clock_nanosleep", clock, flags),
+                   real(clock, flags, time, remaining));
+}
+
 VORNTEST_EXPORT int getgrnam_r(const char* name, group* entry, char* buffer, size_t size, group** result) {
     VORNTEST_REAL(getgrnam_r);
     // Nothing but a call of the real function sets the result, and its reader looks there first.
@@ -829,6 +836,11 @@ VORNTEST_EXPORT int poll(pollfd* entries, nfds_t count, int limit) {
     VORNTEST_WATCH(
         int, VornTest::describe("poll", count > 0 ? entries[0].fd : -1, static_cast<long>(count), limit),
         real(entries, count, limit));
+}
+
+VORNTEST_EXPORT int fstat(int fd, struct stat* file) noexcept {
+    VORNTEST_REAL(fstat);
+    VORNTEST_WATCH(int, VornTest::describe("fstat", fd), real(fd, file));
 }
 
 VORNTEST_EXPORT int fcntl(int fd, int command, ...) {

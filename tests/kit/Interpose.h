@@ -18,14 +18,15 @@
  * @file
  * Faults injected into, and records taken of, the C library's functions.
  *
- * A program linked with the library of this file defines the functions socket, bind, listen, accept, accept4,
- * connect, send, recv, sendto, recvfrom, recvmsg, setsockopt, getsockname, getsockopt, shutdown, close, pipe,
- * pipe2, eventfd, epoll_create1, epoll_ctl, epoll_wait, epoll_pwait2, ioctl, getrandom, read, write, lstat,
- * unlink, renameat2, chmod, chown, fchmod, select, poll, fcntl, usleep, getuid, getgrnam_r, gethostbyname_r
- * and gethostbyaddr_r itself, which pre-empts the C library's for everybody who calls them through the
- * dynamic linker or from an archive. They forward to the real ones unless an object of the classes below says
- * otherwise. Calls which the C library makes from within itself are not seen. The kit's own peers are seen:
- * make them before, or say which thread or descriptor is meant.
+ * A program linked with the library of this file defines the functions socket, bind, listen, accept,
+ * accept4, connect, send, recv, sendto, recvfrom, recvmsg, setsockopt, getsockname, getsockopt, shutdown,
+ * close, pipe, pipe2, eventfd, epoll_create1, epoll_ctl, epoll_wait, epoll_pwait2, ioctl, getrandom, read,
+ * write, lstat, unlink, renameat2, chmod, chown, fchmod, fstat, select, poll, fcntl, usleep,
+ * clock_nanosleep, getuid, getgrnam_r, gethostbyname_r and gethostbyaddr_r itself, which pre-empts the C
+ * library's for everybody who calls them through the dynamic linker or from an archive. They forward to the
+ * real ones unless an object of the classes below says otherwise. Calls which the C library makes from
+ * within itself are not seen. The kit's own peers are seen: make them before, or say which thread or
+ * descriptor is meant.
  */
 namespace VornTest {
 
@@ -72,8 +73,9 @@ public:
     /**
      * Returns @p result instead of -1; with an error number of 0 errno stays as it was.
      *
-     * Needed for usleep() (0 makes it take no time) and for the *_r functions, which return an error number;
-     * the rule's own error number is then what the caller finds in the resolver's error variable.
+     * Needed for usleep() and clock_nanosleep() (0 makes them take no time) and for the *_r functions, which
+     * return an error number; the rule's own error number is then what the caller finds in the resolver's
+     * error variable.
      */
     FaultRule& returning(long result);
 
@@ -97,8 +99,8 @@ struct CallRecord {
      * Further integer arguments, 0 if there are none: socket (type, protocol), listen (backlog), send, recv,
      * sendto, recvfrom, read and write (length, flags), setsockopt and getsockopt (level, name), shutdown
      * (how), chmod and fchmod (mode), chown (user, group), fcntl (command, argument), poll (entries,
-     * time-out), pipe2 and accept4 (flags), eventfd (count, flags), usleep (microseconds), gethostbyaddr_r
-     * (family).
+     * time-out), pipe2 and accept4 (flags), eventfd (count, flags), usleep (microseconds), clock_nanosleep
+     * (flags), gethostbyaddr_r (family).
      */
     long second = 0;
     long third = 0;

@@ -69,6 +69,7 @@ ErrorLists fileErrors() {
         {"eventfd", {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM}},
         {"fchmod", {EBADF, EIO, EPERM, EROFS, EINVAL, ENOTSUP}},
         {"fcntl", {EACCES, EAGAIN, EBADF, EINVAL, EPERM}},
+        {"fstat", {EBADF, EFAULT, ENOMEM, EOVERFLOW}},
         {"pipe", {EFAULT, EINVAL, EMFILE, ENFILE, ENOPKG}},
         {"poll", {EFAULT, EINTR, EINVAL, ENOMEM}},
         {"read", {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR}},

@@ -2,15 +2,18 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "Await.h"
+#include "Interruptions.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Process.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -26,10 +29,13 @@
 #include <vector>
 
 #include <VornLogging.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace VornTest;
@@ -60,6 +66,7 @@ public:
         m_reading.reset(ends[0]);
         ::dup2(ends[1], STDERR_FILENO);
         ::close(ends[1]);
+        VornLogging::setRecordHandler({}); // a socket is standard error only for a program that says so
         m_reader = std::make_unique<WatchedThread>([this] { collect(); });
     }
 
@@ -94,6 +101,85 @@ private:
     UniqueFd m_saved;
     UniqueFd m_reading;
     std::vector<std::string> m_writes;
+    std::unique_ptr<WatchedThread> m_reader;
+};
+
+/// Keeps a signal from the calling thread while it exists.
+class SignalBlock {
+public:
+    explicit SignalBlock(int number) {
+        sigset_t set;
+        ::sigemptyset(&set);
+        ::sigaddset(&set, number);
+        ::pthread_sigmask(SIG_BLOCK, &set, &m_before);
+    }
+
+    ~SignalBlock() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+private:
+    sigset_t m_before = {};
+};
+
+enum class Channel { Pipe, StreamSocket };
+
+/// Stands in for standard error while it exists; what is written is read only when the test says so.
+class StandardErrorChannel {
+public:
+    explicit StandardErrorChannel(Channel channel, bool isBlocking = true) : m_saved(::dup(STDERR_FILENO)) {
+        int ends[2] = {};
+        EXPECT_EQ(channel == Channel::Pipe ? ::pipe2(ends, O_CLOEXEC)
+                                           : ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends),
+                  0);
+        m_reading.reset(ends[0]);
+        ::fcntl(ends[1], F_SETFL, O_WRONLY | (isBlocking ? 0 : O_NONBLOCK));
+        ::dup2(ends[1], STDERR_FILENO);
+        ::close(ends[1]);
+        VornLogging::setRecordHandler({});
+    }
+
+    ~StandardErrorChannel() { finish(); }
+
+    StandardErrorChannel(const StandardErrorChannel&) = delete;
+    StandardErrorChannel& operator=(const StandardErrorChannel&) = delete;
+
+    /// Reads from now on, until finish().
+    void read() {
+        m_reader = std::make_unique<WatchedThread>([this] {
+            const SignalBlock noInterruption(SIGALRM);
+            std::vector<char> buffer(1 << 16);
+            for (ssize_t length = 1; length > 0;) {
+                length = ::read(m_reading.get(), buffer.data(), buffer.size());
+                m_text.append(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+            }
+        });
+    }
+
+    /// Gives standard error back; the lines that have been written meanwhile, each with its end.
+    std::vector<std::string> finish() {
+        if (!m_saved) {
+            return {};
+        }
+        ::dup2(m_saved.get(), STDERR_FILENO);
+        m_saved.reset();
+        if (m_reader == nullptr) {
+            read();
+        }
+        m_reader->join();
+        std::vector<std::string> lines;
+        for (std::size_t start = 0; start < m_text.size(); start += lines.back().size()) {
+            const std::size_t end = std::min(m_text.find('\n', start), m_text.size() - 1);
+            lines.push_back(m_text.substr(start, end + 1 - start));
+        }
+        return lines;
+    }
+
+private:
+    UniqueFd m_saved;
+    UniqueFd m_reading;
+    std::string m_text;
     std::unique_ptr<WatchedThread> m_reader;
 };
 
@@ -150,6 +236,12 @@ protected:
     }
 };
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool underThreadSanitizer = true;
+#else
+constexpr bool underThreadSanitizer = false;
+#endif
+
 /// A thread sanitizer loses its way when a thread is cancelled within a call that it watches.
 void spinUntilCancelled() {
     for (;;) {
@@ -204,6 +296,25 @@ KIT_ROLE(exitWhileThreadsLog) {
         }).detach();
     }
     return awaitCondition([] { return records > 100; }) ? 0 : 1;
+}
+
+KIT_ROLE(talkInPlaceOfStandardError) {
+    ::close(STDERR_FILENO);
+    if (args.at(0) == "before it starts") {
+        ::execl("/proc/self/exe", "self", "--kit-role", "talkInPlaceOfStandardError", "started", nullptr);
+    }
+    int ends[2] = {};
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || ends[0] != STDERR_FILENO) {
+        return 2;
+    }
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(1, "a record");
+    std::array<char, 1000> bytes{};
+    if (::write(ends[0], "four", 4) != 4) {
+        return 3;
+    }
+    const ssize_t length = ::read(ends[1], bytes.data(), bytes.size());
+    return ::write(STDOUT_FILENO, bytes.data(), static_cast<std::size_t>(length)) == length ? 0 : 4;
 }
 
 TEST_F(VornLoggingTest, InAFreshProcess_AccessIsAllowedTheLevelIsOffAndNothingIsWritten) {
@@ -421,34 +532,123 @@ TEST_F(VornLoggingTest, AHandler_GetsControlCharactersAsTheyAre) {
     EXPECT_THAT(log.texts(), ElementsAre("two\nlines\x1B"));
 }
 
-TEST_F(VornLoggingTest, WithoutAHandler_RecordsOfManyThreadsDoNotInterleave) {
+/// What standard error is while many threads log.
+struct Traffic {
+    Channel channel;
+    bool isBlocking;
+    std::size_t length;
+    int records;
+};
+
+void PrintTo(const Traffic& traffic, std::ostream* out) {
+    *out << (traffic.channel == Channel::Pipe ? "pipe" : "stream socket")
+         << (traffic.isBlocking ? "" : ", not blocking") << ", " << traffic.length << " bytes";
+}
+
+class VornLoggingTraffic : public VornLoggingTest, public testing::WithParamInterface<Traffic> {};
+
+TEST_P(VornLoggingTraffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
     constexpr int cThreads = 4;
-    constexpr int cRecords = 100;
-    StandardErrorWrites output;
+    const Traffic traffic = GetParam();
+    const auto textOf = [&](int thread, int record) {
+        return std::to_string(record) + std::string(traffic.length, static_cast<char>('a' + thread));
+    };
+    StandardErrorChannel output(traffic.channel, traffic.isBlocking);
     VornLogging::getInstance().setLogLevel(9);
+    const Interruptions signals(1);
+    output.read();
     std::vector<std::thread> threads;
     for (int thread = 0; thread < cThreads; ++thread) {
-        threads.emplace_back([thread] {
-            for (int record = 0; record < cRecords; ++record) {
-                logAt(9, "thread ", thread, " record ", record,
-                      VornString(200, static_cast<char>('a' + thread)));
+        threads.emplace_back([&, thread] {
+            for (int record = 0; record < traffic.records; ++record) {
+                logAt(9, textOf(thread, record));
             }
         });
     }
+    const SignalBlock othersAreInterrupted(SIGALRM);
     for (std::thread& thread : threads) {
         thread.join();
     }
-    const std::vector<std::string> texts = textsOf(output.finish());
-    const std::set<std::string> found(texts.begin(), texts.end());
-    EXPECT_EQ(texts.size(), static_cast<std::size_t>(cThreads * cRecords));
+    std::multiset<std::string> expected;
     for (int thread = 0; thread < cThreads; ++thread) {
-        for (int record = 0; record < cRecords; ++record) {
-            const std::string text = "thread " + std::to_string(thread) + " record " +
-                                     std::to_string(record) +
-                                     std::string(200, static_cast<char>('a' + thread));
-            EXPECT_EQ(found.count(text), 1U) << text;
+        for (int record = 0; record < traffic.records; ++record) {
+            expected.insert(textOf(thread, record));
         }
     }
+    const std::vector<std::string> lines = output.finish();
+    EXPECT_EQ(lines.size(), expected.size());
+    int damaged = 0;
+    for (const std::string& text : textsOf(lines)) {
+        const auto found = expected.find(text);
+        damaged += found == expected.end() ? 1 : 0;
+        if (found != expected.end()) {
+            expected.erase(found);
+        }
+    }
+    EXPECT_EQ(damaged, 0);
+    EXPECT_EQ(expected.size(), 0U) << "records that are missing";
+}
+
+INSTANTIATE_TEST_SUITE_P(StandardErrors, VornLoggingTraffic,
+                         testing::Values(Traffic{Channel::Pipe, true, 200, 200},
+                                         Traffic{Channel::Pipe, true, 5'000, 100},
+                                         Traffic{Channel::Pipe, true, 200'000, 20},
+                                         Traffic{Channel::Pipe, false, 5'000, 100},
+                                         Traffic{Channel::Pipe, false, 200'000, 20},
+                                         Traffic{Channel::StreamSocket, true, 200'000, 20},
+                                         Traffic{Channel::StreamSocket, false, 200'000, 20}));
+
+TEST_F(VornLoggingTest, WhenStandardErrorTakesNoMore_ARecordIsCutAndTheNextBeginsOnALineOfItsOwn) {
+    StandardErrorChannel output(Channel::Pipe, false);
+    VornLogging::getInstance().setLogLevel(9);
+    errno = EINTR;
+    logAt(1, std::string(200'000, 'x'));
+    EXPECT_EQ(errno, EINTR);
+    output.read();
+    logAt(1, "the next");
+    const std::vector<std::string> lines = output.finish();
+    ASSERT_THAT(lines, SizeIs(2));
+    EXPECT_LT(lines[0].size(), 200'000U);
+    EXPECT_EQ(Line(lines[0]).m_isWellFormed, true);
+    EXPECT_EQ(Line(lines[1]).m_text, "the next");
+}
+
+TEST_F(VornLoggingTest, AThreadCancelledInTheMidstOfARecord_LeavesTheLoggerUsable) {
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << "it loses its way when a thread is cancelled within a call that it watches";
+    }
+    StandardErrorChannel output(Channel::Pipe);
+    VornLogging::getInstance().setLogLevel(9);
+    WatchedThread writer([] { logAt(1, std::string(200'000, 'x')); });
+    EXPECT_TRUE(awaitBlockedIn(writer.tid(), {SYS_write}));
+    ::pthread_cancel(writer.handle());
+    EXPECT_TRUE(writer.join());
+    EXPECT_EQ(writer.exceptionText(), "cancelled");
+    output.read();
+    logAt(1, "the next");
+    const std::vector<std::string> lines = output.finish();
+    ASSERT_THAT(lines, SizeIs(2));
+    EXPECT_EQ(Line(lines[1]).m_text, "the next");
+}
+
+TEST_F(VornLoggingTest, WhenASocketGetsTheNumberOfStandardError_ItsPeerGetsNoRecord) {
+    for (const char* when : {"while the program runs", "before it starts"}) {
+        ChildProcess child = ChildProcess::spawnRole("talkInPlaceOfStandardError", when);
+        EXPECT_EQ(child.readAllOutput(), "four") << when;
+        EXPECT_EQ(child.wait(), 0) << when;
+    }
+}
+
+TEST_F(VornLoggingTest, WhenAFileTakesThePlaceOfStandardError_RecordsGoThere) {
+    const UniqueFd saved(::dup(STDERR_FILENO));
+    const UniqueFd file(::memfd_create("log", MFD_CLOEXEC));
+    ::dup2(file.get(), STDERR_FILENO);
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(1, "to the file");
+    ::dup2(saved.get(), STDERR_FILENO);
+    std::array<char, 200> text{};
+    const ssize_t length = ::pread(file.get(), text.data(), text.size(), 0);
+    EXPECT_EQ(Line(std::string(text.data(), static_cast<std::size_t>(length))).m_text, "to the file");
 }
 
 TEST_F(VornLoggingTest, WhenStandardErrorIsClosed_LoggingGoesOnWithoutATrace) {

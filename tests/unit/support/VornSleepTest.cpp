@@ -1,15 +1,13 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 
+#include "Interruptions.h"
 #include "LeakCheckedTest.h"
 
-#include <atomic>
 #include <chrono>
-#include <csignal>
 
 #include <VornSleep.h>
 #include <gtest/gtest.h>
-#include <sys/time.h>
 
 using namespace VornTest;
 using namespace std::chrono_literals;
@@ -19,32 +17,6 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 class VornSleepTest : public LeakCheckedTest {};
-
-std::atomic<int> g_alarms{0};
-
-/// Interrupts the program every few milliseconds while it exists.
-class Interruptions {
-public:
-    Interruptions() {
-        struct sigaction action = {};
-        action.sa_handler = [](int) { ++g_alarms; }; // and no SA_RESTART
-        ::sigaction(SIGALRM, &action, &m_oldAction);
-        const itimerval every = {{0, 3000}, {0, 3000}};
-        ::setitimer(ITIMER_REAL, &every, nullptr);
-    }
-
-    ~Interruptions() {
-        const itimerval never = {};
-        ::setitimer(ITIMER_REAL, &never, nullptr);
-        ::sigaction(SIGALRM, &m_oldAction, nullptr);
-    }
-
-    Interruptions(const Interruptions&) = delete;
-    Interruptions& operator=(const Interruptions&) = delete;
-
-private:
-    struct sigaction m_oldAction = {};
-};
 
 } // namespace
 
@@ -71,12 +43,11 @@ TEST_F(VornSleepTest, WithZeroOrLess_ReturnsAtOnce) {
 }
 
 TEST_F(VornSleepTest, WhenSignalsAreHandledMeanwhile_IsNotShortened) {
-    g_alarms = 0;
     const Interruptions interruptions;
     const Clock::time_point start = Clock::now();
     VornSleep(100);
     EXPECT_GE(Clock::now() - start, 100ms);
-    EXPECT_GT(g_alarms.load(), 0);
+    EXPECT_GT(Interruptions::count(), 0);
 }
 
 TEST_F(VornSleepTest, IntoTheNextSecondOfTheClock_LastsAtLeastAsLongAsAsked) {
