@@ -129,9 +129,11 @@ public:
     /**
      * Looks at the next line (text ended by CR LF) without consuming it. When nothing is waiting it looks
      * three times within 200 ms. A line that has arrived only in part is no line yet.
-     * @param pBuffer     receives the line without its CR LF, terminated by a zero byte
+     * @param pBuffer     receives what is looked at and a zero byte; a line without its CR LF. What stands
+     * behind that is left as it was
      * @param nSize       on entry the capacity of @p pBuffer in bytes, terminator included; on exit the
-     * number of waiting bytes looked at. A capacity below 2 has room for nothing: false, with 0
+     * number of waiting bytes looked at. A capacity of 1 has room for none: false, with 0 and the
+     * transport's error
      * @param nErrorCode  receives the transport's error number, or 0
      * @return true when a whole line of printable characters is waiting. Why it is not is logged at level 4
      */

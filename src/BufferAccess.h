@@ -6,6 +6,7 @@
 #include "VornBufferConnection.h"
 #include "VornUDPSocketConnection.h"
 
+#include <algorithm>
 #include <cstring>
 #include <typeinfo>
 
@@ -59,6 +60,12 @@ public:
             return false;
         m_buffer->m_nInIndex = m_buffer->m_nOutIndex;
         return true;
+    }
+
+    /** @return how many of the @p claimed bytes a peekBytes() has shown that leaves the size as it was. */
+    static int shown(VornConnection& connection, int claimed) {
+        const auto* buffer = dynamic_cast<const VornBufferConnection*>(&connection);
+        return buffer == nullptr ? claimed : std::min(claimed, buffer->m_nOutIndex - buffer->m_nInIndex);
     }
 
 private:

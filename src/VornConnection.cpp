@@ -6,8 +6,8 @@
 
 #include <Cancellation.h>
 #include <LogRecord.h>
-#include <SystemCalls.h>
 #include <VornException.h>
+#include <VornSleep.h>
 
 #include <algorithm>
 #include <cctype>
@@ -277,29 +277,31 @@ void VornConnection::put(void* pBuffer, int nSize) {
 
 bool VornConnection::peekLine(char* pBuffer, int& nSize, int& nErrorCode) {
     constexpr int cMostTries = 3;
-    constexpr useconds_t cPause = 100'000;
-    const int nCapacity = nSize - 1;
-    int n = 0;
+    constexpr int cPause = 100;
     nErrorCode = 0;
-    if (nCapacity >= 0)
-        std::memset(pBuffer, 0, static_cast<std::size_t>(nCapacity) + 1);
-    for (int nTries = 1; nCapacity > 0; ++nTries) {
-        n = nCapacity;
+    if (nSize < 1) { // no room for the terminator
+        nSize = 0;
+        return false;
+    }
+    const int nCapacity = nSize - 1;
+    for (int nTries = 1;; ++nTries) {
+        int n = nCapacity;
         peekBytes(pBuffer, n, nErrorCode);
         // A refused connection leaves the size as it was: the error decides.
-        n = nErrorCode != 0 ? 0 : std::clamp(n, 0, nCapacity);
-        if (n > 0 || nErrorCode != 0 || nTries == cMostTries)
+        nSize = nErrorCode != 0 ? 0 : std::clamp(n, 0, nCapacity);
+        if (nSize > 0 || nErrorCode != 0 || nTries == cMostTries)
             break;
-        System::usleep(cPause);
+        VornSleep(cPause);
     }
-    nSize = n;
-    if (nCapacity < 0)
-        return false;
-    pBuffer[n] = '\0';
+    pBuffer[nSize] = '\0';
+    // A buffer connection claims the whole room, whatever it has copied; an old line must not show behind
+    // that.
+    if (nSize == nCapacity)
+        pBuffer[BufferAccess::shown(*this, nSize)] = '\0';
 
     char* lineEnd = std::strstr(pBuffer, "\r\n");
     if (lineEnd == nullptr) {
-        logRecord(VornLogging::cVerbose, "VornConnection::peekLine: read ", n, " without a <CRLF> pair");
+        logRecord(VornLogging::cVerbose, "VornConnection::peekLine: read ", nSize, " without a <CRLF> pair");
         return false;
     }
     *lineEnd = '\0';
@@ -312,9 +314,6 @@ bool VornConnection::peekLine(char* pBuffer, int& nSize, int& nErrorCode) {
 }
 
 char* VornConnection::getLine(char* pszBuffer, int nBufferLen, int& nErrorCode) {
-    nErrorCode = 0;
-    if (nBufferLen < 2) // no byte can be looked at, so no line would ever be found
-        return nullptr;
     for (;;) {
         nErrorCode = 0;
         int n = nBufferLen;
@@ -323,7 +322,7 @@ char* VornConnection::getLine(char* pszBuffer, int nBufferLen, int& nErrorCode) 
             return nullptr;
         if (isLine)
             break;
-        if (n != 0)
+        if (n != 0 || nBufferLen < 2) // no byte can be looked at, so no line would ever be found
             return nullptr;
     }
     const int nLineLen = static_cast<int>(std::strlen(pszBuffer));

@@ -38,8 +38,7 @@ thread_local Record* t_record = nullptr;
 // written may have thrown.
 thread_local bool t_bDropping = false;
 
-/** Where records go, one at a time. Threads and static objects log while the process ends: never destroyed.
- */
+/** Where records go, one at a time. Threads and static objects may log while the process ends: it stays. */
 struct Output {
     // Recursive: a handler may log, and may replace itself.
     std::recursive_mutex lock;
