@@ -18,7 +18,7 @@ namespace VornNet {
 class VORNNET_API VornUnableToResolveAddressException : public VornException {
 public:
     /** The text becomes "VornUnableToResolveAddressException - " and @p sMessageName, the code 0. */
-    explicit VornUnableToResolveAddressException(const VornString& sMessageName);
+    VornUnableToResolveAddressException(const VornString& sMessageName);
     /** Copies member by member. */
     VornUnableToResolveAddressException(const VornUnableToResolveAddressException& source);
     /** Assigns member by member. */

@@ -18,7 +18,7 @@ namespace VornNet {
 class VORNNET_API VornUnableToResolveNameException : public VornException {
 public:
     /** The text becomes "VornUnableToResolveNameException - " and @p sMessageName, the code 0. */
-    explicit VornUnableToResolveNameException(const VornString& sMessageName);
+    VornUnableToResolveNameException(const VornString& sMessageName);
     /** Copies member by member. */
     VornUnableToResolveNameException(const VornUnableToResolveNameException& source);
     /** Assigns member by member. */

@@ -21,7 +21,7 @@ namespace VornSupport {
 class VORNSUPT_API ModuleData {
 public:
     /** @param bAutoInit whether the module attaches and detaches by itself */
-    explicit ModuleData(bool bAutoInit);
+    ModuleData(bool bAutoInit);
     virtual ~ModuleData();
 
     ModuleData(const ModuleData&) = delete;

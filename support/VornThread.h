@@ -37,7 +37,7 @@ public:
     enum t_Priority { cPriorityLow, cPriorityNormal, cPriorityHigh };
 
     /** @param sName names the thread in log records and, cut to 15 bytes, in the system's thread lists. */
-    explicit VornThread(const VornString& sName);
+    VornThread(const VornString& sName);
     ~VornThread() override;
 
     VornThread(const VornThread&) = delete;
