@@ -7,6 +7,11 @@
 
 #include <string>
 
+// Another std::string has another layout under the same name: such a program links and damages its memory.
+#if !defined(__GLIBCXX__) || !_GLIBCXX_USE_CXX11_ABI
+#    error "vornnet needs libstdc++ and its C++11 std::string: no -stdlib=libc++, _GLIBCXX_USE_CXX11_ABI=1"
+#endif
+
 /** @file
  *  The two text types and the conversions between them and to character buffers.
  *
