@@ -9,12 +9,25 @@
 #include <new>
 
 #include <dlfcn.h>
-#include <execinfo.h>
+#if __has_include(<execinfo.h>)
+#    include <execinfo.h>
+#endif
 #include <link.h>
 
 namespace VornSupport {
 
 namespace {
+
+// _dl_find_object() came with glibc 2.35. On an older system, to build on or to run on, the text stays empty.
+#if __has_include(<execinfo.h>) && defined(DLFO_STRUCT_HAS_EH_DBASE)
+
+using FindObject = int (*)(void* address, dl_find_object* result);
+
+/** @return the function, null where there is none. Looked up by name: a weak symbol needs glibc 2.35 too. */
+FindObject findObject() {
+    static const auto find = reinterpret_cast<FindObject>(::dlsym(RTLD_DEFAULT, "_dl_find_object"));
+    return find;
+}
 
 /**
  * Appends "FILE(+0xOFFSET)", which addr2line(1) understands. Names of functions are left out: looking one up
@@ -23,7 +36,7 @@ namespace {
  */
 void appendFrame(VornString& stack, void* address) {
     dl_find_object object{};
-    const bool isKnown = ::_dl_find_object(address, &object) == 0;
+    const bool isKnown = findObject()(address, &object) == 0;
     const char* file = isKnown ? object.dlfo_link_map->l_name : "?";
     const auto base = isKnown ? object.dlfo_link_map->l_addr : 0;
     std::array<char, 32> offset{};
@@ -34,6 +47,8 @@ void appendFrame(VornString& stack, void* address) {
 [[gnu::noinline]] VornString captureCallStack() {
     constexpr int cMostFrames = 32;
     constexpr int cOwnFrames = 2; // this function and the constructor
+    if (findObject() == nullptr)
+        return {};
     std::array<void*, cMostFrames> frames{};
     const int count = ::backtrace(frames.data(), cMostFrames);
     VornString stack;
@@ -41,6 +56,14 @@ void appendFrame(VornString& stack, void* address) {
         appendFrame(stack, frames[static_cast<std::size_t>(i)]);
     return stack;
 }
+
+#else
+
+VornString captureCallStack() {
+    return {};
+}
+
+#endif
 
 } // namespace
 

@@ -2,11 +2,13 @@
 // SPDX-License-Identifier: Apache-2.0
 
 #include "LeakCheckedTest.h"
+#include "Process.h"
 #include "SharedObject.h"
 #include "plugins/RegistryPlugin.h"
 
 #include <array>
 #include <cstring>
+#include <iostream>
 #include <random>
 #include <string>
 #include <system_error>
@@ -171,6 +173,17 @@ TEST_F(VornExceptionTest, FormattedMessages_AreOneLineEachNewestFirst) {
     exception.pushMessage(L"second");
     EXPECT_EQ(exception.getFormattedMessages(), "second\nfirst\n");
     EXPECT_EQ(exception.getText(), "text");
+}
+
+KIT_ROLE(showCallStack) {
+    std::cout << (VornException("text", 0).getCallStack().empty() ? "empty" : "filled") << std::endl;
+    return 0;
+}
+
+TEST_F(VornExceptionTest, CallStack_WhereTheSystemCannotFindObjects_IsEmpty) {
+    EXPECT_EQ(ChildProcess::spawnRole("showCallStack").readAllOutput(), "filled\n");
+    const std::string preload = "LD_PRELOAD=" VORNTEST_OLDER_SYSTEM_FILE;
+    EXPECT_EQ(ChildProcess::spawnRoleWith({preload}, "showCallStack").readAllOutput(), "empty\n");
 }
 
 TEST_F(VornExceptionTest, CallStack_NamesTheProgramThatConstructedIt) {

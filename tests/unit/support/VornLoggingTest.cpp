@@ -545,9 +545,9 @@ void PrintTo(const Traffic& traffic, std::ostream* out) {
          << (traffic.isBlocking ? "" : ", not blocking") << ", " << traffic.length << " bytes";
 }
 
-class VornLoggingTraffic : public VornLoggingTest, public testing::WithParamInterface<Traffic> {};
+class VornLogging_Traffic : public VornLoggingTest, public testing::WithParamInterface<Traffic> {};
 
-TEST_P(VornLoggingTraffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
+TEST_P(VornLogging_Traffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
     constexpr int cThreads = 4;
     const Traffic traffic = GetParam();
     const auto textOf = [&](int thread, int record) {
@@ -589,7 +589,7 @@ TEST_P(VornLoggingTraffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
     EXPECT_EQ(expected.size(), 0U) << "records that are missing";
 }
 
-INSTANTIATE_TEST_SUITE_P(StandardErrors, VornLoggingTraffic,
+INSTANTIATE_TEST_SUITE_P(StandardErrors, VornLogging_Traffic,
                          testing::Values(Traffic{Channel::Pipe, true, 200, 200},
                                          Traffic{Channel::Pipe, true, 5'000, 100},
                                          Traffic{Channel::Pipe, true, 200'000, 20},
