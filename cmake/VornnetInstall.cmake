@@ -6,6 +6,10 @@
 # `documentation` all that is there to be read.
 include(CMakePackageConfigHelpers)
 
+# A library finds those it needs beside it, wherever they are installed. In packages they are where the system looks.
+if(NOT VORNNET_PACKAGING)
+    set_target_properties(vornnet vornnotify PROPERTIES INSTALL_RPATH "\$ORIGIN")
+endif()
 install(TARGETS vornsupt vornnet EXPORT vornnet-targets
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vornnet COMPONENT development)
