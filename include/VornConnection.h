@@ -9,7 +9,54 @@
 #include <VornSmartPointer.h>
 #include <VornString.h>
 
+#include <string_view>
+#include <type_traits>
+
 namespace VornNet {
+
+/** The types that VornConnection::transfer() refuses. */
+namespace Refused {
+
+/// @cond
+template <typename T, typename... Others>
+inline constexpr bool isOneOf = (std::is_same_v<T, Others> || ...);
+
+template <typename T>
+inline constexpr bool isByte = std::is_integral_v<T> && sizeof(T) == 1 && !std::is_same_v<T, bool>;
+
+template <typename T>
+inline constexpr bool isText =
+    std::is_convertible_v<T, const char*> || std::is_convertible_v<T, const VornString&>;
+
+template <typename T, bool = std::is_class_v<T>>
+inline constexpr bool isPointer = (std::is_pointer_v<T> && !isText<T>) || std::is_member_pointer_v<T>;
+
+template <typename T>
+inline constexpr bool isPointer<T, true> = std::is_convertible_v<T, const volatile void*> && !isText<T>;
+
+/// @endcond
+
+/** Characters and bytes. */
+template <typename T>
+using Byte = std::enable_if_t<isByte<T>>;
+
+/** Integers that are none of short, int and long. */
+template <typename T>
+using Integer = std::enable_if_t<std::is_integral_v<T> && !isByte<T> && !isOneOf<T, bool, short, int, long>>;
+
+/** Numbers with a fraction. */
+template <typename T>
+using Fraction = std::enable_if_t<std::is_floating_point_v<T>>;
+
+/** Views of texts. */
+template <typename T>
+using View = std::enable_if_t<std::is_same_v<T, std::string_view>>;
+
+/** Pointers of any kind to anything but a text. */
+template <typename T>
+using Pointer = std::enable_if_t<isPointer<T>>;
+
+} // namespace Refused
 
 /**
  * A bidirectional byte connection, and the one typed encoding that the library speaks over it.
@@ -197,6 +244,20 @@ public:
      * because a literal would otherwise be taken for a bool.
      */
     void transfer(const char* text);
+
+    // The comments are what a compiler shows of a refused call.
+    /** Refused: these would be sent as another type, or leave open as which. @{ */
+    template <typename T>
+    Refused::Byte<T> transfer(T) = delete; // write VornString(1, character) or static_cast<short>(number)
+    template <typename T>
+    Refused::Integer<T> transfer(T) = delete; // write static_cast<int>(number), or <short> or <long>
+    template <typename T>
+    Refused::Fraction<T> transfer(T) = delete; // write VornString(std::to_string(number)), or cast to int
+    template <typename T>
+    Refused::View<T> transfer(T) = delete; // write VornString(view)
+    template <typename T>
+    Refused::Pointer<T> transfer(T) = delete; // write *pointer, or pointer != nullptr for a bool
+    /** @} */
 
     /**
      * Establishes the connection unless it is established; every typed operation begins with it.
