@@ -18,8 +18,10 @@ namespace VornNet {
  * at each step. It is meant for messages of some KiB; what is larger is written in few large pieces, or put()
  * on a stream connection.
  *
- * Thread-safety: none; one thread at a time. Blocking: never.
- * Ownership: the block belongs to the connection. Signals: none raised.
+ * Thread-safety: none; one thread at a time.
+ * Blocking: never.
+ * Ownership: the block belongs to the connection.
+ * Signals: none raised.
  * Errors: as VornConnection. A write for which there is no memory is dropped without an error; reading past
  * the end is "VornConnection::get: failed read" with code 0. Nothing is logged.
  */

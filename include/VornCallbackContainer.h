@@ -19,12 +19,14 @@ typedef std::map<int, VornSmartPointer<VornNotificationCallback>> NotificationCa
 /**
  * A sink's registry of callbacks by id.
  *
- * It starts empty. A client takes an id, makes its callback with it and adds it; the sink looks it up for
- * each notification; the client removes it in the end.
+ * It starts empty. A client gets an id, creates its callback with it and adds the callback. The sink looks
+ * the callback up for each notification. The client removes it in the end.
  *
- * Thread-safety: all operations may be called from any thread; a callback that is removed while it runs lives
- * on until it returns. Blocking: on the container's lock, which the sink holds while a callback runs.
- * Ownership: holds one reference to each callback. Signals: none raised.
+ * Thread-safety: all operations may be called from any thread, under the lock mutex(). A callback that is
+ * removed while it runs lives until it returns.
+ * Blocking: on mutex(), which the sink holds while a callback runs.
+ * Ownership: holds one reference to each callback.
+ * Signals: none raised.
  * Errors: std::bad_alloc from add() only.
  */
 class VORNNET_API VornCallbackContainer {

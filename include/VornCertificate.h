@@ -12,7 +12,10 @@ namespace VornNet {
 /**
  * Names the certificate and key files of an SSL server. It encrypts nothing and opens no file.
  *
- * Thread-safety: as any value. Blocking: none. Ownership: holds copies of the paths. Signals: none.
+ * Thread-safety: as any value.
+ * Blocking: none.
+ * Ownership: holds copies of the paths.
+ * Signals: none.
  * Errors: std::bad_alloc only.
  */
 class VORNNET_API VornCertificate {

@@ -59,29 +59,30 @@ using Pointer = std::enable_if_t<isPointer<T>>;
 } // namespace Refused
 
 /**
- * A bidirectional byte connection, and the one typed encoding that the library speaks over it.
+ * A bidirectional byte connection, and the typed encoding that the library uses on it.
  *
  * A client's connection is constructed unconnected and establishes itself in its first operation; a server's
- * connection is handed out connected. Typed values are then written with transfer() and read with the
- * receive...() operation of the same type. disconnect() closes the connection; a client's connection opens a
- * new one when it is used again. Destruction closes what is still open.
+ * connection is connected from the start. transfer() writes typed values, and the receive...() operation of
+ * the same type reads them. disconnect() closes the connection; a client's connection opens a new one when it
+ * is used again. The destructor closes what is still open.
  *
- * Numbers travel most significant byte first. Nothing on the wire tells the type of a value, nothing is
- * acknowledged, and after a failure the two ends may stand at different places of the stream: the only sound
- * continuation is to disconnect.
+ * Numbers are sent most significant byte first. The wire does not say the type of a value, and nothing is
+ * acknowledged. After a failure the two ends may be at different places of the stream, and the only safe
+ * thing to do is to disconnect.
  *
  * Thread-safety: none; one connection is used by one thread at a time.
- * Blocking: every operation blocks for as long as its transport does; there are no time-outs.
- * Ownership: never copied; shared through VornSmartPointer, or a local object that no smart pointer refers
- * to. Signals: writing to a peer that is gone raises SIGPIPE on the stream transports: ignore it in every
- * program that writes. A signal that is handled without SA_RESTART breaks a blocking operation off (code 4,
- * EINTR). Errors: typed operations throw VornException; "VornConnection::get: failed read" and
- * "VornConnection::put: transfer failed." carry the transport's error number. Any other exception that
- * reaches a typed operation ends the process. The raw operations report through their out-parameters.
+ * Blocking: every operation blocks as long as its transport does; there are no time-outs.
+ * Ownership: never copied; shared through VornSmartPointer, or a local object to which no smart pointer
+ * refers.
+ * Signals: writing to a peer that is gone raises SIGPIPE on the stream transports: ignore it in every program
+ * that writes. A signal that is handled without SA_RESTART interrupts a blocking operation (code 4, EINTR).
+ * Errors: typed operations throw VornException; "VornConnection::get: failed read" and "VornConnection::put:
+ * transfer failed." have the transport's error number. Any other exception that reaches a typed operation
+ * ends the process. The raw operations report through their out-parameters.
  */
 class VORNNET_API VornConnection : public VornObjectBase {
 public:
-    /** Makes an unconnected connection without a remote name that is no client's. */
+    /** Creates an unconnected connection of a server's side, without a remote name. */
     VornConnection();
 
     /**
@@ -113,7 +114,7 @@ public:
     virtual void transfer(short nValue);
 
     /**
-     * Writes 8 bytes: the low 32 bits of the value, then four zero bytes. The upper half does not travel:
+     * Writes 8 bytes: the low 32 bits of the value, then four zero bytes. The upper half is not sent:
      * a negative value arrives as a large positive one.
      * @throws VornException "VornConnection::put: transfer failed."
      */
@@ -125,8 +126,8 @@ public:
 
     /**
      * Reads a text as transfer(const VornString&) writes it. It is cut at its first zero byte; the bytes
-     * behind it are consumed all the same. The announced length is not limited: what cannot be allocated is a
-     * failed read, and memory is touched only as bytes arrive.
+     * after it are consumed all the same. The announced length is not limited: if it cannot be allocated, the
+     * read fails, and memory is touched only as bytes arrive.
      * @throws VornException "VornConnection::get: failed read" with the transport's error number, 12 (ENOMEM)
      *         when there is no memory for the length, or 0 for a negative length
      */
@@ -162,14 +163,14 @@ public:
     /**
      * Reads exactly @p nSize bytes into @p pBuffer. @return @p nSize
      * @throws VornException "VornConnection::get: failed read" when the transport delivers any other count;
-     *         the transport's error number is not looked at
+     *         the transport's error number is ignored
      */
     virtual int get(void* pBuffer, int nSize);
 
     /**
      * Writes @p nSize bytes from @p pBuffer, which is not changed.
      * @throws VornException "VornConnection::put: transfer failed." when the transport reports an error
-     * number; the count is not looked at
+     * number; the count is ignored
      */
     virtual void put(void* pBuffer, int nSize);
 

@@ -13,16 +13,17 @@
 namespace VornNet {
 
 /**
- * Something a thread waits on until a client arrives, and which hands the client out as a connection.
+ * A server: a thread waits on it for a client and receives that client as a connection.
  *
- * One thread calls waitForClient() in a loop; another ends the wait with close(). A closed server opens again
- * with the next wait.
+ * One thread calls waitForClient() in a loop; another ends the wait with close(). The next wait opens a
+ * closed server again.
  *
  * Thread-safety: close() may be called from any thread while one thread waits. Only one thread waits at a
- * time. Blocking: waitForClient() until a client arrives or the server is closed; waitForInit() until it is
- * ready. Ownership: a server is created with `new` and owned through VornSmartPointer; so are the connections
- * it hands out. Signals: none raised. Errors: waitForClient() throws VornException with the transport's text
- * and error number.
+ * time.
+ * Blocking: waitForClient() until a client arrives or the server is closed; waitForInit() until it is ready.
+ * Ownership: a server is created with `new` and owned through VornSmartPointer, and so are its connections.
+ * Signals: none raised.
+ * Errors: waitForClient() throws VornException with the transport's text and error number.
  */
 class VORNNET_API VornIPCServer : public VornObjectBase {
 public:
@@ -46,7 +47,7 @@ public:
 
 protected:
     /**
-     * Waits for the next client on behalf of waitForClient().
+     * Does the waiting of waitForClient().
      * @param sExceptionMessage receives a text on failure, and stays empty when the server was closed
      * @param nErrorCode        receives an errno value on failure
      */

@@ -13,40 +13,43 @@
 namespace VornNet {
 
 /**
- * The client's end of notifications: a thread with a server of its own that hands each notification to the
- * callback it is meant for.
+ * The client's end of notifications: a thread with its own server that passes each notification to the right
+ * callback.
  *
- * The constructor starts the thread, which makes the server: by the environment variable
- * QUORAX_CALLB_CONN_TYPE a local pipe ("pipe", also by default), TCP ("socket") or UDP ("udp", both from port
- * 5023 upward on the address that "localhost" resolves to). It returns when the server is ready, and not
- * before: where the server cannot be made (no pipe directory), it waits for ever, so look first. The client
- * then registers callbacks, and passes getCallbackAddress() and a callback's id to the service. Each
- * notification comes over a connection of its own; after each the server is closed and opened again. A sender
- * meets a closed server in between: it is refused, or over UDP and with TCP's queue its notification is lost.
- * Nothing promises that notifications sent without pause all arrive.
+ * The constructor starts the thread, which creates the server. The environment variable
+ * QUORAX_CALLB_CONN_TYPE chooses the transport: a local pipe ("pipe", also by default), TCP ("socket") or UDP
+ * ("udp", like TCP from port 5023 upward on the address that "localhost" resolves to). The constructor
+ * returns when the server is ready. If the server cannot be created (no pipe directory), it never returns, so
+ * check first. Then the client registers callbacks, and passes getCallbackAddress() and a callback id to the
+ * service.
  *
- * Over TCP and UDP the address changes when the port is taken at such a re-opening. A callback that reads on
- * to the end of the stream before it returns lets the sender close first, and the port stays.
+ * Each notification comes over its own connection. After each, the sink closes its server and opens it again.
+ * In between, a sender is refused, or, over UDP and in the queue of TCP, its notification is lost.
+ * Notifications that are sent back to back do not all arrive.
  *
- * Of several sinks in one process, the pipe kind serves only the last: they share one name.
+ * Over TCP and UDP the address changes if the port is taken when the server is opened again. If the callback
+ * reads to the end of the stream before it returns, the sender closes first, and the port stays.
+ *
+ * If one process has several sinks over pipes, only the last is served: they share one name.
  *
  * Thread-safety: getCallbackContainer(), getCallbackAddress() and getCallbackSocket() may be called from any
- * thread; the destructor by the owner, never from a callback, which would have to end before itself: that
- * ends the process. Blocking: the constructor, see above; the destructor ends the thread: it waits for a
- * running callback, and after 200 ms cuts off the reading side of the connection that is being served.
+ * thread; the address is guarded by a lock of the library. The owner calls the destructor, never a callback:
+ * that would wait for itself, so it ends the process.
+ * Blocking: the constructor, see above. The destructor ends the thread: it waits for a running callback, and
+ * after 200 ms cuts off the reading side of the connection that is being served.
  * Ownership: the sink owns its server and its callback container.
- * Signals: one that is handled on the thread without SA_RESTART ends the sink over TCP and UDP.
- * Errors: a failure while a notification is served is decided by its code: 98 (address in use) moves TCP and
- * UDP to the next port and ends a pipe sink; 104 (connection reset) and 4 (interrupted) end the sink; any
- * other is remembered and the sink goes on, after a pause of 1 to 100 ms when it was the wait that failed. An
- * empty datagram ends a UDP sink. Everything is logged at level 9.
+ * Signals: a signal that is handled on the thread without SA_RESTART ends the sink over TCP and UDP.
+ * Errors: if serving a notification fails, the code decides: 98 (address in use) moves TCP and UDP to the
+ * next port and ends a pipe sink; 104 (connection reset) and 4 (interrupted) end the sink; with any other the
+ * sink remembers it and goes on, after a pause of 1 to 100 ms if the wait failed. An empty datagram ends a
+ * UDP sink. Everything is logged at level 9.
  */
 class VORNNET_API VornLibraryCallbackSink : public VornThread {
 public:
     /** Starts the sink and returns when it can be reached. @param moduleName names the thread */
     explicit VornLibraryCallbackSink(const VornString& moduleName);
 
-    /** Closes the server and ends the thread; then the callbacks are let go of. */
+    /** Closes the server, ends the thread and releases the callbacks. */
     ~VornLibraryCallbackSink() override;
 
     using VornThread::run;
@@ -65,10 +68,10 @@ public:
     VornString getCallbackAddress();
 
 protected:
-    /** Makes the server that the environment asks for; on the sink's thread. */
+    /** Creates the server that the environment asks for; on the sink's thread. */
     void establishCallbackServer();
 
-    /** Makes the pipe server; on the sink's thread. */
+    /** Creates the pipe server; on the sink's thread. */
     void establishDefaultCallbackServer();
 
     /** Waits, without limit, until the thread's server is ready. */

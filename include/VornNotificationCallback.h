@@ -13,21 +13,24 @@
 namespace VornNet {
 
 /**
- * What a client wants done with a notification. A program derives from it and supplies doCallback().
+ * The function that a client wants to be called for a notification. A program derives from it and implements
+ * doCallback().
  *
- * The client takes an id from its sink's VornCallbackContainer, makes the callback with it, adds it, and
+ * The client gets an id from its sink's VornCallbackContainer, creates the callback with it, adds it, and
  * sends the id to the service. Each notification for that id calls callback() on the sink's thread;
- * afterwards the callback's event is set. The client removes the callback when it wants no more.
+ * afterwards the callback's event is set. In the end the client removes the callback.
  *
- * Over TCP, read on to the end of the stream before doCallback() returns (one read that fails is enough): the
- * sender then closes first, and the sink keeps its port.
+ * Over TCP, read to the end of the stream before doCallback() returns (one read that fails is enough): then
+ * the sender closes first, and the sink keeps its port.
  *
- * Thread-safety: doCallback() runs on the sink's thread with the container locked: it must not wait for
- * another thread that adds, removes or looks up callbacks, and must not destroy the sink. The event may be
- * used from any thread. Blocking: while doCallback() runs, no other notification is received. Ownership:
- * created with `new` and owned through VornSmartPointer; the connection is lent for the call. Signals: none
- * raised. Errors: what doCallback() throws leaves the event as it is and goes to the sink, which decides by a
- * VornException's code, see VornLibraryCallbackSink; any other exception ends the sink's thread.
+ * Thread-safety: doCallback() runs on the sink's thread under the container's lock,
+ * VornCallbackContainer::mutex(). It must not wait for another thread that adds, removes or looks up
+ * callbacks, and must not destroy the sink. The event may be used from any thread.
+ * Blocking: while doCallback() runs, no other notification is received.
+ * Ownership: created with `new` and owned through VornSmartPointer; the connection is lent for the call.
+ * Signals: none raised.
+ * Errors: an exception from doCallback() leaves the event as it is and goes to the sink. For a VornException
+ * the sink decides by its code, see VornLibraryCallbackSink; any other exception ends the sink's thread.
  */
 class VORNNET_API VornNotificationCallback : public VornEvent, public VornObjectBase {
 public:
@@ -42,7 +45,8 @@ public:
     int getId();
 
 protected:
-    /** Handles one notification: reads its content from the connection, of which the handle has been read. */
+    /** Handles one notification: reads its content from the connection. The callback id has been read
+     * already. */
     virtual void doCallback(VornSmartPointer<VornConnection>& spConnection) = 0;
 
     int m_nId; ///< as given at construction

@@ -10,9 +10,9 @@ namespace VornNet {
 /**
  * A connection over a local named pipe: a Unix-domain stream socket in the pipe directory.
  *
- * A client's connection is made from the pipe's short name and connects in its first operation; a pipe
- * server's connection is made around an accepted socket. disconnect() closes the socket; a client's
- * connection then connects anew, to the same name, when it is used again.
+ * A client's connection is created with the pipe's short name and connects in its first operation. A pipe
+ * server's connection is created with an accepted socket. disconnect() closes the socket; when a client's
+ * connection is used again, it connects to the same name again.
  *
  * Thread-safety: none; one thread at a time.
  * Blocking: as connect(2), recv(2) and send(2) on unix(7) sockets; connecting blocks while the server's queue
@@ -21,16 +21,16 @@ namespace VornNet {
  * Signals: writing to a peer that has closed raises SIGPIPE; every program that writes must ignore it.
  * Errors: as VornConnection; establishing throws "VornPipeConnection::establish: connection request failed."
  * with the error number (2 no such pipe, 111 nobody listens, 13 no permission, 36 name too long), and
- * "VornConnection::connectToService: connection to remote service failed." with 0. When no socket can be
+ * "VornConnection::connectToService: connection to remote service failed." with 0. If no socket can be
  * created, establishing succeeds and the next operation fails with 107 (ENOTCONN).
  */
 class VORNNET_API VornPipeConnection : public VornConnection {
 public:
-    /** Makes a client's connection to the pipe of that short name; it does not connect yet. */
+    /** Creates a client's connection to the pipe of that short name; it does not connect yet. */
     explicit VornPipeConnection(const VornString& sPipeName);
 
     /**
-     * Makes a server's connection.
+     * Creates a server's connection.
      * @param pPipeHandle    points to an int with the accepted socket's descriptor, which belongs to the
      *                       connection from now on; the int itself is not kept
      * @param iAccessRights  the access rights to report

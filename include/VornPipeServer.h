@@ -10,23 +10,23 @@
 namespace VornNet {
 
 /**
- * A server on a local named pipe: a Unix-domain stream socket whose file lies in the pipe directory.
+ * A server on a local named pipe: a Unix-domain stream socket whose file is in the pipe directory.
  *
- * It is created listening. One thread waits for clients; close() wakes it through a private pipe, and the
- * waiting thread releases the socket itself; without a waiting thread close() releases at once. The next wait
- * binds the same path again. The file is never removed, only replaced: a server takes the path over from
- * whoever has it, without a word. The directory, "/opt/vorn/hostmgr/var/lib/kestrel/rendez/", is never
+ * It listens from its creation. One thread waits for clients. close() wakes it through a private pipe, and
+ * the waiting thread releases the socket itself; without a waiting thread close() releases it at once. The
+ * next wait binds the same path again. The file is never removed, only replaced: a server silently takes over
+ * the path from any other server. The directory, "/opt/vorn/hostmgr/var/lib/kestrel/rendez/", is never
  * created.
  *
- * Thread-safety: close() and the destructor may be called from any thread while one thread waits.
+ * Thread-safety: close() and the destructor may be called from any thread while one thread waits. Each
+ * close() holds the lock m_lock.
  * Blocking: the wait as select(2); the destructor up to 10 seconds for a thread that is still waiting.
  * Ownership: the sockets belong to the server and are close-on-exec.
- * Signals: one that is handled on the waiting thread ends the wait with "pipe read error. ".
- * Errors: the constructors and the wait throw "VornPipeServer::init: failed to create pipe.", "... failed to
- * prepare pipe." (2 no directory, 13 not writable, 36 name too long) and "... failed to listen on bound
- * pipe." with the error number; the wait also "VornPipeServer::waitForClient: pipe not setup. ", "... pipe
- * read error. ",
- * "... connection error. " and "... error on select. ".
+ * Signals: a signal that is handled on the waiting thread ends the wait with "pipe read error. ".
+ * Errors: the constructors and the wait throw, with the error number, "VornPipeServer::init: failed to create
+ * pipe.", "... failed to prepare pipe." (2 no directory, 13 not writable, 36 name too long) and "... failed
+ * to listen on bound pipe."; the wait also "VornPipeServer::waitForClient: pipe not setup. ", "... pipe read
+ * error. ", "... connection error. " and "... error on select. ".
  */
 class VORNNET_API VornPipeServer : public VornIPCServer {
 public:

@@ -14,27 +14,28 @@
 namespace VornNet {
 
 /**
- * Stands, inside a service, for one callback of one client, in another process or on another host.
+ * Represents, in a service, one callback of one client in another process or on another host.
  *
- * A service makes it from the callback address and the callback id that a client has sent, keeps it, usually
- * in VornProxyDependentContainer, and calls remoteNotify() for each event. When that throws, the client is
- * gone, slow to re-open or unreachable, and the service decides whether to drop it.
+ * A service creates it with the callback address and the callback id that a client has sent, keeps it,
+ * usually in VornProxyDependentContainer, and calls remoteNotify() for each event. If that throws, the client
+ * is gone, about to open its server again, or unreachable, and the service decides whether to drop it.
  *
- * Thread-safety: several threads may notify through one proxy; each call has a connection of its own.
- * Blocking: remoteNotify() for as long as connecting and writing take, on the caller's thread, without
- * time-out: a host that swallows packets holds it for two minutes and more. Hold no lock meanwhile.
+ * Thread-safety: several threads may notify through one proxy; each call has its own connection. It has no
+ * lock.
+ * Blocking: remoteNotify() blocks the caller's thread as long as connecting and writing take, without
+ * time-out: a host that drops all packets blocks it for more than two minutes. Hold no lock meanwhile.
  * Ownership: created with `new` and owned through VornSmartPointer.
- * Signals: writing to a client that has just closed raises SIGPIPE: a service must ignore it
- * (`signal(SIGPIPE, SIG_IGN)`), or it is killed sooner or later.
+ * Signals: writing to a client that has just closed raises SIGPIPE. A service must ignore it
+ * (`signal(SIGPIPE, SIG_IGN)`), or it ends the process sooner or later.
  * Errors: remoteNotify() throws what its connection throws (VornException), and std::out_of_range for an
- * address that ends within its kind ("pipe", "udp"). Nothing acknowledges a notification: success means that
- * it was sent, not that it was received.
+ * address that ends after its transport ("pipe", "udp"). Nothing acknowledges a notification: success means
+ * that it was sent, not that it was received.
  */
 class VORNNET_API VornProxyDependent : public VornDependent, public VornObjectBase {
 public:
     /**
      * @param sRemoteName  the client's callback address, see VornLibraryCallbackSink::getCallbackAddress()
-     * @param hDependent   the id of the client's callback; its low 32 bits travel
+     * @param hDependent   the id of the client's callback; its low 32 bits are sent
      */
     VornProxyDependent(const VornString& sRemoteName, long hDependent);
     ~VornProxyDependent() override;
@@ -47,8 +48,9 @@ public:
     virtual void addContent(VornConnection& connection, const VornNotification& notification);
 
     /**
-     * Sends one notification: connects, writes handle and content, and closes. Over UDP both leave as one
-     * datagram, and nothing is reported when it cannot be sent. An address of no known kind is ignored.
+     * Sends one notification: connects, writes the callback id and the content, and closes. Over UDP both are
+     * sent as one datagram, and nothing is reported when it cannot be sent. An address with an unknown
+     * transport is ignored.
      * @throws VornException, std::out_of_range, see above
      */
     void remoteNotify(const VornNotification& notification);

@@ -21,22 +21,24 @@ typedef std::map<VornProxyDependentIdentifier, VornSmartPointer<VornProxyDepende
 /**
  * The process-wide registry of the proxy dependents that a service keeps for its clients.
  *
- * The first getInstance() makes it; it lives until deleteInstance(), which the library calls when it is
- * unloaded. A client that subscribes twice with the same address and id is held once. To walk the entries,
- * hold getlock() around a loop from 0 to size() - 1; to notify many, copy the pointers under the lock and
+ * The first getInstance() creates it. It lives until deleteInstance(), which the library calls when it is
+ * unloaded. A client that subscribes twice with the same address and id is in it once. To walk the entries,
+ * hold getlock() around a loop from 0 to size() - 1. To notify many, copy the pointers under the lock and
  * notify without it.
  *
- * Thread-safety: all operations but deleteInstance() may be called from any thread; an entry that is removed
- * while somebody holds a pointer to it lives on until the pointer goes. Blocking: on the registry's lock, but
- * size() never. Ownership: holds one reference to each proxy dependent. Signals: none raised. Errors:
- * std::bad_alloc from getInstance() and add() only.
+ * Thread-safety: all operations except deleteInstance() may be called from any thread, under the lock
+ * getlock(). An entry that is removed while a pointer to it exists lives as long as that pointer.
+ * Blocking: on getlock(); size() never blocks.
+ * Ownership: holds one reference to each proxy dependent.
+ * Signals: none raised.
+ * Errors: std::bad_alloc from getInstance() and add() only.
  */
 class VORNNET_API VornProxyDependentContainer {
 public:
     /** @return the one registry, made empty when there is none. */
     static VornProxyDependentContainer& getInstance();
 
-    /** Destroys the registry and lets go of every entry; nothing happens when there is none. Nobody may use
+    /** Destroys the registry and releases every entry; nothing happens when there is none. Nobody may use
      * it then. */
     static void deleteInstance();
 

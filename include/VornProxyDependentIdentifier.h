@@ -10,12 +10,15 @@
 /**
  * The key of VornNet::VornProxyDependentContainer: a callback address and a callback id.
  *
- * Thread-safety: as any value. Blocking: none. Ownership: holds a copy of the address. Signals: none.
+ * Thread-safety: as any value.
+ * Blocking: none.
+ * Ownership: holds a copy of the address.
+ * Signals: none.
  * Errors: std::bad_alloc only.
  */
 class VORNNET_API VornProxyDependentIdentifier {
 public:
-    /** Makes the key of an empty address and id 0. */
+    /** Creates the key of an empty address and id 0. */
     VornProxyDependentIdentifier();
 
     /** @param sRemoteName callback address. @param hDependent callback id */

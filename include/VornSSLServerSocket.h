@@ -9,13 +9,16 @@
 namespace VornNet {
 
 /**
- * This class does not encrypt and does not listen: it keeps the place of an encrypted TCP server.
+ * This class does not encrypt and does not listen: it stands in for an encrypted TCP server.
  *
- * It keeps its certificate description and never has a socket: every wait ends at once without a client, as
+ * It keeps its certificate description and never has a socket. Every wait ends at once without a client, as
  * on a closed server, and waitForInit() never returns.
  *
- * Thread-safety: as VornServerSocket. Blocking: only waitForInit(), for ever.
- * Ownership: holds a copy of the certificate description. Signals: none. Errors: none.
+ * Thread-safety: as VornServerSocket.
+ * Blocking: only waitForInit(), which never returns.
+ * Ownership: holds a copy of the certificate description.
+ * Signals: none.
+ * Errors: none.
  */
 class VORNNET_API VornSSLServerSocket : public VornServerSocket {
 public:

@@ -10,15 +10,17 @@ namespace VornNet {
 /**
  * This class does not encrypt: no encryption library is linked, and it carries no data.
  *
- * It keeps the place of an encrypted TCP connection. Establishing a client's connection succeeds without any
- * network activity, and every read and write on an established one fails with 107 (ENOTCONN), so that nothing
- * which was meant to be encrypted ever leaves in the clear.
+ * It stands in for an encrypted TCP connection. Establishing a client's connection succeeds without any
+ * network activity, and every read and write on an established one fails with 107 (ENOTCONN). So data that
+ * should be encrypted never leaves the process in clear text.
  *
- * Thread-safety: none; one thread at a time. Blocking: never while it is established.
- * Ownership: as VornSocketConnection; a connection that wraps another one holds a reference to it, and the
- * two hold the same descriptor: once both have disconnected it has been closed twice. Open nothing in
- * between. Signals: none raised while it is established. Errors: 107 (ENOTCONN) through the typed operations'
- * texts.
+ * Thread-safety: none; one thread at a time.
+ * Blocking: never while it is established.
+ * Ownership: as VornSocketConnection. A connection that wraps another one holds a reference to it, and both
+ * hold the same descriptor: when both have disconnected, it has been closed twice. Open nothing between the
+ * two.
+ * Signals: none raised while it is established.
+ * Errors: 107 (ENOTCONN) with the texts of the typed operations.
  */
 class VORNNET_API VornSSLSocketConnection : public VornSocketConnection {
 public:
@@ -38,7 +40,7 @@ public:
      */
     VornSSLSocketConnection(VornSmartPointer<VornSocketConnection> client, void* pSSL);
 
-    /** Closes the socket and lets go of the wrapped connection. */
+    /** Closes the socket and releases the wrapped connection. */
     ~VornSSLSocketConnection() override;
 
     using VornConnection::transfer;

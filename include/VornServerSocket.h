@@ -10,20 +10,21 @@ namespace VornNet {
 /**
  * A TCP server over IPv4.
  *
- * It is constructed without a socket; the first wait binds and listens. Each wait hands out one client.
- * close() gives the port back; the next wait listens again, on the port then configured. SO_REUSEADDR is not
- * set: where this side closes a client's connection first, the port stays taken for a minute (TIME_WAIT) and
- * the next bind fails with 98 (EADDRINUSE), so let the client close first.
+ * It is constructed without a socket; the first wait binds and listens. Each wait returns one client. close()
+ * releases the port; the next wait listens again, on the port that is configured then. SO_REUSEADDR is not
+ * set: if this side closes a client's connection first, the port stays taken for a minute (TIME_WAIT) and the
+ * next bind fails with 98 (EADDRINUSE). So let the client close first.
  *
- * Thread-safety: close(), setPort() and the getters may be called from any thread while one thread waits.
- * When close() returns, the waiting thread is out of the socket and the port is free. Blocking: the wait as
- * accept(2); close() only for the moment in which the waiting thread leaves the socket. Ownership: the socket
- * belongs to the server and is close-on-exec. Connections refer back to it, see
+ * Thread-safety: close(), setPort() and the getters may be called from any thread while one thread waits,
+ * under a lock of the library. When close() returns, the waiting thread has left the socket and the port is
+ * free.
+ * Blocking: the wait as accept(2); close() only until the waiting thread has left the socket.
+ * Ownership: the socket belongs to the server and is close-on-exec. Connections refer to their server, see
  * VornSocketConnection::getPortName().
- * Signals: a signal handled without SA_RESTART on the waiting thread ends the wait as close() does.
+ * Signals: a signal that is handled without SA_RESTART on the waiting thread ends the wait as close() does.
  * Errors: the wait throws "VornServerSocket::init: failed to create socket.", "... failed to bind socket.",
  * "... failed to get socket name." and "... failed to listen on bound socket." with the error number.
- * Failures of accept(2) are logged at level 1 and the wait goes on.
+ * Failures of accept(2) are logged at level 1, and the wait goes on.
  */
 class VORNNET_API VornServerSocket : public VornIPCServer {
 public:
@@ -37,8 +38,8 @@ public:
     VornServerSocket(int nPort, int nBacklog, const VornString& sBindAddress);
 
     /**
-     * Closes the server. A thread that is waiting is sent away first; whoever destroys must know that it
-     * waits already, for one that comes to wait later finds no server any more.
+     * Closes the server. A thread that is waiting leaves it first. Make sure that no thread is about to wait:
+     * it would use a destroyed server.
      */
     ~VornServerSocket() override;
 

@@ -12,13 +12,13 @@ class VornServerSocket;
 /**
  * A TCP connection over IPv4.
  *
- * A client's connection is made from a host text and a port and connects in its first operation; a text with
- * a letter anywhere is looked up as a name, any other is a dotted address. A server's connection is made
- * around an accepted socket and connected from birth. disconnect() closes the socket; a client's connection
- * then connects anew when it is used again.
+ * A client's connection is created with a host text and a port and connects in its first operation. A text
+ * that contains a letter is looked up as a name; any other is a dotted address. A server's connection is
+ * created with an accepted socket and is connected from the start. disconnect() closes the socket; when a
+ * client's connection is used again, it connects again.
  *
- * A name that cannot be resolved is, unless identification is asked for, attempted as 0.0.0.0, which reaches
- * the local host: use identification, or resolve the name first, where that must not happen.
+ * A name that cannot be resolved is taken for 0.0.0.0, which reaches the local host, unless identification is
+ * requested. If that must not happen, request identification, or resolve the name first.
  *
  * Thread-safety: none; one thread at a time. Several threads may establish different connections at once.
  * Blocking: connecting, reading and writing block as connect(2), recv(2) and send(2) do, without time-out.
@@ -26,13 +26,13 @@ class VornServerSocket;
  * Signals: writing to a peer that has closed raises SIGPIPE; every program that writes must ignore it.
  * Errors: as VornConnection; establishing throws "VornSocketConnection::establish: could not find host.",
  * "VornSocketConnection::establish: connection request failed." with the error number, and
- * "VornConnection::connectToService: connection to remote service failed." with 0. When no socket can be
+ * "VornConnection::connectToService: connection to remote service failed." with 0. If no socket can be
  * created, establishing succeeds and the next operation fails with 107 (ENOTCONN).
  */
 class VORNNET_API VornSocketConnection : public VornConnection {
 public:
     /**
-     * Makes a connected connection around an accepted socket.
+     * Creates a connected connection around an accepted socket.
      * @param client             the socket, which belongs to the connection from now on
      * @param sRemoteName        the peer's name, may be empty
      * @param pServer            the server that accepted it and must live as long as getPortName() is used;
@@ -43,7 +43,7 @@ public:
                          bool bClientConnection);
 
     /**
-     * Makes a client's connection; no network activity yet.
+     * Creates a client's connection; no network activity yet.
      * @param sRemoteName  host name or dotted IPv4 address
      * @param nPort        port in host byte order; its low 16 bits count
      * @param bRaw         the initial state of setRaw()

@@ -10,20 +10,21 @@ namespace VornNet {
 /**
  * A UDP server over IPv4: every datagram is a client.
  *
- * It is constructed without a socket; the first wait binds. Each wait receives one datagram and hands it out
- * as a VornBufferConnection. close() gives the port back, and also sends a datagram 00 01 to its own port on
- * 127.0.0.1; the next wait binds again. An empty datagram, from anybody, ends the wait as close() does.
+ * It is constructed without a socket; the first wait binds. Each wait receives one datagram and returns it as
+ * a VornBufferConnection. close() releases the port, and also sends a datagram 00 01 to its own port on
+ * 127.0.0.1; the next wait binds again. An empty datagram, from anyone, ends the wait as close() does.
  *
- * Local access of a connection is true only for a datagram from 1.0.0.127: never decide anything by it.
+ * The local access of a connection is true only for a datagram from 1.0.0.127: do not base decisions on it.
  *
- * Thread-safety: as VornServerSocket. Blocking: the wait as recvfrom(2).
- * Ownership: the socket belongs to the server; a receive buffer lives for one wait and costs memory only for
- * what arrives. Signals: one that is handled without SA_RESTART on the waiting thread ends the wait as
- * close() does. Errors: the wait throws "VornUDPServerSocket::init: failed to create socket.", "... failed to
- * bind socket." and
- * "... failed to get socket name." with the error number, and "VornUDPServerSocket::waitForClientImpl: failed
- * to allocate receive buffer." with 12 (ENOMEM). Other failures of recvfrom(2) are logged at level 1 and the
- * wait goes on.
+ * Thread-safety: as VornServerSocket, under a lock of the library.
+ * Blocking: the wait as recvfrom(2).
+ * Ownership: the socket belongs to the server. A receive buffer lives for one wait and uses memory only for
+ * the bytes that arrive.
+ * Signals: a signal that is handled without SA_RESTART on the waiting thread ends the wait as close() does.
+ * Errors: the wait throws "VornUDPServerSocket::init: failed to create socket.", "... failed to bind socket."
+ * and "... failed to get socket name." with the error number, and "VornUDPServerSocket::waitForClientImpl:
+ * failed to allocate receive buffer." with 12 (ENOMEM). Other failures of recvfrom(2) are logged at level 1,
+ * and the wait goes on.
  */
 class VORNNET_API VornUDPServerSocket : public VornServerSocket {
 public:
@@ -36,8 +37,8 @@ public:
     VornUDPServerSocket(int nPort, const VornString& sBindAddress, unsigned int nBufferSize);
 
     /**
-     * Closes the server. A thread that is waiting is sent away first; whoever destroys must know that it
-     * waits already, for one that comes to wait later finds no server any more.
+     * Closes the server. A thread that is waiting leaves it first. Make sure that no thread is about to wait:
+     * it would use a destroyed server.
      */
     ~VornUDPServerSocket() override;
 

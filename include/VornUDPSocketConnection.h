@@ -10,15 +10,16 @@ namespace VornNet {
 /**
  * Sends one message as one UDP datagram over IPv4.
  *
- * The message is written with the typed operations, which gather it in memory; transmit() sends the whole of
- * it, as often as it is called. Nothing is ever received: what is read is what was written. Broadcast is
- * enabled. A host name that does not resolve is sent to as 0.0.0.0, an invalid address as 255.255.255.255.
+ * The typed operations collect the message in memory. transmit() sends all of it, each time it is called.
+ * Nothing is ever received: reading returns what was written. Broadcast is enabled. A host name that does not
+ * resolve is taken for 0.0.0.0, an invalid address for 255.255.255.255.
  *
  * Thread-safety: none; one thread at a time. Several threads may transmit from different connections at once.
  * Blocking: looking up a host name; sending does not wait for the receiver.
  * Ownership: a socket lives within one transmit(). After a failure of setsockopt(2) or sendto(2) its
- * descriptor stays open until the process ends. Signals: none raised. Errors: transmit() returns false and
- * logs at level 1; a message of more than 65507 bytes is such a failure.
+ * descriptor stays open until the process ends.
+ * Signals: none raised.
+ * Errors: transmit() returns false and logs at level 1; a message of more than 65507 bytes is such a failure.
  */
 class VORNNET_API VornUDPSocketConnection : public VornBufferConnection {
 public:

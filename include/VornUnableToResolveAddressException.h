@@ -13,7 +13,11 @@ namespace VornNet {
 /**
  * Says that an address could not be resolved. The library never throws it; it is there for programs.
  *
- * Thread-safety, blocking, ownership, signals, errors: as VornException.
+ * Thread-safety: as VornException.
+ * Blocking: none.
+ * Ownership: as VornException.
+ * Signals: none.
+ * Errors: as VornException.
  */
 class VORNNET_API VornUnableToResolveAddressException : public VornException {
 public:

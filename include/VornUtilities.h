@@ -11,12 +11,16 @@
 
 #include <vector>
 
-/** @file
- *  Translation between dotted IPv4 addresses and host names through the system's resolver.
+/**
+ * @file
+ * Translation between dotted IPv4 addresses and host names through the system's resolver.
  *
- *  Thread-safety: both functions may be called from any thread. Blocking: as the resolver, which may ask the
- *  network. Ownership: results are copies. Signals: none. Errors: a failure is logged at level 1 and shows in
- * the outputs staying as they were; nothing is thrown but std::bad_alloc.
+ * Thread-safety: both functions may be called from any thread.
+ * Blocking: as the resolver, which may ask the network.
+ * Ownership: results are copies.
+ * Signals: none.
+ * Errors: a failure is logged at level 1 and leaves the outputs as they were; nothing is thrown except
+ * std::bad_alloc.
  */
 
 namespace VornNet {
@@ -35,7 +39,7 @@ VORNNET_API int VornAddressToNameImpl(const VornString& sIPAddress, VornString& 
  * Looks up the addresses of a name, see gethostbyname(3).
  * @param sName          host name
  * @param addresses      the addresses are appended in the resolver's order, dotted; of each, every byte
- * behind its first zero byte is given as zero (10.0.5.1 as 10.0.0.0)
+ * after its first zero byte is given as zero (10.0.5.1 as 10.0.0.0)
  * @param sExcepMessage  never touched
  * @return 1 always
  */

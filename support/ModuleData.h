@@ -11,12 +11,15 @@ namespace VornSupport {
  * Base of a library's module object, which starts the library when it is loaded and ends it when it is
  * unloaded.
  *
- * A library derives from it, overrides attach() and detach(), and keeps one static instance. Calling the
- * hooks is the derived class's own: it does so from its constructor and destructor, where they are its own
- * already and still.
+ * A library derives from it, overrides attach() and detach(), and keeps one static instance. The derived
+ * class calls the hooks itself, from its constructor and destructor: in those of this base class the
+ * overrides are not there yet, or no longer.
  *
- * Thread-safety: constructed and destroyed by the loader, alone. Blocking: none here. Ownership: static.
- * Signals: none. Errors: none.
+ * Thread-safety: constructed and destroyed by the loader, alone.
+ * Blocking: none here.
+ * Ownership: static.
+ * Signals: none.
+ * Errors: none.
  */
 class VORNSUPT_API ModuleData {
 public:

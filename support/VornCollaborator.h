@@ -16,13 +16,16 @@ class VornNotification;
 /**
  * A subject: it tells its dependents what happens to it.
  *
- * Dependents are added and removed at any time; notify() tells each of them in the order they were added.
+ * Dependents are added and removed at any time; notify() tells each of them in the order in which they were
+ * added.
  *
  * Thread-safety: all operations may be called from any thread. Dependents are told under the list's lock, so
- * that none is told after removeDependent() has returned; a dependent may add and remove dependents
- * meanwhile. Blocking: as long as the dependents take. Ownership: dependents are referred to, never owned:
- * one that is destroyed must be removed first. Signals: none raised. Errors: what a dependent throws passes
- * through notify(), and those behind it are not told.
+ * that none is told after removeDependent() has returned. A dependent may add and remove dependents
+ * meanwhile.
+ * Blocking: as long as the dependents take.
+ * Ownership: dependents are referred to, never owned: remove a dependent before it is destroyed.
+ * Signals: none raised.
+ * Errors: an exception from a dependent passes through notify(), and the dependents after it are not told.
  */
 class VORNSUPT_API VornCollaborator {
 public:
@@ -32,7 +35,7 @@ public:
     /** Tells every dependent of @p notification, which is lent for the call. */
     virtual void notify(const VornNotification& notification);
 
-    /** Adds @p dependent behind the others; one that is there already is not added twice. */
+    /** Adds @p dependent after the others; one that is there already is not added twice. */
     void addDependent(VornDependent& dependent);
 
     /** Removes @p dependent; nothing happens when it is not there. */

@@ -10,17 +10,19 @@ namespace VornSupport {
 /**
  * A mutex that the thread which holds it may take again.
  *
- * It is created unlocked, taken through a VornCriticalSection for a block, and destroyed when nobody holds
+ * It is created unlocked, taken for a block through a VornCriticalSection, and destroyed when no thread holds
  * it.
  *
  * Thread-safety: that is its purpose; only the destructor must run alone.
- * Blocking: taking it blocks until the holder lets go, see pthread_mutex_lock(3).
- * Ownership: it belongs to the object it guards. Signals: none raised.
- * Errors: the constructor throws std::bad_alloc; std::system_error when it is taken too many times over.
+ * Blocking: taking it blocks until the holder releases it, see pthread_mutex_lock(3).
+ * Ownership: it belongs to the object that it guards.
+ * Signals: none raised.
+ * Errors: the constructor throws std::bad_alloc; taking it throws std::system_error if it is taken too many
+ * times.
  */
 class VORNSUPT_API VornCriticalSectionObject {
 public:
-    /** Makes an unlocked mutex. */
+    /** Creates an unlocked mutex. */
     VornCriticalSectionObject();
     ~VornCriticalSectionObject();
 
@@ -40,8 +42,11 @@ private:
 /**
  * Holds a VornCriticalSectionObject for the enclosing block.
  *
- * Thread-safety: a holder belongs to the thread that made it. Blocking: the constructor, until the mutex is
- * free. Ownership: refers to the mutex, which must live longer. Signals: none raised. Errors: as the mutex.
+ * Thread-safety: a holder belongs to the thread that created it.
+ * Blocking: the constructor, until the mutex is free.
+ * Ownership: refers to the mutex, which must live longer.
+ * Signals: none raised.
+ * Errors: as the mutex.
  */
 class VORNSUPT_API VornCriticalSection {
 public:

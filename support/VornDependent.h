@@ -11,11 +11,13 @@ class VornCollaborator;
 class VornNotification;
 
 /**
- * An observer: something that wants to be told what happens to a VornCollaborator.
+ * An observer: an object that wants to know what happens to a VornCollaborator.
  *
- * Thread-safety: decided by the derived class; it is called on the thread that notifies. Blocking: as the
- * derived class. Ownership: a collaborator refers to its dependents and owns none. Signals: none. Errors:
- * none.
+ * Thread-safety: decided by the derived class; it is called on the thread that notifies.
+ * Blocking: as the derived class.
+ * Ownership: a collaborator refers to its dependents and owns none.
+ * Signals: none.
+ * Errors: none.
  */
 class VORNSUPT_API VornDependent {
 public:

@@ -12,17 +12,18 @@ class VornNotification;
 /**
  * An event that threads wait for: signalled or not.
  *
- * It starts not signalled; set() signals it and wakes every waiter, and it stays signalled, for later waiters
- * too, until reset() clears it.
+ * It starts not signalled. set() signals it and wakes every waiter. It stays signalled, also for later
+ * waiters, until reset() clears it.
  *
  * Thread-safety: all operations may be called from any thread; the destructor must run alone.
- * Blocking: only wait(). Ownership: the descriptor of getHandle() belongs to the event. Signals: none raised;
- * one that is handled does not end a wait.
+ * Blocking: only wait().
+ * Ownership: the descriptor of getHandle() belongs to the event.
+ * Signals: none raised; a signal that is handled does not end a wait.
  * Errors: the constructor throws std::bad_alloc.
  */
 class VORNSUPT_API VornEvent {
 public:
-    /** Makes an event that is not signalled. */
+    /** Creates an event that is not signalled. */
     VornEvent();
     virtual ~VornEvent();
 

@@ -11,14 +11,16 @@
 namespace VornSupport {
 
 /**
- * The one exception type: a text that names class, operation and what failed, and an error number.
+ * The one exception type: a text that names class, operation and failure, and an error number.
  *
  * It is thrown by value and caught by reference. The call stack is taken where it is constructed; copies keep
  * it. On the way up, handlers may push further messages.
  *
  * Thread-safety: as any value: one thread at a time, or many that only read.
- * Blocking: none. Ownership: all texts are copies. Signals: none raised.
- * Errors: std::bad_alloc from whatever has to copy text; a call stack that cannot be taken is left empty.
+ * Blocking: none.
+ * Ownership: all texts are copies.
+ * Signals: none raised.
+ * Errors: std::bad_alloc from operations that copy text; a call stack that cannot be taken is left empty.
  */
 class VORNSUPT_API VornException {
 public:

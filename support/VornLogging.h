@@ -29,28 +29,29 @@ private:
  * A writer asks isAdmitted() first and then streams one record:
  * @code
  * if (VornLogging::isAdmitted(VornLogging::cDebug))
- *     VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << "Widget::open: " << nPort <<
- * endrecord;
+ *     VornLogging::getInstance() << setloglevel(VornLogging::cDebug) << "Widget::open" << endrecord;
  * @endcode
- * The record is gathered by the writing thread and leaves in one piece at endrecord: as one line on standard
- * error, which carries time, level, process and thread id (control characters as \\xNN), or through the
- * handler of a host program. The logger exists before the first and after the last static object of the
- * process. At the start access is allowed and the level is cOff, so that nothing is admitted but by the
- * program's will.
+ * The writing thread collects the record. At endrecord it leaves in one piece: as one line on standard error,
+ * with time, level, process and thread id (control characters as \\xNN), or through the handler of a host
+ * program. The logger exists before the first and after the last static object of the process. At first
+ * access is allowed and the level is cOff, so that only the program can admit records.
  *
- * Standard error is what has descriptor 2 when the library is loaded. Where that is closed, nothing is
- * written. A program may put a file, a pipe or a terminal in its place at any time. A socket that has its
- * number later is taken for a connection and gets nothing; a program that means it calls
+ * Standard error is the file that has descriptor 2 when the library is loaded. If that is closed, nothing is
+ * written. A program may put a file, a pipe or a terminal in its place at any time. A socket that gets its
+ * number later is taken for a connection and gets nothing; a program that wants its records there calls
  * setRecordHandler({}).
  *
- * Thread-safety: every operation may be called from any thread; records do not interleave. A record opened
- * while another one of the same thread is still open is written by itself; one that never sees its endrecord
- * (what was to be written threw) is kept, and comes out with a later endrecord of its thread or not at all.
- * Blocking: the default output blocks as write(2) on standard error does. Where that does not block, a record
+ * Thread-safety: every operation may be called from any thread; records do not interleave. A record that is
+ * opened while another one of the same thread is still open is written by itself. A record that never sees
+ * its endrecord (an operand has thrown) is kept, and comes out with a later endrecord of its thread or not at
+ * all.
+ * Blocking: the default output blocks as write(2) on standard error does. If that does not block, a record
  * waits up to a second for room; then the rest of it is lost, and the next begins on a new line. One record
- * is written or handled at a time, under a lock. Ownership: the handler is copied and lives until it is
- * replaced. Signals: none raised, but SIGPIPE when standard error is a broken pipe. Errors: none reach the
- * writer: a record for which there is no memory, and what a handler throws, are dropped.
+ * is written or handled at a time, under the logger's lock.
+ * Ownership: the handler is copied and lives until it is replaced.
+ * Signals: none raised, except SIGPIPE if standard error is a broken pipe.
+ * Errors: none reach the writer: a record for which there is no memory, and an exception from a handler, are
+ * dropped.
  */
 class VORNSUPT_API VornLogging {
 public:

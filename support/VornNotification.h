@@ -8,10 +8,13 @@
 namespace VornSupport {
 
 /**
- * Something that happened, told to observers: an identifier, and in derived classes whatever belongs to it.
+ * An event for observers: an identifier, and in derived classes the content that belongs to it.
  *
- * Thread-safety: it is not changed after construction; many threads may read it. Blocking: none.
- * Ownership: it belongs to whoever tells of it and is only lent to observers. Signals: none. Errors: none.
+ * Thread-safety: it is not changed after construction; many threads may read it.
+ * Blocking: none.
+ * Ownership: it belongs to the notifying code and is only lent to observers.
+ * Signals: none.
+ * Errors: none.
  */
 class VORNSUPT_API VornNotification {
 public:

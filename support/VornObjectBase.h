@@ -14,9 +14,9 @@ namespace VornSupport {
  * Base of every shared object: one reference count and the object's class name.
  *
  * An object is created with `new` and count 0. The first VornSmartPointer that takes it raises the count to
- * 1, and the object is destroyed by the release that brings the count back to 0, that is, exactly when the
- * last smart pointer lets go. Nobody else calls addRef() or release(). An object that is not created with
- * `new` keeps count 0 and must never be handed to a smart pointer: letting go of it would delete it.
+ * 1. The release that brings the count back to 0 destroys the object, that is, when the last smart pointer
+ * lets go. Only smart pointers call addRef() and release(). An object that is not created with `new` keeps
+ * count 0 and must never be given to a smart pointer, which would delete it.
  *
  * Thread-safety: the count is atomic; smart pointers on several threads may share one object.
  * Blocking: nothing blocks, but release() runs the destructor of the derived class.
@@ -26,7 +26,7 @@ namespace VornSupport {
  */
 class VORNSUPT_API VornObjectBase {
 public:
-    /** Makes an object that nobody refers to yet (count 0). */
+    /** Creates an object to which no pointer refers yet (count 0). */
     VornObjectBase();
 
     /** Copies nothing: the copy is a new object with references of its own (count 0). */

@@ -10,8 +10,10 @@ namespace VornSupport {
 /**
  * Suspends the calling thread for @p nMilliSec milliseconds, see clock_nanosleep(2) on CLOCK_MONOTONIC.
  *
- * A signal handler that runs meanwhile does not shorten the time. 0 or less returns at once. It reports no
- * error. Thread-safe; a cancellation point.
+ * A signal handler that runs meanwhile does not shorten the time. A time of 0 or less returns at once.
+ *
+ * Thread-safety: any thread; it is a cancellation point.
+ * Errors: none.
  */
 VORNSUPT_API void VornSleep(int nMilliSec);
 

@@ -12,11 +12,11 @@ namespace VornSupport {
 /**
  * Intrusive pointer that owns a VornObjectBase together with its other smart pointers.
  *
- * It starts empty or by taking an object, which adds a reference; copying it adds one, destroying or
- * reassigning it releases one. The object dies with its last smart pointer.
+ * It starts empty, or takes an object, which adds a reference. Copying it adds a reference; destroying or
+ * reassigning it releases one. The last smart pointer destroys the object.
  *
  * Thread-safety: the count is atomic, the pointer is not: one smart pointer is used by one thread at a time.
- * Blocking: nothing blocks, but letting go may run the object's destructor.
+ * Blocking: nothing blocks, but releasing may run the object's destructor.
  * Ownership: shared; a raw pointer that is assigned keeps no claim of its own.
  * Signals: none raised.
  * Errors: nothing throws; an empty pointer is not checked when it is dereferenced.
@@ -27,7 +27,7 @@ namespace VornSupport {
 template <typename T>
 class VornSmartPointer {
 public:
-    /** Makes an empty pointer. */
+    /** Creates an empty pointer. */
     VornSmartPointer() noexcept : m_pObject(nullptr) {}
 
     /** Takes @p pObject, which may be null, and adds a reference to it. */
@@ -43,7 +43,7 @@ public:
     }
 
     /**
-     * Shares the object of @p source and lets go of the one held before; does nothing when it is the same.
+     * Shares the object of @p source and releases the one held before; does nothing when it is the same.
      *
      * The old object is released before the new one gains its reference. Where the old object is what keeps
      * the new one alive (`p = p->next`), take a copy of the smart pointer first.

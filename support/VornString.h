@@ -12,11 +12,15 @@
 #    error "vornnet needs libstdc++ and its C++11 std::string: no -stdlib=libc++, _GLIBCXX_USE_CXX11_ABI=1"
 #endif
 
-/** @file
- *  The two text types and the conversions between them and to character buffers.
+/**
+ * @file
+ * The two text types and the conversions between them and to character buffers.
  *
- *  Thread-safety: all functions are re-entrant. Blocking: none. Ownership: results are values.
- *  Signals: none raised. Errors: only std::bad_alloc.
+ * Thread-safety: all functions are re-entrant.
+ * Blocking: none.
+ * Ownership: results are values.
+ * Signals: none raised.
+ * Errors: only std::bad_alloc.
  */
 
 namespace VornSupport {

@@ -17,16 +17,17 @@ namespace VornSupport {
 /**
  * A named worker thread.
  *
- * A derived class supplies run(). The object is constructed without a thread; start() starts one that
- * executes run(); the thread ends when run() returns or lets an exception out; then it may be started again.
- * stop() only asks: run() has to look at isStopRequested(). A derived class must see to it that its own
- * destructor ends the thread (stop(), then wait(-1)), since run() uses the members that die there; the
- * destructor here waits as a last resort.
+ * A derived class implements run(). The object is constructed without a thread. start() starts one, which
+ * executes run(). The thread ends when run() returns or throws; then it may be started again. stop() only
+ * asks: run() must check isStopRequested(). The destructor of a derived class must end the thread (stop(),
+ * then wait(-1)), because run() uses members that are destroyed there. The destructor of this class waits as
+ * a last resort.
  *
- * Thread-safety: all operations may be called from any thread, start() and the destructor by the owner.
+ * Thread-safety: all operations may be called from any thread, start() and the destructor by the owner. The
+ * state is guarded by a lock of its own.
  * Blocking: only wait() and the destructor.
  * Ownership: the operating system's thread belongs to the object.
- * Signals: the thread keeps the signal mask of the one that called start().
+ * Signals: the thread has the signal mask of the thread that called start().
  * Errors: start() throws VornException "VornThread::start: failed to create thread." with the error number.
  * An exception that leaves run() ends the thread, not the process: it is logged at level 1 with text and
  * code.

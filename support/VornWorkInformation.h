@@ -9,10 +9,13 @@
 namespace VornSupport {
 
 /**
- * What a VornThread is to work on; a program derives its own class from it.
+ * The data on which a VornThread works; a program derives its own class from it.
  *
- * Thread-safety: decided by the derived class; the thread reads it while it runs. Blocking: none.
- * Ownership: shared, see VornObjectBase. Signals: none. Errors: none.
+ * Thread-safety: decided by the derived class; the thread reads it while it runs.
+ * Blocking: none.
+ * Ownership: shared, see VornObjectBase.
+ * Signals: none.
+ * Errors: none.
  */
 class VORNSUPT_API VornWorkInformation : public VornObjectBase {
 public:

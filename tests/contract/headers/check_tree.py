@@ -30,6 +30,8 @@ NO_HEADER = {
     "TemplateInstantiation": "nothing but instantiations",
 }
 
+# One of them in the middle of a line.
+WORD_WITHIN_LINE = re.compile(r"^.*[^*\s]\s+(Thread-safety|Blocking|Ownership|Signals|Errors):", re.M)
 FIVE_WORDS = ("thread-safety", "blocking", "ownership", "signals", "errors")
 # Classes whose comment need not have them.
 NO_FIVE_WORDS = {
@@ -200,6 +202,9 @@ def check_comments(root):
             if bool(missing) != (name in NO_FIVE_WORDS):
                 problems.append(f"{header}: the comment of {name} says nothing of {', '.join(missing)}"
                                 if missing else f"{header}: {name} is listed as an exception and is none")
+            word = WORD_WITHIN_LINE.search(comment)
+            if word and header.parent.name != "notify": # whose comments are not settled yet
+                problems.append(f"{header}: in the comment of {name}, {word.group(1)} does not begin a line")
     print(f"{checked} classes")
     return problems
 
