@@ -229,10 +229,11 @@ void measureEnds() {
 
     constexpr int cCount = 8;
     head({"transport", "what ends the sink", "of the next 8: sent", "blocked"});
-    for (const Case& one : {Case{Kind::udp, Blow::emptyDatagram, "an empty datagram, from anybody"},
-                            Case{Kind::socket, Blow::reset, "a connection reset before the callback id was read"},
-                            Case{Kind::pipe, Blow::callbackThrows, "a callback that throws code 104"},
-                            Case{Kind::socket, Blow::callbackThrows, "a callback that throws code 104"}}) {
+    for (const Case& one :
+         {Case{Kind::udp, Blow::emptyDatagram, "an empty datagram, from anybody"},
+          Case{Kind::socket, Blow::reset, "a connection reset before the callback id was read"},
+          Case{Kind::pipe, Blow::callbackThrows, "a callback that throws code 104"},
+          Case{Kind::socket, Blow::callbackThrows, "a callback that throws code 104"}}) {
         const Ended ended = endSink(one.kind, one.blow, cCount);
         const auto blocked = ended.sender.refused.find(EINTR);
         row({transportOf(one.kind), std::string(one.text) + (ended.ended ? "" : " (it did not)"),
