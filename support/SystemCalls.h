@@ -221,6 +221,14 @@ inline ssize_t getrandom(void* data, size_t size, unsigned int flags) {
     return ::getrandom(data, size, flags);
 }
 
+inline int atFork(void (*before)(), void (*afterInParent)(), void (*afterInChild)()) {
+    return ::pthread_atfork(before, afterInParent, afterInChild);
+}
+
+inline int setCancelState(int state, int* previous) {
+    return ::pthread_setcancelstate(state, previous);
+}
+
 inline int usleep(useconds_t microseconds) {
     return ::usleep(microseconds);
 }

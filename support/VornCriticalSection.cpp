@@ -2,23 +2,32 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornCriticalSection.h"
 
+#include "ForkHandlers.h"
+
 #include <mutex>
 
 namespace VornSupport {
 
-VornCriticalSectionObject::VornCriticalSectionObject()
-    : m_pCriticalSection(new std::recursive_mutex), m_bFast(false) {}
+namespace {
+
+struct Mutex : std::recursive_mutex, RenewedInChild<Mutex> {
+    void startAfresh() { makeAnew(static_cast<std::recursive_mutex&>(*this)); }
+};
+
+} // namespace
+
+VornCriticalSectionObject::VornCriticalSectionObject() : m_pCriticalSection(new Mutex), m_bFast(false) {}
 
 VornCriticalSectionObject::~VornCriticalSectionObject() {
-    delete static_cast<std::recursive_mutex*>(m_pCriticalSection);
+    delete static_cast<Mutex*>(m_pCriticalSection);
 }
 
 void VornCriticalSectionObject::acquire() {
-    static_cast<std::recursive_mutex*>(m_pCriticalSection)->lock();
+    static_cast<Mutex*>(m_pCriticalSection)->lock();
 }
 
 void VornCriticalSectionObject::releaseHold() {
-    static_cast<std::recursive_mutex*>(m_pCriticalSection)->unlock();
+    static_cast<Mutex*>(m_pCriticalSection)->unlock();
 }
 
 VornCriticalSection::VornCriticalSection(VornCriticalSectionObject& object, bool bLock)

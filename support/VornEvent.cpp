@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornEvent.h"
 
+#include "Cancellation.h"
+#include "ForkHandlers.h"
 #include "StandardStreams.h"
 #include "SystemCalls.h"
 #include "VornNotification.h"
@@ -13,11 +15,16 @@
 
 namespace VornSupport {
 
-struct VornEvent::State {
+struct VornEvent::State : RenewedInChild<VornEvent::State> {
     std::mutex lock;
     std::condition_variable signalled;
     bool isSet = false;
     int descriptor = -1; // made when first asked for: most events are never polled
+
+    void startAfresh() {
+        makeAnew(lock);
+        makeAnew(signalled);
+    }
 
     void showOnDescriptor() const {
         const std::uint64_t one = 1;
@@ -33,8 +40,10 @@ struct VornEvent::State {
 VornEvent::VornEvent() : m_pState(new State) {}
 
 VornEvent::~VornEvent() {
-    if (m_pState->descriptor != -1)
+    if (m_pState->descriptor != -1) {
+        const CancellationOff noCancellation;
         System::close(m_pState->descriptor);
+    }
     delete m_pState;
 }
 

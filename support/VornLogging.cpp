@@ -3,6 +3,7 @@
 #include "VornLogging.h"
 
 #include "Cancellation.h"
+#include "ForkHandlers.h"
 #include "NeverDestroyed.h"
 #include "StandardError.h"
 #include "SystemCalls.h"
@@ -60,6 +61,23 @@ std::mutex& levelLock() {
     static NeverDestroyed<std::mutex> lock;
     return lock.object;
 }
+
+// A thread that forks in a log handler holds the handler's lock, in the child under an id that it has no
+// more.
+const ForkHandlers g_forkHandlers(
+    [] {
+        theOutput().lock.lock();
+        levelLock().lock();
+    },
+    [] {
+        levelLock().unlock();
+        theOutput().lock.unlock();
+    },
+    [] {
+        levelLock().unlock();
+        makeAnew(theOutput().lock);
+    },
+    ForkHandlers::cFirst);
 
 Record* openRecord(int level) noexcept {
     auto* record = new (std::nothrow) Record{t_record, level, {}};

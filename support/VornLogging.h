@@ -45,6 +45,7 @@ private:
  * opened while another one of the same thread is still open is written by itself. A record that never sees
  * its endrecord (an operand has thrown) is kept, and comes out with a later endrecord of its thread or not at
  * all.
+ * A fork waits until the record at hand is written, and for a handler that is running.
  * Blocking: the default output blocks as write(2) on standard error does. If that does not block, a record
  * waits up to a second for room; then the rest of it is lost, and the next begins on a new line. One record
  * is written or handled at a time, under the logger's lock.

@@ -3,6 +3,7 @@
 #include "VornThread.h"
 
 #include "Cancellation.h"
+#include "ForkHandlers.h"
 #include "LogRecord.h"
 #include "SystemCalls.h"
 #include "VornException.h"
@@ -27,7 +28,7 @@ void logEscaped(const VornString& name, const VornString& text, int code) {
 
 } // namespace
 
-struct VornThread::State {
+struct VornThread::State : RenewedInChild<VornThread::State> {
     VornString name;
     mutable std::mutex lock;
     std::condition_variable ended;
@@ -37,6 +38,16 @@ struct VornThread::State {
     VornSmartPointer<VornWorkInformation> workInfo;
 
     explicit State(const VornString& sName) : name(sName) {}
+
+    /** The thread is the parent's: here it counts as ended. The one that forks goes on, and is to end soon.
+     */
+    void startAfresh() {
+        makeAnew(lock);
+        makeAnew(ended);
+        makeAnew(thread);
+        running = false;
+        stopRequested = true;
+    }
 
     void setEnded() {
         const std::lock_guard guard(lock);
@@ -77,6 +88,7 @@ struct VornThread::State {
 VornThread::VornThread(const VornString& sName) : m_spState(std::make_shared<State>(sName)) {}
 
 VornThread::~VornThread() {
+    const CancellationOff noCancellation;
     VornThread::stop();
     if (isOwnThread())
         m_spState->thread.detach(); // the last reference was let go by run(): it cannot wait for itself

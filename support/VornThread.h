@@ -26,7 +26,7 @@ namespace VornSupport {
  * Thread-safety: all operations may be called from any thread, start() and the destructor by the owner. The
  * state is guarded by a lock of its own.
  * Blocking: only wait() and the destructor.
- * Ownership: the operating system's thread belongs to the object.
+ * Ownership: the operating system's thread belongs to the object. In the child of a fork it has ended.
  * Signals: the thread has the signal mask of the thread that called start().
  * Errors: start() throws VornException "VornThread::start: failed to create thread." with the error number.
  * An exception that leaves run() ends the thread, not the process: it is logged at level 1 with text and

@@ -25,6 +25,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+/// The thread sanitizer's defaults: children of tests start threads, and signal handlers close servers.
+extern "C" const char* __tsan_default_options();
+
+const char* __tsan_default_options() {
+    return "die_after_fork=0:report_signal_unsafe=0";
+}
+
 namespace {
 
 using Clock = std::chrono::steady_clock;

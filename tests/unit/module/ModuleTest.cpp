@@ -6,6 +6,7 @@
  * the support library alone, and its children load the plug-in, which brings the library with it.
  */
 
+#include "ForkedChild.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Process.h"
@@ -117,6 +118,13 @@ KIT_ROLE(unloadWithoutRegistry) {
     printRecords(9);
     { const SharedObject plugin(pluginFile); }
     printMapped();
+    return 0;
+}
+
+KIT_ROLE(forkAfterUnloading) {
+    { const SharedObject plugin(pluginFile); }
+    printMapped();
+    std::cout << "child: " << inChild([] { return 0; }) << std::endl;
     return 0;
 }
 
@@ -282,4 +290,8 @@ TEST_F(ModuleTest, TheThrownTypes_AreExported) {
     EXPECT_EQ(exported("N11VornSupport13VornExceptionE", VORNTEST_VORNSUPT_FILE), 1U);
     EXPECT_EQ(exported("N7VornNet32VornUnableToResolveNameExceptionE", VORNTEST_VORNNET_FILE), 1U);
     EXPECT_EQ(exported("N7VornNet35VornUnableToResolveAddressExceptionE", VORNTEST_VORNNET_FILE), 1U);
+}
+
+TEST_F(ModuleTest, AfterTheLibraryIsUnloaded_TheProcessForks) {
+    EXPECT_THAT(linesOf(ChildProcess::spawnRole("forkAfterUnloading")), ElementsAre("mapped:", "child: 0"));
 }
