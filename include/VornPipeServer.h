@@ -79,7 +79,8 @@ private:
 
     class VORNNET_LOCAL Waiting;
     class VORNNET_LOCAL Releasing;
-    struct VORNNET_LOCAL Monitor;
+    VORNNET_LOCAL void takeOver();
+    VORNNET_LOCAL static void releaseRecord(void*& pipeHandle);
     VORNNET_LOCAL VornSmartPointer<VornConnection> shutDown(Waiting& waiting);
     VORNNET_LOCAL VornSmartPointer<VornConnection>
     acceptClient(Waiting& waiting, VornString& sExceptionMessage, int& nErrorCode);

@@ -19,7 +19,8 @@ namespace VornNet {
  * under a lock of the library. When close() returns, the waiting thread has left the socket and the port is
  * free.
  * Blocking: the wait as accept(2); close() only until the waiting thread has left the socket.
- * Ownership: the socket belongs to the server and is close-on-exec. Connections refer to their server, see
+ * Ownership: the socket belongs to the server and is close-on-exec. After a fork the child shares it, and
+ * closing it there ends no wait. Connections refer to their server, see
  * VornSocketConnection::getPortName().
  * Signals: a signal that is handled without SA_RESTART on the waiting thread ends the wait as close() does.
  * Errors: the wait throws "VornServerSocket::init: failed to create socket.", "... failed to bind socket.",

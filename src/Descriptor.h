@@ -5,6 +5,7 @@
 
 #include "VornNetExport.h"
 
+#include <Cancellation.h>
 #include <StandardStreams.h>
 #include <SystemCalls.h>
 
@@ -25,8 +26,10 @@ public:
     }
 
     ~Descriptor() {
-        if (m_number != -1)
-            System::close(m_number);
+        if (m_number == -1)
+            return;
+        const CancellationOff noCancellation;
+        System::close(m_number);
     }
 
     Descriptor(const Descriptor&) = delete;

@@ -2,28 +2,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServerGate.h"
 
+#include "ServerRegistry.h"
 #include "SocketCell.h"
+#include "VornIPCServer.h"
 
+#include <ForkHandlers.h>
 #include <NeverDestroyed.h>
 #include <SystemCalls.h>
 
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
 namespace VornNet {
 
 namespace {
 
-struct Monitor {
-    std::mutex lock; // guards the lists, and every server's pointer to its cell
-    std::condition_variable changed;
-};
-
-/** Servers may be closed while static objects are being destroyed. */
-Monitor& monitor() {
-    static NeverDestroyed<Monitor> instance;
+/** Tells of a change in the lists; servers may be closed while static objects are being destroyed. */
+std::condition_variable& changed() {
+    static NeverDestroyed<std::condition_variable> instance;
     return instance.object;
 }
 
@@ -33,12 +30,17 @@ int descriptorIn(const void* cell) {
 
 } // namespace
 
+// Under the registry's lock.
 constinit IntrusiveList<ServerGate::Wait> ServerGate::s_waits;
 constinit IntrusiveList<ServerGate::Closing> ServerGate::s_closings;
 
-ServerGate::Wait::Wait(const void* server, void* const& cell) : m_server(server), m_wasClosed(false) {
-    std::unique_lock lock(monitor().lock);
-    monitor().changed.wait(lock, [server] { return !isClosing(server); });
+const ForkHandlers ServerGate::s_forkHandlers([] {}, [] {}, startAfresh);
+
+ServerGate::Wait::Wait(const VornIPCServer& server, void* const& cell)
+    : m_server(&server), m_thread(std::this_thread::get_id()), m_cell(cell), m_wasClosed(false),
+      m_hasSocket(false) {
+    std::unique_lock lock(ServerRegistry::lock());
+    changed().wait(lock, [this] { return !isClosing(m_server); });
     m_descriptor = descriptorIn(__atomic_load_n(&cell, __ATOMIC_ACQUIRE));
     s_waits.add(*this);
 }
@@ -50,59 +52,82 @@ ServerGate::Wait::~Wait() {
 bool ServerGate::Wait::end() {
     if (!isListed())
         return m_wasClosed;
-    std::unique_lock lock(monitor().lock);
+    std::unique_lock lock(ServerRegistry::lock());
     s_waits.remove(*this);
-    if (m_wasClosed) {
-        monitor().changed.notify_all();
-        monitor().changed.wait(lock, [this] { return !isClosing(m_server); });
+    if (!m_wasClosed) {
+        m_hasSocket = __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
+        return false;
     }
-    return m_wasClosed;
+    if (m_server == nullptr) {
+        const auto sharesSocket = [this](const Wait& wait) {
+            return wait.m_server == nullptr && wait.m_descriptor == m_descriptor;
+        };
+        if (s_waits.find(sharesSocket) == nullptr)
+            System::close(m_descriptor);
+        return true;
+    }
+    changed().notify_all();
+    changed().wait(lock, [this] { return !isClosing(m_server); });
+    return true;
 }
 
-ServerGate::Closing::Closing(const void* server, void*& cell)
-    : m_server(server), m_cell(cell), m_isNeeded(false) {
-    std::unique_lock lock(monitor().lock);
-    monitor().changed.wait(lock, [server] { return !isClosing(server); });
-    m_isNeeded = __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
-    if (m_isNeeded)
-        s_closings.add(*this);
+ServerGate::Closing::Closing(const VornIPCServer& server, void*& cell)
+    : m_server(&server), m_cell(cell), m_isNeeded(false), m_isShared(false) {
+    std::unique_lock lock(ServerRegistry::lock());
+    // Who closes already waits for this thread, if it is in a signal handler during its own wait.
+    changed().wait(lock, [this] { return !isClosing(m_server) || isWaitedOn(m_server, true); });
+    m_isNeeded = !isClosing(m_server) && __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
+    if (!m_isNeeded)
+        return;
+    m_isShared = ServerRegistry::isInherited(server);
+    s_closings.add(*this);
 }
 
 ServerGate::Closing::~Closing() {
     if (!m_isNeeded)
         return;
-    const std::lock_guard lock(monitor().lock);
+    const std::lock_guard lock(ServerRegistry::lock());
     s_closings.remove(*this);
-    monitor().changed.notify_all();
+    changed().notify_all();
 }
 
-void ServerGate::Closing::closeSocket() {
+void ServerGate::Closing::close(bool& bInitialized, int nPort) {
+    std::unique_lock lock(ServerRegistry::lock());
     const int descriptor = descriptorIn(m_cell);
-    std::unique_lock lock(monitor().lock);
     for (Wait& wait : s_waits)
         wait.m_wasClosed = wait.m_wasClosed || wait.m_server == m_server;
-    if (isWaitedOn(m_server)) {
-        // It ends a blocked accept() and recvfrom() wherever the socket is bound, and one that is only about
-        // to block. On a datagram socket it reports ENOTCONN and works all the same.
-        // It is done again until they have left: one that fails would leave them, and this thread, forever.
-        const auto haveLeft = [this] { return !isWaitedOn(m_server); };
-        do {
-            System::shutdown(descriptor, SHUT_RDWR);
-        } while (!monitor().changed.wait_for(lock, std::chrono::milliseconds(20), haveLeft));
+    if (!m_isShared)
+        shutDown(descriptor, lock);
+    bool isLeftToOthers = false;
+    for (Wait& wait : s_waits) {
+        if (wait.m_server == m_server) {
+            wait.m_server = nullptr;
+            isLeftToOthers = true;
+        }
     }
-    lock.unlock();
-    System::close(descriptor);
-}
-
-void ServerGate::Closing::releaseCell() {
-    const std::lock_guard lock(monitor().lock);
+    // Under the lock: the child of a fork that came now would hold the socket and not know it.
+    if (!isLeftToOthers)
+        System::close(descriptor);
+    ServerRegistry::entryOf(*m_server).lastPort = nPort;
+    __atomic_store_n(&bInitialized, false, __ATOMIC_RELEASE);
     delete static_cast<int*>(m_cell);
     __atomic_store_n(&m_cell, nullptr, __ATOMIC_RELEASE);
 }
 
-void ServerGate::awaitClosing(const void* server) {
-    std::unique_lock lock(monitor().lock);
-    monitor().changed.wait(lock, [server] { return !isClosing(server); });
+void ServerGate::Closing::shutDown(int descriptor, std::unique_lock<std::mutex>& lock) {
+    // It ends a blocked accept() and recvfrom() wherever the socket is bound, and one that is only about to
+    // block; also one of a derived class, which the lists do not know. On a datagram socket it reports
+    // ENOTCONN and works all the same.
+    System::shutdown(descriptor, SHUT_RDWR);
+    // It is done again until they have left: one that fails would leave them, and this thread, forever.
+    const auto haveLeft = [this] { return !isWaitedOn(m_server, false); };
+    while (!haveLeft() && !changed().wait_for(lock, std::chrono::milliseconds(20), haveLeft))
+        System::shutdown(descriptor, SHUT_RDWR);
+}
+
+void ServerGate::awaitClosing(const VornIPCServer& server) {
+    std::unique_lock lock(ServerRegistry::lock());
+    changed().wait(lock, [&server] { return !isClosing(&server); });
 }
 
 bool ServerGate::endsWait(int nError) {
@@ -118,13 +143,22 @@ bool ServerGate::endsWait(int nError) {
     }
 }
 
-bool ServerGate::isClosing(const void* server) {
+void ServerGate::startAfresh() {
+    makeAnew(changed());
+    s_waits.clear();
+    s_closings.clear();
+}
+
+bool ServerGate::isClosing(const VornIPCServer* server) {
     return s_closings.find([server](const Closing& closing) { return closing.m_server == server; }) !=
            nullptr;
 }
 
-bool ServerGate::isWaitedOn(const void* server) {
-    return s_waits.find([server](const Wait& wait) { return wait.m_server == server; }) != nullptr;
+bool ServerGate::isWaitedOn(const VornIPCServer* server, bool byThisThread) {
+    const std::thread::id self = std::this_thread::get_id();
+    return s_waits.find([=](const Wait& wait) {
+        return wait.m_server == server && (wait.m_thread == self) == byThisThread;
+    }) != nullptr;
 }
 
 } // namespace VornNet

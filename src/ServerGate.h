@@ -5,9 +5,16 @@
 
 #include "VornNetExport.h"
 
+#include <ForkHandlers.h>
 #include <IntrusiveList.h>
 
+#include <mutex>
+
+#include <thread>
+
 namespace VornNet {
+
+class VornIPCServer;
 
 /**
  * Lets one thread close a TCP or UDP server's socket while another waits on it.
@@ -16,6 +23,10 @@ namespace VornNet {
  * somebody is about to use it. The closing thread shuts the socket down, which ends the wait, closes it when
  * the waiting thread has left, and holds newcomers back until it is done. So close() returns when the port is
  * free, and whoever waits again never meets a socket that is half closed.
+ *
+ * Some waiting threads cannot be waited for: the closing thread itself, when it closes in a signal handler,
+ * and those that wait on a socket which is shared with the parent of a fork, where a shutdown() would end the
+ * parent's wait. They close the socket themselves when they leave it.
  *
  * A pipe server closes by another protocol because its close() does not wait: it wakes the waiting thread
  * through a pipe, and that thread releases what the server holds.
@@ -29,7 +40,7 @@ public:
     class Wait : public IntrusiveList<Wait>::Link {
     public:
         /** Waits while the server is being closed. @param cell where the server keeps its socket */
-        Wait(const void* server, void* const& cell);
+        Wait(const VornIPCServer& server, void* const& cell);
         ~Wait();
 
         Wait(const Wait&) = delete;
@@ -44,19 +55,26 @@ public:
          */
         bool end();
 
+        /** @return whether the server had a socket as the wait ended: a derived class may give it up itself.
+         */
+        bool hasSocket() const { return m_hasSocket; }
+
     private:
         friend class ServerGate;
 
-        const void* m_server;
+        const VornIPCServer* m_server; // null when the socket is left to this thread
+        std::thread::id m_thread;
+        void* const& m_cell;
         int m_descriptor;
         bool m_wasClosed;
+        bool m_hasSocket;
     };
 
     /** The closing of a server's socket by one thread. */
     class Closing : public IntrusiveList<Closing>::Link {
     public:
         /** Waits while another thread closes the server. @param cell where the server keeps its socket */
-        Closing(const void* server, void*& cell);
+        Closing(const VornIPCServer& server, void*& cell);
 
         /** Lets newcomers in. */
         ~Closing();
@@ -67,35 +85,41 @@ public:
         /** @return whether there is a socket to close. */
         bool isNeeded() const { return m_isNeeded; }
 
-        /** Ends the waits and closes the socket when the waiting threads have left. */
-        void closeSocket();
+        /** @return whether the socket is shared with the process that this one was forked from. */
+        bool isShared() const { return m_isShared; }
 
         /**
-         * Sets the server's pointer to null and frees the cell. Another thread may take the server for closed
-         * now and destroy it: nothing of it may be touched any more.
+         * Ends the waits, closes the socket when the waiting threads have left, frees the cell and marks the
+         * server as closed. Another thread may destroy the server now: nothing of it may be touched any more.
+         * @param nPort where it was open
          */
-        void releaseCell();
+        void close(bool& bInitialized, int nPort);
 
     private:
         friend class ServerGate;
 
-        const void* m_server;
+        void shutDown(int descriptor, std::unique_lock<std::mutex>& lock);
+
+        const VornIPCServer* m_server;
         void*& m_cell;
         bool m_isNeeded;
+        bool m_isShared;
     };
 
     /** Waits while the server is being closed. */
-    static void awaitClosing(const void* server);
+    static void awaitClosing(const VornIPCServer& server);
 
     /** @return whether accept() or recvfrom() reports this when the server's end is the reason. */
     static bool endsWait(int nError);
 
 private:
-    static bool isClosing(const void* server);
-    static bool isWaitedOn(const void* server);
+    static void startAfresh();
+    static bool isClosing(const VornIPCServer* server);
+    static bool isWaitedOn(const VornIPCServer* server, bool byThisThread);
 
     static IntrusiveList<Wait> s_waits;
     static IntrusiveList<Closing> s_closings;
+    static const ForkHandlers s_forkHandlers;
 };
 
 } // namespace VornNet

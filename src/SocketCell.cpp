@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SocketCell.h"
 
+#include <Cancellation.h>
 #include <SystemCalls.h>
 
 #include <memory>
@@ -14,18 +15,46 @@ namespace {
 std::mutex g_lock; // guards the list and the pointers of the connections in it
 constinit IntrusiveList<SocketCell::Watch> g_watches;
 
+/**
+ * How many watches there are; atomic. A connection is watched before its thread gets to use it, so to one
+ * that sees none, its cell belongs alone, and it need not take the lock.
+ */
+int g_nWatches = 0;
+
+bool isAnyWatched() {
+    return __atomic_load_n(&g_nWatches, __ATOMIC_ACQUIRE) != 0;
+}
+
 } // namespace
 
+const ForkHandlers SocketCell::Watch::s_forkHandlers([] { g_lock.lock(); }, [] { g_lock.unlock(); },
+                                                     startAfresh);
+
+void SocketCell::open(void*& cell, int descriptor) {
+    int* owned = new int(descriptor);
+    std::unique_lock lock(g_lock, std::defer_lock);
+    if (isAnyWatched())
+        lock.lock();
+    cell = owned;
+}
+
 void SocketCell::close(void*& cell) {
-    std::unique_lock lock(g_lock);
+    std::unique_lock lock(g_lock, std::defer_lock);
+    if (isAnyWatched())
+        lock.lock();
     const std::unique_ptr<int> owned(static_cast<int*>(cell));
     cell = nullptr;
-    lock.unlock();
-    if (owned != nullptr)
-        System::close(*owned);
+    if (lock.owns_lock())
+        lock.unlock();
+    if (owned == nullptr)
+        return;
+    const CancellationOff noCancellation;
+    System::close(*owned);
 }
 
 void SocketCell::forget(void*& cell) {
+    if (!isAnyWatched())
+        return;
     const std::lock_guard lock(g_lock);
     for (Watch& watch : g_watches) {
         if (watch.m_cell == &cell)
@@ -33,13 +62,17 @@ void SocketCell::forget(void*& cell) {
     }
 }
 
-SocketCell::Watch::Watch(const void* owner, void** cell) : m_owner(owner), m_cell(cell) {
+SocketCell::Watch::Watch(const void* owner, void** cell)
+    : m_owner(owner), m_thread(std::this_thread::get_id()), m_cell(cell) {
     const std::lock_guard lock(g_lock);
     g_watches.add(*this);
+    __atomic_add_fetch(&g_nWatches, 1, __ATOMIC_RELEASE);
 }
 
 SocketCell::Watch::~Watch() {
     const std::lock_guard lock(g_lock);
+    if (isListed()) // not in the child of a fork
+        __atomic_sub_fetch(&g_nWatches, 1, __ATOMIC_RELEASE);
     g_watches.remove(*this);
 }
 
@@ -49,6 +82,16 @@ void SocketCell::Watch::shutDownReading(const void* owner) {
         if (watch.m_owner == owner && watch.m_cell != nullptr && *watch.m_cell != nullptr)
             System::shutdown(descriptorOf(*watch.m_cell), SHUT_RD);
     }
+}
+
+void SocketCell::Watch::startAfresh() {
+    g_lock.unlock();
+    for (const Watch& watch : g_watches) {
+        if (watch.m_thread != std::this_thread::get_id() && watch.m_cell != nullptr)
+            SocketCell::close(*watch.m_cell);
+    }
+    g_watches.clear();
+    g_nWatches = 0;
 }
 
 } // namespace VornNet

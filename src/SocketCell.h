@@ -5,7 +5,10 @@
 
 #include "VornNetExport.h"
 
+#include <ForkHandlers.h>
 #include <IntrusiveList.h>
+
+#include <thread>
 
 namespace VornNet {
 
@@ -22,13 +25,19 @@ public:
     /** @return the descriptor; the cell must be there. */
     static int descriptorOf(const void* cell) { return *static_cast<const int*>(cell); }
 
+    /** Puts a descriptor into a new cell. */
+    static void open(void*& cell, int descriptor);
+
     /** Closes the socket, frees the cell and sets the pointer to null; null is allowed. */
     static void close(void*& cell);
 
     /** To be called when a connection is destroyed: nothing looks at its pointer any more. */
     static void forget(void*& cell);
 
-    /** While it exists, other threads can end the reads from a connection's socket. */
+    /**
+     * While it exists, other threads can end the reads from a connection's socket. The child of a fork closes
+     * the socket, unless the watching thread itself has forked: who uses the connection is not there.
+     */
     class Watch : public IntrusiveList<Watch>::Link {
     public:
         /** @param owner identifies the watch. @param cell where the connection keeps its cell, or null */
@@ -44,7 +53,12 @@ public:
     private:
         friend class SocketCell;
 
+        static void startAfresh();
+
+        static const ForkHandlers s_forkHandlers;
+
         const void* m_owner;
+        std::thread::id m_thread;
         void** m_cell; // null for a connection without one, and when the connection is gone
     };
 };

@@ -109,7 +109,7 @@ int VornPipeConnection::establishImpl(VornString& sExceptionMessage) {
         Descriptor socket(System::socket(AF_UNIX, SOCK_STREAM, 0));
         if (!socket.isOpen())
             throw VornException(cCreateFailed, errno);
-        m_pipeHandle = new int(socket.number());
+        SocketCell::open(m_pipeHandle, socket.number());
         connectTo(socket.release(), sPath);
         if (!connectToServiceImpl())
             throw VornException(cServiceFailed, 0);

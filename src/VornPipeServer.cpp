@@ -4,8 +4,11 @@
 
 #include "Descriptor.h"
 #include "PipeAddress.h"
+#include "ServerRegistry.h"
 #include "VornPipeConnection.h"
 
+#include <Cancellation.h>
+#include <ForkHandlers.h>
 #include <IntrusiveList.h>
 #include <LogRecord.h>
 #include <NeverDestroyed.h>
@@ -129,88 +132,23 @@ void signalWaiter(int writeEnd) {
  * A pipe server closes by another protocol than TCP and UDP servers (see ServerGate), because its close()
  * does not wait: it wakes the waiting thread through a pipe, and that thread releases what the server holds
  * by a close() of its own.
+ *
+ * The registry's lock guards each record's waiting flag together with the server's pointer to the record: a
+ * closing thread must not release the record between a waiting thread's look at the pointer and its raising
+ * of the flag. The server's own lock cannot do it, since it is held over everything that close() does and the
+ * waiting thread takes it there.
  */
-
-/**
- * A waiting thread that has been woken by close() and now releases the record. Until that is over no other
- * thread releases the record, so that it cannot find the server unused and open it again or destroy it under
- * the call. No lock is held meanwhile: a derived class may have one of its own in close().
- */
-class VornPipeServer::Releasing : public IntrusiveList<Releasing>::Link {
-public:
-    explicit Releasing(const VornPipeServer* server);
-    ~Releasing();
-
-    Releasing(const Releasing&) = delete;
-    Releasing& operator=(const Releasing&) = delete;
-
-    /** @return whether the record is left to another thread than the calling one; under the lock. */
-    static bool isLeftToAnother(const VornPipeServer* server);
-
-    /** Waits until no other thread is releasing the record, but not forever. */
-    static void await(const VornPipeServer* server);
-
-private:
-    const VornPipeServer* m_server;
-    std::thread::id m_thread;
-};
-
-/** What the threads that wait on and close pipe servers share; servers may be closed while static objects
- * are. */
-struct VornPipeServer::Monitor {
-    /**
-     * Guards each record's waiting flag together with the server's pointer to the record: a closing thread
-     * must not release the record between a waiting thread's look at the pointer and its raising of the flag.
-     * The server's own lock cannot do it, since it is held over everything that close() does and the waiting
-     * thread takes it there.
-     */
-    std::mutex lock;
-    std::condition_variable released;
-    IntrusiveList<Releasing> releasing;
-
-    static Monitor& instance() {
-        static NeverDestroyed<Monitor> monitor;
-        return monitor.object;
-    }
-};
-
-VornPipeServer::Releasing::Releasing(const VornPipeServer* server)
-    : m_server(server), m_thread(std::this_thread::get_id()) {
-    const std::lock_guard lock(Monitor::instance().lock);
-    Monitor::instance().releasing.add(*this);
-}
-
-VornPipeServer::Releasing::~Releasing() {
-    const std::lock_guard lock(Monitor::instance().lock);
-    Monitor::instance().releasing.remove(*this);
-    Monitor::instance().released.notify_all();
-}
-
-bool VornPipeServer::Releasing::isLeftToAnother(const VornPipeServer* server) {
-    const std::thread::id self = std::this_thread::get_id();
-    bool isLeft = false;
-    for (const Releasing& one : Monitor::instance().releasing) {
-        if (one.m_server == server && one.m_thread == self)
-            return false;
-        isLeft = isLeft || one.m_server == server;
-    }
-    return isLeft;
-}
-
-void VornPipeServer::Releasing::await(const VornPipeServer* server) {
-    std::unique_lock lock(Monitor::instance().lock);
-    Monitor::instance().released.wait_for(lock, std::chrono::seconds(10),
-                                          [server] { return !isLeftToAnother(server); });
-}
 
 /** Marks the server's record as waited on; nobody releases it until the mark is gone. */
-class VornPipeServer::Waiting {
+class VornPipeServer::Waiting : public IntrusiveList<Waiting>::Link {
 public:
-    explicit Waiting(void* const& pipeHandle) {
-        const std::lock_guard lock(Monitor::instance().lock);
+    explicit Waiting(void* const& pipeHandle) : m_thread(std::this_thread::get_id()) {
+        const std::lock_guard lock(ServerRegistry::lock());
         m_pPipe = static_cast<_pipe*>(__atomic_load_n(&pipeHandle, __ATOMIC_ACQUIRE));
-        if (m_pPipe != nullptr)
-            m_pPipe->m_bClientWaiting = true;
+        if (m_pPipe == nullptr)
+            return;
+        m_pPipe->m_bClientWaiting = true;
+        s_all.add(*this);
     }
 
     ~Waiting() { end(); }
@@ -221,15 +159,88 @@ public:
     _pipe* record() const { return m_pPipe; }
 
     void end() {
-        const std::lock_guard lock(Monitor::instance().lock);
-        if (m_pPipe != nullptr)
-            m_pPipe->m_bClientWaiting = false;
-        m_pPipe = nullptr;
+        if (!isListed())
+            return;
+        const std::lock_guard lock(ServerRegistry::lock());
+        m_pPipe->m_bClientWaiting = false;
+        s_all.remove(*this);
+    }
+
+    /** @return whether the calling thread waits on the record, and is in a signal handler. */
+    static bool isByThisThread(const void* pipe) {
+        const std::lock_guard lock(ServerRegistry::lock());
+        return s_all.find([pipe, self = std::this_thread::get_id()](const Waiting& waiting) {
+            return waiting.m_pPipe == pipe && waiting.m_thread == self;
+        }) != nullptr;
     }
 
 private:
+    friend class Releasing;
+
     _pipe* m_pPipe;
+    std::thread::id m_thread;
+    static inline constinit IntrusiveList<Waiting> s_all; // under the lock
 };
+
+/**
+ * A waiting thread that has been woken by close() and now releases the record. Until that is over no other
+ * thread releases the record, so that it cannot find the server unused and open it again or destroy it under
+ * the call. No lock is held meanwhile: a derived class may have one of its own in close().
+ */
+class VornPipeServer::Releasing : public IntrusiveList<Releasing>::Link {
+public:
+    explicit Releasing(const VornPipeServer* server)
+        : m_server(server), m_thread(std::this_thread::get_id()) {
+        const std::lock_guard lock(ServerRegistry::lock());
+        s_all.add(*this);
+    }
+
+    ~Releasing() {
+        const std::lock_guard lock(ServerRegistry::lock());
+        s_all.remove(*this);
+        ended().notify_all();
+    }
+
+    Releasing(const Releasing&) = delete;
+    Releasing& operator=(const Releasing&) = delete;
+
+    /** @return whether the record is left to another thread than the calling one; under the lock. */
+    static bool isLeftToAnother(const VornPipeServer* server) {
+        bool isLeft = false;
+        for (const Releasing& one : s_all) {
+            if (one.m_server == server && one.m_thread == std::this_thread::get_id())
+                return false;
+            isLeft = isLeft || one.m_server == server;
+        }
+        return isLeft;
+    }
+
+    /** Waits until no other thread is releasing the record, but not forever. */
+    static void await(const VornPipeServer* server) {
+        std::unique_lock lock(ServerRegistry::lock());
+        ended().wait_for(lock, std::chrono::seconds(10), [server] { return !isLeftToAnother(server); });
+    }
+
+private:
+    /** Servers may be closed while static objects are being destroyed. */
+    static std::condition_variable& ended() {
+        static NeverDestroyed<std::condition_variable> instance;
+        return instance.object;
+    }
+
+    static void startAfresh() {
+        makeAnew(ended());
+        s_all.clear();
+        Waiting::s_all.clear();
+    }
+
+    const VornPipeServer* m_server;
+    std::thread::id m_thread;
+    static inline constinit IntrusiveList<Releasing> s_all; // under the lock
+    static const ForkHandlers s_forkHandlers;
+};
+
+const ForkHandlers VornPipeServer::Releasing::s_forkHandlers([] {}, [] {}, startAfresh);
 
 VornPipeServer::VornPipeServer(const VornString& sPipeName) : VornPipeServer(sPipeName, 7, VornString()) {}
 
@@ -237,46 +248,60 @@ VornPipeServer::VornPipeServer(const VornString& sPipeName, unsigned int iAccess
                                const VornString& sUserGroupName)
     : m_sPipeName(sPipeName), m_pipeHandle(nullptr), m_iAccessPrivileges(iAccessPrivileges),
       m_sUserGroupName(sUserGroupName) {
-    VornPipeServer::init();
+    ServerRegistry::add(*this, m_pipeHandle, [](VornIPCServer& server) {
+        releaseRecord(static_cast<VornPipeServer&>(server).m_pipeHandle);
+    });
+    try {
+        VornPipeServer::init();
+    } catch (...) {
+        ServerRegistry::remove(*this);
+        throw;
+    }
 }
 
 VornPipeServer::~VornPipeServer() {
     constexpr int cMostPauses = 40;
     constexpr useconds_t cPause = 250'000;
+    const CancellationOff noCancellation;
     VornPipeServer::close();
-    for (int i = 0; i < cMostPauses && __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr; ++i)
-        System::usleep(cPause);
+    // In a signal handler on the waiting thread nobody else will release the record.
+    const void* pPipe = __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE);
+    if (pPipe != nullptr && !Waiting::isByThisThread(pPipe)) {
+        for (int i = 0; i < cMostPauses && __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr; ++i)
+            System::usleep(cPause);
+    }
     // The waiting thread that has just released the record may still be on its way out of close(). A record
     // that is still held after 10 seconds is abandoned rather than freed under a thread that may use it.
     if (__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) == nullptr)
         Releasing::await(this);
+    ServerRegistry::remove(*this);
 }
 
 void VornPipeServer::waitForInit() {}
 
 void VornPipeServer::close() {
+    const CancellationOff noCancellation;
     logRecord(VornLogging::cDebug, "VornPipeServer::close");
     const VornCriticalSection lock(m_lock, true);
-    std::unique_lock waitingLock(Monitor::instance().lock);
-    auto* pPipe = static_cast<_pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
+    std::unique_lock registryLock(ServerRegistry::lock());
+    const auto* pPipe = static_cast<const _pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
     if (pPipe == nullptr)
         return;
-    if (pPipe->m_bClientWaiting) {
-        waitingLock.unlock();
+    // After a fork the parent's thread waits on the record, and what wakes it would wake it there.
+    const bool bShared = ServerRegistry::isInherited(*this);
+    if (!bShared && pPipe->m_bClientWaiting) {
+        registryLock.unlock();
         // Nobody else can release the record: that takes m_lock.
         logRecord(VornLogging::cDebug, "VornPipeServer::close: signaling wait thread");
         signalWaiter(pPipe->m_hRWPipe[1]);
         return;
     }
-    if (Releasing::isLeftToAnother(this))
+    if (!bShared && Releasing::isLeftToAnother(this))
         return;
-    __atomic_store_n(&m_pipeHandle, nullptr, __ATOMIC_RELEASE);
-    waitingLock.unlock();
+    // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
+    releaseRecord(m_pipeHandle);
+    registryLock.unlock();
     logRecord(VornLogging::cDebug, "VornPipeServer::close: releasing resources");
-    System::close(pPipe->m_hClientPipe);
-    System::close(pPipe->m_hRWPipe[0]);
-    System::close(pPipe->m_hRWPipe[1]);
-    delete pPipe;
 }
 
 VornString VornPipeServer::getFullPipeName(const VornString& sPipeName) {
@@ -291,6 +316,8 @@ VornSmartPointer<VornConnection>
 VornPipeServer::waitForClientImpl(bool /*bIdentify*/, VornString& sExceptionMessage, int& nErrorCode) {
     try {
         init();
+        if (ServerRegistry::isInChild())
+            takeOver();
     } catch (const VornException& e) {
         sExceptionMessage = e.getText();
         nErrorCode = e.getCode();
@@ -341,6 +368,33 @@ void VornPipeServer::init() {
     record->m_hRWPipe[1] = writeEnd.release();
     record->m_hClientPipe = listener.release();
     __atomic_store_n(&m_pipeHandle, record.release(), __ATOMIC_RELEASE);
+}
+
+void VornPipeServer::takeOver() {
+    const std::lock_guard lock(ServerRegistry::lock());
+    if (!ServerRegistry::isInherited(*this))
+        return;
+    // The wake-up pipe is the parent's too: what is written to it would wake the parent's thread.
+    auto* pPipe = static_cast<_pipe*>(m_pipeHandle);
+    int ends[2];
+    if (System::pipe(ends) == -1)
+        throw VornException(cCreateFailed, errno);
+    Descriptor readEnd(ends[0]);
+    Descriptor writeEnd(ends[1]);
+    System::close(pPipe->m_hRWPipe[0]);
+    System::close(pPipe->m_hRWPipe[1]);
+    pPipe->m_hRWPipe[0] = readEnd.release();
+    pPipe->m_hRWPipe[1] = writeEnd.release();
+    pPipe->m_bClientWaiting = false;
+    ServerRegistry::entryOf(*this).inherited = nullptr;
+}
+
+void VornPipeServer::releaseRecord(void*& pipeHandle) {
+    const std::unique_ptr<_pipe> pPipe(static_cast<_pipe*>(pipeHandle));
+    __atomic_store_n(&pipeHandle, nullptr, __ATOMIC_RELEASE);
+    System::close(pPipe->m_hClientPipe);
+    System::close(pPipe->m_hRWPipe[0]);
+    System::close(pPipe->m_hRWPipe[1]);
 }
 
 VornSmartPointer<VornConnection> VornPipeServer::shutDown(Waiting& waiting) {

@@ -5,9 +5,13 @@
 #include "Descriptor.h"
 #include "HostEntry.h"
 #include "HostText.h"
+#include "PortBinding.h"
 #include "ServerGate.h"
+#include "ServerRegistry.h"
+#include "SocketCell.h"
 #include "VornSocketConnection.h"
 
+#include <Cancellation.h>
 #include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
@@ -57,10 +61,19 @@ VornSmartPointer<VornConnection> makeClient(Descriptor& client, const sockaddr_i
 
 VornServerSocket::VornServerSocket(int nPort, int nBacklog, const VornString& sBindAddress)
     : m_nPort(nPort), m_nBacklog(nBacklog), m_sBindAddress(sBindAddress), m_pSocketImpl(nullptr),
-      m_bInitialized(false) {}
+      m_bInitialized(false) {
+    ServerRegistry::add(*this, m_pSocketImpl, [](VornIPCServer& server) {
+        auto& self = static_cast<VornServerSocket&>(server);
+        System::close(SocketCell::descriptorOf(self.m_pSocketImpl));
+        delete static_cast<int*>(self.m_pSocketImpl);
+        self.m_pSocketImpl = nullptr;
+        self.m_bInitialized = false;
+    });
+}
 
 VornServerSocket::~VornServerSocket() {
     VornServerSocket::close();
+    ServerRegistry::remove(*this);
 }
 
 void VornServerSocket::waitForInit() {
@@ -72,14 +85,13 @@ void VornServerSocket::waitForInit() {
 void VornServerSocket::close() {
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
         return;
+    const CancellationOff noCancellation;
     logRecord(VornLogging::cDebug, "VornServerSocket::close: closing socket ",
               __atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
-    ServerGate::Closing closing(this, m_pSocketImpl);
+    ServerGate::Closing closing(*this, m_pSocketImpl);
     if (!closing.isNeeded())
         return;
-    closing.closeSocket();
-    __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
-    closing.releaseCell();
+    closing.close(m_bInitialized, __atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
 }
 
 int VornServerSocket::getPort() {
@@ -109,7 +121,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
                   __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting connections...");
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
-        ServerGate::Wait wait(this, m_pSocketImpl);
+        ServerGate::Wait wait(*this, m_pSocketImpl);
         if (wait.descriptor() == -1)
             return {};
         Descriptor client(System::accept(wait.descriptor(), reinterpret_cast<sockaddr*>(&peer), &length));
@@ -117,9 +129,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
         // Asked while the descriptor is still ours: a socket that somebody has shut down would fail for ever.
         const bool bGoesOn =
             client.isOpen() || (!ServerGate::endsWait(nError) && isListening(wait.descriptor()));
-        // A derived class may have given the socket up by itself.
-        const bool bHasSocket = __atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr;
-        if (wait.end() || !bHasSocket)
+        if (wait.end() || !wait.hasSocket())
             return {};
         if (client.isOpen())
             return makeClient(client, peer, bIdentify, this);
@@ -131,7 +141,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
 }
 
 void VornServerSocket::init() {
-    ServerGate::awaitClosing(this);
+    ServerGate::awaitClosing(*this);
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
         return;
     Descriptor socket(System::socket(AF_INET, SOCK_STREAM, 0));
@@ -148,8 +158,9 @@ void VornServerSocket::init() {
     if (address.sin_addr.s_addr == INADDR_NONE)
         throw VornException(cBindFailed, EADDRNOTAVAIL);
     // Kept: no SO_REUSEADDR, so a port in TIME_WAIT is refused.
-    if (System::bind(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
-        throw VornException(cBindFailed, errno);
+    const int nError = bindPort(*this, nPort, socket.number(), address);
+    if (nError != 0)
+        throw VornException(cBindFailed, nError);
     socklen_t length = sizeof address;
     if (System::getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &length) == -1)
         throw VornException(cNameFailed, errno);

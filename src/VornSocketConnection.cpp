@@ -169,7 +169,7 @@ int VornSocketConnection::establishImpl(VornString& sExceptionMessage) {
         Descriptor socket(System::socket(AF_INET, SOCK_STREAM, 0));
         if (!socket.isOpen())
             throw VornException(cCreateFailed, errno);
-        m_pClient = new int(socket.number());
+        SocketCell::open(m_pClient, socket.number());
         socket.release();
         const sockaddr_in target =
             makeSocketAddress(findTarget(m_sRemoteName, m_nPort, m_bIdentify), m_nPort);

@@ -2,13 +2,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornUDPServerSocket.h"
 
+#include "DatagramSend.h"
 #include "Descriptor.h"
 #include "HostEntry.h"
 #include "HostText.h"
+#include "PortBinding.h"
 #include "ServerGate.h"
 #include "VornBufferConnection.h"
-#include "VornUDPSocketConnection.h"
 
+#include <Cancellation.h>
 #include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornException.h>
@@ -16,6 +18,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include <arpa/inet.h>
 
@@ -51,20 +54,6 @@ VornSmartPointer<VornConnection> makeClient(void* buffer, ssize_t count, const s
     return spClient;
 }
 
-/** Tells the server's own port on the loopback interface that the server is closed. */
-void sendWakeUp(int nPort) {
-    // Port 0 cannot be sent to, and a transmission that fails leaves its descriptor open.
-    if ((nPort & 0xFFFF) == 0)
-        return;
-    try {
-        VornUDPSocketConnection wakeServer("127.0.0.1", nPort, false);
-        wakeServer.transfer(static_cast<short>(1));
-        wakeServer.transmit();
-    } catch (const VornException&) { // GCOVR_EXCL_BR_LINE: a failed transmission is logged, not thrown
-        // Nobody depends on it: a waiting thread has left already.
-    }
-}
-
 } // namespace
 
 VornUDPServerSocket::VornUDPServerSocket(int nPort, const VornString& sBindAddress, unsigned int nBufferSize)
@@ -77,16 +66,24 @@ VornUDPServerSocket::~VornUDPServerSocket() {
 void VornUDPServerSocket::close() {
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
         return;
-    ServerGate::Closing closing(this, m_pSocketImpl);
-    if (!closing.isNeeded())
-        return;
-    closing.closeSocket();
-    __atomic_store_n(&m_bInitialized, false, __ATOMIC_RELEASE);
-    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
-    closing.releaseCell();
-    // Before newcomers are let in, while no new socket can be bound: one would take the datagram for a
-    // client.
-    sendWakeUp(nPort);
+    const CancellationOff noCancellation;
+    const VornString sLoopback("127.0.0.1");
+    std::optional<DatagramSend> wakeUp;
+    {
+        ServerGate::Closing closing(*this, m_pSocketImpl);
+        if (!closing.isNeeded())
+            return;
+        const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+        const bool bShared = closing.isShared();
+        closing.close(m_bInitialized, nPort);
+        wakeUp.emplace(sLoopback, nPort, false);
+        // Before newcomers are let in, while no new socket can be bound: one would take the datagram for a
+        // client. Port 0 cannot be sent to, and a transmission that fails leaves its descriptor open.
+        if (!bShared && (nPort & 0xFFFF) != 0)
+            wakeUp->send("\0\1", 2);
+    }
+    // Nobody depends on the datagram: a waiting thread has left already. A log handler may use the server.
+    wakeUp->logFailure();
 }
 
 VornSmartPointer<VornConnection>
@@ -110,16 +107,14 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
                   __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting messages...");
         sockaddr_in sender{};
         socklen_t length = sizeof sender;
-        ServerGate::Wait wait(this, m_pSocketImpl);
+        ServerGate::Wait wait(*this, m_pSocketImpl);
         if (wait.descriptor() == -1)
             return {};
         const ssize_t count = System::recvfrom(wait.descriptor(), buffer.get(), m_nBufferSize, 0,
                                                reinterpret_cast<sockaddr*>(&sender), &length);
         const int nError = count == -1 ? errno : 0;
-        // A derived class may have given the socket up by itself.
-        const bool bHasSocket = __atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr;
         // Looked at first: to a socket that is being closed, recvfrom() reports an empty datagram.
-        if (wait.end() || (count > 0 && !bHasSocket))
+        if (wait.end() || (count > 0 && !wait.hasSocket()))
             return {};
         if (count > 0)
             return makeClient(buffer.get(), count, sender, bIdentify);
@@ -140,7 +135,7 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
 }
 
 void VornUDPServerSocket::init() {
-    ServerGate::awaitClosing(this);
+    ServerGate::awaitClosing(*this);
     if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
         return;
     Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));
@@ -152,8 +147,9 @@ void VornUDPServerSocket::init() {
     // Kept: a text that is no address binds 255.255.255.255, which Linux allows.
     sockaddr_in address = makeSocketAddress(
         in_addr{sBindAddress == "*" ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
-    if (System::bind(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
-        throw VornException(cBindFailed, errno);
+    const int nError = bindPort(*this, nPort, socket.number(), address);
+    if (nError != 0)
+        throw VornException(cBindFailed, nError);
     socklen_t length = sizeof address;
     if (System::getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &length) == -1)
         throw VornException(cNameFailed, errno);

@@ -2,42 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornUDPSocketConnection.h"
 
-#include "Descriptor.h"
-#include "HostEntry.h"
-#include "HostText.h"
-
-#include <LogRecord.h>
-#include <SystemCalls.h>
-
-#include <cerrno>
-#include <cstdint>
-#include <new>
+#include "DatagramSend.h"
 
 namespace VornNet {
-
-namespace {
-
-void askForName(in_addr address) {
-    logRecord(VornLogging::cTraceCoreHigh, "VornUDPSocketConnection::transmit: using gethostbyaddr.");
-    // Kept for what it does inside the resolver (its caches); length 8 as on the TCP transport.
-    const std::uint64_t lookedUp = address.s_addr;
-    HostEntry::byAddress(&lookedUp, sizeof lookedUp);
-}
-
-in_addr findTarget(const VornString& sRemoteName, bool bIdentify) {
-    const HostText text(sRemoteName);
-    if (text.isName()) {
-        const HostEntry host = HostEntry::byName(text.text());
-        // Kept: a name that nobody knows is sent to as 0.0.0.0, which Linux takes for the local host.
-        return host.isFound() ? host.firstAddress() : in_addr{INADDR_ANY};
-    }
-    const in_addr address = text.address();
-    if (bIdentify)
-        askForName(address);
-    return address;
-}
-
-} // namespace
 
 VornUDPSocketConnection::VornUDPSocketConnection(const VornString& sRemoteName, int nPort, bool bIdentify)
     : m_nPort(nPort), m_bIdentify(bIdentify) {
@@ -47,40 +14,11 @@ VornUDPSocketConnection::VornUDPSocketConnection(const VornString& sRemoteName, 
 VornUDPSocketConnection::~VornUDPSocketConnection() = default;
 
 bool VornUDPSocketConnection::transmit() {
-    Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));
-    if (!socket.isOpen()) {
-        const int nError = errno;
-        logRecord(VornLogging::cError,
-                  "VornUDPSocketConnection::transmit: failed to create socket. (rc=", nError, ")");
-        return false;
-    }
-    const int bBroadcast = 1;
-    if (System::setsockopt(socket.number(), SOL_SOCKET, SO_BROADCAST, &bBroadcast, sizeof bBroadcast) == -1) {
-        const int nError = errno;
-        logRecord(VornLogging::cError,
-                  "VornUDPSocketConnection::transmit: failed to set UDP options. (rc=", nError, ")");
-        socket.release(); // kept: a failed transmission leaves its descriptor open
-        return false;
-    }
-    sockaddr_in target{};
-    try {
-        target = makeSocketAddress(findTarget(m_sRemoteName, m_bIdentify), m_nPort);
-    } catch (const std::bad_alloc&) { // GCOVR_EXCL_BR_LINE: nothing else is thrown
-        // A failure is the result here, and no exception.
-        logRecord(VornLogging::cError, "VornUDPSocketConnection::transmit: failed to send data (rc:", ENOMEM,
-                  ") to ", m_sRemoteName);
-        return false;
-    }
-    // With nothing written the size is -1, a length that sendto() refuses.
-    if (System::sendto(socket.number(), buf(), static_cast<size_t>(size()), 0,
-                       reinterpret_cast<const sockaddr*>(&target), sizeof target) == -1) {
-        const int nError = errno;
-        logRecord(VornLogging::cError, "VornUDPSocketConnection::transmit: failed to send data (rc:", nError,
-                  ") to ", m_sRemoteName);
-        socket.release(); // kept, as above
-        return false;
-    }
-    return true;
+    DatagramSend datagram(m_sRemoteName, m_nPort, m_bIdentify);
+    if (datagram.send(buf(), size()))
+        return true;
+    datagram.logFailure();
+    return false;
 }
 
 } // namespace VornNet

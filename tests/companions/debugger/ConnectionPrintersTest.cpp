@@ -97,9 +97,8 @@ TEST_F(GdbPrinters, SslServer_ShowsItsCertificate) {
 }
 
 TEST_F(GdbPrinters, ServerThatIsBeingClosed_ShowsBothThreads) {
-    Lines arguments =
-        executing({"break stopHere", "run servers", "break VornNet::ServerGate::Closing::closeSocket",
-                   "continue", "frame function showServers", "output *tcp"});
+    Lines arguments = executing({"break stopHere", "run servers", "break VornNet::ServerGate::Closing::close",
+                                 "continue", "frame function showServers", "output *tcp"});
     arguments.insert(arguments.end(), {"--args", VORNTEST_DEBUGGEE});
     EXPECT_THAT(
         runGdb(arguments).output,

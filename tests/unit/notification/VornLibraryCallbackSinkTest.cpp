@@ -297,10 +297,13 @@ TEST_F(VornLibraryCallbackSink, PipeHasNoNextPort) {
     EXPECT_THAT(log.texts(), IsEmpty());
 }
 
+/// How often the port on which the sink was open before is tried again.
+constexpr int retries = 50;
+
 TEST_P(VornLibraryCallbackSink_OnPorts, MovesKeepServerObject) {
     WatchedSink sink(GetParam());
     const VornNet::VornIPCServer* const before = sink->m_spCallbackServer;
-    FaultRule inUse("bind", EADDRINUSE, 1, 3);
+    FaultRule inUse("bind", EADDRINUSE, 1, retries + 3);
     inUse.onlyThread(sink.tid());
     addCallback(*sink);
     ASSERT_TRUE(sink.awaitServing());
@@ -316,7 +319,7 @@ TEST_P(VornLibraryCallbackSink_OnPorts, AddressIsReadWhileItMoves) {
     WatchedSink sink(GetParam());
     addCallback(*sink);
     constexpr int moves = 300;
-    FaultRule inUse("bind", EADDRINUSE, 1, moves);
+    FaultRule inUse("bind", EADDRINUSE, 1, retries + moves);
     inUse.onlyThread(sink.tid());
     std::atomic<bool> ends{false};
     std::atomic<int> wrong{0};

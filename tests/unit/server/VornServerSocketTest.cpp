@@ -11,6 +11,7 @@
 #include "Sandbox.h"
 #include "ServerTestSupport.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include <arpa/inet.h>
@@ -798,4 +799,54 @@ TEST_F(VornServerSocketTest, TwoWaitsOnOneServer_DoNotHoldEachOtherUp) {
     EXPECT_NE(second.outcome().client(), nullptr);
     reset(one);
     reset(other);
+}
+
+TEST_F(VornServerSocketTest, Close_EndsAWaitThatADerivedClassDoesItself) {
+    static std::atomic<bool> isOpen{false};
+
+    class Accepting : public Probe {
+    public:
+        using Probe::Probe;
+
+        VornSmartPointer<VornConnection> waitForClientImpl(bool, VornString&, int&) override {
+            init();
+            const int listener = socketOf(*this);
+            isOpen = true;
+            const UniqueFd client(::accept(listener, nullptr, nullptr));
+            return {};
+        }
+    };
+
+    class Selecting : public Probe {
+    public:
+        using Probe::Probe;
+
+        VornSmartPointer<VornConnection> waitForClientImpl(bool, VornString&, int&) override {
+            init();
+            fd_set readable;
+            const int listener = socketOf(*this);
+            isOpen = true;
+            FD_ZERO(&readable);
+            FD_SET(listener, &readable);
+            ::select(FD_SETSIZE, &readable, nullptr, nullptr, nullptr);
+            return {};
+        }
+    };
+
+    const auto closeAWaitingOne = [](Probe&& server) {
+        isOpen = false;
+        ClientWait wait(server);
+        ASSERT_TRUE(awaitCondition([&] { return isOpen.load(); }));
+        ASSERT_TRUE(wait.awaitBlocked());
+        server.close();
+        const bool hasEnded = wait.thread().join();
+        EXPECT_TRUE(hasEnded);
+        if (!hasEnded) {
+            const UniqueFd stranger = tcpConnect("127.0.0.1", port);
+        }
+        expectQuiet(wait.outcome());
+        EXPECT_THROW(tcpConnect("127.0.0.1", port), std::system_error);
+    };
+    closeAWaitingOne(Accepting(port, 5, "127.0.0.1"));
+    closeAWaitingOne(Selecting(port, 5, "127.0.0.1"));
 }

@@ -790,3 +790,20 @@ TEST_F(VornUDPServerSocketTest, Wait_BegunWhileCloseSendsItsDatagram_DoesNotTake
     ASSERT_NE(wait.outcome().client(), nullptr);
     EXPECT_EQ(contentOf(wait.outcome().client()), "abc");
 }
+
+TEST_F(VornUDPServerSocketTest, Close_WhenItsDatagramFails_LetsTheLogHandlerUseTheServer) {
+    Probe server(port, "*", 100);
+    server.init();
+    const FaultRule fault("sendto", ENOBUFS);
+    bool isOpenAgain = false;
+    WatchedThread closer([&] {
+        const RecordAction action(1, "failed to send data", [&] {
+            server.init();
+            isOpenAgain = server.m_pSocketImpl != nullptr;
+        });
+        server.close();
+    });
+    EXPECT_TRUE(closer.join());
+    EXPECT_TRUE(isOpenAgain);
+    expectDescriptorLeak(1); // of the datagram that was not sent
+}

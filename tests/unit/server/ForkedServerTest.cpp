@@ -1,0 +1,173 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * What becomes of the servers of a process that forks.
+ */
+
+#include <VornPipeServer.h>
+#include <VornServerSocket.h>
+#include <VornUDPServerSocket.h>
+
+#include "ForkedChild.h"
+#include "LeakCheckedTest.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ServerTestSupport.h"
+
+#include <memory>
+#include <string>
+
+using namespace VornTest;
+using VornNet::VornPipeServer;
+using VornNet::VornServerSocket;
+using VornNet::VornUDPServerSocket;
+
+namespace {
+
+using testing::Values;
+
+constexpr int port = 6301;
+constexpr const char* pipeName = "forked";
+
+enum class Kind { Pipe, Tcp, Udp };
+
+VornIPCServer* makeServer(Kind kind, int number = 0) {
+    if (kind == Kind::Pipe) {
+        return new VornPipeServer(pipeName + std::to_string(number));
+    }
+    if (kind == Kind::Tcp) {
+        return new VornServerSocket(port + number, 5, "127.0.0.1");
+    }
+    return new VornUDPServerSocket(port + number, "127.0.0.1", 1000);
+}
+
+/// A client of plain POSIX calls that has sent the bytes; nothing for a datagram.
+UniqueFd meet(Kind kind, const std::string& data) {
+    UniqueFd peer;
+    if (kind == Kind::Udp) {
+        int own = 0;
+        peer = udpSocket("127.0.0.1", own);
+        udpSendTo(peer.get(), "127.0.0.1", port, data);
+        return {};
+    }
+    peer = kind == Kind::Pipe ? unixConnect(pipePath(pipeName + std::string("0")))
+                              : tcpConnect("127.0.0.1", port);
+    sendAll(peer.get(), data);
+    return peer;
+}
+
+/// A server on which a thread of this process waits.
+class ForkedServer : public LeakCheckedTest, public testing::WithParamInterface<Kind> {
+protected:
+    void SetUp() override {
+        LeakCheckedTest::SetUp();
+        m_descriptors = openDescriptors();
+        m_spServer = makeServer(GetParam());
+        m_wait = std::make_unique<ClientWait>(*m_spServer);
+        ASSERT_TRUE(m_wait->awaitBlocked());
+    }
+
+    void TearDown() override {
+        m_wait.reset();
+        m_spServer = nullptr;
+        LeakCheckedTest::TearDown();
+    }
+
+    /// Checks that the parent's wait goes on, and that a client is still served.
+    void expectToServe() {
+        EXPECT_FALSE(m_wait->thread().finished());
+        UniqueFd peer = meet(GetParam(), bytes("00 00 00 07"));
+        ASSERT_NE(m_wait->outcome().client(), nullptr);
+        EXPECT_EQ(m_wait->outcome().spClient->receiveInt(), 7);
+        if (peer.get() != -1 && GetParam() == Kind::Tcp) {
+            reset(peer);
+        }
+    }
+
+    int m_descriptors = 0; ///< before there was a server
+    VornSmartPointer<VornIPCServer> m_spServer;
+    std::unique_ptr<ClientWait> m_wait;
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Kind, ForkedServer, Values(Kind::Pipe, Kind::Tcp, Kind::Udp), [](const auto& kind) {
+    return std::string(kind.param == Kind::Pipe ? "pipe" : kind.param == Kind::Tcp ? "tcp" : "udp");
+});
+
+TEST_P(ForkedServer, ClosedInTheChild_ServesTheParent) {
+    EXPECT_EQ(inChild([this] {
+                  m_spServer->close();
+                  return openDescriptors() == m_descriptors ? 0 : 1;
+              }),
+              0);
+    expectToServe();
+}
+
+TEST_P(ForkedServer, DestroyedInTheChild_ServesTheParent) {
+    EXPECT_EQ(inChild([this] {
+                  delete static_cast<VornIPCServer*>(m_spServer);
+                  return openDescriptors() == m_descriptors ? 0 : 1;
+              }),
+              0);
+    expectToServe();
+}
+
+TEST_P(ForkedServer, IsOpenInTheChild) {
+    const int before = openDescriptors();
+    EXPECT_EQ(inChild([before] { return openDescriptors() == before ? 0 : 1; }), 0);
+    expectToServe();
+}
+
+TEST_P(ForkedServer, AnotherOneInTheChild_WaitsAndCloses) {
+    EXPECT_EQ(inChild([] {
+                  const VornSmartPointer<VornIPCServer> spOwn = makeServer(GetParam(), 1);
+                  ClientWait wait(*spOwn); // its stack is that of the parent's thread
+                  if (!wait.awaitBlocked()) {
+                      return 1;
+                  }
+                  spOwn->close();
+                  return wait.thread().join() && wait.outcome().client() == nullptr ? 0 : 2;
+              }),
+              0);
+    expectToServe();
+}
+
+TEST_P(ForkedServer, ClosedInTheChildWhileAThreadThereWaits_ServesTheParent) {
+    EXPECT_EQ(inChild([this] {
+                  auto* wait = new ClientWait(*m_spServer);
+                  if (!wait->awaitBlocked()) {
+                      return 1;
+                  }
+                  m_spServer->close();
+                  // What would end the thread's accept() or recvfrom() would end the parent's.
+                  return GetParam() != Kind::Pipe || wait->thread().join() ? 0 : 2;
+              }),
+              0);
+    expectToServe();
+}
+
+// A program that opens a server and serves each client in a child.
+TEST(ForkingServer, ServesEachClientInAChild) {
+    for (const Kind kind : {Kind::Pipe, Kind::Tcp}) {
+        const VornSmartPointer<VornIPCServer> spServer = makeServer(kind);
+        ClientWait opening(*spServer);
+        ASSERT_TRUE(opening.awaitBlocked());
+        UniqueFd peer = meet(kind, "");
+        opening.outcome();
+        for (int i = 0; i < 3; ++i) {
+            peer = meet(kind, bytes("00 00 00 07"));
+            const WaitOutcome outcome = waitFor(*spServer);
+            ASSERT_NE(outcome.client(), nullptr);
+            const int status = inChild([&] {
+                spServer->close();
+                outcome.spClient->transfer(outcome.spClient->receiveInt() + i);
+                return 0;
+            });
+            EXPECT_EQ(status, 0);
+            EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 0" + std::to_string(7 + i));
+            reset(peer);
+        }
+    }
+}
