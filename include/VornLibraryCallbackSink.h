@@ -34,10 +34,12 @@ namespace VornNet {
  *
  * Thread-safety: getCallbackContainer(), getCallbackAddress() and getCallbackSocket() may be called from any
  * thread; the address is guarded by a lock of the library. The owner calls the destructor, never a callback:
- * that would wait for itself, so it ends the process.
+ * that would wait for itself, so it ends the process. A callback may call exit(), also if the sink is a
+ * static object.
  * Blocking: the constructor, see above. The destructor ends the thread: it waits for a running callback, and
  * after 200 ms cuts off the reading side of the connection that is being served.
- * Ownership: the sink owns its server and its callback container.
+ * Ownership: the sink owns its server and its callback container. In the child of a fork its server is
+ * closed.
  * Signals: a signal that is handled on the thread without SA_RESTART ends the sink over TCP and UDP.
  * Errors: if serving a notification fails, the code decides: 98 (address in use) moves TCP and UDP to the
  * next port and ends a pipe sink; 104 (connection reset) and 4 (interrupted) end the sink; with any other the
@@ -96,6 +98,7 @@ private:
     VornLibraryCallbackSink(const VornLibraryCallbackSink&) = delete;
     VornLibraryCallbackSink& operator=(const VornLibraryCallbackSink&) = delete;
 
+    VORNNET_LOCAL void useServer(VornIPCServer* pServer);
     VORNNET_LOCAL void publishAddress(const VornString& sPlace);
     VORNNET_LOCAL bool serveOneClient(int& nFailedWaits);
     VORNNET_LOCAL void deliver(VornSmartPointer<VornConnection>& spConnection);

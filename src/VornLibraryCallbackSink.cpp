@@ -4,10 +4,13 @@
 
 #include "HostEntry.h"
 #include "ServedConnection.h"
+#include "ServerRegistry.h"
 #include "VornPipeServer.h"
 #include "VornServerSocket.h"
 #include "VornUDPServerSocket.h"
 
+#include <Cancellation.h>
+#include <ForkHandlers.h>
 #include <LogRecord.h>
 #include <SystemCalls.h>
 #include <VornCriticalSection.h>
@@ -34,12 +37,25 @@ constexpr unsigned int cDatagramSize = 16'777'215;
 
 /** Guards every sink's address text: its thread rewrites it while others copy it. */
 std::mutex g_addressLock;
+const ForkHandlers g_forkHandlers([] { g_addressLock.lock(); }, [] { g_addressLock.unlock(); },
+                                  [] { g_addressLock.unlock(); });
 
 VornString makePipeName() {
     std::array<char, 24> name;
     std::snprintf(name.data(), name.size(), "quorax%x", static_cast<unsigned int>(System::getpid()));
     return name.data();
 }
+
+/** Whether the calling thread, a sink's, has called exit(). */
+thread_local bool t_bExiting = false;
+
+/**
+ * Tells a sink's destructor on its own thread whether a callback has called exit() or has destroyed the sink
+ * by itself: exit() destroys what is local to the calling thread before anything that is static.
+ */
+struct ExitMark {
+    ~ExitMark() { t_bExiting = true; }
+};
 
 /** Keeps a wait that fails at once, again and again, from taking a whole processor. */
 void pauseAfter(int nFailedWaits) {
@@ -58,17 +74,23 @@ VornLibraryCallbackSink::VornLibraryCallbackSink(const VornString& moduleName)
 }
 
 VornLibraryCallbackSink::~VornLibraryCallbackSink() {
-    if (isOwnThread()) {
+    const CancellationOff noCancellation;
+    const bool bOwnThread = isOwnThread();
+    if (bOwnThread && !t_bExiting) {
         logRecord(VornLogging::cError,
                   "VornLibraryCallbackSink::~VornLibraryCallbackSink: destroyed by one of its own callbacks");
         std::terminate(); // the thread would have to end before its own call returns
     }
     if (m_spCallbackServer != nullptr)
         logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::~VornLibraryCallbackSink: closing socket");
-    endThread();
+    if (!bOwnThread)
+        endThread();
+    else if (m_spCallbackServer != nullptr)
+        m_spCallbackServer->close(); // the process ends: the thread never comes back from the callback
 }
 
 int VornLibraryCallbackSink::run() {
+    [[maybe_unused]] static thread_local const ExitMark mark;
     logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: enter");
     establishCallbackServer();
     int rc = 0;
@@ -108,21 +130,21 @@ void VornLibraryCallbackSink::establishCallbackServer() {
                       "VornLibraryCallbackSink::establishCallbackServer: creating udp server on socket ",
                       m_nCallbackServerPort);
             getMyIpAddr();
-            m_spCallbackServer = new VornUDPServerSocket(m_nCallbackServerPort, m_sIpAddr, cDatagramSize);
+            useServer(new VornUDPServerSocket(m_nCallbackServerPort, m_sIpAddr, cDatagramSize));
             publishAddress(m_sIpAddr + ":" + std::to_string(m_nCallbackServerPort));
         } else if (m_sCallbackType == "pipe") {
             const VornString sPipeName = makePipeName();
             logRecord(VornLogging::cDebug,
                       "VornLibraryCallbackSink::establishCallbackServer: creating pipe server '", sPipeName,
                       "'");
-            m_spCallbackServer = new VornPipeServer(sPipeName);
+            useServer(new VornPipeServer(sPipeName));
             publishAddress(sPipeName);
         } else if (m_sCallbackType == "socket") {
             logRecord(VornLogging::cDebug,
                       "VornLibraryCallbackSink::establishCallbackServer: creating tcp server on socket ",
                       m_nCallbackServerPort);
             getMyIpAddr();
-            m_spCallbackServer = new VornServerSocket(m_nCallbackServerPort, cBacklog, m_sIpAddr);
+            useServer(new VornServerSocket(m_nCallbackServerPort, cBacklog, m_sIpAddr));
             publishAddress(m_sIpAddr + ":" + std::to_string(m_nCallbackServerPort));
         } else {
             logRecord(VornLogging::cDebug,
@@ -140,7 +162,7 @@ void VornLibraryCallbackSink::establishDefaultCallbackServer() {
     logRecord(VornLogging::cDebug,
               "VornLibraryCallbackSink::establishCallbackServer: creating default (pipe) server '", sPipeName,
               "'");
-    m_spCallbackServer = new VornPipeServer(sPipeName);
+    useServer(new VornPipeServer(sPipeName));
     publishAddress(sPipeName);
 }
 
@@ -180,6 +202,11 @@ void VornLibraryCallbackSink::getMyIpAddr() {
     std::snprintf(text.data(), text.size(), "%u.%u.%u.%u", bytes[0], bytes[1], bytes[2], bytes[3]);
     m_sIpAddr = text.data();
     logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::getMyIpAddr: address is '", m_sIpAddr, "'");
+}
+
+void VornLibraryCallbackSink::useServer(VornIPCServer* pServer) {
+    m_spCallbackServer = pServer;
+    ServerRegistry::markAsSinks(*pServer);
 }
 
 void VornLibraryCallbackSink::publishAddress(const VornString& sPlace) {

@@ -1,0 +1,216 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+/*
+ * Sinks in a process that forks, starts programs, or exits from a callback.
+ */
+
+#include "ForkedChild.h"
+#include "NotificationPeer.h"
+#include "Process.h"
+
+#include <array>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <spawn.h>
+#include <unistd.h>
+
+using namespace VornTest;
+
+namespace {
+
+using testing::Values;
+using Connection = VornNet::VornSmartPointer<VornNet::VornConnection>;
+
+constexpr int exitStatus = 7;
+
+class VornLibraryCallbackSink_Fork : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+class VornLibraryCallbackSink_ForkOnPorts : public NotificationTest,
+                                            public testing::WithParamInterface<Kind> {};
+
+class VornLibraryCallbackSink_ForkOnStreams : public NotificationTest,
+                                              public testing::WithParamInterface<Kind> {};
+
+const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_Fork, Values(Kind::pipe, Kind::socket, Kind::udp),
+                         kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_ForkOnPorts, Values(Kind::socket, Kind::udp),
+                         kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_ForkOnStreams, Values(Kind::pipe, Kind::socket),
+                         kindName);
+
+/// Starts a program that does nothing, as posix_spawn() does it: without the handlers of fork().
+pid_t spawnProgram() {
+    pid_t child = -1;
+    std::array<char*, 2> arguments{const_cast<char*>("true"), nullptr};
+    EXPECT_EQ(::posix_spawnp(&child, "true", nullptr, nullptr, arguments.data(), environ), 0);
+    return child;
+}
+
+/// Starts one by fork() and exec.
+pid_t forkProgram() {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::execlp("true", "true", nullptr);
+        ::_exit(1);
+    }
+    return child;
+}
+
+/// The thread sanitizer finds no order between the threads of a process of which one ends it.
+constexpr const char* exitOnAnyThread = "TSAN_OPTIONS=report_bugs=0";
+
+/// Without a buffer: a child must not print again what its parent has printed.
+void print(const std::string& line) {
+    const std::string data = line + "\n";
+    EXPECT_EQ(::write(STDOUT_FILENO, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+}
+
+/// The sink of a process that ends while it is there.
+std::unique_ptr<SinkProbe> g_sink;
+
+} // namespace
+
+TEST_P(VornLibraryCallbackSink_Fork, LetsGoOfItsServerInTheChild) {
+    const int without = openDescriptors();
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    const CallbackPointer callback = addCallback(*sink);
+    EXPECT_EQ(inChild([without] { return openDescriptors() == without ? 0 : 1; }), 0);
+    deliver(sink, callback, "still there");
+    EXPECT_THAT(callback->contents(), testing::ElementsAre("still there"));
+}
+
+TEST_P(VornLibraryCallbackSink_Fork, DestroyedInTheChild_ServesTheParent) {
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    const CallbackPointer callback = addCallback(*sink);
+    EXPECT_EQ(inChild([&] {
+                  sink.destroy();
+                  return 0;
+              }),
+              0);
+    deliver(sink, callback, "still there");
+    EXPECT_THAT(callback->contents(), testing::ElementsAre("still there"));
+}
+
+TEST_P(VornLibraryCallbackSink_Fork, DestroyedInTheChildDuringADelivery_ServesTheParent) {
+    WatchedSink sink(GetParam());
+    Gate entered;
+    Gate leave;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
+        entered.open();
+        leave.await();
+        return std::string();
+    });
+    ASSERT_TRUE(sink.awaitServing());
+    sendByHand(sink.address(), onWire(0));
+    ASSERT_TRUE(entered.await());
+    EXPECT_EQ(inChild([&] {
+                  sink.destroy();
+                  return 0;
+              }),
+              0);
+    leave.open();
+    EXPECT_TRUE(callback->awaitCalls(1));
+    deliver(sink, callback, "");
+}
+
+TEST_P(VornLibraryCallbackSink_ForkOnStreams, LetsGoOfTheConnectionThatItServes) {
+    const int without = openDescriptors();
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    ASSERT_TRUE(sink.awaitReading());
+    EXPECT_EQ(inChild([without] { return openDescriptors() == without + 1 ? 0 : 1; }), 0);
+}
+
+TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenACallbackStartsPrograms_StaysAtItsAddress) {
+    WatchedSink sink(GetParam());
+    const std::string address = sink.address();
+    std::vector<pid_t> children;
+    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+        children.push_back(forkProgram());
+        return readToEnd(*connection);
+    });
+    for (int i = 0; i < 60; ++i) {
+        deliver(sink, callback, "x");
+    }
+    EXPECT_EQ(sink.address(), address);
+    EXPECT_EQ(callback->calls(), 60);
+    for (const pid_t child : children) {
+        EXPECT_EQ(statusOf(child), 0);
+    }
+}
+
+TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenAnotherThreadStartsPrograms_StaysAtItsAddress) {
+    WatchedSink sink(GetParam());
+    const std::string address = sink.address();
+    const CallbackPointer callback = addCallback(*sink);
+    Gate ends;
+    WatchedThread starter([&] {
+        while (!ends.isOpen()) {
+            EXPECT_EQ(statusOf(spawnProgram()), 0);
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        deliver(sink, callback, "x");
+    }
+    ends.open();
+    EXPECT_TRUE(starter.join());
+    EXPECT_EQ(sink.address(), address);
+}
+
+KIT_ROLE(sinkWhoseCallbackExits) {
+    useTypeText(args.at(0));
+    g_sink = std::make_unique<SinkProbe>("exiting");
+    addCallback(*g_sink, [](Connection&) -> std::string { std::exit(exitStatus); });
+    std::cout << g_sink->getCallbackAddress() << std::endl;
+    std::cin.get();
+    return 0;
+}
+
+TEST_P(VornLibraryCallbackSink_Fork, WhenACallbackExits_EndsWithItsProcess) {
+    ChildProcess child =
+        ChildProcess::spawnRoleWith({exitOnAnyThread}, "sinkWhoseCallbackExits", {nameOf(GetParam())});
+    sendByHand(child.readLine(), onWire(0));
+    EXPECT_EQ(child.wait(), exitStatus);
+    EXPECT_EQ(child.readAllErrors(), "");
+}
+
+KIT_ROLE(sinkWhoseChildrenExit) {
+    useTypeText(args.at(0));
+    g_sink = std::make_unique<SinkProbe>("forking");
+    const CallbackPointer callback = addCallback(*g_sink, [](Connection& connection) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::exit(exitStatus);
+        }
+        return readToEnd(*connection) + ", the callback's child: " + std::to_string(statusOf(child));
+    });
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::exit(exitStatus);
+    }
+    print("main's child: " + std::to_string(statusOf(child)));
+    print(g_sink->getCallbackAddress());
+    if (callback->awaitCalls(1)) {
+        print(callback->contents().at(0));
+    }
+    return 0;
+}
+
+TEST_P(VornLibraryCallbackSink_Fork, WhenChildrenExit_ServesTheParent) {
+    ChildProcess child =
+        ChildProcess::spawnRoleWith({exitOnAnyThread}, "sinkWhoseChildrenExit", {nameOf(GetParam())});
+    EXPECT_EQ(child.readLine(), "main's child: 7");
+    sendByHand(child.readLine(), onWire(0) + "served");
+    EXPECT_EQ(child.readLine(), "served, the callback's child: 7");
+    EXPECT_EQ(child.wait(), 0);
+}
