@@ -55,10 +55,11 @@ void checkPipeDirectory(Findings& findings) {
     std::array<char, 16> mode;
     std::snprintf(mode.data(), mode.size(), "%04o", information.st_mode & 07777U);
     if ((information.st_mode & S_IRWXO) != 0)
-        findings.push_back({check, Severity::Problem,
-                            "the pipe directory " + path + " is open to others (mode " + mode.data() +
-                                "): anyone who can write there can take a server's name and its notifications",
-                            "chmod 1770 " + path});
+        findings.push_back(
+            {check, Severity::Problem,
+             "the pipe directory " + path + " is open to others (mode " + mode.data() +
+                 "): anyone who can write there can take a server's name and its notifications",
+             "chmod 1770 " + path});
     else if ((information.st_mode & (S_IWGRP | S_ISVTX)) == S_IWGRP)
         findings.push_back({check, Severity::Warning,
                             "the pipe directory " + path + " has no sticky bit (mode " + mode.data() +
@@ -178,10 +179,11 @@ std::optional<Finding> judgePipe(const PipeFile& file) {
     case PipeState::Listening:
         if (!file.isFull())
             return std::nullopt;
-        return Finding{"pipes", Severity::Problem,
-                       pipe + " of process " + process + " has a full queue: its senders are blocked",
-                       "find out what its process is waiting for: a callback that does not return, or a client "
-                       "that sends nothing"};
+        return Finding{
+            "pipes", Severity::Problem,
+            pipe + " of process " + process + " has a full queue: its senders are blocked",
+            "find out what its process is waiting for: a callback that does not return, or a client "
+            "that sends nothing"};
     default:
         return std::nullopt;
     }
@@ -297,8 +299,8 @@ int runDoctor(DoctorOptions& options) {
 
 void addDoctor(CLI::App& app, Runner& runner) {
     auto options = std::make_shared<DoctorOptions>();
-    CLI::App* command =
-        addCommand(app, "doctor", "Find obstacles to notifications on this host, and their remedies", *options);
+    CLI::App* command = addCommand(
+        app, "doctor", "Find obstacles to notifications on this host, and their remedies", *options);
     command->add_flag("--strict", options->strict, "Let warnings count as problems in the exit status");
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runDoctor);

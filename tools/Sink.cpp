@@ -258,8 +258,9 @@ void addSink(CLI::App& app, Runner& runner) {
     auto options = std::make_shared<SinkOptions>();
     CLI::App* command = addCommand(app, "sink", "Receive notifications and print them", *options);
     command
-        ->add_option("--type", options->type,
-                     "Transport: pipe, socket (TCP) or udp; by default as QUORAX_CALLB_CONN_TYPE says, or pipe")
+        ->add_option(
+            "--type", options->type,
+            "Transport: pipe, socket (TCP) or udp; by default as QUORAX_CALLB_CONN_TYPE says, or pipe")
         ->type_name("TRANSPORT")
         ->check(CLI::IsMember({"pipe", "socket", "udp"}));
     command->add_flag("--steady", options->steady,

