@@ -1049,3 +1049,33 @@ TEST_F(VornPipeServerTest, WithPrivileges1AndAGroupThatNeedsMoreAndMoreRoom_Give
     EXPECT_EQ(log.count("failed to grant rw access"), 1);
     unixConnect(pipePath("kite"));
 }
+
+TEST_F(VornPipeServerTest, Destructor_WaitsForAThreadThatIsOnItsWayOutOfClose) {
+    // Its checkpoint is not its own, for the thread is held up while the server is destroyed.
+    class Lingering : public Probe {
+    public:
+        explicit Lingering(Checkpoint& leaving) : Probe("kite"), m_leaving(leaving) {}
+
+        void close() override {
+            Checkpoint& leaving = m_leaving;
+            VornPipeServer::close();
+            leaving.pass();
+        }
+
+    private:
+        Checkpoint& m_leaving;
+    };
+
+    Checkpoint leaving;
+    auto server = std::make_unique<Lingering>(leaving);
+    ClientWait wait(*server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    server->VornPipeServer::close();
+    ASSERT_TRUE(leaving.awaitReached());
+    WatchedThread destroyer([&] { server.reset(); });
+    EXPECT_TRUE(awaitBlockedOnLock(destroyer.tid()));
+    EXPECT_FALSE(destroyer.finished());
+    leaving.open();
+    EXPECT_TRUE(destroyer.join());
+    expectQuiet(wait.outcome());
+}

@@ -850,3 +850,25 @@ TEST_F(VornServerSocketTest, Close_EndsAWaitThatADerivedClassDoesItself) {
     closeAWaitingOne(Accepting(port, 5, "127.0.0.1"));
     closeAWaitingOne(Selecting(port, 5, "127.0.0.1"));
 }
+
+TEST_F(VornServerSocketTest, Client_WithIdentifyAndAnAnswerThatIsNeverLongEnough_IsGivenUpAt16Megabytes) {
+    Probe server(port, 5, "*");
+    server.init();
+    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    FaultRule tooShort("gethostbyaddr_r", 0, 1, FaultRule::always);
+    tooShort.returning(ERANGE);
+    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
+    // 1,024 bytes at first, twice as much each time.
+    EXPECT_EQ(tooShort.calls(), 15);
+    reset(peer);
+}
+
+TEST_F(VornServerSocketTest, Close_WhenTheWaitCannotBeEndedAtFirst_TriesAgain) {
+    Probe server(port, 5, "*");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const FaultRule failing("shutdown", ENOBUFS, 1, 2);
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(failing.failures(), 2);
+}

@@ -807,3 +807,13 @@ TEST_F(VornUDPServerSocketTest, Close_WhenItsDatagramFails_LetsTheLogHandlerUseT
     EXPECT_TRUE(isOpenAgain);
     expectDescriptorLeak(1); // of the datagram that was not sent
 }
+
+TEST_F(VornUDPServerSocketTest, Close_WhenTheWaitCannotBeEndedAtFirst_TriesAgain) {
+    Probe server(port, "*", 100);
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const FaultRule failing("shutdown", ENOBUFS, 1, 2);
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(failing.failures(), 2);
+}

@@ -6,6 +6,7 @@
 #include "SharedObject.h"
 #include "plugins/RegistryPlugin.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <iostream>
@@ -48,6 +49,16 @@ VornString throughWideText(const VornString& text) {
     VornException second("", 0);
     second.setText(first.getUText());
     return second.getText();
+}
+
+/// The call stack of an exception that is constructed so many calls further in.
+[[gnu::noinline]] VornString callStackFrom(int depth) {
+    if (depth == 0) {
+        return VornException("text", 0).getCallStack();
+    }
+    VornString callStack = callStackFrom(depth - 1);
+    EXPECT_FALSE(callStack.empty()); // what comes afterwards keeps the call from being a jump
+    return callStack;
 }
 
 /// Machine code that belongs to no file, as a just-in-time compiler makes it. It calls the function it is
@@ -210,6 +221,15 @@ TEST_F(VornExceptionTest, CallStack_BeginsWithTheFunctionThatConstructedIt) {
     Dl_info first = {};
     ASSERT_NE(::dladdr(static_cast<char*>(object.dli_fbase) + offset - 1, &first), 0);
     EXPECT_STREQ(first.dli_sname, "throwException");
+}
+
+TEST_F(VornExceptionTest, CallStack_HasNoMoreThanThirtyLines) {
+    for (const int depth : {0, 100}) {
+        const VornString callStack = callStackFrom(depth);
+        const auto lines = std::count(callStack.begin(), callStack.end(), '\n');
+        EXPECT_EQ(lines == 30, depth == 100) << callStack;
+        EXPECT_LE(lines, 30);
+    }
 }
 
 TEST_F(VornExceptionTest, ACopy_HasEverythingOfTheOriginalAndIsIndependent) {
