@@ -84,6 +84,7 @@ long allocations();
 
 void addBigStrings();
 void addBlocks();
+void addDelivery();
 void addLogging();
 void addNotification();
 void addRegistry();

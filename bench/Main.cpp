@@ -163,6 +163,7 @@ void addAll() {
     addStrings();
     addSinkDelivery();
     addNotification();
+    addDelivery();
     addServerCycle();
     addRequest();
     addRequestPieces();
