@@ -10,6 +10,7 @@
  * compared.
  */
 
+#include "Await.h"
 #include "Process.h"
 #include "Sandbox.h"
 
@@ -29,7 +30,6 @@
 #include <random>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -253,15 +253,17 @@ ChildProcess startClient(const std::string& kind, const std::string& sink, const
 }
 
 bool burst(const std::string& kind, const std::string& sink, int nServices, int nCount) {
+    // Only such a sink may move to another port; what was queued then expires, and is told of.
+    const bool bMayMove = kind == "tcp" && sink == "plain";
     const Folder folder;
     ChildProcess client = startClient(kind, sink, folder.file("client"), 0);
     const std::string address = client.readLine();
     std::vector<ChildProcess> services;
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < nServices; ++i)
-        services.push_back(ChildProcess::spawnRole("service", address, std::to_string(i),
-                                                   std::to_string(nCount),
-                                                   folder.file("service" + std::to_string(i)), "10000"));
+        services.push_back(ChildProcess::spawnRole(
+            "service", address, std::to_string(i), std::to_string(nCount),
+            folder.file("service" + std::to_string(i)), bMayMove ? "10000" : "300000"));
     for (ChildProcess& service : services)
         service.wait(600s);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -272,17 +274,17 @@ bool burst(const std::string& kind, const std::string& sink, int nServices, int 
     for (int i = 0; i < nServices; ++i)
         compare(seen, History::read(folder.file("service" + std::to_string(i))), i, nCount, sink == "steady",
                 sums);
-    // Only such a sink may move to another port; what was queued then expires, and is told of.
-    const bool bMayMove = kind == "tcp" && sink == "plain";
     sums.print(kind + ", " + sink + " sink, " + std::to_string(nServices) + " services, " +
                std::to_string(static_cast<int>(sums.delivered / seconds)) + "/s");
     return sums.isClean() && (bMayMove || sums.told == 0);
 }
 
-/** Waits for so many events, which is some moment in the middle. */
-void awaitEvents(const std::string& file, std::size_t nEvents) {
-    while (History::count(file) < nEvents)
-        std::this_thread::yield();
+/** Waits for so many events of the client, which is some moment in the middle, or for the service's last one.
+ */
+void awaitEvents(const std::string& client, std::size_t nEvents, const std::string& service,
+                 std::size_t nTold) {
+    awaitCondition([&] { return History::count(client) >= nEvents || History::count(service) >= nTold; },
+                   60s);
 }
 
 bool killClients(const std::string& kind, const std::string& sink, int nRounds, std::mt19937& random) {
@@ -295,7 +297,7 @@ bool killClients(const std::string& kind, const std::string& sink, int nRounds, 
         const bool bComesBack = sink == "steady" && kind == "pipe" && round % 2 == 0;
         ChildProcess service = ChildProcess::spawnRole("service", address, "0", "200", folder.file("service"),
                                                        bComesBack ? "20000" : "700");
-        awaitEvents(folder.file("client"), 1 + random() % 300);
+        awaitEvents(folder.file("client"), 1 + random() % 300, folder.file("service"), 200);
         client.kill(SIGKILL);
         client.wait();
         std::optional<ChildProcess> next;
@@ -321,10 +323,10 @@ bool killServices(const std::string& kind, const std::string& sink, int nRounds,
     const std::string address = client.readLine();
     for (int round = 0; round < nRounds; ++round) {
         const std::size_t nBefore = History::count(folder.file("client"));
+        const std::string file = folder.file("service" + std::to_string(round));
         ChildProcess service =
-            ChildProcess::spawnRole("service", address, std::to_string(round), "300",
-                                    folder.file("service" + std::to_string(round)), "10000");
-        awaitEvents(folder.file("client"), nBefore + 1 + random() % 400);
+            ChildProcess::spawnRole("service", address, std::to_string(round), "300", file, "10000");
+        awaitEvents(folder.file("client"), nBefore + 1 + random() % 400, file, 300);
         service.kill(SIGKILL);
         service.wait();
     }
