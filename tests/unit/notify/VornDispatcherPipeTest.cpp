@@ -93,7 +93,8 @@ TEST_F(VornDispatcher_Pipe, WhereThereIsNoFileItIsTriedAgain) {
     EXPECT_EQ(takeOne(listener.get()), cHandle);
     const Result result = m_results.awaitOne();
     EXPECT_EQ(result.outcome, Outcome::delivered);
-    EXPECT_EQ(result.nCode, ENOENT);
+    EXPECT_TRUE(result.nCode == ENOENT || result.nCode == ECONNREFUSED)
+        << result.nCode; // bound, and not listening yet
     EXPECT_GT(result.nTries, 2U);
     EXPECT_EQ(result.nDoubtfulTries, 0U);
 }
