@@ -18,9 +18,9 @@ class VornnetEncode : public ToolTest {};
 
 class VornnetDecode : public ToolTest {};
 
-/// A file in the sandbox's own file system.
+/// A file in a directory that every test finds empty.
 std::string writeFile(const std::string& data) {
-    const std::string path = "/opt/input";
+    const std::string path = pipePath("input");
     std::ofstream(path, std::ios::binary) << data;
     return path;
 }
