@@ -173,7 +173,7 @@ TEST_F(VornnetDissector, RemarksOfThePage_AreTheDissectors) {
             known += line + "\n";
     }
     const std::string text = page();
-    const std::string list = text.substr(text.find("is an expert info:"));
+    const std::string list = text.substr(text.find("expert info:"));
     const std::regex name(R"(`(vornnet\.[a-z_]+)` \()");
     int count = 0;
     for (std::sregex_iterator match(list.begin(), list.end(), name), end; match != end; ++match, ++count)
