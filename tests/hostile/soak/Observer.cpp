@@ -32,6 +32,7 @@ enum class Kind { none, stream, datagram };
 
 struct Server {
     std::atomic<Kind> kind = Kind::none; // of an open server
+    std::atomic<long> shutFrom = 0;      // before shutdown(), which ends listening
     std::array<char, 80> address{};      // as in a callback address, from its binding on
 };
 
@@ -84,6 +85,7 @@ void rememberAddress(Server& server, Kind kind, const sockaddr* address) {
 void recordOpening(int fd, Kind kind, long from) {
     Server& server = servers[static_cast<std::size_t>(fd)];
     server.kind = kind;
+    server.shutFrom = 0;
     History::write("opened address=%s from=%ld", server.address.data(), from);
 }
 
@@ -197,6 +199,13 @@ ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr*
     return count;
 }
 
+int shutdown(int fd, int how) noexcept {
+    static auto* const real = next(&shutdown, "shutdown");
+    if (Server* server = openServer(fd); server != nullptr && server->shutFrom == 0)
+        server->shutFrom = now();
+    return real(fd, how);
+}
+
 int close(int fd) {
     static auto* const real = next(&close, "close");
     Server* server = openServer(fd);
@@ -204,7 +213,8 @@ int close(int fd) {
         return real(fd);
     const bool isDatagram = server->kind == Kind::datagram;
     server->kind = Kind::none; // before the number can be given to another
-    const long from = isDatagram ? recordWaiting(fd) : now();
+    const long shutFrom = server->shutFrom;
+    const long from = isDatagram ? recordWaiting(fd) : shutFrom != 0 ? shutFrom : now();
     const unsigned int drops = isDatagram ? dropsOf(fd) : 0;
     const int result = real(fd);
     History::write("closed from=%ld drops=%u", from, drops);

@@ -5,10 +5,10 @@
 
 /**
  * @file
- * This program's own accept(), bind(), close(), connect(), listen(), recvfrom(), sendto() and socket() stand
- * before the C library's and see what the library under test asks of the kernel. They change nothing. From a
- * client's they know when its sink's server was open and what came into it, from a service's whether and when
- * a connection came about. Without these facts no loss could be told from another.
+ * This program's own accept(), bind(), close(), connect(), listen(), recvfrom(), sendto(), shutdown() and
+ * socket() stand before the C library's and see what the library under test asks of the kernel. They change
+ * nothing. From a client's they know when its sink's server was open and what came into it, from a service's
+ * whether and when a connection came about. Without these facts no loss could be told from another.
  */
 namespace Soak {
 
