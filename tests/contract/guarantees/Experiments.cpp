@@ -29,7 +29,8 @@ CallbackPointer addReader(VornNet::VornLibraryCallbackSink& sink, Log& log, cons
         std::string content;
         try {
             const int id = spConnection->receiveInt();
-            spConnection->receiveString();
+            if (callback.readsText)
+                spConnection->receiveString();
             const std::lock_guard lock(log.mutex);
             log.ids.push_back(id);
         } catch (const VornSupport::VornException&) {

@@ -23,6 +23,7 @@ using VornTest::Kind;
 struct Callback {
     bool readsToEnd = true; ///< on to the end of the stream, as docs/guarantees.md recommends
     int milliseconds = 0;   ///< that it takes besides
+    bool readsText = true;  ///< the text after the id as well
 };
 
 /// What sender and client have seen.

@@ -86,6 +86,16 @@ TEST_P(NotificationGuaranteesOfAnyKind, SlowCallback_ReceivesEachAtMostOnce) {
     EXPECT_EQ(delivery.received.size(), different.size());
 }
 
+TEST_F(NotificationGuarantees, CallbackThatReturnsBeforeTheEnd_IsCalledAgainWithTheNextTry) {
+    Order order;
+    order.payload = 4 << 20; // more than a socket holds: the sender still writes when the callback returns
+    order.mostTries = 2;
+    const Delivery delivery = deliver(Kind::pipe, order, Callback{false, 0, false});
+    EXPECT_THAT(delivery.sender.refused,
+                testing::UnorderedElementsAre(Key(AnyOf(Eq(EPIPE), Eq(ECONNRESET)))));
+    EXPECT_EQ(delivery.received, (std::vector<int>{0, 0}));
+}
+
 TEST_F(NotificationGuarantees, RefusalOfAPipeThatReopens_PassesWithRetries) {
     Order order = burst();
     order.mostTries = 500;

@@ -168,8 +168,10 @@ public:
 /// While it exists, interrupt() ends a system call of a thread with EINTR.
 class Interrupter {
 public:
-    Interrupter() {
+    /// @param flags of the handler, such as SA_RESTART
+    explicit Interrupter(int flags = 0) {
         struct sigaction action = {};
+        action.sa_flags = flags;
         action.sa_handler = [](int) {};
         ::sigaction(SIGUSR1, &action, &m_old);
     }

@@ -576,6 +576,15 @@ TEST_F(VornPipeServerTest, Wait_WhenASignalInterruptsIt_ReportsAReadErrorAndTheS
     EXPECT_NE(waitFor(server).client(), nullptr);
 }
 
+TEST_F(VornPipeServerTest, Wait_WhenTheInterruptingHandlerIsToRestartCalls_ReportsAReadErrorAllTheSame) {
+    const Interrupter interrupter(SA_RESTART);
+    Probe server("kite");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    Interrupter::interrupt(wait.thread());
+    EXPECT_EQ(wait.outcome().failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
+}
+
 TEST_F(VornPipeServerTest, Wait_WhenAcceptFails_ReportsAConnectionErrorWithItsCode) {
     Probe server("kite");
     const UniqueFd peer = unixConnect(pipePath("kite"));
