@@ -79,6 +79,9 @@ private:
 
     class VORNNET_LOCAL Waiting;
     class VORNNET_LOCAL Releasing;
+    VORNNET_LOCAL const _pipe* record() const;
+    VORNNET_LOCAL bool isReleasable() const;
+    VORNNET_LOCAL bool isSignalable() const;
     VORNNET_LOCAL void takeOver();
     VORNNET_LOCAL static void releaseRecord(void*& pipeHandle);
     VORNNET_LOCAL VornSmartPointer<VornConnection> shutDown(Waiting& waiting);

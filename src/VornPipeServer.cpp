@@ -126,6 +126,15 @@ void signalWaiter(int writeEnd) {
     }
 }
 
+/** Writes a record without the lock, because a log handler may use the server. */
+void announce(const char* text, std::unique_lock<std::mutex>& lock) {
+    if (!VornLogging::isAdmitted(VornLogging::cDebug))
+        return;
+    lock.unlock();
+    logRecord(VornLogging::cDebug, text);
+    lock.lock();
+}
+
 } // namespace
 
 /*
@@ -265,14 +274,13 @@ VornPipeServer::~VornPipeServer() {
     const CancellationOff noCancellation;
     VornPipeServer::close();
     // In a signal handler on the waiting thread nobody else will release the record.
-    const void* pPipe = __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE);
-    if (pPipe != nullptr && !Waiting::isByThisThread(pPipe)) {
-        for (int i = 0; i < cMostPauses && __atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr; ++i)
+    if (record() != nullptr && !Waiting::isByThisThread(record())) {
+        for (int i = 0; i < cMostPauses && record() != nullptr; ++i)
             System::usleep(cPause);
     }
     // The waiting thread that has just released the record may still be on its way out of close(). A record
     // that is still held after 10 seconds is abandoned rather than freed under a thread that may use it.
-    if (__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) == nullptr)
+    if (record() == nullptr)
         Releasing::await(this);
     ServerRegistry::remove(*this);
 }
@@ -284,24 +292,19 @@ void VornPipeServer::close() {
     logRecord(VornLogging::cDebug, "VornPipeServer::close");
     const VornCriticalSection lock(m_lock, true);
     std::unique_lock registryLock(ServerRegistry::lock());
-    const auto* pPipe = static_cast<const _pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
-    if (pPipe == nullptr)
-        return;
-    // After a fork the parent's thread waits on the record, and what wakes it would wake it there.
-    const bool bShared = ServerRegistry::isInherited(*this);
-    if (!bShared && pPipe->m_bClientWaiting) {
-        registryLock.unlock();
-        // Nobody else can release the record: that takes m_lock.
-        logRecord(VornLogging::cDebug, "VornPipeServer::close: signaling wait thread");
-        signalWaiter(pPipe->m_hRWPipe[1]);
-        return;
+    if (isReleasable()) {
+        announce("VornPipeServer::close: releasing resources", registryLock);
+        if (isReleasable()) {
+            // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
+            releaseRecord(m_pipeHandle);
+            return;
+        }
     }
-    if (!bShared && Releasing::isLeftToAnother(this))
-        return;
-    // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
-    releaseRecord(m_pipeHandle);
-    registryLock.unlock();
-    logRecord(VornLogging::cDebug, "VornPipeServer::close: releasing resources");
+    if (isSignalable()) {
+        announce("VornPipeServer::close: signaling wait thread", registryLock);
+        if (const _pipe* pPipe = record())
+            signalWaiter(pPipe->m_hRWPipe[1]);
+    }
 }
 
 VornString VornPipeServer::getFullPipeName(const VornString& sPipeName) {
@@ -347,7 +350,7 @@ VornPipeServer::waitForClientImpl(bool /*bIdentify*/, VornString& sExceptionMess
 }
 
 void VornPipeServer::init() {
-    if (__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE) != nullptr)
+    if (record() != nullptr)
         return;
     auto record = std::make_unique<_pipe>();
     record->m_bClientWaiting = false;
@@ -368,6 +371,22 @@ void VornPipeServer::init() {
     record->m_hRWPipe[1] = writeEnd.release();
     record->m_hClientPipe = listener.release();
     __atomic_store_n(&m_pipeHandle, record.release(), __ATOMIC_RELEASE);
+}
+
+const VornPipeServer::_pipe* VornPipeServer::record() const {
+    return static_cast<const _pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
+}
+
+bool VornPipeServer::isReleasable() const {
+    const _pipe* pPipe = record();
+    // After a fork the parent's thread waits on the record, and what wakes it would wake it there.
+    return pPipe != nullptr && (ServerRegistry::isInherited(*this) ||
+                                (!pPipe->m_bClientWaiting && !Releasing::isLeftToAnother(this)));
+}
+
+bool VornPipeServer::isSignalable() const {
+    const _pipe* pPipe = record();
+    return pPipe != nullptr && pPipe->m_bClientWaiting && !ServerRegistry::isInherited(*this);
 }
 
 void VornPipeServer::takeOver() {

@@ -9,7 +9,7 @@
  *
  * Broken variants, each of which the checker must catch:
  *   -DBROKEN_NO_WAITING_LOCK  the waiting thread looks at the record and raises the flag in two steps
- *   -DBROKEN_NO_SERVER_LOCK   close() runs without the server's lock
+ *   -DBROKEN_NO_SECOND_LOOK   close() does not look again when it has written that it releases
  *   -DBROKEN_NO_SIGNAL        close() forgets to write to the wake-up pipe
  *   -DBROKEN_NO_RELEASING     a thread that shuts down does not tell that it is about to call close()
  *   -DBROKEN_NO_LAST_WAIT     the destructor does not wait for that thread at its end
@@ -33,9 +33,7 @@ inline touchServer() {
 
 inline lockServer() {
     touchServer();
-#ifndef BROKEN_NO_SERVER_LOCK
     atomic { !serverLock -> serverLock = true }
-#endif
 }
 
 inline unlockServer() {
@@ -43,33 +41,39 @@ inline unlockServer() {
     serverLock = false
 }
 
+inline look(isWaiter) {     /* step: VornPipeServer::isReleasable */
+    seen = handle;
+    signal = (seen != 0 && flag[seen]);
+    release = (seen != 0 && !flag[seen] && (isWaiter || !releasing)) /* step: VornPipeServer::Releasing::isLeftToAnother */
+}
+
 inline closeLocked(isWaiter) {
-    atomic {                /* under the waiting lock; step: VornPipeServer::Releasing::isLeftToAnother */
-        seen = handle;
-        signal = (seen != 0 && flag[seen]);
-        release = (seen != 0 && !flag[seen] && (isWaiter || !releasing));
-#ifndef BROKEN_NO_SERVER_LOCK
-        if
-        :: release -> handle = 0
-        :: else
-        fi
-#endif
-    }
+    atomic { look(isWaiter) }
     if
-    :: !signal && !release
-    :: signal ->
-        assert(isHeld[seen]);
+    :: release ->           /* step: announce; without the lock that makes the looks atomic */
+        atomic {
+#ifndef BROKEN_NO_SECOND_LOOK
+            look(isWaiter);
+#endif
+            if
+            :: release ->
+                assert(isHeld[seen] && !flag[seen]);
+                isHeld[seen] = false;
+                handle = 0
+            :: else
+            fi
+        }
+    :: else
+    fi;
+    if
+    :: signal ->            /* step: announce */
+        atomic {
+            assert(isHeld[seen]);
 #ifndef BROKEN_NO_SIGNAL
-        signalled[seen] = true /* step: signalWaiter */
-#else
-        skip
+            signalled[seen] = true /* step: signalWaiter */
 #endif
-    :: release ->
-        assert(isHeld[seen]);
-        isHeld[seen] = false;
-#ifdef BROKEN_NO_SERVER_LOCK
-        handle = 0
-#endif
+        }
+    :: else
     fi
 }
 

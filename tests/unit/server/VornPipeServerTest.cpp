@@ -11,8 +11,10 @@
 #include "Sandbox.h"
 #include "ServerTestSupport.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -28,6 +30,7 @@
 using namespace VornTest;
 using VornNet::VornPipeConnection;
 using VornNet::VornPipeServer;
+using VornSupport::VornLogging;
 
 namespace {
 
@@ -1036,6 +1039,58 @@ TEST_F(VornPipeServerTest, Close_BesideAnotherClose_ReleasesOnlyOnce) {
     for (const int fd : descriptors) {
         EXPECT_FALSE(isOpen(fd)) << fd;
     }
+}
+
+TEST_F(VornPipeServerTest, Close_SaysThatItReleasesBeforeItDoes) {
+    Probe server("kite");
+    const std::vector<int> descriptors = server.descriptors();
+    std::ptrdiff_t stillOpen = 0;
+    const RecordAction action(9, "releasing resources",
+                              [&] { stillOpen = std::ranges::count_if(descriptors, isOpen); });
+    server.close();
+    EXPECT_EQ(stillOpen, 3);
+    EXPECT_EQ(server.record(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Close_WhenTheLogHandlerClosesTheServerToo_ReleasesOnlyOnce) {
+    Probe server("kite");
+    const RecordAction action(9, "releasing resources", [&] { server.close(); });
+    const CallTrace trace;
+    server.close();
+    EXPECT_EQ(trace.calls("close"), 3);
+    EXPECT_EQ(server.record(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Close_WhenAThreadBeginsToWaitDuringItsRecord_WakesThatThread) {
+    Probe server("kite");
+    std::optional<ClientWait> wait;
+    const RecordAction action(9, "releasing resources", [&] {
+        VornLogging::getInstance().setLogLevel(VornLogging::cOff); // or the other thread waits for this one
+        wait.emplace(server);
+        EXPECT_TRUE(wait->awaitBlocked());
+    });
+    server.close();
+    ASSERT_TRUE(wait);
+    expectQuiet(wait->outcome());
+    EXPECT_EQ(server.record(), nullptr);
+}
+
+TEST_F(VornPipeServerTest, Close_WhenTheWaitEndsDuringItsRecordAndTheServerIsClosed_WakesNobody) {
+    Probe server("kite");
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    UniqueFd peer;
+    const RecordAction action(9, "signaling wait thread", [&] {
+        VornLogging::getInstance().setLogLevel(VornLogging::cOff); // or the other thread waits for this one
+        peer = unixConnect(pipePath("kite"));
+        EXPECT_NE(wait.outcome().client(), nullptr);
+        server.close();
+    });
+    const CallTrace trace;
+    server.close();
+    EXPECT_NE(peer.get(), -1);
+    EXPECT_EQ(trace.calls("write"), 0);
+    EXPECT_EQ(server.record(), nullptr);
 }
 
 TEST_F(VornPipeServerTest, WithPrivileges1AndAGroup_TheFileIsGivenToTheRealUser) {
