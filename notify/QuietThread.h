@@ -14,7 +14,7 @@ namespace VornNet {
 
 /**
  * A thread of the library's own: it has all signals blocked, so that a program's handlers run on the
- * program's threads, and its pauses end on time. It is joined before it is destroyed.
+ * program's threads, and its pauses end on time. It is joined or detached before it is destroyed.
  */
 class QuietThread {
 public:
@@ -27,6 +27,9 @@ public:
 
     /** Waits for the end; at once when it was not started, or has been joined. */
     void join();
+
+    /** Lets the thread end by itself; what it uses must not need its owner. */
+    void detach() { m_thread.detach(); }
 
     /** @return whether the caller runs on this thread. */
     bool isCurrent() const { return m_id.load(std::memory_order_relaxed) == std::this_thread::get_id(); }

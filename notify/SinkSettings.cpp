@@ -3,6 +3,7 @@
 #include "SinkSettings.h"
 
 #include "DottedAddress.h"
+#include "GroupId.h"
 #include "PipeListener.h"
 #include "SystemError.h"
 
@@ -35,16 +36,9 @@ Kind kindOf(const Options& options) {
 }
 
 gid_t groupOf(const VornString& sName) {
-    constexpr std::size_t cLargestSize =
-        16UL * 1024 * 1024; // a data base that asks for more never has enough
-    std::vector<char> buffer(1024);
-    group entry{};
-    group* result = nullptr;
-    while (System::getgrnam(sName.c_str(), &entry, buffer.data(), buffer.size(), &result) == ERANGE &&
-           buffer.size() < cLargestSize)
-        buffer.resize(buffer.size() * 2);
-    require(result != nullptr);
-    return result->gr_gid;
+    const std::optional<gid_t> group = findGroup(sName);
+    require(group.has_value());
+    return *group;
 }
 
 in_addr addressOf(const VornString& sAddress) {

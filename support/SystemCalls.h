@@ -20,15 +20,19 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -93,6 +97,10 @@ inline int getsockname(int fd, sockaddr* address, socklen_t* length) {
     return ::getsockname(fd, address, length);
 }
 
+inline int getpeername(int fd, sockaddr* address, socklen_t* length) {
+    return ::getpeername(fd, address, length);
+}
+
 inline int shutdown(int fd, int how) {
     return ::shutdown(fd, how);
 }
@@ -153,6 +161,50 @@ inline int select(int limit, fd_set* readable, fd_set* writable, fd_set* excepti
 
 inline int poll(pollfd* entries, nfds_t count, int milliseconds) {
     return ::poll(entries, count, milliseconds);
+}
+
+inline int open(const char* path, int flags, mode_t mode) {
+    return ::open(path, flags, mode);
+}
+
+inline ssize_t pread(int fd, void* data, size_t size, off_t offset) {
+    return ::pread(fd, data, size, offset);
+}
+
+inline ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) {
+    return ::pwrite(fd, data, size, offset);
+}
+
+inline int flock(int fd, int operation) {
+    return ::flock(fd, operation);
+}
+
+inline int ftruncate(int fd, off_t size) {
+    return ::ftruncate(fd, size);
+}
+
+inline int fallocate(int fd, off_t offset, off_t size) {
+    return ::posix_fallocate(fd, offset, size);
+}
+
+inline void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
+    return ::mmap(address, size, protection, flags, fd, offset);
+}
+
+inline int munmap(void* address, size_t size) {
+    return ::munmap(address, size);
+}
+
+inline int msync(void* address, size_t size, int flags) {
+    return ::msync(address, size, flags);
+}
+
+inline int timerfdCreate(clockid_t clock, int flags) {
+    return ::timerfd_create(clock, flags);
+}
+
+inline int timerfdSettime(int fd, int flags, const itimerspec* time) {
+    return ::timerfd_settime(fd, flags, time, nullptr);
 }
 
 inline int unlink(const char* path) {
@@ -227,6 +279,10 @@ inline int atFork(void (*before)(), void (*afterInParent)(), void (*afterInChild
 
 inline int setCancelState(int state, int* previous) {
     return ::pthread_setcancelstate(state, previous);
+}
+
+inline int schedYield() {
+    return ::sched_yield();
 }
 
 inline int usleep(useconds_t microseconds) {

@@ -29,12 +29,15 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 namespace VornTest {
@@ -786,6 +789,56 @@ VORNTEST_EXPORT ssize_t write(int fd, const void* data, size_t length) {
     VORNTEST_REAL(write);
     VORNTEST_WATCH(ssize_t, VornTest::describe("write", fd, static_cast<long>(length)),
                    real(fd, data, length));
+}
+
+VORNTEST_EXPORT ssize_t pread(int fd, void* buffer, size_t length, off_t offset) {
+    VORNTEST_REAL(pread);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("pread", fd, static_cast<long>(length)),
+                   real(fd, buffer, length, offset));
+}
+
+VORNTEST_EXPORT ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
+    VORNTEST_REAL(pwrite);
+    VORNTEST_WATCH(ssize_t, VornTest::describe("pwrite", fd, static_cast<long>(length)),
+                   real(fd, data, length, offset));
+}
+
+VORNTEST_EXPORT int flock(int fd, int operation) noexcept {
+    VORNTEST_REAL(flock);
+    VORNTEST_WATCH(int, VornTest::describe("flock", fd, operation), real(fd, operation));
+}
+
+VORNTEST_EXPORT int ftruncate(int fd, off_t size) noexcept {
+    VORNTEST_REAL(ftruncate);
+    VORNTEST_WATCH(int, VornTest::describe("ftruncate", fd, size), real(fd, size));
+}
+
+// Its result is the error number, so a rule for it says which with returning().
+VORNTEST_EXPORT int posix_fallocate(int fd, off_t offset, off_t size) {
+    VORNTEST_REAL(posix_fallocate);
+    VORNTEST_WATCH(int, VornTest::describe("posix_fallocate", fd, offset, size), real(fd, offset, size));
+}
+
+VORNTEST_EXPORT int msync(void* address, size_t size, int flags) {
+    VORNTEST_REAL(msync);
+    VORNTEST_WATCH(int, VornTest::describe("msync", -1, static_cast<long>(size), flags),
+                   real(address, size, flags));
+}
+
+VORNTEST_EXPORT int timerfd_create(int clock, int flags) noexcept {
+    VORNTEST_REAL(timerfd_create);
+    VORNTEST_WATCH(int, VornTest::describe("timerfd_create", -1, clock, flags), real(clock, flags));
+}
+
+VORNTEST_EXPORT int timerfd_settime(int fd, int flags, const itimerspec* time,
+                                    itimerspec* previous) noexcept {
+    VORNTEST_REAL(timerfd_settime);
+    VORNTEST_WATCH(int, VornTest::describe("timerfd_settime", fd, flags), real(fd, flags, time, previous));
+}
+
+VORNTEST_EXPORT int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
+    VORNTEST_REAL(getpeername);
+    VORNTEST_WATCH(int, VornTest::describe("getpeername", fd), real(fd, address, length));
 }
 
 VORNTEST_EXPORT int unlink(const char* path) noexcept {

@@ -14,6 +14,7 @@
 #include <VornDispatcher.h>
 #include <VornEvent.h>
 #include <VornException.h>
+#include <VornExchange.h>
 #include <VornIPCServer.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornLogging.h>
@@ -22,9 +23,11 @@
 #include <VornObjectBase.h>
 #include <VornPipeConnection.h>
 #include <VornPipeServer.h>
+#include <VornPosition.h>
 #include <VornProxyDependent.h>
 #include <VornProxyDependentContainer.h>
 #include <VornProxyDependentIdentifier.h>
+#include <VornPublisher.h>
 #include <VornSSLServerSocket.h>
 #include <VornSSLSocketConnection.h>
 #include <VornServerSocket.h>
@@ -33,6 +36,7 @@
 #include <VornSocketConnection.h>
 #include <VornSteadySink.h>
 #include <VornString.h>
+#include <VornSubscriber.h>
 #include <VornThread.h>
 #include <VornUDPServerSocket.h>
 #include <VornUDPSocketConnection.h>
@@ -73,6 +77,14 @@ using DispatcherOptions = VornDispatcher::Options;
 using DispatcherStatistics = VornDispatcher::Statistics;
 using SteadySinkOptions = VornSteadySink::Options;
 using SteadySinkStatistics = VornSteadySink::Statistics;
+using PublisherSubscriber = VornPublisher::Subscriber;
+using PublisherOptions = VornPublisher::Options;
+using PublisherStatistics = VornPublisher::Statistics;
+using SubscriberEvent = VornSubscriber::Event;
+using SubscriberGap = VornSubscriber::Gap;
+using SubscriberStatus = VornSubscriber::Status;
+using SubscriberOptions = VornSubscriber::Options;
+using SubscriberStatistics = VornSubscriber::Statistics;
 
 /**
  * Gives out a pointer to a member that is not public: the arguments of an explicit instantiation are exempt

@@ -64,7 +64,9 @@ std::size_t sizeWithoutRow(const std::string& className) {
         {"VornCriticalSection", sizeof(VornCriticalSectionObject*)},
         {"VornDispatcher", sizeof(void*)},
         {"VornEvent", sizeof(void*)},
+        {"VornPublisher", sizeof(void*)},
         {"VornSteadySink", sizeof(void*)},
+        {"VornSubscriber", sizeof(std::shared_ptr<int>)},
         {"VornThread", sizeof(std::shared_ptr<int>)}};
     const auto found = sizes.find(className);
     return found == sizes.end() ? 0 : found->second;

@@ -9,7 +9,7 @@ BEGINS = re.compile(r"(Vorn[A-Za-z]+::|HTTPRequest::|vnet::|VornUnable\w+ - )")
 TOKEN = re.compile(r'//[^\n]*|/\*.*?\*/|^[ \t]*#[^\n]*|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|\s+|\w+|.',
                    re.S | re.M)
 LATE_PIECE = re.compile(r"\[&\] \{ return ([^;{}]*); \}")  # of a record; computed when it is written
-RECORDED = re.compile(r"logRecord\(\s*VornLogging::(c\w+),\s*(c[A-Z]\w*)\b")  # a constant as the text
+RECORDED = re.compile(r"(?:logRecord|callHandler)\(\s*VornLogging::(c\w+),\s*(c[A-Z]\w*)\b")  # a constant as the text
 JOINTS = set("<>,+?:()")
 
 

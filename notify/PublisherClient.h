@@ -1,0 +1,145 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNNOTIFY_PUBLISHERCLIENT_H
+#define VORNNOTIFY_PUBLISHERCLIENT_H
+
+#include "OwnedDescriptor.h"
+#include "PublisherTopic.h"
+#include "SubscriptionRequest.h"
+#include "VornPublisher.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include <netinet/in.h>
+
+namespace VornNet {
+
+/**
+ * One connection of a publisher, from its acceptance to its end; used by the sending thread alone, but for
+ * what the engine's lock guards.
+ */
+class PublisherClient {
+public:
+    using List = std::list<PublisherClient>;
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    enum class State {
+        line,     ///< the service handshake is awaited
+        request,  ///< the request is awaited
+        checking, ///< the handler is asked
+        live,     ///< subscribed
+        closing,  ///< the last word is said; the client is to close
+        gone      ///< closed
+    };
+
+    /** What a call of send() has come to. */
+    struct Sent {
+        enum class Outcome {
+            all,    ///< there is nothing more to send
+            more,   ///< there is
+            blocked ///< the socket takes no more
+        };
+        Outcome outcome = Outcome::all;
+        int nError = 0;            ///< the connection has failed with this, if it is not 0
+        std::size_t nBytes = 0;    ///< bytes sent
+        std::uint64_t nEvents = 0; ///< events that are sent completely now, and were not before
+        std::uint64_t nGaps = 0;   ///< gaps told of
+        std::uint64_t nMissed = 0; ///< events in them
+    };
+
+    /** An event that the dispatcher has and that has no outcome yet. */
+    struct Posted {
+        std::uint64_t nTicket = 0;
+        std::uint64_t nNumber = 0;
+        std::size_t nBytes = 0;
+    };
+
+    /** An event's number and content, copied. */
+    struct Event {
+        std::uint64_t nNumber = 0;
+        VornString sContent;
+    };
+
+    /** Takes an accepted socket over. @param peer its other end over TCP; null over a pipe */
+    PublisherClient(OwnedDescriptor socket, const sockaddr_in* peer);
+
+    /** Takes in what the client has sent. @return 0, an errno value, or 107 (ENOTCONN) at the end */
+    int receive();
+
+    /** @return the line that has come, if it has come completely. */
+    std::optional<VornString> takeLine();
+
+    /** @return whether there is no line, and none can come. */
+    bool isLineTooLong() const;
+
+    /** @return whether the request has come completely. */
+    bool readRequest(bool mayCallBack) { return request->read(m_sInput, mayCallBack); }
+
+    /** Throws the input away: for clients that are not to send any more. @return as receive() */
+    int discard();
+
+    /** Sends what does not come from the history after all that is being sent. */
+    void say(std::string_view bytes) { m_sOutput.append(bytes); }
+
+    bool hasOutput() const { return !m_sOutput.empty(); }
+
+    /** Finds its place in the history, and puts the answer to its request together. */
+    Sent admit(std::uint32_t beat);
+
+    /** Sends at most about 64 KiB: what say() was given, then events, and a gap before them if there is one.
+     */
+    Sent send();
+
+    /** @return whether its events go to a callback address, so that the connection is only its lease. */
+    bool isCalledBack() const { return !who.sCallback.empty(); }
+
+    /** @return the next event for the callback address, if there is one; a gap before it is said here. */
+    std::optional<Event> nextEvent(Sent& sent);
+
+    /** Goes back to before an event, to post it again. */
+    void goBackTo(std::uint64_t nNumber) { place = topic->history.placeBefore(nNumber); }
+
+    /** Sends only what say() was given. */
+    Sent sendLast();
+
+    /** Ends the sending side. */
+    void endSending();
+
+    State state = State::line;
+    in_addr address{}; // over TCP
+    OwnedDescriptor socket;
+    VornPublisher::Subscriber who; // once it is admitted, guarded by the engine's lock
+    PublisherTopic* topic = nullptr;
+    std::size_t nIndex = 0;                                    // among the topic's subscribers
+    std::optional<SubscriptionRequest> request{std::in_place}; // until it is admitted
+    History::Place place;                                      // of what is handed to the socket next
+    std::uint64_t nSent = 0;                                   // the last event that is sent completely
+    TimePoint since{};          // when it was put into its list, whose order this is
+    List* list = nullptr;       // where it is
+    List::iterator self;        // its place there
+    std::vector<Posted> posted; // on their way to the callback address, oldest first
+    std::uint32_t nAwaited = 0; // the events that the poll looks for
+    bool isDropped = false;     // drop() was called: guarded by the engine's lock
+
+private:
+    bool sendOutput(Sent& sent);
+    void sendEvents(Sent& sent);
+    void keepRest(std::size_t taken);
+    void fallOut(Sent& sent);
+    void sayGap(const VornPosition& missed, std::uint64_t next, Sent& sent);
+    long put(const char* bytes, std::size_t size, Sent& sent);
+
+    VornString m_sInput;
+    VornString m_sOutput; // what is sent before anything else, such as the rest of a frame
+    std::size_t m_nOutputSent = 0;
+};
+
+} // namespace VornNet
+
+#endif

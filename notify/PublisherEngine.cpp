@@ -1,0 +1,836 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "PublisherEngine.h"
+
+#include "HandlerCall.h"
+#include "Wire.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include <netinet/tcp.h>
+
+namespace VornNet {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* cNotAllowed = "not allowed";
+constexpr const char* cTooMany = "too many subscribers";
+constexpr const char* cNoSink = "the callback address does not answer";
+constexpr const char* cSubscribeThrown = "VornPublisher::onSubscribe: the handler threw: ";
+constexpr const char* cLeaveThrown = "VornPublisher::onLeave: the handler threw: ";
+
+/** Batches that are sent between two looks at what the clients do. */
+constexpr int cBatchesAtATime = 64;
+
+/** Clients that are accepted at a time, so that those who have asked are heard in between. */
+constexpr int cAcceptedAtATime = 16;
+
+/** So long a client that has just connected is not cut for another one: it has had no time to say anything.
+ */
+constexpr milliseconds cGrace{3};
+
+constexpr milliseconds cAcceptPause{100};
+constexpr milliseconds cFilePause{500};
+constexpr milliseconds cPostPause{100};
+constexpr milliseconds cClosingLimit{1'000};
+
+constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
+
+std::size_t descriptorsToSpare() {
+    rlimit limits{};
+    if (System::getrlimit(RLIMIT_NOFILE, &limits) == -1 || limits.rlim_cur == RLIM_INFINITY)
+        return std::numeric_limits<std::size_t>::max();
+    return limits.rlim_cur / 2;
+}
+
+template <typename Number>
+Number clamped(milliseconds span) {
+    return static_cast<Number>(std::min<milliseconds::rep>(span.count(), std::numeric_limits<int>::max()));
+}
+
+/** @return why a subscriber whose connection has failed is no more. */
+VornPublisher::Leaving leavingOf(int nCode) {
+    const bool isItsOwn = nCode == 0 || nCode == ECONNRESET || nCode == EPIPE;
+    return isItsOwn ? VornPublisher::Leaving::closed : VornPublisher::Leaving::lost;
+}
+
+VornString lastFrame(Wire::Ending ending, const VornString& sReason) {
+    VornString sFrame;
+    Wire::appendInt(sFrame, Wire::cLast);
+    Wire::appendInt(sFrame, static_cast<std::uint32_t>(2 * sizeof(std::uint32_t) + sReason.size()));
+    Wire::appendInt(sFrame, ending);
+    Wire::appendText(sFrame, sReason);
+    return sFrame;
+}
+
+VornString signFrame(std::uint64_t newest) {
+    VornString sFrame;
+    Wire::appendInt(sFrame, Wire::cSign);
+    Wire::appendInt(sFrame, Wire::cSignRest);
+    Wire::appendNumber(sFrame, newest);
+    return sFrame;
+}
+
+} // namespace
+
+PublisherEngine::PublisherEngine(const VornPublisher::Options& options, const SenderRules& rules,
+                                 const PublisherTopics& topics, PublisherListener& listener,
+                                 HandlerThread& handlers)
+    : m_options(options), m_topics(topics), m_listener(listener), m_handlers(handlers), m_rules(rules),
+      m_nSubscriberLimit(options.nSubscriberLimit), m_nBeat(clamped<std::uint32_t>(options.beat)) {
+    if (m_nSubscriberLimit == 0)
+        m_nSubscriberLimit = descriptorsToSpare();
+}
+
+void PublisherEngine::start() {
+    if (m_options.bCallbackAddresses)
+        m_poster.emplace(m_options.sName, [this](const VornDispatcher::Result& result) {
+            leaveCommand({Command::What::note, result.nTicket, {}, result.outcome});
+        });
+    m_thread.start(m_options.sName, [this] { run(); });
+}
+
+void PublisherEngine::wakeUp() {
+    // The thread says that it sleeps, and then looks once more whether there is anything to do; so one of the
+    // two sees the other.
+    if (!m_isAsleep.load(std::memory_order_seq_cst) || !m_isAsleep.exchange(false, std::memory_order_seq_cst))
+        return;
+    const std::lock_guard<std::mutex> lock(m_wakeMutex);
+    if (m_poll)
+        m_poll->wakeUp();
+}
+
+std::vector<VornPublisher::Subscriber> PublisherEngine::subscribers() const {
+    std::vector<VornPublisher::Subscriber> result;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    result.reserve(m_subscribers.size());
+    for (const auto& [nId, client] : m_subscribers) {
+        result.push_back(client->who);
+        result.back().nBehind = client->topic->history.newest() - client->who.position.nNumber;
+    }
+    return result;
+}
+
+VornPublisher::Statistics PublisherEngine::statistics() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    VornPublisher::Statistics result = m_statistics;
+    result.nSubscribers = m_subscribers.size();
+    for (const PublisherTopic* topic : m_topics.all())
+        result.nPublished += topic->history.newest() - topic->nFirst;
+    for (const auto& [nId, client] : m_subscribers)
+        result.nBehind += client->who.position.nNumber != client->topic->history.newest() ? 1 : 0;
+    return result;
+}
+
+bool PublisherEngine::drop(std::uint64_t nId, const VornString& sReason) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_subscribers.find(nId);
+        if (found == m_subscribers.end() || found->second->isDropped)
+            return false;
+        m_commands.push_back({Command::What::drop, nId, sReason});
+        m_hasCommands = true;
+        found->second->isDropped = true;
+    }
+    wakeUp();
+    return true;
+}
+
+bool PublisherEngine::flush(milliseconds timeLimit) {
+    const Deadline deadline = timeLimit < milliseconds(0) ? Deadline::none() : Deadline(timeLimit);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    std::vector<std::pair<std::uint64_t, std::uint64_t>>
+        wanted; // ids, and the events that they are to be sent
+    for (const auto& [nId, client] : m_subscribers)
+        wanted.emplace_back(nId, client->topic->history.newest());
+    const auto isDone = [&] {
+        wanted.erase(std::remove_if(wanted.begin(), wanted.end(),
+                                    [this](const auto& one) {
+                                        const auto found = m_subscribers.find(one.first);
+                                        return found == m_subscribers.end() ||
+                                               found->second->who.position.nNumber >= one.second;
+                                    }),
+                     wanted.end());
+        return wanted.empty();
+    };
+    ++m_nFlushing;
+    const bool isFlushed = deadline.end() == Deadline::none().end()
+                               ? (m_changed.wait(lock, isDone), true)
+                               : m_changed.wait_until(lock, deadline.end(), isDone);
+    --m_nFlushing;
+    return isFlushed;
+}
+
+void PublisherEngine::stop(milliseconds timeLimit) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_wantsStop = true;
+        if (timeLimit >= milliseconds(0))
+            m_stopAt = Deadline(timeLimit);
+        m_hasCommands = true;
+    }
+    wakeUp();
+    m_thread.join();
+    m_poster.reset();
+    // Somebody may still be on the way to wake the thread.
+    const std::lock_guard<std::mutex> lock(m_wakeMutex);
+    m_poll.reset();
+}
+
+void PublisherEngine::run() {
+    while (!isFinished()) {
+        m_now = Clock::now();
+        try {
+            runCommands();
+            checkTimes();
+            const bool isSending = serve();
+            waitForEvents(isSending || isFinished() || mayEnd());
+        } catch (const std::bad_alloc&) {
+            // It is tried again, for there may be memory then.
+            System::schedYield();
+        }
+        m_gone.clear();
+    }
+}
+
+bool PublisherEngine::isFinished() const {
+    return m_hasSaidGoodbye && m_checking.empty() && m_closing.empty();
+}
+
+/** @return whether everything has been sent that was published before stop(). */
+bool PublisherEngine::mayEnd() const {
+    return m_isStopping && !m_hasSaidGoodbye && m_sending.empty() && m_blocked.empty() && !hasNews() &&
+           isDelivered();
+}
+
+bool PublisherEngine::hasNews() const {
+    if (m_hasCommands.load(std::memory_order_seq_cst))
+        return true;
+    const PublisherTopics::List& topics = m_topics.all();
+    return std::any_of(topics.begin(), topics.end(), [](const PublisherTopic* topic) {
+        return topic->history.endPlace() != topic->servedEnd;
+    });
+}
+
+/** @return when there is something to do even if nothing happens. */
+PublisherEngine::Clock::time_point PublisherEngine::nextTime() const {
+    Clock::time_point next = m_postAgain;
+    const auto consider = [&next](const List& list, milliseconds limit) {
+        if (!list.empty())
+            next = std::min(next, Deadline(limit, list.front().since).end());
+    };
+    consider(m_asking, m_options.requestLimit);
+    consider(m_closing, cClosingLimit);
+    consider(m_idle, m_options.beat);
+    if (!m_listener.isPipe())
+        consider(m_blocked, 3 * milliseconds(m_nBeat));
+    if (m_isStopping)
+        return m_hasSaidGoodbye && m_closing.empty()
+                   ? next
+                   : std::min(next, m_hasSaidGoodbye ? m_closeUntil : m_stopAt.end());
+    if (!m_isAccepting)
+        next = std::min(next, m_acceptAgain);
+    return m_listener.isPipe() ? std::min(next, m_checkFile) : next;
+}
+
+void PublisherEngine::waitForEvents(bool isBusy) {
+    if (!isBusy && std::exchange(m_hasSent, false)) {
+        // Whoever publishes without a pause, on this processor, is let go on: what gathers is sent at once.
+        System::schedYield();
+        isBusy = hasNews();
+    }
+    if (!isBusy) {
+        m_isAsleep.store(true, std::memory_order_seq_cst);
+        isBusy = hasNews();
+    }
+    const auto events = m_poll->wait(isBusy ? Clock::time_point() : nextTime());
+    m_isAsleep.store(false, std::memory_order_seq_cst);
+    m_now = Clock::now();
+    for (const epoll_event& event : events)
+        handle(event);
+}
+
+void PublisherEngine::handle(const epoll_event& event) {
+    if (event.data.ptr == &m_listener)
+        return acceptClients();
+    auto& client = *static_cast<PublisherClient*>(event.data.ptr);
+    try {
+        if (client.state == State::line || client.state == State::request)
+            hear(client);
+        else if (client.state == State::live)
+            hearSubscriber(client, event.events);
+        else if (client.state == State::closing)
+            hearClosing(client, event.events);
+    } catch (const std::bad_alloc&) {
+        // Without memory for one client the others go on.
+        if (client.state == State::live)
+            leave(client, Leaving::lost, ENOMEM);
+        close(client);
+    }
+}
+
+void PublisherEngine::runCommands() {
+    if (!m_hasCommands.load(std::memory_order_seq_cst))
+        return;
+    std::vector<Command> commands;
+    bool wantsStop = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_hasCommands = false;
+        commands.swap(m_commands);
+        wantsStop = m_wantsStop;
+    }
+    for (const Command& command : commands) {
+        if (command.what == Command::What::decide)
+            decide(command);
+        else if (command.what == Command::What::drop)
+            dropNow(command);
+        else
+            noteOutcome(command);
+    }
+    if (!wantsStop || m_isStopping)
+        return;
+    m_isStopping = true;
+    if (std::exchange(m_isAccepting, false))
+        m_poll->remove(m_listener.number());
+    m_listener.close();
+    while (!m_asking.empty())
+        close(m_asking.front());
+}
+
+/** The handler has decided. Whom it admits is a subscriber, even one who has left meanwhile. */
+void PublisherEngine::decide(const Command& command) {
+    const auto found = std::find_if(m_checking.begin(), m_checking.end(), [&](const PublisherClient& client) {
+        return client.who.nId == command.nId;
+    });
+    if (found == m_checking.end()) // GCOVR_EXCL_BR_LINE: a client that is being checked stays
+        return;
+    const int error = m_poll->add(found->socket.number(), cHearing, &*found);
+    found->nAwaited = cHearing;
+    m_acceptAgain = m_now;
+    if (!command.sReason.empty())
+        return refuseRequest(*found, command.sReason);
+    admit(*found);
+    if (error != 0 && found->state == State::live) {
+        leave(*found, Leaving::lost, error);
+        close(*found);
+    }
+}
+
+void PublisherEngine::dropNow(const Command& command) {
+    PublisherClient* client = find(command.nId);
+    if (client == nullptr)
+        return;
+    client->say(lastFrame(Wire::cDropped, command.sReason));
+    leave(*client, Leaving::dropped, 0);
+    closeLater(*client);
+}
+
+/** An event at a callback address has its outcome, and moves the subscriber's place on. */
+void PublisherEngine::noteOutcome(const Command& command) {
+    using Outcome = VornDispatcher::Outcome;
+    const auto found = m_posted.find(command.nId);
+    if (found == m_posted.end())
+        return;
+    PublisherClient& client = *found->second;
+    const PublisherClient::Posted posted = client.posted.front();
+    if (command.outcome == Outcome::expired) {
+        // Posted again, it would come after younger ones.
+        client.say(lastFrame(Wire::cDropped, cNoSink));
+        leave(client, Leaving::lost, ETIMEDOUT);
+        return closeLater(client);
+    }
+    if (command.outcome == Outcome::delivered || command.outcome == Outcome::sent ||
+        command.outcome == Outcome::unread) {
+        m_posted.erase(found);
+        client.posted.erase(client.posted.begin());
+        client.nSent = posted.nNumber;
+        PublisherClient::Sent sent;
+        sent.nEvents = 1;
+        sent.nBytes = posted.nBytes;
+        count(client, sent);
+    } else {
+        // It was cancelled with those of another subscription at the same address.
+        forgetPosted(client);
+        client.goBackTo(posted.nNumber);
+    }
+    postEvents(client);
+}
+
+void PublisherEngine::leaveCommand(Command command) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_commands.push_back(std::move(command));
+        m_hasCommands = true;
+    }
+    wakeUp();
+}
+
+/** @return the subscriber of that id, or null. */
+PublisherClient* PublisherEngine::find(std::uint64_t nId) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_subscribers.find(nId);
+    return found != m_subscribers.end() ? found->second : nullptr;
+}
+
+void PublisherEngine::checkTimes() {
+    cutLate();
+    giveSigns();
+    postAgain();
+    if (m_isStopping)
+        return finishStopping();
+    checkFile();
+    if (!m_isAccepting && m_now >= m_acceptAgain && m_checking.size() < m_options.nRequestLimit)
+        m_isAccepting = m_poll->add(m_listener.number(), EPOLLIN, &m_listener) == 0;
+    if (!m_isAccepting && m_now >= m_acceptAgain)
+        m_acceptAgain = m_now + cAcceptPause;
+}
+
+void PublisherEngine::checkFile() {
+    if (!m_listener.isPipe() || m_now < m_checkFile)
+        return;
+    m_checkFile = m_now + cFilePause;
+    std::optional<PipeListener> pipe = m_listener.remake();
+    if (!pipe)
+        return;
+    // Those who have found the old file still wait at the old socket.
+    acceptClients();
+    if (std::exchange(m_isAccepting, false))
+        m_poll->remove(m_listener.number());
+    m_listener.replace(std::move(*pipe));
+}
+
+/** Cuts whoever has had time enough. */
+void PublisherEngine::cutLate() {
+    const auto isLate = [this](const List& list, milliseconds limit) {
+        return !list.empty() && m_now >= Deadline(limit, list.front().since).end();
+    };
+    while (isLate(m_asking, m_options.requestLimit))
+        cutOldest();
+    while (isLate(m_closing, cClosingLimit))
+        close(m_closing.front());
+    // Over TCP a client that takes nothing may be none any more; over a pipe the kernel would tell.
+    while (!m_listener.isPipe() && isLate(m_blocked, 3 * milliseconds(m_nBeat))) {
+        PublisherClient& client = m_blocked.front();
+        leave(client, Leaving::lost, ETIMEDOUT);
+        close(client);
+    }
+}
+
+void PublisherEngine::giveSigns() {
+    while (!m_idle.empty() && m_now >= Deadline(m_options.beat, m_idle.front().since).end()) {
+        PublisherClient& client = m_idle.front();
+        client.say(signFrame(client.topic->history.newest()));
+        put(client, m_sending);
+    }
+}
+
+void PublisherEngine::finishStopping() {
+    if (m_hasSaidGoodbye) {
+        while (m_now >= m_closeUntil && !m_closing.empty())
+            close(m_closing.front());
+        return;
+    }
+    if (!mayEnd() && !m_stopAt.isOver())
+        return;
+    sayGoodbye();
+    m_hasSaidGoodbye = true;
+    m_closeUntil = std::min(m_stopAt.end(), m_now + cClosingLimit);
+}
+
+void PublisherEngine::sayGoodbye() {
+    for (List* list : {&m_sending, &m_idle, &m_blocked}) {
+        while (!list->empty()) {
+            PublisherClient& client = list->front();
+            client.say(lastFrame(Wire::cStopped, "the service stops"));
+            leave(client, Leaving::stopped, 0);
+            closeLater(client);
+        }
+    }
+}
+
+void PublisherEngine::acceptClients() {
+    for (int count = 0; count < cAcceptedAtATime && m_isAccepting; ++count) {
+        const bool isFull = m_asking.size() + m_checking.size() >= m_options.nRequestLimit;
+        // The client waits in the kernel's queue until the handler has decided, or the grace is over.
+        if (isFull && m_asking.empty())
+            return pauseAccepting(m_now + cAcceptPause);
+        if (isFull && m_now < m_asking.front().since + cGrace)
+            return pauseAccepting(m_asking.front().since + cGrace);
+        sockaddr_storage storage{};
+        socklen_t length = sizeof storage;
+        OwnedDescriptor socket(System::accept4(m_listener.number(), reinterpret_cast<sockaddr*>(&storage),
+                                               &length, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!socket.isOpen()) {
+            const int error = errno;
+            // Without descriptors the listener stays readable; to look all the time would cost a processor.
+            if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM)
+                pauseAccepting(m_now + cAcceptPause);
+            if (error != ECONNABORTED && error != EINTR)
+                return;
+            continue;
+        }
+        if (isFull)
+            cutOldest();
+        add(std::move(socket), reinterpret_cast<const sockaddr_in&>(storage));
+    }
+}
+
+void PublisherEngine::pauseAccepting(Clock::time_point until) {
+    m_poll->remove(m_listener.number());
+    m_isAccepting = false;
+    m_acceptAgain = until;
+}
+
+/** Cuts the client that has been asking, or silent, for the longest time. */
+void PublisherEngine::cutOldest() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nTimedOut;
+    }
+    close(m_asking.front());
+}
+
+void PublisherEngine::add(OwnedDescriptor socket, const sockaddr_in& peer) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nConnections;
+    }
+    if (!m_listener.isPipe()) {
+        const int on = 1;
+        const auto limit = static_cast<unsigned int>(
+            std::min<std::uint64_t>(std::uint64_t{3} * m_nBeat, std::numeric_limits<int>::max()));
+        System::setsockopt(socket.number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        System::setsockopt(socket.number(), IPPROTO_TCP, TCP_USER_TIMEOUT, &limit, sizeof limit);
+    }
+    try {
+        m_asking.emplace_back(std::move(socket), m_listener.isPipe() ? nullptr : &peer);
+    } catch (const std::bad_alloc&) {
+        return; // it is closed, and may come back
+    }
+    PublisherClient& client = m_asking.back();
+    client.list = &m_asking;
+    client.self = std::prev(m_asking.end());
+    client.since = m_now;
+    client.nAwaited = cHearing;
+    if (m_poll->add(client.socket.number(), cHearing, &client) != 0)
+        close(client);
+}
+
+void PublisherEngine::hear(PublisherClient& client) {
+    // Whoever leaves before it has subscribed needs no answer.
+    if (client.receive() != 0)
+        return close(client);
+    if (client.state == State::line)
+        hearLine(client);
+    if (client.state == State::request)
+        hearRequest(client);
+}
+
+void PublisherEngine::hearLine(PublisherClient& client) {
+    const auto line = client.takeLine();
+    client.topic = line ? m_topics.find(*line) : nullptr;
+    if (client.topic != nullptr) {
+        client.state = State::request;
+        client.say({&Wire::cKnown, 1});
+        const PublisherClient::Sent sent = client.sendLast();
+        if (sent.nError != 0)
+            close(client);
+    } else if (line || client.isLineTooLong()) {
+        refuse(client, {&Wire::cUnknown, 1});
+    }
+}
+
+void PublisherEngine::hearRequest(PublisherClient& client) {
+    if (!client.readRequest(m_options.bCallbackAddresses))
+        return;
+    VornString sReason = client.request->reason();
+    if (sReason.empty())
+        sReason = objectionTo(client);
+    if (!sReason.empty())
+        refuseRequest(client, sReason);
+    else
+        check(client);
+}
+
+/** @return why the publisher itself does not want it, or nothing. */
+VornString PublisherEngine::objectionTo(const PublisherClient& client) const {
+    const bool isAllowed =
+        m_listener.isPipe() ? m_rules.admitsPeer(client.socket.number()) : m_rules.admits(client.address);
+    if (!isAllowed)
+        return cNotAllowed;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_subscribers.size() + m_checking.size() < m_nSubscriberLimit ? "" : cTooMany;
+}
+
+void PublisherEngine::check(PublisherClient& client) {
+    VornPublisher::Subscriber& who = client.who;
+    who.nId = ++m_nLastId;
+    who.sTopic = client.topic->sName;
+    who.sWords = client.request->words();
+    who.sCallback = client.request->callback();
+    who.hCallback = client.request->handle();
+    who.position = client.request->position();
+    if (!m_options.onSubscribe)
+        return admit(client);
+    // Nothing is to be heard until it is decided; the end of the connection would be told without a pause.
+    m_poll->remove(client.socket.number());
+    client.state = State::checking;
+    put(client, m_checking);
+    ask(who);
+}
+
+void PublisherEngine::ask(const VornPublisher::Subscriber& asking) {
+    m_handlers.post([this, asking] {
+        Command decision{Command::What::decide, asking.nId, "refused"};
+        bool wantsStop = false;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            wantsStop = m_wantsStop;
+        }
+        if (!wantsStop)
+            callHandler(VornLogging::cError, cSubscribeThrown,
+                        [&] { decision.sReason = m_options.onSubscribe(asking); });
+        leaveCommand(std::move(decision));
+    });
+}
+
+void PublisherEngine::refuse(PublisherClient& client, std::string_view answer) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nRefused;
+    }
+    client.say(answer);
+    closeLater(client);
+}
+
+void PublisherEngine::refuseRequest(PublisherClient& client, const VornString& sReason) {
+    VornString sAnswer;
+    Wire::appendInt(sAnswer, Wire::cRefused);
+    Wire::appendText(sAnswer, sReason);
+    refuse(client, sAnswer);
+}
+
+void PublisherEngine::admit(PublisherClient& client) {
+    const PublisherClient::Sent gap = client.admit(m_nBeat);
+    client.state = State::live;
+    client.nIndex = client.topic->subscribers.size();
+    client.topic->subscribers.push_back(&client);
+    if (client.isCalledBack())
+        m_calledBack.push_back(&client);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        client.who.position = {client.topic->history.id(), client.place.number};
+        m_subscribers.emplace(client.who.nId, &client);
+        ++m_statistics.nSubscribed;
+        m_statistics.nGaps += gap.nGaps;
+        m_statistics.nMissed += gap.nMissed;
+    }
+    if (m_isStopping) {
+        leave(client, Leaving::stopped, 0);
+        return close(client);
+    }
+    put(client, m_sending);
+    if (client.isCalledBack())
+        postEvents(client);
+}
+
+/** Sends to those who have something to get. @return whether there is more */
+bool PublisherEngine::serve() {
+    for (PublisherTopic* topic : m_topics.all()) {
+        const std::uint64_t end = topic->history.endPlace();
+        if (std::exchange(topic->servedEnd, end) == end)
+            continue;
+        for (PublisherClient* client : topic->subscribers) {
+            if (client->isCalledBack())
+                postEvents(*client);
+            else if (client->list == &m_idle)
+                put(*client, m_sending);
+        }
+    }
+    for (int count = 0; count < cBatchesAtATime && !m_sending.empty(); ++count)
+        serveOne(m_sending.front());
+    return !m_sending.empty();
+}
+
+/** Gives the dispatcher the next events for a callback address, a few at a time. */
+void PublisherEngine::postEvents(PublisherClient& client) {
+    constexpr std::size_t cMostPosted = 32;
+    while (client.state == State::live && client.posted.size() < cMostPosted) {
+        PublisherClient::Sent sent;
+        const auto event = client.nextEvent(sent);
+        if (sent.nGaps != 0) {
+            count(client, sent);
+            if (client.list == &m_idle)
+                put(client, m_sending);
+        }
+        if (!event)
+            return;
+        const std::uint64_t ticket =
+            m_poster->post(client.who.sCallback, client.who.hCallback, event->nNumber, event->sContent);
+        if (ticket == 0) {
+            client.goBackTo(event->nNumber);
+            m_postAgain = std::min(m_postAgain, m_now + cPostPause);
+            return;
+        }
+        client.posted.push_back({ticket, event->nNumber, sizeof event->nNumber + event->sContent.size()});
+        m_posted.emplace(ticket, &client);
+    }
+}
+
+void PublisherEngine::postAgain() {
+    if (m_now < m_postAgain)
+        return;
+    m_postAgain = Clock::time_point::max();
+    for (PublisherClient* client : m_calledBack)
+        postEvents(*client);
+}
+
+/** The outcomes of what was posted for a client are of no interest any more. */
+void PublisherEngine::forgetPosted(PublisherClient& client) {
+    for (const PublisherClient::Posted& posted : client.posted)
+        m_posted.erase(posted.nTicket);
+    client.posted.clear();
+}
+
+/** @return whether the callback addresses have all events. */
+bool PublisherEngine::isDelivered() const {
+    return m_posted.empty() && m_postAgain == Clock::time_point::max();
+}
+
+void PublisherEngine::serveOne(PublisherClient& client) {
+    using Outcome = PublisherClient::Sent::Outcome;
+    try {
+        const PublisherClient::Sent sent = client.send();
+        count(client, sent);
+        m_hasSent = true;
+        if (sent.nError != 0) {
+            leave(client, leavingOf(sent.nError), sent.nError);
+            close(client);
+        } else if (sent.outcome == Outcome::blocked) {
+            put(client, m_blocked);
+            await(client, cHearing | EPOLLOUT);
+        } else {
+            put(client, sent.outcome == Outcome::more ? m_sending : m_idle);
+        }
+    } catch (const std::bad_alloc&) {
+        leave(client, Leaving::lost, ENOMEM);
+        close(client);
+    }
+}
+
+void PublisherEngine::count(PublisherClient& client, const PublisherClient::Sent& sent) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    client.who.position.nNumber = client.nSent;
+    m_statistics.nSent += sent.nEvents;
+    m_statistics.nSentBytes += sent.nBytes;
+    m_statistics.nGaps += sent.nGaps;
+    m_statistics.nMissed += sent.nMissed;
+    if (m_nFlushing != 0)
+        m_changed.notify_all();
+}
+
+void PublisherEngine::hearSubscriber(PublisherClient& client, std::uint32_t events) {
+    if ((events & ~std::uint32_t{EPOLLOUT}) != 0) {
+        char byte = '\0';
+        const ssize_t count = System::recv(client.socket.number(), &byte, 1, MSG_DONTWAIT);
+        const int error = count == -1 ? errno : 0;
+        if (error != EAGAIN && error != EINTR) {
+            leave(client, count > 0 ? Leaving::violated : leavingOf(error), error);
+            return close(client);
+        }
+    }
+    if ((events & EPOLLOUT) != 0 && client.list == &m_blocked) {
+        await(client, cHearing);
+        put(client, m_sending);
+    }
+}
+
+void PublisherEngine::hearClosing(PublisherClient& client, std::uint32_t events) {
+    if ((events & EPOLLOUT) != 0) {
+        const PublisherClient::Sent sent = client.sendLast();
+        if (sent.nError != 0)
+            return close(client);
+        if (!client.hasOutput()) {
+            client.endSending();
+            await(client, cHearing);
+        }
+    }
+    if ((events & ~std::uint32_t{EPOLLOUT}) != 0 && client.discard() != 0)
+        close(client);
+}
+
+/** Ends a subscription. The connection is closed by the caller, now or later. */
+void PublisherEngine::leave(PublisherClient& client, Leaving leaving, int nCode) {
+    std::vector<PublisherClient*>& others = client.topic->subscribers;
+    others.back()->nIndex = client.nIndex;
+    others[client.nIndex] = others.back();
+    others.pop_back();
+    if (client.isCalledBack())
+        leaveCallback(client);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_subscribers.erase(client.who.nId);
+        ++m_statistics.nLeft;
+        m_changed.notify_all();
+    }
+    if (!m_options.onLeave)
+        return;
+    client.who.nBehind = client.topic->history.newest() - client.who.position.nNumber;
+    m_handlers.post([this, gone = client.who, leaving, nCode] {
+        callHandler(VornLogging::cError, cLeaveThrown, [&] { m_options.onLeave(gone, leaving, nCode); });
+    });
+}
+
+/** Takes back what waits for the callback address of one who leaves, unless others have the same. */
+void PublisherEngine::leaveCallback(PublisherClient& client) {
+    forgetPosted(client);
+    m_calledBack.erase(std::find(m_calledBack.begin(), m_calledBack.end(), &client));
+    if (std::none_of(m_calledBack.begin(), m_calledBack.end(), [&](const PublisherClient* other) {
+            return other->who.sCallback == client.who.sCallback;
+        }))
+        m_poster->cancel(client.who.sCallback);
+}
+
+/** Sends the last word, and gives the client a moment to read it: closing at once might take it away. */
+void PublisherEngine::closeLater(PublisherClient& client) {
+    client.state = State::closing;
+    const PublisherClient::Sent sent = client.sendLast();
+    if (sent.nError != 0)
+        return close(client);
+    if (!client.hasOutput())
+        client.endSending();
+    await(client, client.hasOutput() ? cHearing | EPOLLOUT : cHearing);
+    put(client, m_closing);
+    // Strangers have no more places here than they have for asking.
+    if (m_closing.size() > m_options.nRequestLimit && !m_isStopping)
+        close(m_closing.front());
+}
+
+void PublisherEngine::close(PublisherClient& client) {
+    if (client.state != State::checking)
+        m_poll->remove(client.socket.number());
+    client.state = State::gone;
+    client.socket.reset();
+    put(client, m_gone);
+}
+
+void PublisherEngine::put(PublisherClient& client, List& list) {
+    list.splice(list.end(), *client.list, client.self);
+    client.list = &list;
+    client.since = m_now;
+}
+
+void PublisherEngine::await(PublisherClient& client, std::uint32_t events) {
+    if (std::exchange(client.nAwaited, events) != events)
+        m_poll->change(client.socket.number(), events, &client);
+}
+
+} // namespace VornNet

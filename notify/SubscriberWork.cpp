@@ -1,0 +1,604 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "SubscriberWork.h"
+
+#include "EventReader.h"
+#include "HandlerCall.h"
+#include "Random.h"
+#include "Wire.h"
+
+#include <VornException.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include <netinet/in.h>
+
+namespace VornNet {
+
+namespace {
+
+using std::chrono::milliseconds;
+using State = VornSubscriber::State;
+
+constexpr const char* cPositionFailed = "VornSubscriber::VornSubscriber: failed to open position.";
+constexpr const char* cStartFailed = "VornSubscriber::VornSubscriber: failed to start.";
+
+constexpr const char* cEventThrown = "VornSubscriber::onEvent: the handler threw: ";
+constexpr const char* cGapThrown = "VornSubscriber::onGap: the handler threw: ";
+constexpr const char* cStateThrown = "VornSubscriber::onState: the handler threw: ";
+
+constexpr const char* cCannotConnect = "cannot connect";
+constexpr const char* cOtherUser = "the service runs as another user";
+constexpr const char* cNoAnswer = "no answer in time";
+constexpr const char* cClosed = "closed";
+constexpr const char* cSilent = "silent";
+constexpr const char* cNotUnderstood = "not understood";
+constexpr const char* cTooLong = "event too long";
+constexpr const char* cMoved = "moved";
+constexpr const char* cUnknownTopic = "the service does not know this topic";
+constexpr const char* cServiceStops = "the service stops";
+
+constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
+
+/** No service has more to say about why it does not want somebody. */
+constexpr std::uint32_t cLongestReason = 65'536;
+
+/**
+ * @return whether the socket is connected to itself: a client that tries a free port of its own host often
+ * enough is given that very port for its own end, and would then hold it against the service.
+ */
+bool isConnectedToItself(int fd) {
+    sockaddr_in own{};
+    sockaddr_in peer{};
+    socklen_t size = sizeof own;
+    if (System::getsockname(fd, reinterpret_cast<sockaddr*>(&own), &size) == -1)
+        return false;
+    size = sizeof peer;
+    if (System::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == -1)
+        return false;
+    return own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
+} // namespace
+
+SubscriberWork::SubscriberWork(const CallbackEndpoint& service, const VornString& sTopic,
+                               const VornSubscriber::EventHandler& onEvent, const Options& options)
+    : m_sTopic(sTopic), m_onEvent(onEvent), m_options(options), m_nextPause(options.firstPause),
+      m_resume(options.position), m_service(service) {
+    try {
+        if (!m_options.sPositionFile.empty())
+            m_file.emplace(m_options.sPositionFile);
+    } catch (const std::system_error& e) {
+        throw VornException(cPositionFailed, e.code().value());
+    }
+    try {
+        m_poll.emplace();
+        m_random.seed(static_cast<std::minstd_rand::result_type>(randomNumber()));
+    } catch (const std::system_error& e) {
+        throw VornException(cStartFailed, e.code().value());
+    }
+    if (m_file && m_file->position().nHistory != 0)
+        m_resume = m_file->position();
+    if (m_resume.nHistory == 0)
+        m_resume = {};
+    m_last = m_resume;
+    m_event.sTopic = m_sTopic;
+    m_status.since = std::chrono::system_clock::now();
+}
+
+void SubscriberWork::start() {
+    m_poll->wakeUp();
+    if (m_options.bOwnThread)
+        m_thread.start(m_options.sName, [spSelf = shared_from_this()] { spSelf->run(); });
+}
+
+std::size_t SubscriberWork::dispatch() {
+    return m_options.bOwnThread ? 0 : drive(false);
+}
+
+VornSubscriber::Status SubscriberWork::status() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_status;
+}
+
+VornPosition SubscriberWork::position() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_last;
+}
+
+VornSubscriber::Statistics SubscriberWork::statistics() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_statistics;
+}
+
+void SubscriberWork::setAddress(const CallbackEndpoint& service) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_service = service;
+        m_isMoved = true;
+    }
+    m_poll->wakeUp();
+}
+
+bool SubscriberWork::stop() {
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_isStopped.exchange(true)) {
+            m_status.state = State::stopped;
+            m_status.since = std::chrono::system_clock::now();
+            m_status.sReason.clear();
+            m_status.nCode = 0;
+            m_poll->wakeUp();
+        }
+        if (m_isDriving && m_driver == std::this_thread::get_id())
+            return true; // by a handler: the rest is done when it has returned
+        m_changed.wait(lock, [this] { return !m_isDriving && !m_isJoining; });
+        cleanUp();
+        if (!m_options.bOwnThread || m_isJoined)
+            return false;
+        m_isJoining = true;
+    }
+    m_thread.join();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isJoining = false;
+    m_isJoined = true;
+    m_changed.notify_all();
+    return false;
+}
+
+void SubscriberWork::abandon() {
+    if (stop() && m_options.bOwnThread)
+        m_thread.detach();
+}
+
+void SubscriberWork::run() {
+    while (!m_isStopped)
+        drive(true);
+}
+
+/** Waits if it may, does what there is to do, and returns. @return how many events were called for */
+std::size_t SubscriberWork::drive(bool isWaiting) {
+    if (!beginDriving())
+        return 0;
+    m_nCalled = 0;
+    const std::uint32_t events = m_poll->wait(isWaiting);
+    m_poll->answerWakeUp();
+    try {
+        advance(events);
+    } catch (const std::bad_alloc&) {
+        leave(m_wasConnected ? State::away : State::connecting, cClosed, ENOMEM);
+    }
+    endDriving();
+    return m_nCalled;
+}
+
+bool SubscriberWork::beginDriving() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_isDriving || m_isStopped)
+        return false;
+    m_isDriving = true;
+    m_driver = std::this_thread::get_id();
+    return true;
+}
+
+void SubscriberWork::endDriving() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isDriving = false;
+    m_driver = {};
+    if (m_isStopped)
+        cleanUp();
+    m_changed.notify_all();
+}
+
+/** Closes what is open; nobody drives any more. */
+void SubscriberWork::cleanUp() {
+    if (m_socket.isOpen())
+        m_poll->unwatch(m_socket.number());
+    m_socket.reset();
+    m_file.reset();
+    m_poll->end(!m_options.bOwnThread);
+}
+
+void SubscriberWork::advance(std::uint32_t events) {
+    if (m_isStopped)
+        return;
+    if (m_isMoved)
+        takeMove();
+    else if (m_phase == Phase::connecting && events != 0)
+        finishConnecting();
+    else if (m_phase != Phase::pause && (events & ~std::uint32_t{EPOLLOUT}) != 0)
+        receive();
+    else if (m_phase != Phase::pause && events != 0)
+        send();
+    if (m_isMoved) // a handler has said so
+        takeMove();
+    if (m_isStopped)
+        return;
+    checkTime();
+    if (!m_isStopped)
+        m_poll->wakeAt(m_isMoved ? Clock::now() : m_due);
+}
+
+void SubscriberWork::checkTime() {
+    if (Clock::now() < m_due)
+        return;
+    switch (m_phase) {
+    case Phase::pause:
+        connect();
+        break;
+    case Phase::connecting:
+        lose(cCannotConnect, ETIMEDOUT);
+        break;
+    case Phase::asking:
+    case Phase::answer:
+        lose(cNoAnswer, ETIMEDOUT);
+        break;
+    case Phase::live:
+        lose(cSilent, ETIMEDOUT);
+        break;
+    }
+}
+
+/** The service has moved: the old one is left, and the new one tried at once. */
+void SubscriberWork::takeMove() {
+    m_isMoved = false;
+    m_nextPause = m_options.firstPause;
+    pauseFor(std::chrono::nanoseconds(0));
+    tell(m_wasConnected ? State::away : State::connecting, cMoved, 0);
+}
+
+void SubscriberWork::connect() {
+    std::optional<CallbackEndpoint> service;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        service = m_service;
+        ++m_statistics.nTries;
+    }
+    const bool isPipe = service->kind() == CallbackEndpoint::Kind::pipe;
+    m_phase = Phase::connecting;
+    m_due = Deadline(m_options.answerLimit).end();
+    m_socket.reset(System::socket(isPipe ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!m_socket.isOpen())
+        return lose(cCannotConnect, errno);
+    const CallbackEndpoint::Address address(*service);
+    const bool isConnected = System::connect(m_socket.number(), address.get(), address.length()) == 0;
+    if (!isConnected && errno != EINPROGRESS)
+        return lose(cCannotConnect, errno);
+    const int error = m_poll->watch(m_socket.number(), EPOLLOUT, true);
+    if (error != 0)
+        return lose(cCannotConnect, error);
+    m_isWatched = true;
+    m_nAwaited = EPOLLOUT;
+    if (isConnected)
+        finishConnecting();
+}
+
+void SubscriberWork::finishConnecting() {
+    int error = 0;
+    socklen_t size = sizeof error;
+    System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &error, &size);
+    if (error == 0 && isConnectedToItself(m_socket.number()))
+        error = ECONNREFUSED;
+    if (error != 0)
+        return lose(cCannotConnect, error);
+    const auto& users = m_options.allowedUsers;
+    ucred peer{-1, ~0U, ~0U};
+    size = sizeof peer;
+    int family = 0;
+    socklen_t familySize = sizeof family;
+    System::getsockopt(m_socket.number(), SOL_SOCKET, SO_DOMAIN, &family, &familySize);
+    if (family == AF_UNIX && !users.empty()) {
+        System::getsockopt(m_socket.number(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
+        if (std::find(users.begin(), users.end(), peer.uid) == users.end())
+            return lose(cOtherUser, EACCES);
+    }
+    m_phase = Phase::asking;
+    m_input.clear();
+    m_sOutput = m_sTopic;
+    m_sOutput += Wire::cLineEnd;
+    send();
+}
+
+void SubscriberWork::ask() {
+    const bool isGoingOn = m_resume.nHistory != 0;
+    constexpr std::uint32_t cAfter = 3;
+    m_phase = Phase::answer;
+    Wire::appendInt(m_sOutput, Wire::cVersion);
+    Wire::appendText(m_sOutput, "");
+    Wire::appendNumber(m_sOutput, 0);
+    Wire::appendInt(m_sOutput, isGoingOn ? cAfter : static_cast<std::uint32_t>(m_options.start));
+    Wire::appendNumber(m_sOutput, isGoingOn ? m_resume.nHistory : 0);
+    Wire::appendNumber(m_sOutput, isGoingOn ? m_resume.nNumber : 0);
+    Wire::appendText(m_sOutput, m_options.sWords);
+    send();
+}
+
+void SubscriberWork::send() {
+    const ssize_t count = m_sOutput.empty() ? 0
+                                            : System::send(m_socket.number(), m_sOutput.data(),
+                                                           m_sOutput.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    // What has gone wrong is told by the next look at what has come; the service's last word is there too.
+    if (count == -1 && errno != EAGAIN && errno != EINTR)
+        m_sOutput.clear();
+    m_sOutput.erase(0, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    await(m_sOutput.empty() ? cHearing : cHearing | EPOLLOUT);
+}
+
+void SubscriberWork::await(std::uint32_t events) {
+    if (std::exchange(m_nAwaited, events) != events)
+        m_poll->watch(m_socket.number(), events, false);
+}
+
+void SubscriberWork::receive() {
+    const int error = m_input.fill(m_socket.number());
+    if (m_phase == Phase::live && error == 0)
+        m_due = Deadline(m_silence).end();
+    deal();
+    if (error != 0 && m_phase != Phase::pause && !isInterrupted())
+        lose(cClosed, error);
+}
+
+/** Deals with all that has come completely, as long as it is not interrupted by a handler. */
+void SubscriberWork::deal() {
+    bool isComplete = true;
+    while (isComplete && !isInterrupted()) {
+        const std::string_view bytes = m_input.bytes();
+        switch (m_phase) {
+        case Phase::asking:
+            isComplete = dealWithLine(bytes);
+            break;
+        case Phase::answer:
+            isComplete = dealWithAnswer(bytes);
+            break;
+        case Phase::live:
+            isComplete = dealWithFrame(bytes);
+            break;
+        default:
+            return;
+        }
+    }
+}
+
+bool SubscriberWork::dealWithLine(std::string_view bytes) {
+    if (bytes.empty())
+        return false;
+    if (bytes.front() == Wire::cKnown) {
+        m_input.skip(1);
+        ask();
+    } else if (bytes.front() == Wire::cUnknown) {
+        refuse(cUnknownTopic);
+    } else {
+        misunderstand(cNotUnderstood, EPROTO);
+    }
+    return true;
+}
+
+bool SubscriberWork::dealWithAnswer(std::string_view bytes) {
+    constexpr std::size_t cToken = 4;
+    if (bytes.size() < cToken)
+        return false;
+    const std::uint32_t token = Wire::intAt(bytes.data());
+    bytes.remove_prefix(cToken);
+    if (token == Wire::cAdmitted)
+        return dealWithPlace(bytes);
+    if (token != Wire::cRefused || (bytes.size() >= 4 && Wire::intAt(bytes.data()) > cLongestReason)) {
+        misunderstand(cNotUnderstood, EPROTO);
+        return true;
+    }
+    if (bytes.size() < 4 || bytes.size() - 4 < Wire::intAt(bytes.data()))
+        return false;
+    refuse(VornString(bytes.substr(4, Wire::intAt(bytes.data()))));
+    return true;
+}
+
+bool SubscriberWork::dealWithPlace(std::string_view bytes) {
+    if (bytes.size() < Wire::cPlaceSize)
+        return false;
+    const std::uint64_t first = Wire::numberAt(bytes.data() + 8);
+    const auto beat = static_cast<std::int32_t>(Wire::intAt(bytes.data() + 24));
+    m_nHistory = Wire::numberAt(bytes.data());
+    m_nOldUpTo = Wire::numberAt(bytes.data() + 16);
+    if (m_nHistory == 0 || first == 0 || beat <= 0) {
+        misunderstand(cNotUnderstood, EPROTO);
+        return true;
+    }
+    m_input.skip(4 + Wire::cPlaceSize);
+    m_phase = Phase::live;
+    m_silence = 3 * milliseconds(beat);
+    m_due = Deadline(m_silence).end();
+    m_wasConnected = true;
+    if (!std::exchange(m_hasMisunderstood, false))
+        m_nextPause = m_options.firstPause;
+    if (m_resume.nHistory == 0)
+        m_resume = {m_nHistory, first - 1};
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nSubscriptions;
+        m_statistics.nNewest = m_nOldUpTo;
+        m_status.nTries = 0;
+    }
+    tell(State::connected, "", 0);
+    return true;
+}
+
+bool SubscriberWork::dealWithFrame(std::string_view bytes) {
+    if (bytes.size() < Wire::cFrameHead)
+        return false;
+    const std::uint32_t kind = Wire::intAt(bytes.data());
+    const std::uint32_t length = Wire::intAt(bytes.data() + 4);
+    const bool isEvent = kind == Wire::cEvent;
+    const bool isKnown = kind >= Wire::cEvent && kind <= Wire::cLast;
+    if (length > static_cast<std::uint32_t>(std::numeric_limits<std::int32_t>::max()) ||
+        (isEvent && length < sizeof(std::uint64_t)) || (isKnown && !isEvent && length > cLongestReason)) {
+        misunderstand(cNotUnderstood, EPROTO);
+        return true;
+    }
+    if (isEvent && length - sizeof(std::uint64_t) > m_options.nEventLimit) {
+        misunderstand(cTooLong, EMSGSIZE);
+        return true;
+    }
+    if (isKnown && bytes.size() - Wire::cFrameHead < length)
+        return false;
+    m_input.skip(Wire::cFrameHead + length);
+    // What has been skipped lies where it was until more is received.
+    const std::string_view rest = bytes.substr(Wire::cFrameHead, length);
+    if (isEvent)
+        dealWithEvent(rest);
+    else if (kind == Wire::cGap)
+        dealWithGap(rest);
+    else if (kind == Wire::cSign)
+        dealWithSign(rest);
+    else if (kind == Wire::cLast)
+        dealWithLast(rest);
+    return true;
+}
+
+void SubscriberWork::dealWithEvent(std::string_view rest) {
+    const std::uint64_t number = Wire::numberAt(rest.data());
+    rest.remove_prefix(sizeof number);
+    if (number == 0)
+        return misunderstand(cNotUnderstood, EPROTO);
+    const bool isOfThis = m_resume.nHistory == m_nHistory;
+    if (isOfThis && number <= m_resume.nNumber) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nRepeated;
+        return;
+    }
+    if (!isOfThis || number > m_resume.nNumber + 1)
+        tellGap({m_nHistory, number - 1}, isOfThis ? number - 1 - m_resume.nNumber : 0);
+    if (!isInterrupted())
+        callForEvent(number, rest);
+}
+
+void SubscriberWork::dealWithGap(std::string_view rest) {
+    if (rest.size() != Wire::cGapRest || Wire::numberAt(rest.data()) == 0 ||
+        Wire::numberAt(rest.data() + 16) == 0)
+        return misunderstand(cNotUnderstood, EPROTO);
+    m_nHistory = Wire::numberAt(rest.data());
+    const std::uint64_t first = Wire::numberAt(rest.data() + 8);
+    const VornPosition next{m_nHistory, Wire::numberAt(rest.data() + 16) - 1};
+    const bool isOfThis = first != 0 && m_resume.nHistory == m_nHistory;
+    if (isOfThis && next.nNumber <= m_resume.nNumber)
+        return; // nothing that it is about is missing here
+    tellGap(next, isOfThis ? next.nNumber - m_resume.nNumber : 0);
+}
+
+void SubscriberWork::dealWithSign(std::string_view rest) {
+    if (rest.size() != Wire::cSignRest)
+        return misunderstand(cNotUnderstood, EPROTO);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_statistics.nNewest = Wire::numberAt(rest.data());
+}
+
+void SubscriberWork::dealWithLast(std::string_view rest) {
+    constexpr std::size_t cHead = 2 * sizeof(std::uint32_t);
+    const std::uint32_t ending = rest.size() < cHead ? 0 : Wire::intAt(rest.data());
+    if ((ending != Wire::cStopped && ending != Wire::cDropped) ||
+        Wire::intAt(rest.data() + 4) != rest.size() - cHead)
+        return misunderstand(cNotUnderstood, EPROTO);
+    if (ending == Wire::cStopped)
+        lose(cServiceStops, 0);
+    else
+        refuse(VornString(rest.substr(cHead)));
+}
+
+void SubscriberWork::callForEvent(std::uint64_t number, std::string_view content) {
+    m_resume = {m_nHistory, number};
+    m_event.position = m_resume;
+    m_event.bOld = number <= m_nOldUpTo;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nEvents;
+        m_statistics.nNewest = std::max(m_statistics.nNewest, number);
+        m_last = m_resume;
+    }
+    ++m_nCalled;
+    EventReader reader(content);
+    if (!callHandler(VornLogging::cError, cEventThrown, [&] { m_onEvent(reader, m_event); })) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_statistics.nFailed;
+    }
+    if (m_file)
+        m_file->note(m_event.position);
+}
+
+void SubscriberWork::tellGap(const VornPosition& next, std::uint64_t missed) {
+    VornSubscriber::Gap gap{m_sTopic, {}, next, missed};
+    m_resume = next;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        gap.last = m_last;
+        ++m_statistics.nGaps;
+        m_statistics.nMissed += missed;
+    }
+    if (m_options.onGap)
+        callHandler(VornLogging::cError, cGapThrown, [&] { m_options.onGap(gap); });
+}
+
+/** The try has failed, or the service is gone. */
+void SubscriberWork::lose(const char* reason, int nCode) {
+    leave(m_wasConnected ? State::away : State::connecting, reason, nCode);
+}
+
+/** As lose(); since it may well happen again, a further time the pauses go on growing. */
+void SubscriberWork::misunderstand(const char* reason, int nCode) {
+    m_hasMisunderstood = true;
+    lose(reason, nCode);
+}
+
+void SubscriberWork::refuse(const VornString& sReason) {
+    leave(State::refused, sReason, 0);
+}
+
+void SubscriberWork::leave(VornSubscriber::State state, const VornString& sReason, int nCode) {
+    const milliseconds pause =
+        state == State::refused ? m_options.longestPause : std::min(m_nextPause, m_options.longestPause);
+    if (state != State::refused)
+        m_nextPause = pause > m_options.longestPause / 2 ? m_options.longestPause : 2 * pause;
+    if (m_phase != Phase::live) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_status.nTries;
+    }
+    // Varied, so that the clients of a service that is back do not come in step.
+    std::uniform_real_distribution<double> part(0.5, 1.0);
+    pauseFor(std::chrono::duration_cast<std::chrono::nanoseconds>(pause * part(m_random)));
+    tell(state, sReason, nCode);
+}
+
+void SubscriberWork::pauseFor(std::chrono::nanoseconds pause) {
+    if (std::exchange(m_isWatched, false))
+        m_poll->unwatch(m_socket.number());
+    m_socket.reset();
+    m_nAwaited = 0;
+    m_sOutput.clear();
+    m_phase = Phase::pause;
+    m_due = Clock::now() + pause;
+}
+
+/** Tells the program, unless it knows that. */
+void SubscriberWork::tell(VornSubscriber::State state, const VornString& sReason, int nCode) {
+    Status status;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_isStopped)
+            return;
+        const bool isKnown = m_status.state == state && m_status.sReason == sReason;
+        if (m_status.state != state)
+            m_status.since = std::chrono::system_clock::now();
+        m_status.state = state;
+        m_status.sReason = sReason;
+        m_status.nCode = nCode;
+        if (isKnown)
+            return;
+        status = m_status;
+    }
+    if (m_options.onState)
+        callHandler(VornLogging::cError, cStateThrown, [&] { m_options.onState(status); });
+}
+
+} // namespace VornNet

@@ -1,0 +1,147 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNNOTIFY_SUBSCRIBERWORK_H
+#define VORNNOTIFY_SUBSCRIBERWORK_H
+
+#include "CallbackEndpoint.h"
+#include "Deadline.h"
+#include "FrameBuffer.h"
+#include "OwnedDescriptor.h"
+#include "PositionFile.h"
+#include "QuietThread.h"
+#include "TimedPoll.h"
+#include "VornSubscriber.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <thread>
+
+namespace VornNet {
+
+/**
+ * A subscriber's state machine. One thread at a time drives it, step by step, whenever its descriptor is
+ * readable; that is its own thread, or whoever calls dispatch(). Both do the same.
+ *
+ * Handlers are called without a lock, and may stop or destroy the subscriber: whoever drives holds this
+ * object until it returns.
+ */
+class SubscriberWork : public std::enable_shared_from_this<SubscriberWork> {
+public:
+    using Options = VornSubscriber::Options;
+    using Status = VornSubscriber::Status;
+    using Statistics = VornSubscriber::Statistics;
+
+    /** @throws VornException */
+    SubscriberWork(const CallbackEndpoint& service, const VornString& sTopic,
+                   const VornSubscriber::EventHandler& onEvent, const Options& options);
+
+    /** Begins; with a thread of its own if the options say so. @throws std::system_error */
+    void start();
+
+    int handle() const { return m_options.bOwnThread ? -1 : m_poll->number(); }
+
+    std::size_t dispatch();
+    Status status() const;
+    VornPosition position() const;
+    Statistics statistics() const;
+    void setAddress(const CallbackEndpoint& service);
+    /** @return whether a handler has called it, so that the thread that drives is still to come back. */
+    bool stop();
+
+    /** As stop(); and a thread that is running in a handler goes on without an owner. */
+    void abandon();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    enum class Phase { pause, connecting, asking, answer, live };
+
+    void run();
+    std::size_t drive(bool isWaiting);
+    bool beginDriving();
+    void endDriving();
+    void cleanUp();
+
+    void advance(std::uint32_t events);
+    void checkTime();
+
+    bool isInterrupted() const { return m_isStopped || m_isMoved; }
+
+    void takeMove();
+
+    void connect();
+    void finishConnecting();
+    void ask();
+    void send();
+    void await(std::uint32_t events);
+
+    void receive();
+    void deal();
+    bool dealWithLine(std::string_view bytes);
+    bool dealWithAnswer(std::string_view bytes);
+    bool dealWithPlace(std::string_view bytes);
+    bool dealWithFrame(std::string_view bytes);
+    void dealWithEvent(std::string_view rest);
+    void dealWithGap(std::string_view rest);
+    void dealWithSign(std::string_view rest);
+    void dealWithLast(std::string_view rest);
+    void callForEvent(std::uint64_t number, std::string_view content);
+    void tellGap(const VornPosition& next, std::uint64_t missed);
+
+    void lose(const char* reason, int nCode);
+    void misunderstand(const char* reason, int nCode);
+    void refuse(const VornString& sReason);
+    void leave(VornSubscriber::State state, const VornString& sReason, int nCode);
+    void pauseFor(std::chrono::nanoseconds pause);
+    void tell(VornSubscriber::State state, const VornString& sReason, int nCode);
+
+    const VornString m_sTopic;
+    const VornSubscriber::EventHandler m_onEvent;
+    const Options m_options;
+    std::optional<PositionFile> m_file;
+    std::optional<TimedPoll> m_poll;
+
+    // For whoever drives.
+    Phase m_phase = Phase::pause;
+    OwnedDescriptor m_socket;
+    bool m_isWatched = false;
+    std::uint32_t m_nAwaited = 0;
+    VornString m_sOutput;
+    FrameBuffer m_input;
+    Clock::time_point m_due{}; // when the phase ends unless something happens
+    std::chrono::milliseconds m_silence{0};
+    std::chrono::milliseconds m_nextPause;
+    bool m_hasMisunderstood = false; // the last subscription ended so, and may again
+    bool m_wasConnected = false;
+    std::minstd_rand m_random;
+    VornPosition m_resume;        // behind what has been called for or told of as missed
+    std::uint64_t m_nHistory = 0; // of this connection
+    std::uint64_t m_nOldUpTo = 0; // events up to this one are old to this connection
+    VornSubscriber::Event m_event;
+    std::size_t m_nCalled = 0; // by this step
+
+    std::atomic<bool> m_isStopped{false};
+    std::atomic<bool> m_isMoved{false};
+
+    mutable std::mutex m_mutex; // guards all below
+    std::condition_variable m_changed;
+    bool m_isDriving = false;
+    std::thread::id m_driver;
+    bool m_isJoining = false;
+    bool m_isJoined = false;
+    CallbackEndpoint m_service;
+    Status m_status;
+    Statistics m_statistics;
+    VornPosition m_last;
+    QuietThread m_thread;
+};
+
+} // namespace VornNet
+
+#endif

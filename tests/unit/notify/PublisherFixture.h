@@ -1,0 +1,136 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#ifndef VORNTEST_PUBLISHERFIXTURE_H
+#define VORNTEST_PUBLISHERFIXTURE_H
+
+#include "Await.h"
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "Sandbox.h"
+#include "SubscriptionPeers.h"
+
+#include <VornException.h>
+#include <VornPublisher.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace VornTest {
+
+/// Text and code of what an operation throws, or "nothing".
+inline std::string thrownBy(const std::function<void()>& operation) {
+    try {
+        operation();
+        return "nothing";
+    } catch (const VornSupport::VornException& e) {
+        return e.getText() + " " + std::to_string(e.getCode());
+    }
+}
+
+/// A writer of these bytes.
+inline VornNet::VornPublisher::Writer writing(const std::string& content) {
+    return [content](VornNet::VornConnection& out) {
+        long error = 0;
+        out.transfer(content.data(), static_cast<long>(content.size()), &error);
+        EXPECT_EQ(error, 0);
+    };
+}
+
+/// What onLeave has been told, one line each.
+class Departures {
+public:
+    VornNet::VornPublisher::LeaveHandler handler() {
+        return [this](const VornNet::VornPublisher::Subscriber& gone, VornNet::VornPublisher::Leaving leaving,
+                      int code) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_lines.push_back(std::to_string(gone.nId) + " " + VornNet::VornPublisher::nameOf(leaving) + " " +
+                              std::to_string(code));
+        };
+    }
+
+    std::vector<std::string> lines() const {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+    bool await(std::size_t count) const {
+        return awaitCondition([&] { return lines().size() >= count; });
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+/// A handler waits here until the test lets it go on.
+class Barrier {
+public:
+    void wait() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_isReached = true;
+        m_changed.notify_all();
+        m_changed.wait_for(lock, defaultLimit, [this] { return m_isOpen; });
+    }
+
+    bool awaitReached() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, defaultLimit, [this] { return m_isReached; });
+    }
+
+    void open() {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_isOpen = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_isReached = false;
+    bool m_isOpen = false;
+};
+
+class PublisherFixture : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+
+    VornNet::VornPublisher& open(const VornNet::VornPublisher::Options& options = {},
+                                 const std::string& address = "pipe:alpha") {
+        m_publisher.emplace(address, std::vector<std::string>{"builds", "other"}, options);
+        return *m_publisher;
+    }
+
+    void TearDown() override {
+        m_publisher.reset();
+        LeakCheckedTest::TearDown();
+    }
+
+    VornNet::VornPublisher& publisher() { return *m_publisher; }
+
+    std::string address() const { return m_publisher->getAddress(); }
+
+    std::uint64_t publish(const std::string& content) {
+        return publisher().publish("builds", writing(content));
+    }
+
+    bool awaitSubscribers(std::size_t count) {
+        return awaitCondition([&] { return publisher().statistics().nSubscribers == count; });
+    }
+
+    // The handlers' own, which live longer than the publisher.
+    Departures m_departures;
+    Barrier m_barrier;
+    std::optional<VornNet::VornPublisher> m_publisher;
+};
+
+} // namespace VornTest
+
+#endif

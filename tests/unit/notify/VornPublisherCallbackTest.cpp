@@ -1,0 +1,186 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+
+#include "PublisherFixture.h"
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace VornNet;
+using namespace VornTest;
+using namespace std::chrono_literals;
+
+namespace {
+
+using testing::ElementsAre;
+
+/// A plain sink at a pipe or a port, and subscribers whose events go there.
+class VornPublisher_Callback : public PublisherFixture, public testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override {
+        PublisherFixture::SetUp();
+        VornPublisher::Options options;
+        options.bCallbackAddresses = true;
+        options.onLeave = m_departures.handler();
+        open(options);
+        listen();
+    }
+
+    void TearDown() override {
+        m_publisher.reset();
+        m_sink.reset();
+        ::unlink(pipePath("sink").c_str());
+        PublisherFixture::TearDown();
+    }
+
+    void listen() {
+        m_sink = GetParam() ? unixListen(pipePath("sink"), 100) : tcpListen("127.0.0.1", m_port, 100);
+    }
+
+    WireRequest request(std::uint64_t handle = 7) const {
+        return {.callback = GetParam() ? "pipe:sink" : "socket:127.0.0.1:" + std::to_string(m_port),
+                .handle = handle};
+    }
+
+    /// Takes the next notification: what comes until its sender ends.
+    std::string take() {
+        const UniqueFd sender = acceptClient(m_sink.get());
+        return receiveToEnd(sender.get());
+    }
+
+    static std::string notification(std::uint64_t handle, std::uint64_t number, const std::string& content) {
+        return wireNumber(handle << 32) + wireNumber(number) + content;
+    }
+
+    UniqueFd m_sink;
+    int m_port = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Sinks, VornPublisher_Callback, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Pipe" : "Tcp"; });
+
+TEST_P(VornPublisher_Callback, EventsGoToTheSink_AndTheConnectionIsTheLease) {
+    const RawSubscriber subscriber(address(), "builds", request());
+    EXPECT_EQ(publisher().subscribers().at(0).sCallback, request().callback);
+    EXPECT_EQ(publisher().subscribers().at(0).hCallback, 7);
+    for (std::uint64_t number = 1; number <= 100; ++number)
+        publish("event " + std::to_string(number));
+    for (std::uint64_t number = 1; number <= 100; ++number)
+        ASSERT_EQ(take(), notification(7, number, "event " + std::to_string(number)));
+    EXPECT_TRUE(publisher().flush(5s));
+    EXPECT_EQ(publisher().subscribers().at(0).position, publisher().position("builds"));
+    EXPECT_EQ(publisher().statistics().nSent, 100U);
+    char byte = '\0';
+    EXPECT_EQ(::recv(subscriber.fd(), &byte, 1, MSG_DONTWAIT), -1);
+}
+
+TEST_P(VornPublisher_Callback, BeginsWhereTheClientSays) {
+    publish("a");
+    publish("b");
+    WireRequest fromTheOldest = request();
+    fromTheOldest.begin = 2;
+    const RawSubscriber subscriber(address(), "builds", fromTheOldest);
+    EXPECT_EQ(take(), notification(7, 1, "a"));
+    EXPECT_EQ(take(), notification(7, 2, "b"));
+}
+
+TEST_P(VornPublisher_Callback, AnEmptyEvent_IsItsNumber) {
+    const RawSubscriber subscriber(address(), "builds", request());
+    publish("");
+    EXPECT_EQ(take(), notification(7, 1, ""));
+}
+
+TEST_P(VornPublisher_Callback, WhoeverFallsOut_IsToldOverTheLease) {
+    m_publisher.reset();
+    VornPublisher::Options options;
+    options.bCallbackAddresses = true;
+    options.nHistoryBytes = 4096;
+    open(options);
+    const RawSubscriber subscriber(address(), "builds", request());
+    constexpr std::uint64_t count = 1000;
+    for (std::uint64_t number = 1; number <= count; ++number)
+        publish(std::string(100, 'x'));
+    std::uint64_t expected = 1;
+    while (expected <= count) {
+        const std::uint64_t number = numberOf(take(), 8);
+        if (number != expected) {
+            const WireFrame gap = subscriber.next();
+            ASSERT_EQ(gap.kind, 2U);
+            ASSERT_EQ(numberOf(gap.rest, 8), expected);
+            ASSERT_EQ(numberOf(gap.rest, 16), number);
+        }
+        expected = number + 1;
+    }
+    EXPECT_GE(publisher().statistics().nGaps, 1U);
+}
+
+TEST_P(VornPublisher_Callback, TheLeaseHasSignsOfLife) {
+    m_publisher.reset();
+    VornPublisher::Options options;
+    options.bCallbackAddresses = true;
+    options.beat = 20ms;
+    open(options);
+    const RawSubscriber subscriber(address(), "builds", request());
+    publish("a");
+    EXPECT_EQ(take(), notification(7, 1, "a"));
+    WireFrame sign = subscriber.next();
+    while (sign == WireFrame::sign(0))
+        sign = subscriber.next();
+    EXPECT_EQ(sign, WireFrame::sign(1));
+}
+
+TEST_P(VornPublisher_Callback, WhoeverLeaves_IsSentNothingMore) {
+    RawSubscriber subscriber(address(), "builds", request());
+    for (int i = 0; i < 10; ++i)
+        publish("x");
+    const UniqueFd first = acceptClient(m_sink.get());
+    subscriber.socket().reset();
+    ASSERT_TRUE(m_departures.await(1));
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 0"));
+    // What comes now is for the next one: the rest of the first one's events was taken back.
+    const RawSubscriber next(address(), "builds", request(8));
+    publish("for the next");
+    std::string data = receiveToEnd(first.get());
+    while (data != notification(8, 11, "for the next")) {
+        ASSERT_THAT(data, testing::Not(testing::StartsWith(notification(7, 2, "")))) << hex(data);
+        data = take();
+    }
+}
+
+TEST_P(VornPublisher_Callback, OneOfTwoAtAnAddressLeaves_AndTheOtherHasItAll) {
+    RawSubscriber first(address(), "builds", request(7));
+    const RawSubscriber second(address(), "builds", request(8));
+    for (int i = 0; i < 40; ++i)
+        publish("x");
+    first.socket().reset();
+    ASSERT_TRUE(m_departures.await(1));
+    for (std::uint64_t expected = 1; expected <= 40;) {
+        const std::string data = take();
+        if (numberOf(data) >> 32 == 8) {
+            ASSERT_EQ(data, notification(8, expected++, "x"));
+        }
+    }
+}
+
+TEST_P(VornPublisher_Callback, Stop_DeliversWhatIsLeft) {
+    const RawSubscriber subscriber(address(), "builds", request());
+    for (int i = 0; i < 100; ++i)
+        publish("x");
+    WatchedThread stopping([&] { publisher().stop(10s); });
+    for (std::uint64_t number = 1; number <= 100; ++number)
+        ASSERT_EQ(take(), notification(7, number, "x"));
+    EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
+    ::shutdown(subscriber.fd(), SHUT_RDWR);
+    EXPECT_TRUE(stopping.join());
+}
+
+TEST_P(VornPublisher_Callback, Stop_WithoutTimeGivesUpWhatIsLeft) {
+    const RawSubscriber subscriber(address(), "builds", request());
+    for (int i = 0; i < 100; ++i)
+        publish("x");
+    publisher().stop(0ms);
+    EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
+}
+
+} // namespace
