@@ -43,25 +43,22 @@ DeliveryTry::Progress PipeTry::advance(std::uint32_t nEvents) {
 }
 
 DeliveryTry::Progress PipeTry::probe(std::uint32_t nEvents) {
-    // The queue first: when a server is closed with this connection in its queue, the kernel sets the error
-    // before it throws the bytes away, so whoever finds them gone finds the error as well.
     int nUntaken = 0;
     int nError = countUntaken(nUntaken);
     if (nError != 0)
         return failed(nError);
-    const bool bTaken = nUntaken <= cMostWhenTaken;
-    if (!bTaken && (nEvents & cEndEvents) == 0)
-        return {};
-    nError = ECONNRESET;
-    if (drain(nError) != Peer::open)
-        return failed(nError);
-    if (!bTaken)
-        return {};
+    if (nUntaken > cMostWhenTaken) {
+        nError = ECONNRESET;
+        const bool bIsOpen = (nEvents & cEndEvents) == 0 || drain(nError) == Peer::open;
+        return bIsOpen ? Progress() : failed(nError);
+    }
     // Room is no news from here on: each piece that the sink reads would wake this thread in vain.
     nError = watch(false);
     if (nError != 0)
         return failed(nError);
     m_step = Step::sending;
+    // A server that is closed throws the queue away, and the bytes are gone as well. But the kernel ends the
+    // connection before it does that, so nothing more can be sent then, and it is tried again.
     return sendRest();
 }
 

@@ -105,9 +105,9 @@ DeliveryTry::Progress StreamTry::end(const Progress& progress) {
 DeliveryTry::Progress StreamTry::failed(int nCode) {
     Progress progress;
     progress.kind = Progress::Kind::failed;
-    progress.nCode = nCode;
+    progress.nCode = nCode == EPIPE ? ECONNRESET : nCode; // the reset came before the call, and not during it
     progress.bDoubtful = mayHaveArrived();
-    progress.bIsAlive = nCode == ECONNRESET || nCode == EPIPE;
+    progress.bIsAlive = progress.nCode == ECONNRESET;
     abandon();
     return progress;
 }

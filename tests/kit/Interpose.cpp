@@ -731,8 +731,19 @@ VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    VORNTEST_WATCH(int, VornTest::describe("ioctl", fd, static_cast<long>(request)),
-                   real(fd, request, argument));
+    if (!VornTest::isWatched())
+        return real(fd, request, argument);
+    VornTest::CallRecord call = VornTest::describe("ioctl", fd, static_cast<long>(request));
+    const std::optional<VornTest::Injection> injection = VornTest::before(call);
+    int result = 0;
+    if (!injection)
+        result = real(fd, request, argument);
+    else if (injection->result >= 0)
+        *static_cast<int*>(argument) = static_cast<int>(injection->result);
+    else
+        result = static_cast<int>(VornTest::apply(*injection));
+    VornTest::after(call, result);
+    return result;
 }
 
 VORNTEST_EXPORT int usleep(useconds_t microseconds) {

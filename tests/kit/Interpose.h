@@ -76,7 +76,7 @@ public:
      *
      * Needed for usleep() and clock_nanosleep() (0 makes them take no time) and for the *_r functions, which
      * return an error number; the rule's own error number is then what the caller finds in the resolver's
-     * error variable.
+     * error variable. For ioctl() it is the number that the call asks for.
      */
     FaultRule& returning(long result);
 

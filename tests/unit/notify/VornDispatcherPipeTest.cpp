@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "DispatcherTestSupport.h"
+#include "Interpose.h"
 
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -66,6 +67,25 @@ TEST_F(VornDispatcher_Pipe, TheContentWaitsUntilTheSinkReadsTheHandle) {
     EXPECT_EQ(receiveExactly(client.get(), 6), cHandle.substr(0, 6));
     EXPECT_FALSE(awaitCondition([&] { return unread(client.get()) != 1; }, 30ms));
     EXPECT_EQ(receiveToEnd(client.get()), cHandle.substr(6) + "content");
+}
+
+TEST_F(VornDispatcher_Pipe, TakenIsWhenTheKernelCountsNotMoreThanOne) {
+    // It wakes the sender while one unit of a message that has been taken is still counted, and no event
+    // follows.
+    const UniqueFd listener = listen();
+    for (const auto& [nCounted, outcome] : {std::pair(1, Outcome::delivered), {2, Outcome::expired}}) {
+        Results results;
+        VornDispatcher::Options options;
+        options.onResult = results.handler();
+        VornDispatcher dispatcher(options);
+        FaultRule counts("ioctl", 0, 1, FaultRule::always, threadIds().back());
+        counts.returning(nCounted);
+        postWith(termsOf(outcome == Outcome::expired ? 100ms : 10s), dispatcher, m_sAddress, "content");
+        EXPECT_EQ(takeOne(listener.get()).size(), outcome == Outcome::expired ? 7U : 15U);
+        const Result result = results.awaitOne();
+        EXPECT_EQ(result.outcome, outcome) << nCounted;
+        EXPECT_EQ(result.nDoubtfulTries, 0U) << nCounted;
+    }
 }
 
 TEST_F(VornDispatcher_Pipe, ANotificationWithoutContentIsDelivered) {
@@ -140,6 +160,22 @@ TEST_F(VornDispatcher_Pipe, OneThrownAwayWithTheListenersQueueIsTriedAgain) {
     EXPECT_EQ(result.outcome, Outcome::delivered);
     EXPECT_GE(result.nTries, 2U);
     EXPECT_EQ(result.nDoubtfulTries, 0U) << "no callback has seen it";
+}
+
+TEST_F(VornDispatcher_Pipe, OneThrownAwayAsItIsAskedForIsNotTakenForTaken) {
+    UniqueFd listener = listen();
+    VornDispatcher dispatcher(optionsWithResults());
+    {
+        const CallHook atQuestion("ioctl",
+                                  [&] { listener.reset(); }); // the bytes are gone, and nobody has them
+        post(dispatcher, m_sAddress, "content");
+        ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 1; }));
+    }
+    listener = listen();
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::delivered);
+    EXPECT_EQ(result.nDoubtfulTries, 0U);
 }
 
 TEST_F(VornDispatcher_Pipe, ASinkThatClosesBeforeTheHandleIsCompleteIsTriedAgain) {
