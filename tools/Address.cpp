@@ -7,7 +7,6 @@
 
 #include <VornPipeConnection.h>
 #include <VornPipeServer.h>
-#include <VornSSLSocketConnection.h>
 #include <VornSocketConnection.h>
 #include <VornUDPSocketConnection.h>
 
@@ -29,7 +28,8 @@ namespace VornTool {
 using VornNet::VornConnection;
 using VornSupport::VornSmartPointer;
 
-const char* const addressHelp = "pipe:NAME, socket:HOST:PORT, udp:HOST:PORT or ssl:HOST:PORT";
+const char* const addressHelp =
+    "pipe:NAME, socket:HOST:PORT or udp:HOST:PORT (ssl:HOST:PORT carries nothing)";
 
 namespace {
 
@@ -38,11 +38,10 @@ namespace {
 }
 
 Address::Kind parseKind(const std::string& text, const std::string& word) {
-    constexpr std::array<std::pair<const char*, Address::Kind>, 4> cKinds = {
-        {{"pipe", Address::Kind::Pipe},
-         {"socket", Address::Kind::Socket},
-         {"udp", Address::Kind::Udp},
-         {"ssl", Address::Kind::Ssl}}};
+    constexpr std::array<std::pair<const char*, Address::Kind>, 3> cKinds = {
+        {{"pipe", Address::Kind::Pipe}, {"socket", Address::Kind::Socket}, {"udp", Address::Kind::Udp}}};
+    if (word == "ssl")
+        refuse(text, "ssl carries nothing, for the library has no encryption; use socket");
     const auto* found =
         std::find_if(cKinds.begin(), cKinds.end(), [&](const auto& kind) { return word == kind.first; });
     if (found == cKinds.end())
@@ -57,6 +56,12 @@ void checkPipeName(const std::string& text, const std::string& name) {
         refuse(text, "a pipe's name with a slash would leave the pipe directory");
     if (name.size() > longestPipeName())
         refuse(text, "the pipe's name is longer than " + std::to_string(longestPipeName()) + " bytes");
+}
+
+/** @return whether the text after "socket:" has a host such as "[::1]" or "::1". */
+bool hasIPv6Host(const std::string& rest) {
+    const std::size_t last = std::min(rest.rfind(':'), rest.size());
+    return (!rest.empty() && rest[0] == '[') || isIPv6(rest.substr(0, last)) || isIPv6(rest);
 }
 
 int parsePort(const std::string& text, const std::string& digits) {
@@ -94,6 +99,8 @@ Address parseAddress(const std::string& text) {
         address.name = rest;
         return address;
     }
+    if (hasIPv6Host(rest))
+        refuse(text, "IPv6 does not work here: the library has IPv4 only");
     const std::size_t second = rest.find(':');
     if (second == std::string::npos)
         refuse(text, "the port is missing");
@@ -109,14 +116,14 @@ Address parseAddress(const std::string& text) {
 
 Address parseServerAddress(const std::string& text) {
     Address address = parseAddress(text);
-    if (address.kind == Address::Kind::Ssl)
-        refuse(text, "there is no encryption to serve with");
     if (address.kind == Address::Kind::Pipe)
         return address;
     if (address.port < 0)
         refuse(text, "the port must be a number from 1 to 65535");
-    if (address.name != "*" && !isDotted(address.name))
-        refuse(text, "a server is bound to a dotted IPv4 address, or to * for every interface");
+    if (address.name != "*") {
+        requireKnownHost(address);
+        address.name = addressesOf(address.name).at(0);
+    }
     return address;
 }
 
@@ -136,11 +143,14 @@ VornSmartPointer<VornConnection> makeConnection(const Address& address) {
     case Address::Kind::Socket:
         return new VornNet::VornSocketConnection(address.name, address.port, true, false);
     case Address::Kind::Udp:
-        return new VornNet::VornUDPSocketConnection(address.name, address.port, false);
-    case Address::Kind::Ssl:
         break;
     }
-    return new VornNet::VornSSLSocketConnection(address.name, address.port, true);
+    return new VornNet::VornUDPSocketConnection(address.name, address.port, false);
+}
+
+bool isIPv6(const std::string& text) {
+    in6_addr address{};
+    return ::inet_pton(AF_INET6, text.c_str(), &address) == 1;
 }
 
 std::vector<std::string> addressesOf(const std::string& host) {

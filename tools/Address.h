@@ -11,9 +11,9 @@
 
 namespace VornTool {
 
-/** The address of a server: "pipe:NAME", "socket:HOST:PORT", "udp:HOST:PORT" or "ssl:HOST:PORT". */
+/** The address of a server: "pipe:NAME", "socket:HOST:PORT" or "udp:HOST:PORT". */
 struct Address {
-    enum class Kind { Pipe, Socket, Udp, Ssl };
+    enum class Kind { Pipe, Socket, Udp };
 
     Kind kind = Kind::Pipe;
     std::string text; ///< as given
@@ -31,7 +31,12 @@ extern const char* const addressHelp;
  */
 Address parseAddress(const std::string& text);
 
-/** The same for an address to serve at: no ssl, no host names, "*" for every interface. */
+/**
+ * The same for an address to serve at, whose host is this one: a host name becomes its first dotted address,
+ * and
+ * "*" is every interface.
+ * @throws ToolError (usage, unreachable)
+ */
 Address parseServerAddress(const std::string& text);
 
 /**
@@ -42,6 +47,9 @@ void requireKnownHost(const Address& address);
 
 /** @return an unconnected connection to the address. */
 VornSupport::VornSmartPointer<VornNet::VornConnection> makeConnection(const Address& address);
+
+/** @return whether the text is an IPv6 address, which the library cannot use. */
+bool isIPv6(const std::string& text);
 
 /** @return the IPv4 addresses of a host name in the system's order, none if it is unknown. */
 std::vector<std::string> addressesOf(const std::string& host);

@@ -44,6 +44,7 @@ void addDecode(CLI::App& app, Runner& runner);
 void addPipes(CLI::App& app, Runner& runner);
 void addResolve(CLI::App& app, Runner& runner);
 void addDoctor(CLI::App& app, Runner& runner);
+void addHelp(CLI::App& app, Runner& runner);
 /** @} */
 
 } // namespace VornTool

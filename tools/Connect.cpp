@@ -74,6 +74,9 @@ void converse(VornConnection& connection, const std::vector<Value>& values,
         receive(connection, types, conversation);
     } catch (const VornException& error) {
         conversation.error = describeFailure(error.getCode(), error.getText());
+        if (isServiceRefused(error.getCode(), error.getText()))
+            conversation.error = "the peer refused the service " + quoted(connection.getServiceName()) +
+                                 ", or is no such service: " + conversation.error;
         // An end in the middle of the answer: the server was there, and has said less than was expected.
         const bool cutShort = established && error.getCode() == ENOTCONN;
         conversation.status = cutShort ? exitIncomplete : statusOfFailure(error.getCode(), error.getText());

@@ -32,10 +32,14 @@ ExitStatus statusOfFailure(int code, const std::string& text) {
     case ENETDOWN:
         return exitUnreachable;
     case 0:
-        return text.find("connectToService") != std::string::npos ? exitRefused : exitFailed;
+        return isServiceRefused(code, text) ? exitRefused : exitFailed;
     default:
         return exitFailed;
     }
+}
+
+bool isServiceRefused(int code, const std::string& text) {
+    return code == 0 && text.find("connectToService") != std::string::npos;
 }
 
 std::string describeFailure(int code, const std::string& text) {

@@ -38,6 +38,9 @@ private:
 /** @return the status for a failure of the library, by its error number and text. */
 ExitStatus statusOfFailure(int code, const std::string& text);
 
+/** @return whether the failure is that the peer did not accept the name of the service. */
+bool isServiceRefused(int code, const std::string& text);
+
 /** @return "text (111, Connection refused)", or the text alone for code 0. */
 std::string describeFailure(int code, const std::string& text);
 

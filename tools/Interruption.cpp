@@ -5,6 +5,7 @@
 #include "ExitStatus.h"
 #include "Output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -111,11 +112,14 @@ void Interruption::request(int status) {
 }
 
 bool Interruption::isEndedInTime() {
+    using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds cPause(20);
-    const auto limit = std::chrono::steady_clock::now() + m_grace;
-    while (std::chrono::steady_clock::now() < limit) {
+    // A terminal or a script signals the process and its group: that is still one request.
+    const auto secondRequest = Clock::now() + std::min(m_grace, std::chrono::milliseconds(200));
+    const auto limit = Clock::now() + m_grace;
+    while (Clock::now() < limit) {
         const int event = nextEvent(static_cast<int>(cPause.count()));
-        if (event != cTimeout)
+        if (event == cStop || (event != cTimeout && Clock::now() > secondRequest))
             return event == cStop;
         // Once is not enough: a server that was not waited on when it was closed opens with the next wait.
         const std::lock_guard lock(m_mutex);

@@ -17,8 +17,8 @@ namespace VornTool {
  *
  * A thread of its own takes the signals: a handler could call next to nothing, and a wait of the library that
  * is interrupted by one would end in its own way. On a signal it runs the given action (close the server),
- * and when the program has not ended after a while, or gets a second signal, it ends the process: a blocked
- * connect() or send() cannot be ended otherwise.
+ * and when the program has not ended after a while, or somebody asks a second time, it ends the process: a
+ * blocked connect() or send() cannot be ended otherwise. Signals that come together are one request.
  */
 class Interruption {
 public:

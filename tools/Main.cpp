@@ -4,6 +4,7 @@
 #include "ExitStatus.h"
 #include "Interruption.h"
 #include "Output.h"
+#include "Usage.h"
 
 #include <VornException.h>
 
@@ -71,11 +72,18 @@ int main(int argc, char** argv) {
     addPipes(app, runner);
     addResolve(app, runner);
     addDoctor(app, runner);
+    addHelp(app, runner);
+    app.failure_message([](const CLI::App*, const CLI::Error&) { return std::string(); });
+    // Before anything is checked, so that messages about the command line name the command as well.
+    for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+        command->preparse_callback([command](std::size_t) { Output::setCommand(command->get_name()); });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? exitDone : exitUsage;
+        if (app.exit(error) == 0)
+            return exitDone;
+        Output::error(describeUsageError(app, error));
+        return exitUsage;
     }
-    Output::setCommand(app.get_subcommands().front()->get_name());
     return runCommand(runner);
 }

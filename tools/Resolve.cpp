@@ -70,6 +70,8 @@ int resolveAddress(const ResolveOptions& options) {
 int runResolve(ResolveOptions& options) {
     const LibraryRecords records(options.logLevel);
     const std::string& query = options.query;
+    if (isIPv6(query))
+        throw ToolError(exitUsage, quoted(query) + " is an IPv6 address: the library has IPv4 only");
     const bool isName = std::any_of(query.begin(), query.end(), [](char character) {
         return std::isalpha(static_cast<unsigned char>(character)) != 0;
     });

@@ -7,6 +7,7 @@
 #include "LibraryRecords.h"
 #include "Output.h"
 #include "PipeFiles.h"
+#include "Usage.h"
 #include "Values.h"
 
 #include <VornException.h>
@@ -238,14 +239,26 @@ void requirePossible(const Address& address, const ServeOptions& options) {
         throw ToolError(exitUsage, "--group is for pipes");
 }
 
+/** @return a client; none for an empty datagram, or where the server has been closed. */
+VornSmartPointer<VornConnection> nextClient(VornIPCServer& server, const Interruption& interruption) {
+    try {
+        return server.waitForClient(false);
+    } catch (const VornException&) {
+        // A pipe server that is closed just as its wait begins says so by an exception.
+        if (!interruption.isRequested())
+            throw;
+        return {};
+    }
+}
+
 void serveClients(VornIPCServer& server, Service& service, const Interruption& interruption) {
     constexpr int cMostFailures = 100;
     for (int failures = 0; failures < cMostFailures;) {
         if (interruption.isRequested() || service.isComplete() || Output::isLost())
             return;
-        VornSmartPointer<VornConnection> spClient = server.waitForClient(false);
+        VornSmartPointer<VornConnection> spClient = nextClient(server, interruption);
         if (spClient == nullptr) {
-            ++failures; // an empty datagram, or the end
+            ++failures;
             continue;
         }
         failures = 0;
@@ -290,9 +303,10 @@ void addServe(CLI::App& app, Runner& runner) {
     auto options = std::make_shared<ServeOptions>();
     CLI::App* command = addCommand(app, "serve", "Serve clients: read values and answer", *options);
     command
-        ->add_option(
-            "ADDRESS", options->address,
-            "Where to listen: pipe:NAME, socket:ADDRESS:PORT or udp:ADDRESS:PORT; * for all addresses")
+        ->add_option("ADDRESS", options->address,
+                     "Where to listen: pipe:NAME, socket:HOST:PORT or udp:HOST:PORT (ssl:HOST:PORT carries "
+                     "nothing); * "
+                     "is every address of this host")
         ->required();
     command->add_option("--service", options->service, "Expect the handshake for the service NAME")
         ->type_name("NAME");
@@ -309,7 +323,7 @@ void addServe(CLI::App& app, Runner& runner) {
         ->type_name("NAME");
     command->add_option("--count", options->count, "End after N clients")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(atLeastOne());
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runServe);
 }

@@ -7,6 +7,7 @@
 #include "Output.h"
 #include "PipeFiles.h"
 #include "SinkObstacle.h"
+#include "Usage.h"
 #include "Values.h"
 
 #include <VornException.h>
@@ -274,7 +275,7 @@ void addSink(CLI::App& app, Runner& runner) {
         ->type_name("TYPES");
     command->add_option("--count", options->count, "End after N notifications")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(atLeastOne());
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runSink);
 }

@@ -23,7 +23,7 @@ _vornnet_options()
 _vornnet_addresses()
 {
     local directory=/opt/vorn/hostmgr/var/lib/kestrel/rendez pipe
-    echo socket: udp: ssl: pipe:
+    echo socket: udp: pipe:
     for pipe in "$directory"/*; do
         [[ -S $pipe ]] && echo "pipe:${pipe##*/}"
     done
@@ -40,7 +40,8 @@ _vornnet_words()
         --callbacks | --count | --repeat | --every | --timeout | --service) ;;
         *)
             case $subcommand in
-                "") echo sink notify connect serve encode decode pipes resolve doctor ;;
+                "") echo sink notify connect serve encode decode pipes resolve doctor help ;;
+                help) echo sink notify connect serve encode decode pipes resolve doctor ;;
                 notify | connect | serve)
                     if ((position == 1)); then
                         _vornnet_addresses

@@ -32,11 +32,57 @@ std::string statusTable() {
 TEST_F(VornnetTool, WithoutSubcommand_EndsWithUsage) {
     const ToolResult result = runTool({});
     EXPECT_EQ(result.status, 2);
-    EXPECT_THAT(result.errors, HasSubstr("subcommand"));
+    EXPECT_EQ(result.errors, "vornnet: a command is missing; see vornnet help\n");
 }
 
-TEST_F(VornnetTool, WithUnknownSubcommand_EndsWithUsage) {
-    EXPECT_EQ(runTool({"dance"}).status, 2);
+struct Mistake {
+    std::vector<std::string> arguments;
+    std::string message; ///< without "vornnet"
+};
+
+class VornnetMistake : public ToolTest, public testing::WithParamInterface<Mistake> {};
+
+TEST_P(VornnetMistake, IsNamedWithTheCommandAndTheNearestThatThereIs) {
+    const ToolResult result = runTool(GetParam().arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.errors, "vornnet" + GetParam().message + "\n");
+    EXPECT_EQ(result.output, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, VornnetMistake,
+    testing::Values(
+        Mistake{{"doctr"}, ": there is no command \"doctr\"; did you mean \"doctor\"?"},
+        Mistake{{"conenct"}, ": there is no command \"conenct\"; did you mean \"connect\"?"},
+        Mistake{{"res"}, ": there is no command \"res\"; did you mean \"resolve\"?"},
+        Mistake{{"xylophone"}, ": there is no command \"xylophone\"; see vornnet help"},
+        Mistake{{"--versoin"}, ": there is no option \"--versoin\"; did you mean \"--version\"?"},
+        Mistake{{"help", "sonk"}, " help: there is no command \"sonk\"; did you mean \"sink\"?"},
+        Mistake{{"sink", "--tpye", "pipe"}, " sink: there is no option \"--tpye\"; did you mean \"--type\"?"},
+        Mistake{{"sink", "--tpye=pipe"}, " sink: there is no option \"--tpye\"; did you mean \"--type\"?"},
+        Mistake{{"sink", "--xylophone"},
+                " sink: there is no option \"--xylophone\"; see vornnet sink --help"},
+        Mistake{{"sink", "extra"}, " sink: there is no use for \"extra\"; see vornnet sink --help"},
+        Mistake{{"notify", "pipe:x", "0"}, " notify: ID is required; see vornnet notify --help"},
+        Mistake{{"sink", "--count", "0"},
+                " sink: --count: it must be at least 1, not 0; see vornnet sink --help"},
+        Mistake{{"serve", "pipe:x", "--count", "many"},
+                " serve: --count: \"many\" is no whole number; see vornnet serve --help"}));
+
+TEST_F(VornnetTool, Help_IsTheHelpTextOfTheProgramOrOfTheCommand) {
+    EXPECT_EQ(runTool({"help"}).output, runTool({"--help"}).output);
+    const ToolResult result = runTool({"help", "sink"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, runTool({"sink", "--help"}).output);
+}
+
+TEST_F(VornnetTool, EveryHelpTextWithAddresses_SaysThatSslCarriesNothing) {
+    for (const std::string& name : subcommands()) {
+        const std::string help = runTool({name, "--help"}).output;
+        EXPECT_EQ(help.find("socket:") == std::string::npos,
+                  help.find("(ssl:HOST:PORT carries nothing)") == std::string::npos)
+            << help;
+    }
 }
 
 TEST_F(VornnetTool, WithVersion_PrintsItAndIsDone) {

@@ -72,7 +72,8 @@ TEST_P(VornnetConversation, WithAnotherService_IsRefused) {
     ChildProcess server = serve({"--service", "svc", "--count", "1"});
     const ToolResult client = connect({"--service", "other", "int:5"});
     EXPECT_EQ(client.status, 3);
-    EXPECT_THAT(client.errors, HasSubstr("connection to remote service failed."));
+    EXPECT_THAT(client.errors, StartsWith("vornnet connect: the peer refused the service \"other\", or is no "
+                                          "such service: VornConnection::connectToService"));
     const ToolResult result = finish(server);
     EXPECT_EQ(result.status, 6);
     EXPECT_EQ(result.output, "client 1: no answer; failed: the client asked for the service \"other\"\n");
@@ -264,6 +265,23 @@ TEST_F(VornnetServe, AtItsEnd_LeavesAFileThatAnotherServerHasTaken) {
     EXPECT_EQ(finish(second).status, 0);
 }
 
+TEST_F(VornnetServe, InterruptedSeveralTimesAtOnce_RemovesThePipesFile) {
+    for (int round = 0; round < 5; ++round) {
+        ChildProcess server = servePipe("hasty", {});
+        interruptSeveralTimes(server);
+        EXPECT_EQ(finish(server).status, 130);
+        EXPECT_FALSE(exists(pipePath("hasty")));
+    }
+}
+
+TEST_F(VornnetServe, WithTheNameOfThisHost_ListensAtItsAddress) {
+    ChildProcess server = startTool({"serve", "socket:localhost:7001", "--count", "1"});
+    EXPECT_EQ(nextLine(server), "listening at socket:localhost:7001");
+    EXPECT_EQ(runTool({"connect", "socket:localhost:7001"}).status, 0);
+    EXPECT_EQ(finish(server).status, 0);
+    EXPECT_EQ(runTool({"serve", "socket:nowhere:7001"}).status, 4);
+}
+
 TEST_F(VornnetServe, InterruptedWhileAClientIsSilent_EndsAndRemovesThePipesFile) {
     ChildProcess server = servePipe("silent", {"--expect", "int"});
     const UniqueFd client = unixConnect(pipePath("silent"));
@@ -322,7 +340,6 @@ TEST_F(VornnetServe, WithOptionsThatDoNotGoTogether_EndsWithUsage) {
         {"serve", "udp:127.0.0.1:1", "--service", "svc"},
         {"serve", "udp:127.0.0.1:1", "--reply", "int:1"},
         {"serve", "socket:127.0.0.1:1", "--group", "vorn"},
-        {"serve", "socket:localhost:1"},
         {"serve", "socket:127.0.0.1:-5"},
         {"serve", "ssl:127.0.0.1:1"},
         {"serve", "pipe:x", "--reply", "nothing"},

@@ -61,6 +61,12 @@ TEST_F(VornnetResolve, WithAddressWithoutName_IsUnreachable) {
     EXPECT_EQ(result.errors, "vornnet resolve: the address 10.9.9.9 has no name\n");
 }
 
+TEST_F(VornnetResolve, WithIPv6Address_SaysThatThereIsIPv4Only) {
+    const ToolResult result = runTool({"resolve", "::1"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.errors, "vornnet resolve: \"::1\" is an IPv6 address: the library has IPv4 only\n");
+}
+
 TEST_F(VornnetResolve, WithNumbersThatAreNoAddress_EndsWithUsage) {
     for (const char* text : {"10.1.2.300", "1.2", "12", ""})
         EXPECT_EQ(runTool({"resolve", text}).status, 2) << text;

@@ -235,6 +235,16 @@ TEST_F(VornnetSink, AtItsEnd_RemovesThePipesFile) {
     EXPECT_FALSE(exists(path));
 }
 
+TEST_F(VornnetSink, InterruptedSeveralTimesAtOnce_RemovesThePipesFile) {
+    for (int round = 0; round < 5; ++round) {
+        ChildProcess sink = startTool({"sink", "--type", "pipe"});
+        const std::string path = pipeOf(addressOf(sink));
+        interruptSeveralTimes(sink);
+        EXPECT_EQ(finish(sink).status, 130);
+        EXPECT_FALSE(exists(path));
+    }
+}
+
 TEST_F(VornnetSink, InterruptedWhileASenderSaysNothing_Ends) {
     ChildProcess sink = startTool({"sink", "--type", "pipe", "--log-level", "9"});
     const UniqueFd sender = unixConnect(pipeOf(addressOf(sink)));
@@ -379,10 +389,18 @@ TEST_F(VornnetNotify, InterruptedWhileBlocked_PrintsTheResultSoFar) {
     EXPECT_EQ(result.output, "sent 1, refused 0\n");
 }
 
-TEST_F(VornnetNotify, WithSslAddress_Fails) {
+TEST_F(VornnetNotify, WithSslAddress_SaysThatItCarriesNothing) {
     const ToolResult result = runTool({"notify", "ssl:127.0.0.1:5023", "0", "1"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.output, HasSubstr("107"));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.errors, HasSubstr("ssl carries nothing"));
+}
+
+TEST_F(VornnetNotify, WithIPv6Address_SaysThatThereIsIPv4Only) {
+    for (const char* address : {"socket:[::1]:5023", "udp:::1:5023", "socket:fe80::1"}) {
+        const ToolResult result = runTool({"notify", address, "0", "1"});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_THAT(result.errors, HasSubstr("the library has IPv4 only"));
+    }
 }
 
 TEST_F(VornnetNotify, WithHandleOrIdThatIsNone_EndsWithUsage) {

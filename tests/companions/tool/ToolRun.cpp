@@ -2,11 +2,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ToolRun.h"
 
+#include "Await.h"
 #include "Posix.h"
 #include "Sandbox.h"
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <ostream>
@@ -35,6 +37,13 @@ void enterNewNetwork() {
     request.ifr_flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK;
     if (::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0)
         throw std::system_error(errno, std::generic_category(), "ioctl(SIOCSIFFLAGS)");
+}
+
+/// Whether the process has taken every signal, or has ended.
+bool hasTakenSignals(pid_t pid) {
+    const std::string status = readTextFile("/proc/" + std::to_string(pid) + "/status");
+    return status.find("ShdPnd:\t0000000000000000\n") != std::string::npos ||
+           status.find("State:\tZ") != std::string::npos;
 }
 
 } // namespace
@@ -101,6 +110,14 @@ std::string nextLine(ChildProcess& tool) {
 
 Json nextJson(ChildProcess& tool) {
     return Json::parse(nextLine(tool));
+}
+
+void interruptSeveralTimes(ChildProcess& tool) {
+    // Two that come before the program has taken the first are one to it.
+    for (int i = 0; i < 3; ++i) {
+        tool.kill(SIGINT);
+        awaitCondition([&tool] { return hasTakenSignals(tool.pid()); });
+    }
 }
 
 std::string addressOf(ChildProcess& sink) {

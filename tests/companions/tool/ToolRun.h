@@ -73,6 +73,9 @@ Json nextJson(ChildProcess& tool);
 /// Waits for the end of a started tool.
 ToolResult finish(ChildProcess& tool);
 
+/// Sends SIGINT again and again for a moment, as a terminal and a script that both mean the same do.
+void interruptSeveralTimes(ChildProcess& tool);
+
 /// Starts `sink` and returns its address, which is its first line.
 std::string addressOf(ChildProcess& sink);
 
