@@ -73,10 +73,13 @@ void HistoryBlock::own() {
     if (!m_file.isOpen())
         return;
     HistoryHeader& h = header();
-    const VornString sId = bootId();
-    h.isClosed = 0;
-    std::fill(std::begin(h.bootId), std::end(h.bootId), '\0');
-    std::copy(sId.begin(), sId.end(), h.bootId);
+    // A process that is killed on the way leaves a file that is of this boot or closed, or both.
+    if (!isOfThisBoot(h)) {
+        const VornString sId = bootId();
+        std::fill(std::begin(h.bootId), std::end(h.bootId), '\0');
+        std::copy(sId.begin(), sId.end(), h.bootId);
+    }
+    __atomic_store_n(&h.isClosed, 0, __ATOMIC_RELEASE);
     // Were the old word still on the disk when the machine ends, frames that have been partly written over
     // would be taken for sound.
     System::msync(m_mapping, cHeaderSize, MS_SYNC);
