@@ -11,8 +11,14 @@ void HandlerThread::start(const VornString& sName) {
 }
 
 void HandlerThread::post(std::function<void()> call) {
+    Calls calls;
+    calls.push_back(std::move(call));
+    post(calls);
+}
+
+void HandlerThread::post(Calls& prepared) noexcept {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_calls.push_back(std::move(call));
+    m_calls.splice(m_calls.end(), prepared);
     m_changed.notify_one();
 }
 

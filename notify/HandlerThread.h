@@ -6,8 +6,8 @@
 #include "QuietThread.h"
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <list>
 #include <mutex>
 
 namespace VornNet {
@@ -18,8 +18,13 @@ public:
     /** @throws std::system_error */
     void start(const VornString& sName);
 
+    using Calls = std::list<std::function<void()>>;
+
     /** Has the thread call @p call, which must not throw. */
     void post(std::function<void()> call);
+
+    /** The same for calls that were prepared when there was memory: needs none. Leaves @p prepared empty. */
+    void post(Calls& prepared) noexcept;
 
     /** Waits until all calls that were asked for have returned, and for the thread's end. */
     void finish();
@@ -32,7 +37,7 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<std::function<void()>> m_calls;
+    Calls m_calls;
     bool m_isFinishing = false;
     QuietThread m_thread;
 };

@@ -3,6 +3,7 @@
 #ifndef VORNNOTIFY_PUBLISHERCLIENT_H
 #define VORNNOTIFY_PUBLISHERCLIENT_H
 
+#include "HandlerThread.h"
 #include "OwnedDescriptor.h"
 #include "PublisherTopic.h"
 #include "SubscriptionRequest.h"
@@ -12,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -64,6 +66,13 @@ public:
     struct Event {
         std::uint64_t nNumber = 0;
         VornString sContent;
+    };
+
+    /** What the program is told of a subscriber that is no more. */
+    struct Farewell {
+        VornPublisher::Subscriber who;
+        VornPublisher::Leaving leaving = VornPublisher::Leaving::closed;
+        int nCode = 0;
     };
 
     /** Takes an accepted socket over. @param peer its other end over TCP; null over a pipe */
@@ -120,12 +129,14 @@ public:
     std::optional<SubscriptionRequest> request{std::in_place}; // until it is admitted
     History::Place place;                                      // of what is handed to the socket next
     std::uint64_t nSent = 0;                                   // the last event that is sent completely
-    TimePoint since{};          // when it was put into its list, whose order this is
-    List* list = nullptr;       // where it is
-    List::iterator self;        // its place there
-    std::vector<Posted> posted; // on their way to the callback address, oldest first
-    std::uint32_t nAwaited = 0; // the events that the poll looks for
-    bool isDropped = false;     // drop() was called: guarded by the engine's lock
+    TimePoint since{};                    // when it was put into its list, whose order this is
+    List* list = nullptr;                 // where it is
+    List::iterator self;                  // its place there
+    std::vector<Posted> posted;           // on their way to the callback address, oldest first
+    std::uint32_t nAwaited = 0;           // the events that the poll looks for
+    std::shared_ptr<Farewell> spFarewell; // prepared at its admission, with the call that hands it over:
+    HandlerThread::Calls farewellCall;    // a subscriber also leaves when there is no memory
+    bool isDropped = false;               // drop() was called: guarded by the engine's lock
 
 private:
     bool sendOutput(Sent& sent);

@@ -61,6 +61,13 @@ VornPublisher::Leaving leavingOf(int nCode) {
     return isItsOwn ? VornPublisher::Leaving::closed : VornPublisher::Leaving::lost;
 }
 
+/** So that a push_back() that follows needs no memory. */
+template <typename Element>
+void makeRoom(std::vector<Element>& elements) {
+    if (elements.size() == elements.capacity())
+        elements.reserve(std::max<std::size_t>(2 * elements.size(), 8));
+}
+
 VornString lastFrame(Wire::Ending ending, const VornString& sReason) {
     VornString sFrame;
     Wire::appendInt(sFrame, Wire::cLast);
@@ -257,23 +264,31 @@ void PublisherEngine::waitForEvents(bool isBusy) {
         handle(event);
 }
 
+/** Does a step for one client. When there is no memory for it, the client is given up, and the others go on.
+ */
+template <typename Step>
+void PublisherEngine::forOne(PublisherClient& client, Step&& step) {
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        if (client.state == State::live)
+            leave(client, Leaving::lost, ENOMEM);
+        close(client);
+    }
+}
+
 void PublisherEngine::handle(const epoll_event& event) {
     if (event.data.ptr == &m_listener)
         return acceptClients();
     auto& client = *static_cast<PublisherClient*>(event.data.ptr);
-    try {
+    forOne(client, [&] {
         if (client.state == State::line || client.state == State::request)
             hear(client);
         else if (client.state == State::live)
             hearSubscriber(client, event.events);
         else if (client.state == State::closing)
             hearClosing(client, event.events);
-    } catch (const std::bad_alloc&) {
-        // Without memory for one client the others go on.
-        if (client.state == State::live)
-            leave(client, Leaving::lost, ENOMEM);
-        close(client);
-    }
+    });
 }
 
 void PublisherEngine::runCommands() {
@@ -312,25 +327,31 @@ void PublisherEngine::decide(const Command& command) {
     });
     if (found == m_checking.end()) // GCOVR_EXCL_BR_LINE: a client that is being checked stays
         return;
-    const int error = m_poll->add(found->socket.number(), cHearing, &*found);
-    found->nAwaited = cHearing;
+    PublisherClient& client = *found;
+    const int error = m_poll->add(client.socket.number(), cHearing, &client);
+    client.state = State::request;
+    client.nAwaited = cHearing;
     m_acceptAgain = m_now;
-    if (!command.sReason.empty())
-        return refuseRequest(*found, command.sReason);
-    admit(*found);
-    if (error != 0 && found->state == State::live) {
-        leave(*found, Leaving::lost, error);
-        close(*found);
-    }
+    forOne(client, [&] {
+        if (!command.sReason.empty())
+            return refuseRequest(client, command.sReason);
+        admit(client);
+        if (error != 0 && client.state == State::live) {
+            leave(client, Leaving::lost, error);
+            close(client);
+        }
+    });
 }
 
 void PublisherEngine::dropNow(const Command& command) {
     PublisherClient* client = find(command.nId);
     if (client == nullptr)
         return;
-    client->say(lastFrame(Wire::cDropped, command.sReason));
-    leave(*client, Leaving::dropped, 0);
-    closeLater(*client);
+    forOne(*client, [&] {
+        client->say(lastFrame(Wire::cDropped, command.sReason));
+        leave(*client, Leaving::dropped, 0);
+        closeLater(*client);
+    });
 }
 
 /** An event at a callback address has its outcome, and moves the subscriber's place on. */
@@ -343,9 +364,11 @@ void PublisherEngine::noteOutcome(const Command& command) {
     const PublisherClient::Posted posted = client.posted.front();
     if (command.outcome == Outcome::expired) {
         // Posted again, it would come after younger ones.
-        client.say(lastFrame(Wire::cDropped, cNoSink));
-        leave(client, Leaving::lost, ETIMEDOUT);
-        return closeLater(client);
+        return forOne(client, [&] {
+            client.say(lastFrame(Wire::cDropped, cNoSink));
+            leave(client, Leaving::lost, ETIMEDOUT);
+            closeLater(client);
+        });
     }
     if (command.outcome == Outcome::delivered || command.outcome == Outcome::sent ||
         command.outcome == Outcome::unread) {
@@ -364,11 +387,17 @@ void PublisherEngine::noteOutcome(const Command& command) {
     postEvents(client);
 }
 
-void PublisherEngine::leaveCommand(Command command) {
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_commands.push_back(std::move(command));
-        m_hasCommands = true;
+/** Nobody else would say it: without memory it is tried until there is some. */
+void PublisherEngine::leaveCommand(Command command) noexcept {
+    for (bool isLeft = false; !isLeft;) {
+        try {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_commands.push_back(std::move(command));
+            m_hasCommands = true;
+            isLeft = true;
+        } catch (const std::bad_alloc&) {
+            System::schedYield();
+        }
     }
     wakeUp();
 }
@@ -427,8 +456,10 @@ void PublisherEngine::cutLate() {
 void PublisherEngine::giveSigns() {
     while (!m_idle.empty() && m_now >= Deadline(m_options.beat, m_idle.front().since).end()) {
         PublisherClient& client = m_idle.front();
-        client.say(signFrame(client.topic->history.newest()));
-        put(client, m_sending);
+        forOne(client, [&] {
+            client.say(signFrame(client.topic->history.newest()));
+            put(client, m_sending);
+        });
     }
 }
 
@@ -449,9 +480,11 @@ void PublisherEngine::sayGoodbye() {
     for (List* list : {&m_sending, &m_idle, &m_blocked}) {
         while (!list->empty()) {
             PublisherClient& client = list->front();
-            client.say(lastFrame(Wire::cStopped, "the service stops"));
-            leave(client, Leaving::stopped, 0);
-            closeLater(client);
+            forOne(client, [&] {
+                client.say(lastFrame(Wire::cStopped, "the service stops"));
+                leave(client, Leaving::stopped, 0);
+                closeLater(client);
+            });
         }
     }
 }
@@ -619,20 +652,7 @@ void PublisherEngine::refuseRequest(PublisherClient& client, const VornString& s
 }
 
 void PublisherEngine::admit(PublisherClient& client) {
-    const PublisherClient::Sent gap = client.admit(m_nBeat);
-    client.state = State::live;
-    client.nIndex = client.topic->subscribers.size();
-    client.topic->subscribers.push_back(&client);
-    if (client.isCalledBack())
-        m_calledBack.push_back(&client);
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        client.who.position = {client.topic->history.id(), client.place.number};
-        m_subscribers.emplace(client.who.nId, &client);
-        ++m_statistics.nSubscribed;
-        m_statistics.nGaps += gap.nGaps;
-        m_statistics.nMissed += gap.nMissed;
-    }
+    enrol(client, client.admit(m_nBeat));
     if (m_isStopping) {
         leave(client, Leaving::stopped, 0);
         return close(client);
@@ -642,17 +662,51 @@ void PublisherEngine::admit(PublisherClient& client) {
         postEvents(client);
 }
 
+/** From here on it is a subscriber; all that needs memory comes first. */
+void PublisherEngine::enrol(PublisherClient& client, const PublisherClient::Sent& gap) {
+    prepareFarewell(client);
+    makeRoom(client.topic->subscribers);
+    makeRoom(m_calledBack);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        client.who.position = {client.topic->history.id(), client.place.number};
+        m_subscribers.emplace(client.who.nId, &client);
+        ++m_statistics.nSubscribed;
+        m_statistics.nGaps += gap.nGaps;
+        m_statistics.nMissed += gap.nMissed;
+    }
+    client.state = State::live;
+    client.nIndex = client.topic->subscribers.size();
+    client.topic->subscribers.push_back(&client);
+    if (client.isCalledBack())
+        m_calledBack.push_back(&client);
+}
+
+void PublisherEngine::prepareFarewell(PublisherClient& client) {
+    if (!m_options.onLeave)
+        return;
+    client.spFarewell = std::make_shared<PublisherClient::Farewell>();
+    client.spFarewell->who = client.who;
+    client.farewellCall.emplace_back([this, spFarewell = client.spFarewell] {
+        const PublisherClient::Farewell& farewell = *spFarewell;
+        callHandler(VornLogging::cError, cLeaveThrown,
+                    [&] { m_options.onLeave(farewell.who, farewell.leaving, farewell.nCode); });
+    });
+}
+
 /** Sends to those who have something to get. @return whether there is more */
 bool PublisherEngine::serve() {
     for (PublisherTopic* topic : m_topics.all()) {
         const std::uint64_t end = topic->history.endPlace();
         if (std::exchange(topic->servedEnd, end) == end)
             continue;
-        for (PublisherClient* client : topic->subscribers) {
-            if (client->isCalledBack())
-                postEvents(*client);
-            else if (client->list == &m_idle)
-                put(*client, m_sending);
+        // From the last one on, whose place is taken by none that has not had its turn if one leaves.
+        for (std::size_t i = topic->subscribers.size(); i-- > 0;) {
+            PublisherClient& client = *topic->subscribers[i];
+            if (client.isCalledBack())
+                postEvents(client);
+            else if (client.list == &m_idle)
+                put(client, m_sending);
         }
     }
     for (int count = 0; count < cBatchesAtATime && !m_sending.empty(); ++count)
@@ -660,8 +714,12 @@ bool PublisherEngine::serve() {
     return !m_sending.empty();
 }
 
-/** Gives the dispatcher the next events for a callback address, a few at a time. */
 void PublisherEngine::postEvents(PublisherClient& client) {
+    forOne(client, [&] { postSome(client); });
+}
+
+/** Gives the dispatcher the next events for a callback address, a few at a time. */
+void PublisherEngine::postSome(PublisherClient& client) {
     constexpr std::size_t cMostPosted = 32;
     while (client.state == State::live && client.posted.size() < cMostPosted) {
         PublisherClient::Sent sent;
@@ -689,8 +747,9 @@ void PublisherEngine::postAgain() {
     if (m_now < m_postAgain)
         return;
     m_postAgain = Clock::time_point::max();
-    for (PublisherClient* client : m_calledBack)
-        postEvents(*client);
+    // One that leaves makes the next one take its place, which then waits for its next event.
+    for (std::size_t i = m_calledBack.size(); i-- > 0;)
+        postEvents(*m_calledBack[i]);
 }
 
 /** The outcomes of what was posted for a client are of no interest any more. */
@@ -707,7 +766,7 @@ bool PublisherEngine::isDelivered() const {
 
 void PublisherEngine::serveOne(PublisherClient& client) {
     using Outcome = PublisherClient::Sent::Outcome;
-    try {
+    forOne(client, [&] {
         const PublisherClient::Sent sent = client.send();
         count(client, sent);
         m_hasSent = true;
@@ -720,10 +779,7 @@ void PublisherEngine::serveOne(PublisherClient& client) {
         } else {
             put(client, sent.outcome == Outcome::more ? m_sending : m_idle);
         }
-    } catch (const std::bad_alloc&) {
-        leave(client, Leaving::lost, ENOMEM);
-        close(client);
-    }
+    });
 }
 
 void PublisherEngine::count(PublisherClient& client, const PublisherClient::Sent& sent) {
@@ -781,12 +837,14 @@ void PublisherEngine::leave(PublisherClient& client, Leaving leaving, int nCode)
         ++m_statistics.nLeft;
         m_changed.notify_all();
     }
-    if (!m_options.onLeave)
+    if (client.spFarewell == nullptr)
         return;
-    client.who.nBehind = client.topic->history.newest() - client.who.position.nNumber;
-    m_handlers.post([this, gone = client.who, leaving, nCode] {
-        callHandler(VornLogging::cError, cLeaveThrown, [&] { m_options.onLeave(gone, leaving, nCode); });
-    });
+    PublisherClient::Farewell& farewell = *client.spFarewell;
+    farewell.who.position = client.who.position;
+    farewell.who.nBehind = client.topic->history.newest() - client.who.position.nNumber;
+    farewell.leaving = leaving;
+    farewell.nCode = nCode;
+    m_handlers.post(client.farewellCall);
 }
 
 /** Takes back what waits for the callback address of one who leaves, unless others have the same. */
@@ -795,8 +853,13 @@ void PublisherEngine::leaveCallback(PublisherClient& client) {
     m_calledBack.erase(std::find(m_calledBack.begin(), m_calledBack.end(), &client));
     if (std::none_of(m_calledBack.begin(), m_calledBack.end(), [&](const PublisherClient* other) {
             return other->who.sCallback == client.who.sCallback;
-        }))
-        m_poster->cancel(client.who.sCallback);
+        })) {
+        try {
+            m_poster->cancel(client.who.sCallback);
+        } catch (const std::bad_alloc&) {
+            // Then the sink is sent what was posted already, and no more.
+        }
+    }
 }
 
 /** Sends the last word, and gives the client a moment to read it: closing at once might take it away. */

@@ -76,13 +76,15 @@ private:
     bool hasNews() const;
     Clock::time_point nextTime() const;
     void waitForEvents(bool isBusy);
+    template <typename Step>
+    void forOne(PublisherClient& client, Step&& step);
     void handle(const epoll_event& event);
 
     void runCommands();
     void decide(const Command& command);
     void dropNow(const Command& command);
     void noteOutcome(const Command& command);
-    void leaveCommand(Command command);
+    void leaveCommand(Command command) noexcept;
     PublisherClient* find(std::uint64_t nId) const;
 
     void checkTimes();
@@ -105,9 +107,12 @@ private:
     void refuse(PublisherClient& client, std::string_view answer);
     void refuseRequest(PublisherClient& client, const VornString& sReason);
     void admit(PublisherClient& client);
+    void enrol(PublisherClient& client, const PublisherClient::Sent& gap);
+    void prepareFarewell(PublisherClient& client);
 
     bool serve();
     void postEvents(PublisherClient& client);
+    void postSome(PublisherClient& client);
     void postAgain();
     void forgetPosted(PublisherClient& client);
     bool isDelivered() const;

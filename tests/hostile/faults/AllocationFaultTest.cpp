@@ -303,9 +303,9 @@ TEST(AllocationFaultTable, NamesEveryOperationThatTheLibrariesExport) {
 
 Operations VornTest::allOperations() {
     Operations all;
-    for (const Operations& some :
-         {textOperations(), supportOperations(), connectionOperations(), transportOperations(),
-          serverOperations(), notificationOperations(), sinkOperations(), steadySinkOperations()})
+    for (const Operations& some : {textOperations(), supportOperations(), connectionOperations(),
+                                   transportOperations(), serverOperations(), notificationOperations(),
+                                   sinkOperations(), steadySinkOperations(), subscriptionOperations()})
         all.insert(all.end(), some.begin(), some.end());
     return all;
 }

@@ -126,6 +126,7 @@ Operations serverOperations();
 Operations notificationOperations();
 Operations sinkOperations();
 Operations steadySinkOperations();
+Operations subscriptionOperations();
 
 /// The whole table.
 Operations allOperations();
