@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Subscribes to the service's events and prints each as it arrives; the same as client.cpp with the classes
 // of libvornnet alone, for services that are given.
 //

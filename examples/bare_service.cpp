@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Watches a directory and notifies every subscribed client of what happens to its files; the same as
 // service.cpp with the classes of libvornnet alone, for clients that are given.
 //

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Sends 1,000 events without a pause over each transport: first by remoteNotify() to a
 // VornLibraryCallbackSink, then by a VornDispatcher to VornSteadySinks, of which one stops for a while and
 // one is killed in the middle. Every client is a process of its own, and says at the end what has arrived.

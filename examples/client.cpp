@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Subscribes to the service's events and prints each as it arrives.
 //
 // The sink stays open: events that come without a pause wait, and none is lost. The environment variable

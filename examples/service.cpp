@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Watches a directory and notifies every subscribed client of what happens to its files.
 //
 // There are two threads. The desk waits at the service's own pipe for clients that subscribe or leave. The

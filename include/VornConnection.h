@@ -17,7 +17,7 @@ namespace VornNet {
 /** The types that VornConnection::transfer() refuses. */
 namespace Refused {
 
-/// @cond
+/** @cond */
 template <typename T, typename... Others>
 inline constexpr bool isOneOf = (std::is_same_v<T, Others> || ...);
 
@@ -34,7 +34,7 @@ inline constexpr bool isPointer = (std::is_pointer_v<T> && !isText<T>) || std::i
 template <typename T>
 inline constexpr bool isPointer<T, true> = std::is_convertible_v<T, const volatile void*> && !isText<T>;
 
-/// @endcond
+/** @endcond */
 
 /** Characters and bytes. */
 template <typename T>

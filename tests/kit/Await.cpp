@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 
 #include "Posix.h"
@@ -56,9 +55,8 @@ bool awaitBlockedInAny(pid_t tid, const std::vector<long>& numbers) {
     int asleep = 0;
     return awaitCondition([&] {
         const std::string syscallFile = taskFile(tid, "syscall");
-        if (!syscallFile.empty()) {
+        if (!syscallFile.empty())
             return isSleeping(tid) && isBlockedIn(syscallFile, numbers);
-        }
         asleep = isSleeping(tid) ? asleep + 1 : 0;
         return asleep >= enough;
     });
@@ -66,9 +64,8 @@ bool awaitBlockedInAny(pid_t tid, const std::vector<long>& numbers) {
 
 std::string currentExceptionTypeName() {
     const std::type_info* type = abi::__cxa_current_exception_type();
-    if (type == nullptr) {
+    if (type == nullptr)
         return "foreign exception";
-    }
     int status = 0;
     char* readable = abi::__cxa_demangle(type->name(), nullptr, nullptr, &status);
     const std::string name = readable != nullptr ? readable : type->name();
@@ -81,9 +78,8 @@ std::string currentExceptionTypeName() {
 bool awaitCondition(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
     const Clock::time_point end = Clock::now() + limit;
     for (int attempt = 0; !condition(); ++attempt) {
-        if (Clock::now() >= end) {
+        if (Clock::now() >= end)
             return false;
-        }
         // Most conditions become true within microseconds; the others should not keep a processor busy.
         if (attempt < 100) {
             std::this_thread::yield();
@@ -101,13 +97,11 @@ pid_t currentTid() {
 std::vector<pid_t> threadIds() {
     std::vector<pid_t> result;
     DIR* directory = ::opendir("/proc/self/task");
-    if (directory == nullptr) {
+    if (directory == nullptr)
         throw std::system_error(errno, std::generic_category(), "opendir(/proc/self/task)");
-    }
     while (const dirent* entry = ::readdir(directory)) {
-        if (entry->d_name[0] != '.') {
+        if (entry->d_name[0] != '.')
             result.push_back(static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10)));
-        }
     }
     ::closedir(directory);
     return result;
@@ -151,9 +145,8 @@ WatchedThread::WatchedThread(std::function<void()> work)
     : m_thread([this, work = std::move(work)] { run(work); }) {}
 
 WatchedThread::~WatchedThread() {
-    if (m_thread.joinable()) {
+    if (m_thread.joinable())
         m_thread.join();
-    }
 }
 
 pid_t WatchedThread::tid() {
@@ -176,9 +169,8 @@ bool WatchedThread::join(std::chrono::milliseconds limit) {
             return false;
         }
     }
-    if (m_thread.joinable()) {
+    if (m_thread.joinable())
         m_thread.join();
-    }
     return true;
 }
 

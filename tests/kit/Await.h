@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_AWAIT_H
 #define VORNTEST_AWAIT_H
 
@@ -24,28 +23,28 @@
  */
 namespace VornTest {
 
-/// How long the kit waits for something which should happen at once.
+/** How long the kit waits for something which should happen at once. */
 inline constexpr std::chrono::milliseconds defaultLimit{10000};
 
-/// Polls @p condition until it is true; false if it was not within @p limit.
+/** Polls @p condition until it is true; false if it was not within @p limit. */
 bool awaitCondition(const std::function<bool()>& condition, std::chrono::milliseconds limit = defaultLimit);
 
-/// The kernel's number of the calling thread.
+/** The kernel's number of the calling thread. */
 pid_t currentTid();
 
-/// The kernel's numbers of all threads of this process, including the kit's watchdog.
+/** The kernel's numbers of all threads of this process, including the kit's watchdog. */
 std::vector<pid_t> threadIds();
 
-/// Waits until the thread is blocked in one of the system calls (SYS_...); false if it was not in time.
+/** Waits until the thread is blocked in one of the system calls (SYS_...); false if it was not in time. */
 bool awaitBlockedIn(pid_t tid, std::initializer_list<long> syscallNumbers);
 
-/// awaitBlockedIn() for every call which waits for input or output: select, poll, accept, recv, send...
+/** awaitBlockedIn() for every call which waits for input or output: select, poll, accept, recv, send... */
 bool awaitBlockedInIo(pid_t tid);
 
-/// awaitBlockedIn() for mutexes, condition variables and joins.
+/** awaitBlockedIn() for mutexes, condition variables and joins. */
 bool awaitBlockedOnLock(pid_t tid);
 
-/// One line for each thread of this process: what it is called and where the kernel has it waiting.
+/** One line for each thread of this process: what it is called and where the kernel has it waiting. */
 std::string describeThreads();
 
 /**
@@ -56,28 +55,28 @@ std::string describeThreads();
  */
 class WatchedThread {
 public:
-    /// Starts @p work; what escapes from it is kept, see exceptionText().
+    /** Starts @p work; what escapes from it is kept, see exceptionText(). */
     explicit WatchedThread(std::function<void()> work);
     ~WatchedThread();
     WatchedThread(const WatchedThread&) = delete;
     WatchedThread& operator=(const WatchedThread&) = delete;
 
-    /// The kernel's number of the thread; waits for its start.
+    /** The kernel's number of the thread; waits for its start. */
     pid_t tid();
 
-    /// For pthread_cancel() and the like; not after join().
+    /** For pthread_cancel() and the like; not after join(). */
     pthread_t handle() { return m_thread.native_handle(); }
 
-    /// Whether the function has returned or thrown.
+    /** Whether the function has returned or thrown. */
     bool finished();
 
-    /// Joins the thread; a function which does not end within @p limit is a test failure, and false.
+    /** Joins the thread; a function which does not end within @p limit is a test failure, and false. */
     bool join(std::chrono::milliseconds limit = defaultLimit);
 
-    /// what() of the exception which ended the function, its type's name, or "cancelled".
+    /** what() of the exception which ended the function, its type's name, or "cancelled". */
     std::optional<std::string> exceptionText();
 
-    /// The exception itself, for a test of its type; null if there was none or the thread was cancelled.
+    /** The exception itself, for a test of its type; null if there was none or the thread was cancelled. */
     std::exception_ptr exception();
 
 private:

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "BeforeAllocation.h"
 
 #include <cstdlib>
@@ -18,12 +17,10 @@ void VornTest::beforeNextAllocation(const std::function<void()>& action) {
 }
 
 void* operator new(std::size_t size) {
-    if (const auto* const action = std::exchange(t_action, nullptr)) {
+    if (const auto* const action = std::exchange(t_action, nullptr))
         (*action)();
-    }
-    if (void* const block = std::malloc(size)) {
+    if (void* const block = std::malloc(size))
         return block;
-    }
     throw std::bad_alloc();
 }
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_CHECKPOINT_H
 #define VORNTEST_CHECKPOINT_H
 
@@ -11,18 +10,18 @@
 
 namespace VornTest {
 
-/// Holds a thread up at a point until the test lets it go on.
+/** Holds a thread up at a point until the test lets it go on. */
 class Checkpoint {
 public:
     Checkpoint() = default;
 
-    /// A thread that is still on its way passes.
+    /** A thread that is still on its way passes. */
     ~Checkpoint() { open(); }
 
     Checkpoint(const Checkpoint&) = delete;
     Checkpoint& operator=(const Checkpoint&) = delete;
 
-    /// Called by the thread.
+    /** Called by the thread. */
     void pass() {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_reached = true;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Part of the kit in builds that measure coverage, and of no other. Processes that end by _exit() or abort(),
 // std::terminate() included, run no exit handlers, and what they have covered would not be written down. The
 // instrumented libraries write it in quick_exit() too, so the two functions are taken over here and make that

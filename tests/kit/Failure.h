@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_FAILURE_H
 #define VORNTEST_FAILURE_H
 
@@ -12,7 +11,7 @@
 
 namespace VornTest {
 
-/// What a VornException says, as a value that can be compared and printed.
+/** What a VornException says, as a value that can be compared and printed. */
 struct Failure {
     std::string text;
     int code = 0;
@@ -28,7 +27,7 @@ inline Failure failure(const std::string& text, int code) {
     return {text, code};
 }
 
-/// The VornException that @p operation ends with, if it does.
+/** The VornException that @p operation ends with, if it does. */
 template <typename Operation>
 std::optional<Failure> failureOf(Operation&& operation) {
     try {

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_FORKEDCHILD_H
 #define VORNTEST_FORKEDCHILD_H
 
@@ -18,10 +17,10 @@
  */
 namespace VornTest {
 
-/// What statusOf() returns for a child that did not end.
+/** What statusOf() returns for a child that did not end. */
 inline constexpr int hangs = -1;
 
-/// Waits for a child: its exit status, or 128 plus the signal. One that does not end in time is killed.
+/** Waits for a child: its exit status, or 128 plus the signal. One that does not end in time is killed. */
 inline int statusOf(pid_t child) {
     int status = 0;
     if (!awaitCondition([&] { return ::waitpid(child, &status, WNOHANG) == child; })) {
@@ -32,7 +31,7 @@ inline int statusOf(pid_t child) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-/// Forks a child that does @p work and ends with what it returns, without the handlers of exit().
+/** Forks a child that does @p work and ends with what it returns, without the handlers of exit(). */
 inline pid_t forkChild(const std::function<int()>& work) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -42,7 +41,7 @@ inline pid_t forkChild(const std::function<int()>& work) {
     return child;
 }
 
-/// Does @p work in a child and waits for it.
+/** Does @p work in a child and waits for it. */
 inline int inChild(const std::function<int()>& work) {
     return statusOf(forkChild(work));
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Fortified or large-file headers would rename or inline the very functions which are defined here.
 #undef _FORTIFY_SOURCE
 #undef _FILE_OFFSET_BITS
@@ -224,9 +223,8 @@ std::optional<Injection> Registry::injectionFor(const CallRecord& call) {
 Injection takeStep(ScriptState& script, const RecvRequest& request, char* buffer) {
     RecvStep& step = script.steps[script.next];
     const std::size_t room = std::min(step.data.size(), request.length);
-    if (room > 0) {
+    if (room > 0)
         std::memcpy(buffer, step.data.data(), room);
-    }
     const bool whole = room == step.data.size();
     const Injection result{whole ? step.result : static_cast<long>(room), step.error};
     if (whole) {
@@ -242,13 +240,11 @@ std::optional<Injection> Registry::scripted(const RecvRequest& request, char* bu
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::optional<Injection> result;
     for (const auto& script : m_scripts) {
-        if (!matches(script->fd, request.fd)) {
+        if (!matches(script->fd, request.fd))
             continue;
-        }
         script->requests.push_back(request);
-        if (!result && script->next < script->steps.size()) {
+        if (!result && script->next < script->steps.size())
             result = takeStep(*script, request, buffer);
-        }
     }
     return result;
 }
@@ -256,9 +252,8 @@ std::optional<Injection> Registry::scripted(const RecvRequest& request, char* bu
 std::size_t Registry::limited(int fd, std::size_t length) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& limit : m_limits) {
-        if (matches(limit->fd, fd)) {
+        if (matches(limit->fd, fd))
             length = std::min(length, limit->maximum);
-        }
     }
     return length;
 }
@@ -278,9 +273,8 @@ std::vector<std::function<void()>> Registry::hooksFor(const std::string& functio
 void Registry::record(const CallRecord& call) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     for (const auto& trace : m_traces) {
-        if (trace->tid == 0 || trace->tid == call.tid) {
+        if (trace->tid == 0 || trace->tid == call.tid)
             trace->records.push_back(call);
-        }
     }
 }
 
@@ -289,9 +283,8 @@ void* findReal(const char* name) {
     // sanitizer would no longer see the call.
     const std::string prefix = "__interceptor_";
     for (const std::string& interceptor : {prefix + name, "_" + prefix + name}) {
-        if (void* function = ::dlsym(RTLD_DEFAULT, interceptor.c_str())) {
+        if (void* function = ::dlsym(RTLD_DEFAULT, interceptor.c_str()))
             return function;
-        }
     }
     void* function = ::dlsym(RTLD_NEXT, name);
     if (function == nullptr) {
@@ -325,13 +318,12 @@ CallRecord describePath(const char* name, const char* path, long second = 0, lon
     return call;
 }
 
-/// What becomes of a call before the real function is tried.
+/** What becomes of a call before the real function is tried. */
 std::optional<Injection> before(const CallRecord& call) {
     const int error = errno;
     const BusyScope scope;
-    for (const auto& hook : Registry::instance().hooksFor(call.name)) {
+    for (const auto& hook : Registry::instance().hooksFor(call.name))
         hook();
-    }
     const std::optional<Injection> result = Registry::instance().injectionFor(call);
     errno = error;
     return result;
@@ -347,9 +339,8 @@ void after(CallRecord& call, long result) {
 }
 
 long apply(const Injection& injection) {
-    if (injection.error != 0) {
+    if (injection.error != 0)
         errno = injection.error;
-    }
     return injection.result;
 }
 
@@ -382,15 +373,16 @@ auto locked(const Function& function) {
     return function();
 }
 
-/// Hands the error number of an injected failure to the caller of a resolver function, which reads no errno.
+/**
+ * Hands the error number of an injected failure to the caller of a resolver function, which reads no errno.
+ */
 class ResolverError {
 public:
     explicit ResolverError(int* error) : m_error(error) {}
 
     ~ResolverError() {
-        if (!m_real) {
+        if (!m_real)
             *m_error = errno;
-        }
     }
 
     ResolverError(const ResolverError&) = delete;
@@ -478,9 +470,8 @@ std::vector<CallRecord> CallTrace::records() const {
 std::vector<CallRecord> CallTrace::records(const std::string& function) const {
     std::vector<CallRecord> result;
     for (const CallRecord& record : records()) {
-        if (record.name == function) {
+        if (record.name == function)
             result.push_back(record);
-        }
     }
     return result;
 }
@@ -491,9 +482,8 @@ int CallTrace::calls(const std::string& function) const {
 
 std::vector<std::string> CallTrace::names() const {
     std::vector<std::string> result;
-    for (const CallRecord& record : records()) {
+    for (const CallRecord& record : records())
         result.push_back(record.name);
-    }
     return result;
 }
 
@@ -608,12 +598,10 @@ VORNTEST_EXPORT ssize_t send(int fd, const void* data, size_t length, int flags)
 
 static ssize_t receiveForReal(int fd, void* buffer, size_t length, int flags) {
     VORNTEST_REAL(recv);
-    if (!VornTest::isWatched()) {
+    if (!VornTest::isWatched())
         return real(fd, buffer, length, flags);
-    }
-    if (const auto step = VornTest::scriptedReceive({fd, buffer, length, flags}, buffer)) {
+    if (const auto step = VornTest::scriptedReceive({fd, buffer, length, flags}, buffer))
         return static_cast<ssize_t>(VornTest::apply(*step));
-    }
     return real(fd, buffer, VornTest::limitedLength(fd, length), flags);
 }
 
@@ -665,24 +653,21 @@ VORNTEST_EXPORT int shutdown(int fd, int how) noexcept {
 
 VORNTEST_EXPORT int close(int fd) {
     VORNTEST_REAL(close);
-    if (!VornTest::isWatched()) {
+    if (!VornTest::isWatched())
         return real(fd);
-    }
     VornTest::CallRecord call = VornTest::describe("close", fd);
     const auto injection = VornTest::before(call);
     int result = real(fd);
-    if (injection) {
+    if (injection)
         result = static_cast<int>(VornTest::apply(*injection));
-    }
     VornTest::after(call, result);
     return result;
 }
 
 VORNTEST_EXPORT int pipe(int ends[2]) noexcept {
     VORNTEST_REAL(pipe);
-    if (VornTest::isSanitizer(__builtin_return_address(0))) {
+    if (VornTest::isSanitizer(__builtin_return_address(0)))
         return real(ends);
-    }
     VORNTEST_WATCH(int, VornTest::describe("pipe", -1), real(ends));
 }
 
@@ -768,9 +753,8 @@ VORNTEST_EXPORT int gethostbyname_r(const char* name, hostent* entry, char* buff
                                     hostent** result, int* error) {
     VORNTEST_REAL(gethostbyname_r);
     *result = nullptr;
-    if (!VornTest::isWatched()) {
+    if (!VornTest::isWatched())
         return real(name, entry, buffer, size, result, error);
-    }
     VornTest::ResolverError resolverError(error);
     return VornTest::watched<int>(VornTest::describePath("gethostbyname_r", name), [&] {
         return resolverError.keep(real(name, entry, buffer, size, result, error));
@@ -781,9 +765,8 @@ VORNTEST_EXPORT int gethostbyaddr_r(const void* address, socklen_t length, int f
                                     char* buffer, size_t size, hostent** result, int* error) {
     VORNTEST_REAL(gethostbyaddr_r);
     *result = nullptr;
-    if (!VornTest::isWatched()) {
+    if (!VornTest::isWatched())
         return real(address, length, family, entry, buffer, size, result, error);
-    }
     VornTest::ResolverError resolverError(error);
     return VornTest::watched<int>(VornTest::describe("gethostbyaddr_r", -1, family), [&] {
         return resolverError.keep(real(address, length, family, entry, buffer, size, result, error));
@@ -933,9 +916,8 @@ VORNTEST_EXPORT int fcntl64(int fd, int command, ...) {
 VORNTEST_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t room, int flags);
 
 VORNTEST_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t room, int flags) {
-    if (length > room) {
+    if (length > room)
         std::abort();
-    }
     return recv(fd, buffer, length, flags);
 }
 
@@ -944,27 +926,24 @@ VORNTEST_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size
 
 VORNTEST_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_t room, int flags,
                                        sockaddr* address, socklen_t* addressLength) {
-    if (length > room) {
+    if (length > room)
         std::abort();
-    }
     return recvfrom(fd, buffer, length, flags, address, addressLength);
 }
 
 VORNTEST_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t length, size_t room);
 
 VORNTEST_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t length, size_t room) {
-    if (length > room) {
+    if (length > room)
         std::abort();
-    }
     return read(fd, buffer, length);
 }
 
 VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t room);
 
 VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t room) {
-    if (count > room / sizeof(pollfd)) {
+    if (count > room / sizeof(pollfd))
         std::abort();
-    }
     return poll(entries, count, limit);
 }
 

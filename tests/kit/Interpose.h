@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_INTERPOSE_H
 #define VORNTEST_INTERPOSE_H
 
@@ -31,10 +30,10 @@
  */
 namespace VornTest {
 
-/// Call it in SetUp() or in the test: it makes the linker keep the functions.
+/** Call it in SetUp() or in the test: it makes the linker keep the functions. */
 void useInterposition();
 
-/// Matches calls with any descriptor.
+/** Matches calls with any descriptor. */
 inline constexpr int anyDescriptor = -1;
 
 namespace Detail {
@@ -55,20 +54,22 @@ struct LimitState;
  */
 class FaultRule {
 public:
-    /// As number of times: every call from the n-th one.
+    /** As number of times: every call from the n-th one. */
     static constexpr int always = -1;
 
-    /// With @p tid it is for that thread from the first moment; onlyThread() leaves a moment in which it is
-    /// for all.
+    /**
+     * With @p tid it is for that thread from the first moment; onlyThread() leaves a moment in which it is
+     * for all.
+     */
     FaultRule(const std::string& function, int errorNumber, int nth = 1, int times = 1, pid_t tid = 0);
     ~FaultRule();
     FaultRule(const FaultRule&) = delete;
     FaultRule& operator=(const FaultRule&) = delete;
 
-    /// Counts and fails only calls whose first argument is @p fd.
+    /** Counts and fails only calls whose first argument is @p fd. */
     FaultRule& onlyDescriptor(int fd);
 
-    /// Counts and fails only calls of the thread with this kernel number.
+    /** Counts and fails only calls of the thread with this kernel number. */
     FaultRule& onlyThread(pid_t tid);
 
     /**
@@ -80,21 +81,21 @@ public:
      */
     FaultRule& returning(long result);
 
-    /// How many calls the rule has counted, failed ones included.
+    /** How many calls the rule has counted, failed ones included. */
     int calls() const;
 
-    /// How many calls have been failed.
+    /** How many calls have been failed. */
     int failures() const;
 
 private:
     std::shared_ptr<Detail::FaultState> m_state;
 };
 
-/// One recorded call.
+/** One recorded call. */
 struct CallRecord {
-    /// The function's name; a `__x_chk` variant is recorded as x.
+    /** The function's name; a `__x_chk` variant is recorded as x. */
     std::string name;
-    /// The first argument if it is an int: mostly the descriptor. For poll() the first entry's descriptor.
+    /** The first argument if it is an int: mostly the descriptor. For poll() the first entry's descriptor. */
     int argument = -1;
     /**
      * Further integer arguments, 0 if there are none: socket (type, protocol), listen (backlog), send, recv,
@@ -105,15 +106,15 @@ struct CallRecord {
      */
     long second = 0;
     long third = 0;
-    /// The path given to unlink, chmod and chown, the name given to getgrnam_r and gethostbyname_r.
+    /** The path given to unlink, chmod and chown, the name given to getgrnam_r and gethostbyname_r. */
     std::string path;
     long result = 0;
-    /// errno if the call failed, otherwise 0.
+    /** errno if the call failed, otherwise 0. */
     int error = 0;
     pid_t tid = 0;
 };
 
-/// Records the calls, in the order of their returns, which are made while it exists.
+/** Records the calls, in the order of their returns, which are made while it exists. */
 class CallTrace {
 public:
     enum class Scope { CallingThread, AllThreads };
@@ -125,13 +126,13 @@ public:
 
     std::vector<CallRecord> records() const;
 
-    /// The records of one function.
+    /** The records of one function. */
     std::vector<CallRecord> records(const std::string& function) const;
 
-    /// How many calls of one function there were.
+    /** How many calls of one function there were. */
     int calls(const std::string& function) const;
 
-    /// The functions' names, for ElementsAre().
+    /** The functions' names, for ElementsAre(). */
     std::vector<std::string> names() const;
 
     void clear();
@@ -140,21 +141,21 @@ private:
     std::shared_ptr<Detail::TraceState> m_state;
 };
 
-/// What one scripted recv() does.
+/** What one scripted recv() does. */
 struct RecvStep {
     ssize_t result = 0;
     int error = 0;
     std::string data;
 
-    /// Returns the bytes; what the caller has no room for is returned by the following calls.
+    /** Returns the bytes; what the caller has no room for is returned by the following calls. */
     static RecvStep bytes(const std::string& data);
-    /// Returns -1 with errno.
+    /** Returns -1 with errno. */
     static RecvStep failure(int error);
-    /// Returns 0.
+    /** Returns 0. */
     static RecvStep end();
 };
 
-/// How recv() was called.
+/** How recv() was called. */
 struct RecvRequest {
     int fd = -1;
     const void* buffer = nullptr;
@@ -174,17 +175,17 @@ public:
     RecvScript(const RecvScript&) = delete;
     RecvScript& operator=(const RecvScript&) = delete;
 
-    /// All matching calls, those after the end of the script included.
+    /** All matching calls, those after the end of the script included. */
     std::vector<RecvRequest> requests() const;
 
-    /// Whether all steps have been taken.
+    /** Whether all steps have been taken. */
     bool exhausted() const;
 
 private:
     std::shared_ptr<Detail::ScriptState> m_state;
 };
 
-/// Makes every send() and recv() deal with no more than @p maximum bytes at a time while it exists.
+/** Makes every send() and recv() deal with no more than @p maximum bytes at a time while it exists. */
 class TransferLimit {
 public:
     explicit TransferLimit(std::size_t maximum, int fd = anyDescriptor);
@@ -212,7 +213,7 @@ private:
     std::shared_ptr<Detail::HookState> m_state;
 };
 
-/// Holds the next call of the function up, before it is made, until the test lets it go on or this ends.
+/** Holds the next call of the function up, before it is made, until the test lets it go on or this ends. */
 class HeldCall {
 public:
     explicit HeldCall(const std::string& function) : m_hook(function, [this] { m_checkpoint.pass(); }) {}
@@ -222,10 +223,10 @@ public:
     HeldCall(const HeldCall&) = delete;
     HeldCall& operator=(const HeldCall&) = delete;
 
-    /// Waits until somebody makes the call; false if nobody did in time.
+    /** Waits until somebody makes the call; false if nobody did in time. */
     bool awaitReached() { return m_checkpoint.awaitReached(); }
 
-    /// Lets the call go on.
+    /** Lets the call go on. */
     void open() { m_checkpoint.open(); }
 
 private:

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_INTERRUPTIONS_H
 #define VORNTEST_INTERRUPTIONS_H
 
@@ -35,7 +34,7 @@ public:
     Interruptions(const Interruptions&) = delete;
     Interruptions& operator=(const Interruptions&) = delete;
 
-    /// How many there have been.
+    /** How many there have been. */
     static int count() { return s_count; }
 
 private:

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "BeforeAllocation.h"
 #include "Interpose.h"
@@ -47,7 +46,7 @@ protected:
     }
 };
 
-/// A test that is run by hand, as it must fail.
+/** A test that is run by hand, as it must fail. */
 class LeakyKit : public LeakCheckedTest {
 public:
     explicit LeakyKit(int expected) : m_expected(expected) {}
@@ -73,9 +72,8 @@ std::string resolve(const char* name) {
     hostent entry = {};
     hostent* result = nullptr;
     int error = 0;
-    if (::gethostbyname_r(name, &entry, buffer, sizeof(buffer), &result, &error) != 0 || result == nullptr) {
+    if (::gethostbyname_r(name, &entry, buffer, sizeof(buffer), &result, &error) != 0 || result == nullptr)
         return "error " + std::to_string(error);
-    }
     char text[INET_ADDRSTRLEN];
     return ::inet_ntop(AF_INET, result->h_addr_list[0], text, sizeof(text));
 }
@@ -91,9 +89,8 @@ struct TcpPair {
 
 KIT_ROLE(echo) {
     std::string line;
-    while (std::getline(std::cin, line)) {
+    while (std::getline(std::cin, line))
         std::cout << args.at(0) << line << '\n';
-    }
     std::cerr << "descriptors: " << openDescriptors() << '\n';
     return 7;
 }
@@ -113,9 +110,8 @@ KIT_ROLE(sleeper) {
 KIT_ROLE(pipeSignal) {
     std::signal(SIGPIPE, SIG_DFL);
     int ends[2];
-    if (::pipe(ends) != 0 || ::close(ends[0]) != 0) {
+    if (::pipe(ends) != 0 || ::close(ends[0]) != 0)
         return 1;
-    }
     return ::write(ends[1], "x", 1) == 1 ? 2 : 3;
 }
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LeakCheckedTest.h"
 
 #include "Await.h"
@@ -20,17 +19,15 @@ std::map<int, std::string> difference(const std::map<int, std::string>& left,
     std::map<int, std::string> result;
     for (const auto& [fd, target] : left) {
         const auto other = right.find(fd);
-        if (other == right.end() || other->second != target) {
+        if (other == right.end() || other->second != target)
             result[fd] = target;
-        }
     }
     return result;
 }
 
 void list(std::ostream& out, const char* title, const std::map<int, std::string>& descriptors) {
-    for (const auto& [fd, target] : descriptors) {
+    for (const auto& [fd, target] : descriptors)
         out << "  " << title << " descriptor " << fd << " -> " << target << '\n';
-    }
 }
 
 } // namespace
@@ -73,9 +70,8 @@ std::string LeakCheckedTest::differences() const {
 
 void LeakCheckedTest::closeExtraDescriptors() const {
     // Unexpected ones go as well: one leak should not fail the tests which follow.
-    for (const auto& [fd, target] : difference(descriptorTable(), m_descriptors)) {
+    for (const auto& [fd, target] : difference(descriptorTable(), m_descriptors))
         ::close(fd);
-    }
 }
 
 } // namespace VornTest

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_LEAKCHECKEDTEST_H
 #define VORNTEST_LEAKCHECKEDTEST_H
 
@@ -30,7 +29,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    /// Says that the test leaves @p count descriptors open by contract; TearDown() then closes them.
+    /** Says that the test leaves @p count descriptors open by contract; TearDown() then closes them. */
     void expectDescriptorLeak(int count);
 
 private:

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LogCapture.h"
 
 #include <algorithm>
@@ -44,9 +43,8 @@ std::vector<LogCapture::Record> LogCapture::records() const {
 
 std::vector<std::string> LogCapture::texts() const {
     std::vector<std::string> result;
-    for (const Record& record : records()) {
+    for (const Record& record : records())
         result.push_back(record.text);
-    }
     return result;
 }
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_LOGCAPTURE_H
 #define VORNTEST_LOGCAPTURE_H
 
@@ -26,7 +25,7 @@ namespace VornTest {
  */
 class LogCapture {
 public:
-    /// One log record.
+    /** One log record. */
     struct Record {
         int level = 0;
         std::string text;
@@ -34,7 +33,7 @@ public:
         friend bool operator==(const Record& left, const Record& right) = default;
     };
 
-    /// Admits the records of @p level and of all below.
+    /** Admits the records of @p level and of all below. */
     explicit LogCapture(int level = 9);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -43,16 +42,16 @@ public:
     std::vector<Record> records() const;
     std::vector<std::string> texts() const;
 
-    /// Whether there is a record of this level whose text contains @p text.
+    /** Whether there is a record of this level whose text contains @p text. */
     bool contains(int level, const std::string& text) const;
 
-    /// How many records' texts contain @p text.
+    /** How many records' texts contain @p text. */
     int count(const std::string& text) const;
 
-    /// Waits until a record's text contains @p text; false if none did within @p limit.
+    /** Waits until a record's text contains @p text; false if none did within @p limit. */
     bool await(const std::string& text, std::chrono::milliseconds limit = defaultLimit);
 
-    /// Forgets what has been collected.
+    /** Forgets what has been collected. */
     void clear();
 
 private:
@@ -65,7 +64,7 @@ private:
     std::shared_ptr<State> m_state;
 };
 
-/// For GoogleTest's messages.
+/** For GoogleTest's messages. */
 void PrintTo(const LogCapture::Record& record, std::ostream* out);
 
 } // namespace VornTest

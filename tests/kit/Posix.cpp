@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Posix.h"
 
 #include <array>
@@ -50,9 +49,8 @@ struct Address {
 };
 
 in_port_t networkPort(int port) {
-    if (port < 0 || port > std::numeric_limits<in_port_t>::max()) {
+    if (port < 0 || port > std::numeric_limits<in_port_t>::max())
         fail("port " + std::to_string(port), EINVAL);
-    }
     return htons(static_cast<in_port_t>(port));
 }
 
@@ -75,9 +73,8 @@ Address inetAddress(const std::string& text, int port) {
 Address unixAddress(const std::string& path) {
     Address result;
     sockaddr_un& address = reinterpret_cast<sockaddr_un&>(result.storage);
-    if (path.size() >= sizeof(address.sun_path)) {
+    if (path.size() >= sizeof(address.sun_path))
         fail(path, ENAMETOOLONG);
-    }
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     result.length = sizeof(sockaddr_un);
@@ -106,24 +103,21 @@ int portNumber(Address& address) {
 
 Address nameOf(int fd) {
     Address result;
-    if (::getsockname(fd, result.generic(), &result.length) != 0) {
+    if (::getsockname(fd, result.generic(), &result.length) != 0)
         fail("getsockname()");
-    }
     return result;
 }
 
 Address peerOf(int fd) {
     Address result;
-    if (::getpeername(fd, result.generic(), &result.length) != 0) {
+    if (::getpeername(fd, result.generic(), &result.length) != 0)
         fail("getpeername()");
-    }
     return result;
 }
 
 UniqueFd guarded(int fd, const char* call) {
-    if (fd < 0) {
+    if (fd < 0)
         fail(call);
-    }
     UniqueFd result(fd);
     const timeval limit = {guardSeconds, 0};
     if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0 ||
@@ -138,21 +132,18 @@ UniqueFd newSocket(int family, int type) {
 }
 
 void bindTo(int fd, const Address& address, const std::string& what) {
-    if (::bind(fd, address.generic(), address.length) != 0) {
+    if (::bind(fd, address.generic(), address.length) != 0)
         fail("bind(" + what + ")");
-    }
 }
 
 void listenAt(int fd, int backlog) {
-    if (::listen(fd, backlog) != 0) {
+    if (::listen(fd, backlog) != 0)
         fail("listen()");
-    }
 }
 
 void connectTo(int fd, const Address& address, const std::string& what) {
-    if (::connect(fd, address.generic(), address.length) != 0) {
+    if (::connect(fd, address.generic(), address.length) != 0)
         fail("connect(" + what + ")");
-    }
 }
 
 int unusedPort(int type) {
@@ -169,12 +160,10 @@ int digitValue(char digit) {
 std::size_t receiveSome(int fd, char* buffer, std::size_t size) {
     for (;;) {
         const ssize_t count = ::recv(fd, buffer, size, 0);
-        if (count >= 0) {
+        if (count >= 0)
             return static_cast<std::size_t>(count);
-        }
-        if (errno != EINTR) {
+        if (errno != EINTR)
             fail("recv()");
-        }
     }
 }
 
@@ -186,9 +175,8 @@ int UniqueFd::release() {
 
 void UniqueFd::reset(int fd) {
     const int old = std::exchange(m_fd, fd);
-    if (old >= 0 && old != fd) {
+    if (old >= 0 && old != fd)
         ::close(old);
-    }
 }
 
 std::string bytes(std::string_view hexText) {
@@ -200,13 +188,11 @@ std::string bytes(std::string_view hexText) {
             throw std::invalid_argument("no hexadecimal text: " + std::string(hexText));
         }
     }
-    if (digits.size() % 2 != 0) {
+    if (digits.size() % 2 != 0)
         throw std::invalid_argument("half a byte: " + std::string(hexText));
-    }
     std::string result;
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
+    for (std::size_t i = 0; i < digits.size(); i += 2)
         result += static_cast<char>(digitValue(digits[i]) * 16 + digitValue(digits[i + 1]));
-    }
     return result;
 }
 
@@ -224,18 +210,16 @@ std::string hex(std::string_view data) {
 
 std::string readTextFile(const std::string& path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), &std::fclose);
-    if (file == nullptr) {
+    if (file == nullptr)
         fail("fopen(" + path + ")");
-    }
     std::string result;
     std::array<char, 4096> buffer;
     for (std::size_t count = 1; count > 0;) {
         count = std::fread(buffer.data(), 1, buffer.size(), file.get());
         result.append(buffer.data(), count);
     }
-    if (std::ferror(file.get()) != 0) {
+    if (std::ferror(file.get()) != 0)
         fail("fread(" + path + ")");
-    }
     return result;
 }
 
@@ -257,9 +241,8 @@ UniqueFd tcpListen(const std::string& address, int& port, int backlog) {
     UniqueFd fd = newSocket(local.family(), SOCK_STREAM);
     const int on = 1;
     // A test may want a port back which an earlier connection has left in TIME_WAIT.
-    if (::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0)
         fail("setsockopt(SO_REUSEADDR)");
-    }
     bindTo(fd.get(), local, address);
     listenAt(fd.get(), backlog);
     port = localPort(fd.get());
@@ -269,9 +252,8 @@ UniqueFd tcpListen(const std::string& address, int& port, int backlog) {
 UniqueFd tcpConnect(const std::string& address, int port, const std::string& sourceAddress) {
     const Address remote = inetAddress(address, port);
     UniqueFd fd = newSocket(remote.family(), SOCK_STREAM);
-    if (!sourceAddress.empty()) {
+    if (!sourceAddress.empty())
         bindTo(fd.get(), inetAddress(sourceAddress, 0), sourceAddress);
-    }
     connectTo(fd.get(), remote, address + ":" + std::to_string(port));
     return fd;
 }
@@ -288,9 +270,8 @@ void udpSendTo(int fd, const std::string& address, int port, std::string_view da
     const Address remote = inetAddress(address, port);
     const ssize_t sent =
         ::sendto(fd, data.data(), data.size(), MSG_NOSIGNAL, remote.generic(), remote.length);
-    if (sent != static_cast<ssize_t>(data.size())) {
+    if (sent != static_cast<ssize_t>(data.size()))
         fail("sendto(" + address + ")");
-    }
 }
 
 UniqueFd acceptClient(int fd) {
@@ -300,9 +281,8 @@ UniqueFd acceptClient(int fd) {
 void sendAll(int fd, std::string_view data) {
     while (!data.empty()) {
         const ssize_t sent = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno != EINTR) {
+        if (sent < 0 && errno != EINTR)
             fail("send()");
-        }
         data.remove_prefix(sent < 0 ? 0 : static_cast<std::size_t>(sent));
     }
 }
@@ -312,9 +292,8 @@ std::string receiveExactly(int fd, std::size_t count) {
     std::size_t done = 0;
     while (done < count) {
         const std::size_t more = receiveSome(fd, result.data() + done, count - done);
-        if (more == 0) {
+        if (more == 0)
             fail("end after " + std::to_string(done) + " of " + std::to_string(count) + " bytes", ENODATA);
-        }
         done += more;
     }
     return result;
@@ -338,18 +317,16 @@ Datagram receiveDatagramFrom(int fd) {
     std::string buffer(65536, '\0');
     Address source;
     const ssize_t count = ::recvfrom(fd, buffer.data(), buffer.size(), 0, source.generic(), &source.length);
-    if (count < 0) {
+    if (count < 0)
         fail("recvfrom()");
-    }
     buffer.resize(static_cast<std::size_t>(count));
     return {buffer, addressText(source), portNumber(source)};
 }
 
 void resetOnClose(int fd) {
     const linger option = {1, 0};
-    if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &option, sizeof(option)) != 0) {
+    if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &option, sizeof(option)) != 0)
         fail("setsockopt(SO_LINGER)");
-    }
 }
 
 int localPort(int fd) {
@@ -390,9 +367,8 @@ bool isCloseOnExec(int fd) {
 
 std::map<int, std::string> descriptorTable() {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc/self/fd"), &::closedir);
-    if (directory == nullptr) {
+    if (directory == nullptr)
         fail("opendir(/proc/self/fd)");
-    }
     std::map<int, std::string> result;
     while (const dirent* entry = ::readdir(directory.get())) {
         std::array<char, 512> target = {};
@@ -400,9 +376,8 @@ std::map<int, std::string> descriptorTable() {
             ::readlinkat(::dirfd(directory.get()), entry->d_name, target.data(), target.size());
         const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         // What is no link is "." or ".."; and the directory which is being read is ours, not the test's.
-        if (length >= 0 && fd != ::dirfd(directory.get())) {
+        if (length >= 0 && fd != ::dirfd(directory.get()))
             result[fd] = std::string(target.data(), static_cast<std::size_t>(length));
-        }
     }
     return result;
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_POSIX_H
 #define VORNTEST_POSIX_H
 
@@ -19,7 +18,7 @@
  */
 namespace VornTest {
 
-/// Owner of a descriptor.
+/** Owner of a descriptor. */
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -35,103 +34,103 @@ public:
 
     ~UniqueFd() { reset(); }
 
-    /// The descriptor, -1 if there is none.
+    /** The descriptor, -1 if there is none. */
     int get() const { return m_fd; }
 
     explicit operator bool() const { return m_fd >= 0; }
 
-    /// Gives the descriptor away without closing it.
+    /** Gives the descriptor away without closing it. */
     int release();
-    /// Closes the descriptor and takes over @p fd.
+    /** Closes the descriptor and takes over @p fd. */
     void reset(int fd = -1);
 
 private:
     int m_fd = -1;
 };
 
-/// Bytes written as hexadecimal text, blanks being ignored: bytes("00 01 ff").
+/** Bytes written as hexadecimal text, blanks being ignored: bytes("00 01 ff"). */
 std::string bytes(std::string_view hexText);
 
-/// The inverse of bytes(), in lower case, with one blank between bytes.
+/** The inverse of bytes(), in lower case, with one blank between bytes. */
 std::string hex(std::string_view data);
 
-/// The whole of a file.
+/** The whole of a file. */
 std::string readTextFile(const std::string& path);
 
-/// A Unix stream socket which listens at @p path.
+/** A Unix stream socket which listens at @p path. */
 UniqueFd unixListen(const std::string& path, int backlog = 5);
 
-/// A Unix stream socket connected to @p path.
+/** A Unix stream socket connected to @p path. */
 UniqueFd unixConnect(const std::string& path);
 
-/// A TCP socket which listens; port 0 lets the system choose, and the choice is written back.
+/** A TCP socket which listens; port 0 lets the system choose, and the choice is written back. */
 UniqueFd tcpListen(const std::string& address, int& port, int backlog = 5);
 
-/// A TCP socket connected to the address, from @p sourceAddress if that is not empty.
+/** A TCP socket connected to the address, from @p sourceAddress if that is not empty. */
 UniqueFd tcpConnect(const std::string& address, int port, const std::string& sourceAddress = {});
 
-/// A bound UDP socket; port 0 lets the system choose, and the choice is written back.
+/** A bound UDP socket; port 0 lets the system choose, and the choice is written back. */
 UniqueFd udpSocket(const std::string& address, int& port);
 
-/// Sends one datagram.
+/** Sends one datagram. */
 void udpSendTo(int fd, const std::string& address, int port, std::string_view data);
 
-/// The next connection of a listening socket.
+/** The next connection of a listening socket. */
 UniqueFd acceptClient(int fd);
 
-/// Sends all of @p data.
+/** Sends all of @p data. */
 void sendAll(int fd, std::string_view data);
 
-/// Receives @p count bytes; an earlier end is an ENODATA error which tells how many there were.
+/** Receives @p count bytes; an earlier end is an ENODATA error which tells how many there were. */
 std::string receiveExactly(int fd, std::size_t count);
 
-/// Receives until the peer has shut down its side.
+/** Receives until the peer has shut down its side. */
 std::string receiveToEnd(int fd);
 
-/// Receives one datagram.
+/** Receives one datagram. */
 std::string receiveDatagram(int fd);
 
-/// A datagram and who sent it.
+/** A datagram and who sent it. */
 struct Datagram {
     std::string data;
     std::string address;
     int port = 0;
 };
 
-/// Receives one datagram together with its source.
+/** Receives one datagram together with its source. */
 Datagram receiveDatagramFrom(int fd);
 
-/// Makes close() send a TCP reset.
+/** Makes close() send a TCP reset. */
 void resetOnClose(int fd);
 
-/// The port to which the socket is bound.
+/** The port to which the socket is bound. */
 int localPort(int fd);
 
-/// The address to which the socket is bound.
+/** The address to which the socket is bound. */
 std::string localAddress(int fd);
 
-/// The address at the other end of the connection.
+/** The address at the other end of the connection. */
 std::string peerAddress(int fd);
 
-/// The port at the other end of the connection.
+/** The port at the other end of the connection. */
 int peerPort(int fd);
 
-/// A TCP port at which nobody listens.
+/** A TCP port at which nobody listens. */
 int unusedTcpPort();
 
-/// A UDP port to which nobody is bound.
+/** A UDP port to which nobody is bound. */
 int unusedUdpPort();
 
-/// Whether the number is that of an open descriptor.
+/** Whether the number is that of an open descriptor. */
 bool isOpen(int fd);
 
-/// Whether the descriptor is closed by exec.
+/** Whether the descriptor is closed by exec. */
 bool isCloseOnExec(int fd);
 
-/// The open descriptors of this process: number and what /proc says it is.
+/** The open descriptors of this process: number and what /proc says it is. */
 std::map<int, std::string> descriptorTable();
 
-/// How many descriptors this process has open.
+/** How many descriptors this process has open. */
 int openDescriptors();
 
 } // namespace VornTest

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Process.h"
 
 #include <algorithm>
@@ -31,9 +30,8 @@ using std::chrono::milliseconds;
 }
 
 void check(int error, const std::string& what) {
-    if (error != 0) {
+    if (error != 0)
         fail(what, error);
-    }
 }
 
 std::map<std::string, RoleFunction>& roles() {
@@ -49,9 +47,8 @@ struct Pipe {
 
 Pipe makePipe() {
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
+    if (::pipe2(ends, O_CLOEXEC) != 0)
         fail("pipe2()");
-    }
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
@@ -111,9 +108,8 @@ std::vector<std::string> changedEnvironment(const std::vector<std::string>& chan
         const bool changed = std::any_of(changes.begin(), changes.end(), [&](const std::string& change) {
             return nameOf(change) == nameOf(*setting);
         });
-        if (!changed) {
+        if (!changed)
             result.emplace_back(*setting);
-        }
     }
     std::copy_if(changes.begin(), changes.end(), std::back_inserter(result),
                  [](const std::string& change) { return change.find('=') != std::string::npos; });
@@ -122,9 +118,8 @@ std::vector<std::string> changedEnvironment(const std::vector<std::string>& chan
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     std::vector<char*> result;
-    for (std::string& text : texts) {
+    for (std::string& text : texts)
         result.push_back(text.data());
-    }
     result.push_back(nullptr);
     return result;
 }
@@ -132,9 +127,8 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 std::string ownPath() {
     std::array<char, 4096> buffer = {};
     const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
-    if (length < 0) {
+    if (length < 0)
         fail("readlink(/proc/self/exe)");
-    }
     return std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
@@ -144,9 +138,8 @@ milliseconds remaining(Clock::time_point end) {
 
 milliseconds remainingOrFail(Clock::time_point end, const char* what) {
     const milliseconds result = remaining(end);
-    if (result.count() == 0) {
+    if (result.count() == 0)
         fail(what, ETIMEDOUT);
-    }
     return result;
 }
 
@@ -249,9 +242,8 @@ std::string ChildProcess::readLine(milliseconds limit) {
     const Clock::time_point end = Clock::now() + limit;
     std::size_t lineEnd = 0;
     while ((lineEnd = m_output.text.find('\n')) == std::string::npos) {
-        if (!m_output.fd) {
+        if (!m_output.fd)
             fail("no more output of the child; its errors: " + m_errors.text, ENODATA);
-        }
         pump(remainingOrFail(end, "readLine()"));
     }
     const std::string line = m_output.text.substr(0, lineEnd);
@@ -264,9 +256,8 @@ void ChildProcess::writeLine(const std::string& line) {
     std::size_t done = 0;
     while (done < text.size()) {
         const ssize_t count = ::write(m_input.get(), text.data() + done, text.size() - done);
-        if (count < 0 && errno != EINTR) {
+        if (count < 0 && errno != EINTR)
             fail("write() to the child");
-        }
         done += count < 0 ? 0 : static_cast<std::size_t>(count);
     }
 }
@@ -291,44 +282,37 @@ int ChildProcess::wait(milliseconds limit) {
             return reap(WNOHANG);
         },
         limit);
-    if (!ended) {
+    if (!ended)
         fail("wait() for the child", ETIMEDOUT);
-    }
     return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 128 + WTERMSIG(m_status);
 }
 
 void ChildProcess::kill(int signalNumber) {
-    if (!m_reaped && ::kill(m_pid, signalNumber) != 0) {
+    if (!m_reaped && ::kill(m_pid, signalNumber) != 0)
         fail("kill()");
-    }
 }
 
 void ChildProcess::pump(milliseconds limit) {
     std::array<pollfd, 2> entries = {pollfd{m_output.fd.get(), POLLIN, 0},
                                      pollfd{m_errors.fd.get(), POLLIN, 0}};
-    if (::poll(entries.data(), entries.size(), static_cast<int>(limit.count())) <= 0) {
+    if (::poll(entries.data(), entries.size(), static_cast<int>(limit.count())) <= 0)
         return;
-    }
-    if (entries[0].revents != 0) {
+    if (entries[0].revents != 0)
         receive(entries[0].fd, m_output.fd, m_output.text);
-    }
-    if (entries[1].revents != 0) {
+    if (entries[1].revents != 0)
         receive(entries[1].fd, m_errors.fd, m_errors.text);
-    }
 }
 
 std::string ChildProcess::takeAll(Stream& stream, milliseconds limit) {
     const Clock::time_point end = Clock::now() + limit;
-    while (stream.fd) {
+    while (stream.fd)
         pump(remainingOrFail(end, "reading all of the child's output"));
-    }
     return std::exchange(stream.text, {});
 }
 
 bool ChildProcess::reap(int options) {
-    if (!m_reaped) {
+    if (!m_reaped)
         m_reaped = ::waitpid(m_pid, &m_status, options) == m_pid;
-    }
     return m_reaped;
 }
 

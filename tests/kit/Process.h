@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_PROCESS_H
 #define VORNTEST_PROCESS_H
 
@@ -19,13 +18,13 @@
  */
 namespace VornTest {
 
-/// What a role does in its process; the result is the exit status.
+/** What a role does in its process; the result is the exit status. */
 using RoleFunction = int (*)(const std::vector<std::string>& args);
 
-/// Makes a role known; used by #KIT_ROLE.
+/** Makes a role known; used by #KIT_ROLE. */
 bool registerRole(const std::string& name, RoleFunction function);
 
-/// Runs the role called @p name in this process; used by main().
+/** Runs the role called @p name in this process; used by main(). */
 int runRole(const std::string& name, const std::vector<std::string>& args);
 
 /**
@@ -45,13 +44,13 @@ public:
     static ChildProcess spawn(const std::vector<std::string>& arguments,
                               const std::vector<std::string>& environment = {});
 
-    /// Starts the role defined by KIT_ROLE(@p role).
+    /** Starts the role defined by KIT_ROLE(@p role). */
     template <typename... Arguments>
     static ChildProcess spawnRole(const std::string& role, const Arguments&... arguments) {
         return spawnRoleWith({}, role, {std::string(arguments)...});
     }
 
-    /// The same with a changed environment, see spawn().
+    /** The same with a changed environment, see spawn(). */
     static ChildProcess spawnRoleWith(const std::vector<std::string>& environment, const std::string& role,
                                       const std::vector<std::string>& arguments = {});
 
@@ -61,25 +60,25 @@ public:
 
     pid_t pid() const { return m_pid; }
 
-    /// The next line of standard output without its end; ENODATA if there is none to come.
+    /** The next line of standard output without its end; ENODATA if there is none to come. */
     std::string readLine(std::chrono::milliseconds limit = defaultLimit);
 
-    /// Writes @p line and a line end to the child's standard input.
+    /** Writes @p line and a line end to the child's standard input. */
     void writeLine(const std::string& line);
 
-    /// Ends the child's standard input.
+    /** Ends the child's standard input. */
     void closeInput();
 
-    /// What is left of standard output, up to its end.
+    /** What is left of standard output, up to its end. */
     std::string readAllOutput(std::chrono::milliseconds limit = std::chrono::seconds(30));
 
-    /// What is left of standard error, up to its end.
+    /** What is left of standard error, up to its end. */
     std::string readAllErrors(std::chrono::milliseconds limit = std::chrono::seconds(30));
 
-    /// Waits for the end: the exit status, or 128 plus the signal.
+    /** Waits for the end: the exit status, or 128 plus the signal. */
     int wait(std::chrono::milliseconds limit = std::chrono::seconds(30));
 
-    /// Sends a signal, unless the child has been reaped.
+    /** Sends a signal, unless the child has been reaped. */
     void kill(int signalNumber);
 
 private:

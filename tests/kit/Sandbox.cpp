@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Sandbox.h"
 
 #include <cerrno>
@@ -64,9 +63,8 @@ const char fileRemedy[] = "this happens on the sandbox's own tmpfs: see that the
 
 int writeWhole(const char* path, const std::string& text, int flags) {
     const int fd = ::open(path, O_WRONLY | O_CLOEXEC | flags, 0644);
-    if (fd < 0) {
+    if (fd < 0)
         return -1;
-    }
     const ssize_t written = ::write(fd, text.data(), text.size());
     const int error = errno;
     ::close(fd);
@@ -75,9 +73,8 @@ int writeWhole(const char* path, const std::string& text, int flags) {
 }
 
 void writeMap(const char* path, const std::string& text) {
-    if (writeWhole(path, text, 0) != 0) {
+    if (writeWhole(path, text, 0) != 0)
         giveUp(std::string("write(") + path + ")", namespaceRemedy);
-    }
 }
 
 void becomeRootOfUserNamespace(uid_t user, gid_t group) {
@@ -91,30 +88,25 @@ void unshareNamespaces() {
     const uid_t user = ::geteuid();
     const gid_t group = ::getegid();
     const int flags = CLONE_NEWNS | CLONE_NEWNET;
-    if (user == 0 && ::unshare(flags) == 0) {
+    if (user == 0 && ::unshare(flags) == 0)
         return;
-    }
     // Root without CAP_SYS_ADMIN, as in a container, is no better off than an ordinary user.
-    if (::unshare(flags | CLONE_NEWUSER) != 0) {
+    if (::unshare(flags | CLONE_NEWUSER) != 0)
         giveUp("unshare(CLONE_NEWUSER|CLONE_NEWNS|CLONE_NEWNET)", namespaceRemedy);
-    }
     becomeRootOfUserNamespace(user, group);
 }
 
 void mountOrGiveUp(const char* source, const char* target, const char* type, unsigned long flags,
                    const char* data) {
-    if (::mount(source, target, type, flags, data) != 0) {
+    if (::mount(source, target, type, flags, data) != 0)
         giveUp(std::string("mount(") + source + ", " + target + ")", mountRemedy);
-    }
 }
 
 void makeDirectory(const std::string& path, mode_t mode) {
-    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST) {
+    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST)
         giveUp("mkdir(" + path + ")", fileRemedy);
-    }
-    if (::chmod(path.c_str(), mode) != 0) {
+    if (::chmod(path.c_str(), mode) != 0)
         giveUp("chmod(" + path + ")", fileRemedy);
-    }
 }
 
 void makePipeDirectory() {
@@ -127,9 +119,8 @@ void makePipeDirectory() {
 }
 
 void coverFile(const char* own, const char* covered, const std::string& text) {
-    if (writeWhole(own, text, O_CREAT | O_TRUNC) != 0 || ::chmod(own, 0644) != 0) {
+    if (writeWhole(own, text, O_CREAT | O_TRUNC) != 0 || ::chmod(own, 0644) != 0)
         giveUp(std::string("write(") + own + ")", fileRemedy);
-    }
     mountOrGiveUp(own, covered, "none", MS_BIND, nullptr);
 }
 
@@ -140,26 +131,22 @@ void isolateNameService() {
     coverFile(hostsPath, "/etc/hosts", defaultHosts);
     coverFile(groupPath, "/etc/group", defaultGroups);
     // A caching daemon of the host would be reached through its socket, whatever the network name space.
-    if (::access("/run/nscd", F_OK) == 0) {
+    if (::access("/run/nscd", F_OK) == 0)
         mountOrGiveUp("tmpfs", "/run/nscd", "tmpfs", 0, "mode=0755");
-    }
 }
 
 void bringLoopbackUp() {
     const char remedy[] = "run the tests on a kernel with IPv4 and a loopback interface";
     const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+    if (fd < 0)
         giveUp("socket(AF_INET)", remedy);
-    }
     ifreq request = {};
     std::memcpy(request.ifr_name, "lo", sizeof("lo"));
-    if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0) {
+    if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0)
         giveUp("ioctl(SIOCGIFFLAGS, lo)", remedy);
-    }
     request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP | IFF_RUNNING);
-    if (::ioctl(fd, SIOCSIFFLAGS, &request) != 0) {
+    if (::ioctl(fd, SIOCSIFFLAGS, &request) != 0)
         giveUp("ioctl(SIOCSIFFLAGS, lo up)", remedy);
-    }
     ::close(fd);
 }
 
@@ -170,40 +157,37 @@ void buildSandbox() {
     makePipeDirectory();
     isolateNameService();
     bringLoopbackUp();
-    if (::setenv(sandboxVariable, "1", 1) != 0) {
+    if (::setenv(sandboxVariable, "1", 1) != 0)
         giveUp("setenv(VORNTEST_IN_SANDBOX)", fileRemedy);
-    }
 }
 
 void rewrite(const char* path, const std::string& text) {
     // The file stays the same one, so that the mount made at the start goes on showing it.
-    if (writeWhole(path, text, O_TRUNC) != 0) {
+    if (writeWhole(path, text, O_TRUNC) != 0)
         throw std::system_error(errno, std::generic_category(), path);
-    }
 }
 
 bool isInPlace() {
     return std::getenv(inPlaceVariable) != nullptr;
 }
 
-/// Leaves nothing of an earlier test in the pipe directory. Children of the test find the variable changed.
+/**
+ * Leaves nothing of an earlier test in the pipe directory. Children of the test find the variable changed.
+ */
 void preparePlace() {
-    if (const char* need = std::getenv(needVariable)) {
+    if (const char* need = std::getenv(needVariable))
         needSandbox(need);
-    }
     const std::string entered = "entered";
-    if (std::getenv(inPlaceVariable) == entered) {
+    if (std::getenv(inPlaceVariable) == entered)
         return;
-    }
     if (::access(createdMarkPath, F_OK) != 0) {
         giveUp(std::string("access(") + createdMarkPath + ")",
                "let script/test create the pipe directory: one that was not created for tests may be in use");
     }
     std::filesystem::remove_all(pipeDirectoryPath);
     makePipeDirectory();
-    if (::setenv(inPlaceVariable, entered.c_str(), 1) != 0) {
+    if (::setenv(inPlaceVariable, entered.c_str(), 1) != 0)
         giveUp("setenv(VORNTEST_IN_PLACE)", fileRemedy);
-    }
 }
 
 bool insideSandbox() {
@@ -221,9 +205,8 @@ bool hasOneThread() {
 
 std::vector<std::string> commandLine() {
     std::FILE* file = std::fopen("/proc/self/cmdline", "re");
-    if (file == nullptr) {
+    if (file == nullptr)
         giveUp("fopen(/proc/self/cmdline)", "mount /proc");
-    }
     std::vector<std::string> arguments;
     std::string argument;
     for (int letter = std::fgetc(file); letter != EOF; letter = std::fgetc(file)) {
@@ -238,14 +221,12 @@ std::vector<std::string> commandLine() {
 }
 
 [[noreturn]] void restartInSandbox(std::vector<std::string>& arguments, pid_t parent) {
-    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) {
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent)
         ::_exit(2);
-    }
     buildSandbox();
     std::vector<char*> pointers;
-    for (std::string& argument : arguments) {
+    for (std::string& argument : arguments)
         pointers.push_back(argument.data());
-    }
     pointers.push_back(nullptr);
     ::execv("/proc/self/exe", pointers.data());
     giveUp("execv(/proc/self/exe)", "see that the test program is readable and executable for its user");
@@ -254,9 +235,8 @@ std::vector<std::string> commandLine() {
 [[noreturn]] void endLikeChild(pid_t child) {
     int status = 0;
     while (::waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
+        if (errno != EINTR)
             giveUp("waitpid()", "do not ignore SIGCHLD");
-        }
     }
     ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
@@ -270,12 +250,10 @@ std::vector<std::string> commandLine() {
     std::vector<std::string> arguments = commandLine();
     const pid_t parent = ::getpid();
     const long child = ::syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr);
-    if (child < 0) {
+    if (child < 0)
         giveUp("clone()", "see the limits of the number of processes");
-    }
-    if (child == 0) {
+    if (child == 0)
         restartInSandbox(arguments, parent);
-    }
     endLikeChild(static_cast<pid_t>(child));
 }
 
@@ -286,9 +264,8 @@ void enterSandbox() {
         preparePlace();
         return;
     }
-    if (insideSandbox()) {
+    if (insideSandbox())
         return;
-    }
     if (hasOneThread()) {
         buildSandbox();
     } else {
@@ -323,9 +300,8 @@ void useGroupFile(const std::string& text) {
 }
 
 void restoreSystemFiles() {
-    if (isInPlace()) {
+    if (isInPlace())
         return;
-    }
     rewrite(hostsPath, defaultHosts);
     rewrite(groupPath, defaultGroups);
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_SANDBOX_H
 #define VORNTEST_SANDBOX_H
 
@@ -35,19 +34,19 @@ void enterSandbox();
  */
 void needSandbox(const char* need);
 
-/// The directory of the Unix sockets, with a slash at its end.
+/** The directory of the Unix sockets, with a slash at its end. */
 const char* pipeDirectory();
 
-/// The path of the Unix socket called @p name.
+/** The path of the Unix socket called @p name. */
 std::string pipePath(const std::string& name);
 
-/// Makes @p text the contents of /etc/hosts, as seen within the sandbox; not while a look-up is going on.
+/** Makes @p text the contents of /etc/hosts, as seen within the sandbox; not while a look-up is going on. */
 void useHostsFile(const std::string& text);
 
-/// Makes @p text the contents of /etc/group; an ordinary user's sandbox can chown to group 0 only.
+/** Makes @p text the contents of /etc/group; an ordinary user's sandbox can chown to group 0 only. */
 void useGroupFile(const std::string& text);
 
-/// Undoes both: `localhost` is 127.0.0.1, group `root` is 0, and there is no other name.
+/** Undoes both: `localhost` is 127.0.0.1, group `root` is 0, and there is no other name. */
 void restoreSystemFiles();
 
 } // namespace VornTest

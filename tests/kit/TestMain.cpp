@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The main() of every test program.
  */
@@ -25,7 +24,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-/// The thread sanitizer's defaults: children of tests start threads, and signal handlers close servers.
+/** The thread sanitizer's defaults: children of tests start threads, and signal handlers close servers. */
 extern "C" const char* __tsan_default_options();
 
 const char* __tsan_default_options() {
@@ -157,14 +156,12 @@ int runTests(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> arguments(argv, argv + argc);
-    if (!onlyListsTests(arguments)) {
+    if (!onlyListsTests(arguments))
         VornTest::enterSandbox();
-    }
     std::signal(SIGPIPE, SIG_IGN);
     // A role keeps the setting: its test has put it there.
-    if (arguments.size() > 2 && arguments[1] == "--kit-role") {
+    if (arguments.size() > 2 && arguments[1] == "--kit-role")
         return playRole(arguments);
-    }
     ::unsetenv("QUORAX_CALLB_CONN_TYPE");
     return runTests(argc, argv);
 }

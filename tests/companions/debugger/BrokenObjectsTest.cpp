@@ -16,7 +16,7 @@ namespace {
 
 const std::string cNoText = "<no text: its length would be 4702111234474983745>";
 
-/// The environment in which the debuggee finds the libraries without their debug information.
+/** The environment in which the debuggee finds the libraries without their debug information. */
 class WithoutSymbols {
 public:
     WithoutSymbols() {

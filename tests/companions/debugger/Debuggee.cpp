@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The program that the debugger looks into: makes objects in all the states that are to be shown, and stops
  * in stopHere(). It is told which objects by its argument.

@@ -16,13 +16,13 @@ namespace VornTest {
 
 namespace {
 
-/// gdb has much to read, and the machine may be busy.
+/** gdb has much to read, and the machine may be busy. */
 constexpr std::chrono::seconds cPatience(100);
 
 const char cStart[] = "@<";
 const char cEnd[] = ">@";
 
-/// The commands that show the expressions, each between marks.
+/** The commands that show the expressions, each between marks. */
 Lines showing(const Lines& expressions) {
     Lines commands;
     for (const std::string& expression : expressions) {
@@ -52,7 +52,7 @@ Lines shownTexts(const GdbOutput& run) {
     return texts;
 }
 
-/// The commands that lead to where the objects are.
+/** The commands that lead to where the objects are. */
 Lines stopping(const std::string& scene) {
     return {"break stopHere", "run " + scene, "up"};
 }

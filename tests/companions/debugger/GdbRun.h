@@ -16,13 +16,13 @@ namespace VornTest {
 
 using Lines = std::vector<std::string>;
 
-/// What a run of gdb has written.
+/** What a run of gdb has written. */
 struct GdbOutput {
     std::string output;
     std::string errors;
 };
 
-/// A directory that is removed with what is in it.
+/** A directory that is removed with what is in it. */
 class TemporaryDirectory {
 public:
     TemporaryDirectory();
@@ -36,13 +36,13 @@ private:
     std::string m_path;
 };
 
-/// Runs gdb without anybody's settings and with the printers loaded. @p arguments go behind its options.
+/** Runs gdb without anybody's settings and with the printers loaded. @p arguments go behind its options. */
 GdbOutput runGdb(const Lines& arguments, const Lines& environment = {});
 
-/// gdb's options that execute the commands.
+/** gdb's options that execute the commands. */
 Lines executing(const Lines& commands);
 
-/// The text with the addresses of this run replaced by the word ADDRESS.
+/** The text with the addresses of this run replaced by the word ADDRESS. */
 std::string withoutAddresses(const std::string& text);
 
 /**
@@ -54,13 +54,13 @@ std::string withoutAddresses(const std::string& text);
  */
 Lines show(const std::string& scene, const Lines& expressions, const Lines& environment = {});
 
-/// As show(), of one expression.
+/** As show(), of one expression. */
 std::string showOne(const std::string& scene, const std::string& expression);
 
-/// As show(), but with the program's core dump, after the program has ended.
+/** As show(), but with the program's core dump, after the program has ended. */
 Lines showInCore(const std::string& scene, const Lines& expressions);
 
-/// A test that runs gdb.
+/** A test that runs gdb. */
 class GdbPrinters : public LeakCheckedTest {};
 
 } // namespace VornTest

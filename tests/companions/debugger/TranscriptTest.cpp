@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What docs/debugging.md shows of gdb is what gdb shows, and gdb finds the printers where they are installed.
  */
@@ -25,7 +24,7 @@ using testing::HasSubstr;
 
 namespace {
 
-/// What is typed and printed, as the page shows it.
+/** What is typed and printed, as the page shows it. */
 struct Transcript {
     Lines commands; ///< given to gdb
     Lines values;   ///< what it prints, without places in the source
@@ -45,7 +44,7 @@ Lines linesOf(const std::string& text) {
     return lines;
 }
 
-/// The transcripts in the page's blocks, in order.
+/** The transcripts in the page's blocks, in order. */
 std::vector<Transcript> transcripts() {
     std::vector<Transcript> result;
     bool isMarked = false;
@@ -68,7 +67,7 @@ std::vector<Transcript> transcripts() {
     return result;
 }
 
-/// What gdb prints in answer to the commands, which follow others.
+/** What gdb prints in answer to the commands, which follow others. */
 Lines valuesOf(const std::vector<std::string>& target, const Lines& before, const Lines& commands) {
     Lines arguments = executing(before);
     const Lines rest = executing(commands);
@@ -85,7 +84,7 @@ Lines valuesOf(const std::vector<std::string>& target, const Lines& before, cons
     return values;
 }
 
-/// Whether a thread of the process waits for bytes.
+/** Whether a thread of the process waits for bytes. */
 bool isReceiving(pid_t pid) {
     const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
     const std::string call = std::to_string(SYS_recvfrom) + " ";
@@ -96,7 +95,7 @@ bool isReceiving(pid_t pid) {
     return false;
 }
 
-/// The core dump of a sink that serves a client which sends nothing.
+/** The core dump of a sink that serves a client which sends nothing. */
 std::string dumpBusySink(const std::string& directory) {
     ChildProcess sink = ChildProcess::spawn({VORNTEST_TOOL, "sink", "--type", "socket", "--callbacks", "2"});
     EXPECT_EQ(sink.readLine(), "address socket:127.0.0.1:5023");
@@ -110,7 +109,7 @@ std::string dumpBusySink(const std::string& directory) {
     return directory + "/sink." + std::to_string(sink.pid());
 }
 
-/// Installs what belongs to the tools.
+/** Installs what belongs to the tools. */
 void install(const std::string& prefix) {
     ChildProcess cmake =
         ChildProcess::spawn({"cmake", "-DCMAKE_INSTALL_COMPONENT=tools", "-DCMAKE_INSTALL_PREFIX=" + prefix,

@@ -31,7 +31,7 @@ void sendDatagrams(const Lines& datagrams) {
     }
 }
 
-/// Bytes that are somewhat like values: many zeros, small numbers and letters.
+/** Bytes that are somewhat like values: many zeros, small numbers and letters. */
 std::string rubbish(std::mt19937& random) {
     std::string text(random() % 60 + 1, '\0');
     for (char& byte : text) {

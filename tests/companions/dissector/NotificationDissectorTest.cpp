@@ -20,7 +20,7 @@ using testing::IsEmpty;
 
 namespace {
 
-/// Reads an id and then waits for the sender's end, as callbacks over TCP do well to.
+/** Reads an id and then waits for the sender's end, as callbacks over TCP do well to. */
 class IdCallback : public VornNotificationCallback {
 public:
     using VornNotificationCallback::VornNotificationCallback;
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-/// A service's proxy whose notifications say more.
+/** A service's proxy whose notifications say more. */
 class EventProxy : public VornProxyDependent {
 public:
     using VornProxyDependent::VornProxyDependent;
@@ -47,7 +47,7 @@ public:
     }
 };
 
-/// Sends a notification from a service to a sink, both of the library.
+/** Sends a notification from a service to a sink, both of the library. */
 template <typename Proxy>
 void notifySink(const char* type, int id) {
     ASSERT_EQ(::setenv("QUORAX_CALLB_CONN_TYPE", type, 1), 0);

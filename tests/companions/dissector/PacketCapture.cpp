@@ -48,7 +48,7 @@ bool hasPayload(const std::string& packet) {
     return isTcp(packet) && total > tcp - cIp + (byteAt(packet, tcp + 12) >> 4U) * 4;
 }
 
-/// Moves a number of four bytes, most significant first.
+/** Moves a number of four bytes, most significant first. */
 void shift(std::string& packet, std::size_t index) {
     constexpr std::uint32_t cDistance = 100000000;
     std::uint32_t number = 0;

@@ -23,20 +23,22 @@ class PacketCapture {
 public:
     PacketCapture();
 
-    /// Waits until as many sides of TCP connections have ended.
+    /** Waits until as many sides of TCP connections have ended. */
     void awaitEnds(int count);
 
-    /// Keeps only the first @p size bytes of each packet from now on, as `tcpdump -s` does.
+    /** Keeps only the first @p size bytes of each packet from now on, as `tcpdump -s` does. */
     void cutPackets(std::size_t size);
 
-    /// Appends what has been captured once more, @p seconds later, as other connections between the same
-    /// ports.
+    /**
+     * Appends what has been captured once more, @p seconds later, as other connections between the same
+     * ports.
+     */
     void repeatLater(int seconds);
 
-    /// Writes what has been captured as a pcap file.
+    /** Writes what has been captured as a pcap file. */
     void write(const std::string& path);
 
-    /// How many packets carry bytes of a TCP stream.
+    /** How many packets carry bytes of a TCP stream. */
     int segments();
 
 private:

@@ -24,7 +24,7 @@ Lines both(Lines left, const Lines& right) {
     return left;
 }
 
-/// The library's client asks for a service; what answers it is plain POSIX.
+/** The library's client asks for a service; what answers it is plain POSIX. */
 void askForService(const std::string& answer) {
     int port = 5023;
     const UniqueFd listener = tcpListen("127.0.0.1", port);

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What docs/debugging.md shows of tshark is what tshark shows, its table of preferences is the dissector's,
  * and tshark finds the dissector where it is installed.
@@ -30,7 +29,7 @@ using testing::HasSubstr;
 
 namespace {
 
-/// A command with its output, as the page shows them.
+/** A command with its output, as the page shows them. */
 struct Transcript {
     std::string command;
     Lines output;
@@ -81,7 +80,7 @@ std::vector<Transcript> transcripts() {
     return result;
 }
 
-/// Without what is different each time: a packet's number, its time and the port that the kernel chose.
+/** Without what is different each time: a packet's number, its time and the port that the kernel chose. */
 std::string lasting(const std::string& line) {
     static const std::regex start(R"(^ +\d+ +\d+\.\d+ +)");
     static const std::regex number(R"(^Frame \d+:)");
@@ -96,7 +95,7 @@ Lines lasting(Lines lines) {
     return lines;
 }
 
-/// A notification from a service to a sink.
+/** A notification from a service to a sink. */
 void notify() {
     ASSERT_EQ(::setenv("QUORAX_CALLB_CONN_TYPE", "socket", 1), 0);
     VornLibraryCallbackSink sink("wire");
@@ -106,7 +105,7 @@ void notify() {
     ASSERT_TRUE(spCallback->wait(10000));
 }
 
-/// A client's request to a service, and its acknowledgement.
+/** A client's request to a service, and its acknowledgement. */
 void request() {
     int port = 5024;
     const UniqueFd listener = tcpListen("127.0.0.1", port);

@@ -20,7 +20,7 @@ namespace VornTest {
 
 using Lines = std::vector<std::string>;
 
-/// A test that captures in its own network and has the capture dissected.
+/** A test that captures in its own network and has the capture dissected. */
 class VornnetDissector : public LeakCheckedTest {
 protected:
     void SetUp() override;
@@ -33,25 +33,25 @@ protected:
      */
     Lines shown(const Lines& options = {});
 
-    /// The same for all packets that are no mere TCP, with their protocol: "HTTP GET / HTTP/1.1".
+    /** The same for all packets that are no mere TCP, with their protocol: "HTTP GET / HTTP/1.1". */
     Lines shownOfAll(const Lines& options = {});
 
-    /// The remarks (expert infos) of the dissector, in order.
+    /** The remarks (expert infos) of the dissector, in order. */
     Lines remarks(const Lines& options = {});
 
-    /// The values of the fields, of each packet that has the first of them, separated by a bar.
+    /** The values of the fields, of each packet that has the first of them, separated by a bar. */
     Lines fields(const Lines& names, const Lines& options = {});
 
-    /// Runs tshark on what has been captured.
+    /** Runs tshark on what has been captured. */
     std::string tshark(const Lines& options);
 
-    /// What `tshark -G` has to say.
+    /** What `tshark -G` has to say. */
     std::string report(const std::string& kind);
 
-    /// A connection in which each side sends in turn what it has to say: client, server, client...
+    /** A connection in which each side sends in turn what it has to say: client, server, client... */
     void talk(const Lines& says, int port = 5023);
 
-    /// The same, but each byte in a segment of its own, and so received before the next one is sent.
+    /** The same, but each byte in a segment of its own, and so received before the next one is sent. */
     void talkSlowly(const Lines& says, int port = 5023);
 
     PacketCapture& capture() { return *m_capture; }
@@ -68,14 +68,14 @@ private:
     int m_ends = 0;
 };
 
-/// Options that set preferences: {"content:int"} gives {"-o", "vornnet.content:int"}.
+/** Options that set preferences: {"content:int"} gives {"-o", "vornnet.content:int"}. */
 Lines preferring(const Lines& settings);
 
-/// The bytes of values on the wire.
+/** The bytes of values on the wire. */
 std::string longBytes(unsigned long number);
 std::string stringBytes(const std::string& text);
 
-/// A notification with an id and nothing else.
+/** A notification with an id and nothing else. */
 std::string notificationBytes(unsigned long handle, unsigned long id);
 
 } // namespace VornTest

@@ -18,7 +18,7 @@ class VornnetEncode : public ToolTest {};
 
 class VornnetDecode : public ToolTest {};
 
-/// A file in a directory that every test finds empty.
+/** A file in a directory that every test finds empty. */
 std::string writeFile(const std::string& data) {
     const std::string path = pipePath("input");
     std::ofstream(path, std::ios::binary) << data;

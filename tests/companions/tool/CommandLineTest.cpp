@@ -17,7 +17,7 @@ class VornnetTool : public ToolTest {};
 
 class VornnetSubcommand : public ToolTest, public testing::WithParamInterface<std::string> {};
 
-/// Runs a command with a terminal for its standard output and error.
+/** Runs a command with a terminal for its standard output and error. */
 ToolResult runOnTerminal(const std::string& command, const std::string& variables = "TERM=xterm") {
     return runShell(variables + " script -qec \"" + command + "\" /dev/null");
 }

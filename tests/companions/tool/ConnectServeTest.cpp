@@ -23,7 +23,7 @@ class VornnetServe : public ToolNetworkTest {};
 
 class VornnetConversation : public ToolNetworkTest, public testing::WithParamInterface<std::string> {
 protected:
-    /// Starts a server at the parameter's address and waits until it listens.
+    /** Starts a server at the parameter's address and waits until it listens. */
     ChildProcess serve(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {"serve", GetParam()});
         ChildProcess server = startTool(arguments);

@@ -19,12 +19,12 @@ namespace {
 
 class VornnetDoctor : public ToolNetworkTest {};
 
-/// What the tool finds, and its exit status.
+/** What the tool finds, and its exit status. */
 struct Diagnosis {
     int status = -1;
     Json findings;
 
-    /// The findings of a check.
+    /** The findings of a check. */
     std::vector<Json> of(const std::string& check) const {
         std::vector<Json> result;
         for (const Json& finding : findings) {
@@ -43,7 +43,7 @@ Diagnosis examine(const std::vector<std::string>& environment = {"QUORAX_CALLB_C
     return {result.status, result.json().at("findings")};
 }
 
-/// Expects that the only finding of a check is this one.
+/** Expects that the only finding of a check is this one. */
 void expectFinding(const Diagnosis& diagnosis, const std::string& check, const std::string& severity,
                    const std::string& text) {
     const std::vector<Json> findings = diagnosis.of(check);
@@ -61,7 +61,7 @@ std::string directoryPath() {
     return path.substr(0, path.size() - 1);
 }
 
-/// Gives the pipe directory another mode while it exists.
+/** Gives the pipe directory another mode while it exists. */
 class DirectoryMode {
 public:
     explicit DirectoryMode(mode_t mode) { ::chmod(pipeDirectory(), mode); }
@@ -72,7 +72,7 @@ public:
     DirectoryMode& operator=(const DirectoryMode&) = delete;
 };
 
-/// Leaves a TCP port in TIME_WAIT, by closing the server's side first.
+/** Leaves a TCP port in TIME_WAIT, by closing the server's side first. */
 void leaveInTimeWait(int port) {
     UniqueFd accepted;
     UniqueFd client;

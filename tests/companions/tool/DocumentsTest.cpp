@@ -38,19 +38,19 @@ Words matches(const std::string& text, const std::string& pattern) {
     return result;
 }
 
-/// The long options of a help text.
+/** The long options of a help text. */
 Words optionsOf(const std::string& help) {
     return matches(help, R"((?:^|\n)  (?:-h,)?(--[a-z-]+))");
 }
 
-/// The program's own help: its options for an empty name, else those of the subcommand.
+/** The program's own help: its options for an empty name, else those of the subcommand. */
 std::string helpOf(const std::string& name) {
     return runTool(name.empty() ? std::vector<std::string>{"--help"}
                                 : std::vector<std::string>{name, "--help"})
         .output;
 }
 
-/// What bash offers behind `vornnet ...` when the last of the words is to be completed.
+/** What bash offers behind `vornnet ...` when the last of the words is to be completed. */
 Words complete(const std::string& words) {
     const std::string script = "source \"$1\"; COMP_WORDS=(vornnet " + words +
                                "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _vornnet; "
@@ -66,7 +66,7 @@ Words complete(const std::string& words) {
     return result;
 }
 
-/// The lines of zsh's completion that belong to the subcommand.
+/** The lines of zsh's completion that belong to the subcommand. */
 std::string zshPartOf(const std::string& name) {
     const std::string text = readTextFile(toolFile("completion/_vornnet"));
     const std::size_t start = text.find("                " + name + ") _arguments");

@@ -33,7 +33,7 @@ namespace {
 
 class VornnetPipes : public ToolTest {
 protected:
-    /// What the tool says of the pipes called @p name.
+    /** What the tool says of the pipes called @p name. */
     static std::vector<Json> entries(const std::string& name) {
         std::vector<Json> result;
         const Json object = runTool({"pipes", "--json"}).json();
@@ -51,7 +51,7 @@ protected:
     }
 };
 
-/// A socket file whose server has gone.
+/** A socket file whose server has gone. */
 void makeDeadPipe(const std::string& name) {
     unixListen(pipePath(name));
 }
@@ -66,7 +66,7 @@ ChildProcess serve(const std::string& name) {
     return server;
 }
 
-/// Makes socket(AF_NETLINK) fail from now on, as it does in hardened services.
+/** Makes socket(AF_NETLINK) fail from now on, as it does in hardened services. */
 bool forbidNetlink() {
     sock_filter instructions[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -81,7 +81,7 @@ bool forbidNetlink() {
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-/// `pipes --json` on a host whose kernel has no socket diagnosis.
+/** `pipes --json` on a host whose kernel has no socket diagnosis. */
 Json pipesWithoutDiagnosis() {
     ChildProcess tool = ChildProcess::spawnRole("runWithoutNetlink", toolPath(), "pipes", "--json");
     return finish(tool).json().at("pipes");

@@ -26,12 +26,12 @@ class VornnetNotify : public ToolNetworkTest {};
 
 class VornnetRoad : public ToolNetworkTest, public testing::WithParamInterface<std::string> {};
 
-/// Handle 0 and an id of 12, as a sender writes them.
+/** Handle 0 and an id of 12, as a sender writes them. */
 const char cNotification[] = "00 00 00 00 00 00 00 00  00 00 00 0c 00 00 00 00";
-/// A handle for which no sink here has a callback.
+/** A handle for which no sink here has a callback. */
 const char cUnknownHandle[] = "00 00 00 63 00 00 00 00";
 
-/// Whether the only thread that does anything is in connect(), where a full queue holds it.
+/** Whether the only thread that does anything is in connect(), where a full queue holds it. */
 bool isInConnect(pid_t pid) {
     const std::string text = readTextFile("/proc/" + std::to_string(pid) + "/syscall");
     return text.rfind(std::to_string(SYS_connect) + " ", 0) == 0;

@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::chrono::seconds cPatience(60);
 
-/// Ports stay in TIME_WAIT for a minute, in the network in which they were used.
+/** Ports stay in TIME_WAIT for a minute, in the network in which they were used. */
 void enterNewNetwork() {
     needSandbox("a network of its own");
     if (::unshare(CLONE_NEWNET) != 0)
@@ -39,7 +39,7 @@ void enterNewNetwork() {
         throw std::system_error(errno, std::generic_category(), "ioctl(SIOCSIFFLAGS)");
 }
 
-/// Whether the process has taken every signal, or has ended.
+/** Whether the process has taken every signal, or has ended. */
 bool hasTakenSignals(pid_t pid) {
     const std::string status = readTextFile("/proc/" + std::to_string(pid) + "/status");
     return status.find("ShdPnd:\t0000000000000000\n") != std::string::npos ||

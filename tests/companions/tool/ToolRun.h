@@ -19,64 +19,64 @@ namespace VornTest {
 
 using Json = nlohmann::json;
 
-/// A test that begins with an empty pipe directory.
+/** A test that begins with an empty pipe directory. */
 class ToolTest : public LeakCheckedTest {
 protected:
     void SetUp() override;
 };
 
-/// The same in a network of its own, in which no port has been used.
+/** The same in a network of its own, in which no port has been used. */
 class ToolNetworkTest : public ToolTest {
 protected:
     void SetUp() override;
 };
 
-/// How a run of the tool ended and what it wrote.
+/** How a run of the tool ended and what it wrote. */
 struct ToolResult {
     int status = -1;
     std::string output;
     std::string errors;
 
-    /// The output as one JSON value; throws if it is none.
+    /** The output as one JSON value; throws if it is none. */
     Json json() const { return Json::parse(output); }
 };
 
-/// For GoogleTest's messages.
+/** For GoogleTest's messages. */
 void PrintTo(const ToolResult& result, std::ostream* out);
 
-/// The tool's path.
+/** The tool's path. */
 std::string toolPath();
 
-/// A file of the tool's source folder, such as "man/vornnet.1".
+/** A file of the tool's source folder, such as "man/vornnet.1". */
 std::string toolFile(const std::string& name);
 
-/// The names of all subcommands.
+/** The names of all subcommands. */
 const std::vector<std::string>& subcommands();
 
-/// Runs the tool to its end.
+/** Runs the tool to its end. */
 ToolResult runTool(const std::vector<std::string>& arguments,
                    const std::vector<std::string>& environment = {});
 
-/// Runs a shell command, in which $TOOL is the tool.
+/** Runs a shell command, in which $TOOL is the tool. */
 ToolResult runShell(const std::string& command);
 
-/// Starts the tool.
+/** Starts the tool. */
 ChildProcess startTool(const std::vector<std::string>& arguments,
                        const std::vector<std::string>& environment = {});
 
-/// The next line of output, with the patience that a busy machine needs.
+/** The next line of output, with the patience that a busy machine needs. */
 std::string nextLine(ChildProcess& tool);
 
-/// The next line of output as JSON.
+/** The next line of output as JSON. */
 Json nextJson(ChildProcess& tool);
 
-/// Waits for the end of a started tool.
+/** Waits for the end of a started tool. */
 ToolResult finish(ChildProcess& tool);
 
-/// Sends SIGINT again and again for a moment, as a terminal and a script that both mean the same do.
+/** Sends SIGINT again and again for a moment, as a terminal and a script that both mean the same do. */
 void interruptSeveralTimes(ChildProcess& tool);
 
-/// Starts `sink` and returns its address, which is its first line.
+/** Starts `sink` and returns its address, which is its first line. */
 std::string addressOf(ChildProcess& sink);
 
 } // namespace VornTest

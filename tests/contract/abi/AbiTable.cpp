@@ -22,9 +22,8 @@ namespace VornAbi {
 namespace {
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
         text.replace(at, from.size(), to);
-    }
 }
 
 std::vector<ClassRow> readClassTable() {
@@ -49,9 +48,8 @@ void addExports(const std::string& file, std::uintptr_t base, Exports& exports) 
     const auto* header = reinterpret_cast<const ElfW(Ehdr)*>(image.data());
     const auto* sections = reinterpret_cast<const ElfW(Shdr)*>(image.data() + header->e_shoff);
     for (std::size_t i = 0; i < header->e_shnum; ++i) {
-        if (sections[i].sh_type != SHT_DYNSYM) {
+        if (sections[i].sh_type != SHT_DYNSYM)
             continue;
-        }
         const auto* symbols = reinterpret_cast<const ElfW(Sym)*>(image.data() + sections[i].sh_offset);
         const char* texts = image.data() + sections[sections[i].sh_link].sh_offset;
         for (std::size_t s = 0; s < sections[i].sh_size / sizeof(*symbols); ++s) {
@@ -69,9 +67,8 @@ Exports readExports() {
     dl_iterate_phdr(
         [](dl_phdr_info* info, std::size_t, void* data) {
             const std::string file = info->dlpi_name;
-            if (file.find("libvorn") != std::string::npos) {
+            if (file.find("libvorn") != std::string::npos)
                 addExports(file, info->dlpi_addr, *static_cast<Exports*>(data));
-            }
             return 0;
         },
         &exports);
@@ -133,9 +130,8 @@ std::vector<std::string> exportedNames(const void* address) {
 
 std::set<std::string> allExportedNames() {
     std::set<std::string> names;
-    for (const auto& [address, name] : allExports()) {
+    for (const auto& [address, name] : allExports())
         names.insert(readable(name.c_str()));
-    }
     return names;
 }
 

@@ -43,9 +43,8 @@ std::string exportedNameOf(Pointer pointer, const std::string& expected) {
     std::string found = "(nothing)";
     for (const std::string& name : exportedNames(address)) {
         found = readable(name.c_str());
-        if (found == expected) {
+        if (found == expected)
             break;
-        }
     }
     return found;
 }
@@ -68,9 +67,8 @@ TEST(Functions, TheLibraryExportsEveryFunctionOfTheTable) {
 #undef FREE
 #undef VARIABLE
     };
-    for (const Function& function : functions) {
+    for (const Function& function : functions)
         EXPECT_EQ(function.exported, function.name);
-    }
 }
 
 #ifdef VORNTEST_EXACT_EXPORTS
@@ -83,24 +81,21 @@ bool hasFurtherBase(const ClassRow& row) {
 
 void addTypes(std::set<std::string>& names) {
     for (const ClassRow& row : classTable()) {
-        if (row.mangledName.empty()) {
+        if (row.mangledName.empty())
             continue;
-        }
         const std::string destructor = row.name + "::~" + row.name + "()";
         names.insert({"vtable for " + row.name, "typeinfo for " + row.name, "typeinfo name for " + row.name,
                       destructor});
-        if (hasFurtherBase(row)) {
+        if (hasFurtherBase(row))
             names.insert("non-virtual thunk to " + destructor);
-        }
     }
 }
 
 /** The pointers that the networking library instantiates for all programs. */
 void addSmartPointers(std::set<std::string>& names) {
     for (const ClassRow& row : classTable()) {
-        if (row.name.rfind("VornSmartPointer<", 0) != 0) {
+        if (row.name.rfind("VornSmartPointer<", 0) != 0)
             continue;
-        }
         const std::string target =
             row.name.substr(row.name.find('<') + 1, row.name.size() - row.name.find('<') - 2);
         for (const std::string& member :
@@ -155,12 +150,10 @@ TEST(Functions, TheLibrariesExportNothingBesidesTheTables) {
     addOperations(expected);
     addPrivate(expected);
     const std::set<std::string> found = allExportedNames();
-    for (const std::string& name : found) {
+    for (const std::string& name : found)
         EXPECT_EQ(expected.count(name), 1U) << name << " is exported and stands in no table";
-    }
-    for (const std::string& name : expected) {
+    for (const std::string& name : expected)
         EXPECT_EQ(found.count(name), 1U) << name << " is gone: programs that call it need another soname";
-    }
 }
 
 #endif

@@ -131,9 +131,8 @@ TEST_P(Layout, SizeIsAsInTheTable) {
 }
 
 TEST_P(Layout, EveryFieldStandsWhereTheTableSays) {
-    for (const Field& field : fieldsOf(GetParam().name)) {
+    for (const Field& field : fieldsOf(GetParam().name))
         EXPECT_EQ(field.compiledOffset, field.offset) << field.className << "::" << field.name;
-    }
 }
 
 TEST_P(Layout, NothingStandsBetweenTheFieldsOfTheTable) {
@@ -162,9 +161,8 @@ TEST_P(BaseClasses, TheLibraryDescribesTheBasesOfTheTableInTheirOrder) {
     const auto* type = static_cast<const std::type_info*>(exportedAddress("_ZTI" + GetParam().mangledName));
     ASSERT_NE(type, nullptr);
     std::vector<std::string> expected;
-    for (const Base& base : GetParam().bases) {
+    for (const Base& base : GetParam().bases)
         expected.push_back(base.name + " at " + std::to_string(base.offset));
-    }
     EXPECT_THAT(describedBases(*type), testing::ElementsAreArray(expected));
 }
 
@@ -191,9 +189,8 @@ TEST(FieldLayout, TheHolderOfAMutexRefersToItFirst) {
 
 TEST(FieldLayout, EveryRowBelongsToAClassOfTheTable) {
     std::size_t rows = 0;
-    for (const ClassRow& row : classTable()) {
+    for (const ClassRow& row : classTable())
         rows += fieldsOf(row.name).size();
-    }
     std::size_t written = 0;
 #define FIELD(class_, offset_, type_, field_) ++written;
 #include "Fields.inc"

@@ -97,12 +97,10 @@ std::vector<Group> expectedGroups(const ClassRow& row) {
             groups.push_back(group);
         }
     }
-    if (groups.empty()) {
+    if (groups.empty())
         groups.push_back({0, {"", ""}});
-    }
-    for (Group& group : groups) {
+    for (Group& group : groups)
         renameDestructors(group, row.name);
-    }
     auto& own = groups.front().slots;
     for (const Slot& slot : slotsOf(row.name)) {
         own.resize(std::max(own.size(), slot.slot + 1), "(no row)");
@@ -117,9 +115,8 @@ bool isAbstract(const std::vector<Group>& groups) {
 }
 
 std::string operationName(const std::string& mangled) {
-    if (mangled == "__cxa_pure_virtual") {
+    if (mangled == "__cxa_pure_virtual")
         return c_sPure;
-    }
     const auto is = [&](const char* kind) { return mangled.find(kind) != std::string::npos; };
     return readable(mangled.c_str()) + (is("D1Ev") || is("D2Ev") ? " of the object"
                                         : is("D0Ev")             ? " and its memory"
@@ -137,9 +134,8 @@ std::string describedEntry(std::uintptr_t entry, const std::string& expected) {
     std::string described = entry == 0 ? "(nothing)" : c_sInline;
     for (const std::string& name : exportedNames(function)) {
         described = operationName(name);
-        if (described == expected) {
+        if (described == expected)
             break;
-        }
     }
     return described;
 }
@@ -154,9 +150,8 @@ VirtualTable virtualTable(const ClassRow& row) {
     const void* table = exportedAddress("_ZTV" + row.mangledName);
     Dl_info info{};
     void* extra = nullptr;
-    if (table == nullptr || dladdr1(table, &info, &extra, RTLD_DL_SYMENT) == 0 || extra == nullptr) {
+    if (table == nullptr || dladdr1(table, &info, &extra, RTLD_DL_SYMENT) == 0 || extra == nullptr)
         return {};
-    }
     const auto* symbol = static_cast<const ElfW(Sym)*>(extra);
     return {static_cast<const std::uintptr_t*>(table), symbol->st_size / sizeof(void*)};
 }
@@ -175,9 +170,8 @@ std::vector<ClassRow> classesWithVirtualOperations() {
 class VirtualSlots : public testing::TestWithParam<ClassRow> {};
 
 TEST_P(VirtualSlots, ProgramsCallEachOperationThroughTheSlotOfTheTable) {
-    for (const Slot& slot : slotsOf(GetParam().name)) {
+    for (const Slot& slot : slotsOf(GetParam().name))
         EXPECT_EQ(slot.compiledSlot, slot.slot) << slot.className << "::" << slot.operation;
-    }
 }
 
 TEST_P(VirtualSlots, TheLibraryHasTheOperationsOfTheTableAndNoMore) {
@@ -185,9 +179,8 @@ TEST_P(VirtualSlots, TheLibraryHasTheOperationsOfTheTableAndNoMore) {
     ASSERT_NE(table.words, nullptr);
     const auto groups = expectedGroups(GetParam());
     std::size_t expectedCount = 0;
-    for (const Group& group : groups) {
+    for (const Group& group : groups)
         expectedCount += 2 + group.slots.size();
-    }
     ASSERT_EQ(table.count, expectedCount);
     const std::uintptr_t* word = table.words;
     for (const Group& group : groups) {
@@ -198,9 +191,8 @@ TEST_P(VirtualSlots, TheLibraryHasTheOperationsOfTheTableAndNoMore) {
                        std::back_inserter(found), describedEntry);
         // An abstract class's own table is in use only while its constructors and its destructor run, and g++
         // leaves the destructors out of it.
-        if (isAbstract(groups) && word[2] == 0 && word[3] == 0) {
+        if (isAbstract(groups) && word[2] == 0 && word[3] == 0)
             std::copy_n(group.slots.begin(), 2, found.begin());
-        }
         EXPECT_THAT(found, testing::ElementsAreArray(group.slots)) << "behind offset " << group.offset;
         word += 2 + group.slots.size();
     }
@@ -210,9 +202,8 @@ INSTANTIATE_TEST_SUITE_P(Abi, VirtualSlots, testing::ValuesIn(classesWithVirtual
 
 TEST(VirtualSlotsTable, EveryRowBelongsToAClassOfTheTable) {
     std::size_t rows = 0;
-    for (const ClassRow& row : classesWithVirtualOperations()) {
+    for (const ClassRow& row : classesWithVirtualOperations())
         rows += slotsOf(row.name).size();
-    }
     std::size_t written = 0;
 #define SLOT(class_, slot_, returns_, operation_, arguments_) ++written;
 #define PURE SLOT

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Runs a command where the documents' commands may do what they say: in the tests' sandbox, with the group
 // and the pipe directory that the packages create.
 

@@ -17,7 +17,7 @@ namespace Guarantees {
 
 namespace {
 
-/// What a callback of the experiments has received; written on the sink's thread.
+/** What a callback of the experiments has received; written on the sink's thread. */
 struct Log {
     std::mutex mutex;
     std::vector<int> ids;

@@ -19,14 +19,14 @@ namespace Guarantees {
 
 using VornTest::Kind;
 
-/// How the client's callback behaves.
+/** How the client's callback behaves. */
 struct Callback {
     bool readsToEnd = true; ///< on to the end of the stream, as docs/guarantees.md recommends
     int milliseconds = 0;   ///< that it takes besides
     bool readsText = true;  ///< the text after the id as well
 };
 
-/// What sender and client have seen.
+/** What sender and client have seen. */
 struct Delivery {
     Outcome sender;
     std::vector<int> received; ///< ids in the order of arrival
@@ -34,18 +34,22 @@ struct Delivery {
     std::string addressBefore;
     std::string addressAfter;
 
-    /// Sent without an exception and never received.
+    /** Sent without an exception and never received. */
     int lostSilently() const;
 };
 
-/// Lets a service carry the order out on a fresh sink, and waits until all that got through has been
-/// received.
+/**
+ * Lets a service carry the order out on a fresh sink, and waits until all that got through has been
+ * received.
+ */
 Delivery deliver(Kind kind, Order order, const Callback& callback = {});
 
-/// Single notifications, each sent when the sink is waiting again, to where it then is: how often it moved.
+/**
+ * Single notifications, each sent when the sink is waiting again, to where it then is: how often it moved.
+ */
 int movesInSequence(Kind kind, int count, const Order& each, const Callback& callback);
 
-/// What reached the first and the second of two sinks of one process when all was sent to the first.
+/** What reached the first and the second of two sinks of one process when all was sent to the first. */
 struct TwoSinks {
     int first = 0;
     int second = 0;
@@ -54,22 +58,22 @@ struct TwoSinks {
 
 TwoSinks deliverToFirstOfTwo(Kind kind, int count);
 
-/// Notifications to a sink whose callback never returns: how many were sent before one blocked.
+/** Notifications to a sink whose callback never returns: how many were sent before one blocked. */
 int sentToStuckSink(Kind kind, int most);
 
-/// One notification to a host that swallows packets: seconds until it failed, and the code.
+/** One notification to a host that swallows packets: seconds until it failed, and the code. */
 Outcome sendToSilentHost();
 
-/// The ways in which others end a sink.
+/** The ways in which others end a sink. */
 enum class Blow { emptyDatagram, reset, callbackThrows };
 
-/// What a sender sees of a sink that was ended.
+/** What a sender sees of a sink that was ended. */
 struct Ended {
     bool ended = false;
     Outcome sender;
 };
 
-/// Ends a sink, then sends it @p count notifications, each with a second of patience.
+/** Ends a sink, then sends it @p count notifications, each with a second of patience. */
 Ended endSink(Kind kind, Blow blow, int count);
 
 } // namespace Guarantees

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Prints the tables of docs/guarantees.md: measure_guarantees [SECTION...], by hand only. It takes minutes,
 // and the figures are this machine's.
 
@@ -34,7 +33,7 @@ std::string timeOf(int micros) {
     return (micros % 1000 == 0 ? sMillis : sMillis + "." + std::to_string(micros % 1000 / 100)) + " ms";
 }
 
-/// Smallest and largest of the numbers of several runs.
+/** Smallest and largest of the numbers of several runs. */
 class Range {
 public:
     void add(double number) { m_numbers.push_back(number); }
@@ -56,7 +55,7 @@ private:
     std::vector<double> m_numbers;
 };
 
-/// One row of a table: several runs of the same delivery.
+/** One row of a table: several runs of the same delivery. */
 class Runs {
 public:
     Runs(Kind kind, const Order& order, const Callback& callback = {}) {
@@ -78,7 +77,7 @@ public:
 
     std::string delivered() const { return m_delivered.text(); }
 
-    /// How many, and by which codes.
+    /** How many, and by which codes. */
     std::string refused() const {
         std::string sCodes;
         for (const auto& [code, count] : m_codes)

@@ -45,7 +45,7 @@ private:
     const Order& m_order;
 };
 
-/// @return 0, or the code of the exception
+/** @return 0, or the code of the exception */
 int notifyOnce(Proxy& proxy, int id, int patience) {
     try {
         std::unique_ptr<Example::TimeLimit> limit;

@@ -13,7 +13,7 @@
  */
 namespace Guarantees {
 
-/// What a sender is told to do.
+/** What a sender is told to do. */
 struct Order {
     std::string address;
     int count = 1;             ///< how many notifications; their ids are 0, 1, 2, ...
@@ -26,7 +26,7 @@ struct Order {
     int patience = 0;  ///< seconds after which a notification is broken off (code 4); 0 for never
 };
 
-/// What became of it.
+/** What became of it. */
 struct Outcome {
     std::vector<int> sent;      ///< ids of those that were sent without an exception
     std::map<int, int> refused; ///< how often each error code came
@@ -35,7 +35,7 @@ struct Outcome {
     double seconds = 0;
 };
 
-/// Carries the order out in another process and waits for its end.
+/** Carries the order out in another process and waits for its end. */
 Outcome sendFromOtherProcess(const Order& order);
 
 } // namespace Guarantees

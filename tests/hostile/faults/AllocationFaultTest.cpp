@@ -28,7 +28,7 @@ using namespace VornTest;
 
 namespace {
 
-/// What a child process tells of its run.
+/** What a child process tells of its run. */
 struct Report {
     Ending ending;
     int allocations;
@@ -38,7 +38,7 @@ struct Report {
     char note[200];
 };
 
-/// A report in memory that the child shares.
+/** A report in memory that the child shares. */
 class SharedReport {
 public:
     SharedReport()
@@ -60,7 +60,7 @@ private:
 
 bool g_isLogging = false;
 
-/// Has every record written, to nowhere, if that is the circumstance; rows may have changed it.
+/** Has every record written, to nowhere, if that is the circumstance; rows may have changed it. */
 void setLogging() {
     using VornSupport::VornLogging;
     if (g_isLogging)
@@ -70,7 +70,7 @@ void setLogging() {
     VornLogging::getInstance().setLogLevel(g_isLogging ? VornLogging::cDebug : VornLogging::cOff);
 }
 
-/// Runs one row in this process.
+/** Runs one row in this process. */
 void runRow(const Operation& row, int nth, AllocationFault::Mode mode, Report& report) {
     setLogging();
     const int descriptors = openDescriptors();
@@ -94,7 +94,7 @@ void runRow(const Operation& row, int nth, AllocationFault::Mode mode, Report& r
     std::snprintf(report.note, sizeof report.note, "%s", trial.note() == nullptr ? "" : trial.note());
 }
 
-/// Whether a process has nothing else to do than to look again and again whether something has happened.
+/** Whether a process has nothing else to do than to look again and again whether something has happened. */
 bool isWaitingForEver(pid_t process) {
     int looks = 0;
     return awaitCondition(
@@ -111,7 +111,7 @@ bool isWaitingForEver(pid_t process) {
         std::chrono::milliseconds(100));
 }
 
-/// Waits for a child. @return how it ended; of an ordinary end the report tells
+/** Waits for a child. @return how it ended; of an ordinary end the report tells */
 Ending endOf(pid_t child, bool mayWaitForEver) {
     int status = 0;
     bool hasEnded = false;
@@ -192,7 +192,7 @@ protected:
         LeakCheckedTest::TearDown();
     }
 
-    /// @param alsoAllowed what every operation may do besides
+    /** @param alsoAllowed what every operation may do besides */
     void failEachAllocation(unsigned alsoAllowed) {
         for (const Operation& row : allOperations()) {
             failEachAllocationOf(row, alsoAllowed);
@@ -255,7 +255,7 @@ TEST_F(AllocationFaults, LeadToTheSameWhileEveryLogRecordIsWritten) {
     print("everything logged");
 }
 
-/// What the tables of the binary interface list.
+/** What the tables of the binary interface list. */
 std::set<std::string> tabledOperations() {
     return {
 #define CLASS(class_, size_) #class_ "::~" #class_,

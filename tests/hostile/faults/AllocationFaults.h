@@ -10,8 +10,10 @@
  */
 namespace VornTest {
 
-/// Makes the n-th allocation from now on fail, once or together with all later ones, while it exists. There
-/// is one at a time.
+/**
+ * Makes the n-th allocation from now on fail, once or together with all later ones, while it exists. There
+ * is one at a time.
+ */
 class AllocationFault {
 public:
     enum class Mode { once, fromThenOn };
@@ -22,11 +24,11 @@ public:
     AllocationFault(const AllocationFault&) = delete;
     AllocationFault& operator=(const AllocationFault&) = delete;
 
-    /// How many allocations there have been, failed ones included.
+    /** How many allocations there have been, failed ones included. */
     static int allocations();
 };
 
-/// How many blocks the process has allocated and not freed.
+/** How many blocks the process has allocated and not freed. */
 long liveAllocations();
 
 } // namespace VornTest

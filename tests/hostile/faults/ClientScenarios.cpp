@@ -69,7 +69,7 @@ Outcome tcpClientByAnyName(const Stage& stage) {
     return tcpClientOf(stage, "localhost", false);
 }
 
-/// A service that says at once what it thinks of any service name, and echoes an int.
+/** A service that says at once what it thinks of any service name, and echoes an int. */
 class NamedService {
 public:
     NamedService(UniqueFd listener, char answer)
@@ -100,8 +100,10 @@ Outcome refusedTcpHandshake(const Stage& stage) {
     return tcpHandshake(stage, '-', {cService, 0});
 }
 
-/// Over a pipe the raw write reports its failure in a way that the handshake, by contract, does not look at:
-/// the service's answer decides, and the name's bytes are missing in what follows.
+/**
+ * Over a pipe the raw write reports its failure in a way that the handshake, by contract, does not look at:
+ * the service's answer decides, and the name's bytes are missing in what follows.
+ */
 Outcome acceptedPipeHandshake(const Stage& stage) {
     const NamedService service(listenAtPipe(), '+');
     VornPipeConnection connection("faults");
@@ -166,7 +168,7 @@ Outcome datagram(const Stage& stage) {
     return datagramTo(stage, "127.0.0.1");
 }
 
-/// A name that cannot be looked up is sent to as 0.0.0.0, which is this host.
+/** A name that cannot be looked up is sent to as 0.0.0.0, which is this host. */
 Outcome datagramByName(const Stage& stage) {
     return datagramTo(stage, "localhost");
 }
@@ -184,7 +186,7 @@ Outcome eventDescriptor(const Stage& stage) {
     });
 }
 
-/// A log record in the default form, with standard error out of sight.
+/** A log record in the default form, with standard error out of sight. */
 Outcome logLine(const Stage& stage) {
     const UniqueFd before(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     const UniqueFd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
@@ -206,7 +208,7 @@ std::vector<FailingCall> streamCalls(const char* connectText) {
             {"close", isIgnored()}};
 }
 
-/// In the handshake the service is refused, afterwards the operation fails.
+/** In the handshake the service is refused, afterwards the operation fails. */
 Rule inHandshake(const Rule& later) {
     return [later](const CallFault& fault) { return fault.nth == 1 ? Promise{{cService, 0}} : later(fault); };
 }

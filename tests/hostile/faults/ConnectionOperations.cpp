@@ -16,14 +16,14 @@ namespace {
 
 const VornString cText(40, 'x');
 
-/// How the operations of one kind may end.
+/** How the operations of one kind may end. */
 struct Terms {
     Link::Kind kind;
     unsigned writing;
     unsigned reading;
 };
 
-/// A row for an operation of an established connection, with bytes waiting to be read.
+/** A row for an operation of an established connection, with bytes waiting to be read. */
 template <typename Do>
 Operation row(const Terms& terms, std::vector<std::string> names, const std::string& detail, unsigned allowed,
               const std::string& waiting, Do operation) {
@@ -34,7 +34,7 @@ Operation row(const Terms& terms, std::vector<std::string> names, const std::str
             }};
 }
 
-/// A row for a text, whose reader is told when there is no memory for it.
+/** A row for a text, whose reader is told when there is no memory for it. */
 Operation textRow(const Terms& terms, const std::string& detail, unsigned allowed,
                   const std::string& waiting) {
     return {{"VornConnection::receiveString"},

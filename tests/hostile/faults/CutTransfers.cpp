@@ -24,7 +24,7 @@ bool isStream(int fd) {
     return ::syscall(SYS_getsockopt, fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_STREAM;
 }
 
-/// The next number of a sequence that its start determines; splitmix64.
+/** The next number of a sequence that its start determines; splitmix64. */
 std::uint64_t nextRandom(std::uint64_t seed) {
     static std::atomic<std::uint64_t> state{seed};
     std::uint64_t value = state.fetch_add(0x9E3779B97F4A7C15U) + 0x9E3779B97F4A7C15U;

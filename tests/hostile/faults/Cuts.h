@@ -13,7 +13,9 @@
 
 namespace VornTest {
 
-/// Makes each send() and recv() deal with another random number of bytes, from 1 to a most, while it exists.
+/**
+ * Makes each send() and recv() deal with another random number of bytes, from 1 to a most, while it exists.
+ */
 class RandomCuts {
 public:
     RandomCuts(unsigned int seed, std::size_t most)

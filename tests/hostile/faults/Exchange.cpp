@@ -26,7 +26,7 @@ namespace {
 
 const std::string cLong(3000, 'x');
 
-/// Every type of value on the wire, as writeAll() writes it and readAll() reads it.
+/** Every type of value on the wire, as writeAll() writes it and readAll() reads it. */
 std::string allBytes() {
     return bytes("12 34 56 78 00 00 00 00" // long 305419896
                  "ff ff ff fe"             // int -2
@@ -71,7 +71,7 @@ std::vector<std::string> allValues() {
     return {"305419896", "-2", "-3", "1", "0", "", "abc", "d", "1", "0", "1", "-1", cLong};
 }
 
-/// The bytes up to a number of them, or to the end.
+/** The bytes up to a number of them, or to the end. */
 std::string receiveUpTo(int fd, std::size_t count) {
     std::string result(count, '\0');
     std::size_t arrived = 0;
@@ -84,7 +84,7 @@ std::string receiveUpTo(int fd, std::size_t count) {
     return result;
 }
 
-/// The peer's part: it reads everything, answers with the same, and waits for the end.
+/** The peer's part: it reads everything, answers with the same, and waits for the end. */
 void answerAll(int fd, std::string& arrived) {
     const std::string all = receiveUpTo(fd, allBytes().size());
     arrived += all;
@@ -96,7 +96,7 @@ void answerAll(int fd, std::string& arrived) {
 
 constexpr const char* cService = "svc\r\n";
 
-/// The peer's part when the client names the service.
+/** The peer's part when the client names the service. */
 void answerNamed(int fd, std::string& arrived) {
     arrived = receiveUpTo(fd, 5);
     if (arrived == cService) {
@@ -105,7 +105,7 @@ void answerNamed(int fd, std::string& arrived) {
     }
 }
 
-/// A client, and a service that serves it again after a failure.
+/** A client, and a service that serves it again after a failure. */
 Exchanged clientExchange(const Stage& stage, UniqueFd listener, VornConnection& connection,
                          void (*answer)(int, std::string&), const std::function<UniqueFd()>& connect) {
     Exchanged exchanged;
@@ -137,7 +137,7 @@ Exchanged clientExchange(const Stage& stage, UniqueFd listener, VornConnection& 
     return exchanged;
 }
 
-/// Without a service's name: over a pipe, a handshake does not notice that its writing has failed.
+/** Without a service's name: over a pipe, a handshake does not notice that its writing has failed. */
 Exchanged pipeClientExchange(const Stage& stage) {
     VornPipeConnection connection("faults");
     return clientExchange(stage, listenAtPipe(), connection, answerAll,
@@ -153,7 +153,7 @@ Exchanged tcpClientExchange(const Stage& stage) {
                           [port] { return tcpConnect("127.0.0.1", port); });
 }
 
-/// A server and its client.
+/** A server and its client. */
 Exchanged serverExchange(const Stage& stage, VornIPCServer& server,
                          const std::function<UniqueFd()>& connect) {
     Exchanged exchanged;
@@ -201,7 +201,7 @@ Exchanged tcpServerExchange(const Stage& stage) {
     return serverExchange(stage, server, [port] { return tcpConnect("127.0.0.1", port); });
 }
 
-/// One datagram to a plain receiver, and the same one back to a server.
+/** One datagram to a plain receiver, and the same one back to a server. */
 Exchanged datagramExchange(const Stage& stage) {
     Exchanged exchanged;
     int receiverPort = 0;

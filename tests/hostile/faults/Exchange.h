@@ -11,12 +11,12 @@
 
 namespace VornTest {
 
-/// What has come of an exchange.
+/** What has come of an exchange. */
 struct Exchanged {
     Outcome outcome;
-    /// What the connection has read, value by value.
+    /** What the connection has read, value by value. */
     std::vector<std::string> read;
-    /// The bytes that have arrived at its peer.
+    /** The bytes that have arrived at its peer. */
     std::string arrived;
 
     bool operator==(const Exchanged&) const = default;
@@ -31,11 +31,11 @@ void PrintTo(const Exchanged& exchanged, std::ostream* stream);
 struct Exchange {
     std::string name;
     std::function<Exchanged(const Stage& stage)> run;
-    /// What must come of it: the values, and the bytes, written out by hand.
+    /** What must come of it: the values, and the bytes, written out by hand. */
     Exchanged undisturbed;
-    /// How it ends when the n-th call of a function is interrupted.
+    /** How it ends when the n-th call of a function is interrupted. */
     std::function<Outcome(const std::string& function, int nth)> interrupted;
-    /// Whether it can be begun again after it has failed.
+    /** Whether it can be begun again after it has failed. */
     bool isRepeatable = false;
 };
 

@@ -12,7 +12,7 @@
 
 namespace VornTest {
 
-/// A stage on which a system call fails.
+/** A stage on which a system call fails. */
 class FaultyStage : public FaultControl {
 public:
     FaultyStage(const Scenario& scenario, const CallFault& fault, const Promise& promise);
@@ -34,21 +34,21 @@ private:
     int m_failures = 0;
 };
 
-/// What there was of a failure that was provoked.
+/** What there was of a failure that was provoked. */
 struct Provoked {
-    /// How many calls have failed.
+    /** How many calls have failed. */
     int failures = 0;
-    /// How many descriptors stay open by contract.
+    /** How many descriptors stay open by contract. */
     int leaked = 0;
 };
 
-/// Runs a scenario with a failure and expects what the call's rule promises.
+/** Runs a scenario with a failure and expects what the call's rule promises. */
 Provoked expectPromise(const Scenario& scenario, const FailingCall& call, const CallFault& fault);
 
-/// For messages.
+/** For messages. */
 std::string describe(const Scenario& scenario, const CallFault& fault);
 
-/// The name of a scenario as the name of a test.
+/** The name of a scenario as the name of a test. */
 std::string testNameOf(const Scenario& scenario);
 
 } // namespace VornTest

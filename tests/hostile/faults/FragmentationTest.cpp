@@ -21,7 +21,7 @@ namespace {
 
 constexpr unsigned int cSeed = 20'260'101;
 
-/// A line that is read by way of a look at what is waiting.
+/** A line that is read by way of a look at what is waiting. */
 bool isLineReader(const Scenario& scenario) {
     return scenario.name.size() > 5 && scenario.name.compare(scenario.name.size() - 5, 5, " line") == 0;
 }
@@ -34,9 +34,8 @@ protected:
     }
 
     static void expectExchangesUndisturbed(const std::string& circumstance) {
-        for (const Exchange& exchange : allExchanges()) {
+        for (const Exchange& exchange : allExchanges())
             EXPECT_EQ(exchange.undisturbed, exchange.run(outcomeOf)) << exchange.name << circumstance;
-        }
     }
 
     static void expectScenariosUndisturbed(const std::string& circumstance) {

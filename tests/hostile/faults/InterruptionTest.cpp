@@ -32,7 +32,7 @@ constexpr int cMostTimes = 3;
 int g_interruptions = 0;
 int g_sites = 0;
 
-/// Prints what the whole run has come to.
+/** Prints what the whole run has come to. */
 class Totals : public testing::Environment {
     void TearDown() override {
         if (g_interruptions > 0 && g_sites > 0)
@@ -51,7 +51,7 @@ protected:
         useInterposition();
     }
 
-    /// @return whether the call was reached
+    /** @return whether the call was reached */
     bool interrupt(const Scenario& scenario, const FailingCall& call, int nth, int times) {
         const CallFault fault = {call.function, EINTR, nth, false, times};
         const Provoked provoked = expectPromise(scenario, call, fault);
@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, InterruptionOfScenario,
                          testing::Range<std::size_t>(0, allScenarios().size()),
                          [](const auto& test) { return testNameOf(allScenarios()[test.param]); });
 
-/// The calls that an exchange makes when nothing disturbs it.
+/** The calls that an exchange makes when nothing disturbs it. */
 std::vector<CallRecord> callsOf(const Exchange& exchange) {
     std::vector<CallRecord> calls;
     exchange.run([&](const std::function<std::string()>& action) {
@@ -95,7 +95,7 @@ std::vector<CallRecord> callsOf(const Exchange& exchange) {
     return calls;
 }
 
-/// A call of an exchange that is interrupted.
+/** A call of an exchange that is interrupted. */
 struct Site {
     std::string function;
     int nth = 0;

@@ -12,7 +12,7 @@
 
 namespace VornTest {
 
-/// An established connection of each kind, whose other end is a plain socket of the same thread.
+/** An established connection of each kind, whose other end is a plain socket of the same thread. */
 class Link {
 public:
     enum class Kind {
@@ -27,12 +27,12 @@ public:
     };
 
     static std::string nameOf(Kind kind);
-    /// The class that has the raw operations.
+    /** The class that has the raw operations. */
     static std::string classOf(Kind kind);
-    /// A number in four bytes as it travels.
+    /** A number in four bytes as it travels. */
     static std::string onWire(int number);
 
-    /// @param waiting what the connection is to read
+    /** @param waiting what the connection is to read */
     Link(Kind kind, const std::string& waiting);
 
     VornNet::VornConnection& connection() { return *m_connection; }

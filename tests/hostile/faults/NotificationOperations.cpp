@@ -122,7 +122,7 @@ VornSmartPointer<VornProxyDependent> proxy(const VornString& address, long id) {
     return {new VornProxyDependent(address, id)};
 }
 
-/// The registry with one entry, which it must still have afterwards.
+/** The registry with one entry, which it must still have afterwards. */
 template <typename Use>
 std::function<void(Trial&)> usingRegistry(int sizeAfter, Use use) {
     return [=](Trial& trial) {
@@ -182,7 +182,7 @@ Operations registryRows() {
     };
 }
 
-/// Notifies a plain receiver of its kind.
+/** Notifies a plain receiver of its kind. */
 Operation notifying(const std::string& kind, unsigned allowed) {
     return {{"VornProxyDependent::remoteNotify"}, kind, allowed, [kind](Trial& trial) {
                 int port = 0;
@@ -269,7 +269,7 @@ Operations certificateRows() {
     };
 }
 
-/// What the names are, hostsFile() tells.
+/** What the names are, hostsFile() tells. */
 Operations lookUpRows() {
     // What the system's resolver lacks memory for counts as not found.
     const unsigned ofLookUp = throwsBadAlloc | doesWithout;

@@ -40,7 +40,7 @@ Outcome tcpNotification(const Stage& stage) {
     return tcpNotificationTo(stage, "127.0.0.1");
 }
 
-/// A name that cannot be looked up is attempted as 0.0.0.0, which is this host.
+/** A name that cannot be looked up is attempted as 0.0.0.0, which is this host. */
 Outcome tcpNotificationByName(const Stage& stage) {
     return tcpNotificationTo(stage, "localhost");
 }

@@ -18,7 +18,7 @@
  */
 namespace VornTest {
 
-/// What an operation of which an allocation fails may do; several may be combined.
+/** What an operation of which an allocation fails may do; several may be combined. */
 enum Ending : unsigned {
     allocatesNothing = 0,     ///< it has no allocation that could fail
     throwsBadAlloc = 1,       ///< std::bad_alloc
@@ -29,43 +29,43 @@ enum Ending : unsigned {
     throwsSomethingElse = 32, ///< never allowed
 };
 
-/// One run of an operation, in which perhaps an allocation fails.
+/** One run of an operation, in which perhaps an allocation fails. */
 class Trial {
 public:
-    /// @param nth which allocation fails; 0 for none
+    /** @param nth which allocation fails; 0 for none */
     Trial(int nth, AllocationFault::Mode mode) : m_nth(nth), m_mode(mode) {}
 
-    /// Does the operation; around it a row may prepare and look at what it needs. Once per run.
+    /** Does the operation; around it a row may prepare and look at what it needs. Once per run. */
     template <typename Operation>
     void attempt(Operation&& operation) {
         attemptOn(AllocationFault::Scope::thisThread, operation);
     }
 
-    /// The same for an operation that works on other threads as well: their allocations fail, too.
+    /** The same for an operation that works on other threads as well: their allocations fail, too. */
     template <typename Operation>
     void attemptOnAllThreads(Operation&& operation) {
         attemptOn(AllocationFault::Scope::allThreads, operation);
     }
 
-    /// The same, but it is of other threads only: what this one does is a peer's part.
+    /** The same, but it is of other threads only: what this one does is a peer's part. */
     template <typename Operation>
     void attemptOnOtherThreads(Operation&& operation) {
         attemptOn(AllocationFault::Scope::otherThreads, operation);
     }
 
-    /// Whether the operation has thrown: what it works on must then be as before.
+    /** Whether the operation has thrown: what it works on must then be as before. */
     bool hasThrown() const { return m_ending != doesWithout; }
 
-    /// The code of the VornException that it has thrown; 0 when it has not.
+    /** The code of the VornException that it has thrown; 0 when it has not. */
     int code() const { return m_code; }
 
-    /// Notes what must not be, for example that an object is half changed.
+    /** Notes what must not be, for example that an object is half changed. */
     void expect(bool isTrue, const char* otherwise) {
         if (!isTrue && m_note == nullptr)
             m_note = otherwise;
     }
 
-    /// By contract a datagram that cannot be sent leaves its descriptor open.
+    /** By contract a datagram that cannot be sent leaves its descriptor open. */
     void allowOpenDescriptor() { m_mayLeaveDescriptor = true; }
 
     Ending ending() const { return m_ending; }
@@ -106,11 +106,11 @@ private:
     bool m_mayLeaveDescriptor = false;
 };
 
-/// A row of the table.
+/** A row of the table. */
 struct Operation {
-    /// The operations that are done, as "Class::operation" or "function".
+    /** The operations that are done, as "Class::operation" or "function". */
     std::vector<std::string> names;
-    /// Under which circumstances; empty where there is only one way.
+    /** Under which circumstances; empty where there is only one way. */
     std::string detail;
     unsigned allowed;
     std::function<void(Trial&)> run;
@@ -128,10 +128,10 @@ Operations sinkOperations();
 Operations steadySinkOperations();
 Operations subscriptionOperations();
 
-/// The whole table.
+/** The whole table. */
 Operations allOperations();
 
-/// The names and addresses that the table's operations look up.
+/** The names and addresses that the table's operations look up. */
 const char* hostsFile();
 
 } // namespace VornTest

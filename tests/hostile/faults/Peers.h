@@ -16,17 +16,19 @@
  */
 namespace VornTest {
 
-/// Listens at the pipe called "faults".
+/** Listens at the pipe called "faults". */
 UniqueFd listenAtPipe();
 
-/// A port that nothing has used before, outside the range from which the system chooses: so a connection that
-/// is still in TIME_WAIT, or one that by chance comes from that port, cannot be in a server's way.
+/**
+ * A port that nothing has used before, outside the range from which the system chooses: so a connection that
+ * is still in TIME_WAIT, or one that by chance comes from that port, cannot be in a server's way.
+ */
 int freshPort();
 
-/// Serves one client after the other until it is destroyed.
+/** Serves one client after the other until it is destroyed. */
 class Service {
 public:
-    /// @param serve is given each client; what it throws ends the client
+    /** @param serve is given each client; what it throws ends the client */
     Service(UniqueFd listener, std::function<void(int client)> serve);
     ~Service();
 
@@ -39,10 +41,10 @@ private:
     WatchedThread m_thread;
 };
 
-/// A service's work: answers the client's int with the same int.
+/** A service's work: answers the client's int with the same int. */
 void echoInt(int client);
 
-/// Does something again and again until it is destroyed, also when it fails.
+/** Does something again and again until it is destroyed, also when it fails. */
 class Repeated {
 public:
     explicit Repeated(std::function<void()> work);
@@ -53,7 +55,7 @@ private:
     WatchedThread m_thread;
 };
 
-/// Writes the int 7 to a server and waits for the end.
+/** Writes the int 7 to a server and waits for the end. */
 void callServer(const UniqueFd& server);
 
 } // namespace VornTest

@@ -39,7 +39,7 @@ Place pipePlace(const std::string& name) {
     return place;
 }
 
-/// A callback address: "pipe:NAME", "socket:HOST:PORT" or "udp:HOST:PORT".
+/** A callback address: "pipe:NAME", "socket:HOST:PORT" or "udp:HOST:PORT". */
 Place placeOf(const std::string& text) {
     const std::size_t first = text.find(':');
     if (text.compare(0, first, "pipe") == 0)
@@ -56,7 +56,7 @@ Place placeOf(const std::string& text) {
     return place;
 }
 
-/// @return a connected socket, or -1
+/** @return a connected socket, or -1 */
 int connect(const Place& place) {
     const long fd = ::syscall(SYS_socket, place.family, place.type | SOCK_CLOEXEC, 0);
     if (fd != -1 && ::syscall(SYS_connect, fd, &place.address, place.length) != 0) {

@@ -16,12 +16,14 @@
  */
 namespace VornTest {
 
-/// How a scenario ended.
+/** How a scenario ended. */
 struct Outcome {
-    /// The exception's text; "no client" for a wait that ended quietly, "not sent" for a failed datagram and
-    /// the like, else empty.
+    /**
+     * The exception's text; "no client" for a wait that ended quietly, "not sent" for a failed datagram and
+     * the like, else empty.
+     */
     std::string text;
-    /// The exception's code.
+    /** The exception's code. */
     int code = 0;
 
     bool operator==(const Outcome&) const = default;
@@ -29,88 +31,94 @@ struct Outcome {
 
 void PrintTo(const Outcome& outcome, std::ostream* stream);
 
-/// The failure of one system call: call site, error number and mode.
+/** The failure of one system call: call site, error number and mode. */
 struct CallFault {
     std::string function;
     int error = 0;
-    /// Which one of the calls is the first to fail.
+    /** Which one of the calls is the first to fail. */
     int nth = 1;
-    /// Whether it fails from then on always, or a number of times.
+    /** Whether it fails from then on always, or a number of times. */
     bool isLasting = false;
     int times = 1;
 };
 
-/// What must come of a failure.
+/** What must come of a failure. */
 struct Promise {
     Outcome outcome;
-    /// Descriptors left open by contract, for each failure.
+    /** Descriptors left open by contract, for each failure. */
     int leaked = 0;
-    /// Whether it goes on until somebody interrupts it.
+    /** Whether it goes on until somebody interrupts it. */
     bool isEndless = false;
-    /// Whether what goes on without end is somebody's wait for the failure to pass.
+    /** Whether what goes on without end is somebody's wait for the failure to pass. */
     bool isHeld = false;
 };
 
 using Rule = std::function<Promise(const CallFault&)>;
 
-/// A function that the scenario calls, and what must come of its failure.
+/** A function that the scenario calls, and what must come of its failure. */
 struct FailingCall {
     std::string function;
     Rule rule;
-    /// Whether the number of calls depends on how threads are scheduled; only the first one is failed then.
+    /**
+     * Whether the number of calls depends on how threads are scheduled; only the first one is failed then.
+     */
     bool isOccasional = false;
 };
 
-/// The rules of which most scenarios are made. @{
+/** The rules of which most scenarios are made. @{ */
 
-/// The exception of that text; its code is the call's error number.
+/** The exception of that text; its code is the call's error number. */
 Rule fails(const std::string& text);
-/// The exception or result of that text and code.
+/** The exception or result of that text and code. */
 Rule endsWith(const std::string& text, int code = 0);
-/// Nobody notices.
+/** Nobody notices. */
 Rule isIgnored();
-/// Nobody notices, but each time a descriptor stays open.
+/** Nobody notices, but each time a descriptor stays open. */
 Rule isIgnoredAndLeaks();
-/// What @p rule says while it lasts; nobody notices a single failure, for the call is made again.
+/** What @p rule says while it lasts; nobody notices a single failure, for the call is made again. */
 Rule isTriedAgain(const Rule& rule);
-/// What @p rule says for the first call; later ones are made for something that nobody waits for.
+/** What @p rule says for the first call; later ones are made for something that nobody waits for. */
 Rule ofFirstCall(const Rule& rule);
-/// A wait for clients that ends without a word with some error numbers and is taken up again with the others.
+/**
+ * A wait for clients that ends without a word with some error numbers and is taken up again with the others.
+ */
 Rule endsWait(std::initializer_list<int> quiet);
 
-/// @}
+/** @} */
 
-/// What the one who interrupts a scenario sees and may do.
+/** What the one who interrupts a scenario sees and may do. */
 class FaultControl {
 public:
     virtual ~FaultControl() = default;
-    /// How many calls have failed.
+    /** How many calls have failed. */
     virtual int failures() = 0;
-    /// What is to come of the failure.
+    /** What is to come of the failure. */
     virtual const Promise& promise() = 0;
-    /// Lets no further call fail.
+    /** Lets no further call fail. */
     virtual void lift() = 0;
 };
 
-/// Runs the library's part of a scenario, and only that, under whatever is to go wrong with it.
+/** Runs the library's part of a scenario, and only that, under whatever is to go wrong with it. */
 using Stage = std::function<Outcome(const std::function<std::string()>& action)>;
 
 struct Scenario {
     std::string name;
     std::function<Outcome(const Stage& stage)> run;
     std::vector<FailingCall> calls;
-    /// How it ends when nothing fails.
+    /** How it ends when nothing fails. */
     Outcome undisturbed = {};
-    /// Called again and again while an endless failure lasts; null where there is none.
+    /** Called again and again while an endless failure lasts; null where there is none. */
     std::function<void(FaultControl&)> interrupt = nullptr;
-    /// Whether the library's calls are made on threads of its own as well; its peer's are out of sight then.
+    /**
+     * Whether the library's calls are made on threads of its own as well; its peer's are out of sight then.
+     */
     bool isOfAllThreads = false;
 };
 
-/// Runs an action and tells how it ended; the stage on which nothing goes wrong.
+/** Runs an action and tells how it ended; the stage on which nothing goes wrong. */
 Outcome outcomeOf(const std::function<std::string()>& action);
 
-/// Stages an action, and afterwards does it again with the same objects, undisturbed.
+/** Stages an action, and afterwards does it again with the same objects, undisturbed. */
 Outcome twice(const Stage& stage, const std::function<std::string()>& action,
               const Outcome& undisturbed = {});
 
@@ -120,10 +128,10 @@ std::vector<Scenario> closingScenarios();
 std::vector<Scenario> notificationScenarios();
 std::vector<Scenario> sinkScenarios();
 
-/// All of them.
+/** All of them. */
 std::vector<Scenario> allScenarios();
 
-/// The error numbers that the manual pages list: of the function, and of its protocol in section 7.
+/** The error numbers that the manual pages list: of the function, and of its protocol in section 7. */
 const std::vector<int>& errorsOf(const std::string& function);
 
 } // namespace VornTest

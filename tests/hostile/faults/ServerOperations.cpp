@@ -22,7 +22,7 @@ namespace {
 const VornString cText(40, 'x');
 constexpr unsigned ofWait = throwsVornException | endsProcess;
 
-/// A server of either socket kind, which can be opened before anybody waits on it.
+/** A server of either socket kind, which can be opened before anybody waits on it. */
 template <typename Server>
 class Opened : public Server {
 public:
@@ -30,7 +30,7 @@ public:
     using Server::Server;
 };
 
-/// Waits for the client that is there; a server that could not do it must be able to do it later.
+/** Waits for the client that is there; a server that could not do it must be able to do it later. */
 void waitFor(Trial& trial, VornIPCServer& server, bool isIdentified, const std::function<void()>& come) {
     come();
     VornSmartPointer<VornConnection> client;

@@ -59,7 +59,7 @@ private:
     }
 };
 
-/// A wait that fails again and again is ended by another thread.
+/** A wait that fails again and again is ended by another thread. */
 void closeServer(FaultControl& control) {
     const std::lock_guard lock(g_serverLock);
     if (g_server != nullptr && control.failures() > 3)
@@ -82,7 +82,7 @@ Outcome pipeServerOfGroup(const Stage& stage) {
     return pipeServerOf(stage, 1, "root");
 }
 
-/// A server that waits with poll(), because of its descriptors select() could not take one.
+/** A server that waits with poll(), because of its descriptors select() could not take one. */
 Outcome pipeServerWithManyDescriptors(const Stage& stage) {
     rlimit limit = {};
     ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -155,7 +155,7 @@ Outcome udpServerThatIdentifies(const Stage& stage) {
     return udpServerOf(stage, true);
 }
 
-/// Closes a server while another thread waits on it; the wait must end without a word.
+/** Closes a server while another thread waits on it; the wait must end without a word. */
 Outcome closeUnderWait(const Stage& stage, VornIPCServer& server, const std::function<void()>& comeAsClient) {
     Outcome waited;
     WatchedThread waiter([&] {
@@ -206,7 +206,7 @@ Outcome udpServerClosed(const Stage& stage) {
     });
 }
 
-/// The same from the side of the thread that waits.
+/** The same from the side of the thread that waits. */
 Outcome tcpWaitClosed(const Stage& stage) {
     const int port = freshPort();
     VornServerSocket server(port, 5, "127.0.0.1");
@@ -225,7 +225,7 @@ Outcome tcpWaitClosed(const Stage& stage) {
     return outcome;
 }
 
-/// It is a thread's own failure that lasts: whoever closes it meanwhile meets none.
+/** It is a thread's own failure that lasts: whoever closes it meanwhile meets none. */
 void liftAfterSome(FaultControl& control) {
     if (control.failures() > 3)
         control.lift();

@@ -30,7 +30,7 @@ protected:
     }
 };
 
-/// A sink of the kind that the environment says, with one callback.
+/** A sink of the kind that the environment says, with one callback. */
 class Client {
 public:
     explicit Client(const std::string& kind) {
@@ -105,7 +105,7 @@ Operations rowsOf(const std::string& kind) {
     };
 }
 
-/// The move to the next port.
+/** The move to the next port. */
 class Mover : public VornLibraryCallbackSink {
 public:
     Mover() : VornLibraryCallbackSink("sink") {}

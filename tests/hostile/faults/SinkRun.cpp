@@ -36,7 +36,7 @@ const char* waitingCall(SinkRun::Kind kind) {
     return "recvfrom";
 }
 
-/// Says of a server that it is ready, which is a field of derived classes.
+/** Says of a server that it is ready, which is a field of derived classes. */
 class Readiness : public VornServerSocket {
 public:
     static void set(VornServerSocket& server) {
@@ -118,7 +118,7 @@ Outcome SinkRun::stageLife(const Stage& stage, const std::function<void()>& midd
     return outcomeOfThread(stage([&] { return live(middle); }).text);
 }
 
-/// @return why the thread ended by itself; else, after its destruction, whether there was a delivery
+/** @return why the thread ended by itself; else, after its destruction, whether there was a delivery */
 std::string SinkRun::live(const std::function<void()>& middle) {
     // Where the sink is must be known to whoever helps its constructor.
     m_sink = new (m_memory) Sink;
@@ -134,7 +134,7 @@ std::string SinkRun::live(const std::function<void()>& middle) {
     return m_delivered > 0 ? "" : "not delivered";
 }
 
-/// @return whether it did so without help
+/** @return whether it did so without help */
 bool SinkRun::destroy() {
     std::atomic<bool> isGone = false;
     std::atomic<bool> hasHung = false;
@@ -151,7 +151,7 @@ bool SinkRun::destroy() {
     return !hasHung;
 }
 
-/// Waits until a client has a chance that it has not had before. @return false when there is none to come
+/** Waits until a client has a chance that it has not had before. @return false when there is none to come */
 bool SinkRun::awaitChance(int sent) {
     bool isChance = false;
     awaitCondition([&] {
@@ -174,7 +174,7 @@ void SinkRun::serveUntilDelivered() {
     awaitCondition([this] { return m_isGivenUp || m_sink->wait(0) || isBlockedInWait(); });
 }
 
-/// Whether the thread is in the midst of its wait, which a wait that fails never gets to.
+/** Whether the thread is in the midst of its wait, which a wait that fails never gets to. */
 bool SinkRun::isBlockedInWait() const {
     const std::string task = "/proc/self/task/" + std::to_string(m_thread) + "/";
     try {

@@ -37,13 +37,13 @@ public:
     SinkRun(const SinkRun&) = delete;
     SinkRun& operator=(const SinkRun&) = delete;
 
-    /// Constructs, delivers and destroys on the stage.
+    /** Constructs, delivers and destroys on the stage. */
     Outcome deliverOne(const Stage& stage);
 
-    /// Constructs, lets a silent client connect, and destroys on the stage.
+    /** Constructs, lets a silent client connect, and destroys on the stage. */
     Outcome endUnderSilentClient(const Stage& stage);
 
-    /// Ends what goes on without end in the sink that lives now; called again and again.
+    /** Ends what goes on without end in the sink that lives now; called again and again. */
     static void interrupt(FaultControl& control);
 
 private:

@@ -16,14 +16,16 @@ namespace {
 
 using Kind = SinkRun::Kind;
 
-/// The sink lives on and delivers in the end; the code of the failure is what its thread reports. The first
-/// time, the constructor waits for as long as the failure lasts.
+/**
+ * The sink lives on and delivers in the end; the code of the failure is what its thread reports. The first
+ * time, the constructor waits for as long as the failure lasts.
+ */
 Promise survives(const CallFault& fault) {
     const int code = fault.error == EADDRINUSE ? 0 : fault.error;
     return {{"", code}, 0, fault.isLasting, fault.isLasting && fault.nth == 1};
 }
 
-/// A wait of a sink that has delivered nothing yet, or has delivered already.
+/** A wait of a sink that has delivered nothing yet, or has delivered already. */
 Promise goesOn(const CallFault& fault, int code) {
     const bool isBefore = fault.nth == 1;
     return {{isBefore && fault.isLasting ? "not delivered" : "", code}, 0, fault.isLasting};
@@ -33,7 +35,7 @@ bool endsLoop(int error) {
     return error == ECONNRESET || error == EINTR;
 }
 
-/// Made before the sink's loop, by the pipe server's constructor; the second time within the loop.
+/** Made before the sink's loop, by the pipe server's constructor; the second time within the loop. */
 Rule ofPipeInit(const std::string& what, int code = 0) {
     return [what, code](const CallFault& fault) {
         const int reported = code != 0 ? code : fault.error;
@@ -45,7 +47,7 @@ Rule ofPipeInit(const std::string& what, int code = 0) {
     };
 }
 
-/// The handle, then the content that the callback reads; the callback's look at the end is of no account.
+/** The handle, then the content that the callback reads; the callback's look at the end is of no account. */
 Promise ofRead(const CallFault& fault) {
     if (fault.nth > 2)
         return {};
@@ -67,19 +69,19 @@ Rule ofWait(std::initializer_list<int> quiet) {
     };
 }
 
-/// Which of its sockets is the server's: every delivery's close sends a datagram of its own to the server.
+/** Which of its sockets is the server's: every delivery's close sends a datagram of its own to the server. */
 Promise ofUdpSocket(const CallFault& fault) {
     const bool isServers = fault.nth == 1 || fault.nth == 3;
     const bool reachesServers = isServers || (fault.nth == 2 && fault.isLasting);
     return reachesServers ? survives(fault) : Promise{};
 }
 
-/// Without an address nobody can be told where the sink is; over TCP not even the constructor returns.
+/** Without an address nobody can be told where the sink is; over TCP not even the constructor returns. */
 Rule ofAddress(int code) {
     return [code](const CallFault&) { return Promise{{"not delivered", code}, 0, true}; };
 }
 
-/// The end waits for as long as the failure lasts.
+/** The end waits for as long as the failure lasts. */
 Promise holdsTheEnd(const CallFault& fault) {
     return {{}, 0, fault.isLasting, fault.isLasting};
 }
@@ -97,7 +99,7 @@ Scenario sinkScenario(Kind kind, std::vector<FailingCall> calls) {
     return scenario;
 }
 
-/// Ended while a client is connected that sends nothing.
+/** Ended while a client is connected that sends nothing. */
 Scenario silentScenario(Kind kind) {
     Scenario scenario;
     scenario.name = SinkRun::nameOf(kind) + " sink with a silent client";

@@ -34,7 +34,7 @@ VornSteadySink::Options optionsFor(Kind kind) {
     return options;
 }
 
-/// A sink with one callback.
+/** A sink with one callback. */
 class Client {
 public:
     explicit Client(Kind kind) {

@@ -36,13 +36,15 @@ const VornString cReason = "a reason that does not fit into the text object itse
 const std::string cRequest =
     Link::onWire(1) + std::string(12, '\0') + Link::onWire(2) + std::string(20, '\0');
 
-/// What a service answers: admitted, history 1, first event 1, one event, a beat of a second; and the event.
+/**
+ * What a service answers: admitted, history 1, first event 1, one event, a beat of a second; and the event.
+ */
 const std::string cAnswer = std::string("\0\1\0\0", 4) + std::string("\0\0\0\0\0\0\0\1", 8) +
                             std::string("\0\0\0\0\0\0\0\1", 8) + std::string("\0\0\0\0\0\0\0\1", 8) +
                             Link::onWire(1'000) + Link::onWire(1) + Link::onWire(8) +
                             std::string("\0\0\0\0\0\0\0\1", 8);
 
-/// Receives up to @p size bytes within 50 ms each. @return whether all have come
+/** Receives up to @p size bytes within 50 ms each. @return whether all have come */
 bool takes(int fd, std::size_t size) {
     std::array<char, 256> bytes;
     while (size > 0) {
@@ -56,7 +58,7 @@ bool takes(int fd, std::size_t size) {
     return true;
 }
 
-/// Subscribes by hand and waits for the first event. @return whether it has come
+/** Subscribes by hand and waits for the first event. @return whether it has come */
 bool isServed() {
     try {
         const UniqueFd client = unixConnect(pipePath("faults"));
@@ -70,7 +72,7 @@ bool isServed() {
     }
 }
 
-/// Serves one subscriber by hand, if one comes.
+/** Serves one subscriber by hand, if one comes. */
 void serveOne(int listener) {
     pollfd entry{listener, POLLIN, 0};
     if (::poll(&entry, 1, 10) != 1)
@@ -97,7 +99,7 @@ VornPublisher::Options publisherOptions(const VornString& sDirectory = {}) {
     return options;
 }
 
-/// A publisher with one event and one subscriber.
+/** A publisher with one event and one subscriber. */
 class Publishing {
 public:
     Publishing() {
@@ -229,7 +231,7 @@ Operation subscriberRow(std::vector<std::string> names, const std::string& detai
             }};
 }
 
-/// From connecting to the event, by the subscriber's thread or in the program's own loop.
+/** From connecting to the event, by the subscriber's thread or in the program's own loop. */
 Operation subscribing(bool bOwnThread) {
     return {{bOwnThread ? "VornSubscriber, an event" : "VornSubscriber::dispatch"},
             "",
@@ -305,7 +307,7 @@ Operations subscriberRows() {
     };
 }
 
-/// A row for an operation of an established connection, with bytes waiting to be read.
+/** A row for an operation of an established connection, with bytes waiting to be read. */
 template <typename Do>
 Operation exchangeRow(Link::Kind kind, std::vector<std::string> names, const std::string& detail,
                       unsigned allowed, const std::string& waiting, Do operation) {

@@ -23,7 +23,7 @@ using namespace VornSupport;
 
 namespace VornTest {
 
-/// An object whose class has a name that is too long for a place within the string itself.
+/** An object whose class has a name that is too long for a place within the string itself. */
 class ObjectOfAClassWithALongName : public VornObjectBase {
 public:
     using VornObjectBase::VornObjectBase;

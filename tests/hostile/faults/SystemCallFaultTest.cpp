@@ -26,7 +26,7 @@ namespace {
 int g_triples = 0;
 int g_callSites = 0;
 
-/// Prints what the whole run has come to.
+/** Prints what the whole run has come to. */
 class Totals : public testing::Environment {
     void TearDown() override {
         if (g_triples > 0)
@@ -67,7 +67,7 @@ protected:
         m_callSites += sites;
     }
 
-    /// @return whether the call was reached at all
+    /** @return whether the call was reached at all */
     bool provoke(const Scenario& scenario, const FailingCall& call, const CallFault& fault,
                  bool isHeapCompared) {
         const int descriptors = openDescriptors();
@@ -108,7 +108,7 @@ TEST_P(SystemCallFaults, LeadToWhatIsPromisedAndLeaveNothingBehind) {
 INSTANTIATE_TEST_SUITE_P(Scenarios, SystemCallFaults, testing::Range<std::size_t>(0, allScenarios().size()),
                          [](const auto& test) { return testNameOf(allScenarios()[test.param]); });
 
-/// The functions of the C library that the libraries call through their one header for it.
+/** The functions of the C library that the libraries call through their one header for it. */
 std::set<std::string> calledFunctions() {
     std::ifstream header(VORNTEST_SYSTEM_CALLS_FILE);
     const std::regex call("return ::(\\w+)\\(");

@@ -18,7 +18,7 @@ namespace VornTest {
 
 namespace {
 
-/// A text that is too long for a place within the string itself.
+/** A text that is too long for a place within the string itself. */
 const VornString cLong(40, 'x');
 const VornString cOther(50, 'y');
 const VornUString cWide(40, L'x');
@@ -48,7 +48,7 @@ Operations stringRows() {
     };
 }
 
-/// What there is to see of an exception.
+/** What there is to see of an exception. */
 struct Look {
     explicit Look(const VornException& e)
         : text(e.getUText()), code(e.getCode()), callStack(e.getCallStack()),
@@ -69,7 +69,7 @@ VornException withMessages(const VornString& text, int code, int messages = 2) {
     return exception;
 }
 
-/// Changes an exception, which must stay as it was when that fails.
+/** Changes an exception, which must stay as it was when that fails. */
 template <typename Change>
 std::function<void(Trial&)> changing(Change change) {
     return [change](Trial& trial) {
@@ -144,7 +144,7 @@ Operations resolutionRows(const std::string& name) {
     };
 }
 
-/// How many records have reached the handler of the log, and at which level the last one.
+/** How many records have reached the handler of the log, and at which level the last one. */
 int g_records = 0;
 int g_level = 0;
 
@@ -153,7 +153,7 @@ void keepRecord(int level, const VornString&) {
     g_level = level;
 }
 
-/// Writes a record, which may come whole, with pieces missing, or not at all; never at another level.
+/** Writes a record, which may come whole, with pieces missing, or not at all; never at another level. */
 template <typename Write>
 std::function<void(Trial&)> logging(Write write, int level) {
     return [=](Trial& trial) {

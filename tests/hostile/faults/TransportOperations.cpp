@@ -27,7 +27,7 @@ namespace {
 const VornString cName(40, 'x');
 const VornString cLongService(40, 's');
 
-/// A plain listener of either stream, which accepts nobody; connecting to it succeeds all the same.
+/** A plain listener of either stream, which accepts nobody; connecting to it succeeds all the same. */
 class Listener {
 public:
     explicit Listener(bool isPipe)
@@ -59,7 +59,7 @@ bool isUsable(VornConnection& connection) {
     }
 }
 
-/// An operation that has to connect first.
+/** An operation that has to connect first. */
 template <typename Do>
 Operation connecting(std::vector<std::string> names, const std::string& detail, bool isPipe, unsigned allowed,
                      Do operation) {
@@ -141,7 +141,7 @@ Operations failingRows(bool isPipe) {
     };
 }
 
-/// Construction and destruction.
+/** Construction and destruction. */
 template <typename Make>
 Operation making(const std::string& className, const std::string& detail, Make make) {
     return {{className + "::" + className, className + "::~" + className, "VornConnection::VornConnection",
@@ -151,7 +151,7 @@ Operation making(const std::string& className, const std::string& detail, Make m
             [=](Trial& trial) { trial.attempt([&] { make(); }); }};
 }
 
-/// One end of a connected pair, which a connection takes over unless it cannot be made.
+/** One end of a connected pair, which a connection takes over unless it cannot be made. */
 template <typename Make>
 std::function<void(Trial&)> takingOver(Make make) {
     return [=](Trial& trial) {
@@ -207,7 +207,7 @@ Operations makingRows() {
     };
 }
 
-/// Around a descriptor that is connected already.
+/** Around a descriptor that is connected already. */
 Operations acceptedRows() {
     return {
         {{"VornPipeConnection::VornPipeConnection"}, "accepted", throwsBadAlloc, takingOver([](int fd) {
@@ -242,7 +242,7 @@ Operations acceptedRows() {
     };
 }
 
-/// A block that has never been written to: its first write is dropped, and the object is as before.
+/** A block that has never been written to: its first write is dropped, and the object is as before. */
 Operation firstWrite() {
     return {{"VornBufferConnection::transfer", "VornBufferConnection::establishImpl"},
             "first write",

@@ -34,7 +34,7 @@ const std::string directory = "/opt/rounds";
 constexpr int clients = 3;
 constexpr int rounds = 10;
 
-/// What a client writes down for each event; a gap has the history 0.
+/** What a client writes down for each event; a gap has the history 0. */
 struct Record {
     std::uint64_t history;
     std::uint64_t number;
@@ -44,7 +44,7 @@ std::string logOf(int client) {
     return directory + "/" + std::to_string(client) + ".log";
 }
 
-/// The complete records of a log. What a killed client has written in part is none.
+/** The complete records of a log. What a killed client has written in part is none. */
 std::vector<Record> recordsIn(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -60,7 +60,7 @@ std::size_t countIn(const std::string& path) {
     return none ? 0 : size / sizeof(Record);
 }
 
-/// Publishes some events each millisecond until its input ends; then tells the last number.
+/** Publishes some events each millisecond until its input ends; then tells the last number. */
 KIT_ROLE(publishInRounds) {
     VornPublisher::Options options;
     options.sDirectory = directory;

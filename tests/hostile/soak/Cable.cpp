@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // The cable between two hosts: moves frames between the far ends of two veth pairs, which lie in a network of
 // their own, and delays and drops some of them when told to. Unlike the kernel's netem it is there on every
 // machine, can be seeded, and writes down which datagrams it has dropped.
@@ -40,7 +39,7 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// A socket at one end of the cable, which gets all frames with their checksums' state.
+/** A socket at one end of the cable, which gets all frames with their checksums' state. */
 int openEnd(const char* interface) {
     const int fd = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int yes = 1;
@@ -154,7 +153,7 @@ private:
         m_waiting.pop();
     }
 
-    /// Frames for which the socket had no room, because this process was not given the processor in time.
+    /** Frames for which the socket had no room, because this process was not given the processor in time. */
     void recordOverflow(std::size_t end) {
         tpacket_stats counts{};
         socklen_t length = sizeof counts;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // A client with several callbacks, which subscribes again and again: what it does not hear of any more,
 // because its sink has moved or the service has given it up, comes back.
 
@@ -43,7 +42,7 @@ protected:
     }
 
 private:
-    /// So that the sender closes first, and the sink's port stays free.
+    /** So that the sender closes first, and the sink's port stays free. */
     static void awaitEnd(VornConnection& connection) {
         char rest = 0;
         long error = 0;
@@ -75,7 +74,7 @@ bool subscribe(const Arguments& arguments, const VornString& address) {
     }
 }
 
-/// Waits until nothing is under way any more, and writes down what is open then.
+/** Waits until nothing is under way any more, and writes down what is open then. */
 void recordIdle(const Belongings& expected) {
     Belongings found = Belongings::count();
     for (int i = 0; i < 500 && found != expected; ++i) {

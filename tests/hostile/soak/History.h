@@ -7,7 +7,7 @@
 
 namespace Soak {
 
-/// Nanoseconds of the clock that all processes of one machine share.
+/** Nanoseconds of the clock that all processes of one machine share. */
 long now();
 
 /**
@@ -18,11 +18,11 @@ class History {
 public:
     static void open(const std::string& path);
 
-    /// Writes one line. Before open() and in processes without a history it does nothing.
+    /** Writes one line. Before open() and in processes without a history it does nothing. */
     static void write(const char* format, ...) __attribute__((format(printf, 1, 2)));
 };
 
-/// How many descriptors and threads this process has.
+/** How many descriptors and threads this process has. */
 struct Belongings {
     int descriptors = 0;
     int threads = 0;

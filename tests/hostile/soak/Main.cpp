@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // The processes of a soak, started by soak.py: soak ROLE HISTORY ARGUMENTS...
 
 #include "History.h"

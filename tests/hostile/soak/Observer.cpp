@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Fortified headers would inline the very functions that are defined here.
 #undef _FORTIFY_SOURCE
 
@@ -81,7 +80,7 @@ void rememberAddress(Server& server, Kind kind, const sockaddr* address) {
     }
 }
 
-/// A stream server can be reached when it listens, one for datagrams from its binding on.
+/** A stream server can be reached when it listens, one for datagrams from its binding on. */
 void recordOpening(int fd, Kind kind, long from) {
     Server& server = servers[static_cast<std::size_t>(fd)];
     server.kind = kind;
@@ -89,7 +88,7 @@ void recordOpening(int fd, Kind kind, long from) {
     History::write("opened address=%s from=%ld", server.address.data(), from);
 }
 
-/// How many datagrams the socket had no room for.
+/** How many datagrams the socket had no room for. */
 unsigned int dropsOf(int fd) {
     std::array<std::uint32_t, SK_MEMINFO_VARS> numbers{};
     socklen_t length = sizeof numbers;

@@ -12,10 +12,10 @@
  */
 namespace Soak {
 
-/// Writes the life of every server that this process opens from now on into the history.
+/** Writes the life of every server that this process opens from now on into the history. */
 void observeServers();
 
-/// What happened to the sockets of the calling thread since the last reset.
+/** What happened to the sockets of the calling thread since the last reset. */
 struct SendFacts {
     long connectedFrom = 0; // before and after the connect() that succeeded; 0: none did
     long connectedTo = 0;
@@ -25,7 +25,7 @@ struct SendFacts {
     static SendFacts& ofThread();
 };
 
-/// How often sendto() has failed in this process.
+/** How often sendto() has failed in this process. */
 int failedSends();
 
 } // namespace Soak

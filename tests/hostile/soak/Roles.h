@@ -7,30 +7,32 @@
 #include <string>
 #include <vector>
 
-/// @file The roles of the one program; each returns the exit status.
+/** @file The roles of the one program; each returns the exit status. */
 namespace Soak {
 
 using Arguments = std::vector<std::string>;
 
-/// How many callbacks a client has; their ids count from 0.
+/** How many callbacks a client has; their ids count from 0. */
 constexpr int callbacksPerClient = 3;
 
-/// How long one operation may block.
+/** How long one operation may block. */
 constexpr int patienceInSeconds = 2;
 
-/// Notifies its clients until SIGTERM: NUMBER HOST PORT SLOTS SEED.
+/** Notifies its clients until SIGTERM: NUMBER HOST PORT SLOTS SEED. */
 int runService(const Arguments& arguments);
 
-/// Receives notifications until SIGTERM: SLOT GENERATION SERVICE, the latter written like a callback address.
+/**
+ * Receives notifications until SIGTERM: SLOT GENERATION SERVICE, the latter written like a callback address.
+ */
 int runClient(const Arguments& arguments);
 
-/// The cable between two hosts; reads what it does to packets, and ends with its input: SEED.
+/** The cable between two hosts; reads what it does to packets, and ends with its input: SEED. */
 int runCable(const Arguments& arguments);
 
-/// Another host: a network and mounts of its own, until its input ends.
+/** Another host: a network and mounts of its own, until its input ends. */
 int runHost(const Arguments& arguments);
 
-/// Signals that are waited for, never handled: those that end the process.
+/** Signals that are waited for, never handled: those that end the process. */
 sigset_t blockEndSignals();
 
 } // namespace Soak

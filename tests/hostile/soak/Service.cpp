@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // A service: two desks at which clients subscribe, over a pipe and over TCP, and one sender for each client,
 // so that a client that hangs holds up nobody else.
 
@@ -59,7 +58,7 @@ public:
 
 using SubscriptionPointer = VornSmartPointer<Subscription>;
 
-/// What clients have subscribed: the library's registry, seen by slots.
+/** What clients have subscribed: the library's registry, seen by slots. */
 class Subscriptions {
 public:
     void renew(int slot, int generation, const VornString& address) {
@@ -85,7 +84,7 @@ public:
                        subscription.getRemoteName().c_str());
     }
 
-    /// The slot's n-th callback in turn, null when it has none.
+    /** The slot's n-th callback in turn, null when it has none. */
     SubscriptionPointer inTurn(int slot, long n) {
         const VornCriticalSection lock(m_registry.getlock(), true);
         return at(slot, static_cast<int>(n % callbacksPerClient));
@@ -112,7 +111,7 @@ private:
     VornProxyDependentContainer& m_registry = VornProxyDependentContainer::getInstance();
 };
 
-/// The thread that clients of one transport subscribe at.
+/** The thread that clients of one transport subscribe at. */
 class Desk final : public VornThread {
 public:
     Desk(VornIPCServer* server, Subscriptions& subscriptions)
@@ -156,7 +155,7 @@ private:
     const VornSmartPointer<VornIPCServer> m_server;
 };
 
-/// Notifies one client, now with pauses, now in bursts.
+/** Notifies one client, now with pauses, now in bursts. */
 class Sender {
 public:
     Sender(const Settings& settings, int slot, Subscriptions& subscriptions)
@@ -185,7 +184,7 @@ private:
         }
     }
 
-    /// Sends one event, again where it was refused, and drops a client that refuses too much.
+    /** Sends one event, again where it was refused, and drops a client that refuses too much. */
     void notifyNext(const char* load, int mostAttempts) {
         constexpr int mostRefusals = 8;
         constexpr int pause = 20;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // Closes each kind of server at a random moment of a wait, again and again: close_stress ROUNDS [SEED].
 // One thread waits in a loop, another closes. A failed bind, a stray client, a descriptor, a thread or a
 // socket file too many, or a close that does not come back ends the program with status 1.
@@ -43,7 +42,7 @@ struct Result {
     Clock::duration worst{};
 };
 
-/// One wait of the waiting thread.
+/** One wait of the waiting thread. */
 void waitOnce(VornIPCServer& server, Result& result) {
     try {
         const VornSmartPointer<VornConnection> client = server.waitForClient(false);
@@ -58,7 +57,7 @@ void waitOnce(VornIPCServer& server, Result& result) {
     }
 }
 
-/// Lets a random, short time pass without giving up the processor for long.
+/** Lets a random, short time pass without giving up the processor for long. */
 void dawdle(std::mt19937& random) {
     for (auto left = random() % 2000; left > 0; --left)
         std::atomic_signal_fence(std::memory_order_seq_cst);

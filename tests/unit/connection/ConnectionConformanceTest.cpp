@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The same cases for every kind of connection, each against plain sockets or plain memory. A kind is one line
  * in the table below and the class which that line names.
@@ -41,7 +40,7 @@ namespace {
 
 const auto none = std::optional<Failure>();
 
-/// A connection of the library and its other end. A test either writes or reads.
+/** A connection of the library and its other end. A test either writes or reads. */
 class PlainLink {
 public:
     PlainLink() = default;
@@ -49,17 +48,17 @@ public:
     PlainLink& operator=(const PlainLink&) = delete;
     virtual ~PlainLink() = default;
 
-    /// The connection to write to.
+    /** The connection to write to. */
     virtual VornConnection& writer() = 0;
 
-    /// Ends the writing; everything that has come out at the other end.
+    /** Ends the writing; everything that has come out at the other end. */
     virtual std::string written() = 0;
 
-    /// A connection at which these bytes have arrived, and behind them the end.
+    /** A connection at which these bytes have arrived, and behind them the end. */
     virtual VornConnection& reader(const std::string& incoming) = 0;
 };
 
-/// A stream between a connection and a plain socket.
+/** A stream between a connection and a plain socket. */
 class StreamLink : public PlainLink {
 public:
     VornConnection& writer() override { return connected(); }
@@ -81,9 +80,8 @@ protected:
 
 private:
     VornConnection& connected() {
-        if (m_connection == nullptr) {
+        if (m_connection == nullptr)
             m_connection = connect(m_peer);
-        }
         return *m_connection;
     }
 
@@ -142,7 +140,7 @@ class SslAcceptedLink : public StreamLink {
     }
 };
 
-/// A connection which wraps another one. The two close one descriptor, with nothing opened in between.
+/** A connection which wraps another one. The two close one descriptor, with nothing opened in between. */
 class SslWrappingLink : public StreamLink {
     class Wrapper : public VornSSLSocketConnection {
     public:
@@ -162,7 +160,7 @@ class SslWrappingLink : public StreamLink {
     }
 };
 
-/// A client which says that it is connected and never is.
+/** A client which says that it is connected and never is. */
 class SslClientLink : public PlainLink {
 public:
     VornConnection& writer() override { return m_connection; }
@@ -180,7 +178,7 @@ private:
     VornSSLSocketConnection m_connection{"127.0.0.1", m_port, false};
 };
 
-/// Memory alone.
+/** Memory alone. */
 class BufferLink : public PlainLink {
 public:
     VornConnection& writer() override { return m_writer; }
@@ -199,7 +197,7 @@ private:
     std::optional<VornBufferConnection> m_reader;
 };
 
-/// Datagrams from and to plain sockets; what arrives is read as the UDP server hands it out.
+/** Datagrams from and to plain sockets; what arrives is read as the UDP server hands it out. */
 class UdpLink : public PlainLink {
 public:
     VornConnection& writer() override { return m_writer; }
@@ -233,11 +231,11 @@ std::unique_ptr<PlainLink> make() {
 struct Kind {
     const char* name;
     std::unique_ptr<PlainLink> (*makeLink)();
-    /// Whether anything can be written and read; what cannot fails with 107 each time.
+    /** Whether anything can be written and read; what cannot fails with 107 each time. */
     bool carriesData;
-    /// The code of a read behind the last byte.
+    /** The code of a read behind the last byte. */
     int endCode;
-    /// The code of a string for which there is no memory; a block in memory sees its end before it asks.
+    /** The code of a string for which there is no memory; a block in memory sees its end before it asks. */
     int noMemoryCode;
 };
 
@@ -271,7 +269,7 @@ protected:
 
     bool carriesData() const { return GetParam().carriesData; }
 
-    /// What an operation fails with that would otherwise succeed.
+    /** What an operation fails with that would otherwise succeed. */
     std::optional<Failure> unless(const char* text) const {
         return carriesData() ? none : failure(text, ENOTCONN);
     }
@@ -283,7 +281,7 @@ protected:
         EXPECT_EQ(hex(link->written()), carriesData() ? hexText : "");
     }
 
-    /// Reads a value off these bytes, of which none may be left.
+    /** Reads a value off these bytes, of which none may be left. */
     template <typename Value, typename Operation>
     void expectRead(const std::string& incoming, const Value& expected, Operation read) {
         VornConnection& connection = link->reader(incoming);
@@ -300,14 +298,13 @@ protected:
         EXPECT_EQ(failureOf([&] { read(connection); }), failure(readFailed, carriesData() ? code : ENOTCONN));
     }
 
-    /// getLine(); null without an error is "null", null with one is its number.
+    /** getLine(); null without an error is "null", null with one is its number. */
     static std::string getLine(VornConnection& connection) {
         char line[64] = {};
         int error = untouched;
         const char* result = connection.getLine(line, sizeof(line), error);
-        if (result != nullptr) {
+        if (result != nullptr)
             return "line " + std::string(result);
-        }
         return error == 0 ? "null" : "error " + std::to_string(error);
     }
 
@@ -318,7 +315,7 @@ protected:
     std::unique_ptr<PlainLink> link;
 };
 
-/// The hostile string is read by a role, which can measure and limit its own memory.
+/** The hostile string is read by a role, which can measure and limit its own memory. */
 std::string readHostileString(const Kind& kind, bool scarceMemory) {
     ChildProcess child =
         ChildProcess::spawnRoleWith(scarceMemory ? scarceMemoryEnvironment() : std::vector<std::string>(),
@@ -335,9 +332,8 @@ KIT_ROLE(hostileString) {
                                      [&](const Kind& one) { return one.name == args.at(0); });
     const std::unique_ptr<PlainLink> link = kind.makeLink();
     VornConnection& connection = link->reader(bytes("7f ff ff ff") + "abc");
-    if (args.at(1) == "scarce") {
+    if (args.at(1) == "scarce")
         limitMemory();
-    }
     const long before = peakResidentKiB();
     const auto failed = failureOf([&] { connection.receiveString(); });
     const long grown = peakResidentKiB() - before;
@@ -549,9 +545,8 @@ TEST_P(ConnectionConformanceTest, ARawReadOfNothingTakesNothing) {
 
 TEST_P(ConnectionConformanceTest, APeekLeavesTheBytes) {
     VornConnection& connection = link->reader("abc");
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2; ++i)
         EXPECT_EQ(peek(connection, 2), carriesData() ? peeked(true, 2, 0, "ab") : peeked(false, 0, ENOTCONN));
-    }
     std::string data(3, '#');
     EXPECT_EQ(rawRead(connection, data, 3, true), carriesData() ? raw(3, 0) : raw(-1, ENOTCONN));
 }
@@ -626,9 +621,8 @@ TEST(ConnectionConformance, EveryKindHasEveryCase) {
     const testing::UnitTest& program = *testing::UnitTest::GetInstance();
     for (int i = 0; i < program.total_test_suite_count(); ++i) {
         const testing::TestSuite& suite = *program.GetTestSuite(i);
-        if (std::string(suite.name()) != "Connection/ConnectionConformanceTest") {
+        if (std::string(suite.name()) != "Connection/ConnectionConformanceTest")
             continue;
-        }
         for (int j = 0; j < suite.total_test_count(); ++j) {
             const std::string name = suite.GetTestInfo(j)->name();
             ++cases[name.substr(name.find('/') + 1)];

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "ConnectionTestTools.h"
 
 #include <cerrno>
@@ -21,14 +20,12 @@ long statusKiB(const std::string& label) {
 } // namespace
 
 void limitMemory(long bytes) {
-    if (underSanitizer) {
+    if (underSanitizer)
         return;
-    }
     const auto most = static_cast<rlim_t>(statusKiB("VmSize:") * 1024 + bytes);
     const rlimit limit = {most, most};
-    if (::setrlimit(RLIMIT_AS, &limit) != 0) {
+    if (::setrlimit(RLIMIT_AS, &limit) != 0)
         throw std::system_error(errno, std::generic_category(), "setrlimit(RLIMIT_AS)");
-    }
 }
 
 long peakResidentKiB() {

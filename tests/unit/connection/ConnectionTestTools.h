@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_CONNECTIONTESTTOOLS_H
 #define VORNTEST_CONNECTIONTESTTOOLS_H
 
@@ -31,10 +30,10 @@ inline const char readFailed[] = "VornConnection::get: failed read";
 inline const char writeFailed[] = "VornConnection::put: transfer failed.";
 inline const char serviceFailed[] = "VornConnection::connectToService: connection to remote service failed.";
 
-/// What out-parameters hold before a call, so that one which the call leaves alone is seen.
+/** What out-parameters hold before a call, so that one which the call leaves alone is seen. */
 inline constexpr int untouched = -77;
 
-/// What a raw read or write hands back.
+/** What a raw read or write hands back. */
 struct RawResult {
     long count = 0;
     long error = 0;
@@ -56,7 +55,7 @@ inline RawResult rawWrite(VornNet::VornConnection& connection, const std::string
     return {count, error};
 }
 
-/// Reads into the front of @p buffer.
+/** Reads into the front of @p buffer. */
 inline RawResult rawRead(VornNet::VornConnection& connection, std::string& buffer, long toRead,
                          bool waitForAll) {
     long error = untouched;
@@ -64,7 +63,7 @@ inline RawResult rawRead(VornNet::VornConnection& connection, std::string& buffe
     return {count, error};
 }
 
-/// What a raw look hands back, and the bytes it found.
+/** What a raw look hands back, and the bytes it found. */
 struct PeekResult {
     bool result = false;
     int size = 0;
@@ -79,14 +78,13 @@ inline void PrintTo(const PeekResult& result, std::ostream* out) {
          << ", data \"" << result.data << '"';
 }
 
-/// The data of a look that failed is left empty.
+/** The data of a look that failed is left empty. */
 inline PeekResult peek(VornNet::VornConnection& connection, int size) {
     std::string buffer(static_cast<std::size_t>(size > 0 ? size : 0), '\0');
     PeekResult result{false, size, untouched, {}};
     result.result = connection.peekBytes(buffer.data(), result.size, result.error);
-    if (result.result) {
+    if (result.result)
         result.data = buffer.substr(0, static_cast<std::size_t>(result.size));
-    }
     return result;
 }
 
@@ -94,7 +92,7 @@ inline PeekResult peeked(bool result, int size, int error, const std::string& da
     return {result, size, error, data};
 }
 
-/// Two ends of one connection: @p ours goes to what is tested, @p peer stays plain.
+/** Two ends of one connection: @p ours goes to what is tested, @p peer stays plain. */
 struct SocketPair {
     UniqueFd ours;
     UniqueFd peer;
@@ -133,16 +131,16 @@ inline std::vector<std::string> scarceMemoryEnvironment(int megabytes = 512) {
     return result;
 }
 
-/// To be called in such a role: leaves no more than so many bytes of address space.
+/** To be called in such a role: leaves no more than so many bytes of address space. */
 void limitMemory(long bytes = 512L * 1024 * 1024);
 
-/// The most memory, in KiB, that the process has had resident so far.
+/** The most memory, in KiB, that the process has had resident so far. */
 long peakResidentKiB();
 
-/// What counts as memory in these: a sanitizer's own notes on an allocation are a part of its size.
+/** What counts as memory in these: a sanitizer's own notes on an allocation are a part of its size. */
 inline constexpr long noticeableKiB = underSanitizer ? 1024 * 1024 : 16 * 1024;
 
-/// The memory, in KiB, that the process has resident now.
+/** The memory, in KiB, that the process has resident now. */
 long residentKiB();
 
 } // namespace VornTest

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What the two stream transports, TCP and pipe, have in common once they are connected.
  */
@@ -42,14 +41,14 @@ using testing::IsEmpty;
 
 const auto none = std::optional<Failure>();
 
-/// A transport and in what it differs from the other one.
+/** A transport and in what it differs from the other one. */
 struct Transport {
     const char* name;
     SocketPair (*makePair)();
     VornConnection* (*wrap)(int fd);
-    /// What a raw write returns after a failed send().
+    /** What a raw write returns after a failed send(). */
     long failedWrite;
-    /// What the first write to a peer that is gone is told; every further one is told EPIPE.
+    /** What the first write to a peer that is gone is told; every further one is told EPIPE. */
     int firstBrokenWrite;
 };
 
@@ -94,7 +93,7 @@ protected:
 
     void closePeer() { m_pair->peer.reset(); }
 
-    /// How many bytes have arrived at the connection's descriptor and have not been read.
+    /** How many bytes have arrived at the connection's descriptor and have not been read. */
     int unread() const {
         int count = -1;
         EXPECT_EQ(::ioctl(fd, FIONREAD, &count), 0);
@@ -110,7 +109,7 @@ private:
 
 extern "C" void doNothing(int /*signal*/) {}
 
-/// Handles a signal without SA_RESTART while it exists.
+/** Handles a signal without SA_RESTART while it exists. */
 class InterruptingSignal {
 public:
     InterruptingSignal() {
@@ -138,9 +137,8 @@ KIT_ROLE(writeToNobody) {
     const VornSmartPointer<VornConnection> connection(transport.wrap(pair.ours.release()));
     connection->transfer(7);
     pair.peer.reset();
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i)
         failureOf([&] { connection->transfer(7); });
-    }
     return 3;
 }
 
@@ -307,7 +305,7 @@ namespace {
 
 class StreamConnection_StepBack : public StreamConnectionTest {
 protected:
-    /// Reads behind guard bytes, which the step back may reach.
+    /** Reads behind guard bytes, which the step back may reach. */
     RawResult read(std::vector<RecvStep> steps, long toRead, bool waitForAll) {
         guarded = "<<<<########";
         const RecvScript script(std::move(steps), fd);

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "ConnectionTestTools.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
@@ -31,7 +30,7 @@ using testing::IsEmpty;
 
 #ifdef VORNTEST_OWN_REALLOC
 
-/// The sizes that this thread has asked realloc() for while it exists.
+/** The sizes that this thread has asked realloc() for while it exists. */
 class ReallocTrace {
 public:
     ReallocTrace() { s_pCurrent = this; }
@@ -45,11 +44,10 @@ public:
 
     void failFromNowOn() { m_fails = true; }
 
-    /// Whether realloc() is to do its work.
+    /** Whether realloc() is to do its work. */
     static bool notice(std::size_t size) {
-        if (s_pCurrent == nullptr) {
+        if (s_pCurrent == nullptr)
             return true;
-        }
         s_pCurrent->m_sizes.at(static_cast<std::size_t>(s_pCurrent->m_count++)) = size;
         return !s_pCurrent->m_fails;
     }
@@ -360,9 +358,8 @@ TEST_F(VornBufferConnectionTest, WhenARequestJustFits_TheBlockDoesNotGrow) {
 }
 
 TEST_F(VornBufferConnectionTest, TypedWritesGrowTheBlockByTheSameSteps) {
-    for (int i = 0; i < 2048; ++i) {
+    for (int i = 0; i < 2048; ++i)
         buffer.transfer(i);
-    }
     EXPECT_EQ(buffer.m_nBufferSize, 8192);
     EXPECT_EQ(buffer.size(), 8192);
     buffer.transfer(static_cast<short>(1));
@@ -370,9 +367,8 @@ TEST_F(VornBufferConnectionTest, TypedWritesGrowTheBlockByTheSameSteps) {
     buffer.transfer(VornString(20'000, 'x'));
     // The length fits, the text is added as a step of its own.
     EXPECT_EQ(buffer.m_nBufferSize, 16384 + 24576);
-    for (int i = 0; i < 2048; ++i) {
+    for (int i = 0; i < 2048; ++i)
         EXPECT_EQ(buffer.receiveInt(), i);
-    }
     EXPECT_EQ(buffer.receiveShort(), 1);
     EXPECT_EQ(buffer.receiveString(), VornString(20'000, 'x'));
 }
@@ -719,9 +715,8 @@ TEST_F(VornBufferConnectionTest, OverriddenRawOperationsAreSeenByTheTypedOperati
 
         long transfer(const char* buf, long bufLen, long* error) override {
             std::string data(buf, static_cast<std::size_t>(bufLen));
-            for (char& letter : data) {
+            for (char& letter : data)
                 letter = static_cast<char>(~letter);
-            }
             return VornBufferConnection::transfer(data.data(), bufLen, error);
         }
     };
@@ -747,9 +742,8 @@ TEST_F(VornBufferConnectionTest, OfTheClassItself_ManyValuesAreKeptAcrossDisconn
         own.transfer(i);
         own.transfer(static_cast<long>(i));
         own.transfer(static_cast<short>(i));
-        if (i % 1000 == 0) {
+        if (i % 1000 == 0)
             own.disconnect();
-        }
     }
     EXPECT_EQ(own.size(), 140'000);
     for (int i = 0; i < 10'000; ++i) {

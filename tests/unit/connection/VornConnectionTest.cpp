@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "ConnectionTestTools.h"
 #include "Interpose.h"
 #include "Interruptions.h"
@@ -40,7 +39,7 @@ using testing::Not;
 using testing::SizeIs;
 using Record = LogCapture::Record;
 
-/// One answer of a scripted peekBytes(); without a size the number of bytes is told.
+/** One answer of a scripted peekBytes(); without a size the number of bytes is told. */
 struct PeekStep {
     std::string data;
     int error = 0;
@@ -180,7 +179,7 @@ private:
     }
 };
 
-/// The base's own hooks, which ScriptedConnection hides behind its records.
+/** The base's own hooks, which ScriptedConnection hides behind its records. */
 class PlainConnection : public ScriptedConnection {
 public:
     using ScriptedConnection::ScriptedConnection;
@@ -200,7 +199,7 @@ protected:
     ScriptedConnection connection;
 };
 
-/// peekLine() and getLine() with the pauses taken out; how many there were is still known.
+/** peekLine() and getLine() with the pauses taken out; how many there were is still known. */
 class VornConnection_Line : public VornConnectionTest {
 protected:
     void SetUp() override {
@@ -218,7 +217,7 @@ protected:
 
     int pauses() const { return m_trace->calls("clock_nanosleep"); }
 
-    /// peekLine() on a buffer of this capacity, full of old bytes.
+    /** peekLine() on a buffer of this capacity, full of old bytes. */
     PeekResult peekLine(int capacity) {
         m_line.fill('#');
         PeekResult result{false, capacity, untouched, {}};
@@ -227,14 +226,13 @@ protected:
         return result;
     }
 
-    /// getLine() on such a buffer; nullopt for null.
+    /** getLine() on such a buffer; nullopt for null. */
     std::optional<std::string> getLine(int capacity) {
         m_line.fill('#');
         error = untouched;
         const char* line = connection.getLine(m_line.data(), capacity, error);
-        if (line == nullptr) {
+        if (line == nullptr)
             return std::nullopt;
-        }
         EXPECT_EQ(static_cast<const void*>(line), static_cast<const void*>(m_line.data()));
         return line;
     }
@@ -1222,9 +1220,8 @@ TEST_F(VornConnection_Line, WhenThePeekReportsAnError_GetLineReturnsNullWithIt) 
 
 TEST_F(VornConnection_Line, WhileNothingComes_GetLineAsksAgainAndAgain) {
     // 10 rounds of three looks each before the line is there.
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < 30; ++i)
         connection.peekSteps.push_back({"", 0, 0, false});
-    }
     connection.incoming = "abc\r\n";
     EXPECT_EQ(getLine(64), "abc");
     EXPECT_EQ(std::count(connection.calls.begin(), connection.calls.end(), "peekLine 64 error 0"), 11);

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "ConnectionTestTools.h"
 #include "Interpose.h"
@@ -71,9 +70,8 @@ protected:
     void TearDown() override {
         m_listener.reset();
         // The last two are socat's, which leaves its own behind when it is killed.
-        for (const char* name : {"alpha", "echo", "sink"}) {
+        for (const char* name : {"alpha", "echo", "sink"})
             ::unlink(pipePath(name).c_str());
-        }
         LeakCheckedTest::TearDown();
     }
 

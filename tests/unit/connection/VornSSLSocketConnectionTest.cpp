@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "ConnectionTestTools.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
@@ -64,7 +63,7 @@ protected:
     }
 };
 
-/// A connection which has a socket but is not marked connected; nothing of the library makes such a one.
+/** A connection which has a socket but is not marked connected; nothing of the library makes such a one. */
 class VornSSLSocketConnection_Unmarked : public VornSSLSocketConnectionTest {
 protected:
     void SetUp() override {

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "ConnectionTestTools.h"
 #include "Interpose.h"
@@ -89,18 +88,16 @@ protected:
 
     UniqueFd accept() const { return acceptClient(m_listener.get()); }
 
-    /// Connects with what the listener does not answer within the test, so that a look-up decides.
+    /** Connects with what the listener does not answer within the test, so that a look-up decides. */
     std::string connectLog(const std::string& host, bool identify) {
         const LogCapture log(7);
         VornSocketConnection client(host, port, false, identify);
-        if (const auto failed = failureOf([&] { client.establish(); })) {
+        if (const auto failed = failureOf([&] { client.establish(); }))
             return failed->text;
-        }
         const UniqueFd peer = accept();
         std::string result;
-        for (const Record& record : log.records()) {
+        for (const Record& record : log.records())
             result += std::to_string(record.level) + " " + record.text + "\n";
-        }
         return result;
     }
 
@@ -123,7 +120,7 @@ void coverSystemFile(const std::string& path, const std::string& text) {
     }
 }
 
-/// The question's own bytes with a pointer record behind them which says that the name is "named.example".
+/** The question's own bytes with a pointer record behind them which says that the name is "named.example". */
 std::string pointerAnswer(const std::string& question) {
     return question.substr(0, 2) + bytes("81 80 00 01 00 01 00 00 00 00") +
            question.substr(12, question.find('\0', 12) + 5 - 12) +
@@ -138,13 +135,11 @@ std::string pointerAnswer(const std::string& question) {
  * system's files it does in a name space of its own.
  */
 KIT_ROLE(identifyByNameService) {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
         return 4;
-    }
     coverSystemFile("/etc/nsswitch.conf", "hosts: dns\n");
-    if (::access("/etc/resolv.conf", F_OK) == 0) {
+    if (::access("/etc/resolv.conf", F_OK) == 0)
         coverSystemFile("/etc/resolv.conf", "nameserver 127.0.0.1\n");
-    }
     int dnsPort = 53;
     const UniqueFd dns = udpSocket("127.0.0.1", dnsPort);
     int port = 0;
@@ -158,9 +153,8 @@ KIT_ROLE(identifyByNameService) {
     VornSocketConnection client("127.0.0.1", port, false, true);
     client.establish();
     server.join();
-    for (const Record& record : log.records()) {
+    for (const Record& record : log.records())
         std::cout << record.level << ' ' << record.text << '\n';
-    }
     const UniqueFd peer = acceptClient(listener.get());
     std::cout << "port " << port << " peer " << peerAddress(peer.get()) << '\n';
     return 0;
@@ -749,9 +743,8 @@ TEST_F(VornSocketConnectionTest, ARequestOfCurlIsReadLineByLine) {
     int error = untouched;
     EXPECT_STREQ(connection.getLine(line, sizeof(line), error), "GET /some/path HTTP/1.1");
     std::string headers;
-    while (connection.getLine(line, sizeof(line), error) != nullptr && *line != '\0') {
+    while (connection.getLine(line, sizeof(line), error) != nullptr && *line != '\0')
         headers += line + std::string("\n");
-    }
     EXPECT_EQ(error, 0);
     EXPECT_THAT(headers, HasSubstr("Host: 127.0.0.1:" + std::to_string(port) + "\n"));
     EXPECT_THAT(headers, HasSubstr("User-Agent: curl/"));

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "ConnectionTestTools.h"
 #include "Interpose.h"
@@ -62,16 +61,15 @@ protected:
 
     std::string received() const { return hex(receiveDatagram(m_receiver.get())); }
 
-    /// Sends an int to the receiver under this host name; what is logged up to level 7, and the datagram.
+    /** Sends an int to the receiver under this host name; what is logged up to level 7, and the datagram. */
     std::vector<std::string> sendTo(const std::string& host, bool identify) {
         const LogCapture log(7);
         VornUDPSocketConnection connection(host, port, identify);
         connection.transfer(7);
         EXPECT_TRUE(connection.transmit()) << host;
         std::vector<std::string> result;
-        for (const Record& record : log.records()) {
+        for (const Record& record : log.records())
             result.push_back(std::to_string(record.level) + " " + record.text);
-        }
         result.push_back(received());
         return result;
     }
@@ -428,7 +426,7 @@ TEST_F(VornUDPSocketConnectionTest, WhenLoggingIsOffFailuresAreSilent) {
 
 namespace {
 
-/// Lets this process find the text in the place of the system's file, if there is one.
+/** Lets this process find the text in the place of the system's file, if there is one. */
 bool coverFile(const std::string& path, const std::string& text) {
     const std::string own = "/opt/cover" + std::to_string(path.size());
     std::ofstream(own) << text;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The programs of the other tests are linked with the library and so never unload it. This one is not: it has
  * the support library alone, and its children load the plug-in, which brings the library with it.
@@ -37,7 +36,7 @@ using testing::Not;
 
 class ModuleTest : public LeakCheckedTest {};
 
-/// A module's life, see liveAsModule().
+/** A module's life, see liveAsModule(). */
 struct Life {
     bool autoInit;
     int start;
@@ -48,7 +47,7 @@ struct Life {
 const std::string pluginFile = VORNTEST_REGISTRY_PLUGIN_FILE;
 const std::string neighbourFile = VORNTEST_NEIGHBOUR_FILE;
 
-/// Every record from now on becomes a line of standard output: its level and its text.
+/** Every record from now on becomes a line of standard output: its level and its text. */
 void printRecords(int level) {
     VornLogging::setRecordHandler([](int recordLevel, const VornString& text) {
         std::cout << recordLevel << ' ' << text << std::endl;
@@ -60,7 +59,7 @@ void printReleased() {
     std::cout << "proxy released" << std::endl;
 }
 
-/// Which of the shared objects in question are mapped.
+/** Which of the shared objects in question are mapped. */
 void printMapped() {
     const std::string maps = readTextFile("/proc/self/maps");
     const auto isMapped = [&](const char* name) { return maps.find(name) != std::string::npos; };
@@ -69,23 +68,21 @@ void printMapped() {
 }
 
 void registerProxies(const SharedObject& plugin, int count) {
-    for (long handle = 0; handle < count; ++handle) {
+    for (long handle = 0; handle < count; ++handle)
         plugin.function<decltype(registerProxy)>("registerProxy")("pipe:quorax1f3a", handle, &printReleased);
-    }
     std::cout << "registered " << plugin.function<decltype(registrySize)>("registrySize")() << std::endl;
 }
 
 std::vector<std::string> linesOf(ChildProcess child) {
     std::vector<std::string> result;
     std::istringstream output(child.readAllOutput());
-    for (std::string line; std::getline(output, line);) {
+    for (std::string line; std::getline(output, line);)
         result.push_back(line);
-    }
     EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
     return result;
 }
 
-/// The lines of readelf's list of symbols which contain @p text; the option selects the table.
+/** The lines of readelf's list of symbols which contain @p text; the option selects the table. */
 std::vector<std::string> symbolsWith(const std::string& text, const std::string& option,
                                      const std::string& path) {
     ChildProcess readelf = ChildProcess::spawn({"readelf", "--wide", option, path});
@@ -93,9 +90,8 @@ std::vector<std::string> symbolsWith(const std::string& text, const std::string&
     EXPECT_EQ(readelf.wait(), 0) << readelf.readAllErrors();
     std::vector<std::string> result;
     for (std::string line; std::getline(output, line);) {
-        if (line.find(text) != std::string::npos) {
+        if (line.find(text) != std::string::npos)
             result.push_back(line);
-        }
     }
     return result;
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "NotificationPeer.h"
 
 #include "Interpose.h"
@@ -42,15 +41,13 @@ void bringLoopbackUp() {
     ifreq request = {};
     std::memcpy(request.ifr_name, "lo", sizeof("lo"));
     request.ifr_flags = IFF_UP | IFF_RUNNING;
-    if (!fd || ::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0) {
+    if (!fd || ::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0)
         fail("ioctl(SIOCSIFFLAGS, lo up)");
-    }
 }
 
 void renameFile(const std::string& from, const std::string& to) {
-    if (std::rename(from.c_str(), to.c_str()) != 0) {
+    if (std::rename(from.c_str(), to.c_str()) != 0)
         fail("rename(" + from + ")");
-    }
 }
 
 bool awaitWaitOf(Kind kind, pid_t tid) {
@@ -67,9 +64,8 @@ bool awaitWaitOf(Kind kind, pid_t tid) {
 
 Kind kindOf(const std::string& address) {
     const std::string kind = Target(address).kind;
-    if (kind == "udp") {
+    if (kind == "udp")
         return Kind::udp;
-    }
     return kind == "socket" ? Kind::socket : Kind::pipe;
 }
 
@@ -102,25 +98,22 @@ void useKind(Kind kind) {
 }
 
 void useTypeText(const std::string& value) {
-    if (::setenv(typeVariable, value.c_str(), 1) != 0) {
+    if (::setenv(typeVariable, value.c_str(), 1) != 0)
         fail("setenv()");
-    }
 }
 
 void enterFreshNetwork() {
     needSandbox("a network of its own");
-    if (::unshare(CLONE_NEWNET) != 0) {
+    if (::unshare(CLONE_NEWNET) != 0)
         fail("unshare(CLONE_NEWNET)");
-    }
     bringLoopbackUp();
 }
 
 std::string onWire(long value) {
     const auto low = static_cast<unsigned long>(value);
     std::string result;
-    for (int shift = 24; shift >= 0; shift -= 8) {
+    for (int shift = 24; shift >= 0; shift -= 8)
         result += static_cast<char>(static_cast<unsigned char>(low >> shift));
-    }
     return result + std::string(4, '\0');
 }
 
@@ -153,9 +146,8 @@ std::chrono::milliseconds processorTime(pid_t tid) {
     const std::string stat = readTextFile("/proc/self/task/" + std::to_string(tid) + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 1));
     std::string skipped;
-    for (int i = 0; i < 11; ++i) {
+    for (int i = 0; i < 11; ++i)
         fields >> skipped;
-    }
     long user = 0;
     long system = 0;
     fields >> user >> system;
@@ -166,9 +158,8 @@ std::string readToEnd(VornNet::VornConnection& connection) {
     std::string result;
     char letter = 0;
     long error = 0;
-    while (connection.receive(&letter, 1, &error, false) == 1) {
+    while (connection.receive(&letter, 1, &error, false) == 1)
         result += letter;
-    }
     return result;
 }
 
@@ -225,9 +216,8 @@ MissingPipeDirectory::MissingPipeDirectory() : m_name(pipeDirectory()) {
 }
 
 MissingPipeDirectory::~MissingPipeDirectory() {
-    if (!m_isBack) {
+    if (!m_isBack)
         std::rename((m_name + "-gone").c_str(), m_name.c_str());
-    }
 }
 
 std::string MissingPipeDirectory::pathNow(const std::string& name) const {
@@ -260,9 +250,8 @@ Target::Target(const std::string& address) {
     const std::size_t second = address.find(':', first + 1);
     kind = address.substr(0, first);
     place = address.substr(first + 1, second - first - 1);
-    if (second != std::string::npos) {
+    if (second != std::string::npos)
         port = std::stoi(address.substr(second + 1));
-    }
 }
 
 UniqueFd connectToSink(const std::string& address) {
@@ -292,24 +281,21 @@ void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std
 std::vector<std::string> recordsOf(const std::string& className, const LogCapture& log) {
     std::vector<std::string> result;
     for (const LogCapture::Record& record : log.records()) {
-        if (record.text.rfind(className + "::", 0) == 0) {
+        if (record.text.rfind(className + "::", 0) == 0)
             result.push_back(std::to_string(record.level) + " " + record.text);
-        }
     }
     return result;
 }
 
 Traffic::Traffic(int threads) {
-    for (int i = 0; i < threads; ++i) {
+    for (int i = 0; i < threads; ++i)
         m_threads.emplace_back([this] { send(); });
-    }
 }
 
 Traffic::~Traffic() {
     m_ends = true;
-    for (std::thread& thread : m_threads) {
+    for (std::thread& thread : m_threads)
         thread.join();
-    }
 }
 
 void Traffic::aim(const std::string& address) {
@@ -328,9 +314,8 @@ void Traffic::send() {
         const std::string address = target();
         try {
             if (address.empty() || kindOf(address) == Kind::udp) {
-                if (!address.empty()) {
+                if (!address.empty())
                     sendByHand(address, data);
-                }
                 std::this_thread::yield();
                 continue;
             }
@@ -350,9 +335,8 @@ void NotificationTest::SetUp() {
     useInterposition();
     // Pipes need no ports, so that they are tested even where no network can be created.
     const auto* transport = dynamic_cast<const testing::WithParamInterface<Kind>*>(this);
-    if (transport == nullptr || testing::WithParamInterface<Kind>::GetParam() != Kind::pipe) {
+    if (transport == nullptr || testing::WithParamInterface<Kind>::GetParam() != Kind::pipe)
         enterFreshNetwork();
-    }
     LeakCheckedTest::SetUp();
 }
 
@@ -381,9 +365,8 @@ int liveAsService(long handle) {
     for (std::string line; std::getline(std::cin, line);) {
         const std::size_t blank = line.find(' ');
         const std::string address = line.substr(0, blank);
-        if (proxy == nullptr || proxy->getRemoteName() != address) {
+        if (proxy == nullptr || proxy->getRemoteName() != address)
             proxy = new VornNet::VornProxyDependent(address, handle);
-        }
         try {
             proxy->remoteNotify(VornSupport::VornNotification(std::stoi(line.substr(blank))));
             std::printf("sent\n");

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_NOTIFICATIONPEER_H
 #define VORNTEST_NOTIFICATIONPEER_H
 
@@ -32,37 +31,37 @@
  */
 namespace VornTest {
 
-/// The roads on which a sink can be reached.
+/** The roads on which a sink can be reached. */
 enum class Kind { pipe, socket, udp };
 
-/// As in callback addresses and in the environment variable.
+/** As in callback addresses and in the environment variable. */
 std::string nameOf(Kind kind);
 
-/// For GoogleTest's messages and names of tests.
+/** For GoogleTest's messages and names of tests. */
 void PrintTo(Kind kind, std::ostream* out);
 
-/// Makes sinks of that kind the ones which are made.
+/** Makes sinks of that kind the ones which are made. */
 void useKind(Kind kind);
 
-/// Makes @p value what the environment says about the kind.
+/** Makes @p value what the environment says about the kind. */
 void useTypeText(const std::string& value);
 
-/// Gives the calling thread, and those it starts, a network of nothing but `lo`: every port is free there.
+/** Gives the calling thread, and those it starts, a network of nothing but `lo`: every port is free there. */
 void enterFreshNetwork();
 
-/// A number as it travels.
+/** A number as it travels. */
 std::string onWire(long value);
 
-/// The system's number of the only thread with this name; 0 if there is none.
+/** The system's number of the only thread with this name; 0 if there is none. */
 pid_t tidOfThread(const std::string& name);
 
-/// Processor time that a thread of this process has used.
+/** Processor time that a thread of this process has used. */
 std::chrono::milliseconds processorTime(pid_t tid);
 
-/// What is left of the connection, read byte by byte until the other side has closed.
+/** What is left of the connection, read byte by byte until the other side has closed. */
 std::string readToEnd(VornNet::VornConnection& connection);
 
-/// A sink with its inside open to tests.
+/** A sink with its inside open to tests. */
 class SinkProbe : public VornNet::VornLibraryCallbackSink {
 public:
     using VornLibraryCallbackSink::VornLibraryCallbackSink;
@@ -78,7 +77,7 @@ public:
     using VornLibraryCallbackSink::waitForServerPort;
 };
 
-/// A sink whose thread is known.
+/** A sink whose thread is known. */
 class WatchedSink {
 public:
     explicit WatchedSink(Kind kind, const std::string& name = "sink");
@@ -89,18 +88,18 @@ public:
 
     pid_t tid() const { return m_tid; }
 
-    /// Waits until the sink's thread waits for a client. What came before must be known to be over.
+    /** Waits until the sink's thread waits for a client. What came before must be known to be over. */
     bool awaitServing() const;
 
-    /// Waits until the sink's thread waits for bytes of a client of a stream kind.
+    /** Waits until the sink's thread waits for bytes of a client of a stream kind. */
     bool awaitReading() const;
 
-    /// Waits until run() has returned or thrown.
+    /** Waits until run() has returned or thrown. */
     bool awaitEnd() const { return m_sink->wait(static_cast<int>(defaultLimit.count())); }
 
     std::string address() const { return m_sink->getCallbackAddress(); }
 
-    /// Destroys the sink.
+    /** Destroys the sink. */
     void destroy() { m_sink.reset(); }
 
 private:
@@ -109,20 +108,20 @@ private:
     pid_t m_tid;
 };
 
-/// A callback that remembers what it was called with.
+/** A callback that remembers what it was called with. */
 class RecordingCallback : public VornNet::VornNotificationCallback {
 public:
-    /// What is done with a connection; the result is remembered.
+    /** What is done with a connection; the result is remembered. */
     using Action = std::function<std::string(VornNet::VornSmartPointer<VornNet::VornConnection>&)>;
 
     RecordingCallback(int id, Action action);
 
-    /// The contents of the notifications so far.
+    /** The contents of the notifications so far. */
     std::vector<std::string> contents() const;
 
     int calls() const { return static_cast<int>(contents().size()); }
 
-    /// Waits until there have been at least @p count calls.
+    /** Waits until there have been at least @p count calls. */
     bool awaitCalls(int count) const;
 
 protected:
@@ -137,14 +136,14 @@ private:
 
 using CallbackPointer = VornNet::VornSmartPointer<RecordingCallback>;
 
-/// Registers a callback under the next id; without an action it reads to the end of the stream.
+/** Registers a callback under the next id; without an action it reads to the end of the stream. */
 CallbackPointer addCallback(VornNet::VornLibraryCallbackSink& sink, RecordingCallback::Action action = {});
 
-/// The same under an id of the test's choice.
+/** The same under an id of the test's choice. */
 CallbackPointer addCallbackAs(int id, VornNet::VornLibraryCallbackSink& sink,
                               RecordingCallback::Action action = {});
 
-/// The pipe directory is out of the way while this exists.
+/** The pipe directory is out of the way while this exists. */
 class MissingPipeDirectory {
 public:
     MissingPipeDirectory();
@@ -152,7 +151,7 @@ public:
     MissingPipeDirectory(const MissingPipeDirectory&) = delete;
     MissingPipeDirectory& operator=(const MissingPipeDirectory&) = delete;
 
-    /// Where a pipe that was there before is now.
+    /** Where a pipe that was there before is now. */
     std::string pathNow(const std::string& name) const;
 
     void putBack();
@@ -162,11 +161,11 @@ private:
     bool m_isBack = false;
 };
 
-/// Something that one thread opens for others.
+/** Something that one thread opens for others. */
 class Gate {
 public:
     void open();
-    /// Waits until it is open; false if that takes too long.
+    /** Waits until it is open; false if that takes too long. */
     bool await();
     bool isOpen();
 
@@ -176,7 +175,7 @@ private:
     bool m_isOpen = false;
 };
 
-/// A callback address taken apart.
+/** A callback address taken apart. */
 struct Target {
     explicit Target(const std::string& address);
 
@@ -185,19 +184,19 @@ struct Target {
     int port = 0;
 };
 
-/// A connection of plain POSIX calls to a sink of a stream kind.
+/** A connection of plain POSIX calls to a sink of a stream kind. */
 UniqueFd connectToSink(const std::string& address);
 
-/// Sends the bytes to a sink as one notification, and closes.
+/** Sends the bytes to a sink as one notification, and closes. */
 void sendByHand(const std::string& address, const std::string& data);
 
-/// Sends to the sink by hand when it is waiting, and returns when the callback has been called.
+/** Sends to the sink by hand when it is waiting, and returns when the callback has been called. */
 void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std::string& content);
 
-/// The records of the class, each with its level in front.
+/** The records of the class, each with its level in front. */
 std::vector<std::string> recordsOf(const std::string& className, const LogCapture& log);
 
-/// Sends notifications for id 0 without pause, wherever it is aimed at, while it exists.
+/** Sends notifications for id 0 without pause, wherever it is aimed at, while it exists. */
 class Traffic {
 public:
     explicit Traffic(int threads);
@@ -217,7 +216,7 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-/// A test in a network of its own.
+/** A test in a network of its own. */
 class NotificationTest : public LeakCheckedTest {
 protected:
     void SetUp() override;
@@ -232,8 +231,10 @@ protected:
  */
 int liveAsClient(int callbacks);
 
-/// The life of a service: notifies as each line "<address> <id>" says, and prints "sent", or "failed <code>
-/// <text>".
+/**
+ * The life of a service: notifies as each line "<address> <id>" says, and prints "sent", or "failed <code>
+ * <text>".
+ */
 int liveAsService(long handle);
 
 } // namespace VornTest

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The whole road of a notification, between processes.
  */
@@ -28,7 +27,7 @@ class NotificationRoad : public NotificationTest, public testing::WithParamInter
 INSTANTIATE_TEST_SUITE_P(Kind, NotificationRoad, Values(Kind::pipe, Kind::socket, Kind::udp),
                          [](const auto& parameter) { return nameOf(parameter.param); });
 
-/// A client in a process of its own.
+/** A client in a process of its own. */
 class Client {
 public:
     explicit Client(Kind kind, int callbacks = 1)
@@ -36,12 +35,12 @@ public:
                                                 {std::to_string(callbacks)})),
           m_address(m_process.readLine()) {}
 
-    /// Where the sink was when it was last seen waiting.
+    /** Where the sink was when it was last seen waiting. */
     const std::string& address() const { return m_address; }
 
     ChildProcess& process() { return m_process; }
 
-    /// Waits until its sink can take the next notification. What it has received must have been read.
+    /** Waits until its sink can take the next notification. What it has received must have been read. */
     void awaitServing() {
         m_process.writeLine("ready?");
         m_address = m_process.readLine();
@@ -52,13 +51,13 @@ private:
     std::string m_address;
 };
 
-/// A service in a process of its own, with one callback of its clients.
+/** A service in a process of its own, with one callback of its clients. */
 class Service {
 public:
     explicit Service(int handle = 0)
         : m_process(ChildProcess::spawnRole("roadService", std::to_string(handle))) {}
 
-    /// Lets it notify the sink at the address, and returns what became of it.
+    /** Lets it notify the sink at the address, and returns what became of it. */
     std::string notify(const std::string& address, int id) {
         m_process.writeLine(address + " " + std::to_string(id));
         return m_process.readLine();
@@ -68,17 +67,16 @@ private:
     ChildProcess m_process;
 };
 
-/// What a client prints when it has been told of an id.
+/** What a client prints when it has been told of an id. */
 std::string eventLine(int callback, int id) {
     return std::to_string(callback) + " " + hex(onWire(id));
 }
 
-/// A socat command that sends its standard input to the address.
+/** A socat command that sends its standard input to the address. */
 std::vector<std::string> socatTo(const std::string& address) {
     const Target target(address);
-    if (target.kind == "pipe") {
+    if (target.kind == "pipe")
         return {"socat", "-u", "STDIN", "UNIX-CONNECT:" + pipePath(target.place)};
-    }
     const std::string kind = target.kind == "udp" ? "UDP4-SENDTO:" : "TCP4:";
     return {"socat", "-u", "STDIN", kind + target.place + ":" + std::to_string(target.port)};
 }
@@ -116,9 +114,8 @@ TEST_P(NotificationRoad, FromProxyToPlainReceiver) {
         fd = udpSocket("127.0.0.1", port);
         break;
     }
-    if (address.empty()) {
+    if (address.empty())
         address = nameOf(GetParam()) + ":127.0.0.1:" + std::to_string(port);
-    }
     Service service(7);
     EXPECT_EQ(service.notify(address, 12), "sent");
     const std::string received =

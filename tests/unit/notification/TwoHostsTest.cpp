@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * Two hosts, each with a network and a hosts file of its own, joined by a cable: the service's host is the
  * test's own, 10.77.0.1, the client's is the world of a child process, 10.77.0.2.
@@ -39,24 +38,22 @@ using VornSupport::VornNotification;
 
 constexpr const char* clientsHosts = "10.77.0.2 harrier localhost\n10.77.0.1 kestrel\n";
 
-/// Runs a program to its end.
+/** Runs a program to its end. */
 void run(const std::vector<std::string>& command) {
     ChildProcess process = ChildProcess::spawn(command);
-    if (process.wait() != 0) {
+    if (process.wait() != 0)
         throw std::runtime_error(command.at(0) + ": " + process.readAllErrors());
-    }
 }
 
-/// Gives this process a hosts file that other processes do not see.
+/** Gives this process a hosts file that other processes do not see. */
 void useOwnHostsFile(const std::string& text) {
     const std::string path = "/opt/.vorntest/hosts-of-client";
     std::ofstream(path) << text;
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(path.c_str(), "/etc/hosts", "none", MS_BIND, nullptr) != 0) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(path.c_str(), "/etc/hosts", "none", MS_BIND, nullptr) != 0)
         throw std::system_error(errno, std::generic_category(), "mount(/etc/hosts)");
-    }
 }
 
-/// A notification's way to a place, to its failure if there is one.
+/** A notification's way to a place, to its failure if there is one. */
 std::string notifyAt(const std::string& address) {
     const VornNet::VornSmartPointer<VornNet::VornProxyDependent> proxy =
         new VornNet::VornProxyDependent(address, 0);
@@ -85,7 +82,7 @@ protected:
         ASSERT_EQ(readTextFile("/proc/sys/net/ipv4/tcp_syn_retries"), "1\n");
     }
 
-    /// Starts the other host with a client whose sink is of that kind, and returns the client's address.
+    /** Starts the other host with a client whose sink is of that kind, and returns the client's address. */
     std::string startClient(Kind kind) {
         m_client = std::make_unique<ChildProcess>(
             ChildProcess::spawnRoleWith({"QUORAX_CALLB_CONN_TYPE=" + nameOf(kind)}, "clientOnOtherHost", {}));
@@ -102,7 +99,7 @@ protected:
 
     ChildProcess& client() { return *m_client; }
 
-    /// Waits until the client's sink is waiting, and returns the address that it has then.
+    /** Waits until the client's sink is waiting, and returns the address that it has then. */
     std::string awaitServing() {
         m_client->writeLine("ready?");
         return m_client->readLine();

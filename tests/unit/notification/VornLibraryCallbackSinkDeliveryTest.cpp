@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What becomes of one notification, and of the server and the container meanwhile.
  */
@@ -57,7 +56,7 @@ std::string ownPipeName() {
     return text.data();
 }
 
-/// The address of the first sink of that kind in a process.
+/** The address of the first sink of that kind in a process. */
 std::string firstAddress(Kind kind) {
     return kind == Kind::pipe ? "pipe:" + ownPipeName() : nameOf(kind) + ":127.0.0.1:5023";
 }
@@ -66,7 +65,7 @@ std::string addressWithPort(Kind kind, int port) {
     return nameOf(kind) + ":127.0.0.1:" + std::to_string(port);
 }
 
-/// A record of the sink's class, as recordsOf() shows it.
+/** A record of the sink's class, as recordsOf() shows it. */
 std::string debugRecord(const std::string& text) {
     return "9 VornLibraryCallbackSink::" + text;
 }
@@ -244,9 +243,8 @@ TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ServerIsClosedBeforeConnection
     ASSERT_TRUE(sink.awaitServing());
     std::vector<std::string> ownCalls;
     for (const CallRecord& record : trace.records()) {
-        if (record.tid == sink.tid() && (record.name == "close" || record.name == "bind")) {
+        if (record.tid == sink.tid() && (record.name == "close" || record.name == "bind"))
             ownCalls.push_back(record.name);
-        }
     }
     // The pipe server closes three descriptors, the others one; UDP's wake-up datagram has one of its own.
     switch (GetParam()) {
@@ -347,9 +345,8 @@ TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, CallbackMayKeepConnection) {
               GetParam() == Kind::socket ? addressWithPort(GetParam(), 5026) : firstAddress(GetParam()));
     sink.destroy();
     ASSERT_EQ(kept.size(), 3U);
-    for (int i = 1; i <= 3; ++i) {
+    for (int i = 1; i <= 3; ++i)
         EXPECT_EQ(kept.at(static_cast<std::size_t>(i - 1))->receiveLong(), i);
-    }
 }
 
 TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, DescriptorsAreCloseOnExec) {
@@ -528,9 +525,8 @@ TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ContainerIsUsedWhileNotificati
     };
     WatchedThread first(use);
     WatchedThread second(use);
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20; ++i)
         deliver(sink, callback, onWire(i));
-    }
     ends = true;
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The end of a sink, whatever it is doing at that time.
  */
@@ -51,7 +50,7 @@ constexpr int destructions = 50;
 constexpr int destructions = 200;
 #endif
 
-/// Far beyond the 200 ms after which a destructor cuts clients off.
+/** Far beyond the 200 ms after which a destructor cuts clients off. */
 constexpr std::chrono::milliseconds endsWithin = 5s;
 
 class VornLibraryCallbackSink_End : public NotificationTest {};
@@ -69,19 +68,18 @@ INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_EndOfAnyKind,
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_EndOnStreams, Values(Kind::pipe, Kind::socket),
                          kindName);
 
-/// Destroys a sink; false if that takes too long.
+/** Destroys a sink; false if that takes too long. */
 bool destroyInTime(WatchedSink& sink) {
     WatchedThread destroyer([&] { sink.destroy(); });
     return destroyer.join(endsWithin);
 }
 
-/// Two connected sockets, to see whether somebody interferes with them.
+/** Two connected sockets, to see whether somebody interferes with them. */
 struct SocketPair {
     SocketPair() {
         std::array<int, 2> ends = {};
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
             throw std::system_error(errno, std::generic_category(), "socketpair()");
-        }
         first.reset(ends[0]);
         second.reset(ends[1]);
     }
@@ -90,7 +88,7 @@ struct SocketPair {
     UniqueFd second;
 };
 
-/// Waits until clients would have been cut off: nothing tells that a cut is not going to be made.
+/** Waits until clients would have been cut off: nothing tells that a cut is not going to be made. */
 void passTheTimeOfTheCut() {
     const auto end = std::chrono::steady_clock::now() + 600ms;
     awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
@@ -331,9 +329,8 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasDisconnected_NoStran
     WatchedThread destroyer([&] { sink.destroy(); });
     passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
-    for (const CallRecord& call : trace.records("shutdown")) {
+    for (const CallRecord& call : trace.records("shutdown"))
         EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
-    }
     sendAll(stranger->first.get(), "to second");
     sendAll(stranger->second.get(), "to first");
     EXPECT_EQ(receiveExactly(stranger->second.get(), 9), "to second");
@@ -502,9 +499,8 @@ TEST_F(VornLibraryCallbackSink_End, WhileCallbackReadsADatagramForLong_HasNobody
     WatchedThread destroyer([&] { sink.destroy(); });
     passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
-    for (const CallRecord& call : trace.records("shutdown")) {
+    for (const CallRecord& call : trace.records("shutdown"))
         EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
-    }
     leave.open();
     EXPECT_TRUE(destroyer.join(endsWithin));
 }

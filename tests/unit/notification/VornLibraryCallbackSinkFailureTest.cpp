@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * Failures: of a callback, of the wait, of the making of the server, and what a hostile sender can do.
  */
@@ -62,7 +61,7 @@ INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOnStreams, Values(
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOnPorts, Values(Kind::socket, Kind::udp),
                          kindName);
 
-/// A record of the sink's class, as recordsOf() shows it.
+/** A record of the sink's class, as recordsOf() shows it. */
 std::string debugRecord(const std::string& text) {
     return "9 VornLibraryCallbackSink::" + text;
 }
@@ -78,25 +77,25 @@ RecordingCallback::Action throwing(int code) {
     };
 }
 
-/// Sends one notification by hand when the sink is waiting.
+/** Sends one notification by hand when the sink is waiting. */
 void sendWhenServing(const WatchedSink& sink, const std::string& data) {
     ASSERT_TRUE(sink.awaitServing()) << describeThreads();
     sendByHand(sink.address(), data);
 }
 
-/// The records of a notification's way until its callback has failed.
+/** The records of a notification's way until its callback has failed. */
 std::vector<std::string> recordsUpToFailure(const std::string& address) {
     return {debugRecord("run: received data : " + address), debugRecord("run: hCallback=0"),
             debugRecord("run: found callback... invoking")};
 }
 
-/// Lets pass a time in which something is counted.
+/** Lets pass a time in which something is counted. */
 void letPass(std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
 }
 
-/// A signal's handler that does nothing but interrupt system calls.
+/** A signal's handler that does nothing but interrupt system calls. */
 class InterruptingSignal {
 public:
     InterruptingSignal() {
@@ -158,9 +157,8 @@ TEST_F(VornLibraryCallbackSink_Failure, WhenServerCannotBeMade_ConstructorWaitsA
         const std::string stat = readTextFile(task + "stat");
         std::istringstream fields(stat.substr(stat.rfind(')') + 1));
         std::string skipped;
-        for (int i = 0; i < 11; ++i) {
+        for (int i = 0; i < 11; ++i)
             fields >> skipped;
-        }
         long user = 0;
         long system = 0;
         fields >> user >> system;

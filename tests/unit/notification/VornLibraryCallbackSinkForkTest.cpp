@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * Sinks in a process that forks, starts programs, or exits from a callback.
  */
@@ -45,7 +44,7 @@ INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_ForkOnPorts, Values(Kind:
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_ForkOnStreams, Values(Kind::pipe, Kind::socket),
                          kindName);
 
-/// Starts a program that does nothing, as posix_spawn() does it: without the handlers of fork().
+/** Starts a program that does nothing, as posix_spawn() does it: without the handlers of fork(). */
 pid_t spawnProgram() {
     pid_t child = -1;
     std::array<char*, 2> arguments{const_cast<char*>("true"), nullptr};
@@ -53,7 +52,7 @@ pid_t spawnProgram() {
     return child;
 }
 
-/// Starts one by fork() and exec.
+/** Starts one by fork() and exec. */
 pid_t forkProgram() {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -63,16 +62,16 @@ pid_t forkProgram() {
     return child;
 }
 
-/// The thread sanitizer finds no order between the threads of a process of which one ends it.
+/** The thread sanitizer finds no order between the threads of a process of which one ends it. */
 constexpr const char* exitOnAnyThread = "TSAN_OPTIONS=report_bugs=0";
 
-/// Without a buffer: a child must not print again what its parent has printed.
+/** Without a buffer: a child must not print again what its parent has printed. */
 void print(const std::string& line) {
     const std::string data = line + "\n";
     EXPECT_EQ(::write(STDOUT_FILENO, data.data(), data.size()), static_cast<ssize_t>(data.size()));
 }
 
-/// The sink of a process that ends while it is there.
+/** The sink of a process that ends while it is there. */
 std::unique_ptr<SinkProbe> g_sink;
 
 } // namespace
@@ -139,14 +138,12 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenACallbackStartsPrograms_StaysAtI
         children.push_back(forkProgram());
         return readToEnd(*connection);
     });
-    for (int i = 0; i < 60; ++i) {
+    for (int i = 0; i < 60; ++i)
         deliver(sink, callback, "x");
-    }
     EXPECT_EQ(sink.address(), address);
     EXPECT_EQ(callback->calls(), 60);
-    for (const pid_t child : children) {
+    for (const pid_t child : children)
         EXPECT_EQ(statusOf(child), 0);
-    }
 }
 
 TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenAnotherThreadStartsPrograms_StaysAtItsAddress) {
@@ -155,13 +152,11 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenAnotherThreadStartsPrograms_Stay
     const CallbackPointer callback = addCallback(*sink);
     Gate ends;
     WatchedThread starter([&] {
-        while (!ends.isOpen()) {
+        while (!ends.isOpen())
             EXPECT_EQ(statusOf(spawnProgram()), 0);
-        }
     });
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 200; ++i)
         deliver(sink, callback, "x");
-    }
     ends.open();
     EXPECT_TRUE(starter.join());
     EXPECT_EQ(sink.address(), address);
@@ -189,20 +184,17 @@ KIT_ROLE(sinkWhoseChildrenExit) {
     g_sink = std::make_unique<SinkProbe>("forking");
     const CallbackPointer callback = addCallback(*g_sink, [](Connection& connection) {
         const pid_t child = ::fork();
-        if (child == 0) {
+        if (child == 0)
             std::exit(exitStatus);
-        }
         return readToEnd(*connection) + ", the callback's child: " + std::to_string(statusOf(child));
     });
     const pid_t child = ::fork();
-    if (child == 0) {
+    if (child == 0)
         std::exit(exitStatus);
-    }
     print("main's child: " + std::to_string(statusOf(child)));
     print(g_sink->getCallbackAddress());
-    if (callback->awaitCalls(1)) {
+    if (callback->awaitCalls(1))
         print(callback->contents().at(0));
-    }
     return 0;
 }
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "BeforeAllocation.h"
 #include "Interpose.h"
 #include "NotificationPeer.h"
@@ -58,7 +57,7 @@ std::string ownPipeName() {
     return text.data();
 }
 
-/// The address of the first sink of that kind in a process.
+/** The address of the first sink of that kind in a process. */
 std::string firstAddress(Kind kind) {
     return kind == Kind::pipe ? "pipe:" + ownPipeName() : nameOf(kind) + ":127.0.0.1:5023";
 }
@@ -67,7 +66,7 @@ std::string addressWithPort(Kind kind, int port) {
     return nameOf(kind) + ":127.0.0.1:" + std::to_string(port);
 }
 
-/// A record of the sink's class, as recordsOf() shows it.
+/** A record of the sink's class, as recordsOf() shows it. */
 std::string debugRecord(const std::string& text) {
     return "9 VornLibraryCallbackSink::" + text;
 }
@@ -76,7 +75,7 @@ std::vector<std::string> sinkRecords(const LogCapture& log) {
     return recordsOf("VornLibraryCallbackSink", log);
 }
 
-/// Takes a port away from the sinks.
+/** Takes a port away from the sinks. */
 UniqueFd occupy(Kind kind, int port) {
     return kind == Kind::udp ? udpSocket("127.0.0.1", port) : tcpListen("127.0.0.1", port);
 }
@@ -209,9 +208,8 @@ TEST_P(VornLibraryCallbackSink_OnPorts, WhenPortIsTaken_MovesToNext) {
 
 TEST_P(VornLibraryCallbackSink_OnPorts, WhenSeveralPortsAreTaken_MovesUntilOneIsFree) {
     std::vector<UniqueFd> strangers;
-    for (int port = 5023; port < 5043; ++port) {
+    for (int port = 5023; port < 5043; ++port)
         strangers.push_back(occupy(GetParam(), port));
-    }
     WatchedSink sink(GetParam());
     EXPECT_EQ(sink.address(), addressWithPort(GetParam(), 5043));
     EXPECT_EQ(sink->getCallbackSocket(), 5043);
@@ -297,7 +295,7 @@ TEST_F(VornLibraryCallbackSink, PipeHasNoNextPort) {
     EXPECT_THAT(log.texts(), IsEmpty());
 }
 
-/// How often the port on which the sink was open before is tried again.
+/** How often the port on which the sink was open before is tried again. */
 constexpr int retries = 50;
 
 TEST_P(VornLibraryCallbackSink_OnPorts, MovesKeepServerObject) {

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Interpose.h"
 #include "NotificationPeer.h"
 #include "Process.h"
@@ -50,7 +49,7 @@ INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OfAnyKind, Values(Kind::pipe, 
                          kindName);
 INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OnStreams, Values(Kind::pipe, Kind::socket), kindName);
 
-/// A proxy whose content is up to the test.
+/** A proxy whose content is up to the test. */
 class WritingProxy : public Proxy {
 public:
     using Write = std::function<void(VornConnection&, const VornNotification&)>;
@@ -66,7 +65,7 @@ private:
     Write m_write;
 };
 
-/// Where a proxy's notifications go to: plain sockets, not a sink.
+/** Where a proxy's notifications go to: plain sockets, not a sink. */
 class Receiver {
 public:
     explicit Receiver(Kind kind, int port = 0) : m_kind(kind), m_port(port) {
@@ -97,12 +96,12 @@ public:
 
     UniqueFd accept() const { return acceptClient(m_fd.get()); }
 
-    /// All of the next notification, in hexadecimal.
+    /** All of the next notification, in hexadecimal. */
     std::string next() const {
         return hex(m_kind == Kind::udp ? receiveDatagram(m_fd.get()) : receiveToEnd(accept().get()));
     }
 
-    /// Whether anything is waiting.
+    /** Whether anything is waiting. */
     bool isEmpty() const {
         pollfd entry = {m_fd.get(), POLLIN, 0};
         return ::poll(&entry, 1, 0) == 0;
@@ -122,7 +121,7 @@ ProxyPointer makeProxy(const std::string& address, WritingProxy::Write write) {
     return new WritingProxy(address, 7, std::move(write));
 }
 
-/// Notifies, and tells text and code of the failure.
+/** Notifies, and tells text and code of the failure. */
 std::string textAndCode(const ProxyPointer& proxy) {
     try {
         proxy->remoteNotify(VornNotification(12));
@@ -136,7 +135,7 @@ std::string handleAndId(long handle, long id) {
     return hex(onWire(handle) + onWire(id));
 }
 
-/// How often the library has begun to talk to anybody.
+/** How often the library has begun to talk to anybody. */
 int socketsMade(const CallTrace& trace) {
     return trace.calls("socket");
 }
@@ -152,7 +151,7 @@ static_assert(std::is_same_v<decltype(std::declval<const Proxy&>().getDependentH
 static_assert(
     std::is_same_v<decltype(std::declval<const Proxy&>().getRemoteName()), const VornSupport::VornString&>);
 
-/// Notifies a receiver which is gone when the content is written, under the setting of SIGPIPE in args.
+/** Notifies a receiver which is gone when the content is written, under the setting of SIGPIPE in args. */
 KIT_ROLE(writerToClosedPipe) {
     std::signal(SIGPIPE, args.at(0) == "default" ? SIG_DFL : SIG_IGN);
     const Receiver receiver(Kind::pipe);
@@ -202,13 +201,11 @@ TEST_P(VornProxyDependent_OfAnyKind, EachNotificationHasItsOwnConnection) {
     const Receiver receiver(GetParam());
     const ProxyPointer proxy = makeProxy(receiver.address());
     CallTrace trace;
-    for (int id = 0; id < 3; ++id) {
+    for (int id = 0; id < 3; ++id)
         proxy->remoteNotify(VornNotification(id));
-    }
     EXPECT_EQ(socketsMade(trace), 3);
-    for (int id = 0; id < 3; ++id) {
+    for (int id = 0; id < 3; ++id)
         EXPECT_EQ(receiver.next(), handleAndId(7, id));
-    }
 }
 
 TEST_P(VornProxyDependent_OnStreams, NobodyNeedAcceptOrAnswer) {
@@ -233,9 +230,8 @@ TEST_P(VornProxyDependent_OfAnyKind, SeveralThreadsMayUseOneProxy) {
     std::vector<std::unique_ptr<WatchedThread>> notifiers;
     for (int i = 0; i < threads; ++i) {
         notifiers.push_back(std::make_unique<WatchedThread>([&proxy, i] {
-            for (int id = 0; id < each; ++id) {
+            for (int id = 0; id < each; ++id)
                 proxy->remoteNotify(VornNotification(i * each + id));
-            }
         }));
     }
     std::vector<std::string> received;
@@ -342,7 +338,7 @@ TEST_F(VornProxyDependent, PipeNameIsEverythingBehindSeparator) {
     ::unlink(pipePath("a:b:1").c_str());
 }
 
-/// An address with PORT where the port of the receiver is to stand, or just its port.
+/** An address with PORT where the port of the receiver is to stand, or just its port. */
 struct AddressCase {
     const char* text;
     int port = 0;

@@ -43,7 +43,7 @@ protected:
 
     static ChildProcess startWatch() { return ChildProcess::spawn({VORNTEST_BUILDWATCH_FILE}); }
 
-    /// The next line that is about an event.
+    /** The next line that is about an event. */
     static std::string nextEvent(ChildProcess& watch) {
         std::string line = watch.readLine();
         while (line.compare(0, 2, "--") == 0)
@@ -51,7 +51,7 @@ protected:
         return line;
     }
 
-    /// Waits until the watching program has noted the event of that number.
+    /** Waits until the watching program has noted the event of that number. */
     static bool awaitNoted(const std::string& number) {
         return awaitCondition([&] {
             const std::string text = readTextFile("/opt/watch/buildwatch.position");

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_PUBLISHERFIXTURE_H
 #define VORNTEST_PUBLISHERFIXTURE_H
 
@@ -22,7 +21,7 @@
 
 namespace VornTest {
 
-/// Text and code of what an operation throws, or "nothing".
+/** Text and code of what an operation throws, or "nothing". */
 inline std::string thrownBy(const std::function<void()>& operation) {
     try {
         operation();
@@ -32,7 +31,7 @@ inline std::string thrownBy(const std::function<void()>& operation) {
     }
 }
 
-/// A writer of these bytes.
+/** A writer of these bytes. */
 inline VornNet::VornPublisher::Writer writing(const std::string& content) {
     return [content](VornNet::VornConnection& out) {
         long error = 0;
@@ -41,7 +40,7 @@ inline VornNet::VornPublisher::Writer writing(const std::string& content) {
     };
 }
 
-/// What onLeave has been told, one line each.
+/** What onLeave has been told, one line each. */
 class Departures {
 public:
     VornNet::VornPublisher::LeaveHandler handler() {
@@ -67,7 +66,7 @@ private:
     std::vector<std::string> m_lines;
 };
 
-/// A handler waits here until the test lets it go on.
+/** A handler waits here until the test lets it go on. */
 class Barrier {
 public:
     void wait() {

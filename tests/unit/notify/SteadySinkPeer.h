@@ -21,10 +21,10 @@ namespace VornTest {
 using SteadyOptions = VornNet::VornSteadySink::Options;
 using SteadyStatistics = VornNet::VornSteadySink::Statistics;
 
-/// The options for a sink of that kind at an address of its own.
+/** The options for a sink of that kind at an address of its own. */
 SteadyOptions optionsFor(Kind kind);
 
-/// A steady sink with one callback, whose id is 0.
+/** A steady sink with one callback, whose id is 0. */
 class SteadyClient {
 public:
     explicit SteadyClient(const SteadyOptions& options, RecordingCallback::Action action = {});
@@ -35,12 +35,12 @@ public:
 
     SteadyStatistics statistics() const { return m_sink->statistics(); }
 
-    /// Registers another callback.
+    /** Registers another callback. */
     CallbackPointer add(RecordingCallback::Action action = {}) const;
 
     const CallbackPointer& callback() const { return m_callback; }
 
-    /// Waits until one of the numbers is @p value.
+    /** Waits until one of the numbers is @p value. */
     template <typename Number>
     bool await(Number SteadyStatistics::*number, Number value) const {
         return awaitCondition([&] { return statistics().*number == value; });
@@ -53,10 +53,10 @@ private:
     CallbackPointer m_callback;
 };
 
-/// A callback that waits in the middle until it is let go on.
+/** A callback that waits in the middle until it is let go on. */
 class HeldCallback {
 public:
-    /// For a callback's action: reads everything, tells that it is there, and waits.
+    /** For a callback's action: reads everything, tells that it is there, and waits. */
     RecordingCallback::Action action();
 
     bool awaitEntered() { return m_entered.await(); }
@@ -68,22 +68,22 @@ private:
     Gate m_goesOn;
 };
 
-/// Ends the sending side.
+/** Ends the sending side. */
 void endSending(int fd);
 
-/// Sends a whole notification for id @p handle and ends the sending side.
+/** Sends a whole notification for id @p handle and ends the sending side. */
 UniqueFd sendNotification(const std::string& address, std::string_view content, long handle = 0);
 
-/// How a connection has ended for its sender: "end", "reset", or what went wrong.
+/** How a connection has ended for its sender: "end", "reset", or what went wrong. */
 std::string endingOf(int fd);
 
-/// Sends a whole notification and waits for its end.
+/** Sends a whole notification and waits for its end. */
 std::string deliverTo(const std::string& address, std::string_view content, long handle = 0);
 
-/// Waits until the receiver has taken what was sent over a pipe.
+/** Waits until the receiver has taken what was sent over a pipe. */
 bool awaitTaken(int fd);
 
-/// The code of what the constructor throws; its text must be the one given. 0 when nothing is thrown.
+/** The code of what the constructor throws; its text must be the one given. 0 when nothing is thrown. */
 int codeOf(const SteadyOptions& options, const std::string& text);
 
 inline const std::string cInvalidOption = "VornSteadySink::VornSteadySink: invalid option.";

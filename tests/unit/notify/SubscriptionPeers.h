@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_SUBSCRIPTIONPEERS_H
 #define VORNTEST_SUBSCRIPTIONPEERS_H
 
@@ -16,19 +15,19 @@
  */
 namespace VornTest {
 
-/// The bytes of an int, a number of 64 bits and a text.
+/** The bytes of an int, a number of 64 bits and a text. */
 std::string wireInt(std::uint32_t value);
 std::string wireNumber(std::uint64_t value);
 std::string wireText(const std::string& text);
 
-/// The other way round.
+/** The other way round. */
 std::uint32_t intOf(const std::string& data, std::size_t at = 0);
 std::uint64_t numberOf(const std::string& data, std::size_t at = 0);
 
-/// A pipe directory's name or a port, connected to.
+/** A pipe directory's name or a port, connected to. */
 UniqueFd connectTo(const std::string& address);
 
-/// The request of a client.
+/** The request of a client. */
 struct WireRequest {
     std::uint32_t version = 1;
     std::string callback{};
@@ -41,14 +40,14 @@ struct WireRequest {
     std::string bytes() const;
 };
 
-/// A frame: its kind and its rest.
+/** A frame: its kind and its rest. */
 struct WireFrame {
     std::uint32_t kind = 0;
     std::string rest;
 
     std::string bytes() const;
 
-    /// An event: its number and its content.
+    /** An event: its number and its content. */
     std::uint64_t number() const { return numberOf(rest); }
 
     std::string content() const { return rest.substr(8); }
@@ -62,10 +61,10 @@ struct WireFrame {
 bool operator==(const WireFrame& left, const WireFrame& right);
 void PrintTo(const WireFrame& frame, std::ostream* out);
 
-/// The next frame.
+/** The next frame. */
 WireFrame receiveFrame(int fd);
 
-/// What a service answers when it admits.
+/** What a service answers when it admits. */
 struct WirePlace {
     std::uint64_t history = 0;
     std::uint64_t first = 0;
@@ -75,12 +74,12 @@ struct WirePlace {
     std::string bytes() const;
 };
 
-/// A client that subscribes by hand.
+/** A client that subscribes by hand. */
 class RawSubscriber {
 public:
     RawSubscriber() = default;
 
-    /// Connects and subscribes; a test failure unless it is admitted.
+    /** Connects and subscribes; a test failure unless it is admitted. */
     RawSubscriber(const std::string& address, const std::string& topic, const WireRequest& request = {});
 
     int fd() const { return m_socket.get(); }
@@ -95,7 +94,7 @@ private:
     UniqueFd m_socket;
 };
 
-/// What is to be read at the end of a refused subscription: the reason.
+/** What is to be read at the end of a refused subscription: the reason. */
 std::string refusalOf(int fd);
 
 } // namespace VornTest

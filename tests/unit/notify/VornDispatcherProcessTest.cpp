@@ -84,9 +84,8 @@ TEST_F(VornDispatcher_Process, AfterStopNoDescriptorIsLeftAndEachWasCloseOnExec)
     for (int i = 0; i < 2; ++i)
         post(dispatcher, "udp:127.0.0.1:" + std::to_string(nPort));
     ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nConnections == 3; }));
-    for (const auto& [fd, what] : descriptorTable()) {
+    for (const auto& [fd, what] : descriptorTable())
         EXPECT_TRUE(before.count(fd) != 0 || (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0) << fd << " " << what;
-    }
     dispatcher.stop(0ms);
     EXPECT_EQ(descriptorTable().size(), before.size() + 2);
 }

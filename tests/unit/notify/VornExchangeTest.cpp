@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
@@ -33,7 +32,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// Short enough not to be waited for, long enough to be told from at once.
+/** Short enough not to be waited for, long enough to be told from at once. */
 constexpr std::chrono::milliseconds shortLimit{60};
 constexpr std::chrono::milliseconds longLimit{10000};
 
@@ -50,7 +49,7 @@ std::string readFailure(int code) {
     return "VornConnection::get: failed read " + std::to_string(code);
 }
 
-/// How long an operation took.
+/** How long an operation took. */
 std::chrono::milliseconds timeOf(const std::function<void()>& operation) {
     const auto start = std::chrono::steady_clock::now();
     operation();
@@ -69,7 +68,7 @@ std::chrono::milliseconds callLimit(int fd, int option) {
            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::microseconds(limit.tv_usec));
 }
 
-/// A library's connection of either kind, and the plain socket at its other end.
+/** A library's connection of either kind, and the plain socket at its other end. */
 struct Link {
     VornSmartPointer<VornConnection> spConnection;
     UniqueFd peer;
@@ -123,7 +122,7 @@ protected:
         VornExchange_Test::TearDown();
     }
 
-    /// Accepts one client, and answers the line that it sends.
+    /** Accepts one client, and answers the line that it sends. */
     WatchedThread answering(const std::string& line, const std::string& answer) {
         return WatchedThread([this, line, answer] {
             m_client = acceptClient(m_listener.get());
@@ -490,14 +489,14 @@ TEST_F(VornExchange_Test, ConnectionsWithoutASocketOfTheirOwn_HaveNoHandle) {
     }
 }
 
-/// What is written into memory, as hexadecimal text.
+/** What is written into memory, as hexadecimal text. */
 std::string written(const std::function<void(VornConnection&)>& write) {
     VornBufferConnection buffer;
     write(buffer);
     return hex({static_cast<const char*>(buffer.buf()), static_cast<std::size_t>(buffer.size())});
 }
 
-/// A connection that holds the bytes of a hexadecimal text.
+/** A connection that holds the bytes of a hexadecimal text. */
 VornSmartPointer<VornConnection> holding(const std::string& hexText) {
     std::string data = bytes(hexText);
     return new VornBufferConnection(data.data(), static_cast<int>(data.size()), "");

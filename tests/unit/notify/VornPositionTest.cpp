@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include <VornException.h>
 #include <VornPosition.h>
 
@@ -15,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t highest = std::numeric_limits<std::uint64_t>::max();
 
-/// A position and the text that it has.
+/** A position and the text that it has. */
 struct Example {
     VornPosition position;
     const char* text;

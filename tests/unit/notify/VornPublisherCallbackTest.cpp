@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "PublisherFixture.h"
 
 #include <gmock/gmock.h>
@@ -15,7 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 
-/// A plain sink at a pipe or a port, and subscribers whose events go there.
+/** A plain sink at a pipe or a port, and subscribers whose events go there. */
 class VornPublisher_Callback : public PublisherFixture, public testing::WithParamInterface<bool> {
 protected:
     void SetUp() override {
@@ -43,7 +42,7 @@ protected:
                 .handle = handle};
     }
 
-    /// Takes the next notification: what comes until its sender ends.
+    /** Takes the next notification: what comes until its sender ends. */
     std::string take() {
         const UniqueFd sender = acceptClient(m_sink.get());
         return receiveToEnd(sender.get());

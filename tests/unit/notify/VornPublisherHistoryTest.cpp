@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Process.h"
 #include "PublisherFixture.h"
 
@@ -36,7 +35,7 @@ Options withDirectory() {
     return options;
 }
 
-/// Publishes until it is killed, and tells each number that publish() has returned.
+/** Publishes until it is killed, and tells each number that publish() has returned. */
 KIT_ROLE(publishUntilKilled) {
     VornPublisher publisher("pipe:alpha", {"builds"}, withDirectory());
     std::cout << publisher.position("builds").nHistory << std::endl;
@@ -69,7 +68,7 @@ protected:
         return thrownBy([&] { const VornPublisher other("pipe:beta", {"builds"}, options); });
     }
 
-    /// All events that are kept, as numbers and contents.
+    /** All events that are kept, as numbers and contents. */
     std::vector<std::string> kept() {
         const RawSubscriber subscriber(address(), "builds", {.begin = 2});
         std::vector<std::string> all;
@@ -87,13 +86,13 @@ protected:
         out << data;
     }
 
-    /// Whether the next publisher goes on with the history.
+    /** Whether the next publisher goes on with the history. */
     bool goesOn(const VornPosition& position) {
         const VornPosition now = reopen();
         return now.nHistory == position.nHistory && now.nNumber == position.nNumber;
     }
 
-    /// A history of three events that was left in order.
+    /** A history of three events that was left in order. */
     VornPosition makeHistory() {
         open(withDirectory());
         for (const char* content : {"a", "b", "c"})

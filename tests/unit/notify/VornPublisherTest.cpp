@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LogCapture.h"
 #include "Process.h"
 #include "PublisherFixture.h"
@@ -34,7 +33,7 @@ std::string openFailure(const std::string& address, const std::vector<std::strin
     return thrownBy([&] { const VornPublisher publisher(address, topics, options); });
 }
 
-/// Options with one of them changed.
+/** Options with one of them changed. */
 Options with(const std::function<void(Options&)>& change) {
     Options options;
     change(options);
@@ -392,14 +391,14 @@ protected:
         return PublisherFixture::open(options, GetParam() ? "pipe:alpha" : "socket:127.0.0.1:0");
     }
 
-    /// What is answered to a line.
+    /** What is answered to a line. */
     std::string answerTo(const std::string& line) {
         const UniqueFd client = connectTo(address());
         sendAll(client.get(), line);
         return receiveToEnd(client.get());
     }
 
-    /// Why a request is refused.
+    /** Why a request is refused. */
     std::string refusalTo(const std::string& request) {
         const UniqueFd client = connectTo(address());
         sendAll(client.get(), "builds\r\n" + request);

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What a sender sees: the end of its stream when the callback has returned, and a reset in every other case.
  */

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * Senders who may not send, failing system calls, closed standard streams, and the end at the wrong place.
  */

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What a sink takes at most, and what becomes of the rest.
  */
@@ -28,13 +27,13 @@ const auto kindName = [](const auto& parameter) { return nameOf(parameter.param)
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Limits, Values(Kind::pipe, Kind::socket), kindName);
 
-/// Lets pass a time in which something must not happen.
+/** Lets pass a time in which something must not happen. */
 void letPass(std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
 }
 
-/// The most descriptors that this process may have, while it exists.
+/** The most descriptors that this process may have, while it exists. */
 class DescriptorLimit {
 public:
     explicit DescriptorLimit(rlim_t count) {
@@ -52,7 +51,7 @@ private:
     rlimit m_before{};
 };
 
-/// Connects without waiting for the connection.
+/** Connects without waiting for the connection. */
 UniqueFd beginToConnect(const std::string& address) {
     return connectToSink(address); // the system's queue takes it
 }

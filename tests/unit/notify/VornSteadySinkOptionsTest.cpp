@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What the constructor refuses, and with what number.
  */
@@ -28,7 +27,7 @@ using testing::StartsWith;
 
 class VornSteadySink_Options : public NotificationTest {};
 
-/// Changes options for a kind, which are invalid then.
+/** Changes options for a kind, which are invalid then. */
 struct Invalid {
     Kind kind;
     std::string what;

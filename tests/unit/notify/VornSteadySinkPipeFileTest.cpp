@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A pipe's name and file: which names are taken, whose files are replaced, and what happens when the file
  * goes.
@@ -54,7 +53,7 @@ std::string pathOf(const SteadyClient& client) {
     return pipePath(Target(client.address()).place);
 }
 
-/// Remembers the addresses that a handler was told.
+/** Remembers the addresses that a handler was told. */
 class Told {
 public:
     VornNet::VornSteadySink::AddressHandler handler() {

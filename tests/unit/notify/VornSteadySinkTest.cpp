@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What a sink does with a notification, whatever its transport.
  */
@@ -44,7 +43,7 @@ const auto kindName = [](const auto& parameter) { return nameOf(parameter.param)
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_OfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
                          kindName);
 
-/// Notifications of a proxy, each with its id, from a process of its own; a line of input starts it.
+/** Notifications of a proxy, each with its id, from a process of its own; a line of input starts it. */
 int notifyFrom(const std::vector<std::string>& args) {
     std::signal(SIGPIPE, SIG_IGN);
     VornNet::VornProxyDependent proxy(args.at(0), std::stol(args.at(1)));

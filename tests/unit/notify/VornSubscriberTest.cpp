@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
@@ -54,13 +53,13 @@ std::string contentOf(VornConnection& content) {
     return text;
 }
 
-/// How a subscriber is reached, and by whom it is driven.
+/** How a subscriber is reached, and by whom it is driven. */
 struct Way {
     bool isPipe;
     bool hasOwnThread;
 };
 
-/// A subscriber whose calls are written down, and a plain service for it.
+/** A subscriber whose calls are written down, and a plain service for it. */
 class SubscriberFixture : public LeakCheckedTest {
 protected:
     void SetUp() override {
@@ -115,7 +114,7 @@ protected:
             m_driver.emplace([this] { drive(); });
     }
 
-    /// What a program's event loop does.
+    /** What a program's event loop does. */
     void drive() {
         while (!m_isEnding) {
             pollfd entry{m_subscriber->getHandle(), POLLIN, 0};
@@ -147,7 +146,7 @@ protected:
         return awaitCondition([&] { return lines().size() >= count; });
     }
 
-    /// Waits until a line is there.
+    /** Waits until a line is there. */
     bool awaitLine(const std::string& line) {
         return awaitCondition([&] {
             const auto all = lines();
@@ -155,20 +154,20 @@ protected:
         });
     }
 
-    /// Accepts the next connection and reads the line.
+    /** Accepts the next connection and reads the line. */
     void acceptLine() {
         m_service = acceptClient(m_listener.get());
         EXPECT_EQ(receiveExactly(m_service.get(), 8), "builds\r\n");
     }
 
-    /// Reads the request that is expected.
+    /** Reads the request that is expected. */
     void acceptRequest(const WireRequest& request = {}) {
         acceptLine();
         sendAll(m_service.get(), "+");
         EXPECT_EQ(hex(receiveExactly(m_service.get(), request.bytes().size())), hex(request.bytes()));
     }
 
-    /// Admits the next client.
+    /** Admits the next client. */
     void admit(const WirePlace& place = {history, 1, 0, 5000}, const WireRequest& request = {}) {
         acceptRequest(request);
         say(place.bytes());
@@ -938,7 +937,7 @@ class VornSubscriber_Loop : public SubscriberFixture {
 protected:
     Way way() const override { return {true, false}; }
 
-    /// Subscribes without anybody that drives.
+    /** Subscribes without anybody that drives. */
     void subscribeOnly() {
         Options options = quick();
         options.bOwnThread = false;

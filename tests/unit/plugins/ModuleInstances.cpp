@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * The library's module class once more, on a base whose counter can be set and seen. The class is hidden and
  * has no header, so its source is included; what it calls is replaced by something that tells of the call.

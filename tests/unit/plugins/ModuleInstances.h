@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_MODULEINSTANCES_H
 #define VORNTEST_MODULEINSTANCES_H
 

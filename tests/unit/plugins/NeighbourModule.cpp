@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A library like ours, of somebody else, whose module class has the same plain name and is not hidden.
  */

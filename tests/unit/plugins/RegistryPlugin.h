@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_REGISTRYPLUGIN_H
 #define VORNTEST_REGISTRYPLUGIN_H
 
@@ -10,22 +9,22 @@
  */
 extern "C" {
 
-/// Adds a proxy dependent, made of a class of the plug-in's own, whose destructor calls @p destroyed.
+/** Adds a proxy dependent, made of a class of the plug-in's own, whose destructor calls @p destroyed. */
 void registerProxy(const char* remoteName, long handle, void (*destroyed)());
 
-/// The size of the process's registry.
+/** The size of the process's registry. */
 int registrySize();
 
-/// Throws a VornSupport::VornException.
+/** Throws a VornSupport::VornException. */
 void throwException(const char* text, int code);
 
-/// Throws a VornNet::VornUnableToResolveNameException.
+/** Throws a VornNet::VornUnableToResolveNameException. */
 void throwUnableToResolveName(const char* text);
 
-/// Throws a VornNet::VornUnableToResolveAddressException.
+/** Throws a VornNet::VornUnableToResolveAddressException. */
 void throwUnableToResolveAddress(const char* text);
 
-/// The code of the VornSupport::VornException which @p thrower throws; -1 when it throws something else.
+/** The code of the VornSupport::VornException which @p thrower throws; -1 when it throws something else. */
 int codeThrownBy(void (*thrower)());
 }
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "LeakCheckedTest.h"
 
@@ -108,9 +107,8 @@ TEST_F(VornCallbackContainerTest, GetNewIdOnManyThreads_GivesEachIdOnce) {
             }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(ids.size(), 1000U);
     EXPECT_EQ(*ids.rbegin(), 999);
 }
@@ -244,16 +242,14 @@ TEST_F(VornCallbackContainerTest, ManyThreads_MayAddLookUpAndRemove) {
                 for (int round = 0; round < 300; ++round) {
                     m_container.add(make(round % 7));
                     const CallbackPointer found = m_container.lookup((round + i) % 7);
-                    if (found != nullptr) {
+                    if (found != nullptr)
                         found->set();
-                    }
                     m_container.remove((round + 3) % 7);
                 }
             }));
         }
-        for (const auto& thread : threads) {
+        for (const auto& thread : threads)
             EXPECT_TRUE(thread->join());
-        }
     }
     const int left = static_cast<int>(m_container.m_callbackMap.size());
     EXPECT_EQ(m_destroyed.load() + left, 900);

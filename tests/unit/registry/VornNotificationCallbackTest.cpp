@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "LeakCheckedTest.h"
 
@@ -37,9 +36,8 @@ public:
 protected:
     void doCallback(ConnectionPointer& spConnection) override {
         ++m_calls;
-        if (m_action) {
+        if (m_action)
             m_action(spConnection);
-        }
     }
 };
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "BeforeAllocation.h"
 #include "LeakCheckedTest.h"
@@ -69,7 +68,7 @@ protected:
         return new Proxy(name, handle, m_destroyed);
     }
 
-    /// The keys in the order in which the registry shows them.
+    /** The keys in the order in which the registry shows them. */
     static std::vector<std::string> keys() {
         std::vector<std::string> result;
         const VornCriticalSection lock(registry().getlock(), true);
@@ -116,16 +115,14 @@ TEST_F(VornProxyDependentContainerTest, GetInstanceRacedByManyThreads_IsOne) {
         for (std::size_t i = 0; i < cThreads; ++i) {
             threads.emplace_back([&, i] {
                 ++ready;
-                while (ready < cThreads) {
+                while (ready < cThreads)
                     std::this_thread::yield();
-                }
                 seen[i] = &registry();
                 seen[i]->add(make("pipe:x", static_cast<long>(i)));
             });
         }
-        for (std::thread& thread : threads) {
+        for (std::thread& thread : threads)
             thread.join();
-        }
         EXPECT_EQ(seen, std::vector<VornProxyDependentContainer*>(cThreads, &registry()));
         EXPECT_EQ(registry().size(), cThreads);
     }
@@ -413,12 +410,10 @@ TEST_F(VornProxyDependentContainerTest, Size_MayBeReadWhileOthersAddAndRemove) {
         });
         WatchedThread writer([&] {
             for (int round = 0; round < 20; ++round) {
-                for (long handle = 0; handle < cEntries; ++handle) {
+                for (long handle = 0; handle < cEntries; ++handle)
                     registry().add(make("pipe:x", handle));
-                }
-                while (registry().size() > 0) {
+                while (registry().size() > 0)
                     registry().remove(0);
-                }
             }
             done = true;
         });
@@ -445,17 +440,15 @@ TEST_F(VornProxyDependentContainerTest, AWalkUnderTheLock_SeesConsistentEntriesW
             for (int walk = 0; walk < 200; ++walk) {
                 const VornCriticalSection lock(registry().getlock(), true);
                 const int size = registry().size();
-                for (int index = 0; index < size; ++index) {
+                for (int index = 0; index < size; ++index)
                     EXPECT_TRUE(registry()[index] != nullptr);
-                }
                 EXPECT_EQ(registry().size(), size);
             }
         });
         EXPECT_TRUE(walker.join(std::chrono::seconds(60)));
         done = true;
-        for (const auto& changer : changers) {
+        for (const auto& changer : changers)
             EXPECT_TRUE(changer->join());
-        }
     }
     EXPECT_LE(registry().size(), 20);
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LeakCheckedTest.h"
 
 #include <climits>
@@ -64,9 +63,8 @@ TEST_F(VornProxyDependentIdentifierTest, Order_IsByNameThenByHandle) {
         Key("\xFF", 0),
     };
     for (std::size_t i = 0; i < ascending.size(); ++i) {
-        for (std::size_t j = 0; j < ascending.size(); ++j) {
+        for (std::size_t j = 0; j < ascending.size(); ++j)
             EXPECT_EQ(ascending[i] < ascending[j], i < j) << "keys " << i << " and " << j;
-        }
     }
 }
 

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
@@ -39,7 +38,7 @@ protected:
         return result;
     }
 
-    /// The name found, or what was there before when none is.
+    /** The name found, or what was there before when none is. */
     VornString nameOf(const VornString& address, const VornString& before = "before") {
         VornString result = before;
         EXPECT_EQ(VornAddressToNameImpl(address, result, m_message), 1);
@@ -192,7 +191,6 @@ TEST_F(VornUtilitiesTest, ManyThreads_GetTheirOwnAnswers) {
             }
         }));
     }
-    for (const auto& thread : threads) {
+    for (const auto& thread : threads)
         EXPECT_TRUE(thread->join(std::chrono::seconds(60)));
-    }
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A thread whose cancellation is pending as it closes or destroys what it has.
  */
@@ -30,7 +29,7 @@ namespace {
 
 constexpr int port = 6601;
 
-/// What is opened, and is closed or destroyed when it is let go of.
+/** What is opened, and is closed or destroyed when it is let go of. */
 struct Closed {
     const char* name;
     std::function<std::function<void()>()> open; ///< the result closes it

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A signal handler that closes the server on which its own thread waits, or ends the process there.
  */
@@ -51,12 +50,10 @@ void handle(int signalNumber, void (*handler)(int), int flags) {
 }
 
 std::unique_ptr<VornIPCServer> makeServer(const std::string& kind) {
-    if (kind == "pipe") {
+    if (kind == "pipe")
         return std::make_unique<VornPipeServer>("signalled");
-    }
-    if (kind == "tcp") {
+    if (kind == "tcp")
         return std::make_unique<VornServerSocket>(port, 5, "127.0.0.1");
-    }
     return std::make_unique<VornUDPServerSocket>(port, "127.0.0.1", 1000);
 }
 

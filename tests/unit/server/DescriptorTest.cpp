@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Process.h"
@@ -27,7 +26,7 @@ namespace {
 
 constexpr int cPort = 4711;
 
-/// A server that can be opened before anybody waits.
+/** A server that can be opened before anybody waits. */
 template <typename Server>
 class Opened : public Server {
 public:
@@ -37,7 +36,7 @@ public:
     }
 };
 
-/// Shows on @p output what was opened, and how many of the numbers of the standard streams are taken.
+/** Shows on @p output what was opened, and how many of the numbers of the standard streams are taken. */
 void report(int output, const char* what) {
     int taken = 0;
     for (int number = 0; number <= STDERR_FILENO; ++number)
@@ -45,7 +44,7 @@ void report(int output, const char* what) {
     ::dprintf(output, "%s: %d\n", what, taken);
 }
 
-/// One value from a client to a server that is open.
+/** One value from a client to a server that is open. */
 void exchange(int output, const char* what, VornIPCServer& server, VornConnection& client) {
     client.transfer(7);
     report(output, what);

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What becomes of the servers of a process that forks.
  */
@@ -33,16 +32,14 @@ constexpr const char* pipeName = "forked";
 enum class Kind { Pipe, Tcp, Udp };
 
 VornIPCServer* makeServer(Kind kind, int number = 0) {
-    if (kind == Kind::Pipe) {
+    if (kind == Kind::Pipe)
         return new VornPipeServer(pipeName + std::to_string(number));
-    }
-    if (kind == Kind::Tcp) {
+    if (kind == Kind::Tcp)
         return new VornServerSocket(port + number, 5, "127.0.0.1");
-    }
     return new VornUDPServerSocket(port + number, "127.0.0.1", 1000);
 }
 
-/// A client of plain POSIX calls that has sent the bytes; nothing for a datagram.
+/** A client of plain POSIX calls that has sent the bytes; nothing for a datagram. */
 UniqueFd meet(Kind kind, const std::string& data) {
     UniqueFd peer;
     if (kind == Kind::Udp) {
@@ -57,7 +54,7 @@ UniqueFd meet(Kind kind, const std::string& data) {
     return peer;
 }
 
-/// A server on which a thread of this process waits.
+/** A server on which a thread of this process waits. */
 class ForkedServer : public LeakCheckedTest, public testing::WithParamInterface<Kind> {
 protected:
     void SetUp() override {
@@ -74,15 +71,14 @@ protected:
         LeakCheckedTest::TearDown();
     }
 
-    /// Checks that the parent's wait goes on, and that a client is still served.
+    /** Checks that the parent's wait goes on, and that a client is still served. */
     void expectToServe() {
         EXPECT_FALSE(m_wait->thread().finished());
         UniqueFd peer = meet(GetParam(), bytes("00 00 00 07"));
         ASSERT_NE(m_wait->outcome().client(), nullptr);
         EXPECT_EQ(m_wait->outcome().spClient->receiveInt(), 7);
-        if (peer.get() != -1 && GetParam() == Kind::Tcp) {
+        if (peer.get() != -1 && GetParam() == Kind::Tcp)
             reset(peer);
-        }
     }
 
     int m_descriptors = 0; ///< before there was a server
@@ -124,9 +120,8 @@ TEST_P(ForkedServer, AnotherOneInTheChild_WaitsAndCloses) {
     EXPECT_EQ(inChild([] {
                   const VornSmartPointer<VornIPCServer> spOwn = makeServer(GetParam(), 1);
                   ClientWait wait(*spOwn); // its stack is that of the parent's thread
-                  if (!wait.awaitBlocked()) {
+                  if (!wait.awaitBlocked())
                       return 1;
-                  }
                   spOwn->close();
                   return wait.thread().join() && wait.outcome().client() == nullptr ? 0 : 2;
               }),
@@ -137,9 +132,8 @@ TEST_P(ForkedServer, AnotherOneInTheChild_WaitsAndCloses) {
 TEST_P(ForkedServer, ClosedInTheChildWhileAThreadThereWaits_ServesTheParent) {
     EXPECT_EQ(inChild([this] {
                   auto* wait = new ClientWait(*m_spServer);
-                  if (!wait->awaitBlocked()) {
+                  if (!wait->awaitBlocked())
                       return 1;
-                  }
                   m_spServer->close();
                   // What would end the thread's accept() or recvfrom() would end the parent's.
                   return GetParam() != Kind::Pipe || wait->thread().join() ? 0 : 2;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A server that finds its port in use.
  */
@@ -31,7 +30,7 @@ public:
     using Server::Server;
 };
 
-/// One of the two kinds.
+/** One of the two kinds. */
 struct Kind {
     const char* name;
     std::unique_ptr<VornServerSocket> (*make)();
@@ -57,7 +56,7 @@ protected:
         return failureOf([this] { GetParam().init(*m_server); });
     }
 
-    /// Has the server open on the port, and closed again.
+    /** Has the server open on the port, and closed again. */
     void openAndClose() {
         EXPECT_EQ(init(), std::nullopt);
         m_server->close();

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /**
  * @file
  * What every server does, whatever its kind and wherever it is bound. A further kind is a line of `kinds`.
@@ -45,7 +44,7 @@ constexpr const char* pipeName = "conformance";
 // As large as a sink's, but the address sanitizer takes a hundredth of a second for such a block.
 constexpr unsigned int udpBuffer = underSanitizer ? 65536 : 16777215;
 
-/// A server whose port the test can learn, also when the system has chosen it.
+/** A server whose port the test can learn, also when the system has chosen it. */
 class Reachable {
 public:
     virtual int boundPort() const = 0;
@@ -67,16 +66,16 @@ int portOf(VornIPCServer& server) {
     return dynamic_cast<const Reachable&>(server).boundPort();
 }
 
-/// One way of having a server.
+/** One way of having a server. */
 struct ServerKind {
     std::string name;
-    /// Makes a server; the port is one that no other test uses.
+    /** Makes a server; the port is one that no other test uses. */
     std::function<VornIPCServer*(int port)> make;
-    /// Makes a client that sends the bytes; empty for a kind whose servers never have clients.
+    /** Makes a client that sends the bytes; empty for a kind whose servers never have clients. */
     std::function<UniqueFd(VornIPCServer& server, const std::string& data)> meet;
-    /// What a wait tells that a signal has interrupted.
+    /** What a wait tells that a signal has interrupted. */
     std::optional<Failure> interrupted;
-    /// What a wait may tell that was closed at its very start.
+    /** What a wait may tell that was closed at its very start. */
     std::optional<Failure> closedEarly;
 
     friend void PrintTo(const ServerKind& kind, std::ostream* out) { *out << kind.name; }
@@ -151,7 +150,9 @@ const std::vector<ServerKind>& kinds() {
     return table;
 }
 
-/// Uses sockets of its own all the time; whoever touches one of them by a number it had before is found out.
+/**
+ * Uses sockets of its own all the time; whoever touches one of them by a number it had before is found out.
+ */
 void useSockets() {
     int tcpPort = 0;
     const UniqueFd listener = tcpListen("127.0.0.1", tcpPort);
@@ -166,7 +167,7 @@ void useSockets() {
     reset(client);
 }
 
-/// A program that has inherited whatever is not closed when it is started, and lives as long as this.
+/** A program that has inherited whatever is not closed when it is started, and lives as long as this. */
 class Bystander {
 public:
     Bystander() {
@@ -215,7 +216,7 @@ protected:
 
     static bool hasClients() { return static_cast<bool>(GetParam().meet); }
 
-    /// Waits until the thread can be met, or until its wait is over where there are no clients.
+    /** Waits until the thread can be met, or until its wait is over where there are no clients. */
     static void awaitReady(ClientWait& wait) {
         if (hasClients()) {
             wait.server().waitForInit();
@@ -225,18 +226,16 @@ protected:
         }
     }
 
-    /// One client is served, or none where there are none.
+    /** One client is served, or none where there are none. */
     void serveClient(char value) {
         ClientWait wait(server());
         awaitReady(wait);
         UniqueFd peer;
-        if (hasClients()) {
+        if (hasClients())
             peer = GetParam().meet(server(), std::string("\0", 1) + value);
-        }
         checkClient(wait.outcome(), value);
-        if (peer) {
+        if (peer)
             reset(peer);
-        }
     }
 
     static void checkClient(const WaitOutcome& outcome, char value) {
@@ -254,7 +253,7 @@ protected:
         std::optional<Failure> firstFailure;
     };
 
-    /// So many waits, each of them ended by one of the closing threads.
+    /** So many waits, each of them ended by one of the closing threads. */
     CycleResult runCycles(int cycles, int closers);
 
     VornSmartPointer<VornIPCServer> m_spServer;
@@ -267,9 +266,8 @@ ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int clos
         for (int i = 0; i < cycles; ++i) {
             const WaitOutcome outcome = waitFor(server());
             result.clients += outcome.client() != nullptr ? 1 : 0;
-            if (!result.firstFailure && outcome.failure != GetParam().closedEarly) {
+            if (!result.firstFailure && outcome.failure != GetParam().closedEarly)
                 result.firstFailure = outcome.failure;
-            }
         }
         over = true;
     });
@@ -283,9 +281,8 @@ ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int clos
         }));
     }
     waiter.join(std::chrono::seconds(100));
-    for (const auto& thread : threads) {
+    for (const auto& thread : threads)
         EXPECT_TRUE(thread->join());
-    }
     return result;
 }
 
@@ -296,9 +293,8 @@ TEST_P(ServerConformance, WhenNew_ServesAClient) {
 }
 
 TEST_P(ServerConformance, ServesOneClientAfterAnother) {
-    for (const char value : {'a', 'b', 'c'}) {
+    for (const char value : {'a', 'b', 'c'})
         serveClient(value);
-    }
 }
 
 TEST_P(ServerConformance, WhenClosedBeforeTheFirstWait_ServesAfterwards) {
@@ -370,9 +366,8 @@ TEST_P(ServerConformance, OpensNoDescriptorThatAnotherProgramWouldInherit) {
     const std::map<int, std::string> before = descriptorTable();
     ClientWait wait(server());
     awaitReady(wait);
-    for (const auto& [fd, target] : descriptorTable()) {
+    for (const auto& [fd, target] : descriptorTable())
         EXPECT_TRUE(before.count(fd) != 0 || isCloseOnExec(fd)) << target;
-    }
     server().close();
     expectQuiet(wait.outcome());
 }
@@ -417,9 +412,8 @@ TEST_P(ServerConformance, WhenTwoThreadsCloseAtOnce_NoDescriptorIsClosedTwice) {
         std::atomic<int> ready{0};
         const auto closeTogether = [&] {
             ++ready;
-            while (ready < 2) {
+            while (ready < 2)
                 std::this_thread::yield();
-            }
             server().close();
         };
         WatchedThread first(closeTogether);
@@ -427,9 +421,8 @@ TEST_P(ServerConformance, WhenTwoThreadsCloseAtOnce_NoDescriptorIsClosedTwice) {
         expectQuiet(wait.outcome());
         EXPECT_TRUE(first.join());
         EXPECT_TRUE(second.join());
-        for (const CallRecord& call : trace.records("close")) {
+        for (const CallRecord& call : trace.records("close"))
             failedCloses += call.error != 0 ? 1 : 0;
-        }
     }
     EXPECT_EQ(failedCloses, 0);
 }
@@ -448,9 +441,8 @@ TEST_P(ServerConformance, TenThousandCycles_HaveNoFailureNoStrayClientAndNoLeak)
 TEST_P(ServerConformance, CyclesWithTwoClosingThreads_NeverTouchASocketOfSomebodyElse) {
     std::atomic<bool> over{false};
     WatchedThread stranger([&] {
-        while (!over) {
+        while (!over)
             useSockets();
-        }
     });
     const CycleResult result = runCycles(underSanitizer ? 300 : 1000, 2);
     over = true;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #ifndef VORNTEST_SERVERTESTSUPPORT_H
 #define VORNTEST_SERVERTESTSUPPORT_H
 
@@ -54,18 +53,20 @@ using VornNet::VornIPCServer;
 using VornNet::VornSmartPointer;
 using VornNet::VornString;
 
-/// An address of this host that is no loopback address, see addLocalAddress().
+/** An address of this host that is no loopback address, see addLocalAddress(). */
 inline constexpr const char* lanAddress = "10.1.2.3";
 
-/// The names of the recorded calls but for pipe(), by which the undefined behaviour sanitizer tests
-/// addresses.
+/**
+ * The names of the recorded calls but for pipe(), by which the undefined behaviour sanitizer tests
+ * addresses.
+ */
 inline std::vector<std::string> callsOf(const CallTrace& trace) {
     std::vector<std::string> names = trace.names();
     names.erase(std::remove(names.begin(), names.end(), "pipe"), names.end());
     return names;
 }
 
-/// How a wait for a client ended.
+/** How a wait for a client ended. */
 struct WaitOutcome {
     VornSmartPointer<VornConnection> spClient;
     std::optional<Failure> failure;
@@ -79,13 +80,13 @@ inline WaitOutcome waitFor(VornIPCServer& server, bool bIdentify = false) {
     return outcome;
 }
 
-/// Checks that a wait ended without a client and without an exception.
+/** Checks that a wait ended without a client and without an exception. */
 inline void expectQuiet(const WaitOutcome& outcome) {
     EXPECT_EQ(outcome.client(), nullptr);
     EXPECT_EQ(outcome.failure, std::nullopt);
 }
 
-/// A thread that waits for one client.
+/** A thread that waits for one client. */
 class ClientWait {
 public:
     explicit ClientWait(VornIPCServer& server, bool bIdentify = false)
@@ -97,7 +98,7 @@ public:
 
     bool awaitBlocked() { return awaitBlockedInIo(m_thread.tid()); }
 
-    /// Joins the thread.
+    /** Joins the thread. */
     const WaitOutcome& outcome() {
         m_thread.join();
         return m_outcome;
@@ -109,7 +110,7 @@ private:
     WatchedThread m_thread;
 };
 
-/// How a server's waitForClientImpl() ended.
+/** How a server's waitForClientImpl() ended. */
 struct ImplOutcome {
     VornSmartPointer<VornConnection> spClient;
     std::string text;
@@ -118,11 +119,11 @@ struct ImplOutcome {
     VornConnection* client() const { return spClient; }
 };
 
-/// What the out-parameters hold before a call, to see whether they are touched.
+/** What the out-parameters hold before a call, to see whether they are touched. */
 inline constexpr const char* untouchedText = "untouched";
 inline constexpr int untouchedCode = 4711;
 
-/// Runs waitForClientImpl() of a probe that makes it public.
+/** Runs waitForClientImpl() of a probe that makes it public. */
 template <typename Probe>
 ImplOutcome waitForImpl(Probe& server, bool bIdentify = false) {
     ImplOutcome outcome{{}, untouchedText, untouchedCode};
@@ -130,28 +131,29 @@ ImplOutcome waitForImpl(Probe& server, bool bIdentify = false) {
     return outcome;
 }
 
-/// The socket of a probe that makes m_pSocketImpl public; -1 if there is none.
+/** The socket of a probe that makes m_pSocketImpl public; -1 if there is none. */
 template <typename Probe>
 int socketOf(const Probe& server) {
     const void* cell = __atomic_load_n(&server.m_pSocketImpl, __ATOMIC_ACQUIRE);
     return cell == nullptr ? -1 : *static_cast<const int*>(cell);
 }
 
-/// Reads a protected field of a connection that somebody else made.
+/** Reads a protected field of a connection that somebody else made. */
 template <typename Value>
 Value fieldOf(const VornConnection* connection, Value VornConnection::*field) {
     return connection->*field;
 }
 
-/// While it exists, the action is done by whoever logs a record with the text, at the level or below, once.
+/**
+ * While it exists, the action is done by whoever logs a record with the text, at the level or below, once.
+ */
 class RecordAction {
 public:
     RecordAction(int level, std::string text, std::function<void()> action) {
         VornNet::VornLogging::setRecordHandler(
             [text = std::move(text), next = std::move(action)](int, const VornString& record) mutable {
-                if (next && record.find(text) != VornString::npos) {
+                if (next && record.find(text) != VornString::npos)
                     std::exchange(next, nullptr)();
-                }
             });
         VornNet::VornLogging::getInstance().setLogLevel(level);
     }
@@ -165,10 +167,10 @@ public:
     RecordAction& operator=(const RecordAction&) = delete;
 };
 
-/// While it exists, interrupt() ends a system call of a thread with EINTR.
+/** While it exists, interrupt() ends a system call of a thread with EINTR. */
 class Interrupter {
 public:
-    /// @param flags of the handler, such as SA_RESTART
+    /** @param flags of the handler, such as SA_RESTART */
     explicit Interrupter(int flags = 0) {
         struct sigaction action = {};
         action.sa_flags = flags;
@@ -187,7 +189,9 @@ private:
     struct sigaction m_old = {};
 };
 
-/// Gives the loopback interface one more address; doing it again is harmless. @param label "lo:1", "lo:2"...
+/**
+ * Gives the loopback interface one more address; doing it again is harmless. @param label "lo:1", "lo:2"...
+ */
 inline void addLocalAddress(const char* label, const char* address) {
     needSandbox("an address of its own");
     int port = 0;
@@ -202,27 +206,25 @@ inline void addLocalAddress(const char* label, const char* address) {
     value.sin_addr.s_addr = INADDR_NONE; // the address alone, not its whole class
     std::memcpy(&request.ifr_netmask, &value, sizeof(value));
     status = status == 0 ? ::ioctl(fd.get(), SIOCSIFNETMASK, &request) : status;
-    if (status != 0) {
+    if (status != 0)
         throw std::system_error(errno, std::generic_category(), "address on lo");
-    }
 }
 
-/// Ends a connection without leaving its port in TIME_WAIT, whoever closes first.
+/** Ends a connection without leaving its port in TIME_WAIT, whoever closes first. */
 inline void reset(UniqueFd& peer) {
     resetOnClose(peer.get());
     peer.reset();
 }
 
-/// While it exists, every new descriptor's number is above @p last.
+/** While it exists, every new descriptor's number is above @p last. */
 class ManyDescriptors {
 public:
     explicit ManyDescriptors(int last = 1100) {
         ::getrlimit(RLIMIT_NOFILE, &m_old);
         rlimit raised = m_old;
         raised.rlim_cur = std::max<rlim_t>(m_old.rlim_cur, static_cast<rlim_t>(last) + 200);
-        if (::setrlimit(RLIMIT_NOFILE, &raised) != 0) {
+        if (::setrlimit(RLIMIT_NOFILE, &raised) != 0)
             throw std::system_error(errno, std::generic_category(), "setrlimit()");
-        }
         int newest = -1;
         do {
             newest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -239,7 +241,7 @@ public:
     ManyDescriptors(const ManyDescriptors&) = delete;
     ManyDescriptors& operator=(const ManyDescriptors&) = delete;
 
-    /// Makes one of the numbers free again.
+    /** Makes one of the numbers free again. */
     void free(int fd) {
         for (UniqueFd& descriptor : m_descriptors) {
             if (descriptor.get() == fd)

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include <VornBufferConnection.h>
 #include <VornIPCServer.h>
 
@@ -21,7 +20,7 @@ namespace {
 
 class VornIPCServerTest : public LeakCheckedTest {};
 
-/// A server whose wait does what the test wants.
+/** A server whose wait does what the test wants. */
 class ScriptedServer : public VornIPCServer {
 public:
     using Wait = std::function<VornConnection*(bool bIdentify, VornString& sText, int& nCode)>;
@@ -59,9 +58,8 @@ public:
 protected:
     VornSmartPointer<VornConnection> waitForClientImpl(bool, VornString&, int&) override {
         m_waitedOn = true;
-        for (;;) {
+        for (;;)
             ::pthread_testcancel();
-        }
     }
 
 private:

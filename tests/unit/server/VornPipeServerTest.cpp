@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include <VornPipeConnection.h>
 #include <VornPipeServer.h>
 
@@ -72,7 +71,7 @@ public:
     }
 };
 
-/// A server whose init() only counts.
+/** A server whose init() only counts. */
 class Uninitialised : public Probe {
 public:
     Uninitialised() : Probe("kite") {}
@@ -83,7 +82,7 @@ protected:
     void init() override { ++m_calls; }
 };
 
-/// A server whose waiting thread lingers in the close() that releases the record.
+/** A server whose waiting thread lingers in the close() that releases the record. */
 class SlowCloser : public Probe {
 public:
     using Probe::Probe;
@@ -118,7 +117,7 @@ private:
     mode_t m_old;
 };
 
-/// While it exists, there is no pipe directory.
+/** While it exists, there is no pipe directory. */
 class MissingDirectory {
 public:
     MissingDirectory() { EXPECT_EQ(::rename(path().c_str(), (path() + "-away").c_str()), 0); }
@@ -147,9 +146,8 @@ mode_t modeOf(const std::string& path) {
 
 std::vector<Record> debugRecords(const std::vector<std::string>& texts) {
     std::vector<Record> records;
-    for (const std::string& text : texts) {
+    for (const std::string& text : texts)
         records.push_back({9, text});
-    }
     return records;
 }
 
@@ -161,7 +159,7 @@ struct InitFault {
     friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
 };
 
-/// Lets the undefined behaviour sanitizer see every type once, for which it makes pipes of its own.
+/** Lets the undefined behaviour sanitizer see every type once, for which it makes pipes of its own. */
 void rehearseFailures() {
     Probe server("kite");
     server.close();
@@ -243,9 +241,8 @@ TEST_F(VornPipeServerTest, Init_WhenListening_DoesNothing) {
 
 TEST_F(VornPipeServerTest, Init_MakesDescriptorsThatAreCloseOnExec) {
     const Probe server("kite");
-    for (const int fd : server.descriptors()) {
+    for (const int fd : server.descriptors())
         EXPECT_TRUE(isCloseOnExec(fd)) << fd;
-    }
 }
 
 TEST_F(VornPipeServerTest, Init_WithALeadingSeparator_BindsTheDoubledPath) {
@@ -387,9 +384,8 @@ TEST_F(VornPipeServerTest, WithPrivileges1AndAGroup_TheFileIsGivenToTheCallerAnd
 
 TEST_F(VornPipeServerTest, WithPrivileges1AndALargeGroup_TheGroupIsFound) {
     std::string members = "member";
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < 500; ++i)
         members += ",another-member" + std::to_string(i);
-    }
     useGroupFile("falcon:x:4711:" + members + "\n");
     const CallTrace trace;
     const Probe server("kite", 1, "falcon");
@@ -637,9 +633,8 @@ TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_EndsTheWaitWithTextAndCodeUnt
     EXPECT_EQ(outcome.text, untouchedText);
     EXPECT_EQ(outcome.code, untouchedCode);
     EXPECT_EQ(server.record(), nullptr);
-    for (const int fd : descriptors) {
+    for (const int fd : descriptors)
         EXPECT_FALSE(isOpen(fd)) << fd;
-    }
 }
 
 TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_WritesFourBytesAndLeavesTheReleaseToTheThread) {
@@ -658,9 +653,8 @@ TEST_F(VornPipeServerTest, Close_WhileAThreadWaits_WritesFourBytesAndLeavesTheRe
     selecting.open();
     expectQuiet(wait.outcome());
     std::vector<int> closed;
-    for (const CallRecord& call : trace.records("close")) {
+    for (const CallRecord& call : trace.records("close"))
         closed.push_back(call.argument);
-    }
     EXPECT_EQ(closed, descriptors);
 }
 
@@ -760,9 +754,8 @@ TEST_F(VornPipeServerTest, Close_WithoutAWaitingThread_ReleasesAtOnceInOrder) {
     server.close();
     EXPECT_EQ(server.record(), nullptr);
     std::vector<int> closed;
-    for (const CallRecord& call : trace.records("close")) {
+    for (const CallRecord& call : trace.records("close"))
         closed.push_back(call.argument);
-    }
     EXPECT_EQ(closed, descriptors);
     EXPECT_EQ(log.records(),
               debugRecords({"VornPipeServer::close", "VornPipeServer::close: releasing resources"}));
@@ -825,9 +818,8 @@ TEST_F(VornPipeServerTest, TwentyThousandClosesWhileTheWaitingThreadIsHeldUp_DoN
     ClientWait wait(server);
     ASSERT_TRUE(selecting.awaitReached());
     WatchedThread closer([&] {
-        for (int i = 0; i < 20000; ++i) {
+        for (int i = 0; i < 20000; ++i)
             server.close();
-        }
     });
     EXPECT_TRUE(closer.join(std::chrono::seconds(60)));
     selecting.open();
@@ -846,9 +838,8 @@ TEST_F(VornPipeServerTest, Destructor_WithoutAWaitingThread_ReleasesWithoutPause
         descriptors = server.descriptors();
     }
     EXPECT_EQ(trace.calls("usleep"), 0);
-    for (const int fd : descriptors) {
+    for (const int fd : descriptors)
         EXPECT_FALSE(isOpen(fd)) << fd;
-    }
     EXPECT_TRUE(S_ISSOCK(statOf(pipePath("kite")).st_mode));
 }
 
@@ -868,9 +859,8 @@ TEST_F(VornPipeServerTest, Destructor_GivesAWaitingThreadTimeToLeave) {
     EXPECT_TRUE(destroyer.join());
     EXPECT_GE(trace.calls("usleep"), 1);
     EXPECT_LE(trace.calls("usleep"), 40);
-    for (const CallRecord& call : trace.records("usleep")) {
+    for (const CallRecord& call : trace.records("usleep"))
         EXPECT_EQ(call.second, 250000);
-    }
 }
 
 TEST_F(VornPipeServerTest, Destructor_AbandonsAThreadThatHasNotLeftAfter40Pauses) {
@@ -1036,9 +1026,8 @@ TEST_F(VornPipeServerTest, Close_BesideAnotherClose_ReleasesOnlyOnce) {
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());
     EXPECT_EQ(trace.calls("close"), 3);
-    for (const int fd : descriptors) {
+    for (const int fd : descriptors)
         EXPECT_FALSE(isOpen(fd)) << fd;
-    }
 }
 
 TEST_F(VornPipeServerTest, Close_SaysThatItReleasesBeforeItDoes) {

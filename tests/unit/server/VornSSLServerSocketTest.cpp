@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include <VornSSLServerSocket.h>
 
 #include "Interpose.h"
@@ -44,7 +43,7 @@ public:
     using VornSSLServerSocket::waitForClientImpl;
 };
 
-/// What a derived class makes of it that brings a socket.
+/** What a derived class makes of it that brings a socket. */
 class Listening : public Probe {
 public:
     void init() override { VornServerSocket::init(); }
@@ -103,9 +102,8 @@ TEST_F(VornSSLServerSocketTest, Wait_EndsAtOnceWithoutClientOrTextAndTouchesNoDe
 
 TEST_F(VornSSLServerSocketTest, Wait_IsQuietForTheCallerEveryTime) {
     Probe server;
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i)
         expectQuiet(waitFor(server, true));
-    }
 }
 
 TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassListens_LetsTheClientGoAtOnce) {

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include <VornServerSocket.h>
 #include <VornSocketConnection.h>
 
@@ -61,7 +60,7 @@ std::string readyText(int nPort) {
            " ready, accepting connections...";
 }
 
-/// The port as the log shows it: the bytes of the network, read as a number of this machine.
+/** The port as the log shows it: the bytes of the network, read as a number of this machine. */
 std::string portInNetworkOrder(int nPort) {
     return std::to_string(htons(static_cast<std::uint16_t>(nPort)));
 }
@@ -561,9 +560,8 @@ TEST_F(VornServerSocketTest, WaitForInit_LooksEveryMillisecondUntilAnotherThread
     WatchedThread thread([&] { server.waitForInit(); });
     ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
     EXPECT_FALSE(thread.finished());
-    for (const CallRecord& call : trace.records("usleep")) {
+    for (const CallRecord& call : trace.records("usleep"))
         EXPECT_EQ(call.second, 1000);
-    }
     server.init();
     EXPECT_TRUE(thread.join());
 }
@@ -643,9 +641,8 @@ TEST_F(VornServerSocketTest, Close_ClosesTheListenerOnlyWhenNobodyUsesIt) {
     expectQuiet(wait.outcome());
     std::vector<std::string> uses;
     for (const CallRecord& call : trace.records()) {
-        if (call.argument == listener && (call.name == "accept" || call.name == "close")) {
+        if (call.argument == listener && (call.name == "accept" || call.name == "close"))
             uses.push_back(call.name);
-        }
     }
     EXPECT_THAT(uses, ElementsAre("accept", "close"));
 }
@@ -730,9 +727,8 @@ TEST_F(VornServerSocketTest, Close_WhenAnotherIsFaster_DoesNothingMore) {
     const RecordAction action(9, "close: closing socket", [&] { server.close(); });
     server.close();
     int closes = 0;
-    for (const CallRecord& call : trace.records("close")) {
+    for (const CallRecord& call : trace.records("close"))
         closes += call.argument == listener ? 1 : 0;
-    }
     EXPECT_EQ(closes, 1);
     EXPECT_EQ(server.m_pSocketImpl, nullptr);
 }
@@ -841,9 +837,8 @@ TEST_F(VornServerSocketTest, Close_EndsAWaitThatADerivedClassDoesItself) {
         server.close();
         const bool hasEnded = wait.thread().join();
         EXPECT_TRUE(hasEnded);
-        if (!hasEnded) {
+        if (!hasEnded)
             const UniqueFd stranger = tcpConnect("127.0.0.1", port);
-        }
         expectQuiet(wait.outcome());
         EXPECT_THROW(tcpConnect("127.0.0.1", port), std::system_error);
     };

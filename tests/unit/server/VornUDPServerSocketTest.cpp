@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include <VornBufferConnection.h>
 #include <VornUDPServerSocket.h>
 
@@ -69,7 +68,7 @@ std::string readyText(int nPort) {
            " ready, accepting messages...";
 }
 
-/// All bytes of a connection that holds a datagram.
+/** All bytes of a connection that holds a datagram. */
 std::string contentOf(VornConnection* connection) {
     std::string data(70000, '\0');
     long error = 0;
@@ -78,14 +77,13 @@ std::string contentOf(VornConnection* connection) {
     return data;
 }
 
-/// A line of /proc/self/status in KiB.
+/** A line of /proc/self/status in KiB. */
 long memoryOf(const std::string& what) {
     std::istringstream status(readTextFile("/proc/self/status"));
     std::string line;
     while (std::getline(status, line)) {
-        if (line.compare(0, what.size(), what) == 0) {
+        if (line.compare(0, what.size(), what) == 0)
             return std::stol(line.substr(what.size()));
-        }
     }
     return -1;
 }
@@ -109,9 +107,8 @@ class VornUDPServerSocket_EndingError : public VornUDPServerSocketTest,
 KIT_ROLE(udpServerWithoutMemory) {
     // A sanitizer has an address space of its own; there the test sets a limit for the allocator.
     const rlimit limit = {1UL << 30, 1UL << 30};
-    if (!underSanitizer && ::setrlimit(RLIMIT_AS, &limit) != 0) {
+    if (!underSanitizer && ::setrlimit(RLIMIT_AS, &limit) != 0)
         return 1;
-    }
     Probe server(port, "*", 0xffffffff);
     const ImplOutcome outcome = waitForImpl(server);
     std::cout << outcome.text << '\n' << outcome.code << '\n';
@@ -594,9 +591,8 @@ TEST_F(VornUDPServerSocketTest, Close_ClosesTheSocketOnlyWhenNobodyUsesIt) {
     expectQuiet(wait.outcome());
     std::vector<std::string> uses;
     for (const CallRecord& call : trace.records()) {
-        if (call.argument == socket && (call.name == "recvfrom" || call.name == "close")) {
+        if (call.argument == socket && (call.name == "recvfrom" || call.name == "close"))
             uses.push_back(call.name);
-        }
         if (uses.size() == 2) {
             break; // from here on the number may be that of the wake-up's socket
         }

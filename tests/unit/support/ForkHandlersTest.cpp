@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * What a process finds that was forked while other threads of its parent were in the library.
  */
@@ -64,9 +63,8 @@ TEST_F(ForkedProcess, WhenALogHandlerRunsInAnotherThread_IsForkedWhenItHasReturn
     std::mutex ofHandler;
     VornLogging::setRecordHandler([&](int, const VornString& text) {
         const std::lock_guard lock(ofHandler);
-        if (text == "slow") {
+        if (text == "slow")
             point.pass();
-        }
     });
     WatchedThread writer([] { log("slow"); });
     ASSERT_TRUE(point.awaitReached());
@@ -105,9 +103,8 @@ TEST_F(ForkedProcess, WhileThreadsLog_Logs) {
     VornLogging::setRecordHandler([](int, const VornString&) {});
     std::atomic<bool> ends{false};
     const auto write = [&] {
-        while (!ends) {
+        while (!ends)
             log("in the parent");
-        }
     };
     WatchedThread first(write);
     WatchedThread second(write);
@@ -130,9 +127,8 @@ TEST_F(ForkedProcess, AThreadOfTheParent_HasEnded) {
     thread->start();
     ASSERT_TRUE(point.awaitReached());
     EXPECT_EQ(inChild([&] {
-                  if (!thread->wait(0)) {
+                  if (!thread->wait(0))
                       return 1;
-                  }
                   delete thread.release();
                   return 0;
               }),

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "LeakCheckedTest.h"
 
@@ -25,7 +24,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// Writes down what it is told, and may do something then.
+/** Writes down what it is told, and may do something then. */
 class Listener : public VornDependent {
 public:
     Listener(std::string name, std::vector<std::string>& journal)
@@ -33,9 +32,8 @@ public:
 
     void handleNotification(VornCollaborator& collaborator, const VornNotification& notification) override {
         m_journal.push_back(m_name + std::to_string(notification.getId()));
-        if (m_action) {
+        if (m_action)
             m_action(collaborator);
-        }
     }
 
     std::function<void(VornCollaborator&)> m_action;
@@ -169,9 +167,8 @@ TEST_F(VornCollaboratorTest, ManyThreads_MayAddRemoveAndNotify) {
             }
         });
         const auto notify = [&] {
-            for (int round = 0; round < 500; ++round) {
+            for (int round = 0; round < 500; ++round)
                 m_subject.notify(VornNotification(round));
-            }
         };
         WatchedThread first(notify);
         WatchedThread second(notify);

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "LeakCheckedTest.h"
 
@@ -21,7 +20,7 @@ namespace {
 
 class VornCriticalSectionTest : public LeakCheckedTest {
 protected:
-    /// A thread which takes the lock and lets go of it at once.
+    /** A thread which takes the lock and lets go of it at once. */
     std::unique_ptr<WatchedThread> startVisitor() {
         return std::make_unique<WatchedThread>([this] { const VornCriticalSection lock(m_object, true); });
     }
@@ -111,9 +110,8 @@ TEST_F(VornCriticalSectionTest, ManyThreads_LoseNoUpdateOfWhatItGuards) {
             }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(counter, 8000);
 }
 

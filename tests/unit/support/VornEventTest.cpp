@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
@@ -44,7 +43,7 @@ protected:
         LeakCheckedTest::TearDown();
     }
 
-    /// Makes the event one for which the operation makes that call.
+    /** Makes the event one for which the operation makes that call. */
     void prepareFor(const std::string& function) {
         if (function == "eventfd") {
             m_event.emplace();
@@ -61,7 +60,7 @@ protected:
     std::optional<VornEvent> m_event{std::in_place};
 };
 
-/// What poll() says of the descriptor, without waiting by default.
+/** What poll() says of the descriptor, without waiting by default. */
 short polled(int fd, int milliseconds = 0) {
     pollfd entry = {fd, POLLIN, 0};
     ::poll(&entry, 1, milliseconds);
@@ -145,9 +144,8 @@ TEST_F(VornEventTest, WhenSet_WakesEveryWaiter) {
         EXPECT_TRUE(awaitBlockedOnLock(waiters.back()->tid()));
     }
     m_event->set();
-    for (const auto& waiter : waiters) {
+    for (const auto& waiter : waiters)
         EXPECT_TRUE(waiter->join());
-    }
 }
 
 TEST_F(VornEventTest, ASignalThatIsHandled_DoesNotEndAWait) {

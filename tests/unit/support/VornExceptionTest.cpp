@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LeakCheckedTest.h"
 #include "Process.h"
 #include "Sanitizer.h"
@@ -38,13 +37,12 @@ public:
 
 VornString allBytes() {
     VornString result;
-    for (int value = 0; value < 256; ++value) {
+    for (int value = 0; value < 256; ++value)
         result += static_cast<char>(value);
-    }
     return result;
 }
 
-/// The text after it has gone narrow, wide and narrow again.
+/** The text after it has gone narrow, wide and narrow again. */
 VornString throughWideText(const VornString& text) {
     const VornException first(text, 0);
     VornException second("", 0);
@@ -52,31 +50,30 @@ VornString throughWideText(const VornString& text) {
     return second.getText();
 }
 
-/// The call stack of an exception that is constructed so many calls further in.
+/** The call stack of an exception that is constructed so many calls further in. */
 [[gnu::noinline]] VornString callStackFrom(int depth) {
-    if (depth == 0) {
+    if (depth == 0)
         return VornException("text", 0).getCallStack();
-    }
     VornString callStack = callStackFrom(depth - 1);
     EXPECT_FALSE(callStack.empty()); // what comes afterwards keeps the call from being a jump
     return callStack;
 }
 
-/// Machine code that belongs to no file, as a just-in-time compiler makes it. It calls the function it is
-/// given.
+/**
+ * Machine code that belongs to no file, as a just-in-time compiler makes it. It calls the function it is
+ * given.
+ */
 class FilelessCode {
 public:
     FilelessCode()
         : m_page(::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
-        if (m_page == MAP_FAILED) {
+        if (m_page == MAP_FAILED)
             throw std::system_error(errno, std::generic_category(), "mmap()");
-        }
         std::memcpy(m_page, code.data(), sizeof code);
         char* const begin = static_cast<char*>(m_page);
         __builtin___clear_cache(begin, begin + sizeof code);
-        if (::mprotect(m_page, size, PROT_READ | PROT_EXEC) != 0) {
+        if (::mprotect(m_page, size, PROT_READ | PROT_EXEC) != 0)
             throw std::system_error(errno, std::generic_category(), "mprotect()");
-        }
     }
 
     ~FilelessCode() { ::munmap(m_page, size); }
@@ -123,9 +120,8 @@ TEST_F(VornExceptionTest, RandomText_IsKeptByteForByte) {
     std::uniform_int_distribution<int> byte(0, 255);
     for (int round = 0; round < 50; ++round) {
         VornString text(random() % 300, '\0');
-        for (char& character : text) {
+        for (char& character : text)
             character = static_cast<char>(byte(random));
-        }
         ASSERT_EQ(throughWideText(text), text) << "seed " << seed << ", round " << round;
     }
 }
@@ -193,9 +189,8 @@ KIT_ROLE(showCallStack) {
 }
 
 TEST_F(VornExceptionTest, CallStack_WhereTheSystemCannotFindObjects_IsEmpty) {
-    if (underSanitizer) {
+    if (underSanitizer)
         GTEST_SKIP() << "its run time must be the first library of the program";
-    }
     EXPECT_EQ(ChildProcess::spawnRole("showCallStack").readAllOutput(), "filled\n");
     const std::string preload = "LD_PRELOAD=" VORNTEST_OLDER_SYSTEM_FILE;
     EXPECT_EQ(ChildProcess::spawnRoleWith({preload}, "showCallStack").readAllOutput(), "empty\n");
@@ -208,9 +203,8 @@ TEST_F(VornExceptionTest, CallStack_NamesTheProgramThatConstructedIt) {
 }
 
 TEST_F(VornExceptionTest, CallStack_BeginsWithTheFunctionThatConstructedIt) {
-    if (underSanitizer) {
+    if (underSanitizer)
         GTEST_SKIP() << "its own backtrace() is one frame more";
-    }
     const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
     const auto thrower = plugin.function<decltype(throwException)>("throwException");
     VornString callStack;

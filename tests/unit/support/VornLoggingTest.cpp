@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "Interruptions.h"
 #include "LeakCheckedTest.h"
@@ -49,7 +48,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::SizeIs;
 
-/// Writes a record in the way of the library's own.
+/** Writes a record in the way of the library's own. */
 template <typename... Values>
 void logAt(int level, const Values&... values) {
     if (VornLogging::isAdmitted(level)) {
@@ -58,7 +57,7 @@ void logAt(int level, const Values&... values) {
     }
 }
 
-/// Stands in for standard error while it exists, and tells one write(2) from the next.
+/** Stands in for standard error while it exists, and tells one write(2) from the next. */
 class StandardErrorWrites {
 public:
     StandardErrorWrites() : m_saved(::dup(STDERR_FILENO)) {
@@ -76,7 +75,7 @@ public:
     StandardErrorWrites(const StandardErrorWrites&) = delete;
     StandardErrorWrites& operator=(const StandardErrorWrites&) = delete;
 
-    /// Gives standard error back; what has been written meanwhile, one text for each write(2).
+    /** Gives standard error back; what has been written meanwhile, one text for each write(2). */
     std::vector<std::string> finish() {
         if (m_saved) {
             ::shutdown(STDERR_FILENO, SHUT_WR);
@@ -92,9 +91,8 @@ private:
         std::vector<char> buffer(1 << 20);
         for (;;) {
             const ssize_t length = ::recv(m_reading.get(), buffer.data(), buffer.size(), 0);
-            if (length <= 0) {
+            if (length <= 0)
                 return;
-            }
             m_writes.emplace_back(buffer.data(), static_cast<std::size_t>(length));
         }
     }
@@ -105,7 +103,7 @@ private:
     std::unique_ptr<WatchedThread> m_reader;
 };
 
-/// Keeps a signal from the calling thread while it exists.
+/** Keeps a signal from the calling thread while it exists. */
 class SignalBlock {
 public:
     explicit SignalBlock(int number) {
@@ -126,7 +124,7 @@ private:
 
 enum class Channel { Pipe, StreamSocket };
 
-/// Stands in for standard error while it exists; what is written is read only when the test says so.
+/** Stands in for standard error while it exists; what is written is read only when the test says so. */
 class StandardErrorChannel {
 public:
     explicit StandardErrorChannel(Channel channel, bool isBlocking = true) : m_saved(::dup(STDERR_FILENO)) {
@@ -146,7 +144,7 @@ public:
     StandardErrorChannel(const StandardErrorChannel&) = delete;
     StandardErrorChannel& operator=(const StandardErrorChannel&) = delete;
 
-    /// Reads from now on, until finish().
+    /** Reads from now on, until finish(). */
     void read() {
         m_reader = std::make_unique<WatchedThread>([this] {
             const SignalBlock noInterruption(SIGALRM);
@@ -158,16 +156,14 @@ public:
         });
     }
 
-    /// Gives standard error back; the lines that have been written meanwhile, each with its end.
+    /** Gives standard error back; the lines that have been written meanwhile, each with its end. */
     std::vector<std::string> finish() {
-        if (!m_saved) {
+        if (!m_saved)
             return {};
-        }
         ::dup2(m_saved.get(), STDERR_FILENO);
         m_saved.reset();
-        if (m_reader == nullptr) {
+        if (m_reader == nullptr)
             read();
-        }
         m_reader->join();
         std::vector<std::string> lines;
         for (std::size_t start = 0; start < m_text.size(); start += lines.back().size()) {
@@ -184,7 +180,7 @@ private:
     std::unique_ptr<WatchedThread> m_reader;
 };
 
-/// What a line of the default output is made of.
+/** What a line of the default output is made of. */
 struct Line {
     explicit Line(const std::string& written) {
         tm utc = {};
@@ -195,9 +191,8 @@ struct Line {
         const auto start = static_cast<std::size_t>(textStart) + 1;
         m_isWellFormed =
             values == 9 && written.size() > start && written[start - 1] == ' ' && written.back() == '\n';
-        if (!m_isWellFormed) {
+        if (!m_isWellFormed)
             return;
-        }
         utc.tm_year -= 1900;
         utc.tm_mon -= 1;
         m_time = ::timegm(&utc);
@@ -212,7 +207,7 @@ struct Line {
     std::string m_text;
 };
 
-/// The second that records show; that of time() may be over by some milliseconds.
+/** The second that records show; that of time() may be over by some milliseconds. */
 time_t secondNow() {
     timespec now = {};
     EXPECT_EQ(::clock_gettime(CLOCK_REALTIME, &now), 0);
@@ -221,9 +216,8 @@ time_t secondNow() {
 
 std::vector<std::string> textsOf(const std::vector<std::string>& writes) {
     std::vector<std::string> result;
-    for (const std::string& written : writes) {
+    for (const std::string& written : writes)
         result.push_back(Line(written).m_text);
-    }
     return result;
 }
 
@@ -237,21 +231,20 @@ protected:
     }
 };
 
-/// A thread sanitizer loses its way when a thread is cancelled within a call that it watches.
+/** A thread sanitizer loses its way when a thread is cancelled within a call that it watches. */
 void spinUntilCancelled() {
-    for (;;) {
+    for (;;)
         ::pthread_testcancel();
-    }
 }
 
-/// Logs when it is destroyed.
+/** Logs when it is destroyed. */
 struct LastWords {
     const char* m_text;
 
     ~LastWords() { logAt(1, m_text); }
 };
 
-/// Static objects of this file are constructed before the program sets the level, and destroyed last.
+/** Static objects of this file are constructed before the program sets the level, and destroyed last. */
 const LastWords g_lastWords{"destructor of a global object"};
 
 } // namespace
@@ -259,9 +252,8 @@ const LastWords g_lastWords{"destructor of a global object"};
 KIT_ROLE(loggerDefaults) {
     std::cout << VornLogging::isAccessAllowed() << ' ' << VornLogging::getInstance().getLogLevel()
               << std::endl;
-    for (int level = VornLogging::cUserOutput; level <= VornLogging::cLast; ++level) {
+    for (int level = VornLogging::cUserOutput; level <= VornLogging::cLast; ++level)
         logAt(level, "not admitted");
-    }
     return 0;
 }
 
@@ -285,9 +277,8 @@ KIT_ROLE(exitWhileThreadsLog) {
     VornLogging::getInstance().setLogLevel(VornLogging::cDebug);
     for (int i = 0; i < 3; ++i) {
         std::thread([] {
-            for (;;) {
+            for (;;)
                 logAt(9, "still here");
-            }
         }).detach();
     }
     return awaitCondition([] { return records > 100; }) ? 0 : 1;
@@ -295,19 +286,16 @@ KIT_ROLE(exitWhileThreadsLog) {
 
 KIT_ROLE(talkInPlaceOfStandardError) {
     ::close(STDERR_FILENO);
-    if (args.at(0) == "before it starts") {
+    if (args.at(0) == "before it starts")
         ::execl("/proc/self/exe", "self", "--kit-role", "talkInPlaceOfStandardError", "started", nullptr);
-    }
     int ends[2] = {};
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || ends[0] != STDERR_FILENO) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || ends[0] != STDERR_FILENO)
         return 2;
-    }
     VornLogging::getInstance().setLogLevel(9);
     logAt(1, "a record");
     std::array<char, 1000> bytes{};
-    if (::write(ends[0], "four", 4) != 4) {
+    if (::write(ends[0], "four", 4) != 4)
         return 3;
-    }
     const ssize_t length = ::read(ends[1], bytes.data(), bytes.size());
     return ::write(STDOUT_FILENO, bytes.data(), static_cast<std::size_t>(length)) == length ? 0 : 4;
 }
@@ -378,9 +366,8 @@ TEST_F(VornLoggingTest, LevelAndAccessChangedByManyThreads_AgreeInTheEnd) {
             }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     const int level = VornLogging::getInstance().getLogLevel();
     EXPECT_EQ(VornLogging::isAdmitted(level), VornLogging::isAccessAllowed());
     EXPECT_EQ(VornLogging::isAdmitted(level + 1), false);
@@ -506,9 +493,8 @@ TEST_F(VornLoggingTest, WithoutAHandler_ARecordWithALineEndInItIsStillOneLine) {
     VornLogging::getInstance().setLogLevel(9);
     logAt(4, "HTTPRequest::PeekLine: break on character = ", '\n');
     logAt(4, VornString("name\nforged line"));
-    for (const std::string& written : output.finish()) {
+    for (const std::string& written : output.finish())
         EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), 1) << written;
-    }
 }
 
 TEST_F(VornLoggingTest, WithoutAHandler_ControlCharactersAreShownAsHexadecimalNumbers) {
@@ -527,7 +513,7 @@ TEST_F(VornLoggingTest, AHandler_GetsControlCharactersAsTheyAre) {
     EXPECT_THAT(log.texts(), ElementsAre("two\nlines\x1B"));
 }
 
-/// What standard error is while many threads log.
+/** What standard error is while many threads log. */
 struct Traffic {
     Channel channel;
     bool isBlocking;
@@ -555,20 +541,17 @@ TEST_P(VornLogging_Traffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
     std::vector<std::thread> threads;
     for (int thread = 0; thread < cThreads; ++thread) {
         threads.emplace_back([&, thread] {
-            for (int record = 0; record < traffic.records; ++record) {
+            for (int record = 0; record < traffic.records; ++record)
                 logAt(9, textOf(thread, record));
-            }
         });
     }
     const SignalBlock othersAreInterrupted(SIGALRM);
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     std::multiset<std::string> expected;
     for (int thread = 0; thread < cThreads; ++thread) {
-        for (int record = 0; record < traffic.records; ++record) {
+        for (int record = 0; record < traffic.records; ++record)
             expected.insert(textOf(thread, record));
-        }
     }
     const std::vector<std::string> lines = output.finish();
     EXPECT_EQ(lines.size(), expected.size());
@@ -576,9 +559,8 @@ TEST_P(VornLogging_Traffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
     for (const std::string& text : textsOf(lines)) {
         const auto found = expected.find(text);
         damaged += found == expected.end() ? 1 : 0;
-        if (found != expected.end()) {
+        if (found != expected.end())
             expected.erase(found);
-        }
     }
     EXPECT_EQ(damaged, 0);
     EXPECT_EQ(expected.size(), 0U) << "records that are missing";
@@ -609,9 +591,8 @@ TEST_F(VornLoggingTest, WhenStandardErrorTakesNoMore_ARecordIsCutAndTheNextBegin
 }
 
 TEST_F(VornLoggingTest, AThreadCancelledInTheMidstOfARecord_LeavesTheLoggerUsable) {
-    if (underSanitizer) {
+    if (underSanitizer)
         GTEST_SKIP() << "it loses its way or prints when a thread is cancelled within a call that it watches";
-    }
     StandardErrorChannel output(Channel::Pipe);
     VornLogging::getInstance().setLogLevel(9);
     WatchedThread writer([] { logAt(1, std::string(200'000, 'x')); });
@@ -694,12 +675,10 @@ TEST_F(VornLoggingTest, AHandlerThatThrows_LosesTheRecordAndNothingElse) {
     int calls = 0;
     VornLogging::setRecordHandler([&](int, const VornString&) {
         ++calls;
-        if (calls == 1) {
+        if (calls == 1)
             throw std::runtime_error("no");
-        }
-        if (calls == 2) {
+        if (calls == 2)
             throw 7;
-        }
     });
     errno = EINTR;
     EXPECT_NO_THROW(logAt(1, "one"));
@@ -714,9 +693,8 @@ TEST_F(VornLoggingTest, AHandler_MayLogItself) {
     VornLogging::getInstance().setLogLevel(9);
     std::vector<std::string> texts;
     VornLogging::setRecordHandler([&](int level, const VornString& text) {
-        if (level == 1) {
+        if (level == 1)
             logAt(2, "about ", text);
-        }
         texts.push_back(text);
     });
     logAt(1, "it");
@@ -751,14 +729,12 @@ TEST_F(VornLoggingTest, AHandler_GetsOneRecordAtATime) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] {
-            for (int record = 0; record < 250; ++record) {
+            for (int record = 0; record < 250; ++record)
                 logAt(9, "record ", record);
-            }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(most, 1);
     EXPECT_EQ(records, 1000);
 }

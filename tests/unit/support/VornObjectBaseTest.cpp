@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LeakCheckedTest.h"
 
 #include <string>
@@ -124,9 +123,8 @@ TEST_F(VornObjectBaseTest, ManyThreads_LoseNoCount) {
             }
         });
     }
-    for (std::thread& thread : threads) {
+    for (std::thread& thread : threads)
         thread.join();
-    }
     EXPECT_EQ(object.refCount(), 1 + cThreads * cRounds);
 }
 

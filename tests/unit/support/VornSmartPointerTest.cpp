@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 // This file is compiled in C++17, C++20 and C++23 by both compilers besides being run: what overload
 // resolution makes of a comparison differs between them. It therefore includes nothing of the kit but its
 // fixture.
@@ -23,7 +22,7 @@ using Journal = std::vector<std::string>;
 
 namespace {
 
-/// Writes down what smart pointers do with it.
+/** Writes down what smart pointers do with it. */
 class Recorder : public VornObjectBase {
 public:
     Recorder(std::string name, Journal& journal) : m_name(std::move(name)), m_journal(journal) {}
@@ -279,12 +278,10 @@ TEST_F(VornSmartPointerTest, AsACondition_IsTrueWhenItHoldsAnObject) {
     EXPECT_FALSE(!a);
     EXPECT_TRUE(!empty);
     bool seen = false;
-    if (a) {
+    if (a)
         seen = true;
-    }
-    if (empty) {
+    if (empty)
         seen = false;
-    }
     EXPECT_TRUE(seen);
     EXPECT_TRUE(a && !empty);
     EXPECT_EQ(a ? 1 : 2, 1);
@@ -418,9 +415,8 @@ TEST_F(VornSmartPointerTest, CopiesOnManyThreads_DestroyTheObjectOnce) {
             });
         }
         shared = nullptr;
-        for (std::thread& thread : threads) {
+        for (std::thread& thread : threads)
             thread.join();
-        }
         threads.clear();
     }
     EXPECT_EQ(m_journal, Journal{"~quiet"});

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "LeakCheckedTest.h"
 
 #include <array>
@@ -20,7 +19,7 @@ class VornStringTest : public LeakCheckedTest {
 protected:
     VornStringTest() { m_buffer.fill('#'); }
 
-    /// What has been written, up to and including the guard byte behind the capacity.
+    /** What has been written, up to and including the guard byte behind the capacity. */
     std::string written(std::size_t count) const { return std::string(m_buffer.data(), count); }
 
     std::array<char, 16> m_buffer{};
@@ -128,9 +127,8 @@ TEST_F(VornStringTest, AlmostUtf8_SurvivesTheRoundTripByteForByte) {
         "\xF0\x9F\x98",     // cut off in four bytes
         "a\x80z\xC3",
     };
-    for (const VornString& text : texts) {
+    for (const VornString& text : texts)
         EXPECT_EQ(VornStringToNarrow(VornStringToWide(text)), text);
-    }
     EXPECT_EQ(VornStringToWide("\xED\xB2\x80"), (VornUString{0xDCED, 0xDCB2, 0xDC80}));
 }
 
@@ -140,9 +138,8 @@ TEST_F(VornStringTest, RandomBytes_SurviveTheRoundTrip) {
     std::uniform_int_distribution<int> byte(0, 255);
     for (int round = 0; round < 2000; ++round) {
         VornString text(random() % 64, '\0');
-        for (char& character : text) {
+        for (char& character : text)
             character = static_cast<char>(byte(random));
-        }
         ASSERT_EQ(VornStringToNarrow(VornStringToWide(text)), text) << "seed " << seed << ", round " << round;
     }
 }

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 #include "Await.h"
 #include "Checkpoint.h"
 #include "LeakCheckedTest.h"
@@ -40,7 +39,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A thread which runs a function of the test, and ends before the function's variables do.
+/** A thread which runs a function of the test, and ends before the function's variables do. */
 class Worker : public VornThread {
 public:
     Worker(const VornString& name, std::function<int(Worker&)> work)
@@ -50,9 +49,8 @@ public:
 
     ~Worker() override {
         stop();
-        if (!isOwnThread()) {
+        if (!isOwnThread())
             wait(-1);
-        }
     }
 
     using VornThread::isOwnThread;
@@ -67,20 +65,18 @@ private:
 
 constexpr int cLimit = static_cast<int>(defaultLimit.count());
 
-/// Work that can hold up whoever takes a reference to it, or lets go of one.
+/** Work that can hold up whoever takes a reference to it, or lets go of one. */
 class WatchedWork : public VornWorkInformation {
 public:
     void addRef() override {
-        if (m_holdsAdding) {
+        if (m_holdsAdding)
             m_holding.pass();
-        }
         VornWorkInformation::addRef();
     }
 
     void release() override {
-        if (m_holdsReleasing) {
+        if (m_holdsReleasing)
             m_holding.pass();
-        }
         VornWorkInformation::release();
     }
 
@@ -89,7 +85,7 @@ public:
     Checkpoint m_holding;
 };
 
-/// A thread that is held up before it takes its work.
+/** A thread that is held up before it takes its work. */
 class StartingThread : public VornThread {
 public:
     StartingThread() : VornThread("starting") {}
@@ -123,7 +119,7 @@ std::string systemName(pid_t tid) {
     return readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm");
 }
 
-/// The system's name of a thread called @p name.
+/** The system's name of a thread called @p name. */
 std::string systemNameOf(const std::string& name) {
     std::string result;
     Worker worker(name, [&](Worker&) {
@@ -449,9 +445,8 @@ TEST_F(VornThreadTest, WhileTheThreadTakesItsWork_TheOperationsOfOthersWait) {
     }
     work->m_holdsAdding = false;
     work->m_holding.open();
-    for (WatchedThread* visitor : {&starter, &stopper, &waiter, &asker, &other}) {
+    for (WatchedThread* visitor : {&starter, &stopper, &waiter, &asker, &other})
         EXPECT_TRUE(visitor->join());
-    }
 }
 
 TEST_F(VornThreadTest, AtItsEnd_WaitsForWhoSetsItsWork) {
