@@ -120,7 +120,8 @@ KIT_ROLE(unloadWithoutRegistry) {
 KIT_ROLE(forkAfterUnloading) {
     { const SharedObject plugin(pluginFile); }
     printMapped();
-    std::cout << "child: " << inChild([] { return 0; }) << std::endl;
+    const int status = inChild([] { return 0; }); // before there is output that the child could print too
+    std::cout << "child: " << status << std::endl;
     return 0;
 }
 

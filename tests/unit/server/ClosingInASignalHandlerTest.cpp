@@ -11,6 +11,7 @@
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Process.h"
+#include "Sanitizer.h"
 #include "ServerTestSupport.h"
 
 #include <cerrno>
@@ -69,6 +70,8 @@ INSTANTIATE_TEST_SUITE_P(Kind, ClosingInASignalHandler, testing::Values("tcp", "
 INSTANTIATE_TEST_SUITE_P(Kind, EndingInASignalHandler, testing::Values("pipe", "tcp", "udp"), kindName);
 
 TEST_P(ClosingInASignalHandler, EndsTheWaitOfItsThread) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << runsHandlersLate;
     for (const int flags : {0, SA_RESTART}) {
         handle(SIGUSR1, closeServer, flags);
         const std::unique_ptr<VornIPCServer> server = makeServer(GetParam());

@@ -8,6 +8,7 @@
 #include "ForkedChild.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
+#include "Sanitizer.h"
 
 #include <atomic>
 #include <memory>
@@ -83,6 +84,8 @@ TEST_F(ForkedProcess, WhenALogHandlerRunsInAnotherThread_IsForkedWhenItHasReturn
 }
 
 TEST_F(ForkedProcess, WhenForkedByALogHandler_Logs) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << takesItForTheParentsThread;
     int records = 0;
     int status = hangs;
     VornLogging::setRecordHandler([&](int, const VornString&) {
