@@ -40,7 +40,7 @@ ServerGate::Wait::Wait(const VornIPCServer& server, void* const& cell)
     : m_server(&server), m_thread(std::this_thread::get_id()), m_cell(cell), m_wasClosed(false),
       m_hasSocket(false) {
     std::unique_lock lock(ServerRegistry::lock());
-    changed().wait(lock, [this] { return !isClosing(m_server); });
+    awaitClosing(m_server, lock);
     m_descriptor = descriptorIn(__atomic_load_n(&cell, __ATOMIC_ACQUIRE));
     s_waits.add(*this);
 }
@@ -67,7 +67,7 @@ bool ServerGate::Wait::end() {
         return true;
     }
     changed().notify_all();
-    changed().wait(lock, [this] { return !isClosing(m_server); });
+    awaitClosing(m_server, lock);
     return true;
 }
 
@@ -75,7 +75,8 @@ ServerGate::Closing::Closing(const VornIPCServer& server, void*& cell)
     : m_server(&server), m_cell(cell), m_isNeeded(false), m_isShared(false) {
     std::unique_lock lock(ServerRegistry::lock());
     // Who closes already waits for this thread, if it is in a signal handler during its own wait.
-    changed().wait(lock, [this] { return !isClosing(m_server) || isWaitedOn(m_server, true); });
+    while (isClosing(m_server) && !isWaitedOn(m_server, true))
+        changed().wait(lock);
     m_isNeeded = !isClosing(m_server) && __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
     if (!m_isNeeded)
         return;
@@ -127,7 +128,7 @@ void ServerGate::Closing::shutDown(int descriptor, std::unique_lock<std::mutex>&
 
 void ServerGate::awaitClosing(const VornIPCServer& server) {
     std::unique_lock lock(ServerRegistry::lock());
-    changed().wait(lock, [&server] { return !isClosing(&server); });
+    awaitClosing(&server, lock);
 }
 
 bool ServerGate::endsWait(int nError) {
@@ -147,6 +148,11 @@ void ServerGate::startAfresh() {
     makeAnew(changed());
     s_waits.clear();
     s_closings.clear();
+}
+
+void ServerGate::awaitClosing(const VornIPCServer* server, std::unique_lock<std::mutex>& lock) {
+    while (isClosing(server))
+        changed().wait(lock);
 }
 
 bool ServerGate::isClosing(const VornIPCServer* server) {

@@ -9,7 +9,6 @@
 #include <IntrusiveList.h>
 
 #include <mutex>
-
 #include <thread>
 
 namespace VornNet {
@@ -114,6 +113,7 @@ public:
 
 private:
     static void startAfresh();
+    static void awaitClosing(const VornIPCServer* server, std::unique_lock<std::mutex>& lock);
     static bool isClosing(const VornIPCServer* server);
     static bool isWaitedOn(const VornIPCServer* server, bool byThisThread);
 

@@ -126,13 +126,17 @@ void signalWaiter(int writeEnd) {
     }
 }
 
-/** Writes a record without the lock, because a log handler may use the server. */
-void announce(const char* text, std::unique_lock<std::mutex>& lock) {
+/**
+ * Writes a record without the lock, because a log handler may use the server.
+ * @return whether there was one to write. Then what the lock guards may differ now
+ */
+bool announce(const char* text, std::unique_lock<std::mutex>& lock) {
     if (!VornLogging::isAdmitted(VornLogging::cDebug))
-        return;
+        return false;
     lock.unlock();
     logRecord(VornLogging::cDebug, text);
     lock.lock();
+    return true;
 }
 
 } // namespace
@@ -292,13 +296,11 @@ void VornPipeServer::close() {
     logRecord(VornLogging::cDebug, "VornPipeServer::close");
     const VornCriticalSection lock(m_lock, true);
     std::unique_lock registryLock(ServerRegistry::lock());
-    if (isReleasable()) {
-        announce("VornPipeServer::close: releasing resources", registryLock);
-        if (isReleasable()) {
-            // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
-            releaseRecord(m_pipeHandle);
-            return;
-        }
+    if (isReleasable() &&
+        (!announce("VornPipeServer::close: releasing resources", registryLock) || isReleasable())) {
+        // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
+        releaseRecord(m_pipeHandle);
+        return;
     }
     if (isSignalable()) {
         announce("VornPipeServer::close: signaling wait thread", registryLock);
