@@ -773,14 +773,17 @@ TEST_P(VornSubscriber_Wire, StopByAHandler_CallsNothingMore) {
 
 TEST_P(VornSubscriber_Wire, DestroyedByAHandler_TheRestIsLeft) {
     listen();
-    m_inHandler = [this](const std::string&) {
+    std::atomic<bool> isDestroyed = false;
+    m_inHandler = [&](const std::string&) {
         m_isEnding = true;
         m_subscriber.reset();
+        isDestroyed = true;
     };
     subscribe(quick());
     admit();
     say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
+    ASSERT_TRUE(awaitCondition([&] { return isDestroyed.load(); }));
     EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 a"));
 }
 
