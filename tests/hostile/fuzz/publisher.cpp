@@ -1,0 +1,165 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+// Hostile clients at a live publisher, over a pipe or TCP; during and after each input a well-formed client
+// must be admitted and get its event, and one that has subscribed before must get a new one. The input's
+// first byte chooses the road and how much of a sound exchange comes first; then come pieces, each with a
+// byte that says how it is sent and one that gives its length.
+
+#include "Input.h"
+#include "Sandbox.h"
+
+#include <VornException.h>
+#include <VornPublisher.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace VornNet;
+
+namespace {
+
+const std::string line = "builds\r\n";
+const std::string request("\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0",
+                          40);
+constexpr std::size_t answerSize = 1 + 4 + 28;
+constexpr std::size_t eventSize = 16;
+
+class Road {
+public:
+    explicit Road(bool isPipe) : m_isPipe(isPipe), m_publisher(addressFor(isPipe), {"builds"}, options()) {
+        publish();
+        m_standing = connect();
+        requireAdmitted(m_standing);
+    }
+
+    int connect() {
+        const std::string address = m_publisher.getAddress();
+        const int fd = m_isPipe ? connectToPipe(address.substr(5))
+                                : connectToPort(std::stoi(address.substr(address.rfind(':') + 1)));
+        const timeval patience{10, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        return fd;
+    }
+
+    void requireAlive() {
+        const int fd = connect();
+        requireAdmitted(fd);
+        ::close(fd);
+        publish();
+        require(receives(m_standing, eventSize), "others get their events");
+    }
+
+private:
+    static std::string addressFor(bool isPipe) { return isPipe ? "pipe:fuzz" : "socket:127.0.0.1:0"; }
+
+    static VornPublisher::Options options() {
+        VornPublisher::Options options;
+        options.nHistoryBytes = 4096;
+        options.beat = std::chrono::hours(1); // no sign comes between the events
+        options.requestLimit = std::chrono::milliseconds(100);
+        options.nRequestLimit = 4;
+        options.onSubscribe = [](const VornPublisher::Subscriber&) { return VornString(); };
+        options.onLeave = [](const VornPublisher::Subscriber&, VornPublisher::Leaving, int) {};
+        return options;
+    }
+
+    void publish() {
+        m_publisher.publish("builds", [](VornConnection&) {});
+    }
+
+    static void requireAdmitted(int fd) {
+        require(fd != -1, "the publisher can be reached");
+        ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+        ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+        require(receives(fd, answerSize + eventSize), "a sound request is answered, and the event comes");
+    }
+
+    static bool receives(int fd, std::size_t size) {
+        char bytes[64];
+        return ::recv(fd, bytes, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+    }
+
+    static int connectToPipe(const std::string& name) {
+        sockaddr_un place{};
+        place.sun_family = AF_UNIX;
+        VornTest::pipePath(name).copy(place.sun_path, sizeof place.sun_path - 1);
+        return connectTo(::socket(AF_UNIX, SOCK_STREAM, 0), place);
+    }
+
+    static int connectToPort(int port) {
+        sockaddr_in place{};
+        place.sin_family = AF_INET;
+        place.sin_port = htons(static_cast<std::uint16_t>(port));
+        place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return connectTo(::socket(AF_INET, SOCK_STREAM, 0), place);
+    }
+
+    template <typename Place>
+    static int connectTo(int fd, const Place& place) {
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0)
+            return fd;
+        ::close(fd);
+        return -1;
+    }
+
+    const bool m_isPipe;
+    VornPublisher m_publisher;
+    int m_standing = -1;
+};
+
+Road& road(bool isPipe) {
+    // Never destroyed: the fuzzer ends the process where it stands.
+    static Road& pipe = *new Road(true);
+    static Road& tcp = *new Road(false);
+    return isPipe ? pipe : tcp;
+}
+
+void attack(int fd, int soundParts, Input& input) {
+    if (soundParts > 0)
+        ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+    if (soundParts > 1)
+        ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    while (!input.empty()) {
+        const int way = input.byte() % 16;
+        const std::string piece = input.text(input.byte());
+        if (way == 0)
+            ::shutdown(fd, SHUT_WR);
+        else if (way == 1)
+            ::sched_yield();
+        else
+            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (way == 2 ? MSG_OOB : 0));
+        if (way == 3) {
+            const linger reset{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            return;
+        }
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    VornTest::enterSandbox();
+    std::signal(SIGPIPE, SIG_IGN);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input input(data, size);
+    const int choice = input.byte();
+    Road& hit = road(choice % 2 == 0);
+    const int peer = hit.connect();
+    require(peer != -1, "the publisher listens");
+    attack(peer, choice / 2 % 3, input);
+    hit.requireAlive(); // also while the attacker's connection is open
+    ::close(peer);
+    hit.requireAlive();
+    return 0;
+}
