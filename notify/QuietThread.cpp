@@ -14,6 +14,13 @@ namespace {
 
 constexpr std::size_t cLongestSystemName = 15; // pthread_setname_np(3) refuses more
 
+thread_local bool t_bExiting = false;
+
+/** exit() destroys what is local to the calling thread before anything that is static. */
+struct ExitMark {
+    ~ExitMark() { t_bExiting = true; }
+};
+
 /** Blocks all signals on the calling thread; a thread that is made meanwhile is born with them blocked. */
 class SignalsBlocked {
 public:
@@ -38,6 +45,7 @@ void QuietThread::start(const VornString& sName, std::function<void()> run) {
     std::binary_semaphore named(0);
     const SignalsBlocked blocked;
     m_thread = std::thread([this, &named, sName = sName.substr(0, cLongestSystemName), run = std::move(run)] {
+        [[maybe_unused]] static thread_local const ExitMark mark;
         ::pthread_setname_np(::pthread_self(), sName.c_str());
         // A sleep takes 50 microseconds more than asked for unless the thread says that it minds.
         System::prctl(PR_SET_TIMERSLACK, 1);
@@ -47,6 +55,10 @@ void QuietThread::start(const VornString& sName, std::function<void()> run) {
         m_id = std::thread::id();
     });
     named.acquire();
+}
+
+bool QuietThread::isExiting() {
+    return t_bExiting;
 }
 
 void QuietThread::join() {

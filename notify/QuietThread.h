@@ -25,6 +25,12 @@ public:
      */
     void start(const VornString& sName, std::function<void()> run);
 
+    /**
+     * @return whether the caller runs on such a thread and has called exit(), which destroys there what is
+     * static: the thread never comes back to what it was doing.
+     */
+    static bool isExiting();
+
     /** Waits for the end; at once when it was not started, or has been joined. */
     void join();
 

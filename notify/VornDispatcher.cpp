@@ -255,12 +255,14 @@ VornDispatcher::VornDispatcher(const Options& options) {
 }
 
 VornDispatcher::~VornDispatcher() {
-    if (m_spState->isForked()) {
-        // Its threads are the parent's, and so may be its lock; a child that ends is not held up by either.
+    const bool bIsHandler = m_spState->isResultHandler();
+    if (m_spState->isForked() || (bIsHandler && QuietThread::isExiting())) {
+        // In a child its threads are the parent's, and so may be its lock. And a handler that has called
+        // exit() cannot be waited for. The process ends, and is not held up by either.
         [[maybe_unused]] const State* left = m_spState.release();
         return;
     }
-    if (m_spState->isResultHandler()) {
+    if (bIsHandler) {
         logRecord(VornLogging::cError,
                   "VornDispatcher::~VornDispatcher: destroyed by its own result handler");
         std::terminate(); // the thread would have to end before its own call returns

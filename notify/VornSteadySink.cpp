@@ -14,6 +14,7 @@
 #include "UdpSource.h"
 
 #include <LogRecord.h>
+#include <SystemCalls.h>
 #include <VornException.h>
 
 #include <exception>
@@ -68,14 +69,28 @@ public:
             });
         } catch (...) {
             end();
+            m_callingThread.join();
             throw;
         }
     }
 
-    ~State() { end(); }
+    ~State() {
+        end();
+        m_callingThread.join();
+    }
 
     State(const State&) = delete;
     State& operator=(const State&) = delete;
+
+    /** Ends everything but the callback or handler that is running. */
+    void end() {
+        m_line.close();
+        m_readingThread.join();
+        m_spSource.reset(); // nobody comes any more while the last callback runs
+    }
+
+    /** @return whether this is a process that was forked from the one that started the threads. */
+    bool isForked() const { return System::getpid() != m_process; }
 
     /** @return whether the caller is a callback or the address handler. */
     bool isOwnThread() const { return m_callingThread.isCurrent() || m_address.isHandlerThread(); }
@@ -87,13 +102,7 @@ public:
     const SinkLine& line() const { return m_line; }
 
 private:
-    void end() {
-        m_line.close();
-        m_readingThread.join();
-        m_spSource.reset(); // nobody comes any more while the last callback runs
-        m_callingThread.join();
-    }
-
+    const pid_t m_process = System::getpid();
     VornCallbackContainer m_container;
     const SinkSettings m_settings;
     SinkAddress m_address;
@@ -112,7 +121,17 @@ VornSteadySink::VornSteadySink(const VornString& moduleName, const Options& opti
     : m_spState(std::make_unique<State>(moduleName, options)) {}
 
 VornSteadySink::~VornSteadySink() {
-    if (m_spState->isOwnThread()) {
+    const bool isOwnThread = m_spState->isOwnThread();
+    const bool isEndOfProcess = isOwnThread && QuietThread::isExiting();
+    if (m_spState->isForked() || isEndOfProcess) {
+        // In a child the threads and the pipe's file are the parent's, and a callback that has called exit()
+        // cannot be waited for.
+        State* left = m_spState.release();
+        if (isEndOfProcess)
+            left->end();
+        return;
+    }
+    if (isOwnThread) {
         logRecord(VornLogging::cError,
                   "VornSteadySink::~VornSteadySink: destroyed by one of its own callbacks");
         std::terminate(); // the thread would have to end before its own call returns

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <future>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
 #include <fcntl.h>
@@ -222,6 +223,26 @@ TEST_F(VornDispatcher_Process, AChildThatHoldsItsSocketsDisturbsNothing) {
     EXPECT_TRUE(dispatcher.flush(10s));
     mayEnd.reset();
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
+KIT_ROLE(handlerThatExits) {
+    static std::unique_ptr<VornDispatcher> spDispatcher; // which exit() destroys
+    VornDispatcher::Options options;
+    options.onResult = [](const Result&) { std::exit(7); };
+    spDispatcher = std::make_unique<VornDispatcher>(options);
+    BytesProxy proxy("pipe:nobody");
+    VornDispatcher::Terms terms;
+    terms.timeLimit = 1ms;
+    spDispatcher->post(proxy, VornNotification(1), terms);
+    ::pause();
+    return 0;
+}
+
+TEST_F(VornDispatcher_Process, AResultHandlerThatExitsEndsTheProcessInGoodOrder) {
+    // The thread sanitizer finds no order between the threads of a process of which one ends it.
+    ChildProcess child = ChildProcess::spawnRoleWith({"TSAN_OPTIONS=report_bugs=0"}, "handlerThatExits");
+    EXPECT_EQ(child.wait(), 7);
+    EXPECT_EQ(child.readAllErrors(), "");
 }
 
 KIT_ROLE(destroyedByItsHandler) {
