@@ -29,7 +29,7 @@ void SinkLine::count(Counter counter, bool isConnected) {
         --m_statistics.nConnections;
 }
 
-void SinkLine::add(IncomingNotifications& batch) {
+void SinkLine::add(IncomingNotifications& batch, std::size_t nLeft) {
     {
         const std::lock_guard lock(m_lock);
         if (m_isClosed)
@@ -37,6 +37,7 @@ void SinkLine::add(IncomingNotifications& batch) {
         for (const auto& [nNumber, spNotification] : batch)
             m_nBytes += spNotification->size();
         m_line.merge(batch);
+        m_nNotInLine = nLeft;
     }
     m_changed.notify_one();
 }
@@ -109,7 +110,7 @@ bool SinkLine::isClosed() const {
 SinkLine::Statistics SinkLine::statistics() const {
     const std::lock_guard lock(m_lock);
     Statistics statistics = m_statistics;
-    statistics.nWaiting = m_line.size() + (m_isCalling ? 1 : 0);
+    statistics.nWaiting = m_line.size() + m_nNotInLine + (m_isCalling ? 1 : 0);
     return statistics;
 }
 

@@ -40,8 +40,11 @@ public:
      * it had a connection */
     void count(Counter counter, bool isConnected);
 
-    /** Lets notifications wait for their callbacks; @p batch is empty afterwards. */
-    void add(IncomingNotifications& batch);
+    /**
+     * Lets notifications wait for their callbacks; @p batch is empty afterwards.
+     * @param nLeft how many have been read as well, and have to wait for an older one
+     */
+    void add(IncomingNotifications& batch, std::size_t nLeft);
 
     /**
      * Asks whether there is no place for another connection or datagram; then the thread is woken when there
@@ -84,6 +87,7 @@ private:
     IncomingNotifications m_line;
     Statistics m_statistics; // but for nWaiting
     std::size_t m_nBytes = 0;
+    std::size_t m_nNotInLine = 0; // read, and left with the reading thread
     bool m_isCalling = false;     // next() has given one out
     bool m_isRoomAwaited = false; // the reading thread is to be woken
     bool m_isClosed = false;

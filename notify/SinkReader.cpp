@@ -196,7 +196,7 @@ void SinkReader::handOver() {
         m_nBytes -= m_complete.begin()->second->size();
         batch.insert(batch.end(), m_complete.extract(m_complete.begin()));
     }
-    m_line.add(batch);
+    m_line.add(batch, m_complete.size());
 }
 
 void SinkReader::cutLateOnes() {

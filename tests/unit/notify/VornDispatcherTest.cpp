@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <future>
+#include <memory>
 #include <thread>
 
 #include <poll.h>
@@ -751,4 +752,28 @@ TEST_F(VornDispatcher_Operations, FewConnectionsServeManyAddresses) {
     EXPECT_TRUE(dispatcher.flush(10s));
     EXPECT_EQ(dispatcher.statistics().nDelivered, 40U);
     EXPECT_EQ(dispatcher.statistics().nSent, 2U);
+}
+
+TEST_F(VornDispatcher_Operations, PostsOfManyThreadsAreNumberedInTheOrderOfTheirQueue) {
+    constexpr int cThreads = 4;
+    constexpr int cPosts = 200;
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithResults());
+    std::vector<std::unique_ptr<WatchedThread>> threads;
+    for (int i = 0; i < cThreads; ++i)
+        threads.push_back(std::make_unique<WatchedThread>([&] {
+            std::uint64_t nLast = 0;
+            for (int nPost = 0; nPost < cPosts; ++nPost) {
+                const std::uint64_t nTicket = post(dispatcher, "pipe:peer");
+                EXPECT_GT(nTicket, nLast);
+                nLast = nTicket;
+            }
+        }));
+    for (int i = 0; i < cThreads * cPosts; ++i)
+        takeOne(listener.get());
+    for (const auto& thread : threads)
+        EXPECT_TRUE(thread->join());
+    const Tickets tickets = ticketsOf(m_results.await(cThreads * cPosts));
+    for (std::size_t i = 0; i < tickets.size(); ++i)
+        ASSERT_EQ(tickets[i], i + 1);
 }

@@ -111,6 +111,7 @@ TEST_P(VornSteadySink_Order, AtTheByteLimit_AYoungerThatIsCompleteWaitsForAnOlde
     ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{3}));
     complete(large.get(), std::string(1000, 'l'));
     complete(small.get(), "");
+    EXPECT_TRUE(client.await(&SteadyStatistics::nWaiting, std::size_t{2})); // the running and the small one
     held.letGoOn();
     EXPECT_EQ(endingOf(small.get()), "end");
     EXPECT_THAT(client.callback()->contents(), ElementsAre("running", std::string(1000, 'l'), ""));

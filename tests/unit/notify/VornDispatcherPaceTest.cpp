@@ -1,0 +1,82 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "DispatcherTestSupport.h"
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using namespace VornTest;
+
+namespace {
+
+/** How many connections there are at once, and how long the pauses between tries are. */
+class VornDispatcher_Pace : public DispatcherTest {
+protected:
+    static UniqueFd listen(const std::string& name) {
+        ::unlink(pipePath(name).c_str());
+        return unixListen(pipePath(name), 64);
+    }
+};
+
+} // namespace
+
+TEST_F(VornDispatcher_Pace, WithoutALimitItTakesHalfTheDescriptors) {
+    constexpr rlim_t cDescriptors = 80;
+    std::vector<UniqueFd> listeners;
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit fewer{cDescriptors, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &fewer), 0);
+    VornDispatcher dispatcher(optionsWithResults());
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0); // for the listeners, which are in this process
+    for (int i = 0; i < 60; ++i) {
+        listeners.push_back(listen("peer" + std::to_string(i)));
+        post(dispatcher, "pipe:peer" + std::to_string(i));
+    }
+    EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nConnections == cDescriptors / 2; }));
+    EXPECT_FALSE(
+        awaitCondition([&] { return dispatcher.statistics().nConnections != cDescriptors / 2; }, 50ms));
+    dispatcher.stop(0ms);
+}
+
+TEST_F(VornDispatcher_Pace, PausesGrowToTheLongestOne) {
+    VornDispatcher dispatcher(optionsWithResults());
+    postWith(termsOf(1s), dispatcher, "pipe:nobody");
+    // 14 pauses up to 164 ms, each at least half of what it is named for, and then one for each 125 ms.
+    EXPECT_LE(m_results.awaitOne().nTries, 1U + 14 + (1000 - 164) / 125 + 1);
+}
+
+TEST_F(VornDispatcher_Pace, ADeliveryResetsThePause) {
+    VornDispatcher::Options options = optionsWithResults();
+    options.firstPause = 1ms;
+    options.longestPause = 2s;
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:peer");
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries >= 9; })); // the next takes longer
+    const UniqueFd listener = listen("peer");
+    EXPECT_EQ(takeOne(listener.get()), cHandle);
+    ASSERT_TRUE(dispatcher.flush(10s));
+    ::unlink(pipePath("peer").c_str());
+    postWith(termsOf(100ms), dispatcher, "pipe:peer");
+    EXPECT_GE(m_results.await(2)[1].nTries, 3U);
+}
+
+TEST_F(VornDispatcher_Pace, WhileThereAreSignsOfLifePausesStayShort) {
+    int nPort = 0;
+    const UniqueFd listener = tcpListen("127.0.0.1", nPort);
+    VornDispatcher::Options options = optionsWithResults();
+    options.terms = termsOf(60s, 100);
+    options.longestPause = 10s;
+    VornDispatcher dispatcher(options);
+    const auto start = std::chrono::steady_clock::now();
+    post(dispatcher, "socket:127.0.0.1:" + std::to_string(nPort));
+    for (int i = 0; i < 100; ++i) {
+        const UniqueFd client = acceptClient(listener.get());
+        receiveExactly(client.get(), 8);
+        resetOnClose(client.get());
+    }
+    EXPECT_EQ(m_results.awaitOne().outcome, Outcome::unread);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s) << "99 pauses of 4 ms";
+}
