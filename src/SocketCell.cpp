@@ -3,6 +3,7 @@
 #include "SocketCell.h"
 
 #include <Cancellation.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 
 #include <memory>
@@ -49,6 +50,7 @@ void SocketCell::close(void*& cell) {
     if (owned == nullptr)
         return;
     const CancellationOff noCancellation;
+    VORN_PROBE(connection__closed, *owned);
     System::close(*owned);
 }
 

@@ -12,6 +12,7 @@
 #include <Cancellation.h>
 #include <ForkHandlers.h>
 #include <LogRecord.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 #include <VornCriticalSection.h>
 #include <VornException.h>
@@ -185,6 +186,7 @@ bool VornLibraryCallbackSink::tryNextPort() {
     VornIPCServer* pServer = m_spCallbackServer;
     if (auto* pServerSocket = dynamic_cast<VornServerSocket*>(pServer))
         pServerSocket->setPort(nPort);
+    VORN_PROBE(server__moved, m_sCallbackName.c_str());
     logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::tryNextPort: retrying ", m_sCallbackType,
               " server on socket ", nPort);
     return true;
@@ -235,12 +237,15 @@ bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {
 void VornLibraryCallbackSink::deliver(VornSmartPointer<VornConnection>& spConnection) {
     const long hCallback = spConnection->receiveLong();
     logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: hCallback=", hCallback);
+    VORN_PROBE(notification__received, m_sCallbackName.c_str(), hCallback);
     const VornCriticalSection lock(m_callbackContainer.mutex(), true);
     VornSmartPointer<VornNotificationCallback> spCallback =
         m_callbackContainer.lookup(static_cast<int>(hCallback));
     if (spCallback != nullptr) {
         logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: found callback... invoking");
+        VORN_PROBE(notification__dispatched, m_sCallbackName.c_str(), hCallback);
         spCallback->callback(spConnection);
+        VORN_PROBE(notification__done, m_sCallbackName.c_str(), hCallback);
         logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: callback returned");
     } else {
         logRecord(VornLogging::cDebug,

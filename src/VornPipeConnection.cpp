@@ -8,6 +8,7 @@
 #include "StreamSocket.h"
 #include "VornPipeServer.h"
 
+#include <Probe.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -114,6 +115,8 @@ int VornPipeConnection::establishImpl(VornString& sExceptionMessage) {
         if (!connectToServiceImpl())
             throw VornException(cServiceFailed, 0);
         m_bConnected = true;
+        VORN_PROBE(connection__established, "pipe", m_sPipeName.c_str(), 0,
+                   SocketCell::descriptorOf(m_pipeHandle));
         initialize();
         return 0;
     } catch (const VornException& e) {
@@ -123,7 +126,9 @@ int VornPipeConnection::establishImpl(VornString& sExceptionMessage) {
             return 0;
         SocketCell::close(m_pipeHandle);
         sExceptionMessage = e.getText();
-        return e.getCode();
+        const int nCode = e.getCode();
+        VORN_PROBE(connection__refused, "pipe", m_sPipeName.c_str(), 0, nCode);
+        return nCode;
     } catch (...) {
         // A socket left behind half connected would pass for an established connection.
         SocketCell::close(m_pipeHandle);

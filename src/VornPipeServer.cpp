@@ -12,6 +12,7 @@
 #include <IntrusiveList.h>
 #include <LogRecord.h>
 #include <NeverDestroyed.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -127,14 +128,14 @@ void signalWaiter(int writeEnd) {
 }
 
 /**
- * Writes a record without the lock, because a log handler may use the server.
+ * Has a record at level 9 written without the lock, because a log handler may use the server.
  * @return whether there was one to write. Then what the lock guards may differ now
  */
-bool announce(const char* text, std::unique_lock<std::mutex>& lock) {
+bool announce(std::unique_lock<std::mutex>& lock, void (*writeRecord)()) {
     if (!VornLogging::isAdmitted(VornLogging::cDebug))
         return false;
     lock.unlock();
-    logRecord(VornLogging::cDebug, text);
+    writeRecord();
     lock.lock();
     return true;
 }
@@ -296,14 +297,18 @@ void VornPipeServer::close() {
     logRecord(VornLogging::cDebug, "VornPipeServer::close");
     const VornCriticalSection lock(m_lock, true);
     std::unique_lock registryLock(ServerRegistry::lock());
-    if (isReleasable() &&
-        (!announce("VornPipeServer::close: releasing resources", registryLock) || isReleasable())) {
+    const auto releasing = [] {
+        logRecord(VornLogging::cDebug, "VornPipeServer::close: releasing resources");
+    };
+    if (isReleasable() && (!announce(registryLock, releasing) || isReleasable())) {
         // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
         releaseRecord(m_pipeHandle);
+        VORN_PROBE(server__closed, "pipe", m_sPipeName.c_str(), 0);
         return;
     }
     if (isSignalable()) {
-        announce("VornPipeServer::close: signaling wait thread", registryLock);
+        announce(registryLock,
+                 [] { logRecord(VornLogging::cDebug, "VornPipeServer::close: signaling wait thread"); });
         if (const _pipe* pPipe = record())
             signalWaiter(pPipe->m_hRWPipe[1]);
     }
@@ -372,6 +377,7 @@ void VornPipeServer::init() {
     record->m_hRWPipe[0] = readEnd.release();
     record->m_hRWPipe[1] = writeEnd.release();
     record->m_hClientPipe = listener.release();
+    VORN_PROBE(server__opened, "pipe", m_sPipeName.c_str(), 0, record->m_hClientPipe);
     __atomic_store_n(&m_pipeHandle, record.release(), __ATOMIC_RELEASE);
 }
 
@@ -445,6 +451,7 @@ VornSmartPointer<VornConnection> VornPipeServer::acceptClient(Waiting& waiting, 
     }
     int nClient = client.number();
     VornSmartPointer<VornConnection> spClient = new VornPipeConnection(&nClient, m_iAccessPrivileges);
+    VORN_PROBE(connection__accepted, "pipe", m_sPipeName.c_str(), 0, nClient);
     client.release();
     waiting.end();
     spClient->setLocalAccess(true);

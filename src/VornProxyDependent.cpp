@@ -8,6 +8,8 @@
 #include "VornSocketConnection.h"
 #include "VornUDPSocketConnection.h"
 
+#include <Probe.h>
+
 namespace VornNet {
 
 namespace {
@@ -31,6 +33,7 @@ void VornProxyDependent::addContent(VornConnection& connection, const VornNotifi
 
 void VornProxyDependent::remoteNotify(const VornNotification& notification) {
     const CallbackAddress address(m_sRemoteName);
+    VORN_PROBE(notification__sending, m_sRemoteName.c_str(), m_hDependent);
     switch (address.kind) { // GCOVR_EXCL_BR_LINE: there is no way past all kinds
     case CallbackAddress::Kind::udp: {
         VornUDPSocketConnection connection(address.host, address.port, false);
@@ -56,6 +59,7 @@ void VornProxyDependent::remoteNotify(const VornNotification& notification) {
     case CallbackAddress::Kind::unknown:
         break;
     }
+    VORN_PROBE(notification__sent, m_sRemoteName.c_str(), m_hDependent);
 }
 
 const VornString& VornProxyDependent::getRemoteName() const {

@@ -13,6 +13,7 @@
 
 #include <Cancellation.h>
 #include <LogRecord.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -91,7 +92,9 @@ void VornServerSocket::close() {
     ServerGate::Closing closing(*this, m_pSocketImpl);
     if (!closing.isNeeded())
         return;
-    closing.close(m_bInitialized, __atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
+    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    closing.close(m_bInitialized, nPort);
+    VORN_PROBE(server__closed, "tcp", m_sBindAddress.c_str(), nPort);
 }
 
 int VornServerSocket::getPort() {
@@ -131,8 +134,10 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
             client.isOpen() || (!ServerGate::endsWait(nError) && isListening(wait.descriptor()));
         if (wait.end() || !wait.hasSocket())
             return {};
-        if (client.isOpen())
+        if (client.isOpen()) {
+            VORN_PROBE(connection__accepted, "tcp", m_sBindAddress.c_str(), m_nPort, client.number());
             return makeClient(client, peer, bIdentify, this);
+        }
         if (!bGoesOn)
             return {};
         logRecord(VornLogging::cError, "VornServerSocket::waitForClient: socket connection error. ", nError);
@@ -172,6 +177,7 @@ void VornServerSocket::init() {
 
     void* cell = new int(socket.number());
     socket.release();
+    VORN_PROBE(server__opened, "tcp", sBindAddress.c_str(), nPort, *static_cast<int*>(cell));
     __atomic_store_n(&m_pSocketImpl, cell, __ATOMIC_RELEASE);
     __atomic_store_n(&m_bInitialized, true, __ATOMIC_RELEASE);
 }

@@ -10,6 +10,7 @@
 #include "VornServerSocket.h"
 
 #include <LogRecord.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -179,6 +180,8 @@ int VornSocketConnection::establishImpl(VornString& sExceptionMessage) {
         if (!connectToServiceImpl())
             throw VornException(cServiceFailed, 0);
         m_bConnected = true;
+        VORN_PROBE(connection__established, "tcp", m_sRemoteName.c_str(), m_nPort,
+                   SocketCell::descriptorOf(m_pClient));
         initialize();
         return 0;
     } catch (const VornException& e) {
@@ -188,7 +191,9 @@ int VornSocketConnection::establishImpl(VornString& sExceptionMessage) {
             return 0;
         SocketCell::close(m_pClient);
         sExceptionMessage = e.getText();
-        return e.getCode();
+        const int nCode = e.getCode();
+        VORN_PROBE(connection__refused, "tcp", m_sRemoteName.c_str(), m_nPort, nCode);
+        return nCode;
     } catch (...) {
         // A socket left behind half connected would pass for an established connection.
         SocketCell::close(m_pClient);

@@ -12,6 +12,7 @@
 
 #include <Cancellation.h>
 #include <LogRecord.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -76,6 +77,7 @@ void VornUDPServerSocket::close() {
         const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
         const bool bShared = closing.isShared();
         closing.close(m_bInitialized, nPort);
+        VORN_PROBE(server__closed, "udp", m_sBindAddress.c_str(), nPort);
         wakeUp.emplace(sLoopback, nPort, false);
         // Before newcomers are let in, while no new socket can be bound: one would take the datagram for a
         // client. Port 0 cannot be sent to, and a transmission that fails leaves its descriptor open.
@@ -159,6 +161,7 @@ void VornUDPServerSocket::init() {
 
     void* cell = new int(socket.number());
     socket.release();
+    VORN_PROBE(server__opened, "udp", sBindAddress.c_str(), nPort, *static_cast<int*>(cell));
     __atomic_store_n(&m_pSocketImpl, cell, __ATOMIC_RELEASE);
     __atomic_store_n(&m_bInitialized, true, __ATOMIC_RELEASE);
 }

@@ -50,10 +50,7 @@ private:
  */
 class VORNSUPT_API VornCriticalSection {
 public:
-    /**
-     * Takes the mutex.
-     * @param object  the mutex
-     * @param bLock   true to take it now; with false this holder does nothing at all
+    /** @param object the mutex. @param bLock true to take it now; with false this holder does nothing at all.
      */
     VornCriticalSection(VornCriticalSectionObject& object, bool bLock);
 

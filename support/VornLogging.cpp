@@ -5,6 +5,7 @@
 #include "Cancellation.h"
 #include "ForkHandlers.h"
 #include "NeverDestroyed.h"
+#include "Probe.h"
 #include "StandardError.h"
 #include "SystemCalls.h"
 
@@ -212,6 +213,16 @@ VornLogging& VornLogging::operator<<(long nValue) {
     return *this;
 }
 
+/**
+ * A tracer that follows the process raises the admitted level in the process's memory, past the level that
+ * the program has set. What the program has not asked for must not come out of it.
+ */
+bool VornLogging::isForTracersOnly(int nLevel) {
+    const int nLogLevel = __atomic_load_n(&s_nLogLevel, __ATOMIC_RELAXED);
+    return __atomic_load_n(&s_nAdmittedLevel, __ATOMIC_RELAXED) > nLogLevel &&
+           (nLevel > nLogLevel || !isAccessAllowed());
+}
+
 void VornLogging::completeRecord() {
     if (t_bDropping) {
         t_bDropping = false;
@@ -222,8 +233,10 @@ void VornLogging::completeRecord() {
     const int savedErrno = errno;
     const std::unique_ptr<Record> record(t_record);
     t_record = record->outer;
+    VORN_PROBE(record, record->level, record->text.c_str());
     try {
-        emitRecord(*record);
+        if (!isForTracersOnly(record->level))
+            emitRecord(*record);
     } catch (...) {
         // A log handler's trouble is not the trouble of the code that logs.
         if (isCancellation())

@@ -13,7 +13,7 @@ namespace VornSupport {
 /** Manipulator that opens a record at a level: `logger << setloglevel(5) << ... << endrecord`. */
 class setloglevel {
 public:
-    /** Names the level of the record. @param nLevel one of VornLogging::c_LogLevel */
+    /** @param nLevel one of VornLogging::c_LogLevel */
     explicit constexpr setloglevel(int nLevel) : m_nLevel(nLevel) {}
 
     /** @return the level given. */
@@ -129,6 +129,7 @@ private:
 
     friend VORNSUPT_API VornLogging& endrecord(VornLogging& logger);
 
+    VORNSUPT_LOCAL static bool isForTracersOnly(int nLevel);
     VORNSUPT_LOCAL void completeRecord();
 
     static VornLogging

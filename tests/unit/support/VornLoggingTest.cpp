@@ -29,6 +29,7 @@
 #include <vector>
 
 #include <VornLogging.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -353,6 +354,23 @@ TEST_F(VornLoggingTest, TheLevelSetWhileAccessIsForbidden_HoldsWhenItIsAllowedAg
     VornLogging::setAccessAllowed(true);
     EXPECT_EQ(VornLogging::isAdmitted(5), true);
     EXPECT_EQ(VornLogging::isAdmitted(6), false);
+}
+
+// What a tracer does from outside: it has only the name of the object.
+TEST_F(VornLoggingTest, RecordsForWhichATracerHasRaisedTheLevel_StayOutOfTheProgramsLog) {
+    auto* admitted =
+        static_cast<int*>(::dlsym(RTLD_DEFAULT, "_ZN11VornSupport11VornLogging16s_nAdmittedLevelE"));
+    ASSERT_NE(admitted, nullptr);
+    LogCapture log;
+    for (const bool allowed : {true, false}) {
+        VornLogging::setAccessAllowed(allowed);
+        VornLogging::getInstance().setLogLevel(5);
+        __atomic_store_n(admitted, 9, __ATOMIC_RELAXED);
+        EXPECT_EQ(VornLogging::isAdmitted(9), true);
+        logAt(9, "for the tracer");
+        logAt(5, "for the program ", allowed ? "too" : "not");
+    }
+    EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{5, "for the program too"}));
 }
 
 TEST_F(VornLoggingTest, LevelAndAccessChangedByManyThreads_AgreeInTheEnd) {
