@@ -43,6 +43,7 @@ void addEncode(CLI::App& app, Runner& runner);
 void addDecode(CLI::App& app, Runner& runner);
 void addPipes(CLI::App& app, Runner& runner);
 void addResolve(CLI::App& app, Runner& runner);
+void addFollow(CLI::App& app, Runner& runner);
 void addDoctor(CLI::App& app, Runner& runner);
 void addHelp(CLI::App& app, Runner& runner);
 /** @} */

@@ -71,6 +71,7 @@ int main(int argc, char** argv) {
     addDecode(app, runner);
     addPipes(app, runner);
     addResolve(app, runner);
+    addFollow(app, runner);
     addDoctor(app, runner);
     addHelp(app, runner);
     app.failure_message([](const CLI::App*, const CLI::Error&) { return std::string(); });

@@ -12,6 +12,7 @@ _vornnet_options()
         serve) echo --service --expect --reply --ack --error --lines --group --count --json --log-level --help ;;
         encode) echo --raw --json --log-level --help ;;
         decode) echo --types --hex --json --log-level --help ;;
+        follow) echo --level --class --count --json --log-level --help ;;
         pipes) echo --clean --json --log-level --help ;;
         resolve) echo --json --log-level --help ;;
         doctor) echo --strict --json --log-level --help ;;
@@ -35,13 +36,14 @@ _vornnet_words()
     case $previous in
         --type) echo pipe socket udp ;;
         --content | --expect | --types) echo int short long bool string line ack ;;
+        --level) echo 0 1 2 3 4 5 6 7 8 9 ;;
         --log-level) echo -1 0 1 2 3 4 5 6 7 8 9 ;;
         --group) compgen -g ;;
-        --callbacks | --count | --repeat | --every | --timeout | --service) ;;
+        --callbacks | --class | --count | --repeat | --every | --timeout | --service) ;;
         *)
             case $subcommand in
-                "") echo sink notify connect serve encode decode pipes resolve doctor help ;;
-                help) echo sink notify connect serve encode decode pipes resolve doctor ;;
+                "") echo sink notify connect serve encode decode pipes resolve follow doctor help ;;
+                help) echo sink notify connect serve encode decode pipes resolve follow doctor ;;
                 notify | connect | serve)
                     if ((position == 1)); then
                         _vornnet_addresses
@@ -65,8 +67,8 @@ _vornnet()
     local subcommand="" position=0 i
     for ((i = 1; i < cword; ++i)); do
         case ${words[i]} in
-            --type | --callbacks | --content | --count | --repeat | --every | --timeout | --service | --expect | \
-                --types | --group | --log-level) ((++i)) ;;
+            --type | --callbacks | --class | --content | --count | --level | --repeat | --every | --timeout | \
+                --service | --expect | --types | --group | --log-level) ((++i)) ;;
             -*) ;;
             *) if [[ -z $subcommand ]]; then subcommand=${words[i]}; else ((++position)); fi ;;
         esac

@@ -72,8 +72,8 @@ std::string toolFile(const std::string& name) {
 }
 
 const std::vector<std::string>& subcommands() {
-    static const std::vector<std::string> names = {"sink",   "notify", "connect", "serve", "encode",
-                                                   "decode", "pipes",  "resolve", "doctor"};
+    static const std::vector<std::string> names = {"sink",   "notify", "connect", "serve",  "encode",
+                                                   "decode", "pipes",  "resolve", "follow", "doctor"};
     return names;
 }
 

@@ -1,0 +1,188 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "AdmittedLevel.h"
+#include "Command.h"
+#include "ExitStatus.h"
+#include "Interruption.h"
+#include "Output.h"
+#include "RecordTrace.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace VornTool {
+
+namespace {
+
+struct FollowOptions : CommonOptions {
+    std::string process;
+    std::string className;
+    int level = 9;
+    long count = 0;
+};
+
+/** @return the ids of the processes whose program has this name, the tool's own left out. */
+std::vector<pid_t> processesNamed(const std::string& name) {
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string number = entry.path().filename();
+        pid_t process = 0;
+        const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), process);
+        if (error != std::errc() || *end != '\0' || process == ::getpid())
+            continue;
+        std::ifstream file(entry.path() / "comm");
+        std::string program;
+        if (std::getline(file, program) && program == name.substr(0, 15)) // the kernel keeps 15 bytes
+            found.push_back(process);
+    }
+    return found;
+}
+
+pid_t findProcess(const std::string& text) {
+    pid_t process = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
+    if (error == std::errc() && end == text.data() + text.size() && process > 0)
+        return process;
+    const std::vector<pid_t> found = processesNamed(text);
+    if (found.empty())
+        throw ToolError(exitUnreachable, "there is no process " + quoted(text));
+    if (found.size() > 1) {
+        std::string ids;
+        for (const pid_t one : found)
+            ids += " " + std::to_string(one);
+        throw ToolError(exitUsage, "more than one process has the name " + quoted(text) + ":" + ids);
+    }
+    return found[0];
+}
+
+/** Records begin with the name of the class and function that wrote them. */
+bool isOfClass(const std::string& text, const std::string& className) {
+    return className.empty() || text.rfind(className + "::", 0) == 0;
+}
+
+std::string timeText(double monotonic) {
+    timespec now{};
+    timespec reference{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    ::clock_gettime(CLOCK_MONOTONIC, &reference);
+    const double time = monotonic + static_cast<double>(now.tv_sec - reference.tv_sec) +
+                        static_cast<double>(now.tv_nsec - reference.tv_nsec) * 1e-9;
+    const auto seconds = static_cast<time_t>(std::floor(time));
+    tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    std::array<char, 48> text;
+    std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                  std::lround((time - static_cast<double>(seconds)) * 1e6) % 1'000'000);
+    return text.data();
+}
+
+/** Prints the records of the lines of a trace. */
+class RecordPrinter {
+public:
+    RecordPrinter(pid_t process, const FollowOptions& options) : m_process(process), m_options(options) {}
+
+    void take(const std::string& piece) {
+        m_lines += piece;
+        // A text may contain line ends; its record ends with a quote.
+        for (std::size_t end = 0; !isDone() && (end = m_lines.find('\n', end)) != std::string::npos; ++end) {
+            const std::optional<TracedRecord> record = RecordTrace::parse(m_lines.substr(0, end));
+            if (!record && m_lines.find(": record_") < end && m_lines[end - 1] != '"')
+                continue;
+            if (record)
+                print(*record);
+            m_lines.erase(0, end + 1);
+            end = static_cast<std::size_t>(-1);
+        }
+    }
+
+    bool isDone() const { return m_options.count > 0 && m_printed >= m_options.count; }
+
+private:
+    void print(const TracedRecord& record) {
+        if (record.level > m_options.level || !isOfClass(record.text, m_options.className))
+            return;
+        ++m_printed;
+        if (m_options.json)
+            Output::json({{"event", "record"},
+                          {"time", timeText(record.time)},
+                          {"level", record.level},
+                          {"pid", m_process},
+                          {"tid", record.thread},
+                          {"text", record.text}});
+        else
+            Output::line(timeText(record.time) + " " + std::to_string(record.level) + " [" +
+                         std::to_string(m_process) + ":" + std::to_string(record.thread) + "] " +
+                         printable(record.text));
+    }
+
+    pid_t m_process;
+    const FollowOptions& m_options;
+    std::string m_lines;
+    long m_printed = 0;
+};
+
+int runFollow(FollowOptions& options) {
+    const pid_t process = findProcess(options.process);
+    const int ended = static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
+    if (ended == -1)
+        throw ToolError(exitUnreachable, "there is no process " + std::to_string(process));
+    const TracedLibrary library(process, "libvornsupt.so.");
+    const int wake = ::eventfd(0, EFD_CLOEXEC);
+    const RecordTrace trace(process, library);
+    const AdmittedLevel level(process, library, options.level);
+    Interruption interruption(std::chrono::milliseconds(2000));
+    interruption.onRequest([wake] { ::eventfd_write(wake, 1); });
+    if (options.json)
+        Output::json({{"event", "following"}, {"pid", process}, {"level", options.level}});
+    else
+        Output::line("following process " + std::to_string(process) + " up to level " +
+                     std::to_string(options.level));
+    RecordPrinter printer(process, options);
+    std::array<pollfd, 3> events{{{trace.descriptor(), POLLIN, 0}, {ended, POLLIN, 0}, {wake, POLLIN, 0}}};
+    while (!printer.isDone() && !Output::isLost() && !interruption.isRequested()) {
+        ::poll(events.data(), events.size(), -1);
+        printer.take(trace.read());
+        if (events[1].revents != 0) {
+            Output::diagnostic("process " + std::to_string(process) + " has ended");
+            break;
+        }
+    }
+    return interruption.status();
+}
+
+} // namespace
+
+void addFollow(CLI::App& app, Runner& runner) {
+    auto options = std::make_shared<FollowOptions>();
+    CLI::App* command =
+        addCommand(app, "follow", "Show the library's log records of a running process", *options);
+    command->add_option("PROCESS", options->process, "The process's id, or its program's name")->required();
+    command
+        ->add_option("--level", options->level, "Records up to level N, whatever the program's own level is")
+        ->type_name("N")
+        ->check(CLI::Range(0, 9))
+        ->capture_default_str();
+    command->add_option("--class", options->className, "Only records of the class NAME")->type_name("NAME");
+    command->add_option("--count", options->count, "End after N records")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    addJsonOption(*command, *options);
+    setRunner(command, runner, options, runFollow);
+}
+
+} // namespace VornTool
