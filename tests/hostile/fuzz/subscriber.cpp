@@ -24,9 +24,9 @@ using namespace VornNet;
 
 namespace {
 
-/// History 1, first number 1, newest number 1, and a beat of a minute.
+/** History 1, first number 1, newest number 1, and a beat of a minute. */
 const std::string admission("\0\1\0\0\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\1\0\0\xea\x60", 32);
-/// The same of the history 2, and its first event.
+/** The same of the history 2, and its first event. */
 const std::string lastWord("+\0\1\0\0\0\0\0\0\0\0\0\2\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\1\0\0\xea\x60"
                            "\0\0\0\1\0\0\0\x08\0\0\0\0\0\0\0\1",
                            49);
@@ -41,19 +41,19 @@ int listenAtPipe() {
     return fd;
 }
 
-/// Looks at all that a subscriber tells.
+/** Looks at all that a subscriber tells. */
 class Reader {
 public:
     Reader() : m_subscriber("pipe:fuzz", "builds", eventHandler(), options()) {}
 
-    /// Does all that there is to do now.
+    /** Does all that there is to do now. */
     void drive() {
         pollfd entry{m_subscriber.getHandle(), POLLIN, 0};
         while (::poll(&entry, 1, 0) == 1)
             m_subscriber.dispatch();
     }
 
-    /// Accepts its next connection.
+    /** Accepts its next connection. */
     int accept(int listener) {
         for (;;) {
             pollfd entries[2] = {{listener, POLLIN, 0}, {m_subscriber.getHandle(), POLLIN, 0}};

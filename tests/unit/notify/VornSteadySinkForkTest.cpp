@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A sink in a process that forks, and in one whose callback calls exit().
  */
@@ -42,14 +41,14 @@ bool hasFile(const std::string& address) {
     return ::stat(pipePath(address.substr(address.find(':') + 1)).c_str(), &found) == 0;
 }
 
-/// Without a buffer: a child must not print again what its parent has printed.
+/** Without a buffer: a child must not print again what its parent has printed. */
 void print(const std::string& line) {
     const std::string bytes = line + "\n";
     if (::write(STDOUT_FILENO, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         std::abort();
 }
 
-/// Static, so that exit() destroys it.
+/** Static, so that exit() destroys it. */
 std::unique_ptr<VornNet::VornSteadySink> g_sink;
 
 CallbackPointer openSink(const std::string& type, RecordingCallback::Action action) {
