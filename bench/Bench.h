@@ -84,6 +84,7 @@ long allocations();
 
 void addBigStrings();
 void addBlocks();
+void addDeadClients();
 void addDelivery();
 void addLogging();
 void addNotification();

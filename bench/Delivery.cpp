@@ -10,6 +10,9 @@
 #include <atomic>
 #include <cstdlib>
 
+#include <linux/sockios.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 
 /**
@@ -110,6 +113,79 @@ private:
     const Receiver m_receiver;
 };
 
+/**
+ * The same with what the dispatcher does over a pipe besides, so that nothing is sent to a sink that is about
+ * to go: seven bytes first, and the rest when they have been taken. Whoever wants to know that has to run
+ * twice more, and so has the sink.
+ */
+class ProbingDelivery : public Contender {
+public:
+    explicit ProbingDelivery(bool bIsSteady)
+        : m_receiver(Road::pipe, bIsSteady),
+          m_poll(static_cast<int>(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1"))) {
+        ::prctl(PR_SET_TIMERSLACK, 1);
+    }
+
+    ~ProbingDelivery() override { ::close(m_poll); }
+
+    Clock::time_point operate() override {
+        for (int i = 0; i < cBurst; ++i) {
+            while (!deliver())
+                ::usleep(cPause);
+        }
+        return Clock::now();
+    }
+
+private:
+    static constexpr std::size_t cProbe = 7;
+
+    bool deliver() const {
+        const int fd = static_cast<int>(
+            checked(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket"));
+        const bool bIsDelivered =
+            ::connect(fd, m_receiver.address().get(), m_receiver.address().length()) == 0 && converse(fd);
+        ::close(fd);
+        return bIsDelivered;
+    }
+
+    bool converse(int fd) const {
+        NotificationBytes bytes;
+        storeInt(bytes.id, 42);
+        const auto* begin = reinterpret_cast<const char*>(&bytes);
+        constexpr std::size_t cRest = sizeof bytes - cProbe;
+        char end = 0;
+        if (::send(fd, begin, cProbe, MSG_NOSIGNAL) != static_cast<ssize_t>(cProbe))
+            return false;
+        watch(EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLRDHUP | EPOLLET | EPOLLOUT);
+        for (int untaken = 2; untaken > 1;) {
+            if ((wait() & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0)
+                return false;
+            checked(::ioctl(fd, SIOCOUTQ, &untaken), "ioctl");
+        }
+        watch(EPOLL_CTL_MOD, fd, EPOLLIN | EPOLLRDHUP | EPOLLET);
+        if (::send(fd, begin + cProbe, cRest, MSG_NOSIGNAL) != static_cast<ssize_t>(cRest) ||
+            ::shutdown(fd, SHUT_WR) != 0)
+            return false;
+        wait();
+        return ::recv(fd, &end, 1, 0) == 0;
+    }
+
+    void watch(int operation, int fd, std::uint32_t events) const {
+        epoll_event event{};
+        event.events = events;
+        checked(::epoll_ctl(m_poll, operation, fd, &event), "epoll_ctl");
+    }
+
+    std::uint32_t wait() const {
+        epoll_event event{};
+        checked(::epoll_wait(m_poll, &event, 1, -1), "epoll_wait");
+        return event.events;
+    }
+
+    const Receiver m_receiver;
+    const int m_poll;
+};
+
 class DispatcherDelivery : public Contender {
 public:
     DispatcherDelivery(Road road, bool bIsSteady)
@@ -138,6 +214,8 @@ void addDelivery() {
                 std::string("delivery-") + nameOf(road) + (bIsSteady ? "-steady" : "-plain");
             addContender<PosixDelivery>(workload, "limit", cBurst, road, bIsSteady);
             addContender<DispatcherDelivery>(workload, "vornnet", cBurst, road, bIsSteady);
+            if (road == Road::pipe)
+                addContender<ProbingDelivery>(workload, "probe-by-hand", cBurst, bIsSteady);
         }
     }
 }

@@ -164,6 +164,7 @@ void addAll() {
     addSinkDelivery();
     addNotification();
     addDelivery();
+    addDeadClients();
     addServerCycle();
     addRequest();
     addRequestPieces();
