@@ -57,16 +57,17 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.tmpfiles
 
 # Chapters are looked for when they are installed, and so is what script/docs renders: a site and manual pages.
 set(VORNNET_DOCS_DIR ${PROJECT_SOURCE_DIR}/build/docs CACHE PATH "Where script/docs has put what it renders")
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
-    FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE PATTERN site EXCLUDE PATTERN diagrams EXCLUDE)
-foreach(images IN ITEMS diagrams performance)
-    install(DIRECTORY ${VORNNET_DOCS_DIR}/${images} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation OPTIONAL)
+# They lie as in the tree, so that links between them lead somewhere.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/bench DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    COMPONENT documentation FILES_MATCHING PATTERN "*.md" PATTERN site EXCLUDE PATTERN diagrams EXCLUDE PATTERN report EXCLUDE)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/diagrams DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT documentation OPTIONAL)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/performance DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench COMPONENT documentation OPTIONAL)
+foreach(page IN ITEMS README CONTRIBUTING SECURITY)
+    install(FILES ${PROJECT_SOURCE_DIR}/${page}.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 endforeach()
-install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation
     FILES_MATCHING PATTERN "*.cpp" PATTERN "*.h" PATTERN CMakeLists.txt)
-install(DIRECTORY ${VORNNET_DOCS_DIR}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation OPTIONAL
-    PATTERN "*.md5" EXCLUDE PATTERN "*.map" EXCLUDE)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation OPTIONAL)
 install(DIRECTORY ${VORNNET_DOCS_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT documentation OPTIONAL
     FILES_MATCHING PATTERN "*.3" PATTERN "*.7")
 

@@ -159,6 +159,8 @@ and a dissector for Wireshark.")
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME ${package_of_documentation})
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+# What the examples are built with.
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_DEPENDS libvornnotify-dev)
 set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION "typed connections and notifications between processes - manual
 ${what}
 

@@ -69,7 +69,7 @@ private:
         char service[64];
         int nSize = sizeof service;
         int nErrorCode = 0;
-        // Peek first: getLine() has no time-out, not even when the client has gone.
+        // Peek first: getLine() has no timeout, not even when the client has gone.
         if (!client.peekLine(service, nSize, nErrorCode) ||
             client.getLine(service, sizeof service, nErrorCode) == nullptr)
             return;

@@ -14,7 +14,7 @@ namespace Example {
 /**
  * Limits the time that the calling thread may block, for as long as the object lives.
  *
- * Connections have no time-outs: a peer that is stopped, or sends nothing, blocks its caller without end. A
+ * Connections have no timeouts: a peer that is stopped, or sends nothing, blocks its caller without end. A
  * signal ends the call if its handler was installed without SA_RESTART; a typed operation then throws with
  * code 4 (EINTR). Here a timer sends such a signal to this thread alone.
  */

@@ -24,6 +24,7 @@ public:
     typedef int Type;
 
     /**
+     * Describes one certificate and its key.
      * @param sFile     path of the certificate file
      * @param sType     its format, see toType()
      * @param sKeyFile  path of the private key file

@@ -71,7 +71,7 @@ using Pointer = std::enable_if_t<isPointer<T>>;
  * thing to do is to disconnect.
  *
  * Thread-safety: none; one connection is used by one thread at a time.
- * Blocking: every operation blocks as long as its transport does; there are no time-outs.
+ * Blocking: every operation blocks as long as its transport does; there are no timeouts.
  * Ownership: never copied; shared through VornSmartPointer, or a local object to which no smart pointer
  * refers.
  * Signals: writing to a peer that is gone raises SIGPIPE on the stream transports: ignore it in every program
@@ -86,6 +86,7 @@ public:
     VornConnection();
 
     /**
+     * Creates an unconnected connection to that peer.
      * @param bClientConnection whether this end initiates the connection
      * @param sRemoteName       the peer: a host name or address, or a label
      */

@@ -34,7 +34,7 @@ namespace VornNet {
  */
 class VORNNET_API VornNotificationCallback : public VornEvent, public VornObjectBase {
 public:
-    /** @param nId the id, from VornCallbackContainer::getNewId() */
+    /** Takes the id for good. @param nId the id, from VornCallbackContainer::getNewId() */
     explicit VornNotificationCallback(int nId);
     ~VornNotificationCallback() override;
 

@@ -16,7 +16,7 @@ namespace VornNet {
  *
  * Thread-safety: none; one thread at a time.
  * Blocking: as connect(2), recv(2) and send(2) on unix(7) sockets; connecting blocks while the server's queue
- * is full. There are no time-outs.
+ * is full. There are no timeouts.
  * Ownership: the socket belongs to the connection and is close-on-exec.
  * Signals: writing to a peer that has closed raises SIGPIPE; every program that writes must ignore it.
  * Errors: as VornConnection; establishing throws "VornPipeConnection::establish: connection request failed."

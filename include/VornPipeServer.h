@@ -34,6 +34,7 @@ public:
     explicit VornPipeServer(const VornString& sPipeName);
 
     /**
+     * Listens likewise, and may let a group in.
      * @param iAccessPrivileges  reported by every connection; with 1 the socket file is given to the group
      * @param sUserGroupName     the group, see getgrnam(3); one that does not exist is logged and ignored
      */

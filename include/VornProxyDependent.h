@@ -23,7 +23,7 @@ namespace VornNet {
  * Thread-safety: several threads may notify through one proxy; each call has its own connection. It has no
  * lock.
  * Blocking: remoteNotify() blocks the caller's thread as long as connecting and writing take, without
- * time-out: a host that drops all packets blocks it for more than two minutes. Hold no lock meanwhile.
+ * timeout: a host that drops all packets blocks it for more than two minutes. Hold no lock meanwhile.
  * Ownership: created with `new` and owned through VornSmartPointer.
  * Signals: writing to a client that has just closed raises SIGPIPE. A service must ignore it
  * (`signal(SIGPIPE, SIG_IGN)`), or it ends the process sooner or later.
@@ -34,6 +34,7 @@ namespace VornNet {
 class VORNNET_API VornProxyDependent : public VornDependent, public VornObjectBase {
 public:
     /**
+     * Takes what the client has sent; connects to nobody.
      * @param sRemoteName  the client's callback address, see VornLibraryCallbackSink::getCallbackAddress()
      * @param hDependent   the id of the client's callback; its low 32 bits are sent
      */

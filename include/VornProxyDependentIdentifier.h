@@ -21,7 +21,7 @@ public:
     /** Creates the key of an empty address and id 0. */
     VornProxyDependentIdentifier();
 
-    /** @param sRemoteName callback address. @param hDependent callback id */
+    /** Creates the key of one callback. @param sRemoteName callback address. @param hDependent callback id */
     VornProxyDependentIdentifier(const VornSupport::VornString& sRemoteName, long hDependent);
     /** Copies member by member. */
     VornProxyDependentIdentifier(const VornProxyDependentIdentifier& source);

@@ -30,6 +30,7 @@ namespace VornNet {
 class VORNNET_API VornServerSocket : public VornIPCServer {
 public:
     /**
+     * Notes what to listen on; the first wait opens it.
      * @param nPort         port in host byte order, its low 16 bits count; 0 lets the system choose one,
      * which getPort() does not tell
      * @param nBacklog      length of the queue of clients, see listen(2)

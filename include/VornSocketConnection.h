@@ -21,7 +21,7 @@ class VornServerSocket;
  * requested. If that must not happen, request identification, or resolve the name first.
  *
  * Thread-safety: none; one thread at a time. Several threads may establish different connections at once.
- * Blocking: connecting, reading and writing block as connect(2), recv(2) and send(2) do, without time-out.
+ * Blocking: connecting, reading and writing block as connect(2), recv(2) and send(2) do, without timeout.
  * Ownership: the socket belongs to the connection and is close-on-exec.
  * Signals: writing to a peer that has closed raises SIGPIPE; every program that writes must ignore it.
  * Errors: as VornConnection; establishing throws "VornSocketConnection::establish: could not find host.",

@@ -29,6 +29,7 @@ namespace VornNet {
 class VORNNET_API VornUDPServerSocket : public VornServerSocket {
 public:
     /**
+     * Notes what to receive on; the first wait opens it.
      * @param nPort         as for VornServerSocket
      * @param sBindAddress  "*" for all interfaces, or a dotted IPv4 address; an invalid text binds
      * 255.255.255.255

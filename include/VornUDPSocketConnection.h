@@ -24,6 +24,7 @@ namespace VornNet {
 class VORNNET_API VornUDPSocketConnection : public VornBufferConnection {
 public:
     /**
+     * Notes where to send to; connects to nobody.
      * @param sRemoteName  host name or dotted IPv4 address; a text with a letter anywhere is a name
      * @param nPort        port in host byte order; its low 16 bits count
      * @param bIdentify    whether the resolver is asked for the name of a dotted address; the answer is not

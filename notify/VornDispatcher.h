@@ -180,8 +180,7 @@ public:
      */
     std::uint64_t post(VornProxyDependent& proxy, const VornNotification& notification);
 
-    /** Queues one notification on terms of its own. @copydetails post(VornProxyDependent&, const
-     * VornNotification&) */
+    /** Queues one notification on terms of its own; all else as with the terms of the options. */
     std::uint64_t post(VornProxyDependent& proxy, const VornNotification& notification, const Terms& terms);
 
     /**

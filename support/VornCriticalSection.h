@@ -50,7 +50,10 @@ private:
  */
 class VORNSUPT_API VornCriticalSection {
 public:
-    /** @param object the mutex. @param bLock true to take it now; with false this holder does nothing at all.
+    /**
+     * Takes the mutex.
+     * @param object  the mutex
+     * @param bLock   true to take it now; with false this holder does nothing at all
      */
     VornCriticalSection(VornCriticalSectionObject& object, bool bLock);
 

@@ -25,6 +25,7 @@ namespace VornSupport {
 class VORNSUPT_API VornException {
 public:
     /**
+     * Takes text and number, and notes the call stack.
      * @param text   what failed, in full; kept byte for byte
      * @param nCode  the errno value of the failing call, 107 (ENOTCONN), or 0 where none applies
      */

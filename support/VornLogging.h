@@ -13,7 +13,7 @@ namespace VornSupport {
 /** Manipulator that opens a record at a level: `logger << setloglevel(5) << ... << endrecord`. */
 class setloglevel {
 public:
-    /** @param nLevel one of VornLogging::c_LogLevel */
+    /** Names the level of the record. @param nLevel one of VornLogging::c_LogLevel */
     explicit constexpr setloglevel(int nLevel) : m_nLevel(nLevel) {}
 
     /** @return the level given. */

@@ -18,7 +18,7 @@ namespace VornSupport {
  */
 class VORNSUPT_API VornNotification {
 public:
-    /** @param nId what happened; the meaning is agreed between subject and observers */
+    /** Says what happened. @param nId what happened; the meaning is agreed between subject and observers */
     explicit VornNotification(int nId);
     virtual ~VornNotification();
 

@@ -37,7 +37,8 @@ public:
     /** Priorities; kept for programs that name them, without effect here. */
     enum t_Priority { cPriorityLow, cPriorityNormal, cPriorityHigh };
 
-    /** @param sName names the thread in log records and, cut to 15 bytes, in the system's thread lists. */
+    /** Creates the object; start() starts the thread. @param sName names the thread in log records and, cut
+     * to 15 bytes, in the system's thread lists. */
     VornThread(const VornString& sName);
     ~VornThread() override;
 

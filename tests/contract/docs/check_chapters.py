@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Checks how the manual hangs together: check_chapters.py SOURCE_TREE
+"""Checks how the manual hangs together: check_chapters.py [links] SOURCE_TREE
 
 Every chapter stands in docs/index.md once; every link leads somewhere; threads.md speaks of every public class; a test
-that is named is there.
+that is named is there. With "links", only the links, also in a tree that is installed.
 """
 import pathlib
 import re
@@ -66,9 +66,12 @@ def check_test_names(tree, pages):
                 yield f"{page.name}: there is no test {name}"
 
 
-def main(tree):
-    pages = sorted((tree / "docs").glob("*.md")) + [tree / "README.md", tree / "bench/README.md"]
-    problems = [*check_links(tree, pages), *check_index(tree), *check_classes(tree), *check_test_names(tree, pages)]
+def main(tree, links_only):
+    pages = sorted((tree / "docs").glob("*.md")) + [
+        tree / page for page in ("README.md", "CONTRIBUTING.md", "SECURITY.md", "bench/README.md")]
+    problems = [*check_links(tree, pages)]
+    if not links_only:
+        problems += [*check_index(tree), *check_classes(tree), *check_test_names(tree, pages)]
     for problem in problems:
         print(problem)
     print(f"{len(pages)} pages, {len(problems)} problems")
@@ -76,4 +79,4 @@ def main(tree):
 
 
 if __name__ == "__main__":
-    sys.exit(main(pathlib.Path(sys.argv[1]).resolve()))
+    sys.exit(main(pathlib.Path(sys.argv[-1]).resolve(), sys.argv[1] == "links"))

@@ -94,7 +94,8 @@ class Pages(unittest.TestCase):
                 shutil.copytree(TREE / name, self.tree / name)
             else:
                 (self.tree / name).symlink_to(TREE / name)
-        shutil.copy(TREE / "README.md", self.tree)
+        for page in ("README.md", "CONTRIBUTING.md", "SECURITY.md"):
+            shutil.copy(TREE / page, self.tree)
 
     def tearDown(self):
         self.folder.cleanup()
@@ -134,31 +135,50 @@ class Pages(unittest.TestCase):
 
 
 class Site(unittest.TestCase):
+    WIDGET = """/** A widget. */
+class Widget {
+public:
+    /** Opens it. @param n how wide */
+    void open(int n);
+};
+"""
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        self.tree = pathlib.Path(self.folder.name)
+        (self.tree / "include").mkdir()
+        (self.tree / "bench").mkdir()
+        (self.tree / "bench/README.md").write_text("# Measured\n")
+
     def doxygen(self, header):
-        with tempfile.TemporaryDirectory() as folder:
-            path = pathlib.Path(folder) / "Widget.h"
-            path.write_text(header)
-            settings = (TREE / "docs/Doxyfile").read_text() + (
-                f"INPUT = {path}\nOUTPUT_DIRECTORY = {folder}\nUSE_MDFILE_AS_MAINPAGE =\nGENERATE_XML = NO\n")
-            return run("doxygen", "-", cwd=TREE, input=settings)
+        path = self.tree / "include/VornWidget.h"
+        path.write_text(header)
+        settings = (TREE / "docs/Doxyfile").read_text() + f"INPUT = {path}\nOUTPUT_DIRECTORY = {self.tree}\n"
+        return run("doxygen", "-", cwd=TREE, input=settings)
+
+    def sphinx(self, header, page):
+        self.doxygen(header)
+        (self.tree / "index.md").write_text(f"# Contents\n\n1. [Reference](reference.md)\n{page}")
+        (self.tree / "reference.md").write_text("# Reference\n\n")
+        return run("sphinx-build", "-q", "-W", "-c", TREE / "docs", "-D", f"breathe_projects.vornnet={self.tree}/xml",
+                   self.tree, self.tree / "html", env=os.environ | {"PYTHONDONTWRITEBYTECODE": "1"})
 
     def test_public_name_without_a_comment(self):
-        widget = "/** A widget. */\nclass Widget {\npublic:\n    /** Opens it. */\n    void open();\n};\n"
-        documented = self.doxygen(widget)
+        documented = self.doxygen(self.WIDGET)
         self.assertEqual(documented.returncode, 0, documented.stderr)
-        bare = self.doxygen(widget.replace("    /** Opens it. */\n", ""))
+        bare = self.doxygen(self.WIDGET.replace("Opens it. @param n how wide", ""))
         self.assertNotEqual(bare.returncode, 0)
         self.assertIn("is not documented", bare.stderr)
 
+    def test_function_without_a_summary(self):
+        self.assertIn("does not begin with what it does", self.sphinx(self.WIDGET.replace("Opens it. ", ""), "").stderr)
+
     def test_link_that_leads_nowhere(self):
-        with tempfile.TemporaryDirectory() as folder:
-            page = pathlib.Path(folder) / "page.html"
-            page.write_text('<a href="page.html#here">x</a><a id="here"></a>')
-            self.assertEqual(run(TREE / "docs/site/check_links.py", folder).returncode, 0)
-            page.write_text('<a href="page.html#there">x</a>')
-            self.assertIn("there is no place", run(TREE / "docs/site/check_links.py", folder).stdout)
-            page.write_text('<a href="other.html">x</a>')
-            self.assertIn("leads nowhere", run(TREE / "docs/site/check_links.py", folder).stdout)
+        good = self.sphinx(self.WIDGET, "[there](bench/README.md#measured)\n")
+        self.assertEqual(good.returncode, 0, good.stderr)
+        self.assertIn("nowhere", self.sphinx(self.WIDGET, "[there](bench/README.md#nowhere)\n").stderr)
+        self.assertIn("nowhere", self.sphinx(self.WIDGET, "[there](nowhere.md)\n").stderr)
 
 
 # What is not built cannot be run, and no block is run in place.

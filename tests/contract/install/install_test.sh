@@ -5,6 +5,7 @@
 # install_test.sh CHECK BUILD_DIRECTORY
 #
 # files            what is installed, component by component, and that nothing of it names a place of this build
+# examples         the installed examples can be built, and the links of the installed pages lead somewhere
 # find_package, pkg_config, add_subdirectory, fetch_content
 #                  builds and runs a program outside the tree that comes by the libraries in this way; the first
 #                  two find them installed, in a directory that was moved after the installation
@@ -43,7 +44,8 @@ expected_files() {
         MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
         PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
         CHAPTERS)
-            find "$source/docs" \( -name man -o -name site \) -prune -o -name '*.md' -printf 'share/doc/vornnet/%P\n'
+            find "$source/docs" -maxdepth 1 -name '*.md' -printf 'share/doc/vornnet/docs/%P\n'
+            printf 'share/doc/vornnet/%s\n' README.md CONTRIBUTING.md SECURITY.md bench/README.md
             ;;
         EXAMPLES)
             find "$source/examples" \( -name '*.cpp' -o -name '*.h' -o -name CMakeLists.txt \) \
@@ -51,11 +53,11 @@ expected_files() {
             ;;
         RENDERED)
             rendered=$(cached VORNNET_DOCS_DIR)
-            for images in diagrams performance; do
-                [ ! -d "$rendered/$images" ] || find "$rendered/$images" -type f -printf "share/doc/vornnet/$images/%f\n"
+            for images in docs/diagrams bench/performance; do
+                [ ! -d "$rendered/${images#*/}" ] ||
+                    find "$rendered/${images#*/}" -type f -printf "share/doc/vornnet/$images/%f\n"
             done
-            [ ! -d "$rendered/html" ] || find "$rendered/html" ! -type d ! -name '*.md5' ! -name '*.map' \
-                -printf "share/doc/vornnet/html/%P\n"
+            [ ! -d "$rendered/html" ] || find "$rendered/html" ! -type d -printf "share/doc/vornnet/html/%P\n"
             [ ! -d "$rendered/man" ] || find "$rendered/man" -name '*.[37]' -printf 'share/man/%P\n'
             ;;
         *) echo "$file" ;;
@@ -130,6 +132,15 @@ find_package)
     build_and_run_consumer -DCMAKE_PREFIX_PATH="$work/moved"
     grep -q "$work/moved" "$work/build/CMakeCache.txt"
     ;;
+examples)
+    use_installed
+    install_component documentation
+    "$source/tests/contract/docs/check_chapters.py" links "$work/as-installed/share/doc/vornnet"
+    cmake -S "$work/as-installed/share/doc/vornnet/examples" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/moved" \
+        -DCMAKE_CXX_COMPILER="$(cached CMAKE_CXX_COMPILER)" \
+        -DCMAKE_CXX_COMPILER_LAUNCHER="$(cached CMAKE_CXX_COMPILER_LAUNCHER)" >"$work/log"
+    cmake --build "$work/build" -j 2 >"$work/log" || { cat "$work/log"; exit 1; }
+    ;;
 pkg_config)
     use_installed
     export PKG_CONFIG_PATH="$work/moved/$libdir/pkgconfig"
@@ -145,7 +156,7 @@ add_subdirectory | fetch_content)
     fi
     ;;
 *)
-    sed -n '5,11s/^# \{0,1\}//p' "$0"
+    sed -n '5,12s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac
