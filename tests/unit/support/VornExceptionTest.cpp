@@ -196,6 +196,13 @@ TEST_F(VornExceptionTest, CallStack_WhereTheSystemCannotFindObjects_IsEmpty) {
     EXPECT_EQ(ChildProcess::spawnRoleWith({preload}, "showCallStack").readAllOutput(), "empty\n");
 }
 
+TEST_F(VornExceptionTest, CallStack_WhereTheSystemHasNoHeaderForIt_IsEmpty) {
+    if (underSanitizer)
+        GTEST_SKIP() << "its run time must be the first library of the program";
+    const std::string preload = "LD_PRELOAD=" VORNTEST_WITHOUT_EXECINFO_FILE;
+    EXPECT_EQ(ChildProcess::spawnRoleWith({preload}, "showCallStack").readAllOutput(), "empty\n");
+}
+
 TEST_F(VornExceptionTest, CallStack_NamesTheProgramThatConstructedIt) {
     const VornException exception("text", 0);
     EXPECT_THAT(exception.getCallStack(), HasSubstr("support_tests"));
