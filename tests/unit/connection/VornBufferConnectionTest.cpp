@@ -148,11 +148,11 @@ KIT_ROLE(bufferThatUsesAllMemory) {
     constexpr long megabyte = 1024L * 1024;
     ::mallopt(M_MMAP_THRESHOLD,
               128 * 1024); // a block that is extended where it is needs no room for a second one
+    const std::string piece(4 * megabyte, 'x');
     limitMemory(48 * megabyte);
-    const std::string piece(megabyte, 'x');
     Probe buffer;
     long error = untouched;
-    while (buffer.transfer(piece.data(), megabyte, &error) == megabyte) {
+    while (buffer.transfer(piece.data(), 4 * megabyte, &error) == 4 * megabyte) {
     }
     std::cout << error << ' ' << (buffer.size() > 40 * megabyte ? "all" : "some") << ' '
               << (buffer.size() == buffer.m_nBufferSize ? "steps" : "more") << '\n';
