@@ -3,10 +3,10 @@
 #include "SinkSettings.h"
 
 #include "DottedAddress.h"
-#include "GroupId.h"
 #include "PipeListener.h"
 #include "SystemError.h"
 
+#include <GroupId.h>
 #include <SystemCalls.h>
 
 #include <algorithm>

@@ -3,10 +3,10 @@
 #include "VornPublisher.h"
 
 #include "EventWriter.h"
-#include "GroupId.h"
 #include "PublisherEngine.h"
 #include "Wire.h"
 
+#include <GroupId.h>
 #include <VornException.h>
 
 #include <algorithm>

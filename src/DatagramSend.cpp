@@ -4,7 +4,8 @@
 
 #include "Descriptor.h"
 #include "HostEntry.h"
-#include "HostText.h"
+#include "InternetAddress.h"
+#include "RemoteHost.h"
 
 #include <LogRecord.h>
 #include <SystemCalls.h>
@@ -25,13 +26,13 @@ void askForName(in_addr address) {
 }
 
 in_addr findTarget(const VornString& sRemoteName, bool bIdentify) {
-    const HostText text(sRemoteName);
-    if (text.isName()) {
-        const HostEntry host = HostEntry::byName(text.text());
+    const RemoteHost host(sRemoteName);
+    if (host.isName()) {
+        const HostEntry entry = HostEntry::byName(host.text());
         // Kept: a name that nobody knows is sent to as 0.0.0.0, which Linux takes for the local host.
-        return host.isFound() ? host.firstAddress() : in_addr{INADDR_ANY};
+        return entry.isFound() ? entry.firstAddress() : in_addr{INADDR_ANY};
     }
-    const in_addr address = text.address();
+    const in_addr address = host.address();
     if (bIdentify)
         askForName(address);
     return address;

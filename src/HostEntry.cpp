@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HostEntry.h"
 
+#include "LookUp.h"
+
 #include <SystemCalls.h>
 
 #include <cerrno>
@@ -9,27 +11,20 @@
 
 namespace VornNet {
 
-template <typename LookUp>
-HostEntry HostEntry::ask(LookUp&& lookUp) {
-    constexpr std::size_t cUsualSize = 1024;
-    constexpr std::size_t cLargestSize =
-        16UL * 1024 * 1024; // a resolver that asks for more will ask for ever
+template <typename Resolve>
+HostEntry HostEntry::ask(Resolve&& resolve) {
     HostEntry answer;
-    answer.m_buffer.resize(cUsualSize);
-    for (;;) {
-        hostent* result = nullptr;
+    hostent* result = nullptr;
+    lookUp(answer.m_buffer, [&](char* buffer, std::size_t size) {
         int resolverError = 0;
         // The resolver does not always set errno when it fails, and an older value would be no reason.
         errno = 0;
-        const int status =
-            lookUp(&answer.m_entry, answer.m_buffer.data(), answer.m_buffer.size(), &result, &resolverError);
+        const int status = resolve(&answer.m_entry, buffer, size, &result, &resolverError);
         answer.m_error = errno;
-        if (status != ERANGE || answer.m_buffer.size() == cLargestSize) {
-            answer.m_isFound = result != nullptr;
-            return answer;
-        }
-        answer.m_buffer.resize(answer.m_buffer.size() * 2);
-    }
+        return status;
+    });
+    answer.m_isFound = result != nullptr;
+    return answer;
 }
 
 HostEntry HostEntry::byName(const char* name) {

@@ -13,8 +13,7 @@
 
 namespace VornNet {
 
-/** An answer of the resolver, of its own and not of the process, so that any number of threads may ask at
- * once. */
+/** An answer of the resolver. It has a buffer of its own, so any number of threads may ask at once. */
 class HostEntry {
 public:
     /** Looks a name up, see gethostbyname(3). */
@@ -32,7 +31,7 @@ public:
     /** @return the official name; only of an answer. */
     const char* name() const { return m_entry.h_name; }
 
-    /** @return the addresses, of addressLength() bytes each, behind them null; only of an answer. */
+    /** @return the addresses, of addressLength() bytes each, then null; only of an answer. */
     char** addresses() const { return m_entry.h_addr_list; }
 
     /** @return the length of an address in bytes; only of an answer. */
@@ -48,8 +47,8 @@ public:
 private:
     HostEntry() = default;
 
-    template <typename LookUp>
-    static HostEntry ask(LookUp&& lookUp);
+    template <typename Resolve>
+    static HostEntry ask(Resolve&& resolve);
 
     hostent m_entry{};
     std::vector<char> m_buffer;

@@ -7,25 +7,18 @@
 
 #include <VornString.h>
 
-#include <cstddef>
-#include <cstring>
-
 #include <sys/socket.h>
 #include <sys/un.h>
 
 namespace VornNet {
 
-/** The socket address of a pipe's path. */
+/** Where a pipe is: its file in the pipe directory, and that path as a socket address. */
 class PipeAddress {
 public:
-    explicit PipeAddress(const VornString& sPath) : m_address(), m_length(0), m_fits(false) {
-        m_address.sun_family = AF_UNIX;
-        m_fits = sPath.size() < sizeof m_address.sun_path;
-        if (m_fits) {
-            std::memcpy(m_address.sun_path, sPath.data(), sPath.size());
-            m_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sPath.size());
-        }
-    }
+    /** @return the path of the pipe of that short name, see VornPipeServer::getFullPipeName(). */
+    static VornString pathOf(const VornString& sPipeName);
+
+    explicit PipeAddress(const VornString& sPath);
 
     /** @return whether the path has room in a socket address, which holds 107 bytes. */
     bool fits() const { return m_fits; }

@@ -4,10 +4,10 @@
 
 #include "ServerRegistry.h"
 #include "SocketCell.h"
-#include "VornIPCServer.h"
 
 #include <ForkHandlers.h>
 #include <NeverDestroyed.h>
+#include <SharedField.h>
 #include <SystemCalls.h>
 
 #include <cerrno>
@@ -41,7 +41,7 @@ ServerGate::Wait::Wait(const VornIPCServer& server, void* const& cell)
       m_hasSocket(false) {
     std::unique_lock lock(ServerRegistry::lock());
     awaitClosing(m_server, lock);
-    m_descriptor = descriptorIn(__atomic_load_n(&cell, __ATOMIC_ACQUIRE));
+    m_descriptor = descriptorIn(readShared(cell));
     s_waits.add(*this);
 }
 
@@ -55,7 +55,7 @@ bool ServerGate::Wait::end() {
     std::unique_lock lock(ServerRegistry::lock());
     s_waits.remove(*this);
     if (!m_wasClosed) {
-        m_hasSocket = __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
+        m_hasSocket = readShared(m_cell) != nullptr;
         return false;
     }
     if (m_server == nullptr) {
@@ -77,7 +77,7 @@ ServerGate::Closing::Closing(const VornIPCServer& server, void*& cell)
     // Who closes already waits for this thread, if it is in a signal handler during its own wait.
     while (isClosing(m_server) && !isWaitedOn(m_server, true))
         changed().wait(lock);
-    m_isNeeded = !isClosing(m_server) && __atomic_load_n(&m_cell, __ATOMIC_ACQUIRE) != nullptr;
+    m_isNeeded = !isClosing(m_server) && readShared(m_cell) != nullptr;
     if (!m_isNeeded)
         return;
     m_isShared = ServerRegistry::isInherited(server);
@@ -110,9 +110,9 @@ void ServerGate::Closing::close(bool& bInitialized, int nPort) {
     if (!isLeftToOthers)
         System::close(descriptor);
     ServerRegistry::entryOf(*m_server).lastPort = nPort;
-    __atomic_store_n(&bInitialized, false, __ATOMIC_RELEASE);
+    writeShared(bInitialized, false);
     delete static_cast<int*>(m_cell);
-    __atomic_store_n(&m_cell, nullptr, __ATOMIC_RELEASE);
+    writeShared(m_cell, nullptr);
 }
 
 void ServerGate::Closing::shutDown(int descriptor, std::unique_lock<std::mutex>& lock) {

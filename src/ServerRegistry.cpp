@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServerRegistry.h"
 
-#include "VornIPCServer.h"
-
 #include <NeverDestroyed.h>
 
 #include <map>
@@ -19,7 +17,7 @@ auto& servers() {
 }
 
 void* handleOf(const ServerRegistry::Entry& entry) {
-    return __atomic_load_n(entry.handle, __ATOMIC_ACQUIRE);
+    return readShared(*entry.handle);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "VornNetExport.h"
 
 #include <ForkHandlers.h>
+#include <SharedField.h>
 
 #include <mutex>
 
@@ -43,7 +44,7 @@ public:
     static void markAsSinks(VornIPCServer& server);
 
     /** @return whether this process was forked from one that had the library. */
-    static bool isInChild() { return __atomic_load_n(&s_isInChild, __ATOMIC_RELAXED); }
+    static bool isInChild() { return readShared(s_isInChild); }
 
     /** @return the entry of a server that is there; under the lock. */
     static Entry& entryOf(const VornIPCServer& server);

@@ -6,6 +6,7 @@
 #include <Probe.h>
 #include <SystemCalls.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -17,13 +18,13 @@ std::mutex g_lock; // guards the list and the pointers of the connections in it
 constinit IntrusiveList<SocketCell::Watch> g_watches;
 
 /**
- * How many watches there are; atomic. A connection is watched before its thread gets to use it, so to one
- * that sees none, its cell belongs alone, and it need not take the lock.
+ * How many watches there are. A connection is watched before its thread gets to use it, so a thread that sees
+ * none has its cell to itself and need not take the lock.
  */
-int g_nWatches = 0;
+constinit std::atomic<int> g_nWatches = 0;
 
 bool isAnyWatched() {
-    return __atomic_load_n(&g_nWatches, __ATOMIC_ACQUIRE) != 0;
+    return g_nWatches != 0;
 }
 
 } // namespace
@@ -68,13 +69,13 @@ SocketCell::Watch::Watch(const void* owner, void** cell)
     : m_owner(owner), m_thread(std::this_thread::get_id()), m_cell(cell) {
     const std::lock_guard lock(g_lock);
     g_watches.add(*this);
-    __atomic_add_fetch(&g_nWatches, 1, __ATOMIC_RELEASE);
+    ++g_nWatches;
 }
 
 SocketCell::Watch::~Watch() {
     const std::lock_guard lock(g_lock);
     if (isListed()) // not in the child of a fork
-        __atomic_sub_fetch(&g_nWatches, 1, __ATOMIC_RELEASE);
+        --g_nWatches;
     g_watches.remove(*this);
 }
 

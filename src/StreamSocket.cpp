@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StreamSocket.h"
 
-#include "VornNetExport.h"
+#include "SocketCell.h"
 
 #include <SystemCalls.h>
 
@@ -10,7 +10,32 @@
 
 namespace VornNet {
 
-long StreamSocket::receive(int fd, char* bufPtr, long toRead, long* error, bool bWaitForAll) {
+long StreamSocket::send(const void* cell, const char* buf, long bufLen, long* error) {
+    if (cell == nullptr) {
+        *error = ENOTCONN;
+        return 0;
+    }
+    long total = 0;
+    while (total < bufLen) {
+        const ssize_t count =
+            System::send(SocketCell::descriptorOf(cell), buf + total, static_cast<size_t>(bufLen - total), 0);
+        if (count == -1) {
+            *error = errno;
+            return -1;
+        }
+        total += count;
+    }
+    return total;
+}
+
+long StreamSocket::receive(const void* cell, char* bufPtr, long toRead, long* error, bool bWaitForAll) {
+    if (cell == nullptr) {
+        *error = ENOTCONN;
+        return 0;
+    }
+    if (toRead < 1)
+        return 0;
+    const int fd = SocketCell::descriptorOf(cell);
     long total = 0;
     for (;;) {
         const ssize_t count = System::recv(fd, bufPtr + total, static_cast<size_t>(toRead - total), 0);
@@ -33,10 +58,15 @@ long StreamSocket::receive(int fd, char* bufPtr, long toRead, long* error, bool 
     }
 }
 
-bool StreamSocket::peek(int fd, void* pBuffer, int& nSize, int& nErrorCode) {
+bool StreamSocket::peek(const void* cell, void* pBuffer, int& nSize, int& nErrorCode) {
+    if (cell == nullptr) {
+        nErrorCode = ENOTCONN;
+        nSize = 0;
+        return false;
+    }
     // A negative size would turn into the longest possible one.
     const size_t size = nSize < 0 ? 0 : static_cast<size_t>(nSize);
-    const ssize_t count = System::recv(fd, pBuffer, size, MSG_PEEK);
+    const ssize_t count = System::recv(SocketCell::descriptorOf(cell), pBuffer, size, MSG_PEEK);
     if (count == -1) {
         nErrorCode = errno;
         nSize = 0;

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornConnection.h"
 
-#include "BufferAccess.h"
+#include "BufferAccess.h" // knows two derived classes, for speed
 
 #include <Cancellation.h>
 #include <LogRecord.h>

@@ -13,6 +13,7 @@
 #include <ForkHandlers.h>
 #include <LogRecord.h>
 #include <Probe.h>
+#include <SharedField.h>
 #include <SystemCalls.h>
 #include <VornCriticalSection.h>
 #include <VornException.h>
@@ -108,7 +109,7 @@ int VornLibraryCallbackSink::run() {
 }
 
 short VornLibraryCallbackSink::getCallbackSocket() const {
-    return __atomic_load_n(&m_nCallbackServerPort, __ATOMIC_RELAXED);
+    return readShared(m_nCallbackServerPort);
 }
 
 VornCallbackContainer& VornLibraryCallbackSink::getCallbackContainer() {
@@ -154,7 +155,7 @@ void VornLibraryCallbackSink::establishCallbackServer() {
             establishDefaultCallbackServer();
         }
     }
-    __atomic_store_n(&m_bThreadStarted, true, __ATOMIC_RELEASE);
+    writeShared(m_bThreadStarted, true);
 }
 
 void VornLibraryCallbackSink::establishDefaultCallbackServer() {
@@ -170,7 +171,7 @@ void VornLibraryCallbackSink::establishDefaultCallbackServer() {
 void VornLibraryCallbackSink::waitForServerPort() {
     constexpr useconds_t cPause = 1000;
     // Kept: without limit. When the server cannot be made, the thread's record at level 1 is all that tells.
-    while (!__atomic_load_n(&m_bThreadStarted, __ATOMIC_ACQUIRE))
+    while (!readShared(m_bThreadStarted))
         System::usleep(cPause);
     if (m_spCallbackServer != nullptr)
         m_spCallbackServer->waitForInit();
@@ -182,7 +183,7 @@ bool VornLibraryCallbackSink::tryNextPort() {
     const auto nPort =
         static_cast<short>(m_nCallbackServerPort + 1);       // wraps to the negative ports behind 32767
     publishAddress(m_sIpAddr + ":" + std::to_string(nPort)); // it alone can fail
-    __atomic_store_n(&m_nCallbackServerPort, nPort, __ATOMIC_RELAXED);
+    writeShared(m_nCallbackServerPort, nPort);
     VornIPCServer* pServer = m_spCallbackServer;
     if (auto* pServerSocket = dynamic_cast<VornServerSocket*>(pServer))
         pServerSocket->setPort(nPort);

@@ -6,7 +6,6 @@
 #include "PipeAddress.h"
 #include "SocketCell.h"
 #include "StreamSocket.h"
-#include "VornPipeServer.h"
 
 #include <Probe.h>
 #include <SystemCalls.h>
@@ -54,21 +53,8 @@ long VornPipeConnection::transfer(const char* buf, long bufLen, long* error) {
     *error = establishImpl(sUnused);
     if (*error != 0)
         return 0;
-    if (m_pipeHandle == nullptr) {
-        *error = ENOTCONN;
-        return 0;
-    }
-    long total = 0;
-    while (total < bufLen) {
-        const ssize_t count = System::send(SocketCell::descriptorOf(m_pipeHandle), buf + total,
-                                           static_cast<size_t>(bufLen - total), 0);
-        if (count == -1) {
-            *error = errno;
-            return 0; // kept: unlike the TCP transport's -1; callers look at the error
-        }
-        total += count;
-    }
-    return total;
+    const long sent = StreamSocket::send(m_pipeHandle, buf, bufLen, error);
+    return sent == -1 ? 0 : sent; // kept: unlike the TCP transport; callers look at the error
 }
 
 long VornPipeConnection::receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) {
@@ -76,13 +62,7 @@ long VornPipeConnection::receive(char* bufPtr, long toRead, long* error, bool bW
     *error = establishImpl(sUnused);
     if (*error != 0)
         return 0;
-    if (m_pipeHandle == nullptr) {
-        *error = ENOTCONN;
-        return 0;
-    }
-    if (toRead < 1)
-        return 0;
-    return StreamSocket::receive(SocketCell::descriptorOf(m_pipeHandle), bufPtr, toRead, error, bWaitForAll);
+    return StreamSocket::receive(m_pipeHandle, bufPtr, toRead, error, bWaitForAll);
 }
 
 bool VornPipeConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
@@ -90,12 +70,7 @@ bool VornPipeConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
     nErrorCode = establishImpl(sUnused);
     if (nErrorCode != 0)
         return false;
-    if (m_pipeHandle == nullptr) {
-        nErrorCode = ENOTCONN;
-        nSize = 0;
-        return false;
-    }
-    return StreamSocket::peek(SocketCell::descriptorOf(m_pipeHandle), pBuffer, nSize, nErrorCode);
+    return StreamSocket::peek(m_pipeHandle, pBuffer, nSize, nErrorCode);
 }
 
 unsigned int VornPipeConnection::getAccessRights() {
@@ -106,7 +81,7 @@ int VornPipeConnection::establishImpl(VornString& sExceptionMessage) {
     if (m_pipeHandle != nullptr)
         return 0;
     try {
-        const VornString sPath = VornPipeServer::getFullPipeName(m_sPipeName);
+        const VornString sPath = PipeAddress::pathOf(m_sPipeName);
         Descriptor socket(System::socket(AF_UNIX, SOCK_STREAM, 0));
         if (!socket.isOpen())
             throw VornException(cCreateFailed, errno);

@@ -3,6 +3,7 @@
 #include "VornPipeServer.h"
 
 #include "Descriptor.h"
+#include "GroupId.h"
 #include "PipeAddress.h"
 #include "ServerRegistry.h"
 #include "VornPipeConnection.h"
@@ -13,6 +14,7 @@
 #include <LogRecord.h>
 #include <NeverDestroyed.h>
 #include <Probe.h>
+#include <SharedField.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -23,15 +25,13 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace VornNet {
 
 namespace {
-
-constexpr const char* cDirectory = "/opt/vorn/hostmgr/var/lib/kestrel/rendez/";
 
 constexpr const char* cCreateFailed = "VornPipeServer::init: failed to create pipe.";
 constexpr const char* cPrepareFailed = "VornPipeServer::init: failed to prepare pipe.";
@@ -62,30 +62,14 @@ void bindTo(int fd, const VornString& sPath) {
     System::chmod(sPath.c_str(), cOwnerAndGroup);
 }
 
-bool findGroup(const VornString& sGroup, gid_t& id) {
-    constexpr std::size_t cLargestSize =
-        16UL * 1024 * 1024; // a data base that asks for more will ask for ever
-    std::vector<char> buffer(1024);
-    group entry{};
-    group* result = nullptr;
-    while (System::getgrnam(sGroup.c_str(), &entry, buffer.data(), buffer.size(), &result) == ERANGE &&
-           buffer.size() < cLargestSize)
-        buffer.resize(buffer.size() * 2);
-    if (result != nullptr)
-        id = result->gr_gid;
-    return result != nullptr;
-}
-
 void giveToGroup(const VornString& sPath, const VornString& sGroup) {
-    gid_t id = 0;
-    const bool bFound = findGroup(sGroup, id);
-    if (bFound) [[maybe_unused]]
-        const int ignored = System::chown(sPath.c_str(), System::getuid(), id);
-    logRecord(
-        VornLogging::cDebug,
-        bFound ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
-               : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ",
-        sGroup);
+    const std::optional<gid_t> id = findGroup(sGroup);
+    if (id) [[maybe_unused]]
+        const int ignored = System::chown(sPath.c_str(), System::getuid(), *id);
+    logRecord(VornLogging::cDebug,
+              id ? "VornPipeServer::init () : successfully granted rw access to the NamedPipe for OS Group : "
+                 : "VornPipeServer::init () : failed to grant rw access to the NamedPipe for OS Group : ",
+              sGroup);
 }
 
 struct Readiness {
@@ -158,7 +142,7 @@ class VornPipeServer::Waiting : public IntrusiveList<Waiting>::Link {
 public:
     explicit Waiting(void* const& pipeHandle) : m_thread(std::this_thread::get_id()) {
         const std::lock_guard lock(ServerRegistry::lock());
-        m_pPipe = static_cast<_pipe*>(__atomic_load_n(&pipeHandle, __ATOMIC_ACQUIRE));
+        m_pPipe = static_cast<_pipe*>(readShared(pipeHandle));
         if (m_pPipe == nullptr)
             return;
         m_pPipe->m_bClientWaiting = true;
@@ -315,11 +299,7 @@ void VornPipeServer::close() {
 }
 
 VornString VornPipeServer::getFullPipeName(const VornString& sPipeName) {
-    VornString sFullPipeName;
-    sFullPipeName.reserve(VornString::traits_type::length(cDirectory) + sPipeName.size());
-    sFullPipeName.append(cDirectory).append(sPipeName);
-    logRecord(VornLogging::cDebug, "VornPipeServer::getFullPipeName () : sFullPipeName is : ", sFullPipeName);
-    return sFullPipeName;
+    return PipeAddress::pathOf(sPipeName);
 }
 
 VornSmartPointer<VornConnection>
@@ -347,7 +327,7 @@ VornPipeServer::waitForClientImpl(bool /*bIdentify*/, VornString& sExceptionMess
         sExceptionMessage = cReadFailed;
         return {};
     }
-    if (ready.wakeUp) // before the clients: who comes while the server is closed is not accepted
+    if (ready.wakeUp) // before the clients: none is accepted while the server is closed
         return shutDown(waiting);
     if (ready.client)
         return acceptClient(waiting, sExceptionMessage, nErrorCode);
@@ -369,7 +349,7 @@ void VornPipeServer::init() {
     if (!listener.isOpen())
         throw VornException(cCreateFailed, errno);
 
-    const VornString sPath = getFullPipeName(m_sPipeName);
+    const VornString sPath = PipeAddress::pathOf(m_sPipeName);
     bindTo(listener.number(), sPath);
     if (m_iAccessPrivileges == cGroupPrivilege && !m_sUserGroupName.empty())
         giveToGroup(sPath, m_sUserGroupName);
@@ -378,11 +358,11 @@ void VornPipeServer::init() {
     record->m_hRWPipe[1] = writeEnd.release();
     record->m_hClientPipe = listener.release();
     VORN_PROBE(server__opened, "pipe", m_sPipeName.c_str(), 0, record->m_hClientPipe);
-    __atomic_store_n(&m_pipeHandle, record.release(), __ATOMIC_RELEASE);
+    writeShared(m_pipeHandle, record.release());
 }
 
 const VornPipeServer::_pipe* VornPipeServer::record() const {
-    return static_cast<const _pipe*>(__atomic_load_n(&m_pipeHandle, __ATOMIC_ACQUIRE));
+    return static_cast<const _pipe*>(readShared(m_pipeHandle));
 }
 
 bool VornPipeServer::isReleasable() const {
@@ -418,7 +398,7 @@ void VornPipeServer::takeOver() {
 
 void VornPipeServer::releaseRecord(void*& pipeHandle) {
     const std::unique_ptr<_pipe> pPipe(static_cast<_pipe*>(pipeHandle));
-    __atomic_store_n(&pipeHandle, nullptr, __ATOMIC_RELEASE);
+    writeShared(pipeHandle, nullptr);
     System::close(pPipe->m_hClientPipe);
     System::close(pPipe->m_hRWPipe[0]);
     System::close(pPipe->m_hRWPipe[1]);

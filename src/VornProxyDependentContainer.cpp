@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornProxyDependentContainer.h"
 
+#include <SharedField.h>
+
+#include <atomic>
 #include <iterator>
 
 namespace VornNet {
@@ -15,7 +18,7 @@ namespace {
 int g_nEntries = 0;
 
 void publishSize(const ProxyDependentMap& entries) {
-    __atomic_store_n(&g_nEntries, static_cast<int>(entries.size()), __ATOMIC_RELEASE);
+    writeShared(g_nEntries, static_cast<int>(entries.size()));
 }
 
 bool isPlace(const ProxyDependentMap& entries, int index) {
@@ -27,25 +30,25 @@ bool isPlace(const ProxyDependentMap& entries, int index) {
 VornProxyDependentContainer* VornProxyDependentContainer::m_pThis = nullptr;
 
 VornProxyDependentContainer& VornProxyDependentContainer::getInstance() {
-    VornProxyDependentContainer* pInstance = __atomic_load_n(&m_pThis, __ATOMIC_ACQUIRE);
+    VornProxyDependentContainer* pInstance = readShared(m_pThis);
     if (pInstance != nullptr)
         return *pInstance;
     auto* pNew = new VornProxyDependentContainer;
-    if (__atomic_compare_exchange_n(&m_pThis, &pInstance, pNew, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+    if (std::atomic_ref(m_pThis).compare_exchange_strong(pInstance, pNew))
         return *pNew;
     delete pNew; // another thread was first
     return *pInstance;
 }
 
 void VornProxyDependentContainer::deleteInstance() {
-    VornProxyDependentContainer* pInstance = __atomic_load_n(&m_pThis, __ATOMIC_ACQUIRE);
+    VornProxyDependentContainer* pInstance = readShared(m_pThis);
     if (pInstance == nullptr)
         return;
     // The entries go first, while this is still the registry: a proxy that asks for it as it is destroyed
     // would make another one.
     pInstance->letGo();
-    __atomic_store_n(&m_pThis, nullptr, __ATOMIC_RELEASE);
-    __atomic_store_n(&g_nEntries, 0, __ATOMIC_RELEASE);
+    writeShared(m_pThis, nullptr);
+    writeShared(g_nEntries, 0);
     delete pInstance;
 }
 
@@ -83,7 +86,7 @@ void VornProxyDependentContainer::remove(int index) {
 }
 
 int VornProxyDependentContainer::size() {
-    return __atomic_load_n(&g_nEntries, __ATOMIC_ACQUIRE);
+    return readShared(g_nEntries);
 }
 
 VornSmartPointer<VornProxyDependent> VornProxyDependentContainer::operator[](int index) {

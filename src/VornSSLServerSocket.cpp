@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornSSLServerSocket.h"
 
+#include <SharedField.h>
 #include <VornException.h>
 
 namespace VornNet {
@@ -15,7 +16,7 @@ VornSSLServerSocket::~VornSSLServerSocket() {
 }
 
 void VornSSLServerSocket::close() {
-    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
+    if (readShared(m_pSocketImpl) != nullptr)
         m_pSSLImpl = nullptr;
     VornServerSocket::close();
 }

@@ -4,7 +4,7 @@
 
 #include "Descriptor.h"
 #include "HostEntry.h"
-#include "HostText.h"
+#include "InternetAddress.h"
 #include "PortBinding.h"
 #include "ServerGate.h"
 #include "ServerRegistry.h"
@@ -14,6 +14,7 @@
 #include <Cancellation.h>
 #include <LogRecord.h>
 #include <Probe.h>
+#include <SharedField.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -79,26 +80,25 @@ VornServerSocket::~VornServerSocket() {
 
 void VornServerSocket::waitForInit() {
     constexpr useconds_t cPause = 1000;
-    while (!__atomic_load_n(&m_bInitialized, __ATOMIC_ACQUIRE))
+    while (!readShared(m_bInitialized))
         System::usleep(cPause);
 }
 
 void VornServerSocket::close() {
-    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
+    if (readShared(m_pSocketImpl) == nullptr)
         return;
     const CancellationOff noCancellation;
-    logRecord(VornLogging::cDebug, "VornServerSocket::close: closing socket ",
-              __atomic_load_n(&m_nPort, __ATOMIC_RELAXED));
+    logRecord(VornLogging::cDebug, "VornServerSocket::close: closing socket ", readShared(m_nPort));
     ServerGate::Closing closing(*this, m_pSocketImpl);
     if (!closing.isNeeded())
         return;
-    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    const int nPort = readShared(m_nPort);
     closing.close(m_bInitialized, nPort);
     VORN_PROBE(server__closed, "tcp", m_sBindAddress.c_str(), nPort);
 }
 
 int VornServerSocket::getPort() {
-    return __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    return readShared(m_nPort);
 }
 
 const VornString& VornServerSocket::getBindAddress() {
@@ -106,8 +106,8 @@ const VornString& VornServerSocket::getBindAddress() {
 }
 
 void VornServerSocket::setPort(int nPort) {
-    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
-        __atomic_store_n(&m_nPort, nPort, __ATOMIC_RELAXED);
+    if (readShared(m_pSocketImpl) == nullptr)
+        writeShared(m_nPort, nPort);
 }
 
 VornSmartPointer<VornConnection>
@@ -119,9 +119,9 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
         nErrorCode = e.getCode();
         return {};
     }
-    while (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr) {
+    while (readShared(m_pSocketImpl) != nullptr) {
         logRecord(VornLogging::cTraceCoreLow, "VornServerSocket::waitForClient: TCP Server on ",
-                  __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting connections...");
+                  readShared(m_nPort), " ready, accepting connections...");
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         ServerGate::Wait wait(*this, m_pSocketImpl);
@@ -147,7 +147,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
 
 void VornServerSocket::init() {
     ServerGate::awaitClosing(*this);
-    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
+    if (readShared(m_pSocketImpl) != nullptr)
         return;
     Descriptor socket(System::socket(AF_INET, SOCK_STREAM, 0));
     if (!socket.isOpen())
@@ -155,7 +155,7 @@ void VornServerSocket::init() {
 
     const VornString& sBindAddress = getBindAddress();
     const bool bAnyAddress = sBindAddress == "*";
-    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    const int nPort = readShared(m_nPort);
     sockaddr_in address =
         makeSocketAddress(in_addr{bAnyAddress ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
     // Linux lets a server bind 255.255.255.255, which is also what inet_addr() makes of a text that is no
@@ -178,8 +178,8 @@ void VornServerSocket::init() {
     void* cell = new int(socket.number());
     socket.release();
     VORN_PROBE(server__opened, "tcp", sBindAddress.c_str(), nPort, *static_cast<int*>(cell));
-    __atomic_store_n(&m_pSocketImpl, cell, __ATOMIC_RELEASE);
-    __atomic_store_n(&m_bInitialized, true, __ATOMIC_RELEASE);
+    writeShared(m_pSocketImpl, cell);
+    writeShared(m_bInitialized, true);
 }
 
 } // namespace VornNet

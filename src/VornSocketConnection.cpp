@@ -4,20 +4,20 @@
 
 #include "Descriptor.h"
 #include "HostEntry.h"
-#include "HostText.h"
+#include "InternetAddress.h"
+#include "RemoteHost.h"
 #include "SocketCell.h"
 #include "StreamSocket.h"
-#include "VornServerSocket.h"
+#include "VornServerSocket.h" // for getPortName(): a server's connection reports the server's port
 
 #include <LogRecord.h>
 #include <Probe.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
+#include <string>
 
 namespace VornNet {
 
@@ -34,14 +34,14 @@ void logConnecting(const HostEntry& host, int nPort) {
               ":", nPort);
 }
 
-in_addr resolveName(const HostText& text, int nPort, bool bIdentify) {
-    const HostEntry host = HostEntry::byName(text.text());
-    if (host.isFound()) {
-        logConnecting(host, nPort);
-        return host.firstAddress();
+in_addr resolveName(const RemoteHost& host, int nPort, bool bIdentify) {
+    const HostEntry entry = HostEntry::byName(host.text());
+    if (entry.isFound()) {
+        logConnecting(entry, nPort);
+        return entry.firstAddress();
     }
     if (bIdentify)
-        throw VornException(cHostUnknown, host.error());
+        throw VornException(cHostUnknown, entry.error());
     // Kept: a name that nobody knows is attempted as 0.0.0.0, which Linux takes for the local host.
     return in_addr{INADDR_ANY};
 }
@@ -57,10 +57,10 @@ void identifyAddress(in_addr address, int nPort) {
 }
 
 in_addr findTarget(const VornString& sRemoteName, int nPort, bool bIdentify) {
-    const HostText text(sRemoteName);
-    if (text.isName())
-        return resolveName(text, nPort, bIdentify);
-    const in_addr address = text.address();
+    const RemoteHost host(sRemoteName);
+    if (host.isName())
+        return resolveName(host, nPort, bIdentify);
+    const in_addr address = host.address();
     if (bIdentify)
         identifyAddress(address, nPort);
     return address;
@@ -96,21 +96,7 @@ long VornSocketConnection::transfer(const char* buf, long bufLen, long* error) {
     *error = establishImpl(sUnused);
     if (*error != 0)
         return 0;
-    if (m_pClient == nullptr) {
-        *error = ENOTCONN;
-        return 0;
-    }
-    long total = 0;
-    while (total < bufLen) {
-        const ssize_t count = System::send(SocketCell::descriptorOf(m_pClient), buf + total,
-                                           static_cast<size_t>(bufLen - total), 0);
-        if (count == -1) {
-            *error = errno;
-            return -1;
-        }
-        total += count;
-    }
-    return total;
+    return StreamSocket::send(m_pClient, buf, bufLen, error);
 }
 
 long VornSocketConnection::receive(char* bufPtr, long toRead, long* error, bool bWaitForAll) {
@@ -118,13 +104,7 @@ long VornSocketConnection::receive(char* bufPtr, long toRead, long* error, bool 
     *error = establishImpl(sUnused);
     if (*error != 0)
         return 0;
-    if (m_pClient == nullptr) {
-        *error = ENOTCONN;
-        return 0;
-    }
-    if (toRead <= 0)
-        return 0;
-    return StreamSocket::receive(SocketCell::descriptorOf(m_pClient), bufPtr, toRead, error, bWaitForAll);
+    return StreamSocket::receive(m_pClient, bufPtr, toRead, error, bWaitForAll);
 }
 
 bool VornSocketConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode) {
@@ -132,12 +112,7 @@ bool VornSocketConnection::peekBytes(void* pBuffer, int& nSize, int& nErrorCode)
     nErrorCode = establishImpl(sUnused);
     if (nErrorCode != 0)
         return false;
-    if (m_pClient == nullptr) {
-        nErrorCode = ENOTCONN;
-        nSize = 0;
-        return false;
-    }
-    return StreamSocket::peek(SocketCell::descriptorOf(m_pClient), pBuffer, nSize, nErrorCode);
+    return StreamSocket::peek(m_pClient, pBuffer, nSize, nErrorCode);
 }
 
 VornString VornSocketConnection::getServerName() {
@@ -152,10 +127,7 @@ VornString VornSocketConnection::getServerName() {
 VornString VornSocketConnection::getPortName() {
     // Kept: it is the listening port of the server; a client's connection reports 0, not the port it connects
     // to.
-    std::array<char, 8192> text;
-    std::snprintf(text.data(), text.size(), "%d",
-                  m_pSourceServer != nullptr ? m_pSourceServer->getPort() : 0);
-    m_sPortName = text.data();
+    m_sPortName = std::to_string(m_pSourceServer != nullptr ? m_pSourceServer->getPort() : 0);
     return m_sPortName;
 }
 

@@ -5,7 +5,7 @@
 #include "DatagramSend.h"
 #include "Descriptor.h"
 #include "HostEntry.h"
-#include "HostText.h"
+#include "InternetAddress.h"
 #include "PortBinding.h"
 #include "ServerGate.h"
 #include "VornBufferConnection.h"
@@ -13,6 +13,7 @@
 #include <Cancellation.h>
 #include <LogRecord.h>
 #include <Probe.h>
+#include <SharedField.h>
 #include <SystemCalls.h>
 #include <VornException.h>
 
@@ -65,7 +66,7 @@ VornUDPServerSocket::~VornUDPServerSocket() {
 }
 
 void VornUDPServerSocket::close() {
-    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) == nullptr)
+    if (readShared(m_pSocketImpl) == nullptr)
         return;
     const CancellationOff noCancellation;
     const VornString sLoopback("127.0.0.1");
@@ -74,7 +75,7 @@ void VornUDPServerSocket::close() {
         ServerGate::Closing closing(*this, m_pSocketImpl);
         if (!closing.isNeeded())
             return;
-        const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+        const int nPort = readShared(m_nPort);
         const bool bShared = closing.isShared();
         closing.close(m_bInitialized, nPort);
         VORN_PROBE(server__closed, "udp", m_sBindAddress.c_str(), nPort);
@@ -105,8 +106,8 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
         return {};
     }
     for (;;) {
-        logRecord(VornLogging::cDebug, "VornUDPServerSocket::receive: UDP Server on ",
-                  __atomic_load_n(&m_nPort, __ATOMIC_RELAXED), " ready, accepting messages...");
+        logRecord(VornLogging::cDebug, "VornUDPServerSocket::receive: UDP Server on ", readShared(m_nPort),
+                  " ready, accepting messages...");
         sockaddr_in sender{};
         socklen_t length = sizeof sender;
         ServerGate::Wait wait(*this, m_pSocketImpl);
@@ -138,14 +139,14 @@ VornUDPServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMes
 
 void VornUDPServerSocket::init() {
     ServerGate::awaitClosing(*this);
-    if (__atomic_load_n(&m_pSocketImpl, __ATOMIC_ACQUIRE) != nullptr)
+    if (readShared(m_pSocketImpl) != nullptr)
         return;
     Descriptor socket(System::socket(AF_INET, SOCK_DGRAM, 0));
     if (!socket.isOpen())
         throw VornException(cCreateFailed, errno);
 
     const VornString& sBindAddress = getBindAddress();
-    const int nPort = __atomic_load_n(&m_nPort, __ATOMIC_RELAXED);
+    const int nPort = readShared(m_nPort);
     // Kept: a text that is no address binds 255.255.255.255, which Linux allows.
     sockaddr_in address = makeSocketAddress(
         in_addr{sBindAddress == "*" ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
@@ -162,8 +163,8 @@ void VornUDPServerSocket::init() {
     void* cell = new int(socket.number());
     socket.release();
     VORN_PROBE(server__opened, "udp", sBindAddress.c_str(), nPort, *static_cast<int*>(cell));
-    __atomic_store_n(&m_pSocketImpl, cell, __ATOMIC_RELEASE);
-    __atomic_store_n(&m_bInitialized, true, __ATOMIC_RELEASE);
+    writeShared(m_pSocketImpl, cell);
+    writeShared(m_bInitialized, true);
 }
 
 } // namespace VornNet

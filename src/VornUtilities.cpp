@@ -3,7 +3,7 @@
 #include "VornUtilities.h"
 
 #include "HostEntry.h"
-#include "HostText.h"
+#include "InternetAddress.h"
 
 #include <LogRecord.h>
 
@@ -33,7 +33,7 @@ int VornNameToAddressImpl(const VornString& sName, std::vector<VornString>& addr
     }
     std::vector<VornString> found;
     for (char** next = host.addresses(); *next != nullptr; ++next) {
-        // Kept: copied as a text, so that whatever stands behind the first zero byte reads as zero.
+        // Kept: copied as a text, so everything after the first zero byte reads as zero.
         in_addr address{};
         const std::size_t length = ::strnlen(*next, std::min(host.addressLength(), sizeof address));
         std::memcpy(&address, *next, length);

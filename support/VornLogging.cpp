@@ -157,8 +157,8 @@ int VornLogging::s_nAdmittedLevel = VornLogging::cOff;
 
 void VornLogging::setAccessAllowed(bool bAllowed) {
     const std::lock_guard lock(levelLock());
-    __atomic_store_n(&s_bAccessAllowed, bAllowed, __ATOMIC_RELAXED);
-    __atomic_store_n(&s_nAdmittedLevel, bAllowed ? s_nLogLevel : cNothing, __ATOMIC_RELAXED);
+    writeShared(s_bAccessAllowed, bAllowed);
+    writeShared(s_nAdmittedLevel, bAllowed ? s_nLogLevel : cNothing);
 }
 
 void VornLogging::setRecordHandler(RecordHandler handler) {
@@ -174,8 +174,8 @@ void VornLogging::setRecordHandler(RecordHandler handler) {
 
 void VornLogging::setLogLevel(int nLevel) {
     const std::lock_guard lock(levelLock());
-    __atomic_store_n(&s_nLogLevel, nLevel, __ATOMIC_RELAXED);
-    __atomic_store_n(&s_nAdmittedLevel, s_bAccessAllowed ? nLevel : cNothing, __ATOMIC_RELAXED);
+    writeShared(s_nLogLevel, nLevel);
+    writeShared(s_nAdmittedLevel, s_bAccessAllowed ? nLevel : cNothing);
 }
 
 VornLogging& VornLogging::operator<<(const setloglevel& level) {
@@ -218,9 +218,8 @@ VornLogging& VornLogging::operator<<(long nValue) {
  * the program has set. What the program has not asked for must not come out of it.
  */
 bool VornLogging::isForTracersOnly(int nLevel) {
-    const int nLogLevel = __atomic_load_n(&s_nLogLevel, __ATOMIC_RELAXED);
-    return __atomic_load_n(&s_nAdmittedLevel, __ATOMIC_RELAXED) > nLogLevel &&
-           (nLevel > nLogLevel || !isAccessAllowed());
+    const int nLogLevel = readShared(s_nLogLevel);
+    return readShared(s_nAdmittedLevel) > nLogLevel && (nLevel > nLogLevel || !isAccessAllowed());
 }
 
 void VornLogging::completeRecord() {

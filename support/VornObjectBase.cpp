@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "VornObjectBase.h"
 
+#include "SharedField.h"
+
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -22,17 +25,17 @@ VornObjectBase::~VornObjectBase() = default;
 
 void VornObjectBase::addRef() {
     // Whoever adds a reference holds one already, so nothing has to be ordered by this.
-    __atomic_add_fetch(&m_nRefCount, 1, __ATOMIC_RELAXED);
+    std::atomic_ref(m_nRefCount).fetch_add(1, std::memory_order_relaxed);
 }
 
 void VornObjectBase::release() {
     // The thread that destroys must see everything that the others did with the object before they let go.
-    if (__atomic_sub_fetch(&m_nRefCount, 1, __ATOMIC_ACQ_REL) == 0)
+    if (std::atomic_ref(m_nRefCount).fetch_sub(1, std::memory_order_acq_rel) == 1)
         delete this;
 }
 
 int VornObjectBase::refCount() const {
-    return __atomic_load_n(&m_nRefCount, __ATOMIC_ACQUIRE);
+    return readShared(m_nRefCount);
 }
 
 bool VornObjectBase::isA(const VornString& sClassName) const {

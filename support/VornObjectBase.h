@@ -75,7 +75,7 @@ public:
     }
 
 private:
-    int m_nRefCount; // atomic: every access goes through __atomic builtins
+    int m_nRefCount; // only accessed atomically
 };
 
 } // namespace VornSupport

@@ -108,7 +108,7 @@ def texts_of_statement(statement, levels, recorded):
         record = [token for piece in pieces for token in piece + [","]]
         yield from ((text, levels[level[-1]]) for text in alternatives(record))
     else:
-        argument = arguments(statement, start)[0] if name == "VornException" else statement
+        argument = arguments(statement, start)[0] if name in ("VornException", "announce") else statement
         constant = next((token for token in statement if token in recorded), None)
         yield from ((text, recorded.get(constant)) for text in alternatives(argument))
 

@@ -1,9 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#ifndef VORNNOTIFY_GROUPID_H
-#define VORNNOTIFY_GROUPID_H
+#ifndef VORNNET_GROUPID_H
+#define VORNNET_GROUPID_H
 
-#include <VornNetExport.h>
+#include "VornNetExport.h"
+
 #include <VornString.h>
 
 #include <optional>
