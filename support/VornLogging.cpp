@@ -6,6 +6,7 @@
 #include "ForkHandlers.h"
 #include "NeverDestroyed.h"
 #include "Probe.h"
+#include "SharedField.h"
 #include "StandardError.h"
 #include "SystemCalls.h"
 
