@@ -551,43 +551,36 @@ CallHook::~CallHook() {
 /*
  * The functions which pre-empt the C library's. VORNTEST_REAL finds the real one once for each function;
  * VORNTEST_WATCH forwards to it under the rules of the file, given a description of the call.
+ * VORNTEST_WATCHED is such a function: its parameters, the arguments for the real one, and what describes the
+ * call.
  */
 #define VORNTEST_EXPORT __attribute__((visibility("default")))
 #define VORNTEST_REAL(name) static const auto real = VornTest::realFunction<decltype(&::name)>(#name)
 #define VORNTEST_WATCH(Result, description, realCall)                                                        \
     return VornTest::isWatched() ? VornTest::watched<Result>(description, [&] { return realCall; }) : realCall
+#define VORNTEST_FUNCTION(Result, name, exceptions, parameters, arguments, description)                      \
+    VORNTEST_EXPORT Result name parameters exceptions {                                                      \
+        VORNTEST_REAL(name);                                                                                 \
+        VORNTEST_WATCH(Result, description, real arguments);                                                 \
+    }
+#define VORNTEST_WATCHED(Result, name, exceptions, parameters, arguments, ...)                               \
+    VORNTEST_FUNCTION(Result, name, exceptions, parameters, arguments, VornTest::describe(#name, __VA_ARGS__))
+#define VORNTEST_WATCHED_PATH(Result, name, exceptions, parameters, arguments, ...)                          \
+    VORNTEST_FUNCTION(Result, name, exceptions, parameters, arguments,                                       \
+                      VornTest::describePath(#name, __VA_ARGS__))
 
 extern "C" {
 
-VORNTEST_EXPORT int socket(int domain, int type, int protocol) noexcept {
-    VORNTEST_REAL(socket);
-    VORNTEST_WATCH(int, VornTest::describe("socket", domain, type, protocol), real(domain, type, protocol));
-}
-
-VORNTEST_EXPORT int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
-    VORNTEST_REAL(bind);
-    VORNTEST_WATCH(int, VornTest::describe("bind", fd), real(fd, address, length));
-}
-
-VORNTEST_EXPORT int listen(int fd, int backlog) noexcept {
-    VORNTEST_REAL(listen);
-    VORNTEST_WATCH(int, VornTest::describe("listen", fd, backlog), real(fd, backlog));
-}
-
-VORNTEST_EXPORT int accept(int fd, sockaddr* address, socklen_t* length) {
-    VORNTEST_REAL(accept);
-    VORNTEST_WATCH(int, VornTest::describe("accept", fd), real(fd, address, length));
-}
-
-VORNTEST_EXPORT int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
-    VORNTEST_REAL(accept4);
-    VORNTEST_WATCH(int, VornTest::describe("accept4", fd, flags), real(fd, address, length, flags));
-}
-
-VORNTEST_EXPORT int connect(int fd, const sockaddr* address, socklen_t length) {
-    VORNTEST_REAL(connect);
-    VORNTEST_WATCH(int, VornTest::describe("connect", fd), real(fd, address, length));
-}
+VORNTEST_WATCHED(int, socket, noexcept, (int domain, int type, int protocol), (domain, type, protocol),
+                 domain, type, protocol)
+VORNTEST_WATCHED(int, bind, noexcept, (int fd, const sockaddr* address, socklen_t length),
+                 (fd, address, length), fd)
+VORNTEST_WATCHED(int, listen, noexcept, (int fd, int backlog), (fd, backlog), fd, backlog)
+VORNTEST_WATCHED(int, accept, , (int fd, sockaddr* address, socklen_t* length), (fd, address, length), fd)
+VORNTEST_WATCHED(int, accept4, , (int fd, sockaddr* address, socklen_t* length, int flags),
+                 (fd, address, length, flags), fd, flags)
+VORNTEST_WATCHED(int, connect, , (int fd, const sockaddr* address, socklen_t length), (fd, address, length),
+                 fd)
 
 VORNTEST_EXPORT ssize_t send(int fd, const void* data, size_t length, int flags) {
     VORNTEST_REAL(send);
@@ -610,46 +603,23 @@ VORNTEST_EXPORT ssize_t recv(int fd, void* buffer, size_t length, int flags) {
                    receiveForReal(fd, buffer, length, flags));
 }
 
-VORNTEST_EXPORT ssize_t sendto(int fd, const void* data, size_t length, int flags, const sockaddr* address,
-                               socklen_t addressLength) {
-    VORNTEST_REAL(sendto);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("sendto", fd, static_cast<long>(length), flags),
-                   real(fd, data, length, flags, address, addressLength));
-}
-
-VORNTEST_EXPORT ssize_t recvfrom(int fd, void* buffer, size_t length, int flags, sockaddr* address,
-                                 socklen_t* addressLength) {
-    VORNTEST_REAL(recvfrom);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("recvfrom", fd, static_cast<long>(length), flags),
-                   real(fd, buffer, length, flags, address, addressLength));
-}
-
-VORNTEST_EXPORT ssize_t recvmsg(int fd, msghdr* message, int flags) {
-    VORNTEST_REAL(recvmsg);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("recvmsg", fd, 0, flags), real(fd, message, flags));
-}
-
-VORNTEST_EXPORT int setsockopt(int fd, int level, int name, const void* value, socklen_t length) noexcept {
-    VORNTEST_REAL(setsockopt);
-    VORNTEST_WATCH(int, VornTest::describe("setsockopt", fd, level, name),
-                   real(fd, level, name, value, length));
-}
-
-VORNTEST_EXPORT int getsockopt(int fd, int level, int name, void* value, socklen_t* length) noexcept {
-    VORNTEST_REAL(getsockopt);
-    VORNTEST_WATCH(int, VornTest::describe("getsockopt", fd, level, name),
-                   real(fd, level, name, value, length));
-}
-
-VORNTEST_EXPORT int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
-    VORNTEST_REAL(getsockname);
-    VORNTEST_WATCH(int, VornTest::describe("getsockname", fd), real(fd, address, length));
-}
-
-VORNTEST_EXPORT int shutdown(int fd, int how) noexcept {
-    VORNTEST_REAL(shutdown);
-    VORNTEST_WATCH(int, VornTest::describe("shutdown", fd, how), real(fd, how));
-}
+VORNTEST_WATCHED(ssize_t, sendto, ,
+                 (int fd, const void* data, size_t length, int flags, const sockaddr* address,
+                  socklen_t addressLength),
+                 (fd, data, length, flags, address, addressLength), fd, long(length), flags)
+VORNTEST_WATCHED(ssize_t, recvfrom, ,
+                 (int fd, void* buffer, size_t length, int flags, sockaddr* address,
+                  socklen_t* addressLength),
+                 (fd, buffer, length, flags, address, addressLength), fd, long(length), flags)
+VORNTEST_WATCHED(ssize_t, recvmsg, , (int fd, msghdr* message, int flags), (fd, message, flags), fd, 0, flags)
+VORNTEST_WATCHED(int, setsockopt, noexcept,
+                 (int fd, int level, int name, const void* value, socklen_t length),
+                 (fd, level, name, value, length), fd, level, name)
+VORNTEST_WATCHED(int, getsockopt, noexcept, (int fd, int level, int name, void* value, socklen_t* length),
+                 (fd, level, name, value, length), fd, level, name)
+VORNTEST_WATCHED(int, getsockname, noexcept, (int fd, sockaddr* address, socklen_t* length),
+                 (fd, address, length), fd)
+VORNTEST_WATCHED(int, shutdown, noexcept, (int fd, int how), (fd, how), fd, how)
 
 VORNTEST_EXPORT int close(int fd) {
     VORNTEST_REAL(close);
@@ -671,44 +641,17 @@ VORNTEST_EXPORT int pipe(int ends[2]) noexcept {
     VORNTEST_WATCH(int, VornTest::describe("pipe", -1), real(ends));
 }
 
-VORNTEST_EXPORT int pipe2(int ends[2], int flags) noexcept {
-    VORNTEST_REAL(pipe2);
-    VORNTEST_WATCH(int, VornTest::describe("pipe2", -1, flags), real(ends, flags));
-}
-
-VORNTEST_EXPORT int eventfd(unsigned count, int flags) noexcept {
-    VORNTEST_REAL(eventfd);
-    VORNTEST_WATCH(int, VornTest::describe("eventfd", -1, count, flags), real(count, flags));
-}
-
-VORNTEST_EXPORT uid_t getuid() noexcept {
-    VORNTEST_REAL(getuid);
-    VORNTEST_WATCH(uid_t, VornTest::describe("getuid", -1), real());
-}
-
-VORNTEST_EXPORT int epoll_create1(int flags) noexcept {
-    VORNTEST_REAL(epoll_create1);
-    VORNTEST_WATCH(int, VornTest::describe("epoll_create1", -1, flags), real(flags));
-}
-
-VORNTEST_EXPORT int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-    VORNTEST_REAL(epoll_ctl);
-    VORNTEST_WATCH(int, VornTest::describe("epoll_ctl", epoll, operation, fd),
-                   real(epoll, operation, fd, event));
-}
-
-VORNTEST_EXPORT int epoll_wait(int epoll, epoll_event* events, int count, int limit) {
-    VORNTEST_REAL(epoll_wait);
-    VORNTEST_WATCH(int, VornTest::describe("epoll_wait", epoll, count, limit),
-                   real(epoll, events, count, limit));
-}
-
-VORNTEST_EXPORT int epoll_pwait2(int epoll, epoll_event* events, int count, const timespec* limit,
-                                 const sigset_t* mask) {
-    VORNTEST_REAL(epoll_pwait2);
-    VORNTEST_WATCH(int, VornTest::describe("epoll_pwait2", epoll, count),
-                   real(epoll, events, count, limit, mask));
-}
+VORNTEST_WATCHED(int, pipe2, noexcept, (int ends[2], int flags), (ends, flags), -1, flags)
+VORNTEST_WATCHED(int, eventfd, noexcept, (unsigned count, int flags), (count, flags), -1, count, flags)
+VORNTEST_WATCHED(uid_t, getuid, noexcept, (), (), -1)
+VORNTEST_WATCHED(int, epoll_create1, noexcept, (int flags), (flags), -1, flags)
+VORNTEST_WATCHED(int, epoll_ctl, noexcept, (int epoll, int operation, int fd, epoll_event* event),
+                 (epoll, operation, fd, event), epoll, operation, fd)
+VORNTEST_WATCHED(int, epoll_wait, , (int epoll, epoll_event* events, int count, int limit),
+                 (epoll, events, count, limit), epoll, count, limit)
+VORNTEST_WATCHED(int, epoll_pwait2, ,
+                 (int epoll, epoll_event* events, int count, const timespec* limit, const sigset_t* mask),
+                 (epoll, events, count, limit, mask), epoll, count)
 
 VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     VORNTEST_REAL(ioctl);
@@ -731,16 +674,10 @@ VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     return result;
 }
 
-VORNTEST_EXPORT int usleep(useconds_t microseconds) {
-    VORNTEST_REAL(usleep);
-    VORNTEST_WATCH(int, VornTest::describe("usleep", -1, microseconds), real(microseconds));
-}
-
-VORNTEST_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* remaining) {
-    VORNTEST_REAL(clock_nanosleep);
-    VORNTEST_WATCH(int, VornTest::describe("clock_nanosleep", clock, flags),
-                   real(clock, flags, time, remaining));
-}
+VORNTEST_WATCHED(int, usleep, , (useconds_t microseconds), (microseconds), -1, microseconds)
+VORNTEST_WATCHED(int, clock_nanosleep, ,
+                 (clockid_t clock, int flags, const timespec* time, timespec* remaining),
+                 (clock, flags, time, remaining), clock, flags)
 
 VORNTEST_EXPORT int getgrnam_r(const char* name, group* entry, char* buffer, size_t size, group** result) {
     VORNTEST_REAL(getgrnam_r);
@@ -773,122 +710,44 @@ VORNTEST_EXPORT int gethostbyaddr_r(const void* address, socklen_t length, int f
     });
 }
 
-VORNTEST_EXPORT ssize_t read(int fd, void* buffer, size_t length) {
-    VORNTEST_REAL(read);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("read", fd, static_cast<long>(length)),
-                   real(fd, buffer, length));
-}
-
-VORNTEST_EXPORT ssize_t write(int fd, const void* data, size_t length) {
-    VORNTEST_REAL(write);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("write", fd, static_cast<long>(length)),
-                   real(fd, data, length));
-}
-
-VORNTEST_EXPORT ssize_t pread(int fd, void* buffer, size_t length, off_t offset) {
-    VORNTEST_REAL(pread);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("pread", fd, static_cast<long>(length)),
-                   real(fd, buffer, length, offset));
-}
-
-VORNTEST_EXPORT ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
-    VORNTEST_REAL(pwrite);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("pwrite", fd, static_cast<long>(length)),
-                   real(fd, data, length, offset));
-}
-
-VORNTEST_EXPORT int flock(int fd, int operation) noexcept {
-    VORNTEST_REAL(flock);
-    VORNTEST_WATCH(int, VornTest::describe("flock", fd, operation), real(fd, operation));
-}
-
-VORNTEST_EXPORT int ftruncate(int fd, off_t size) noexcept {
-    VORNTEST_REAL(ftruncate);
-    VORNTEST_WATCH(int, VornTest::describe("ftruncate", fd, size), real(fd, size));
-}
-
+VORNTEST_WATCHED(ssize_t, read, , (int fd, void* buffer, size_t length), (fd, buffer, length), fd,
+                 long(length))
+VORNTEST_WATCHED(ssize_t, write, , (int fd, const void* data, size_t length), (fd, data, length), fd,
+                 long(length))
+VORNTEST_WATCHED(ssize_t, pread, , (int fd, void* buffer, size_t length, off_t offset),
+                 (fd, buffer, length, offset), fd, long(length))
+VORNTEST_WATCHED(ssize_t, pwrite, , (int fd, const void* data, size_t length, off_t offset),
+                 (fd, data, length, offset), fd, long(length))
+VORNTEST_WATCHED(int, flock, noexcept, (int fd, int operation), (fd, operation), fd, operation)
+VORNTEST_WATCHED(int, ftruncate, noexcept, (int fd, off_t size), (fd, size), fd, size)
 // Its result is the error number, so a rule for it says which with returning().
-VORNTEST_EXPORT int posix_fallocate(int fd, off_t offset, off_t size) {
-    VORNTEST_REAL(posix_fallocate);
-    VORNTEST_WATCH(int, VornTest::describe("posix_fallocate", fd, offset, size), real(fd, offset, size));
-}
-
-VORNTEST_EXPORT int msync(void* address, size_t size, int flags) {
-    VORNTEST_REAL(msync);
-    VORNTEST_WATCH(int, VornTest::describe("msync", -1, static_cast<long>(size), flags),
-                   real(address, size, flags));
-}
-
-VORNTEST_EXPORT int timerfd_create(int clock, int flags) noexcept {
-    VORNTEST_REAL(timerfd_create);
-    VORNTEST_WATCH(int, VornTest::describe("timerfd_create", -1, clock, flags), real(clock, flags));
-}
-
-VORNTEST_EXPORT int timerfd_settime(int fd, int flags, const itimerspec* time,
-                                    itimerspec* previous) noexcept {
-    VORNTEST_REAL(timerfd_settime);
-    VORNTEST_WATCH(int, VornTest::describe("timerfd_settime", fd, flags), real(fd, flags, time, previous));
-}
-
-VORNTEST_EXPORT int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
-    VORNTEST_REAL(getpeername);
-    VORNTEST_WATCH(int, VornTest::describe("getpeername", fd), real(fd, address, length));
-}
-
-VORNTEST_EXPORT int unlink(const char* path) noexcept {
-    VORNTEST_REAL(unlink);
-    VORNTEST_WATCH(int, VornTest::describePath("unlink", path), real(path));
-}
-
-VORNTEST_EXPORT int lstat(const char* path, struct stat* status) noexcept {
-    VORNTEST_REAL(lstat);
-    VORNTEST_WATCH(int, VornTest::describePath("lstat", path), real(path, status));
-}
-
-VORNTEST_EXPORT int renameat2(int from, const char* path, int to, const char* newPath,
-                              unsigned flags) noexcept {
-    VORNTEST_REAL(renameat2);
-    VORNTEST_WATCH(int, VornTest::describePath("renameat2", path), real(from, path, to, newPath, flags));
-}
-
-VORNTEST_EXPORT ssize_t getrandom(void* data, size_t length, unsigned flags) {
-    VORNTEST_REAL(getrandom);
-    VORNTEST_WATCH(ssize_t, VornTest::describe("getrandom", -1, static_cast<long>(length), flags),
-                   real(data, length, flags));
-}
-
-VORNTEST_EXPORT int chmod(const char* path, mode_t mode) noexcept {
-    VORNTEST_REAL(chmod);
-    VORNTEST_WATCH(int, VornTest::describePath("chmod", path, mode), real(path, mode));
-}
-
-VORNTEST_EXPORT int fchmod(int fd, mode_t mode) noexcept {
-    VORNTEST_REAL(fchmod);
-    VORNTEST_WATCH(int, VornTest::describe("fchmod", fd, mode), real(fd, mode));
-}
-
-VORNTEST_EXPORT int chown(const char* path, uid_t user, gid_t group) noexcept {
-    VORNTEST_REAL(chown);
-    VORNTEST_WATCH(int, VornTest::describePath("chown", path, user, group), real(path, user, group));
-}
-
-VORNTEST_EXPORT int select(int count, fd_set* reading, fd_set* writing, fd_set* exceptional, timeval* limit) {
-    VORNTEST_REAL(select);
-    VORNTEST_WATCH(int, VornTest::describe("select", count),
-                   real(count, reading, writing, exceptional, limit));
-}
-
-VORNTEST_EXPORT int poll(pollfd* entries, nfds_t count, int limit) {
-    VORNTEST_REAL(poll);
-    VORNTEST_WATCH(
-        int, VornTest::describe("poll", count > 0 ? entries[0].fd : -1, static_cast<long>(count), limit),
-        real(entries, count, limit));
-}
-
-VORNTEST_EXPORT int fstat(int fd, struct stat* file) noexcept {
-    VORNTEST_REAL(fstat);
-    VORNTEST_WATCH(int, VornTest::describe("fstat", fd), real(fd, file));
-}
+VORNTEST_WATCHED(int, posix_fallocate, , (int fd, off_t offset, off_t size), (fd, offset, size), fd, offset,
+                 size)
+VORNTEST_WATCHED(int, msync, , (void* address, size_t size, int flags), (address, size, flags), -1,
+                 long(size), flags)
+VORNTEST_WATCHED(int, timerfd_create, noexcept, (int clock, int flags), (clock, flags), -1, clock, flags)
+VORNTEST_WATCHED(int, timerfd_settime, noexcept,
+                 (int fd, int flags, const itimerspec* time, itimerspec* previous),
+                 (fd, flags, time, previous), fd, flags)
+VORNTEST_WATCHED(int, getpeername, noexcept, (int fd, sockaddr* address, socklen_t* length),
+                 (fd, address, length), fd)
+VORNTEST_WATCHED_PATH(int, unlink, noexcept, (const char* path), (path), path)
+VORNTEST_WATCHED_PATH(int, lstat, noexcept, (const char* path, struct stat* status), (path, status), path)
+VORNTEST_WATCHED_PATH(int, renameat2, noexcept,
+                      (int from, const char* path, int to, const char* newPath, unsigned flags),
+                      (from, path, to, newPath, flags), path)
+VORNTEST_WATCHED(ssize_t, getrandom, , (void* data, size_t length, unsigned flags), (data, length, flags), -1,
+                 long(length), flags)
+VORNTEST_WATCHED_PATH(int, chmod, noexcept, (const char* path, mode_t mode), (path, mode), path, mode)
+VORNTEST_WATCHED(int, fchmod, noexcept, (int fd, mode_t mode), (fd, mode), fd, mode)
+VORNTEST_WATCHED_PATH(int, chown, noexcept, (const char* path, uid_t user, gid_t group), (path, user, group),
+                      path, user, group)
+VORNTEST_WATCHED(int, select, ,
+                 (int count, fd_set* reading, fd_set* writing, fd_set* exceptional, timeval* limit),
+                 (count, reading, writing, exceptional, limit), count)
+VORNTEST_WATCHED(int, poll, , (pollfd * entries, nfds_t count, int limit), (entries, count, limit),
+                 count > 0 ? entries[0].fd : -1, long(count), limit)
+VORNTEST_WATCHED(int, fstat, noexcept, (int fd, struct stat* file), (fd, file), fd)
 
 VORNTEST_EXPORT int fcntl(int fd, int command, ...) {
     VORNTEST_REAL(fcntl);

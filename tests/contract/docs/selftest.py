@@ -45,16 +45,6 @@ class Blocks(unittest.TestCase):
         self.assertEqual(result.returncode, 1, result.stdout + result.stderr)
         self.assertIn(expected, result.stdout)
 
-    def test_unknown_kind(self):
-        self.fails("unknown kind", ("text", "anything\n"))
-        self.fails("unknown kind", ("", "anything\n"))
-        self.fails("unknown kind", ("cpp_body", "VornSleep(0);\n"))
-        self.fails("unknown words", ("cpp bodily", "VornSleep(0);\n"))
-
-    def test_declarations(self):
-        self.passes(("cpp", "VornString name();\n"))
-        self.fails("error", ("cpp", "Unknown name();\n"))
-
     def test_program_and_its_output(self):
         program = ("cpp run", '#include <cstdio>\nint main() { std::puts("one"); }\n')
         self.passes(program, ("text output", "one\n"))
@@ -73,11 +63,6 @@ class Blocks(unittest.TestCase):
         self.fails("encoded it is", ("text example", "int:1\n00 00 00 02\n"))
         self.passes(("text example", "long:-1\nff ff ff ff 00 00 00 00\nlong:4294967295\n"))
         self.fails("was printed", ("text example", "long:-1\nff ff ff ff 00 00 00 00\n"))
-
-    def test_block_that_is_not_run(self):
-        self.assertIn("installs packages", self.passes(("sh not-run=packages", "apt-get install vornnet-tools\n")))
-        self.fails("not-run is for", ("sh not-run=laziness", "true\n"))
-        self.fails("syntax error", ("sh not-run=host", "if\n"))
 
     def test_pipe_directory_that_is_changed(self):
         self.fails("the pipe directory was", ("sh", "chmod 0700 /opt/vorn/hostmgr/var/lib/kestrel/rendez\n"))
@@ -115,19 +100,11 @@ class Pages(unittest.TestCase):
         self.change("errors.md", "`VornServerSocket::init: failed to bind socket.`", "`x`")
         self.finds("check_texts.py", "not in docs/errors.md")
 
-    def test_text_that_another_page_makes_up(self):
-        self.change("client.md", "## The end", "`VornConnection::get: failed to read`\n\n## The end")
-        self.finds("check_texts.py", "client.md quotes")
-
     def test_link_that_leads_nowhere(self):
         self.change("client.md", "(guarantees.md#ports-that-move)", "(guarantees.md#ports-that-stay)")
         self.finds("check_chapters.py", "no heading")
         self.change("client.md", "(guarantees.md#", "(nowhere.md#")
         self.finds("check_chapters.py", "leads nowhere")
-
-    def test_class_without_a_word_on_threads(self):
-        self.change("threads.md", "`VornEvent`", "An event")
-        self.finds("check_chapters.py", "does not speak of VornEvent")
 
     def test_test_that_is_not_there(self):
         self.change("threats.md", "VornLibraryCallbackSink_Failure.EmptyDatagram_EndsUdpSink", "VornLibraryCallbackSink_Failure.EmptyDatagram_EndsNothing")

@@ -12,6 +12,7 @@ allow it, a contradiction when they do not.
 import bisect
 import collections
 import dataclasses
+import functools
 import pathlib
 import statistics
 import sys
@@ -312,15 +313,16 @@ class Checker:
         if not is_explained:
             self.violation("partial", f"{fields} at {epoch.address}, taken at {take.time}")
 
-    def failed_at(self, address, begin, end):
-        if self.failed is None:
-            self.failed = collections.defaultdict(list)
-            for attempt in self.attempts.values():
-                if attempt.code != 0:
-                    self.failed[attempt.to].append(attempt)
-        return [attempt for attempt in self.failed[address] if attempt.begin <= end and begin <= attempt.end]
+    @functools.cached_property
+    def failed(self):
+        found = collections.defaultdict(list)
+        for attempt in self.attempts.values():
+            if attempt.code != 0:
+                found[attempt.to].append(attempt)
+        return found
 
-    failed = None
+    def failed_at(self, address, begin, end):
+        return [attempt for attempt in self.failed[address] if attempt.begin <= end and begin <= attempt.end]
 
     # --- what was refused ---
 
@@ -358,19 +360,18 @@ class Checker:
         return False
 
     def connected_within(self, epoch, end):
-        if self.connected is None:
-            self.connected = collections.defaultdict(list)
-            for attempt in self.attempts.values():
-                if attempt.connected_to:
-                    self.connected[attempt.to].append(attempt.connected_to)
-            for times in self.connected.values():
-                times.sort()
         times = self.connected[epoch.address]
         silent = sum(take.outcome == "" for take in epoch.takes)  # connected behind their senders' backs
         return (bisect.bisect_right(times, min(end, epoch.closed)) - bisect.bisect_left(times, epoch.open_from)
                 + silent)
 
-    connected = None
+    @functools.cached_property
+    def connected(self):
+        found = collections.defaultdict(list)
+        for attempt in sorted(self.attempts.values(), key=lambda attempt: attempt.connected_to):
+            if attempt.connected_to:
+                found[attempt.to].append(attempt.connected_to)
+        return found
 
     def check_refusals(self):
         for attempt in self.attempts.values():
@@ -479,14 +480,9 @@ class Checker:
             return "cable"
         return ""
 
-    @property
+    @functools.cached_property
     def taken(self):
-        if self.all_taken is None:
-            self.all_taken = {take.token for epochs in self.epochs_of.values() for epoch in epochs.epochs
-                              for take in epoch.takes}
-        return self.all_taken
-
-    all_taken = None
+        return {take.token for epochs in self.epochs_of.values() for epoch in epochs.epochs for take in epoch.takes}
 
     # --- what the processes need ---
 
@@ -525,12 +521,12 @@ class Checker:
                    f"{before[2]:3.0f} ->{after[2]:3.0f}"), is_flat
 
     def leaked_between(self, process, begin, end):
-        if self.unsent is None:
-            self.unsent = [attempt for attempt in self.attempts.values() if attempt.send_error]
         return sum(f"service{attempt.service}" == process and begin <= attempt.end <= end
                    for attempt in self.unsent)
 
-    unsent = None
+    @functools.cached_property
+    def unsent(self):
+        return [attempt for attempt in self.attempts.values() if attempt.send_error]
 
     # --- the result ---
 
@@ -636,37 +632,14 @@ class ClientReader:
 
 
 class Report:
-    """The table: what became of the events, by kind and load."""
+    """The table: what became of the events, by kind."""
 
     REASONS = ("queue", "gap", "room", "cable", "early", "killed", "unsent")
-    LOADS = ("paced", "burst", "stopped", "table full", "bad cable", "killed")
 
     def __init__(self, checker):
         self.checker = checker
-        self.faults = collections.defaultdict(list)
-        for fault in checker.faults:
-            self.faults[fault.kind, fault.process].append(fault)
         self.rows = collections.defaultdict(collections.Counter)
         self.codes = collections.defaultdict(collections.Counter)
-
-    def client_of(self, attempt):
-        kind = ("pipe", "socket", "udp")[attempt.slot // 2]
-        return f"{kind}-{attempt.service}-{attempt.slot % 2 + 1}"
-
-    def load_of(self, attempt):
-        """The worst that happened to sender, receiver or cable meanwhile, else how it was sent."""
-        begin, end = attempt.begin, attempt.end + SLACK
-        client = self.client_of(attempt)
-        if any(fault.generation == attempt.generation and fault.begin <= end
-               for fault in self.faults["kill", client]):
-            return "killed"
-        for kind, process, load in (("stop", client, "stopped"), ("table", client, "table full"),
-                                    ("table", f"service{attempt.service}", "table full")):
-            if any(fault.overlaps(begin, end) for fault in self.faults[kind, process]):
-                return load
-        if attempt.is_far and any(fault.overlaps(begin, end) for fault in self.faults["cable", ""]):
-            return "bad cable"
-        return attempt.load
 
     def count(self):
         events = collections.defaultdict(list)
@@ -676,32 +649,21 @@ class Report:
                 self.codes[attempt.kind][attempt.code] += 1
         for attempts in events.values():
             last = attempts[-1]
-            row = self.rows[last.kind + " far" * last.is_far, self.load_of(last)]
-            row["events"] += 1
-            row["again"] += len(attempts) - 1
-            if any(attempt.receipts for attempt in attempts):
-                row["delivered"] += 1
-            elif last.code != 0:
-                row["refused"] += 1
-            else:
-                row[last.reason] += 1
+            is_delivered = any(attempt.receipts for attempt in attempts)
+            fate = "delivered" if is_delivered else "refused" if last.code != 0 else last.reason
+            self.rows[last.kind + " far" * last.is_far].update({"events": 1, "again": len(attempts) - 1, fate: 1})
 
     def print(self):
         self.count()
-        print(f"\n{'kind':11}{'load':12}{'events':>8}{'delivered':>11}{'ratio':>9}{'refused':>9}" +
-              "".join(f"{reason:>8}" for reason in self.REASONS) + f"{'again':>8}")
-        for kind in ("pipe", "socket", "socket far", "udp", "udp far"):
-            for load in self.LOADS:
-                row = self.rows.get((kind, load))
-                if row is not None:
-                    print(f"{kind:11}{load:12}{row['events']:8}{row['delivered']:11}"
-                          f"{row['delivered'] / row['events']:9.2%}{row['refused']:9}" +
-                          "".join(f"{row[reason] or '.':>8}" for reason in self.REASONS) + f"{row['again']:8}")
+        columns = ("events", "delivered", "refused", *self.REASONS, "again")
+        print(f"\n{'':11}" + "".join(f"{column:>10}" for column in columns))
+        for kind, row in sorted(self.rows.items()):
+            print(f"{kind:11}" + "".join(f"{row[column] or '.':>10}" for column in columns))
         print("\nfar: to the other host; refused: the sender knows; again: further attempts after a refusal.\n"
-              "Lost without a word: queue: with the server that was closed behind another delivery; gap: a\n"
-              "datagram, while there was no server; room: a datagram too many for the socket; cable: dropped on\n"
-              "the way; early: to the port's next holder, before that had a callback; killed: with its receiver;\n"
-              "unsent: a datagram too long, or no descriptor for it")
+              "Lost silently: queue: with the server that was closed after another delivery; gap: a datagram, while\n"
+              "there was no server; room: a datagram too many for the socket; cable: dropped on the way; early: to\n"
+              "the port's next holder, before that had a callback; killed: with its receiver; unsent: a datagram too\n"
+              "long, or no descriptor for it")
         for kind, codes in sorted(self.codes.items()):
             print(f"refusals over {kind}: " +
                   ", ".join(f"{count} with code {code}" for code, count in sorted(codes.items())))
