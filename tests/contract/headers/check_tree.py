@@ -23,6 +23,7 @@ NO_TEST = {
     "VornNetExport": "macros; tests/contract/abi compares what is exported",
     "VornNotifyExport": "macros; tests/contract/abi compares what is exported",
     "VornSupportExport": "macros; tests/contract/abi compares what is exported",
+    "VornUnableToResolveAddressException": "tested together with VornUnableToResolveNameException",
 }
 # Sources without a public header.
 NO_HEADER = {

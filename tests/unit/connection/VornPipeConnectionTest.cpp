@@ -12,8 +12,6 @@
 
 #include <cerrno>
 #include <optional>
-#include <stdexcept>
-#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,7 +30,6 @@ using testing::IsEmpty;
 using Record = LogCapture::Record;
 
 const char connectFailed[] = "VornPipeConnection::establish: connection request failed.";
-const auto none = std::optional<Failure>();
 
 class Probe : public VornPipeConnection {
 public:
@@ -45,16 +42,9 @@ public:
     using VornPipeConnection::m_pipeHandle;
     using VornPipeConnection::m_sPipeName;
 
-    int establishWith(VornString& message) { return establishImpl(message); }
-
     int fd() const { return m_pipeHandle != nullptr ? *static_cast<int*>(m_pipeHandle) : -1; }
 
     void initialize() override { calls.emplace_back("initialize"); }
-
-    void cleanup() override {
-        calls.emplace_back("cleanup");
-        VornPipeConnection::cleanup();
-    }
 
     std::vector<std::string> calls;
 };
@@ -140,30 +130,7 @@ TEST_F(VornPipeConnectionTest, AccessRightsAreOneByNameAndAsGivenAroundASocket) 
     EXPECT_EQ(accepted.getAccessRights(), 0xFFFFFFFFU);
 }
 
-TEST_F(VornPipeConnectionTest, CannotBeCopied) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornPipeConnection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornPipeConnection>);
-}
-
-TEST_F(VornPipeConnectionTest, TypedOperationsCanBeCalledOnTheClassItself) {
-    VornPipeConnection client("alpha");
-    client.transfer(7);
-    client.transfer("abc");
-    const UniqueFd peer = accept();
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 11)), "00 00 00 07 00 00 00 03 61 62 63");
-}
-
 // Establishing.
-
-TEST_F(VornPipeConnectionTest, WhenEstablished_HoldsASocketAndIsInitialized) {
-    Probe client("alpha");
-    VornString message = "as it was";
-    EXPECT_EQ(client.establishWith(message), 0);
-    EXPECT_EQ(message, "as it was");
-    EXPECT_TRUE(client.m_bConnected);
-    EXPECT_GE(client.fd(), 0);
-    EXPECT_THAT(client.calls, ElementsAre("initialize"));
-}
 
 TEST_F(VornPipeConnectionTest, TheHandleAloneDecidesWhetherThereIsSomethingToDo) {
     Probe client("alpha");
@@ -189,15 +156,6 @@ TEST_F(VornPipeConnectionTest, TheSocketIsClosedOnExec) {
     EXPECT_TRUE(isCloseOnExec(client.fd()));
 }
 
-TEST_F(VornPipeConnectionTest, AChildProcessDoesNotInheritTheSocket) {
-    VornPipeConnection client("alpha");
-    client.establish();
-    const UniqueFd peer = accept();
-    const ChildProcess child = ChildProcess::spawn({"sleep", "60"});
-    client.disconnect();
-    EXPECT_EQ(receiveToEnd(peer.get()), "");
-}
-
 TEST_F(VornPipeConnectionTest, NothingButThePathIsLogged) {
     const LogCapture log(9);
     VornPipeConnection client("alpha");
@@ -209,25 +167,6 @@ TEST_F(VornPipeConnectionTest, NothingButThePathIsLogged) {
         ElementsAre(
             Record{9, "VornPipeServer::getFullPipeName () : sFullPipeName is : " + pipePath("alpha")},
             Record{9, "VornPipeServer::getFullPipeName () : sFullPipeName is : " + pipePath("nobody")}));
-}
-
-TEST_F(VornPipeConnectionTest, EveryRawOperationEstablishes) {
-    std::string data = "####";
-    Probe writer("alpha");
-    EXPECT_EQ(rawWrite(writer, ""), raw(0, 0));
-    EXPECT_TRUE(writer.m_bConnected);
-    Probe reader("alpha");
-    EXPECT_EQ(rawRead(reader, data, 0, true), raw(0, 0));
-    EXPECT_TRUE(reader.m_bConnected);
-    const UniqueFd first = accept();
-    const UniqueFd second = accept();
-    Probe looker("alpha");
-    PeekResult result;
-    WatchedThread user([&] { result = peek(looker, 4); });
-    const UniqueFd third = accept();
-    sendAll(third.get(), "abc");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(result, peeked(true, 3, 0, "abc"));
 }
 
 TEST_F(VornPipeConnectionTest, RawOperationsEstablishThroughTheVirtualHook) {
@@ -245,30 +184,6 @@ TEST_F(VornPipeConnectionTest, RawOperationsEstablishThroughTheVirtualHook) {
     EXPECT_EQ(peek(client, 3), peeked(false, 3, 42));
 }
 
-TEST_F(VornPipeConnectionTest, WhenDisconnected_TheNextOperationConnectsToTheSamePath) {
-    Probe client("alpha");
-    client.transfer(1);
-    const UniqueFd first = accept();
-    client.disconnect();
-    EXPECT_EQ(client.m_pipeHandle, nullptr);
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_EQ(hex(receiveToEnd(first.get())), "00 00 00 01");
-    client.transfer(2);
-    const UniqueFd second = accept();
-    EXPECT_EQ(hex(receiveExactly(second.get(), 4)), "00 00 00 02");
-    EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "initialize"));
-}
-
-TEST_F(VornPipeConnectionTest, ASecondDisconnectOnlyCleansUpAgain) {
-    Probe client("alpha");
-    client.establish();
-    const CallTrace trace;
-    client.disconnect();
-    client.disconnect();
-    EXPECT_EQ(trace.calls("close"), 1);
-    EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "cleanup"));
-}
-
 TEST_F(VornPipeConnectionTest, DisconnectLeavesTheConnectedMarkToCleanup) {
     class Keeping : public Probe {
     public:
@@ -282,27 +197,6 @@ TEST_F(VornPipeConnectionTest, DisconnectLeavesTheConnectedMarkToCleanup) {
     client.disconnect();
     EXPECT_TRUE(client.m_bConnected);
     EXPECT_EQ(client.m_pipeHandle, nullptr);
-}
-
-TEST_F(VornPipeConnectionTest, WhenDestroyed_ClosesItsSocketWithoutVirtualCalls) {
-    static int disconnects;
-    disconnects = 0;
-
-    class Counting : public VornPipeConnection {
-    public:
-        using VornPipeConnection::VornPipeConnection;
-
-        void disconnect() override { ++disconnects; }
-    };
-
-    UniqueFd peer;
-    {
-        Counting client("alpha");
-        client.establish();
-        peer = accept();
-    }
-    EXPECT_EQ(receiveToEnd(peer.get()), "");
-    EXPECT_EQ(disconnects, 0);
 }
 
 TEST_F(VornPipeConnectionTest, AfterItsServerIsGone_AnAcceptedConnectionFindsNoPipeOfItsName) {
@@ -339,25 +233,6 @@ TEST_F(VornPipeConnectionTest, WhenThePipesServerIsGone_ThrowsConnectionRefused)
     EXPECT_EQ(::unlink(pipePath("dead").c_str()), 0);
 }
 
-TEST_F(VornPipeConnectionTest, EveryErrorOfConnectIsTheCode) {
-    for (const int error : {EINTR, EACCES, EAGAIN, EPROTOTYPE}) {
-        VornPipeConnection client("alpha");
-        const FaultRule fault("connect", error);
-        EXPECT_EQ(failureOf([&] { client.establish(); }), failure(connectFailed, error));
-    }
-}
-
-TEST_F(VornPipeConnectionTest, AfterAFailure_TheNextOperationTriesAgain) {
-    VornPipeConnection client("alpha");
-    {
-        const FaultRule fault("connect", EAGAIN);
-        EXPECT_EQ(failureOf([&] { client.transfer(1); }), failure(connectFailed, EAGAIN));
-    }
-    client.transfer(2);
-    const UniqueFd peer = accept();
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 02");
-}
-
 TEST_F(VornPipeConnectionTest, WhenThePathIsTooLong_FailsAsNameTooLong) {
     const int before = openDescriptors();
     for (const std::size_t length :
@@ -378,82 +253,7 @@ TEST_F(VornPipeConnectionTest, TheLongestPathOfAnAddressIsReached) {
     EXPECT_EQ(::unlink(pipePath(name).c_str()), 0);
 }
 
-TEST_F(VornPipeConnectionTest, WhenThereIsNoSocket_EstablishingSucceedsAndTheOperationFails) {
-    Probe client("alpha");
-    const FaultRule fault("socket", EMFILE, 1, FaultRule::always);
-    VornString message = "as it was";
-    EXPECT_EQ(client.establishWith(message), 0);
-    EXPECT_EQ(message, "as it was");
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_EQ(client.m_pipeHandle, nullptr);
-    EXPECT_EQ(failureOf([&] { client.establish(); }), none);
-    EXPECT_EQ(failureOf([&] { client.transfer(7); }), failure(writeFailed, ENOTCONN));
-    EXPECT_EQ(failureOf([&] { client.receiveInt(); }), failure(readFailed, ENOTCONN));
-    EXPECT_EQ(rawWrite(client, "abc"), raw(0, ENOTCONN));
-    EXPECT_EQ(rawWrite(client, ""), raw(0, ENOTCONN));
-    std::string data = "###";
-    EXPECT_EQ(rawRead(client, data, 3, true), raw(0, ENOTCONN));
-    EXPECT_EQ(rawRead(client, data, 0, false), raw(0, ENOTCONN));
-    EXPECT_EQ(peek(client, 3), peeked(false, 0, ENOTCONN));
-    EXPECT_THAT(client.calls, IsEmpty());
-}
-
 // The service handshake.
-
-TEST_F(VornPipeConnectionTest, WithAServiceName_AsksForTheServiceBeforeAnythingElse) {
-    Probe client("alpha");
-    client.setServiceName("svc");
-    WatchedThread user([&] { client.transfer(7); });
-    const UniqueFd peer = accept();
-    EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
-    EXPECT_TRUE(awaitBlockedIn(user.tid(), {SYS_recvfrom}));
-    sendAll(peer.get(), "+");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(user.exceptionText(), std::nullopt);
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 07");
-    EXPECT_TRUE(client.m_bConnected);
-    EXPECT_THAT(client.calls, ElementsAre("initialize"));
-}
-
-TEST_F(VornPipeConnectionTest, WhenTheServiceIsRefused_ThrowsCodeZeroAndHoldsNoDescriptor) {
-    Probe client("alpha");
-    client.setServiceName("svc");
-    std::optional<Failure> failed;
-    WatchedThread user([&] { failed = failureOf([&] { client.receiveInt(); }); });
-    const UniqueFd peer = accept();
-    EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
-    sendAll(peer.get(), "-");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(failed, failure(serviceFailed, 0));
-    EXPECT_EQ(client.m_pipeHandle, nullptr);
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_THAT(client.calls, IsEmpty());
-    EXPECT_EQ(receiveToEnd(peer.get()), "");
-}
-
-TEST_F(VornPipeConnectionTest, WhenTheServiceIsRefused_ARawOperationReportsNotConnected) {
-    Probe client("alpha");
-    client.setServiceName("svc");
-    RawResult result;
-    WatchedThread user([&] { result = rawWrite(client, "abc"); });
-    const UniqueFd peer = accept();
-    sendAll(peer.get(), "-");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(result, raw(0, ENOTCONN));
-}
-
-TEST_F(VornPipeConnectionTest, WhenThePeerClosesInsteadOfAnswering_TheServiceIsRefused) {
-    Probe client("alpha");
-    client.setServiceName("svc");
-    std::optional<Failure> failed;
-    WatchedThread user([&] { failed = failureOf([&] { client.establish(); }); });
-    {
-        const UniqueFd peer = accept();
-        EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
-    }
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(failed, failure(serviceFailed, 0));
-}
 
 TEST_F(VornPipeConnectionTest, WhenTheServiceNameCannotBeSent_TheAnswerIsAwaitedAllTheSame) {
     // A failed write of a pipe returns 0, and the handshake looks for -1 only.
@@ -469,34 +269,6 @@ TEST_F(VornPipeConnectionTest, WhenTheServiceNameCannotBeSent_TheAnswerIsAwaited
     EXPECT_TRUE(user.join());
     EXPECT_EQ(user.exceptionText(), std::nullopt);
     EXPECT_TRUE(client.m_bConnected);
-}
-
-// Exceptions that pass through establishing.
-
-TEST_F(VornPipeConnectionTest, AForeignExceptionPassesAndLeavesNoSocketBehind) {
-    class Throwing : public Probe {
-    public:
-        using Probe::Probe;
-
-        void initialize() override { throw std::runtime_error("foreign"); }
-    };
-
-    Throwing client("alpha");
-    EXPECT_THROW(client.establish(), std::runtime_error);
-    EXPECT_EQ(client.m_pipeHandle, nullptr);
-}
-
-TEST_F(VornPipeConnectionTest, AnOwnExceptionOfTheHooksIsTheResult) {
-    class Throwing : public Probe {
-    public:
-        using Probe::Probe;
-
-        bool connectToServiceImpl() override { throw VornException("own text", 42); }
-    };
-
-    Throwing client("alpha");
-    EXPECT_EQ(failureOf([&] { client.establish(); }), failure("own text", 42));
-    EXPECT_EQ(client.m_pipeHandle, nullptr);
 }
 
 // Names.
@@ -546,14 +318,4 @@ TEST_F(VornPipeConnectionTest, LinesWrittenThroughSocatAreReadOneByOne) {
     EXPECT_STREQ(connection.getLine(line, sizeof(line), error), "first line");
     socat.writeLine("second\r");
     EXPECT_STREQ(connection.getLine(line, sizeof(line), error), "second");
-}
-
-TEST_F(VornPipeConnectionTest, TheTextOfAFailedSocketIsSeenNowhere) {
-    const LogCapture log(9);
-    Probe client("alpha");
-    const FaultRule fault("socket", EMFILE);
-    VornString message;
-    EXPECT_EQ(client.establishWith(message), 0);
-    EXPECT_EQ(message, "");
-    EXPECT_EQ(log.count("VornPipeConnection::establish: pipe creation failed."), 0);
 }

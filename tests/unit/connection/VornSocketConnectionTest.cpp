@@ -18,9 +18,7 @@
 #include <cstring>
 #include <iostream>
 #include <optional>
-#include <stdexcept>
 #include <system_error>
-#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -40,7 +38,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using Record = LogCapture::Record;
 
-const char createFailed[] = "VornSocketConnection::establish: socket creation failed.";
 const char hostUnknown[] = "VornSocketConnection::establish: could not find host.";
 const char connectFailed[] = "VornSocketConnection::establish: connection request failed.";
 const auto none = std::optional<Failure>();
@@ -59,16 +56,9 @@ public:
     using VornSocketConnection::m_sPortName;
     using VornSocketConnection::m_sServerName;
 
-    int establishWith(VornString& message) { return establishImpl(message); }
-
     int fd() const { return m_pClient != nullptr ? *static_cast<int*>(m_pClient) : -1; }
 
     void initialize() override { calls.emplace_back("initialize"); }
-
-    void cleanup() override {
-        calls.emplace_back("cleanup");
-        VornSocketConnection::cleanup();
-    }
 
     std::vector<std::string> calls;
 };
@@ -200,11 +190,6 @@ TEST_F(VornSocketConnectionTest, TheClientFlagOfAnAcceptedSocketIsKept) {
     EXPECT_TRUE(accepted.m_bClientConnection);
 }
 
-TEST_F(VornSocketConnectionTest, CannotBeCopied) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornSocketConnection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornSocketConnection>);
-}
-
 TEST_F(VornSocketConnectionTest, TheSocketLayersStartSucceedsAndItsEndDoesNothing) {
     const CallTrace trace;
     EXPECT_TRUE(VNETInitWinsock());
@@ -213,28 +198,7 @@ TEST_F(VornSocketConnectionTest, TheSocketLayersStartSucceedsAndItsEndDoesNothin
     EXPECT_THAT(trace.records(), IsEmpty());
 }
 
-TEST_F(VornSocketConnectionTest, TypedOperationsCanBeCalledOnTheClassItself) {
-    VornSocketConnection client("127.0.0.1", port, false, false);
-    client.transfer(7);
-    client.transfer("abc");
-    const UniqueFd peer = accept();
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 11)), "00 00 00 07 00 00 00 03 61 62 63");
-}
-
 // Establishing.
-
-TEST_F(VornSocketConnectionTest, WhenEstablished_HoldsASocketAndIsInitialized) {
-    Probe client("127.0.0.1", port, false, false);
-    VornString message = "as it was";
-    EXPECT_EQ(client.establishWith(message), 0);
-    EXPECT_EQ(message, "as it was");
-    EXPECT_TRUE(client.m_bConnected);
-    EXPECT_GE(client.fd(), 0);
-    EXPECT_EQ(client.getSocket(), client.m_pClient);
-    EXPECT_THAT(client.calls, ElementsAre("initialize"));
-    const UniqueFd peer = accept();
-    EXPECT_EQ(peerPort(client.fd()), port);
-}
 
 TEST_F(VornSocketConnectionTest, WhenEstablishedAgain_DoesNothing) {
     Probe client("127.0.0.1", port, false, false);
@@ -269,83 +233,12 @@ TEST_F(VornSocketConnectionTest, TheSocketIsMadeFirstAndClosedOnExec) {
     EXPECT_TRUE(isCloseOnExec(client.fd()));
 }
 
-TEST_F(VornSocketConnectionTest, AChildProcessDoesNotInheritTheSocket) {
-    VornSocketConnection client("127.0.0.1", port, false, false);
-    client.establish();
-    UniqueFd peer = accept();
-    const ChildProcess child = ChildProcess::spawn({"sleep", "60"});
-    client.disconnect();
-    EXPECT_EQ(receiveToEnd(peer.get()), "");
-}
-
 TEST_F(VornSocketConnectionTest, OfThePortTheLow16BitsCount) {
     for (const int number : {port + 0x10000, port - 0x10000, port + 0x7FFF0000}) {
         VornSocketConnection client("127.0.0.1", number, false, false);
         EXPECT_EQ(failureOf([&] { client.establish(); }), none) << number;
         const UniqueFd peer = accept();
     }
-}
-
-TEST_F(VornSocketConnectionTest, EveryRawOperationEstablishes) {
-    std::string data = "####";
-    Probe writer("127.0.0.1", port, false, false);
-    EXPECT_EQ(rawWrite(writer, ""), raw(0, 0));
-    EXPECT_TRUE(writer.m_bConnected);
-    Probe reader("127.0.0.1", port, false, false);
-    EXPECT_EQ(rawRead(reader, data, 0, true), raw(0, 0));
-    EXPECT_TRUE(reader.m_bConnected);
-    const UniqueFd first = accept();
-    const UniqueFd second = accept();
-    Probe looker("127.0.0.1", port, false, false);
-    looker.establish();
-    const UniqueFd third = accept();
-    sendAll(third.get(), "abc");
-    EXPECT_EQ(peek(looker, 4), peeked(true, 3, 0, "abc"));
-}
-
-TEST_F(VornSocketConnectionTest, WhenDisconnected_TheNextOperationConnectsAnew) {
-    Probe client("127.0.0.1", port, false, false);
-    client.transfer(1);
-    UniqueFd first = accept();
-    client.disconnect();
-    EXPECT_EQ(client.m_pClient, nullptr);
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_EQ(hex(receiveToEnd(first.get())), "00 00 00 01");
-    client.transfer(2);
-    const UniqueFd second = accept();
-    EXPECT_EQ(hex(receiveExactly(second.get(), 4)), "00 00 00 02");
-    EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "initialize"));
-}
-
-TEST_F(VornSocketConnectionTest, ASecondDisconnectOnlyCleansUpAgain) {
-    Probe client("127.0.0.1", port, false, false);
-    client.establish();
-    const CallTrace trace;
-    client.disconnect();
-    client.disconnect();
-    EXPECT_EQ(trace.calls("close"), 1);
-    EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "cleanup"));
-}
-
-TEST_F(VornSocketConnectionTest, WhenDestroyed_ClosesItsSocketWithoutVirtualCalls) {
-    static int disconnects;
-    disconnects = 0;
-
-    class Counting : public VornSocketConnection {
-    public:
-        using VornSocketConnection::VornSocketConnection;
-
-        void disconnect() override { ++disconnects; }
-    };
-
-    UniqueFd peer;
-    {
-        Counting client("127.0.0.1", port, false, false);
-        client.establish();
-        peer = accept();
-    }
-    EXPECT_EQ(receiveToEnd(peer.get()), "");
-    EXPECT_EQ(disconnects, 0);
 }
 
 // Which host is meant.
@@ -529,110 +422,7 @@ TEST_F(VornSocketConnectionTest, WhenNobodyListens_PeekLineFindsNoLineInAnOldBuf
     EXPECT_EQ(error, ECONNREFUSED);
 }
 
-TEST_F(VornSocketConnectionTest, EveryErrorOfConnectIsTheCode) {
-    for (const int error : {EINTR, ETIMEDOUT, ENETUNREACH, EADDRNOTAVAIL}) {
-        VornSocketConnection client("127.0.0.1", port, false, false);
-        const FaultRule fault("connect", error);
-        EXPECT_EQ(failureOf([&] { client.establish(); }), failure(connectFailed, error));
-        EXPECT_EQ(client.getSocket(), nullptr);
-    }
-}
-
-TEST_F(VornSocketConnectionTest, AfterAFailure_TheNextOperationTriesAgain) {
-    VornSocketConnection client("127.0.0.1", port, false, false);
-    {
-        const FaultRule fault("connect", ETIMEDOUT);
-        EXPECT_EQ(failureOf([&] { client.transfer(1); }), failure(connectFailed, ETIMEDOUT));
-    }
-    client.transfer(2);
-    const UniqueFd peer = accept();
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 02");
-}
-
-TEST_F(VornSocketConnectionTest, WhenThereIsNoSocket_EstablishingSucceedsAndTheOperationFails) {
-    Probe client("127.0.0.1", port, false, false);
-    const FaultRule fault("socket", EMFILE, 1, FaultRule::always);
-    VornString message = "as it was";
-    EXPECT_EQ(client.establishWith(message), 0);
-    EXPECT_EQ(message, "as it was");
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_EQ(client.m_pClient, nullptr);
-    EXPECT_EQ(failureOf([&] { client.establish(); }), none);
-    EXPECT_EQ(failureOf([&] { client.transfer(7); }), failure(writeFailed, ENOTCONN));
-    EXPECT_EQ(failureOf([&] { client.receiveInt(); }), failure(readFailed, ENOTCONN));
-    EXPECT_EQ(rawWrite(client, "abc"), raw(0, ENOTCONN));
-    EXPECT_EQ(rawWrite(client, ""), raw(0, ENOTCONN));
-    std::string data = "###";
-    EXPECT_EQ(rawRead(client, data, 3, true), raw(0, ENOTCONN));
-    EXPECT_EQ(rawRead(client, data, 0, false), raw(0, ENOTCONN));
-    EXPECT_EQ(peek(client, 3), peeked(false, 0, ENOTCONN));
-    EXPECT_THAT(client.calls, IsEmpty());
-}
-
-TEST_F(VornSocketConnectionTest, TheTextOfAFailedSocketIsSeenNowhere) {
-    const LogCapture log(9);
-    Probe client("127.0.0.1", port, false, false);
-    const FaultRule fault("socket", EMFILE);
-    VornString message;
-    client.establishWith(message);
-    EXPECT_EQ(message, "");
-    EXPECT_EQ(log.count(createFailed), 0);
-}
-
 // The service handshake.
-
-TEST_F(VornSocketConnectionTest, WithAServiceName_AsksForTheServiceBeforeAnythingElse) {
-    Probe client("127.0.0.1", port, false, false);
-    client.setServiceName("svc");
-    WatchedThread user([&] { client.transfer(7); });
-    const UniqueFd peer = accept();
-    EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
-    EXPECT_TRUE(awaitBlockedIn(user.tid(), {SYS_recvfrom}));
-    EXPECT_FALSE(client.m_bConnected);
-    sendAll(peer.get(), "+");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(user.exceptionText(), std::nullopt);
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 00 07");
-    EXPECT_TRUE(client.m_bConnected);
-    EXPECT_THAT(client.calls, ElementsAre("initialize"));
-}
-
-TEST_F(VornSocketConnectionTest, WhenTheServiceIsRefused_ThrowsCodeZeroAndHoldsNoDescriptor) {
-    Probe client("127.0.0.1", port, false, false);
-    client.setServiceName("svc");
-    std::optional<Failure> failed;
-    WatchedThread user([&] { failed = failureOf([&] { client.transfer(7); }); });
-    UniqueFd peer = accept();
-    EXPECT_EQ(receiveExactly(peer.get(), 5), "svc\r\n");
-    sendAll(peer.get(), "-");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(failed, failure(serviceFailed, 0));
-    EXPECT_EQ(client.m_pClient, nullptr);
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_THAT(client.calls, IsEmpty());
-    EXPECT_EQ(receiveToEnd(peer.get()), "");
-}
-
-TEST_F(VornSocketConnectionTest, WhenTheServiceIsRefused_ARawOperationReportsNotConnected) {
-    Probe client("127.0.0.1", port, false, false);
-    client.setServiceName("svc");
-    RawResult result;
-    WatchedThread user([&] { result = rawWrite(client, "abc"); });
-    const UniqueFd peer = accept();
-    sendAll(peer.get(), "-");
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(result, raw(0, ENOTCONN));
-}
-
-TEST_F(VornSocketConnectionTest, WhenThePeerClosesInsteadOfAnswering_TheServiceIsRefused) {
-    Probe client("127.0.0.1", port, false, false);
-    client.setServiceName("svc");
-    std::optional<Failure> failed;
-    WatchedThread user([&] { failed = failureOf([&] { client.establish(); }); });
-    accept().reset();
-    EXPECT_TRUE(user.join());
-    EXPECT_EQ(failed, failure(serviceFailed, 0));
-}
 
 TEST_F(VornSocketConnectionTest, WhenTheServiceNameCannotBeSent_TheServiceIsRefusedWithoutReading) {
     VornSocketConnection client("127.0.0.1", port, false, false);
@@ -653,34 +443,6 @@ TEST_F(VornSocketConnectionTest, WhatFollowsTheAnswerIsNotTakenByTheHandshake) {
     sendAll(peer.get(), "+" + bytes("00 00 00 2a"));
     EXPECT_TRUE(user.join());
     EXPECT_EQ(value, 42);
-}
-
-// Exceptions that pass through establishing.
-
-TEST_F(VornSocketConnectionTest, AForeignExceptionPassesAndLeavesNoSocketBehind) {
-    class Throwing : public Probe {
-    public:
-        using Probe::Probe;
-
-        void initialize() override { throw std::runtime_error("foreign"); }
-    };
-
-    Throwing client("127.0.0.1", port, false, false);
-    EXPECT_THROW(client.establish(), std::runtime_error);
-    EXPECT_EQ(client.m_pClient, nullptr);
-}
-
-TEST_F(VornSocketConnectionTest, AnOwnExceptionOfTheHooksIsTheResult) {
-    class Throwing : public Probe {
-    public:
-        using Probe::Probe;
-
-        bool connectToServiceImpl() override { throw VornException("own text", 42); }
-    };
-
-    Throwing client("127.0.0.1", port, false, false);
-    EXPECT_EQ(failureOf([&] { client.establish(); }), failure("own text", 42));
-    EXPECT_EQ(client.m_pClient, nullptr);
 }
 
 // Names.

@@ -1,5 +1,9 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+/*
+ * The two exceptions of failed look-ups, which differ in nothing but their names.
+ */
+
 #include "LeakCheckedTest.h"
 #include "SharedObject.h"
 #include "plugins/RegistryPlugin.h"
@@ -10,39 +14,69 @@
 
 #include <VornException.h>
 #include <VornObjectBase.h>
+#include <VornUnableToResolveAddressException.h>
 #include <VornUnableToResolveNameException.h>
 #include <gtest/gtest.h>
 
 using namespace VornTest;
+using VornNet::VornUnableToResolveAddressException;
 using VornNet::VornUnableToResolveNameException;
 using VornSupport::VornException;
 using VornSupport::VornString;
 
 namespace {
 
-class VornUnableToResolveNameExceptionTest : public LeakCheckedTest {};
+/** Which of them is tested. */
+struct Names {
+    template <typename Exception>
+    static std::string GetName(int /*index*/) {
+        return std::is_same_v<Exception, VornUnableToResolveNameException>
+                   ? "VornUnableToResolveNameException"
+                   : "VornUnableToResolveAddressException";
+    }
+};
+
+template <typename Exception>
+class ResolveException : public LeakCheckedTest {
+protected:
+    static std::string name() { return Names::GetName<Exception>(0); }
+
+    /** Throws the exception from another shared object. */
+    void throwOverThere() const {
+        const bool isName = std::is_same_v<Exception, VornUnableToResolveNameException>;
+        m_plugin.function<decltype(throwUnableToResolveName)>(
+            isName ? "throwUnableToResolveName" : "throwUnableToResolveAddress")("over there");
+    }
+
+private:
+    const SharedObject m_plugin{VORNTEST_REGISTRY_PLUGIN_FILE};
+};
+
+using Exceptions = testing::Types<VornUnableToResolveNameException, VornUnableToResolveAddressException>;
+TYPED_TEST_SUITE(ResolveException, Exceptions, Names);
 
 } // namespace
 
-TEST_F(VornUnableToResolveNameExceptionTest, TextIsItsNameABlankAHyphenABlankAndTheMessage) {
-    const VornUnableToResolveNameException exception("host1");
-    EXPECT_EQ(exception.getText(), "VornUnableToResolveNameException - host1");
-    EXPECT_EQ(exception.getUText(), L"VornUnableToResolveNameException - host1");
+TYPED_TEST(ResolveException, TextIsItsNameABlankAHyphenABlankAndTheMessage) {
+    const TypeParam exception("host1");
+    const std::string text = this->name() + " - host1";
+    EXPECT_EQ(exception.getText(), text);
+    EXPECT_EQ(exception.getUText(), std::wstring(text.begin(), text.end()));
     EXPECT_EQ(exception.getCode(), 0);
 }
 
-TEST_F(VornUnableToResolveNameExceptionTest, AnyMessage_IsKeptByteForByte) {
-    EXPECT_EQ(VornUnableToResolveNameException("").getText(), "VornUnableToResolveNameException - ");
+TYPED_TEST(ResolveException, AnyMessage_IsKeptByteForByte) {
+    EXPECT_EQ(TypeParam("").getText(), this->name() + " - ");
     const VornString odd("\xFF\0 \xC3", 4);
-    EXPECT_EQ(VornUnableToResolveNameException(odd).getText(), "VornUnableToResolveNameException - " + odd);
+    EXPECT_EQ(TypeParam(odd).getText(), this->name() + " - " + odd);
 }
 
-TEST_F(VornUnableToResolveNameExceptionTest, CopiesAndAssigns_MemberByMember) {
-    VornUnableToResolveNameException original("host1");
+TYPED_TEST(ResolveException, CopiesAndAssigns_MemberByMember) {
+    TypeParam original("host1");
     original.setCode(7);
     original.pushMessage(L"message");
-    const VornUnableToResolveNameException copy(original);
-    VornUnableToResolveNameException assigned("other");
+    const TypeParam copy(original);
+    TypeParam assigned("other");
     assigned = original;
     for (const VornException* each :
          {static_cast<const VornException*>(&copy), static_cast<const VornException*>(&assigned)}) {
@@ -53,42 +87,33 @@ TEST_F(VornUnableToResolveNameExceptionTest, CopiesAndAssigns_MemberByMember) {
     }
 }
 
-TEST_F(VornUnableToResolveNameExceptionTest, IsCaughtByItsTypeAndAsItsBase) {
-    EXPECT_THROW(throw VornUnableToResolveNameException("host1"), VornUnableToResolveNameException);
-    EXPECT_THROW(throw VornUnableToResolveNameException("host1"), VornException);
+TYPED_TEST(ResolveException, IsCaughtByItsTypeAndAsItsBase) {
+    EXPECT_THROW(throw TypeParam("host1"), TypeParam);
+    EXPECT_THROW(throw TypeParam("host1"), VornException);
 }
 
-TEST_F(VornUnableToResolveNameExceptionTest, ThrownByAnotherSharedObject_IsCaughtByItsType) {
-    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
-    const auto thrower = plugin.function<decltype(throwUnableToResolveName)>("throwUnableToResolveName");
+TYPED_TEST(ResolveException, ThrownByAnotherSharedObject_IsCaughtByItsTypeAndAsItsBase) {
     std::string text;
     try {
-        thrower("over there");
-    } catch (const VornUnableToResolveNameException& exception) {
+        this->throwOverThere();
+    } catch (const TypeParam& exception) {
         text = exception.getText();
     }
-    EXPECT_EQ(text, "VornUnableToResolveNameException - over there");
+    EXPECT_EQ(text, this->name() + " - over there");
+    EXPECT_THROW(this->throwOverThere(), VornException);
 }
 
-TEST_F(VornUnableToResolveNameExceptionTest, CaughtAsItsBase_HasItsOwnRunTimeTypeName) {
-    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
-    const auto thrower = plugin.function<decltype(throwUnableToResolveName)>("throwUnableToResolveName");
+TYPED_TEST(ResolveException, CaughtAsItsBase_HasItsOwnRunTimeTypeName) {
     std::string name;
     try {
-        thrower("over there");
+        this->throwOverThere();
     } catch (const VornException& exception) {
         name = VornSupport::VornObjectBase::normalizeClassName(typeid(exception).name());
     }
-    EXPECT_EQ(name, "VornNet::VornUnableToResolveNameException");
+    EXPECT_EQ(name, "VornNet::" + this->name());
 }
 
-TEST_F(VornUnableToResolveNameExceptionTest, ThrownByAnotherSharedObject_IsCaughtAsItsBase) {
-    const SharedObject plugin(VORNTEST_REGISTRY_PLUGIN_FILE);
-    const auto thrower = plugin.function<decltype(throwUnableToResolveName)>("throwUnableToResolveName");
-    EXPECT_THROW(thrower("over there"), VornException);
-}
-
-TEST_F(VornUnableToResolveNameExceptionTest, HasNoFieldsOfItsOwn) {
-    EXPECT_EQ(sizeof(VornUnableToResolveNameException), sizeof(VornException));
-    EXPECT_TRUE((std::is_base_of_v<VornException, VornUnableToResolveNameException>));
+TYPED_TEST(ResolveException, HasNoFieldsOfItsOwn) {
+    EXPECT_EQ(sizeof(TypeParam), sizeof(VornException));
+    EXPECT_TRUE((std::is_base_of_v<VornException, TypeParam>));
 }
