@@ -11,12 +11,12 @@ namespace VornNet {
  * A connection whose transport is a block of memory: what is written is appended, what is read is taken from
  * the front in the same order.
  *
- * Made empty it composes a message (VornUDPSocketConnection sends the block as one datagram); made from bytes
- * it decodes one (VornUDPServerSocket hands out each datagram so). Reading and writing may alternate. Read
- * space is not used again and the block never shrinks; disconnect() keeps both. The capacity grows by the
- * size of the write that does not fit, rounded up to the next 8192 bytes, and realloc(3) may move the block
- * at each step. It is meant for messages of some KiB; what is larger is written in few large pieces, or put()
- * on a stream connection.
+ * Created empty, it composes a message (VornUDPSocketConnection sends the block as one datagram); made from
+ * bytes it decodes one (VornUDPServerSocket hands out each datagram so). Reading and writing may alternate.
+ * Read space is not used again and the block never shrinks; disconnect() keeps both. The capacity grows by
+ * the size of the write that does not fit, rounded up to the next 8192 bytes, and realloc(3) may move the
+ * block at each step. It is meant for messages of some KiB; what is larger is written in few large pieces, or
+ * put() on a stream connection.
  *
  * Thread-safety: none; one thread at a time.
  * Blocking: never.

@@ -179,7 +179,7 @@ public:
      * Looks at the next line (text ended by CR LF) without consuming it. When nothing is waiting it looks
      * three times within 200 ms. A line that has arrived only in part is no line yet.
      * @param pBuffer     receives what is looked at and a zero byte; a line without its CR LF. What stands
-     * behind that is left as it was
+     * after that is left as it was
      * @param nSize       on entry the capacity of @p pBuffer in bytes, terminator included; on exit the
      * number of waiting bytes looked at. A capacity of 1 has room for none: false, with 0 and the
      * transport's error

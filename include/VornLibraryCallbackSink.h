@@ -89,7 +89,7 @@ protected:
     VornString m_sIpAddr;                               ///< this host's address, empty for a pipe
     VornString m_sCallbackName;                         ///< the callback address; under a lock of the library
     VornSmartPointer<VornIPCServer> m_spCallbackServer; ///< set by the thread before it is started
-    bool m_bThreadStarted;                              ///< the server is made; atomic, set by the thread
+    bool m_bThreadStarted;                              ///< there is a server; atomic, set by the thread
     short m_nCallbackServerPort;                        ///< atomic, written by the thread
     VornCallbackContainer m_callbackContainer;          ///< has a lock of its own
 

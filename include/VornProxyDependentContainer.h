@@ -35,7 +35,7 @@ typedef std::map<VornProxyDependentIdentifier, VornSmartPointer<VornProxyDepende
  */
 class VORNNET_API VornProxyDependentContainer {
 public:
-    /** @return the one registry, made empty when there is none. */
+    /** @return the one registry, created empty when there is none. */
     static VornProxyDependentContainer& getInstance();
 
     /** Destroys the registry and releases every entry; nothing happens when there is none. Nobody may use

@@ -34,7 +34,7 @@ protected:
     VornSmartPointer<VornConnection> waitForClientImpl(bool bIdentify, VornString& sExceptionMessage,
                                                        int& nErrorCode) override;
 
-    /** Does nothing: there is no socket to make. */
+    /** Does nothing: there is no socket to open. */
     void init() override;
 
     void* m_pSSLImpl;              ///< always null

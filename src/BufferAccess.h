@@ -18,8 +18,8 @@ namespace VornNet {
  * The long way is a chain of virtual calls, establish, put, raw transfer, each of which a derived class may
  * override. It is left out only for an object whose class is exactly one of the library's own buffer
  * connections, so that nobody's override can be missed, and which is established, so that nothing is left to
- * be called. There the chain ends in a copy to or from the block, and this is that copy. Whatever else is the
- * case (no room, not enough data) takes the long way.
+ * be called. There the chain ends in a copy to or from the block, and this is that copy. In every other case
+ * (no room, not enough data) the long way is taken.
  */
 class BufferAccess {
 public:

@@ -74,7 +74,7 @@ bool ServerGate::Wait::end() {
 ServerGate::Closing::Closing(const VornIPCServer& server, void*& cell)
     : m_server(&server), m_cell(cell), m_isNeeded(false), m_isShared(false) {
     std::unique_lock lock(ServerRegistry::lock());
-    // Who closes already waits for this thread, if it is in a signal handler during its own wait.
+    // If this thread is in a signal handler during its own wait, the closing thread already waits for it.
     while (isClosing(m_server) && !isWaitedOn(m_server, true))
         changed().wait(lock);
     m_isNeeded = !isClosing(m_server) && readShared(m_cell) != nullptr;
@@ -116,11 +116,11 @@ void ServerGate::Closing::close(bool& bInitialized, int nPort) {
 }
 
 void ServerGate::Closing::shutDown(int descriptor, std::unique_lock<std::mutex>& lock) {
-    // It ends a blocked accept() and recvfrom() wherever the socket is bound, and one that is only about to
-    // block; also one of a derived class, which the lists do not know. On a datagram socket it reports
-    // ENOTCONN and works all the same.
+    // It ends an accept() or recvfrom() that blocks or is about to block, wherever the socket is bound, and
+    // also that of a derived class, which the lists do not know. On a datagram socket it reports ENOTCONN and
+    // works all the same.
     System::shutdown(descriptor, SHUT_RDWR);
-    // It is done again until they have left: one that fails would leave them, and this thread, forever.
+    // Repeated until they have left: after a shutdown() that failed, they and this thread would wait forever.
     const auto haveLeft = [this] { return !isWaitedOn(m_server, false); };
     while (!haveLeft() && !changed().wait_for(lock, std::chrono::milliseconds(20), haveLeft))
         System::shutdown(descriptor, SHUT_RDWR);

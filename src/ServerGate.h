@@ -21,7 +21,7 @@ class VornIPCServer;
  * A descriptor's number may be given to a stranger as soon as it is closed, so nobody may close it while
  * somebody is about to use it. The closing thread shuts the socket down, which ends the wait, closes it when
  * the waiting thread has left, and holds newcomers back until it is done. So close() returns when the port is
- * free, and whoever waits again never meets a socket that is half closed.
+ * free, and the next wait never meets a half-closed socket.
  *
  * Some waiting threads cannot be waited for: the closing thread itself, when it closes in a signal handler,
  * and those that wait on a socket which is shared with the parent of a fork, where a shutdown() would end the

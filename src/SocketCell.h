@@ -36,7 +36,7 @@ public:
 
     /**
      * While it exists, other threads can end the reads from a connection's socket. The child of a fork closes
-     * the socket, unless the watching thread itself has forked: who uses the connection is not there.
+     * the socket, since the thread that uses it is not there; but not if that thread itself has forked.
      */
     class Watch : public IntrusiveList<Watch>::Link {
     public:

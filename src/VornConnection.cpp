@@ -69,7 +69,7 @@ std::uint64_t asTravels(long lValue) {
     return static_cast<std::uint64_t>(static_cast<std::uint32_t>(lValue)) << 32;
 }
 
-// The long ways are functions of their own, so that the short ones need no stack frame.
+// The long way is a separate function, so that the short one needs no stack frame.
 
 template <typename Unsigned>
 [[gnu::noinline]] void writeTheLongWay(VornConnection& connection, Unsigned value) {
@@ -287,14 +287,14 @@ bool VornConnection::peekLine(char* pBuffer, int& nSize, int& nErrorCode) {
     for (int nTries = 1;; ++nTries) {
         int n = nCapacity;
         peekBytes(pBuffer, n, nErrorCode);
-        // A refused connection leaves the size as it was: the error decides.
+        // A refused connection leaves the size unchanged: the error decides.
         nSize = nErrorCode != 0 ? 0 : std::clamp(n, 0, nCapacity);
         if (nSize > 0 || nErrorCode != 0 || nTries == cMostTries)
             break;
         VornSleep(cPause);
     }
     pBuffer[nSize] = '\0';
-    // A buffer connection claims the whole room, whatever it has copied; an old line must not show behind
+    // A buffer connection claims the whole room, whatever it has copied; an old line must not show after
     // that.
     if (nSize == nCapacity)
         pBuffer[BufferAccess::shown(*this, nSize)] = '\0';

@@ -19,8 +19,8 @@ VornSmartPointer<VornConnection> VornIPCServer::waitForClient(bool bIdentify) {
         int nErrorCode = 0;
         VornSmartPointer<VornConnection> spClient =
             waitForClientImpl(bIdentify, sExceptionMessage, nErrorCode);
-        // From here on nothing of this object may be touched: whoever closed the server may have destroyed
-        // it.
+        // From here on nothing of this object may be touched: the thread that closed the server may have
+        // destroyed it.
         if (spClient == nullptr && !sExceptionMessage.empty())
             throw VornException(sExceptionMessage, nErrorCode);
         return spClient;

@@ -59,7 +59,7 @@ struct ExitMark {
     ~ExitMark() { t_bExiting = true; }
 };
 
-/** Keeps a wait that fails at once, again and again, from taking a whole processor. */
+/** Keeps a wait that fails again and again from taking a whole processor. */
 void pauseAfter(int nFailedWaits) {
     constexpr int cLongestPause = 100;
     VornSleep(std::min(cLongestPause, 1 << std::min(nFailedWaits - 1, 7)));
@@ -170,7 +170,7 @@ void VornLibraryCallbackSink::establishDefaultCallbackServer() {
 
 void VornLibraryCallbackSink::waitForServerPort() {
     constexpr useconds_t cPause = 1000;
-    // Kept: without limit. When the server cannot be made, the thread's record at level 1 is all that tells.
+    // Kept: without limit. If the server cannot be created, the thread's record at level 1 is the only sign.
     while (!readShared(m_bThreadStarted))
         System::usleep(cPause);
     if (m_spCallbackServer != nullptr)
@@ -180,9 +180,8 @@ void VornLibraryCallbackSink::waitForServerPort() {
 bool VornLibraryCallbackSink::tryNextPort() {
     if (m_sCallbackType != "udp" && m_sCallbackType != "socket")
         return false;
-    const auto nPort =
-        static_cast<short>(m_nCallbackServerPort + 1);       // wraps to the negative ports behind 32767
-    publishAddress(m_sIpAddr + ":" + std::to_string(nPort)); // it alone can fail
+    const auto nPort = static_cast<short>(m_nCallbackServerPort + 1); // after 32767 come the negative ports
+    publishAddress(m_sIpAddr + ":" + std::to_string(nPort));          // first: only this can fail
     writeShared(m_nCallbackServerPort, nPort);
     VornIPCServer* pServer = m_spCallbackServer;
     if (auto* pServerSocket = dynamic_cast<VornServerSocket*>(pServer))

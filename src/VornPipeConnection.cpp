@@ -105,7 +105,7 @@ int VornPipeConnection::establishImpl(VornString& sExceptionMessage) {
         VORN_PROBE(connection__refused, "pipe", m_sPipeName.c_str(), 0, nCode);
         return nCode;
     } catch (...) {
-        // A socket left behind half connected would pass for an established connection.
+        // A half-connected socket that stayed would pass for an established connection.
         SocketCell::close(m_pipeHandle);
         throw;
     }

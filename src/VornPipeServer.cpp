@@ -53,7 +53,7 @@ void bindTo(int fd, const VornString& sPath) {
     if (!address.fits())
         throw VornException(cPrepareFailed, ENAMETOOLONG);
     System::unlink(sPath.c_str());
-    // bind() makes the file with the socket's mode, so it is never open to others, whatever the umask.
+    // bind() creates the file with the socket's mode, so it is never open to others, whatever the umask.
     System::fchmod(fd, cOwnerOnly);
     if (System::bind(fd, address.get(), address.length()) == -1)
         throw VornException(cPrepareFailed, errno);
@@ -102,8 +102,8 @@ Readiness awaitReadiness(int wakeUp, int listener) {
 }
 
 void signalWaiter(int writeEnd) {
-    // One signal is enough to wake the thread; a pipe that is full of them must not block the one that
-    // closes.
+    // One signal is enough to wake the thread; a pipe that is full of signals must not block the closing
+    // thread.
     pollfd entry{writeEnd, POLLOUT, 0};
     if (System::poll(&entry, 1, 0) == 1 && (entry.revents & POLLOUT) != 0) {
         const int nSignal = 0;

@@ -44,8 +44,8 @@ void VornProxyDependentContainer::deleteInstance() {
     VornProxyDependentContainer* pInstance = readShared(m_pThis);
     if (pInstance == nullptr)
         return;
-    // The entries go first, while this is still the registry: a proxy that asks for it as it is destroyed
-    // would make another one.
+    // The entries go first, while this is still the registry: a proxy whose destructor asks for the registry
+    // would create another one.
     pInstance->letGo();
     writeShared(m_pThis, nullptr);
     writeShared(g_nEntries, 0);
@@ -101,7 +101,7 @@ VornProxyDependentContainer::VornProxyDependentContainer() = default;
 VornProxyDependentContainer::~VornProxyDependentContainer() = default;
 
 void VornProxyDependentContainer::letGo() {
-    ProxyDependentMap entries; // destroyed behind the lock, which the destructor of a proxy may want
+    ProxyDependentMap entries; // destroyed after the lock is released: a proxy's destructor may want it
     const VornCriticalSection lock(m_lock, true);
     entries.swap(m_proxyDependentMap);
     publishSize(m_proxyDependentMap);

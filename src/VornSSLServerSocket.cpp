@@ -24,7 +24,7 @@ void VornSSLServerSocket::close() {
 VornSmartPointer<VornConnection>
 VornSSLServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessage, int& nErrorCode) {
     try {
-        // Whoever comes in the clear is let go of at once. Since init() makes no socket, nobody comes, and
+        // A client that comes unencrypted is dropped at once. Since init() opens no socket, none comes, and
         // the wait ends as on a closed server.
         VornServerSocket::waitForClientImpl(bIdentify, sExceptionMessage, nErrorCode);
     } catch (const VornException& e) {   // GCOVR_EXCL_LINE: without a socket nothing is thrown

@@ -129,7 +129,7 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
             return {};
         Descriptor client(System::accept(wait.descriptor(), reinterpret_cast<sockaddr*>(&peer), &length));
         const int nError = client.isOpen() ? 0 : errno;
-        // Asked while the descriptor is still ours: a socket that somebody has shut down would fail for ever.
+        // Asked while the descriptor is still ours: a socket that was shut down would fail forever.
         const bool bGoesOn =
             client.isOpen() || (!ServerGate::endsWait(nError) && isListening(wait.descriptor()));
         if (wait.end() || !wait.hasSocket())
@@ -158,7 +158,7 @@ void VornServerSocket::init() {
     const int nPort = readShared(m_nPort);
     sockaddr_in address =
         makeSocketAddress(in_addr{bAnyAddress ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
-    // Linux lets a server bind 255.255.255.255, which is also what inet_addr() makes of a text that is no
+    // Linux lets a server bind 255.255.255.255, which is also what inet_addr() returns for a text that is no
     // address.
     if (address.sin_addr.s_addr == INADDR_NONE)
         throw VornException(cBindFailed, EADDRNOTAVAIL);

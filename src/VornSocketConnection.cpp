@@ -167,7 +167,7 @@ int VornSocketConnection::establishImpl(VornString& sExceptionMessage) {
         VORN_PROBE(connection__refused, "tcp", m_sRemoteName.c_str(), m_nPort, nCode);
         return nCode;
     } catch (...) {
-        // A socket left behind half connected would pass for an established connection.
+        // A half-connected socket that stayed would pass for an established connection.
         SocketCell::close(m_pClient);
         throw;
     }

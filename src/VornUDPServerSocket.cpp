@@ -85,7 +85,7 @@ void VornUDPServerSocket::close() {
         if (!bShared && (nPort & 0xFFFF) != 0)
             wakeUp->send("\0\1", 2);
     }
-    // Nobody depends on the datagram: a waiting thread has left already. A log handler may use the server.
+    // The waiting thread has left already, so the datagram may get lost. A log handler may use the server.
     wakeUp->logFailure();
 }
 

@@ -19,7 +19,7 @@ namespace VornSupport {
  * other threads.
  *
  * A lock that belongs to one object is not taken: a callback may run under it for long, and may even wait for
- * the thread that forks. The child makes such a lock anew, see RenewedInChild.
+ * the thread that forks. The child creates such a lock anew, see RenewedInChild.
  */
 class ForkHandlers : public IntrusiveList<ForkHandlers>::Link {
 public:
@@ -95,7 +95,7 @@ private:
     }
 };
 
-/** Makes a lock or a condition anew in the child of a fork, without a look at the state it is in. */
+/** Creates a lock or a condition anew in the child of a fork, whatever state it is in. */
 template <typename Primitive>
 void makeAnew(Primitive& primitive) {
     new (&primitive) Primitive;

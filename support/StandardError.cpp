@@ -29,8 +29,7 @@ bool awaitRoom(Clock::time_point end) {
 
 /** @return how much was written: all, unless the output failed or had no room until @p end. */
 std::size_t writeAll(std::string_view data, Clock::time_point end) {
-    constexpr int cMostInterruptions =
-        10'000; // in a row: whoever waits for the lock must not wait without end
+    constexpr int cMostInterruptions = 10'000; // in a row: other threads wait for the lock
     std::size_t total = 0;
     int nInterruptions = 0;
     while (total < data.size()) {

@@ -19,7 +19,7 @@ struct VornEvent::State : RenewedInChild<VornEvent::State> {
     std::mutex lock;
     std::condition_variable signalled;
     bool isSet = false;
-    int descriptor = -1; // made when first asked for: most events are never polled
+    int descriptor = -1; // created when first asked for: most events are never polled
 
     void startAfresh() {
         makeAnew(lock);

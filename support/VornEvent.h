@@ -45,7 +45,7 @@ public:
 
     /**
      * @return a descriptor (eventfd(2), close-on-exec) that poll(2) finds readable exactly while the event is
-     *         signalled, made by the first call; -1 with errno when it cannot be made. It is for polling
+     *         signalled, created by the first call; -1 with errno if that fails. It is for polling
      * only: reading it, writing it and closing it are the event's own.
      */
     virtual int getHandle();
@@ -53,7 +53,7 @@ public:
     /** @return a new notification with id 0, to be given back to destroyNotification(). */
     virtual VornNotification* createNotification();
 
-    /** Destroys what createNotification() made; null is allowed. */
+    /** Destroys what createNotification() returned; null is allowed. */
     virtual void destroyNotification(VornNotification* pNotification);
 
 private:

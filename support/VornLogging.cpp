@@ -64,8 +64,8 @@ std::mutex& levelLock() {
     return lock.object;
 }
 
-// A thread that forks in a log handler holds the handler's lock, in the child under an id that it has no
-// more.
+// A thread that forks in a log handler holds the handler's lock; in the child it has another id, and so no
+// longer owns that lock.
 const ForkHandlers g_forkHandlers(
     [] {
         theOutput().lock.lock();
@@ -118,7 +118,7 @@ void appendPrefix(VornString& line, int level) {
     line.append(prefix.data(), static_cast<std::size_t>(length));
 }
 
-/** Shows control characters as \xNN: a text that a peer had a hand in must not look like further records. */
+/** Shows control characters as \xNN: a text that comes from a peer must not look like further records. */
 void appendPrintable(VornString& line, const VornString& text) {
     static constexpr const char* cDigits = "0123456789abcdef";
     for (const char character : text) {
@@ -238,7 +238,7 @@ void VornLogging::completeRecord() {
         if (!isForTracersOnly(record->level))
             emitRecord(*record);
     } catch (...) {
-        // A log handler's trouble is not the trouble of the code that logs.
+        // A failing log handler must not fail the code that logs.
         if (isCancellation())
             throw;
     }

@@ -24,12 +24,12 @@ VornObjectBase& VornObjectBase::operator=(const VornObjectBase& /*source*/) {
 VornObjectBase::~VornObjectBase() = default;
 
 void VornObjectBase::addRef() {
-    // Whoever adds a reference holds one already, so nothing has to be ordered by this.
+    // A caller that adds a reference already holds one, so this need not order anything.
     std::atomic_ref(m_nRefCount).fetch_add(1, std::memory_order_relaxed);
 }
 
 void VornObjectBase::release() {
-    // The thread that destroys must see everything that the others did with the object before they let go.
+    // The destroying thread must see everything that the others did with the object before they let go.
     if (std::atomic_ref(m_nRefCount).fetch_sub(1, std::memory_order_acq_rel) == 1)
         delete this;
 }

@@ -40,7 +40,7 @@ using VornUString = std::wstring;
  */
 VORNSUPT_API void VornStringToChar(const VornString& s, char* buffer, int size);
 
-/** @return a text made of the zero-terminated @p text; an empty one for a null pointer. */
+/** @return a copy of the zero-terminated @p text; an empty one for a null pointer. */
 VORNSUPT_API VornString VornStringFromChar(const char* text);
 
 /**
