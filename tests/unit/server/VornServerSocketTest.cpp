@@ -174,37 +174,11 @@ TEST_F(VornServerSocketTest, Init_WithAnAddressOfAnotherHost_FailsToBind) {
               (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}));
 }
 
-TEST_F(VornServerSocketTest, Init_TakesTheLow16BitsOfThePort) {
-    Probe high(70000, 5, "127.0.0.1");
-    Probe negative(-1, 5, "127.0.0.1");
-    high.init();
-    negative.init();
-    EXPECT_EQ(localPort(socketOf(high)), 70000 - 65536);
-    EXPECT_EQ(localPort(socketOf(negative)), 65535);
-    EXPECT_EQ(high.getPort(), 70000);
-}
-
 TEST_F(VornServerSocketTest, Init_WithPortZero_ListensWhereTheSystemChoosesAndDoesNotLearnIt) {
     Probe server(0, 5, "*");
     server.init();
     EXPECT_GT(localPort(socketOf(server)), 0);
     EXPECT_EQ(server.getPort(), 0);
-}
-
-TEST_F(VornServerSocketTest, Init_AsksTheVirtualBindAddress) {
-    class Elsewhere : public Probe {
-    public:
-        Elsewhere() : Probe(port, 5, "*"), m_sElsewhere("127.0.0.2") {}
-
-        const VornString& getBindAddress() override { return m_sElsewhere; }
-
-    private:
-        VornString m_sElsewhere;
-    };
-
-    Elsewhere server;
-    server.init();
-    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.2");
 }
 
 TEST_F(VornServerSocketTest, Init_LogsAddressAndPortAsASigned16BitNumberAtLevel5) {
@@ -221,18 +195,6 @@ TEST_F(VornServerSocketTest, Init_WithPortZero_LogsTheConfiguredPort) {
     server.init();
     EXPECT_THAT(log.records(),
                 ElementsAre(Record{5, "VornServerSocket::init: Using IP Address 0.0.0.0 Port: 0"}));
-}
-
-TEST_F(VornServerSocketTest, AtLevel4_NothingIsLogged) {
-    useHostsFile("127.0.0.1 alpha\n");
-    const LogCapture log(4);
-    Probe server(port, 5, "*");
-    server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha");
-    reset(peer);
-    server.close();
-    EXPECT_THAT(log.records(), IsEmpty());
 }
 
 TEST_F(VornServerSocketTest, WhenThePortIsInUse_ThrowsTheBindTextAndTriesAnotherPortLater) {
@@ -285,22 +247,6 @@ INSTANTIATE_TEST_SUITE_P(
                     InitFault{"listen", "listen", EOPNOTSUPP,
                               "VornServerSocket::init: failed to listen on bound socket."}),
     [](const testing::TestParamInfo<InitFault>& row) { return row.param.name; });
-
-TEST_F(VornServerSocketTest, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
-    class Failing : public Probe {
-    public:
-        Failing() : Probe(port, 5, "*") {}
-
-    protected:
-        void init() override { throw VornException("derived", 12); }
-    };
-
-    Failing server;
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, "derived");
-    EXPECT_EQ(outcome.code, 12);
-}
 
 TEST_F(VornServerSocketTest, Wait_LogsThatItIsReadyAtLevel5) {
     Probe server(port, 5, "*");
@@ -381,17 +327,6 @@ TEST_F(VornServerSocketTest, Client_FromAnyOtherAddress_IsNotLocal) {
         EXPECT_FALSE(waitFor(server).client()->getLocalAccess()) << address;
         reset(peer);
     }
-}
-
-TEST_F(VornServerSocketTest, Client_WithoutIdentify_HasNoNameAndNobodyIsAsked) {
-    useHostsFile("127.0.0.1 alpha\n");
-    Probe server(port, 5, "*");
-    server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    const CallTrace trace;
-    EXPECT_EQ(waitFor(server, false).client()->getRemoteName(), "");
-    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Client_WithIdentify_HasTheOfficialName) {
@@ -483,18 +418,6 @@ TEST_F(VornServerSocketTest, AtLevel0_AcceptErrorsAreNotLogged) {
     reset(peer);
 }
 
-TEST_F(VornServerSocketTest, Wait_RetriesWithoutLimitAndWithoutDelay) {
-    Probe server(port, 5, "*");
-    server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    const FaultRule fault("accept", EMFILE, 1, 1000);
-    const FaultRule sleeps("usleep", 0, 1, 0);
-    EXPECT_NE(waitFor(server).client(), nullptr);
-    EXPECT_EQ(fault.failures(), 1000);
-    EXPECT_EQ(sleeps.calls(), 0);
-    reset(peer);
-}
-
 TEST_F(VornServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyAndTheServerGoesOnListening) {
     const Interrupter interrupter;
     Probe server(port, 5, "*");
@@ -552,18 +475,6 @@ TEST_F(VornServerSocketTest, WaitForInit_WhenListening_ReturnsAtOnce) {
     const CallTrace trace;
     server.waitForInit();
     EXPECT_THAT(callsOf(trace), IsEmpty());
-}
-
-TEST_F(VornServerSocketTest, WaitForInit_LooksEveryMillisecondUntilAnotherThreadListens) {
-    Probe server(port, 5, "*");
-    const CallTrace trace;
-    WatchedThread thread([&] { server.waitForInit(); });
-    ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
-    EXPECT_FALSE(thread.finished());
-    for (const CallRecord& call : trace.records("usleep"))
-        EXPECT_EQ(call.second, 1000);
-    server.init();
-    EXPECT_TRUE(thread.join());
 }
 
 TEST_F(VornServerSocketTest, SetPort_BeforeListening_ChangesThePort) {
@@ -647,16 +558,6 @@ TEST_F(VornServerSocketTest, Close_ClosesTheListenerOnlyWhenNobodyUsesIt) {
     EXPECT_THAT(uses, ElementsAre("accept", "close"));
 }
 
-TEST_F(VornServerSocketTest, Destructor_ClosesTheListener) {
-    int listener = -1;
-    {
-        Probe server(port, 5, "*");
-        server.init();
-        listener = socketOf(server);
-    }
-    EXPECT_FALSE(isOpen(listener));
-}
-
 TEST_F(VornServerSocketTest, WhenTheServersSideClosesAClientFirst_ThePortIsRefusedAfterwards) {
     // A port of its own, for it stays taken for a minute.
     constexpr int lost = 6023;
@@ -733,70 +634,6 @@ TEST_F(VornServerSocketTest, Close_WhenAnotherIsFaster_DoesNothingMore) {
     EXPECT_EQ(server.m_pSocketImpl, nullptr);
 }
 
-TEST_F(VornServerSocketTest, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_ReturnsNoClient) {
-    Probe server(port, 5, "*");
-    server.init();
-    const std::unique_ptr<int> cell(static_cast<int*>(server.m_pSocketImpl));
-    const UniqueFd socket(*cell);
-    const CallHook hook("accept",
-                        [&] { __atomic_store_n(&server.m_pSocketImpl, nullptr, __ATOMIC_RELEASE); });
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, untouchedCode);
-    reset(peer);
-}
-
-TEST_F(VornServerSocketTest, Wait_WhenAnotherThreadsCloseHasEndedIt_ReturnsOnlyWhenThatCloseIsOver) {
-    Probe server(port, 5, "*");
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    HeldCall closing("close");
-    WatchedThread closer([&] { server.close(); });
-    ASSERT_TRUE(closing.awaitReached());
-    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
-    EXPECT_FALSE(wait.thread().finished());
-    closing.open();
-    expectQuiet(wait.outcome());
-    EXPECT_TRUE(closer.join());
-}
-
-TEST_F(VornServerSocketTest, Wait_BegunDuringAnotherThreadsClose_OpensTheServerAgainAfterwardsAndServes) {
-    Probe server(port, 5, "*");
-    server.init();
-    HeldCall closing("close");
-    WatchedThread closer([&] { server.close(); });
-    ASSERT_TRUE(closing.awaitReached());
-    ClientWait wait(server);
-    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
-    EXPECT_FALSE(wait.thread().finished());
-    closing.open();
-    EXPECT_TRUE(closer.join());
-    ASSERT_TRUE(wait.awaitBlocked());
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    EXPECT_NE(wait.outcome().client(), nullptr);
-    reset(peer);
-}
-
-TEST_F(VornServerSocketTest, TwoWaitsOnOneServer_DoNotHoldEachOtherUp) {
-    Probe server(port, 5, "*");
-    server.init();
-    ClientWait first(server);
-    ASSERT_TRUE(first.awaitBlocked());
-    ClientWait second(server);
-    ASSERT_TRUE(second.awaitBlocked());
-    const auto finished = [&] { return first.thread().finished() + second.thread().finished(); };
-    UniqueFd one = tcpConnect("127.0.0.1", port);
-    EXPECT_TRUE(awaitCondition([&] { return finished() == 1; }));
-    UniqueFd other = tcpConnect("127.0.0.1", port);
-    EXPECT_TRUE(awaitCondition([&] { return finished() == 2; }));
-    EXPECT_NE(first.outcome().client(), nullptr);
-    EXPECT_NE(second.outcome().client(), nullptr);
-    reset(one);
-    reset(other);
-}
-
 TEST_F(VornServerSocketTest, Close_EndsAWaitThatADerivedClassDoesItself) {
     static std::atomic<bool> isOpen{false};
 
@@ -856,14 +693,4 @@ TEST_F(VornServerSocketTest, Client_WithIdentifyAndAnAnswerThatIsNeverLongEnough
     // 1,024 bytes at first, twice as much each time.
     EXPECT_EQ(tooShort.calls(), 15);
     reset(peer);
-}
-
-TEST_F(VornServerSocketTest, Close_WhenTheWaitCannotBeEndedAtFirst_TriesAgain) {
-    Probe server(port, 5, "*");
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    const FaultRule failing("shutdown", ENOBUFS, 1, 2);
-    server.close();
-    expectQuiet(wait.outcome());
-    EXPECT_EQ(failing.failures(), 2);
 }

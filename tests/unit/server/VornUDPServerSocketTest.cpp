@@ -178,28 +178,6 @@ TEST_F(VornUDPServerSocketTest, Init_WithATextThatIsNoAddress_BindsTheBroadcastA
     }
 }
 
-TEST_F(VornUDPServerSocketTest, Init_AsksTheVirtualBindAddress) {
-    class Elsewhere : public Probe {
-    public:
-        Elsewhere() : Probe(port, "*", 100), m_sElsewhere("127.0.0.2") {}
-
-        const VornString& getBindAddress() override { return m_sElsewhere; }
-
-    private:
-        VornString m_sElsewhere;
-    };
-
-    Elsewhere server;
-    server.init();
-    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.2");
-}
-
-TEST_F(VornUDPServerSocketTest, Init_TakesTheLow16BitsOfThePort) {
-    Probe server(70000, "127.0.0.1", 100);
-    server.init();
-    EXPECT_EQ(localPort(socketOf(server)), 70000 - 65536);
-}
-
 TEST_F(VornUDPServerSocketTest, Init_LogsAddressAndConfiguredPortAtLevel5) {
     const LogCapture log(5);
     Probe server(40000, "127.0.0.1", 100);
@@ -209,17 +187,6 @@ TEST_F(VornUDPServerSocketTest, Init_LogsAddressAndConfiguredPortAtLevel5) {
     EXPECT_THAT(log.records(),
                 ElementsAre(Record{5, "VornUDPServerSocket::init: Using IP Address 127.0.0.1 Port: 40000"},
                             Record{5, "VornUDPServerSocket::init: Using IP Address 0.0.0.0 Port: 0"}));
-}
-
-TEST_F(VornUDPServerSocketTest, AtLevel4_NothingIsLogged) {
-    useHostsFile("127.0.0.1 alpha\n");
-    const LogCapture log(4);
-    Probe server(port, "*", 100);
-    server.init();
-    send("x");
-    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha");
-    server.close();
-    EXPECT_THAT(log.records(), IsEmpty());
 }
 
 TEST_P(VornUDPServerSocket_InitFault, ReachesTheCallerAndLeavesNothingOpen) {
@@ -267,22 +234,6 @@ TEST_F(VornUDPServerSocketTest, WhenThePortIsInUse_ReportsTheBindTextAndTriesAno
     server.setPort(port);
     server.init();
     EXPECT_EQ(localPort(socketOf(server)), port);
-}
-
-TEST_F(VornUDPServerSocketTest, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
-    class Failing : public Probe {
-    public:
-        Failing() : Probe(port, "*", 100) {}
-
-    protected:
-        void init() override { throw VornException("derived", 12); }
-    };
-
-    Failing server;
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, "derived");
-    EXPECT_EQ(outcome.code, 12);
 }
 
 TEST_F(VornUDPServerSocketTest, Wait_HandsOutADatagramOfTenBytesWhole) {
@@ -418,17 +369,6 @@ TEST_F(VornUDPServerSocketTest, AtLevel0_ReceiveErrorsAreNotLogged) {
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-TEST_F(VornUDPServerSocketTest, Wait_RetriesWithoutLimitAndWithoutDelay) {
-    Probe server(port, "*", 100);
-    server.init();
-    send("x");
-    const FaultRule fault("recvfrom", ECONNREFUSED, 1, 1000);
-    const FaultRule sleeps("usleep", 0, 1, 0);
-    EXPECT_EQ(contentOf(waitFor(server).client()), "x");
-    EXPECT_EQ(fault.failures(), 1000);
-    EXPECT_EQ(sleeps.calls(), 0);
-}
-
 TEST_F(VornUDPServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyWithCode4) {
     const Interrupter interrupter;
     Probe server(port, "*", 100);
@@ -459,16 +399,6 @@ TEST_F(VornUDPServerSocketTest, Wait_WhenClosedWhileADatagramArrives_ReturnsNull
     receiving.open();
     expectQuiet(wait.outcome());
     EXPECT_TRUE(closer.join());
-}
-
-TEST_F(VornUDPServerSocketTest, Client_WithoutIdentify_HasNoNameAndNobodyIsAsked) {
-    useHostsFile("127.0.0.1 alpha\n");
-    Probe server(port, "*", 100);
-    server.init();
-    send("x");
-    const CallTrace trace;
-    EXPECT_EQ(waitFor(server, false).client()->getRemoteName(), "");
-    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
 }
 
 TEST_F(VornUDPServerSocketTest, Client_WithIdentify_HasTheOfficialNameAndIsLoggedWithItsPortInNetworkOrder) {
@@ -600,26 +530,6 @@ TEST_F(VornUDPServerSocketTest, Close_ClosesTheSocketOnlyWhenNobodyUsesIt) {
     EXPECT_THAT(uses, ElementsAre("recvfrom", "close"));
 }
 
-TEST_F(VornUDPServerSocketTest, Destructor_ClosesTheSocket) {
-    int socket = -1;
-    {
-        Probe server(port, "*", 100);
-        server.init();
-        socket = socketOf(server);
-    }
-    EXPECT_FALSE(isOpen(socket));
-}
-
-TEST_F(VornUDPServerSocketTest, WaitForInit_ReturnsWhenAnotherThreadHasBound) {
-    Probe server(port, "*", 100);
-    const CallTrace trace;
-    WatchedThread thread([&] { server.waitForInit(); });
-    ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
-    EXPECT_FALSE(thread.finished());
-    server.init();
-    EXPECT_TRUE(thread.join());
-}
-
 TEST_F(VornUDPServerSocketTest, WaitsWithTheLargestBuffer_CostNoResidentMemory) {
     constexpr int waits = 8;
     std::vector<std::unique_ptr<Probe>> servers;
@@ -696,20 +606,6 @@ TEST_F(VornUDPServerSocketTest, Close_WhileAnotherThreadCloses_WaitsForItAndDoes
     EXPECT_EQ(trace.calls("sendto"), 1);
 }
 
-TEST_F(VornUDPServerSocketTest, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_ReturnsNoClient) {
-    Probe server(port, "*", sinkBuffer);
-    server.init();
-    const std::unique_ptr<int> cell(static_cast<int*>(server.m_pSocketImpl));
-    const UniqueFd socket(*cell);
-    const CallHook hook("recvfrom",
-                        [&] { __atomic_store_n(&server.m_pSocketImpl, nullptr, __ATOMIC_RELEASE); });
-    send("abc");
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, untouchedCode);
-}
-
 TEST_F(VornUDPServerSocketTest, Close_WhenItSendsTheWakeUp_HasGivenUpTheSocketAlready) {
     Probe server(port, "*", sinkBuffer);
     server.init();
@@ -722,52 +618,6 @@ TEST_F(VornUDPServerSocketTest, Close_WhenItSendsTheWakeUp_HasGivenUpTheSocketAl
         server.close();
     }
     EXPECT_EQ(hasSocket, std::optional<bool>(false));
-}
-
-TEST_F(VornUDPServerSocketTest, Wait_WhenAnotherThreadsCloseHasEndedIt_ReturnsOnlyWhenThatCloseIsOver) {
-    Probe server(port, "*", 100);
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    HeldCall closing("close");
-    WatchedThread closer([&] { server.close(); });
-    ASSERT_TRUE(closing.awaitReached());
-    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
-    EXPECT_FALSE(wait.thread().finished());
-    closing.open();
-    expectQuiet(wait.outcome());
-    EXPECT_TRUE(closer.join());
-}
-
-TEST_F(VornUDPServerSocketTest, Wait_BegunDuringAnotherThreadsClose_OpensTheServerAgainAfterwardsAndServes) {
-    Probe server(port, "*", 100);
-    server.init();
-    HeldCall closing("close");
-    WatchedThread closer([&] { server.close(); });
-    ASSERT_TRUE(closing.awaitReached());
-    ClientWait wait(server);
-    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
-    EXPECT_FALSE(wait.thread().finished());
-    closing.open();
-    EXPECT_TRUE(closer.join());
-    ASSERT_TRUE(wait.awaitBlocked());
-    send("abc");
-    EXPECT_NE(wait.outcome().client(), nullptr);
-}
-
-TEST_F(VornUDPServerSocketTest, TwoWaitsOnOneServer_DoNotHoldEachOtherUp) {
-    Probe server(port, "*", 100);
-    server.init();
-    ClientWait first(server);
-    ASSERT_TRUE(first.awaitBlocked());
-    ClientWait second(server);
-    ASSERT_TRUE(second.awaitBlocked());
-    const auto finished = [&] { return first.thread().finished() + second.thread().finished(); };
-    send("one");
-    EXPECT_TRUE(awaitCondition([&] { return finished() == 1; }));
-    send("other");
-    EXPECT_TRUE(awaitCondition([&] { return finished() == 2; }));
-    EXPECT_NE(first.outcome().client(), nullptr);
-    EXPECT_NE(second.outcome().client(), nullptr);
 }
 
 TEST_F(VornUDPServerSocketTest, Wait_BegunWhileCloseSendsItsDatagram_DoesNotTakeItForAClient) {
@@ -802,14 +652,4 @@ TEST_F(VornUDPServerSocketTest, Close_WhenItsDatagramFails_LetsTheLogHandlerUseT
     EXPECT_TRUE(closer.join());
     EXPECT_TRUE(isOpenAgain);
     expectDescriptorLeak(1); // of the datagram that was not sent
-}
-
-TEST_F(VornUDPServerSocketTest, Close_WhenTheWaitCannotBeEndedAtFirst_TriesAgain) {
-    Probe server(port, "*", 100);
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    const FaultRule failing("shutdown", ENOBUFS, 1, 2);
-    server.close();
-    expectQuiet(wait.outcome());
-    EXPECT_EQ(failing.failures(), 2);
 }

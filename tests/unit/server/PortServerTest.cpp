@@ -1,0 +1,269 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+/**
+ * @file
+ * What TCP and UDP servers have in common, and pipe servers do not.
+ */
+
+#include <VornServerSocket.h>
+#include <VornUDPServerSocket.h>
+
+#include "Interpose.h"
+#include "LeakCheckedTest.h"
+#include "LogCapture.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ServerTestSupport.h"
+
+#include <cerrno>
+#include <memory>
+
+using namespace VornTest;
+using VornNet::VornServerSocket;
+using VornNet::VornUDPServerSocket;
+
+namespace {
+
+using testing::IsEmpty;
+
+constexpr int port = 5023;
+
+/** A transport: its server, and a client of it. @{ */
+struct Tcp {
+    struct Server : VornServerSocket {
+        explicit Server(int nPort = port, const char* address = "*") : VornServerSocket(nPort, 5, address) {}
+
+        using VornServerSocket::m_pSocketImpl;
+        using VornServerSocket::waitForClientImpl;
+
+        void init() override { VornServerSocket::init(); }
+    };
+
+    static UniqueFd connect() { return tcpConnect("127.0.0.1", port); }
+
+    static constexpr const char* waitsIn = "accept";
+    static constexpr int passingError = EMFILE;
+};
+
+struct Udp {
+    struct Server : VornUDPServerSocket {
+        explicit Server(int nPort = port, const char* address = "*")
+            : VornUDPServerSocket(nPort, address, 100) {}
+
+        using VornUDPServerSocket::m_pSocketImpl;
+        using VornUDPServerSocket::waitForClientImpl;
+
+        void init() override { VornUDPServerSocket::init(); }
+    };
+
+    static UniqueFd connect() {
+        int own = 0;
+        UniqueFd peer = udpSocket("127.0.0.1", own);
+        udpSendTo(peer.get(), "127.0.0.1", port, "x");
+        return peer;
+    }
+
+    static constexpr const char* waitsIn = "recvfrom";
+    static constexpr int passingError = ECONNREFUSED;
+};
+
+/** @} */
+
+template <typename Transport>
+class PortServer : public LeakCheckedTest {
+protected:
+    using Server = typename Transport::Server;
+
+    /** A client, which leaves no port in TIME_WAIT. */
+    class Client {
+    public:
+        Client() = default;
+
+        ~Client() { reset(m_socket); }
+
+        Client(const Client&) = delete;
+        Client& operator=(const Client&) = delete;
+
+    private:
+        UniqueFd m_socket = Transport::connect();
+    };
+
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+};
+
+struct TransportNames {
+    template <typename Transport>
+    static std::string GetName(int /*index*/) {
+        return std::is_same_v<Transport, Tcp> ? "Tcp" : "Udp";
+    }
+};
+
+using Transports = testing::Types<Tcp, Udp>;
+TYPED_TEST_SUITE(PortServer, Transports, TransportNames);
+
+} // namespace
+
+TYPED_TEST(PortServer, AtLevel4_NothingIsLogged) {
+    useHostsFile("127.0.0.1 alpha\n");
+    const LogCapture log(4);
+    typename TestFixture::Server server;
+    server.init();
+    {
+        const typename TestFixture::Client client;
+        EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha");
+    }
+    server.close();
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TYPED_TEST(PortServer, Client_WithoutIdentify_HasNoNameAndNobodyIsAsked) {
+    useHostsFile("127.0.0.1 alpha\n");
+    typename TestFixture::Server server;
+    server.init();
+    const typename TestFixture::Client client;
+    const CallTrace trace;
+    EXPECT_EQ(waitFor(server, false).client()->getRemoteName(), "");
+    EXPECT_EQ(trace.calls("gethostbyaddr_r"), 0);
+}
+
+TYPED_TEST(PortServer, Init_TakesTheLow16BitsOfThePort) {
+    typename TestFixture::Server high(70000, "127.0.0.1");
+    typename TestFixture::Server negative(-1, "127.0.0.1");
+    high.init();
+    negative.init();
+    EXPECT_EQ(localPort(socketOf(high)), 70000 - 65536);
+    EXPECT_EQ(localPort(socketOf(negative)), 65535);
+    EXPECT_EQ(high.getPort(), 70000);
+}
+
+TYPED_TEST(PortServer, Init_AsksTheVirtualBindAddress) {
+    class Elsewhere : public TestFixture::Server {
+    public:
+        const VornString& getBindAddress() override { return m_sElsewhere; }
+
+    private:
+        VornString m_sElsewhere = "127.0.0.2";
+    };
+
+    Elsewhere server;
+    server.init();
+    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.2");
+}
+
+TYPED_TEST(PortServer, WaitForInit_LooksEveryMillisecondUntilAnotherThreadHasBound) {
+    typename TestFixture::Server server;
+    const CallTrace trace;
+    WatchedThread thread([&] { server.waitForInit(); });
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
+    EXPECT_FALSE(thread.finished());
+    for (const CallRecord& call : trace.records("usleep"))
+        EXPECT_EQ(call.second, 1000);
+    server.init();
+    EXPECT_TRUE(thread.join());
+}
+
+TYPED_TEST(PortServer, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
+    class Failing : public TestFixture::Server {
+        void init() override { throw VornException("derived", 12); }
+    };
+
+    Failing server;
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, "derived");
+    EXPECT_EQ(outcome.code, 12);
+}
+
+TYPED_TEST(PortServer, Wait_RetriesWithoutLimitAndWithoutDelay) {
+    typename TestFixture::Server server;
+    server.init();
+    const typename TestFixture::Client client;
+    const FaultRule fault(TypeParam::waitsIn, TypeParam::passingError, 1, 1000);
+    const FaultRule sleeps("usleep", 0, 1, 0);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    EXPECT_EQ(fault.failures(), 1000);
+    EXPECT_EQ(sleeps.calls(), 0);
+}
+
+TYPED_TEST(PortServer, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_ReturnsNoClient) {
+    typename TestFixture::Server server;
+    server.init();
+    const std::unique_ptr<int> cell(static_cast<int*>(server.m_pSocketImpl));
+    const UniqueFd socket(*cell);
+    const CallHook hook(TypeParam::waitsIn,
+                        [&] { __atomic_store_n(&server.m_pSocketImpl, nullptr, __ATOMIC_RELEASE); });
+    const typename TestFixture::Client client;
+    const ImplOutcome outcome = waitForImpl(server);
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, untouchedText);
+    EXPECT_EQ(outcome.code, untouchedCode);
+}
+
+TYPED_TEST(PortServer, Wait_WhenAnotherThreadsCloseHasEndedIt_ReturnsOnlyWhenThatCloseIsOver) {
+    typename TestFixture::Server server;
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    HeldCall closing("close");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(closing.awaitReached());
+    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
+    EXPECT_FALSE(wait.thread().finished());
+    closing.open();
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(closer.join());
+}
+
+TYPED_TEST(PortServer, Wait_BegunDuringAnotherThreadsClose_OpensTheServerAgainAfterwardsAndServes) {
+    typename TestFixture::Server server;
+    server.init();
+    HeldCall closing("close");
+    WatchedThread closer([&] { server.close(); });
+    ASSERT_TRUE(closing.awaitReached());
+    ClientWait wait(server);
+    EXPECT_TRUE(awaitBlockedOnLock(wait.thread().tid()));
+    EXPECT_FALSE(wait.thread().finished());
+    closing.open();
+    EXPECT_TRUE(closer.join());
+    ASSERT_TRUE(wait.awaitBlocked());
+    const typename TestFixture::Client client;
+    EXPECT_NE(wait.outcome().client(), nullptr);
+}
+
+TYPED_TEST(PortServer, TwoWaitsOnOneServer_DoNotHoldEachOtherUp) {
+    typename TestFixture::Server server;
+    server.init();
+    ClientWait first(server);
+    ASSERT_TRUE(first.awaitBlocked());
+    ClientWait second(server);
+    ASSERT_TRUE(second.awaitBlocked());
+    const auto finished = [&] { return first.thread().finished() + second.thread().finished(); };
+    const typename TestFixture::Client one;
+    EXPECT_TRUE(awaitCondition([&] { return finished() == 1; }));
+    const typename TestFixture::Client other;
+    EXPECT_TRUE(awaitCondition([&] { return finished() == 2; }));
+    EXPECT_NE(first.outcome().client(), nullptr);
+    EXPECT_NE(second.outcome().client(), nullptr);
+}
+
+TYPED_TEST(PortServer, Close_WhenTheWaitCannotBeEndedAtFirst_TriesAgain) {
+    typename TestFixture::Server server;
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const FaultRule failing("shutdown", ENOBUFS, 1, 2);
+    server.close();
+    expectQuiet(wait.outcome());
+    EXPECT_EQ(failing.failures(), 2);
+}
+
+TYPED_TEST(PortServer, Destructor_ClosesTheSocket) {
+    int socket = -1;
+    {
+        typename TestFixture::Server server;
+        server.init();
+        socket = socketOf(server);
+    }
+    EXPECT_FALSE(isOpen(socket));
+}
