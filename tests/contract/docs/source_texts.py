@@ -107,8 +107,10 @@ def texts_of_statement(statement, levels, recorded):
         level, *pieces = arguments(statement, start)
         record = [token for piece in pieces for token in piece + [","]]
         yield from ((text, levels[level[-1]]) for text in alternatives(record))
+    elif name == "announce": # of a pipe server
+        yield from ((text, levels["cDebug"]) for text in alternatives(arguments(statement, start)[0]))
     else:
-        argument = arguments(statement, start)[0] if name in ("VornException", "announce") else statement
+        argument = arguments(statement, start)[0] if name == "VornException" else statement
         constant = next((token for token in statement if token in recorded), None)
         yield from ((text, recorded.get(constant)) for text in alternatives(argument))
 
