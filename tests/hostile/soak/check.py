@@ -475,9 +475,6 @@ class Checker:
             if frames > 0 and attempt.begin <= end and begin <= attempt.end + SLACK:
                 overflow[2] -= 1
                 return "cable"
-        # Only netem drops what the cable's program has not seen.
-        if not passage and self.has_fault("cable", "", attempt.begin, attempt.end):
-            return "cable"
         return ""
 
     @functools.cached_property

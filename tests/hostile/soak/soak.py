@@ -121,9 +121,6 @@ class Stage:
         for number in HOSTS:
             run("nsenter", f"--net=/proc/{self.cable.pid}/ns/net", "ip", "link", "set", f"far{number}", "up")
         self.tell_cable("plugged in")
-        if self.options.netem and subprocess.run(["tc", "qdisc", "replace", "dev", "near1", "root", "netem"],
-                                                 capture_output=True).returncode != 0:
-            sys.exit("soak: this kernel has no netem (module sch_netem); without --netem a program does the same")
 
     def tell_cable(self, line):
         self.cable.stdin.write(line + "\n")
@@ -134,21 +131,12 @@ class Stage:
             return
         delay, jitter, loss = BAD_CABLE
         self.bad_cable_since = now()
-        if self.options.netem:
-            for number, on_host in ((1, run), (2, self.on_other_host)):
-                on_host("tc", "qdisc", "replace", "dev", f"near{number}", "root", "netem", "delay", f"{delay}ms",
-                        f"{jitter}ms", "loss", f"{loss / 10}%")
-        else:
-            self.tell_cable(f"{1000 * delay} {1000 * jitter} {loss}")
+        self.tell_cable(f"{1000 * delay} {1000 * jitter} {loss}")
 
     def mend_cable(self):
         if self.bad_cable_since is None:
             return
-        if self.options.netem:
-            for number, on_host in ((1, run), (2, self.on_other_host)):
-                on_host("tc", "qdisc", "del", "dev", f"near{number}", "root")
-        else:
-            self.tell_cable("0 0 0")
+        self.tell_cable("0 0 0")
         self.history.write("fault", kind="cable", from_=self.bad_cable_since)
         self.bad_cable_since = None
 
@@ -366,8 +354,6 @@ def parse_arguments():
                         help="the built tests/hostile/soak/soak")
     parser.add_argument("--history", type=lambda path: pathlib.Path(path).resolve(), required=True,
                         help="directory for the histories; those of an earlier run are removed")
-    parser.add_argument("--netem", action="store_true",
-                        help="let the kernel's netem delay and drop packets instead of the cable's own program")
     parser.add_argument("--no-full-tables", action="store_true", help="let no process run out of descriptors")
     parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     return parser.parse_args()
@@ -399,8 +385,7 @@ def soak(options):
     tree = options.program.parents[3]  # with the libraries
     cover_opt([tree, HERE, options.history])
     stage = Stage(options)
-    print(f"soak: {options.seconds:g} s, seed {options.seed}; packets are delayed and dropped by "
-          f"{'netem' if options.netem else 'the cable program of the soak itself, not by netem'}", flush=True)
+    print(f"soak: {options.seconds:g} s, seed {options.seed}", flush=True)
     schedule = Schedule(stage, options)
     stage.start_all()
     schedule.run()
