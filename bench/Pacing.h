@@ -14,7 +14,7 @@ namespace Bench {
  * Tells a sending thread when the receiving thread is ready for the next message.
  *
  * A System V semaphore does it because nothing else in the program uses one: its two calls per message can be
- * told from the calls of the job. They lie behind the end of what is measured.
+ * told from the calls of the job. They come after the end of what is measured.
  */
 class Pacing {
 public:

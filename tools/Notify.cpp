@@ -146,7 +146,7 @@ int Tally::exitStatus() const {
     return statusOfFailure(code, failure.text);
 }
 
-/** Sees what remoteNotify() does not tell: a datagram that is too long is dropped without a word. */
+/** Sees what remoteNotify() does not tell: a datagram that is too long is dropped silently. */
 void requireFitsDatagram(const Address& address, const std::vector<Value>& values) {
     constexpr std::size_t cLargestDatagram = 65507;
     std::size_t size = 16; // handle and id

@@ -224,7 +224,7 @@ int runSteadySink(const SinkOptions& options, Reception& reception, Interruption
 int runLibrarySink(const SinkOptions& options, Reception& reception, Interruption& interruption) {
     std::atomic<bool> starting{true};
     const LibraryRecords records(options.logLevel, [&starting](const std::string& text) {
-        // The sink's constructor waits for ever when its thread has failed, and a record is all that tells.
+        // The sink's constructor waits forever when its thread has failed, and a record is the only sign.
         if (starting && text.find("ended thread") != std::string::npos) {
             Output::error("the sink cannot be started: " + text);
             ::_exit(exitFailed);

@@ -29,7 +29,7 @@ std::optional<Obstacle> pipeDirectoryObstacle();
 /** @return why the address that a sink would publish cannot be used, if it cannot. */
 std::optional<Obstacle> hostAddressObstacle();
 
-/** @return whichever of the two matters for a sink of this kind. A sink itself would wait for ever. */
+/** @return the one that matters for a sink of this kind. A sink itself would wait forever. */
 std::optional<Obstacle> sinkObstacle(const std::string& type);
 
 } // namespace VornTool

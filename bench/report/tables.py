@@ -39,7 +39,7 @@ def ratio_text(row):
 
 
 def calls_text(row):
-    """The number of calls, and behind a "+" those that only set close-on-exec and modes."""
+    """The number of calls, and after a "+" those that only set close-on-exec and modes."""
     if "system_calls" not in row:
         return ""
     doing, marking = (calls / row["units"] for calls in split_calls(row["system_calls"]))
@@ -131,7 +131,7 @@ def details(results):
     lines = [
         "The ratio is the median over the rounds of a contender's median operation divided by the limit's of the same "
         "round, followed by the quartiles. p50 and p99 are multiples of the limit's p50. System calls (those that set "
-        "close-on-exec and a socket file's mode stand behind the +) and allocations are per unit, both ends "
+        "close-on-exec and a socket file's mode stand after the +) and allocations are per unit, both ends "
         "together. The noise is the limit against itself in the same rounds.",
     ]
     for workload in WORKLOADS:

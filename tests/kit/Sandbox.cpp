@@ -243,7 +243,7 @@ std::vector<std::string> commandLine() {
 
 /*
  * A thread sanitizer's own thread is there before main(), and the kernel does not let a process with threads
- * enter a user name space. A forked process has one thread, provided that it is forked behind the
+ * enter a user name space. A forked process has one thread, provided that it is forked after the
  * sanitizer's back, for otherwise it would start its thread anew.
  */
 [[noreturn]] void runInForkedSandbox() {

@@ -132,7 +132,7 @@ bool onlyListsTests(const std::vector<std::string>& arguments) {
 }
 
 int playRole(const std::vector<std::string>& arguments) {
-    // A role whose test has been killed must not stay for ever.
+    // A role whose test has been killed must not stay forever.
     ::alarm(guardSeconds());
     // The test reads lines while the role is still running.
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);

@@ -59,14 +59,14 @@ local preference = vornnet.prefs
 preference.tcp_ports = Pref.range("TCP ports", "5023-5030", "Ports of sinks and services", 65535)
 preference.udp_ports = Pref.range("UDP ports", "5023-5030", "Ports of sinks and services", 65535)
 preference.streams = Pref.enum("Streams and datagrams carry", DETECT,
-    "Notifications, values behind a service's name, or values from the first byte", {
+    "Notifications, values after a service's name, or values from the first byte", {
         {1, "Detect", DETECT},
         {2, "Notifications", NOTIFICATIONS},
         {3, "Service", SERVICE},
         {4, "Values", VALUES},
     }, false)
 preference.content = Pref.string("Types of a notification's content", "long",
-    "Behind the handle, separated by commas: int short long bool string line ack. Empty for bytes")
+    "After the handle, separated by commas: int short long bool string line ack. Empty for bytes")
 preference.request = Pref.string("Types of a client's values", "",
     "Over and over, separated by commas: int short long bool string line ack. Empty for bytes")
 preference.reply = Pref.string("Types of a server's values", "",
@@ -343,7 +343,7 @@ local function is_service_line(bytes)
     if stop == #bytes and bytes:byte(stop) == 13 then
         return nil
     end
-    -- A client sends nothing behind the line before it is answered; and "GET / HTTP/1.1" is no service.
+    -- A client sends nothing after the line before it is answered; and "GET / HTTP/1.1" is no service.
     return bytes:sub(stop) == "\r\n" and not bytes:find("[A-Z]+/%d%.%d\r") and stop > 1
 end
 

@@ -109,7 +109,7 @@ T* overwritten(std::array<unsigned char, 4096>& place, int nByte) {
     return reinterpret_cast<T*>(place.data());
 }
 
-/** An object of which everything behind its first word has been overwritten. It is never destroyed. */
+/** An object of which everything after its first word has been overwritten. It is never destroyed. */
 template <typename T, typename... Arguments>
 T* spoiled(const Arguments&... arguments) {
     T* object = new T(arguments...);

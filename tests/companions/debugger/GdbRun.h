@@ -36,7 +36,7 @@ private:
     std::string m_path;
 };
 
-/** Runs gdb without anybody's settings and with the printers loaded. @p arguments go behind its options. */
+/** Runs gdb without anybody's settings and with the printers loaded. @p arguments go after its options. */
 GdbOutput runGdb(const Lines& arguments, const Lines& environment = {});
 
 /** gdb's options that execute the commands. */

@@ -82,7 +82,7 @@ TEST_F(VornnetDissector, TextThatNeverBecomesALine_IsNotTaken) {
 
 TEST_F(VornnetDissector, BinaryProtocols_AreNotTaken) {
     talk({bytes("16 03 01 00 a5 01 00 00 a1 03 03 00")});               // TLS
-    talk({bytes("00 00 00 2c ff 53 4d 42 72 00 00 00")});               // SMB behind a length
+    talk({bytes("00 00 00 2c ff 53 4d 42 72 00 00 00")});               // SMB after a length
     talk({bytes("00 00 00 2c"), "", bytes("ff 53 4d 42 72 00 00 00")}); // the same in two segments
     talk({"SSH-2.0-OpenSSH_9.2\r\n" + bytes("00 00 05 dc 06 14")});
     EXPECT_THAT(shown(), IsEmpty());

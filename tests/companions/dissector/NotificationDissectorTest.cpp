@@ -181,7 +181,7 @@ TEST_F(VornnetDissector, DatagramThatEndsWithinAValue_SaysWhatIsThere) {
 }
 
 TEST_F(VornnetDissector, PacketThatWasNotCapturedWhole_SaysSo) {
-    capture().cutPackets(54); // behind the Ethernet, IP and UDP headers 12 of the 16 bytes
+    capture().cutPackets(54); // after the Ethernet, IP and UDP headers 12 of the 16 bytes
     sendDatagram(notificationBytes(7, 12));
     EXPECT_THAT(shown(), ElementsAre("Notification: handle 7, 4 bytes"));
     EXPECT_THAT(remarks(), ElementsAre("Warning: Not captured whole"));

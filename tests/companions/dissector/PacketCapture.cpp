@@ -23,7 +23,7 @@ namespace VornTest {
 
 namespace {
 
-constexpr std::size_t cIp = 14; // behind the Ethernet header
+constexpr std::size_t cIp = 14; // after the Ethernet header
 
 unsigned byteAt(const std::string& packet, std::size_t index) {
     return index < packet.size() ? static_cast<unsigned char>(packet[index]) : 0;

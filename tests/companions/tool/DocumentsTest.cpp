@@ -50,7 +50,7 @@ std::string helpOf(const std::string& name) {
         .output;
 }
 
-/** What bash offers behind `vornnet ...` when the last of the words is to be completed. */
+/** What bash offers after `vornnet ...` when the last of the words is to be completed. */
 Words complete(const std::string& words) {
     const std::string script = "source \"$1\"; COMP_WORDS=(vornnet " + words +
                                "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _vornnet; "

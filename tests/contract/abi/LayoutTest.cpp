@@ -58,7 +58,7 @@ std::size_t roundedUp(std::size_t value, std::size_t alignment) {
     return (value + alignment - 1) / alignment * alignment;
 }
 
-/** What stands behind a class's bases without having a row: private state, and the one reference. */
+/** What stands after a class's bases without having a row: private state, and the one reference. */
 std::size_t sizeWithoutRow(const std::string& className) {
     static const std::map<std::string, std::size_t> sizes = {
         {"VornCriticalSection", sizeof(VornCriticalSectionObject*)},
@@ -85,7 +85,7 @@ std::size_t beginOfFields(const ClassRow& row) {
     return withoutRow == 0 ? end : roundedUp(end, alignof(void*)) + withoutRow;
 }
 
-/** Where the last field of the class ends; the padding behind it is left out, for a derived class may use it.
+/** Where the last field of the class ends; the padding after it is left out, for a derived class may use it.
  */
 std::size_t endOfFields(const ClassRow& row) {
     const auto fields = fieldsOf(row.name);

@@ -156,7 +156,7 @@ class Session:
         while lines:
             line = lines.pop(0)
             if not line.startswith("$ "):
-                raise Failure("a terminal's first line is a command behind \"$ \"")
+                raise Failure("a terminal's first line is a command after \"$ \"")
             command = [line[2:]]
             while command[-1].endswith("\\"):
                 command.append(lines.pop(0).removeprefix("> "))

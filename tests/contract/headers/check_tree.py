@@ -167,7 +167,7 @@ def order_problems(declared, defined):
                 continue
             position = order.index(function)
             if position < last:
-                yield f"{name}::{function[0]}({function[1]}) is defined behind {name}::{order[last][0]}"
+                yield f"{name}::{function[0]}({function[1]}) is defined after {name}::{order[last][0]}"
             last = max(last, position)
 
 

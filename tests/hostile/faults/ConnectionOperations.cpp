@@ -185,7 +185,7 @@ Operations connectionOperations() {
                                Terms{Link::Kind::tcpClient, allocatesNothing, allocatesNothing},
                                Terms{Link::Kind::acceptedTcp, allocatesNothing, allocatesNothing},
                                Terms{Link::Kind::ssl, isLost, isLost}}) {
-        // Of SSL, a line would be waited for for ever, and its own address is that of no socket.
+        // Of SSL, a line would be waited for forever, and its own address is that of no socket.
         const bool hasSocket = terms.kind != Link::Kind::ssl;
         for (const Operations& more : {writingRows(terms), readingRows(terms),
                                        hasSocket ? socketRows(terms) : Operations(), stateRows(terms)})

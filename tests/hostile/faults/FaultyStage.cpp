@@ -65,7 +65,7 @@ Outcome FaultyStage::runWithInterruption(const std::function<std::string()>& act
 }
 
 Provoked expectPromise(const Scenario& scenario, const FailingCall& call, const CallFault& fault) {
-    // A look-up that lacks room is made again with more, but not for ever.
+    // A look-up that lacks room is made again with more, but not forever.
     const bool isLackOfRoom = isLookUp(fault.function) && fault.error == ERANGE && !fault.isLasting;
     const Promise promise = isLackOfRoom ? Promise{scenario.undisturbed} : call.rule(fault);
     FaultyStage stage(scenario, fault, promise);

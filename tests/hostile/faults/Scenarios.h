@@ -80,7 +80,7 @@ Rule isTriedAgain(const Rule& rule);
 /** What @p rule says for the first call; later ones are made for something that nobody waits for. */
 Rule ofFirstCall(const Rule& rule);
 /**
- * A wait for clients that ends without a word with some error numbers and is taken up again with the others.
+ * A wait for clients that ends silently with some error numbers and is taken up again with the others.
  */
 Rule endsWait(std::initializer_list<int> quiet);
 

@@ -155,7 +155,7 @@ Outcome udpServerThatIdentifies(const Stage& stage) {
     return udpServerOf(stage, true);
 }
 
-/** Closes a server while another thread waits on it; the wait must end without a word. */
+/** Closes a server while another thread waits on it; the wait must end silently. */
 Outcome closeUnderWait(const Stage& stage, VornIPCServer& server, const std::function<void()>& comeAsClient) {
     Outcome waited;
     WatchedThread waiter([&] {

@@ -52,7 +52,7 @@ private:
 
 Operations rowsOf(const std::string& kind) {
     return {
-        // Whatever its thread cannot do without lets the constructor wait for ever.
+        // Without what its thread needs, the constructor waits forever.
         {{"VornLibraryCallbackSink::VornLibraryCallbackSink", "VornLibraryCallbackSink::run",
           "VornLibraryCallbackSink::establishCallbackServer",
           "VornLibraryCallbackSink::establishDefaultCallbackServer",

@@ -39,7 +39,7 @@ bool endsLoop(int error) {
 Rule ofPipeInit(const std::string& what, int code = 0) {
     return [what, code](const CallFault& fault) {
         const int reported = code != 0 ? code : fault.error;
-        if (fault.nth == 1) // the constructor waits for ever
+        if (fault.nth == 1) // the constructor waits forever
             return Promise{{"VornPipeServer::init: failed to " + what, reported}, 0, true};
         if (reported == EADDRINUSE)
             return Promise{{"cannot establish connection", 0}};

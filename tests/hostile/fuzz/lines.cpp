@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 "a buffer looks at all it was asked for");
         const char* line = connection.getLine(room.data(), static_cast<int>(capacity), nError);
         require((line != nullptr) == isLine, "getLine finds the same line");
-        require(room.back() == '\x55', "nothing is written behind the buffer");
+        require(room.back() == '\x55', "nothing is written after the buffer");
         if (line == nullptr)
             break;
         require(expected == line, "getLine reads the same line");

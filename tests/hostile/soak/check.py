@@ -103,7 +103,7 @@ class Epoch:
 
     @property
     def is_early(self):
-        """It was closed behind what came before there was a callback, from a sender that meant the port's holder
+        """It was closed after what came before there was a callback, from a sender that meant the port's holder
         before."""
         return bool(self.takes) and self.takes[-1].outcome == "early"
 
@@ -160,7 +160,7 @@ def read_lines(path):
 
 
 def as_bound(address):
-    """A sink counts its ports as signed 16-bit numbers; behind 32767 its address shows negative ones."""
+    """A sink counts its ports as signed 16-bit numbers; after 32767 its address shows negative ones."""
     place, _, port = address.rpartition(":")
     return f"{place}:{int(port) % 65536}" if port.startswith("-") else address
 
@@ -361,7 +361,7 @@ class Checker:
 
     def connected_within(self, epoch, end):
         times = self.connected[epoch.address]
-        silent = sum(take.outcome == "" for take in epoch.takes)  # connected behind their senders' backs
+        silent = sum(take.outcome == "" for take in epoch.takes)  # connected without their senders' knowledge
         return (bisect.bisect_right(times, min(end, epoch.closed)) - bisect.bisect_left(times, epoch.open_from)
                 + silent)
 
@@ -398,7 +398,7 @@ class Checker:
 
     def explain_connections(self, lost):
         """A connection that was never accepted ended with the queue of the server that it had come into, when
-        that was closed behind another delivery or its process was killed. A queue has room for so many."""
+        that was closed after another delivery or its process was killed. A queue has room for so many."""
         room = {}
         for attempt in sorted(lost, key=lambda attempt: attempt.connected_to):
             if attempt.connected_from == 0 or attempt.to not in self.epochs_of:

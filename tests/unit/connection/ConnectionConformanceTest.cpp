@@ -54,7 +54,7 @@ public:
     /** Ends the writing; everything that has come out at the other end. */
     virtual std::string written() = 0;
 
-    /** A connection at which these bytes have arrived, and behind them the end. */
+    /** A connection at which these bytes have arrived, and after them the end. */
     virtual VornConnection& reader(const std::string& incoming) = 0;
 };
 
@@ -233,7 +233,7 @@ struct Kind {
     std::unique_ptr<PlainLink> (*makeLink)();
     /** Whether anything can be written and read; what cannot fails with 107 each time. */
     bool carriesData;
-    /** The code of a read behind the last byte. */
+    /** The code of a read after the last byte. */
     int endCode;
     /** The code of a string for which there is no memory; a block in memory sees its end before it asks. */
     int noMemoryCode;

@@ -305,7 +305,7 @@ namespace {
 
 class StreamConnection_StepBack : public StreamConnectionTest {
 protected:
-    /** Reads behind guard bytes, which the step back may reach. */
+    /** Reads after guard bytes, which the step back may reach. */
     RawResult read(std::vector<RecvStep> steps, long toRead, bool waitForAll) {
         guarded = "<<<<########";
         const RecvScript script(std::move(steps), fd);

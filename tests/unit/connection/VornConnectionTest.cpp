@@ -50,7 +50,7 @@ struct PeekStep {
 /**
  * A transport which writes down every virtual call that reaches it and answers as the test has told it.
  *
- * Calls are written down at their beginning, so what a call leads to stands behind it.
+ * Calls are written down at their beginning, so what a call leads to stands after it.
  */
 class ScriptedConnection : public VornConnection {
 public:

@@ -110,7 +110,7 @@ void coverSystemFile(const std::string& path, const std::string& text) {
     }
 }
 
-/** The question's own bytes with a pointer record behind them which says that the name is "named.example". */
+/** The question's own bytes followed by a pointer record which says that the name is "named.example". */
 std::string pointerAnswer(const std::string& question) {
     return question.substr(0, 2) + bytes("81 80 00 01 00 01 00 00 00 00") +
            question.substr(12, question.find('\0', 12) + 5 - 12) +
@@ -348,7 +348,7 @@ TEST_F(VornSocketConnectionTest, WhenANumericAddressIsToBeIdentified_ANameServic
 
 TEST_F(VornSocketConnectionTest, AHostTextIsCutAt8191Bytes) {
     const std::string host = "127.0.0.9";
-    // The letter which would make it a name stands behind the cut.
+    // The letter which would make it a name stands after the cut.
     VornSocketConnection cut(host + std::string(8191 - host.size(), ' ') + "x", port, false, true);
     const CallTrace trace;
     EXPECT_TRUE(failureOf([&] { cut.establish(); }).has_value());

@@ -504,7 +504,7 @@ TEST_P(VornProxyDependent_OnStreams, FailedWrite_PassesAndLeavesNothingOpen) {
     const Receiver receiver(GetParam());
     const FaultRule failing("send", ENOBUFS, 2);
     EXPECT_EQ(textAndCode(makeProxy(receiver.address())), "VornConnection::put: transfer failed. 105");
-    EXPECT_EQ(receiver.next(), hex(onWire(7))) << "the receiver sees the end behind the handle";
+    EXPECT_EQ(receiver.next(), hex(onWire(7))) << "the receiver sees the end after the handle";
 }
 
 TEST_P(VornProxyDependent_OnStreams, FailedContent_PassesAfterConnectionIsGone) {

@@ -225,7 +225,7 @@ TEST_F(VornExceptionTest, CallStack_BeginsWithTheFunctionThatConstructedIt) {
     const std::string before = std::string(object.dli_fname) + "(+0x";
     ASSERT_THAT(callStack, testing::StartsWith(before));
     const std::size_t offset = std::stoul(callStack.substr(before.size()), nullptr, 16);
-    // Where it returns to may be behind the function's end.
+    // Where it returns to may be after the function's end.
     Dl_info first = {};
     ASSERT_NE(::dladdr(static_cast<char*>(object.dli_fbase) + offset - 1, &first), 0);
     EXPECT_STREQ(first.dli_sname, "throwException");

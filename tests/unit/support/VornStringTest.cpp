@@ -19,7 +19,7 @@ class VornStringTest : public LeakCheckedTest {
 protected:
     VornStringTest() { m_buffer.fill('#'); }
 
-    /** What has been written, up to and including the guard byte behind the capacity. */
+    /** What has been written, up to and including the guard byte after the capacity. */
     std::string written(std::size_t count) const { return std::string(m_buffer.data(), count); }
 
     std::array<char, 16> m_buffer{};
