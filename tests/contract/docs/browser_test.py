@@ -20,7 +20,8 @@ PAGES = sorted(page.relative_to(SITE).as_posix() for page in SITE.rglob("*.html"
 # What somebody who is looking for a cause types, and where it is.
 SEARCHES = {"lost": "guarantees.html", "timeout": "threads.html", "failed to bind socket": "errors.html",
             "trying next port": "errors.html", "107": "errors.html", "ECONNREFUSED": "errors.html",
-            "SIGPIPE": "operations.html", "waitForClient": "reference/VornIPCServer.html",
+            "SIGPIPE": "operations.html", "stunnel": "networks.html", "restart": "restart.html",
+            "SupplementaryGroups": "systemd.html", "waitForClient": "reference/VornIPCServer.html",
             "datagramPause": "reference/VornDispatcher.html", "nothing arrives": "index.html"}
 CLOSELY = ("errors.html", "guarantees.html", "reference/VornDispatcher.html")
 

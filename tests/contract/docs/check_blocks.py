@@ -26,6 +26,7 @@ text, example         values in the notation of `vornnet encode`, then their byt
                       those; compared with the tool in both directions
 console, gdb|tshark   sessions that tests of their own run
 any, of=PATH          an excerpt: its lines stand in that file of the tree, one after the other
+ini, of=PATH          the same, of a file for another program
 sh, not-run=WHY       is not run, for one of the REASONS; its syntax is checked
 """
 import os
@@ -48,7 +49,7 @@ REASONS = {
 # Kinds whose sessions are run by tests of their own, which have to know them.
 ELSEWHERE = {"gdb": "tests/companions/debugger/TranscriptTest.cpp",
              "tshark": "tests/companions/dissector/TranscriptTest.cpp"}
-KINDS = {"cpp", "cmake", "console", "sh", "text"} # languages; a text is one of the following
+KINDS = {"cpp", "cmake", "console", "ini", "sh", "text"} # languages; a text is one of the following
 TEXTS = {"output", "example"}
 FLAGS = {"more", "body", "run", "later", "after"} | TEXTS | set(ELSEWHERE)
 VALUES = {"file", "with", "of", "not-run"}
@@ -369,6 +370,8 @@ class Document:
             self.check_excerpt(block)
         elif block.kind in ELSEWHERE:
             self.check_elsewhere(block)
+        elif block.kind == "ini":
+            raise Failure("is no excerpt")
         else:
             getattr(self, "check_" + block.kind)(block)
 

@@ -48,7 +48,7 @@ expected_files() {
             printf 'share/doc/vornnet/%s\n' README.md CONTRIBUTING.md SECURITY.md bench/README.md
             ;;
         EXAMPLES)
-            find "$source/examples" \( -name '*.cpp' -o -name '*.h' -o -name CMakeLists.txt \) \
+            find "$source/examples" -type f \
                 -printf 'share/doc/vornnet/examples/%P\n'
             ;;
         RENDERED)
