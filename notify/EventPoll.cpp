@@ -10,14 +10,18 @@ namespace VornNet {
 
 namespace {
 
-using std::chrono::ceil;
+using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 
-timespec timespecOf(nanoseconds span) {
+/** Waits until there is something to be read, or for @p span, which may be over. */
+void awaitReadable(int fd, nanoseconds span) {
+    if (span <= 0ns)
+        return;
     const auto whole = std::chrono::floor<seconds>(span);
-    return {static_cast<time_t>(whole.count()), static_cast<long>((span - whole).count())};
+    pollfd entry{fd, POLLIN, 0};
+    System::ppoll(&entry, 1, {static_cast<time_t>(whole.count()), static_cast<long>((span - whole).count())});
 }
 
 } // namespace
@@ -31,22 +35,25 @@ EventPoll::EventPoll()
 }
 
 std::span<const epoll_event> EventPoll::wait(Clock::time_point until) {
-    int count = -1;
+    constexpr milliseconds cLongest = 24h;
+    int count = 0;
     if (until == Clock::time_point::max()) {
-        count = System::epollWait(m_poll.number(), m_events, cMostEvents, -1);
-    } else {
-        const nanoseconds left = std::max<nanoseconds>(until - Clock::now(), nanoseconds(0));
-        const timespec timeout = timespecOf(left);
-        count = System::epollWait(m_poll.number(), m_events, cMostEvents, &timeout);
-        // Kernels before 5.11, and sandboxes, know only whole milliseconds.
-        if (count == -1 && errno != EINTR)
-            count = System::epollWait(
-                m_poll.number(), m_events, cMostEvents,
-                static_cast<int>(std::min(ceil<milliseconds>(left), milliseconds(1000)).count()));
+        count = await(-1);
+    } else if (const auto whole = std::chrono::floor<milliseconds>(until - Clock::now()); whole > 0ms) {
+        count = await(static_cast<int>(std::min(whole, cLongest).count()));
+    }
+    if (count == 0) {
+        // epoll_wait(2) knows only whole milliseconds, which are too long for a pause.
+        awaitReadable(m_poll.number(), until - Clock::now());
+        count = await(0);
     }
     epoll_event* end = std::remove_if(m_events, m_events + std::max(count, 0),
                                       [](const epoll_event& event) { return event.data.ptr == nullptr; });
     return {m_events, end};
+}
+
+int EventPoll::await(int milliseconds) {
+    return System::epollWait(m_poll.number(), m_events, cMostEvents, milliseconds);
 }
 
 void EventPoll::wakeUp() {

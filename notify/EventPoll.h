@@ -44,6 +44,7 @@ public:
     void wakeUp();
 
 private:
+    int await(int milliseconds);
     int control(int operation, int fd, std::uint32_t events, void* data);
 
     OwnedDescriptor m_poll;

@@ -147,10 +147,6 @@ inline int epollWait(int epoll, epoll_event* events, int count, int milliseconds
     return ::epoll_wait(epoll, events, count, milliseconds);
 }
 
-inline int epollWait(int epoll, epoll_event* events, int count, const timespec* timeout) {
-    return ::epoll_pwait2(epoll, events, count, timeout, nullptr);
-}
-
 inline int ioctl(int fd, unsigned long request, int* value) {
     return ::ioctl(fd, request, value);
 }
@@ -161,6 +157,10 @@ inline int select(int limit, fd_set* readable, fd_set* writable, fd_set* excepti
 
 inline int poll(pollfd* entries, nfds_t count, int milliseconds) {
     return ::poll(entries, count, milliseconds);
+}
+
+inline int ppoll(pollfd* entries, nfds_t count, const timespec& timeout) {
+    return ::ppoll(entries, count, &timeout, nullptr);
 }
 
 inline int open(const char* path, int flags, mode_t mode) {

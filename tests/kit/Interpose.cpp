@@ -649,9 +649,6 @@ VORNTEST_WATCHED(int, epoll_ctl, noexcept, (int epoll, int operation, int fd, ep
                  (epoll, operation, fd, event), epoll, operation, fd)
 VORNTEST_WATCHED(int, epoll_wait, , (int epoll, epoll_event* events, int count, int limit),
                  (epoll, events, count, limit), epoll, count, limit)
-VORNTEST_WATCHED(int, epoll_pwait2, ,
-                 (int epoll, epoll_event* events, int count, const timespec* limit, const sigset_t* mask),
-                 (epoll, events, count, limit, mask), epoll, count)
 
 VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     VORNTEST_REAL(ioctl);
@@ -747,6 +744,8 @@ VORNTEST_WATCHED(int, select, ,
                  (count, reading, writing, exceptional, limit), count)
 VORNTEST_WATCHED(int, poll, , (pollfd * entries, nfds_t count, int limit), (entries, count, limit),
                  count > 0 ? entries[0].fd : -1, long(count), limit)
+VORNTEST_WATCHED(int, ppoll, , (pollfd * entries, nfds_t count, const timespec* limit, const sigset_t* mask),
+                 (entries, count, limit, mask), count > 0 ? entries[0].fd : -1, long(count))
 VORNTEST_WATCHED(int, fstat, noexcept, (int fd, struct stat* file), (fd, file), fd)
 
 VORNTEST_EXPORT int fcntl(int fd, int command, ...) {
@@ -804,6 +803,16 @@ VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t 
     if (count > room / sizeof(pollfd))
         std::abort();
     return poll(entries, count, limit);
+}
+
+VORNTEST_EXPORT int __ppoll_chk(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask,
+                                size_t room);
+
+VORNTEST_EXPORT int __ppoll_chk(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask,
+                                size_t room) {
+    if (count > room / sizeof(pollfd))
+        std::abort();
+    return ppoll(entries, count, limit, mask);
 }
 
 } // extern "C"

@@ -99,7 +99,7 @@ const Fault cFaults[] = {
     {"ioctl", {EIO}},
     {"getsockopt", {EIO}},
     {"epoll_ctl", {ENOMEM, ENOSPC}},
-    {"epoll_pwait2", {EINTR, ENOSYS, EPERM}},
+    {"ppoll", {EINTR, ENOMEM}},
     {"epoll_wait", {EINTR}},
     {"close", {EIO, EINTR}},
 };

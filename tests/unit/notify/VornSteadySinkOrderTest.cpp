@@ -57,7 +57,7 @@ TEST_P(VornSteadySink_Order, AnOlderOneThatIsFoundCompleteAgainAfterAnother_IsCa
     {
         // The look for older ones finds the second; only then the first completes as well.
         const CallHook atWait(
-            "epoll_pwait2",
+            "epoll_wait",
             [&] {
                 if (++waits == 1)
                     complete(second.get(), "second");
