@@ -108,8 +108,8 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS netbase)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "typed connections and notifications between processes
 ${what}
 
-This package contains the shared libraries of the contract, and sets up the group vorn and
-the directory of local pipes.")
+This package contains libvornsupt.so.1 and libvornnet.so.1, and sets up the
+group vorn and the directory of local pipes.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
