@@ -416,9 +416,12 @@ void PublisherEngine::checkTimes() {
     if (m_isStopping)
         return finishStopping();
     checkFile();
-    if (!m_isAccepting && m_now >= m_acceptAgain && m_checking.size() < m_options.nRequestLimit)
+    // Who leaves without having subscribed gives a place back before the time.
+    if (m_isAccepting || (m_now < m_acceptAgain && !(m_isFull && hasPlace())))
+        return;
+    if (m_checking.size() < m_options.nRequestLimit)
         m_isAccepting = m_poll->add(m_listener.number(), EPOLLIN, &m_listener) == 0;
-    if (!m_isAccepting && m_now >= m_acceptAgain)
+    if (!m_isAccepting)
         m_acceptAgain = m_now + cAcceptPause;
 }
 
@@ -489,13 +492,18 @@ void PublisherEngine::sayGoodbye() {
     }
 }
 
+/** @return whether one more client may ask without another one being cut. */
+bool PublisherEngine::hasPlace() const {
+    return m_asking.size() + m_checking.size() < m_options.nRequestLimit;
+}
+
 void PublisherEngine::acceptClients() {
     for (int count = 0; count < cAcceptedAtATime && m_isAccepting; ++count) {
-        const bool isFull = m_asking.size() + m_checking.size() >= m_options.nRequestLimit;
+        m_isFull = !hasPlace();
         // The client waits in the kernel's queue until the handler has decided, or the grace is over.
-        if (isFull && m_asking.empty())
+        if (m_isFull && m_asking.empty())
             return pauseAccepting(m_now + cAcceptPause);
-        if (isFull && m_now < m_asking.front().since + cGrace)
+        if (m_isFull && m_now < m_asking.front().since + cGrace)
             return pauseAccepting(m_asking.front().since + cGrace);
         sockaddr_storage storage{};
         socklen_t length = sizeof storage;
@@ -510,7 +518,7 @@ void PublisherEngine::acceptClients() {
                 return;
             continue;
         }
-        if (isFull)
+        if (m_isFull)
             cutOldest();
         add(std::move(socket), reinterpret_cast<const sockaddr_in&>(storage));
     }

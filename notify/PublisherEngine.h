@@ -94,6 +94,7 @@ private:
     void finishStopping();
     void sayGoodbye();
 
+    bool hasPlace() const;
     void acceptClients();
     void pauseAccepting(Clock::time_point until);
     void cutOldest();
@@ -147,6 +148,7 @@ private:
     Clock::time_point m_now{};
     Clock::time_point m_acceptAgain{}; // when the listener is looked at again, if it is not now
     bool m_isAccepting = false;
+    bool m_isFull = false; // it is not looked at because all places are taken
     Clock::time_point m_checkFile{};
     std::vector<PublisherClient*> m_calledBack;               // whose events go to a callback address
     std::map<std::uint64_t, PublisherClient*> m_posted;       // by ticket
