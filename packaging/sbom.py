@@ -30,6 +30,7 @@ COMPILED_IN = {
     "nlohmann-json3-dev": ("nlohmann-json", "MIT", "https://github.com/nlohmann/json"),
 }
 TOOLS = "vornnet-tools"
+THEME = re.compile("/(scripts|styles|copy-?button[^/]*|check-solid.svg|skeleton.css|debug.css)(/|$)")
 
 PURPOSES = {"libvornnet1": "LIBRARY", "libvornnotify1": "LIBRARY", "vornnet-tools": "APPLICATION"}
 
@@ -54,8 +55,9 @@ def licences_in(name, content):
     text = content.decode("utf-8", "replace")
     # Put together, so that nobody takes this line for a mark of its own.
     found = set(re.findall("SPDX-License" + r"-Identifier: ([A-Za-z0-9.-]+)", text))
-    if not found and name.endswith((".js", ".css")) and re.search(r"\bMIT\b", text):
-        found = {"MIT"} # parts of the site that come with the program that renders it
+    if not found and "/html/_static/" in name and not name.endswith("/manual.css"):
+        # Parts of the site that come with the program that renders it, or, in most cases so named, with its theme.
+        found = {"MIT" if re.search(r"\bMIT\b", text) or THEME.search(name) else "BSD-2-Clause"}
     return sorted(found) or [LICENCE]
 
 

@@ -8,7 +8,7 @@ It is run within docs_sandbox, where the pipe directory is as the packages set i
 The fence names the language alone. Whatever else the check has to know is in a comment on the line before the fence,
 <!-- block: WORDS -->, which no renderer shows. An unknown word fails.
 
-cpp                   declarations, compiled with every public header included
+cpp                   declarations, compiled with what they include themselves
 cpp, more             the same after the previous block of C++
 cpp, body             statements of a function
 cpp, run              a program, compiled and run; the next block, text, output, is what it prints
@@ -53,7 +53,6 @@ KINDS = {"cpp", "cmake", "console", "ini", "sh", "text"} # languages; a text is 
 TEXTS = {"output", "example"}
 FLAGS = {"more", "body", "run", "later", "after"} | TEXTS | set(ELSEWHERE)
 VALUES = {"file", "with", "of", "not-run"}
-STANDARD_HEADERS = ("atomic", "csignal", "cstdio", "string", "thread", "vector")
 PIPE_DIRECTORY = "/opt/vorn/hostmgr/var/lib/kestrel/rendez"
 PATIENCE = 60
 FENCE = re.compile(r"^(\s*)```(.*)$")
@@ -267,10 +266,6 @@ class Document:
         if result.returncode != 0:
             raise Failure(result.stderr)
 
-    def headers(self):
-        return "".join(f"#include <{header.name}>\n" for folder in ("include", "notify", "support")
-                       for header in sorted((self.tree / folder).glob("Vorn*.h")))
-
     def check_cpp(self, block):
         context = block.values.get("with", "") + "\n"
         if "file" in block.values:
@@ -278,11 +273,12 @@ class Document:
         elif "run" in block.flags:
             self.run_program(block)
         else:
-            text = "void body() {\n" + block.text + "}\n" if "body" in block.flags else block.text
-            self.cpp = (self.cpp if "more" in block.flags else "") + context + text
+            includes, text = re.fullmatch(r"((?:#include [^\n]*\n|\n)*)(.*)", block.text, re.S).groups()
+            text = "void body() {\n" + text + "}\n" if "body" in block.flags else text
+            self.cpp = (self.cpp if "more" in block.flags else "") + includes + (
+                "using namespace VornNet;\n" if "Vorn" in includes else "") + context + text
             source = self.work / "block.cpp"
-            standard = "".join(f"#include <{name}>\n" for name in STANDARD_HEADERS)
-            source.write_text(standard + self.headers() + "using namespace VornNet;\n" + self.cpp)
+            source.write_text(self.cpp)
             self.compile(source, "-fsyntax-only", "-Wno-unused-function", "-Wno-unused-variable")
 
     def run_program(self, block):

@@ -15,7 +15,7 @@ import sys
 import tarfile
 
 OWN_NAME = "vornnet.spdx.json.gz"
-LICENCES = {"Apache-2.0", "BSD-3-Clause", "MIT"}
+LICENCES = {"Apache-2.0", "BSD-2-Clause", "BSD-3-Clause", "MIT"}
 CHECKSUM_LENGTHS = {"SHA1": 40, "SHA256": 64}
 RELATIONSHIPS = {"DESCRIBES", "CONTAINS", "GENERATED_FROM", "DEPENDS_ON", "STATIC_LINK"}
 PURPOSES = {"APPLICATION", "FRAMEWORK", "LIBRARY", "CONTAINER", "OPERATING-SYSTEM", "DEVICE", "FIRMWARE", "SOURCE",

@@ -27,7 +27,9 @@ PACKAGES = {
     }),
     "vornnet-tools": ("libvornnet1 (= 1.0.0-1), adduser | systemd-sysusers", {
         "usr/bin/vornnet": b"\x7fELF three",
-        "usr/share/doc/vornnet/jquery.js": b"/* @licstart MIT */",
+        "usr/share/doc/vornnet/html/_static/jquery.js": b"/* @licstart MIT */",
+        "usr/share/doc/vornnet/html/_static/doctools.js": b"/* BSD */",
+        "usr/share/doc/vornnet/html/_static/styles/furo.css": b"body { }",
     }),
 }
 
@@ -97,7 +99,9 @@ class SbomTest(unittest.TestCase):
             "./usr/bin/vornnet": "Apache-2.0",
             "./usr/lib/libvornnet.so.1": "Apache-2.0",
             "./usr/share/doc/libvornnet1/copyright": "Apache-2.0",
-            "./usr/share/doc/vornnet/jquery.js": "MIT",
+            "./usr/share/doc/vornnet/html/_static/jquery.js": "MIT",
+            "./usr/share/doc/vornnet/html/_static/doctools.js": "BSD-2-Clause",
+            "./usr/share/doc/vornnet/html/_static/styles/furo.css": "MIT",
         })
 
     def test_depends_on_the_library_of_the_same_build(self):
