@@ -40,7 +40,7 @@ namespace VornNet {
  *   sees of a notification thrown away unread: a reset. Terms::nDoubtfulTries decides: 1 calls the callback
  *   at most once and may lose, more may call it as often as that.
  *   Such a sink may also move to another port on its own (see there); what is queued then expires with 111,
- * or goes on after redirect().
+ *   or goes on after redirect().
  * - UDP: at most once by this side, and nobody knows: the outcome is `sent`. The pause between two datagrams
  *   to one address (Options::datagramPause) is all that protects a sink that closes its server in between.
  *
@@ -54,15 +54,16 @@ namespace VornNet {
  * looked at. Names of hosts are never looked up, since that may take a minute and an unknown one would reach
  * this host; "ssl" addresses are refused, since that layer carries nothing.
  *
- * Thread-safety: every operation may be called from any thread; the destructor by the owner, alone.
+ * Thread-safety: every operation may be called from any thread; the destructor by the owner, alone. A process
+ *   that forks must not use the dispatcher in the child.
  * Blocking: post() only with Overflow::wait; flush(), stop() and the destructor up to their time limit and
- * for as long as the result handler runs. Nothing else waits for a network or a handler. Ownership:
- * descriptors (all close-on-exec) and threads belong to the dispatcher; after stop() none is left. Signals:
- * none raised, also while SIGPIPE is at its default; its threads have all signals blocked. Errors:
- * VornException from the constructor, "VornDispatcher::VornDispatcher: failed to start." with the error
- * number, and from post(), see there. Failures of single tries are retried, also those of the process itself
- * (24, no descriptor left), and end in the notification's result. A result handler that throws is logged at
- * level 1 and called for the next result. A process that forks must not use the dispatcher in the child.
+ *   for as long as the result handler runs. Nothing else waits for a network or a handler.
+ * Ownership: descriptors (all close-on-exec) and threads belong to the dispatcher; after stop() none is left.
+ * Signals: none raised, also while SIGPIPE is at its default; its threads have all signals blocked.
+ * Errors: VornException from the constructor, "VornDispatcher::VornDispatcher: failed to start." with the
+ *   error number, and from post(), see there. Failures of single tries are retried, also those of the process
+ *   itself (24, no descriptor left), and end in the notification's result. A result handler that throws is
+ *   logged at level 1 and called for the next result.
  */
 class VORNNOTIFY_API VornDispatcher {
 public:

@@ -27,13 +27,13 @@ namespace VornNet {
  *   while a callback runs, wait; none is thrown away.
  * - A notification is read to the end of its stream before its callback is called. The callback gets a
  *   connection in memory (VornBufferConnection) that holds the content, without the handle; its remote name
- * is the sender's dotted address (empty over a pipe), its local access and its access rights are as from
+ *   is the sender's dotted address (empty over a pipe), its local access and its access rights are as from
  *   VornLibraryCallbackSink. What it leaves unread does no harm, it may keep the connection, and nothing that
  *   it writes is sent.
  * - Whoever connects and is silent, sends too little, resets, or sends an empty datagram costs nothing but
- * one of the connections until the read limit.
+ *   one of the connections until the read limit.
  * - The address is the sink's own: several sinks in one process, and in processes of equal ids, do not meet.
- * It changes only when a pipe's file is taken away by somebody else, see Options::onAddressChange.
+ *   It changes only when a pipe's file is taken away by somebody else, see Options::onAddressChange.
  * - What a callback throws, of any type, is logged at level 1 and counted, and the sink goes on.
  * - The constructor throws where nothing can be made, and never waits.
  *
@@ -51,13 +51,15 @@ namespace VornNet {
  * than a handle has come and has been read: the system resets a pipe only while bytes are unread.
  *
  * Thread-safety: every operation may be called from any thread; the destructor by the owner, never from a
- * callback: that ends the process. A process that forks must not use the sink in the child.
+ *   callback: that ends the process. A process that forks must not use the sink in the child.
  * Blocking: only the destructor, for a running callback or address handler. What has been read and waits for
- * its callback is then given back: its sender sees a reset. Ownership: sockets (close-on-exec), threads and
- * the callback container belong to the sink; the pipe's file is removed by the destructor if it is still the
- * sink's own. Signals: none raised; its threads have all signals blocked. Errors: VornException from the
- * constructor, see there. Later failures are retried: without descriptors (24) the sink goes on with those it
- * has, and takes new connections when there are descriptors again, without using a processor meanwhile.
+ *   its callback is then given back: its sender sees a reset.
+ * Ownership: sockets (close-on-exec), threads and the callback container belong to the sink; the pipe's file
+ *   is removed by the destructor if it is still the sink's own.
+ * Signals: none raised; its threads have all signals blocked.
+ * Errors: VornException from the constructor, see there. Later failures are retried: without descriptors (24)
+ *   the sink goes on with those it has, and takes new connections when there are descriptors again, without
+ *   using a processor meanwhile.
  */
 class VORNNOTIFY_API VornSteadySink {
 public:

@@ -57,7 +57,7 @@ PIPE_DIRECTORY = "/opt/vorn/hostmgr/var/lib/kestrel/rendez"
 PATIENCE = 60
 FENCE = re.compile(r"^(\s*)```(.*)$")
 MARK = re.compile(r"^\s*<!-- block: (.*) -->$")
-SINK_NAME = re.compile(r"quorax[0-9a-f]+")
+SINK_NAME = re.compile(r"quorax[0-9a-f]+(?:-[0-9a-f]{8})?")
 
 
 class Failure(Exception):
@@ -116,11 +116,11 @@ class Names:
     def pattern(self, line):
         """A regular expression for a shown line, with a group for each name that is new."""
         parts, new = [], []
-        for piece in re.split(r"(\.\.\.|quorax[0-9a-f]+)", line):
+        for piece in re.split(rf"(\.\.\.|{SINK_NAME.pattern})", line):
             if piece == "...":
                 parts.append(".*")
             elif SINK_NAME.fullmatch(piece) and piece not in self.actual and piece not in new:
-                parts.append(r"(quorax[0-9a-f]+)")
+                parts.append(f"({SINK_NAME.pattern})")
                 new.append(piece)
             else:
                 parts.append(re.escape(self.actual.get(piece, piece)))
