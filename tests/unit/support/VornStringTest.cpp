@@ -85,6 +85,7 @@ TEST_F(VornStringTest, ValidUtf8_BecomesTheCharactersItStandsFor) {
     EXPECT_EQ(VornStringToWide("az\x7F"), L"az\x7F");
     EXPECT_EQ(VornStringToWide("\xC3\xA9\xDF\xBF"), L"\u00E9\u07FF");
     EXPECT_EQ(VornStringToWide("\xE2\x82\xAC\xEF\xBF\xBD"), L"\u20AC\uFFFD");
+    EXPECT_EQ(VornStringToWide("\xED\x9F\xBF\xEE\x80\x80"), L"\uD7FF\uE000");
     EXPECT_EQ(VornStringToWide("\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF"), L"\U0001F600\U0010FFFF");
 }
 
@@ -120,6 +121,7 @@ TEST_F(VornStringTest, AlmostUtf8_SurvivesTheRoundTripByteForByte) {
         "\xF0\x8F\xBF\xBF", // overlong in four bytes
         "\xED\xA0\x80",     // a high surrogate
         "\xED\xB2\x80",     // the very surrogate that stands for the byte 0x80
+        "\xED\xBF\xBF",     // the last surrogate
         "\xF4\x90\x80\x80", // above the last character
         "\xF5\x80\x80\x80", // a lead byte that leads to nothing
         "\xE2\x82",         // cut off
