@@ -23,7 +23,7 @@ namespace VornSupport {
  */
 class VORNSUPT_API ModuleData {
 public:
-    /** Notes how the module is started. @param bAutoInit whether the module attaches and detaches by itself */
+    /** Notes how the module is started. @param bAutoInit whether it attaches and detaches by itself */
     ModuleData(bool bAutoInit);
     virtual ~ModuleData();
 

@@ -71,7 +71,7 @@ private:
         m_publisher.publish("builds", [](VornConnection&) {});
     }
 
-    /// A connection with a sound request that was answered, and whose event has come.
+    /** A connection with a sound request that was answered, and whose event has come. */
     int admitted() {
         // On a busy machine the publisher may cut a client that has not been given the processor in time.
         for (;;) {

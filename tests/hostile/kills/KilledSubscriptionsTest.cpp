@@ -136,13 +136,13 @@ protected:
         return ChildProcess::spawnRole("writeDownInRounds", logOf(client), std::to_string(client));
     }
 
-    /// The number of the last event that the client has written down.
+    /** The number of the last event that the client has written down. */
     static std::uint64_t lastOf(int client) {
         const std::vector<Record> records = recordsIn(logOf(client));
         return records.empty() ? 0 : records.back().number;
     }
 
-    /// @param mayRepeat how many events may stand there twice
+    /** @param mayRepeat how many events may stand there twice */
     static void expectComplete(int client, std::uint64_t last, int mayRepeat) {
         const std::vector<Record> records = recordsIn(logOf(client));
         std::uint64_t before = 0;
