@@ -83,7 +83,7 @@ check_development() {
     # Where nothing has told the linker of the libraries, one of them does not find the other by itself.
     local -x LD_LIBRARY_PATH
     LD_LIBRARY_PATH=$(echo "$directory"/usr/lib/*-linux-*)
-    [[ $("$work/consumer/program") == '7 seven' ]]
+    [[ $("$work/consumer/program") == '7 seven, 0 queued' ]]
     ldd "$work/consumer/program" >"$work/log"
     for library in "$directory"/usr/lib/*/*.so.1; do
         grep -q "${library##*/} => $library " "$work/log" || { cat "$work/log"; exit 1; }

@@ -57,6 +57,7 @@ check_set_up() {
     ldconfig -p >/tmp/log
     grep -q 'libvornnet\.so\.1 ' /tmp/log || fail 'the linker does not know the library'
     grep -q 'libvornsupt\.so\.1 ' /tmp/log || fail 'the linker does not know the support library'
+    grep -q 'libvornnotify\.so\.1 ' /tmp/log || fail 'the linker does not know the library of deliveries'
 }
 
 # What the manual says of the pipe directory, followed by alice, who becomes root with what stands in for sudo.

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include <VornBufferConnection.h>
+#include <VornDispatcher.h>
 
 #include <cstdio>
 
@@ -9,5 +10,7 @@ int main() {
     connection.transfer(7);
     connection.transfer("seven");
     const int number = connection.receiveInt();
-    std::printf("%d %s\n", number, connection.receiveString().c_str());
+    VornNet::VornDispatcher dispatcher;
+    std::printf("%d %s, %zu queued\n", number, connection.receiveString().c_str(),
+                dispatcher.statistics().nQueued);
 }
