@@ -29,6 +29,12 @@ enum Ending : unsigned {
     throwsSomethingElse = 32, ///< never allowed
 };
 
+/**
+ * Of what starts a QuietThread. The thread has something local that is to be destroyed, and where there is no
+ * memory to remember that, the C library ends the process.
+ */
+inline constexpr unsigned startsAThread = throwsBadAlloc | throwsVornException | doesWithout | endsProcess;
+
 /** One run of an operation, in which perhaps an allocation fails. */
 class Trial {
 public:

@@ -134,10 +134,7 @@ Operation publisherRow(std::vector<std::string> names, const std::string& detail
 }
 
 Operation opening(const std::string& detail, const VornString& sDirectory) {
-    return {{"VornPublisher::VornPublisher"},
-            detail,
-            throwsBadAlloc | throwsVornException | doesWithout,
-            [=](Trial& trial) {
+    return {{"VornPublisher::VornPublisher"}, detail, startsAThread, [=](Trial& trial) {
                 const VornPublisher::Options options = publisherOptions(sDirectory);
                 std::optional<VornPublisher> publisher;
                 trial.attemptOnAllThreads([&] {
@@ -269,7 +266,7 @@ Operations subscriberRows() {
     return {
         {{"VornSubscriber::VornSubscriber"},
          "",
-         throwsBadAlloc | throwsVornException | doesWithout,
+         startsAThread,
          [](Trial& trial) {
              VornSubscriber::Options options = subscriberOptions(true);
              options.sPositionFile = "/opt/a.position.file.with.a.long.name";
