@@ -3,21 +3,24 @@
 #include "Address.h"
 #include "Command.h"
 #include "ExitStatus.h"
+#include "Finding.h"
 #include "LibraryRecords.h"
 #include "Output.h"
 #include "PipeFiles.h"
 #include "Ports.h"
+#include "ServerFindings.h"
 #include "SinkObstacle.h"
+#include "Usage.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <set>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace VornTool {
 
@@ -25,18 +28,9 @@ namespace {
 
 struct DoctorOptions : CommonOptions {
     bool strict = false;
+    bool monitor = false;
+    pid_t pid = 0;
 };
-
-enum class Severity { Ok, Warning, Problem };
-
-struct Finding {
-    std::string check;
-    Severity severity = Severity::Ok;
-    std::string text;
-    std::string remedy; ///< empty only for what is in order
-};
-
-using Findings = std::vector<Finding>;
 
 Finding fromObstacle(const std::string& check, const Obstacle& obstacle) {
     return {check, Severity::Problem, obstacle.text, obstacle.remedy};
@@ -54,33 +48,33 @@ void checkPipeDirectory(Findings& findings) {
         return;
     std::array<char, 16> mode;
     std::snprintf(mode.data(), mode.size(), "%04o", information.st_mode & 07777U);
+    const std::string remedy = std::string(::geteuid() == 0 ? "" : "sudo ") + "chmod 1770 " + path;
     if ((information.st_mode & S_IRWXO) != 0)
         findings.push_back(
             {check, Severity::Problem,
              "the pipe directory " + path + " is open to others (mode " + mode.data() +
                  "): anyone who can write there can take a server's name and its notifications",
-             "chmod 1770 " + path});
+             remedy});
     else if ((information.st_mode & (S_IWGRP | S_ISVTX)) == S_IWGRP)
         findings.push_back({check, Severity::Warning,
                             "the pipe directory " + path + " has no sticky bit (mode " + mode.data() +
                                 "): members of its group can remove each other's pipes",
-                            "chmod 1770 " + path});
+                            remedy});
     else if (findings.empty())
         findings.push_back({check, Severity::Ok, path + " is there and writable, mode " + mode.data(), ""});
 }
 
-void checkSinkType(Findings& findings) {
-    const char* value = std::getenv(sinkTypeVariable);
+void checkSinkType(Findings& findings, const std::optional<std::string>& value) {
     const std::string name = sinkTypeVariable;
-    const std::string type = value != nullptr ? value : "";
-    if (value == nullptr)
+    const std::string type = value.value_or("");
+    if (!value)
         findings.push_back({"sink-type", Severity::Ok, name + " is not set: sinks use pipes", ""});
     else if (type == "pipe" || type == "socket" || type == "udp")
         findings.push_back({"sink-type", Severity::Ok, name + " is \"" + type + "\"", ""});
     else
         findings.push_back({"sink-type", Severity::Problem,
                             name + " is " + quoted(type) + ", which is no transport: sinks use pipes instead",
-                            "set it to pipe, socket or udp, in lower case, or unset it"});
+                            "unset " + name});
 }
 
 void checkHostAddress(Findings& findings, const std::string& address) {
@@ -99,94 +93,49 @@ void checkHostAddress(Findings& findings, const std::string& address) {
                         ""});
 }
 
-/** Why sinks cannot have the port: by whom it is taken, or that nobody has it any more. */
-std::string describeUse(int port, const std::vector<PortUse>& uses,
-                        const std::multimap<std::uint32_t, Process>& holders) {
-    std::vector<Process> processes;
-    bool isTimeWait = false;
-    for (const PortUse& use : uses) {
-        if (use.port != port)
-            continue;
-        isTimeWait = isTimeWait || use.isTimeWait();
-        const auto [first, last] = holders.equal_range(use.socket);
-        std::transform(first, last, std::back_inserter(processes),
-                       [](const auto& entry) { return entry.second; });
-    }
-    if (!processes.empty())
-        return "taken by " + printable(describe(processes));
-    return isTimeWait ? "in TIME_WAIT" : "taken";
-}
-
-Finding judgePorts(bool udp, const std::string& address) {
-    constexpr int cFirst = 5023;
-    constexpr int cLast = cFirst + 99;
-    constexpr std::size_t cMostShown = 5;
-    const std::string kind = udp ? "UDP" : "TCP";
-    const std::string check = udp ? "udp-ports" : "tcp-ports";
-    int free = cFirst;
-    while (free <= cLast && !isPortFree(udp, address, free))
-        ++free;
-    if (free == cFirst)
-        return {check, Severity::Ok, "port 5023 is free for a " + kind + " sink", ""};
-    const std::vector<PortUse> uses = listPortUses(udp, cFirst, cLast);
-    std::set<std::uint32_t> sockets;
-    for (const PortUse& use : uses)
-        sockets.insert(use.socket);
-    sockets.erase(0);
-    const auto holders = findHolders(sockets);
-    std::string text = "a " + kind + " sink moves to port " + std::to_string(free) + ": ";
-    for (int port = cFirst; port < free; ++port) {
-        const auto shown = static_cast<std::size_t>(port - cFirst);
-        if (shown == cMostShown) {
-            text += ", and so on";
-            break;
-        }
-        text += (shown > 0 ? ", " : "") + std::to_string(port) + " is " + describeUse(port, uses, holders);
-    }
-    return {
-        check, Severity::Warning, text,
-        "give services the address that the sink publishes now; TIME_WAIT ends after a minute, and does not "
-        "arise when callbacks read to the end of the stream"};
-}
-
-void checkPorts(Findings& findings, const std::string& address) {
-    if (hostAddressObstacle())
-        return;
-    findings.push_back(judgePorts(false, address));
-    findings.push_back(judgePorts(true, address));
-}
-
 std::optional<Finding> judgePipe(const PipeFile& file) {
     const std::string pipe = "pipe " + quoted(file.name);
     const std::string process = printable(describe(file.processes));
+    const std::string restart =
+        file.processes.empty() ? "sudo vornnet pipes" : restartCommand(file.processes.front());
     switch (file.state) {
     case PipeState::Stolen:
-        return Finding{"pipes", Severity::Problem,
-                       pipe + " was stolen from process " + process + ": another socket has its path",
-                       "restart the process; two sinks in one process, or two process name spaces that share "
-                       "the directory, take each other's pipe"};
+        return Finding{
+            "pipes", Severity::Problem,
+            pipe + " was stolen from process " + process +
+                ": another socket has its path (two sinks in one process, or two process name spaces "
+                "that share the directory, take each other's pipe)",
+            restart};
     case PipeState::Unlinked:
         return Finding{"pipes", Severity::Problem,
-                       pipe + " of process " + process + " has lost its file: nobody can reach it",
-                       "restart the process, and remove files there with vornnet pipes --clean only"};
+                       pipe + " of process " + process + " has lost its file: nobody can reach it", restart};
     case PipeState::Contested:
         return Finding{"pipes", Severity::Problem,
                        pipe + " is claimed by several processes, one of which is reached: " + process,
-                       "restart all but one of them under another name"};
-    case PipeState::Dead:
-        return Finding{"pipes", Severity::Warning, pipe + " is dead: senders are refused there",
-                       "vornnet pipes --clean"};
-    case PipeState::Listening:
-        if (!file.isFull())
-            return std::nullopt;
-        return Finding{
-            "pipes", Severity::Problem,
-            pipe + " of process " + process + " has a full queue: its senders are blocked",
-            "find out what its process is waiting for: a callback that does not return, or a client "
-            "that sends nothing"};
+                       restart};
     default:
         return std::nullopt;
     }
+}
+
+/** All together: hundreds of them would bury what matters. */
+void addDeadPipes(const std::vector<PipeFile>& files, Findings& findings) {
+    constexpr std::size_t cMostShown = 3;
+    std::vector<std::string> names;
+    for (const PipeFile& file : files) {
+        if (file.state == PipeState::Dead)
+            names.push_back(quoted(file.name));
+    }
+    if (names.empty())
+        return;
+    std::string text = names.size() == 1 ? "pipe " : std::to_string(names.size()) + " pipes are dead: ";
+    for (std::size_t i = 0; i < std::min(cMostShown, names.size()); ++i)
+        text += (i > 0 ? ", " : "") + names[i];
+    if (names.size() > cMostShown)
+        text += " and " + std::to_string(names.size() - cMostShown) + " more";
+    findings.push_back({"pipes", Severity::Warning,
+                        text + (names.size() == 1 ? " is dead" : "") + "; senders are refused there",
+                        "vornnet pipes --clean"});
 }
 
 void checkPipes(Findings& findings) {
@@ -197,14 +146,14 @@ void checkPipes(Findings& findings) {
         return; // told by the check of the directory
     }
     const std::size_t before = findings.size();
+    addDeadPipes(files, findings);
     for (const PipeFile& file : files) {
         if (const auto finding = judgePipe(file))
             findings.push_back(*finding);
     }
     if (findings.size() == before)
         findings.push_back({"pipes", Severity::Ok,
-                            std::to_string(files.size()) + " entries, none of them dead, stolen or full",
-                            ""});
+                            std::to_string(files.size()) + " entries, none of them dead or stolen", ""});
 }
 
 void checkPathLength(Findings& findings) {
@@ -212,18 +161,21 @@ void checkPathLength(Findings& findings) {
                         "the name of a pipe may have " + std::to_string(longestPipeName()) + " bytes", ""});
 }
 
-void checkDescriptors(Findings& findings) {
+void checkDescriptors(Findings& findings, pid_t pid) {
     constexpr rlim_t cEnough = 256;
     rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
+    // Of another user's process it is not told.
+    if (::prlimit(pid, RLIMIT_NOFILE, nullptr, &limit) != 0)
+        return;
     const std::string number = limit.rlim_cur == RLIM_INFINITY
                                    ? "unlimited"
                                    : std::to_string(static_cast<unsigned long>(limit.rlim_cur));
     if (limit.rlim_cur < cEnough)
-        findings.push_back({"descriptors", Severity::Problem,
-                            "a process may have " + number +
-                                " descriptors only: a service that runs out of them can notify nobody",
-                            "raise the limit: ulimit -n 1024, or LimitNOFILE= of the service's unit"});
+        findings.push_back(
+            {"descriptors", Severity::Problem,
+             "a process may have " + number +
+                 " descriptors only: a service that runs out of them can notify nobody",
+             pid == 0 ? "ulimit -n 1024" : "prlimit --nofile=1024:1024 --pid " + std::to_string(pid)});
     else
         findings.push_back(
             {"descriptors", Severity::Ok, "a process may have " + number + " descriptors", ""});
@@ -235,7 +187,46 @@ void checkDescriptors(Findings& findings) {
         findings.push_back(
             {"descriptors", Severity::Problem,
              "the host has " + std::to_string(open) + " files open of at most " + std::to_string(most),
-             "raise fs.file-max, or find the processes that have them open"});
+             "sysctl fs.file-max=" + std::to_string(most * 2)});
+}
+
+/** What one process has that others may not have. */
+void checkProcess(Findings& findings, const Process& process) {
+    const std::string named = describeFully({process});
+    const std::string check = "process";
+    if (!isReadable(process.pid)) {
+        findings.push_back({check,
+                            Severity::Warning,
+                            "this user may not look into " + named,
+                            "sudo vornnet doctor --pid " + std::to_string(process.pid),
+                            {process}});
+        return;
+    }
+    if (!hasLoaded(process.pid, "libvornnet.so")) {
+        findings.push_back({check,
+                            Severity::Problem,
+                            named + " has not loaded the library: it neither sends nor receives",
+                            "grep vornnet /proc/" + std::to_string(process.pid) + "/maps",
+                            {process}});
+        return;
+    }
+
+    struct stat information {};
+
+    if (::stat(pipeDirectory().c_str(), &information) == 0 && !mayWrite(process.pid, information)) {
+        const std::string group = nameOfGroup(information.st_gid);
+        findings.push_back({check,
+                            Severity::Problem,
+                            named + " may not use the pipe directory, which is for the group " + group,
+                            "usermod -aG " + group + " " + process.user + "; " + restartCommand(process),
+                            {process}});
+        return;
+    }
+    findings.push_back({check,
+                        Severity::Ok,
+                        named + " has loaded the library and may use the pipe directory",
+                        "",
+                        {process}});
 }
 
 std::string nameOf(Severity severity) {
@@ -269,30 +260,82 @@ void printJson(const Findings& findings) {
             {"check", finding.check}, {"severity", nameOf(finding.severity)}, {"text", finding.text}};
         if (!finding.remedy.empty())
             object["remedy"] = finding.remedy;
+        if (!finding.processes.empty())
+            object["processes"] = toJson(finding.processes);
+        if (finding.since)
+            object["seconds"] = std::chrono::duration<double>(*finding.since).count();
         list.push_back(object);
     }
     Output::json({{"findings", list}});
 }
 
-int runDoctor(DoctorOptions& options) {
-    const LibraryRecords records(options.logLevel);
-    const std::string address = sinkHostAddress();
+Findings examineHost() {
     Findings findings;
+    const char* type = std::getenv(sinkTypeVariable);
     checkPipeDirectory(findings);
-    checkSinkType(findings);
+    checkSinkType(findings, type != nullptr ? std::optional<std::string>(type) : std::nullopt);
+    const std::string address = sinkHostAddress();
     checkHostAddress(findings, address);
-    checkPorts(findings, address);
+    if (!hostAddressObstacle())
+        checkPorts(findings, address);
     checkPipes(findings);
+    checkServers(findings, 0);
     checkPathLength(findings);
-    checkDescriptors(findings);
+    checkDescriptors(findings, 0);
+    return findings;
+}
+
+Findings examineProcess(pid_t pid) {
+    const std::optional<Process> process = findProcess(pid);
+    if (!process)
+        throw ToolError(exitFailed, "there is no process " + std::to_string(pid));
+    Findings findings;
+    checkProcess(findings, *process);
+    if (!isReadable(pid))
+        return findings;
+    checkSinkType(findings, environmentOf(pid, sinkTypeVariable));
+    checkServers(findings, pid);
+    checkDescriptors(findings, pid);
+    return findings;
+}
+
+/** One line and a status, as programs that watch hosts expect them of a plug-in. */
+int printForMonitor(const Findings& findings, Severity worst) {
+    constexpr std::array<const char*, 3> cWords = {"OK", "WARNING", "CRITICAL"};
+    std::string text;
+    for (const Finding& finding : findings) {
+        if (finding.severity != Severity::Ok && finding.severity == worst)
+            text += (text.empty() ? "" : " | ") + finding.check + ": " + finding.text;
+    }
+    // What follows a bar would be taken for figures.
+    std::replace(text.begin(), text.end(), '|', ';');
+    Output::line(std::string("VORNNET ") + cWords[static_cast<std::size_t>(worst)] + " - " +
+                 (text.empty() ? "nothing found" : text));
+    return static_cast<int>(worst);
+}
+
+int runDoctor(DoctorOptions& options) {
+    constexpr int cUnknown = 3;
+    const LibraryRecords records(options.logLevel);
+    Findings findings;
+    try {
+        findings = options.pid == 0 ? examineHost() : examineProcess(options.pid);
+    } catch (const ToolError& error) {
+        if (!options.monitor)
+            throw;
+        Output::line(std::string("VORNNET UNKNOWN - ") + error.what());
+        return cUnknown;
+    }
+    Severity worst = Severity::Ok;
+    for (const Finding& finding : findings)
+        worst = std::max(worst, finding.severity);
+    if (options.monitor)
+        return printForMonitor(findings, worst);
     if (options.json)
         printJson(findings);
     else
         print(findings);
-    const Severity limit = options.strict ? Severity::Warning : Severity::Problem;
-    const bool found = std::any_of(findings.begin(), findings.end(),
-                                   [limit](const Finding& finding) { return finding.severity >= limit; });
-    return found ? exitProblems : exitDone;
+    return worst >= (options.strict ? Severity::Warning : Severity::Problem) ? exitProblems : exitDone;
 }
 
 } // namespace
@@ -302,6 +345,15 @@ void addDoctor(CLI::App& app, Runner& runner) {
     CLI::App* command = addCommand(
         app, "doctor", "Find obstacles to notifications on this host, and their remedies", *options);
     command->add_flag("--strict", options->strict, "Let warnings count as problems in the exit status");
+    command
+        ->add_option("--pid", options->pid,
+                     "Examine what process N has: its rights, its environment, its sinks and peers")
+        ->type_name("N")
+        ->check(atLeastOne());
+    command->add_flag(
+        "--monitor", options->monitor,
+        "Print one line, and end as a monitoring plug-in does: 0 when all is well, 1 for warnings, "
+        "2 for problems, 3 when it cannot be known");
     addJsonOption(*command, *options);
     setRunner(command, runner, options, runDoctor);
 }

@@ -16,8 +16,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -36,7 +34,7 @@ std::uint32_t kernelDevice(dev_t device) {
     return (major(device) << 20U) | minor(device);
 }
 
-bool isSameFile(const UnixSocket::File& file, const struct stat& information) {
+bool isSameFile(const Socket::File& file, const struct stat& information) {
     return file.inode == static_cast<std::uint32_t>(information.st_ino) &&
            file.device == kernelDevice(information.st_dev);
 }
@@ -61,22 +59,6 @@ int probe(const std::string& path) {
     return error;
 }
 
-std::string nameOfUser(uid_t user) {
-    std::array<char, 4096> buffer;
-    passwd entry{};
-    passwd* found = nullptr;
-    ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
-    return found != nullptr ? found->pw_name : std::to_string(user);
-}
-
-std::string nameOfGroup(gid_t group) {
-    std::array<char, 4096> buffer;
-    ::group entry{};
-    ::group* found = nullptr;
-    ::getgrgid_r(group, &entry, buffer.data(), buffer.size(), &found);
-    return found != nullptr ? found->gr_name : std::to_string(group);
-}
-
 /** Compares the directory with the sockets, once. */
 class Inspection {
 public:
@@ -93,35 +75,34 @@ private:
     std::string nameInDirectory(const std::string& path) const;
 
     const std::string m_directory;
-    UnixSockets m_unix;
+    Sockets m_sockets;
     bool m_exact = false; // whether sockets can be told by their files
-    std::multimap<std::string, const UnixSocket*> m_byName;
+    std::multimap<std::string, const Socket*> m_byName;
     std::multimap<std::uint32_t, Process> m_holders;
     std::set<std::uint32_t> m_found; // sockets that have their path
     std::vector<std::string> m_names;
-
-    std::vector<Process> holdersOf(const UnixSocket& socket) const;
 };
 
 Inspection::Inspection() : m_directory(pipeDirectory()) {
     // Directory first: a pipe made meanwhile is then just not listed, instead of being taken for stolen.
     readDirectory();
-    m_unix = listUnixSockets();
+    m_sockets = listSockets(false);
 
     struct statfs fileSystem {};
 
     // A socket on an overlay may be told with the number of a file below it.
-    m_exact = m_unix.exact && ::statfs(m_directory.c_str(), &fileSystem) == 0 &&
+    m_exact = m_sockets.pipesKnown && ::statfs(m_directory.c_str(), &fileSystem) == 0 &&
               fileSystem.f_type != OVERLAYFS_SUPER_MAGIC;
-    std::set<std::uint32_t> numbers;
-    for (const UnixSocket& socket : m_unix.sockets) {
+    for (const Socket& socket : m_sockets.list) {
+        // Accepted connections bear their listener's name, and on newer kernels its file.
+        const bool isServer =
+            socket.state == Socket::State::Listening || socket.state == Socket::State::Other;
         const std::string name = nameInDirectory(socket.path);
-        if (name.empty())
-            continue;
-        m_byName.emplace(name, &socket);
-        numbers.insert(socket.number);
+        if (isServer && !name.empty())
+            m_byName.emplace(name, &socket);
     }
-    m_holders = findHolders(numbers);
+    if (!m_byName.empty())
+        m_holders = listHolders();
 }
 
 std::string Inspection::nameInDirectory(const std::string& path) const {
@@ -145,13 +126,6 @@ void Inspection::readDirectory() {
     std::sort(m_names.begin(), m_names.end());
 }
 
-std::vector<Process> Inspection::holdersOf(const UnixSocket& socket) const {
-    std::vector<Process> result;
-    const auto [first, last] = m_holders.equal_range(socket.number);
-    std::transform(first, last, std::back_inserter(result), [](const auto& entry) { return entry.second; });
-    return result;
-}
-
 void Inspection::judgeWithoutSocket(PipeFile& file, const std::string& name) const {
     switch (probe(m_directory + name)) {
     case ECONNREFUSED:
@@ -168,7 +142,7 @@ void Inspection::judgeWithoutSocket(PipeFile& file, const std::string& name) con
 
 void Inspection::judge(PipeFile& file, const std::string& name, const struct stat& information) {
     const auto [first, last] = m_byName.equal_range(name);
-    std::vector<const UnixSocket*> candidates;
+    std::vector<const Socket*> candidates;
     for (auto entry = first; entry != last; ++entry) {
         if (!m_exact || (entry->second->file && isSameFile(*entry->second->file, information)))
             candidates.push_back(entry->second);
@@ -178,11 +152,11 @@ void Inspection::judge(PipeFile& file, const std::string& name, const struct sta
     if (candidates.empty() || (!m_exact && file.state == PipeState::Dead))
         return;
     const bool contested = candidates.size() > 1;
-    for (const UnixSocket* socket : candidates) {
+    for (const Socket* socket : candidates) {
         m_found.insert(socket->number);
-        file.state = socket->listening ? PipeState::Listening : PipeState::Bound;
+        file.state = socket->state == Socket::State::Listening ? PipeState::Listening : PipeState::Bound;
         file.queue = socket->queue;
-        const std::vector<Process> holders = holdersOf(*socket);
+        const std::vector<Process> holders = holdersOf(m_holders, socket->number);
         file.processes.insert(file.processes.end(), holders.begin(), holders.end());
     }
     if (contested) {
@@ -205,14 +179,14 @@ PipeFile Inspection::inspect(const std::string& name, const struct stat& informa
 
 void Inspection::addCutOff(std::vector<PipeFile>& files) const {
     for (const auto& [name, socket] : m_byName) {
-        if (!socket->listening || m_found.count(socket->number) != 0)
+        if (socket->state != Socket::State::Listening || m_found.count(socket->number) != 0)
             continue;
         const bool exists = ::access((m_directory + name).c_str(), F_OK) == 0;
         PipeFile file;
         file.name = name;
         file.state = exists ? PipeState::Stolen : PipeState::Unlinked;
         file.queue = socket->queue;
-        file.processes = holdersOf(*socket);
+        file.processes = holdersOf(m_holders, socket->number);
         files.push_back(file);
     }
 }
@@ -293,13 +267,6 @@ std::string nameOf(PipeState state) {
         break;
     }
     return "unknown";
-}
-
-std::string describe(const std::vector<Process>& processes) {
-    std::string result;
-    for (const Process& process : processes)
-        result += (result.empty() ? "" : ", ") + std::to_string(process.pid) + " (" + process.name + ")";
-    return result.empty() ? "?" : result;
 }
 
 } // namespace VornTool

@@ -3,7 +3,8 @@
 #ifndef VORNTOOL_PIPEFILES_H
 #define VORNTOOL_PIPEFILES_H
 
-#include "UnixSockets.h"
+#include "Processes.h"
+#include "Sockets.h"
 
 #include <optional>
 #include <string>
@@ -29,7 +30,7 @@ enum class PipeState {
 struct PipeFile {
     std::string name; ///< without the directory
     PipeState state = PipeState::Unknown;
-    std::optional<UnixSocket::Queue> queue;
+    std::optional<Socket::Queue> queue;
     std::vector<Process> processes; ///< who holds the socket, as far as can be seen
 
     /** The file's, unless the file is gone. */
@@ -58,9 +59,6 @@ int removeIfDead(const std::string& path);
 
 /** @return the word for the state, as in the tables and in JSON. */
 std::string nameOf(PipeState state);
-
-/** @return "123 (name)" for each, joined; "?" for none. */
-std::string describe(const std::vector<Process>& processes);
 
 } // namespace VornTool
 

@@ -91,10 +91,7 @@ void printTable(const std::vector<PipeFile>& files) {
 }
 
 Json toJson(const PipeFile& file) {
-    Json processes = Json::array();
-    for (const Process& process : file.processes)
-        processes.push_back({{"pid", process.pid}, {"name", process.name}});
-    Json object = {{"name", file.name}, {"state", nameOf(file.state)}, {"processes", processes}};
+    Json object = {{"name", file.name}, {"state", nameOf(file.state)}, {"processes", toJson(file.processes)}};
     if (file.queue) {
         object["waiting"] = file.queue->waiting;
         object["backlog"] = file.queue->backlog;

@@ -3,26 +3,12 @@
 #ifndef VORNTOOL_PORTS_H
 #define VORNTOOL_PORTS_H
 
-#include <cstdint>
-#include <string>
-#include <vector>
+#include "Finding.h"
 
 namespace VornTool {
 
-/** A socket of this network name space that has a local port. */
-struct PortUse {
-    int port = 0;
-    int state = 0;            ///< as in the kernel: 6 is TIME_WAIT, 10 is listening
-    std::uint32_t socket = 0; ///< its inode number; 0 in TIME_WAIT, which belongs to no process
-
-    bool isTimeWait() const { return state == 6; }
-};
-
-/** @return the TCP or UDP sockets with local ports from @p first to @p last. */
-std::vector<PortUse> listPortUses(bool udp, int first, int last);
-
-/** @return whether a server of the library could be bound there now. */
-bool isPortFree(bool udp, const std::string& address, int port);
+/** Finds out which port a TCP or UDP sink would get at the address, and why not the first. */
+void checkPorts(Findings& findings, const std::string& address);
 
 } // namespace VornTool
 

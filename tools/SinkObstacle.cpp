@@ -4,11 +4,13 @@
 
 #include "Address.h"
 #include "Output.h"
+#include "Processes.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -40,11 +42,30 @@ bool lookUp(const std::string& name, std::string& officialName, std::string& add
     return true;
 }
 
+/** @return the commands, one after the other, as root or as who may become it. */
+std::string asRoot(const std::vector<std::string>& commands) {
+    std::string result;
+    for (const std::string& command : commands)
+        result += (result.empty() ? "" : "; ") + std::string(::geteuid() == 0 ? "" : "sudo ") + command;
+    return result;
+}
+
+/** @return the command that lets this user into a group; none for root, who needs none. */
+std::vector<std::string> joiningGroup(const std::string& group) {
+    if (::geteuid() == 0)
+        return {};
+    return {"usermod -aG " + group + " " + nameOfUser(::geteuid())};
+}
+
 /** As in the manual; a test compares them. */
 std::string createDirectoryRemedy() {
     const std::string directory = pipeDirectory();
-    return "as root: groupadd --system --force vorn; install -d -o root -g vorn -m 1770 " +
-           directory.substr(0, directory.size() - 1) + "; then add this user to the group";
+    std::vector<std::string> commands = {"groupadd --system --force vorn",
+                                         "install -d -o root -g vorn -m 1770 " +
+                                             directory.substr(0, directory.size() - 1)};
+    for (const std::string& command : joiningGroup("vorn"))
+        commands.push_back(command);
+    return asRoot(commands);
 }
 
 bool isOwnAddress(const std::string& address) {
@@ -82,20 +103,21 @@ std::optional<Obstacle> pipeDirectoryObstacle() {
         if (errno == ENOENT || errno == ENOTDIR)
             return Obstacle{"the pipe directory " + path + " is missing", createDirectoryRemedy()};
         return Obstacle{"the pipe directory " + path + " cannot be looked at: " + std::strerror(errno),
-                        "let this user pass through the directories above it"};
+                        "namei -l " + path};
     }
     if (::faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         const bool readOnly = errno == EROFS;
-        return Obstacle{
-            "the pipe directory " + path + " is not writable for this user: " + std::strerror(errno),
-            readOnly ? "mount its file system for writing" : "add the user to the directory's group"};
+        return Obstacle{"the pipe directory " + path +
+                            " is not writable for this user: " + std::strerror(errno),
+                        readOnly ? asRoot({"mount -o remount,rw $(findmnt -no TARGET -T " + path + ")"})
+                                 : asRoot(joiningGroup(nameOfGroup(information.st_gid)))};
     }
 
     struct statvfs space {};
 
     if (::statvfs(path.c_str(), &space) == 0 && space.f_files != 0 && space.f_favail == 0)
         return Obstacle{"the file system of the pipe directory has no file left to give",
-                        "remove files there; dead pipes go with: vornnet pipes --clean"};
+                        "vornnet pipes --clean"};
     return std::nullopt;
 }
 
@@ -103,11 +125,11 @@ std::optional<Obstacle> hostAddressObstacle() {
     const std::string address = sinkHostAddress();
     if (address.empty())
         return Obstacle{"\"localhost\" does not resolve, so a TCP or UDP sink has no address to publish",
-                        "add a line \"127.0.0.1 localhost\" to /etc/hosts"};
+                        asRoot({"sh -c 'echo 127.0.0.1 localhost >>/etc/hosts'"})};
     if (!isOwnAddress(address))
         return Obstacle{"\"localhost\" resolves to " + address +
                             ", which is no address of this host: a TCP or UDP sink cannot be bound to it",
-                        "correct the entry of localhost in /etc/hosts"};
+                        asRoot({"sed -i 's/^" + address + "\\(.*localhost\\)/127.0.0.1\\1/' /etc/hosts"})};
     return std::nullopt;
 }
 

@@ -15,7 +15,7 @@ _vornnet_options()
         follow) echo --level --class --count --json --log-level --help ;;
         pipes) echo --clean --json --log-level --help ;;
         resolve) echo --json --log-level --help ;;
-        doctor) echo --strict --json --log-level --help ;;
+        doctor) echo --pid --monitor --strict --json --log-level --help ;;
         *) echo --help --version ;;
     esac
 }
@@ -39,7 +39,7 @@ _vornnet_words()
         --level) echo 0 1 2 3 4 5 6 7 8 9 ;;
         --log-level) echo -1 0 1 2 3 4 5 6 7 8 9 ;;
         --group) compgen -g ;;
-        --callbacks | --class | --count | --repeat | --every | --timeout | --service) ;;
+        --callbacks | --class | --count | --repeat | --every | --timeout | --service | --pid) ;;
         *)
             case $subcommand in
                 "") echo sink notify connect serve encode decode pipes resolve follow doctor help ;;
@@ -68,7 +68,7 @@ _vornnet()
     for ((i = 1; i < cword; ++i)); do
         case ${words[i]} in
             --type | --callbacks | --class | --content | --count | --level | --repeat | --every | --timeout | \
-                --service | --expect | --types | --group | --log-level) ((++i)) ;;
+                --service | --expect | --types | --group | --log-level | --pid) ((++i)) ;;
             -*) ;;
             *) if [[ -z $subcommand ]]; then subcommand=${words[i]}; else ((++position)); fi ;;
         esac

@@ -35,7 +35,9 @@ struct Diagnosis {
     }
 };
 
-Diagnosis examine(const std::vector<std::string>& environment = {"QUORAX_CALLB_CONN_TYPE"},
+const std::vector<std::string> cPipes = {"QUORAX_CALLB_CONN_TYPE"};
+
+Diagnosis examine(const std::vector<std::string>& environment = cPipes,
                   const std::vector<std::string>& options = {}) {
     std::vector<std::string> arguments = {"doctor", "--json"};
     arguments.insert(arguments.end(), options.begin(), options.end());
@@ -101,7 +103,7 @@ TEST_F(VornnetDoctor, WhereAllIsWell_FindsNothing) {
     for (const Json& finding : diagnosis.findings)
         EXPECT_EQ(finding.at("severity"), "ok") << finding;
     for (const char* check : {"pipe-directory", "sink-type", "localhost", "tcp-ports", "udp-ports", "pipes",
-                              "path-length", "descriptors"})
+                              "sinks", "services", "path-length", "descriptors"})
         EXPECT_EQ(diagnosis.of(check).size(), 1U) << check;
 }
 
@@ -127,7 +129,7 @@ TEST_F(VornnetDoctor, WithoutPipeDirectory_FindsAProblem) {
     for (const std::string command :
          {"groupadd --system --force vorn",
           "install -d -o root -g vorn -m 1770 /opt/vorn/hostmgr/var/lib/kestrel/rendez"}) {
-        EXPECT_THAT(remedy, HasSubstr(command + ";"));
+        EXPECT_THAT(remedy, HasSubstr(command));
         EXPECT_THAT(manual, HasSubstr("sudo " + command + "\n"));
     }
 }
@@ -202,16 +204,29 @@ TEST_F(VornnetDoctor, WithLocalhostOfAnotherHost_FindsAProblem) {
     const Diagnosis diagnosis = examine({"QUORAX_CALLB_CONN_TYPE=udp"});
     EXPECT_EQ(diagnosis.status, 5);
     expectFinding(diagnosis, "localhost", "problem", "10.1.2.3, which is no address of this host");
+    EXPECT_EQ(diagnosis.of("localhost").at(0).at("remedy"),
+              "sed -i 's/^10.1.2.3\\(.*localhost\\)/127.0.0.1\\1/' /etc/hosts");
 }
 
-TEST_F(VornnetDoctor, WithTcpPortTaken_NamesTheProcessAndTheNextPort) {
-    ChildProcess server = startTool({"serve", "socket:127.0.0.1:5023"});
-    nextLine(server);
+TEST_F(VornnetDoctor, WithHealthyTcpSink_FindsNothing) {
+    const DirectoryMode mode(01770);
+    ChildProcess sink = startTool({"sink", "--type", "socket"});
+    addressOf(sink);
+    const Diagnosis diagnosis = examine(cPipes, {"--strict"});
+    EXPECT_EQ(diagnosis.status, 0) << diagnosis.findings.dump(1);
+    expectFinding(diagnosis, "tcp-ports", "ok",
+                  "the next TCP sink gets port 5024: 5023 is taken by " + std::to_string(sink.pid()) +
+                      " (vornnet)");
+    expectFinding(diagnosis, "sinks", "ok", "1 sink (0 steady), and none is held up");
+}
+
+TEST_F(VornnetDoctor, WithTcpPortTakenByAForeignProcess_NamesItAndTheNextPort) {
+    int port = 5023;
+    const UniqueFd taken = tcpListen("127.0.0.1", port);
     const Diagnosis diagnosis = examine();
     EXPECT_EQ(diagnosis.status, 0);
     expectFinding(diagnosis, "tcp-ports", "warning",
-                  "a TCP sink moves to port 5024: 5023 is taken by " + std::to_string(server.pid()) +
-                      " (vornnet)");
+                  "the next TCP sink gets port 5024: 5023 is taken by " + std::to_string(::getpid()) + " (");
     expectFinding(diagnosis, "udp-ports", "ok", "port 5023 is free");
 }
 
@@ -220,7 +235,7 @@ TEST_F(VornnetDoctor, WithUdpPortTaken_NamesTheProcessAndTheNextPort) {
     const UniqueFd taken = udpSocket("127.0.0.1", port);
     const Diagnosis diagnosis = examine();
     expectFinding(diagnosis, "udp-ports", "warning",
-                  "a UDP sink moves to port 5024: 5023 is taken by " + std::to_string(::getpid()) + " (");
+                  "the next UDP sink gets port 5024: 5023 is taken by " + std::to_string(::getpid()) + " (");
     expectFinding(diagnosis, "tcp-ports", "ok", "port 5023 is free");
 }
 
@@ -228,7 +243,7 @@ TEST_F(VornnetDoctor, WithTcpPortsInTimeWait_SaysSo) {
     leaveInTimeWait(5023);
     leaveInTimeWait(5024);
     expectFinding(examine(), "tcp-ports", "warning",
-                  "a TCP sink moves to port 5025: 5023 is in TIME_WAIT, 5024 is in TIME_WAIT");
+                  "the next TCP sink gets port 5025: 5023 is in TIME_WAIT, 5024 is in TIME_WAIT");
 }
 
 TEST_F(VornnetDoctor, WithStrict_CountsWarningsAsProblems) {
@@ -242,6 +257,13 @@ TEST_F(VornnetDoctor, WithStrict_CountsWarningsAsProblems) {
 TEST_F(VornnetDoctor, WithDeadPipe_Warns) {
     unixListen(pipePath("dead"));
     expectFinding(examine(), "pipes", "warning", "pipe \"dead\" is dead");
+}
+
+TEST_F(VornnetDoctor, WithManyDeadPipes_TellsThemInOneLine) {
+    for (int i = 0; i < 200; ++i)
+        unixListen(pipePath("dead" + std::to_string(100 + i)));
+    expectFinding(examine(), "pipes", "warning",
+                  "200 pipes are dead: \"dead100\", \"dead101\", \"dead102\" and 197 more; ");
 }
 
 TEST_F(VornnetDoctor, WithStolenPipe_FindsAProblem) {
@@ -270,12 +292,12 @@ TEST_F(VornnetDoctor, WithFullPipe_FindsAProblem) {
     const UniqueFd client = unixConnect(pipePath("full"));
     const Diagnosis diagnosis = examine();
     EXPECT_EQ(diagnosis.status, 5);
-    expectFinding(diagnosis, "pipes", "problem", "has a full queue");
+    expectFinding(diagnosis, "services", "problem", "the queue is full, and whoever comes now is blocked");
 }
 
 TEST_F(VornnetDoctor, WithLivePipe_FindsNothing) {
     const UniqueFd server = unixListen(pipePath("live"));
-    expectFinding(examine(), "pipes", "ok", "1 entries, none of them dead, stolen or full");
+    expectFinding(examine(), "pipes", "ok", "1 entries, none of them dead or stolen");
 }
 
 TEST_F(VornnetDoctor, Always_TellsHowLongThePipesNamesMayBe) {

@@ -270,7 +270,7 @@ TEST_F(VornnetSink, WithoutPipeDirectory_TellsTheRemedyInsteadOfWaiting) {
     const ToolResult result = runTool({"sink", "--type", "pipe"});
     EXPECT_EQ(::rename(aside.c_str(), directory.c_str()), 0);
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, HasSubstr("is missing; as root: "));
+    EXPECT_THAT(result.errors, HasSubstr("is missing; groupadd --system --force vorn; "));
 }
 
 TEST_F(VornnetSink, WithoutLocalhost_TellsTheRemedyInsteadOfWaiting) {
