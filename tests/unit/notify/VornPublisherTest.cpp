@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/filter.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -994,6 +995,25 @@ TEST_F(VornPublisher_Leases, OverTcpAClientThatTakesNothingForThreeBeats_IsLostW
         publish(std::string(1024 * 1024, 'x'));
     ASSERT_TRUE(m_departures.await(1));
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110"));
+}
+
+TEST_F(VornPublisher_Leases, OverTcpAClientWhoseHostIsGone_IsLostWith110AfterThreeBeats) {
+    open(with([&](Options& o) {
+             o.beat = 100ms;
+             o.onLeave = m_departures.handler();
+         }),
+         "socket:127.0.0.1:0");
+    const RawSubscriber gone(address(), "builds");
+    const RawSubscriber other(address(), "builds");
+    // What comes to this socket is thrown away from here on, and is not acknowledged.
+    sock_filter nothing[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
+    const sock_fprog filter{1, nothing};
+    ASSERT_EQ(::setsockopt(gone.fd(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter), 0);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(m_departures.await(1));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110"));
+    EXPECT_EQ(other.next().kind, 3U);
 }
 
 TEST_F(VornPublisher_Leases, OverAPipeAClientThatTakesNothing_Stays) {
