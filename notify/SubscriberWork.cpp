@@ -336,9 +336,10 @@ void SubscriberWork::await(std::uint32_t events) {
 
 void SubscriberWork::receive() {
     const int error = m_input.fill(m_socket.number());
+    deal();
+    // The time that handlers take is no silence of the service.
     if (m_phase == Phase::live && error == 0)
         m_due = Deadline(m_silence).end();
-    deal();
     if (error != 0 && m_phase != Phase::pause && !isInterrupted())
         lose(cClosed, error);
 }

@@ -583,6 +583,23 @@ TEST_P(VornSubscriber_Wire, NothingForThreeBeats_IsSilent) {
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
 }
 
+TEST_P(VornSubscriber_Wire, TheTimeThatAHandlerTakes_IsNoSilence) {
+    listen();
+    m_inHandler = [](const std::string& text) {
+        const auto end = std::chrono::steady_clock::now() + (text == "a" ? 500ms : 0ms);
+        awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+    };
+    subscribe(quick());
+    admit({history, 1, 0, 150});
+    say(WireFrame::event(1, "a").bytes());
+    ASSERT_TRUE(awaitLine("1 a"));
+    say(WireFrame::event(2, "b").bytes());
+    ASSERT_TRUE(awaitLine("2 b"));
+    std::vector<std::string> first = lines();
+    first.resize(3);
+    EXPECT_THAT(first, ElementsAre("connected '' 0", "1 a", "2 b"));
+}
+
 TEST_P(VornSubscriber_Wire, SignsOfLife_KeepItConnected) {
     listen();
     subscribe(quick());
