@@ -52,7 +52,6 @@ void QuietThread::start(const VornString& sName, std::function<void()> run) {
         m_id = std::this_thread::get_id();
         named.release();
         run();
-        m_id = std::thread::id();
     });
     named.acquire();
 }
@@ -62,8 +61,10 @@ bool QuietThread::isExiting() {
 }
 
 void QuietThread::join() {
-    if (m_thread.joinable())
-        m_thread.join();
+    if (!m_thread.joinable())
+        return;
+    m_thread.join();
+    m_id = std::thread::id(); // also of a thread that has been ended within run()
 }
 
 } // namespace VornNet

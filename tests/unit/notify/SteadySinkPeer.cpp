@@ -43,6 +43,11 @@ RecordingCallback::Action HeldCallback::action() {
     };
 }
 
+void letPass(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+}
+
 void endSending(int fd) {
     if (::shutdown(fd, SHUT_WR) != 0)
         throw std::system_error(errno, std::generic_category(), "shutdown()");

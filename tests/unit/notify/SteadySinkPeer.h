@@ -5,6 +5,7 @@
 
 #include "../notification/NotificationPeer.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -67,6 +68,9 @@ private:
     Gate m_entered;
     Gate m_goesOn;
 };
+
+/** Lets pass a time in which something must not happen. */
+void letPass(std::chrono::milliseconds time);
 
 /** Ends the sending side. */
 void endSending(int fd);

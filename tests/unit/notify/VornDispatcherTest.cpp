@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -403,6 +404,37 @@ TEST_F(VornDispatcher_Operations, FlushWaitsForTheHandlersOfWhatWasPostedBefore)
     EXPECT_FALSE(dispatcher.flush(0ms));
 }
 
+TEST_F(VornDispatcher_Operations, EachFlushWaitsForWhatWasPostedBeforeItself) {
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher;
+    post(dispatcher, "pipe:peer");
+    WatchedThread earlier([&] { EXPECT_TRUE(dispatcher.flush(-1ms)); });
+    ASSERT_TRUE(awaitBlockedOnLock(earlier.tid()));
+    post(dispatcher, "pipe:peer");
+    WatchedThread later([&] { EXPECT_TRUE(dispatcher.flush(-1ms)); });
+    ASSERT_TRUE(awaitBlockedOnLock(later.tid()));
+    takeOne(listener.get());
+    EXPECT_TRUE(earlier.join());
+    EXPECT_FALSE(later.finished());
+    takeOne(listener.get());
+    EXPECT_TRUE(later.join());
+}
+
+TEST_F(VornDispatcher_Operations, AHandlerThatEndsItsThreadHoldsUpNothingButResults) {
+    VornDispatcher::Options options;
+    options.onResult = [](const Result&) { ::pthread_exit(nullptr); };
+    VornDispatcher dispatcher(options);
+    for (int i = 0; i < 2; ++i)
+        postWith(termsOf(1ms), dispatcher, "pipe:nobody");
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nExpired == 2; }));
+    EXPECT_FALSE(dispatcher.flush(20ms));
+    dispatcher.stop(0ms);
+    WatchedThread other(
+        [&] { EXPECT_FALSE(dispatcher.flush(0ms)); }); // perhaps with the number of the ended one
+    EXPECT_TRUE(other.join());
+    EXPECT_FALSE(other.exceptionText().has_value());
+}
+
 TEST_F(VornDispatcher_Operations, TheResultHandlerMayNeitherFlushNorStop) {
     VornDispatcher* pDispatcher = nullptr;
     std::promise<std::pair<Thrown, Thrown>> thrown;
@@ -443,6 +475,7 @@ TEST_F(VornDispatcher_Operations, CancelGivesUpEverythingForOneAddress) {
     VornDispatcher dispatcher(optionsWithResults());
     EXPECT_EQ(dispatcher.cancel("pipe:peer"), 0U);
     EXPECT_EQ(dispatcher.cancel("no address"), 0U);
+    EXPECT_EQ(dispatcher.queued("no address"), 0U);
     for (int i = 0; i < 3; ++i)
         post(dispatcher, "pipe:peer", "content");
     post(dispatcher, "pipe:nobody");

@@ -27,12 +27,6 @@ const auto kindName = [](const auto& parameter) { return nameOf(parameter.param)
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Limits, Values(Kind::pipe, Kind::socket), kindName);
 
-/** Lets pass a time in which something must not happen. */
-void letPass(std::chrono::milliseconds time) {
-    const auto end = std::chrono::steady_clock::now() + time;
-    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
-}
-
 /** The most descriptors that this process may have, while it exists. */
 class DescriptorLimit {
 public:
