@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A sink without memory: at its construction, and while it receives.
  */
@@ -24,7 +23,7 @@ using testing::Values;
 
 class VornSteadySink_Memory : public NotificationTest, public testing::WithParamInterface<Kind> {
 protected:
-    /// Everything once, so that the kit has looked up the functions that it stands before.
+    /** Everything once, so that the kit has looked up the functions that it stands before. */
     void SetUp() override {
         NotificationTest::SetUp();
         const SteadyClient client(optionsFor(GetParam()));
@@ -42,7 +41,7 @@ const auto kindName = [](const auto& parameter) { return nameOf(parameter.param)
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Memory, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_StreamMemory, Values(Kind::pipe, Kind::socket), kindName);
 
-/// While it exists, the sink's threads get no memory.
+/** While it exists, the sink's threads get no memory. */
 class NoMemoryForItsThreads : public AllocationFault {
 public:
     NoMemoryForItsThreads() : AllocationFault(1, Mode::fromThenOn, Scope::otherThreads) {}
