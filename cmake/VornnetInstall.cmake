@@ -59,9 +59,12 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.tmpfiles
 set(VORNNET_DOCS_DIR ${PROJECT_SOURCE_DIR}/build/docs CACHE PATH "Where script/docs has put what it renders")
 # They lie as in the tree, so that links between them lead somewhere.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/bench DESTINATION ${CMAKE_INSTALL_DOCDIR}
-    COMPONENT documentation FILES_MATCHING PATTERN "*.md" PATTERN site EXCLUDE PATTERN diagrams EXCLUDE PATTERN report EXCLUDE)
-install(DIRECTORY ${VORNNET_DOCS_DIR}/diagrams DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT documentation OPTIONAL)
-install(DIRECTORY ${VORNNET_DOCS_DIR}/performance DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench COMPONENT documentation OPTIONAL)
+    COMPONENT documentation
+    FILES_MATCHING PATTERN "*.md" PATTERN site EXCLUDE PATTERN diagrams EXCLUDE PATTERN report EXCLUDE)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/diagrams DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs
+    COMPONENT documentation OPTIONAL)
+install(DIRECTORY ${VORNNET_DOCS_DIR}/performance DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench
+    COMPONENT documentation OPTIONAL)
 foreach(page IN ITEMS README CONTRIBUTING SECURITY)
     install(FILES ${PROJECT_SOURCE_DIR}/${page}.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 endforeach()

@@ -54,11 +54,16 @@ def summary(compound):
 
 def whatis(brief):
     """A class comment's first sentence as manual pages have it: without article and full stop."""
-    return re.sub(r"^(?:(?:A|An|The) (.)|([A-Z])(?=[a-z]))", lambda match: match[1] or match[2].lower(), brief).rstrip(".")
+    brief = re.sub(r"^(?:(?:A|An|The) (.)|([A-Z])(?=[a-z]))", lambda match: match[1] or match[2].lower(), brief)
+    return brief.rstrip(".")
 
 
 def short_name(compound):
     return compound.findtext("compoundname").split("::")[-1]
+
+
+def line_of(member):
+    return int(member.find("location").get("line"))
 
 
 def signature(member, named=False):
@@ -96,22 +101,20 @@ class Header:
         self.members = [member for space in map(load, self.file.findall("innernamespace"))
                         for member in space.iter("memberdef") if is_described(member) or member.get("kind") == "typedef"
                         if member.find("location").get("file").endswith(f"/{self.name}.h")]
-        self.members.sort(key=lambda member: int(member.find("location").get("line")))
+        self.members.sort(key=line_of)
 
     def brief(self):
         return summary(self.classes[0] if self.classes else self.file) or summary(self.members[0])
 
     def names(self):
-        """What it is looked up by in the manual pages, and what that is: also further classes with the library's prefix."""
+        """By what it is looked up in the manual pages, and what that is: also further classes with the prefix."""
         others = [one for one in self.classes[1:] if short_name(one).startswith("Vorn")]
         return [(self.name, self.brief())] + [(short_name(one), summary(one)) for one in others]
 
     def functions(self):
-        described = [[member for member in one.iter("memberdef") if is_described(member) and member.get("prot") != "private"]
-                     for one in self.classes]
-        described.append([member for member in self.members if member.get("kind") == "function"])
-        return [member for members in described
-                for member in sorted(members, key=lambda member: int(member.find("location").get("line")))]
+        of_classes = [member for one in self.classes for member in sorted(one.iter("memberdef"), key=line_of)
+                      if is_described(member) and member.get("prot") != "private"]
+        return of_classes + [member for member in self.members if member.get("kind") == "function"]
 
     def page(self):
         library = {"include": "vornnet", "support": "vornsupt", "notify": "vornnotify"}[
@@ -123,7 +126,8 @@ class Header:
                       *table(self.functions()), ""]
         lines += ["Description", "-----------", ""]
         for one in self.classes:
-            lines += [f".. doxygen{one.get('kind')}:: {one.findtext('compoundname')}", "   :members:", "   :protected-members:", ""]
+            lines += [f".. doxygen{one.get('kind')}:: {one.findtext('compoundname')}",
+                      "   :members:", "   :protected-members:", ""]
         for member in self.members:
             name = member.findtext("qualifiedname")
             lines += [f".. doxygentypedef:: {name}" if member.get("kind") == "typedef"
@@ -144,7 +148,8 @@ def write_pages(app, config):
                          author, 7)]
     for header in app.reference:
         (folder / f"{header.name}.rst").write_text(header.page())
-        config.man_pages += [(f"reference/{header.name}", name, whatis(brief), author, 3) for name, brief in header.names()]
+        config.man_pages += [(f"reference/{header.name}", name, whatis(brief), author, 3)
+                             for name, brief in header.names()]
 
 
 # The chapters.
@@ -163,12 +168,12 @@ def complete(app, page, source):
         text += toctree(re.findall(r"^\d+\. \[[^\]]*\]\(([\w-]+)\.md\)", text, re.M) + ["bench/README"])
         text += reference if FOR_MAN else ""  # or vornnet(7) would contain them all
     elif page == "reference":
-        text += "\n".join(f"- [{header.name}](reference/{header.name}.rst): {escaped(header.brief())}" for header in app.reference)
+        text += "\n".join(f"- [{header.name}](reference/{header.name}.rst): {escaped(header.brief())}"
+                          for header in app.reference)
         text += "\n" if FOR_MAN else f"\n{reference}"
     elif page == "errors":  # the search leaves out numbers, unless they are in the index
-        text = re.sub(r"^\| ([\d, ]+) \| ([A-Z, ]+) \|",
-                      lambda row: "| {} | {} |".format(*(re.sub(r"\w+", r"{index}`\g<0>`", cell) for cell in row.groups())),
-                      text, flags=re.M)
+        text = re.sub(r"^\| [\d, ]+ \| [A-Z, ]+ \|", lambda row: re.sub(r"\w+", r"{index}`\g<0>`", row[0]), text,
+                      flags=re.M)
     source[0] = text
 
 
@@ -183,7 +188,7 @@ def split_paragraphs(_app, document):
 
 
 def mend_theme(app, error):
-    """Debian 12 builds the theme so that it works from a web server only, and does not follow the system's dark mode."""
+    """Debian 12's theme works from a web server only, and does not follow the system's dark mode: mends both."""
     if error or app.builder.name != "html":
         return
     static = pathlib.Path(app.outdir) / "_static"
