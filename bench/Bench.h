@@ -86,6 +86,7 @@ void addBigStrings();
 void addBlocks();
 void addDeadClients();
 void addDelivery();
+void addEvents();
 void addLogging();
 void addNotification();
 void addRegistry();

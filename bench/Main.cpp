@@ -164,6 +164,7 @@ void addAll() {
     addSinkDelivery();
     addNotification();
     addDelivery();
+    addEvents();
     addDeadClients();
     addServerCycle();
     addRequest();
