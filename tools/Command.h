@@ -37,6 +37,8 @@ void setRunner(CLI::App* command, Runner& runner, const std::shared_ptr<Options>
 /** Each adds its subcommand, which sets @p runner when it is chosen. @{ */
 void addSink(CLI::App& app, Runner& runner);
 void addNotify(CLI::App& app, Runner& runner);
+void addPublish(CLI::App& app, Runner& runner);
+void addSubscribe(CLI::App& app, Runner& runner);
 void addConnect(CLI::App& app, Runner& runner);
 void addServe(CLI::App& app, Runner& runner);
 void addEncode(CLI::App& app, Runner& runner);

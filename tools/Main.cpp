@@ -45,6 +45,8 @@ int main(int argc, char** argv) {
     Runner runner;
     addSink(app, runner);
     addNotify(app, runner);
+    addPublish(app, runner);
+    addSubscribe(app, runner);
     addConnect(app, runner);
     addServe(app, runner);
     addEncode(app, runner);

@@ -8,6 +8,8 @@ _vornnet_options()
     case $1 in
         sink) echo --type --steady --callbacks --content --count --json --log-level --help ;;
         notify) echo --repeat --every --timeout --confirm --json --log-level --help ;;
+        publish) echo --directory --values --json --log-level --help ;;
+        subscribe) echo --start --since --position-file --content --words --count --json --log-level --help ;;
         connect) echo --service --expect --timeout --json --log-level --help ;;
         serve) echo --service --expect --reply --ack --error --lines --group --count --json --log-level --help ;;
         encode) echo --raw --json --log-level --help ;;
@@ -36,14 +38,17 @@ _vornnet_words()
     case $previous in
         --type) echo pipe socket udp ;;
         --content | --expect | --types) echo int short long bool string line ack ;;
+        --start) echo next last oldest ;;
         --level) echo 0 1 2 3 4 5 6 7 8 9 ;;
         --log-level) echo -1 0 1 2 3 4 5 6 7 8 9 ;;
         --group) compgen -g ;;
-        --callbacks | --class | --count | --repeat | --every | --timeout | --service | --pid) ;;
+        --callbacks | --class | --count | --repeat | --every | --timeout | --service | --pid | --since | --words) ;;
+        --directory | --position-file) compgen -f ;;
         *)
             case $subcommand in
-                "") echo sink notify connect serve encode decode pipes resolve follow doctor help ;;
-                help) echo sink notify connect serve encode decode pipes resolve follow doctor ;;
+                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow doctor help ;;
+                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow doctor ;;
+                publish | subscribe) ((position > 1)) || _vornnet_addresses ;;
                 notify | connect | serve)
                     if ((position == 1)); then
                         _vornnet_addresses
@@ -68,7 +73,8 @@ _vornnet()
     for ((i = 1; i < cword; ++i)); do
         case ${words[i]} in
             --type | --callbacks | --class | --content | --count | --level | --repeat | --every | --timeout | \
-                --service | --expect | --types | --group | --log-level | --pid) ((++i)) ;;
+                --service | --expect | --types | --group | --log-level | --pid | --start | --since | \
+                --position-file | --words | --directory) ((++i)) ;;
             -*) ;;
             *) if [[ -z $subcommand ]]; then subcommand=${words[i]}; else ((++position)); fi ;;
         esac

@@ -78,6 +78,8 @@ TEST_F(VornnetTool, Help_IsTheHelpTextOfTheProgramOrOfTheCommand) {
 
 TEST_F(VornnetTool, EveryHelpTextWithAddresses_SaysThatSslCarriesNothing) {
     for (const std::string& name : subcommands()) {
+        if (name == "publish" || name == "subscribe")
+            continue; // they know pipes and TCP alone
         const std::string help = runTool({name, "--help"}).output;
         EXPECT_EQ(help.find("socket:") == std::string::npos,
                   help.find("(ssl:HOST:PORT carries nothing)") == std::string::npos)
