@@ -209,7 +209,7 @@ def check_comments(root):
                 problems.append(f"{header}: the comment of {name} says nothing of {', '.join(missing)}"
                                 if missing else f"{header}: {name} is listed as an exception and is none")
             word = WORD_WITHIN_LINE.search(comment)
-            if word and header.parent.name != "notify": # whose comments are not settled yet
+            if word:
                 problems.append(f"{header}: in the comment of {name}, {word.group(1)} does not begin a line")
     return problems + too_few(checked, 30, "classes")
 
