@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Experiments.h"
 
+#include "Await.h"
 #include "Posix.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 
 #include <VornException.h>
 #include <VornSleep.h>
+#include <VornSteadySink.h>
 
 using namespace VornTest;
 
@@ -24,8 +26,8 @@ struct Log {
     int broken = 0;
 };
 
-CallbackPointer addReader(VornNet::VornLibraryCallbackSink& sink, Log& log, const Callback& callback) {
-    return addCallback(sink, [&log, callback](auto& spConnection) {
+RecordingCallback::Action readerFor(Log& log, const Callback& callback) {
+    return [&log, callback](auto& spConnection) {
         std::string content;
         try {
             const int id = spConnection->receiveInt();
@@ -41,7 +43,11 @@ CallbackPointer addReader(VornNet::VornLibraryCallbackSink& sink, Log& log, cons
             readToEnd(*spConnection);
         VornSupport::VornSleep(callback.milliseconds);
         return content;
-    });
+    };
+}
+
+CallbackPointer addReader(VornNet::VornLibraryCallbackSink& sink, Log& log, const Callback& callback) {
+    return addCallback(sink, readerFor(log, callback));
 }
 
 void awaitServing(const WatchedSink& sink) {
@@ -70,6 +76,35 @@ Delivery deliver(Kind kind, Order order, const Callback& callback) {
     awaitServing(sink); // what is still in the queue keeps it from waiting
     result.addressAfter = sink.address();
     sink.destroy();
+    result.received = log.ids;
+    result.broken = log.broken;
+    return result;
+}
+
+Delivery deliverToSteady(Kind kind, Order order) {
+    enterFreshNetwork();
+    Log log;
+    VornNet::VornSteadySink::Options options;
+    options.kind = kind == Kind::pipe     ? VornNet::VornSteadySink::Kind::pipe
+                   : kind == Kind::socket ? VornNet::VornSteadySink::Kind::tcp
+                                          : VornNet::VornSteadySink::Kind::udp;
+    const CallbackPointer reader = new RecordingCallback(0, readerFor(log, {}));
+    Delivery result;
+    {
+        VornNet::VornSteadySink sink("steady", options);
+        sink.getCallbackContainer().add(static_cast<VornNet::VornNotificationCallback*>(reader));
+        result.addressBefore = sink.getCallbackAddress();
+        order.address = result.addressBefore;
+        result.sender = sendFromOtherProcess(order);
+        const auto nCalled = [&] { return sink.statistics().nDelivered; };
+        // What was sent is all that can come; where some of it does not, the wait ends when nothing comes any
+        // more.
+        for (std::uint64_t nBefore = 0; nCalled() < result.sender.sent.size(); nBefore = nCalled()) {
+            if (!awaitCondition([&] { return nCalled() > nBefore; }, std::chrono::seconds(1)))
+                break;
+        }
+        result.addressAfter = sink.getCallbackAddress();
+    }
     result.received = log.ids;
     result.broken = log.broken;
     return result;

@@ -44,6 +44,9 @@ struct Delivery {
  */
 Delivery deliver(Kind kind, Order order, const Callback& callback = {});
 
+/** The same with a VornSteadySink. */
+Delivery deliverToSteady(Kind kind, Order order);
+
 /**
  * Single notifications, each sent when the sink is waiting again, to where it then is: how often it moved.
  */

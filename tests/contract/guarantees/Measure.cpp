@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <functional>
 
 #include <unistd.h>
 
@@ -58,9 +59,12 @@ private:
 /** One row of a table: several runs of the same delivery. */
 class Runs {
 public:
-    Runs(Kind kind, const Order& order, const Callback& callback = {}) {
+    Runs(Kind kind, const Order& order, const Callback& callback = {})
+        : Runs([&] { return deliver(kind, order, callback); }) {}
+
+    explicit Runs(const std::function<Delivery()>& deliverOnce) {
         for (int run = 0; run < cRuns; ++run) {
-            const Delivery delivery = deliver(kind, order, callback);
+            const Delivery delivery = deliverOnce();
             int refused = 0;
             for (const auto& [code, count] : delivery.sender.refused) {
                 refused += count;
@@ -131,6 +135,25 @@ void measureBurst() {
             const Runs runs(kind, order);
             row({transportOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost(),
                  runs.seconds()});
+        }
+    }
+}
+
+void measurePairings() {
+    head({"transport", "sender", "sink", "delivered of " + std::to_string(cBurst), "told (codes)",
+          "lost in silence", "seconds"});
+    for (const Kind kind : cKinds) {
+        for (const bool byDispatcher : {false, true}) {
+            for (const bool toSteady : {false, true}) {
+                Order order;
+                order.count = cBurst;
+                order.byDispatcher = byDispatcher;
+                const Runs runs(
+                    [&] { return toSteady ? deliverToSteady(kind, order) : deliver(kind, order); });
+                row({transportOf(kind), byDispatcher ? "`VornDispatcher`" : "`remoteNotify()`",
+                     toSteady ? "`VornSteadySink`" : "`VornLibraryCallbackSink`", runs.delivered(),
+                     runs.refused(), runs.lost(), runs.seconds()});
+            }
         }
     }
 }
@@ -255,11 +278,11 @@ struct Section {
     void (*measure)();
 };
 
-constexpr Section cSections[] = {{"burst", measureBurst},        {"slow-callback", measureSlowCallback},
-                                 {"retry", measureRetry},        {"moves", measureMoves},
-                                 {"queue", measureQueue},        {"sigpipe", measureSigpipe},
-                                 {"two-sinks", measureTwoSinks}, {"udp-size", measureUdpSize},
-                                 {"ends", measureEnds},          {"silent-host", measureSilentHost}};
+constexpr Section cSections[] = {
+    {"burst", measureBurst},     {"pairings", measurePairings},     {"slow-callback", measureSlowCallback},
+    {"retry", measureRetry},     {"moves", measureMoves},           {"queue", measureQueue},
+    {"sigpipe", measureSigpipe}, {"two-sinks", measureTwoSinks},    {"udp-size", measureUdpSize},
+    {"ends", measureEnds},       {"silent-host", measureSilentHost}};
 
 int measure(const std::vector<std::string>& names) {
     for (const Section& section : cSections) {

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include <VornConnection.h>
+#include <VornDispatcher.h>
 #include <VornException.h>
 #include <VornNotification.h>
 #include <VornProxyDependent.h>
@@ -76,6 +77,23 @@ void carryOut(const Order& order) {
     }
 }
 
+void carryOutByDispatcher(const Order& order) {
+    VornDispatcher::Options options;
+    options.onResult = [](const VornDispatcher::Result& result) {
+        const bool bArrived = result.outcome == VornDispatcher::Outcome::delivered ||
+                              result.outcome == VornDispatcher::Outcome::sent;
+        if (bArrived)
+            std::printf("sent %d\n", static_cast<int>(result.nTicket) - 1);
+        else
+            std::printf("refused %d\n", result.nCode);
+    };
+    VornDispatcher dispatcher(options);
+    const VornSmartPointer<Proxy> spProxy = new Proxy(order);
+    for (int id = 0; id < order.count; ++id)
+        dispatcher.post(*spProxy, VornNotification(id));
+    dispatcher.stop(std::chrono::milliseconds(-1));
+}
+
 std::vector<std::string> argumentsOf(const Order& order) {
     return {order.address,
             std::to_string(order.count),
@@ -85,13 +103,14 @@ std::vector<std::string> argumentsOf(const Order& order) {
             std::to_string(order.ignoresSigpipe),
             std::to_string(order.mostTries),
             std::to_string(order.payload),
-            std::to_string(order.patience)};
+            std::to_string(order.patience),
+            std::to_string(order.byDispatcher)};
 }
 
 Order orderOf(const std::vector<std::string>& args) {
     const auto number = [&args](std::size_t index) { return std::stoi(args.at(index)); };
     return {args.at(0),     number(1), number(2), number(3), number(4) != 0,
-            number(5) != 0, number(6), number(7), number(8)};
+            number(5) != 0, number(6), number(7), number(8), number(9) != 0};
 }
 
 } // namespace
@@ -102,7 +121,7 @@ KIT_ROLE(sender) {
     // Written line by line, a burst would have a pause after each notification.
     static char buffer[1 << 20];
     std::setvbuf(stdout, buffer, order.ignoresSigpipe ? _IOFBF : _IOLBF, sizeof buffer);
-    carryOut(order);
+    order.byDispatcher ? carryOutByDispatcher(order) : carryOut(order);
     return 0;
 }
 

@@ -21,9 +21,10 @@ struct Order {
     int holdMicros = 0;        ///< between the last write and the end of the connection
     bool holdsForPeer = false; ///< end the connection only when the receiver has ended its side
     bool ignoresSigpipe = true;
-    int mostTries = 1; ///< of one notification, as long as it is refused; 20 ms between two
-    int payload = 0;   ///< bytes of the text that follows the id
-    int patience = 0;  ///< seconds after which a notification is broken off (code 4); 0 for never
+    int mostTries = 1;         ///< of one notification, as long as it is refused; 20 ms between two
+    int payload = 0;           ///< bytes of the text that follows the id
+    int patience = 0;          ///< seconds after which a notification is broken off (code 4); 0 for never
+    bool byDispatcher = false; ///< instead of remoteNotify(); refused is what was not delivered or sent
 };
 
 /** What became of it. */
