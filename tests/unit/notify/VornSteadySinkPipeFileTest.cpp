@@ -10,6 +10,7 @@
 #include "Sandbox.h"
 #include "SteadySinkPeer.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <mutex>
@@ -161,6 +162,28 @@ TEST_F(VornSteadySink_PipeFile, ADeadServersFile_IsReplaced) {
     ASSERT_TRUE(exists(pipePath("client")));
     const SteadyClient client(named("client"));
     EXPECT_EQ(deliverTo("pipe:client", ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, ADeadServersFileThatCannotBeMovedAway_IsTriedAgainOrToldOf) {
+    const struct {
+        const char* call;
+        int error;
+        int code;
+    } rows[] = {
+        {"lstat", ENOENT, 0}, // somebody has removed it in between
+        {"lstat", EIO, EIO},      {"renameat2", ENOENT, 0},
+        {"renameat2", EEXIST, 0}, {"renameat2", EPERM, EACCES},
+    };
+
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.call) + " " + std::to_string(row.error));
+        ::unlink(pipePath("client").c_str());
+        unixListen(pipePath("client")).reset();
+        const FaultRule once(row.call, row.error);
+        EXPECT_EQ(codeOf(named("client"), cOpenFailed), row.code);
+        EXPECT_EQ(once.failures(), 1);
+        EXPECT_EQ(exists(pipePath("client")), row.code != 0);
+    }
 }
 
 TEST_F(VornSteadySink_PipeFile, AFileThatIsNoPipe_Is98AndIsKept) {
