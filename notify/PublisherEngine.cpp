@@ -55,6 +55,14 @@ Number clamped(milliseconds span) {
     return static_cast<Number>(std::min<milliseconds::rep>(span.count(), std::numeric_limits<int>::max()));
 }
 
+/**
+ * @return the error number that the program is told. A connection that stands ends with these two only when
+ * its time is over: they are the kernel's guess why nothing was acknowledged.
+ */
+int codeOf(int error) {
+    return error == EHOSTUNREACH || error == ENETUNREACH ? ETIMEDOUT : error;
+}
+
 /** @return why a subscriber whose connection has failed is no more. */
 VornPublisher::Leaving leavingOf(int nCode) {
     const bool isItsOwn = nCode == 0 || nCode == ECONNRESET || nCode == EPIPE;
@@ -779,7 +787,7 @@ void PublisherEngine::serveOne(PublisherClient& client) {
         count(client, sent);
         m_hasSent = true;
         if (sent.nError != 0) {
-            leave(client, leavingOf(sent.nError), sent.nError);
+            leave(client, leavingOf(sent.nError), codeOf(sent.nError));
             close(client);
         } else if (sent.outcome == Outcome::blocked) {
             put(client, m_blocked);
@@ -807,7 +815,7 @@ void PublisherEngine::hearSubscriber(PublisherClient& client, std::uint32_t even
         const ssize_t count = System::recv(client.socket.number(), &byte, 1, MSG_DONTWAIT);
         const int error = count == -1 ? errno : 0;
         if (error != EAGAIN && error != EINTR) {
-            leave(client, count > 0 ? Leaving::violated : leavingOf(error), error);
+            leave(client, count > 0 ? Leaving::violated : leavingOf(error), codeOf(error));
             return close(client);
         }
     }

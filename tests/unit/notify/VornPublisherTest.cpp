@@ -1016,6 +1016,18 @@ TEST_F(VornPublisher_Leases, OverTcpAClientWhoseHostIsGone_IsLostWith110AfterThr
     EXPECT_EQ(other.next().kind, 3U);
 }
 
+TEST_F(VornPublisher_Leases, WhateverTheKernelSaysOfAHostThatIsGone_IsLostWith110) {
+    open(with([&](Options& o) { o.onLeave = m_departures.handler(); }), "socket:127.0.0.1:0");
+    std::size_t count = 0;
+    for (const int error : {ETIMEDOUT, EHOSTUNREACH, ENETUNREACH}) {
+        const RawSubscriber gone(address(), "builds");
+        const FaultRule rule("send", error);
+        publish("x");
+        ASSERT_TRUE(m_departures.await(++count)) << error;
+    }
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110", "2 lost 110", "3 lost 110"));
+}
+
 TEST_F(VornPublisher_Leases, OverAPipeAClientThatTakesNothing_Stays) {
     open(with([](Options& o) {
         o.beat = 10ms;
