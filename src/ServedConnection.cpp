@@ -15,9 +15,11 @@ void ServedConnection::endRead(const void* sink) {
 }
 
 void** ServedConnection::cellOf(VornConnection& connection) {
-    if (auto* socket = dynamic_cast<VornSocketConnection*>(&connection))
+    auto* socket = dynamic_cast<VornSocketConnection*>(&connection);
+    if (socket != nullptr)
         return &socket->m_pClient;
-    if (auto* pipe = dynamic_cast<VornPipeConnection*>(&connection))
+    auto* pipe = dynamic_cast<VornPipeConnection*>(&connection);
+    if (pipe != nullptr)
         return &pipe->m_pipeHandle;
     return nullptr; // a datagram is in memory
 }

@@ -50,12 +50,12 @@ void handle(int signalNumber, void (*handler)(int), int flags) {
     ::sigaction(signalNumber, &action, nullptr);
 }
 
-std::unique_ptr<VornIPCServer> makeServer(const std::string& kind) {
+std::unique_ptr<VornIPCServer> makeServer(const std::string& kind, int number = 0) {
     if (kind == "pipe")
         return std::make_unique<VornPipeServer>("signalled");
     if (kind == "tcp")
-        return std::make_unique<VornServerSocket>(port, 5, "127.0.0.1");
-    return std::make_unique<VornUDPServerSocket>(port, "127.0.0.1", 1000);
+        return std::make_unique<VornServerSocket>(port + number, 5, "127.0.0.1");
+    return std::make_unique<VornUDPServerSocket>(port + number, "127.0.0.1", 1000);
 }
 
 class ClosingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {};
@@ -72,6 +72,9 @@ INSTANTIATE_TEST_SUITE_P(Kind, EndingInASignalHandler, testing::Values("pipe", "
 TEST_P(ClosingInASignalHandler, EndsTheWaitOfItsThread) {
     if (underThreadSanitizer)
         GTEST_SKIP() << runsHandlersLate;
+    const std::unique_ptr<VornIPCServer> other = makeServer(GetParam(), 1);
+    ClientWait otherWait(*other);
+    ASSERT_TRUE(otherWait.awaitBlocked());
     for (const int flags : {0, SA_RESTART}) {
         handle(SIGUSR1, closeServer, flags);
         const std::unique_ptr<VornIPCServer> server = makeServer(GetParam());
@@ -84,6 +87,9 @@ TEST_P(ClosingInASignalHandler, EndsTheWaitOfItsThread) {
         }
     }
     handle(SIGUSR1, SIG_DFL, 0);
+    EXPECT_FALSE(otherWait.thread().finished());
+    other->close();
+    expectQuiet(otherWait.outcome());
 }
 
 KIT_ROLE(processThatEndsInASignalHandler) {

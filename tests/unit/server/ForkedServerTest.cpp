@@ -9,6 +9,7 @@
 #include <VornUDPServerSocket.h>
 
 #include "ForkedChild.h"
+#include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -88,6 +89,14 @@ protected:
     std::unique_ptr<ClientWait> m_wait;
 };
 
+class ForkedPipeServer : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+};
+
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(Kind, ForkedServer, Values(Kind::Pipe, Kind::Tcp, Kind::Udp), [](const auto& kind) {
@@ -146,6 +155,20 @@ TEST_P(ForkedServer, ClosedInTheChildWhileAThreadThereWaits_ServesTheParent) {
               }),
               0);
     expectToServe();
+}
+
+TEST_F(ForkedPipeServer, WithoutAWakeUpPipeOfItsOwn_CannotBeWaitedOn) {
+    const VornSmartPointer<VornIPCServer> spServer = makeServer(Kind::Pipe);
+    EXPECT_EQ(inChild([&] {
+                  const FaultRule fault("pipe", EMFILE);
+                  const Failure expected{"VornPipeServer::init: failed to create pipe.", EMFILE};
+                  return waitFor(*spServer).failure == expected ? 0 : 1;
+              }),
+              0);
+    ClientWait wait(*spServer);
+    ASSERT_TRUE(wait.awaitBlocked());
+    spServer->close();
+    expectQuiet(wait.outcome());
 }
 
 // A program that opens a server and serves each client in a child.

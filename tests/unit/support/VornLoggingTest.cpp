@@ -599,6 +599,7 @@ TEST_F(VornLoggingTest, WhenStandardErrorTakesNoMore_ARecordIsCutAndTheNextBegin
     errno = EINTR;
     logAt(1, std::string(200'000, 'x'));
     EXPECT_EQ(errno, EINTR);
+    logAt(1, "lost, since there is still no room");
     output.read();
     logAt(1, "the next");
     const std::vector<std::string> lines = output.finish();
