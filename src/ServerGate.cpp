@@ -95,8 +95,10 @@ ServerGate::Closing::~Closing() {
 void ServerGate::Closing::close(bool& bInitialized, int nPort) {
     std::unique_lock lock(ServerRegistry::lock());
     const int descriptor = descriptorIn(m_cell);
-    for (Wait& wait : s_waits)
-        wait.m_wasClosed = wait.m_wasClosed || wait.m_server == m_server;
+    for (Wait& wait : s_waits) {
+        if (wait.m_server == m_server)
+            wait.m_wasClosed = true;
+    }
     if (!m_isShared)
         shutDown(descriptor, lock);
     bool isLeftToOthers = false;

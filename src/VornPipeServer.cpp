@@ -206,9 +206,11 @@ public:
     static bool isLeftToAnother(const VornPipeServer* server) {
         bool isLeft = false;
         for (const Releasing& one : s_all) {
-            if (one.m_server == server && one.m_thread == std::this_thread::get_id())
+            if (one.m_server != server)
+                continue;
+            if (one.m_thread == std::this_thread::get_id())
                 return false;
-            isLeft = isLeft || one.m_server == server;
+            isLeft = true;
         }
         return isLeft;
     }
@@ -374,7 +376,7 @@ bool VornPipeServer::isReleasable() const {
 
 bool VornPipeServer::isSignalable() const {
     const _pipe* pPipe = record();
-    return pPipe != nullptr && pPipe->m_bClientWaiting && !ServerRegistry::isInherited(*this);
+    return pPipe != nullptr && pPipe->m_bClientWaiting;
 }
 
 void VornPipeServer::takeOver() {

@@ -8,6 +8,7 @@
 #include <VornServerSocket.h>
 #include <VornUDPServerSocket.h>
 
+#include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Process.h"
@@ -58,7 +59,13 @@ std::unique_ptr<VornIPCServer> makeServer(const std::string& kind, int number = 
     return std::make_unique<VornUDPServerSocket>(port + number, "127.0.0.1", 1000);
 }
 
-class ClosingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {};
+class ClosingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {
+protected:
+    void SetUp() override {
+        useInterposition();
+        LeakCheckedTest::SetUp();
+    }
+};
 
 class EndingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {};
 
@@ -90,6 +97,23 @@ TEST_P(ClosingInASignalHandler, EndsTheWaitOfItsThread) {
     EXPECT_FALSE(otherWait.thread().finished());
     other->close();
     expectQuiet(otherWait.outcome());
+}
+
+TEST_P(ClosingInASignalHandler, WhileAnotherThreadCloses_LeavesItToThatThread) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << runsHandlersLate;
+    handle(SIGUSR1, closeServer, 0);
+    const std::unique_ptr<VornIPCServer> server = makeServer(GetParam());
+    g_pServer = server.get();
+    ClientWait wait(*server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const FaultRule fault("shutdown", ENOBUFS, 1, FaultRule::always); // only the signal ends the wait
+    WatchedThread closer([&] { server->close(); });
+    ASSERT_TRUE(awaitCondition([&] { return fault.failures() > 0; }));
+    ::pthread_kill(wait.thread().handle(), SIGUSR1);
+    expectQuiet(wait.outcome());
+    EXPECT_TRUE(closer.join());
+    handle(SIGUSR1, SIG_DFL, 0);
 }
 
 KIT_ROLE(processThatEndsInASignalHandler) {

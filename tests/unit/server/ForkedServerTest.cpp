@@ -89,6 +89,16 @@ protected:
     std::unique_ptr<ClientWait> m_wait;
 };
 
+/** A server that is open, and on which nobody waits. */
+VornSmartPointer<VornIPCServer> openServer(Kind kind) {
+    VornSmartPointer<VornIPCServer> spServer = makeServer(kind);
+    ClientWait opening(*spServer);
+    EXPECT_TRUE(opening.awaitBlocked());
+    UniqueFd peer = meet(kind, "");
+    opening.outcome();
+    return spServer;
+}
+
 class ForkedPipeServer : public LeakCheckedTest {
 protected:
     void SetUp() override {
@@ -157,6 +167,42 @@ TEST_P(ForkedServer, ClosedInTheChildWhileAThreadThereWaits_ServesTheParent) {
     expectToServe();
 }
 
+TEST(ForkedTcpServer, ClosedInTheChildWhileTwoThreadsThereWait_IsLetGoOfByTheLast) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << takesItForTheParentsThread;
+    const int before = openDescriptors();
+    const VornSmartPointer<VornIPCServer> spServer = openServer(Kind::Tcp);
+    EXPECT_EQ(inChild([&] {
+                  ClientWait first(*spServer);
+                  ClientWait second(*spServer);
+                  if (!first.awaitBlocked() || !second.awaitBlocked())
+                      return 1;
+                  spServer->close();
+                  meet(Kind::Tcp, "");
+                  meet(Kind::Tcp, "");
+                  if (first.outcome().client() != nullptr || second.outcome().client() != nullptr)
+                      return 2;
+                  return openDescriptors() == before ? 0 : 3;
+              }),
+              0);
+}
+
+TEST(ForkedTcpServer, OpenedAnewInTheChild_IsItsOwn) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << takesItForTheParentsThread;
+    const VornSmartPointer<VornIPCServer> spServer = openServer(Kind::Tcp);
+    EXPECT_EQ(inChild([&] {
+                  spServer->close();
+                  static_cast<VornServerSocket&>(*spServer).setPort(port + 1);
+                  ClientWait wait(*spServer);
+                  if (!wait.awaitBlocked())
+                      return 1;
+                  spServer->close(); // ends the wait
+                  return wait.thread().join() && wait.outcome().client() == nullptr ? 0 : 2;
+              }),
+              0);
+}
+
 TEST_F(ForkedPipeServer, WithoutAWakeUpPipeOfItsOwn_CannotBeWaitedOn) {
     const VornSmartPointer<VornIPCServer> spServer = makeServer(Kind::Pipe);
     EXPECT_EQ(inChild([&] {
@@ -174,13 +220,9 @@ TEST_F(ForkedPipeServer, WithoutAWakeUpPipeOfItsOwn_CannotBeWaitedOn) {
 // A program that opens a server and serves each client in a child.
 TEST(ForkingServer, ServesEachClientInAChild) {
     for (const Kind kind : {Kind::Pipe, Kind::Tcp}) {
-        const VornSmartPointer<VornIPCServer> spServer = makeServer(kind);
-        ClientWait opening(*spServer);
-        ASSERT_TRUE(opening.awaitBlocked());
-        UniqueFd peer = meet(kind, "");
-        opening.outcome();
+        const VornSmartPointer<VornIPCServer> spServer = openServer(kind);
         for (int i = 0; i < 3; ++i) {
-            peer = meet(kind, bytes("00 00 00 07"));
+            UniqueFd peer = meet(kind, bytes("00 00 00 07"));
             const WaitOutcome outcome = waitFor(*spServer);
             ASSERT_NE(outcome.client(), nullptr);
             const int status = inChild([&] {
