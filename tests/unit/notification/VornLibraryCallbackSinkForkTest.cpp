@@ -170,25 +170,33 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenAnotherThreadStartsPrograms_Stay
 KIT_ROLE(sinkWhoseCallbackExits) {
     useTypeText(args.at(0));
     g_sink = std::make_unique<SinkProbe>("exiting");
-    addCallback(*g_sink, [](Connection&) -> std::string { std::exit(exitStatus); });
+    addCallback(*g_sink, [bLetsGo = args.at(1) == "without server"](Connection&) -> std::string {
+        if (bLetsGo)
+            g_sink->m_spCallbackServer = nullptr; // as a derived class may do
+        std::exit(exitStatus);
+    });
     std::cout << g_sink->getCallbackAddress() << std::endl;
     std::cin.get();
     return 0;
 }
 
 TEST_P(VornLibraryCallbackSink_Fork, WhenACallbackExits_EndsWithItsProcess) {
-    ChildProcess child =
-        ChildProcess::spawnRoleWith(exitOnAnyThread, "sinkWhoseCallbackExits", {nameOf(GetParam())});
-    sendByHand(child.readLine(), onWire(0));
-    EXPECT_EQ(child.wait(), exitStatus);
-    EXPECT_EQ(child.readAllErrors(), "");
+    for (const char* how : {"with server", "without server"}) {
+        ChildProcess child =
+            ChildProcess::spawnRoleWith(exitOnAnyThread, "sinkWhoseCallbackExits", {nameOf(GetParam()), how});
+        sendByHand(child.readLine(), onWire(0));
+        EXPECT_EQ(child.wait(), exitStatus) << how;
+        EXPECT_EQ(child.readAllErrors(), "") << how;
+    }
 }
 
 KIT_ROLE(sinkWhoseChildrenExit) {
     useTypeText(args.at(0));
     g_sink = std::make_unique<SinkProbe>("forking");
-    const CallbackPointer callback = addCallback(*g_sink, [](Connection& connection) {
+    const CallbackPointer callback = addCallback(*g_sink, [&](Connection& connection) {
         const pid_t child = ::fork();
+        if (child == 0 && args.at(1) == "throws")
+            throw exitStatus; // it ends the thread, and with its last thread the child
         if (child == 0)
             std::exit(exitStatus);
         return readToEnd(*connection) + ", the callback's child: " + std::to_string(statusOf(child));
@@ -204,10 +212,13 @@ KIT_ROLE(sinkWhoseChildrenExit) {
 }
 
 TEST_P(VornLibraryCallbackSink_Fork, WhenChildrenExit_ServesTheParent) {
-    ChildProcess child =
-        ChildProcess::spawnRoleWith(exitOnAnyThread, "sinkWhoseChildrenExit", {nameOf(GetParam())});
-    EXPECT_EQ(child.readLine(), "main's child: 7");
-    sendByHand(child.readLine(), onWire(0) + "served");
-    EXPECT_EQ(child.readLine(), "served, the callback's child: 7");
-    EXPECT_EQ(child.wait(), 0);
+    for (const bool bThrows : {false, true}) {
+        ChildProcess child = ChildProcess::spawnRoleWith(exitOnAnyThread, "sinkWhoseChildrenExit",
+                                                         {nameOf(GetParam()), bThrows ? "throws" : "exits"});
+        EXPECT_EQ(child.readLine(), "main's child: 7");
+        sendByHand(child.readLine(), onWire(0) + "served");
+        EXPECT_EQ(child.readLine(),
+                  bThrows ? "served, the callback's child: 0" : "served, the callback's child: 7");
+        EXPECT_EQ(child.wait(), 0);
+    }
 }

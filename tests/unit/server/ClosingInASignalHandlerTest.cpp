@@ -53,7 +53,7 @@ void handle(int signalNumber, void (*handler)(int), int flags) {
 
 std::unique_ptr<VornIPCServer> makeServer(const std::string& kind, int number = 0) {
     if (kind == "pipe")
-        return std::make_unique<VornPipeServer>("signalled");
+        return std::make_unique<VornPipeServer>("signalled" + std::to_string(number));
     if (kind == "tcp")
         return std::make_unique<VornServerSocket>(port + number, 5, "127.0.0.1");
     return std::make_unique<VornUDPServerSocket>(port + number, "127.0.0.1", 1000);
@@ -117,6 +117,8 @@ TEST_P(ClosingInASignalHandler, WhileAnotherThreadCloses_LeavesItToThatThread) {
 }
 
 KIT_ROLE(processThatEndsInASignalHandler) {
+    static auto* const otherWait = new ClientWait(*makeServer(args.at(0), 1).release());
+    otherWait->awaitBlocked();
     static const std::unique_ptr<VornIPCServer> server = makeServer(args.at(0));
     handle(SIGUSR1, endProcess, 0);
     const pthread_t waiting = ::pthread_self();
