@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "Await.h"
+#include "Interpose.h"
 #include "Interruptions.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
@@ -609,6 +610,47 @@ TEST_F(VornLoggingTest, WhenStandardErrorTakesNoMore_ARecordIsCutAndTheNextBegin
     EXPECT_EQ(Line(lines[1]).m_text, "the next");
 }
 
+TEST_F(VornLoggingTest, WhenARecordIsCutByAnError_TheNextBeginsOnALineOfItsOwn) {
+    useInterposition();
+    StandardErrorChannel output(Channel::Pipe, false);
+    output.read();
+    VornLogging::getInstance().setLogLevel(9);
+    {
+        const FaultRule fault("write", EIO, 2);
+        logAt(1, std::string(200'000, 'x'));
+        EXPECT_EQ(fault.failures(), 1);
+    }
+    logAt(1, "the next");
+    const std::vector<std::string> lines = output.finish();
+    ASSERT_THAT(lines, SizeIs(2));
+    EXPECT_EQ(Line(lines[1]).m_text, "the next");
+}
+
+TEST_F(VornLoggingTest, WhenRoomCannotBeAwaited_ARecordIsCutAtOnce) {
+    useInterposition();
+    StandardErrorChannel output(Channel::Pipe, false);
+    VornLogging::getInstance().setLogLevel(9);
+    {
+        const FaultRule fault("poll", ENOMEM, 1, FaultRule::always);
+        logAt(1, std::string(200'000, 'x'));
+        EXPECT_EQ(fault.failures(), 2); // of the record and of its line end
+    }
+    EXPECT_THAT(output.finish(), SizeIs(1));
+}
+
+TEST_F(VornLoggingTest, WhileStandardErrorIsOnlyInterrupted_ARecordIsGivenUpInTheEnd) {
+    useInterposition();
+    StandardErrorChannel output(Channel::Pipe);
+    VornLogging::getInstance().setLogLevel(9);
+    {
+        const FaultRule fault("write", EINTR, 1, FaultRule::always);
+        logAt(1, "lost");
+        EXPECT_EQ(fault.failures(), 10'000);
+    }
+    logAt(1, "the next");
+    EXPECT_THAT(textsOf(output.finish()), testing::ElementsAre("the next"));
+}
+
 TEST_F(VornLoggingTest, AThreadCancelledInTheMidstOfARecord_LeavesTheLoggerUsable) {
     if (underSanitizer)
         GTEST_SKIP() << "it loses its way or prints when a thread is cancelled within a call that it watches";
@@ -632,6 +674,20 @@ TEST_F(VornLoggingTest, WhenASocketGetsTheNumberOfStandardError_ItsPeerGetsNoRec
         EXPECT_EQ(child.readAllOutput(), "four") << when;
         EXPECT_EQ(child.wait(), 0) << when;
     }
+}
+
+TEST_F(VornLoggingTest, WhenAnotherSocketTakesThePlaceOfStandardError_ItsPeerGetsNoRecord) {
+    StandardErrorChannel output(Channel::StreamSocket);
+    int ends[2] = {};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+    const UniqueFd connection(ends[0]);
+    const UniqueFd peer(ends[1]);
+    ::dup2(connection.get(), STDERR_FILENO);
+    VornLogging::getInstance().setLogLevel(9);
+    logAt(1, "to nobody");
+    char byte = 0;
+    EXPECT_EQ(::recv(peer.get(), &byte, 1, 0), -1);
+    EXPECT_THAT(output.finish(), testing::IsEmpty());
 }
 
 TEST_F(VornLoggingTest, WhenAFileTakesThePlaceOfStandardError_RecordsGoThere) {
