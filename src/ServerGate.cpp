@@ -111,7 +111,9 @@ void ServerGate::Closing::close(bool& bInitialized, int nPort) {
     // Under the lock: the child of a fork that came now would hold the socket and not know it.
     if (!isLeftToOthers)
         System::close(descriptor);
-    ServerRegistry::entryOf(*m_server).lastPort = nPort;
+    ServerRegistry::Entry& entry = ServerRegistry::entryOf(*m_server);
+    entry.lastPort = nPort;
+    entry.inherited = nullptr; // what is opened next may get the same place in memory
     writeShared(bInitialized, false);
     delete static_cast<int*>(m_cell);
     writeShared(m_cell, nullptr);
