@@ -595,14 +595,13 @@ TEST_F(VornUDPServerSocketTest, Close_WhileAnotherThreadCloses_WaitsForItAndDoes
     ClientWait wait(server);
     ASSERT_TRUE(receiving.awaitReached());
     WatchedThread first([&] { server.close(); });
-    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") == 1; }));
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") > 0; })); // and again each 20 ms
     WatchedThread second([&] { server.close(); });
     EXPECT_TRUE(awaitBlockedOnLock(second.tid()));
     receiving.open();
     expectQuiet(wait.outcome());
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());
-    EXPECT_EQ(trace.calls("shutdown"), 1);
     EXPECT_EQ(trace.calls("sendto"), 1);
 }
 
