@@ -687,13 +687,13 @@ TEST_F(VornPipeServerTest, Close_OfTwoServersAtOnce_ReleasesEachByItsOwnThread) 
         server->close();
         ASSERT_TRUE(server->m_closing.awaitReached());
     }
-    first.m_closing.open();
-    ASSERT_TRUE(firstWaiter.join());
-    EXPECT_EQ(first.record(), nullptr);
-    EXPECT_NE(second.record(), nullptr);
     second.m_closing.open();
     ASSERT_TRUE(secondWaiter.join());
     EXPECT_EQ(second.record(), nullptr);
+    EXPECT_NE(first.record(), nullptr);
+    first.m_closing.open();
+    ASSERT_TRUE(firstWaiter.join());
+    EXPECT_EQ(first.record(), nullptr);
     ::unlink(pipePath("hawk").c_str());
 }
 
