@@ -732,7 +732,7 @@ TEST_P(VornPublisher_Wire, Flush_WaitsForThoseWhoAreBehind) {
 // Time limits and limits of number.
 
 TEST_P(VornPublisher_Wire, AClientThatDoesNotAskInTime_IsCutWithoutAnAnswer) {
-    open(with([](Options& o) { o.requestLimit = 30ms; }));
+    open(with([](Options& o) { o.requestLimit = 300ms; }));
     const UniqueFd silent = connectTo(address());
     EXPECT_EQ(receiveToEnd(silent.get()), "");
     const UniqueFd half = connectTo(address());
@@ -843,7 +843,7 @@ TEST_P(VornPublisher_Wire, OnLeaveThatThrows_IsLogged) {
 
 TEST_P(VornPublisher_Wire, ASlowHandler_DelaysNewSubscriptionsAndNothingElse) {
     open(with([&](Options& o) {
-        o.requestLimit = 30ms; // does not count while the handler decides
+        o.requestLimit = 400ms; // does not count while the handler decides
         o.onSubscribe = [&](const VornPublisher::Subscriber& asking) {
             if (asking.sWords == "slow")
                 m_barrier.wait();

@@ -540,7 +540,7 @@ TEST_P(VornSubscriber_Wire, AServiceThatStops_IsAwayAndTriedAgain) {
 
 TEST_P(VornSubscriber_Wire, NoAnswerInTime_Is110_WhereverTheServiceIsSilent) {
     listen();
-    subscribe(quick([](Options& o) { o.answerLimit = 30ms; }));
+    subscribe(quick([](Options& o) { o.answerLimit = 400ms; }));
     acceptLine();
     ASSERT_TRUE(awaitLine("connecting 'no answer in time' 110"));
     acceptRequest();
