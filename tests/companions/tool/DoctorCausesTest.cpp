@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * Each cause for which notifications do not arrive, set up with real processes. The tool names the cause, the
  * process, since when, and a remedy.
@@ -26,7 +25,7 @@ namespace {
 
 class VornnetDoctorCause : public ToolNetworkTest, public testing::WithParamInterface<std::string> {};
 
-/// A program of the library with a fault, and the address of its sink.
+/** A program of the library with a fault, and the address of its sink. */
 struct Patient {
     ChildProcess process;
     std::string address;
@@ -50,7 +49,7 @@ UniqueFd connectTo(const std::string& address) {
     return tcpConnect("127.0.0.1", std::stoi(address.substr(address.rfind(':') + 1)));
 }
 
-/// The only finding of a check that is worse than "ok"; none if there is none.
+/** The only finding of a check that is worse than "ok"; none if there is none. */
 Json findingOf(const std::string& check, const std::vector<std::string>& options = {}) {
     std::vector<std::string> arguments = {"doctor", "--json"};
     arguments.insert(arguments.end(), options.begin(), options.end());
@@ -65,7 +64,7 @@ Json findingOf(const std::string& check, const std::vector<std::string>& options
     return found;
 }
 
-/// The same as soon as there is one whose text has the words.
+/** The same as soon as there is one whose text has the words. */
 Json awaitFinding(const std::string& check, const std::string& words) {
     Json found;
     const auto isThere = [&] {
@@ -80,7 +79,7 @@ std::string textOf(const Json& finding) {
     return finding.value("text", "");
 }
 
-/// That the finding is a problem of this process, with a time of at least so many seconds.
+/** That the finding is a problem of this process, with a time of at least so many seconds. */
 void expectProblemOf(const Json& finding, pid_t pid, double seconds) {
     EXPECT_EQ(finding.at("severity"), "problem");
     EXPECT_EQ(finding.at("processes").at(0).at("pid"), pid);
@@ -92,7 +91,7 @@ std::string restartOf(const Patient& patient) {
     return "kill " + patient.pid() + "; " + VORNTEST_PATIENT + " sink";
 }
 
-/// Ends the sink's thread: its callback throws, or its sender resets the connection or sends nothing.
+/** Ends the sink's thread: its callback throws, or its sender resets the connection or sends nothing. */
 void endThread(const Patient& sink, const std::string& transport) {
     if (transport == "udp") {
         int port = 0;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-
 /*
  * A client or service with a fault, which the tool is to find. It ends with its standard input.
  *   patient sink|steady        makes a sink with the callbacks below, and prints its address
@@ -26,7 +25,7 @@ using namespace VornNet;
 
 namespace {
 
-/// Callback 0 reads to the end, 1 throws, and 2 does not return.
+/** Callback 0 reads to the end, 1 throws, and 2 does not return. */
 class Callback : public VornNotificationCallback {
     using VornNotificationCallback::VornNotificationCallback;
 

@@ -18,7 +18,7 @@ using testing::StartsWith;
 
 namespace {
 
-/// A topic with three events for a connection, and what comes over the wire before them.
+/** A topic with three events for a connection, and what comes over the wire before them. */
 class VornnetPublish : public ToolNetworkTest {
 protected:
     static ChildProcess publish(std::vector<std::string> more = {},
