@@ -22,7 +22,8 @@ LIBRARIES = {
     "libvornnotify": {
         "version": "VORNNOTIFY_1",
         "needed": {"libvornnet.so.1", "libvornsupt.so.1", "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"},
-        "may_need": set(),
+        # For __tls_get_addr.
+        "may_need": {"ld-linux-x86-64.so.2"},
         "stays_loaded": False,
     },
     "libvornsupt": {
