@@ -5,7 +5,7 @@ smart pointer holds, what is in a registry.
 
 gdb loads this file by itself when it loads libvornnet.so.1 and the file is installed where it looks;
 elsewhere `source` does it. Nothing here calls a function of the program, so core dumps are shown like live
-processes. What cannot be read, or makes no sense, becomes a text in angle brackets: an object that has been
+processes, and `vornnet log-level N` sets the level of a process that was stopped anywhere. What cannot be read, or makes no sense, becomes a text in angle brackets: an object that has been
 destroyed or overwritten is often what the debugger was started for.
 """
 import errno
@@ -127,6 +127,52 @@ def counted(number, noun, plural=None):
 
 def joined(*parts):
     return ", ".join(part for part in parts if part)
+
+
+# The log level, which can be changed as well.
+
+LOG_LEVEL = "*(int*)&VornSupport::VornLogging::s_nLogLevel"
+ADMITTED_LEVEL = "*(int*)&VornSupport::VornLogging::s_nAdmittedLevel"
+ACCESS_ALLOWED = "*(bool*)&VornSupport::VornLogging::s_bAccessAllowed"
+
+
+def in_cpp(expression):
+    """Evaluates it wherever the program has stopped: after `gdb -p` that is a function of C. The types are
+    given, so no debug symbols are needed."""
+    language = gdb.parameter("language")
+    gdb.execute("set language c++", to_string=True)
+    try:
+        return gdb.parse_and_eval(expression)
+    finally:
+        gdb.execute("set language " + language, to_string=True)
+
+
+def logger_state():
+    is_allowed = bool(in_cpp(ACCESS_ALLOWED))
+    return "logger, level %d, access %s" % (int(in_cpp(LOG_LEVEL)), "allowed" if is_allowed else "forbidden")
+
+
+class Commands(gdb.Command):
+    """Commands for programs that use vornnet."""
+
+    def __init__(self):
+        super().__init__("vornnet", gdb.COMMAND_DATA, prefix=True)
+
+
+class LogLevel(gdb.Command):
+    """Set the level up to which the library logs: vornnet log-level N, from -1 for nothing to 9 for all."""
+
+    def __init__(self):
+        super().__init__("vornnet log-level", gdb.COMMAND_DATA)
+
+    def invoke(self, argument, _from_tty):
+        if not re.fullmatch(r"-1|\d", argument.strip()):
+            raise gdb.GdbError("vornnet log-level N: N is a number from -1 to 9")
+        # Written into memory, as the tracer does it: a call could wait for a lock that the program holds.
+        in_cpp("%s = %s" % (LOG_LEVEL, argument))
+        if in_cpp(ACCESS_ALLOWED):
+            in_cpp("%s = %s" % (ADMITTED_LEVEL, argument))
+        print(logger_state())
 
 
 # Objects and their classes.
@@ -528,9 +574,7 @@ def describe_thread(value):
 
 
 def describe_logger(_value):
-    level = int(gdb.parse_and_eval("VornSupport::VornLogging::s_nLogLevel"))
-    is_allowed = gdb.parse_and_eval("VornSupport::VornLogging::s_bAccessAllowed")
-    return "logger, level %d, access %s" % (level, "allowed" if is_allowed else "forbidden")
+    return logger_state()
 
 
 def describe_object(value):
@@ -743,6 +787,8 @@ def register():
     place = gdb.current_objfile()
     gdb.printing.register_pretty_printer(place, Printers(), replace=True)
     gdb.xmethod.register_xmethod_matcher(place, SmartPointerOperators(), replace=True)
+    Commands()
+    LogLevel()
 
 
 register()

@@ -27,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <map>
 #include <new>
 #include <string>
@@ -356,6 +357,18 @@ void showSpoiled() {
         &badCellBase, &senselessBase, &orphan, &circleBase);
 }
 
+/** Before and after a line of input, for a debugger that attaches in between. */
+void showLevelTwice() {
+    const auto show = [] {
+        std::cout << "level " << VornLogging::getInstance().getLogLevel()
+                  << (VornLogging::isAdmitted(9) ? ", admitted" : "") << std::endl;
+    };
+    show();
+    std::string line;
+    std::getline(std::cin, line);
+    show();
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -368,7 +381,7 @@ int main(int argc, char** argv) {
         {"pointers", showPointers},     {"callbacks", showCallbacks},
         {"noproxies", showNoProxies},   {"proxies", showProxies},
         {"values", showValues},         {"overwritten", showOverwritten},
-        {"spoiled", showSpoiled}};
+        {"spoiled", showSpoiled},       {"await", showLevelTwice}};
     const auto scene = scenes.find(argc > 1 ? argv[1] : "");
     if (scene == scenes.end())
         return 2;

@@ -127,10 +127,26 @@ TEST_F(GdbPrinters, TranscriptOfACoreDump_IsAsThePageShowsIt) {
     EXPECT_EQ(valuesOf({VORNTEST_TOOL, core}, {}, page.commands), page.values);
 }
 
-TEST_F(GdbPrinters, TranscriptThatSetsTheLogLevel_IsAsThePageShowsIt) {
+TEST_F(GdbPrinters, TranscriptThatSetsTheLogLevel_IsAsThePageShowsItOfAnAttachedProcess) {
+    ChildProcess sink = ChildProcess::spawn({VORNTEST_TOOL, "sink", "--type", "pipe", "--log-level", "9"});
+    const std::string address = sink.readLine().substr(std::string("address ").size());
+    // It stops in the C library, of which most systems have no debug symbols.
     const Transcript page = transcripts().at(0);
-    EXPECT_EQ(valuesOf({"--args", VORNTEST_DEBUGGEE, "values"}, {"break stopHere", "run"}, page.commands),
-              page.values);
+    const Lines values =
+        valuesOf({"-p", std::to_string(sink.pid()), "-iex", "set debug-file-directory /nonexistent"}, {},
+                 page.commands);
+    EXPECT_EQ(values, page.values);
+}
+
+TEST_F(GdbPrinters, LogLevel_IsThatOfTheProcessAfterwards) {
+    ChildProcess server = ChildProcess::spawn({VORNTEST_DEBUGGEE, "await"});
+    EXPECT_EQ(server.readLine(), "level -1");
+    runGdb({"-iex", "set debug-file-directory /nonexistent", "-p", std::to_string(server.pid()), "-ex",
+            "vornnet log-level 9"});
+    server.writeLine("");
+    EXPECT_EQ(server.readLine(), "level 9, admitted");
+    const GdbOutput wrong = runGdb({"-ex", "vornnet log-level ten"});
+    EXPECT_THAT(wrong.errors, HasSubstr("N is a number from -1 to 9"));
 }
 
 TEST_F(GdbPrinters, Page_HasNoOtherTranscripts) {
