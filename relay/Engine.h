@@ -1,0 +1,126 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNRELAY_ENGINE_H
+#define VORNRELAY_ENGINE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace VornRelay {
+
+/**
+ * What a relay asks of the engine that stores and carries its messages: publish, pull, acknowledge.
+ *
+ * There is one implementation, NatsEngine. Order and duplicates are kept by the relay, not by the engine, so
+ * another engine needs no more than this. It connects by itself, again and again, and tells its listener.
+ *
+ * Thread-safety: all functions are called, and all callbacks come, on the thread of one RelayLoop. Blocking:
+ * none. Ownership: the listener must outlive the engine. Signals: none raised. Errors: told to callbacks.
+ */
+class Engine {
+public:
+    /** A header of a message: name and value. */
+    using Header = std::pair<std::string, std::string>;
+
+    /** What is published. */
+    struct Message {
+        std::string sSubject;
+        std::vector<Header> headers;
+        std::string sContent;
+
+        /** @return the value of a header, empty when there is none. */
+        std::string_view header(std::string_view sName) const {
+            for (const auto& [sKey, sValue] : headers) {
+                if (sKey == sName)
+                    return sValue;
+            }
+            return {};
+        }
+    };
+
+    /** A message that was pulled, and has to be acknowledged. */
+    struct Arrival {
+        std::string sConsumer;       ///< through which it came
+        std::string sReceipt;        ///< what acknowledge() takes; a newer one replaces an older one
+        std::uint64_t nPosition = 0; ///< its place in the stream: the same when it comes again
+        Message message;
+    };
+
+    /** What became of a published message. */
+    enum class Answer {
+        stored,  ///< it is stored as the engine's settings promise
+        full,    ///< not stored: there is no room for it now
+        refused, ///< not stored, and never will be
+        unknown  ///< no answer came: it may be stored or not
+    };
+
+    /** What an engine tells without being asked. */
+    class Listener {
+    public:
+        virtual ~Listener() = default;
+
+        /** The engine can be reached, and nothing of what was open before is. */
+        virtual void connected() = 0;
+
+        /** The connection was lost, or could not be had. Everything without an answer has got `unknown`. */
+        virtual void disconnected(const std::string& sWhy) = 0;
+
+        /** A message that pull() has asked for. */
+        virtual void arrived(Arrival&& arrival) = 0;
+
+        /** A pull() has ended; @p nLeft of the messages that it asked for have not come, and will not. */
+        virtual void pullEnded(const std::string& sConsumer, std::size_t nLeft) = 0;
+
+        /** The consumer is not there, so that it has to be opened. */
+        virtual void consumerLost(const std::string& sConsumer) = 0;
+
+        /** Somebody has called tell() with a subject that was listened to. */
+        virtual void told(const std::string& sSubject, const std::string& sText) = 0;
+    };
+
+    using AnswerHandler = std::function<void(Answer answer, const std::string& sText)>;
+    using OpenHandler = std::function<void(const std::string& sError)>;
+
+    virtual ~Engine() = default;
+
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    /** Sends a message; @p onAnswer is called once, never before this returns. */
+    virtual void publish(const Message& message, AnswerHandler onAnswer) = 0;
+
+    /** Closes a consumer of the own stream if there is one, and opens it anew, so that all that has not been
+     * acknowledged comes again, in order. @param onOpened is called once, with an empty text when it is open
+     */
+    virtual void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) = 0;
+
+    /** Removes a consumer for good. */
+    virtual void close(const std::string& sConsumer) = 0;
+
+    /** Asks for up to @p nCount messages. */
+    virtual void pull(const std::string& sConsumer, std::size_t nCount) = 0;
+
+    /** Has a message removed from the stream. It may get lost; the message then comes again. */
+    virtual void acknowledge(const std::string& sReceipt) = 0;
+
+    /** Tells those who listen at this moment; may get lost. */
+    virtual void tell(const std::string& sSubject, const std::string& sText) = 0;
+
+    /** Has what others tell on that subject told to the listener. To be called before the start. */
+    virtual void listenTo(const std::string& sSubject) = 0;
+
+    /** @return the longest content, headers included, that can be published; 0 before the first connection */
+    virtual std::size_t mostContent() const = 0;
+
+protected:
+    Engine() = default;
+};
+
+} // namespace VornRelay
+
+#endif

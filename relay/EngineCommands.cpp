@@ -1,0 +1,130 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Commands.h"
+#include "NatsAdministration.h"
+
+#include "RelayLoop.h"
+
+#include <OwnedDescriptor.h>
+#include <VornPipeServer.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include <sys/un.h>
+
+namespace VornRelay {
+
+namespace {
+
+using Json = nlohmann::json;
+
+std::string textOf(const Json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+/** Writes an exchange to a relay's pipe as a service does that waits for the end. @return whether it is
+ * stored */
+bool sendThrough(const std::string& sPipe, const std::string& sExchange) {
+    const VornSupport::VornString sPath = VornNet::VornPipeServer::getFullPipeName(sPipe.c_str());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    sPath.copy(address.sun_path, sizeof address.sun_path - 1);
+    const VornNet::OwnedDescriptor socket(System::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (System::connect(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+        return false;
+    for (std::size_t nDone = 0; nDone < sExchange.size();) {
+        const ssize_t count =
+            System::send(socket.number(), sExchange.data() + nDone, sExchange.size() - nDone, MSG_NOSIGNAL);
+        if (count <= 0)
+            return false;
+        nDone += static_cast<std::size_t>(count);
+    }
+    char none = 0;
+    return System::shutdown(socket.number(), SHUT_WR) == 0 && System::recv(socket.number(), &none, 1, 0) == 0;
+}
+
+} // namespace
+
+int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
+            std::int64_t nMegabytes, std::int64_t nHours, int nReplicas) {
+    const std::string sToken = hostToken(sHost);
+    std::vector<std::string> tokens;
+    std::transform(sendTo.begin(), sendTo.end(), std::back_inserter(tokens), hostToken);
+    NatsAdministration engine(settings.access);
+    engine.addHost(sToken, {nMegabytes << 20, nHours * 3600, nReplicas});
+    std::printf("%s", permissionsOf(sToken, tokens).c_str());
+    return exitDone;
+}
+
+int removeHost(const RelaySettings& settings, const std::string& sHost) {
+    NatsAdministration(settings.access).removeHost(hostToken(sHost));
+    return exitDone;
+}
+
+int listHosts(const RelaySettings& settings, bool bJson) {
+    for (const Json& host : NatsAdministration(settings.access).hosts()) {
+        if (bJson)
+            std::printf("%s\n", host.dump().c_str());
+        else
+            std::printf("%-24s %s messages, %s of %s bytes, replicas %s\n", textOf(host["host"]).c_str(),
+                        textOf(host["messages"]).c_str(), textOf(host["bytes"]).c_str(),
+                        textOf(host["limit"]).c_str(), textOf(host["replicas"]).c_str());
+    }
+    return exitDone;
+}
+
+int listDeadLetters(const RelaySettings& settings, bool bJson) {
+    for (const DeadLetter& letter : NatsAdministration(settings.access).deadLetters()) {
+        const std::string sReason = letter.header("Vorn-Reason");
+        const std::string sSubject = letter.header("Vorn-Subject");
+        const std::string sFrom = letter.header("Vorn-From");
+        if (bJson)
+            std::printf("%s\n", Json{{"number", letter.nPosition},
+                                     {"time", letter.sTime},
+                                     {"reason", sReason},
+                                     {"from", sFrom},
+                                     {"subject", sSubject},
+                                     {"bytes", letter.sContent.size()}}
+                                    .dump()
+                                    .c_str());
+        else
+            std::printf("%llu %s %s from %s to %s, %zu bytes\n",
+                        static_cast<unsigned long long>(letter.nPosition), letter.sTime.c_str(),
+                        sReason.c_str(), sFrom.c_str(), sSubject.c_str(), letter.sContent.size());
+    }
+    return exitDone;
+}
+
+int showDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
+    const DeadLetter letter = NatsAdministration(settings.access).deadLetter(nPosition);
+    for (const auto& [sName, sValue] : letter.headers)
+        std::printf("%s: %s\n", sName.c_str(), sValue.c_str());
+    for (std::size_t i = 0; i < letter.sContent.size(); ++i)
+        std::printf("%s%02x", i % 16 == 0 ? "\n" : " ", static_cast<unsigned char>(letter.sContent[i]));
+    std::printf("\n");
+    return exitDone;
+}
+
+int resendDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
+    NatsAdministration engine(settings.access);
+    const DeadLetter letter = engine.deadLetter(nPosition);
+    // vorn.to.HOST.sink.lease.NUMBER: as a new notification, through the pipe of this host's relay.
+    const std::string sSubject = letter.header("Vorn-Subject");
+    const std::size_t nHost = std::strlen("vorn.to.");
+    if (!sSubject.starts_with("vorn.to.") ||
+        !sendThrough("relay-" + sSubject.substr(nHost, sSubject.find('.', nHost) - nHost), letter.sContent)) {
+        std::fprintf(stderr, "vornnet relay: the relay of this host does not take it\n");
+        return exitFailed;
+    }
+    engine.dropDeadLetter(nPosition);
+    return exitDone;
+}
+
+int dropDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
+    NatsAdministration(settings.access).dropDeadLetter(nPosition);
+    return exitDone;
+}
+
+} // namespace VornRelay

@@ -1,0 +1,197 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Commands.h"
+#include "NatsAdministration.h"
+
+#include "RelayLoop.h"
+
+#include <OwnedDescriptor.h>
+#include <VornException.h>
+#include <VornPipeConnection.h>
+#include <VornPipeServer.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include <netdb.h>
+#include <unistd.h>
+
+namespace VornRelay {
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr int cStreamMissing = 10059;
+constexpr int cConsumerMissing = 10014;
+
+/** Prints what was found, one line each. */
+class Findings {
+public:
+    void good(const std::string& sText) { std::printf("ok       %s\n", sText.c_str()); }
+
+    void warn(const std::string& sText, const std::string& sRemedy) { add("warning", 1, sText, sRemedy); }
+
+    void bad(const std::string& sText, const std::string& sRemedy) { add("problem", 2, sText, sRemedy); }
+
+    /** @return 0, 1 with warnings, 2 with problems. */
+    int status() const { return m_nWorst; }
+
+private:
+    void add(const char* szKind, int nGravity, const std::string& sText, const std::string& sRemedy) {
+        std::printf("%-8s %s\n         -> %s\n", szKind, sText.c_str(), sRemedy.c_str());
+        m_nWorst = std::max(m_nWorst, nGravity);
+    }
+
+    int m_nWorst = 0;
+};
+
+/** The engine's first line, which it sends before TLS begins. */
+Json greetingOf(const std::string& sServer) {
+    std::string sPlace =
+        sServer.substr(sServer.find("://") == std::string::npos ? 0 : sServer.find("://") + 3);
+    sPlace = sPlace.substr(sPlace.find('@') == std::string::npos ? 0 : sPlace.find('@') + 1);
+    const std::size_t nColon = sPlace.rfind(':');
+    const std::string sPort = nColon == std::string::npos ? "4222" : sPlace.substr(nColon + 1);
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(sPlace.substr(0, nColon).c_str(), sPort.c_str(), &hints, &found) != 0)
+        return Json();
+    const VornNet::OwnedDescriptor socket(System::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval limit{3, 0};
+    System::setsockopt(socket.number(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    System::setsockopt(socket.number(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    const int nResult = System::connect(socket.number(), found->ai_addr, found->ai_addrlen);
+    ::freeaddrinfo(found);
+    std::string sLine;
+    std::array<char, 4096> part;
+    while (nResult == 0 && sLine.find("\r\n") == std::string::npos && sLine.size() < 65536) {
+        const ssize_t count = System::recv(socket.number(), part.data(), part.size(), 0);
+        if (count <= 0)
+            return Json();
+        sLine.append(part.data(), static_cast<std::size_t>(count));
+    }
+    return sLine.starts_with("INFO ") ? Json::parse(sLine.substr(5), nullptr, false) : Json();
+}
+
+bool isOlder(const std::string& sVersion, const std::array<int, 3>& than) {
+    std::array<int, 3> version{};
+    std::sscanf(sVersion.c_str(), "%d.%d.%d", &version[0], &version[1], &version[2]);
+    return version < than;
+}
+
+void checkDirectories(const RelaySettings& settings, Findings& findings) {
+    if (::access(settings.sStateDirectory.c_str(), R_OK | W_OK | X_OK) == 0)
+        findings.good("state directory " + settings.sStateDirectory);
+    else
+        findings.bad("the state directory " + settings.sStateDirectory + ": " + std::strerror(errno),
+                     "create it for the relay's user");
+    const std::string sPipes = VornNet::VornPipeServer::getFullPipeName("").c_str();
+    if (::access(sPipes.c_str(), R_OK | W_OK | X_OK) == 0)
+        findings.good("pipe directory");
+    else
+        findings.bad("the pipe directory " + sPipes + ": " + std::strerror(errno),
+                     "put the relay's user into the group of the pipes; run vornnet doctor");
+}
+
+void checkServers(const RelaySettings& settings, Findings& findings) {
+    for (const std::string& sServer : settings.access.servers) {
+        const Json greeting = greetingOf(sServer);
+        if (!greeting.is_object()) {
+            findings.warn(sServer + " does not answer", "see whether nats-server runs, and the address");
+            continue;
+        }
+        const std::string sVersion = greeting.value("version", "");
+        if (isOlder(sVersion, {2, 12, 7}))
+            findings.warn(sServer + " is nats-server " + sVersion,
+                          "for production 2.12.7 or later: older ones have published faults");
+        else
+            findings.good(sServer + " is nats-server " + sVersion);
+        if (!greeting.value("jetstream", false))
+            findings.bad(sServer + " has no JetStream", "configure jetstream on the server");
+        if (!greeting.value("tls_required", false))
+            findings.warn(sServer + " takes connections without TLS", "configure tls with verify_and_map");
+    }
+    if (settings.access.sCa.empty())
+        findings.warn("no ca is configured: what is sent can be read and changed on the way",
+                      "configure ca, certificate and key");
+}
+
+void checkStream(const RelaySettings& settings, NatsAdministration& engine, Findings& findings) {
+    const std::string sStream = "VORN_TO_" + settings.access.sHost;
+    try {
+        const Json info = engine.request("$JS.API.CONSUMER.INFO." + sStream + ".relay");
+        findings.good("stream " + sStream + ", " + info.value("num_pending", Json(0)).dump() + " waiting");
+        const std::size_t nOthers =
+            info.contains("cluster") ? info["cluster"].value("replicas", Json::array()).size() : 0;
+        if (nOthers < 2)
+            findings.warn(sStream + " has " + std::to_string(nOthers + 1) + " replica" +
+                              (nOthers == 0 ? "" : "s"),
+                          "for production three servers: vornnet relay hosts add --replicas 3");
+    } catch (const AdministrationError& error) {
+        if (error.code() == cConsumerMissing)
+            findings.good("stream " + sStream + ", and no relay has read it yet");
+        else if (error.code() == cStreamMissing)
+            findings.bad("there is no stream " + sStream,
+                         "the administrator: vornnet relay hosts add " + settings.access.sHost);
+        else
+            findings.bad(sStream + ": " + error.what(),
+                         "give this host the permissions that hosts add prints");
+    }
+}
+
+void checkEngine(const RelaySettings& settings, Findings& findings) {
+    try {
+        NatsAdministration engine(settings.access);
+        findings.good("connected as " + settings.access.sHost);
+        if (settings.bReceive)
+            checkStream(settings, engine, findings);
+        if (engine.mayListenTo("vorn.to.>"))
+            findings.warn("this host may read what is sent to all others",
+                          "give it the permissions that vornnet relay hosts add prints");
+        else
+            findings.good("what is sent to others cannot be read");
+    } catch (const std::exception& error) {
+        findings.bad(std::string("no connection to the engine: ") + error.what(),
+                     "see whether it runs, the certificates, and the name in them");
+    }
+}
+
+void checkRelay(Findings& findings) {
+    try {
+        VornNet::VornPipeConnection connection("relay");
+        connection.establish();
+        connection.transfer(VornSupport::VornString("status"));
+        const Json status = Json::parse(connection.receiveString().c_str(), nullptr, false);
+        if (status.is_object() && status.value("ready", false))
+            findings.good("the relay runs and is ready");
+        else
+            findings.bad("the relay runs and is not ready", "see its log");
+    } catch (const VornSupport::VornException& error) {
+        findings.bad("the relay does not run, or not for this user", "systemctl status vornnet-relay");
+    }
+    findings.good(
+        "whether the servers sync before they answer cannot be seen from here: sync_interval: always");
+}
+
+} // namespace
+
+int checkHost(const std::string& sSettingsFile) {
+    Findings findings;
+    try {
+        const RelaySettings settings = RelaySettings::read(sSettingsFile);
+        findings.good("configuration of " + settings.access.sHost);
+        checkDirectories(settings, findings);
+        checkServers(settings, findings);
+        checkEngine(settings, findings);
+    } catch (const SettingsError& error) {
+        findings.bad(error.what(), "see the manual of vornnet relay");
+    }
+    checkRelay(findings);
+    return findings.status();
+}
+
+} // namespace VornRelay

@@ -1,0 +1,121 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Commands.h"
+#include "Relay.h"
+
+#include <VornException.h>
+#include <VornPipeConnection.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include <nlohmann/json.hpp>
+#include <sys/resource.h>
+
+namespace VornRelay {
+
+namespace {
+
+using Json = nlohmann::json;
+using VornNet::VornPipeConnection;
+using VornSupport::VornString;
+
+void useAllDescriptors() {
+    rlimit limits{};
+    if (::getrlimit(RLIMIT_NOFILE, &limits) == 0) {
+        limits.rlim_cur = limits.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limits);
+    }
+}
+
+void blockSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int nSignal : {SIGTERM, SIGINT, SIGHUP})
+        sigaddset(&signals, nSignal);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+/** @return the text with which the relay of this host answers a request of one word and perhaps a text. */
+std::string ask(const char* szVerb, const std::string* pText = nullptr) {
+    VornPipeConnection connection("relay");
+    connection.establish();
+    connection.transfer(VornString(szVerb));
+    if (pText != nullptr)
+        connection.transfer(VornString(pText->c_str()));
+    return connection.receiveString().c_str();
+}
+
+std::string textOf(const Json& value) {
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+} // namespace
+
+int runRelay(const std::string& sSettingsFile) {
+    blockSignals();
+    useAllDescriptors();
+    Relay relay(RelaySettings::read(sSettingsFile), sSettingsFile);
+    relay.run();
+    return exitDone;
+}
+
+int printStatus(bool bJson) {
+    const std::string sAnswer = ask("status");
+    if (bJson) {
+        std::printf("%s\n", sAnswer.c_str());
+        return exitDone;
+    }
+    const Json status = Json::parse(sAnswer);
+    for (const auto& [sKey, value] : status.items()) {
+        if (sKey != "hosts")
+            std::printf("%-10s %s\n", sKey.c_str(), textOf(value).c_str());
+    }
+    for (const Json& host : status["hosts"])
+        std::printf("to %s: %s waiting, %s bytes%s%s\n", textOf(host["host"]).c_str(),
+                    textOf(host["waiting"]).c_str(), textOf(host["bytes"]).c_str(),
+                    host["full"] == true ? ", stream full" : "", host["open"] == true ? "" : ", closed");
+    return exitDone;
+}
+
+int printLeases(bool bJson) {
+    const Json leases = Json::parse(ask("leases"));
+    for (const Json& lease : leases) {
+        if (bJson)
+            std::printf("%s\n", lease.dump().c_str());
+        else
+            std::printf("%-16s %s %s, %s waiting, oldest %s s%s\n", textOf(lease["name"]).c_str(),
+                        textOf(lease["address"]).c_str(), textOf(lease["handle"]).c_str(),
+                        textOf(lease["waiting"]).c_str(), textOf(lease["oldest"]).c_str(),
+                        lease["away"] == true ? ", away" : "");
+    }
+    return exitDone;
+}
+
+int takeLease(const std::string& sName, const std::string& sAddress, int nHandle) {
+    VornPipeConnection connection("relay");
+    connection.establish();
+    connection.transfer(VornString("lease"));
+    connection.transfer(VornString(sName.c_str()));
+    connection.transfer(VornString(sAddress.c_str()));
+    connection.transfer(static_cast<long>(nHandle));
+    const VornString sLeased = connection.receiveString();
+    const long nLease = connection.receiveLong();
+    if (sLeased.empty()) {
+        std::fprintf(stderr, "vornnet relay: %s\n", connection.receiveString().c_str());
+        return exitRefused;
+    }
+    std::printf("%s %ld\n", sLeased.c_str(), nLease);
+    return exitDone;
+}
+
+int releaseLease(const std::string& sName) {
+    const std::string sWhy = ask("release", &sName);
+    if (sWhy.empty())
+        return exitDone;
+    std::fprintf(stderr, "vornnet relay: %s\n", sWhy.c_str());
+    return exitRefused;
+}
+
+} // namespace VornRelay

@@ -1,0 +1,44 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNRELAY_METRICSSOCKET_H
+#define VORNRELAY_METRICSSOCKET_H
+
+#include "RelayLoop.h"
+
+#include <OwnedDescriptor.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_set>
+
+namespace VornRelay {
+
+/**
+ * A socket file at which every HTTP request is answered with the metrics; no port of the network is opened.
+ */
+class MetricsSocket : private RelayLoop::Handler {
+public:
+    /** Opens the file, which replaces one of a process that has ended. @throws std::system_error */
+    MetricsSocket(RelayLoop& loop, std::string sPath, std::function<std::string()> text);
+    ~MetricsSocket() override;
+
+    MetricsSocket(const MetricsSocket&) = delete;
+    MetricsSocket& operator=(const MetricsSocket&) = delete;
+
+private:
+    class Client;
+
+    void ready(std::uint32_t nEvents) override;
+    void end(const std::shared_ptr<Client>& spClient);
+
+    RelayLoop& m_loop;
+    const std::string m_sPath;
+    const std::function<std::string()> m_text;
+    VornNet::OwnedDescriptor m_socket;
+    std::unordered_set<std::shared_ptr<Client>> m_clients;
+};
+
+} // namespace VornRelay
+
+#endif

@@ -1,0 +1,201 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "NatsAdministration.h"
+
+#include <sstream>
+#include <string_view>
+
+namespace VornRelay {
+
+namespace {
+
+constexpr std::chrono::milliseconds cLimit{5000};
+constexpr const char* cDeadStream = "VORN_DEAD";
+constexpr std::string_view cStreamPrefix = "VORN_TO_";
+constexpr int cStreamMissing = 10059;
+constexpr int cMessageMissing = 10037;
+constexpr std::int64_t cSecond = 1'000'000'000; // nanoseconds
+
+std::string decodedBase64(std::string_view sText) {
+    static constexpr std::string_view cDigits =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string sBytes;
+    unsigned int nBits = 0;
+    int nCount = 0;
+    for (const char c : sText) {
+        const std::size_t nDigit = cDigits.find(c);
+        if (nDigit == std::string_view::npos)
+            break;
+        nBits = nBits << 6 | static_cast<unsigned int>(nDigit);
+        nCount += 6;
+        if (nCount >= 8) {
+            nCount -= 8;
+            sBytes.push_back(static_cast<char>(nBits >> nCount));
+        }
+    }
+    return sBytes;
+}
+
+/** A line with the version, then "Name: value" lines. */
+std::vector<std::pair<std::string, std::string>> headersIn(const std::string& sText) {
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::istringstream lines(sText);
+    for (std::string sLine; std::getline(lines, sLine);) {
+        while (!sLine.empty() && sLine.back() == '\r')
+            sLine.pop_back();
+        const std::size_t nColon = sLine.find(':');
+        if (nColon != std::string::npos)
+            headers.emplace_back(sLine.substr(0, nColon),
+                                 sLine.substr(sLine.find_first_not_of(' ', nColon + 1)));
+    }
+    return headers;
+}
+
+} // namespace
+
+std::string DeadLetter::header(const std::string& sName) const {
+    for (const auto& [sKey, sValue] : headers) {
+        if (sKey == sName)
+            return sValue;
+    }
+    return "";
+}
+
+NatsAdministration::NatsAdministration(const EngineAccess& access) {
+    const NatsPointer<natsOptions> options = optionsFor(access, cLimit);
+    natsConnection* created = nullptr;
+    if (const natsStatus status = natsConnection_Connect(&created, options.get()); status != NATS_OK)
+        throw AdministrationError(textOf(status), 0);
+    m_spConnection.reset(created);
+}
+
+void NatsAdministration::addHost(const std::string& sHost, const Limits& limits) {
+    const std::string sStream = std::string(cStreamPrefix) + sHost;
+    request("$JS.API.STREAM.CREATE." + sStream, {{"name", sStream},
+                                                 {"subjects", {"vorn.to." + sHost + ".>"}},
+                                                 {"storage", "file"},
+                                                 {"retention", "workqueue"},
+                                                 {"discard", "new"},
+                                                 {"num_replicas", limits.nReplicas},
+                                                 {"max_bytes", limits.nBytes},
+                                                 {"max_age", limits.nSeconds * cSecond},
+                                                 {"duplicate_window", 120 * cSecond}});
+    try {
+        request(std::string("$JS.API.STREAM.INFO.") + cDeadStream);
+    } catch (const AdministrationError& error) {
+        if (error.code() != cStreamMissing)
+            throw;
+        request(std::string("$JS.API.STREAM.CREATE.") + cDeadStream, {{"name", cDeadStream},
+                                                                      {"subjects", {"vorn.dead.*"}},
+                                                                      {"storage", "file"},
+                                                                      {"retention", "limits"},
+                                                                      {"discard", "old"},
+                                                                      {"num_replicas", limits.nReplicas},
+                                                                      {"max_bytes", limits.nBytes},
+                                                                      {"max_age", 30 * 24 * 3600 * cSecond}});
+    }
+}
+
+void NatsAdministration::removeHost(const std::string& sHost) {
+    request("$JS.API.STREAM.DELETE." + std::string(cStreamPrefix) + sHost);
+}
+
+NatsAdministration::Json NatsAdministration::hosts() {
+    Json list = Json::array();
+    for (std::size_t nOffset = 0;;) {
+        const Json answer = request("$JS.API.STREAM.LIST", {{"offset", nOffset}});
+        const Json streams = answer.value("streams", Json::array());
+        if (streams.empty())
+            return list;
+        nOffset += streams.size();
+        for (const Json& stream : streams) {
+            const Json& config = stream["config"];
+            const std::string sName = config.value("name", "");
+            if (sName.starts_with(cStreamPrefix))
+                list.push_back({{"host", sName.substr(cStreamPrefix.size())},
+                                {"messages", stream["state"].value("messages", std::uint64_t{0})},
+                                {"bytes", stream["state"].value("bytes", std::uint64_t{0})},
+                                {"limit", config.value("max_bytes", std::int64_t{0})},
+                                {"replicas", config.value("num_replicas", 1)}});
+        }
+        if (nOffset >= answer.value("total", std::size_t{0}))
+            return list;
+    }
+}
+
+std::vector<DeadLetter> NatsAdministration::deadLetters() {
+    const Json state = request(std::string("$JS.API.STREAM.INFO.") + cDeadStream)["state"];
+    std::vector<DeadLetter> letters;
+    if (state.value("messages", 0) == 0)
+        return letters;
+    for (auto nPosition = state.value("first_seq", std::uint64_t{1});
+         nPosition <= state.value("last_seq", std::uint64_t{0}); ++nPosition) {
+        try {
+            letters.push_back(deadLetter(nPosition));
+        } catch (const AdministrationError& error) {
+            if (error.code() != cMessageMissing)
+                throw; // one in between that was dropped
+        }
+    }
+    return letters;
+}
+
+DeadLetter NatsAdministration::deadLetter(std::uint64_t nPosition) {
+    const Json message =
+        request(std::string("$JS.API.STREAM.MSG.GET.") + cDeadStream, {{"seq", nPosition}})["message"];
+    return {nPosition, message.value("time", ""), headersIn(decodedBase64(message.value("hdrs", ""))),
+            decodedBase64(message.value("data", ""))};
+}
+
+void NatsAdministration::dropDeadLetter(std::uint64_t nPosition) {
+    request(std::string("$JS.API.STREAM.MSG.DELETE.") + cDeadStream, {{"seq", nPosition}});
+}
+
+NatsAdministration::Json NatsAdministration::request(const std::string& sSubject, const Json& content) {
+    const std::string sContent = content.is_null() ? "" : content.dump();
+    natsMsg* received = nullptr;
+    const natsStatus status = natsConnection_RequestString(&received, m_spConnection.get(), sSubject.c_str(),
+                                                           sContent.c_str(), cLimit.count());
+    if (status != NATS_OK)
+        throw AdministrationError(sSubject + ": " + textOf(status), 0);
+    const NatsPointer<natsMsg> spReply(received);
+    const Json reply =
+        Json::parse(natsMsg_GetData(received), natsMsg_GetData(received) + natsMsg_GetDataLength(received),
+                    nullptr, false);
+    if (!reply.is_object())
+        throw AdministrationError(sSubject + ": not an answer of JetStream", 0);
+    if (reply.contains("error"))
+        throw AdministrationError(reply["error"].value("description", "refused"),
+                                  reply["error"].value("err_code", 0));
+    return reply;
+}
+
+bool NatsAdministration::mayListenTo(const std::string& sSubject) {
+    natsSubscription* created = nullptr;
+    natsConnection_SubscribeSync(&created, m_spConnection.get(), sSubject.c_str());
+    const NatsPointer<natsSubscription> spSubscription(created);
+    natsConnection_FlushTimeout(m_spConnection.get(), cLimit.count());
+    const char* szError = nullptr;
+    const natsStatus status = natsConnection_GetLastError(m_spConnection.get(), &szError);
+    return status == NATS_OK || szError == nullptr ||
+           std::string_view(szError).find("ermissions") == std::string_view::npos;
+}
+
+std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo) {
+    std::vector<std::string> publish;
+    for (const std::string& sTo : sendTo)
+        publish.push_back("vorn.to." + sTo + ".>");
+    const std::string sStream = std::string(cStreamPrefix) + sHost;
+    for (const char* szCall : {"DURABLE.CREATE", "DELETE", "INFO", "MSG.NEXT"})
+        publish.push_back(std::string("$JS.API.CONSUMER.") + szCall + "." + sStream + ".*");
+    publish.push_back("$JS.ACK." + sStream + ".>");
+    publish.push_back("vorn.dead." + sHost);
+    publish.push_back("vorn.gone." + sHost);
+    std::string sText = "{\n  user: \"" + sHost + "\"\n  permissions: {\n    publish: [\n";
+    for (const std::string& sSubject : publish)
+        sText += "      \"" + sSubject + "\"\n";
+    return sText + "    ]\n    subscribe: [\n      \"_INBOX_" + sHost +
+           ".>\"\n      \"vorn.gone.*\"\n    ]\n  }\n}\n";
+}
+
+} // namespace VornRelay

@@ -1,0 +1,84 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNRELAY_NATSADMINISTRATION_H
+#define VORNRELAY_NATSADMINISTRATION_H
+
+#include "NatsConnection.h"
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace VornRelay {
+
+/** The engine cannot be reached, or has refused. */
+class AdministrationError : public std::runtime_error {
+public:
+    AdministrationError(const std::string& sText, int nCode) : std::runtime_error(sText), m_nCode(nCode) {}
+
+    /** @return the engine's own error number, 0 when there was no answer. */
+    int code() const { return m_nCode; }
+
+private:
+    int m_nCode;
+};
+
+/** A letter that could not be delivered, as it lies in the engine. */
+struct DeadLetter {
+    std::uint64_t nPosition = 0;
+    std::string sTime;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string sContent;
+
+    std::string header(const std::string& sName) const;
+};
+
+/**
+ * What operators do with the engine: create streams, look at dead letters. It asks and waits for the answer.
+ *
+ * Everything throws AdministrationError.
+ */
+class NatsAdministration {
+public:
+    using Json = nlohmann::json;
+
+    /** Limits of a stream. */
+    struct Limits {
+        std::int64_t nBytes = std::int64_t{1} << 30;
+        std::int64_t nSeconds = 7L * 24 * 3600;
+        int nReplicas = 1;
+    };
+
+    explicit NatsAdministration(const EngineAccess& access);
+
+    /** Creates the streams that a receiving host needs, as far as they are missing. */
+    void addHost(const std::string& sHost, const Limits& limits);
+
+    void removeHost(const std::string& sHost);
+
+    /** @return a line for each host with a stream. */
+    Json hosts();
+
+    std::vector<DeadLetter> deadLetters();
+    DeadLetter deadLetter(std::uint64_t nPosition);
+    void dropDeadLetter(std::uint64_t nPosition);
+
+    /** @return the answer to a request. */
+    Json request(const std::string& sSubject, const Json& content = Json());
+
+    /** @return whether the engine lets this host listen to all that others are sent; it should not. */
+    bool mayListenTo(const std::string& sSubject);
+
+private:
+    NatsPointer<natsConnection> m_spConnection;
+};
+
+/** @return the block of the engine's configuration that gives a host what its relay needs, and no more. */
+std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo);
+
+} // namespace VornRelay
+
+#endif

@@ -1,0 +1,107 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNRELAY_NATSENGINE_H
+#define VORNRELAY_NATSENGINE_H
+
+#include "Engine.h"
+#include "NatsConnection.h"
+#include "RelayLoop.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace VornRelay {
+
+/**
+ * An Engine that is NATS with JetStream.
+ *
+ * A thread of its own connects, waits until the connection is closed, and connects again; so certificates are
+ * read at each connection, and nothing is kept and sent later by the client library. The library's own pull
+ * and acknowledge functions are not used: natsSubscription_Fetch() of 3.4.1 writes past its array when
+ * messages of an earlier request still wait, and natsMsg_Ack() follows a pointer that may have gone.
+ */
+class NatsEngine : public Engine {
+public:
+    /** @param answerLimit after which an answer is `unknown` */
+    NatsEngine(RelayLoop& loop, EngineAccess access, std::chrono::milliseconds answerLimit,
+               Listener& listener);
+
+    /** Stops. The loop must not run any more, for tasks may be waiting there. */
+    ~NatsEngine() override;
+
+    /** Begins to connect. */
+    void start();
+
+    /** Sends what has been published, closes the connection and ends the thread. */
+    void stop();
+
+    void publish(const Message& message, AnswerHandler onAnswer) override;
+    void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) override;
+    void close(const std::string& sConsumer) override;
+    void pull(const std::string& sConsumer, std::size_t nCount) override;
+    void acknowledge(const std::string& sReceipt) override;
+    void tell(const std::string& sSubject, const std::string& sText) override;
+    void listenTo(const std::string& sSubject) override;
+    std::size_t mostContent() const override;
+
+private:
+    using Clock = RelayLoop::Clock;
+    using ReplyHandler = std::function<void(const std::string* pReply)>; // null: none came
+
+    struct Link; // a connection and its subscriptions
+
+    struct Waiting {
+        Clock::time_point until;
+        ReplyHandler onReply;
+    };
+
+    void keepConnected();
+    std::shared_ptr<Link> connect(std::string& sWhy);
+    void awaitClosed(Link& link);
+    std::shared_ptr<Link> link() const;
+
+    void expect(std::uint64_t nTicket, ReplyHandler onReply);
+    void request(const std::string& sSubject, const std::string& sText, ReplyHandler onReply);
+    void create(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened);
+    bool send(const Message& message, const std::string& sReply);
+    void settle(std::uint64_t nTicket, const std::string* pReply);
+    void failAll();
+    void sweep();
+
+    void takeReply(natsMsg* message);
+    void takeArrival(natsMsg* message);
+    void takeStatus(natsMsg* message);
+
+    static void onReplyMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
+    static void onArrivalMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
+    static void onToldMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
+
+    RelayLoop& m_loop;
+    const EngineAccess m_access;
+    const std::string m_sInbox;
+    const std::string m_sStream;
+    const std::chrono::milliseconds m_answerLimit;
+    Listener& m_listener;
+    std::vector<std::string> m_listenedTo;
+    std::map<std::uint64_t, Waiting> m_waiting; // by ticket, and so by time
+    std::uint64_t m_nLastTicket = 0;
+    RelayLoop::Timer m_sweep = 0;
+    std::atomic<std::size_t> m_nMostContent{0};
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::shared_ptr<Link> m_spLink; // guarded by m_mutex
+    bool m_bStopping = false;       // guarded by m_mutex
+    std::thread m_thread;
+};
+
+} // namespace VornRelay
+
+#endif

@@ -1,0 +1,363 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Relay.h"
+
+#include "RelayLog.h"
+#include "ServiceManager.h"
+#include "StateFile.h"
+
+#include <PipeListener.h>
+#include <VornPipeServer.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+
+namespace VornRelay {
+
+namespace {
+
+using Json = nlohmann::json;
+using std::chrono::milliseconds;
+
+constexpr milliseconds cLookInterval{100};
+constexpr milliseconds cStopLimit{10'000};
+constexpr std::string_view cPipe = "pipe:";
+constexpr std::size_t cLongestName = 256;
+
+/** @throws LeaseRefused when the user may not open that pipe himself: the relay would do it for him. */
+void checkAddress(const std::string& sAddress, uid_t user) {
+    const VornSupport::VornString sName = sAddress.substr(std::min(cPipe.size(), sAddress.size())).c_str();
+    if (!sAddress.starts_with(cPipe) || !VornNet::PipeListener::isName(sName))
+        throw LeaseRefused("only a pipe can be leased: pipe: and a name without '/'");
+
+    struct stat file {};
+
+    if (System::lstat(VornNet::VornPipeServer::getFullPipeName(sName).c_str(), &file) == -1 ||
+        !S_ISSOCK(file.st_mode))
+        throw LeaseRefused("there is no such pipe");
+    if (user != 0 && file.st_uid != user)
+        throw LeaseRefused("the pipe belongs to another user");
+}
+
+} // namespace
+
+/** Takes the process's signals on the loop's thread. */
+class Relay::Signals : public RelayLoop::Handler {
+public:
+    explicit Signals(Relay& relay) : m_relay(relay) {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int nSignal : {SIGTERM, SIGINT, SIGHUP})
+            sigaddset(&signals, nSignal);
+        m_socket = VornNet::OwnedDescriptor::opened(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+        m_relay.m_loop.watch(m_socket.number(), EPOLLIN, *this);
+    }
+
+    void ready(std::uint32_t) override {
+        signalfd_siginfo signal{};
+        while (System::read(m_socket.number(), &signal, sizeof signal) == sizeof signal) {
+            if (signal.ssi_signo == SIGHUP)
+                m_relay.reload();
+            else
+                m_relay.beginToStop();
+        }
+    }
+
+private:
+    Relay& m_relay;
+    VornNet::OwnedDescriptor m_socket;
+};
+
+Relay::Relay(RelaySettings settings, std::string sSettingsFile)
+    : m_settings(std::move(settings)), m_sSettingsFile(std::move(sSettingsFile)),
+      m_spSignals(std::make_unique<Signals>(*this)), m_number{nextBootNumber(m_settings.sStateDirectory +
+                                                                             "/boot"),
+                                                              0},
+      m_engine(m_loop, m_settings.access, m_settings.publishTimeout, *this),
+      m_control(m_loop, "relay", [this](const ControlRequest& request) { return answer(request); }) {
+    g_nLogLevel.store(m_settings.nLogLevel, std::memory_order_relaxed);
+    if (m_settings.bReceive)
+        m_spDelivery = std::make_unique<SinkDelivery>(m_loop, m_engine, m_settings, m_counters);
+    for (const std::string& sHost : m_settings.sendTo)
+        m_hosts.try_emplace(sHost,
+                            std::make_unique<RemoteHost>(m_loop, m_engine, m_settings.access.sHost, sHost,
+                                                         m_settings.nWindow, m_number, m_counters));
+    if (!m_settings.sMetrics.empty())
+        m_metrics.emplace(m_loop, m_settings.sMetrics, [this] { return metrics(); });
+}
+
+Relay::~Relay() {
+    m_engine.stop(); // its threads post no more; what they have posted is thrown away with the loop
+    m_loop.cancel(m_look);
+}
+
+void Relay::run() {
+    openPipes();
+    m_control.open();
+    m_engine.start();
+    look();
+    m_loop.run();
+    m_engine.stop();
+    logLine(LogLevel::change, "stopped");
+}
+
+void Relay::connected() {
+    m_bConnected = true;
+    m_sLastFailure.clear();
+    logLine(LogLevel::change, "connected to the engine");
+    for (const auto& [sHost, spHost] : m_hosts)
+        spHost->queue().setConnected(true);
+    if (m_spDelivery)
+        m_spDelivery->setConnected(true);
+}
+
+void Relay::disconnected(const std::string& sWhy) {
+    if (m_bConnected || sWhy != m_sLastFailure)
+        logLine(LogLevel::warning, "no connection to the engine: " + sWhy);
+    m_sLastFailure = sWhy;
+    if (!m_bConnected)
+        return;
+    m_bConnected = false;
+    m_bReady = false;
+    tellServiceManager("STATUS=no connection to the engine: " + sWhy);
+    for (const auto& [sHost, spHost] : m_hosts)
+        spHost->queue().setConnected(false);
+    if (m_spDelivery)
+        m_spDelivery->setConnected(false);
+}
+
+void Relay::arrived(Engine::Arrival&& arrival) {
+    if (m_spDelivery)
+        m_spDelivery->reader().arrived(std::move(arrival));
+}
+
+void Relay::pullEnded(const std::string& sConsumer, std::size_t nLeft) {
+    if (m_spDelivery)
+        m_spDelivery->reader().pullEnded(sConsumer, nLeft);
+}
+
+void Relay::consumerLost(const std::string& sConsumer) {
+    if (m_spDelivery)
+        m_spDelivery->reader().consumerLost(sConsumer);
+}
+
+void Relay::told(const std::string& sSubject, const std::string& sText) {
+    const auto found = m_hosts.find(sSubject.substr(sSubject.rfind('.') + 1));
+    std::uint32_t nLease = 0;
+    std::from_chars(sText.data(), sText.data() + sText.size(), nLease);
+    if (found != m_hosts.end() && nLease != 0)
+        found->second->setGone(nLease);
+}
+
+void Relay::openPipes() {
+    for (const auto& [sHost, spHost] : m_hosts)
+        spHost->pipe().open();
+}
+
+void Relay::look() {
+    m_look = m_loop.after(cLookInterval, [this] { look(); });
+    if (m_bStopping) {
+        if (isDone())
+            m_loop.end();
+        return;
+    }
+    const std::size_t nBytes = heldBytes();
+    try {
+        if (!m_bHolding && nBytes > m_settings.nHoldBytes) {
+            m_bHolding = true;
+            logLine(LogLevel::warning, "too much waits for the engine: services are refused");
+            for (const auto& [sHost, spHost] : m_hosts)
+                spHost->pipe().close();
+        } else if (m_bHolding && nBytes <= m_settings.nHoldBytes / 2) {
+            openPipes();
+            m_bHolding = false;
+            logLine(LogLevel::change, "services are accepted again");
+        }
+    } catch (const std::system_error& error) {
+        logLine(LogLevel::failure, std::string("a pipe cannot be opened: ") + error.what());
+    }
+    sayReady();
+}
+
+std::size_t Relay::heldBytes() {
+    std::size_t nBytes = 0;
+    for (const auto& [sHost, spHost] : m_hosts)
+        nBytes += spHost->queue().bytes();
+    return nBytes;
+}
+
+void Relay::sayReady() {
+    const bool bReady = m_bConnected && (!m_spDelivery || m_spDelivery->reader().isReading());
+    if (bReady && !m_bReady) {
+        tellServiceManager("READY=1\nSTATUS=connected");
+        logLine(LogLevel::change, "ready");
+    }
+    m_bReady = bReady;
+    const auto now = RelayLoop::Clock::now();
+    if (watchdogInterval() > milliseconds(0) && now >= m_nextSign) {
+        tellServiceManager("WATCHDOG=1");
+        m_nextSign = now + watchdogInterval();
+    }
+}
+
+void Relay::reload() try {
+    const RelaySettings fresh = RelaySettings::read(m_sSettingsFile);
+    m_settings.patience = fresh.patience;
+    m_settings.onSlow = fresh.onSlow;
+    m_settings.nLogLevel = fresh.nLogLevel;
+    g_nLogLevel.store(fresh.nLogLevel, std::memory_order_relaxed);
+    logLine(LogLevel::change, "patience, on-slow and log-level were read again");
+
+} catch (const SettingsError& error) {
+
+    logLine(LogLevel::failure, std::string("the configuration stays as it was: ") + error.what());
+}
+
+void Relay::beginToStop() {
+    if (m_bStopping)
+        return;
+    m_bStopping = true;
+    m_stopUntil = RelayLoop::Clock::now() + cStopLimit;
+    tellServiceManager("STOPPING=1");
+    logLine(LogLevel::change, "stopping");
+    m_control.close();
+    for (const auto& [sHost, spHost] : m_hosts)
+        spHost->pipe().close();
+    if (m_spDelivery)
+        m_spDelivery->stop();
+}
+
+bool Relay::isDone() {
+    if (RelayLoop::Clock::now() >= m_stopUntil) {
+        logLine(LogLevel::warning, "stops with notifications that have no outcome");
+        return true;
+    }
+    const bool bPublished = std::all_of(m_hosts.begin(), m_hosts.end(), [](const auto& entry) {
+        return entry.second->pipe().reading() == 0 && entry.second->queue().size() == 0;
+    });
+    return bPublished && (!m_spDelivery || m_spDelivery->isIdle());
+}
+
+std::string Relay::answer(const ControlRequest& request) {
+    if (request.sVerb == "lease")
+        return lease(request);
+    if (request.sVerb == "release")
+        return release(request);
+    std::string sBytes;
+    putText(sBytes, request.sVerb == "leases" ? leases() : status());
+    return sBytes;
+}
+
+std::string Relay::lease(const ControlRequest& request) {
+    std::string sBytes;
+    try {
+        if (!m_spDelivery)
+            throw LeaseRefused("this relay does not receive");
+        if (request.texts[0].size() > cLongestName)
+            throw LeaseRefused("the name is too long");
+        checkAddress(request.texts[1], request.user);
+        Lease lease;
+        lease.sName = request.texts[0];
+        lease.user = request.user;
+        lease.sAddress = request.texts[1];
+        lease.nHandle = request.nHandle;
+        lease.process = request.process;
+        lease.nStart = request.process == 0 ? 0 : startOfProcess(request.process);
+        const Lease& granted = m_spDelivery->grant(lease);
+        putText(sBytes, "pipe:relay-" + m_settings.access.sHost);
+        putLong(sBytes, granted.nNumber);
+    } catch (const std::exception& error) {
+        sBytes.clear();
+        putText(sBytes, "");
+        putLong(sBytes, 0);
+        putText(sBytes, error.what());
+    }
+    return sBytes;
+}
+
+std::string Relay::release(const ControlRequest& request) {
+    std::string sWhy;
+    try {
+        const Lease* pLease = m_spDelivery ? m_spDelivery->leases().find(request.texts[0]) : nullptr;
+        if (pLease == nullptr || !pLease->isNamed())
+            sWhy = "there is no lease of that name";
+        else if (request.user != 0 && request.user != pLease->user)
+            sWhy = "the name belongs to another user";
+        else
+            m_spDelivery->end(pLease->nNumber);
+    } catch (const std::exception& error) {
+        sWhy = error.what();
+    }
+    std::string sBytes;
+    putText(sBytes, sWhy);
+    return sBytes;
+}
+
+std::string Relay::leases() const {
+    Json list = Json::array();
+    if (m_spDelivery) {
+        for (const auto& [nNumber, lease] : m_spDelivery->leases().all()) {
+            const SinkDelivery::Queue queue = m_spDelivery->queueOf(nNumber);
+            list.push_back({{"name", lease.sName},
+                            {"address", lease.sAddress},
+                            {"handle", lease.nHandle},
+                            {"user", lease.user},
+                            {"process", lease.process},
+                            {"waiting", queue.nWaiting},
+                            {"oldest", static_cast<double>(queue.oldest.count()) / 1000},
+                            {"tries", queue.nTries},
+                            {"away", queue.bAway}});
+        }
+    }
+    return list.dump();
+}
+
+std::string Relay::status() {
+    Json hosts = Json::array();
+    for (const auto& [sHost, spHost] : m_hosts)
+        hosts.push_back({{"host", sHost},
+                         {"open", spHost->pipe().isOpen()},
+                         {"waiting", spHost->queue().size()},
+                         {"bytes", spHost->queue().bytes()},
+                         {"full", spHost->queue().isFull()},
+                         {"repeated", spHost->queue().repeated()}});
+    return Json{{"host", m_settings.access.sHost},
+                {"connected", m_bConnected},
+                {"ready", m_bReady},
+                {"failure", m_sLastFailure},
+                {"accepted", m_counters.nAccepted},
+                {"published", m_counters.nPublished},
+                {"refused", m_counters.nRefused},
+                {"delivered", m_counters.nDelivered},
+                {"skipped", m_counters.nSkipped},
+                {"dead", m_counters.dead},
+                {"held", m_spDelivery ? m_spDelivery->reader().held() : 0},
+                {"leases", m_spDelivery ? m_spDelivery->leases().all().size() : 0},
+                {"hosts", hosts}}
+        .dump();
+}
+
+std::string Relay::metrics() {
+    std::string sText;
+    m_counters.print(sText);
+    const std::pair<const char*, std::size_t> gauges[] = {
+        {"connected", m_bConnected ? 1 : 0},
+        {"ready", m_bReady ? 1 : 0},
+        {"waiting_bytes", heldBytes()},
+        {"held", m_spDelivery ? m_spDelivery->reader().held() : 0},
+        {"leases", m_spDelivery ? m_spDelivery->leases().all().size() : 0}};
+    for (const auto& [szName, nValue] : gauges) {
+        const std::string sName = std::string("vornnet_relay_") + szName;
+        sText += "# TYPE " + sName + " gauge\n" + sName + " " + std::to_string(nValue) + "\n";
+    }
+    return sText;
+}
+
+} // namespace VornRelay

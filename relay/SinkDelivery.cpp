@@ -1,0 +1,370 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "SinkDelivery.h"
+
+#include "RelayLog.h"
+
+#include <VornConnection.h>
+#include <VornException.h>
+#include <VornPipeServer.h>
+#include <VornProxyDependent.h>
+#include <VornSmartPointer.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include <sys/un.h>
+
+namespace VornRelay {
+
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using VornNet::VornDispatcher;
+using Outcome = VornDispatcher::Outcome;
+
+constexpr std::size_t cHandleSize = 8;
+constexpr std::size_t cMostNamedHeld = 256;
+constexpr std::string_view cPipe = "pipe:";
+constexpr std::string_view cVersion = "1";
+constexpr milliseconds cLookInterval{250};
+constexpr milliseconds cSuspicious{250}; // a delivery that takes longer is looked at
+constexpr milliseconds cTimeToEnd{100};  // within which a killed process has closed its sockets
+constexpr std::size_t cMostLooksAtOnce = 200;
+
+/** Sends content that was read elsewhere. */
+class StoredContent : public VornNet::VornProxyDependent {
+public:
+    StoredContent(const Lease& lease, std::string_view sContent)
+        : VornProxyDependent(lease.sAddress.c_str(), lease.nHandle), m_sContent(sContent) {}
+
+    void addContent(VornNet::VornConnection& connection, const VornSupport::VornNotification&) override {
+        long nError = 0;
+        if (!m_sContent.empty())
+            connection.transfer(m_sContent.data(), static_cast<long>(m_sContent.size()), &nError);
+    }
+
+private:
+    const std::string_view m_sContent;
+};
+
+std::uint32_t leaseIn(std::string_view sSubject) {
+    const std::string_view sNumber = sSubject.substr(sSubject.rfind('.') + 1);
+    std::uint32_t nLease = 0;
+    std::from_chars(sNumber.data(), sNumber.data() + sNumber.size(), nLease);
+    return nLease;
+}
+
+std::string consumerOf(const Lease& lease) {
+    return "keep-" + std::to_string(lease.nNumber);
+}
+
+} // namespace
+
+bool isPipeAlive(const std::string& sAddress) {
+    const VornSupport::VornString sPath =
+        VornNet::VornPipeServer::getFullPipeName(sAddress.substr(cPipe.size()).c_str());
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (sPath.size() >= sizeof address.sun_path)
+        return false;
+    std::memcpy(address.sun_path, sPath.data(), sPath.size());
+    // The kernel looks for the socket first and for its type afterwards.
+    const VornNet::OwnedDescriptor probe(System::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return System::connect(probe.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+               0 ||
+           (errno != ECONNREFUSED && errno != ENOENT);
+}
+
+SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings& settings,
+                           RelayCounters& counters)
+    : m_loop(loop), m_engine(engine), m_settings(settings), m_counters(counters),
+      m_leases(settings.sStateDirectory + "/leases"), m_journal(settings.sStateDirectory + "/journal"),
+      m_deadLetters(loop, engine, settings.nWindow, nullptr),
+      m_reader(loop, engine, [this](std::uint64_t nPosition, Engine::Message&& message) {
+          take(nPosition, std::move(message));
+      }) {
+    if (m_leases.damagedLines() > 0)
+        logLine(LogLevel::warning, "leases: " + std::to_string(m_leases.damagedLines()) +
+                                       " lines could not be read; these leases have ended");
+    if (m_journal.wasDamaged())
+        logLine(LogLevel::warning, "the journal was damaged and put aside: what was delivered and not yet "
+                                   "acknowledged is delivered again");
+    const std::string sSubject = "vorn.to." + settings.access.sHost;
+    m_reader.add("relay", sSubject + ".sink.>", settings.nHeld);
+    for (const auto& [nNumber, lease] : m_leases.all()) {
+        if (lease.isNamed())
+            readNamed(lease);
+    }
+    VornDispatcher::Options options;
+    options.sName = "relay";
+    options.terms.timeLimit = hours(24 * 365); // whether to wait on is decided here
+    options.nByteLimit = std::size_t{4} << 30;
+    options.longestPause = milliseconds(100);
+    options.stopLimit = milliseconds(0);
+    options.onResult = [this](const VornDispatcher::Result& result) {
+        m_loop.post([this, result] { finished(result); });
+    };
+    m_spDispatcher = std::make_unique<VornDispatcher>(options);
+    look();
+}
+
+SinkDelivery::~SinkDelivery() {
+    m_loop.cancel(m_look);
+    m_spDispatcher.reset();
+    for (const auto& [nLease, queue] : m_queues)
+        m_loop.cancel(queue.judge);
+}
+
+void SinkDelivery::setConnected(bool bConnected) {
+    m_deadLetters.setConnected(bConnected);
+    m_reader.setConnected(bConnected);
+}
+
+const Lease& SinkDelivery::grant(const Lease& lease) {
+    const Lease* pBefore = lease.isNamed() ? m_leases.find(lease.sName) : nullptr;
+    const std::string sAddressBefore = pBefore == nullptr ? "" : pBefore->sAddress;
+    const Lease& granted = m_leases.grant(lease);
+    if (pBefore == nullptr && granted.isNamed())
+        readNamed(granted);
+    // What is under way to the old address ends, and begins again with the new one.
+    if (!sAddressBefore.empty() && sAddressBefore != granted.sAddress)
+        m_spDispatcher->cancel(sAddressBefore.c_str());
+    return granted;
+}
+
+void SinkDelivery::end(std::uint32_t nLease) {
+    const Lease* pLease = m_leases.find(nLease);
+    if (pLease == nullptr)
+        return;
+    const Lease lease = *pLease;
+    m_leases.end(nLease);
+    m_engine.tell("vorn.gone." + m_settings.access.sHost, std::to_string(nLease));
+    if (lease.isNamed())
+        m_reader.remove(consumerOf(lease));
+    const auto found = m_queues.find(nLease);
+    if (found != m_queues.end() && found->second.nTicket != 0)
+        m_spDispatcher->cancel(lease.sAddress.c_str()); // and deliverNext() finds that the lease has ended
+    else
+        deliverNext(nLease);
+}
+
+void SinkDelivery::stop() {
+    m_bStopped = true;
+    m_reader.stop();
+}
+
+SinkDelivery::Queue SinkDelivery::queueOf(std::uint32_t nLease) const {
+    Queue result;
+    const auto found = m_queues.find(nLease);
+    if (found == m_queues.end() || found->second.waiting.empty())
+        return result;
+    const LeaseQueue& queue = found->second;
+    result.nWaiting = queue.waiting.size();
+    result.nTries = queue.waiting.front().nTries;
+    result.oldest = std::chrono::duration_cast<milliseconds>(Clock::now() - queue.waiting.front().arrived);
+    result.bAway = queue.awaySince.has_value();
+    return result;
+}
+
+void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
+    Notification notification;
+    notification.nPosition = nPosition;
+    notification.arrived = Clock::now();
+    notification.sSource = message.header("Vorn-From");
+    const auto number = numberIn(message.header("Nats-Msg-Id"), notification.sSource);
+    const bool bIsKnown = message.header("Vorn-Version") == cVersion;
+    const std::uint32_t nLease = leaseIn(message.sSubject);
+    notification.message = std::move(message);
+    if (!bIsKnown || !number || notification.message.sContent.size() < cHandleSize) {
+        bury(std::move(notification), bIsKnown ? "malformed" : "version");
+        return;
+    }
+    notification.number = *number;
+    if (m_leases.find(nLease) == nullptr) {
+        m_engine.tell("vorn.gone." + m_settings.access.sHost, std::to_string(nLease));
+        bury(std::move(notification), "gone");
+        return;
+    }
+    LeaseQueue& queue = m_queues[nLease];
+    const bool bMayFill =
+        LeaseTable::isNamedNumber(nLease) || m_settings.onSlow == RelaySettings::OnSlow::block;
+    if (!bMayFill && queue.waiting.size() >= m_settings.nHeld / 4) {
+        bury(std::move(notification), "slow");
+        return;
+    }
+    queue.waiting.push_back(std::move(notification));
+    if (queue.waiting.size() == 1)
+        deliverNext(nLease);
+}
+
+void SinkDelivery::deliverNext(std::uint32_t nLease) {
+    const auto found = m_queues.find(nLease);
+    if (found == m_queues.end())
+        return;
+    LeaseQueue& queue = found->second;
+    const Lease* pLease = m_leases.find(nLease);
+    while (pLease == nullptr && !queue.waiting.empty()) {
+        bury(std::move(queue.waiting.front()), "gone");
+        queue.waiting.pop_front();
+    }
+    while (!queue.waiting.empty() &&
+           queue.waiting.front().number <= m_journal.last(nLease, queue.waiting.front().sSource)) {
+        ++m_counters.nSkipped;
+        settleFirst(queue);
+    }
+    if (!queue.waiting.empty()) {
+        if (!m_bStopped)
+            post(*pLease, queue);
+        return;
+    }
+    m_loop.cancel(queue.judge);
+    m_queues.erase(found);
+    if (pLease == nullptr)
+        m_journal.forget(nLease);
+}
+
+void SinkDelivery::post(const Lease& lease, LeaseQueue& queue) {
+    const std::string_view sContent = queue.waiting.front().message.sContent;
+    const VornSupport::VornSmartPointer<StoredContent> spProxy =
+        new StoredContent(lease, sContent.substr(cHandleSize));
+    queue.started = Clock::now();
+    try {
+        queue.nTicket = m_spDispatcher->post(*spProxy, VornSupport::VornNotification(0));
+        m_underWay[queue.nTicket] = lease.nNumber;
+    } catch (const VornSupport::VornException& error) {
+        logLine(LogLevel::failure, std::string("a delivery cannot begin: ") + error.getText().c_str());
+        queue.judge = m_loop.after(cTimeToEnd, [this, nLease = lease.nNumber] {
+            m_queues[nLease].judge = 0;
+            deliverNext(nLease);
+        });
+    }
+}
+
+void SinkDelivery::finished(const VornDispatcher::Result& result) {
+    const auto underWay = m_underWay.extract(result.nTicket);
+    if (underWay.empty())
+        return;
+    const std::uint32_t nLease = underWay.mapped();
+    LeaseQueue& queue = m_queues.at(nLease);
+    queue.nTicket = 0;
+    queue.waiting.front().nTries += result.nTries;
+    m_counters.nTries += result.nTries;
+    switch (result.outcome) {
+    case Outcome::delivered:
+    case Outcome::sent:
+        consumed(nLease, queue);
+        break;
+    case Outcome::unread:
+        queue.judge = m_loop.after(cTimeToEnd, [this, nLease] { judge(nLease); });
+        return;
+    default:
+        break; // it is offered again, or finds that its lease has ended
+    }
+    deliverNext(nLease);
+}
+
+void SinkDelivery::consumed(std::uint32_t nLease, LeaseQueue& queue) {
+    const Notification& first = queue.waiting.front();
+    queue.awaySince.reset();
+    ++m_counters.nDelivered;
+    m_counters.delivering.add(Clock::now() - first.arrived);
+    if (m_leases.find(nLease) != nullptr && !m_journal.note(nLease, first.sSource, first.number))
+        ++m_counters.nUnjournaled;
+    settleFirst(queue);
+}
+
+/** Was the callback content with less, or has the process been killed? In the latter case nobody listens. */
+void SinkDelivery::judge(std::uint32_t nLease) {
+    LeaseQueue& queue = m_queues.at(nLease);
+    queue.judge = 0;
+    const Lease* pLease = m_leases.find(nLease);
+    if (pLease != nullptr && isPipeAlive(pLease->sAddress)) {
+        bury(std::move(queue.waiting.front()), "refused", nLease);
+        queue.waiting.pop_front();
+    }
+    deliverNext(nLease);
+}
+
+void SinkDelivery::settleFirst(LeaseQueue& queue) {
+    m_reader.acknowledge(queue.waiting.front().nPosition);
+    queue.waiting.pop_front();
+}
+
+void SinkDelivery::bury(Notification&& notification, const std::string& sReason,
+                        std::uint32_t nJournalLease) {
+    ++m_counters.dead[sReason];
+    if (nJournalLease != 0 && !m_journal.note(nJournalLease, notification.sSource, notification.number))
+        ++m_counters.nUnjournaled;
+    Engine::Message letter{
+        "vorn.dead." + m_settings.access.sHost, {}, std::move(notification.message.sContent)};
+    for (auto& [sName, sValue] : notification.message.headers) {
+        if (sName.starts_with("Vorn-"))
+            letter.headers.emplace_back(sName, sValue);
+    }
+    const std::string sId(notification.message.header("Nats-Msg-Id"));
+    letter.headers.emplace_back("Nats-Msg-Id", "dead." + sId);
+    letter.headers.emplace_back("Vorn-Id", sId);
+    letter.headers.emplace_back("Vorn-Subject", notification.message.sSubject);
+    letter.headers.emplace_back("Vorn-Reason", sReason);
+    letter.headers.emplace_back("Vorn-Tries", std::to_string(notification.nTries));
+    m_deadLetters.add(std::move(letter), [this, nPosition = notification.nPosition](bool bStored) {
+        if (!bStored)
+            logLine(LogLevel::failure, "the engine refuses a dead letter, which is lost");
+        m_reader.acknowledge(nPosition);
+    });
+}
+
+void SinkDelivery::look() {
+    try {
+        for (const auto& [nTicket, nLease] : m_underWay) {
+            LeaseQueue& queue = m_queues.at(nLease);
+            if (Clock::now() - queue.started > cSuspicious)
+                lookAt(nLease, queue);
+        }
+        lookForEnded();
+    } catch (const std::system_error& error) { // a full disk; it is tried again
+        logLine(LogLevel::failure, std::string("a lease cannot be ended: ") + error.what());
+    }
+    m_look = m_loop.after(cLookInterval, [this] { look(); });
+}
+
+void SinkDelivery::lookAt(std::uint32_t nLease, LeaseQueue& queue) {
+    const Lease* pLease = m_leases.find(nLease);
+    if (pLease == nullptr || isPipeAlive(pLease->sAddress)) {
+        queue.awaySince.reset();
+        return;
+    }
+    if (!queue.awaySince)
+        queue.awaySince = Clock::now();
+    const bool bHasEnded = pLease->process != 0 && startOfProcess(pLease->process) != pLease->nStart;
+    if (!pLease->isNamed() && (bHasEnded || Clock::now() - *queue.awaySince > m_settings.patience))
+        end(nLease);
+}
+
+void SinkDelivery::lookForEnded() {
+    std::size_t nLooks = 0;
+    auto entry = m_leases.all().upper_bound(m_nLastLooked);
+    for (; entry != m_leases.all().end() && nLooks < cMostLooksAtOnce; ++nLooks) {
+        const Lease& lease = (entry++)->second;
+        m_nLastLooked = lease.nNumber;
+        if (!lease.isNamed() && lease.process != 0 && startOfProcess(lease.process) != lease.nStart)
+            end(lease.nNumber);
+    }
+    if (entry == m_leases.all().end())
+        m_nLastLooked = 0;
+}
+
+void SinkDelivery::readNamed(const Lease& lease) {
+    m_reader.add(consumerOf(lease),
+                 "vorn.to." + m_settings.access.sHost + ".keep." + std::to_string(lease.nNumber),
+                 cMostNamedHeld);
+}
+
+} // namespace VornRelay

@@ -1,0 +1,126 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNRELAY_SINKDELIVERY_H
+#define VORNRELAY_SINKDELIVERY_H
+
+#include "Engine.h"
+#include "Journal.h"
+#include "LeaseTable.h"
+#include "OutgoingQueue.h"
+#include "RelayCounters.h"
+#include "RelayLoop.h"
+#include "RelaySettings.h"
+#include "StreamReader.h"
+
+#include <VornDispatcher.h>
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace VornRelay {
+
+/**
+ * The client's side of a relay: what has come out of the stream is delivered to the sinks of this host.
+ *
+ * Each lease has a queue, of which one notification is under way, so that a slow sink holds up no other. When
+ * the callback has returned, the number is noted in the journal, and then the message is acknowledged; what
+ * is not above the journal's number has been delivered before, and is only acknowledged. What cannot be
+ * delivered becomes a dead letter, which is stored before the message is acknowledged.
+ *
+ * Thread-safety: none, all on the loop's thread. Blocking: short writes to files. Ownership: everything that
+ * is passed to the constructor must outlive it. Signals: none raised. Errors: logged and counted.
+ */
+class SinkDelivery {
+public:
+    SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings& settings, RelayCounters& counters);
+    ~SinkDelivery();
+
+    SinkDelivery(const SinkDelivery&) = delete;
+    SinkDelivery& operator=(const SinkDelivery&) = delete;
+
+    LeaseTable& leases() { return m_leases; }
+
+    StreamReader& reader() { return m_reader; }
+
+    void setConnected(bool bConnected);
+
+    /** Grants a lease, and has what waits for the name delivered to the new address. @throws LeaseRefused */
+    const Lease& grant(const Lease& lease);
+
+    /** Ends a lease. What waits becomes dead letters, and senders are told. */
+    void end(std::uint32_t nLease);
+
+    /** Begins no further delivery. */
+    void stop();
+
+    /** @return whether nothing is under way. */
+    bool isIdle() const { return m_underWay.empty() && m_deadLetters.size() == 0; }
+
+    /** What is known of a lease's queue. */
+    struct Queue {
+        std::size_t nWaiting = 0;
+        std::chrono::milliseconds oldest{0};
+        unsigned int nTries = 0; ///< of the first in it
+        bool bAway = false;      ///< nobody listens at the sink's address
+    };
+
+    Queue queueOf(std::uint32_t nLease) const;
+
+private:
+    using Clock = RelayLoop::Clock;
+
+    struct Notification {
+        std::uint64_t nPosition = 0;
+        std::string sSource;
+        NotificationNumber number;
+        Engine::Message message;
+        Clock::time_point arrived;
+        unsigned int nTries = 0;
+    };
+
+    struct LeaseQueue {
+        std::deque<Notification> waiting; // the first one may be under way
+        std::uint64_t nTicket = 0;        // of the dispatcher; 0: none is under way
+        RelayLoop::Timer judge = 0;       // runs while it is found out what a reset has meant
+        Clock::time_point started;
+        std::optional<Clock::time_point> awaySince;
+    };
+
+    void take(std::uint64_t nPosition, Engine::Message&& message);
+    void deliverNext(std::uint32_t nLease);
+    void post(const Lease& lease, LeaseQueue& queue);
+    void finished(const VornNet::VornDispatcher::Result& result);
+    void consumed(std::uint32_t nLease, LeaseQueue& queue);
+    void judge(std::uint32_t nLease);
+    void settleFirst(LeaseQueue& queue);
+    void bury(Notification&& notification, const std::string& sReason, std::uint32_t nJournalLease = 0);
+    void look();
+    void lookAt(std::uint32_t nLease, LeaseQueue& queue);
+    void lookForEnded();
+    void readNamed(const Lease& lease);
+
+    RelayLoop& m_loop;
+    Engine& m_engine;
+    const RelaySettings& m_settings;
+    RelayCounters& m_counters;
+    LeaseTable m_leases;
+    Journal m_journal;
+    OutgoingQueue m_deadLetters;
+    StreamReader m_reader;
+    std::unordered_map<std::uint32_t, LeaseQueue> m_queues;
+    std::unordered_map<std::uint64_t, std::uint32_t> m_underWay; // lease by ticket
+    RelayLoop::Timer m_look = 0;
+    std::uint32_t m_nLastLooked = 0;
+    bool m_bStopped = false;
+    std::unique_ptr<VornNet::VornDispatcher> m_spDispatcher; // last: its results use the others
+};
+
+/** @return whether somebody listens at a pipe, who does not notice that it was asked. */
+bool isPipeAlive(const std::string& sAddress);
+
+} // namespace VornRelay
+
+#endif

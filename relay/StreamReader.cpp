@@ -1,0 +1,160 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "StreamReader.h"
+
+#include "RelayLog.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace VornRelay {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t cBatch = 512;
+constexpr milliseconds cLookInterval{1000};
+constexpr milliseconds cPullLost{8000}; // more than a pull lives
+
+} // namespace
+
+StreamReader::StreamReader(RelayLoop& loop, Engine& engine, MessageHandler onMessage)
+    : m_loop(loop), m_engine(engine), m_onMessage(std::move(onMessage)) {
+    look();
+}
+
+StreamReader::~StreamReader() {
+    m_loop.cancel(m_look);
+}
+
+void StreamReader::add(const std::string& sConsumer, const std::string& sFilter, std::size_t nMost) {
+    Consumer& consumer = m_consumers[sConsumer];
+    consumer.sFilter = sFilter;
+    consumer.nMost = nMost;
+    consumer.bEnding = false;
+    if (m_bConnected)
+        open(sConsumer);
+}
+
+void StreamReader::remove(const std::string& sConsumer) {
+    const auto found = m_consumers.find(sConsumer);
+    if (found != m_consumers.end())
+        found->second.bEnding = true;
+}
+
+void StreamReader::setConnected(bool bConnected) {
+    m_bConnected = bConnected;
+    ++m_nConnections;
+    for (auto& [sConsumer, consumer] : m_consumers) {
+        consumer.bOpen = false;
+        consumer.bOpening = false;
+        consumer.nAsked = 0;
+        if (bConnected)
+            open(sConsumer);
+    }
+}
+
+void StreamReader::arrived(Engine::Arrival&& arrival) {
+    const auto found = m_consumers.find(arrival.sConsumer);
+    if (found == m_consumers.end())
+        return;
+    Consumer& consumer = found->second;
+    consumer.nAsked -= std::min<std::size_t>(consumer.nAsked, 1);
+    consumer.lastSign = RelayLoop::Clock::now();
+    const auto [held, bIsNew] = m_held.try_emplace(arrival.nPosition);
+    held->second = {arrival.sConsumer, std::move(arrival.sReceipt)};
+    if (bIsNew) {
+        ++consumer.nHeld;
+        m_onMessage(arrival.nPosition, std::move(arrival.message));
+    }
+    ask(arrival.sConsumer, consumer);
+}
+
+void StreamReader::pullEnded(const std::string& sConsumer, std::size_t nLeft) {
+    const auto found = m_consumers.find(sConsumer);
+    if (found == m_consumers.end())
+        return;
+    Consumer& consumer = found->second;
+    consumer.nAsked -= std::min(consumer.nAsked, nLeft);
+    consumer.lastSign = RelayLoop::Clock::now();
+    if (consumer.bEnding && consumer.nAsked == 0 && consumer.nHeld == 0) {
+        m_engine.close(sConsumer);
+        m_consumers.erase(found);
+        return;
+    }
+    ask(sConsumer, consumer);
+}
+
+void StreamReader::consumerLost(const std::string& sConsumer) {
+    const auto found = m_consumers.find(sConsumer);
+    if (found == m_consumers.end() || !found->second.bOpen)
+        return;
+    found->second.bOpen = false;
+    found->second.nAsked = 0; // it is opened again at the next look
+}
+
+void StreamReader::acknowledge(std::uint64_t nPosition) {
+    const auto held = m_held.extract(nPosition);
+    if (held.empty())
+        return;
+    m_engine.acknowledge(held.mapped().sReceipt);
+    const auto found = m_consumers.find(held.mapped().sConsumer);
+    if (found == m_consumers.end())
+        return;
+    --found->second.nHeld;
+    ask(found->first, found->second);
+}
+
+bool StreamReader::isReading() const {
+    return std::all_of(m_consumers.begin(), m_consumers.end(),
+                       [](const auto& entry) { return entry.second.bOpen; });
+}
+
+void StreamReader::open(const std::string& sConsumer) {
+    Consumer& consumer = m_consumers[sConsumer];
+    if (consumer.bOpening)
+        return;
+    consumer.bOpening = true;
+    m_engine.open(sConsumer, consumer.sFilter,
+                  [this, sConsumer, nConnection = m_nConnections](const std::string& sError) {
+                      const auto found = m_consumers.find(sConsumer);
+                      if (found == m_consumers.end() || nConnection != m_nConnections)
+                          return;
+                      found->second.bOpening = false;
+                      found->second.bOpen = sError.empty();
+                      found->second.nAsked = 0;
+                      if (sError.empty())
+                          ask(sConsumer, found->second);
+                      else
+                          logLine(LogLevel::warning,
+                                  "consumer " + sConsumer + " cannot be opened: " + sError);
+                  });
+}
+
+void StreamReader::ask(const std::string& sConsumer, Consumer& consumer) {
+    const std::size_t nTaken = consumer.nHeld + consumer.nAsked;
+    if (m_bStopped || !consumer.bOpen || consumer.nAsked > cBatch / 2 || nTaken >= consumer.nMost)
+        return;
+    const std::size_t nCount = std::min(cBatch, consumer.nMost - nTaken);
+    if (consumer.nAsked > 0 && nCount < cBatch / 2)
+        return;
+    consumer.nAsked += nCount;
+    consumer.lastSign = RelayLoop::Clock::now();
+    m_engine.pull(sConsumer, nCount);
+}
+
+void StreamReader::look() {
+    const auto now = RelayLoop::Clock::now();
+    for (auto& [sConsumer, consumer] : m_consumers) {
+        if (m_bConnected && !consumer.bOpen)
+            open(sConsumer);
+        if (consumer.nAsked > 0 && now - consumer.lastSign > cPullLost) {
+            consumer.nAsked = 0;
+            ask(sConsumer, consumer);
+        }
+    }
+    m_look = m_loop.after(cLookInterval, [this] { look(); });
+}
+
+} // namespace VornRelay

@@ -1,0 +1,97 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNTEST_RELAYSTAGE_H
+#define VORNTEST_RELAYSTAGE_H
+
+#include "Process.h"
+
+#include <NatsAdministration.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace VornTest {
+
+/// What a callback has seen, compared with the numbers 1 to a count.
+struct History {
+    std::size_t nSeen = 0;
+    std::size_t nLost = 0;
+    std::size_t nDuplicated = 0;
+    std::size_t nOutOfOrder = 0; ///< lower than one before, and not seen before
+
+    bool operator==(const History&) const = default;
+};
+
+void PrintTo(const History& history, std::ostream* out);
+
+/**
+ * Hosts `a` and `b` with their relays, and an engine between them: the system's own nats-server, with TLS, a
+ * certificate for each host, and the permissions that `hosts add` prints. Each host has a pipe directory of
+ * its own; both share the network of the sandbox.
+ */
+class RelayStage {
+public:
+    /// Creates the certificates and starts the engine.
+    RelayStage();
+
+    void startEngine();
+    void killEngine();
+
+    /// Starts a host's relay. @param sMore lines for its configuration
+    void startRelay(const std::string& sHost, const std::string& sMore = {});
+
+    /// Awaits that a relay says it is ready.
+    void awaitReady(const std::string& sHost);
+
+    /// Ends a relay with a signal, and waits for it. @return its exit status
+    int endRelay(const std::string& sHost, int nSignal);
+
+    bool hasRelay(const std::string& sHost) const { return m_relays.contains(sHost); }
+
+    /// Runs `vornnet-relay` on a host. @return what it prints, and its status
+    std::pair<std::string, int> run(const std::string& sHost, const std::vector<std::string>& arguments);
+
+    /// The same with the administrator's certificate.
+    std::pair<std::string, int> runAsAdministrator(const std::string& sHost,
+                                                   const std::vector<std::string>& arguments);
+
+    /// Starts a sink on a host with one callback; it takes a lease. An empty name is anonymous.
+    ChildProcess startSink(const std::string& sHost, const std::string& sName, const std::string& sLog,
+                           const std::string& sKind = "plain");
+
+    /// Starts a service that sends the numbers from 1 on to a leased address; "plain" or "confirmed".
+    ChildProcess startService(const std::string& sHost, const std::string& sKind, const std::string& sLease,
+                              int nCount);
+
+    /// What a sink has written to its log.
+    static History history(const std::string& sLog, int nCount);
+
+    /// Awaits that a log has that many different numbers; false when it has not in time.
+    static bool awaitNumbers(const std::string& sLog, std::size_t nCount,
+                             std::chrono::seconds limit = std::chrono::seconds(30));
+
+    VornRelay::EngineAccess access(const std::string& sUser) const;
+
+    /// The administrator's connection.
+    VornRelay::NatsAdministration administration() const;
+
+    static std::string pathOf(const std::string& sName);
+
+private:
+    void createCertificates();
+    void configureEngine();
+    void configure(const std::string& sUser, const std::string& sMore) const;
+    static std::pair<std::string, int> runWith(const std::string& sUser, const std::string& sHost,
+                                               const std::vector<std::string>& arguments);
+
+    std::optional<ChildProcess> m_engine;
+    std::map<std::string, ChildProcess> m_relays;
+};
+
+} // namespace VornTest
+
+#endif

@@ -1,0 +1,303 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Await.h"
+#include "Posix.h"
+#include "RelayStage.h"
+
+#include <NatsConnection.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace VornTest;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+class RelayTest : public testing::Test {
+protected:
+    void startRelays() {
+        m_stage.startRelay("a");
+        m_stage.startRelay("b");
+    }
+
+    static int nothingUnread(ChildProcess& service) {
+        return std::stoi(service.readLine(std::chrono::seconds(60)));
+    }
+
+    std::size_t deadLetters(const std::string& sReason) {
+        std::size_t nCount = 0;
+        for (const VornRelay::DeadLetter& letter : m_stage.administration().deadLetters())
+            nCount += letter.header("Vorn-Reason") == sReason ? 1 : 0;
+        return nCount;
+    }
+
+    RelayStage m_stage;
+};
+
+/// Services and sinks of either kind, on the road between two hosts.
+class RelayPairing : public RelayTest,
+                     public testing::WithParamInterface<std::tuple<const char*, const char*>> {};
+
+} // namespace
+
+TEST_P(RelayPairing, BurstArrivesOnceAndInOrder) {
+    const auto [szService, szSink] = GetParam();
+    const int nCount = 1000;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log", szSink);
+    ChildProcess service = m_stage.startService("a", szService, sink.readLine(), nCount);
+    EXPECT_EQ(service.readLine(), "0");
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RelayPairing,
+                         testing::Combine(testing::Values("plain", "confirmed"),
+                                          testing::Values("plain", "steady")),
+                         [](const auto& pairing) {
+                             return std::string(std::get<0>(pairing.param)) + "_to_" +
+                                    std::get<1>(pairing.param);
+                         });
+
+TEST_F(RelayTest, WhenTheEngineIsKilledInABurst_NothingIsLostRepeatedOrOutOfOrder) {
+    const int nCount = 2000;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), nCount);
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", 200));
+    m_stage.killEngine();
+    m_stage.startEngine();
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, WhenTheReceivingRelayIsKilled_NothingIsLostAndAtMostOneRepeatedForEachKill) {
+    const int nCount = 2000;
+    const std::size_t nKills = 2;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), nCount);
+    for (std::size_t nKill = 1; nKill <= nKills; ++nKill) {
+        ASSERT_TRUE(RelayStage::awaitNumbers("log", nKill * 300));
+        m_stage.endRelay("b", SIGKILL);
+        m_stage.startRelay("b");
+    }
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    const History history = RelayStage::history("log", nCount);
+    EXPECT_EQ(history.nLost, 0U);
+    EXPECT_EQ(history.nOutOfOrder, 0U);
+    EXPECT_LE(history.nDuplicated, nKills);
+}
+
+TEST_F(RelayTest, WhenTheSendingRelayIsKilled_WhatWasConfirmedArrives) {
+    const int nCount = 1000;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    ChildProcess service = m_stage.startService("a", "confirmed", sink.readLine(), nCount);
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", 200));
+    m_stage.endRelay("a", SIGKILL);
+    m_stage.startRelay("a");
+    const int nUnread = nothingUnread(service);
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    const History history = RelayStage::history("log", nCount);
+    EXPECT_EQ(history.nLost, 0U);
+    EXPECT_EQ(history.nOutOfOrder, 0U);
+    EXPECT_LE(history.nDuplicated, static_cast<std::size_t>(nUnread))
+        << "only what was sent again may come twice";
+}
+
+TEST_F(RelayTest, WhenTheSendingRelayIsStopped_NothingOfAPlainServicesBurstIsLost) {
+    const int nCount = 2000;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), nCount);
+    EXPECT_EQ(service.readLine(), "0"); // all are written, and not all are read
+    EXPECT_EQ(m_stage.endRelay("a", SIGTERM), 0);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, NamedLease_SurvivesTheClientTheRelayAndABurstMeanwhile) {
+    const int nCount = 500;
+    startRelays();
+    ChildProcess first = m_stage.startSink("b", "billing", "log");
+    const std::string sLease = first.readLine();
+    first.kill(SIGKILL);
+    first.wait();
+    ChildProcess service = m_stage.startService("a", "confirmed", sLease, nCount);
+    EXPECT_EQ(service.readLine(), "0");
+    m_stage.endRelay("b", SIGKILL);
+    m_stage.startRelay("b");
+    ChildProcess second = m_stage.startSink("b", "billing", "log");
+    EXPECT_EQ(second.readLine(), sLease);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, AnonymousLease_EndsWithItsProcessAndWhatCameBecomesDeadLetters) {
+    const int nCount = 50;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    m_stage.endRelay("b", SIGTERM);
+    ChildProcess service = m_stage.startService("a", "plain", sLease, nCount);
+    EXPECT_EQ(service.readLine(), "0");
+    sink.kill(SIGKILL);
+    sink.wait();
+    m_stage.startRelay("b");
+    EXPECT_TRUE(awaitCondition([&] { return deadLetters("gone") == nCount; }));
+    EXPECT_THAT(m_stage.run("a", {"status"}).first, HasSubstr("refused    0"));
+    ChildProcess again = m_stage.startService("a", "plain", sLease, 1);
+    again.wait();
+    EXPECT_TRUE(awaitCondition([&] {
+        return m_stage.run("a", {"status"}).first.find("refused    1") != std::string::npos;
+    })) << "the sender's relay has been told, and refuses";
+}
+
+TEST_F(RelayTest, FullStream_HoldsBackAndLosesNothing) {
+    const int nCount = 1000;
+    m_stage.administration().removeHost("b");
+    m_stage.administration().request("$JS.API.STREAM.CREATE.VORN_TO_b", {{"name", "VORN_TO_b"},
+                                                                         {"subjects", {"vorn.to.b.>"}},
+                                                                         {"retention", "workqueue"},
+                                                                         {"discard", "new"},
+                                                                         {"storage", "file"},
+                                                                         {"max_bytes", 65536}});
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    m_stage.endRelay("b", SIGTERM);
+    ChildProcess service = m_stage.startService("a", "plain", sLease, nCount);
+    EXPECT_TRUE(awaitCondition(
+        [&] { return m_stage.run("a", {"status"}).first.find("stream full") != std::string::npos; }));
+    m_stage.startRelay("b");
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount))
+        << m_stage.run("a", {"status"}).first << m_stage.run("b", {"status"}).first;
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, EngineAway_ServicesAreRefusedWhenTooMuchWaits) {
+    m_stage.startRelay("b");
+    m_stage.startRelay("a", "hold-bytes = 4000\n");
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    m_stage.killEngine();
+    ChildProcess service = m_stage.startService("a", "plain", sLease, 100'000);
+    EXPECT_THAT(service.readAllErrors(), HasSubstr("")); // until it has ended
+    EXPECT_NE(service.wait(), 0) << "remoteNotify() throws";
+    EXPECT_THAT(m_stage.run("a", {"status"}).first, HasSubstr("closed"));
+    m_stage.startEngine();
+    EXPECT_TRUE(awaitCondition(
+        [&] { return m_stage.run("a", {"status"}).first.find("closed") == std::string::npos; }));
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 250)); // of 16 bytes each
+    EXPECT_EQ(RelayStage::history("log", 250).nOutOfOrder, 0U);
+}
+
+TEST_F(RelayTest, DamagedJournal_IsPutAsideAndSaid) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    ChildProcess service = m_stage.startService("a", "confirmed", sink.readLine(), 5);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 5));
+    m_stage.endRelay("b", SIGTERM);
+    std::filesystem::resize_file(RelayStage::pathOf("state-b/journal"), 300);
+    m_stage.startRelay("b");
+    EXPECT_TRUE(std::filesystem::exists(RelayStage::pathOf("state-b/journal.damaged")));
+    EXPECT_EQ(RelayStage::history("log", 5), (History{5, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
+    struct Attempt {
+        const char* szKind;
+        std::string sSubject;
+        bool bAllowed;
+    };
+
+    const Attempt attempts[] = {
+        {"publish", "vorn.to.b.sink.lease.1", true},
+        {"publish", "vorn.to.a.sink.lease.1", false},
+        {"publish", "vorn.dead.a", true},
+        {"publish", "vorn.dead.b", false},
+        {"publish", "vorn.gone.b", false},
+        {"publish", "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_a.relay", true},
+        {"publish", "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay", false},
+        {"publish", "$JS.API.CONSUMER.CREATE.VORN_TO_a", false},
+        {"publish", "$JS.ACK.VORN_TO_b.relay.1.1.1.1.0", false},
+        {"publish", "$JS.API.STREAM.DELETE.VORN_TO_a", false},
+        {"publish", "$JS.API.STREAM.CREATE.KV_bucket", false},
+        {"subscribe", "_INBOX_a.x", true},
+        {"subscribe", "_INBOX_b.x", false},
+        {"subscribe", "vorn.to.>", false},
+        {"subscribe", "vorn.gone.b", true},
+    };
+    for (const Attempt& attempt : attempts) {
+        SCOPED_TRACE(std::string(attempt.szKind) + " " + attempt.sSubject);
+        const auto options = VornRelay::optionsFor(m_stage.access("a"), std::chrono::seconds(5));
+        natsConnection* created = nullptr;
+        ASSERT_EQ(natsConnection_Connect(&created, options.get()), NATS_OK);
+        const VornRelay::NatsPointer<natsConnection> connection(created);
+        natsSubscription* subscription = nullptr;
+        if (std::string(attempt.szKind) == "publish")
+            natsConnection_PublishString(created, attempt.sSubject.c_str(), "x");
+        else
+            natsConnection_SubscribeSync(&subscription, created, attempt.sSubject.c_str());
+        natsConnection_FlushTimeout(created, 5000);
+        const char* szError = nullptr;
+        const bool bAllowed = natsConnection_GetLastError(created, &szError) == NATS_OK;
+        EXPECT_EQ(bAllowed, attempt.bAllowed);
+        natsSubscription_Destroy(subscription);
+    }
+}
+
+TEST_F(RelayTest, ForeignOrMissingCertificate_IsRefused) {
+    VornRelay::EngineAccess stranger = m_stage.access("stranger");
+    EXPECT_THROW(VornRelay::NatsAdministration{stranger}, VornRelay::AdministrationError);
+    stranger.sCertificate.clear();
+    EXPECT_THROW(VornRelay::NatsAdministration{stranger}, VornRelay::AdministrationError);
+}
+
+TEST_F(RelayTest, Doctor_FindsWhatIsWrong) {
+    startRelays();
+    EXPECT_EQ(m_stage.run("b", {"doctor"}).second, 1) << "the server of this system is old, and alone";
+    m_stage.administration().removeHost("b");
+    const auto [sWithoutStream, nWithoutStream] = m_stage.run("b", {"doctor"});
+    EXPECT_THAT(sWithoutStream, HasSubstr("problem  there is no stream VORN_TO_b"));
+    EXPECT_EQ(nWithoutStream, 2);
+    std::filesystem::remove_all(RelayStage::pathOf("state-a"));
+    m_stage.killEngine();
+    const auto [sWithoutEngine, nWithoutEngine] = m_stage.run("a", {"doctor"});
+    EXPECT_THAT(sWithoutEngine, HasSubstr("problem  no connection to the engine"));
+    EXPECT_THAT(sWithoutEngine, HasSubstr("problem  the state directory"));
+    EXPECT_EQ(nWithoutEngine, 2);
+    m_stage.endRelay("b", SIGTERM);
+    EXPECT_THAT(m_stage.run("b", {"doctor"}).first, HasSubstr("problem  the relay does not run"));
+    std::ofstream(RelayStage::pathOf("relay-b.conf")) << "host = b\ncolour = red\n";
+    EXPECT_THAT(m_stage.run("b", {"doctor"}).first, HasSubstr("colour = red: there is no such key"));
+}
+
+TEST_F(RelayTest, UnknownCallback_MakesADeadLetterThatCanBeSentAgain) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "known", "log");
+    sink.readLine();
+    const std::string sLeases = m_stage.run("b", {"leases"}).first;
+    const std::size_t nAddress = sLeases.find("pipe:");
+    const std::string sAddress = sLeases.substr(nAddress, sLeases.find(' ', nAddress) - nAddress);
+    const std::string sLease = m_stage.run("b", {"lease", "unknown", sAddress, "99"}).first;
+    ChildProcess service = m_stage.startService("a", "confirmed", sLease, 1);
+    service.wait();
+    ASSERT_TRUE(awaitCondition([&] { return deadLetters("refused") == 1; }));
+
+    EXPECT_EQ(m_stage.run("b", {"lease", "unknown", sAddress, "0"}).first, sLease)
+        << "the name keeps its number";
+    const std::uint64_t nLetter = m_stage.administration().deadLetters().front().nPosition;
+    EXPECT_EQ(m_stage.runAsAdministrator("a", {"dead", "resend", std::to_string(nLetter)}).second, 0);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 1));
+    EXPECT_EQ(m_stage.runAsAdministrator("a", {"dead", "list"}).first, "");
+    EXPECT_EQ(m_stage.run("b", {"release", "unknown"}).second, 0);
+    EXPECT_EQ(m_stage.run("b", {"release", "unknown"}).second, 3) << "there is none any more";
+}
