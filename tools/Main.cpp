@@ -4,11 +4,13 @@
 #include "ExitStatus.h"
 #include "Interruption.h"
 #include "Output.h"
+#include "RelayProgram.h"
 #include "Usage.h"
 
 #include <VornException.h>
 
 #include <exception>
+#include <string_view>
 
 namespace {
 
@@ -36,6 +38,8 @@ int runCommand(const VornTool::Runner& runner) {
 
 int main(int argc, char** argv) {
     using namespace VornTool;
+    if (argc > 1 && std::string_view(argv[1]) == "relay")
+        return runRelayProgram(argv + 2);
     Interruption::blockSignals();
     CLI::App app{"Looks into, tries out and repairs the connections and notifications of vornnet", "vornnet"};
     app.set_version_flag("--version", "vornnet " VORNNET_VERSION);

@@ -159,3 +159,18 @@ TEST_F(VornnetTool, WhenStandardErrorIsATerminal_ShowsProgressOfALongRun) {
 TEST_F(VornnetTool, WhenStandardErrorIsNoTerminal_ShowsNoProgress) {
     EXPECT_EQ(runTool({"notify", "pipe:nobody", "0", "1", "--repeat", "3"}).errors, "");
 }
+
+TEST_F(VornnetTool, Relay_IsAProgramOfItsOwnThatGetsAllWords) {
+    const ToolResult result = runShell(
+        "mkdir -p /opt/relay && printf '#!/bin/sh\\necho \"$@\"\\nexit 5\\n' > /opt/relay/vornnet-relay && "
+        "chmod +x /opt/relay/vornnet-relay && cp $TOOL /opt/relay/vornnet && "
+        "/opt/relay/vornnet relay status --json");
+    EXPECT_EQ(result.output, "status --json\n");
+    EXPECT_EQ(result.status, 5);
+}
+
+TEST_F(VornnetTool, WhenTheRelayIsNotInstalled_SaysSo) {
+    const ToolResult result = runTool({"relay", "status"}, {"PATH=/nowhere"});
+    EXPECT_EQ(result.errors, "vornnet relay: vornnet-relay is not installed\n");
+    EXPECT_EQ(result.status, 1);
+}
