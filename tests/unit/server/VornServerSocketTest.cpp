@@ -461,7 +461,7 @@ TEST_F(VornServerSocketTest, Wait_WhenClosedWhileAClientIsAccepted_ReturnsNullAn
     ClientWait wait(server);
     ASSERT_TRUE(accepting.awaitReached());
     WatchedThread closer([&] { server.close(); });
-    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") == 1; }));
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") >= 1; }));
     accepting.open();
     expectQuiet(wait.outcome());
     EXPECT_TRUE(closer.join());

@@ -395,7 +395,7 @@ TEST_F(VornUDPServerSocketTest, Wait_WhenClosedWhileADatagramArrives_ReturnsNull
     ClientWait wait(server);
     ASSERT_TRUE(receiving.awaitReached());
     WatchedThread closer([&] { server.close(); });
-    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") == 1; }));
+    ASSERT_TRUE(awaitCondition([&] { return trace.calls("shutdown") >= 1; }));
     receiving.open();
     expectQuiet(wait.outcome());
     EXPECT_TRUE(closer.join());
