@@ -18,7 +18,7 @@ expect_equal() { # WHAT FOUND EXPECTED
 }
 
 cd "$source/packaging"
-directory=$(sed -n 's|^constexpr const char\* cDirectory = "\(/.*\)/";$|\1|p' "$source/src/VornPipeServer.cpp")
+directory=$(sed -n 's|^constexpr const char\* cDirectory = "\(/.*\)/";$|\1|p' "$source/src/PipeAddress.cpp")
 expect_equal 'directory of postinst' "$(sed -n 's/^directory=//p' libvornnet1.postinst)" "$directory"
 expect_equal 'directory of postrm' "$(sed -n 's/^directory=//p' libvornnet1.postrm)" "$directory"
 expect_equal 'entries of tmpfiles' "$(sed '/^#/d' libvornnet1.tmpfiles)" "d $directory 1770 root vorn -
