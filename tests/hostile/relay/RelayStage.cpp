@@ -46,7 +46,7 @@ void enterHost(const std::string& sHost) {
         throw std::system_error(errno, std::generic_category(), "cannot enter host " + sHost);
 }
 
-/// Writes each number that it is notified with to a log, one write each, so that a kill tears none.
+/** Writes each number that it is notified with to a log, one write each, so that a kill tears none. */
 class LoggingCallback : public VornNotificationCallback {
 public:
     LoggingCallback(int nId, const std::string& sLog)
@@ -85,7 +85,7 @@ int runSink(Sink& sink, const std::string& sName, const std::string& sLog) {
     return 0;
 }
 
-/// Sends again until a sink, or the relay in its place, has confirmed.
+/** Sends again until a sink, or the relay in its place, has confirmed. */
 int sendConfirmed(VornProxyDependent& proxy, int nCount) {
     int nUnread = 0;
     std::mutex mutex;

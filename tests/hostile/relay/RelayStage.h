@@ -16,7 +16,7 @@
 
 namespace VornTest {
 
-/// What a callback has seen, compared with the numbers 1 to a count.
+/** What a callback has seen, compared with the numbers 1 to a count. */
 struct History {
     std::size_t nSeen = 0;
     std::size_t nLost = 0;
@@ -35,48 +35,48 @@ void PrintTo(const History& history, std::ostream* out);
  */
 class RelayStage {
 public:
-    /// Creates the certificates and starts the engine.
+    /** Creates the certificates and starts the engine. */
     RelayStage();
 
     void startEngine();
     void killEngine();
 
-    /// Starts a host's relay. @param sMore lines for its configuration
+    /** Starts a host's relay. @param sMore lines for its configuration */
     void startRelay(const std::string& sHost, const std::string& sMore = {});
 
-    /// Awaits that a relay says it is ready.
+    /** Awaits that a relay says it is ready. */
     void awaitReady(const std::string& sHost);
 
-    /// Ends a relay with a signal, and waits for it. @return its exit status
+    /** Ends a relay with a signal, and waits for it. @return its exit status */
     int endRelay(const std::string& sHost, int nSignal);
 
     bool hasRelay(const std::string& sHost) const { return m_relays.contains(sHost); }
 
-    /// Runs `vornnet-relay` on a host. @return what it prints, and its status
+    /** Runs `vornnet-relay` on a host. @return what it prints, and its status */
     std::pair<std::string, int> run(const std::string& sHost, const std::vector<std::string>& arguments);
 
-    /// The same with the administrator's certificate.
+    /** The same with the administrator's certificate. */
     std::pair<std::string, int> runAsAdministrator(const std::string& sHost,
                                                    const std::vector<std::string>& arguments);
 
-    /// Starts a sink on a host with one callback; it takes a lease. An empty name is anonymous.
+    /** Starts a sink on a host with one callback; it takes a lease. An empty name is anonymous. */
     ChildProcess startSink(const std::string& sHost, const std::string& sName, const std::string& sLog,
                            const std::string& sKind = "plain");
 
-    /// Starts a service that sends the numbers from 1 on to a leased address; "plain" or "confirmed".
+    /** Starts a service that sends the numbers from 1 on to a leased address; "plain" or "confirmed". */
     ChildProcess startService(const std::string& sHost, const std::string& sKind, const std::string& sLease,
                               int nCount);
 
-    /// What a sink has written to its log.
+    /** What a sink has written to its log. */
     static History history(const std::string& sLog, int nCount);
 
-    /// Awaits that a log has that many different numbers; false when it has not in time.
+    /** Awaits that a log has that many different numbers; false when it has not in time. */
     static bool awaitNumbers(const std::string& sLog, std::size_t nCount,
                              std::chrono::seconds limit = std::chrono::seconds(30));
 
     VornRelay::EngineAccess access(const std::string& sUser) const;
 
-    /// The administrator's connection.
+    /** The administrator's connection. */
     VornRelay::NatsAdministration administration() const;
 
     static std::string pathOf(const std::string& sName);

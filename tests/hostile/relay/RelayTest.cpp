@@ -40,7 +40,7 @@ protected:
     RelayStage m_stage;
 };
 
-/// Services and sinks of either kind, on the road between two hosts.
+/** Services and sinks of either kind, on the road between two hosts. */
 class RelayPairing : public RelayTest,
                      public testing::WithParamInterface<std::tuple<const char*, const char*>> {};
 

@@ -103,13 +103,16 @@ TEST_P(VornPublisher_Callback, WhoeverFallsOut_IsToldOverTheLease) {
     std::uint64_t expected = 1;
     while (expected <= count) {
         const std::uint64_t number = numberOf(take(), 8);
-        if (number != expected) {
+        // What follows a gap may itself fall out before it is sent: then another gap follows at once.
+        while (expected < number) {
             const WireFrame gap = subscriber.next();
             ASSERT_EQ(gap.kind, 2U);
             ASSERT_EQ(numberOf(gap.rest, 8), expected);
-            ASSERT_EQ(numberOf(gap.rest, 16), number);
+            ASSERT_GT(numberOf(gap.rest, 16), expected);
+            expected = numberOf(gap.rest, 16);
         }
-        expected = number + 1;
+        ASSERT_EQ(number, expected);
+        ++expected;
     }
     EXPECT_GE(publisher().statistics().nGaps, 1U);
 }

@@ -16,7 +16,7 @@ using Answer = Engine::Answer;
 
 namespace {
 
-/// Keeps what is published, and answers as the test says.
+/** Keeps what is published, and answers as the test says. */
 class ScriptedEngine : public Engine {
 public:
     void publish(const Message& message, AnswerHandler onAnswer) override {
@@ -37,7 +37,7 @@ public:
 
     std::size_t mostContent() const override { return 1000; }
 
-    /// Answers the oldest message without an answer. @return "content/number"
+    /** Answers the oldest message without an answer. @return "content/number" */
     std::string answer(Answer answer) {
         const auto [message, onAnswer] = std::move(m_published.front());
         m_published.pop_front();
@@ -58,7 +58,7 @@ protected:
                     [this, sContent](bool bStored) { m_done.push_back(sContent + (bStored ? "+" : "-")); });
     }
 
-    /// Lets the pause go by that follows a failure.
+    /** Lets the pause go by that follows a failure. */
     void awaitPause() {
         m_loop.after(std::chrono::milliseconds(1), [this] { endWhenPublished(); });
         m_loop.run();

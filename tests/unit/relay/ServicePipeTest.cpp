@@ -26,7 +26,7 @@ using testing::IsEmpty;
 
 namespace {
 
-/// A pipe on a thread of its own; the test is the service.
+/** A pipe on a thread of its own; the test is the service. */
 class ServicePipeTest : public testing::Test, private ServicePipe::Owner {
 protected:
     ServicePipeTest() : m_pipe(m_loop, "relay-x", *this) {
@@ -59,7 +59,7 @@ protected:
 
     static UniqueFd connect() { return unixConnect(pipePath("relay-x")); }
 
-    /// Ends sending and waits for the relay's end. @return 0, or the error of the wait
+    /** Ends sending and waits for the relay's end. @return 0, or the error of the wait */
     static int awaitEnd(const UniqueFd& service) {
         try {
             receiveToEnd(service.get());
