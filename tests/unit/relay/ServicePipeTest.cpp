@@ -113,12 +113,13 @@ TEST_F(ServicePipeTest, ServiceThatWaits_SeesTheEndWhenItIsStored) {
 }
 
 TEST_F(ServicePipeTest, ServiceThatWaits_SeesAResetWhenItIsRefused) {
+    std::size_t nExchange = 0;
     for (const char* szContent : {"", "content"}) {
         const UniqueFd service = connect();
         sendAll(service.get(), cHandle + szContent);
         ::shutdown(service.get(), SHUT_WR);
-        ASSERT_TRUE(awaitAccepted(m_handlers.size() + 1));
-        answer(m_handlers.size() - 1, false);
+        ASSERT_TRUE(awaitAccepted(nExchange + 1));
+        answer(nExchange++, false);
         EXPECT_EQ(awaitEnd(service), ECONNRESET) << szContent;
     }
 }
