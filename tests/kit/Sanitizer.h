@@ -25,12 +25,33 @@ inline constexpr bool underSanitizer = true;
 inline constexpr bool underSanitizer = underThreadSanitizer;
 #endif
 
-/** Why the thread sanitizer does not see a test whose forked child starts a thread. */
+/*
+ * Why a sanitizer does not see a test: what it cannot do, so that the test would hang or end with a word of
+ * the sanitizer's own, whatever the library does. All of these run without one.
+ */
+
+/**
+ * The thread sanitizer supports no new threads in the child of a process that had several: their ids and
+ * stacks are taken, and the child ends with "dup thread with used id".
+ */
 inline constexpr const char* takesItForTheParentsThread =
     "it takes a thread of the child for that thread of the parent which had the same stack";
 
-/** Why the thread sanitizer does not see a test in which a signal handler runs while a call blocks. */
+/**
+ * The thread sanitizer puts a signal off until the call in which it came has returned. A test whose handler
+ * is to end that call waits forever.
+ */
 inline constexpr const char* runsHandlersLate = "it runs a signal handler only when the call has returned";
+
+/**
+ * A cancelled thread leaves its functions without returning. Both sanitizers go on to count on what these
+ * have left: poisoned stack, and calls that were entered.
+ */
+inline constexpr const char* losesCancelledThreads =
+    "it takes what the frames of a cancelled thread leave behind for an error";
+
+/** Their run time refuses to start after another library that is preloaded. */
+inline constexpr const char* mustBeLoadedFirst = "its run time must be the first library of the program";
 
 } // namespace VornTest
 

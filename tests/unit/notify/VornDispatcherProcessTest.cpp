@@ -280,7 +280,7 @@ TEST_F(VornDispatcher_Process, DestroyingItInItsResultHandlerEndsTheProcess) {
 
 TEST_F(VornDispatcher_Process, AThreadCancelledWhileItWaitsLeavesEverythingInOrder) {
     if (underSanitizer)
-        GTEST_SKIP() << "it takes what the frames of a cancelled thread leave behind for an error";
+        GTEST_SKIP() << losesCancelledThreads;
     ::unlink(pipePath("peer").c_str());
     const UniqueFd listener = unixListen(pipePath("peer"));
     VornDispatcher::Options options = optionsWithResults();

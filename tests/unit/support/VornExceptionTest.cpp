@@ -190,7 +190,7 @@ KIT_ROLE(showCallStack) {
 
 TEST_F(VornExceptionTest, CallStack_WhereTheSystemCannotFindObjects_IsEmpty) {
     if (underSanitizer)
-        GTEST_SKIP() << "its run time must be the first library of the program";
+        GTEST_SKIP() << mustBeLoadedFirst;
     EXPECT_EQ(ChildProcess::spawnRole("showCallStack").readAllOutput(), "filled\n");
     const std::string preload = "LD_PRELOAD=" VORNTEST_OLDER_SYSTEM_FILE;
     EXPECT_EQ(ChildProcess::spawnRoleWith({preload}, "showCallStack").readAllOutput(), "empty\n");
@@ -198,7 +198,7 @@ TEST_F(VornExceptionTest, CallStack_WhereTheSystemCannotFindObjects_IsEmpty) {
 
 TEST_F(VornExceptionTest, CallStack_WhereTheSystemHasNoHeaderForIt_IsEmpty) {
     if (underSanitizer)
-        GTEST_SKIP() << "its run time must be the first library of the program";
+        GTEST_SKIP() << mustBeLoadedFirst;
     const std::string preload = "LD_PRELOAD=" VORNTEST_WITHOUT_EXECINFO_FILE;
     EXPECT_EQ(ChildProcess::spawnRoleWith({preload}, "showCallStack").readAllOutput(), "empty\n");
 }

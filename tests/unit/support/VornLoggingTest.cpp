@@ -653,7 +653,7 @@ TEST_F(VornLoggingTest, WhileStandardErrorIsOnlyInterrupted_ARecordIsGivenUpInTh
 
 TEST_F(VornLoggingTest, AThreadCancelledInTheMidstOfARecord_LeavesTheLoggerUsable) {
     if (underSanitizer)
-        GTEST_SKIP() << "it loses its way or prints when a thread is cancelled within a call that it watches";
+        GTEST_SKIP() << losesCancelledThreads;
     StandardErrorChannel output(Channel::Pipe);
     VornLogging::getInstance().setLogLevel(9);
     WatchedThread writer([] { logAt(1, std::string(200'000, 'x')); });
