@@ -29,7 +29,7 @@ int printLeases(bool bJson);
 int takeLease(const std::string& sName, const std::string& sAddress, int nHandle);
 int releaseLease(const std::string& sName);
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
-            std::int64_t nMegabytes, std::int64_t nHours, int nReplicas);
+            std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas);
 int removeHost(const RelaySettings& settings, const std::string& sHost);
 int listHosts(const RelaySettings& settings, bool bJson);
 int listDeadLetters(const RelaySettings& settings, bool bJson);

@@ -48,12 +48,13 @@ bool sendThrough(const std::string& sPipe, const std::string& sExchange) {
 } // namespace
 
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
-            std::int64_t nMegabytes, std::int64_t nHours, int nReplicas) {
+            std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas) {
     const std::string sToken = hostToken(sHost);
     std::vector<std::string> tokens;
     std::transform(sendTo.begin(), sendTo.end(), std::back_inserter(tokens), hostToken);
     NatsAdministration engine(settings.access);
-    engine.addHost(sToken, {nMegabytes << 20, nHours * 3600, nReplicas});
+    engine.addHost(
+        sToken, {nMegabytes << 20, nMessages > 0 ? nMessages : nMegabytes << 10, nHours * 3600, nReplicas});
     std::printf("%s", permissionsOf(sToken, tokens).c_str());
     return exitDone;
 }

@@ -28,6 +28,7 @@ struct Options {
     std::string sHost;
     std::vector<std::string> sendTo;
     std::int64_t nMegabytes = 1024;
+    std::int64_t nMessages = 0; // 1024 for each megabyte
     std::int64_t nHours = 168;
     int nReplicas = 1;
     std::uint64_t nPosition = 0;
@@ -74,12 +75,16 @@ void addHosts(CLI::App& app, Options& options, Runner& runner) {
     CLI::App* adding =
         add(*hosts, "add", "Create a host's stream, and print its permissions for the server", runner, [&] {
             return addHost(options.settings(), options.sHost, options.sendTo, options.nMegabytes,
-                           options.nHours, options.nReplicas);
+                           options.nMessages, options.nHours, options.nReplicas);
         });
     adding->add_option("HOST", options.sHost, "Name of the host")->required();
     adding->add_option("--send-to", options.sendTo, "Hosts that it may notify");
     adding->add_option("--megabytes", options.nMegabytes, "Most that may wait for the host")
         ->check(CLI::Range(1, 1 << 20));
+    adding
+        ->add_option("--messages", options.nMessages,
+                     "Most notifications that may wait for it; 1024 for each megabyte unless told")
+        ->check(CLI::PositiveNumber);
     adding->add_option("--hours", options.nHours, "Longest that it may wait")->check(CLI::Range(1, 24 * 365));
     adding->add_option("--replicas", options.nReplicas, "Servers that keep a copy")->check(CLI::Range(1, 5));
     add(*hosts, "remove", "Remove a host's stream, and all that waits in it", runner,

@@ -78,6 +78,7 @@ void NatsAdministration::addHost(const std::string& sHost, const Limits& limits)
                                                  {"discard", "new"},
                                                  {"num_replicas", limits.nReplicas},
                                                  {"max_bytes", limits.nBytes},
+                                                 {"max_msgs", limits.nMessages},
                                                  {"max_age", limits.nSeconds * cSecond},
                                                  {"duplicate_window", 120 * cSecond}});
     try {

@@ -45,9 +45,14 @@ class NatsAdministration {
 public:
     using Json = nlohmann::json;
 
-    /** Limits of a stream. */
+    /**
+     * Limits of a stream. That of messages is the one to reach first: nats-server 2.9 keeps it exactly, but
+     * where a new message just fits into the bytes that are left, it deletes the oldest one, which it has
+     * confirmed.
+     */
     struct Limits {
         std::int64_t nBytes = std::int64_t{1} << 30;
+        std::int64_t nMessages = std::int64_t{1} << 20;
         std::int64_t nSeconds = 7L * 24 * 3600;
         int nReplicas = 1;
     };

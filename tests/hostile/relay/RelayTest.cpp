@@ -163,15 +163,9 @@ TEST_F(RelayTest, AnonymousLease_EndsWithItsProcessAndWhatCameBecomesDeadLetters
 TEST_F(RelayTest, FullStream_HoldsBackAndLosesNothing) {
     const int nCount = 1000;
     m_stage.administration().removeHost("b");
-    m_stage.administration().request("$JS.API.STREAM.CREATE.VORN_TO_b",
-                                     {{"name", "VORN_TO_b"},
-                                      {"subjects", {"vorn.to.b.>"}},
-                                      {"retention", "workqueue"},
-                                      {"discard", "new"},
-                                      {"storage", "file"},
-                                      // Where max_bytes is the limit, nats-server 2.9.10
-                                      // itself deletes messages that it has confirmed.
-                                      {"max_msgs", 300}});
+    VornRelay::NatsAdministration::Limits limits;
+    limits.nMessages = 300;
+    m_stage.administration().addHost("b", limits);
     startRelays();
     ChildProcess sink = m_stage.startSink("b", "", "log");
     const std::string sLease = sink.readLine();
