@@ -6,6 +6,7 @@
 // byte that says how it is sent and one that gives its length.
 
 #include "Input.h"
+#include "Peer.h"
 #include "Sandbox.h"
 
 #include <VornException.h>
@@ -15,10 +16,7 @@
 #include <csignal>
 #include <string>
 
-#include <netinet/in.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -33,15 +31,13 @@ constexpr std::size_t eventSize = 16;
 
 class Road {
 public:
-    explicit Road(bool isPipe) : m_isPipe(isPipe), m_publisher(addressFor(isPipe), {"builds"}, options()) {
+    explicit Road(bool isPipe) : m_publisher(addressFor(isPipe), {"builds"}, options()) {
         publish();
         m_standing = admitted();
     }
 
     int connect() {
-        const std::string address = m_publisher.getAddress();
-        const int fd = m_isPipe ? connectToPipe(address.substr(5))
-                                : connectToPort(std::stoi(address.substr(address.rfind(':') + 1)));
+        const int fd = connectTo(m_publisher.getAddress());
         const timeval patience{10, 0};
         ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         return fd;
@@ -93,30 +89,6 @@ private:
         return ::recv(fd, bytes, size, MSG_WAITALL) == static_cast<ssize_t>(size);
     }
 
-    static int connectToPipe(const std::string& name) {
-        sockaddr_un place{};
-        place.sun_family = AF_UNIX;
-        VornTest::pipePath(name).copy(place.sun_path, sizeof place.sun_path - 1);
-        return connectTo(::socket(AF_UNIX, SOCK_STREAM, 0), place);
-    }
-
-    static int connectToPort(int port) {
-        sockaddr_in place{};
-        place.sin_family = AF_INET;
-        place.sin_port = htons(static_cast<std::uint16_t>(port));
-        place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return connectTo(::socket(AF_INET, SOCK_STREAM, 0), place);
-    }
-
-    template <typename Place>
-    static int connectTo(int fd, const Place& place) {
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0)
-            return fd;
-        ::close(fd);
-        return -1;
-    }
-
-    const bool m_isPipe;
     VornPublisher m_publisher;
     int m_standing = -1;
 };
@@ -128,26 +100,11 @@ Road& road(bool isPipe) {
     return isPipe ? pipe : tcp;
 }
 
-void attack(int fd, int soundParts, Input& input) {
+void sendSound(int fd, int soundParts) {
     if (soundParts > 0)
         ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
     if (soundParts > 1)
         ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-    while (!input.empty()) {
-        const int way = input.byte() % 16;
-        const std::string piece = input.text(input.byte());
-        if (way == 0)
-            ::shutdown(fd, SHUT_WR);
-        else if (way == 1)
-            ::sched_yield();
-        else
-            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (way == 2 ? MSG_OOB : 0));
-        if (way == 3) {
-            const linger reset{1, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-            return;
-        }
-    }
 }
 
 } // namespace
@@ -164,7 +121,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Road& hit = road(choice % 2 == 0);
     const int peer = hit.connect();
     require(peer != -1, "the publisher listens");
-    attack(peer, choice / 2 % 3, input);
+    sendSound(peer, choice / 2 % 3);
+    sendPieces(peer, input);
     hit.requireAlive(); // also while the attacker's connection is open
     ::close(peer);
     hit.requireAlive();

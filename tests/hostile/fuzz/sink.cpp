@@ -6,6 +6,7 @@
 // cost.
 
 #include "Input.h"
+#include "Peer.h"
 #include "Sandbox.h"
 
 #include <VornException.h>
@@ -16,9 +17,7 @@
 #include <csignal>
 #include <thread>
 
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -96,25 +95,6 @@ Road& road(int kind) {
     return kind == 0 ? pipe : kind == 1 ? *tcp : udp;
 }
 
-int connectTo(int kind, const std::string& address) {
-    if (kind == 0) {
-        sockaddr_un place{};
-        place.sun_family = AF_UNIX;
-        VornTest::pipePath(address.substr(5)).copy(place.sun_path, sizeof place.sun_path - 1);
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        return ::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0
-                   ? fd
-                   : (::close(fd), -1);
-    }
-    sockaddr_in place{};
-    place.sin_family = AF_INET;
-    place.sin_port = htons(static_cast<std::uint16_t>(std::stoi(address.substr(address.rfind(':') + 1))));
-    place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int fd = ::socket(AF_INET, kind == 1 ? SOCK_STREAM : SOCK_DGRAM, 0);
-    return ::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0 ? fd
-                                                                                       : (::close(fd), -1);
-}
-
 /**
  * Sends the bytes and, over a stream, waits until the sink has closed its end: what is sent before that may
  * queue at a server that is given up.
@@ -124,7 +104,7 @@ int connectTo(int kind, const std::string& address) {
 bool attack(int kind, Road& hit, const std::string& bytes) {
     int peer = -1;
     for (int tries = 0; tries < 20'000 && peer == -1; ++tries) {
-        peer = connectTo(kind, hit.address());
+        peer = connectTo(hit.address());
         if (peer == -1)
             std::this_thread::yield();
     }

@@ -5,6 +5,7 @@
 // then come pieces, each with a byte that says how it is sent and one that gives its length.
 
 #include "Input.h"
+#include "Peer.h"
 #include "Sandbox.h"
 
 #include <VornException.h>
@@ -14,10 +15,7 @@
 #include <csignal>
 #include <string>
 
-#include <netinet/in.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -46,11 +44,7 @@ public:
         m_sink.getCallbackContainer().add(static_cast<VornNotificationCallback*>(m_spCallback));
     }
 
-    int connect() {
-        const std::string address = m_sink.getCallbackAddress();
-        return m_kind == Kind::pipe ? connectToPipe(address.substr(5))
-                                    : connectToPort(std::stoi(address.substr(address.rfind(':') + 1)));
-    }
+    int connect() { return connectTo(m_sink.getCallbackAddress()); }
 
     bool isStream() const { return m_kind != Kind::udp; }
 
@@ -88,29 +82,6 @@ private:
         return isConfirmed;
     }
 
-    int connectToPipe(const std::string& name) const {
-        sockaddr_un place{};
-        place.sun_family = AF_UNIX;
-        VornTest::pipePath(name).copy(place.sun_path, sizeof place.sun_path - 1);
-        return connectTo(::socket(AF_UNIX, SOCK_STREAM, 0), place);
-    }
-
-    int connectToPort(int port) const {
-        sockaddr_in place{};
-        place.sin_family = AF_INET;
-        place.sin_port = htons(static_cast<std::uint16_t>(port));
-        place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return connectTo(::socket(AF_INET, isStream() ? SOCK_STREAM : SOCK_DGRAM, 0), place);
-    }
-
-    template <typename Place>
-    static int connectTo(int fd, const Place& place) {
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0)
-            return fd;
-        ::close(fd);
-        return -1;
-    }
-
     bool awaitMore(std::uint64_t before) {
         for (int tries = 0; tries < (isStream() ? 1 : 10'000) && m_sink.statistics().nDelivered == before;
              ++tries) {
@@ -133,24 +104,6 @@ Road& road(int choice) {
     return choice < 4 ? pipe : choice < 7 ? tcp : udp;
 }
 
-void attack(int fd, Input& input) {
-    while (!input.empty()) {
-        const int way = input.byte() % 16;
-        const std::string piece = input.text(input.byte());
-        if (way == 0)
-            ::shutdown(fd, SHUT_WR);
-        else if (way == 1)
-            ::sched_yield();
-        else
-            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT | (way == 2 ? MSG_OOB : 0));
-        if (way == 3) {
-            const linger reset{1, 0};
-            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-            return;
-        }
-    }
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -164,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Road& hit = road(input.byte() % 8);
     const int peer = hit.connect();
     require(peer != -1, "the sink listens");
-    attack(peer, input);
+    sendPieces(peer, input);
     hit.requireAlive(); // also while the attacker's connection is open
     ::close(peer);
     hit.requireAlive();
