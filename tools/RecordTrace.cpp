@@ -7,9 +7,9 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
-#include <regex>
 #include <system_error>
 
 #include <fcntl.h>
@@ -49,17 +49,25 @@ std::string registerOf(std::string name) {
 
 /** @return "8@16(%rbx)" as the kernel writes it: "+16(%bx)". */
 std::string placeOf(const std::string& argument) {
-    static const std::regex shape(R"((-?\d)@(?:(\$-?\d+)|%(\w+)|([-+]?\d*)\(%(\w+)\)))");
-    std::smatch part;
-    if (!std::regex_match(argument, part, shape))
+    const std::string place = argument.substr(argument.find('@') + 1);
+    const std::size_t begin = place.find('(');
+    if (place[0] == '$')
+        return "\\" + place.substr(1);
+    if (place[0] == '%')
+        return registerOf(place.substr(1));
+    // What is not of this kind, such as "16(%rbx,%rcx,8)", the kernel refuses.
+    if (begin == std::string::npos || place.back() != ')' || place.find(',') != std::string::npos)
         throw ToolError(exitFailed, "cannot trace: the probe's argument " + argument + " is of another kind");
-    if (part[2].matched)
-        return "\\" + part[2].str().substr(1);
-    if (part[3].matched)
-        return registerOf(part[3]);
-    const std::string offset = part[4].length() == 0 ? "0" : part[4].str();
-    return (std::strchr("+-", offset[0]) != nullptr ? offset : "+" + offset) + "(" + registerOf(part[5]) +
-           ")";
+    const std::string offset = begin == 0 ? "+0" : (place[0] == '-' ? "" : "+") + place.substr(0, begin);
+    return offset + "(" + registerOf(place.substr(begin + 2, place.size() - begin - 3)) + ")";
+}
+
+/** @return the number at the beginning of the text, 0 when there is none. */
+template <typename Number>
+Number numberAt(std::string_view text) {
+    Number number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
 }
 
 std::string threadsOf(pid_t process) {
@@ -114,13 +122,23 @@ std::string RecordTrace::read() const {
 }
 
 std::optional<TracedRecord> RecordTrace::parse(std::string_view line) {
-    // The name of the thread in front may contain anything.
-    static const std::regex shape(
-        R"re(-(\d+) +\[\d+\] \S+ +(\d+\.\d+): record_\d+: \(0x[0-9a-f]+\) level=(-?\d+) text="([^]*)"$)re");
-    std::match_results<std::string_view::const_iterator> part;
-    if (!std::regex_search(line.begin(), line.end(), part, shape))
+    // As in: thread's name-17 [001] ..... 12.345678: record_4: (0x7f01) level=9 text="VornPipeServer::close"
+    constexpr std::string_view cEvent = ": record_";
+    constexpr std::string_view cLevel = ") level=";
+    constexpr std::string_view cText = " text=\"";
+    const std::size_t event = line.find(cEvent);
+    const std::size_t level = line.find(cLevel, event);
+    const std::size_t text = line.find(cText, level);
+    if (text == std::string_view::npos || line.back() != '"' || line.size() - 1 < text + cText.size())
         return std::nullopt;
-    return TracedRecord{std::stod(part[2]), std::stoi(part[1]), std::stoi(part[3]), part[4]};
+    const std::string_view head = line.substr(0, event);
+    const std::size_t time = head.rfind(' ') + 1;
+    const std::size_t processor = head.rfind(" [");
+    const std::size_t thread = head.rfind('-', processor) + 1;
+    const std::size_t begin = text + cText.size();
+    return TracedRecord{numberAt<double>(head.substr(time)), numberAt<int>(head.substr(thread)),
+                        numberAt<int>(line.substr(level + cLevel.size())),
+                        std::string(line.substr(begin, line.size() - 1 - begin))};
 }
 
 void RecordTrace::remove() const {
