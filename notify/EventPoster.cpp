@@ -6,6 +6,7 @@
 
 #include <VornException.h>
 
+#include <cerrno>
 #include <chrono>
 
 namespace VornNet {
@@ -50,8 +51,8 @@ std::uint64_t EventPoster::post(const VornString& sAddress, long hCallback, std:
     EventProxy proxy(sAddress, hCallback, number, content);
     try {
         return m_dispatcher.post(proxy, VornNotification(0));
-    } catch (const VornException&) {
-        return 0; // its queues are full, or there is no memory
+    } catch (const VornException& e) {
+        return e.getCode() == EMSGSIZE ? cNeverFits : cNoRoom;
     }
 }
 

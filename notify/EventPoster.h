@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string_view>
 
 namespace VornNet {
@@ -22,8 +23,12 @@ public:
     /** @throws VornException */
     EventPoster(const VornString& sName, const Done& done);
 
+    // What post() returns instead of a ticket; tickets count from 1.
+    static constexpr std::uint64_t cNoRoom = 0;                                            ///< not now
+    static constexpr std::uint64_t cNeverFits = std::numeric_limits<std::uint64_t>::max(); ///< it is too long
+
     /**
-     * Queues an event. @return the ticket of its result, 0 when there is no room now
+     * Queues an event. @return the ticket of its result, or why there is none
      * @param sAddress a callback address
      */
     std::uint64_t post(const VornString& sAddress, long hCallback, std::uint64_t number,

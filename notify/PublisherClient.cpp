@@ -131,9 +131,14 @@ std::optional<PublisherClient::Event> PublisherClient::nextEvent(Sent& sent) {
         fallOut(sent);
     const Unpinning unpinning(history);
     const History::Batch frame = history.batchAt(place.offset, 1);
-    Event event{place.number + 1, VornString(frame.bytes + Wire::cEventHead, frame.size - Wire::cEventHead)};
+    Event event{place.number + 1, VornString(frame.bytes + Wire::cEventHead, frame.size - Wire::cEventHead),
+                place};
     place = History::after(frame, place.number, frame.size);
     return event;
+}
+
+void PublisherClient::skip(const Event& event, Sent& sent) {
+    sayGap({topic->history.id(), event.nNumber}, event.nNumber + 1, sent);
 }
 
 PublisherClient::Sent PublisherClient::sendLast() {
@@ -204,7 +209,8 @@ void PublisherClient::fallOut(Sent& sent) {
     const History::Place oldest = topic->history.oldest();
     sayGap({topic->history.id(), place.number + 1}, oldest.number + 1, sent);
     place = oldest;
-    nSent = place.number;
+    if (!isCalledBack())
+        nSent = place.number;
 }
 
 void PublisherClient::sayGap(const VornPosition& missed, std::uint64_t next, Sent& sent) {

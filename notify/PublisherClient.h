@@ -60,12 +60,14 @@ public:
         std::uint64_t nTicket = 0;
         std::uint64_t nNumber = 0;
         std::size_t nBytes = 0;
+        History::Place before;
     };
 
-    /** An event's number and content, copied. */
+    /** An event for the callback address, copied. */
     struct Event {
         std::uint64_t nNumber = 0;
         VornString sContent;
+        History::Place before; ///< its place, to go back to
     };
 
     /** What the program is told of a subscriber that is no more. */
@@ -98,6 +100,9 @@ public:
 
     bool hasOutput() const { return !m_sOutput.empty(); }
 
+    /** @return whether so much waits to be sent that no more gaps should be said. */
+    bool hasMuchOutput() const { return m_sOutput.size() - m_nOutputSent > cMuchOutput; }
+
     /** Finds its place in the history, and puts the answer to its request together. */
     Sent admit(std::uint32_t beat);
 
@@ -112,7 +117,13 @@ public:
     std::optional<Event> nextEvent(Sent& sent);
 
     /** Goes back to before an event, to post it again. */
-    void goBackTo(std::uint64_t nNumber) { place = topic->history.placeBefore(nNumber); }
+    void goBackTo(const History::Place& before) { place = before; }
+
+    /** Says a gap in place of an event that the callback address cannot take. */
+    void skip(const Event& event, Sent& sent);
+
+    /** Brings nSent up to date with what is posted. */
+    void noteSent() { nSent = posted.empty() ? place.number : posted.front().nNumber - 1; }
 
     /** Sends only what say() was given. */
     Sent sendLast();
@@ -128,7 +139,7 @@ public:
     std::size_t nIndex = 0;                                    // among the topic's subscribers
     std::optional<SubscriptionRequest> request{std::in_place}; // until it is admitted
     History::Place place;                                      // of what is handed to the socket next
-    std::uint64_t nSent = 0;                                   // the last event that is sent completely
+    std::uint64_t nSent = 0;              // the last event that is sent completely, and all before it
     TimePoint since{};                    // when it was put into its list, whose order this is
     List* list = nullptr;                 // where it is
     List::iterator self;                  // its place there
@@ -139,6 +150,8 @@ public:
     bool isDropped = false;               // drop() was called: guarded by the engine's lock
 
 private:
+    static constexpr std::size_t cMuchOutput = 4096;
+
     bool sendOutput(Sent& sent);
     void sendEvents(Sent& sent);
     void keepRest(std::size_t taken);

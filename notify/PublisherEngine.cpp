@@ -382,7 +382,7 @@ void PublisherEngine::noteOutcome(const Command& command) {
         command.outcome == Outcome::unread) {
         m_posted.erase(found);
         client.posted.erase(client.posted.begin());
-        client.nSent = posted.nNumber;
+        client.noteSent();
         PublisherClient::Sent sent;
         sent.nEvents = 1;
         sent.nBytes = posted.nBytes;
@@ -390,7 +390,7 @@ void PublisherEngine::noteOutcome(const Command& command) {
     } else {
         // It was cancelled with those of another subscription at the same address.
         forgetPosted(client);
-        client.goBackTo(posted.nNumber);
+        client.goBackTo(posted.before);
     }
     postEvents(client);
 }
@@ -737,26 +737,40 @@ void PublisherEngine::postEvents(PublisherClient& client) {
 /** Gives the dispatcher the next events for a callback address, a few at a time. */
 void PublisherEngine::postSome(PublisherClient& client) {
     constexpr std::size_t cMostPosted = 32;
-    while (client.state == State::live && client.posted.size() < cMostPosted) {
+    // Whoever does not read its gaps gets no more of them, and no more events.
+    while (client.state == State::live && client.posted.size() < cMostPosted && !client.hasMuchOutput()) {
         PublisherClient::Sent sent;
         const auto event = client.nextEvent(sent);
+        const bool isOver = !event || !postOne(client, *event, sent);
         if (sent.nGaps != 0) {
+            client.noteSent();
             count(client, sent);
             if (client.list == &m_idle)
                 put(client, m_sending);
         }
-        if (!event)
+        if (isOver)
             return;
-        const std::uint64_t ticket =
-            m_poster->post(client.who.sCallback, client.who.hCallback, event->nNumber, event->sContent);
-        if (ticket == 0) {
-            client.goBackTo(event->nNumber);
-            m_postAgain = std::min(m_postAgain, m_now + cPostPause);
-            return;
-        }
-        client.posted.push_back({ticket, event->nNumber, sizeof event->nNumber + event->sContent.size()});
-        m_posted.emplace(ticket, &client);
     }
+}
+
+/** @return false when there is no room for it now */
+bool PublisherEngine::postOne(PublisherClient& client, const PublisherClient::Event& event,
+                              PublisherClient::Sent& sent) {
+    const std::uint64_t ticket =
+        m_poster->post(client.who.sCallback, client.who.hCallback, event.nNumber, event.sContent);
+    if (ticket == EventPoster::cNoRoom) {
+        client.goBackTo(event.before);
+        m_postAgain = std::min(m_postAgain, m_now + cPostPause);
+        return false;
+    }
+    if (ticket == EventPoster::cNeverFits) {
+        client.skip(event, sent);
+        return true;
+    }
+    client.posted.push_back(
+        {ticket, event.nNumber, sizeof event.nNumber + event.sContent.size(), event.before});
+    m_posted.emplace(ticket, &client);
+    return true;
 }
 
 void PublisherEngine::postAgain() {
@@ -794,6 +808,8 @@ void PublisherEngine::serveOne(PublisherClient& client) {
             await(client, cHearing | EPOLLOUT);
         } else {
             put(client, sent.outcome == Outcome::more ? m_sending : m_idle);
+            if (client.isCalledBack())
+                postSome(client);
         }
     });
 }

@@ -114,6 +114,7 @@ private:
     bool serve();
     void postEvents(PublisherClient& client);
     void postSome(PublisherClient& client);
+    bool postOne(PublisherClient& client, const PublisherClient::Event& event, PublisherClient::Sent& sent);
     void postAgain();
     void forgetPosted(PublisherClient& client);
     bool isDelivered() const;

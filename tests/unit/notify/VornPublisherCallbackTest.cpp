@@ -117,6 +117,26 @@ TEST_P(VornPublisher_Callback, WhoeverFallsOut_IsToldOverTheLease) {
     EXPECT_GE(publisher().statistics().nGaps, 1U);
 }
 
+TEST_P(VornPublisher_Callback, AGap_DoesNotMoveTheSubscribersPlacePastWhatIsOnItsWay) {
+    m_publisher.reset();
+    VornPublisher::Options options;
+    options.bCallbackAddresses = true;
+    options.nHistoryBytes = 4096;
+    open(options);
+    const RawSubscriber subscriber(address(), "builds", request());
+    for (int i = 0; i < 10; ++i)
+        publish("x");
+    {
+        const UniqueFd first = acceptClient(m_sink.get());
+        for (int i = 0; i < 1000; ++i)
+            publish(std::string(100, 'x'));
+        receiveToEnd(first.get());
+    }
+    ASSERT_TRUE(awaitCondition([&] { return publisher().statistics().nGaps >= 1; }));
+    const std::uint64_t place = publisher().subscribers().at(0).position.nNumber;
+    EXPECT_LT(place, numberOf(take(), 8));
+}
+
 TEST_P(VornPublisher_Callback, TheLeaseHasSignsOfLife) {
     m_publisher.reset();
     VornPublisher::Options options;
@@ -183,6 +203,70 @@ TEST_P(VornPublisher_Callback, Stop_WithoutTimeGivesUpWhatIsLeft) {
         publish("x");
     publisher().stop(0ms);
     EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
+}
+
+/** A sink that takes datagrams, into which an event may not fit. */
+class VornPublisher_CallbackByDatagram : public PublisherFixture {
+protected:
+    static constexpr std::size_t cLongestContent = 65507 - 2 * sizeof(std::uint64_t);
+
+    void SetUp() override {
+        PublisherFixture::SetUp();
+        VornPublisher::Options options;
+        options.bCallbackAddresses = true;
+        open(options);
+        m_sink = udpSocket("127.0.0.1", m_port);
+        m_lease = RawSubscriber(address(), "builds",
+                                {.callback = "udp:127.0.0.1:" + std::to_string(m_port), .handle = 7});
+    }
+
+    void TearDown() override {
+        m_lease.socket().reset();
+        m_sink.reset();
+        PublisherFixture::TearDown();
+    }
+
+    UniqueFd m_sink;
+    int m_port = 0;
+    RawSubscriber m_lease;
+};
+
+TEST_F(VornPublisher_CallbackByDatagram, AnEventThatIsTooLong_IsAGapOverTheLease) {
+    const std::string longest(cLongestContent, 'x');
+    publish(longest);
+    publish(longest + "x");
+    publish("after it");
+    EXPECT_EQ(receiveDatagram(m_sink.get()), wireNumber(7UL << 32) + wireNumber(1) + longest);
+    EXPECT_EQ(receiveDatagram(m_sink.get()), wireNumber(7UL << 32) + wireNumber(3) + "after it");
+    EXPECT_EQ(m_lease.next(), WireFrame::gap(m_lease.place.history, 2, 3));
+    EXPECT_TRUE(publisher().flush(5s));
+    EXPECT_EQ(publisher().subscribers().at(0).position, publisher().position("builds"));
+    publish(longest + "x");
+    EXPECT_EQ(m_lease.next(), WireFrame::gap(m_lease.place.history, 4, 5));
+    EXPECT_TRUE(publisher().flush(5s));
+    const VornPublisher::Statistics statistics = publisher().statistics();
+    EXPECT_EQ(statistics.nSent, 2U);
+    EXPECT_EQ(statistics.nGaps, 2U);
+    EXPECT_EQ(statistics.nMissed, 2U);
+}
+
+TEST_F(VornPublisher_CallbackByDatagram, WhoeverDoesNotReadItsGaps_IsToldThemLater) {
+    const std::string tooLong(cLongestContent + 1, 'x');
+    std::uint64_t published = 0;
+    {
+        const FaultRule full("send", EAGAIN, 1, FaultRule::always);
+        do
+            published = publish(tooLong);
+        while (publisher().flush(50ms) && published < 1000);
+    }
+    EXPECT_LT(published, 1000U) << "its gaps gather in the publisher";
+    std::uint64_t expected = 1;
+    while (expected <= published) {
+        const WireFrame gap = m_lease.next();
+        ASSERT_EQ(gap, WireFrame::gap(m_lease.place.history, expected, numberOf(gap.rest, 16)));
+        expected = numberOf(gap.rest, 16);
+    }
+    EXPECT_TRUE(publisher().flush(5s));
 }
 
 } // namespace
