@@ -6,7 +6,7 @@
 #
 # files            what is installed, component by component, and that nothing of it names a place of this build
 # examples         the installed examples can be built, and the links of the installed pages lead somewhere
-# find_package, pkg_config, add_subdirectory, fetch_content
+# find_package, pkg_config, subproject
 #                  builds and runs a program outside the tree that comes by the libraries in this way; the first
 #                  two find them installed, in a directory that was moved after the installation
 set -eu
@@ -101,12 +101,10 @@ check_files() {
 
 build_and_run_consumer() {
     programs='consumer17 consumer20 consumer23 frugal'
-    [ "$check" != fetch_content ] || programs=frugal
-    cp -r "$source/tests/contract/install/consumer" "$work/consumer"
     # shellcheck disable=SC2086 # each is a word
     # Not `set -e`: it does not hold in what is tested by `||`.
     {
-        cmake -S "$work/consumer" -B "$work/build" -DWAY="$check" \
+        cmake -S "$source/tests/contract/install/consumer" -B "$work/build" \
             -DCMAKE_CXX_COMPILER="$(cached CMAKE_CXX_COMPILER)" \
             -DCMAKE_CXX_COMPILER_LAUNCHER="$(cached CMAKE_CXX_COMPILER_LAUNCHER)" "$@" &&
             cmake --build "$work/build" -j 2 --target $programs
@@ -132,7 +130,7 @@ files)
     ;;
 find_package)
     use_installed
-    build_and_run_consumer -DCMAKE_PREFIX_PATH="$work/moved"
+    build_and_run_consumer -DWAY=find_package -DCMAKE_PREFIX_PATH="$work/moved"
     grep -q "$work/moved" "$work/build/CMakeCache.txt"
     ;;
 examples)
@@ -149,18 +147,20 @@ pkg_config)
     use_installed
     export PKG_CONFIG_PATH="$work/moved/$libdir/pkgconfig"
     [ "$(pkg-config --modversion vornnet vornsupt vornnotify | tr '\n' ' ')" = "1.0.0 1.0.0 1.0.0 " ]
-    LD_LIBRARY_PATH="$work/moved/$libdir" build_and_run_consumer
+    LD_LIBRARY_PATH="$work/moved/$libdir" build_and_run_consumer -DWAY=pkg_config
     ;;
-add_subdirectory | fetch_content)
-    build_and_run_consumer -DVORNNET_SOURCE_DIR="$source"
+subproject)
+    # The same build directory for both: the libraries are compiled once.
+    build_and_run_consumer -DWAY=add_subdirectory -DVORNNET_SOURCE_DIR="$source"
+    build_and_run_consumer -DWAY=fetch_content
     # A program that takes the libraries in does not want their tests.
-    if [ -d "$work/build/vornnet/tests" ] || [ -d "$work/build/_deps/vornnet-build/tests" ]; then
+    if [ -d "$work/build/vornnet/tests" ]; then
         echo "the tests were built too"
         exit 1
     fi
     ;;
 *)
-    sed -n '5,12s/^# \{0,1\}//p' "$0"
+    sed -n '5,11s/^# \{0,1\}//p' "$0"
     exit 2
     ;;
 esac
