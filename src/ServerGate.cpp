@@ -5,6 +5,7 @@
 #include "ServerRegistry.h"
 #include "SocketCell.h"
 
+#include <Cancellation.h>
 #include <ForkHandlers.h>
 #include <NeverDestroyed.h>
 #include <SharedField.h>
@@ -62,8 +63,10 @@ bool ServerGate::Wait::end() {
         const auto sharesSocket = [this](const Wait& wait) {
             return wait.m_server == nullptr && wait.m_descriptor == m_descriptor;
         };
-        if (s_waits.find(sharesSocket) == nullptr)
+        if (s_waits.find(sharesSocket) == nullptr) {
+            const CancellationOff noCancellation;
             System::close(m_descriptor);
+        }
         return true;
     }
     changed().notify_all();
@@ -92,14 +95,16 @@ ServerGate::Closing::~Closing() {
     changed().notify_all();
 }
 
-void ServerGate::Closing::close(bool& bInitialized, int nPort) {
+bool ServerGate::Closing::close(bool& bInitialized, int nPort) {
     std::unique_lock lock(ServerRegistry::lock());
     const int descriptor = descriptorIn(m_cell);
+    bool isWaitedOn = false;
     for (Wait& wait : s_waits) {
         if (wait.m_server == m_server)
-            wait.m_wasClosed = true;
+            isWaitedOn = wait.m_wasClosed = true;
     }
-    if (!m_isShared)
+    const bool isOurs = !m_isShared && (isWaitedOn || !ServerRegistry::isLent(*m_server));
+    if (isOurs)
         shutDown(descriptor, lock);
     bool isLeftToOthers = false;
     for (Wait& wait : s_waits) {
@@ -113,10 +118,11 @@ void ServerGate::Closing::close(bool& bInitialized, int nPort) {
         System::close(descriptor);
     ServerRegistry::Entry& entry = ServerRegistry::entryOf(*m_server);
     entry.lastPort = nPort;
-    entry.inherited = nullptr; // what is opened next may get the same place in memory
+    entry.inherited = entry.lent = nullptr; // what is opened next may get the same place in memory
     writeShared(bInitialized, false);
     delete static_cast<int*>(m_cell);
     writeShared(m_cell, nullptr);
+    return isOurs;
 }
 
 void ServerGate::Closing::shutDown(int descriptor, std::unique_lock<std::mutex>& lock) {

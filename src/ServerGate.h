@@ -25,7 +25,8 @@ class VornIPCServer;
  *
  * Some waiting threads cannot be waited for: the closing thread itself, when it closes in a signal handler,
  * and those that wait on a socket which is shared with the parent of a fork, where a shutdown() would end the
- * parent's wait. They close the socket themselves when they leave it.
+ * parent's wait. They close the socket themselves when they leave it. In the parent a socket that a child may
+ * have is shut down only if a thread waits on it: otherwise the child goes on with it.
  *
  * A pipe server closes by another protocol because its close() does not wait: it wakes the waiting thread
  * through a pipe, and that thread releases what the server holds.
@@ -84,15 +85,13 @@ public:
         /** @return whether there is a socket to close. */
         bool isNeeded() const { return m_isNeeded; }
 
-        /** @return whether the socket is shared with the process that this one was forked from. */
-        bool isShared() const { return m_isShared; }
-
         /**
          * Ends the waits, closes the socket when the waiting threads have left, frees the cell and marks the
          * server as closed. Another thread may destroy the server now: nothing of it may be touched any more.
          * @param nPort where it was open
+         * @return whether the socket was shut down; not if another process may go on with it
          */
-        void close(bool& bInitialized, int nPort);
+        bool close(bool& bInitialized, int nPort);
 
     private:
         friend class ServerGate;
@@ -102,7 +101,7 @@ public:
         const VornIPCServer* m_server;
         void*& m_cell;
         bool m_isNeeded;
-        bool m_isShared;
+        bool m_isShared; // with the process that this one was forked from
     };
 
     /** Waits while the server is being closed. */

@@ -9,6 +9,7 @@
 #include <SharedField.h>
 
 #include <mutex>
+#include <thread>
 
 namespace VornNet {
 
@@ -29,9 +30,25 @@ public:
     struct Entry {
         void** handle; // where the server keeps what it holds while it is open
         LetGo letGo;
-        const void* inherited; // what it held as the process was forked
+        const void* inherited; // what it held as this process was forked
+        const void* lent;      // what it held as this process forked last
         int lastPort;          // where it was open before it was closed; -1 when it was not
+        int opening;           // a socket that it does not hold yet; -1 when there is none
+        std::thread::id opener;
         bool isSinks;
+    };
+
+    /** A socket that its server does not hold yet: the child of a fork does not keep that of a sink. */
+    class Opening {
+    public:
+        Opening(const VornIPCServer& server, int descriptor);
+        ~Opening();
+
+        Opening(const Opening&) = delete;
+        Opening& operator=(const Opening&) = delete;
+
+    private:
+        const VornIPCServer& m_server;
     };
 
     /** Guards the registry, and for every server the pointer to what it holds and the descriptors there. */
@@ -53,11 +70,15 @@ public:
      * the lock. */
     static bool isInherited(const VornIPCServer& server) { return isInChild() && isParents(entryOf(server)); }
 
+    /** @return whether a child of this process may have what the server holds; under the lock. */
+    static bool isLent(const VornIPCServer& server);
+
     /** @return whether the server was open on this port before. */
     static bool wasOpenOn(const VornIPCServer& server, int nPort);
 
 private:
     static bool isParents(const Entry& entry);
+    static void lend();
     static void startAfresh();
 
     static std::mutex s_lock;

@@ -228,8 +228,8 @@ bool VornLibraryCallbackSink::serveOneClient(int& nFailedWaits) {
                   ", exiting");
         return false;
     }
-    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: received data : ", m_sCallbackName);
     const ServedConnection served(this, *spConnection);
+    logRecord(VornLogging::cDebug, "VornLibraryCallbackSink::run: received data : ", m_sCallbackName);
     deliver(spConnection);
     return true;
 }

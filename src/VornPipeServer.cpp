@@ -288,8 +288,9 @@ void VornPipeServer::close() {
     };
     if (isReleasable() && (!announce(registryLock, releasing) || isReleasable())) {
         // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
-        releaseRecord(m_pipeHandle);
         VORN_PROBE(server__closed, "pipe", m_sPipeName.c_str(), 0);
+        releaseRecord(m_pipeHandle);
+        ServerRegistry::entryOf(*this).inherited = nullptr; // the next record may get the same place in memory
         return;
     }
     if (isSignalable()) {
@@ -380,6 +381,7 @@ bool VornPipeServer::isSignalable() const {
 }
 
 void VornPipeServer::takeOver() {
+    const CancellationOff noCancellation;
     const std::lock_guard lock(ServerRegistry::lock());
     if (!ServerRegistry::isInherited(*this))
         return;

@@ -38,7 +38,8 @@ void VornProxyDependent::remoteNotify(const VornNotification& notification) {
     case CallbackAddress::Kind::udp: {
         VornUDPSocketConnection connection(address.host, address.port, false);
         writeNotification(*this, m_hDependent, connection, notification);
-        connection.transmit(); // a failure is logged and nothing more: UDP promises no delivery
+        if (!connection.transmit()) // is logged, and nothing more: UDP promises no delivery
+            return;
         break;
     }
     case CallbackAddress::Kind::pipe: {
@@ -57,7 +58,7 @@ void VornProxyDependent::remoteNotify(const VornNotification& notification) {
         break;                                                            // GCOVR_EXCL_LINE: as above
     }
     case CallbackAddress::Kind::unknown:
-        break;
+        return;
     }
     VORN_PROBE(notification__sent, m_sRemoteName.c_str(), m_hDependent);
 }

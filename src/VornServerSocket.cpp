@@ -93,8 +93,8 @@ void VornServerSocket::close() {
     if (!closing.isNeeded())
         return;
     const int nPort = readShared(m_nPort);
-    closing.close(m_bInitialized, nPort);
     VORN_PROBE(server__closed, "tcp", m_sBindAddress.c_str(), nPort);
+    closing.close(m_bInitialized, nPort);
 }
 
 int VornServerSocket::getPort() {
@@ -135,7 +135,8 @@ VornServerSocket::waitForClientImpl(bool bIdentify, VornString& sExceptionMessag
         if (wait.end() || !wait.hasSocket())
             return {};
         if (client.isOpen()) {
-            VORN_PROBE(connection__accepted, "tcp", m_sBindAddress.c_str(), m_nPort, client.number());
+            VORN_PROBE(connection__accepted, "tcp", m_sBindAddress.c_str(), readShared(m_nPort),
+                       client.number());
             return makeClient(client, peer, bIdentify, this);
         }
         if (!bGoesOn)
@@ -163,6 +164,7 @@ void VornServerSocket::init() {
     if (address.sin_addr.s_addr == INADDR_NONE)
         throw VornException(cBindFailed, EADDRNOTAVAIL);
     // Kept: no SO_REUSEADDR, so a port in TIME_WAIT is refused.
+    const ServerRegistry::Opening opening(*this, socket.number());
     const int nError = bindPort(*this, nPort, socket.number(), address);
     if (nError != 0)
         throw VornException(cBindFailed, nError);

@@ -8,6 +8,7 @@
 #include "InternetAddress.h"
 #include "PortBinding.h"
 #include "ServerGate.h"
+#include "ServerRegistry.h"
 #include "VornBufferConnection.h"
 
 #include <Cancellation.h>
@@ -76,13 +77,13 @@ void VornUDPServerSocket::close() {
         if (!closing.isNeeded())
             return;
         const int nPort = readShared(m_nPort);
-        const bool bShared = closing.isShared();
-        closing.close(m_bInitialized, nPort);
         VORN_PROBE(server__closed, "udp", m_sBindAddress.c_str(), nPort);
+        const bool bEnded = closing.close(m_bInitialized, nPort);
         wakeUp.emplace(sLoopback, nPort, false);
         // Before newcomers are let in, while no new socket can be bound: one would take the datagram for a
-        // client. Port 0 cannot be sent to, and a transmission that fails leaves its descriptor open.
-        if (!bShared && (nPort & 0xFFFF) != 0)
+        // client. Another process that has the socket would, too. Port 0 cannot be sent to, and a transmission
+        // that fails leaves its descriptor open.
+        if (bEnded && (nPort & 0xFFFF) != 0)
             wakeUp->send("\0\1", 2);
     }
     // The waiting thread has left already, so the datagram may get lost. A log handler may use the server.
@@ -150,6 +151,7 @@ void VornUDPServerSocket::init() {
     // Kept: a text that is no address binds 255.255.255.255, which Linux allows.
     sockaddr_in address = makeSocketAddress(
         in_addr{sBindAddress == "*" ? INADDR_ANY : ::inet_addr(sBindAddress.c_str())}, nPort);
+    const ServerRegistry::Opening opening(*this, socket.number());
     const int nError = bindPort(*this, nPort, socket.number(), address);
     if (nError != 0)
         throw VornException(cBindFailed, nError);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ForkHandlers.h"
 
+#include "Cancellation.h"
 #include "SystemCalls.h"
 
 namespace VornSupport {
@@ -49,6 +50,7 @@ void ForkHandlers::afterForkInParent() {
 }
 
 void ForkHandlers::afterForkInChild() {
+    const CancellationOff noCancellation; // fork() is not where a thread can be cancelled
     for (const ForkHandlers& other : enrolled().others)
         other.m_handlers.startAfresh();
     enrolled().lock.unlock();

@@ -65,6 +65,7 @@ template <typename State>
 class RenewedInChild : public IntrusiveList<State>::Link {
 protected:
     RenewedInChild() {
+        static_cast<void>(s_isEnrolled);
         const std::lock_guard lock(all().lock);
         all().states.add(static_cast<State&>(*this));
     }
@@ -93,6 +94,9 @@ private:
         static NeverDestroyed<All> instance;
         return instance.object;
     }
+
+    // At load: a fork that met the first use would leave it half created in the child.
+    static inline const bool s_isEnrolled = (all(), true);
 };
 
 /** Creates a lock or a condition anew in the child of a fork, whatever state it is in. */

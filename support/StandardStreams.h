@@ -3,7 +3,7 @@
 #ifndef VORNSUPPORT_STANDARDSTREAMS_H
 #define VORNSUPPORT_STANDARDSTREAMS_H
 
-#include "SystemCalls.h"
+#include "Cancellation.h"
 
 namespace VornSupport {
 
@@ -18,6 +18,7 @@ inline int keepOffStandardStreams(int number) {
     const int moved = System::fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (moved == -1)
         return number;
+    const CancellationOff noCancellation;
     System::close(number);
     return moved;
 }

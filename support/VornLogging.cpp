@@ -219,8 +219,8 @@ VornLogging& VornLogging::operator<<(long nValue) {
  * the program has set. What the program has not asked for must not come out of it.
  */
 bool VornLogging::isForTracersOnly(int nLevel) {
-    const int nLogLevel = readShared(s_nLogLevel);
-    return readShared(s_nAdmittedLevel) > nLogLevel && (nLevel > nLogLevel || !isAccessAllowed());
+    const int nAskedFor = isAccessAllowed() ? readShared(s_nLogLevel) : cNothing;
+    return readShared(s_nAdmittedLevel) > nAskedFor && nLevel > nAskedFor;
 }
 
 void VornLogging::completeRecord() {

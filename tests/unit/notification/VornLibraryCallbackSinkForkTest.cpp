@@ -5,6 +5,7 @@
  */
 
 #include "ForkedChild.h"
+#include "Interpose.h"
 #include "NotificationPeer.h"
 #include "Process.h"
 
@@ -91,6 +92,21 @@ TEST_P(VornLibraryCallbackSink_Fork, LetsGoOfItsServerInTheChild) {
     EXPECT_THAT(callback->contents(), testing::ElementsAre("still there"));
 }
 
+TEST_P(VornLibraryCallbackSink_Fork, LeavesAPendingCancellationToTheChild) {
+    WatchedSink sink(GetParam());
+    ASSERT_TRUE(sink.awaitServing());
+    pid_t child = -1;
+    WatchedThread forker([&] {
+        ::pthread_cancel(::pthread_self());
+        child = ::fork(); // is no place where a thread can be cancelled
+        if (child == 0)
+            ::_exit(exitStatus);
+        ::pthread_testcancel();
+    });
+    EXPECT_TRUE(forker.join());
+    EXPECT_EQ(statusOf(child), exitStatus);
+}
+
 TEST_P(VornLibraryCallbackSink_Fork, DestroyedInTheChild_ServesTheParent) {
     WatchedSink sink(GetParam());
     ASSERT_TRUE(sink.awaitServing());
@@ -124,6 +140,16 @@ TEST_P(VornLibraryCallbackSink_Fork, DestroyedInTheChildDuringADelivery_ServesTh
     leave.open();
     EXPECT_TRUE(callback->awaitCalls(1));
     deliver(sink, callback, "");
+}
+
+TEST_P(VornLibraryCallbackSink_ForkOnPorts, LetsGoOfThePortThatItIsAboutToOpen) {
+    const int without = openDescriptors();
+    HeldCall held("getsockname");
+    WatchedThread starter([] { const WatchedSink sink(GetParam()); });
+    ASSERT_TRUE(held.awaitReached());
+    EXPECT_EQ(inChild([without] { return openDescriptors() == without ? 0 : 1; }), 0);
+    held.open();
+    EXPECT_TRUE(starter.join());
 }
 
 TEST_P(VornLibraryCallbackSink_ForkOnStreams, LetsGoOfTheConnectionThatItServes) {

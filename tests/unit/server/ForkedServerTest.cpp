@@ -96,7 +96,8 @@ VornSmartPointer<VornIPCServer> openServer(Kind kind) {
     EXPECT_TRUE(opening.awaitBlocked());
     UniqueFd peer = meet(kind, "");
     opening.outcome();
-    reset(peer); // or the port would be taken for a minute
+    if (kind != Kind::Udp)
+        reset(peer); // or the port would be taken for a minute
     return spServer;
 }
 
@@ -225,6 +226,34 @@ TEST_F(ForkedPipeServer, WithoutAWakeUpPipeOfItsOwn_CannotBeWaitedOn) {
     ASSERT_TRUE(wait.awaitBlocked());
     spServer->close();
     expectQuiet(wait.outcome());
+}
+
+TEST_F(ForkedPipeServer, OpenedAnewInTheChild_KeepsItsOwnWakeUpPipe) {
+    const VornSmartPointer<VornIPCServer> spServer = openServer(Kind::Pipe);
+    EXPECT_EQ(inChild([&] {
+                  const CallTrace trace;
+                  const CallHook close("select", [&] { spServer->close(); });
+                  spServer->close();
+                  waitFor(*spServer); // its record may be where the parent's was in memory
+                  return trace.calls("pipe");
+              }),
+              1);
+}
+
+// A program that opens a server for its children, and closes what it does not need itself.
+TEST(ForkingServer, ClosedByItself_GoesOnInTheChild) {
+    for (const Kind kind : {Kind::Pipe, Kind::Tcp, Kind::Udp}) {
+        const VornSmartPointer<VornIPCServer> spServer = openServer(kind);
+        const pid_t child = forkChild([&] {
+            const WaitOutcome outcome = waitFor(*spServer);
+            return outcome.client() != nullptr && outcome.spClient->receiveInt() == 7 ? 0 : 1;
+        });
+        spServer->close();
+        UniqueFd peer = meet(kind, bytes("00 00 00 07"));
+        EXPECT_EQ(statusOf(child), 0) << static_cast<int>(kind);
+        if (kind != Kind::Udp)
+            reset(peer);
+    }
 }
 
 // A program that opens a server and serves each client in a child.

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 
+#include <ForkHandlers.h>
 #include <VornCriticalSection.h>
 #include <VornEvent.h>
 #include <VornLogging.h>
@@ -171,4 +172,37 @@ TEST_F(ForkedProcess, AMutexThatTheParentHolds_IsFree) {
               0);
     point.open();
     EXPECT_TRUE(holder.join());
+}
+
+namespace {
+
+struct RenewedState : RenewedInChild<RenewedState> {
+    static void startAfresh() {}
+};
+
+} // namespace
+
+TEST_F(ForkedProcess, WhenItsForkMeetsTheFirstUseOfAType_UsesTheTypeToo) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << takesItForTheParentsThread;
+    static Checkpoint during;
+    std::atomic<bool> hasUsedIt{false};
+    const ForkHandlers slow([] { during.pass(); }, [] {}, [] {});
+    WatchedThread user([&] {
+        during.awaitReached(); // the fork has begun, and holds the list of handlers
+        const RenewedState first;
+        hasUsedIt = true;
+    });
+    WatchedThread opener([&] {
+        during.awaitReached();
+        awaitCondition([&] { return hasUsedIt || awaitBlockedOnLock(user.tid()); });
+        during.open();
+    });
+    EXPECT_EQ(inChild([] {
+                  const RenewedState own;
+                  return 0;
+              }),
+              0);
+    EXPECT_TRUE(user.join());
+    EXPECT_TRUE(opener.join());
 }

@@ -371,6 +371,9 @@ TEST_F(VornLoggingTest, RecordsForWhichATracerHasRaisedTheLevel_StayOutOfTheProg
         logAt(9, "for the tracer");
         logAt(5, "for the program ", allowed ? "too" : "not");
     }
+    VornLogging::getInstance().setLogLevel(9);
+    __atomic_store_n(admitted, 9, __ATOMIC_RELAXED);
+    logAt(9, "for the tracer, as the program allows none");
     EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{5, "for the program too"}));
 }
 
