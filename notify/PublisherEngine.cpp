@@ -199,6 +199,14 @@ void PublisherEngine::stop(milliseconds timeLimit) {
     m_poll.reset();
 }
 
+void PublisherEngine::stopUndecided(milliseconds timeLimit) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_isUndecided = true;
+    }
+    stop(timeLimit);
+}
+
 void PublisherEngine::run() {
     while (!isFinished()) {
         m_now = Clock::now();
@@ -304,11 +312,13 @@ void PublisherEngine::runCommands() {
         return;
     std::vector<Command> commands;
     bool wantsStop = false;
+    bool isUndecided = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_hasCommands = false;
         commands.swap(m_commands);
         wantsStop = m_wantsStop;
+        isUndecided = m_isUndecided;
     }
     for (const Command& command : commands) {
         if (command.what == Command::What::decide)
@@ -318,14 +328,19 @@ void PublisherEngine::runCommands() {
         else
             noteOutcome(command);
     }
-    if (!wantsStop || m_isStopping)
-        return;
+    if (wantsStop && !m_isStopping)
+        beginStopping(isUndecided);
+}
+
+void PublisherEngine::beginStopping(bool isUndecided) {
     m_isStopping = true;
     if (std::exchange(m_isAccepting, false))
         m_poll->remove(m_listener.number());
     m_listener.close();
     while (!m_asking.empty())
         close(m_asking.front());
+    while (isUndecided && !m_checking.empty())
+        close(m_checking.front());
 }
 
 /** The handler has decided. Whom it admits is a subscriber, even one who has left meanwhile. */

@@ -51,6 +51,9 @@ public:
     /** Sends what is left until the time is up, says goodbye, and waits for the thread's end. */
     void stop(std::chrono::milliseconds timeLimit);
 
+    /** As stop(), when nobody decides any more about those who ask. */
+    void stopUndecided(std::chrono::milliseconds timeLimit);
+
 private:
     using Clock = std::chrono::steady_clock;
     using List = PublisherClient::List;
@@ -81,6 +84,7 @@ private:
     void handle(const epoll_event& event);
 
     void runCommands();
+    void beginStopping(bool isUndecided);
     void decide(const Command& command);
     void dropNow(const Command& command);
     void noteOutcome(const Command& command);
@@ -166,6 +170,7 @@ private:
     std::vector<Command> m_commands;
     std::uint64_t m_nLastId = 0;
     bool m_wantsStop = false;
+    bool m_isUndecided = false; // those whom the handler is asked about are not waited for
     Deadline m_stopAt = Deadline::none();
     std::size_t m_nFlushing = 0;
 

@@ -152,6 +152,10 @@ bool SubscriberWork::stop() {
 }
 
 void SubscriberWork::abandon() {
+    if (m_home.isForked()) {
+        m_spSelf = shared_from_this();
+        return;
+    }
     if (stop() && m_options.bOwnThread)
         m_thread.detach();
 }

@@ -6,6 +6,7 @@
 #include "CallbackEndpoint.h"
 #include "Deadline.h"
 #include "FrameBuffer.h"
+#include "HomeProcess.h"
 #include "OwnedDescriptor.h"
 #include "PositionFile.h"
 #include "QuietThread.h"
@@ -54,7 +55,10 @@ public:
     /** @return whether a handler has called it, so that the thread that drives is still to come back. */
     bool stop();
 
-    /** As stop(); and a thread that is running in a handler goes on without an owner. */
+    /**
+     * As stop(); and a thread that is running in a handler goes on without an owner. In a child of a fork
+     * everything is left as it is, for the thread, the poll and the lock on the file are the parent's.
+     */
     void abandon();
 
 private:
@@ -101,6 +105,8 @@ private:
     void pauseFor(std::chrono::nanoseconds pause);
     void tell(VornSubscriber::State state, const VornString& sReason, int nCode);
 
+    const HomeProcess m_home;
+    std::shared_ptr<SubscriberWork> m_spSelf; // in a child of a fork: never destroyed
     const VornString m_sTopic;
     const VornSubscriber::EventHandler m_onEvent;
     const Options m_options;

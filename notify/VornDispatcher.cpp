@@ -7,10 +7,10 @@
 #include "ComposingConnection.h"
 #include "DeliveryEngine.h"
 #include "DispatchBook.h"
+#include "HomeProcess.h"
 #include "ResultTeller.h"
 
 #include <LogRecord.h>
-#include <SystemCalls.h>
 #include <VornException.h>
 
 #include <algorithm>
@@ -64,8 +64,7 @@ class VornDispatcher::State {
 public:
     explicit State(const Options& options);
 
-    /** @return whether this is a process that was forked from the one that started the threads. */
-    bool isForked() const { return System::getpid() != m_process; }
+    bool isForked() const { return m_home.isForked(); }
 
     bool isResultHandler() const { return m_teller.isCaller(); }
 
@@ -88,7 +87,7 @@ private:
     [[noreturn]] void refuse(int nCode);
 
     const Options m_options;
-    const pid_t m_process;
+    const HomeProcess m_home;
     DispatchBook m_book;
     bool m_bStopped = false; // guarded by the book's lock
     ResultTeller m_teller;
@@ -96,8 +95,8 @@ private:
 };
 
 VornDispatcher::State::State(const Options& options)
-    : m_options(checked(options)), m_process(System::getpid()), m_book(m_options),
-      m_teller(m_options, m_book), m_engine(m_options, m_book) {}
+    : m_options(checked(options)), m_book(m_options), m_teller(m_options, m_book),
+      m_engine(m_options, m_book) {}
 
 std::uint64_t VornDispatcher::State::post(VornProxyDependent& proxy, const VornNotification& notification,
                                           const Terms& terms) {

@@ -3,16 +3,20 @@
 #include "VornPublisher.h"
 
 #include "EventWriter.h"
+#include "HomeProcess.h"
 #include "PublisherEngine.h"
+#include "QuietThread.h"
 #include "Wire.h"
 
 #include <GroupId.h>
+#include <LogRecord.h>
 #include <VornException.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -73,6 +77,11 @@ public:
 
     void stop(std::chrono::milliseconds timeLimit);
 
+    /** As stop(), on the handlers' thread: the handler that has called exit() never returns. */
+    void stopWithinHandler(std::chrono::milliseconds timeLimit);
+
+    bool isForked() const { return m_home.isForked(); }
+
     const VornString& address() const { return m_sAddress; }
 
     std::chrono::milliseconds stopLimit() const { return m_options.stopLimit; }
@@ -85,7 +94,9 @@ private:
     bool allow(const Options& options);
     void start();
     void endTopics();
+    void closeTopics();
 
+    const HomeProcess m_home;
     const Options m_options;
     const std::size_t m_nEventLimit;
     std::optional<PublisherListener> m_listener;
@@ -155,11 +166,22 @@ void VornPublisher::State::stop(std::chrono::milliseconds timeLimit) {
     endTopics();
     m_engine->stop(timeLimit);
     m_handlers.finish();
-    for (PublisherTopic* topic : m_topics.all())
-        topic->history.close();
+    closeTopics();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_isStopped = true;
     m_changed.notify_all();
+}
+
+void VornPublisher::State::stopWithinHandler(std::chrono::milliseconds timeLimit) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_isStopping)
+            return; // another thread has begun, and waits for the handler
+        m_isStopping = true;
+    }
+    endTopics();
+    m_engine->stopUndecided(timeLimit);
+    closeTopics();
 }
 
 /** @return whether the lists of those who may subscribe are lists of such. */
@@ -187,6 +209,11 @@ void VornPublisher::State::endTopics() {
         topic->history.end();
 }
 
+void VornPublisher::State::closeTopics() {
+    for (PublisherTopic* topic : m_topics.all())
+        topic->history.close();
+}
+
 VornPublisher::VornPublisher(const VornString& sAddress, const std::vector<VornString>& topics)
     : VornPublisher(sAddress, topics, Options()) {}
 
@@ -195,7 +222,21 @@ VornPublisher::VornPublisher(const VornString& sAddress, const std::vector<VornS
     : m_spState(std::make_unique<State>(sAddress, topics, options)) {}
 
 VornPublisher::~VornPublisher() {
-    stop(m_spState->stopLimit());
+    const bool isForked = m_spState->isForked();
+    const bool isHandler = m_spState->isHandlerThread();
+    if (isForked || (isHandler && QuietThread::isExiting())) {
+        // In a child the threads, the pipe's file and the locks on the histories are the parent's, and a
+        // handler that has called exit() cannot be waited for.
+        State* left = m_spState.release();
+        if (!isForked)
+            left->stopWithinHandler(left->stopLimit());
+        return;
+    }
+    if (isHandler) {
+        logRecord(VornLogging::cError, "VornPublisher::~VornPublisher: destroyed by one of its own handlers");
+        std::terminate(); // the thread would have to end before its own call returns
+    }
+    m_spState->stop(m_spState->stopLimit());
 }
 
 VornString VornPublisher::getAddress() const {

@@ -3,6 +3,7 @@
 #include "VornSteadySink.h"
 
 #include "EventPoll.h"
+#include "HomeProcess.h"
 #include "PipeSource.h"
 #include "QuietThread.h"
 #include "SinkAddress.h"
@@ -14,7 +15,6 @@
 #include "UdpSource.h"
 
 #include <LogRecord.h>
-#include <SystemCalls.h>
 #include <VornException.h>
 
 #include <exception>
@@ -89,8 +89,7 @@ public:
         m_spSource.reset(); // nobody comes any more while the last callback runs
     }
 
-    /** @return whether this is a process that was forked from the one that started the threads. */
-    bool isForked() const { return System::getpid() != m_process; }
+    bool isForked() const { return m_home.isForked(); }
 
     /** @return whether the caller is a callback or the address handler. */
     bool isOwnThread() const { return m_callingThread.isCurrent() || m_address.isHandlerThread(); }
@@ -102,7 +101,7 @@ public:
     const SinkLine& line() const { return m_line; }
 
 private:
-    const pid_t m_process = System::getpid();
+    const HomeProcess m_home;
     VornCallbackContainer m_container;
     const SinkSettings m_settings;
     SinkAddress m_address;
@@ -122,12 +121,12 @@ VornSteadySink::VornSteadySink(const VornString& moduleName, const Options& opti
 
 VornSteadySink::~VornSteadySink() {
     const bool isOwnThread = m_spState->isOwnThread();
-    const bool isEndOfProcess = isOwnThread && QuietThread::isExiting();
-    if (m_spState->isForked() || isEndOfProcess) {
+    const bool isForked = m_spState->isForked();
+    if (isForked || (isOwnThread && QuietThread::isExiting())) {
         // In a child the threads and the pipe's file are the parent's, and a callback that has called exit()
         // cannot be waited for.
         State* left = m_spState.release();
-        if (isEndOfProcess)
+        if (!isForked)
             left->end();
         return;
     }

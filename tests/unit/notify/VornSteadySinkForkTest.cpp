@@ -75,7 +75,8 @@ KIT_ROLE(steadySinkWhoseChildrenExit) {
     print(g_sink->getCallbackAddress());
     if (callback->awaitCalls(1))
         print(callback->contents().at(0));
-    return 0;
+    char byte = '\0';
+    return static_cast<int>(::read(STDIN_FILENO, &byte, 1)); // until the test has looked
 }
 
 TEST_P(VornSteadySink_Fork, WhenChildrenExit_TheParentIsServed) {
@@ -86,6 +87,8 @@ TEST_P(VornSteadySink_Fork, WhenChildrenExit_TheParentIsServed) {
     EXPECT_TRUE(GetParam() != Kind::pipe || hasFile(address));
     sendByHand(address, onWire(0) + "served");
     EXPECT_EQ(child.readLine(), "served, the callback's child: 7");
+    EXPECT_TRUE(GetParam() != Kind::pipe || hasFile(address));
+    child.closeInput();
     EXPECT_EQ(child.wait(), 0);
     EXPECT_FALSE(GetParam() == Kind::pipe && hasFile(address));
 }

@@ -1,0 +1,169 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+/*
+ * A publisher in a process that forks, and in one whose handler calls exit() or destroys it.
+ */
+
+#include "ForkedChild.h"
+#include "Process.h"
+#include "PublisherFixture.h"
+
+#include <VornLogging.h>
+
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+using namespace VornNet;
+using namespace VornTest;
+
+namespace {
+
+const std::string directory = "/opt/histories";
+constexpr int exitStatus = 7;
+
+// The thread sanitizer finds no order between the threads of a process of which one ends it.
+constexpr const char* exitOnAnyThread = "TSAN_OPTIONS=report_bugs=0";
+
+class VornPublisher_Fork : public PublisherFixture, public testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override {
+        PublisherFixture::SetUp();
+        std::filesystem::create_directory(directory);
+    }
+
+    void TearDown() override {
+        PublisherFixture::TearDown();
+        std::filesystem::remove_all(directory);
+        ::unlink(pipePath("alpha").c_str());
+    }
+
+    static bool hasFile() { return std::filesystem::exists(pipePath("alpha")); }
+
+    static std::string openHistory() {
+        return thrownBy([] {
+            VornPublisher::Options options;
+            options.sDirectory = directory;
+            const VornPublisher other("pipe:beta", {"builds"}, options);
+        });
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Ways, VornPublisher_Fork, testing::Values("pipe:alpha", "socket:127.0.0.1:0"),
+                         [](const auto& test) { return test.param[0] == 'p' ? "Pipe" : "Tcp"; });
+
+/** Without a buffer: a child must not print again what its parent has printed. */
+void print(const std::string& line) {
+    const std::string bytes = line + "\n";
+    if (::write(STDOUT_FILENO, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        std::abort();
+}
+
+/** Static, so that exit() destroys it. */
+std::unique_ptr<VornPublisher> g_publisher;
+
+void openPublisher(const std::string& address, const VornPublisher::SubscribeHandler& onSubscribe) {
+    VornPublisher::Options options;
+    options.sDirectory = directory;
+    options.onSubscribe = onSubscribe;
+    g_publisher = std::make_unique<VornPublisher>(address, std::vector<std::string>{"builds"}, options);
+    print(g_publisher->getAddress());
+}
+
+/** Lets a child end as a program does. */
+std::string childThatExits() {
+    const pid_t child = ::fork();
+    if (child == 0)
+        std::exit(exitStatus);
+    return std::to_string(statusOf(child));
+}
+
+KIT_ROLE(publisherWhoseChildrenExit) {
+    openPublisher(args.at(0), [](const VornPublisher::Subscriber&) {
+        print("the handler's child: " + childThatExits());
+        return "";
+    });
+    print("main's child: " + childThatExits());
+    char byte = '\0';
+    while (::read(STDIN_FILENO, &byte, 1) == 1)
+        g_publisher->publish("builds", writing("an event"));
+    return 0;
+}
+
+KIT_ROLE(publisherWhoseHandlerExits) {
+    openPublisher(args.at(0), [](const VornPublisher::Subscriber& asking) -> VornString {
+        if (asking.nId == 2)
+            std::exit(exitStatus);
+        return "";
+    });
+    ::pause();
+    return 0;
+}
+
+TEST_P(VornPublisher_Fork, WhenChildrenExit_TheParentServesOn) {
+    ChildProcess child =
+        ChildProcess::spawnRoleWith({exitOnAnyThread}, "publisherWhoseChildrenExit", {GetParam()});
+    const std::string at = child.readLine();
+    EXPECT_EQ(child.readLine(), "main's child: 7");
+    const bool isPipe = at == GetParam();
+    EXPECT_EQ(hasFile(), isPipe);
+    RawSubscriber subscriber(at, "builds");
+    EXPECT_EQ(child.readLine(), "the handler's child: 7");
+    EXPECT_EQ(hasFile(), isPipe);
+    EXPECT_EQ(openHistory(), "VornPublisher::VornPublisher: failed to open history. 11");
+    child.writeLine("");
+    EXPECT_EQ(subscriber.next(), WireFrame::event(1, "an event"));
+    child.closeInput();
+    EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
+    subscriber.socket().reset();
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(child.readAllErrors(), "");
+}
+
+TEST_P(VornPublisher_Fork, WhenAHandlerExits_ThePublisherEndsInOrderWithItsProcess) {
+    ChildProcess child =
+        ChildProcess::spawnRoleWith({exitOnAnyThread}, "publisherWhoseHandlerExits", {GetParam()});
+    const std::string at = child.readLine();
+    RawSubscriber subscriber(at, "builds");
+    const UniqueFd asking = connectTo(at);
+    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
+    subscriber.socket().reset();
+    EXPECT_EQ(receiveToEnd(asking.get()), "+");
+    EXPECT_EQ(child.wait(), exitStatus);
+    EXPECT_EQ(child.readAllErrors(), "");
+    EXPECT_FALSE(hasFile());
+    EXPECT_EQ(openHistory(), "nothing");
+}
+
+KIT_ROLE(publisherDestroyedByItsHandler) {
+    std::set_terminate([] {
+        print("terminated");
+        ::_exit(exitStatus);
+    });
+    VornSupport::VornLogging::setAccessAllowed(true);
+    VornSupport::VornLogging::getInstance().setLogLevel(1);
+    VornSupport::VornLogging::setRecordHandler(
+        [](int level, const std::string& text) { print(std::to_string(level) + " " + text); });
+    openPublisher(args.at(0), [](const VornPublisher::Subscriber&) -> VornString {
+        g_publisher.reset();
+        return "";
+    });
+    ::pause();
+    return 0;
+}
+
+TEST_P(VornPublisher_Fork, WhenAHandlerDestroysThePublisher_TheProcessEnds) {
+    ChildProcess child = ChildProcess::spawnRole("publisherDestroyedByItsHandler", GetParam());
+    const UniqueFd asking = connectTo(child.readLine());
+    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    EXPECT_EQ(child.readLine(), "1 VornPublisher::~VornPublisher: destroyed by one of its own handlers");
+    EXPECT_EQ(child.readLine(), "terminated");
+    EXPECT_EQ(child.wait(), exitStatus);
+}
+
+} // namespace
