@@ -195,8 +195,12 @@ void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
     LeaseQueue& queue = m_queues[nLease];
     const bool bMayFill =
         LeaseTable::isNamedNumber(nLease) || m_settings.onSlow == RelaySettings::OnSlow::block;
-    if (!bMayFill && queue.waiting.size() >= m_settings.nHeld / 4) {
-        bury(std::move(notification), "slow");
+    if (queue.nSlow > 0 || (!bMayFill && queue.waiting.size() >= m_settings.nHeld / 4)) {
+        ++queue.nSlow;
+        bury(std::move(notification), "slow", [this, nLease] {
+            --m_queues.at(nLease).nSlow;
+            deliverNext(nLease);
+        });
         return;
     }
     queue.waiting.push_back(std::move(notification));
@@ -210,6 +214,8 @@ void SinkDelivery::deliverNext(std::uint32_t nLease) {
         return;
     LeaseQueue& queue = found->second;
     const Lease* pLease = m_leases.find(nLease);
+    if (queue.nTicket != 0 || queue.bBurying || (queue.judge != 0 && pLease != nullptr))
+        return; // it goes on when the first one has found its end
     while (pLease == nullptr && !queue.waiting.empty()) {
         bury(std::move(queue.waiting.front()), "gone");
         queue.waiting.pop_front();
@@ -217,14 +223,16 @@ void SinkDelivery::deliverNext(std::uint32_t nLease) {
     while (!queue.waiting.empty() &&
            queue.waiting.front().number <= m_journal.last(nLease, queue.waiting.front().sSource)) {
         ++m_counters.nSkipped;
-        settleFirst(queue);
+        dropFirst(queue);
     }
     if (!queue.waiting.empty()) {
         if (!m_bStopped)
             post(*pLease, queue);
         return;
     }
-    m_loop.cancel(queue.judge);
+    m_loop.cancel(std::exchange(queue.judge, 0));
+    if (queue.nSlow > 0)
+        return;
     m_queues.erase(found);
     if (pLease == nullptr)
         m_journal.forget(nLease);
@@ -275,9 +283,15 @@ void SinkDelivery::consumed(std::uint32_t nLease, LeaseQueue& queue) {
     queue.awaySince.reset();
     ++m_counters.nDelivered;
     m_counters.delivering.add(Clock::now() - first.arrived);
+    settleFirst(nLease, queue);
+}
+
+/** The journal comes before the acknowledgement, which may be lost. */
+void SinkDelivery::settleFirst(std::uint32_t nLease, LeaseQueue& queue) {
+    const Notification& first = queue.waiting.front();
     if (m_leases.find(nLease) != nullptr && !m_journal.note(nLease, first.sSource, first.number))
         ++m_counters.nUnjournaled;
-    settleFirst(queue);
+    dropFirst(queue);
 }
 
 /** Was the callback content with less, or has the process been killed? In the latter case nobody listens. */
@@ -285,23 +299,32 @@ void SinkDelivery::judge(std::uint32_t nLease) {
     LeaseQueue& queue = m_queues.at(nLease);
     queue.judge = 0;
     const Lease* pLease = m_leases.find(nLease);
-    if (pLease != nullptr && isPipeAlive(pLease->sAddress)) {
-        bury(std::move(queue.waiting.front()), "refused", nLease);
-        queue.waiting.pop_front();
-    }
-    deliverNext(nLease);
+    if (pLease != nullptr && isPipeAlive(pLease->sAddress))
+        buryFirst(nLease, queue);
+    else
+        deliverNext(nLease);
 }
 
-void SinkDelivery::settleFirst(LeaseQueue& queue) {
+void SinkDelivery::dropFirst(LeaseQueue& queue) {
     m_reader.acknowledge(queue.waiting.front().nPosition);
     queue.waiting.pop_front();
 }
 
+/** The first one stays in its queue until its letter is stored, and so does what comes after it. */
+void SinkDelivery::buryFirst(std::uint32_t nLease, LeaseQueue& queue) {
+    queue.bBurying = true;
+    bury(Notification(queue.waiting.front()), "refused", [this, nLease] {
+        LeaseQueue& own = m_queues.at(nLease);
+        own.bBurying = false;
+        settleFirst(nLease, own);
+        deliverNext(nLease);
+    });
+}
+
+/** @param onStored is called when the letter is stored, before the message is acknowledged */
 void SinkDelivery::bury(Notification&& notification, const std::string& sReason,
-                        std::uint32_t nJournalLease) {
+                        std::function<void()> onStored) {
     ++m_counters.dead[sReason];
-    if (nJournalLease != 0 && !m_journal.note(nJournalLease, notification.sSource, notification.number))
-        ++m_counters.nUnjournaled;
     Engine::Message letter{
         "vorn.dead." + m_settings.access.sHost, {}, std::move(notification.message.sContent)};
     for (auto& [sName, sValue] : notification.message.headers) {
@@ -314,9 +337,12 @@ void SinkDelivery::bury(Notification&& notification, const std::string& sReason,
     letter.headers.emplace_back("Vorn-Subject", notification.message.sSubject);
     letter.headers.emplace_back("Vorn-Reason", sReason);
     letter.headers.emplace_back("Vorn-Tries", std::to_string(notification.nTries));
-    m_deadLetters.add(std::move(letter), [this, nPosition = notification.nPosition](bool bStored) {
+    m_deadLetters.add(std::move(letter), [this, nPosition = notification.nPosition,
+                                          handler = std::move(onStored)](bool bStored) {
         if (!bStored)
             logLine(LogLevel::failure, "the engine refuses a dead letter, which is lost");
+        if (handler)
+            handler();
         m_reader.acknowledge(nPosition);
     });
 }

@@ -15,6 +15,7 @@
 #include <VornDispatcher.h>
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,7 +29,8 @@ namespace VornRelay {
  * Each lease has a queue, of which one notification is under way, so that a slow sink holds up no other. When
  * the callback has returned, the number is noted in the journal, and then the message is acknowledged; what
  * is not above the journal's number has been delivered before, and is only acknowledged. What cannot be
- * delivered becomes a dead letter, which is stored before the message is acknowledged.
+ * delivered becomes a dead letter, which is stored before the message is acknowledged, and before anything
+ * that came later is noted in the journal: it would be taken for delivered if the relay were killed.
  *
  * Thread-safety: none, all on the loop's thread. Blocking: short writes to files. Ownership: everything that
  * is passed to the constructor must outlive it. Signals: none raised. Errors: logged and counted.
@@ -84,6 +86,8 @@ private:
     struct LeaseQueue {
         std::deque<Notification> waiting; // the first one may be under way
         std::uint64_t nTicket = 0;        // of the dispatcher; 0: none is under way
+        bool bBurying = false;            // the first one is becoming a dead letter
+        std::size_t nSlow = 0;            // later ones that are becoming dead letters
         RelayLoop::Timer judge = 0;       // runs while it is found out what a reset has meant
         Clock::time_point started;
         std::optional<Clock::time_point> awaySince;
@@ -94,9 +98,11 @@ private:
     void post(const Lease& lease, LeaseQueue& queue);
     void finished(const VornNet::VornDispatcher::Result& result);
     void consumed(std::uint32_t nLease, LeaseQueue& queue);
+    void settleFirst(std::uint32_t nLease, LeaseQueue& queue);
     void judge(std::uint32_t nLease);
-    void settleFirst(LeaseQueue& queue);
-    void bury(Notification&& notification, const std::string& sReason, std::uint32_t nJournalLease = 0);
+    void dropFirst(LeaseQueue& queue);
+    void buryFirst(std::uint32_t nLease, LeaseQueue& queue);
+    void bury(Notification&& notification, const std::string& sReason, std::function<void()> onStored = {});
     void look();
     void lookAt(std::uint32_t nLease, LeaseQueue& queue);
     void lookForEnded();

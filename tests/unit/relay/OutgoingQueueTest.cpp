@@ -2,9 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "OutgoingQueue.h"
 
-#include <deque>
+#include "ScriptedEngine.h"
+
 #include <string>
-#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,44 +13,10 @@
 using namespace VornRelay;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using VornTest::ScriptedEngine;
 using Answer = Engine::Answer;
 
 namespace {
-
-/** Keeps what is published, and answers as the test says. */
-class ScriptedEngine : public Engine {
-public:
-    void publish(const Message& message, AnswerHandler onAnswer) override {
-        m_published.emplace_back(message, std::move(onAnswer));
-    }
-
-    void open(const std::string&, const std::string&, OpenHandler) override {}
-
-    void close(const std::string&) override {}
-
-    void pull(const std::string&, std::size_t) override {}
-
-    void acknowledge(const std::string&) override {}
-
-    void tell(const std::string&, const std::string&) override {}
-
-    void listenTo(const std::string&) override {}
-
-    std::size_t mostContent() const override { return 1000; }
-
-    /** Answers the oldest message without an answer. @return "content/number" */
-    std::string answer(Answer answer) {
-        const auto [message, onAnswer] = std::move(m_published.front());
-        m_published.pop_front();
-        onAnswer(answer, "");
-        return message.sContent + "/" + std::string(message.header("Nats-Msg-Id"));
-    }
-
-    std::size_t unanswered() const { return m_published.size(); }
-
-private:
-    std::deque<std::pair<Message, AnswerHandler>> m_published;
-};
 
 class OutgoingQueueTest : public testing::Test {
 protected:
@@ -60,15 +27,7 @@ protected:
 
     /** Lets the pause go by that follows a failure. */
     void awaitPause() {
-        m_loop.after(std::chrono::milliseconds(1), [this] { endWhenPublished(); });
-        m_loop.run();
-    }
-
-    void endWhenPublished() {
-        if (m_engine.unanswered() > 0)
-            m_loop.end();
-        else
-            m_loop.after(std::chrono::milliseconds(1), [this] { endWhenPublished(); });
+        ASSERT_TRUE(VornTest::runUntil(m_loop, [this] { return m_engine.unanswered() > 0; }));
     }
 
     RelayLoop m_loop;

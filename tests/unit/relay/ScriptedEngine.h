@@ -1,0 +1,90 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#ifndef VORNTEST_SCRIPTEDENGINE_H
+#define VORNTEST_SCRIPTEDENGINE_H
+
+#include <Engine.h>
+#include <RelayLoop.h>
+
+#include <Await.h>
+
+#include <deque>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace VornTest {
+
+/** Keeps what it is asked for, and answers as the test says. Consumers are open at once. */
+class ScriptedEngine : public VornRelay::Engine {
+public:
+    void publish(const Message& message, AnswerHandler onAnswer) override {
+        m_published.emplace_back(message, std::move(onAnswer));
+    }
+
+    void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) override {
+        opened.emplace_back(sConsumer + " " + sFilter);
+        onOpened("");
+    }
+
+    void close(const std::string& sConsumer) override { closed.push_back(sConsumer); }
+
+    void pull(const std::string&, std::size_t) override {}
+
+    void acknowledge(const std::string& sReceipt) override { acknowledged.push_back(sReceipt); }
+
+    void tell(const std::string& sSubject, const std::string& sText) override {
+        told.push_back(sSubject + " " + sText);
+    }
+
+    void listenTo(const std::string&) override {}
+
+    std::size_t mostContent() const override { return 1000; }
+
+    /** Answers the oldest message without an answer. @return "content/number" */
+    std::string answer(Answer answer) {
+        const auto [message, onAnswer] = std::move(m_published.front());
+        m_published.pop_front();
+        onAnswer(answer, "");
+        return message.sContent + "/" + std::string(message.header("Nats-Msg-Id"));
+    }
+
+    /** Forgets everything, as a relay does that is killed. */
+    void reset() {
+        m_published.clear();
+        for (auto* list : {&opened, &closed, &acknowledged, &told})
+            list->clear();
+    }
+
+    std::size_t unanswered() const { return m_published.size(); }
+
+    /** @return the message without an answer at that place. */
+    const Message& published(std::size_t nPlace) const { return m_published.at(nPlace).first; }
+
+    std::vector<std::string> opened; ///< "consumer filter"
+    std::vector<std::string> closed;
+    std::vector<std::string> acknowledged;
+    std::vector<std::string> told; ///< "subject text"
+
+private:
+    std::deque<std::pair<Message, AnswerHandler>> m_published;
+};
+
+/** Runs a loop until a condition holds. @return false when it does not in time */
+inline bool runUntil(VornRelay::RelayLoop& loop, const std::function<bool()>& condition) {
+    const auto until = VornRelay::RelayLoop::Clock::now() + defaultLimit;
+    const std::function<void()> look = [&] {
+        if (condition() || VornRelay::RelayLoop::Clock::now() > until)
+            loop.end();
+        else
+            loop.after(std::chrono::milliseconds(1), look);
+    };
+    look();
+    loop.run();
+    return condition();
+}
+
+} // namespace VornTest
+
+#endif
