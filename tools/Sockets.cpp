@@ -71,6 +71,8 @@ int readPipeAttribute(const nlattr* attribute, void* data) {
         socket.peer = payloadOf<std::uint32_t>(attribute);
         break;
     case UNIX_DIAG_ICONS:
+        if (size == 0) // nobody waits, and memcpy() may not be given the null pointer of an empty list
+            break;
         socket.clients.resize(size / sizeof(std::uint32_t));
         std::memcpy(socket.clients.data(), payload, socket.clients.size() * sizeof(std::uint32_t));
         break;

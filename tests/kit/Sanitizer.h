@@ -3,6 +3,9 @@
 #ifndef VORNTEST_SANITIZER_H
 #define VORNTEST_SANITIZER_H
 
+#include <string>
+#include <vector>
+
 namespace VornTest {
 
 #if defined(__has_feature)
@@ -52,6 +55,14 @@ inline constexpr const char* losesCancelledThreads =
 
 /** Their run time refuses to start after another library that is preloaded. */
 inline constexpr const char* mustBeLoadedFirst = "its run time must be the first library of the program";
+
+/**
+ * The environment for a program that calls exit() on any of its threads or in children: the thread sanitizer
+ * finds no order between the threads of a process of which one ends it, and the leak sanitizer takes what the
+ * parent's threads hold for lost in a child.
+ */
+inline const std::vector<std::string> exitOnAnyThread{"TSAN_OPTIONS=report_bugs=0",
+                                                      "ASAN_OPTIONS=detect_leaks=0"};
 
 } // namespace VornTest
 

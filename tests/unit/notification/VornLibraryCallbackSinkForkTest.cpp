@@ -8,6 +8,7 @@
 #include "Interpose.h"
 #include "NotificationPeer.h"
 #include "Process.h"
+#include "Sanitizer.h"
 
 #include <array>
 #include <cstdlib>
@@ -63,13 +64,6 @@ pid_t forkProgram() {
     }
     return child;
 }
-
-/**
- * The thread sanitizer finds no order between the threads of a process of which one ends it, and the leak
- * sanitizer takes what the parent's threads hold for lost in a child.
- */
-const std::vector<std::string> exitOnAnyThread = {"TSAN_OPTIONS=report_bugs=0",
-                                                  "ASAN_OPTIONS=detect_leaks=0"};
 
 /** Without a buffer: a child must not print again what its parent has printed. */
 void print(const std::string& line) {

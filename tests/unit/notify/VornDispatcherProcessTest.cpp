@@ -193,7 +193,7 @@ KIT_ROLE(forksWithADispatcher) {
 }
 
 TEST_F(VornDispatcher_Process, AChildThatWasForkedEndsWithoutIt) {
-    EXPECT_EQ(ChildProcess::spawnRole("forksWithADispatcher").wait(), 7);
+    EXPECT_EQ(ChildProcess::spawnRoleWith(exitOnAnyThread, "forksWithADispatcher").wait(), 7);
 }
 
 TEST_F(VornDispatcher_Process, AChildThatHoldsItsSocketsDisturbsNothing) {

@@ -7,6 +7,7 @@
 #include "ForkedChild.h"
 #include "Process.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 #include "SteadySinkPeer.h"
 
 #include <cstdlib>
@@ -26,9 +27,6 @@ using VornNet::VornSmartPointer;
 using Connection = VornSmartPointer<VornConnection>;
 
 constexpr int exitStatus = 7;
-
-// The thread sanitizer finds no order between the threads of a process of which one ends it.
-constexpr const char* exitOnAnyThread = "TSAN_OPTIONS=report_bugs=0";
 
 class VornSteadySink_Fork : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
@@ -81,7 +79,7 @@ KIT_ROLE(steadySinkWhoseChildrenExit) {
 
 TEST_P(VornSteadySink_Fork, WhenChildrenExit_TheParentIsServed) {
     ChildProcess child =
-        ChildProcess::spawnRoleWith({exitOnAnyThread}, "steadySinkWhoseChildrenExit", {nameOf(GetParam())});
+        ChildProcess::spawnRoleWith(exitOnAnyThread, "steadySinkWhoseChildrenExit", {nameOf(GetParam())});
     EXPECT_EQ(child.readLine(), "main's child: 7");
     const std::string address = child.readLine();
     EXPECT_TRUE(GetParam() != Kind::pipe || hasFile(address));
@@ -102,7 +100,7 @@ KIT_ROLE(steadySinkWhoseCallbackExits) {
 
 TEST_P(VornSteadySink_Fork, WhenACallbackExits_TheSinkEndsWithItsProcess) {
     ChildProcess child =
-        ChildProcess::spawnRoleWith({exitOnAnyThread}, "steadySinkWhoseCallbackExits", {nameOf(GetParam())});
+        ChildProcess::spawnRoleWith(exitOnAnyThread, "steadySinkWhoseCallbackExits", {nameOf(GetParam())});
     const std::string address = child.readLine();
     if (GetParam() == Kind::udp)
         sendByHand(address, onWire(0));
