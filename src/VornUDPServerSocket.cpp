@@ -81,8 +81,8 @@ void VornUDPServerSocket::close() {
         const bool bEnded = closing.close(m_bInitialized, nPort);
         wakeUp.emplace(sLoopback, nPort, false);
         // Before newcomers are let in, while no new socket can be bound: one would take the datagram for a
-        // client. Another process that has the socket would, too. Port 0 cannot be sent to, and a transmission
-        // that fails leaves its descriptor open.
+        // client. Another process that has the socket would, too. Port 0 cannot be sent to, and a
+        // transmission that fails leaves its descriptor open.
         if (bEnded && (nPort & 0xFFFF) != 0)
             wakeUp->send("\0\1", 2);
     }
