@@ -290,8 +290,8 @@ void VornPipeServer::close() {
         // Under the lock: the child of a fork that came now would hold the descriptors and not know them.
         VORN_PROBE(server__closed, "pipe", m_sPipeName.c_str(), 0);
         releaseRecord(m_pipeHandle);
-        ServerRegistry::entryOf(*this).inherited =
-            nullptr; // the next record may get the same place in memory
+        // The next record may get the same place in memory.
+        ServerRegistry::entryOf(*this).inherited = nullptr;
         return;
     }
     if (isSignalable()) {

@@ -7,6 +7,7 @@
 #include "ForkedChild.h"
 #include "Process.h"
 #include "PublisherFixture.h"
+#include "Sanitizer.h"
 
 #include <VornLogging.h>
 
@@ -25,9 +26,6 @@ namespace {
 
 const std::string directory = "/opt/histories";
 constexpr int exitStatus = 7;
-
-// The thread sanitizer finds no order between the threads of a process of which one ends it.
-constexpr const char* exitOnAnyThread = "TSAN_OPTIONS=report_bugs=0";
 
 class VornPublisher_Fork : public PublisherFixture, public testing::WithParamInterface<const char*> {
 protected:
@@ -106,7 +104,7 @@ KIT_ROLE(publisherWhoseHandlerExits) {
 
 TEST_P(VornPublisher_Fork, WhenChildrenExit_TheParentServesOn) {
     ChildProcess child =
-        ChildProcess::spawnRoleWith({exitOnAnyThread}, "publisherWhoseChildrenExit", {GetParam()});
+        ChildProcess::spawnRoleWith(exitOnAnyThread, "publisherWhoseChildrenExit", {GetParam()});
     const std::string at = child.readLine();
     EXPECT_EQ(child.readLine(), "main's child: 7");
     const bool isPipe = at == GetParam();
@@ -126,7 +124,7 @@ TEST_P(VornPublisher_Fork, WhenChildrenExit_TheParentServesOn) {
 
 TEST_P(VornPublisher_Fork, WhenAHandlerExits_ThePublisherEndsInOrderWithItsProcess) {
     ChildProcess child =
-        ChildProcess::spawnRoleWith({exitOnAnyThread}, "publisherWhoseHandlerExits", {GetParam()});
+        ChildProcess::spawnRoleWith(exitOnAnyThread, "publisherWhoseHandlerExits", {GetParam()});
     const std::string at = child.readLine();
     RawSubscriber subscriber(at, "builds");
     const UniqueFd asking = connectTo(at);

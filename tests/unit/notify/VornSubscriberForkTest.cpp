@@ -8,6 +8,7 @@
 #include "LeakCheckedTest.h"
 #include "Process.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 #include "SubscriptionPeers.h"
 
 #include <VornSubscriber.h>
@@ -27,9 +28,6 @@ namespace {
 constexpr int exitStatus = 7;
 constexpr const char* positionFile = "/opt/builds.position";
 
-// The thread sanitizer finds no order between the threads of a process of which one ends it.
-constexpr const char* exitOnAnyThread = "TSAN_OPTIONS=report_bugs=0";
-
 /** A plain service, and a subscriber in a process of its own. */
 class VornSubscriber_Fork : public LeakCheckedTest, public testing::WithParamInterface<bool> {
 protected:
@@ -48,7 +46,7 @@ protected:
 
     ChildProcess spawn(const std::string& role) {
         ChildProcess child =
-            ChildProcess::spawnRoleWith({exitOnAnyThread}, role, {GetParam() ? "thread" : "loop"});
+            ChildProcess::spawnRoleWith(exitOnAnyThread, role, {GetParam() ? "thread" : "loop"});
         m_service = acceptClient(m_listener.get());
         EXPECT_EQ(receiveExactly(m_service.get(), 8), "builds\r\n");
         sendAll(m_service.get(), "+");
