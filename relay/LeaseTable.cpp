@@ -27,6 +27,10 @@ std::string lineOf(const Lease& lease) {
            "\n";
 }
 
+std::string endLineOf(std::uint32_t nNumber) {
+    return Json{{"end", nNumber}}.dump() + "\n";
+}
+
 } // namespace
 
 std::uint64_t startOfProcess(pid_t process) {
@@ -54,6 +58,8 @@ std::uint64_t startOfProcess(pid_t process) {
 LeaseTable::LeaseTable(const std::string& sPath) : m_sPath(sPath) {
     load(readState(sPath));
     std::string sContent;
+    for (const std::uint32_t nNumber : m_endedNames)
+        sContent += endLineOf(nNumber);
     for (const auto& [nNumber, lease] : m_leases)
         sContent += lineOf(lease);
     replaceState(sPath, sContent);
@@ -84,12 +90,10 @@ const Lease& LeaseTable::grant(Lease lease) {
 }
 
 void LeaseTable::end(std::uint32_t nNumber) {
-    const auto found = m_leases.find(nNumber);
-    if (found == m_leases.end())
+    if (!m_leases.contains(nNumber))
         return;
-    append(Json{{"end", nNumber}}.dump() + "\n");
-    m_names.erase(found->second.sName);
-    m_leases.erase(found);
+    append(endLineOf(nNumber));
+    remove(nNumber);
 }
 
 void LeaseTable::load(const std::string& sContent) {
@@ -98,14 +102,15 @@ void LeaseTable::load(const std::string& sContent) {
         if (!loadLine(sLine))
             ++m_nDamaged;
     }
+    if (m_endedNames.size() > cMostEndedNames)
+        m_endedNames.erase(m_endedNames.begin(),
+                           m_endedNames.end() - static_cast<std::ptrdiff_t>(cMostEndedNames));
 }
 
 bool LeaseTable::loadLine(const std::string& sLine) try {
     const Json line = Json::parse(sLine);
     if (line.contains("end")) {
-        const auto ended = m_leases.extract(line["end"].get<std::uint32_t>());
-        if (!ended.empty())
-            m_names.erase(ended.mapped().sName);
+        remove(line["end"].get<std::uint32_t>());
         return true;
     }
     Lease lease;
@@ -124,6 +129,14 @@ bool LeaseTable::loadLine(const std::string& sLine) try {
 } catch (const Json::exception&) {
 
     return false;
+}
+
+void LeaseTable::remove(std::uint32_t nNumber) {
+    const auto ended = m_leases.extract(nNumber);
+    if (!ended.empty())
+        m_names.erase(ended.mapped().sName);
+    if (isNamedNumber(nNumber))
+        m_endedNames.push_back(nNumber);
 }
 
 std::uint32_t LeaseTable::newNumber(bool bNamed) const {

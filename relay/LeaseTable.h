@@ -5,10 +5,12 @@
 
 #include <OwnedDescriptor.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -40,7 +42,8 @@ std::uint64_t startOfProcess(pid_t process);
  * The leases of this host, in a file to which each change is appended, and synced before it is told.
  *
  * Numbers are random, since whoever may write to a relay's pipe and knows a number may notify. The highest
- * bit says that the lease has a name. 0 is never given.
+ * bit says that the lease has a name. 0 is never given. The numbers of names that have ended are remembered,
+ * for services that have not heard of it may go on sending to them.
  *
  * Thread-safety: none. Blocking: until a change is on disk. Ownership: the file is the table's. Signals: none
  * raised. Errors: std::system_error; LeaseRefused for a name of another user.
@@ -55,6 +58,9 @@ public:
 
     const std::map<std::uint32_t, Lease>& all() const { return m_leases; }
 
+    /** @return the numbers of names that have ended, the newest last. */
+    const std::vector<std::uint32_t>& endedNames() const { return m_endedNames; }
+
     /** @return the lease, null when there is none. */
     const Lease* find(std::uint32_t nNumber) const;
 
@@ -64,8 +70,11 @@ public:
     /** Gives a new number, or the one that the name has already, which then leads to the new address. */
     const Lease& grant(Lease lease);
 
-    /** Ends a lease. Its number is not given again while this file is kept, but by a chance of 1 in 2^31. */
+    /** Ends a lease. Its number is not given again, but by a chance of 1 in 2^31. */
     void end(std::uint32_t nNumber);
+
+    /** So many are remembered when the file is read: each one costs the engine a consumer. */
+    static constexpr std::size_t cMostEndedNames = 1000;
 
     static bool isNamedNumber(std::uint32_t nNumber) { return (nNumber & cNamed) != 0; }
 
@@ -74,6 +83,7 @@ private:
 
     void load(const std::string& sContent);
     bool loadLine(const std::string& sLine);
+    void remove(std::uint32_t nNumber);
     std::uint32_t newNumber(bool bNamed) const;
     void append(const std::string& sLine);
 
@@ -81,6 +91,7 @@ private:
     std::string m_sPath;
     std::map<std::uint32_t, Lease> m_leases;
     std::map<std::string, std::uint32_t> m_names;
+    std::vector<std::uint32_t> m_endedNames;
     std::size_t m_nDamaged = 0;
 };
 

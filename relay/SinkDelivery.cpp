@@ -61,8 +61,8 @@ std::uint32_t leaseIn(std::string_view sSubject) {
     return nLease;
 }
 
-std::string consumerOf(const Lease& lease) {
-    return "keep-" + std::to_string(lease.nNumber);
+std::string consumerOf(std::uint32_t nLease) {
+    return "keep-" + std::to_string(nLease);
 }
 
 } // namespace
@@ -100,8 +100,10 @@ SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings&
     m_reader.add("relay", sSubject + ".sink.>", settings.nHeld);
     for (const auto& [nNumber, lease] : m_leases.all()) {
         if (lease.isNamed())
-            readNamed(lease);
+            readNamed(nNumber);
     }
+    for (const std::uint32_t nNumber : m_leases.endedNames())
+        readNamed(nNumber);
     VornDispatcher::Options options;
     options.sName = "relay";
     options.terms.timeLimit = hours(24 * 365); // whether to wait on is decided here
@@ -132,7 +134,7 @@ const Lease& SinkDelivery::grant(const Lease& lease) {
     const std::string sAddressBefore = pBefore == nullptr ? "" : pBefore->sAddress;
     const Lease& granted = m_leases.grant(lease);
     if (pBefore == nullptr && granted.isNamed())
-        readNamed(granted);
+        readNamed(granted.nNumber);
     // What is under way to the old address ends, and begins again with the new one.
     if (!sAddressBefore.empty() && sAddressBefore != granted.sAddress)
         m_spDispatcher->cancel(sAddressBefore.c_str());
@@ -146,8 +148,10 @@ void SinkDelivery::end(std::uint32_t nLease) {
     const Lease lease = *pLease;
     m_leases.end(nLease);
     m_engine.tell("vorn.gone." + m_settings.access.sHost, std::to_string(nLease));
-    if (lease.isNamed())
-        m_reader.remove(consumerOf(lease));
+    // Services that have not heard of it go on sending to a name: that has to be read, and told again.
+    const std::vector<std::uint32_t>& ended = m_leases.endedNames();
+    if (lease.isNamed() && ended.size() > LeaseTable::cMostEndedNames)
+        m_reader.remove(consumerOf(ended[ended.size() - LeaseTable::cMostEndedNames - 1]));
     const auto found = m_queues.find(nLease);
     if (found != m_queues.end() && found->second.nTicket != 0)
         m_spDispatcher->cancel(lease.sAddress.c_str()); // and deliverNext() finds that the lease has ended
@@ -387,9 +391,8 @@ void SinkDelivery::lookForEnded() {
         m_nLastLooked = 0;
 }
 
-void SinkDelivery::readNamed(const Lease& lease) {
-    m_reader.add(consumerOf(lease),
-                 "vorn.to." + m_settings.access.sHost + ".keep." + std::to_string(lease.nNumber),
+void SinkDelivery::readNamed(std::uint32_t nLease) {
+    m_reader.add(consumerOf(nLease), "vorn.to." + m_settings.access.sHost + ".keep." + std::to_string(nLease),
                  cMostNamedHeld);
 }
 

@@ -52,7 +52,7 @@ public:
     /** Grants a lease, and has what waits for the name delivered to the new address. @throws LeaseRefused */
     const Lease& grant(const Lease& lease);
 
-    /** Ends a lease. What waits becomes dead letters, and senders are told. */
+    /** Ends a lease. What waits and what still comes becomes dead letters, and senders are told. */
     void end(std::uint32_t nLease);
 
     /** Begins no further delivery. */
@@ -106,7 +106,7 @@ private:
     void look();
     void lookAt(std::uint32_t nLease, LeaseQueue& queue);
     void lookForEnded();
-    void readNamed(const Lease& lease);
+    void readNamed(std::uint32_t nLease);
 
     RelayLoop& m_loop;
     Engine& m_engine;

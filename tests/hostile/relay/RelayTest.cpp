@@ -160,6 +160,24 @@ TEST_F(RelayTest, AnonymousLease_EndsWithItsProcessAndWhatCameBecomesDeadLetters
     })) << "the sender's relay has been told, and refuses";
 }
 
+TEST_F(RelayTest, NameThatWasReleasedWhileASenderWasAway_IsRefusedAfterItsFirstNotification) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "billing", "log");
+    const std::string sLease = sink.readLine();
+    m_stage.endRelay("a", SIGTERM);
+    EXPECT_EQ(m_stage.run("b", {"release", "billing"}).second, 0);
+    m_stage.endRelay("b", SIGKILL);
+    startRelays();
+    ChildProcess first = m_stage.startService("a", "plain", sLease, 1);
+    first.wait();
+    EXPECT_TRUE(awaitCondition([&] { return deadLetters("gone") == 1; }));
+    EXPECT_THAT(m_stage.run("a", {"status"}).first, HasSubstr("refused    0"));
+    ChildProcess second = m_stage.startService("a", "plain", sLease, 1);
+    second.wait();
+    EXPECT_TRUE(awaitCondition(
+        [&] { return m_stage.run("a", {"status"}).first.find("refused    1") != std::string::npos; }));
+}
+
 TEST_F(RelayTest, FullStream_HoldsBackAndLosesNothing) {
     const int nCount = 1000;
     m_stage.administration().removeHost("b");

@@ -9,10 +9,12 @@
 #include <set>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 using namespace VornRelay;
+using testing::ElementsAre;
 
 namespace {
 
@@ -73,6 +75,29 @@ TEST_F(LeaseTableTest, LeasesAndTheirEnds_AreOnDisk) {
     EXPECT_EQ(table.find("kept")->nNumber, nKept);
     EXPECT_EQ(table.find(nEnded), nullptr);
     EXPECT_EQ(table.damagedLines(), 0U);
+}
+
+TEST_F(LeaseTableTest, NumbersOfEndedNames_AreRemembered) {
+    std::uint32_t nEnded = 0;
+    for (int nStart = 1; nStart <= 3; ++nStart) { // each writes the file anew
+        LeaseTable table(m_sPath);
+        if (nStart == 1) {
+            nEnded = table.grant(leaseOf("n")).nNumber;
+            table.end(nEnded);
+            table.end(table.grant(leaseOf("")).nNumber);
+        }
+        EXPECT_THAT(table.endedNames(), ElementsAre(nEnded)) << "start " << nStart;
+    }
+}
+
+TEST_F(LeaseTableTest, OfManyEndedNames_TheNewestAreRemembered) {
+    std::ofstream file(m_sPath);
+    for (std::uint32_t n = 1; n <= LeaseTable::cMostEndedNames + 2; ++n)
+        file << "{\"end\":" << (0x80000000U | n) << "}\n";
+    file.close();
+    const LeaseTable table(m_sPath);
+    EXPECT_EQ(table.endedNames().size(), LeaseTable::cMostEndedNames);
+    EXPECT_EQ(table.endedNames().front(), 0x80000003U);
 }
 
 TEST_F(LeaseTableTest, LineCutOffByAPowerCut_CostsNoOther) {

@@ -178,6 +178,40 @@ TEST_F(SinkDeliveryTest, LeaseThatEndsWhileADeadLetterIsUnderWay_BuriesTheRestAf
     EXPECT_TRUE(m_spDelivery->isIdle());
 }
 
+TEST_F(SinkDeliveryTest, WhatIsSentToAReleasedName_IsADeadLetterAndTold) {
+    Client client;
+    const std::uint32_t nLease = grant("n", client);
+    const std::string sReader =
+        "keep-" + std::to_string(nLease) + " vorn.to.h.keep." + std::to_string(nLease);
+    m_spDelivery->end(nLease);
+    m_spDelivery->reader().pullEnded("keep-" + std::to_string(nLease), 512);
+    EXPECT_THAT(m_engine.closed, IsEmpty()) << "somebody may not have heard of it";
+    for (const bool bRestart : {false, true}) {
+        SCOPED_TRACE(bRestart);
+        if (bRestart)
+            restart();
+        EXPECT_THAT(m_engine.opened, Contains(sReader));
+        m_engine.told.clear();
+        arrive(nLease, 1);
+        ASSERT_EQ(m_engine.unanswered(), 1U);
+        EXPECT_EQ(reason(), "gone");
+        EXPECT_THAT(m_engine.told, ElementsAre("vorn.gone.h " + std::to_string(nLease)));
+        m_engine.answer(Answer::stored);
+        EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1"));
+    }
+}
+
+TEST_F(SinkDeliveryTest, OfVeryManyReleasedNames_TheOldestIsReadToItsEnd) {
+    Client client;
+    const std::uint32_t nOldest = grant("n", client);
+    m_spDelivery->end(nOldest);
+    for (std::size_t n = 0; n < LeaseTable::cMostEndedNames; ++n)
+        m_spDelivery->end(grant("n", client));
+    const std::string sOldest = "keep-" + std::to_string(nOldest);
+    m_spDelivery->reader().pullEnded(sOldest, 512);
+    EXPECT_THAT(m_engine.closed, ElementsAre(sOldest));
+}
+
 TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsStored) {
     m_settings.nHeld = 8; // so a queue takes 2
     Client client;
