@@ -58,6 +58,8 @@ int main(int argc, char** argv) {
     addPipes(app, runner);
     addResolve(app, runner);
     addFollow(app, runner);
+    addTop(app, runner);
+    addMetrics(app, runner);
     addDoctor(app, runner);
     addHelp(app, runner);
     app.failure_message([](const CLI::App*, const CLI::Error&) { return std::string(); });

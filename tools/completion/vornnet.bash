@@ -17,6 +17,8 @@ _vornnet_options()
         follow) echo --level --class --count --json --log-level --help ;;
         pipes) echo --clean --json --log-level --help ;;
         resolve) echo --json --log-level --help ;;
+        top) echo --every --count --json --log-level --help ;;
+        metrics) echo --log-level --help ;;
         doctor) echo --pid --monitor --strict --json --log-level --help ;;
         *) echo --help --version ;;
     esac
@@ -46,8 +48,8 @@ _vornnet_words()
         --directory | --position-file) compgen -f ;;
         *)
             case $subcommand in
-                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow doctor help ;;
-                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow doctor ;;
+                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow top metrics doctor help ;;
+                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow top metrics doctor ;;
                 publish | subscribe) ((position > 1)) || _vornnet_addresses ;;
                 notify | connect | serve)
                     if ((position == 1)); then

@@ -42,13 +42,6 @@ Patient startSink(const std::string& transport, const std::string& role = "sink"
     return {std::move(process), std::move(address)};
 }
 
-UniqueFd connectTo(const std::string& address) {
-    const std::size_t colon = address.find(':');
-    if (address.substr(0, colon) == "pipe")
-        return unixConnect(pipePath(address.substr(colon + 1)));
-    return tcpConnect("127.0.0.1", std::stoi(address.substr(address.rfind(':') + 1)));
-}
-
 /** The only finding of a check that is worse than "ok"; none if there is none. */
 Json findingOf(const std::string& check, const std::vector<std::string>& options = {}) {
     std::vector<std::string> arguments = {"doctor", "--json"};

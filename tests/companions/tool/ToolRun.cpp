@@ -72,9 +72,9 @@ std::string toolFile(const std::string& name) {
 }
 
 const std::vector<std::string>& subcommands() {
-    static const std::vector<std::string> names = {"sink",    "notify",  "publish", "subscribe",
-                                                   "connect", "serve",   "encode",  "decode",
-                                                   "pipes",   "resolve", "follow",  "doctor"};
+    static const std::vector<std::string> names = {"sink",   "notify", "publish", "subscribe", "connect",
+                                                   "serve",  "encode", "decode",  "pipes",     "resolve",
+                                                   "follow", "top",    "metrics", "doctor"};
     return names;
 }
 
@@ -126,6 +126,13 @@ std::string addressOf(ChildProcess& sink) {
     const std::string line = nextLine(sink);
     EXPECT_EQ(line.substr(0, prefix.size()), prefix);
     return line.substr(prefix.size());
+}
+
+UniqueFd connectTo(const std::string& address) {
+    const std::size_t colon = address.find(':');
+    if (address.substr(0, colon) == "pipe")
+        return unixConnect(pipePath(address.substr(colon + 1)));
+    return tcpConnect("127.0.0.1", std::stoi(address.substr(address.rfind(':') + 1)));
 }
 
 } // namespace VornTest

@@ -4,6 +4,7 @@
 #define VORNTEST_TOOLRUN_H
 
 #include "LeakCheckedTest.h"
+#include "Posix.h"
 #include "Process.h"
 
 #include <nlohmann/json.hpp>
@@ -78,6 +79,9 @@ void interruptSeveralTimes(ChildProcess& tool);
 
 /** Starts `sink` and returns its address, which is its first line. */
 std::string addressOf(ChildProcess& sink);
+
+/** A plain client of the server at a pipe or a TCP port. */
+UniqueFd connectTo(const std::string& address);
 
 } // namespace VornTest
 

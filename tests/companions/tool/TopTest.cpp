@@ -1,0 +1,142 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Await.h"
+#include "Posix.h"
+#include "Sandbox.h"
+#include "ToolRun.h"
+
+#include <csignal>
+#include <sstream>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace VornTest;
+using testing::AllOf;
+using testing::HasSubstr;
+
+namespace {
+
+class VornnetTop : public ToolNetworkTest {
+protected:
+    /** The server at an address, as `top --json` shows it. */
+    static Json serverAt(const std::string& address) {
+        const Json servers = runTool({"top", "--json"}).json().at("servers");
+        for (const Json& server : servers) {
+            if (server.at("address") == address)
+                return server;
+        }
+        return {};
+    }
+};
+
+class VornnetMetrics : public ToolNetworkTest {
+protected:
+    /** The value of the sample that begins like this; empty without one. */
+    static std::string sample(const std::string& output, const std::string& beginning) {
+        std::istringstream lines(output);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind(beginning, 0) == 0)
+                return line.substr(line.rfind(' ') + 1);
+        }
+        return {};
+    }
+};
+
+} // namespace
+
+TEST_F(VornnetTop, WhereThereIsNoTerminal_PrintsTheTableOnce) {
+    ChildProcess sink = startTool({"sink", "--type", "socket"});
+    addressOf(sink);
+    const ToolResult result = runTool({"top"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("ADDRESS"), HasSubstr("socket:127.0.0.1:5023  accepts  0/5"),
+                      HasSubstr("process " + std::to_string(sink.pid()) + " (vornnet, user root)")));
+    EXPECT_THAT(result.output, testing::Not(HasSubstr("\033")));
+}
+
+TEST_F(VornnetTop, ServersOfEveryTransport_AreShownWithWhoWaitsAndWhoIsServed) {
+    ChildProcess pipe = startTool({"serve", "pipe:one", "--expect", "int"});
+    ChildProcess tcp = startTool({"serve", "socket:127.0.0.1:4711", "--expect", "int"});
+    ChildProcess udp = startTool({"serve", "udp:127.0.0.1:4711"});
+    nextLine(pipe);
+    nextLine(tcp);
+    nextLine(udp);
+    const UniqueFd pipeClient = unixConnect(pipePath("one"));
+    const UniqueFd tcpClient = tcpConnect("127.0.0.1", 4711);
+    for (const char* address : {"pipe:one", "socket:127.0.0.1:4711"}) {
+        EXPECT_TRUE(awaitCondition([&] { return serverAt(address).value("state", "") == "reads"; }));
+        const Json server = serverAt(address);
+        EXPECT_EQ(server.at("type"), "service");
+        EXPECT_EQ(server.at("backlog"), 5);
+        ASSERT_EQ(server.at("served").size(), 1U);
+        EXPECT_EQ(server.at("served").at(0).at("processes").at(0).at("pid"), ::getpid());
+        EXPECT_EQ(server.at("waiting").size(), 0U);
+    }
+    const UniqueFd second = unixConnect(pipePath("one"));
+    EXPECT_EQ(serverAt("pipe:one").at("waiting").at(0).at("processes").at(0).at("pid"), ::getpid());
+    EXPECT_EQ(serverAt("udp:127.0.0.1:4711").at("state"), "accepts");
+    EXPECT_EQ(serverAt("udp:127.0.0.1:4711").at("unread_bytes"), 0);
+}
+
+TEST_F(VornnetTop, OnATerminal_IsShownAnewUntilQIsPressed) {
+    const UniqueFd server = unixListen(pipePath("shown"));
+    const ToolResult result = runShell("printf q | TERM=xterm script -qec \"stty rows 24 "
+                                       "cols 120; \\$TOOL top --every 0.1\" /dev/null");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output,
+                AllOf(HasSubstr("pipe:shown"), HasSubstr("\033[?1049h"), HasSubstr("\033[?1049l")));
+}
+
+TEST_F(VornnetTop, WhenItIsTerminated_GivesTheTerminalBackAtOnce) {
+    ChildProcess terminal = ChildProcess::spawn(
+        {"script", "-qec", "echo $$; TERM=xterm exec " + toolPath() + " top --every 3600", "/dev/null"});
+    const pid_t top = std::stoi(nextLine(terminal));
+    const std::string status = "/proc/" + std::to_string(top) + "/status";
+    EXPECT_TRUE(awaitCondition(
+        [&] { return readTextFile(status).find("SigBlk:\t0000000000004002\n") != std::string::npos; }));
+    EXPECT_EQ(::kill(top, SIGTERM), 0);
+    const ToolResult result = finish(terminal);
+    EXPECT_EQ(result.status, 143);
+    EXPECT_THAT(result.output, HasSubstr("\033[?1049l"));
+}
+
+TEST_F(VornnetMetrics, AllOfThem_AreReadByAForeignParser) {
+    ChildProcess sink = startTool({"sink", "--type", "socket"});
+    ChildProcess udp = startTool({"sink", "--type", "udp"});
+    addressOf(sink);
+    addressOf(udp);
+    const UniqueFd harmful = unixListen(pipePath("a\"b\\c"));
+    const ToolResult result =
+        runShell("\"$TOOL\" metrics | /usr/bin/python3 -c 'import sys\n"
+                 "from prometheus_client.openmetrics.parser import text_string_to_metric_families as read\n"
+                 "for family in read(sys.stdin.read()):\n"
+                 "    for sample in family.samples:\n"
+                 "        print(sample.name, family.type, sample.labels.get(\"address\"), sample.value)'");
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_THAT(result.output, AllOf(HasSubstr("vornnet_accepting gauge socket:127.0.0.1:5023 1\n"),
+                                     HasSubstr("vornnet_dropped_datagrams_total counter udp:127.0.0.1:5023 "
+                                               "0\n"),
+                                     HasSubstr("vornnet_waiting_clients gauge pipe:a\"b\\c 0\n")));
+}
+
+TEST_F(VornnetMetrics, OfAServer_AreItsQueueAndWhetherItAccepts) {
+    ChildProcess server = startTool({"serve", "pipe:busy", "--expect", "int"});
+    nextLine(server);
+    const std::string labels = "{address=\"pipe:busy\",type=\"service\",pid=\"" +
+                               std::to_string(server.pid()) + "\",process=\"vornnet\",user=\"root\"}";
+    EXPECT_EQ(sample(runTool({"metrics"}).output, "vornnet_accepting" + labels), "1");
+    const UniqueFd first = unixConnect(pipePath("busy"));
+    EXPECT_TRUE(awaitCondition(
+        [&] { return sample(runTool({"metrics"}).output, "vornnet_accepting" + labels) == "0"; }));
+    const UniqueFd second = unixConnect(pipePath("busy"));
+    unixListen(pipePath("dead"));
+    const std::string output = runTool({"metrics"}).output;
+    EXPECT_EQ(sample(output, "vornnet_waiting_clients" + labels), "1");
+    EXPECT_EQ(sample(output, "vornnet_backlog_clients" + labels), "5");
+    EXPECT_EQ(sample(output, "vornnet_connections" + labels), "1");
+    EXPECT_EQ(sample(output, "vornnet_pipes{state=\"dead\"}"), "1");
+}

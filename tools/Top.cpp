@@ -1,0 +1,211 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Command.h"
+#include "ExitStatus.h"
+#include "Interruption.h"
+#include "LibraryRecords.h"
+#include "Output.h"
+#include "Servers.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <clocale>
+#include <cstdio>
+
+#define NCURSES_NOMACROS
+#include <curses.h>
+#include <unistd.h>
+
+namespace VornTool {
+
+namespace {
+
+struct TopOptions : CommonOptions {
+    double every = 1;
+    long count = 0;
+};
+
+/** A signal or a key is noticed within this time. */
+constexpr std::chrono::milliseconds cLongestPause(50);
+
+/** The terminal while it shows the table; what was there before comes back at the end. */
+class Screen {
+public:
+    Screen() {
+        std::setlocale(LC_ALL, "");
+        if (::newterm(nullptr, stdout, stdin) == nullptr)
+            throw ToolError(exitFailed, "the terminal is of a kind that is not known here");
+        ::cbreak();
+        ::noecho();
+        ::curs_set(0);
+    }
+
+    ~Screen() { ::endwin(); }
+
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    void show(const std::vector<std::string>& lines);
+
+    /** Waits. @return whether "q" was pressed meanwhile, or a signal came */
+    bool isEndWanted(std::chrono::milliseconds time, const Interruption& interruption);
+};
+
+void Screen::show(const std::vector<std::string>& lines) {
+    ::erase();
+    for (int row = 0; row < std::min<int>(LINES, static_cast<int>(lines.size())); ++row) {
+        if (row == 0)
+            ::attron(A_REVERSE);
+        ::mvaddnstr(row, 0, lines[static_cast<std::size_t>(row)].c_str(), COLS);
+        ::attroff(A_REVERSE);
+    }
+    ::refresh();
+}
+
+bool Screen::isEndWanted(std::chrono::milliseconds time, const Interruption& interruption) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    ::timeout(static_cast<int>(cLongestPause.count()));
+    while (std::chrono::steady_clock::now() < end && !interruption.isRequested()) {
+        const int key = ::getch();
+        if (key == 'q' || key == 'Q')
+            return true;
+    }
+    return interruption.isRequested();
+}
+
+std::string ageText(const std::optional<std::chrono::milliseconds>& age) {
+    return age ? durationText(*age) : "-";
+}
+
+std::string queueText(const Server& server) {
+    if (server.socket.queue)
+        return std::to_string(server.socket.queue->waiting) + "/" +
+               std::to_string(server.socket.queue->backlog);
+    return std::to_string(server.socket.unread) + " B";
+}
+
+using Row = std::array<std::string, 6>;
+
+void addClients(const std::vector<Client>& clients, const std::string& state, std::vector<Row>& rows) {
+    for (const Client& client : clients) {
+        Client named = client;
+        named.since.reset();
+        rows.push_back({"  client", state, "", ageText(client.since), "", printable(describe(named))});
+    }
+}
+
+std::vector<Row> rowsOf(const std::vector<Server>& servers) {
+    std::vector<Row> rows = {{"ADDRESS", "STATE", "QUEUE", "SINCE", "TYPE", "PROCESS"}};
+    for (const Server& server : servers) {
+        rows.push_back({printable(server.address), nameOf(server.activity), queueText(server),
+                        ageText(server.since), nameOf(server.type),
+                        printable(describeFully(server.processes))});
+        addClients(server.waiting, "waits", rows);
+        addClients(server.served, "served", rows);
+    }
+    return rows;
+}
+
+std::vector<std::string> linesOf(const std::vector<Row>& rows) {
+    std::array<std::size_t, 6> widths{};
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column)
+            widths[column] = std::max(widths[column], row[column].size());
+    }
+    std::vector<std::string> lines;
+    for (const Row& row : rows) {
+        std::string line;
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            std::string cell = row[column];
+            cell.resize(std::max(cell.size(), widths[column]), ' ');
+            line += (column == 0 ? "" : "  ") + cell;
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Json toJson(const Client& client) {
+    Json object = {{"processes", toJson(client.processes)}, {"place", client.place}};
+    if (client.since)
+        object["seconds"] = std::chrono::duration<double>(*client.since).count();
+    return object;
+}
+
+Json toJson(const Server& server) {
+    Json object = {{"address", server.address},        {"type", nameOf(server.type)},
+                   {"state", nameOf(server.activity)}, {"processes", toJson(server.processes)},
+                   {"waiting", Json::array()},         {"served", Json::array()}};
+    if (server.since)
+        object["seconds"] = std::chrono::duration<double>(*server.since).count();
+    if (server.socket.queue)
+        object["backlog"] = server.socket.queue->backlog;
+    else
+        object["unread_bytes"] = server.socket.unread;
+    for (const Client& client : server.waiting)
+        object["waiting"].push_back(toJson(client));
+    for (const Client& client : server.served)
+        object["served"].push_back(toJson(client));
+    return object;
+}
+
+void print(const TopOptions& options, const std::vector<Server>& servers) {
+    if (options.json) {
+        Json list = Json::array();
+        for (const Server& server : servers)
+            list.push_back(toJson(server));
+        Output::json({{"servers", list}});
+        return;
+    }
+    for (const std::string& line : linesOf(rowsOf(servers)))
+        Output::line(line.substr(0, line.find_last_not_of(' ') + 1));
+}
+
+/** Prints the table as often as was asked for. */
+int printAgain(const TopOptions& options, std::chrono::milliseconds pause) {
+    Interruption interruption(std::chrono::milliseconds(500));
+    for (long i = 0; i < std::max(options.count, 1L); ++i) {
+        if (i > 0 && !interruption.sleepFor(pause))
+            break;
+        print(options, listServers());
+    }
+    return interruption.status();
+}
+
+/** Shows it on the terminal until somebody has enough. */
+int showUntilEnd(const TopOptions& options, std::chrono::milliseconds pause) {
+    const Interruption interruption(std::chrono::seconds(2)); // so that the terminal gets back what it had
+    Screen screen;
+    for (long i = 0; options.count == 0 || i < options.count; ++i) {
+        screen.show(linesOf(rowsOf(listServers())));
+        if (screen.isEndWanted(pause, interruption))
+            break;
+    }
+    return interruption.status();
+}
+
+int runTop(TopOptions& options) {
+    const LibraryRecords records(options.logLevel);
+    const std::chrono::milliseconds pause(static_cast<long>(options.every * 1000));
+    const bool isTerminal = ::isatty(STDOUT_FILENO) == 1 && ::isatty(STDIN_FILENO) == 1;
+    return isTerminal && !options.json ? showUntilEnd(options, pause) : printAgain(options, pause);
+}
+
+} // namespace
+
+void addTop(CLI::App& app, Runner& runner) {
+    auto options = std::make_shared<TopOptions>();
+    CLI::App* command = addCommand(
+        app, "top", "Show the sinks and services of this host with their queues and clients", *options);
+    command->add_option("--every", options->every, "Look again every SECONDS (1)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.1, 3600.0));
+    command->add_option("--count", options->count, "End after N looks; where this is no terminal, after one")
+        ->type_name("N")
+        ->check(CLI::Range(1L, 1000000000L));
+    addJsonOption(*command, *options);
+    setRunner(command, runner, options, runTop);
+}
+
+} // namespace VornTool
