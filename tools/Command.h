@@ -46,6 +46,7 @@ void addDecode(CLI::App& app, Runner& runner);
 void addPipes(CLI::App& app, Runner& runner);
 void addResolve(CLI::App& app, Runner& runner);
 void addFollow(CLI::App& app, Runner& runner);
+void addPing(CLI::App& app, Runner& runner);
 void addTop(CLI::App& app, Runner& runner);
 void addMetrics(CLI::App& app, Runner& runner);
 void addDoctor(CLI::App& app, Runner& runner);

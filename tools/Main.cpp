@@ -58,6 +58,7 @@ int main(int argc, char** argv) {
     addPipes(app, runner);
     addResolve(app, runner);
     addFollow(app, runner);
+    addPing(app, runner);
     addTop(app, runner);
     addMetrics(app, runner);
     addDoctor(app, runner);

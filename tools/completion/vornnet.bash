@@ -17,6 +17,7 @@ _vornnet_options()
         follow) echo --level --class --count --json --log-level --help ;;
         pipes) echo --clean --json --log-level --help ;;
         resolve) echo --json --log-level --help ;;
+        ping) echo --timeout --json --log-level --help ;;
         top) echo --every --count --json --log-level --help ;;
         metrics) echo --log-level --help ;;
         doctor) echo --pid --monitor --strict --json --log-level --help ;;
@@ -48,13 +49,13 @@ _vornnet_words()
         --directory | --position-file) compgen -f ;;
         *)
             case $subcommand in
-                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow top metrics doctor help ;;
-                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow top metrics doctor ;;
+                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping top metrics doctor help ;;
+                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping top metrics doctor ;;
                 publish | subscribe) ((position > 1)) || _vornnet_addresses ;;
-                notify | connect | serve)
+                notify | connect | serve | ping)
                     if ((position == 1)); then
                         _vornnet_addresses
-                    elif [[ $subcommand != notify ]] || ((position > 3)); then
+                    elif [[ $subcommand != ping && ($subcommand != notify || position -gt 3) ]]; then
                         echo int: short: long: bool: string: line: ack error
                     fi
                     ;;

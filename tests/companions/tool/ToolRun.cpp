@@ -74,7 +74,7 @@ std::string toolFile(const std::string& name) {
 const std::vector<std::string>& subcommands() {
     static const std::vector<std::string> names = {"sink",   "notify", "publish", "subscribe", "connect",
                                                    "serve",  "encode", "decode",  "pipes",     "resolve",
-                                                   "follow", "top",    "metrics", "doctor"};
+                                                   "follow", "ping",   "top",     "metrics",   "doctor"};
     return names;
 }
 
