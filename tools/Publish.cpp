@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <sstream>
 
 #include <poll.h>
@@ -88,10 +89,12 @@ std::vector<Value> valuesOf(const std::string& line, bool areSeveral) {
     return parseValues(texts);
 }
 
-VornPublisher::Options publisherOptions(const PublishOptions& options) {
+/** @param announcing is locked until the address has been told, which comes first */
+VornPublisher::Options publisherOptions(const PublishOptions& options, std::mutex& announcing) {
     VornPublisher::Options result;
     result.sDirectory = options.directory;
-    result.onSubscribe = [json = options.json](const VornPublisher::Subscriber& asking) {
+    result.onSubscribe = [json = options.json, &announcing](const VornPublisher::Subscriber& asking) {
+        const std::lock_guard afterTheAddress(announcing);
         if (json)
             Output::json({{"event", "subscriber"}, {"id", asking.nId}, {"from", asking.sFrom}});
         else
@@ -125,11 +128,14 @@ void publishLine(VornPublisher& publisher, const PublishOptions& options, const 
 int runPublish(PublishOptions& options) {
     const LibraryRecords records(options.logLevel);
     Interruption interruption(std::chrono::seconds(2));
-    VornPublisher publisher(options.address, {options.topic}, publisherOptions(options));
+    std::mutex announcing;
+    std::unique_lock announced(announcing);
+    VornPublisher publisher(options.address, {options.topic}, publisherOptions(options, announcing));
     if (options.json)
         Output::json({{"event", "address"}, {"address", publisher.getAddress()}});
     else
         Output::line("address " + publisher.getAddress());
+    announced.unlock();
     InputLines lines(interruption);
     for (std::string line; lines.next(line) && !Output::isLost();)
         publishLine(publisher, options, line);
