@@ -130,14 +130,11 @@ void SinkDelivery::setConnected(bool bConnected) {
 }
 
 const Lease& SinkDelivery::grant(const Lease& lease) {
-    const Lease* pBefore = lease.isNamed() ? m_leases.find(lease.sName) : nullptr;
-    const std::string sAddressBefore = pBefore == nullptr ? "" : pBefore->sAddress;
+    const bool bIsKnown = lease.isNamed() && m_leases.find(lease.sName) != nullptr;
     const Lease& granted = m_leases.grant(lease);
-    if (pBefore == nullptr && granted.isNamed())
+    if (granted.isNamed() && !bIsKnown)
         readNamed(granted.nNumber);
-    // What is under way to the old address ends, and begins again with the new one.
-    if (!sAddressBefore.empty() && sAddressBefore != granted.sAddress)
-        m_spDispatcher->cancel(sAddressBefore.c_str());
+    lookAt(granted.nNumber);
     return granted;
 }
 
@@ -152,11 +149,8 @@ void SinkDelivery::end(std::uint32_t nLease) {
     const std::vector<std::uint32_t>& ended = m_leases.endedNames();
     if (lease.isNamed() && ended.size() > LeaseTable::cMostEndedNames)
         m_reader.remove(consumerOf(ended[ended.size() - LeaseTable::cMostEndedNames - 1]));
-    const auto found = m_queues.find(nLease);
-    if (found != m_queues.end() && found->second.nTicket != 0)
-        m_spDispatcher->cancel(lease.sAddress.c_str()); // and deliverNext() finds that the lease has ended
-    else
-        deliverNext(nLease);
+    lookAt(nLease);
+    deliverNext(nLease);
 }
 
 void SinkDelivery::stop() {
@@ -247,6 +241,8 @@ void SinkDelivery::post(const Lease& lease, LeaseQueue& queue) {
     const VornSupport::VornSmartPointer<StoredContent> spProxy =
         new StoredContent(lease, sContent.substr(cHandleSize));
     queue.started = Clock::now();
+    if (std::exchange(queue.sAddress, lease.sAddress) != lease.sAddress)
+        queue.awaySince.reset();
     try {
         queue.nTicket = m_spDispatcher->post(*spProxy, VornSupport::VornNotification(0));
         m_underWay[queue.nTicket] = lease.nNumber;
@@ -302,8 +298,7 @@ void SinkDelivery::settleFirst(std::uint32_t nLease, LeaseQueue& queue) {
 void SinkDelivery::judge(std::uint32_t nLease) {
     LeaseQueue& queue = m_queues.at(nLease);
     queue.judge = 0;
-    const Lease* pLease = m_leases.find(nLease);
-    if (pLease != nullptr && isPipeAlive(pLease->sAddress))
+    if (m_leases.find(nLease) != nullptr && isPipeAlive(queue.sAddress))
         buryFirst(nLease, queue);
     else
         deliverNext(nLease);
@@ -354,9 +349,8 @@ void SinkDelivery::bury(Notification&& notification, const std::string& sReason,
 void SinkDelivery::look() {
     try {
         for (const auto& [nTicket, nLease] : m_underWay) {
-            LeaseQueue& queue = m_queues.at(nLease);
-            if (Clock::now() - queue.started > cSuspicious)
-                lookAt(nLease, queue);
+            if (Clock::now() - m_queues.at(nLease).started > cSuspicious)
+                lookAt(nLease);
         }
         lookForEnded();
     } catch (const std::system_error& error) { // a full disk; it is tried again
@@ -365,14 +359,29 @@ void SinkDelivery::look() {
     m_look = m_loop.after(cLookInterval, [this] { look(); });
 }
 
-void SinkDelivery::lookAt(std::uint32_t nLease, LeaseQueue& queue) {
-    const Lease* pLease = m_leases.find(nLease);
-    if (pLease == nullptr || isPipeAlive(pLease->sAddress)) {
+/**
+ * Finds out whether a client is away. A delivery that nobody wants any more is only given up when it is: a
+ * callback that runs would not notice, and be called again. A plain sink is away for a moment after each
+ * callback, so it has to be away twice.
+ */
+void SinkDelivery::lookAt(std::uint32_t nLease) {
+    const auto found = m_queues.find(nLease);
+    if (found == m_queues.end() || found->second.nTicket == 0)
+        return;
+    LeaseQueue& queue = found->second;
+    if (isPipeAlive(queue.sAddress)) {
         queue.awaySince.reset();
         return;
     }
-    if (!queue.awaySince)
+    const bool bWasAway = queue.awaySince.has_value();
+    if (!bWasAway)
         queue.awaySince = Clock::now();
+    const Lease* pLease = m_leases.find(nLease);
+    if (m_bStopped || pLease == nullptr || pLease->sAddress != queue.sAddress) {
+        if (bWasAway)
+            m_spDispatcher->cancel(queue.sAddress.c_str());
+        return;
+    }
     const bool bHasEnded = pLease->process != 0 && startOfProcess(pLease->process) != pLease->nStart;
     if (!pLease->isNamed() && (bHasEnded || Clock::now() - *queue.awaySince > m_settings.patience))
         end(nLease);

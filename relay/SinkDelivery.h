@@ -55,7 +55,7 @@ public:
     /** Ends a lease. What waits and what still comes becomes dead letters, and senders are told. */
     void end(std::uint32_t nLease);
 
-    /** Begins no further delivery. */
+    /** Begins no further delivery, and gives up those to sinks that are away. */
     void stop();
 
     /** @return whether nothing is under way. */
@@ -89,6 +89,7 @@ private:
         bool bBurying = false;            // the first one is becoming a dead letter
         std::size_t nSlow = 0;            // later ones that are becoming dead letters
         RelayLoop::Timer judge = 0;       // runs while it is found out what a reset has meant
+        std::string sAddress;             // where it is under way to, also when the lease has moved
         Clock::time_point started;
         std::optional<Clock::time_point> awaySince;
     };
@@ -104,7 +105,7 @@ private:
     void buryFirst(std::uint32_t nLease, LeaseQueue& queue);
     void bury(Notification&& notification, const std::string& sReason, std::function<void()> onStored = {});
     void look();
-    void lookAt(std::uint32_t nLease, LeaseQueue& queue);
+    void lookAt(std::uint32_t nLease);
     void lookForEnded();
     void readNamed(std::uint32_t nLease);
 

@@ -45,14 +45,19 @@ public:
     std::atomic<bool> bMayReturn{true};
 };
 
-/** A sink of this process with one callback. */
+/** A sink of this process with two callbacks. */
 struct Client {
-    Client() : spCallback(new GatedCallback(sink.getCallbackContainer().getNewId())) {
-        sink.getCallbackContainer().add(&*spCallback);
+    Client() : spCallback(addTo(sink)), spOther(addTo(sink)) {}
+
+    static GatedCallback* addTo(VornSteadySink& sink) {
+        auto* pCallback = new GatedCallback(sink.getCallbackContainer().getNewId());
+        sink.getCallbackContainer().add(pCallback);
+        return pCallback;
     }
 
     VornSteadySink sink{"client"};
     VornSmartPointer<GatedCallback> spCallback;
+    VornSmartPointer<GatedCallback> spOther;
 };
 
 /** The client's side of host "h"; its loop runs on the test's thread, in runUntil(). */
@@ -105,6 +110,20 @@ protected:
     }
 
     bool runUntil(const std::function<bool()>& condition) { return VornTest::runUntil(*m_spLoop, condition); }
+
+    /** Has a notification arrive, and its callback called, which does not return before it may. */
+    void occupy(std::uint32_t nLease, std::uint64_t n, GatedCallback& callback) {
+        callback.bMayReturn = false;
+        arrive(nLease, n);
+        EXPECT_TRUE(runUntil([&] { return callback.nCalls == 1; }));
+    }
+
+    /** Has the loop look at what is under way, more than once. */
+    void awaitLooks() {
+        bool bOver = false;
+        m_spLoop->after(std::chrono::milliseconds(600), [&] { bOver = true; });
+        runUntil([&] { return bOver; });
+    }
 
     /** @return the reason of the oldest dead letter that is not stored. */
     std::string reason() const { return std::string(m_engine.published(0).header("Vorn-Reason")); }
@@ -210,6 +229,70 @@ TEST_F(SinkDeliveryTest, OfVeryManyReleasedNames_TheOldestIsReadToItsEnd) {
     const std::string sOldest = "keep-" + std::to_string(nOldest);
     m_spDelivery->reader().pullEnded(sOldest, 512);
     EXPECT_THAT(m_engine.closed, ElementsAre(sOldest));
+}
+
+TEST_F(SinkDeliveryTest, LeaseThatEnds_LeavesTheCallbackOfAnotherOneAtThatAddressAlone) {
+    Client client;
+    const std::uint32_t nEnding =
+        grant("a", client.sink.getCallbackAddress().c_str(), client.spOther->getId());
+    const std::uint32_t nOther = grant("b", client);
+    occupy(nOther, 1, *client.spCallback);
+    arrive(nEnding, 2); // waits for the sink, which calls one callback at a time
+    m_spDelivery->end(nEnding);
+    client.spCallback->bMayReturn = true;
+    EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 2; }));
+    EXPECT_EQ(client.spCallback->nCalls, 1);
+}
+
+TEST_F(SinkDeliveryTest, NameThatMoves_LeavesTheCallbackThatRunsToItsOldAddress) {
+    Client before;
+    Client after;
+    const std::uint32_t nLease = grant("n", before);
+    occupy(nLease, 1, *before.spCallback);
+    arrive(nLease, 2);
+    grant("n", after);
+    before.spCallback->bMayReturn = true;
+    EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 2; }));
+    EXPECT_EQ(before.spCallback->nCalls, 1);
+    EXPECT_EQ(after.spCallback->nCalls, 1);
+}
+
+TEST_F(SinkDeliveryTest, NameThatMovesAwayFromADeadAddress_HasWhatWaitsDelivered) {
+    Client client;
+    const std::uint32_t nLease = grant("n", "pipe:nobody", 0);
+    arrive(nLease, 1);
+    EXPECT_TRUE(runUntil([&] { return m_spDelivery->queueOf(nLease).bAway; }));
+    grant("n", client);
+    EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 1; }));
+    EXPECT_EQ(client.spCallback->nCalls, 1);
+}
+
+TEST_F(SinkDeliveryTest, NameThatEndsWithItsClientAway_HasWhatWaitsBuried) {
+    const std::uint32_t nLease = grant("n", "pipe:nobody", 0);
+    arrive(nLease, 1);
+    m_spDelivery->end(nLease);
+    ASSERT_TRUE(runUntil([&] { return m_engine.unanswered() == 1; }));
+    EXPECT_EQ(reason(), "gone");
+}
+
+TEST_F(SinkDeliveryTest, StoppedWithAClientAway_ItIsIdleSoon) {
+    const std::uint32_t nLease = grant("n", "pipe:nobody", 0);
+    arrive(nLease, 1);
+    m_spDelivery->stop();
+    EXPECT_TRUE(runUntil([&] { return m_spDelivery->isIdle(); }));
+    EXPECT_THAT(m_engine.acknowledged, IsEmpty()) << "it is delivered after the next start";
+}
+
+TEST_F(SinkDeliveryTest, StoppedWithACallbackThatRuns_ItIsIdleWhenThatHasReturned) {
+    Client client;
+    const std::uint32_t nLease = grant("n", client);
+    occupy(nLease, 1, *client.spCallback);
+    m_spDelivery->stop();
+    awaitLooks();
+    EXPECT_FALSE(m_spDelivery->isIdle());
+    client.spCallback->bMayReturn = true;
+    EXPECT_TRUE(runUntil([&] { return m_spDelivery->isIdle(); }));
+    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1"));
 }
 
 TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsStored) {
