@@ -168,22 +168,21 @@ void Relay::look() {
             m_loop.end();
         return;
     }
-    const std::size_t nBytes = heldBytes();
-    try {
-        if (!m_bHolding && nBytes > m_settings.nHoldBytes) {
-            m_bHolding = true;
-            logLine(LogLevel::warning, "too much waits for the engine: services are refused");
-            for (const auto& [sHost, spHost] : m_hosts)
-                spHost->pipe().close();
-        } else if (m_bHolding && nBytes <= m_settings.nHoldBytes / 2) {
-            openPipes();
-            m_bHolding = false;
-            logLine(LogLevel::change, "services are accepted again");
-        }
-    } catch (const std::system_error& error) {
-        logLine(LogLevel::failure, std::string("a pipe cannot be opened: ") + error.what());
-    }
+    admitServices();
     sayReady();
+}
+
+/** Each host may have as much as is left for all, so that one that is away does not take what others need. */
+void Relay::admitServices() {
+    const std::size_t nLimit = m_settings.nHoldBytes;
+    const std::size_t nMost = m_hosts.size() == 1 ? nLimit : nLimit - std::min(nLimit, heldBytes());
+    for (const auto& [sHost, spHost] : m_hosts) {
+        try {
+            spHost->admit(nMost);
+        } catch (const std::system_error& error) {
+            logLine(LogLevel::failure, std::string("a pipe cannot be opened: ") + error.what());
+        }
+    }
 }
 
 std::size_t Relay::heldBytes() {

@@ -49,6 +49,7 @@ private:
 
     void openPipes();
     void look();
+    void admitServices();
     std::size_t heldBytes();
     void sayReady();
     void reload();
@@ -79,7 +80,6 @@ private:
     std::string m_sLastFailure;
     bool m_bConnected = false;
     bool m_bReady = false;
-    bool m_bHolding = false;
     bool m_bStopping = false;
 };
 

@@ -48,6 +48,17 @@ RemoteHost::RemoteHost(RelayLoop& loop, Engine& engine, const std::string& sSour
     engine.listenTo("vorn.gone." + sHost);
 }
 
+void RemoteHost::admit(std::size_t nMost) {
+    const bool bOpen = m_pipe.isOpen();
+    if (bOpen && m_queue.bytes() > nMost) {
+        m_pipe.close();
+        logLine(LogLevel::warning, "too much waits for " + m_sHost + ": services are refused");
+    } else if (!bOpen && m_queue.bytes() <= nMost / 2) {
+        m_pipe.open();
+        logLine(LogLevel::change, "services that notify " + m_sHost + " are accepted again");
+    }
+}
+
 void RemoteHost::setGone(std::uint32_t nLease) {
     if (m_gone.size() < cMostGone)
         m_gone.insert(nLease);

@@ -31,6 +31,10 @@ public:
 
     OutgoingQueue& queue() { return m_queue; }
 
+    /** Closes the pipe, so that services are refused, while more waits than @p nMost bytes, and opens it when
+     * half of that is left. @throws std::system_error */
+    void admit(std::size_t nMost);
+
     /** The host has told that a lease has ended: what comes for it is refused from now on. */
     void setGone(std::uint32_t nLease);
 

@@ -304,7 +304,7 @@ void RelayStage::configureEngine() {
          << pathOf("engine") << "\" }\ntls { cert_file: \"" << pathOf("localhost.pem") << "\", key_file: \""
          << pathOf("localhost.key") << "\", ca_file: \"" << pathOf("ca.pem")
          << "\", verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
-         << VornRelay::permissionsOf("a", {"b"}) << VornRelay::permissionsOf("b", {"a"}) << "] }\n";
+         << VornRelay::permissionsOf("a", {"b", "c"}) << VornRelay::permissionsOf("b", {"a"}) << "] }\n";
 }
 
 void RelayStage::configure(const std::string& sUser, const std::string& sMore) const {

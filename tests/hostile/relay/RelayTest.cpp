@@ -197,6 +197,23 @@ TEST_F(RelayTest, FullStream_HoldsBackAndLosesNothing) {
     EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
 }
 
+TEST_F(RelayTest, HostThatCannotTakeMore_HoldsUpNoServiceOfAnotherHost) {
+    VornRelay::NatsAdministration::Limits limits;
+    limits.nMessages = 1;
+    m_stage.administration().addHost("c", limits);
+    m_stage.startRelay("b");
+    m_stage.startRelay("a", "send-to = b, c\nhold-bytes = 200000\n");
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    ChildProcess tooMany = m_stage.startService("a", "plain", "pipe:relay-c 7", 100'000);
+    EXPECT_NE(tooMany.wait(), 0) << "remoteNotify() throws";
+    const std::string sStatus = m_stage.run("a", {"status"}).first;
+    EXPECT_THAT(sStatus, HasSubstr("stream full, closed\n"));
+    EXPECT_THAT(sStatus, HasSubstr("to b: 0 waiting, 0 bytes\n"));
+    ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), 50);
+    EXPECT_EQ(service.readLine(), "0");
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 50));
+}
+
 TEST_F(RelayTest, EngineAway_ServicesAreRefusedWhenTooMuchWaits) {
     m_stage.startRelay("b");
     m_stage.startRelay("a", "hold-bytes = 4000\n");
