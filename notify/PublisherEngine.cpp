@@ -592,6 +592,8 @@ void PublisherEngine::hear(PublisherClient& client) {
     // Whoever leaves before it has subscribed needs no answer.
     if (client.receive() != 0)
         return close(client);
+    if (client.state == State::request && client.hasOutput())
+        sayKnown(client);
     if (client.state == State::line)
         hearLine(client);
     if (client.state == State::request)
@@ -604,12 +606,18 @@ void PublisherEngine::hearLine(PublisherClient& client) {
     if (client.topic != nullptr) {
         client.state = State::request;
         client.say({&Wire::cKnown, 1});
-        const PublisherClient::Sent sent = client.sendLast();
-        if (sent.nError != 0)
-            close(client);
+        sayKnown(client);
     } else if (line || client.isLineTooLong()) {
         refuse(client, {&Wire::cUnknown, 1});
     }
+}
+
+/** A socket of which nothing has been sent yet takes no byte when the kernel is short of memory. */
+void PublisherEngine::sayKnown(PublisherClient& client) {
+    const PublisherClient::Sent sent = client.sendLast();
+    if (sent.nError != 0)
+        return close(client);
+    await(client, client.hasOutput() ? cHearing | EPOLLOUT : cHearing);
 }
 
 void PublisherEngine::hearRequest(PublisherClient& client) {

@@ -105,6 +105,7 @@ private:
     void add(OwnedDescriptor socket, const sockaddr_in& peer);
     void hear(PublisherClient& client);
     void hearLine(PublisherClient& client);
+    void sayKnown(PublisherClient& client);
     void hearRequest(PublisherClient& client);
     VornString objectionTo(const PublisherClient& client) const;
     void check(PublisherClient& client);

@@ -30,7 +30,8 @@ VornString PublisherListener::text() const {
         return "pipe:" + m_address.pipe();
     sockaddr_in address{};
     socklen_t length = sizeof address;
-    System::getsockname(m_socket.number(), reinterpret_cast<sockaddr*>(&address), &length);
+    if (System::getsockname(m_socket.number(), reinterpret_cast<sockaddr*>(&address), &length) == -1)
+        throwSystemError(errno);
     // All addresses together are none to connect to; this one is among them.
     if (address.sin_addr.s_addr == htonl(INADDR_ANY))
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -33,7 +33,7 @@ public:
 
     bool isPipe() const { return m_address.isPipe(); }
 
-    /** @return where clients find it. */
+    /** @return where clients find it. @throws std::system_error */
     VornString text() const;
 
     /** @return a listener with a new file when that of the pipe has gone, and can be made. */

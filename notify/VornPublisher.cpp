@@ -119,8 +119,10 @@ VornPublisher::State::State(const VornString& sAddress, const std::vector<VornSt
     const auto group = options.sPipeGroup.empty() ? std::nullopt : findGroup(options.sPipeGroup);
     if (!address || !isSound(options, topics) || (!group && !options.sPipeGroup.empty()) || !allow(options))
         throw VornException(cInvalidOption, EINVAL);
-    opening(cServerFailed, [&] { m_listener.emplace(*address, group); });
-    m_sAddress = m_listener->text();
+    opening(cServerFailed, [&] {
+        m_listener.emplace(*address, group);
+        m_sAddress = m_listener->text();
+    });
     opening(cHistoryFailed, [&] {
         for (const VornString& sTopic : topics)
             addTopic(sTopic);
