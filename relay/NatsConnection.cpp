@@ -45,6 +45,7 @@ NatsPointer<natsOptions> optionsFor(const EngineAccess& access, std::chrono::mil
     check(natsOptions_SetAllowReconnect(created, false), "reconnecting");
     check(natsOptions_SetReconnectBufSize(created, 0), "reconnect buffer");
     check(natsOptions_SetSendAsap(created, true), "sending");
+    check(natsOptions_SetWriteDeadline(created, access.writeLimit.count()), "write limit");
     check(natsOptions_SetPingInterval(created, 3000), "ping interval");
     check(natsOptions_SetMaxPingsOut(created, 2), "pings");
     check(natsOptions_SetCustomInboxPrefix(created, inboxOf(access).c_str()), "inbox");

@@ -22,6 +22,7 @@ struct EngineAccess {
     std::string sKey;         ///< file of its key
     std::string sLogin;       ///< user name, for engines without TLS
     std::string sPassword;    ///< and password
+    std::chrono::milliseconds writeLimit{5000}; ///< after which a server that reads nothing is given up
 };
 
 /** @return what the client library says of a status, and of its last error on this thread. */

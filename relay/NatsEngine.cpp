@@ -134,7 +134,8 @@ struct NatsEngine::Link {
 
     std::mutex mutex;
     std::condition_variable changed;
-    int nOpen = 1; // guarded by mutex; the connection and each subscription count one
+    std::atomic<bool> bBroken{false}; // what was sent last may be half on its way
+    int nOpen = 1;                    // guarded by mutex; the connection and each subscription count one
     NatsPointer<natsConnection> spConnection;
     std::vector<NatsPointer<natsSubscription>> subscriptions;
 };
@@ -266,10 +267,10 @@ std::shared_ptr<NatsEngine::Link> NatsEngine::connect(std::string& sWhy) try {
 }
 
 void NatsEngine::awaitClosed(Link& link) {
-    // Two reasons to go on, and only one can be waited for: it is looked at the other one in between.
+    // Three reasons to go on, and only one can be waited for: it is looked at the others in between.
     constexpr milliseconds cLook{50};
     bool bStopping = false;
-    while (!bStopping && !natsConnection_IsClosed(link.spConnection.get())) {
+    while (!bStopping && !link.bBroken && !natsConnection_IsClosed(link.spConnection.get())) {
         std::unique_lock lock(m_mutex);
         bStopping = m_changed.wait_for(lock, cLook, [this] { return m_bStopping; });
     }
@@ -322,7 +323,18 @@ bool NatsEngine::send(const Message& message, const std::string& sReply) {
         if (natsMsgHeader_Set(created, sName.c_str(), sValue.c_str()) != NATS_OK)
             return false;
     }
-    return natsConnection_PublishMsg(spLink->spConnection.get(), created) == NATS_OK;
+    const natsStatus status = natsConnection_PublishMsg(spLink->spConnection.get(), created);
+    if (status == NATS_TIMEOUT)
+        giveUp(*spLink);
+    return status == NATS_OK;
+}
+
+/** The loop waits for a server that reads nothing once, and no second time. */
+void NatsEngine::giveUp(Link& link) {
+    link.bBroken = true;
+    const std::lock_guard lock(m_mutex);
+    if (m_spLink.get() == &link)
+        m_spLink.reset();
 }
 
 void NatsEngine::settle(std::uint64_t nTicket, const std::string* pReply) {

@@ -26,6 +26,9 @@ namespace VornRelay {
  * read at each connection, and nothing is kept and sent later by the client library. The library's own pull
  * and acknowledge functions are not used: natsSubscription_Fetch() of 3.4.1 writes past its array when
  * messages of an earlier request still wait, and natsMsg_Ack() follows a pointer that may have gone.
+ *
+ * Blocking: publish() and what else sends, while the server reads nothing, up to the limit in EngineAccess;
+ * the connection is then given up.
  */
 class NatsEngine : public Engine {
 public:
@@ -71,6 +74,7 @@ private:
     void request(const std::string& sSubject, const std::string& sText, ReplyHandler onReply);
     void create(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened);
     bool send(const Message& message, const std::string& sReply);
+    void giveUp(Link& link);
     void settle(std::uint64_t nTicket, const std::string* pReply);
     void failAll();
     void sweep();

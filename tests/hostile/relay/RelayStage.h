@@ -41,6 +41,9 @@ public:
     void startEngine();
     void killEngine();
 
+    /** Has the engine stop, SIGSTOP, and go on, SIGCONT. */
+    void signalEngine(int nSignal) { m_engine->kill(nSignal); }
+
     /** Starts a host's relay. @param sMore lines for its configuration */
     void startRelay(const std::string& sHost, const std::string& sMore = {});
 

@@ -5,10 +5,13 @@
 #include "RelayStage.h"
 
 #include <NatsConnection.h>
+#include <NatsEngine.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -38,6 +41,51 @@ protected:
     }
 
     RelayStage m_stage;
+};
+
+/** An engine's connection of its own, with its loop on a thread. */
+class Connection : private VornRelay::Engine::Listener {
+public:
+    explicit Connection(const VornRelay::EngineAccess& access)
+        : m_engine(m_loop, access, std::chrono::seconds(60), *this), m_thread([this] { m_loop.run(); }) {
+        m_loop.post([this] { m_engine.start(); });
+    }
+
+    ~Connection() override {
+        m_loop.end();
+        m_thread.join();
+        m_engine.stop();
+    }
+
+    void publish(const std::string& sSubject, const std::string& sContent) {
+        m_loop.post([this, sSubject, sContent] {
+            m_engine.publish({sSubject, {}, sContent},
+                             [this](VornRelay::Engine::Answer answer, const std::string&) {
+                                 nUnknown += answer == VornRelay::Engine::Answer::unknown ? 1 : 0;
+                             });
+        });
+    }
+
+    std::atomic<int> nConnected{0};
+    std::atomic<int> nLost{0};
+    std::atomic<int> nUnknown{0};
+
+private:
+    void connected() override { ++nConnected; }
+
+    void disconnected(const std::string&) override { ++nLost; }
+
+    void arrived(VornRelay::Engine::Arrival&&) override {}
+
+    void pullEnded(const std::string&, std::size_t) override {}
+
+    void consumerLost(const std::string&) override {}
+
+    void told(const std::string&, const std::string&) override {}
+
+    VornRelay::RelayLoop m_loop;
+    VornRelay::NatsEngine m_engine;
+    std::thread m_thread;
 };
 
 /** Services and sinks of either kind, on the road between two hosts. */
@@ -229,6 +277,21 @@ TEST_F(RelayTest, EngineAway_ServicesAreRefusedWhenTooMuchWaits) {
         [&] { return m_stage.run("a", {"status"}).first.find("closed") == std::string::npos; }));
     EXPECT_TRUE(RelayStage::awaitNumbers("log", 250)); // of 16 bytes each
     EXPECT_EQ(RelayStage::history("log", 250).nOutOfOrder, 0U);
+}
+
+TEST_F(RelayTest, EngineThatReadsNothing_IsGivenUpAndConnectedToAgain) {
+    VornRelay::EngineAccess access = m_stage.access("a");
+    access.writeLimit = std::chrono::milliseconds(100);
+    Connection connection(access);
+    ASSERT_TRUE(awaitCondition([&] { return connection.nConnected == 1; }));
+    m_stage.signalEngine(SIGSTOP);
+    const int nMessages = 32; // more than the buffers of two sockets take
+    for (int i = 0; i < nMessages; ++i)
+        connection.publish("vorn.to.b.sink.lease.1", std::string(1'000'000, 'x'));
+    EXPECT_TRUE(awaitCondition([&] { return connection.nLost > 0; }));
+    EXPECT_EQ(connection.nUnknown, nMessages);
+    m_stage.signalEngine(SIGCONT);
+    EXPECT_TRUE(awaitCondition([&] { return connection.nConnected == 2; }));
 }
 
 TEST_F(RelayTest, DamagedJournal_IsPutAsideAndSaid) {
