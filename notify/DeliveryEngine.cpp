@@ -2,8 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DeliveryEngine.h"
 
-#include "CancellationOff.h"
-
+#include <Cancellation.h>
 #include <SystemCalls.h>
 
 #include <algorithm>

@@ -3,13 +3,13 @@
 #include "VornDispatcher.h"
 
 #include "CallbackEndpoint.h"
-#include "CancellationOff.h"
 #include "ComposingConnection.h"
 #include "DeliveryEngine.h"
 #include "DispatchBook.h"
 #include "HomeProcess.h"
 #include "ResultTeller.h"
 
+#include <Cancellation.h>
 #include <LogRecord.h>
 #include <VornException.h>
 
