@@ -7,6 +7,7 @@
 #include "Random.h"
 #include "Wire.h"
 
+#include <Cancellation.h>
 #include <VornException.h>
 
 #include <algorithm>
@@ -65,6 +66,24 @@ bool isConnectedToItself(int fd) {
 }
 
 } // namespace
+
+/** Lets others drive when a step is over, and also when the thread is ended within a handler. */
+class SubscriberWork::Driving {
+public:
+    explicit Driving(SubscriberWork& work) : m_work(work) {}
+
+    ~Driving() { m_work.endDriving(m_isOver); }
+
+    Driving(const Driving&) = delete;
+    Driving& operator=(const Driving&) = delete;
+
+    /** The step has come to its end. */
+    void finish() { m_isOver = true; }
+
+private:
+    SubscriberWork& m_work;
+    bool m_isOver = false;
+};
 
 SubscriberWork::SubscriberWork(const CallbackEndpoint& service, const VornString& sTopic,
                                const VornSubscriber::EventHandler& onEvent, const Options& options)
@@ -169,6 +188,7 @@ void SubscriberWork::run() {
 std::size_t SubscriberWork::drive(bool isWaiting) {
     if (!beginDriving())
         return 0;
+    Driving driving(*this);
     m_nCalled = 0;
     const std::uint32_t events = m_poll->wait(isWaiting);
     m_poll->answerWakeUp();
@@ -177,7 +197,7 @@ std::size_t SubscriberWork::drive(bool isWaiting) {
     } catch (const std::bad_alloc&) {
         leave(m_wasConnected ? State::away : State::connecting, cClosed, ENOMEM);
     }
-    endDriving();
+    driving.finish();
     return m_nCalled;
 }
 
@@ -190,12 +210,16 @@ bool SubscriberWork::beginDriving() {
     return true;
 }
 
-void SubscriberWork::endDriving() {
+/** @param isOver whether the step was gone through; what it has left is for the next one to drive. */
+void SubscriberWork::endDriving(bool isOver) {
+    const CancellationOff off;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_isDriving = false;
     m_driver = {};
     if (m_isStopped)
         cleanUp();
+    else if (!isOver)
+        m_poll->wakeUp();
     m_changed.notify_all();
 }
 
@@ -219,6 +243,8 @@ void SubscriberWork::advance(std::uint32_t events) {
         receive();
     else if (m_phase != Phase::pause && events != 0)
         send();
+    else
+        deal();    // what a thread has left that was ended within a handler
     if (m_isMoved) // a handler has said so
         takeMove();
     if (m_isStopped)

@@ -66,10 +66,12 @@ private:
 
     enum class Phase { pause, connecting, asking, answer, live };
 
+    class Driving;
+
     void run();
     std::size_t drive(bool isWaiting);
     bool beginDriving();
-    void endDriving();
+    void endDriving(bool isOver);
     void cleanUp();
 
     void advance(std::uint32_t events);

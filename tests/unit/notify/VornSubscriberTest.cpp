@@ -6,6 +6,7 @@
 #include "LogCapture.h"
 #include "PublisherFixture.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 #include "SubscriptionPeers.h"
 
 #include <VornException.h>
@@ -23,6 +24,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -951,6 +953,21 @@ TEST_F(VornSubscriber_Service, AFullQueue_Is11) {
     admit();
 }
 
+using VornSubscriber_Thread = SubscriberFixture;
+
+TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
+    if (underSanitizer)
+        GTEST_SKIP() << losesCancelledThreads;
+    listen();
+    m_inHandler = [](const std::string&) { ::pthread_exit(nullptr); };
+    subscribe(quick());
+    admit();
+    say(WireFrame::event(1, "a"));
+    ASSERT_TRUE(awaitLine("1 a"));
+    EXPECT_TRUE(WatchedThread([&] { subscriber().stop(); }).join());
+    EXPECT_EQ(receiveToEnd(m_service.get()), "");
+}
+
 // In an event loop.
 
 class VornSubscriber_Loop : public SubscriberFixture {
@@ -1033,6 +1050,45 @@ TEST_F(VornSubscriber_Loop, AtMostAbout64KiBAtATime_AndTheHandleStaysReadable) {
     }
     EXPECT_EQ(called, 150U);
     EXPECT_EQ(lines().size(), 150U);
+}
+
+TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheNext) {
+    if (underSanitizer)
+        GTEST_SKIP() << losesCancelledThreads;
+    listen();
+    subscribe(quick());
+    admit();
+    ASSERT_TRUE(awaitLine("connected '' 0"));
+    m_inHandler = [](const std::string& text) {
+        if (text == "a")
+            ::pthread_exit(nullptr);
+    };
+    say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
+    ASSERT_TRUE(m_driver->join());
+    EXPECT_TRUE(isReadable(1000));
+    EXPECT_EQ(subscriber().dispatch(), 1U);
+    EXPECT_EQ(lines().back(), "2 b");
+}
+
+TEST_F(VornSubscriber_Loop, OfTwoThreadsThatDispatch_EachIsToldWhatItHasCalledFor) {
+    constexpr std::size_t count = 1000;
+    listen();
+    subscribeOnly();
+    subscriber().dispatch();
+    acceptLine();
+    say("+" + WirePlace{history, 1, 0, 5000}.bytes());
+    std::atomic<std::size_t> called{0};
+    const auto drive = [&] {
+        while (called < count)
+            called += isReadable(10) ? subscriber().dispatch() : 0;
+    };
+    WatchedThread one(drive);
+    WatchedThread other(drive);
+    for (std::uint64_t number = 1; number <= count; ++number)
+        say(WireFrame::event(number, "x"));
+    EXPECT_TRUE(one.join());
+    EXPECT_TRUE(other.join());
+    EXPECT_EQ(called, count);
 }
 
 TEST(VornSubscriber, NameOf_IsTheNameInTheSource) {
