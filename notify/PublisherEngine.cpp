@@ -5,6 +5,8 @@
 #include "HandlerCall.h"
 #include "Wire.h"
 
+#include <Cancellation.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
@@ -117,6 +119,7 @@ void PublisherEngine::wakeUp() {
     // two sees the other.
     if (!m_isAsleep.load(std::memory_order_seq_cst) || !m_isAsleep.exchange(false, std::memory_order_seq_cst))
         return;
+    const CancellationOff off; // nobody else wakes it now
     const std::lock_guard<std::mutex> lock(m_wakeMutex);
     if (m_poll)
         m_poll->wakeUp();
@@ -175,12 +178,10 @@ bool PublisherEngine::flush(milliseconds timeLimit) {
                      wanted.end());
         return wanted.empty();
     };
-    ++m_nFlushing;
-    const bool isFlushed = deadline.end() == Deadline::none().end()
-                               ? (m_changed.wait(lock, isDone), true)
-                               : m_changed.wait_until(lock, deadline.end(), isDone);
-    --m_nFlushing;
-    return isFlushed;
+    if (deadline.end() != Deadline::none().end())
+        return m_changed.wait_until(lock, deadline.end(), isDone);
+    m_changed.wait(lock, isDone);
+    return true;
 }
 
 void PublisherEngine::stop(milliseconds timeLimit) {
@@ -844,8 +845,7 @@ void PublisherEngine::count(PublisherClient& client, const PublisherClient::Sent
     m_statistics.nSentBytes += sent.nBytes;
     m_statistics.nGaps += sent.nGaps;
     m_statistics.nMissed += sent.nMissed;
-    if (m_nFlushing != 0)
-        m_changed.notify_all();
+    m_changed.notify_all();
 }
 
 void PublisherEngine::hearSubscriber(PublisherClient& client, std::uint32_t events) {

@@ -173,7 +173,6 @@ private:
     bool m_wantsStop = false;
     bool m_isUndecided = false; // those whom the handler is asked about are not waited for
     Deadline m_stopAt = Deadline::none();
-    std::size_t m_nFlushing = 0;
 
     std::atomic<bool> m_isAsleep{false};
     std::atomic<bool> m_hasCommands{false};

@@ -145,6 +145,7 @@ void SubscriberWork::setAddress(const CallbackEndpoint& service) {
 }
 
 bool SubscriberWork::stop() {
+    const CancellationOff off; // who joins the thread has to end it: others wait for that
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (!m_isStopped.exchange(true)) {

@@ -8,6 +8,7 @@
 #include "QuietThread.h"
 #include "Wire.h"
 
+#include <Cancellation.h>
 #include <GroupId.h>
 #include <LogRecord.h>
 #include <VornException.h>
@@ -157,6 +158,7 @@ std::uint64_t VornPublisher::State::publish(const VornString& sTopic, const Writ
 }
 
 void VornPublisher::State::stop(std::chrono::milliseconds timeLimit) {
+    const CancellationOff off; // who began it has to end it: others wait for that
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_isStopping) {

@@ -3,6 +3,7 @@
 #include "LogCapture.h"
 #include "Process.h"
 #include "PublisherFixture.h"
+#include "Sanitizer.h"
 
 #include <cerrno>
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/filter.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -933,6 +935,36 @@ TEST_P(VornPublisher_Wire, Stop_FromASecondThread_WaitsUntilTheFirstIsThrough) {
     m_barrier.open();
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());
+}
+
+TEST_P(VornPublisher_Wire, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
+    if (underSanitizer)
+        GTEST_SKIP() << losesCancelledThreads;
+    open(with([&](Options& o) { o.onLeave = [&](const auto&, auto, int) { m_barrier.wait(); }; }));
+    RawSubscriber(address(), "builds");
+    ASSERT_TRUE(m_barrier.awaitReached());
+    WatchedThread stopping([&] { publisher().stop(0ms); });
+    ASSERT_TRUE(awaitBlockedOnLock(stopping.tid()));
+    ::pthread_cancel(stopping.handle());
+    m_barrier.open();
+    EXPECT_TRUE(stopping.join());
+    EXPECT_EQ(stopping.exceptionText(), std::nullopt);
+}
+
+TEST_P(VornPublisher_Wire, Publish_WakesTheSenderAlsoOnAThreadThatIsCancelled) {
+    if (underSanitizer)
+        GTEST_SKIP() << losesCancelledThreads;
+    open();
+    const pid_t sender = threadIds().back();
+    const RawSubscriber subscriber(address(), "builds");
+    ASSERT_TRUE(awaitBlockedInIo(sender));
+    WatchedThread publishing([&] {
+        ::pthread_cancel(::pthread_self());
+        publish("x");
+    });
+    EXPECT_TRUE(publishing.join());
+    EXPECT_EQ(publishing.exceptionText(), std::nullopt);
+    EXPECT_EQ(subscriber.next(), WireFrame::event(1, "x"));
 }
 
 TEST_P(VornPublisher_Wire, Stop_LeavesNoDescriptorAndNoThread) {

@@ -968,6 +968,24 @@ TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
 }
 
+TEST_F(VornSubscriber_Thread, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
+    if (underSanitizer)
+        GTEST_SKIP() << losesCancelledThreads;
+    listen();
+    m_inHandler = [this](const std::string&) { m_barrier.wait(); };
+    subscribe(quick());
+    admit();
+    say(WireFrame::event(1, "a"));
+    ASSERT_TRUE(m_barrier.awaitReached());
+    WatchedThread stopping([&] { subscriber().stop(); });
+    ASSERT_TRUE(awaitBlockedOnLock(stopping.tid()));
+    ::pthread_cancel(stopping.handle());
+    m_barrier.open();
+    EXPECT_TRUE(stopping.join());
+    EXPECT_EQ(stopping.exceptionText(), std::nullopt);
+    EXPECT_EQ(receiveToEnd(m_service.get()), "") << "it has been closed";
+}
+
 // In an event loop.
 
 class VornSubscriber_Loop : public SubscriberFixture {
