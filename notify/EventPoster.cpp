@@ -13,9 +13,6 @@ namespace VornNet {
 
 namespace {
 
-/** A sink that takes nothing for so long is not there any more. */
-constexpr std::chrono::minutes cTimeLimit{1};
-
 /** The callback at a subscriber's address; its content is an event's number and content. */
 class EventProxy : public VornProxyDependent {
 public:
@@ -36,7 +33,7 @@ private:
 VornDispatcher::Options optionsOf(const VornString& sName, const EventPoster::Done& done) {
     VornDispatcher::Options options;
     options.sName = sName;
-    options.terms.timeLimit = cTimeLimit;
+    options.terms.timeLimit = std::chrono::milliseconds::max(); // the publisher sees how long a sink takes
     options.stopLimit = std::chrono::milliseconds(0);
     options.onResult = done;
     return options;

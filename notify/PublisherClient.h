@@ -144,6 +144,7 @@ public:
     List* list = nullptr;                 // where it is
     List::iterator self;                  // its place there
     std::vector<Posted> posted;           // on their way to the callback address, oldest first
+    TimePoint takesSince{};               // from when on the oldest of them has been on its own
     std::uint32_t nAwaited = 0;           // the events that the poll looks for
     std::shared_ptr<Farewell> spFarewell; // prepared at its admission, with the call that hands it over:
     HandlerThread::Calls farewellCall;    // a subscriber also leaves when there is no memory

@@ -43,6 +43,9 @@ constexpr milliseconds cFilePause{500};
 constexpr milliseconds cPostPause{100};
 constexpr milliseconds cClosingLimit{1'000};
 
+/** A sink that takes nothing for so long is not there any more. */
+constexpr milliseconds cSinkLimit{60'000};
+
 constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
 
 std::size_t descriptorsToSpare() {
@@ -245,7 +248,7 @@ bool PublisherEngine::hasNews() const {
 
 /** @return when there is something to do even if nothing happens. */
 PublisherEngine::Clock::time_point PublisherEngine::nextTime() const {
-    Clock::time_point next = m_postAgain;
+    Clock::time_point next = std::min(m_postAgain, m_checkSinks);
     const auto consider = [&next](const List& list, milliseconds limit) {
         if (!list.empty())
             next = std::min(next, Deadline(limit, list.front().since).end());
@@ -386,18 +389,11 @@ void PublisherEngine::noteOutcome(const Command& command) {
         return;
     PublisherClient& client = *found->second;
     const PublisherClient::Posted posted = client.posted.front();
-    if (command.outcome == Outcome::expired) {
-        // Posted again, it would come after younger ones.
-        return forOne(client, [&] {
-            client.say(lastFrame(Wire::cDropped, cNoSink));
-            leave(client, Leaving::lost, ETIMEDOUT);
-            closeLater(client);
-        });
-    }
     if (command.outcome == Outcome::delivered || command.outcome == Outcome::sent ||
         command.outcome == Outcome::unread) {
         m_posted.erase(found);
         client.posted.erase(client.posted.begin());
+        client.takesSince = m_now;
         client.noteSent();
         PublisherClient::Sent sent;
         sent.nEvents = 1;
@@ -436,6 +432,7 @@ PublisherClient* PublisherEngine::find(std::uint64_t nId) const {
 void PublisherEngine::checkTimes() {
     cutLate();
     giveSigns();
+    checkSinks();
     postAgain();
     if (m_isStopping)
         return finishStopping();
@@ -461,6 +458,29 @@ void PublisherEngine::checkFile() {
     if (std::exchange(m_isAccepting, false))
         m_poll->remove(m_listener.number());
     m_listener.replace(std::move(*pipe));
+}
+
+/** Ends the subscriptions of those whose callback address does not answer. */
+void PublisherEngine::checkSinks() {
+    if (m_now < m_checkSinks)
+        return;
+    m_checkSinks = Clock::time_point::max();
+    // One that leaves makes those after it take other places, and they have been looked at.
+    for (std::size_t i = m_calledBack.size(); i-- > 0;) {
+        PublisherClient& client = *m_calledBack[i];
+        const Clock::time_point end = client.takesSince + cSinkLimit;
+        if (client.posted.empty())
+            continue;
+        if (m_now < end) {
+            m_checkSinks = std::min(m_checkSinks, end);
+            continue;
+        }
+        forOne(client, [&] {
+            client.say(lastFrame(Wire::cDropped, cNoSink));
+            leave(client, Leaving::lost, ETIMEDOUT);
+            closeLater(client);
+        });
+    }
 }
 
 /** Cuts whoever has had time enough. */
@@ -790,6 +810,10 @@ bool PublisherEngine::postOne(PublisherClient& client, const PublisherClient::Ev
     if (ticket == EventPoster::cNeverFits) {
         client.skip(event, sent);
         return true;
+    }
+    if (client.posted.empty()) {
+        client.takesSince = m_now;
+        m_checkSinks = std::min(m_checkSinks, m_now + cSinkLimit);
     }
     client.posted.push_back(
         {ticket, event.nNumber, sizeof event.nNumber + event.sContent.size(), event.before});

@@ -93,6 +93,7 @@ private:
 
     void checkTimes();
     void checkFile();
+    void checkSinks();
     void cutLate();
     void giveSigns();
     void finishStopping();
@@ -156,9 +157,10 @@ private:
     bool m_isAccepting = false;
     bool m_isFull = false; // it is not looked at because all places are taken
     Clock::time_point m_checkFile{};
-    std::vector<PublisherClient*> m_calledBack;               // whose events go to a callback address
-    std::map<std::uint64_t, PublisherClient*> m_posted;       // by ticket
-    Clock::time_point m_postAgain = Clock::time_point::max(); // there was no room for an event
+    std::vector<PublisherClient*> m_calledBack;                // whose events go to a callback address
+    std::map<std::uint64_t, PublisherClient*> m_posted;        // by ticket
+    Clock::time_point m_postAgain = Clock::time_point::max();  // there was no room for an event
+    Clock::time_point m_checkSinks = Clock::time_point::max(); // the first one may have had its time by then
     bool m_hasSent = false;
     bool m_isStopping = false;
     bool m_hasSaidGoodbye = false;

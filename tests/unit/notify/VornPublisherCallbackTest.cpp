@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+#include "ClockShift.h"
 #include "PublisherFixture.h"
 
 #include <gmock/gmock.h>
@@ -50,6 +51,14 @@ protected:
 
     static std::string notification(std::uint64_t handle, std::uint64_t number, const std::string& content) {
         return wireNumber(handle << 32) + wireNumber(number) + content;
+    }
+
+    /** The next frame of another kind. */
+    static WireFrame nextBut(const RawSubscriber& subscriber, std::uint32_t kind) {
+        WireFrame frame = subscriber.next();
+        while (frame.kind == kind)
+            frame = subscriber.next();
+        return frame;
     }
 
     UniqueFd m_sink;
@@ -203,6 +212,40 @@ TEST_P(VornPublisher_Callback, Stop_WithoutTimeGivesUpWhatIsLeft) {
         publish("x");
     publisher().stop(0ms);
     EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
+}
+
+TEST_P(VornPublisher_Callback, ASinkThatTakesNothingForAMinute_EndsTheSubscription) {
+    RawSubscriber subscriber(address(), "builds", request());
+    publish("a");
+    publish("b");
+    const UniqueFd sender = acceptClient(m_sink.get());
+    const ClockShift shift(CLOCK_MONOTONIC);
+    ClockShift::set(59s);
+    EXPECT_FALSE(publisher().flush(50ms));
+    ClockShift::set(61s);
+    publish("so that the publisher looks");
+    EXPECT_EQ(nextBut(subscriber, 3), WireFrame::last(2, "the callback address does not answer"));
+    subscriber.socket().reset();
+    ASSERT_TRUE(m_departures.await(1));
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110"));
+}
+
+TEST_P(VornPublisher_Callback, ASinkThatTakesEventsSlowly_HasAMinuteForEach) {
+    const RawSubscriber subscriber(address(), "builds", request());
+    publish("a");
+    publish("b");
+    publish("c");
+    const ClockShift shift(CLOCK_MONOTONIC);
+    for (std::uint64_t number = 1; number <= 3; ++number) {
+        const UniqueFd sender = acceptClient(m_sink.get());
+        ClockShift::set(number * 40s);
+        publish("so that the publisher looks");
+        receiveToEnd(sender.get());
+    }
+    for (std::uint64_t number = 4; number <= 6; ++number)
+        take();
+    EXPECT_TRUE(publisher().flush(5s));
+    EXPECT_THAT(m_departures.lines(), testing::IsEmpty());
 }
 
 /** A sink that takes datagrams, into which an event may not fit. */
