@@ -64,10 +64,13 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_isClosed || find(sTopic) != nullptr)
             return;
-        m_topics.push_back(make());
+        // All that needs memory comes first: a topic is there, and can be found, or it is not.
+        m_topics.reserve(m_topics.size() + 1);
+        std::unique_ptr<PublisherTopic> spTopic = make();
         List list = all();
-        list.push_back(m_topics.back().get());
+        list.push_back(spTopic.get());
         publish(std::move(list));
+        m_topics.push_back(std::move(spTopic));
     }
 
 private:

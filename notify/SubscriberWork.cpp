@@ -27,7 +27,6 @@ using std::chrono::milliseconds;
 using State = VornSubscriber::State;
 
 constexpr const char* cPositionFailed = "VornSubscriber::VornSubscriber: failed to open position.";
-constexpr const char* cStartFailed = "VornSubscriber::VornSubscriber: failed to start.";
 
 constexpr const char* cEventThrown = "VornSubscriber::onEvent: the handler threw: ";
 constexpr const char* cGapThrown = "VornSubscriber::onGap: the handler threw: ";
@@ -95,12 +94,8 @@ SubscriberWork::SubscriberWork(const CallbackEndpoint& service, const VornString
     } catch (const std::system_error& e) {
         throw VornException(cPositionFailed, e.code().value());
     }
-    try {
-        m_poll.emplace();
-        m_random.seed(static_cast<std::minstd_rand::result_type>(randomNumber()));
-    } catch (const std::system_error& e) {
-        throw VornException(cStartFailed, e.code().value());
-    }
+    m_poll.emplace();
+    m_random.seed(static_cast<std::minstd_rand::result_type>(randomNumber()));
     if (m_file && m_file->position().nHistory != 0)
         m_resume = m_file->position();
     if (m_resume.nHistory == 0)
@@ -196,8 +191,10 @@ std::size_t SubscriberWork::drive(bool isWaiting) {
     try {
         advance(events);
     } catch (const std::bad_alloc&) {
-        leave(m_wasConnected ? State::away : State::connecting, cClosed, ENOMEM);
+        lose(cClosed, ENOMEM);
     }
+    if (!m_isStopped)
+        m_poll->wakeAt(m_isMoved ? Clock::now() : m_due);
     driving.finish();
     return m_nCalled;
 }
@@ -251,8 +248,6 @@ void SubscriberWork::advance(std::uint32_t events) {
     if (m_isStopped)
         return;
     checkTime();
-    if (!m_isStopped)
-        m_poll->wakeAt(m_isMoved ? Clock::now() : m_due);
 }
 
 void SubscriberWork::checkTime() {

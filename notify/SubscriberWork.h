@@ -38,11 +38,12 @@ public:
     using Status = VornSubscriber::Status;
     using Statistics = VornSubscriber::Statistics;
 
-    /** @throws VornException */
+    /** @throws VornException for the position file, std::system_error, std::bad_alloc */
     SubscriberWork(const CallbackEndpoint& service, const VornString& sTopic,
                    const VornSubscriber::EventHandler& onEvent, const Options& options);
 
-    /** Begins; with a thread of its own if the options say so. @throws std::system_error */
+    /** Begins; with a thread of its own if the options say so. @throws std::system_error,
+     * std::bad_alloc */
     void start();
 
     int handle() const { return m_options.bOwnThread ? -1 : m_poll->number(); }

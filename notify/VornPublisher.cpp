@@ -222,8 +222,12 @@ VornPublisher::VornPublisher(const VornString& sAddress, const std::vector<VornS
     : VornPublisher(sAddress, topics, Options()) {}
 
 VornPublisher::VornPublisher(const VornString& sAddress, const std::vector<VornString>& topics,
-                             const Options& options)
-    : m_spState(std::make_unique<State>(sAddress, topics, options)) {}
+                             const Options& options) try
+    : m_spState(std::make_unique<State>(sAddress, topics, options)) {
+} catch (const std::bad_alloc&) {
+
+    throw VornException(cStartFailed, ENOMEM);
+}
 
 VornPublisher::~VornPublisher() {
     const bool isForked = m_spState->isForked();

@@ -17,7 +17,9 @@
 #include <LogRecord.h>
 #include <VornException.h>
 
+#include <cerrno>
 #include <exception>
+#include <new>
 #include <system_error>
 
 namespace VornNet {
@@ -116,8 +118,12 @@ private:
 
 VornSteadySink::VornSteadySink(const VornString& moduleName) : VornSteadySink(moduleName, Options()) {}
 
-VornSteadySink::VornSteadySink(const VornString& moduleName, const Options& options)
-    : m_spState(std::make_unique<State>(moduleName, options)) {}
+VornSteadySink::VornSteadySink(const VornString& moduleName, const Options& options) try
+    : m_spState(std::make_unique<State>(moduleName, options)) {
+} catch (const std::bad_alloc&) {
+
+    throw VornException(cStartFailed, ENOMEM);
+}
 
 VornSteadySink::~VornSteadySink() {
     const bool isOwnThread = m_spState->isOwnThread();

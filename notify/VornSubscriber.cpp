@@ -9,6 +9,7 @@
 #include <VornException.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 
 namespace VornNet {
@@ -41,14 +42,16 @@ VornSubscriber::VornSubscriber(const VornString& sAddress, const VornString& sTo
 
 VornSubscriber::VornSubscriber(const VornString& sAddress, const VornString& sTopic,
                                const EventHandler& onEvent, const Options& options) {
-    const auto service = ServiceAddress::ofClient(sAddress);
-    if (!service || !isSound(sTopic, onEvent, options))
-        throw VornException(cInvalidOption, EINVAL);
-    m_spWork = std::make_shared<Work>(*service, sTopic, onEvent, options);
     try {
+        const auto service = ServiceAddress::ofClient(sAddress);
+        if (!service || !isSound(sTopic, onEvent, options))
+            throw VornException(cInvalidOption, EINVAL);
+        m_spWork = std::make_shared<Work>(*service, sTopic, onEvent, options);
         m_spWork->start();
     } catch (const std::system_error& e) {
         throw VornException(cStartFailed, e.code().value());
+    } catch (const std::bad_alloc&) {
+        throw VornException(cStartFailed, ENOMEM);
     }
 }
 
