@@ -238,6 +238,8 @@ TEST_P(VornPublisher_Callback, ASinkThatTakesEventsSlowly_HasAMinuteForEach) {
     const ClockShift shift(CLOCK_MONOTONIC);
     for (std::uint64_t number = 1; number <= 3; ++number) {
         const UniqueFd sender = acceptClient(m_sink.get());
+        ASSERT_TRUE(
+            awaitCondition([&] { return publisher().subscribers().at(0).position.nNumber == number - 1; }));
         ClockShift::set(number * 40s);
         publish("so that the publisher looks");
         receiveToEnd(sender.get());
