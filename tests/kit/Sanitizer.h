@@ -47,6 +47,15 @@ inline constexpr const char* takesItForTheParentsThread =
 inline constexpr const char* runsHandlersLate = "it runs a signal handler only when the call has returned";
 
 /**
+ * The thread sanitizer falls when a thread of a child ends that was forked from a thread other than the main
+ * one.
+ */
+inline constexpr const char* losesAChildsLastThread = "it falls when the only thread of a child ends";
+
+/** The thread sanitizer has a thread of its own in each process. */
+inline constexpr const char* addsAThread = "its own thread looks like one of the program's";
+
+/**
  * A cancelled thread leaves its functions without returning. Both sanitizers go on to count on what these
  * have left: poisoned stack, and calls that were entered.
  */

@@ -8,6 +8,7 @@
 #include "Await.h"
 #include "Posix.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 #include "ToolRun.h"
 
 #include <csignal>
@@ -101,6 +102,8 @@ void endThread(const Patient& sink, const std::string& transport) {
 } // namespace
 
 TEST_P(VornnetDoctorCause, SinkWhoseThreadHasEnded_IsNamedWithTheCommandThatRestartsIt) {
+    if (underThreadSanitizer && GetParam() == "udp") // where only the number of threads tells
+        GTEST_SKIP() << addsAThread;
     Patient sink = startSink(GetParam());
     endThread(sink, GetParam());
     const Json finding = awaitFinding("sinks", "thread has ended");
