@@ -60,7 +60,6 @@ public:
         std::uint64_t nTicket = 0;
         std::uint64_t nNumber = 0;
         std::size_t nBytes = 0;
-        History::Place before;
     };
 
     /** An event for the callback address, copied. */
@@ -143,6 +142,7 @@ public:
     TimePoint since{};                    // when it was put into its list, whose order this is
     List* list = nullptr;                 // where it is
     List::iterator self;                  // its place there
+    VornString sCallbackKey;              // see CallbackEndpoint
     std::vector<Posted> posted;           // on their way to the callback address, oldest first
     TimePoint takesSince{};               // from when on the oldest of them has been on its own
     std::uint32_t nAwaited = 0;           // the events that the poll looks for

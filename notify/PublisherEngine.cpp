@@ -112,7 +112,7 @@ PublisherEngine::PublisherEngine(const VornPublisher::Options& options, const Se
 void PublisherEngine::start() {
     if (m_options.bCallbackAddresses)
         m_poster.emplace(m_options.sName, [this](const VornDispatcher::Result& result) {
-            leaveCommand({Command::What::note, result.nTicket, {}, result.outcome});
+            leaveCommand({Command::What::note, result.nTicket, {}});
         });
     m_thread.start(m_options.sName, [this] { run(); });
 }
@@ -381,29 +381,23 @@ void PublisherEngine::dropNow(const Command& command) {
     });
 }
 
-/** An event at a callback address has its outcome, and moves the subscriber's place on. */
+/**
+ * An event at a callback address has its outcome, and moves the subscriber's place on. It was taken: nothing
+ * expires there, and what is cancelled is forgotten here before.
+ */
 void PublisherEngine::noteOutcome(const Command& command) {
-    using Outcome = VornDispatcher::Outcome;
     const auto found = m_posted.find(command.nId);
     if (found == m_posted.end())
         return;
     PublisherClient& client = *found->second;
-    const PublisherClient::Posted posted = client.posted.front();
-    if (command.outcome == Outcome::delivered || command.outcome == Outcome::sent ||
-        command.outcome == Outcome::unread) {
-        m_posted.erase(found);
-        client.posted.erase(client.posted.begin());
-        client.takesSince = m_now;
-        client.noteSent();
-        PublisherClient::Sent sent;
-        sent.nEvents = 1;
-        sent.nBytes = posted.nBytes;
-        count(client, sent);
-    } else {
-        // It was cancelled with those of another subscription at the same address.
-        forgetPosted(client);
-        client.goBackTo(posted.before);
-    }
+    PublisherClient::Sent sent;
+    sent.nEvents = 1;
+    sent.nBytes = client.posted.front().nBytes;
+    m_posted.erase(found);
+    client.posted.erase(client.posted.begin());
+    client.takesSince = m_now;
+    client.noteSent();
+    count(client, sent);
     postEvents(client);
 }
 
@@ -670,6 +664,7 @@ void PublisherEngine::check(PublisherClient& client) {
     who.sWords = client.request->words();
     who.sCallback = client.request->callback();
     who.hCallback = client.request->handle();
+    client.sCallbackKey = client.request->callbackKey();
     who.position = client.request->position();
     if (!m_options.onSubscribe)
         return admit(client);
@@ -815,8 +810,7 @@ bool PublisherEngine::postOne(PublisherClient& client, const PublisherClient::Ev
         client.takesSince = m_now;
         m_checkSinks = std::min(m_checkSinks, m_now + cSinkLimit);
     }
-    client.posted.push_back(
-        {ticket, event.nNumber, sizeof event.nNumber + event.sContent.size(), event.before});
+    client.posted.push_back({ticket, event.nNumber, sizeof event.nNumber + event.sContent.size()});
     m_posted.emplace(ticket, &client);
     return true;
 }
@@ -931,7 +925,7 @@ void PublisherEngine::leaveCallback(PublisherClient& client) {
     forgetPosted(client);
     m_calledBack.erase(std::find(m_calledBack.begin(), m_calledBack.end(), &client));
     if (std::none_of(m_calledBack.begin(), m_calledBack.end(), [&](const PublisherClient* other) {
-            return other->who.sCallback == client.who.sCallback;
+            return other->sCallbackKey == client.sCallbackKey;
         })) {
         try {
             m_poster->cancel(client.who.sCallback);

@@ -70,7 +70,6 @@ private:
         What what = What::drop;
         std::uint64_t nId = 0; ///< of the client, or the ticket
         VornString sReason;    ///< why not; empty: admitted
-        VornDispatcher::Outcome outcome = VornDispatcher::Outcome::stopped;
     };
 
     void run();

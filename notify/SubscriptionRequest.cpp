@@ -59,8 +59,10 @@ bool SubscriptionRequest::read(std::string_view bytes, bool mayCallBack) {
         return refuse(cNoCallback);
     const auto callback = callbackSize ? input.take(*callbackSize) : std::nullopt;
     if (callback && !callback->empty()) {
-        if (!CallbackEndpoint::parse(VornString(*callback)))
+        const auto endpoint = CallbackEndpoint::parse(VornString(*callback));
+        if (!endpoint)
             return refuse(cNoCallback);
+        m_sCallbackKey = endpoint->key();
         if (!mayCallBack)
             return refuse(cCallbackNotAccepted);
     }

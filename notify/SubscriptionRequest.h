@@ -34,6 +34,9 @@ public:
 
     const VornString& callback() const { return m_sCallback; }
 
+    /** @return what is equal for callback addresses that lead to the same place. */
+    const VornString& callbackKey() const { return m_sCallbackKey; }
+
     long handle() const { return m_hCallback; }
 
     Begin begin() const { return m_begin; }
@@ -48,6 +51,7 @@ private:
 
     VornString m_sReason;
     VornString m_sCallback;
+    VornString m_sCallbackKey;
     long m_hCallback = 0;
     Begin m_begin = Begin::next;
     VornPosition m_position;

@@ -194,6 +194,30 @@ TEST_P(VornPublisher_Callback, OneOfTwoAtAnAddressLeaves_AndTheOtherHasItAll) {
     }
 }
 
+TEST_P(VornPublisher_Callback, OneOfTwoLeavesWhoseAddressesReadDifferently_AndTheOtherHasEachOnce) {
+    RawSubscriber first(address(), "builds", request(7));
+    WireRequest sameElsewhere = request(8);
+    if (!GetParam())
+        sameElsewhere.callback += ";a note";
+    const RawSubscriber second(address(), "builds", sameElsewhere);
+    publish("x");
+    UniqueFd sender;
+    std::string data;
+    do {
+        sender = acceptClient(m_sink.get());
+        data = receiveToEnd(sender.get());
+    } while (numberOf(data) >> 32 == 7);
+    EXPECT_EQ(data, notification(8, 1, "x"));
+    first.socket().reset();
+    ASSERT_TRUE(m_departures.await(1));
+    publish("y");
+    sender.reset();
+    do
+        data = take();
+    while (numberOf(data) >> 32 == 7);
+    EXPECT_EQ(data, notification(8, 2, "y"));
+}
+
 TEST_P(VornPublisher_Callback, Stop_DeliversWhatIsLeft) {
     const RawSubscriber subscriber(address(), "builds", request());
     for (int i = 0; i < 100; ++i)
