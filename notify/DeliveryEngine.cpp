@@ -340,9 +340,11 @@ void DeliveryEngine::pauseFor(AddressQueue& queue, nanoseconds span) {
 }
 
 nanoseconds DeliveryEngine::nextPause(AddressQueue& queue, bool bIsAlive) {
-    const nanoseconds longest = m_options.longestPause;
+    const nanoseconds longest = bIsAlive
+                                    ? std::min<nanoseconds>(m_options.longestPause, cLongestPauseWhileAlive)
+                                    : m_options.longestPause;
     queue.pause = queue.pause == 0ns ? nanoseconds(m_options.firstPause) : 2 * queue.pause;
-    queue.pause = std::min(queue.pause, bIsAlive ? std::min(longest, cLongestPauseWhileAlive) : longest);
+    queue.pause = std::min(queue.pause, longest);
     // Varied, so that services that meet at one sink do not march in step.
     const nanoseconds least = queue.pause / 2;
     const nanoseconds most = std::min(queue.pause + queue.pause / 2, longest);

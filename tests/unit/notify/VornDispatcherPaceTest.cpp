@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "DispatcherTestSupport.h"
+#include "Interpose.h"
 
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -64,6 +65,7 @@ TEST_F(VornDispatcher_Pace, ADeliveryResetsThePause) {
 }
 
 TEST_F(VornDispatcher_Pace, WhileThereAreSignsOfLifePausesStayShort) {
+    useInterposition();
     int nPort = 0;
     const UniqueFd listener = tcpListen("127.0.0.1", nPort);
     VornDispatcher::Options options = optionsWithResults();
@@ -71,6 +73,7 @@ TEST_F(VornDispatcher_Pace, WhileThereAreSignsOfLifePausesStayShort) {
     options.longestPause = 10s;
     VornDispatcher dispatcher(options);
     const auto start = std::chrono::steady_clock::now();
+    const CallTrace trace;
     post(dispatcher, "socket:127.0.0.1:" + std::to_string(nPort));
     for (int i = 0; i < 100; ++i) {
         const UniqueFd client = acceptClient(listener.get());
@@ -79,4 +82,7 @@ TEST_F(VornDispatcher_Pace, WhileThereAreSignsOfLifePausesStayShort) {
     }
     EXPECT_EQ(m_results.awaitOne().outcome, Outcome::unread);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s) << "99 pauses of 4 ms";
+    constexpr long cOther = 1000; // longer waits are not pauses, but for the time limit
+    for (const CallRecord& wait : trace.records("epoll_wait"))
+        EXPECT_TRUE(wait.third <= 4 || wait.third > cOther) << wait.third << " ms";
 }
