@@ -81,12 +81,13 @@ void makeRoom(std::vector<Element>& elements) {
         elements.reserve(std::max<std::size_t>(2 * elements.size(), 8));
 }
 
-VornString lastFrame(Wire::Ending ending, const VornString& sReason) {
+VornString lastFrame(Wire::Ending ending, std::string_view reason) {
+    reason = reason.substr(0, Wire::cLongestReason - Wire::cLastHead);
     VornString sFrame;
     Wire::appendInt(sFrame, Wire::cLast);
-    Wire::appendInt(sFrame, static_cast<std::uint32_t>(2 * sizeof(std::uint32_t) + sReason.size()));
+    Wire::appendInt(sFrame, static_cast<std::uint32_t>(Wire::cLastHead + reason.size()));
     Wire::appendInt(sFrame, ending);
-    Wire::appendText(sFrame, sReason);
+    Wire::appendText(sFrame, reason);
     return sFrame;
 }
 
@@ -702,7 +703,7 @@ void PublisherEngine::refuse(PublisherClient& client, std::string_view answer) {
 void PublisherEngine::refuseRequest(PublisherClient& client, const VornString& sReason) {
     VornString sAnswer;
     Wire::appendInt(sAnswer, Wire::cRefused);
-    Wire::appendText(sAnswer, sReason);
+    Wire::appendText(sAnswer, std::string_view(sReason).substr(0, Wire::cLongestReason));
     refuse(client, sAnswer);
 }
 

@@ -45,9 +45,6 @@ constexpr const char* cServiceStops = "the service stops";
 
 constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
 
-/** No service has more to say about why it does not want somebody. */
-constexpr std::uint32_t cLongestReason = 65'536;
-
 /**
  * @return whether the socket is connected to itself: a client that tries a free port of its own host often
  * enough is given that very port for its own end, and would then hold it against the service.
@@ -413,7 +410,7 @@ bool SubscriberWork::dealWithAnswer(std::string_view bytes) {
     bytes.remove_prefix(cToken);
     if (token == Wire::cAdmitted)
         return dealWithPlace(bytes);
-    if (token != Wire::cRefused || (bytes.size() >= 4 && Wire::intAt(bytes.data()) > cLongestReason)) {
+    if (token != Wire::cRefused || (bytes.size() >= 4 && Wire::intAt(bytes.data()) > Wire::cLongestReason)) {
         misunderstand(cNotUnderstood, EPROTO);
         return true;
     }
@@ -461,7 +458,8 @@ bool SubscriberWork::dealWithFrame(std::string_view bytes) {
     const bool isEvent = kind == Wire::cEvent;
     const bool isKnown = kind >= Wire::cEvent && kind <= Wire::cLast;
     if (length > static_cast<std::uint32_t>(std::numeric_limits<std::int32_t>::max()) ||
-        (isEvent && length < sizeof(std::uint64_t)) || (isKnown && !isEvent && length > cLongestReason)) {
+        (isEvent && length < sizeof(std::uint64_t)) ||
+        (isKnown && !isEvent && length > Wire::cLongestReason)) {
         misunderstand(cNotUnderstood, EPROTO);
         return true;
     }
@@ -523,15 +521,14 @@ void SubscriberWork::dealWithSign(std::string_view rest) {
 }
 
 void SubscriberWork::dealWithLast(std::string_view rest) {
-    constexpr std::size_t cHead = 2 * sizeof(std::uint32_t);
-    const std::uint32_t ending = rest.size() < cHead ? 0 : Wire::intAt(rest.data());
+    const std::uint32_t ending = rest.size() < Wire::cLastHead ? 0 : Wire::intAt(rest.data());
     if ((ending != Wire::cStopped && ending != Wire::cDropped) ||
-        Wire::intAt(rest.data() + 4) != rest.size() - cHead)
+        Wire::intAt(rest.data() + 4) != rest.size() - Wire::cLastHead)
         return misunderstand(cNotUnderstood, EPROTO);
     if (ending == Wire::cStopped)
         lose(cServiceStops, 0);
     else
-        refuse(VornString(rest.substr(cHead)));
+        refuse(VornString(rest.substr(Wire::cLastHead)));
 }
 
 void SubscriberWork::callForEvent(std::uint64_t number, std::string_view content) {

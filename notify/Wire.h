@@ -38,6 +38,9 @@ constexpr std::size_t cFrameHead = 8;  ///< kind and length of the rest
 constexpr std::size_t cEventHead = 16; ///< the same and the event's number
 constexpr std::size_t cGapRest = 24;
 constexpr std::size_t cSignRest = 8;
+constexpr std::size_t cLastHead = 8;           ///< of the rest: the ending and the reason's length
+constexpr std::size_t cLongestReason = 65'536; ///< why a service does not want somebody; in a last frame
+                                               ///< cLastHead less. A client does not read more
 
 inline std::uint32_t intAt(const char* bytes) {
     std::uint32_t value = 0;

@@ -806,6 +806,23 @@ TEST_P(VornPublisher_Wire, WithoutDescriptors_ItGoesOnAndLooksAgain) {
 
 // Handlers.
 
+TEST_P(VornPublisher_Wire, AReasonThatIsTooLong_IsCutToWhatAClientReads) {
+    constexpr std::size_t longest = 65'536;
+    const std::string reason(longest + 1, 'x');
+    open(with([&](Options& o) {
+        o.onSubscribe = [&](const VornPublisher::Subscriber& asking) {
+            return asking.nId == 1 ? reason : "";
+        };
+    }));
+    const UniqueFd refused = connectTo(address());
+    sendAll(refused.get(), "builds\r\n" + WireRequest().bytes());
+    EXPECT_EQ(receiveExactly(refused.get(), 1), "+");
+    EXPECT_EQ(refusalOf(refused.get()), reason.substr(0, longest));
+    const RawSubscriber dropped(address(), "builds");
+    EXPECT_TRUE(publisher().drop(2, reason));
+    EXPECT_EQ(dropped.next(), WireFrame::last(2, reason.substr(0, longest - 8)));
+}
+
 TEST_P(VornPublisher_Wire, OnSubscribe_SeesWhoAsksAndDecides) {
     std::vector<VornPublisher::Subscriber> asked;
     open(with([&](Options& o) {
