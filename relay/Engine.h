@@ -56,6 +56,7 @@ public:
         stored,  ///< it is stored as the engine's settings promise
         full,    ///< not stored: there is no room for it now
         refused, ///< not stored, and never will be
+        absent,  ///< not stored: there is no stream for it now
         unknown  ///< no answer came: it may be stored or not
     };
 
@@ -91,7 +92,8 @@ public:
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
-    /** Sends a message; @p onAnswer is called once, never before this returns. */
+    /** Sends a message; @p onAnswer is called once, never before this returns. Its text says why it was not
+     * stored. */
     virtual void publish(const Message& message, AnswerHandler onAnswer) = 0;
 
     /** Closes a consumer of the own stream if there is one, and opens it anew, so that all that has not been

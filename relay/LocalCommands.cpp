@@ -72,10 +72,12 @@ int printStatus(bool bJson) {
         if (sKey != "hosts")
             std::printf("%-10s %s\n", sKey.c_str(), textOf(value).c_str());
     }
-    for (const Json& host : status["hosts"])
-        std::printf("to %s: %s waiting, %s bytes%s%s\n", textOf(host["host"]).c_str(),
+    for (const Json& host : status["hosts"]) {
+        const std::string sFailure = host["full"] == true ? "stream full" : textOf(host["failure"]);
+        std::printf("to %s: %s waiting, %s bytes%s%s%s\n", textOf(host["host"]).c_str(),
                     textOf(host["waiting"]).c_str(), textOf(host["bytes"]).c_str(),
-                    host["full"] == true ? ", stream full" : "", host["open"] == true ? "" : ", closed");
+                    sFailure.empty() ? "" : ", ", sFailure.c_str(), host["open"] == true ? "" : ", closed");
+    }
     return exitDone;
 }
 

@@ -51,11 +51,15 @@ std::string contentOf(natsMsg* message) {
     return {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))};
 }
 
-/** Reads the answer to a published message. */
+/** Reads the answer to a published message; that of a server which knows nobody for its subject is empty. */
 Engine::Answer answerOf(const std::string& sReply, std::string& sText) {
+    if (sReply.empty()) {
+        sText = "there is no stream for it";
+        return Engine::Answer::absent;
+    }
     const Json reply = Json::parse(sReply, nullptr, false);
     if (!reply.is_object())
-        return Engine::Answer::unknown; // nobody is responsible for the subject at this moment
+        return Engine::Answer::unknown;
     if (!reply.contains("error"))
         return reply.contains("seq") ? Engine::Answer::stored : Engine::Answer::unknown;
     const Json& error = reply["error"];
@@ -170,7 +174,7 @@ void NatsEngine::stop() {
 void NatsEngine::publish(const Message& message, AnswerHandler onAnswer) {
     const std::uint64_t nTicket = ++m_nLastTicket;
     expect(nTicket, [handler = std::move(onAnswer)](const std::string* pReply) {
-        std::string sText;
+        std::string sText = "no answer";
         handler(pReply == nullptr ? Answer::unknown : answerOf(*pReply, sText), sText);
     });
     if (!send(message, m_sInbox + ".reply." + std::to_string(nTicket)))
@@ -242,6 +246,7 @@ std::shared_ptr<NatsEngine::Link> NatsEngine::connect(std::string& sWhy) try {
     const auto spLink = std::make_shared<Link>();
     const NatsPointer<natsOptions> options = optionsFor(m_access, cConnectLimit);
     natsOptions_SetClosedCB(options.get(), &Link::onClosed, spLink.get());
+    natsOptions_SetErrorHandler(options.get(), &onError, this);
     natsConnection* created = nullptr;
     if (const natsStatus status = natsConnection_Connect(&created, options.get()); status != NATS_OK)
         throw std::runtime_error(textOf(status));
@@ -386,6 +391,17 @@ void NatsEngine::takeStatus(natsMsg* message) {
         m_listener.pullEnded(sConsumer, nLeft);
         if (!bTimeOut)
             m_listener.consumerLost(sConsumer);
+    });
+}
+
+/** What the server refuses gets no answer, only this. */
+void NatsEngine::onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
+    const char* szError = nullptr;
+    natsConnection_GetLastError(connection, &szError);
+    const std::string sText = szError != nullptr && *szError != '\0' ? szError : natsStatus_GetText(status);
+    auto* pEngine = static_cast<NatsEngine*>(closure);
+    pEngine->m_loop.post([pEngine, sText] {
+        pEngine->m_errorLine.write(LogLevel::warning, "the engine's server complains: " + sText);
     });
 }
 

@@ -5,6 +5,7 @@
 
 #include "Engine.h"
 #include "NatsConnection.h"
+#include "RelayLog.h"
 #include "RelayLoop.h"
 
 #include <atomic>
@@ -83,6 +84,7 @@ private:
     void takeArrival(natsMsg* message);
     void takeStatus(natsMsg* message);
 
+    static void onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure);
     static void onReplyMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
     static void onArrivalMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
     static void onToldMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
@@ -97,6 +99,7 @@ private:
     std::map<std::uint64_t, Waiting> m_waiting; // by ticket, and so by time
     std::uint64_t m_nLastTicket = 0;
     RelayLoop::Timer m_sweep = 0;
+    RareLine m_errorLine;
     std::atomic<std::size_t> m_nMostContent{0};
 
     mutable std::mutex m_mutex;

@@ -14,6 +14,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds cFirstPause{20};
 constexpr milliseconds cLongestPause{2000};
+constexpr std::size_t cStoredUntilMore = 64;
 
 } // namespace
 
@@ -25,6 +26,8 @@ void OutgoingQueue::add(Engine::Message&& message, DoneHandler onDone) {
 
 void OutgoingQueue::setConnected(bool bConnected) {
     m_bConnected = bConnected;
+    m_absentSince.reset();
+    m_sFailure.clear();
     m_loop.cancel(std::exchange(m_pauseTimer, 0));
     m_pause = milliseconds(0);
     pump();
@@ -42,30 +45,29 @@ void OutgoingQueue::pump() {
         ++m_nUndecided;
         ++m_nUnstored;
         const std::uint64_t nSerial = m_nFirstSerial + m_published.size() - 1;
-        m_engine.publish(item.message, [this, nSerial](Engine::Answer answer, const std::string&) {
-            answered(nSerial, answer);
+        m_engine.publish(item.message, [this, nSerial](Engine::Answer answer, const std::string& sText) {
+            answered(nSerial, answer, sText);
         });
     }
 }
 
-void OutgoingQueue::answered(std::uint64_t nSerial, Engine::Answer answer) {
+void OutgoingQueue::answered(std::uint64_t nSerial, Engine::Answer answer, const std::string& sText) {
     Item& item = m_published[nSerial - m_nFirstSerial];
     DoneHandler onDone;
     --m_nUndecided;
-    if (answer == Engine::Answer::stored || answer == Engine::Answer::refused) {
+    m_sFailure = answer == Engine::Answer::stored ? "" : sText;
+    m_bFull = answer == Engine::Answer::full;
+    fitWindow(answer);
+    if (isSettledBy(answer)) {
         item.state = State::settled;
         m_nBytes -= item.message.sContent.size();
         item.message = {};
         onDone = std::move(item.onDone);
         --m_nUnstored;
         m_pause = milliseconds(0);
-        m_bFull = false;
     } else {
         item.state = State::failed;
         m_bFailing = true;
-        m_bFull = answer == Engine::Answer::full;
-        if (m_bFull)
-            m_nWindowNow = 1;
     }
     while (!m_published.empty() && m_published.front().state == State::settled) {
         m_published.pop_front();
@@ -74,10 +76,32 @@ void OutgoingQueue::answered(std::uint64_t nSerial, Engine::Answer answer) {
     if (m_bFailing && m_nUndecided == 0)
         repeat();
     if (m_published.empty() && m_waiting.empty())
-        m_nWindowNow = m_nWindow;
+        m_nWindowNow = m_terms.nWindow;
     pump();
     if (onDone)
         onDone(answer == Engine::Answer::stored); // last, for it may add
+}
+
+bool OutgoingQueue::isSettledBy(Engine::Answer answer) {
+    const auto now = RelayLoop::Clock::now();
+    if (answer != Engine::Answer::absent)
+        m_absentSince.reset();
+    else if (!m_absentSince)
+        m_absentSince = now;
+    return answer == Engine::Answer::stored || answer == Engine::Answer::refused ||
+           (m_absentSince && m_terms.absentLimit && now - *m_absentSince >= *m_terms.absentLimit);
+}
+
+void OutgoingQueue::fitWindow(Engine::Answer answer) {
+    const auto now = RelayLoop::Clock::now();
+    m_nStoredInARow = answer == Engine::Answer::stored ? m_nStoredInARow + 1 : 0;
+    if (answer == Engine::Answer::full || answer == Engine::Answer::absent) {
+        m_nWindowNow = 1;
+        m_lastNarrowed = now;
+    } else if (m_nStoredInARow >= cStoredUntilMore && now - m_lastNarrowed >= m_terms.calmTime) {
+        m_nStoredInARow = 0;
+        m_nWindowNow = std::min(m_terms.nWindow, 2 * m_nWindowNow);
+    }
 }
 
 void OutgoingQueue::repeat() {

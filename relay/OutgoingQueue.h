@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace VornRelay {
@@ -25,8 +27,10 @@ namespace VornRelay {
  * A message that failed although a later one was stored gets a new number: the receiver would take the old
  * one for a repetition. If it was stored after all it arrives twice, rather than never.
  *
- * A full stream is tried with one message at a time, and then with more and more: where room comes back in
- * the middle of a window, later messages would pass those that were refused.
+ * A full stream is tried with one message at a time: where room comes back in the middle of a window, later
+ * messages pass those that were refused. Only when it has not been full for a while it gets more and more. So
+ * it is with a stream that is not there. One whose servers elect a leader looks like that, and therefore its
+ * messages are refused after a while only.
  *
  * Thread-safety: none. Blocking: none. Ownership: loop and engine must outlive it. Signals: none raised.
  * Errors: told to the handlers.
@@ -39,8 +43,18 @@ public:
     /** Is told that the message is stored, or never will be. */
     using DoneHandler = std::function<void(bool bStored)>;
 
-    OutgoingQueue(RelayLoop& loop, Engine& engine, std::size_t nWindow, Stamp stamp)
-        : m_loop(loop), m_engine(engine), m_nWindow(nWindow), m_nWindowNow(nWindow),
+    /** How a queue works. */
+    struct Terms {
+        /// Most messages without an answer.
+        std::size_t nWindow = 2048;
+        /// So long a stream may be missing until its messages are refused; none: always.
+        std::optional<std::chrono::milliseconds> absentLimit = std::nullopt;
+        /// So long a stream must not have been full until it gets more than one message at once.
+        std::chrono::milliseconds calmTime{5000};
+    };
+
+    OutgoingQueue(RelayLoop& loop, Engine& engine, const Terms& terms, Stamp stamp)
+        : m_loop(loop), m_engine(engine), m_terms(terms), m_nWindowNow(terms.nWindow),
           m_stamp(std::move(stamp)) {}
 
     ~OutgoingQueue() { m_loop.cancel(m_pauseTimer); }
@@ -62,6 +76,9 @@ public:
     /** @return whether the stream had no room when it was last tried. */
     bool isFull() const { return m_bFull; }
 
+    /** @return why the last one that was answered is not stored; empty when it is. */
+    const std::string& failure() const { return m_sFailure; }
+
     /** @return how often messages were published again. */
     std::uint64_t repeated() const { return m_nRepeated; }
 
@@ -76,16 +93,22 @@ private:
     };
 
     void pump();
-    void answered(std::uint64_t nSerial, Engine::Answer answer);
+    void answered(std::uint64_t nSerial, Engine::Answer answer, const std::string& sText);
+    bool isSettledBy(Engine::Answer answer);
+    void fitWindow(Engine::Answer answer);
     void repeat();
     void putAt(std::size_t nPlace, std::vector<Item>&& items);
     void pause();
 
     RelayLoop& m_loop;
     Engine& m_engine;
-    const std::size_t m_nWindow;
+    const Terms m_terms;
     std::size_t m_nWindowNow;
     const Stamp m_stamp;
+    std::optional<RelayLoop::Clock::time_point> m_absentSince;
+    std::string m_sFailure;
+    RelayLoop::Clock::time_point m_lastNarrowed;
+    std::size_t m_nStoredInARow = 0;
     std::deque<Item> m_waiting;
     std::deque<Item> m_published;
     std::uint64_t m_nFirstSerial = 0; // of the first published one

@@ -177,6 +177,7 @@ void Relay::admitServices() {
     const std::size_t nLimit = m_settings.nHoldBytes;
     const std::size_t nMost = m_hosts.size() == 1 ? nLimit : nLimit - std::min(nLimit, heldBytes());
     for (const auto& [sHost, spHost] : m_hosts) {
+        spHost->complain();
         try {
             spHost->admit(nMost);
         } catch (const std::system_error& error) {
@@ -326,6 +327,7 @@ std::string Relay::status() {
                          {"waiting", spHost->queue().size()},
                          {"bytes", spHost->queue().bytes()},
                          {"full", spHost->queue().isFull()},
+                         {"failure", spHost->queue().failure()},
                          {"repeated", spHost->queue().repeated()}});
     return Json{{"host", m_settings.access.sHost},
                 {"connected", m_bConnected},

@@ -4,7 +4,9 @@
 #define VORNRELAY_RELAYLOG_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace VornRelay {
@@ -21,6 +23,22 @@ inline void logLine(LogLevel level, const std::string& sText) {
     if (static_cast<int>(level) <= g_nLogLevel.load(std::memory_order_relaxed))
         std::fprintf(stderr, "<%d>%s\n", cMarks[static_cast<int>(level)], sText.c_str());
 }
+
+/** A line that says what goes on and on, and so is written once a minute. */
+class RareLine {
+public:
+    void write(LogLevel level, const std::string& sText) {
+        constexpr std::chrono::minutes cPause{1};
+        const auto now = std::chrono::steady_clock::now();
+        if (m_last && now - *m_last < cPause)
+            return;
+        m_last = now;
+        logLine(level, sText);
+    }
+
+private:
+    std::optional<std::chrono::steady_clock::time_point> m_last;
+};
 
 } // namespace VornRelay
 

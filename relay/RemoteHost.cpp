@@ -3,7 +3,6 @@
 #include "RemoteHost.h"
 
 #include "LeaseTable.h"
-#include "RelayLog.h"
 
 #include <cstdio>
 #include <ctime>
@@ -16,7 +15,7 @@ namespace {
 constexpr std::size_t cRoomForHeaders = 4096;
 constexpr std::size_t cUsualContent = 1024 * 1024;
 constexpr std::size_t cMostGone = 1'000'000;
-constexpr std::chrono::minutes cBetweenComplaints{1};
+constexpr std::chrono::seconds cAbsentLimit{30}; // longer than an election takes
 
 std::uint32_t leaseIn(const std::string& sExchange) {
     std::uint32_t nLease = 0;
@@ -43,9 +42,15 @@ std::string timeText() {
 RemoteHost::RemoteHost(RelayLoop& loop, Engine& engine, const std::string& sSource, const std::string& sHost,
                        std::size_t nWindow, NotificationNumber& number, RelayCounters& counters)
     : m_engine(engine), m_sSource(sSource), m_sHost(sHost), m_number(number), m_counters(counters),
-      m_queue(loop, engine, nWindow, [this](Engine::Message& message) { stamp(message); }),
+      m_queue(loop, engine, {nWindow, cAbsentLimit}, [this](Engine::Message& message) { stamp(message); }),
       m_pipe(loop, "relay-" + sHost, *this) {
     engine.listenTo("vorn.gone." + sHost);
+}
+
+void RemoteHost::complain() {
+    if (!m_queue.failure().empty())
+        m_failureLine.write(LogLevel::warning,
+                            "what goes to " + m_sHost + " is not stored: " + m_queue.failure());
 }
 
 void RemoteHost::admit(std::size_t nMost) {
@@ -82,12 +87,8 @@ void RemoteHost::accepted(std::string&& sExchange, ServicePipe::DoneHandler onDo
 
 void RemoteHost::tooLong() {
     ++m_counters.nRefused;
-    const auto now = RelayLoop::Clock::now();
-    if (now - m_lastComplaint < cBetweenComplaints)
-        return;
-    m_lastComplaint = now;
-    logLine(LogLevel::warning, "a notification for " + m_sHost + " is longer than " +
-                                   std::to_string(mostContent()) + " bytes and was refused");
+    m_tooLongLine.write(LogLevel::warning, "a notification for " + m_sHost + " is longer than " +
+                                               std::to_string(mostContent()) + " bytes and was refused");
 }
 
 std::size_t RemoteHost::mostContent() const {

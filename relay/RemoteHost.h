@@ -6,6 +6,7 @@
 #include "NotificationNumber.h"
 #include "OutgoingQueue.h"
 #include "RelayCounters.h"
+#include "RelayLog.h"
 #include "ServicePipe.h"
 
 #include <cstdint>
@@ -31,6 +32,9 @@ public:
 
     OutgoingQueue& queue() { return m_queue; }
 
+    /** Says in the log why notifications are not stored, now and then. */
+    void complain();
+
     /** Closes the pipe, so that services are refused, while more waits than @p nMost bytes, and opens it when
      * half of that is left. @throws std::system_error */
     void admit(std::size_t nMost);
@@ -54,7 +58,8 @@ private:
     NotificationNumber& m_number;
     RelayCounters& m_counters;
     std::unordered_set<std::uint32_t> m_gone;
-    std::chrono::steady_clock::time_point m_lastComplaint;
+    RareLine m_tooLongLine;
+    RareLine m_failureLine;
     OutgoingQueue m_queue;
     ServicePipe m_pipe;
 };

@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkDelivery.h"
 
-#include "RelayLog.h"
-
 #include <VornConnection.h>
 #include <VornException.h>
 #include <VornPipeServer.h>
@@ -86,7 +84,7 @@ SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings&
                            RelayCounters& counters)
     : m_loop(loop), m_engine(engine), m_settings(settings), m_counters(counters),
       m_leases(settings.sStateDirectory + "/leases"), m_journal(settings.sStateDirectory + "/journal"),
-      m_deadLetters(loop, engine, settings.nWindow, nullptr),
+      m_deadLetters(loop, engine, {settings.nWindow}, nullptr),
       m_reader(loop, engine, [this](std::uint64_t nPosition, Engine::Message&& message) {
           take(nPosition, std::move(message));
       }) {
@@ -356,6 +354,8 @@ void SinkDelivery::look() {
     } catch (const std::system_error& error) { // a full disk; it is tried again
         logLine(LogLevel::failure, std::string("a lease cannot be ended: ") + error.what());
     }
+    if (!m_deadLetters.failure().empty())
+        m_deadLetterLine.write(LogLevel::warning, "dead letters are not stored: " + m_deadLetters.failure());
     m_look = m_loop.after(cLookInterval, [this] { look(); });
 }
 

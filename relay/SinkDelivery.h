@@ -8,6 +8,7 @@
 #include "LeaseTable.h"
 #include "OutgoingQueue.h"
 #include "RelayCounters.h"
+#include "RelayLog.h"
 #include "RelayLoop.h"
 #include "RelaySettings.h"
 #include "StreamReader.h"
@@ -116,6 +117,7 @@ private:
     LeaseTable m_leases;
     Journal m_journal;
     OutgoingQueue m_deadLetters;
+    RareLine m_deadLetterLine;
     StreamReader m_reader;
     std::unordered_map<std::uint32_t, LeaseQueue> m_queues;
     std::unordered_map<std::uint64_t, std::uint32_t> m_underWay; // lease by ticket

@@ -213,6 +213,13 @@ int RelayStage::endRelay(const std::string& sHost, int nSignal) {
     return relay.wait();
 }
 
+std::string RelayStage::takeLog(const std::string& sHost, int nSignal) {
+    ChildProcess relay = std::move(m_relays.at(sHost));
+    m_relays.erase(sHost);
+    relay.kill(nSignal);
+    return relay.readAllErrors();
+}
+
 std::pair<std::string, int> RelayStage::run(const std::string& sHost,
                                             const std::vector<std::string>& arguments) {
     return runWith(sHost, sHost, arguments);

@@ -53,6 +53,9 @@ public:
     /** Ends a relay with a signal, and waits for it. @return its exit status */
     int endRelay(const std::string& sHost, int nSignal);
 
+    /** Ends a relay with a signal. @return what it has written to its log */
+    std::string takeLog(const std::string& sHost, int nSignal);
+
     bool hasRelay(const std::string& sHost) const { return m_relays.contains(sHost); }
 
     /** Runs `vornnet-relay` on a host. @return what it prints, and its status */

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 using namespace VornTest;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -260,6 +261,20 @@ TEST_F(RelayTest, HostThatCannotTakeMore_HoldsUpNoServiceOfAnotherHost) {
     ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), 50);
     EXPECT_EQ(service.readLine(), "0");
     EXPECT_TRUE(RelayStage::awaitNumbers("log", 50));
+}
+
+TEST_F(RelayTest, WhatCannotBeStored_IsToldInStatusAndLog) {
+    m_stage.startRelay("a", "send-to = c, d\npublish-timeout = 1\n");
+    for (const char* szHost : {"c", "d"}) // the one has no stream, the other must not be notified
+        m_stage.startService("a", "plain", std::string("pipe:relay-") + szHost + " 7", 1).wait();
+    EXPECT_TRUE(awaitCondition([&] {
+        const std::string sStatus = m_stage.run("a", {"status"}).first;
+        return sStatus.find("to c: 1 waiting, 16 bytes, there is no stream for it\n") != std::string::npos &&
+               sStatus.find("to d: 1 waiting, 16 bytes, no answer\n") != std::string::npos;
+    })) << m_stage.run("a", {"status"}).first;
+    const std::string sLog = m_stage.takeLog("a", SIGKILL);
+    EXPECT_THAT(sLog, HasSubstr("what goes to c is not stored: there is no stream for it"));
+    EXPECT_THAT(sLog, ContainsRegex("complains: .*vorn.to.d.sink.lease.7"));
 }
 
 TEST_F(RelayTest, EngineAway_ServicesAreRefusedWhenTooMuchWaits) {

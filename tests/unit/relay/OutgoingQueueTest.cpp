@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 using namespace VornRelay;
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using VornTest::ScriptedEngine;
@@ -34,9 +35,10 @@ protected:
     ScriptedEngine m_engine;
     int m_nNumber = 0;
     std::vector<std::string> m_done;
-    OutgoingQueue m_queue{m_loop, m_engine, 3, [this](Engine::Message& message) {
-                              message.headers.front().second = std::to_string(++m_nNumber);
-                          }};
+    OutgoingQueue::Stamp m_stamp = [this](Engine::Message& message) {
+        message.headers.front().second = std::to_string(++m_nNumber);
+    };
+    OutgoingQueue m_queue{m_loop, m_engine, {3, 50ms, 0ms}, m_stamp};
 };
 
 } // namespace
@@ -135,6 +137,56 @@ TEST_F(OutgoingQueueTest, FullStream_IsTriedWithOneMessage) {
     EXPECT_EQ(m_engine.answer(Answer::stored), "a/1");
     EXPECT_FALSE(m_queue.isFull());
     EXPECT_EQ(m_engine.unanswered(), 1U);
+}
+
+TEST_F(OutgoingQueueTest, AfterAFullStream_TheWindowGrowsAgainWhenItHasBeenCalm) {
+    OutgoingQueue cautious(m_loop, m_engine, {3, std::nullopt, 60s}, m_stamp);
+    for (OutgoingQueue* pQueue : {&m_queue, &cautious}) {
+        pQueue->setConnected(true);
+        pQueue->add({"subject", {{"Nats-Msg-Id", ""}}, "a"}, [](bool) {});
+        m_engine.answer(Answer::full);
+        awaitPause();
+        for (int i = 0; i < 1000; ++i)
+            pQueue->add({"subject", {{"Nats-Msg-Id", ""}}, "b"}, [](bool) {});
+        std::size_t nMostAtOnce = 1;
+        while (m_engine.unanswered() > 0) {
+            nMostAtOnce = std::max(nMostAtOnce, m_engine.unanswered());
+            m_engine.answer(Answer::stored);
+        }
+        EXPECT_EQ(nMostAtOnce, pQueue == &m_queue ? 3U : 1U);
+    }
+}
+
+TEST_F(OutgoingQueueTest, StreamThatIsNotThere_IsTriedAgainForAWhileAndThenRefuses) {
+    m_queue.setConnected(true);
+    add("a");
+    add("b");
+    m_engine.answer(Answer::absent, "no stream");
+    m_engine.answer(Answer::absent, "no stream");
+    EXPECT_EQ(m_queue.failure(), "no stream");
+    for (int i = 0; i < 100 && m_done.empty(); ++i) {
+        awaitPause();
+        m_engine.answer(Answer::absent, "no stream");
+    }
+    EXPECT_THAT(m_done, ElementsAre("a-"));
+    m_engine.answer(Answer::absent, "no stream");
+    EXPECT_THAT(m_done, ElementsAre("a-", "b-"));
+    EXPECT_EQ(m_queue.failure(), "no stream");
+    add("c");
+    m_engine.answer(Answer::stored);
+    EXPECT_EQ(m_queue.failure(), "");
+    add("d");
+    m_engine.answer(Answer::absent, "no stream");
+    EXPECT_THAT(m_done, ElementsAre("a-", "b-", "c+")) << "a new while has begun";
+}
+
+TEST_F(OutgoingQueueTest, WhatIsNotStored_SaysWhyUntilTheNextConnection) {
+    m_queue.setConnected(true);
+    add("a");
+    m_engine.answer(Answer::unknown, "insufficient resources");
+    EXPECT_EQ(m_queue.failure(), "insufficient resources");
+    m_queue.setConnected(false);
+    EXPECT_EQ(m_queue.failure(), "");
 }
 
 TEST_F(OutgoingQueueTest, FailuresInARow_ChangeNothingOfWhatWaits) {

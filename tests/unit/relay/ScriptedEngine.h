@@ -43,10 +43,10 @@ public:
     std::size_t mostContent() const override { return 1000; }
 
     /** Answers the oldest message without an answer. @return "content/number" */
-    std::string answer(Answer answer) {
+    std::string answer(Answer answer, const std::string& sText = {}) {
         const auto [message, onAnswer] = std::move(m_published.front());
         m_published.pop_front();
-        onAnswer(answer, "");
+        onAnswer(answer, sText);
         return message.sContent + "/" + std::string(message.header("Nats-Msg-Id"));
     }
 
