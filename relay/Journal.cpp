@@ -84,22 +84,20 @@ NotificationNumber Journal::last(std::uint32_t nLease, const std::string& sSourc
 bool Journal::note(std::uint32_t nLease, const std::string& sSource, const NotificationNumber& number) {
     const Key key(nLease, sSource.substr(0, cSourceSize - 1));
     const auto found = m_entries.find(key);
-    Entry* pEntry = found == m_entries.end() ? place(key) : &found->second;
-    pEntry->last = number;
-    pEntry->nNewest = 1 - pEntry->nNewest;
+    Entry& entry = found == m_entries.end() ? place(key) : found->second;
+    entry.last = number;
+    entry.nNewest = 1 - entry.nNewest;
     Record record{};
     record.nLease = nLease;
     key.second.copy(record.source, cSourceSize - 1);
-    Place entry{number.nBoot, number.nCount, 0};
-    entry.nCheck = checkOf(record, entry);
-    if (found == m_entries.end()) {
-        record.places[pEntry->nNewest] = entry;
-        return writeAt(m_file.number(), &record, sizeof record, offsetOf(pEntry->nRecord));
-    }
-    const std::size_t nPlace =
-        offsetof(Record, places) + static_cast<std::size_t>(pEntry->nNewest) * sizeof entry;
-    return writeAt(m_file.number(), &entry, sizeof entry,
-                   offsetOf(pEntry->nRecord) + static_cast<off_t>(nPlace));
+    Place& place = record.places[entry.nNewest];
+    place = {number.nBoot, number.nCount, 0};
+    place.nCheck = checkOf(record, place);
+    const off_t nOffset = offsetOf(entry.nRecord);
+    if (!entry.bWritten)
+        return entry.bWritten = writeAt(m_file.number(), &record, sizeof record, nOffset);
+    const auto nPlace = reinterpret_cast<const char*>(&place) - reinterpret_cast<const char*>(&record);
+    return writeAt(m_file.number(), &place, sizeof place, nOffset + nPlace);
 }
 
 void Journal::forget(std::uint32_t nLease) {
@@ -110,6 +108,13 @@ void Journal::forget(std::uint32_t nLease) {
         m_free.push_back(entry->second.nRecord);
         entry = m_entries.erase(entry);
     }
+}
+
+std::set<std::uint32_t> Journal::leases() const {
+    std::set<std::uint32_t> leases;
+    for (const auto& [key, entry] : m_entries)
+        leases.insert(key.first);
+    return leases;
 }
 
 bool Journal::load(const std::string& sPath) {
@@ -147,6 +152,7 @@ bool Journal::loadRecord(std::size_t nRecord) {
         return false;
     Entry entry;
     entry.nRecord = nRecord;
+    entry.bWritten = true;
     bool bHasPlace = false;
     for (int i = 0; i < 2; ++i) {
         const Place& place = record.places[i];
@@ -168,7 +174,7 @@ void Journal::begin(const std::string& sPath) {
         failWith(sPath);
 }
 
-Journal::Entry* Journal::place(const Key& key) {
+Journal::Entry& Journal::place(const Key& key) {
     Entry entry;
     if (m_free.empty()) {
         entry.nRecord = m_nRecords++;
@@ -176,7 +182,7 @@ Journal::Entry* Journal::place(const Key& key) {
         entry.nRecord = m_free.back();
         m_free.pop_back();
     }
-    return &m_entries.emplace(key, entry).first->second;
+    return m_entries.emplace(key, entry).first->second;
 }
 
 } // namespace VornRelay

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,6 +45,9 @@ public:
     /** Forgets a lease, whose places others get. */
     void forget(std::uint32_t nLease);
 
+    /** @return the leases of which something is noted. */
+    std::set<std::uint32_t> leases() const;
+
     std::size_t size() const { return m_entries.size(); }
 
 private:
@@ -52,13 +56,14 @@ private:
     struct Entry {
         NotificationNumber last;
         std::size_t nRecord = 0;
-        int nNewest = 0; // of the two places
+        int nNewest = 0;       // of the two places
+        bool bWritten = false; // the record, of which one place is enough from then on
     };
 
     bool load(const std::string& sPath);
     bool loadRecord(std::size_t nRecord);
     void begin(const std::string& sPath);
-    Entry* place(const Key& key);
+    Entry& place(const Key& key);
 
     VornNet::OwnedDescriptor m_file;
     std::map<Key, Entry> m_entries;

@@ -94,6 +94,10 @@ SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings&
     if (m_journal.wasDamaged())
         logLine(LogLevel::warning, "the journal was damaged and put aside: what was delivered and not yet "
                                    "acknowledged is delivered again");
+    for (const std::uint32_t nLease : m_journal.leases()) {
+        if (m_leases.find(nLease) == nullptr)
+            m_journal.forget(nLease); // the relay was killed while it ended
+    }
     const std::string sSubject = "vorn.to." + settings.access.sHost;
     m_reader.add("relay", sSubject + ".sink.>", settings.nHeld);
     for (const auto& [nNumber, lease] : m_leases.all()) {
@@ -205,11 +209,14 @@ void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
 }
 
 void SinkDelivery::deliverNext(std::uint32_t nLease) {
-    const auto found = m_queues.find(nLease);
-    if (found == m_queues.end())
-        return;
-    LeaseQueue& queue = found->second;
     const Lease* pLease = m_leases.find(nLease);
+    const auto found = m_queues.find(nLease);
+    if (found == m_queues.end()) {
+        if (pLease == nullptr)
+            m_journal.forget(nLease);
+        return;
+    }
+    LeaseQueue& queue = found->second;
     if (queue.nTicket != 0 || queue.bBurying || (queue.judge != 0 && pLease != nullptr))
         return; // it goes on when the first one has found its end
     while (pLease == nullptr && !queue.waiting.empty()) {

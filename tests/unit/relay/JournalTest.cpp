@@ -4,14 +4,18 @@
 
 #include "Posix.h"
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace VornRelay;
+using testing::ElementsAre;
 
 namespace {
 
@@ -108,4 +112,31 @@ TEST_F(JournalTest, DamageOfBothPlaces_IsFound) {
     change(cFirstPlace, "\xff");
     change(cSecondPlace, "\xff");
     EXPECT_TRUE(Journal(m_sPath).wasDamaged());
+}
+
+TEST_F(JournalTest, WhatCouldNotBeWrittenAtFirst_IsWrittenWithTheNextNumber) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    {
+        Journal journal(m_sPath);
+        const rlimit full{cFirstRecord, before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &full);
+        EXPECT_FALSE(journal.note(7, "a", {1, 1})) << "as on a full disk";
+        ::setrlimit(RLIMIT_FSIZE, &before);
+        EXPECT_EQ(journal.last(7, "a"), (NotificationNumber{1, 1}));
+        EXPECT_TRUE(journal.note(7, "a", {1, 2}));
+    }
+    const Journal journal(m_sPath);
+    EXPECT_FALSE(journal.wasDamaged());
+    EXPECT_EQ(journal.last(7, "a"), (NotificationNumber{1, 2}));
+}
+
+TEST_F(JournalTest, Leases_AreThoseOfWhichSomethingIsNoted) {
+    Journal journal(m_sPath);
+    journal.note(7, "a", {1, 1});
+    journal.note(7, "b", {1, 1});
+    journal.note(8, "a", {1, 1});
+    journal.forget(8);
+    EXPECT_THAT(journal.leases(), ElementsAre(7));
 }

@@ -220,6 +220,24 @@ TEST_F(SinkDeliveryTest, WhatIsSentToAReleasedName_IsADeadLetterAndTold) {
     }
 }
 
+TEST_F(SinkDeliveryTest, LeaseThatHasEnded_LeavesNothingInTheJournal) {
+    Client client;
+    const std::string sJournal = m_settings.sStateDirectory + "/journal";
+    for (std::uint64_t n = 1; n <= 3; ++n) {
+        const std::uint32_t nLease = grant("", client);
+        arrive(nLease, n);
+        EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == n; }));
+        if (n < 3)
+            m_spDelivery->end(nLease);
+    }
+    EXPECT_EQ(Journal(sJournal).size(), 1U);
+    // As if the relay had been killed in the middle of ending the last one.
+    m_spDelivery.reset();
+    std::filesystem::remove(m_settings.sStateDirectory + "/leases");
+    restart();
+    EXPECT_EQ(Journal(sJournal).size(), 0U);
+}
+
 TEST_F(SinkDeliveryTest, OfVeryManyReleasedNames_TheOldestIsReadToItsEnd) {
     Client client;
     const std::uint32_t nOldest = grant("n", client);
