@@ -31,13 +31,6 @@ const char* __tsan_default_options() {
     return "die_after_fork=0:report_signal_unsafe=0";
 }
 
-/** Libraries of others, whose locks it does not see because they are not instrumented. */
-extern "C" const char* __tsan_default_suppressions();
-
-const char* __tsan_default_suppressions() {
-    return "called_from_lib:libcrypto.so\ncalled_from_lib:libnats.so\ncalled_from_lib:libssl.so\n";
-}
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
