@@ -49,7 +49,7 @@ def check_index(tree):
 
 def check_classes(tree):
     table = (tree / "docs/threads.md").read_text()
-    for folder in ("include", "support"):
+    for folder in ("include", "support", "notify"):
         for header in [*sorted((tree / folder).glob("Vorn*.h")), *(tree / folder).glob("ModuleData.h")]:
             for name in re.findall(r"^class (?:VORN\w+_API )?(\w+)[^;]*\{", header.read_text(), re.M):
                 if f"`{name}`" not in table:
