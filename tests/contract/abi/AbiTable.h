@@ -18,6 +18,7 @@
 #include <VornIPCServer.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornLogging.h>
+#include <VornMetrics.h>
 #include <VornNotification.h>
 #include <VornNotificationCallback.h>
 #include <VornObjectBase.h>

@@ -64,6 +64,7 @@ std::size_t sizeWithoutRow(const std::string& className) {
         {"VornCriticalSection", sizeof(VornCriticalSectionObject*)},
         {"VornDispatcher", sizeof(void*)},
         {"VornEvent", sizeof(void*)},
+        {"VornMetrics", sizeof(void*)},
         {"VornPublisher", sizeof(void*)},
         {"VornSteadySink", sizeof(void*)},
         {"VornSubscriber", sizeof(std::shared_ptr<int>)},
