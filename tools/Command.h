@@ -47,6 +47,7 @@ void addPipes(CLI::App& app, Runner& runner);
 void addResolve(CLI::App& app, Runner& runner);
 void addFollow(CLI::App& app, Runner& runner);
 void addPing(CLI::App& app, Runner& runner);
+void addBench(CLI::App& app, Runner& runner);
 void addTop(CLI::App& app, Runner& runner);
 void addMetrics(CLI::App& app, Runner& runner);
 void addDoctor(CLI::App& app, Runner& runner);

@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
     addResolve(app, runner);
     addFollow(app, runner);
     addPing(app, runner);
+    addBench(app, runner);
     addTop(app, runner);
     addMetrics(app, runner);
     addDoctor(app, runner);

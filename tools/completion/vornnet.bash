@@ -18,6 +18,7 @@ _vornnet_options()
         pipes) echo --clean --json --log-level --help ;;
         resolve) echo --json --log-level --help ;;
         ping) echo --timeout --json --log-level --help ;;
+        bench) echo --local --seconds --json --log-level --help ;;
         top) echo --every --count --json --log-level --help ;;
         metrics) echo --log-level --help ;;
         doctor) echo --pid --monitor --strict --json --log-level --help ;;
@@ -49,13 +50,13 @@ _vornnet_words()
         --directory | --position-file) compgen -f ;;
         *)
             case $subcommand in
-                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping top metrics doctor help ;;
-                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping top metrics doctor ;;
+                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor help ;;
+                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor ;;
                 publish | subscribe) ((position > 1)) || _vornnet_addresses ;;
-                notify | connect | serve | ping)
+                notify | connect | serve | ping | bench)
                     if ((position == 1)); then
                         _vornnet_addresses
-                    elif [[ $subcommand != ping && ($subcommand != notify || position -gt 3) ]]; then
+                    elif [[ $subcommand != @(ping|bench) && ($subcommand != notify || position -gt 3) ]]; then
                         echo int: short: long: bool: string: line: ack error
                     fi
                     ;;

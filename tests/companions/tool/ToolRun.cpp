@@ -72,9 +72,9 @@ std::string toolFile(const std::string& name) {
 }
 
 const std::vector<std::string>& subcommands() {
-    static const std::vector<std::string> names = {"sink",   "notify", "publish", "subscribe", "connect",
-                                                   "serve",  "encode", "decode",  "pipes",     "resolve",
-                                                   "follow", "ping",   "top",     "metrics",   "doctor"};
+    static const std::vector<std::string> names = {
+        "sink",  "notify",  "publish", "subscribe", "connect", "serve", "encode",  "decode",
+        "pipes", "resolve", "follow",  "ping",      "bench",   "top",   "metrics", "doctor"};
     return names;
 }
 
