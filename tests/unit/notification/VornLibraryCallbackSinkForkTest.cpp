@@ -148,6 +148,19 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, LetsGoOfThePortThatItIsAboutToOpen) 
     EXPECT_TRUE(starter.join());
 }
 
+TEST_P(VornLibraryCallbackSink_ForkOnPorts, ForkedByTheThreadThatOpensThePort_LeavesItToTheChild) {
+    const int without = openDescriptors();
+    int status = hangs;
+    {
+        const CallHook fork("getsockname", [&] {
+            status = inChild([without] { return openDescriptors() == without + 1 ? 0 : 1; });
+        });
+        WatchedSink sink(GetParam());
+        EXPECT_TRUE(sink.awaitServing());
+    }
+    EXPECT_EQ(status, 0);
+}
+
 TEST_P(VornLibraryCallbackSink_ForkOnStreams, LetsGoOfTheConnectionThatItServes) {
     const int without = openDescriptors();
     WatchedSink sink(GetParam());

@@ -105,6 +105,12 @@ class OpenedServer : public VornServerSocket {
 public:
     using VornServerSocket::init;
     using VornServerSocket::VornServerSocket;
+
+    /** Keeps its socket at another place in memory, as a derived class may. */
+    void replaceSocket() {
+        const std::unique_ptr<int> previous(static_cast<int*>(m_pSocketImpl));
+        m_pSocketImpl = new int(*previous);
+    }
 };
 
 class ForkedPipeServer : public LeakCheckedTest {
@@ -194,6 +200,49 @@ TEST(ForkedTcpServer, ClosedInTheChildWhileTwoThreadsThereWait_IsLetGoOfByTheLas
                   return openDescriptors() == before ? 0 : 3;
               }),
               0);
+}
+
+TEST(ForkedTcpServer, TwoClosedInTheChildWhileThreadsThereWait_AreLetGoOfOneByOne) {
+    if (underThreadSanitizer)
+        GTEST_SKIP() << takesItForTheParentsThread;
+    const int before = openDescriptors();
+    const VornSmartPointer<VornIPCServer> spServer = openServer(Kind::Tcp);
+    OpenedServer another(port + 1, 5, "127.0.0.1");
+    another.init();
+    EXPECT_EQ(inChild([&] {
+                  ClientWait first(*spServer);
+                  ClientWait second(another);
+                  if (!first.awaitBlocked() || !second.awaitBlocked())
+                      return 1;
+                  spServer->close();
+                  another.close();
+                  UniqueFd peer = meet(Kind::Tcp, "");
+                  if (first.outcome().client() != nullptr)
+                      return 2;
+                  reset(peer);
+                  if (openDescriptors() != before + 1)
+                      return 3;
+                  peer = tcpConnect("127.0.0.1", port + 1);
+                  if (second.outcome().client() != nullptr)
+                      return 4;
+                  reset(peer);
+                  return openDescriptors() == before ? 0 : 5;
+              }),
+              0);
+}
+
+TEST(ForkedTcpServer, WhoseClassHasPutAnotherSocketThere_EndsThatWhenItCloses) {
+    useInterposition();
+    OpenedServer server(port, 5, "127.0.0.1");
+    server.init();
+    const auto replaceAndClose = [&] {
+        server.replaceSocket();
+        const CallTrace trace;
+        server.close();
+        return trace.calls("shutdown");
+    };
+    EXPECT_EQ(inChild(replaceAndClose), 1);
+    EXPECT_EQ(replaceAndClose(), 1);
 }
 
 TEST(ForkedTcpServer, OpenedAnewInTheChild_IsItsOwn) {

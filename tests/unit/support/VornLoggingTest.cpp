@@ -641,6 +641,32 @@ TEST_F(VornLoggingTest, WhenRoomCannotBeAwaited_ARecordIsCutAtOnce) {
     EXPECT_THAT(output.finish(), SizeIs(1));
 }
 
+TEST_F(VornLoggingTest, WhenTheWaitForRoomIsInterrupted_ItGoesOn) {
+    useInterposition();
+    StandardErrorChannel output(Channel::Pipe, false);
+    VornLogging::getInstance().setLogLevel(9);
+    const FaultRule fault("poll", EINTR);
+    const CallHook reader("poll", [&] { output.read(); });
+    logAt(1, std::string(200'000, 'x'));
+    const std::vector<std::string> lines = output.finish();
+    EXPECT_EQ(fault.failures(), 1);
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_GT(lines[0].size(), 200'000U);
+}
+
+TEST_F(VornLoggingTest, WhenStandardErrorTakesNothingWithoutAnError_TheRecordIsGivenUp) {
+    useInterposition();
+    StandardErrorChannel output(Channel::Pipe);
+    VornLogging::getInstance().setLogLevel(9);
+    {
+        FaultRule fault("write", 0);
+        fault.returning(0);
+        logAt(1, "lost");
+    }
+    logAt(1, "the next");
+    EXPECT_THAT(textsOf(output.finish()), testing::ElementsAre("the next"));
+}
+
 TEST_F(VornLoggingTest, WhileStandardErrorIsOnlyInterrupted_ARecordIsGivenUpInTheEnd) {
     useInterposition();
     StandardErrorChannel output(Channel::Pipe);
