@@ -2,6 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CallbackEndpoint.h"
 
+#include "DottedAddress.h"
+#include "PipeListener.h"
+
+#include <SystemCalls.h>
 #include <VornPipeServer.h>
 
 #include <charconv>
@@ -18,21 +22,12 @@ namespace VornNet {
 
 namespace {
 
-constexpr std::size_t cLongestPath = sizeof(sockaddr_un::sun_path) - 1;
-
 bool takePrefix(VornString& sText, const char* prefix) {
     const std::size_t length = std::strlen(prefix);
     if (sText.compare(0, length, prefix) != 0)
         return false;
     sText.erase(0, length);
     return true;
-}
-
-bool parseAddress(const VornString& sText, in_addr& address) {
-    // A zero byte would end the text for inet_pton(3), which otherwise takes nothing but four decimal
-    // numbers.
-    return sText.find('\0') == VornString::npos && ::inet_pton(AF_INET, sText.c_str(), &address) == 1 &&
-           address.s_addr != htonl(INADDR_ANY);
 }
 
 /** Ports above 32767 are written by some as the negative number that a short makes of them. */
@@ -67,6 +62,17 @@ CallbackEndpoint::Address::Address(const CallbackEndpoint& endpoint) : m_storage
     }
 }
 
+bool CallbackEndpoint::Address::isOwnOf(int fd) const {
+    sockaddr_storage own{};
+    socklen_t length = sizeof own;
+    if (m_storage.ss_family != AF_INET ||
+        System::getsockname(fd, reinterpret_cast<sockaddr*>(&own), &length) == -1)
+        return false;
+    const auto& here = reinterpret_cast<const sockaddr_in&>(own);
+    const auto& there = reinterpret_cast<const sockaddr_in&>(m_storage);
+    return here.sin_port == there.sin_port && here.sin_addr.s_addr == there.sin_addr.s_addr;
+}
+
 std::optional<CallbackEndpoint> CallbackEndpoint::parse(const VornString& sText) {
     VornString sPart = sText;
     if (takePrefix(sPart, "pipe:"))
@@ -90,11 +96,7 @@ CallbackEndpoint::CallbackEndpoint(Kind kind, VornString sPlace) : m_kind(kind),
 }
 
 std::optional<CallbackEndpoint> CallbackEndpoint::parsePipe(const VornString& sName) {
-    // A zero byte would end the path early, and lead to somebody else's pipe.
-    if (sName.empty() || sName == "." || sName == ".." ||
-        sName.find_first_of(VornString("/\0", 2)) != VornString::npos)
-        return std::nullopt;
-    if (VornPipeServer::getFullPipeName(sName).size() > cLongestPath)
+    if (!PipeListener::isName(sName))
         return std::nullopt;
     return CallbackEndpoint(Kind::pipe, sName);
 }
@@ -103,12 +105,12 @@ std::optional<CallbackEndpoint> CallbackEndpoint::parseHostAndPort(Kind kind, co
     const std::size_t colon = sPart.find(':');
     if (colon == VornString::npos)
         return std::nullopt;
-    in_addr address{};
+    const std::optional<in_addr> address = parseDottedAddress(sPart.substr(0, colon));
     in_port_t port = 0;
-    if (!parseAddress(sPart.substr(0, colon), address) ||
+    if (!address || address->s_addr == htonl(INADDR_ANY) ||
         !parsePort(sPart.substr(colon + 1, sPart.find(';', colon) - colon - 1), port))
         return std::nullopt;
-    VornString sPlace(reinterpret_cast<const char*>(&address), sizeof address);
+    VornString sPlace(reinterpret_cast<const char*>(&*address), sizeof *address);
     sPlace.append(reinterpret_cast<const char*>(&port), sizeof port);
     return CallbackEndpoint(kind, sPlace);
 }

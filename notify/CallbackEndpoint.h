@@ -33,6 +33,13 @@ public:
 
         socklen_t length() const { return m_length; }
 
+        /**
+         * @return whether a TCP socket that has connected to this address has it for its own as well: a
+         * client that tries a free port of its own host may be given that very port, and is then connected
+         * with itself
+         */
+        bool isOwnOf(int fd) const;
+
     private:
         sockaddr_storage m_storage;
         socklen_t m_length;

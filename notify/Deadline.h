@@ -24,6 +24,11 @@ public:
     /** @return a deadline that never comes. */
     static Deadline none() { return Deadline(never()); }
 
+    /** @return the end of a wait that begins now; a negative limit is none. */
+    static Deadline ofWait(std::chrono::milliseconds limit) {
+        return limit < std::chrono::milliseconds(0) ? none() : Deadline(limit);
+    }
+
     /** @return the earlier one of the two. */
     Deadline orEarlier(const Deadline& other) const { return Deadline(std::min(m_end, other.m_end)); }
 

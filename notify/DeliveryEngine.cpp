@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DeliveryEngine.h"
 
+#include "Deadline.h"
+#include "DescriptorLimit.h"
+
 #include <Cancellation.h>
 #include <SystemCalls.h>
 
@@ -23,19 +26,15 @@ using State = AddressQueue::State;
 /** A sink that resets connections is there, and busy: who stays away for longer is served last. */
 constexpr nanoseconds cLongestPauseWhileAlive = 4ms;
 
-std::size_t connectionLimitOf(const VornDispatcher::Options& options) {
-    constexpr rlim_t cMost = 4096;
-    if (options.nConnectionLimit != 0)
-        return options.nConnectionLimit;
-    rlimit descriptors{};
-    System::getrlimit(RLIMIT_NOFILE, &descriptors);
-    return std::clamp<rlim_t>(descriptors.rlim_cur / 2, 1, cMost);
-}
+constexpr std::size_t cMostConnections = 4096;
 
 } // namespace
 
 DeliveryEngine::DeliveryEngine(const VornDispatcher::Options& options, DispatchBook& book)
-    : m_options(options), m_nConnectionLimit(connectionLimitOf(options)), m_book(book), m_poll(std::in_place),
+    : m_options(options),
+      m_nConnectionLimit(options.nConnectionLimit != 0 ? options.nConnectionLimit
+                                                       : halfOfDescriptors(cMostConnections)),
+      m_book(book), m_poll(std::in_place),
       m_nRandom(static_cast<std::uint64_t>(Clock::now().time_since_epoch().count()) ^
                 (static_cast<std::uint64_t>(System::getpid()) << 32)) {
     m_thread.start(options.sName, [this] { run(); });
@@ -237,7 +236,7 @@ void DeliveryEngine::apply(AddressQueue& queue, const Progress& progress) {
         if (!queue.spTry->isConnecting())
             m_book.timers.clear(queue);
         else if (!queue.isSet())
-            m_book.timers.set(queue, DispatchBook::timeAfter(Clock::now(), m_options.connectLimit));
+            m_book.timers.set(queue, Deadline(m_options.connectLimit).end());
         return;
     }
     m_book.timers.clear(queue);

@@ -24,12 +24,6 @@ DispatchBook::DispatchBook(const VornDispatcher::Options& options)
     : m_nQueueLimit(options.nQueueLimit), m_nByteLimit(options.nByteLimit),
       m_bTellsResults(static_cast<bool>(options.onResult)) {}
 
-DispatchBook::Clock::time_point DispatchBook::timeAfter(Clock::time_point start,
-                                                        std::chrono::milliseconds span) {
-    const auto longest = std::chrono::floor<std::chrono::milliseconds>(Clock::time_point::max() - start);
-    return span < longest ? start + span : Clock::time_point::max();
-}
-
 void DispatchBook::release(Lock& lock) {
     const bool bChanged = std::exchange(m_bChanged, false);
     const bool bHasResults = std::exchange(m_bHasResults, false);

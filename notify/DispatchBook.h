@@ -53,9 +53,6 @@ public:
 
     explicit DispatchBook(const VornDispatcher::Options& options);
 
-    /** @return the time at that distance; the end of all times where there is none. */
-    static Clock::time_point timeAfter(Clock::time_point start, std::chrono::milliseconds span);
-
     Lock lock() { return Lock(m_mutex); }
 
     void release(Lock& lock);

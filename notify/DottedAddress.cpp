@@ -10,6 +10,7 @@ namespace VornNet {
 
 std::optional<in_addr> parseDottedAddress(const VornString& sText) {
     in_addr address{};
+    // A zero byte would end the text for inet_pton(3), which otherwise takes nothing but four numbers.
     const bool isText = sText.find('\0') == VornString::npos;
     if (!isText || ::inet_pton(AF_INET, sText.c_str(), &address) != 1)
         return std::nullopt;

@@ -112,6 +112,7 @@ bool removeDead(const VornString& sPath) {
 } // namespace
 
 bool PipeListener::isName(const VornString& sName) {
+    // A zero byte would end the path early, and lead to somebody else's pipe.
     const bool isPlain = sName.find('/') == VornString::npos && sName.find('\0') == VornString::npos;
     return isPlain && !sName.empty() && sName != "." && sName != ".." &&
            VornPipeServer::getFullPipeName(sName).size() < sizeof(sockaddr_un::sun_path);

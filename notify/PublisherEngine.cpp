@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PublisherEngine.h"
 
+#include "DescriptorLimit.h"
 #include "HandlerCall.h"
 #include "Wire.h"
 
@@ -47,13 +48,6 @@ constexpr milliseconds cClosingLimit{1'000};
 constexpr milliseconds cSinkLimit{60'000};
 
 constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
-
-std::size_t descriptorsToSpare() {
-    rlimit limits{};
-    if (System::getrlimit(RLIMIT_NOFILE, &limits) == -1 || limits.rlim_cur == RLIM_INFINITY)
-        return std::numeric_limits<std::size_t>::max();
-    return limits.rlim_cur / 2;
-}
 
 template <typename Number>
 Number clamped(milliseconds span) {
@@ -107,7 +101,7 @@ PublisherEngine::PublisherEngine(const VornPublisher::Options& options, const Se
     : m_options(options), m_topics(topics), m_listener(listener), m_handlers(handlers), m_rules(rules),
       m_nSubscriberLimit(options.nSubscriberLimit), m_nBeat(clamped<std::uint32_t>(options.beat)) {
     if (m_nSubscriberLimit == 0)
-        m_nSubscriberLimit = descriptorsToSpare();
+        m_nSubscriberLimit = halfOfDescriptors(std::numeric_limits<std::size_t>::max());
 }
 
 void PublisherEngine::start() {
@@ -166,7 +160,7 @@ bool PublisherEngine::drop(std::uint64_t nId, const VornString& sReason) {
 }
 
 bool PublisherEngine::flush(milliseconds timeLimit) {
-    const Deadline deadline = timeLimit < milliseconds(0) ? Deadline::none() : Deadline(timeLimit);
+    const Deadline deadline = Deadline::ofWait(timeLimit);
     std::unique_lock<std::mutex> lock(m_mutex);
     std::vector<std::pair<std::uint64_t, std::uint64_t>>
         wanted; // ids, and the events that they are to be sent
@@ -192,8 +186,7 @@ void PublisherEngine::stop(milliseconds timeLimit) {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_wantsStop = true;
-        if (timeLimit >= milliseconds(0))
-            m_stopAt = Deadline(timeLimit);
+        m_stopAt = Deadline::ofWait(timeLimit);
         m_hasCommands = true;
     }
     wakeUp();

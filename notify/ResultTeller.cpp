@@ -2,10 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ResultTeller.h"
 
-#include "ThrownText.h"
-
-#include <Cancellation.h>
-#include <LogRecord.h>
+#include "HandlerCall.h"
 
 namespace VornNet {
 
@@ -41,14 +38,8 @@ void ResultTeller::run() {
 }
 
 void ResultTeller::tell(const VornDispatcher::Result& result) const {
-    try {
-        m_handler(result);
-    } catch (...) {
-        if (isCancellation())
-            throw;
-        logRecord(VornLogging::cError,
-                  "VornDispatcher::onResult: the result handler threw: ", [] { return describeThrown(); });
-    }
+    callHandler(VornLogging::cError,
+                "VornDispatcher::onResult: the result handler threw: ", [&] { m_handler(result); });
 }
 
 } // namespace VornNet

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServiceAddress.h"
 
+#include "DottedAddress.h"
+
 #include <charconv>
 #include <system_error>
 
@@ -24,13 +26,7 @@ std::optional<std::uint16_t> portOf(const VornString& sText) {
 }
 
 std::optional<in_addr> hostOf(const VornString& sText) {
-    in_addr host{htonl(INADDR_ANY)};
-    if (sText == "*")
-        return host;
-    // A zero byte would end the text for inet_pton(3), which otherwise takes nothing but four numbers.
-    if (sText.find('\0') != VornString::npos || ::inet_pton(AF_INET, sText.c_str(), &host) != 1)
-        return std::nullopt;
-    return host;
+    return sText == "*" ? in_addr{htonl(INADDR_ANY)} : parseDottedAddress(sText);
 }
 
 } // namespace

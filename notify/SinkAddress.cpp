@@ -2,10 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkAddress.h"
 
-#include "ThrownText.h"
-
-#include <Cancellation.h>
-#include <LogRecord.h>
+#include "HandlerCall.h"
 
 #include <exception>
 #include <system_error>
@@ -72,14 +69,8 @@ void SinkAddress::run() {
 }
 
 void SinkAddress::call(const VornString& sAddress) {
-    try {
-        m_handler(sAddress);
-    } catch (...) {
-        if (isCancellation())
-            throw;
-        logRecord(VornLogging::cError,
-                  "VornSteadySink::onAddressChange: the handler threw: ", [] { return describeThrown(); });
-    }
+    callHandler(VornLogging::cError,
+                "VornSteadySink::onAddressChange: the handler threw: ", [&] { m_handler(sAddress); });
 }
 
 } // namespace VornNet

@@ -2,10 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkCaller.h"
 
-#include "ThrownText.h"
+#include "HandlerCall.h"
 
-#include <Cancellation.h>
-#include <LogRecord.h>
 #include <VornConnection.h>
 #include <VornCriticalSection.h>
 #include <VornNotificationCallback.h>
@@ -57,22 +55,18 @@ void SinkCaller::serve(IncomingNotification& notification) {
 }
 
 SinkLine::Counter SinkCaller::call(IncomingNotification& notification) {
-    try {
+    SinkLine::Counter counter = &Statistics::nUnknown;
+    const bool hasReturned = callHandler(VornLogging::cError, "VornSteadySink::run: a callback threw: ", [&] {
         const VornCriticalSection lock(m_container.mutex(), true);
         VornSmartPointer<VornNotificationCallback> spCallback = m_container.lookup(notification.callbackId());
         if (spCallback == nullptr)
-            return &Statistics::nUnknown;
+            return;
         VornSmartPointer<VornConnection> spConnection = static_cast<ReceivedContent*>(notification.content());
         notification.content() = nullptr; // so that it lives no longer than the callback wants it
         spCallback->callback(spConnection);
-        return &Statistics::nDelivered;
-    } catch (...) {
-        if (isCancellation())
-            throw;
-        logRecord(VornLogging::cError,
-                  "VornSteadySink::run: a callback threw: ", [] { return describeThrown(); });
-    }
-    return &Statistics::nFailed;
+        counter = &Statistics::nDelivered;
+    });
+    return hasReturned ? counter : &Statistics::nFailed;
 }
 
 } // namespace VornNet

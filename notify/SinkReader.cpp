@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkReader.h"
 
+#include "Deadline.h"
 #include "SystemError.h"
 
 #include <algorithm>
@@ -110,7 +111,7 @@ bool SinkReader::acceptOne() {
     const Place place = m_open.insert(m_open.end(), std::move(m_next));
     IncomingNotification& accepted = *place->second;
     m_nBytes += accepted.size(); // of a datagram, all
-    accepted.deadline = m_now + m_settings.readLimit;
+    accepted.deadline = Deadline(m_settings.readLimit, m_now).end();
     m_cutTime = std::min(m_cutTime, accepted.deadline);
     if (accepted.descriptor() != -1)
         m_line.countConnection();

@@ -2,14 +2,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkSettings.h"
 
+#include "DescriptorLimit.h"
 #include "DottedAddress.h"
 #include "PipeListener.h"
 #include "SystemError.h"
 
 #include <GroupId.h>
-#include <SystemCalls.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
@@ -21,6 +20,8 @@ namespace {
 
 using Kind = VornSteadySink::Kind;
 using Options = VornSteadySink::Options;
+
+constexpr std::size_t cMostConnections = 1024;
 
 void require(bool isValid) {
     if (!isValid)
@@ -45,16 +46,6 @@ in_addr addressOf(const VornString& sAddress) {
     const std::optional<in_addr> address = parseDottedAddress(sAddress);
     require(address.has_value());
     return *address;
-}
-
-std::size_t connectionLimitOf(std::size_t nLimit) {
-    constexpr rlim_t cMost = 1024;
-    if (nLimit != 0)
-        return nLimit;
-    rlimit descriptors{};
-    if (System::getrlimit(RLIMIT_NOFILE, &descriptors) == -1)
-        descriptors.rlim_cur = cMost;
-    return std::clamp<rlim_t>(descriptors.rlim_cur / 2, 1, cMost);
 }
 
 void checkPipe(const Options& options, SinkSettings& settings) {
@@ -85,8 +76,6 @@ void checkPort(const Options& options, SinkSettings& settings) {
 } // namespace
 
 SinkSettings SinkSettings::check(const VornSteadySink::Options& options) {
-    // More than this is no limit any more, and the clock's numbers end somewhere.
-    constexpr std::chrono::milliseconds cLongest = std::chrono::hours(24 * 365);
     SinkSettings settings;
     settings.kind = kindOf(options);
     require(settings.kind == Kind::pipe || settings.kind == Kind::tcp || settings.kind == Kind::udp);
@@ -95,10 +84,11 @@ SinkSettings SinkSettings::check(const VornSteadySink::Options& options) {
     else
         checkPort(options, settings);
     require(options.readLimit.count() > 0 && options.nMessageLimit > 0 && options.nByteLimit > 0);
-    settings.readLimit = std::min(options.readLimit, cLongest);
+    settings.readLimit = options.readLimit;
     settings.nMessageLimit = options.nMessageLimit;
     settings.nByteLimit = options.nByteLimit;
-    settings.nConnectionLimit = connectionLimitOf(options.nConnectionLimit);
+    settings.nConnectionLimit =
+        options.nConnectionLimit != 0 ? options.nConnectionLimit : halfOfDescriptors(cMostConnections);
     return settings;
 }
 

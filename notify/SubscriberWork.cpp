@@ -17,8 +17,6 @@
 #include <system_error>
 #include <utility>
 
-#include <netinet/in.h>
-
 namespace VornNet {
 
 namespace {
@@ -44,22 +42,6 @@ constexpr const char* cUnknownTopic = "the service does not know this topic";
 constexpr const char* cServiceStops = "the service stops";
 
 constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
-
-/**
- * @return whether the socket is connected to itself: a client that tries a free port of its own host often
- * enough is given that very port for its own end, and would then hold it against the service.
- */
-bool isConnectedToItself(int fd) {
-    sockaddr_in own{};
-    sockaddr_in peer{};
-    socklen_t size = sizeof own;
-    if (System::getsockname(fd, reinterpret_cast<sockaddr*>(&own), &size) == -1)
-        return false;
-    size = sizeof peer;
-    if (System::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == -1)
-        return false;
-    return own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
-}
 
 } // namespace
 
@@ -282,14 +264,14 @@ void SubscriberWork::connect() {
         service = m_service;
         ++m_statistics.nTries;
     }
-    const bool isPipe = service->kind() == CallbackEndpoint::Kind::pipe;
+    m_address.emplace(*service);
     m_phase = Phase::connecting;
     m_due = Deadline(m_options.answerLimit).end();
-    m_socket.reset(System::socket(isPipe ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    m_socket.reset(
+        System::socket(m_address->get()->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!m_socket.isOpen())
         return lose(cCannotConnect, errno);
-    const CallbackEndpoint::Address address(*service);
-    const bool isConnected = System::connect(m_socket.number(), address.get(), address.length()) == 0;
+    const bool isConnected = System::connect(m_socket.number(), m_address->get(), m_address->length()) == 0;
     if (!isConnected && errno != EINPROGRESS)
         return lose(cCannotConnect, errno);
     const int error = m_poll->watch(m_socket.number(), EPOLLOUT, true);
@@ -305,17 +287,14 @@ void SubscriberWork::finishConnecting() {
     int error = 0;
     socklen_t size = sizeof error;
     System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &error, &size);
-    if (error == 0 && isConnectedToItself(m_socket.number()))
+    if (error == 0 && m_address->isOwnOf(m_socket.number()))
         error = ECONNREFUSED;
     if (error != 0)
         return lose(cCannotConnect, error);
     const auto& users = m_options.allowedUsers;
     ucred peer{-1, ~0U, ~0U};
     size = sizeof peer;
-    int family = 0;
-    socklen_t familySize = sizeof family;
-    System::getsockopt(m_socket.number(), SOL_SOCKET, SO_DOMAIN, &family, &familySize);
-    if (family == AF_UNIX && !users.empty()) {
+    if (m_address->get()->sa_family == AF_UNIX && !users.empty()) {
         System::getsockopt(m_socket.number(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
         if (std::find(users.begin(), users.end(), peer.uid) == users.end())
             return lose(cOtherUser, EACCES);

@@ -118,6 +118,7 @@ private:
 
     // For whoever drives.
     Phase m_phase = Phase::pause;
+    std::optional<CallbackEndpoint::Address> m_address; // that it connects to
     OwnedDescriptor m_socket;
     bool m_isWatched = false;
     std::uint32_t m_nAwaited = 0;

@@ -3,9 +3,6 @@
 #include "TcpTry.h"
 
 #include <cerrno>
-#include <cstring>
-
-#include <netinet/in.h>
 
 namespace VornNet {
 
@@ -69,22 +66,9 @@ DeliveryTry::Progress TcpTry::confirm() {
         return failed(nFailure);
     if (nUntaken != 0)
         return {};
-    if (hasHeard() && isOwnEcho())
+    if (hasHeard() && address().isOwnOf(descriptor()))
         return end({.kind = Progress::Kind::failed, .nCode = ECONNREFUSED});
     return end({.kind = Progress::Kind::delivered});
-}
-
-/**
- * Whoever connects to a port of this host at which nobody listens may be given that very port for his own,
- * and is then connected with himself.
- */
-bool TcpTry::isOwnEcho() const {
-    sockaddr_in own{};
-    socklen_t length = sizeof own;
-    if (System::getsockname(descriptor(), reinterpret_cast<sockaddr*>(&own), &length) == -1)
-        return false;
-    const auto* peer = reinterpret_cast<const sockaddr_in*>(address().get());
-    return own.sin_port == peer->sin_port && own.sin_addr.s_addr == peer->sin_addr.s_addr;
 }
 
 } // namespace VornNet

@@ -31,7 +31,6 @@ private:
     Progress send();
     Progress awaitEnd();
     Progress confirm();
-    bool isOwnEcho() const;
 
     Step m_step = Step::sending;
 };

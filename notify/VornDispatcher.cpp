@@ -4,6 +4,7 @@
 
 #include "CallbackEndpoint.h"
 #include "ComposingConnection.h"
+#include "Deadline.h"
 #include "DeliveryEngine.h"
 #include "DispatchBook.h"
 #include "HomeProcess.h"
@@ -113,7 +114,7 @@ std::uint64_t VornDispatcher::State::post(VornProxyDependent& proxy, const VornN
     PostedNotifications one(1);
     PostedNotification& posted = one.front();
     posted.posted = now;
-    posted.deadline = DispatchBook::timeAfter(now, terms.timeLimit);
+    posted.deadline = Deadline(terms.timeLimit, now).end();
     posted.nDoubtfulLimit = terms.nDoubtfulTries;
     compose(posted, *endpoint, proxy, notification);
 
@@ -131,8 +132,7 @@ std::uint64_t VornDispatcher::State::post(VornProxyDependent& proxy, const VornN
 bool VornDispatcher::State::flush(milliseconds timeLimit) {
     if (isResultHandler())
         throw VornException(cFlushByHandler, EDEADLK);
-    const auto until = timeLimit < 0ms ? DispatchBook::Clock::time_point::max()
-                                       : DispatchBook::timeAfter(DispatchBook::Clock::now(), timeLimit);
+    const auto until = Deadline::ofWait(timeLimit).end();
     DispatchBook::Lock lock = m_book.lock();
     const DispatchBook::FlushWait wait(m_book);
     while (!wait.isOver() && timeLimit != 0ms && m_book.awaitChange(lock, until)) {
@@ -171,8 +171,7 @@ void VornDispatcher::State::stop(milliseconds timeLimit) {
     if (isResultHandler())
         throw VornException(cStopByHandler, EDEADLK);
     const CancellationOff off; // who began it has to end it: others wait for that
-    const auto until = timeLimit < 0ms ? DispatchBook::Clock::time_point::max()
-                                       : DispatchBook::timeAfter(DispatchBook::Clock::now(), timeLimit);
+    const auto until = Deadline::ofWait(timeLimit).end();
     DispatchBook::Lock lock = m_book.lock();
     if (std::exchange(m_book.bStopping, true)) {
         while (!m_bStopped)
