@@ -106,7 +106,10 @@ OwnedDescriptor connectTo(const CallbackEndpoint& endpoint, const Deadline& dead
     OwnedDescriptor socket(System::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!socket.isOpen())
         throw VornException(cOpenFailed, errno);
-    const int error = connectUntil(socket.number(), CallbackEndpoint::Address(endpoint), deadline);
+    const CallbackEndpoint::Address address(endpoint);
+    int error = connectUntil(socket.number(), address, deadline);
+    if (error == 0 && address.isOwnOf(socket.number()))
+        error = ECONNREFUSED;
     if (error != 0)
         throw VornException(cOpenFailed, error);
     return socket;

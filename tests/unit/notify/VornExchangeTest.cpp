@@ -18,6 +18,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <limits>
 
@@ -154,6 +155,17 @@ TEST_P(VornExchange_Open, RunsTheHandshakeForTheService) {
     sendAll(m_client.get(), bytes("00 00 01 00"));
     EXPECT_EQ(spConnection->receiveInt(), 256);
     m_client.reset();
+}
+
+TEST_F(VornExchange_Test, Open_DoesNotTakeItselfForTheService) {
+    needSandbox("a network of its own, whose ports it chooses from");
+    // Where nobody listens, the kernel may give the client the very port that it connects to.
+    const char* const ports = "/proc/sys/net/ipv4/ip_local_port_range";
+    const std::string before = readTextFile(ports);
+    std::ofstream(ports) << "40000 40000";
+    EXPECT_EQ(thrownBy([] { VornExchange::open("socket:127.0.0.1:40000", "", longLimit); }),
+              "VornExchange::open: failed. 111");
+    std::ofstream(ports) << before;
 }
 
 TEST_P(VornExchange_Open, AServiceThatRefuses_Is111) {
