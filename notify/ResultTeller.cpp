@@ -6,6 +6,12 @@
 
 namespace VornNet {
 
+namespace {
+
+constexpr const char* cThrown = "VornDispatcher::onResult: the result handler threw: ";
+
+} // namespace
+
 ResultTeller::ResultTeller(const VornDispatcher::Options& options, DispatchBook& book)
     : m_handler(options.onResult), m_book(book) {
     if (m_handler)
@@ -38,8 +44,7 @@ void ResultTeller::run() {
 }
 
 void ResultTeller::tell(const VornDispatcher::Result& result) const {
-    callHandler(VornLogging::cError,
-                "VornDispatcher::onResult: the result handler threw: ", [&] { m_handler(result); });
+    callHandler(VornLogging::cError, cThrown, [&] { m_handler(result); });
 }
 
 } // namespace VornNet

@@ -10,6 +10,12 @@
 
 namespace VornNet {
 
+namespace {
+
+constexpr const char* cThrown = "VornSteadySink::onAddressChange: the handler threw: ";
+
+} // namespace
+
 SinkAddress::SinkAddress(const VornString& sThreadName, VornSteadySink::AddressHandler handler)
     : m_sThreadName(sThreadName), m_handler(std::move(handler)) {}
 
@@ -69,8 +75,7 @@ void SinkAddress::run() {
 }
 
 void SinkAddress::call(const VornString& sAddress) {
-    callHandler(VornLogging::cError,
-                "VornSteadySink::onAddressChange: the handler threw: ", [&] { m_handler(sAddress); });
+    callHandler(VornLogging::cError, cThrown, [&] { m_handler(sAddress); });
 }
 
 } // namespace VornNet

@@ -12,6 +12,8 @@ namespace VornNet {
 
 namespace {
 
+constexpr const char* cThrown = "VornSteadySink::run: a callback threw: ";
+
 using Statistics = SinkLine::Statistics;
 
 /** Counts a notification when its call is over, also when the callback has ended the thread. */
@@ -56,7 +58,7 @@ void SinkCaller::serve(IncomingNotification& notification) {
 
 SinkLine::Counter SinkCaller::call(IncomingNotification& notification) {
     SinkLine::Counter counter = &Statistics::nUnknown;
-    const bool hasReturned = callHandler(VornLogging::cError, "VornSteadySink::run: a callback threw: ", [&] {
+    const bool hasReturned = callHandler(VornLogging::cError, cThrown, [&] {
         const VornCriticalSection lock(m_container.mutex(), true);
         VornSmartPointer<VornNotificationCallback> spCallback = m_container.lookup(notification.callbackId());
         if (spCallback == nullptr)
