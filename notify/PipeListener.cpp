@@ -61,17 +61,6 @@ VornString makeUniqueName() {
     return name.data();
 }
 
-/**
- * @return whether a server has the path. Nobody is connected to: the kernel looks for the socket first and
- * for its type afterwards. So a server that does not listen yet is found as well, and none is disturbed.
- */
-bool isAlive(const VornString& sPath) {
-    const OwnedDescriptor probe = makeSocket(SOCK_DGRAM);
-    const Address address(sPath);
-    return System::connect(probe.number(), address.get(), address.length) == 0 ||
-           (errno != ECONNREFUSED && errno != ENOENT);
-}
-
 bool isSame(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -83,7 +72,9 @@ bool isSame(const struct stat& a, const struct stat& b) {
  * file is moved aside first, and moved back when it turns out to be another one.
  * @return whether the name may be free now
  */
-bool removeDead(const VornString& sPath) {
+bool removeDead(const VornString& sName) {
+    const VornString sPath = VornPipeServer::getFullPipeName(sName);
+
     struct stat found {};
 
     if (System::lstat(sPath.c_str(), &found) == -1) {
@@ -91,7 +82,7 @@ bool removeDead(const VornString& sPath) {
             return true;
         fail();
     }
-    if (!S_ISSOCK(found.st_mode) || isAlive(sPath))
+    if (!S_ISSOCK(found.st_mode) || PipeListener::isAlive(sName))
         return false;
     const VornString sAside = VornPipeServer::getFullPipeName(makeUniqueName());
     if (System::renameat2(AT_FDCWD, sPath.c_str(), AT_FDCWD, sAside.c_str(), RENAME_NOREPLACE) == -1) {
@@ -118,6 +109,16 @@ bool PipeListener::isName(const VornString& sName) {
            VornPipeServer::getFullPipeName(sName).size() < sizeof(sockaddr_un::sun_path);
 }
 
+bool PipeListener::isAlive(const VornString& sName) {
+    if (!isName(sName))
+        return false;
+    const Address address(VornPipeServer::getFullPipeName(sName));
+    // The kernel looks for the socket first and for its type afterwards.
+    const OwnedDescriptor probe(System::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return System::connect(probe.number(), address.get(), address.length) == 0 ||
+           (errno != ECONNREFUSED && errno != ENOENT);
+}
+
 PipeListener PipeListener::openUnique(std::optional<gid_t> group) {
     constexpr int cTries = 100; // of 2^32 names, so that only a system that is out of order sees the last one
     for (int nTry = 1;; ++nTry) {
@@ -136,8 +137,7 @@ PipeListener PipeListener::openNamed(const VornString& sName, std::optional<gid_
         try {
             return openFree(sName, group);
         } catch (const std::system_error& error) {
-            if (error.code().value() != EADDRINUSE || nTry == cTries ||
-                !removeDead(VornPipeServer::getFullPipeName(sName)))
+            if (error.code().value() != EADDRINUSE || nTry == cTries || !removeDead(sName))
                 throw;
         }
     }

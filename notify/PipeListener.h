@@ -33,6 +33,10 @@ public:
     /** @return whether a pipe can have that name. */
     static bool isName(const VornString& sName);
 
+    /** @return whether a server has the pipe of that name, also one that does not listen yet; and when that
+     * cannot be found out. Nobody is connected to, so none is disturbed. */
+    static bool isAlive(const VornString& sName);
+
     /**
      * Opens a pipe under a name that nobody has: "quorax", the process id, '-' and random digits.
      * @param group who shall have access besides the owner; none: the group that the system gives files there

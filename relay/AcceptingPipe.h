@@ -3,12 +3,10 @@
 #ifndef VORNRELAY_ACCEPTINGPIPE_H
 #define VORNRELAY_ACCEPTINGPIPE_H
 
-#include "RelayLoop.h"
+#include "AcceptingSocket.h"
 
-#include <OwnedDescriptor.h>
 #include <PipeListener.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -18,16 +16,13 @@ namespace VornRelay {
  * A pipe that others connect to: opens its file, accepts, closes it again.
  *
  * Closed, it refuses with 111 (ECONNREFUSED) or 2 (ENOENT), as a service expects of a client that has gone.
- * When there is no descriptor left it stops accepting for a while.
  */
-class AcceptingPipe : private RelayLoop::Handler {
+class AcceptingPipe {
 public:
-    using AcceptHandler = std::function<void(VornNet::OwnedDescriptor&& connection)>;
+    AcceptingPipe(RelayLoop& loop, std::string sName, AcceptingSocket::AcceptHandler onAccept)
+        : m_sName(std::move(sName)), m_socket(loop, std::move(onAccept)) {}
 
-    AcceptingPipe(RelayLoop& loop, std::string sName, AcceptHandler onAccept)
-        : m_loop(loop), m_sName(std::move(sName)), m_onAccept(std::move(onAccept)) {}
-
-    ~AcceptingPipe() override;
+    ~AcceptingPipe();
 
     AcceptingPipe(const AcceptingPipe&) = delete;
     AcceptingPipe& operator=(const AcceptingPipe&) = delete;
@@ -44,16 +39,9 @@ public:
     const std::string& name() const { return m_sName; }
 
 private:
-    void ready(std::uint32_t nEvents) override;
-    bool acceptOne();
-    void watch();
-    void rest();
-
-    RelayLoop& m_loop;
     const std::string m_sName;
-    const AcceptHandler m_onAccept;
     std::optional<VornNet::PipeListener> m_listener;
-    RelayLoop::Timer m_rest = 0;
+    AcceptingSocket m_socket; // after the listener, whose socket it uses
 };
 
 } // namespace VornRelay

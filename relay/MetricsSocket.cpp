@@ -64,7 +64,8 @@ private:
 
 MetricsSocket::MetricsSocket(RelayLoop& loop, std::string sPath, std::function<std::string()> text)
     : m_loop(loop), m_sPath(std::move(sPath)), m_text(std::move(text)),
-      m_socket(System::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+      m_socket(System::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)),
+      m_accepting(loop, [this](VornNet::OwnedDescriptor&& connection) { add(std::move(connection)); }) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (m_sPath.size() >= sizeof address.sun_path) {
@@ -76,11 +77,10 @@ MetricsSocket::MetricsSocket(RelayLoop& loop, std::string sPath, std::function<s
     if (System::bind(m_socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||
         System::chmod(m_sPath.c_str(), 0660) == -1 || System::listen(m_socket.number(), SOMAXCONN) == -1)
         failWith(m_sPath);
-    m_loop.watch(m_socket.number(), EPOLLIN, *this);
+    m_accepting.begin(m_socket.number());
 }
 
 MetricsSocket::~MetricsSocket() {
-    m_loop.unwatch(m_socket.number());
     System::unlink(m_sPath.c_str());
     for (const std::shared_ptr<Client>& spClient : m_clients) {
         spClient->close();
@@ -88,11 +88,9 @@ MetricsSocket::~MetricsSocket() {
     }
 }
 
-void MetricsSocket::ready(std::uint32_t) {
-    VornNet::OwnedDescriptor connection(
-        System::accept4(m_socket.number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!connection.isOpen() || m_clients.size() >= cMostClients)
-        return;
+void MetricsSocket::add(VornNet::OwnedDescriptor&& connection) {
+    if (m_clients.size() >= cMostClients)
+        return; // closes it
     const auto spClient = std::make_shared<Client>(*this, std::move(connection));
     spClient->watch();
     m_clients.insert(spClient);

@@ -2,21 +2,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkDelivery.h"
 
+#include <PipeListener.h>
 #include <VornConnection.h>
 #include <VornException.h>
-#include <VornPipeServer.h>
 #include <VornProxyDependent.h>
 #include <VornSmartPointer.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <string_view>
 #include <system_error>
 #include <utility>
-
-#include <sys/un.h>
 
 namespace VornRelay {
 
@@ -63,22 +59,11 @@ std::string consumerOf(std::uint32_t nLease) {
     return "keep-" + std::to_string(nLease);
 }
 
-} // namespace
-
 bool isPipeAlive(const std::string& sAddress) {
-    const VornSupport::VornString sPath =
-        VornNet::VornPipeServer::getFullPipeName(sAddress.substr(cPipe.size()).c_str());
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (sPath.size() >= sizeof address.sun_path)
-        return false;
-    std::memcpy(address.sun_path, sPath.data(), sPath.size());
-    // The kernel looks for the socket first and for its type afterwards.
-    const VornNet::OwnedDescriptor probe(System::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return System::connect(probe.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-               0 ||
-           (errno != ECONNREFUSED && errno != ENOENT);
+    return VornNet::PipeListener::isAlive(sAddress.substr(cPipe.size()).c_str());
 }
+
+} // namespace
 
 SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings& settings,
                            RelayCounters& counters)

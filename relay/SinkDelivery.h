@@ -127,9 +127,6 @@ private:
     std::unique_ptr<VornNet::VornDispatcher> m_spDispatcher; // last: its results use the others
 };
 
-/** @return whether somebody listens at a pipe, who does not notice that it was asked. */
-bool isPipeAlive(const std::string& sAddress);
-
 } // namespace VornRelay
 
 #endif
