@@ -20,9 +20,14 @@ AdmittedLevel::AdmittedLevel(pid_t process, const TracedLibrary& library, int le
 }
 
 AdmittedLevel::~AdmittedLevel() {
+    restore();
+}
+
+void AdmittedLevel::restore() const {
     int level = 0;
+    int before = m_before;
     if (m_isRaised && transfer(true, level, m_address) && level == m_raised)
-        transfer(false, m_before, m_address);
+        transfer(false, before, m_address);
 }
 
 bool AdmittedLevel::transfer(bool isRead, int& value, std::uint64_t address) const {

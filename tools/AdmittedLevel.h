@@ -21,6 +21,9 @@ public:
     AdmittedLevel(const AdmittedLevel&) = delete;
     AdmittedLevel& operator=(const AdmittedLevel&) = delete;
 
+    /** Sets it back, unless the program has set another one meanwhile; also for a forced end. */
+    void restore() const;
+
 private:
     bool transfer(bool isRead, int& value, std::uint64_t address) const;
 

@@ -147,6 +147,10 @@ int runFollow(FollowOptions& options) {
     const AdmittedLevel level(process, library, options.level);
     Interruption interruption(std::chrono::milliseconds(2000));
     interruption.onRequest([wake] { ::eventfd_write(wake, 1); });
+    interruption.onForcedEnd([&] { // a pager that reads no more holds this thread up for good
+        level.restore();
+        trace.remove();
+    });
     if (options.json)
         Output::json({{"event", "following"}, {"pid", process}, {"level", options.level}});
     else

@@ -41,9 +41,10 @@ public:
     /** @return the record that a line tells of, or nothing when it tells of none. */
     static std::optional<TracedRecord> parse(std::string_view line);
 
-private:
+    /** Removes the trace from the kernel, which keeps it otherwise; also for a forced end. */
     void remove() const;
 
+private:
     std::string m_event;    // as in "vornnet/record_1"
     std::string m_instance; // its directory
     int m_lines = -1;

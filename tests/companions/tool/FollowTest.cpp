@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+#include "Await.h"
 #include "Posix.h"
 #include "Sandbox.h"
 #include "ToolRun.h"
@@ -8,10 +9,14 @@
 #include <csignal>
 #include <cstring>
 #include <optional>
+#include <system_error>
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 using namespace VornTest;
@@ -21,6 +26,25 @@ using testing::MatchesRegex;
 namespace {
 
 const std::string cTracing = "/sys/kernel/tracing/";
+
+/** @return the level up to which another process writes records, read from its memory. */
+int admittedLevelOf(pid_t process) {
+    const std::string maps = readTextFile("/proc/" + std::to_string(process) + "/maps");
+    const std::size_t line = maps.rfind('\n', maps.find("/libvornsupt.so")) + 1; // the part at the beginning
+    const std::size_t path = maps.find('/', line);
+    void* library = ::dlopen(maps.substr(path, maps.find('\n', path) - path).c_str(), RTLD_NOW);
+    void* symbol =
+        library == nullptr ? nullptr : ::dlsym(library, "_ZN11VornSupport11VornLogging16s_nAdmittedLevelE");
+    Dl_info place{};
+    if (symbol == nullptr || ::dladdr(symbol, &place) == 0)
+        return -1;
+    const auto base = std::stoull(maps.substr(line), nullptr, 16);
+    const auto offset = static_cast<char*>(symbol) - static_cast<char*>(place.dli_fbase);
+    int level = -1;
+    iovec here{&level, sizeof level};
+    iovec there{reinterpret_cast<void*>(base + static_cast<unsigned long long>(offset)), sizeof level};
+    return ::process_vm_readv(process, &here, 1, &there, 1, 0) == sizeof level ? level : -1;
+}
 
 class VornnetFollow : public ToolNetworkTest {};
 
@@ -47,6 +71,12 @@ protected:
         ChildProcess tool = startTool(arguments);
         EXPECT_THAT(nextLine(tool), HasSubstr("following"));
         return tool;
+    }
+
+    static void expectNothingLeftOf(const ChildProcess& tool) {
+        const std::string pid = std::to_string(tool.pid());
+        EXPECT_EQ(readTextFile(cTracing + "uprobe_events").find("record_" + pid + " "), std::string::npos);
+        EXPECT_NE(::access((cTracing + "instances/vornnet-" + pid).c_str(), F_OK), 0);
     }
 
     void notify() { EXPECT_EQ(runTool({"notify", m_address, "0", "12"}).status, 0); }
@@ -99,9 +129,28 @@ TEST_F(VornnetTrace, AfterTheEnd_NothingIsLeftInTheKernel) {
     ChildProcess tool = follow({});
     tool.kill(SIGINT);
     EXPECT_EQ(finish(tool).status, 130);
-    const std::string pid = std::to_string(tool.pid());
-    EXPECT_EQ(readTextFile(cTracing + "uprobe_events").find("record_" + pid + " "), std::string::npos);
-    EXPECT_NE(::access((cTracing + "instances/vornnet-" + pid).c_str(), F_OK), 0);
+    expectNothingLeftOf(tool);
+}
+
+TEST_F(VornnetTrace, PagerThatReadsNothing_IsLeftAndSoIsTheProcessAsItWas) {
+    ChildProcess tool = follow({});
+    EXPECT_EQ(admittedLevelOf(m_sink->pid()), 9);
+    const std::string process = "/proc/" + std::to_string(tool.pid());
+    const std::string writing = std::to_string(SYS_write) + " 0x1 ";
+    EXPECT_TRUE(awaitCondition([&] {
+        try {
+            sendAll(connectTo(m_address).get(), bytes("00 00 00 00 00 00 00 00"));
+        } catch (const std::system_error&) { // the sink opens its pipe anew
+        }
+        return readTextFile(process + "/syscall").substr(0, writing.size()) == writing;
+    })) << "nobody reads what it writes";
+    EXPECT_TRUE(awaitCondition([&] {
+        tool.kill(SIGINT);
+        return readTextFile(process + "/stat").find(") Z ") != std::string::npos;
+    }));
+    EXPECT_EQ(finish(tool).status, 130);
+    EXPECT_EQ(admittedLevelOf(m_sink->pid()), 1);
+    expectNothingLeftOf(tool);
 }
 
 TEST_F(VornnetFollow, ProcessThatDoesNotExist_IsUnreachable) {
