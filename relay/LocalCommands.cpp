@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <stdexcept>
 
 #include <nlohmann/json.hpp>
 #include <sys/resource.h>
@@ -96,6 +97,9 @@ int printLeases(bool bJson) {
 }
 
 int takeLease(const std::string& sName, const std::string& sAddress, int nHandle) {
+    if (sName.empty())
+        throw std::invalid_argument(
+            "a lease needs a name here: one without ends with the process that took it");
     VornPipeConnection connection("relay");
     connection.establish();
     connection.transfer(VornString("lease"));
