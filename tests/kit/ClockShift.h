@@ -10,8 +10,9 @@
 namespace VornTest {
 
 /**
- * Lets other threads read a clock that is ahead, or behind, while it exists; the thread that makes it goes on
- * by the true one, and so does the kernel: whoever waits for a time has to be woken. There is one at a time.
+ * Lets all threads read a clock that is ahead, or behind, while it exists. The kernel goes on by the true
+ * one, so whoever waits for a time has to be woken; and so does the thread that makes this object by
+ * CLOCK_MONOTONIC, for the test's own limits. There is one at a time.
  *
  * A program that uses it gets a clock_gettime() of its own.
  */

@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+#include "ClockShift.h"
 #include "DispatcherTestSupport.h"
 #include "Interpose.h"
 
@@ -85,4 +86,25 @@ TEST_F(VornDispatcher_Pace, WhileThereAreSignsOfLifePausesStayShort) {
     constexpr long cOther = 1000; // longer waits are not pauses, but for the time limit
     for (const CallRecord& wait : trace.records("epoll_wait"))
         EXPECT_TRUE(wait.third <= 4 || wait.third > cOther) << wait.third << " ms";
+}
+
+TEST_F(VornDispatcher_Pace, WhenTheTimeOfDayJumpsNothingExpiresEarlyOrLate) {
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, "pipe:peer", "content");
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 0; }));
+    const ClockShift shift(CLOCK_REALTIME);
+    for (const std::chrono::seconds ahead : {24h, -24h}) {
+        ClockShift::set(ahead);
+        const std::uint64_t tries = dispatcher.statistics().nTries;
+        EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > tries; }));
+        EXPECT_FALSE(dispatcher.flush(20ms));
+        postWith(termsOf(20ms), dispatcher, "pipe:nobody");
+        EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nQueued == 1; }));
+    }
+    EXPECT_EQ(m_results.await(2)[1].outcome, Outcome::expired);
+    const UniqueFd listener = listen("peer");
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
+    EXPECT_TRUE(dispatcher.flush(10s));
+    EXPECT_EQ(dispatcher.statistics().nDelivered, 1U);
+    dispatcher.stop(1s);
 }

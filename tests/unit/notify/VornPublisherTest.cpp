@@ -1,10 +1,14 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+#include "ClockShift.h"
 #include "LogCapture.h"
 #include "Process.h"
 #include "PublisherFixture.h"
 #include "Sanitizer.h"
 
+#include <VornSubscriber.h>
+
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <fstream>
@@ -1075,6 +1079,48 @@ TEST_F(VornPublisher_Leases, WhateverTheKernelSaysOfAHostThatIsGone_IsLostWith11
         ASSERT_TRUE(m_departures.await(++count)) << error;
     }
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110", "2 lost 110", "3 lost 110"));
+}
+
+TEST_F(VornPublisher_Leases, WhenTheTimeOfDayJumps_NobodyIsLostOrLate) {
+    const Options options = with([&](Options& o) {
+        o.beat = 200ms;
+        o.requestLimit = 60s;
+        o.onLeave = m_departures.handler();
+    });
+    open(options);
+    std::atomic<std::uint64_t> seen{0};
+    const VornSubscriber client(
+        "pipe:alpha", "builds",
+        [&](VornConnection&, const VornSubscriber::Event& event) { seen = event.position.nNumber; });
+    ASSERT_TRUE(awaitSubscribers(1));
+    RawSubscriber subscriber(address(), "builds");
+    UniqueFd asking = connectTo(address());
+    ASSERT_TRUE(awaitCondition([&] { return publisher().statistics().nConnections == 3; }));
+    const ClockShift shift(CLOCK_REALTIME);
+    std::uint64_t number = 0;
+    for (const std::chrono::seconds ahead : {24h, -24h}) {
+        ClockShift::set(ahead);
+        EXPECT_EQ(subscriber.next(), WireFrame::sign(number));
+        publish("x");
+        ++number;
+        EXPECT_TRUE(publisher().flush(5s));
+        EXPECT_TRUE(awaitCondition([&] { return seen == number; }));
+        WireFrame frame = subscriber.next();
+        while (frame.kind == 3)
+            frame = subscriber.next();
+        EXPECT_EQ(frame, WireFrame::event(number, "x"));
+    }
+    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    EXPECT_EQ(hex(receiveExactly(asking.get(), 5)), hex("+" + bytes("00 01 00 00")));
+    EXPECT_THAT(m_departures.lines(), testing::IsEmpty());
+    EXPECT_EQ(client.statistics().nSubscriptions, 1U);
+    subscriber.socket().reset();
+    asking.reset();
+    m_publisher.reset();
+    ClockShift::set(24h); // in the pause between two tries
+    ClockShift::set(-24h);
+    open(options);
+    EXPECT_TRUE(awaitCondition([&] { return client.statistics().nSubscriptions == 2; }));
 }
 
 TEST_F(VornPublisher_Leases, OverAPipeAClientThatTakesNothing_Stays) {

@@ -4,6 +4,7 @@
  * What a sink takes at most, and what becomes of the rest.
  */
 
+#include "ClockShift.h"
 #include "Interpose.h"
 #include "SteadySinkPeer.h"
 
@@ -75,6 +76,25 @@ TEST_P(VornSteadySink_Limits, AtTheByteLimit_TheRestWaitsAtItsSendersAndArrivesI
     for (const UniqueFd& sender : senders)
         EXPECT_EQ(endingOf(sender.get()), "end");
     EXPECT_EQ(client.callback()->contents(), contents);
+}
+
+TEST_P(VornSteadySink_Limits, WhenTheTimeOfDayJumps_NobodyIsCutEarlyOrLate) {
+    SteadyOptions options = optionsFor(GetParam());
+    options.readLimit = 600ms;
+    const SteadyClient client(options);
+    const ClockShift shift(CLOCK_REALTIME);
+    for (const std::chrono::seconds ahead : {24h, -24h}) {
+        const UniqueFd sender = connectToSink(client.address());
+        ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
+        ClockShift::set(ahead);
+        sendAll(sender.get(), onWire(0) + "content");
+        endSending(sender.get());
+        EXPECT_EQ(endingOf(sender.get()), "end");
+    }
+    EXPECT_EQ(client.statistics().nTimedOut, 0U);
+    const UniqueFd silent = connectToSink(client.address());
+    EXPECT_TRUE(client.await(&SteadyStatistics::nTimedOut, std::uint64_t{1}));
+    EXPECT_EQ(client.statistics().nDelivered, 2U);
 }
 
 TEST_P(VornSteadySink_Limits, ANotificationAboveTheByteLimit_IsReadOnByItself) {
