@@ -48,32 +48,52 @@ private:
     int m_nWorst = 0;
 };
 
-/** The engine's first line, which it sends before TLS begins. */
-Json greetingOf(const std::string& sServer) {
-    std::string sPlace =
-        sServer.substr(sServer.find("://") == std::string::npos ? 0 : sServer.find("://") + 3);
-    sPlace = sPlace.substr(sPlace.find('@') == std::string::npos ? 0 : sPlace.find('@') + 1);
-    const std::size_t nColon = sPlace.rfind(':');
-    const std::string sPort = nColon == std::string::npos ? "4222" : sPlace.substr(nColon + 1);
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(sPlace.substr(0, nColon).c_str(), sPort.c_str(), &hints, &found) != 0)
-        return Json();
-    const VornNet::OwnedDescriptor socket(System::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+/** Host and port of a server such as "tls://user@host:4222" or "[::1]:4222". */
+std::pair<std::string, std::string> placeOf(std::string sServer) {
+    for (const char* szBefore : {"://", "@"}) {
+        if (const std::size_t nBefore = sServer.find(szBefore); nBefore != std::string::npos)
+            sServer.erase(0, nBefore + std::strlen(szBefore));
+    }
+    const std::size_t nBracket = sServer.rfind(']');
+    const std::size_t nColon = sServer.find(':', nBracket == std::string::npos ? 0 : nBracket);
+    const std::string sPort = nColon == std::string::npos ? "4222" : sServer.substr(nColon + 1);
+    std::string sHost = sServer.substr(0, nColon);
+    if (nBracket != std::string::npos)
+        sHost = sHost.substr(1, nBracket - 1);
+    return {sHost, sPort};
+}
+
+/** The engine's first line, which it sends before TLS begins; empty when that address does not answer. */
+std::string firstLineAt(const addrinfo& address) {
+    const VornNet::OwnedDescriptor socket(System::socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const timeval limit{3, 0};
     System::setsockopt(socket.number(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     System::setsockopt(socket.number(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    const int nResult = System::connect(socket.number(), found->ai_addr, found->ai_addrlen);
-    ::freeaddrinfo(found);
+    if (System::connect(socket.number(), address.ai_addr, address.ai_addrlen) == -1)
+        return {};
     std::string sLine;
     std::array<char, 4096> part;
-    while (nResult == 0 && sLine.find("\r\n") == std::string::npos && sLine.size() < 65536) {
+    while (sLine.find("\r\n") == std::string::npos && sLine.size() < 65536) {
         const ssize_t count = System::recv(socket.number(), part.data(), part.size(), 0);
         if (count <= 0)
-            return Json();
+            return {};
         sLine.append(part.data(), static_cast<std::size_t>(count));
     }
+    return sLine;
+}
+
+/** What a server says of itself, at the first of its addresses that answers. */
+Json greetingOf(const std::string& sServer) {
+    const auto [sHost, sPort] = placeOf(sServer);
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(sHost.c_str(), sPort.c_str(), &hints, &found) != 0)
+        return Json();
+    std::string sLine;
+    for (const addrinfo* address = found; address != nullptr && sLine.empty(); address = address->ai_next)
+        sLine = firstLineAt(*address);
+    ::freeaddrinfo(found);
     return sLine.starts_with("INFO ") ? Json::parse(sLine.substr(5), nullptr, false) : Json();
 }
 
@@ -130,7 +150,8 @@ void checkStream(const RelaySettings& settings, NatsAdministration& engine, Find
         if (nOthers < 2)
             findings.warn(sStream + " has " + std::to_string(nOthers + 1) + " replica" +
                               (nOthers == 0 ? "" : "s"),
-                          "for production three servers: vornnet relay hosts add --replicas 3");
+                          "for production three servers; the administrator: vornnet relay hosts add " +
+                              settings.access.sHost + " --replicas 3");
     } catch (const AdministrationError& error) {
         if (error.code() == cConsumerMissing)
             findings.good("stream " + sStream + ", and no relay has read it yet");

@@ -27,10 +27,10 @@ struct Options {
     int nHandle = 0;
     std::string sHost;
     std::vector<std::string> sendTo;
-    std::int64_t nMegabytes = 1024;
-    std::int64_t nMessages = 0; // 1024 for each megabyte
-    std::int64_t nHours = 168;
-    int nReplicas = 1;
+    std::int64_t nMegabytes = 0; // 0: as it is
+    std::int64_t nMessages = 0;
+    std::int64_t nHours = 0;
+    int nReplicas = 0;
     std::uint64_t nPosition = 0;
 
     RelaySettings settings() const { return RelaySettings::read(sSettingsFile); }
@@ -73,20 +73,24 @@ void addHosts(CLI::App& app, Options& options, Runner& runner) {
     CLI::App* hosts = app.add_subcommand("hosts", "The hosts that can be notified; for the administrator");
     hosts->require_subcommand(1);
     CLI::App* adding =
-        add(*hosts, "add", "Create a host's stream, and print its permissions for the server", runner, [&] {
-            return addHost(options.settings(), options.sHost, options.sendTo, options.nMegabytes,
-                           options.nMessages, options.nHours, options.nReplicas);
-        });
+        add(*hosts, "add", "Create a host's stream or change it, and print its permissions for the server",
+            runner, [&] {
+                return addHost(options.settings(), options.sHost, options.sendTo, options.nMegabytes,
+                               options.nMessages, options.nHours, options.nReplicas);
+            });
     adding->add_option("HOST", options.sHost, "Name of the host")->required();
     adding->add_option("--send-to", options.sendTo, "Hosts that it may notify");
-    adding->add_option("--megabytes", options.nMegabytes, "Most that may wait for the host")
+    adding
+        ->add_option("--megabytes", options.nMegabytes, "Most that may wait for the host; a new one has 1024")
         ->check(CLI::Range(1, 1 << 20));
     adding
         ->add_option("--messages", options.nMessages,
-                     "Most notifications that may wait for it; 1024 for each megabyte unless told")
+                     "Most notifications that may wait for it; 1024 for each megabyte")
         ->check(CLI::PositiveNumber);
-    adding->add_option("--hours", options.nHours, "Longest that it may wait")->check(CLI::Range(1, 24 * 365));
-    adding->add_option("--replicas", options.nReplicas, "Servers that keep a copy")->check(CLI::Range(1, 5));
+    adding->add_option("--hours", options.nHours, "Longest that it may wait; a new one has 168")
+        ->check(CLI::Range(1, 24 * 365));
+    adding->add_option("--replicas", options.nReplicas, "Servers that keep a copy; a new one has 1")
+        ->check(CLI::Range(1, 5));
     add(*hosts, "remove", "Remove a host's stream, and all that waits in it", runner,
         [&] { return removeHost(options.settings(), options.sHost); })
         ->add_option("HOST", options.sHost, "Name of the host")

@@ -13,6 +13,7 @@ constexpr std::chrono::milliseconds cLimit{5000};
 constexpr const char* cDeadStream = "VORN_DEAD";
 constexpr std::string_view cStreamPrefix = "VORN_TO_";
 constexpr int cStreamMissing = 10059;
+constexpr int cStreamIsDifferent = 10058;
 constexpr int cMessageMissing = 10037;
 constexpr std::int64_t cSecond = 1'000'000'000; // nanoseconds
 
@@ -51,6 +52,18 @@ std::vector<std::pair<std::string, std::string>> headersIn(const std::string& sT
     return headers;
 }
 
+/** Puts what is told into a stream's settings. */
+void apply(const NatsAdministration::Limits& limits, NatsAdministration::Json& config) {
+    const std::pair<const char*, std::int64_t> all[] = {{"max_bytes", limits.nBytes},
+                                                        {"max_msgs", limits.nMessages},
+                                                        {"max_age", limits.nSeconds * cSecond},
+                                                        {"num_replicas", limits.nReplicas}};
+    for (const auto& [szName, nValue] : all) {
+        if (nValue != 0)
+            config[szName] = nValue;
+    }
+}
+
 } // namespace
 
 std::string DeadLetter::header(const std::string& sName) const {
@@ -71,29 +84,40 @@ NatsAdministration::NatsAdministration(const EngineAccess& access) {
 
 void NatsAdministration::addHost(const std::string& sHost, const Limits& limits) {
     const std::string sStream = std::string(cStreamPrefix) + sHost;
-    request("$JS.API.STREAM.CREATE." + sStream, {{"name", sStream},
-                                                 {"subjects", {"vorn.to." + sHost + ".>"}},
-                                                 {"storage", "file"},
-                                                 {"retention", "workqueue"},
-                                                 {"discard", "new"},
-                                                 {"num_replicas", limits.nReplicas},
-                                                 {"max_bytes", limits.nBytes},
-                                                 {"max_msgs", limits.nMessages},
-                                                 {"max_age", limits.nSeconds * cSecond},
-                                                 {"duplicate_window", 120 * cSecond}});
+    Json config = {{"name", sStream},
+                   {"subjects", {"vorn.to." + sHost + ".>"}},
+                   {"storage", "file"},
+                   {"retention", "workqueue"},
+                   {"discard", "new"},
+                   {"num_replicas", 1},
+                   {"max_bytes", std::int64_t{1} << 30},
+                   {"max_msgs", 1 << 20},
+                   {"max_age", 7 * 24 * 3600 * cSecond},
+                   {"duplicate_window", 120 * cSecond}};
+    apply(limits, config);
+    try {
+        request("$JS.API.STREAM.CREATE." + sStream, config);
+    } catch (const AdministrationError& error) {
+        if (error.code() != cStreamIsDifferent)
+            throw;
+        config = request("$JS.API.STREAM.INFO." + sStream)["config"];
+        apply(limits, config);
+        request("$JS.API.STREAM.UPDATE." + sStream, config);
+    }
     try {
         request(std::string("$JS.API.STREAM.INFO.") + cDeadStream);
     } catch (const AdministrationError& error) {
         if (error.code() != cStreamMissing)
             throw;
-        request(std::string("$JS.API.STREAM.CREATE.") + cDeadStream, {{"name", cDeadStream},
-                                                                      {"subjects", {"vorn.dead.*"}},
-                                                                      {"storage", "file"},
-                                                                      {"retention", "limits"},
-                                                                      {"discard", "old"},
-                                                                      {"num_replicas", limits.nReplicas},
-                                                                      {"max_bytes", limits.nBytes},
-                                                                      {"max_age", 30 * 24 * 3600 * cSecond}});
+        request(std::string("$JS.API.STREAM.CREATE.") + cDeadStream,
+                {{"name", cDeadStream},
+                 {"subjects", {"vorn.dead.*"}},
+                 {"storage", "file"},
+                 {"retention", "limits"},
+                 {"discard", "old"},
+                 {"num_replicas", config["num_replicas"]},
+                 {"max_bytes", config["max_bytes"]},
+                 {"max_age", 30 * 24 * 3600 * cSecond}});
     }
 }
 

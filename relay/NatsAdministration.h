@@ -46,20 +46,22 @@ public:
     using Json = nlohmann::json;
 
     /**
-     * Limits of a stream. That of messages is the one to reach first: nats-server 2.9 keeps it exactly, but
-     * where a new message just fits into the bytes that are left, it deletes the oldest one, which it has
-     * confirmed.
+     * Limits of a stream; 0 leaves one as it is, or as a new stream has it.
+     *
+     * That of messages is the one to reach first: nats-server 2.9 keeps it exactly, but where a new message
+     * just fits into the bytes that are left, it deletes the oldest one, which it has confirmed.
      */
     struct Limits {
-        std::int64_t nBytes = std::int64_t{1} << 30;
-        std::int64_t nMessages = std::int64_t{1} << 20;
-        std::int64_t nSeconds = 7L * 24 * 3600;
-        int nReplicas = 1;
+        std::int64_t nBytes = 0;    ///< new: 1 GiB
+        std::int64_t nMessages = 0; ///< new: 2^20
+        std::int64_t nSeconds = 0;  ///< new: a week
+        int nReplicas = 0;          ///< new: 1
     };
 
     explicit NatsAdministration(const EngineAccess& access);
 
-    /** Creates the streams that a receiving host needs, as far as they are missing. */
+    /** Creates the streams that a receiving host needs, as far as they are missing. What is told of one that
+     * is there is changed. */
     void addHost(const std::string& sHost, const Limits& limits);
 
     void removeHost(const std::string& sHost);

@@ -373,7 +373,9 @@ TEST_F(RelayTest, ForeignOrMissingCertificate_IsRefused) {
 
 TEST_F(RelayTest, Doctor_FindsWhatIsWrong) {
     startRelays();
-    EXPECT_EQ(m_stage.run("b", {"doctor"}).second, 1) << "the server of this system is old, and alone";
+    const auto [sAll, nAll] = m_stage.run("b", {"doctor"});
+    EXPECT_EQ(nAll, 1) << "the server of this system is old, and alone";
+    EXPECT_THAT(sAll, HasSubstr("vornnet relay hosts add b --replicas 3"));
     m_stage.administration().removeHost("b");
     const auto [sWithoutStream, nWithoutStream] = m_stage.run("b", {"doctor"});
     EXPECT_THAT(sWithoutStream, HasSubstr("problem  there is no stream VORN_TO_b"));
@@ -388,6 +390,17 @@ TEST_F(RelayTest, Doctor_FindsWhatIsWrong) {
     EXPECT_THAT(m_stage.run("b", {"doctor"}).first, HasSubstr("problem  the relay does not run"));
     std::ofstream(RelayStage::pathOf("relay-b.conf")) << "host = b\ncolour = red\n";
     EXPECT_THAT(m_stage.run("b", {"doctor"}).first, HasSubstr("colour = red: there is no such key"));
+}
+
+TEST_F(RelayTest, HostThatIsAddedAgain_GetsWhatIsToldAndKeepsTheRest) {
+    EXPECT_EQ(m_stage.runAsAdministrator("a", {"hosts", "add", "b", "--megabytes", "5"}).second, 0);
+    EXPECT_EQ(m_stage.runAsAdministrator("a", {"hosts", "add", "b", "--hours", "2"}).second, 0);
+    const VornRelay::NatsAdministration::Json config =
+        m_stage.administration().request("$JS.API.STREAM.INFO.VORN_TO_b")["config"];
+    EXPECT_EQ(config["max_bytes"], 5 << 20);
+    EXPECT_EQ(config["max_msgs"], 5 << 10);
+    EXPECT_EQ(config["max_age"], 2 * 3600 * 1'000'000'000L);
+    EXPECT_EQ(config["retention"], "workqueue");
 }
 
 TEST_F(RelayTest, UnknownCallback_MakesADeadLetterThatCanBeSentAgain) {
