@@ -28,6 +28,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -190,6 +191,12 @@ void RelayStage::startEngine() {
 void RelayStage::killEngine() {
     m_engine->kill(SIGKILL);
     m_engine->wait();
+}
+
+void RelayStage::pauseEngine() {
+    m_engine->kill(SIGSTOP);
+    siginfo_t info{};
+    ::waitid(P_PID, static_cast<id_t>(m_engine->pid()), &info, WSTOPPED);
 }
 
 void RelayStage::startRelay(const std::string& sHost, const std::string& sMore) {

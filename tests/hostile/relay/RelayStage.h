@@ -8,6 +8,7 @@
 #include <NatsAdministration.h>
 
 #include <chrono>
+#include <csignal>
 #include <map>
 #include <memory>
 #include <optional>
@@ -41,8 +42,10 @@ public:
     void startEngine();
     void killEngine();
 
-    /** Has the engine stop, SIGSTOP, and go on, SIGCONT. */
-    void signalEngine(int nSignal) { m_engine->kill(nSignal); }
+    /** Has the engine pause. Returns when all its threads stand still, so that it answers nothing more. */
+    void pauseEngine();
+
+    void resumeEngine() { m_engine->kill(SIGCONT); }
 
     /** Starts a host's relay. @param sMore lines for its configuration */
     void startRelay(const std::string& sHost, const std::string& sMore = {});
