@@ -16,6 +16,7 @@
 #include <VornSteadySink.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -124,6 +125,8 @@ void runOrThrow(const std::vector<std::string>& arguments) {
 
 KIT_ROLE(relay_command) {
     enterHost(args.at(0));
+    if (const char* szLog = std::getenv("VORNTEST_LOG"); szLog != nullptr)
+        ::dup2(::open(szLog, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
     std::vector<char*> arguments;
     for (std::size_t i = 1; i < args.size(); ++i)
         arguments.push_back(const_cast<char*>(args[i].c_str()));
@@ -199,12 +202,21 @@ void RelayStage::pauseEngine() {
     ::waitid(P_PID, static_cast<id_t>(m_engine->pid()), &info, WSTOPPED);
 }
 
-void RelayStage::startRelay(const std::string& sHost, const std::string& sMore) {
+void RelayStage::startRelay(const std::string& sHost, const std::string& sMore,
+                            const std::vector<std::string>& environment) {
     configure(sHost, sMore);
     const std::string sConfiguration = pathOf("relay-" + sHost + ".conf");
-    m_relays.insert_or_assign(sHost, ChildProcess::spawnRole("relay_command", sHost, VORNTEST_RELAY,
-                                                             "--config", sConfiguration, "run"));
+    std::vector<std::string> all = environment;
+    all.push_back("VORNTEST_LOG=" + pathOf("relay-" + sHost + ".log"));
+    m_relays.insert_or_assign(
+        sHost, ChildProcess::spawnRoleWith(all, "relay_command",
+                                           {sHost, VORNTEST_RELAY, "--config", sConfiguration, "run"}));
     awaitReady(sHost);
+}
+
+void RelayStage::reloadRelay(const std::string& sHost, const std::string& sMore) {
+    configure(sHost, sMore);
+    m_relays.at(sHost).kill(SIGHUP);
 }
 
 void RelayStage::awaitReady(const std::string& sHost) {
@@ -220,11 +232,8 @@ int RelayStage::endRelay(const std::string& sHost, int nSignal) {
     return relay.wait();
 }
 
-std::string RelayStage::takeLog(const std::string& sHost, int nSignal) {
-    ChildProcess relay = std::move(m_relays.at(sHost));
-    m_relays.erase(sHost);
-    relay.kill(nSignal);
-    return relay.readAllErrors();
+std::string RelayStage::logOf(const std::string& sHost) {
+    return readTextFile(pathOf("relay-" + sHost + ".log"));
 }
 
 std::pair<std::string, int> RelayStage::run(const std::string& sHost,

@@ -47,8 +47,12 @@ public:
 
     void resumeEngine() { m_engine->kill(SIGCONT); }
 
-    /** Starts a host's relay. @param sMore lines for its configuration */
-    void startRelay(const std::string& sHost, const std::string& sMore = {});
+    /** Starts a host's relay. @param sMore lines for its configuration @param environment for its process */
+    void startRelay(const std::string& sHost, const std::string& sMore = {},
+                    const std::vector<std::string>& environment = {});
+
+    /** Gives a relay another configuration, and has it read. @param sMore as above */
+    void reloadRelay(const std::string& sHost, const std::string& sMore);
 
     /** Awaits that a relay says it is ready. */
     void awaitReady(const std::string& sHost);
@@ -56,8 +60,8 @@ public:
     /** Ends a relay with a signal, and waits for it. @return its exit status */
     int endRelay(const std::string& sHost, int nSignal);
 
-    /** Ends a relay with a signal. @return what it has written to its log */
-    std::string takeLog(const std::string& sHost, int nSignal);
+    /** @return what the relays of a host have written to their log so far. */
+    static std::string logOf(const std::string& sHost);
 
     bool hasRelay(const std::string& sHost) const { return m_relays.contains(sHost); }
 

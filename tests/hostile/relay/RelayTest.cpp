@@ -3,6 +3,7 @@
 #include "Await.h"
 #include "Posix.h"
 #include "RelayStage.h"
+#include "Sandbox.h"
 
 #include <NatsConnection.h>
 #include <NatsEngine.h>
@@ -11,13 +12,17 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
+#include <system_error>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 using namespace VornTest;
-using testing::ContainsRegex;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -87,6 +92,31 @@ private:
     VornRelay::RelayLoop m_loop;
     VornRelay::NatsEngine m_engine;
     std::thread m_thread;
+};
+
+/** The service manager's end of what a relay tells it. */
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& sPath)
+        : m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        sPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1)
+            throw std::system_error(errno, std::generic_category(), sPath);
+    }
+
+    /** Awaits a message that begins with a text. */
+    bool isTold(const std::string& sText) const {
+        return awaitCondition([&] {
+            char text[256];
+            const ssize_t count = ::recv(m_socket.get(), text, sizeof text, MSG_DONTWAIT);
+            return count > 0 && std::string_view(text, static_cast<std::size_t>(count)).starts_with(sText);
+        });
+    }
+
+private:
+    const UniqueFd m_socket;
 };
 
 /** Services and sinks of either kind, on the road between two hosts. */
@@ -264,17 +294,16 @@ TEST_F(RelayTest, HostThatCannotTakeMore_HoldsUpNoServiceOfAnotherHost) {
 }
 
 TEST_F(RelayTest, WhatCannotBeStored_IsToldInStatusAndLog) {
-    m_stage.startRelay("a", "send-to = c, d\npublish-timeout = 1\n");
+    m_stage.startRelay("a", "send-to = c, d\n");
     for (const char* szHost : {"c", "d"}) // the one has no stream, the other must not be notified
         m_stage.startService("a", "plain", std::string("pipe:relay-") + szHost + " 7", 1).wait();
     EXPECT_TRUE(awaitCondition([&] {
-        const std::string sStatus = m_stage.run("a", {"status"}).first;
-        return sStatus.find("to c: 1 waiting, 16 bytes, there is no stream for it\n") != std::string::npos &&
-               sStatus.find("to d: 1 waiting, 16 bytes, no answer\n") != std::string::npos;
-    })) << m_stage.run("a", {"status"}).first;
-    const std::string sLog = m_stage.takeLog("a", SIGKILL);
-    EXPECT_THAT(sLog, HasSubstr("what goes to c is not stored: there is no stream for it"));
-    EXPECT_THAT(sLog, ContainsRegex("complains: .*vorn.to.d.sink.lease.7"));
+        const std::string sLog = m_stage.logOf("a");
+        return sLog.find("what goes to c is not stored: there is no stream for it\n") != std::string::npos &&
+               sLog.find("vorn.to.d.sink.lease.7") != std::string::npos;
+    })) << m_stage.logOf("a");
+    EXPECT_THAT(m_stage.run("a", {"status"}).first,
+                HasSubstr("to c: 1 waiting, 16 bytes, there is no stream for it\n"));
 }
 
 TEST_F(RelayTest, EngineAway_ServicesAreRefusedWhenTooMuchWaits) {
@@ -307,6 +336,39 @@ TEST_F(RelayTest, EngineThatReadsNothing_IsGivenUpAndConnectedToAgain) {
     EXPECT_EQ(connection.nUnknown, nMessages);
     m_stage.resumeEngine();
     EXPECT_TRUE(awaitCondition([&] { return connection.nConnected == 2; }));
+}
+
+TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    m_stage.administration().request("$JS.API.CONSUMER.DELETE.VORN_TO_b.relay");
+    ChildProcess service = m_stage.startService("a", "plain", sLease, 10);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 10));
+    EXPECT_EQ(RelayStage::history("log", 10), (History{10, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, ServiceManager_IsToldWhatTheRelayDoes) {
+    NotifySocket socket(RelayStage::pathOf("notify"));
+    m_stage.startRelay("a", "", {"NOTIFY_SOCKET=" + RelayStage::pathOf("notify"), "WATCHDOG_USEC=300000"});
+    EXPECT_TRUE(socket.isTold("READY=1"));
+    EXPECT_TRUE(socket.isTold("WATCHDOG=1"));
+    m_stage.killEngine();
+    EXPECT_TRUE(socket.isTold("STATUS=no connection to the engine"));
+    EXPECT_TRUE(socket.isTold("WATCHDOG=1"));
+    EXPECT_EQ(m_stage.endRelay("a", SIGTERM), 0);
+    EXPECT_TRUE(socket.isTold("STOPPING=1"));
+}
+
+TEST_F(RelayTest, RunningRelay_PrintsItsMetricsAndReadsItsLogLevelAgain) {
+    m_stage.startRelay("a");
+    const UniqueFd client = unixConnect(RelayStage::pathOf("metrics-a"));
+    sendAll(client.get(), "GET / HTTP/1.0\r\n\r\n");
+    EXPECT_THAT(receiveToEnd(client.get()), HasSubstr("\nvornnet_relay_connected 1\n"));
+    m_stage.reloadRelay("a", "log-level = 0\n");
+    m_stage.run("a", {"status"}); // it takes the signal first, which came first
+    m_stage.endRelay("a", SIGTERM);
+    EXPECT_THAT(m_stage.logOf("a"), AllOf(HasSubstr("ready"), Not(HasSubstr("stopped"))));
 }
 
 TEST_F(RelayTest, DamagedJournal_IsPutAsideAndSaid) {
@@ -369,6 +431,15 @@ TEST_F(RelayTest, ForeignOrMissingCertificate_IsRefused) {
     EXPECT_THROW(VornRelay::NatsAdministration{stranger}, VornRelay::AdministrationError);
     stranger.sCertificate.clear();
     EXPECT_THROW(VornRelay::NatsAdministration{stranger}, VornRelay::AdministrationError);
+}
+
+TEST_F(RelayTest, ServerWhoseCertificateNamesAnotherHost_IsRefused) {
+    useHostsFile("127.0.0.1 localhost another\n");
+    VornRelay::EngineAccess access = m_stage.access("a");
+    EXPECT_NO_THROW(VornRelay::NatsAdministration{access});
+    access.servers = {"tls://another:4222"};
+    EXPECT_THROW(VornRelay::NatsAdministration{access}, VornRelay::AdministrationError);
+    restoreSystemFiles();
 }
 
 TEST_F(RelayTest, Doctor_FindsWhatIsWrong) {

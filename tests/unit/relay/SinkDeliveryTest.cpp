@@ -275,42 +275,33 @@ TEST_F(SinkDeliveryTest, NameThatMoves_LeavesTheCallbackThatRunsToItsOldAddress)
     EXPECT_EQ(after.spCallback->nCalls, 1);
 }
 
-TEST_F(SinkDeliveryTest, NameThatMovesAwayFromADeadAddress_HasWhatWaitsDelivered) {
+TEST_F(SinkDeliveryTest, WhatWaitsForADeadAddress_IsDeliveredOrBuriedWhenItsNameMovesOrEnds) {
     Client client;
-    const std::uint32_t nLease = grant("n", "pipe:nobody", 0);
-    arrive(nLease, 1);
-    EXPECT_TRUE(runUntil([&] { return m_spDelivery->queueOf(nLease).bAway; }));
-    grant("n", client);
-    EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 1; }));
+    const std::uint32_t nMoving = grant("a", "pipe:nobody", 0);
+    const std::uint32_t nEnding = grant("b", "pipe:nobody", 0);
+    arrive(nMoving, 1);
+    arrive(nEnding, 2);
+    grant("a", client);
+    m_spDelivery->end(nEnding);
+    ASSERT_TRUE(runUntil([&] { return !m_engine.acknowledged.empty() && m_engine.unanswered() == 1; }));
+    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1"));
     EXPECT_EQ(client.spCallback->nCalls, 1);
-}
-
-TEST_F(SinkDeliveryTest, NameThatEndsWithItsClientAway_HasWhatWaitsBuried) {
-    const std::uint32_t nLease = grant("n", "pipe:nobody", 0);
-    arrive(nLease, 1);
-    m_spDelivery->end(nLease);
-    ASSERT_TRUE(runUntil([&] { return m_engine.unanswered() == 1; }));
     EXPECT_EQ(reason(), "gone");
 }
 
-TEST_F(SinkDeliveryTest, StoppedWithAClientAway_ItIsIdleSoon) {
-    const std::uint32_t nLease = grant("n", "pipe:nobody", 0);
-    arrive(nLease, 1);
-    m_spDelivery->stop();
-    EXPECT_TRUE(runUntil([&] { return m_spDelivery->isIdle(); }));
-    EXPECT_THAT(m_engine.acknowledged, IsEmpty()) << "it is delivered after the next start";
-}
-
-TEST_F(SinkDeliveryTest, StoppedWithACallbackThatRuns_ItIsIdleWhenThatHasReturned) {
+TEST_F(SinkDeliveryTest, Stopped_ItWaitsForACallbackThatRunsAndForNoClientThatIsAway) {
     Client client;
-    const std::uint32_t nLease = grant("n", client);
-    occupy(nLease, 1, *client.spCallback);
+    const std::uint32_t nRunning = grant("a", client);
+    const std::uint32_t nAway = grant("b", "pipe:nobody", 0);
+    occupy(nRunning, 1, *client.spCallback);
+    arrive(nAway, 2);
     m_spDelivery->stop();
     awaitLooks();
     EXPECT_FALSE(m_spDelivery->isIdle());
     client.spCallback->bMayReturn = true;
     EXPECT_TRUE(runUntil([&] { return m_spDelivery->isIdle(); }));
-    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1"));
+    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1"))
+        << "the other one is delivered after the next start";
 }
 
 TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsStored) {
