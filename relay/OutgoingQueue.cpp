@@ -84,12 +84,14 @@ void OutgoingQueue::answered(std::uint64_t nSerial, Engine::Answer answer, const
 
 bool OutgoingQueue::isSettledBy(Engine::Answer answer) {
     const auto now = RelayLoop::Clock::now();
+    m_bHasStored = m_bHasStored || answer == Engine::Answer::stored;
     if (answer != Engine::Answer::absent)
         m_absentSince.reset();
     else if (!m_absentSince)
         m_absentSince = now;
+    const bool bMayBeAbsent = m_bHasStored || !m_terms.absentLimit;
     return answer == Engine::Answer::stored || answer == Engine::Answer::refused ||
-           (m_absentSince && m_terms.absentLimit && now - *m_absentSince >= *m_terms.absentLimit);
+           (m_absentSince && !bMayBeAbsent && now - *m_absentSince >= *m_terms.absentLimit);
 }
 
 void OutgoingQueue::fitWindow(Engine::Answer answer) {

@@ -29,8 +29,8 @@ namespace VornRelay {
  *
  * A full stream is tried with one message at a time: where room comes back in the middle of a window, later
  * messages pass those that were refused. Only when it has not been full for a while it gets more and more. So
- * it is with a stream that is not there. One whose servers elect a leader looks like that, and therefore its
- * messages are refused after a while only.
+ * it is with a stream that is not there. One whose servers elect a leader, or are too few to do so, looks
+ * like that: messages are only refused after a while, and never when one has been stored there.
  *
  * Thread-safety: none. Blocking: none. Ownership: loop and engine must outlive it. Signals: none raised.
  * Errors: told to the handlers.
@@ -47,7 +47,8 @@ public:
     struct Terms {
         /// Most messages without an answer.
         std::size_t nWindow = 2048;
-        /// So long a stream may be missing until its messages are refused; none: always.
+        /// So long a stream that has stored nothing may be missing until its messages are refused; none:
+        /// always.
         std::optional<std::chrono::milliseconds> absentLimit = std::nullopt;
         /// So long a stream must not have been full until it gets more than one message at once.
         std::chrono::milliseconds calmTime{5000};
@@ -119,6 +120,7 @@ private:
     bool m_bConnected = false;
     bool m_bFailing = false;
     bool m_bFull = false;
+    bool m_bHasStored = false;
     RelayLoop::Timer m_pauseTimer = 0;
     std::chrono::milliseconds m_pause{0};
 };
