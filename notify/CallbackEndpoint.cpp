@@ -70,7 +70,7 @@ bool CallbackEndpoint::Address::isOwnOf(int fd) const {
         return false;
     const auto& here = reinterpret_cast<const sockaddr_in&>(own);
     const auto& there = reinterpret_cast<const sockaddr_in&>(m_storage);
-    return here.sin_port == there.sin_port && here.sin_addr.s_addr == there.sin_addr.s_addr;
+    return here.sin_addr.s_addr == there.sin_addr.s_addr && here.sin_port == there.sin_port;
 }
 
 std::optional<CallbackEndpoint> CallbackEndpoint::parse(const VornString& sText) {
@@ -106,9 +106,9 @@ std::optional<CallbackEndpoint> CallbackEndpoint::parseHostAndPort(Kind kind, co
     if (colon == VornString::npos)
         return std::nullopt;
     const std::optional<in_addr> address = parseDottedAddress(sPart.substr(0, colon));
+    const VornString sPort = sPart.substr(colon + 1, sPart.find(';', colon) - colon - 1);
     in_port_t port = 0;
-    if (!address || address->s_addr == htonl(INADDR_ANY) ||
-        !parsePort(sPart.substr(colon + 1, sPart.find(';', colon) - colon - 1), port))
+    if (!address || address->s_addr == htonl(INADDR_ANY) || !parsePort(sPort, port))
         return std::nullopt;
     VornString sPlace(reinterpret_cast<const char*>(&*address), sizeof *address);
     sPlace.append(reinterpret_cast<const char*>(&port), sizeof port);

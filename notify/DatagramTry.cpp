@@ -20,10 +20,6 @@ DeliveryTry::Progress DatagramTry::start(std::string_view bytes) {
     return {.kind = Progress::Kind::sent};
 }
 
-DeliveryTry::Progress DatagramTry::advance(std::uint32_t /*nEvents*/) {
-    return {}; // its socket is not watched
-}
-
 int DatagramTry::open() {
     m_socket.reset(System::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!m_socket.isOpen())

@@ -18,13 +18,15 @@ public:
     explicit DatagramTry(const CallbackEndpoint& endpoint) : m_address(endpoint) {}
 
     Progress start(std::string_view bytes) override;
-    Progress advance(std::uint32_t nEvents) override;
 
     void abandon() override { m_socket.reset(); }
 
-    bool mayHaveArrived() const override { return false; }
+    // Nobody asks for these: start() has ended the try.
+    Progress advance(std::uint32_t /*nEvents*/) override { return {}; } // GCOVR_EXCL_LINE: see above
 
-    bool isConnecting() const override { return false; }
+    bool mayHaveArrived() const override { return false; } // GCOVR_EXCL_LINE: see above
+
+    bool isConnecting() const override { return false; } // GCOVR_EXCL_LINE: see above
 
     bool isOpen() const override { return m_socket.isOpen(); }
 

@@ -85,6 +85,7 @@ private:
     void stopAll();
 
     void apply(AddressQueue& queue, const Progress& progress);
+    void applyWaiting(AddressQueue& queue);
     void applyFailure(AddressQueue& queue, const Progress& progress);
     void finishFirst(AddressQueue& queue, VornDispatcher::Outcome outcome);
     void noteFailure(AddressQueue& queue, int nCode, bool bDoubtful);

@@ -13,8 +13,7 @@ namespace VornNet {
 /** @return half the descriptors that the process may have, but at least one and at most @p nMost. */
 inline std::size_t halfOfDescriptors(std::size_t nMost) {
     rlimit descriptors{};
-    if (System::getrlimit(RLIMIT_NOFILE, &descriptors) == -1)
-        return nMost;
+    System::getrlimit(RLIMIT_NOFILE, &descriptors);
     return std::clamp<std::size_t>(descriptors.rlim_cur / 2, 1, nMost);
 }
 

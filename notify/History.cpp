@@ -79,24 +79,17 @@ void History::close() {
 
 History::Range History::range() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const Place newest{m_end.load(std::memory_order_relaxed), m_newest.load(std::memory_order_relaxed)};
-    const std::uint64_t offset = m_oldest.load(std::memory_order_relaxed);
-    return {offset == newest.offset ? newest : Place{offset, frameAt(offset).number - 1}, newest};
+    return rangeNow();
 }
 
 History::Place History::placeBefore(std::uint64_t number) const {
-    const Range range = this->range();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const Range range = rangeNow();
     if (number <= range.oldest.number + 1)
         return range.oldest;
     if (number > range.newest.number)
         return range.newest;
-    // The lock is taken again, and an event that was there may have gone: then its number is smaller than
-    // all.
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    const std::uint64_t oldest = m_oldest.load(std::memory_order_relaxed);
-    Frame frame = frameAt(oldest);
-    if (number <= frame.number)
-        return {frame.offset, frame.number - 1};
+    Frame frame = frameAt(range.oldest.offset);
     const std::uint64_t indexed = number - number % cIndexStep;
     if (indexed > frame.number)
         frame = frameAt(m_index[indexed / cIndexStep % m_index.size()]);
@@ -183,6 +176,13 @@ bool History::isFrame(const Frame& frame, std::uint64_t end) const {
     return frame.number != 0 && Wire::intAt(m_bytes + frame.offset % m_capacity) == Wire::cEvent &&
            frame.size >= Wire::cEventHead && frame.size <= m_capacity - frame.offset % m_capacity &&
            frame.size <= end - frame.offset;
+}
+
+/** @return the range; under the lock. */
+History::Range History::rangeNow() const {
+    const Place newest{m_end.load(std::memory_order_relaxed), m_newest.load(std::memory_order_relaxed)};
+    const std::uint64_t offset = m_oldest.load(std::memory_order_relaxed);
+    return {offset == newest.offset ? newest : Place{offset, frameAt(offset).number - 1}, newest};
 }
 
 /** @return the frame that is next at that place. */

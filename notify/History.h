@@ -105,6 +105,7 @@ private:
 
     bool recover();
     bool isFrame(const Frame& frame, std::uint64_t end) const;
+    Range rangeNow() const;
     Frame frameAt(std::uint64_t offset) const;
     std::uint64_t skipped(std::uint64_t offset) const;
     void makeRoom(std::uint64_t end);

@@ -21,14 +21,15 @@ constexpr std::string_view cMagic = "vornhis1";
 VornString bootId() {
     std::array<char, sizeof HistoryHeader::bootId> text{};
     const OwnedDescriptor file(System::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC, 0));
-    if (file.isOpen() && System::read(file.number(), text.data(), text.size() - 1) > 0)
+    if (System::read(file.number(), text.data(), text.size() - 1) > 0)
         return text.data();
     return {};
 }
 
 bool isOfThisBoot(const HistoryHeader& header) {
     const VornString sId = bootId();
-    return !sId.empty() && sId == VornString(header.bootId, ::strnlen(header.bootId, sizeof header.bootId));
+    const std::string_view headersId(header.bootId, ::strnlen(header.bootId, sizeof header.bootId));
+    return !sId.empty() && sId == headersId;
 }
 
 } // namespace
@@ -70,8 +71,6 @@ void HistoryBlock::begin() {
 }
 
 void HistoryBlock::own() {
-    if (!m_file.isOpen())
-        return;
     HistoryHeader& h = header();
     // A process that is killed on the way leaves a file that is of this boot or closed, or both.
     if (!isOfThisBoot(h)) {

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <exception>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include <sys/un.h>
@@ -62,7 +63,7 @@ VornString makeUniqueName() {
 }
 
 bool isSame(const struct stat& a, const struct stat& b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+    return std::tie(a.st_dev, a.st_ino) == std::tie(b.st_dev, b.st_ino);
 }
 
 /**
@@ -165,7 +166,7 @@ PipeListener::File PipeListener::look() const {
 
     if (System::lstat(m_sPath.c_str(), &found) == -1)
         return errno == ENOENT ? File::gone : File::unknown;
-    return found.st_dev == m_device && found.st_ino == m_inode ? File::own : File::foreign;
+    return std::tie(found.st_dev, found.st_ino) == std::tie(m_device, m_inode) ? File::own : File::foreign;
 }
 
 void PipeListener::removeFile() const {

@@ -6,15 +6,18 @@
 
 #include <cerrno>
 #include <exception>
-#include <new>
 #include <system_error>
 #include <utility>
+
+#include <sys/un.h>
 
 namespace VornNet {
 
 namespace {
 
 constexpr unsigned int cAccessRights = 7; // what pipe servers report unless they are told others
+constexpr const char* cPrefix = "pipe:";
+constexpr std::size_t cLongestAddress = sizeof(sockaddr_un::sun_path);
 
 PipeListener open(const SinkSettings& settings) {
     return settings.sPipeName.empty() ? PipeListener::openUnique(settings.group)
@@ -22,7 +25,7 @@ PipeListener open(const SinkSettings& settings) {
 }
 
 VornString addressOf(const PipeListener& listener) {
-    return "pipe:" + listener.name();
+    return cPrefix + listener.name();
 }
 
 } // namespace
@@ -80,13 +83,11 @@ void PipeSource::reopen(PipeListener::File file) {
         if (error.code().value() != EADDRINUSE)
             throw;
     }
+    // What can fail comes first: a file that is not told of would stay.
+    VornString sAddress = cPrefix;
+    sAddress.reserve(cLongestAddress);
     PipeListener fresh = PipeListener::openUnique(m_settings.group);
-    try {
-        m_address.change(addressOf(fresh));
-    } catch (const std::bad_alloc&) {
-        fresh.removeFile();
-        throw;
-    }
+    m_address.change(std::move(sAddress.append(fresh.name())));
     m_former.push_back(std::exchange(m_listener, std::move(fresh)));
 }
 

@@ -25,8 +25,6 @@ char* ReceivedContent::reserve(std::size_t nSize) {
     const auto nUsed = static_cast<std::size_t>(m_nOutIndex);
     const auto nCapacity = static_cast<std::size_t>(m_nBufferSize);
     if (nSize > nCapacity - nUsed) {
-        if (nSize > cLargest - nUsed)
-            return nullptr;
         // The first piece is mostly all there is; what goes on growing is not copied at each step.
         const std::size_t nWanted = std::min(std::max(nUsed + nSize, nCapacity + nCapacity / 2), cLargest);
         void* block = std::realloc(m_pDataBuffer, nWanted);

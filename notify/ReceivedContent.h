@@ -26,7 +26,10 @@ public:
     /** Names the sender, before anything is read. */
     void setSender(const VornString& sAddress, bool bLocal);
 
-    /** Makes room for @p nSize bytes more. @return where they go, or null when there is no memory */
+    /**
+     * Makes room for @p nSize bytes more, at most cLargest in all.
+     * @return where they go, or null when there is no memory
+     */
     char* reserve(std::size_t nSize);
 
     /** Takes over @p nSize bytes that have been written there. */

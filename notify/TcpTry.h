@@ -23,7 +23,7 @@ public:
     Progress start(std::string_view bytes) override;
     Progress advance(std::uint32_t nEvents) override;
 
-    bool isConnecting() const override { return isOpen() && m_step == Step::sending && sent() == 0; }
+    bool isConnecting() const override { return m_step == Step::sending && sent() == 0; }
 
 private:
     enum class Step { sending, ending };

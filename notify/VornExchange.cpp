@@ -218,16 +218,18 @@ VornSmartPointer<VornConnection> VornExchange::open(const VornString& sAddress, 
 }
 
 int VornExchange::getHandle(VornConnection& connection) {
-    const int* cell = nullptr;
-    if (const auto* limited = dynamic_cast<const LimitedConnection*>(&connection))
+    const auto* limited = dynamic_cast<const LimitedConnection*>(&connection);
+    if (limited != nullptr)
         return limited->handle();
-    if (const auto* pipe = dynamic_cast<const VornPipeConnection*>(&connection))
-        cell = OpenedPipe::cellOf(*pipe);
+    const auto* pipe = dynamic_cast<const VornPipeConnection*>(&connection);
+    auto* tcp = dynamic_cast<VornSocketConnection*>(&connection);
     // The class that stands for encrypted connections is a TCP connection by its base, and carries nothing.
-    else if (dynamic_cast<const VornSSLSocketConnection*>(&connection) == nullptr) {
-        if (auto* tcp = dynamic_cast<VornSocketConnection*>(&connection))
-            cell = static_cast<const int*>(tcp->getSocket());
-    }
+    const auto* secure = dynamic_cast<const VornSSLSocketConnection*>(&connection);
+    const int* cell = nullptr;
+    if (pipe != nullptr)
+        cell = OpenedPipe::cellOf(*pipe);
+    else if (tcp != nullptr && secure == nullptr)
+        cell = static_cast<const int*>(tcp->getSocket());
     return cell != nullptr ? *cell : -1;
 }
 
@@ -273,7 +275,9 @@ void VornExchange::receiveACK(VornConnection& connection, bool bReason) {
     if (result != cError)
         throw VornException(cNoAcknowledgement, EPROTO);
     const VornString sReason = bReason ? connection.receiveString() : VornString();
-    throw VornException(sReason.empty() ? cRefused : sReason, EPERM);
+    if (sReason.empty())
+        throw VornException(cRefused, EPERM);
+    throw VornException(sReason, EPERM);
 }
 
 VornString VornExchange::readToEnd(VornConnection& connection, std::size_t nLimit) {
