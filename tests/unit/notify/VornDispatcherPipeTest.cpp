@@ -277,6 +277,34 @@ TEST_F(VornDispatcher_Pipe, ASinkThatFallsSilentEarlyHasItsTimeToRead) {
     EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
 }
 
+TEST_F(VornDispatcher_Pipe, ASinkThatEndsItsSideBeforeItReadsIsTriedAgain) {
+    const UniqueFd listener = listen();
+    VornDispatcher dispatcher(optionsWithResults());
+    post(dispatcher, m_sAddress, "content");
+    const UniqueFd client = acceptProbed(listener.get());
+    ASSERT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.nCode, ECONNRESET);
+    EXPECT_EQ(result.nTries, 2U);
+    EXPECT_EQ(result.nDoubtfulTries, 0U);
+}
+
+TEST_F(VornDispatcher_Pipe, ASinkThatFallsSilentEarlyAndCannotBeWatchedHasNotReadIt) {
+    useInterposition();
+    const UniqueFd listener = listen();
+    VornDispatcher dispatcher(optionsWithResults());
+    const FaultRule fault("epoll_ctl", ENOMEM, 3, 1, threadIds().back()); // to be told when it has read
+    post(dispatcher, m_sAddress, "content");
+    const UniqueFd client = acceptClient(listener.get());
+    EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
+    ASSERT_TRUE(awaitCondition([&] { return unread(client.get()) == 7; }));
+    ASSERT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::unread);
+    EXPECT_EQ(result.nCode, ENOMEM);
+}
+
 TEST_F(VornDispatcher_Pipe, EveryKindOfAbandonedTryLeavesTheSinkAnEndAndNoReset) {
     const UniqueFd listener = listen();
     VornDispatcher dispatcher;

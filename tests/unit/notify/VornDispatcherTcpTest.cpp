@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "DispatcherTestSupport.h"
+#include "Interpose.h"
 
 #include <fstream>
 #include <thread>
@@ -179,6 +180,50 @@ TEST_F(VornDispatcher_Tcp, AHostThatSwallowsPacketsIsGivenTheConnectLimit) {
     EXPECT_EQ(result.nDoubtfulTries, 0U);
 }
 
+TEST_F(VornDispatcher_Tcp, ASocketThatHasNoRoomYetIsWaitedFor) {
+    useInterposition();
+    const UniqueFd listener = listen();
+    VornDispatcher dispatcher(optionsWithResults());
+    const FaultRule noRoom("send", EAGAIN, 1, 2, threadIds().back());
+    post(dispatcher, m_sAddress, "content");
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
+    EXPECT_EQ(noRoom.failures(), 2);
+    EXPECT_EQ(m_results.awaitOne().nTries, 1U);
+}
+
+TEST_F(VornDispatcher_Tcp, ASocketThatCannotBeWatchedAnyLongerIsTriedAgain) {
+    useInterposition();
+    const UniqueFd listener = listen();
+    VornDispatcher dispatcher(optionsWithResults());
+    const FaultRule noRoom("send", EAGAIN, 1, 1, threadIds().back());
+    const FaultRule fault("epoll_ctl", ENOMEM, 3, 1, threadIds().back()); // after all has been sent
+    post(dispatcher, m_sAddress, "content");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::delivered);
+    EXPECT_EQ(result.nCode, ENOMEM);
+    EXPECT_EQ(result.nTries, 2U);
+}
+
+TEST_F(VornDispatcher_Tcp, AnEndBeforeEverythingHasArrivedIsNotTheLast) {
+    const UniqueFd listener = listen();
+    const int nSmall = 2304;
+    ASSERT_EQ(::setsockopt(listener.get(), SOL_SOCKET, SO_RCVBUF, &nSmall, sizeof nSmall), 0);
+    VornDispatcher dispatcher(optionsWithResults());
+    const std::string sContent(60'000, 'x'); // the rest waits in the sender's kernel
+    post(dispatcher, m_sAddress, sContent);
+    UniqueFd client = acceptClient(listener.get());
+    ASSERT_TRUE(awaitBlockedInIo(threadIds().back()));
+    ASSERT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+    EXPECT_FALSE(dispatcher.flush(30ms));
+    EXPECT_EQ(receiveToEnd(client.get()), cHandle + sContent);
+    client.reset();
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::delivered);
+    EXPECT_EQ(result.nTries, 1U);
+}
+
 TEST_F(VornDispatcher_Tcp, ASinkThatDoesNotCloseLetsItExpireInDoubtAndIsNotReset) {
     const UniqueFd listener = listen();
     VornDispatcher dispatcher(optionsWithResults());
@@ -202,6 +247,44 @@ TEST_F(VornDispatcher_Tcp, WhatASinkWritesIsThrownAway) {
     EXPECT_EQ(receiveToEnd(client.get()), cHandle + "content");
     client.reset();
     EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
+}
+
+TEST_F(VornDispatcher_Tcp, WhatASinkWritesAndCannotBeWatchedForIsTriedAgain) {
+    useInterposition();
+    const UniqueFd listener = listen();
+    VornDispatcher dispatcher(optionsWithResults());
+    const FaultRule fault("epoll_ctl", ENOMEM, 2, 1, threadIds().back()); // to be told of the rest
+    HeldCall waiting("epoll_wait");
+    post(dispatcher, m_sAddress, "content");
+    UniqueFd client = acceptClient(listener.get());
+    ASSERT_TRUE(waiting.awaitReached());
+    const std::string sMuch(256UL * 1024, 'x');
+    EXPECT_GT(::send(client.get(), sMuch.data(), sMuch.size(), MSG_DONTWAIT), 16 * 4096);
+    waiting.open();
+    EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
+    const Result result = m_results.awaitOne();
+    EXPECT_EQ(result.outcome, Outcome::delivered);
+    EXPECT_EQ(result.nCode, ENOMEM);
+}
+
+TEST_F(VornDispatcher_Tcp, ASinkThatWritesIsNotTakenForItsOwnEcho) {
+    useInterposition();
+    VornDispatcher dispatcher(optionsWithResults());
+    const auto tell = [&](const std::string& sHost) {
+        int nPort = 0;
+        const UniqueFd listener = tcpListen(sHost, nPort);
+        post(dispatcher, "socket:" + sHost + ":" + std::to_string(nPort), "content");
+        UniqueFd client = acceptClient(listener.get());
+        sendAll(client.get(), "a greeting");
+        EXPECT_EQ(receiveToEnd(client.get()), cHandle + "content");
+        client.reset();
+        EXPECT_TRUE(dispatcher.flush(10s));
+        EXPECT_EQ(m_results.now().back().outcome, Outcome::delivered);
+    };
+    tell("127.0.0.1");
+    tell("127.0.0.2");
+    const FaultRule cannotBeTold("getsockname", ENOBUFS, 1, FaultRule::always, threadIds().back());
+    tell("127.0.0.1");
 }
 
 TEST_F(VornDispatcher_Tcp, ItsOwnEchoIsNoDelivery) {

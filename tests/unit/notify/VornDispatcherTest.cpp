@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "DispatcherTestSupport.h"
+#include "Interpose.h"
 #include "LogCapture.h"
 
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -139,6 +141,9 @@ TEST_F(VornDispatcher_Operations, ComposesAtOnceOnceAndOnTheCallersThread) {
             connection.transfer("text");
             connection.transfer(5L);
             connection.transfer(static_cast<short>(3));
+            long nError = -1;
+            EXPECT_EQ(connection.transfer("", 0, &nError), 0);
+            EXPECT_EQ(nError, 0);
         });
         dispatcher.post(proxy, VornNotification(1));
     }
@@ -163,9 +168,11 @@ TEST_F(VornDispatcher_Operations, RefusesAProxyThatReads) {
         [&](VornConnection& connection) { connection.receive(&byte, 1, &nLongError, false); },
         [&](VornConnection& connection) { connection.peekBytes(&byte, nSize, nError); },
         [](VornConnection& connection) {
-            try {
-                connection.receiveInt();
-            } catch (const VornException&) { // nor when it does not mind
+            for (int i = 0; i < 2; ++i) {
+                try {
+                    connection.receiveInt();
+                } catch (const VornException&) { // nor when it does not mind
+                }
             }
             connection.transfer(5);
         },
@@ -322,6 +329,23 @@ TEST_F(VornDispatcher_Operations, DropsAsManyAsMemoryAsksFor) {
     takeOne(listener.get());
 }
 
+TEST_F(VornDispatcher_Operations, DropsAsManyAsAreAboveTheLimitAfterARedirect) {
+    VornDispatcher::Options options = optionsWithResults();
+    options.nQueueLimit = 2;
+    options.overflow = Overflow::dropOldest;
+    options.firstPause = options.longestPause = 10s; // none is being tried
+    VornDispatcher dispatcher(options);
+    for (int i = 0; i < 2; ++i) {
+        post(dispatcher, "pipe:old");
+        post(dispatcher, "pipe:new");
+    }
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries == 2; }));
+    EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 2U);
+    EXPECT_EQ(post(dispatcher, "pipe:new"), 5U);
+    EXPECT_EQ(dispatcher.queued("pipe:new"), 2U);
+    EXPECT_EQ(ticketsOf(m_results.await(3)), (Tickets{1, 3, 2}));
+}
+
 TEST_F(VornDispatcher_Operations, WaitsForRoom) {
     const UniqueFd listener = listen("peer");
     VornDispatcher::Options options = optionsWithResults();
@@ -418,6 +442,21 @@ TEST_F(VornDispatcher_Operations, EachFlushWaitsForWhatWasPostedBeforeItself) {
     EXPECT_FALSE(later.finished());
     takeOne(listener.get());
     EXPECT_TRUE(later.join());
+}
+
+TEST_F(VornDispatcher_Operations, AFlushDoesNotCountWhatIsPostedLaterAndDeliveredEarlier) {
+    const UniqueFd listener = listen("peer");
+    const UniqueFd other = listen("other");
+    VornDispatcher dispatcher;
+    post(dispatcher, "pipe:peer");
+    WatchedThread flushing([&] { EXPECT_TRUE(dispatcher.flush(-1ms)); });
+    ASSERT_TRUE(awaitBlockedOnLock(flushing.tid()));
+    post(dispatcher, "pipe:other");
+    takeOne(other.get());
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 1; }));
+    EXPECT_FALSE(flushing.finished());
+    takeOne(listener.get());
+    EXPECT_TRUE(flushing.join());
 }
 
 TEST_F(VornDispatcher_Operations, AHandlerThatEndsItsThreadHoldsUpNothingButResults) {
@@ -554,6 +593,12 @@ TEST_F(VornDispatcher_Operations, RedirectEndsATryAsAResetWould) {
     EXPECT_EQ(doubtful.nCode, ECONNRESET);
     EXPECT_EQ(doubtful.nDoubtfulTries, 1U);
     EXPECT_EQ(receiveToEnd(other.get()), "doubtful") << "and no reset";
+
+    postWith(termsOf(10s, 1), dispatcher, sTcp, "doubtful once");
+    const UniqueFd last = acceptClient(tcp.get());
+    EXPECT_EQ(receiveExactly(last.get(), 8), cHandle);
+    EXPECT_EQ(dispatcher.redirect(sTcp, "pipe:new"), 0U);
+    EXPECT_EQ(m_results.await(4)[3].outcome, Outcome::unread);
 }
 
 TEST_F(VornDispatcher_Operations, RedirectMayExceedTheLimitAndKeepsTimeLimits) {
@@ -665,6 +710,26 @@ TEST_F(VornDispatcher_Operations, ASecondStopWaitsForTheFirst) {
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());
     EXPECT_EQ(m_results.now()[0].outcome, Outcome::delivered);
+}
+
+TEST_F(VornDispatcher_Operations, StopWaitsForAThreadThatIsAboutToWakeIt) {
+    useInterposition();
+    VornDispatcher::Options options;
+    options.firstPause = options.longestPause = 10s;
+    VornDispatcher dispatcher(options);
+    const pid_t delivering = threadIds().back();
+    postWith(termsOf(300ms), dispatcher, "pipe:nobody"); // which ends its sleep
+    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries == 1; }));
+    ASSERT_TRUE(awaitBlockedInIo(delivering));
+    HeldCall wakeUp("write");
+    WatchedThread posting([&] { post(dispatcher, "pipe:other"); });
+    ASSERT_TRUE(wakeUp.awaitReached());
+    WatchedThread stopping([&] { dispatcher.stop(0ms); });
+    ASSERT_TRUE(awaitCondition([&] { return !testing::Value(threadIds(), testing::Contains(delivering)); }));
+    EXPECT_FALSE(stopping.finished());
+    wakeUp.open();
+    EXPECT_TRUE(posting.join());
+    EXPECT_TRUE(stopping.join());
 }
 
 TEST_F(VornDispatcher_Operations, StopEndsThoseWhoWaitForRoom) {

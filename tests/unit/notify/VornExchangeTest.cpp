@@ -231,8 +231,27 @@ TEST_P(VornExchange_Open, WhenASocketCallFails_ClosesAndTellsTheErrorNumber) {
     }
 }
 
-TEST_P(VornExchange_Open, WhenASignalBreaksTheConnectOff_GoesOn) {
+TEST_P(VornExchange_Open, WhenALaterSocketCallFails_ClosesAndTellsTheErrorNumber) {
+    struct Fault {
+        const char* service;
+        const char* function;
+        int nth;
+    };
+
+    // The limits are those of both directions, for connecting and from then on.
+    for (const Fault& fault :
+         {Fault{"", "setsockopt", 2}, Fault{"", "setsockopt", 3}, Fault{"a", "send", 1}}) {
+        const FaultRule fail(fault.function, ENOBUFS, fault.nth);
+        EXPECT_EQ(thrownBy([&] { VornExchange::open(m_address, fault.service, longLimit); }),
+                  "VornExchange::open: failed. 105")
+            << fault.function << " " << fault.nth;
+    }
+}
+
+TEST_P(VornExchange_Open, WhenAConnectIsBrokenOffOrOnItsWay_GoesOn) {
     const FaultRule interrupt("connect", EINTR);
+    const FaultRule begin("connect", EINPROGRESS, 2);
+    const FaultRule goOn("connect", EALREADY, 3);
     const auto spConnection = VornExchange::open(m_address, "", longLimit);
     spConnection->transfer(5);
     const UniqueFd client = acceptClient(m_listener.get());
@@ -334,6 +353,11 @@ TEST_P(VornExchange_Limits, SetTimeLimit_WithoutASocket_IsFalse) {
     EXPECT_FALSE(VornExchange::setTimeLimit(connection(), shortLimit));
 }
 
+TEST_P(VornExchange_Limits, SetTimeLimit_ThatTheSocketRefuses_IsFalse) {
+    const FaultRule fail("setsockopt", ENOBUFS);
+    EXPECT_FALSE(VornExchange::setTimeLimit(connection(), shortLimit));
+}
+
 TEST_P(VornExchange_Limits, Limited_ReadsAndWritesOverTheSameSocket) {
     const auto spLimited = VornExchange::limited(connection(), longLimit);
     EXPECT_EQ(VornExchange::getHandle(*spLimited), VornExchange::getHandle(connection()));
@@ -417,6 +441,20 @@ TEST_P(VornExchange_Limits, Limited_WhenThePeerHasClosed_AReadIs107) {
     EXPECT_EQ(error, 0);
 }
 
+TEST_P(VornExchange_Limits, Limited_ToWhatNoClockReaches_WaitsUntilThePeerAnswers) {
+    const auto spLimited = VornExchange::limited(connection(), std::chrono::milliseconds::max());
+    const CallHook answer("poll", [this] { sendAll(peer(), bytes("00 00 00 07")); });
+    EXPECT_EQ(spLimited->receiveInt(), 7);
+}
+
+TEST_P(VornExchange_Limits, Limited_ReadingNothing_WaitsForNothing) {
+    const auto spLimited = VornExchange::limited(connection(), longLimit);
+    char byte = '\0';
+    long error = -1;
+    EXPECT_EQ(spLimited->receive(&byte, 0, &error, true), 0);
+    EXPECT_EQ(error, 0);
+}
+
 TEST_P(VornExchange_Limits, Limited_ASignalDoesNotBreakItOff) {
     const auto spLimited = VornExchange::limited(connection(), longLimit);
     const FaultRule interrupt("poll", EINTR);
@@ -431,6 +469,19 @@ TEST_P(VornExchange_Limits, Limited_Disconnect_DisconnectsTheConnection) {
     EXPECT_EQ(VornExchange::getHandle(*spLimited), -1);
     EXPECT_EQ(receiveToEnd(peer()), "");
     EXPECT_EQ(thrownBy([&] { spLimited->receiveInt(); }), readFailure(ENOTCONN));
+    EXPECT_EQ(thrownBy([&] { spLimited->transfer(1); }), "VornConnection::put: transfer failed. 107");
+    char byte = '\0';
+    int size = 1;
+    int error = 0;
+    EXPECT_FALSE(spLimited->peekBytes(&byte, size, error));
+    EXPECT_EQ(error, ENOTCONN);
+    spLimited->disconnect(); // again
+}
+
+TEST_P(VornExchange_Limits, Limited_TellsTheNamesOfTheConnection) {
+    const auto spLimited = VornExchange::limited(connection(), longLimit);
+    EXPECT_EQ(spLimited->getServerName(), connection().getServerName());
+    EXPECT_EQ(spLimited->getPortName(), connection().getPortName());
 }
 
 TEST_P(VornExchange_Limits, Limited_WithoutASocket_Throws22) {
@@ -460,7 +511,8 @@ TEST_P(VornExchange_Limits, ReceiveService_TakesTheLongestLineInSingleBytes) {
 TEST_P(VornExchange_Limits, ReceiveService_RefusesLinesThatAreNone) {
     for (const std::string& line :
          {std::string(256, 'n'), std::string("bui\tlds\r\n"), std::string("a\nb\r\n"),
-          std::string("a\rb\r\n"), std::string("b\303\244\r\n"), std::string(1, '\0')}) {
+          std::string("a\rb\r\n"), std::string("b\303\244\r\n"), std::string("b\177\r\n"),
+          std::string(1, '\0')}) {
         Link link = makeLink(GetParam());
         sendAll(link.peer.get(), line);
         EXPECT_EQ(thrownBy([&] { VornExchange::receiveService(*link.spConnection, longLimit); }),
@@ -476,6 +528,13 @@ TEST_P(VornExchange_Limits, ReceiveService_FromASilentClient_Is110_AndFromOneTha
     m_link.peer.reset();
     EXPECT_EQ(thrownBy([&] { VornExchange::receiveService(connection(), longLimit); }),
               "VornExchange::receiveService: failed. 107");
+}
+
+TEST_P(VornExchange_Limits, ReceiveService_WhenTheLineCannotBeTaken_TellsTheErrorNumber) {
+    sendAll(peer(), "builds\r\n");
+    const FaultRule fail("recv", ECONNRESET, 2); // the first one looks
+    EXPECT_EQ(thrownBy([&] { VornExchange::receiveService(connection(), longLimit); }),
+              "VornExchange::receiveService: failed. 104");
 }
 
 TEST_P(VornExchange_Limits, ReceiveService_WithinALimitedConnection_HasTheShorterLimit) {
@@ -518,6 +577,12 @@ TEST_F(VornExchange_Test, ReceiveService_ReadsAlsoFromMemory) {
     EXPECT_EQ(VornExchange::receiveService(*holding("62 75 69 0d 0a"), longLimit), "bui");
     EXPECT_EQ(thrownBy([] { VornExchange::receiveService(*holding("62 75 69"), longLimit); }),
               "VornExchange::receiveService: failed. 107");
+}
+
+TEST_F(VornExchange_Test, ReceiveService_FromAConnectionThatCannotConnect_TellsItsErrorNumber) {
+    VornPipeConnection unconnected("alpha");
+    EXPECT_EQ(thrownBy([&] { VornExchange::receiveService(unconnected, longLimit); }),
+              "VornExchange::receiveService: failed. 2");
 }
 
 TEST_F(VornExchange_Test, AnswerService_WritesOneByte) {

@@ -41,12 +41,18 @@ class VornSteadySink_Senders : public NotificationTest {};
 
 class VornSteadySink_Failures : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
+class VornSteadySink_StreamFailures : public NotificationTest, public testing::WithParamInterface<Kind> {};
+
+class VornSteadySink_PipeFailures : public NotificationTest {};
+
 class VornSteadySink_End : public NotificationTest {};
 
 const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Failures, Values(Kind::pipe, Kind::socket, Kind::udp),
                          kindName);
+
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_StreamFailures, Values(Kind::pipe, Kind::socket), kindName);
 
 bool admits(const std::vector<VornSupport::VornString>& networks, const std::string& source) {
     SteadyOptions options = optionsFor(Kind::socket);
@@ -147,6 +153,30 @@ TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneThatIsSilentIsClosedAtTheRea
     EXPECT_EQ(client.statistics().nTimedOut, 0U);
 }
 
+TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneThatClosesSilentlyIsForgotten) {
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.allowedUsers = {4711};
+    const SteadyClient client(options);
+    UniqueFd fd = connectToSink(client.address());
+    ASSERT_TRUE(client.await(&SteadyStatistics::nRefused, std::uint64_t{1}));
+    EXPECT_EQ(client.statistics().nConnections, 1U);
+    fd.reset();
+    EXPECT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{0}));
+    EXPECT_EQ(client.statistics().nIncomplete, 0U);
+}
+
+TEST_F(VornSteadySink_Senders, OverAPipe_OneWhoseUserCannotBeToldIsRefused) {
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.allowedUsers = {::getuid()};
+    const SteadyClient client(options);
+    {
+        const FaultRule fault("getsockopt", EIO);
+        EXPECT_EQ(deliverTo(client.address(), "first"), "reset");
+    }
+    EXPECT_EQ(deliverTo(client.address(), "second"), "end");
+    EXPECT_EQ(client.statistics().nRefused, 1U);
+}
+
 TEST_P(VornSteadySink_Failures, AnySystemCallThatFailsOnce_LosesNoLaterNotification) {
     const std::vector<std::string> calls = {"accept4", "close",    "epoll_ctl", "epoll_wait", "ppoll",
                                             "ioctl",   "lstat",    "poll",      "read",       "recv",
@@ -229,6 +259,54 @@ TEST_P(VornSteadySink_Failures, ACallbackThatEndsItsThread_LetsTheDestructorRetu
     client.destroy();
 }
 
+TEST_P(VornSteadySink_StreamFailures, AReadThatFindsNothing_IsDoneAgainWhenMoreComes) {
+    const SteadyClient client(optionsFor(GetParam()));
+    const pid_t reading = threadIds().back();
+    const UniqueFd sender = connectToSink(client.address());
+    ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
+    ASSERT_TRUE(awaitBlockedInIo(reading));
+    const FaultRule nothing("recv", EAGAIN, 1, 1, reading);
+    sendAll(sender.get(), onWire(0));
+    ASSERT_TRUE(awaitCondition([&] { return nothing.failures() == 1; }));
+    sendAll(sender.get(), "content");
+    endSending(sender.get());
+    EXPECT_EQ(endingOf(sender.get()), "end");
+    EXPECT_THAT(client.callback()->contents(), ElementsAre("content"));
+}
+
+TEST_F(VornSteadySink_Senders, OverTcp_BytesThatComeJustAfterTheyWereCounted_AreRead) {
+    const SteadyClient client(optionsFor(Kind::socket));
+    FaultRule none("ioctl", 0, 1, 1, threadIds().back());
+    none.returning(0);
+    EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+    EXPECT_THAT(client.callback()->contents(), ElementsAre("content"));
+}
+
+TEST_P(VornSteadySink_StreamFailures, ASourceThatCannotBeWatched_IsTriedAgain) {
+    SteadyOptions options = optionsFor(GetParam());
+    options.nConnectionLimit = 1;
+    const SteadyClient client(options);
+    const pid_t reading = threadIds().back();
+    UniqueFd first = connectToSink(client.address());
+    ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
+    ASSERT_TRUE(awaitBlockedInIo(reading));
+    const FaultRule fault("epoll_ctl", ENOMEM, 1, 1, reading);
+    first.reset();
+    EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+    EXPECT_EQ(fault.failures(), 1);
+}
+
+TEST_F(VornSteadySink_PipeFailures, AnEndWithoutTheBytesThatWereCounted_IsIncomplete) {
+    const SteadyClient client(optionsFor(Kind::pipe));
+    const FaultRule nothing("recv", EAGAIN, 1, 1, threadIds().back());
+    HeldCall accepting("accept4");
+    const UniqueFd sender = sendNotification(client.address(), "content");
+    accepting.open();
+    EXPECT_TRUE(client.await(&SteadyStatistics::nIncomplete, std::uint64_t{1}));
+    EXPECT_EQ(endingOf(sender.get()), "reset");
+    EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+}
+
 KIT_ROLE(steadyBareClient) {
     useTypeText(args.at(0));
     const UniqueFd output(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10));
@@ -265,8 +343,28 @@ KIT_ROLE(steadySelfDestroyer) {
     return 0;
 }
 
+KIT_ROLE(steadySelfDestroyerByAddress) {
+    VornSupport::VornLogging::getInstance().setLogLevel(1);
+    VornNet::VornSteadySink* sink = nullptr;
+    SteadyOptions options = optionsFor(Kind::pipe);
+    options.onAddressChange = [&](const VornSupport::VornString&) { delete sink; };
+    sink = new VornNet::VornSteadySink("client", options);
+    const std::string path = pipePath(Target(sink->getCallbackAddress()).place);
+    ::unlink(path.c_str());
+    const UniqueFd server = unixListen(path);
+    std::getchar();
+    return 0;
+}
+
 TEST_F(VornSteadySink_End, InACallback_EndsTheProcess) {
     ChildProcess child = ChildProcess::spawnRole("steadySelfDestroyer");
+    EXPECT_EQ(child.wait(), 128 + SIGABRT);
+    EXPECT_THAT(child.readAllErrors(),
+                HasSubstr("VornSteadySink::~VornSteadySink: destroyed by one of its own callbacks"));
+}
+
+TEST_F(VornSteadySink_End, InTheAddressHandler_EndsTheProcess) {
+    ChildProcess child = ChildProcess::spawnRole("steadySelfDestroyerByAddress");
     EXPECT_EQ(child.wait(), 128 + SIGABRT);
     EXPECT_THAT(child.readAllErrors(),
                 HasSubstr("VornSteadySink::~VornSteadySink: destroyed by one of its own callbacks"));

@@ -106,6 +106,31 @@ TEST_P(VornSteadySink_Limits, ANotificationAboveTheByteLimit_IsReadOnByItself) {
     EXPECT_THAT(client.callback()->contents(), ElementsAre(content));
 }
 
+TEST_P(VornSteadySink_Limits, OneByteAboveTheByteLimit_IsReadOn) {
+    SteadyOptions options = optionsFor(GetParam());
+    options.nByteLimit = 10;
+    const SteadyClient client(options);
+    HeldCall accepting("accept4");
+    const UniqueFd sender = sendNotification(client.address(), std::string(11, 'x'));
+    accepting.open();
+    EXPECT_EQ(endingOf(sender.get()), "end");
+    EXPECT_THAT(client.callback()->contents(), ElementsAre(std::string(11, 'x')));
+}
+
+TEST_P(VornSteadySink_Limits, SilentSenders_AreEachCutAtTheirOwnTime) {
+    SteadyOptions options = optionsFor(GetParam());
+    options.readLimit = 100ms;
+    const SteadyClient client(options);
+    const UniqueFd first = connectToSink(client.address());
+    letPass(50ms);
+    const UniqueFd second = connectToSink(client.address());
+    endingOf(first.get());
+    const auto start = std::chrono::steady_clock::now();
+    endingOf(second.get());
+    EXPECT_GT(std::chrono::steady_clock::now() - start, 20ms);
+    EXPECT_EQ(client.statistics().nTimedOut, 2U);
+}
+
 TEST_P(VornSteadySink_Limits, WhenHalfReadOnesHoldAllBytes_OneAfterTheOtherIsReadOn) {
     SteadyOptions options = optionsFor(GetParam());
     options.nByteLimit = 1000;
@@ -273,6 +298,24 @@ TEST_F(VornSteadySink_Datagrams, AtTheByteLimit_TheyWaitInTheSocket) {
     EXPECT_EQ(client.statistics().nWaiting, 3U);
     held.letGoOn();
     ASSERT_TRUE(client.callback()->awaitCalls(10));
+}
+
+TEST_F(VornSteadySink_Datagrams, ManyThousandsThatWait_AreCalledAll) {
+    constexpr std::size_t cMost = 65'536;
+    HeldCallback held;
+    const SteadyClient client(optionsFor(Kind::udp), held.action());
+    const Target target(client.address());
+    int port = 0;
+    const UniqueFd sender = udpSocket("127.0.0.1", port);
+    const std::string bytes = onWire(0);
+    for (std::size_t nSent = 1; nSent <= cMost + 100; ++nSent) {
+        udpSendTo(sender.get(), target.place, target.port, bytes);
+        if (nSent % 100 != 0)
+            continue; // more might not fit into the socket
+        ASSERT_TRUE(awaitCondition([&] { return client.statistics().nWaiting >= std::min(nSent, cMost); }));
+    }
+    held.letGoOn();
+    EXPECT_TRUE(client.callback()->awaitCalls(static_cast<int>(cMost) + 100));
 }
 
 TEST_F(VornSteadySink_Datagrams, AFailingSocket_IsTriedAgain) {

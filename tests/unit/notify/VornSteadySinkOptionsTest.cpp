@@ -71,6 +71,7 @@ TEST_F(VornSteadySink_Options, EachInvalidOne_IsRefusedWith22AndOpensNothing) {
         {Kind::udp, "a network of 33 bits", [](auto& o) { o.allowedNetworks = {"10.0.0.0/33"}; }},
         {Kind::udp, "a network of -1 bits", [](auto& o) { o.allowedNetworks = {"10.0.0.0/-1"}; }},
         {Kind::udp, "a network without bits", [](auto& o) { o.allowedNetworks = {"10.0.0.0/"}; }},
+        {Kind::udp, "a network of 08 bits", [](auto& o) { o.allowedNetworks = {"10.0.0.0/08"}; }},
         {Kind::udp, "a network with more behind it", [](auto& o) { o.allowedNetworks = {"10.0.0.0/8x"}; }},
         {Kind::pipe, "no read limit", [](auto& o) { o.readLimit = 0ms; }},
         {Kind::pipe, "a negative read limit", [](auto& o) { o.readLimit = -1ms; }},

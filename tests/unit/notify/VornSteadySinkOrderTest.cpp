@@ -73,6 +73,22 @@ TEST_P(VornSteadySink_Order, AnOlderOneThatIsFoundCompleteAgainAfterAnother_IsCa
     EXPECT_THAT(client.callback()->contents(), ElementsAre("first", "second", "third"));
 }
 
+TEST_P(VornSteadySink_Order, AmongManyThatAreNotComplete_TheOneThatIsIsCalled) {
+    const SteadyClient client(optionsFor(GetParam()));
+    HeldCall atWait("epoll_wait");
+    const UniqueFd first = connectToSink(client.address());
+    ASSERT_TRUE(atWait.awaitReached());
+    std::vector<UniqueFd> halves;
+    for (int i = 0; i < 40; ++i) {
+        halves.push_back(connectToSink(client.address()));
+        sendAll(halves.back().get(), onWire(0) + "half");
+    }
+    const UniqueFd whole = sendNotification(client.address(), "whole");
+    atWait.open();
+    EXPECT_EQ(endingOf(whole.get()), "end");
+    EXPECT_THAT(client.callback()->contents(), ElementsAre("whole"));
+}
+
 TEST_P(VornSteadySink_Order, WhatWaits_IsCalledInTheOrderOfAcceptance) {
     HeldCallback held;
     const SteadyClient client(optionsFor(GetParam()), held.action());

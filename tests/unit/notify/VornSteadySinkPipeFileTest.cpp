@@ -8,11 +8,14 @@
 #include "Interpose.h"
 #include "Process.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 #include "SteadySinkPeer.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <set>
 #include <system_error>
@@ -20,7 +23,11 @@
 #include <VornException.h>
 #include <VornPipeServer.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace VornTest;
@@ -104,6 +111,11 @@ TEST_F(VornSteadySink_PipeFile, ARandomNameThatIsTaken_IsNotTakenAway) {
     EXPECT_EQ(trace.calls("unlink"), 0);
 }
 
+TEST_F(VornSteadySink_PipeFile, WhereEveryRandomNameIsTaken_TheNumberIs98) {
+    const FaultRule taken("bind", EADDRINUSE, 1, FaultRule::always);
+    EXPECT_EQ(codeOf(optionsFor(Kind::pipe), cOpenFailed), EADDRINUSE);
+}
+
 TEST_F(VornSteadySink_PipeFile, AGivenName_IsTheSinks) {
     const SteadyClient client(named("client"));
     EXPECT_EQ(client.address(), "pipe:client");
@@ -151,6 +163,16 @@ TEST_F(VornSteadySink_PipeFile, ANameOfALivingServer_Is98AndTheServerGoesOn) {
     EXPECT_EQ(deliverTo("pipe:other", ""), "end");
 }
 
+TEST_F(VornSteadySink_PipeFile, ANameOfALivingDatagramServer_Is98) {
+    const UniqueFd server(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, pipePath("client").c_str());
+    ASSERT_EQ(::bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
+    EXPECT_TRUE(exists(pipePath("client")));
+}
+
 TEST_F(VornSteadySink_PipeFile, ANameOfAServerWhoseQueueIsFull_Is98WithoutWaiting) {
     const UniqueFd server = unixListen(pipePath("client"), 0);
     const UniqueFd waiting = unixConnect(pipePath("client"));
@@ -169,17 +191,19 @@ TEST_F(VornSteadySink_PipeFile, ADeadServersFileThatCannotBeMovedAway_IsTriedAga
         const char* call;
         int error;
         int code;
+        int nth = 1;
     } rows[] = {
         {"lstat", ENOENT, 0}, // somebody has removed it in between
-        {"lstat", EIO, EIO},      {"renameat2", ENOENT, 0},
-        {"renameat2", EEXIST, 0}, {"renameat2", EPERM, EACCES},
+        {"lstat", EIO, EIO},          {"connect", ENOENT, 0},
+        {"renameat2", ENOENT, 0},     {"renameat2", EEXIST, 0},
+        {"renameat2", EPERM, EACCES}, {"lstat", EIO, 0, 2}, // it is moved back, and away once more
     };
 
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.call) + " " + std::to_string(row.error));
         ::unlink(pipePath("client").c_str());
         unixListen(pipePath("client")).reset();
-        const FaultRule once(row.call, row.error);
+        const FaultRule once(row.call, row.error, row.nth);
         EXPECT_EQ(codeOf(named("client"), cOpenFailed), row.code);
         EXPECT_EQ(once.failures(), 1);
         EXPECT_EQ(exists(pipePath("client")), row.code != 0);
@@ -308,6 +332,35 @@ TEST_F(VornSteadySink_PipeFile, AFileThatIsReplaced_GivesTheSinkAnotherNameAndTh
     }
 }
 
+TEST_F(VornSteadySink_PipeFile, ANameThatChangesAgainWhileTheHandlerRuns_IsToldAfterwards) {
+    Told told;
+    Gate entered;
+    Gate goesOn;
+    SteadyOptions options = named("client");
+    options.onAddressChange = [&](const VornSupport::VornString& address) {
+        told.handler()(address);
+        entered.open();
+        goesOn.await();
+    };
+    const SteadyClient client(options);
+    {
+        const FaultRule taken("bind", EADDRINUSE); // somebody is quicker
+        ::unlink(pipePath("client").c_str());
+        ASSERT_TRUE(entered.await());
+    }
+    const std::string first = client.address();
+    EXPECT_NE(first, "pipe:client");
+    const std::string path = pathOf(client);
+    ::unlink(path.c_str());
+    const UniqueFd server = unixListen(path);
+    ASSERT_TRUE(awaitCondition([&] { return client.address() != first; }));
+    EXPECT_THAT(told.addresses(), ElementsAre(first));
+    goesOn.open();
+    ASSERT_TRUE(awaitCondition([&] { return told.addresses().size() == 2; }));
+    EXPECT_THAT(told.addresses(), ElementsAre(first, client.address()));
+    ::unlink(path.c_str());
+}
+
 TEST_F(VornSteadySink_PipeFile, ALibraryServerThatTakesTheNameOver_DoesNotEndTheSink) {
     const SteadyClient client(named("client"));
     const VornNet::VornPipeServer server("client");
@@ -349,6 +402,61 @@ TEST_F(VornSteadySink_PipeFile, AHandlerThatThrows_IsLoggedAndTheSinkGoesOn) {
     ::unlink(pipePath("client").c_str());
     const UniqueFd server = unixListen(pipePath("client"));
     EXPECT_TRUE(log.await("VornSteadySink::onAddressChange: the handler threw: oh (code=5)"));
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+}
+
+TEST_F(VornSteadySink_PipeFile, AHandlerThatEndsItsThread_EndsNothingElse) {
+    Gate entered;
+    SteadyOptions options = named("client");
+    options.onAddressChange = [&](const VornSupport::VornString&) {
+        entered.open();
+        ::pthread_exit(nullptr);
+    };
+    SteadyClient client(options);
+    ::unlink(pipePath("client").c_str());
+    const UniqueFd server = unixListen(pipePath("client"));
+    ASSERT_TRUE(entered.await());
+    EXPECT_EQ(deliverTo(client.address(), ""), "end");
+    client.destroy();
+}
+
+TEST_F(VornSteadySink_PipeFile, WithoutAThreadForTheHandler_ItIsToldLater) {
+    if (underSanitizer)
+        GTEST_SKIP() << "needs its address space";
+    Told told;
+    SteadyOptions options = named("client");
+    options.onAddressChange = told.handler();
+    const SteadyClient client(options);
+    ::unlink(pipePath("client").c_str());
+    const UniqueFd server = unixListen(pipePath("client"));
+    rlimit before = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
+    const rlimit none = {1, before.rlim_max}; // a thread's stack takes some
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);
+    EXPECT_TRUE(awaitCondition([&] { return client.address() != "pipe:client"; }));
+    letPass(std::chrono::milliseconds(50));
+    EXPECT_THAT(told.addresses(), ElementsAre());
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
+    EXPECT_TRUE(awaitCondition([&] { return told.addresses().size() == 1; }));
+}
+
+TEST_F(VornSteadySink_PipeFile, WithoutDescriptorsAfterTheFileWasMadeAgain_WhoIsThereGoesOn) {
+    const SteadyClient client(named("client"));
+    const UniqueFd sender = connectToSink(client.address());
+    sendAll(sender.get(), onWire(0));
+    ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
+    {
+        const FaultRule none("accept4", EMFILE, 1, FaultRule::always);
+        ::unlink(pipePath("client").c_str());
+        ASSERT_TRUE(awaitCondition([&] { return none.failures() > 0; })); // at what it listened at before
+        for (int i = 0; i < 10; ++i) {
+            sendAll(sender.get(), "x");
+            letPass(std::chrono::milliseconds(5));
+        }
+        endSending(sender.get());
+        EXPECT_EQ(endingOf(sender.get()), "end");
+    }
+    EXPECT_THAT(client.callback()->contents(), ElementsAre(std::string(10, 'x')));
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
 }
 
