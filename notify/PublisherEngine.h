@@ -26,7 +26,8 @@ namespace VornNet {
 
 /**
  * The sending thread of a publisher: accepts clients, reads their requests, and sends each what lies after
- * its place in the history. All connections are its own; other threads leave commands and wake it.
+ * its place in the history. Other threads leave commands and wake it. All connections are its own but while
+ * it sleeps: whoever publishes may then send, instead of waking it, and waits for nobody to have the turn.
  *
  * A client is in one list at a time, and each list is in the order in which its clients are due. Admitted
  * clients are also found by their ids, for whoever asks; that, and what is told of them, is under a lock.
@@ -40,8 +41,8 @@ public:
     /** @throws std::system_error */
     void start();
 
-    /** Tells that there is something to send. */
-    void wakeUp();
+    /** Has sent what there is to send, by the thread, or here. */
+    void sendNews();
 
     std::vector<VornPublisher::Subscriber> subscribers() const;
     VornPublisher::Statistics statistics() const;
@@ -72,12 +73,15 @@ private:
         VornString sReason;    ///< why not; empty: admitted
     };
 
+    void wakeUp();
+    bool sendHere();
+
     void run();
     bool isFinished() const;
     bool mayEnd() const;
     bool hasNews() const;
     Clock::time_point nextTime() const;
-    void waitForEvents(bool isBusy);
+    void waitForEvents(std::unique_lock<std::mutex>& turn, bool isBusy);
     template <typename Step>
     void forOne(PublisherClient& client, Step&& step);
     void handle(const epoll_event& event);
@@ -116,7 +120,7 @@ private:
     void enrol(PublisherClient& client, const PublisherClient::Sent& gap);
     void prepareFarewell(PublisherClient& client);
 
-    bool serve();
+    bool serve(std::size_t batches);
     void postEvents(PublisherClient& client);
     void postSome(PublisherClient& client);
     bool postOne(PublisherClient& client, const PublisherClient::Event& event, PublisherClient::Sent& sent);
@@ -143,7 +147,7 @@ private:
     std::size_t m_nSubscriberLimit;
     std::uint32_t m_nBeat;
 
-    // For the thread only.
+    // For whoever has m_turn: the thread, but while it sleeps.
     List m_asking;   // their request is awaited; in the order of their acceptance
     List m_checking; // the handler is asked
     List m_sending;  // there is something to send, and the socket takes it; in turn
@@ -161,6 +165,7 @@ private:
     Clock::time_point m_postAgain = Clock::time_point::max();  // there was no room for an event
     Clock::time_point m_checkSinks = Clock::time_point::max(); // the first one may have had its time by then
     bool m_hasSent = false;
+    Clock::time_point m_lastSending{};
     bool m_isStopping = false;
     bool m_hasSaidGoodbye = false;
     Clock::time_point m_closeUntil{};
@@ -175,6 +180,7 @@ private:
     bool m_isUndecided = false; // those whom the handler is asked about are not waited for
     Deadline m_stopAt = Deadline::none();
 
+    std::mutex m_turn; // taken before m_mutex
     std::atomic<bool> m_isAsleep{false};
     std::atomic<bool> m_hasCommands{false};
     std::optional<EventPoll> m_poll{std::in_place};

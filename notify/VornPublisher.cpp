@@ -153,7 +153,7 @@ std::uint64_t VornPublisher::State::publish(const VornString& sTopic, const Writ
     const std::uint64_t nNumber = topic->history.append(content.content());
     if (nNumber == 0)
         throw VornException(cPublishStopped, ESHUTDOWN);
-    m_engine->wakeUp();
+    m_engine->sendNews();
     return nNumber;
 }
 

@@ -988,6 +988,37 @@ TEST_P(VornPublisher_Wire, Publish_WakesTheSenderAlsoOnAThreadThatIsCancelled) {
     EXPECT_EQ(subscriber.next(), WireFrame::event(1, "x"));
 }
 
+TEST_P(VornPublisher_Wire, AnEventThatComesAlone_IsSentToAFewByWhoeverPublishes) {
+    open();
+    const pid_t sender = threadIds().back();
+    std::vector<RawSubscriber> subscribers;
+    for (std::uint64_t number = 1; number <= 5; ++number) {
+        subscribers.emplace_back(address(), "builds");
+        ASSERT_TRUE(awaitBlockedInIo(sender));
+        const CallTrace here(CallTrace::Scope::CallingThread);
+        publish("x");
+        EXPECT_EQ(here.calls("send"), number <= 4 ? static_cast<int>(number) : 0);
+        for (const RawSubscriber& subscriber : subscribers)
+            EXPECT_EQ(subscriber.next(), WireFrame::event(number, "x"));
+    }
+    EXPECT_TRUE(publisher().flush(5s));
+}
+
+TEST_P(VornPublisher_Wire, AClientThatIsGoneWhenAnEventComesAlone_HasLeft) {
+    open(with([&](Options& o) { o.onLeave = m_departures.handler(); }));
+    const pid_t sender = threadIds().back();
+    const RawSubscriber subscriber(address(), "builds");
+    ASSERT_TRUE(awaitBlockedInIo(sender));
+    {
+        const FaultRule gone("send", EPIPE);
+        publish("x");
+    }
+    ASSERT_TRUE(m_departures.await(1));
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 32"));
+    EXPECT_EQ(receiveToEnd(subscriber.fd()), "");
+    EXPECT_TRUE(awaitSubscribers(0));
+}
+
 TEST_P(VornPublisher_Wire, Stop_LeavesNoDescriptorAndNoThread) {
     const int descriptors = openDescriptors();
     const std::size_t threads = threadIds().size();
