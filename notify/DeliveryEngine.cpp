@@ -6,6 +6,7 @@
 #include "DescriptorLimit.h"
 
 #include <Cancellation.h>
+#include <Probe.h>
 #include <SystemCalls.h>
 
 #include <algorithm>
@@ -189,6 +190,7 @@ void DeliveryEngine::tryFirst(AddressQueue& queue, DispatchBook::Lock& lock) {
     queue.state = State::trying;
     ++first.result.nTries;
     ++m_book.statistics.nTries;
+    VORN_PROBE(notification__tried, first.result.nTicket, first.result.sAddress.c_str(), first.result.nTries);
     if (!queue.spTry->isOpen())
         ++m_book.statistics.nConnections;
     m_book.release(lock);

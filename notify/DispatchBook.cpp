@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DispatchBook.h"
 
+#include <Probe.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -100,6 +102,8 @@ void DispatchBook::enter(PostedNotifications& one, const CallbackEndpoint& endpo
     notification.queue = &queue;
     notification.position = one.begin();
     timers.set(notification, notification.deadline);
+    VORN_PROBE(notification__posted, notification.result.nTicket, notification.result.sAddress.c_str(),
+               notification.result.nHandle);
     if (queue.waiting.empty())
         ++statistics.nAddresses;
     ++statistics.nQueued;
@@ -118,6 +122,8 @@ void DispatchBook::finish(PostedNotification& notification, VornDispatcher::Outc
     result.outcome = outcome;
     result.elapsed =
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - notification.posted);
+    VORN_PROBE(notification__finished, result.nTicket, result.sAddress.c_str(), static_cast<int>(outcome),
+               result.nCode);
     timers.clear(notification);
     ++countOf(outcome);
     --statistics.nQueued;

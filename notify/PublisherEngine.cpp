@@ -7,6 +7,7 @@
 #include "Wire.h"
 
 #include <Cancellation.h>
+#include <Probe.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -755,6 +756,8 @@ void PublisherEngine::enrol(PublisherClient& client, const PublisherClient::Sent
         m_statistics.nGaps += gap.nGaps;
         m_statistics.nMissed += gap.nMissed;
     }
+    VORN_PROBE(subscription__begun, client.who.nId, client.who.sTopic.c_str(), client.who.sFrom.c_str(),
+               client.who.position.nNumber);
     client.state = State::live;
     client.nIndex = client.topic->subscribers.size();
     client.topic->subscribers.push_back(&client);
@@ -885,6 +888,7 @@ void PublisherEngine::serveOne(PublisherClient& client) {
 void PublisherEngine::count(PublisherClient& client, const PublisherClient::Sent& sent) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     client.who.position.nNumber = client.nSent;
+    VORN_PROBE(event__sent, client.who.nId, client.who.sTopic.c_str(), client.nSent, sent.nEvents);
     m_statistics.nSent += sent.nEvents;
     m_statistics.nSentBytes += sent.nBytes;
     m_statistics.nGaps += sent.nGaps;
@@ -924,6 +928,8 @@ void PublisherEngine::hearClosing(PublisherClient& client, std::uint32_t events)
 
 /** Ends a subscription. The connection is closed by the caller, now or later. */
 void PublisherEngine::leave(PublisherClient& client, Leaving leaving, int nCode) {
+    VORN_PROBE(subscription__ended, client.who.nId, client.who.sTopic.c_str(), client.who.sFrom.c_str(),
+               static_cast<int>(leaving), nCode);
     std::vector<PublisherClient*>& others = client.topic->subscribers;
     others.back()->nIndex = client.nIndex;
     others[client.nIndex] = others.back();

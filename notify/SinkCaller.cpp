@@ -4,6 +4,7 @@
 
 #include "HandlerCall.h"
 
+#include <Probe.h>
 #include <VornConnection.h>
 #include <VornCriticalSection.h>
 #include <VornNotificationCallback.h>
@@ -65,7 +66,9 @@ SinkLine::Counter SinkCaller::call(IncomingNotification& notification) {
             return;
         VornSmartPointer<VornConnection> spConnection = static_cast<ReceivedContent*>(notification.content());
         notification.content() = nullptr; // so that it lives no longer than the callback wants it
+        VORN_PROBE(callback__begun, notification.callbackId());
         spCallback->callback(spConnection);
+        VORN_PROBE(callback__done, notification.callbackId());
         counter = &Statistics::nDelivered;
     });
     return hasReturned ? counter : &Statistics::nFailed;

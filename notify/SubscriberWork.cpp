@@ -8,6 +8,7 @@
 #include "Wire.h"
 
 #include <Cancellation.h>
+#include <Probe.h>
 #include <VornException.h>
 
 #include <algorithm>
@@ -521,6 +522,7 @@ void SubscriberWork::callForEvent(std::uint64_t number, std::string_view content
         m_last = m_resume;
     }
     ++m_nCalled;
+    VORN_PROBE(event__received, m_event.sTopic.c_str(), number, m_event.bOld);
     EventReader reader(content);
     if (!callHandler(VornLogging::cError, cEventThrown, [&] { m_onEvent(reader, m_event); })) {
         const std::lock_guard<std::mutex> lock(m_mutex);

@@ -11,6 +11,7 @@
 #include <Cancellation.h>
 #include <GroupId.h>
 #include <LogRecord.h>
+#include <Probe.h>
 #include <VornException.h>
 
 #include <algorithm>
@@ -153,6 +154,7 @@ std::uint64_t VornPublisher::State::publish(const VornString& sTopic, const Writ
     const std::uint64_t nNumber = topic->history.append(content.content());
     if (nNumber == 0)
         throw VornException(cPublishStopped, ESHUTDOWN);
+    VORN_PROBE(event__published, topic->sName.c_str(), nNumber);
     m_engine->sendNews();
     return nNumber;
 }
