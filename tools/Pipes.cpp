@@ -5,11 +5,13 @@
 #include "LibraryRecords.h"
 #include "Output.h"
 #include "PipeFiles.h"
+#include "Servers.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 namespace VornTool {
 
@@ -54,9 +56,45 @@ int colourOf(PipeState state) {
     }
 }
 
+/** The servers of this host, by their addresses. */
+using ServerTable = std::map<std::string, Server>;
+
+ServerTable serversFor(const std::vector<PipeFile>& files) {
+    ServerTable table;
+    if (!files.empty()) {
+        for (Server& server : listServers())
+            table.emplace(server.address, std::move(server));
+    }
+    return table;
+}
+
+/** @return the publisher that has the pipe; null where that is none, or another has the path. */
+const Server* publisherAt(const PipeFile& file, const ServerTable& servers) {
+    const auto found = servers.find("pipe:" + file.name);
+    const bool isPublisher = found != servers.end() && found->second.type == Server::Type::Publisher &&
+                             file.state == PipeState::Listening;
+    return isPublisher ? &found->second : nullptr;
+}
+
+std::vector<Process> subscribersOf(const Server& publisher) {
+    std::vector<Process> result;
+    for (const Client& client : publisher.served)
+        result.insert(result.end(), client.processes.begin(), client.processes.end());
+    return result;
+}
+
+std::string processText(const PipeFile& file, const ServerTable& servers) {
+    const std::string text = describe(file.processes);
+    const Server* publisher = publisherAt(file, servers);
+    if (publisher == nullptr)
+        return text;
+    const std::vector<Process> subscribers = subscribersOf(*publisher);
+    return text + " publishes" + (subscribers.empty() ? "" : " to " + describe(subscribers));
+}
+
 using Row = std::array<std::string, 7>;
 
-Row makeRow(const PipeFile& file) {
+Row makeRow(const PipeFile& file, const ServerTable& servers) {
     const bool hasFile = file.ownership.has_value();
     const bool hasProcess = !file.processes.empty() || file.state == PipeState::Listening ||
                             file.state == PipeState::Hidden || file.state == PipeState::Stolen;
@@ -66,12 +104,13 @@ Row makeRow(const PipeFile& file) {
             hasFile ? modeText(file.ownership->mode) : "-",
             hasFile ? file.ownership->owner : "-",
             hasFile ? file.ownership->group : "-",
-            hasProcess ? printable(describe(file.processes)) : "-"};
+            hasProcess ? printable(processText(file, servers)) : "-"};
 }
 
-void printTable(const std::vector<PipeFile>& files) {
+void printTable(const std::vector<PipeFile>& files, const ServerTable& servers) {
     std::vector<Row> rows = {{"NAME", "STATE", "QUEUE", "MODE", "OWNER", "GROUP", "PROCESS"}};
-    std::transform(files.begin(), files.end(), std::back_inserter(rows), makeRow);
+    for (const PipeFile& file : files)
+        rows.push_back(makeRow(file, servers));
     std::array<std::size_t, 7> widths{};
     for (const Row& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column)
@@ -90,8 +129,12 @@ void printTable(const std::vector<PipeFile>& files) {
     }
 }
 
-Json toJson(const PipeFile& file) {
+Json toJson(const PipeFile& file, const ServerTable& servers) {
     Json object = {{"name", file.name}, {"state", nameOf(file.state)}, {"processes", toJson(file.processes)}};
+    if (const Server* publisher = publisherAt(file, servers)) {
+        object["type"] = nameOf(publisher->type);
+        object["subscribers"] = toJson(subscribersOf(*publisher));
+    }
     if (file.queue) {
         object["waiting"] = file.queue->waiting;
         object["backlog"] = file.queue->backlog;
@@ -132,10 +175,11 @@ void printRemovals(const std::vector<Removal>& removals) {
     }
 }
 
-void printJson(const std::vector<PipeFile>& files, const std::vector<Removal>& removals) {
+void printJson(const std::vector<PipeFile>& files, const ServerTable& servers,
+               const std::vector<Removal>& removals) {
     Json pipes = Json::array();
     for (const PipeFile& file : files)
-        pipes.push_back(toJson(file));
+        pipes.push_back(toJson(file, servers));
     Json removed = Json::array();
     Json failed = Json::array();
     for (const Removal& removal : removals) {
@@ -158,11 +202,12 @@ int runPipes(PipesOptions& options) {
     std::vector<Removal> removals;
     if (options.clean)
         removals = removeDead(files);
+    const ServerTable servers = serversFor(files);
     if (options.json) {
-        printJson(files, removals);
+        printJson(files, servers, removals);
     } else {
         printRemovals(removals);
-        printTable(files);
+        printTable(files, servers);
     }
     return std::any_of(files.begin(), files.end(), isProblem) ? exitProblems : exitDone;
 }

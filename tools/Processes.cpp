@@ -125,6 +125,27 @@ std::vector<int> selected(pid_t pid, const Call& call) {
     return result;
 }
 
+/** What an epoll descriptor watches, with its data: lines such as "tfd:  7 events:  19 data:  1  pos:0 ...".
+ */
+std::map<int, std::uint64_t> entriesOf(pid_t pid, std::uint64_t descriptor) {
+    std::map<int, std::uint64_t> result;
+    std::istringstream lines(textOf(directoryOf(pid) / "fdinfo" / std::to_string(descriptor)));
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t data = line.find("data:");
+        if (line.rfind("tfd:", 0) == 0 && data != std::string::npos)
+            result.emplace(static_cast<int>(std::strtol(line.c_str() + 4, nullptr, 10)),
+                           std::strtoull(line.c_str() + data + 5, nullptr, 16));
+    }
+    return result;
+}
+
+std::vector<int> watched(pid_t pid, std::uint64_t descriptor) {
+    std::vector<int> result;
+    for (const auto& [number, data] : entriesOf(pid, descriptor))
+        result.push_back(number);
+    return result;
+}
+
 std::vector<int> polled(pid_t pid, const Call& call) {
     constexpr std::uint64_t cMost = 4096;
     std::vector<pollfd> entries(std::min(call.arguments[1], cMost));
@@ -133,19 +154,11 @@ std::vector<int> polled(pid_t pid, const Call& call) {
         !readMemory(pid, call.arguments[0], entries.data(), entries.size() * sizeof(pollfd)))
         return result;
     for (const pollfd& entry : entries) {
-        if ((entry.events & POLLIN) != 0)
-            result.push_back(entry.fd);
-    }
-    return result;
-}
-
-/** Lines such as "tfd:        7 events:       19 data: ..." of what an epoll descriptor watches. */
-std::vector<int> watched(pid_t pid, const Call& call) {
-    std::vector<int> result;
-    std::istringstream lines(textOf(directoryOf(pid) / "fdinfo" / std::to_string(call.arguments[0])));
-    for (std::string line; std::getline(lines, line);) {
-        if (line.rfind("tfd:", 0) == 0)
-            result.push_back(static_cast<int>(std::strtol(line.c_str() + 4, nullptr, 10)));
+        if ((entry.events & POLLIN) == 0 || entry.fd < 0)
+            continue;
+        result.push_back(entry.fd);
+        for (const int descriptor : watched(pid, static_cast<std::uint64_t>(entry.fd)))
+            result.push_back(descriptor);
     }
     return result;
 }
@@ -189,7 +202,7 @@ std::vector<int> judge(pid_t pid, const Call& call, Thread& thread) {
     case SYS_epoll_pwait:
     case SYS_epoll_pwait2:
         thread.wait = Thread::Wait::Readiness;
-        return watched(pid, call);
+        return watched(pid, call.arguments[0]);
     default:
         thread.wait = Thread::Wait::Other;
         return {};
@@ -218,6 +231,7 @@ Thread threadAt(pid_t pid, pid_t id, const Path& directory, const SocketTable& t
     Thread thread;
     thread.id = id;
     thread.name = lineOf(directory / "comm");
+    thread.since = timeSinceRun(directory);
     const std::string call = lineOf(directory / "syscall");
     if (call.rfind("running", 0) == 0)
         thread.wait = Thread::Wait::None;
@@ -227,7 +241,6 @@ Thread threadAt(pid_t pid, pid_t id, const Path& directory, const SocketTable& t
         if (const auto found = table.find(descriptor); found != table.end())
             thread.sockets.insert(found->second);
     }
-    thread.since = timeSinceRun(directory);
     return thread;
 }
 
@@ -273,6 +286,38 @@ std::vector<Thread> listThreads(pid_t pid) {
         threads.push_back(threadAt(pid, id, directory, table));
     });
     return threads;
+}
+
+std::map<std::uint32_t, std::uint64_t> watchedSockets(pid_t pid) {
+    std::map<std::uint32_t, std::uint64_t> result;
+    const SocketTable table = socketsOf(pid);
+    forEachNumber(directoryOf(pid) / "fd", [&](int descriptor, const Path& link) {
+        std::error_code error;
+        if (std::filesystem::read_symlink(link, error) != "anon_inode:[eventpoll]")
+            return;
+        for (const auto& [number, data] : entriesOf(pid, static_cast<std::uint64_t>(descriptor))) {
+            if (const auto found = table.find(number); found != table.end())
+                result.emplace(found->second, data);
+        }
+    });
+    return result;
+}
+
+bool isStopped(pid_t pid) {
+    // "4711 (name) T ...": the name may hold anything, also brackets.
+    const std::string text = lineOf(directoryOf(pid) / "stat");
+    const std::size_t end = text.rfind(") ");
+    return end != std::string::npos && (text[end + 2] == 'T' || text[end + 2] == 't');
+}
+
+std::optional<std::chrono::milliseconds> idleTime(pid_t pid) {
+    std::optional<std::chrono::milliseconds> shortest;
+    forEachNumber(directoryOf(pid) / "task", [&shortest](pid_t, const Path& directory) {
+        const auto since = timeSinceRun(directory);
+        if (since && (!shortest || *since < *shortest))
+            shortest = since;
+    });
+    return shortest;
 }
 
 bool hasLoaded(pid_t pid, const std::string& library) {

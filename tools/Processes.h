@@ -52,6 +52,18 @@ std::vector<Process> holdersOf(const std::multimap<std::uint32_t, Process>& hold
 /** @return the threads of a process; none when it has ended. */
 std::vector<Thread> listThreads(pid_t pid);
 
+/**
+ * @return the sockets that the process watches by epoll, by their numbers, and with what it gets their
+ * events: a number of its own, or the address of an object
+ */
+std::map<std::uint32_t, std::uint64_t> watchedSockets(pid_t pid);
+
+/** @return whether the process is stopped, by a signal or a debugger. */
+bool isStopped(pid_t pid);
+
+/** @return how long no thread of the process has run, where that is known. */
+std::optional<std::chrono::milliseconds> idleTime(pid_t pid);
+
 /** @return whether the process has loaded a shared object whose name begins like this. */
 bool hasLoaded(pid_t pid, const std::string& library);
 

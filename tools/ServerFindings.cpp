@@ -39,16 +39,22 @@ bool concerns(const Server& server, pid_t pid) {
            isPart(server.served, pid);
 }
 
-/** Removes the clients that the server did not have before. */
+/** Leaves the clients that the server had before, and what they have not read at either look. */
 void keepThoseOf(const Server& before, std::vector<Client>& clients) {
-    clients.erase(std::remove_if(clients.begin(), clients.end(),
-                                 [&before](const Client& client) {
-                                     return std::none_of(before.served.begin(), before.served.end(),
-                                                         [&client](const Client& earlier) {
-                                                             return earlier.connection == client.connection;
-                                                         });
-                                 }),
-                  clients.end());
+    std::vector<Client> kept;
+    for (Client& client : clients) {
+        const auto earlier =
+            std::find_if(before.served.begin(), before.served.end(), [&client](const Client& candidate) {
+                return candidate.connection == client.connection;
+            });
+        if (earlier == before.served.end())
+            continue;
+        // Of a process that cannot be seen only the same number tells that it does not read.
+        const bool isReading = client.processes.empty() && earlier->untaken != client.untaken;
+        client.untaken = isReading ? 0 : std::min(client.untaken, earlier->untaken);
+        kept.push_back(client);
+    }
+    clients = std::move(kept);
 }
 
 /** Those that were in the same place at both looks, a moment apart. */
@@ -98,10 +104,19 @@ std::string describeWaiting(const Server& server) {
     return text;
 }
 
-std::string stacksOf(const Server& server) {
-    return server.processes.empty() ? "sudo vornnet doctor"
-                                    : "gdb -p " + std::to_string(server.processes[0].pid) +
-                                          " -batch -ex 'thread apply all backtrace'";
+std::string stacksOf(const std::vector<Process>& processes) {
+    return processes.empty()
+               ? "sudo vornnet doctor"
+               : "gdb -p " + std::to_string(processes[0].pid) + " -batch -ex 'thread apply all backtrace'";
+}
+
+std::string continuing(const std::vector<Process>& processes) {
+    return "kill -CONT " + std::to_string(processes.front().pid);
+}
+
+/** @return whether the process that is named first is stopped. */
+bool areStopped(const std::vector<Process>& processes) {
+    return !processes.empty() && isStopped(processes.front().pid);
 }
 
 /** Ends the client, wherever it is. */
@@ -114,7 +129,7 @@ std::string remedyAgainst(const Client& client, const Server& server) {
     if (client.processes.empty() && colon != std::string::npos)
         return "ss --kill -tn dst " + client.place.substr(0, colon) +
                " dport = :" + client.place.substr(colon + 1);
-    return stacksOf(server);
+    return stacksOf(server.processes);
 }
 
 Finding judgeEnded(const Server& server) {
@@ -165,7 +180,7 @@ std::optional<Finding> judgeWorking(const Server& server) {
     return Finding{server.isSink() ? "sinks" : "services",
                    isWaitedFor ? Severity::Problem : Severity::Warning,
                    placeOf(server) + ": " + what + describeWaiting(server),
-                   stacksOf(server),
+                   stacksOf(server.processes),
                    server.processes,
                    since};
 }
@@ -185,9 +200,53 @@ std::optional<Finding> judgeSteady(const Server& server) {
                    placeOf(server) + ": a callback of the steady sink does not return; " +
                        counted(held.size(), "notification") + (held.size() == 1 ? " waits" : " wait") +
                        " for it, the oldest of " + describe(*oldest),
-                   stacksOf(server),
+                   stacksOf(server.processes),
                    server.processes,
                    oldest->since};
+}
+
+/** The process itself does nothing, whatever its threads were doing before. */
+Finding judgeStopped(const Server& server) {
+    const auto since = idleTime(server.processes.front().pid);
+    return {server.isSink() ? "sinks" : "services",
+            Severity::Problem,
+            placeOf(server) + ": the process is stopped" + (since ? " for " + durationText(*since) : "") +
+                describeWaiting(server),
+            continuing(server.processes),
+            server.processes,
+            since};
+}
+
+/** What was sent to a subscriber and not read, at both looks, is held back by the subscriber. */
+std::optional<Finding> judgeSubscriber(const Server& server, const Client& subscriber) {
+    if (subscriber.untaken == 0)
+        return std::nullopt;
+    const bool isUnknown = subscriber.processes.empty();
+    const auto since = isUnknown ? std::nullopt : idleTime(subscriber.processes.front().pid);
+    if (since && *since < cPatience)
+        return std::nullopt;
+    Client named = subscriber;
+    named.since.reset();
+    const bool isStopped = areStopped(subscriber.processes);
+    return Finding{"subscribers",
+                   Severity::Problem,
+                   "a subscriber of " + placeOf(server) + " does not read its events" +
+                       (since ? " for " + durationText(*since) : "") + ": " + describe(named) +
+                       (isStopped   ? " is stopped"
+                        : isUnknown ? ""
+                                    : ", whose event handler does not return"),
+                   isStopped   ? continuing(subscriber.processes)
+                   : isUnknown ? remedyAgainst(subscriber, server)
+                               : stacksOf(subscriber.processes),
+                   subscriber.processes,
+                   since};
+}
+
+void judgeSubscribers(const Server& server, Findings& findings) {
+    for (const Client& subscriber : server.served) {
+        if (const auto finding = judgeSubscriber(server, subscriber))
+            findings.push_back(*finding);
+    }
 }
 
 /** Clients wait, and what is known of the threads does not tell why. */
@@ -199,12 +258,14 @@ std::optional<Finding> judgeWaitedFor(const Server& server) {
                    Severity::Problem,
                    placeOf(server) + ": nobody accepts its clients" +
                        (isHidden ? ", and this user may not see why" : "") + describeWaiting(server),
-                   isHidden ? "sudo vornnet doctor" : stacksOf(server),
+                   isHidden ? "sudo vornnet doctor" : stacksOf(server.processes),
                    server.processes,
                    server.waiting.empty() ? std::nullopt : server.waiting[0].since};
 }
 
 std::optional<Finding> judge(const Server& server) {
+    if (areStopped(server.processes))
+        return judgeStopped(server);
     switch (server.activity) {
     case Activity::Ended:
         return judgeEnded(server);
@@ -239,9 +300,19 @@ void addSums(const std::vector<Server>& servers, Findings& findings) {
         findings.push_back(
             {"sinks", Severity::Ok,
              counted(sinks, "sink") + " (" + std::to_string(steady) + " steady), and none is held up", ""});
+    const std::size_t publishers = numberOf(servers, Type::Publisher);
+    std::size_t subscribers = 0;
+    for (const Server& server : servers)
+        subscribers += server.type == Type::Publisher ? server.served.size() : 0;
     if (!isFound("services"))
-        findings.push_back({"services", Severity::Ok,
-                            counted(numberOf(servers, Type::Service), "service") + ", and none is held up",
+        findings.push_back(
+            {"services", Severity::Ok,
+             counted(numberOf(servers, Type::Service) + publishers, "service") + ", and none is held up",
+             ""});
+    if (!isFound("subscribers") && publishers > 0)
+        findings.push_back({"subscribers", Severity::Ok,
+                            counted(publishers, "publisher") + " with " + counted(subscribers, "subscriber") +
+                                ", and none is held up",
                             ""});
 }
 
@@ -252,6 +323,8 @@ void checkServers(Findings& findings, pid_t pid) {
     for (const Server& server : listUnmoved(all, pid)) {
         if (const auto finding = judge(server))
             findings.push_back(*finding);
+        if (server.type == Type::Publisher)
+            judgeSubscribers(server, findings);
     }
     addSums(all, findings);
 }

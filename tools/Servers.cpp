@@ -40,7 +40,7 @@ private:
     std::optional<std::chrono::milliseconds> waitOn(const Client& client);
     void judge(Server& server);
     bool judgeThread(Server& server, const Thread& thread);
-    bool isSteady(const Server& server);
+    static void judgeByWatch(Server& server);
 
     const Sockets m_sockets = listSockets(true);
     const Holders m_holders = listHolders();
@@ -141,6 +141,7 @@ void Survey::addPipeClients(Server& server) {
         client.hasGone = socket.peer == 0;
         client.connection = socket.number;
         client.hasEnded = socket.state == Socket::State::PeerEnded;
+        client.untaken = socket.unsent;
         client.since = waitOn(client);
         server.served.push_back(client);
     }
@@ -164,6 +165,7 @@ void Survey::addTcpClients(Server& server) {
         client.connection = socket.number;
         client.place = socket.remote.address + ":" + std::to_string(socket.remote.port);
         client.hasEnded = socket.state == Socket::State::PeerEnded;
+        client.untaken = socket.unsent;
         client.since = socket.silence;
         (socket.number == 0 ? server.waiting : server.served).push_back(client);
     }
@@ -190,16 +192,23 @@ bool Survey::judgeThread(Server& server, const Thread& thread) {
     return false;
 }
 
-/** @return whether a thread watches the server together with other descriptors, as steady sinks do. */
-bool Survey::isSteady(const Server& server) {
-    return server.activity == Server::Activity::Accepts &&
-           std::any_of(server.processes.begin(), server.processes.end(), [&](const Process& process) {
-               const std::vector<Thread>& threads = viewOf(process).threads;
-               return std::any_of(threads.begin(), threads.end(), [&](const Thread& thread) {
-                   return thread.wait == Thread::Wait::Readiness &&
-                          thread.sockets.count(server.socket.number) != 0;
-               });
-           });
+/**
+ * Steady sinks and publishers watch their listener by epoll, whatever their threads do at the moment. The one
+ * numbers what it watches, the other has objects.
+ */
+void Survey::judgeByWatch(Server& server) {
+    constexpr std::uint64_t cLowestAddress = 4096;
+    for (const Process& process : server.processes) {
+        if (!hasLoaded(process.pid, "libvornnotify.so"))
+            continue;
+        const auto watched = watchedSockets(process.pid);
+        const auto found = watched.find(server.socket.number);
+        if (found == watched.end())
+            continue;
+        server.type = found->second < cLowestAddress ? Server::Type::SteadySink : Server::Type::Publisher;
+        if (server.type == Server::Type::Publisher)
+            server.activity = Server::Activity::Accepts; // whomever it is sending to
+    }
 }
 
 void Survey::judge(Server& server) {
@@ -240,11 +249,7 @@ Server Survey::inspect(const Socket& socket, const std::vector<Process>& process
     else if (socket.kind == Socket::Kind::Tcp)
         addTcpClients(server);
     judge(server);
-    const bool hasSteadySinks = std::any_of(processes.begin(), processes.end(), [](const Process& process) {
-        return hasLoaded(process.pid, "libvornnotify.so");
-    });
-    if (socket.kind != Socket::Kind::Pipe && hasSteadySinks && isSteady(server))
-        server.type = Server::Type::SteadySink;
+    judgeByWatch(server);
     return server;
 }
 
@@ -312,6 +317,8 @@ std::string nameOf(Server::Type type) {
         return "sink";
     case Server::Type::SteadySink:
         return "steady-sink";
+    case Server::Type::Publisher:
+        return "publisher";
     case Server::Type::Service:
         break;
     }

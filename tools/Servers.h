@@ -22,12 +22,13 @@ struct Client {
     std::string place;              ///< "127.0.0.1:40000"; empty for a pipe
     bool hasEnded = false;          ///< it has sent all it has to say
     bool hasGone = false;           ///< it has closed its end
+    std::uint32_t untaken = 0;      ///< bytes sent to it that it has not read
     std::optional<std::chrono::milliseconds> since; ///< that it has been silent, or waits
 };
 
 /** A socket of the library at which clients or notifications arrive, and what happens there. */
 struct Server {
-    enum class Type { Sink, SteadySink, Service };
+    enum class Type { Sink, SteadySink, Publisher, Service };
 
     enum class Activity {
         Accepts, ///< a thread waits for the next client
@@ -48,7 +49,7 @@ struct Server {
     std::optional<Client> holder;                   ///< for whom its thread waits
     std::optional<std::chrono::milliseconds> since; ///< that its thread waits there
 
-    bool isSink() const { return type != Type::Service; }
+    bool isSink() const { return type == Type::Sink || type == Type::SteadySink; }
 
     /** @return how many wait to be accepted; of datagrams 1 for any. */
     std::uint32_t backlog() const;

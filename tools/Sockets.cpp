@@ -6,6 +6,7 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <tuple>
 
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
@@ -81,7 +82,7 @@ int readPipeAttribute(const nlattr* attribute, void* data) {
         if (socket.state == Socket::State::Listening)
             socket.queue = Socket::Queue{lengths.udiag_rqueue, lengths.udiag_wqueue};
         else
-            socket.unread = lengths.udiag_rqueue;
+            std::tie(socket.unread, socket.unsent) = std::tie(lengths.udiag_rqueue, lengths.udiag_wqueue);
         break;
     }
     case UNIX_DIAG_SHUTDOWN:
@@ -147,7 +148,7 @@ int readPort(const nlmsghdr* header, void* data) {
     if (socket.state == Socket::State::Listening)
         socket.queue = Socket::Queue{message->idiag_rqueue, message->idiag_wqueue};
     else
-        socket.unread = message->idiag_rqueue;
+        std::tie(socket.unread, socket.unsent) = std::tie(message->idiag_rqueue, message->idiag_wqueue);
     mnl_attr_parse(header, sizeof *message, readPortAttribute, &socket);
     dump.sockets.list.push_back(std::move(socket));
     return MNL_CB_OK;

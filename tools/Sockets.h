@@ -59,6 +59,7 @@ struct Socket {
     std::vector<std::uint32_t> clients; ///< of a listening pipe: its waiting clients, oldest first
     std::optional<Queue> queue;         ///< of listening sockets
     std::uint32_t unread = 0;           ///< bytes that have come; of UDP with the kernel's own overhead
+    std::uint32_t unsent = 0;           ///< bytes of a connection that the peer has not taken yet
     std::uint32_t lost = 0;             ///< of UDP: datagrams dropped because nobody read
     std::optional<std::chrono::milliseconds> silence; ///< of TCP: since the peer connected or sent last
 };

@@ -204,6 +204,64 @@ TEST_P(VornnetDoctorStream, SteadySinkWithASilentPeer_IsNotHeld) {
 INSTANTIATE_TEST_SUITE_P(Kinds, VornnetDoctorStream, testing::Values("pipe", "socket"),
                          [](const auto& instance) { return instance.param; });
 
+/** A publisher, and one who subscribes. */
+struct Publication {
+    Patient service;
+    ChildProcess subscriber;
+
+    std::string subscriberText() const {
+        return "process " + std::to_string(subscriber.pid()) + " (tool_patient, user root)";
+    }
+};
+
+Publication startPublication(const std::string& transport) {
+    ChildProcess service = ChildProcess::spawn(
+        {VORNTEST_PATIENT, "publish", transport == "pipe" ? "pipe:news" : "socket:127.0.0.1:0"});
+    const std::string address = addressOf(service);
+    ChildProcess subscriber = ChildProcess::spawn({VORNTEST_PATIENT, "subscribe", address});
+    EXPECT_EQ(nextLine(subscriber), "subscribed");
+    return {{std::move(service), address}, std::move(subscriber)};
+}
+
+TEST_P(VornnetDoctorStream, PublisherAndSubscriberAtWork_AreNoFinding) {
+    Publication publication = startPublication(GetParam());
+    const ToolResult result = runTool({"doctor"}, {"QUORAX_CALLB_CONN_TYPE"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.output, HasSubstr("ok       services: 1 service, and none is held up\n"
+                                         "ok       subscribers: 1 publisher with 1 subscriber, and none is "
+                                         "held up\n"));
+}
+
+TEST_P(VornnetDoctorStream, SubscriberThatIsStopped_IsNamedWithTheCommandThatLetsItGoOn) {
+    Publication publication = startPublication(GetParam());
+    publication.subscriber.kill(SIGSTOP);
+    const Json finding = awaitFinding("subscribers", " is stopped");
+    EXPECT_THAT(textOf(finding), StartsWith("a subscriber of " + publication.service.place() +
+                                            " does not read its events for "));
+    EXPECT_THAT(textOf(finding), testing::EndsWith(": " + publication.subscriberText() + " is stopped"));
+    expectProblemOf(finding, publication.subscriber.pid(), 1);
+    EXPECT_EQ(finding.at("remedy"), "kill -CONT " + std::to_string(publication.subscriber.pid()));
+}
+
+TEST_P(VornnetDoctorStream, SubscriberWhoseHandlerDoesNotReturn_IsNamed) {
+    Publication publication = startPublication(GetParam());
+    publication.subscriber.writeLine("hang");
+    const Json finding = awaitFinding("subscribers", "does not return");
+    EXPECT_THAT(textOf(finding), testing::EndsWith(": " + publication.subscriberText() +
+                                                   ", whose event handler does not return"));
+    expectProblemOf(finding, publication.subscriber.pid(), 1);
+    EXPECT_EQ(finding.at("remedy"), "gdb -p " + std::to_string(publication.subscriber.pid()) +
+                                        " -batch -ex 'thread apply all backtrace'");
+}
+
+TEST_P(VornnetDoctorStream, ServerThatIsStopped_IsNamedWithTheCommandThatLetsItGoOn) {
+    Publication publication = startPublication(GetParam());
+    publication.service.process.kill(SIGSTOP);
+    const Json finding = awaitFinding("services", "the process is stopped for ");
+    EXPECT_THAT(textOf(finding), StartsWith(publication.service.place()));
+    EXPECT_EQ(finding.at("remedy"), "kill -CONT " + publication.service.pid());
+}
+
 TEST_F(VornnetDoctorCause, UdpSinkThatDoesNotRead_IsNamedWithTheDatagramsThatLieThere) {
     Patient sink = startSink("udp");
     EXPECT_EQ(runTool({"notify", sink.address, "2", "5"}).status, 0);

@@ -4,6 +4,8 @@
  * A client or service with a fault, which the tool is to find. It ends with its standard input.
  *   patient sink|steady        makes a sink with the callbacks below, and prints its address
  *   patient dispatch ADDRESS HANDLE   posts a notification by a dispatcher
+ *   patient publish ADDRESS    publishes an event of 1000 bytes every 10 ms, and prints its address
+ *   patient subscribe ADDRESS  subscribes there; when it is told "hang", its event handler does not return
  */
 
 #include <VornDispatcher.h>
@@ -11,13 +13,18 @@
 #include <VornLibraryCallbackSink.h>
 #include <VornNotificationCallback.h>
 #include <VornProxyDependent.h>
+#include <VornPublisher.h>
 #include <VornSteadySink.h>
+#include <VornSubscriber.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <thread>
 
 #include <unistd.h>
 
@@ -76,6 +83,33 @@ void dispatch(const char* address, long handle) {
     awaitEndOfInput();
 }
 
+void publish(const char* address) {
+    VornPublisher publisher(address, {"news"});
+    std::cout << "address " << publisher.getAddress() << std::endl;
+    std::thread([&publisher] {
+        for (;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+            publisher.publish("news",
+                              [](VornConnection& content) { content.transfer(std::string(1000, 'x')); });
+        }
+    }).detach();
+    awaitEndOfInput();
+}
+
+void subscribe(const char* address) {
+    std::atomic<bool> isToHang{false};
+    std::atomic<bool> isFirst{true};
+    const VornSubscriber subscriber(address, "news", [&](VornConnection&, const VornSubscriber::Event&) {
+        if (isFirst.exchange(false))
+            std::cout << "subscribed" << std::endl;
+        while (isToHang)
+            ::pause();
+    });
+    std::string line;
+    std::getline(std::cin, line);
+    isToHang = line == "hang";
+    awaitEndOfInput();
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -87,5 +121,9 @@ int main(int argc, char** argv) {
         serve<VornSteadySink>();
     else if (role == "dispatch" && argc == 4)
         dispatch(argv[2], std::atol(argv[3]));
+    else if (role == "publish" && argc == 3)
+        publish(argv[2]);
+    else if (role == "subscribe" && argc == 3)
+        subscribe(argv[2]);
     return 2;
 }

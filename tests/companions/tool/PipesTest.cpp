@@ -220,6 +220,21 @@ TEST_F(VornnetPipes, WithAnAcceptedConnection_ShowsTheServerOnce) {
     EXPECT_EQ(entry("served").at("state"), "listening");
 }
 
+TEST_F(VornnetPipes, WithAPublisher_ShowsItWithItsSubscribers) {
+    ChildProcess service = startTool({"publish", "pipe:news", "builds"});
+    EXPECT_EQ(nextLine(service), "address pipe:news");
+    const std::string publishes = std::to_string(service.pid()) + " (vornnet) publishes";
+    EXPECT_THAT(runTool({"pipes"}).output, HasSubstr(publishes + "\n"));
+    ChildProcess client = startTool({"subscribe", "pipe:news", "builds", "--content", "string"});
+    EXPECT_EQ(nextLine(client), "connected");
+    EXPECT_THAT(runTool({"pipes"}).output,
+                HasSubstr(publishes + " to " + std::to_string(client.pid()) + " (vornnet)\n"));
+    const Json pipe = runTool({"pipes", "--json"}).json().at("pipes").at(0);
+    EXPECT_EQ(pipe.at("type"), "publisher");
+    EXPECT_EQ(pipe.at("subscribers"),
+              Json::array({{{"pid", client.pid()}, {"name", "vornnet"}, {"user", "root"}}}));
+}
+
 TEST_F(VornnetPipes, WithANameHarmfulToATerminal_ShowsItEscaped) {
     makeDeadPipe("a\033[2Jb");
     const std::string output = runTool({"pipes"}).output;
