@@ -1,8 +1,8 @@
 -- SPDX-FileCopyrightText: 2026 The vornnet authors
 -- SPDX-License-Identifier: Apache-2.0
 
--- Shows vornnet's traffic in Wireshark and tshark: notifications, the service handshake and typed values,
--- over TCP and UDP.
+-- Shows vornnet's traffic in Wireshark and tshark: notifications, the service handshake, typed values and
+-- subscriptions, over TCP and UDP.
 --
 -- The bytes tell neither what they are nor where a value ends, so three things are needed to read them: a
 -- port (a preference, or "Decode As"), what a stream begins with (a handle, or a service's name and CR LF),
@@ -24,6 +24,21 @@ local field = {
     string = ProtoField.string("vornnet.string", "String", base.UNICODE),
     line = ProtoField.string("vornnet.line", "Line", base.UNICODE),
     token = ProtoField.int16("vornnet.token", "Token", base.DEC, {[0] = "acknowledgement", [-1] = "error"}),
+    version = ProtoField.uint32("vornnet.version", "Version"),
+    callback = ProtoField.string("vornnet.callback", "Callback address", base.UNICODE),
+    start = ProtoField.uint32("vornnet.start", "Begins with", base.DEC,
+        {[0] = "next", [1] = "last", [2] = "oldest", [3] = "position"}),
+    history = ProtoField.uint64("vornnet.history", "History", base.HEX),
+    number = ProtoField.uint64("vornnet.number", "Number", base.DEC, nil, nil, "Of an event, within the history"),
+    first = ProtoField.uint64("vornnet.first", "First", base.DEC, nil, nil, "The first event, or the first missed"),
+    next = ProtoField.uint64("vornnet.next", "Next", base.DEC, nil, nil, "The first event after a gap"),
+    newest = ProtoField.uint64("vornnet.newest", "Newest", base.DEC),
+    beat = ProtoField.uint32("vornnet.beat", "Beat", base.DEC, nil, nil, "In milliseconds"),
+    words = ProtoField.string("vornnet.words", "Words", base.UNICODE, "What a subscriber says about itself"),
+    reason = ProtoField.string("vornnet.reason", "Reason", base.UNICODE),
+    frame = ProtoField.uint32("vornnet.frame", "Frame", base.DEC,
+        {[1] = "event", [2] = "gap", [3] = "sign of life", [4] = "end"}),
+    ending = ProtoField.uint32("vornnet.ending", "Ending", base.DEC, {[1] = "stopped", [2] = "dropped"}),
     wakeup = ProtoField.bytes("vornnet.wakeup", "Wake-up", base.SPACE, "A UDP server was closed"),
     data = ProtoField.bytes("vornnet.data", "Data", base.SPACE),
 }
@@ -54,7 +69,7 @@ local remark = {
 }
 vornnet.experts = list_of(remark)
 
-local DETECT, NOTIFICATIONS, SERVICE, VALUES = 0, 1, 2, 3
+local DETECT, NOTIFICATIONS, SERVICE, VALUES, SUBSCRIPTIONS = 0, 1, 2, 3, 4
 local preference = vornnet.prefs
 preference.tcp_ports = Pref.range("TCP ports", "5023-5030", "Ports of sinks and services", 65535)
 preference.udp_ports = Pref.range("UDP ports", "5023-5030", "Ports of sinks and services", 65535)
@@ -64,6 +79,7 @@ preference.streams = Pref.enum("Streams and datagrams carry", DETECT,
         {2, "Notifications", NOTIFICATIONS},
         {3, "Service", SERVICE},
         {4, "Values", VALUES},
+        {5, "Subscriptions", SUBSCRIPTIONS},
     }, false)
 preference.content = Pref.string("Types of a notification's content", "long",
     "After the handle, separated by commas: int short long bool string line ack. Empty for bytes")
@@ -71,6 +87,8 @@ preference.request = Pref.string("Types of a client's values", "",
     "Over and over, separated by commas: int short long bool string line ack. Empty for bytes")
 preference.reply = Pref.string("Types of a server's values", "",
     "Over and over, separated by commas: int short long bool string line ack. Empty for bytes")
+preference.events = Pref.string("Types of an event's content", "",
+    "Separated by commas: int short long bool string line ack. Empty for bytes")
 preference.longest = Pref.uint("Longest text", 1048576, "A longer one is taken for an error (in bytes)")
 preference.anywhere = Pref.bool("Look for notifications at every port", false,
     "Where no other dissector is in charge; sixteen bytes are little to tell a notification by")
@@ -82,6 +100,7 @@ local UNTIL_END = 0x0ffffffe
 local LONGEST_LINE = 8192
 -- A line that makes a stream a service's. A client's first line that is longer belongs to somebody else.
 local LONGEST_NAME = 512
+local LONGEST_FRAME = 64 * 1024 * 1024
 local SHOWN = 60
 
 local function escaped(bytes)
@@ -306,6 +325,54 @@ function Walk:values(types, index, is_repeated)
     return index
 end
 
+-- Whether so many bytes are there; if not, waits for them, or tells that they are missing.
+function Walk:has(size, what)
+    local missing = size - self:left()
+    if missing <= 0 then
+        return true
+    elseif size > LONGEST_FRAME then
+        self:rest(remark.length, "a " .. what .. " of " .. size .. " bytes")
+        self.is_lost = true
+    elseif self.can_wait then
+        self:wait(what, missing)
+    else
+        local was_captured = self.tvb:len() == self.tvb:reported_len()
+        self:rest(was_captured and remark.truncated or remark.cut)
+        self.is_lost = true
+    end
+    return false
+end
+
+-- How many bytes a text takes that begins so far from here, its length included; 4 when that is not there.
+function Walk:size_of_text(distance)
+    local there = self:left() - distance
+    return 4 + (there >= 4 and self.tvb(self.offset + distance, 4):uint() or 0)
+end
+
+-- Takes a number of 64 bits.
+function Walk:number(number_field)
+    local range = self:take(8)
+    self.tree:add(number_field, range)
+    return range:uint64()
+end
+
+-- Takes a text, as much of it as there is.
+function Walk:text(text_field)
+    local size = math.min(self:size_of_text(0), self:left())
+    local range = self:take(size)
+    if size <= 4 then
+        self.tree:add(text_field, range, "")
+        return ""
+    end
+    self.tree:add_packet_field(text_field, range(4, size - 4), ENC_UTF_8)
+    return range:raw(4, size - 4)
+end
+
+-- A walk through a part that is there as a whole.
+function Walk:part(tree, range)
+    return setmetatable({tvb = range:tvb(), pinfo = self.pinfo, offset = 0, texts = {}, tree = tree}, Walk)
+end
+
 function Walk:finish(prefix)
     self.pinfo.cols.protocol = "VORNNET"
     if #self.texts == 0 then
@@ -391,9 +458,165 @@ function phase.handle(walk, state)
     return "Notification"
 end
 
+local request_size, is_first_request
+
+local LONGEST_WORDS, LONGEST_ADDRESS = 4096, 255
+local FROM_POSITION = 3
+local START_NAMES = {[0] = "the next event", "the last event", "the oldest event"}
+
+-- How many bytes the request for a subscription takes; as many as are needed to tell, if there are fewer.
+function request_size(walk)
+    local head = 4 + walk:size_of_text(4)
+    local words = head + 8 + 4 + 8 + 8
+    return math.max(words + walk:size_of_text(words), words + 4)
+end
+
+-- Whether a service's client subscribes: nothing else has this shape to the last byte. Types that were set
+-- tell that it is another service.
+function is_first_request(walk, state)
+    if not state.is_client or state.index ~= 1 then
+        return false
+    elseif preference.streams == SUBSCRIPTIONS then
+        return true
+    elseif preference.request ~= "" or preference.reply ~= "" or walk:left() < 40 then
+        return false
+    end
+    local range = walk.tvb(walk.offset)
+    local address = range(4, 4):uint()
+    if range(0, 4):uint() ~= 1 or address > LONGEST_ADDRESS or request_size(walk) ~= walk:left() then
+        return false
+    end
+    local start = range(8 + address + 8, 4):uint()
+    local words = walk:left() - 40 - address
+    return start <= FROM_POSITION and range(8 + address + 4, 4):uint() == 0 and words <= LONGEST_WORDS
+end
+
 function phase.values(walk, state)
+    if state.is_subscription or is_first_request(walk, state) then
+        return state.is_client and phase.request(walk, state) or phase.admission(walk, state)
+    end
     next_values(walk, state, state.is_client and preference.request or preference.reply, true)
     return state.is_client and "Request" or "Reply"
+end
+
+-- The last of its words is what the client has to say; whatever else it sends ends the subscription.
+function phase.request(walk, state)
+    state.is_subscription = true
+    if not walk:has(request_size(walk), "subscription") then
+        state.phase = walk.is_lost and "rest" or "values"
+        return "Subscription"
+    end
+    local tree = walk.tree
+    tree:add(field.version, walk:take(4))
+    local callback = walk:text(field.callback)
+    local callback_id = walk:take(8)
+    if callback ~= "" then
+        add_long(tree, callback_id, field.handle)
+        walk:say("events to " .. escaped(callback))
+    end
+    local start = walk:take(4)
+    tree:add(field.start, start)
+    local history, number = walk:number(field.history), walk:number(field.number)
+    if start:uint() == FROM_POSITION then
+        walk:say(string.format("after %s-%s", history:tohex(), number))
+    else
+        walk:say("from " .. (START_NAMES[start:uint()] or "?"))
+    end
+    local words = walk:text(field.words)
+    if words ~= "" then
+        walk:say('"' .. escaped(words) .. '"')
+    end
+    state.phase = "violation"
+    return "Subscription"
+end
+
+function phase.violation(walk)
+    walk:rest(remark.unread, "it ends the subscription")
+    return "Data"
+end
+
+function phase.admission(walk, state)
+    state.phase = "admission"
+    if not walk:has(4, "answer") then
+        state.phase = walk.is_lost and "rest" or "admission"
+        return "Subscription"
+    end
+    local is_admitted = walk.tvb(walk.offset + 2, 2):int() == 0
+    local size = is_admitted and 4 + 28 or 4 + walk:size_of_text(4)
+    if not walk:has(size, "answer") then
+        state.phase = walk.is_lost and "rest" or "admission"
+        return "Subscription"
+    end
+    add.ack(walk.tree, walk:take(4))
+    if not is_admitted then
+        walk:say('refused: "' .. escaped(walk:text(field.reason)) .. '"')
+        state.phase = "rest"
+        return "Subscription"
+    end
+    local history = walk:number(field.history)
+    local first = walk:number(field.first)
+    walk:number(field.newest)
+    walk.tree:add(field.beat, walk:take(4))
+    walk:say(string.format("admitted, history %s from event %s", history:tohex(), first))
+    state.phase = "frames"
+    phase.frames(walk, state)
+    return "Subscription"
+end
+
+local frame = {}
+
+function frame.event(walk, rest)
+    local number = rest:number(field.number)
+    local types = parse_types(preference.events)
+    if #types > 0 then
+        rest:values(types, 1, false)
+    end
+    if rest:left() > 0 and not rest.is_lost then
+        rest:rest(#types > 0 and remark.types or nil, #types > 0 and "more than the types of the preferences" or nil)
+    end
+    local content = table.concat(rest.texts, ", ")
+    walk:say("event " .. tostring(number) .. (content ~= "" and " (" .. content .. ")" or ""))
+end
+
+function frame.gap(walk, rest)
+    rest:number(field.history)
+    local first, following = rest:number(field.first), rest:number(field.next)
+    local missed = first == UInt64(0) and "of another history" or "from " .. tostring(first)
+    walk:say("gap " .. missed .. ", next " .. tostring(following))
+end
+
+function frame.sign(walk, rest)
+    walk:say("sign of life, newest " .. tostring(rest:number(field.newest)))
+end
+
+function frame.ending(walk, rest)
+    rest.tree:add(field.ending, rest:take(4))
+    walk:say('end "' .. escaped(rest:text(field.reason)) .. '"')
+end
+
+local FRAMES = {
+    {read = frame.event, least = 8}, {read = frame.gap, least = 24},
+    {read = frame.sign, least = 8}, {read = frame.ending, least = 8},
+}
+
+function phase.frames(walk, state)
+    while walk:left() > 0 and not walk.is_waiting and not walk.is_lost do
+        local size = walk:left() < 8 and 8 or 8 + walk.tvb(walk.offset + 4, 4):uint()
+        if walk:has(size, "frame") then
+            local range = walk:take(size)
+            local kind = FRAMES[range(0, 4):uint()]
+            local tree = walk.tree:add(field.frame, range, range(0, 4):uint())
+            if kind and size - 8 >= kind.least then
+                kind.read(walk, walk:part(tree, range(8)))
+            else
+                walk:say(kind and "frame cut" or "frame of kind " .. range(0, 4):uint())
+            end
+        end
+    end
+    if walk.is_lost then
+        state.phase = "rest"
+    end
+    return "Events"
 end
 
 function phase.service(walk, state)
@@ -453,7 +676,7 @@ local function beginning(tvb, is_client)
     local chosen = preference.streams
     if chosen == NOTIFICATIONS then
         return "handle", "unread"
-    elseif chosen == SERVICE then
+    elseif chosen == SERVICE or chosen == SUBSCRIPTIONS then
         return "service", "answer"
     elseif chosen == VALUES then
         return "values", "values"
@@ -534,6 +757,7 @@ end
 local function copy(state)
     return {
         phase = state.phase, index = state.index, is_client = state.is_client, is_at_end = state.is_at_end,
+        is_subscription = state.is_subscription,
     }
 end
 
@@ -564,6 +788,7 @@ local function stand_before(call, tvb, pinfo)
     elseif not stream.is_foreign then
         local side = is_client and stream.client_side or stream.server_side
         stands[call] = copy(side)
+        stands[call].is_subscription = stream.is_subscription
         stands[call].side = side
         stands[call].stream = stream
     end
@@ -596,6 +821,7 @@ local function dissect_segment(tvb, pinfo, tree)
     end
     if not pinfo.visited then
         stand.side.phase, stand.side.index = state.phase, state.index
+        stand.stream.is_subscription = state.is_subscription
         stand.side.is_at_end = walk.is_waiting and walk.is_notification
     end
     return tvb:len()

@@ -101,7 +101,8 @@ TEST_P(VornnetDissectorWithRubbish, Anything_IsShownWithoutAnErrorOfTheDissector
         datagrams.push_back((count % 2 == 0 ? longBytes(7) : "") + rubbish(random));
     sendDatagrams(datagrams);
     for (int count = 0; count < 30; ++count)
-        talk({rubbish(random), rubbish(random), rubbish(random), rubbish(random), rubbish(random)});
+        talk({count % 2 == 0 ? "svc\r\n" : rubbish(random), count % 2 == 0 ? "+" : rubbish(random),
+              rubbish(random), rubbish(random), rubbish(random)});
     capture().cutPackets(80);
     sendDatagrams(datagrams);
     const Lines options = preferring({"streams:" + GetParam(), "content:string,line,ack,bool,long,short,int",
@@ -114,5 +115,5 @@ TEST_P(VornnetDissectorWithRubbish, Anything_IsShownWithoutAnErrorOfTheDissector
 }
 
 INSTANTIATE_TEST_SUITE_P(All, VornnetDissectorWithRubbish,
-                         testing::Values("Detect", "Notifications", "Service", "Values"),
+                         testing::Values("Detect", "Notifications", "Service", "Values", "Subscriptions"),
                          [](const auto& parameter) { return parameter.param; });

@@ -4,7 +4,9 @@
 #include "TsharkRun.h"
 
 #include <VornException.h>
+#include <VornPublisher.h>
 #include <VornSocketConnection.h>
+#include <VornSubscriber.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -55,7 +57,98 @@ void askForService(const std::string& answer) {
     EXPECT_TRUE(service.join());
 }
 
+const std::string cHistory = bytes("20 33 39 fa d6 94 4e 25");
+
+/** A number of 64 bits that is small. */
+std::string numberBytes(unsigned char number) {
+    return bytes("00 00 00 00 00 00 00") + static_cast<char>(number);
+}
+
+/** Asks for events from the oldest on. */
+std::string requestBytes(const std::string& words) {
+    return bytes("00 00 00 01") + stringBytes("") + longBytes(0) + bytes("00 00 00 02") +
+           std::string(16, '\0') + stringBytes(words);
+}
+
+std::string admissionBytes() {
+    return bytes("00 01 00 00") + cHistory + numberBytes(1) + numberBytes(1) + bytes("00 00 13 88");
+}
+
+std::string frameBytes(unsigned char kind, const std::string& rest) {
+    return bytes("00 00 00") + static_cast<char>(kind) + bytes("00 00 00") + static_cast<char>(rest.size()) +
+           rest;
+}
+
+const std::string cEvent = frameBytes(1, numberBytes(1) + bytes("00 00 00 05") + stringBytes("kernel"));
+const std::string cGap = frameBytes(2, cHistory + numberBytes(2) + numberBytes(5));
+const std::string cSign = frameBytes(3, numberBytes(7));
+const std::string cEnd = frameBytes(4, bytes("00 00 00 01") + stringBytes("the service stops"));
+
 } // namespace
+
+TEST_F(VornnetDissector, SubscriptionOfTheLibrary_IsShownFromTheRequestToTheEnd) {
+    {
+        VornPublisher publisher("socket:127.0.0.1:5023", {"builds"});
+        publisher.publish("builds", [](VornConnection& content) { content.transfer(5); });
+        VornSubscriber::Options options;
+        options.start = VornSubscriber::Start::oldest;
+        options.sWords = "me";
+        const VornSubscriber subscriber(
+            publisher.getAddress(), "builds", [](VornConnection&, const VornSubscriber::Event&) {}, options);
+        EXPECT_TRUE(awaitCondition([&] { return subscriber.statistics().nEvents == 1; }));
+        publisher.stop(std::chrono::seconds(10));
+    }
+    capture().awaitEnds(2);
+    std::string all;
+    for (const std::string& line : shown(preferring({"events:int"})))
+        all += line + "\n";
+    EXPECT_THAT(all, testing::StartsWith("Service: builds\nService: accepted\n"
+                                         "Subscription: from the oldest event, \"me\"\n"
+                                         "Subscription: admitted, history "));
+    EXPECT_THAT(all, testing::HasSubstr("event 1 (int 5)"));
+    EXPECT_THAT(all, testing::HasSubstr("end \"the service stops\""));
+    EXPECT_THAT(remarks(preferring({"events:int"})), IsEmpty());
+    EXPECT_THAT(fields({"vornnet.start", "vornnet.words"}), ElementsAre("2\tme"));
+}
+
+TEST_F(VornnetDissector, FramesOfASubscription_AreShownByTheirKinds) {
+    const std::string unknown = frameBytes(9, "abc");
+    talk({"builds\r\n", "+", requestBytes(""), admissionBytes() + cEvent, "", cGap + cSign + unknown + cEnd});
+    EXPECT_THAT(shown(preferring({"events:int,string"})),
+                ElementsAre("Service: builds", "Service: accepted", "Subscription: from the oldest event",
+                            "Subscription: admitted, history 203339fad6944e25 from event 1, event 1 (int 5, "
+                            "string \"kernel\")",
+                            "Events: gap from 2, next 5, sign of life, newest 7, frame of kind 9, end \"the "
+                            "service stops\""));
+    EXPECT_THAT(fields({"vornnet.number"}), ElementsAre("0", "1"));
+    EXPECT_THAT(remarks(), IsEmpty());
+}
+
+TEST_F(VornnetDissector, SubscriptionInSegmentsOfOneByte_IsPutTogetherWhenChosen) {
+    talkSlowly({"builds\r\n", "+", requestBytes("me"), admissionBytes() + cEvent + cSign});
+    const Lines options = preferring({"streams:Subscriptions"});
+    const auto expected =
+        ElementsAre("Service: builds", "Service: accepted", "Subscription: from the oldest event, \"me\"",
+                    "Subscription: admitted, history 203339fad6944e25 from event 1",
+                    "Events: event 1 (14 bytes)", "Events: sign of life, newest 7");
+    EXPECT_THAT(shown(options), expected);
+    EXPECT_THAT(shown(both(options, cTwoPasses)), expected);
+}
+
+TEST_F(VornnetDissector, SubscriptionThatIsRefused_IsShownWithTheReason) {
+    talk({"builds\r\n", "+", requestBytes(""), bytes("00 01 ff ff") + stringBytes("not for you")});
+    EXPECT_THAT(shown(), Contains("Subscription: refused: \"not for you\""));
+}
+
+TEST_F(VornnetDissector, SubscriberThatSaysMore_IsSaidToEndItsSubscription) {
+    talk({"builds\r\n", "+", requestBytes(""), admissionBytes(), "x"});
+    EXPECT_THAT(remarks(), ElementsAre("Note: it ends the subscription"));
+}
+
+TEST_F(VornnetDissector, HostileFrame_EndsTheReadingOfTheEvents) {
+    talk({"builds\r\n", "+", requestBytes(""), admissionBytes() + bytes("00 00 00 01 7f ff ff ff 00")});
+    EXPECT_THAT(remarks(), ElementsAre("Error: a frame of 2147483655 bytes"));
+}
 
 TEST_F(VornnetDissector, ServiceHandshake_ShowsNameAndAnswer) {
     askForService("+");

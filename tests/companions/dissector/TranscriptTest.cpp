@@ -152,7 +152,7 @@ TEST_F(VornnetDissector, PreferencesOfThePage_AreTheDissectors) {
     for (std::sregex_iterator match(preferences.begin(), preferences.end(), setting), end; match != end;
          ++match)
         known.insert((*match)[1]);
-    EXPECT_EQ(known.size(), 8U);
+    EXPECT_EQ(known.size(), 9U);
     std::set<std::string> documented;
     const std::string text = page();
     const std::regex row(R"(`(vornnet\.[a-z_]+)`)");
