@@ -503,6 +503,96 @@ def describe_sink(value):
     return joined(start, "" if value["m_bThreadStarted"] else "its server is not made yet", references(value))
 
 
+# Deliveries and subscriptions. Each object has one pointer, to what its source file alone describes.
+
+
+def state_of(value, name):
+    address = read_number(int(value.address), 8)
+    if address == 0:
+        raise Unreadable("there is no state: destroyed, or left to a child process")
+    try:
+        type_ = gdb.lookup_type(name)
+    except gdb.error as error:
+        raise Unreadable(NO_SYMBOLS) from error
+    return gdb.Value(address).cast(type_.pointer()).dereference()
+
+
+def held(optional):
+    """What a std::optional holds."""
+    payload = optional["_M_payload"]
+    if not payload["_M_engaged"]:
+        raise Unreadable("not opened yet")
+    return payload["_M_payload"]["_M_value"]
+
+
+def enumerator(value):
+    return str(value).split("::")[-1]
+
+
+def describe_dispatcher(value):
+    state = state_of(value, "VornNet::VornDispatcher::State")
+    sums = state["m_book"]["statistics"]
+    return joined(
+        "dispatcher: " + counted(int(sums["nQueued"]), "notification") + " queued for "
+        + counted(int(sums["nAddresses"]), "address", "addresses"),
+        "%d posted" % int(sums["nPosted"]),
+        "%d delivered" % int(sums["nDelivered"]),
+        "stopped" if state["m_bStopped"] else "",
+    )
+
+
+def describe_steady_sink(value):
+    state = state_of(value, "VornNet::VornSteadySink::State")
+    sums = state["m_line"]["m_statistics"]
+    calling = "a callback runs" if state["m_line"]["m_isCalling"] else ""
+    address = name_field(state["m_address"], "m_sAddress")
+    return joined("steady sink " + address, "%d delivered" % int(sums["nDelivered"]), calling)
+
+
+def steady_sink_parts(value):
+    state = state_of(value, "VornNet::VornSteadySink::State")
+    yield "m_container", state["m_container"]
+
+
+def publisher_engine(value):
+    return held(state_of(value, "VornNet::VornPublisher::State")["m_engine"])
+
+
+def describe_publisher(value):
+    state = state_of(value, "VornNet::VornPublisher::State")
+    engine = held(state["m_engine"])
+    return joined(
+        "publisher at " + name_field(state, "m_sAddress"),
+        counted(entry_count(engine["m_subscribers"]), "subscriber"),
+        "%d sent" % int(engine["m_statistics"]["nSent"]),
+    )
+
+
+def publisher_entries(value):
+    for key, client in map_entries(publisher_engine(value)["m_subscribers"]):
+        who = client.dereference()["who"]
+        topic, sender = name_field(who, "sTopic"), narrow_text(who["sFrom"])[1:-1]
+        yield "[%d]" % int(key), "%s to %s, sent up to %d" % (topic, sender, int(who["position"]["nNumber"]))
+
+
+def describe_subscriber(value):
+    work = state_of(value, "VornNet::SubscriberWork")
+    status = work["m_status"]
+    reason = name_field(status, "sReason")
+    return joined(
+        "subscriber of " + name_field(work, "m_sTopic"),
+        enumerator(status["state"]),
+        "" if reason == '""' else narrow_text(status["sReason"])[1:-1],
+        "%d events" % int(work["m_statistics"]["nEvents"]),
+        describe_position(work["m_last"]),
+    )
+
+
+def describe_position(value):
+    history, number = int(value["nHistory"]), int(value["nNumber"])
+    return "after event %d of history %016x" % (number, history) if history else "nowhere"
+
+
 # Everything else.
 
 
@@ -664,18 +754,23 @@ DESCRIBERS = {
     "VornNet::VornCallbackContainer": describe_callbacks,
     "VornNet::VornCertificate": describe_certificate,
     "VornNet::VornConnection": describe_connection,
+    "VornNet::VornDispatcher": describe_dispatcher,
     "VornNet::VornIPCServer": describe_ipc_server,
     "VornNet::VornLibraryCallbackSink": describe_sink,
     "VornNet::VornNotificationCallback": describe_callback,
     "VornNet::VornPipeConnection": describe_pipe,
     "VornNet::VornPipeServer": describe_pipe_server,
+    "VornNet::VornPosition": describe_position,
     "VornNet::VornProxyDependent": describe_proxy,
     "VornNet::VornProxyDependentContainer": describe_proxies,
+    "VornNet::VornPublisher": describe_publisher,
     "VornProxyDependentIdentifier": describe_identifier,
     "VornNet::VornSSLServerSocket": describe_ssl_server,
     "VornNet::VornSSLSocketConnection": describe_ssl_socket,
     "VornNet::VornServerSocket": describe_tcp_server,
     "VornNet::VornSocketConnection": describe_socket,
+    "VornNet::VornSteadySink": describe_steady_sink,
+    "VornNet::VornSubscriber": describe_subscriber,
     "VornNet::VornUDPServerSocket": describe_udp_server,
     "VornNet::VornUDPSocketConnection": describe_udp,
     "VornNet::VornUnableToResolveAddressException": describe_exception,
@@ -694,6 +789,8 @@ PARTS = {
     "VornNet::VornCallbackContainer": callback_entries,
     "VornNet::VornLibraryCallbackSink": sink_parts,
     "VornNet::VornProxyDependentContainer": proxy_entries,
+    "VornNet::VornPublisher": publisher_entries,
+    "VornNet::VornSteadySink": steady_sink_parts,
 }
 
 TEXTS = {"VornSupport::VornString": narrow_text, "VornSupport::VornUString": wide_text}

@@ -10,14 +10,18 @@
 
 #include <VornCallbackContainer.h>
 #include <VornCertificate.h>
+#include <VornDispatcher.h>
 #include <VornException.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornLogging.h>
 #include <VornPipeConnection.h>
 #include <VornPipeServer.h>
 #include <VornProxyDependentContainer.h>
+#include <VornPublisher.h>
 #include <VornSSLServerSocket.h>
 #include <VornSSLSocketConnection.h>
+#include <VornSteadySink.h>
+#include <VornSubscriber.h>
 #include <VornUDPServerSocket.h>
 #include <VornUDPSocketConnection.h>
 #include <VornUnableToResolveNameException.h>
@@ -259,6 +263,33 @@ void showCallbacks() {
     stopHere();
 }
 
+void showDeliveries() {
+    VornSteadySink::Options options;
+    options.kind = VornSteadySink::Kind::pipe;
+    options.sPipeName = "desk";
+    VornSteadySink steady("desk", options);
+    steady.getCallbackContainer().add(new AlarmCallback(0));
+    VornDispatcher idle;
+    VornDispatcher dispatcher;
+    VornProxyDependent nobody("pipe:nobody", 2);
+    dispatcher.post(nobody, VornNotification(12));
+    dispatcher.post(nobody, VornNotification(13));
+    VornPublisher lonely("pipe:lonely", {"builds"});
+    VornPublisher publisher("pipe:news", {"builds"});
+    const auto ignore = [](VornConnection&, const VornSubscriber::Event&) {};
+    VornSubscriber subscriber("pipe:news", "builds", ignore);
+    VornTest::awaitCondition([&] { return publisher.statistics().nSubscribers == 1; });
+    publisher.publish("builds", [](VornConnection& content) { content.transfer(5); });
+    VornTest::awaitCondition([&] { return subscriber.statistics().nEvents == 1; });
+    VornTest::awaitCondition([&] { return publisher.statistics().nSent == 1; });
+    VornSubscriber away("pipe:nobody", "builds", ignore);
+    VornTest::awaitCondition([&] { return away.status().nTries > 0; });
+    const VornPosition position{0x1f, 42};
+    const VornPosition nowhere;
+    stopHere();
+    use(&steady, &idle, &lonely, &position, &nowhere);
+}
+
 void showNoProxies() {
     const VornProxyDependentContainer& registry = VornProxyDependentContainer::getInstance();
     stopHere();
@@ -381,7 +412,8 @@ int main(int argc, char** argv) {
         {"pointers", showPointers},     {"callbacks", showCallbacks},
         {"noproxies", showNoProxies},   {"proxies", showProxies},
         {"values", showValues},         {"overwritten", showOverwritten},
-        {"spoiled", showSpoiled},       {"await", showLevelTwice}};
+        {"spoiled", showSpoiled},       {"await", showLevelTwice},
+        {"deliveries", showDeliveries}};
     const auto scene = scenes.find(argc > 1 ? argv[1] : "");
     if (scene == scenes.end())
         return 2;

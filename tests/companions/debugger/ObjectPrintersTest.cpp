@@ -108,6 +108,32 @@ TEST_F(GdbPrinters, CallbackSink_ShowsItsAddressItsServerAndItsCallbacks) {
             "m_callbackContainer = callback registry: 1 callback, next id 0, lock free = \\{\\[0\\] = .*"));
 }
 
+TEST_F(GdbPrinters, DispatcherAndSteadySink_ShowWhatTheyHaveAndHaveDone) {
+    EXPECT_THAT(
+        show("deliveries", {"idle", "dispatcher", "steady"}),
+        ElementsAre("dispatcher: no notifications queued for no addresses, 0 posted, 0 delivered",
+                    "dispatcher: 2 notifications queued for 1 address, 2 posted, 0 delivered",
+                    "steady sink pipe:desk, 0 delivered = {m_container = callback registry: 1 callback, next "
+                    "id 0, lock free = {[0] = smart pointer to callback 0, event not set" +
+                        cAlarm + "}}"));
+}
+
+TEST_F(GdbPrinters, PublisherAndSubscriber_ShowWhomTheyServeAndWhereTheyStand) {
+    EXPECT_THAT(
+        showInCore("deliveries", {"lonely", "publisher", "subscriber", "away"}),
+        ElementsAre("publisher at pipe:lonely, no subscribers, 0 sent",
+                    MatchesRegex("publisher at pipe:news, 1 subscriber, 1 sent = \\{\\[1\\] = builds to pid "
+                                 "[0-9]+ user [0-9]+, sent up to 1\\}"),
+                    MatchesRegex("subscriber of builds, connected, 1 events, after event 1 of history "
+                                 "[0-9a-f]{16}"),
+                    "subscriber of builds, connecting, cannot connect, 0 events, nowhere"));
+}
+
+TEST_F(GdbPrinters, Position_IsAnEventOfAHistory) {
+    EXPECT_THAT(show("deliveries", {"position", "nowhere"}),
+                ElementsAre("after event 42 of history 000000000000001f", "nowhere"));
+}
+
 TEST_F(GdbPrinters, ProxyRegistry_ShowsItsEntriesInTheOrderOfTheirKeys) {
     const std::string text =
         "proxy registry: 3 proxies, lock free = {"
