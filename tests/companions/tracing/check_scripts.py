@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Runs the scripts for bpftrace beside real notifications: check_scripts.py SCRIPTS LIBRARY TOOL"""
+"""Traces real notifications and events: check_scripts.py SCRIPTS LIBRARY NOTIFY_LIBRARY TOOL
+
+The scripts for bpftrace run beside notifications, and a program of this test's own beside what the library of
+deliveries does.
+"""
 import contextlib
 import os
 import pathlib
@@ -15,8 +19,8 @@ SKIPPED = 77
 
 
 @contextlib.contextmanager
-def running(*command):
-    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+def running(*command, **options):
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
     try:
         yield process
     finally:
@@ -34,7 +38,53 @@ def result(process):
     return process.communicate(timeout=60)[0]
 
 
-def main(scripts, library, tool):
+PROBES = {
+    "notification__posted": '"%d %s %d", arg0, str(arg1), arg2',
+    "notification__tried": '"%d %s %d", arg0, str(arg1), arg2',
+    "notification__finished": '"%d %s %d %d", arg0, str(arg1), arg2, arg3',
+    "callback__begun": '"%d", arg0',
+    "callback__done": '"%d", arg0',
+    "subscription__begun": '"%d %s %d", arg0, str(arg1), arg3',
+    "subscription__ended": '"%d %s %d %d", arg0, str(arg1), arg3, arg4',
+    "event__published": '"%s %d", str(arg0), arg1',
+    "event__sent": '"%d %s %d %d", arg0, str(arg1), arg2, arg3',
+    "event__received": '"%s %d %d", str(arg0), arg1, arg2',
+}
+
+
+def tracer_of(library):
+    clauses = (f"usdt:{library}:vornnet:{name} {{ printf(\"{name} \"); printf({show}); printf(\"\\n\"); }}"
+               for name, show in PROBES.items())
+    return ["bpftrace", "-e", 'BEGIN { printf("tracing\\n"); } ' + " ".join(clauses)]
+
+
+def check_deliveries(library, tool):
+    """One confirmed notification and one event, as the probes of the library of deliveries tell of them."""
+    with running(*tracer_of(library)) as tracer:
+        if begun(tracer, "tracing") is None:
+            print("this kernel lets nobody trace:", tracer.stderr.read())
+            return
+        with running(tool, "sink", "--steady", "--type", "pipe") as sink:
+            address = begun(sink, "address").split()[1]
+            subprocess.run([tool, "notify", address, "0", "12", "--confirm"], check=True)
+        with running(tool, "publish", "pipe:news", "builds", stdin=subprocess.PIPE) as service:
+            begun(service, "address")
+            with running(tool, "subscribe", "pipe:news", "builds", "--content", "string", "--count", "1") as client:
+                begun(client, "connected")
+                service.stdin.write("kernel\n")
+                service.stdin.flush()
+                client.communicate(timeout=60)
+            begun(service, "closed")
+        seen = result(tracer).split("\n")
+    print(seen)
+    expected = [f"notification__posted 1 {address} 0", f"notification__tried 1 {address} 1", "callback__begun 0",
+                "callback__done 0", f"notification__finished 1 {address} 0 0", "subscription__begun 1 builds 0",
+                "event__published builds 1", "event__sent 1 builds 1 1", "event__received builds 1 0",
+                "subscription__ended 1 builds 0 0"]
+    assert sorted(line for line in seen if line in expected) == sorted(expected), seen
+
+
+def main(scripts, library, notify_library, tool):
     if shutil.which("bpftrace") is None or os.geteuid() != 0:
         print("there is no bpftrace, or it may not trace")
         return SKIPPED
@@ -58,6 +108,7 @@ def main(scripts, library, tool):
     print(times, refused)
     assert f"@microseconds[{address}]" in times and sum(counts) == 5, counts
     assert "@refusals[pipe, nobody, 0, 2, vornnet]: 1" in refused
+    check_deliveries(notify_library, tool)
     return 0
 
 
