@@ -1004,6 +1004,33 @@ TEST_P(VornPublisher_Wire, AnEventThatComesAlone_IsSentToAFewByWhoeverPublishes)
     EXPECT_TRUE(publisher().flush(5s));
 }
 
+TEST_P(VornPublisher_Wire, WhoeverPublishesAndTheSender_KeepTheOrderWhileClientsComeAndGo) {
+    constexpr std::uint64_t count = 600;
+    open();
+    const RawSubscriber subscriber(address(), "builds");
+    std::atomic<std::uint64_t> left{count};
+    const auto publishAll = [&] {
+        for (std::uint64_t number = left--; number != 0 && number <= count; number = left--) {
+            publish("x");
+            const auto end = std::chrono::steady_clock::now() + 20us; // so that some come alone
+            while (std::chrono::steady_clock::now() < end)
+                std::this_thread::yield();
+        }
+    };
+    WatchedThread one(publishAll);
+    WatchedThread other(publishAll);
+    WatchedThread guests([&] {
+        while (left <= count && left != 0)
+            RawSubscriber(address(), "builds");
+    });
+    for (std::uint64_t number = 1; number <= count; ++number)
+        ASSERT_EQ(subscriber.next(), WireFrame::event(number, "x"));
+    EXPECT_TRUE(one.join());
+    EXPECT_TRUE(other.join());
+    EXPECT_TRUE(guests.join());
+    EXPECT_TRUE(awaitSubscribers(1));
+}
+
 TEST_P(VornPublisher_Wire, AClientThatIsGoneWhenAnEventComesAlone_HasLeft) {
     open(with([&](Options& o) { o.onLeave = m_departures.handler(); }));
     const pid_t sender = threadIds().back();
