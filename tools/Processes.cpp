@@ -227,11 +227,20 @@ std::optional<std::chrono::milliseconds> timeSinceRun(const Path& directory) {
     return std::chrono::milliseconds(static_cast<long>(std::max(0.0, *now - *then)));
 }
 
+/** The number in "voluntary_ctxt_switches:  123". */
+std::uint64_t wakesOf(const Path& directory) {
+    const std::string name = "\nvoluntary_ctxt_switches:";
+    const std::string text = textOf(directory / "status");
+    const std::size_t start = text.find(name);
+    return start == std::string::npos ? 0 : std::strtoull(text.c_str() + start + name.size(), nullptr, 10);
+}
+
 Thread threadAt(pid_t pid, pid_t id, const Path& directory, const SocketTable& table) {
     Thread thread;
     thread.id = id;
     thread.name = lineOf(directory / "comm");
     thread.since = timeSinceRun(directory);
+    thread.wakes = wakesOf(directory);
     const std::string call = lineOf(directory / "syscall");
     if (call.rfind("running", 0) == 0)
         thread.wait = Thread::Wait::None;

@@ -41,6 +41,7 @@ struct Thread {
     Wait wait = Wait::Unknown;
     std::set<std::uint32_t> sockets;                ///< the numbers of those that it waits on
     std::optional<std::chrono::milliseconds> since; ///< how long it has not run
+    std::uint64_t wakes = 0;                        ///< how often it has waited, and gone on
 };
 
 /** @return who holds which socket, by the socket's number, as far as this user may see. */

@@ -239,6 +239,8 @@ Server Survey::inspect(const Socket& socket, const std::vector<Process>& process
     server.processes = processes;
     bool isSteadyName = false;
     for (const Process& process : processes) {
+        for (const Thread& thread : viewOf(process).threads)
+            server.wakes += thread.wakes;
         if (socket.kind == Socket::Kind::Pipe && isSinkName(pipeNameOf(socket), process.pid, isSteadyName))
             server.type = isSteadyName ? Server::Type::SteadySink : Server::Type::Sink;
     }

@@ -48,6 +48,7 @@ struct Server {
     std::vector<Client> served;                     ///< accepted
     std::optional<Client> holder;                   ///< for whom its thread waits
     std::optional<std::chrono::milliseconds> since; ///< that its thread waits there
+    std::uint64_t wakes = 0;                        ///< of all threads of its processes
 
     bool isSink() const { return type == Type::Sink || type == Type::SteadySink; }
 

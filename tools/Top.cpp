@@ -11,7 +11,11 @@
 #include <array>
 #include <chrono>
 #include <clocale>
+#include <cstdint>
 #include <cstdio>
+#include <map>
+#include <optional>
+#include <utility>
 
 #define NCURSES_NOMACROS
 #include <curses.h>
@@ -85,21 +89,66 @@ std::string queueText(const Server& server) {
     return std::to_string(server.socket.unread) + " B";
 }
 
-using Row = std::array<std::string, 6>;
+/** How often the threads of a server's processes wake in a second, from one look to the next. */
+class Rates {
+public:
+    void note(const std::vector<Server>& servers);
+
+    /** @return nothing at the first look. */
+    std::optional<double> of(const Server& server) const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    std::map<std::string, std::uint64_t> m_wakes; // by address
+    std::map<std::string, double> m_rates;
+    Clock::time_point m_looked;
+};
+
+void Rates::note(const std::vector<Server>& servers) {
+    const Clock::time_point now = Clock::now();
+    const double seconds = std::chrono::duration<double>(now - m_looked).count();
+    std::map<std::string, std::uint64_t> wakes;
+    m_rates.clear();
+    for (const Server& server : servers) {
+        const auto before = m_wakes.find(server.address);
+        // Fewer than before are another process's.
+        if (before != m_wakes.end() && server.wakes >= before->second)
+            m_rates[server.address] = static_cast<double>(server.wakes - before->second) / seconds;
+        wakes[server.address] = server.wakes;
+    }
+    m_wakes = std::move(wakes);
+    m_looked = now;
+}
+
+std::optional<double> Rates::of(const Server& server) const {
+    const auto found = m_rates.find(server.address);
+    return found == m_rates.end() ? std::nullopt : std::optional<double>(found->second);
+}
+
+std::string rateText(std::optional<double> rate) {
+    if (!rate)
+        return "-";
+    std::array<char, 32> text;
+    std::snprintf(text.data(), text.size(), "%.0f", *rate);
+    return text.data();
+}
+
+using Row = std::array<std::string, 7>;
 
 void addClients(const std::vector<Client>& clients, const std::string& state, std::vector<Row>& rows) {
     for (const Client& client : clients) {
         Client named = client;
         named.since.reset();
-        rows.push_back({"  client", state, "", ageText(client.since), "", printable(describe(named))});
+        rows.push_back({"  client", state, "", ageText(client.since), "", "", printable(describe(named))});
     }
 }
 
-std::vector<Row> rowsOf(const std::vector<Server>& servers) {
-    std::vector<Row> rows = {{"ADDRESS", "STATE", "QUEUE", "SINCE", "TYPE", "PROCESS"}};
+std::vector<Row> rowsOf(const std::vector<Server>& servers, const Rates& rates) {
+    std::vector<Row> rows = {{"ADDRESS", "STATE", "QUEUE", "SINCE", "WAKES/S", "TYPE", "PROCESS"}};
     for (const Server& server : servers) {
         rows.push_back({printable(server.address), nameOf(server.activity), queueText(server),
-                        ageText(server.since), nameOf(server.type),
+                        ageText(server.since), rateText(rates.of(server)), nameOf(server.type),
                         printable(describeFully(server.processes))});
         addClients(server.waiting, "waits", rows);
         addClients(server.served, "served", rows);
@@ -108,7 +157,7 @@ std::vector<Row> rowsOf(const std::vector<Server>& servers) {
 }
 
 std::vector<std::string> linesOf(const std::vector<Row>& rows) {
-    std::array<std::size_t, 6> widths{};
+    std::array<std::size_t, 7> widths{};
     for (const Row& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column)
             widths[column] = std::max(widths[column], row[column].size());
@@ -133,12 +182,14 @@ Json toJson(const Client& client) {
     return object;
 }
 
-Json toJson(const Server& server) {
+Json toJson(const Server& server, const Rates& rates) {
     Json object = {{"address", server.address},        {"type", nameOf(server.type)},
                    {"state", nameOf(server.activity)}, {"processes", toJson(server.processes)},
                    {"waiting", Json::array()},         {"served", Json::array()}};
     if (server.since)
         object["seconds"] = std::chrono::duration<double>(*server.since).count();
+    if (const auto rate = rates.of(server))
+        object["wakes_per_second"] = *rate;
     if (server.socket.queue)
         object["backlog"] = server.socket.queue->backlog;
     else
@@ -150,25 +201,28 @@ Json toJson(const Server& server) {
     return object;
 }
 
-void print(const TopOptions& options, const std::vector<Server>& servers) {
+void print(const TopOptions& options, const std::vector<Server>& servers, const Rates& rates) {
     if (options.json) {
         Json list = Json::array();
         for (const Server& server : servers)
-            list.push_back(toJson(server));
+            list.push_back(toJson(server, rates));
         Output::json({{"servers", list}});
         return;
     }
-    for (const std::string& line : linesOf(rowsOf(servers)))
+    for (const std::string& line : linesOf(rowsOf(servers, rates)))
         Output::line(line.substr(0, line.find_last_not_of(' ') + 1));
 }
 
 /** Prints the table as often as was asked for. */
 int printAgain(const TopOptions& options, std::chrono::milliseconds pause) {
     Interruption interruption(std::chrono::milliseconds(500));
+    Rates rates;
     for (long i = 0; i < std::max(options.count, 1L); ++i) {
         if (i > 0 && !interruption.sleepFor(pause))
             break;
-        print(options, listServers());
+        const std::vector<Server> servers = listServers();
+        rates.note(servers);
+        print(options, servers, rates);
     }
     return interruption.status();
 }
@@ -177,8 +231,11 @@ int printAgain(const TopOptions& options, std::chrono::milliseconds pause) {
 int showUntilEnd(const TopOptions& options, std::chrono::milliseconds pause) {
     const Interruption interruption(std::chrono::seconds(2)); // so that the terminal gets back what it had
     Screen screen;
+    Rates rates;
     for (long i = 0; options.count == 0 || i < options.count; ++i) {
-        screen.show(linesOf(rowsOf(listServers())));
+        const std::vector<Server> servers = listServers();
+        rates.note(servers);
+        screen.show(linesOf(rowsOf(servers, rates)));
         if (screen.isEndWanted(pause, interruption))
             break;
     }

@@ -91,6 +91,24 @@ TEST_F(VornnetTop, OnATerminal_IsShownAnewUntilQIsPressed) {
                 AllOf(HasSubstr("pipe:shown"), HasSubstr("\033[?1049h"), HasSubstr("\033[?1049l")));
 }
 
+TEST_F(VornnetTop, FromTheSecondLookOn_TellsHowOftenTheThreadsWake) {
+    ChildProcess busy = startTool({"sink", "--steady"});
+    ChildProcess idle = startTool({"serve", "pipe:idle"});
+    const std::string address = addressOf(busy);
+    nextLine(idle);
+    ChildProcess sender = startTool({"notify", address, "0", "12", "--repeat", "1000000", "--every", "20"});
+    EXPECT_EQ(nextLine(busy), "notification 1: handle 0, id 12");
+    ChildProcess top = startTool({"top", "--json", "--count", "2", "--every", "0.3"});
+    EXPECT_THAT(nextLine(top), testing::Not(HasSubstr("wakes_per_second")));
+    for (const Json& server : nextJson(top).at("servers")) {
+        if (server.at("address") == address)
+            EXPECT_GT(server.at("wakes_per_second"), 1);
+        else
+            EXPECT_EQ(server.at("wakes_per_second"), 0);
+    }
+    EXPECT_EQ(finish(top).status, 0);
+}
+
 TEST_F(VornnetTop, WhenItIsTerminated_GivesTheTerminalBackAtOnce) {
     ChildProcess terminal = ChildProcess::spawn(
         {"script", "-qec", "echo $$; TERM=xterm exec " + toolPath() + " top --every 3600", "/dev/null"});
