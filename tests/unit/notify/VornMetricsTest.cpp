@@ -59,14 +59,17 @@ TEST_F(VornMetricsTest, NumbersOfOneMetric_StandTogether) {
 }
 
 TEST_F(VornMetricsTest, ValuesOfLabels_MayHoldAnyBytes) {
-    const std::string given =
-        "\"\\\n \xC3\xA4 \xF0\x9F\x94\x94 \xFF \xC3 \xED\xA0\x80 \xC0\xAF \xF4\x90\x80\x80";
-    const std::string expected = "\\\"\\\\\\n \xC3\xA4 \xF0\x9F\x94\x94 ? ? ??? ?? ????";
+    const std::string characters =
+        "\xC3\xA4 \xE2\x82\xAC \xE0\xA4\x85 \xED\x9F\xBF \xF0\x9F\x94\x94 \xF4\x8F\xBF\xBF";
+    const std::string others =
+        " \xFF \xC3 \xE0\x80\x80 \xED\xA0\x80 \xC0\xAF \xF0\x80\x80\x80 \xF4\x90\x80\x80 \xE2\x82";
+    const std::string given = "\"\\\n" + characters + others;
+    const std::string expected = "\\\"\\\\\\n" + characters + " ? ? ??? ??? ?? ???? ???? ??";
     VornMetrics metrics;
     metrics.add("jobs", Type::gauge, "A \"help\".", {{"name", given}}, 1);
     EXPECT_THAT(metrics.text(), HasSubstr("\njobs{name=\"" + expected + "\"} 1\n"));
     EXPECT_THAT(metrics.text(), HasSubstr("# HELP jobs A \\\"help\\\".\n"));
-    EXPECT_THAT(readByParser(metrics.text()), testing::StartsWith("jobs gauge \"\\\n "));
+    EXPECT_THAT(readByParser(metrics.text()), testing::StartsWith("jobs gauge \"\\\n\xC3\xA4 "));
 }
 
 TEST_F(VornMetricsTest, NumbersThatAreNone_HaveNames) {
@@ -103,13 +106,15 @@ TEST_F(VornMetricsTest, ObjectsOfTheLibrary_AddWhatTheyTellOfThemselves) {
     VornProxyDependent proxy(sink.getCallbackAddress(), 7);
     dispatcher.post(proxy, VornNotification(12));
     EXPECT_TRUE(dispatcher.flush(std::chrono::seconds(10)));
+    const VornSubscriber away("pipe:nobody", "builds", [](VornConnection&, const VornSubscriber::Event&) {});
     VornMetrics metrics;
-    metrics.add("a", dispatcher).add("b", publisher).add("c", sink).add("d", subscriber);
+    metrics.add("a", dispatcher).add("b", publisher).add("c", sink).add("d", subscriber).add("e", away);
     const std::string read = readByParser(metrics.text());
     for (const char* line :
          {"vornnet_dispatcher_posted_total counter a 1\n", "vornnet_dispatcher_unread_total counter a 1\n",
           "vornnet_dispatcher_queued gauge a 0\n", "vornnet_publisher_published_total counter b 1\n",
           "vornnet_publisher_subscribers gauge b 1\n", "vornnet_steady_sink_unknown_total counter c 1\n",
-          "vornnet_subscriber_events_total counter d 1\n", "vornnet_subscriber_connected gauge d 1\n"})
+          "vornnet_subscriber_events_total counter d 1\n", "vornnet_subscriber_connected gauge d 1\n",
+          "vornnet_subscriber_connected gauge e 0\n"})
         EXPECT_THAT(read, HasSubstr(line));
 }
