@@ -29,13 +29,19 @@ int printLeases(bool bJson);
 int takeLease(const std::string& sName, const std::string& sAddress, int nHandle);
 int releaseLease(const std::string& sName);
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
-            std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas);
+            std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas,
+            bool bFixedConsumer);
 int removeHost(const RelaySettings& settings, const std::string& sHost);
+int redirect(const RelaySettings& settings, bool bOn);
 int listHosts(const RelaySettings& settings, bool bJson);
 int listDeadLetters(const RelaySettings& settings, bool bJson);
 int showDeadLetter(const RelaySettings& settings, std::uint64_t nPosition);
 int resendDeadLetter(const RelaySettings& settings, std::uint64_t nPosition);
 int dropDeadLetter(const RelaySettings& settings, std::uint64_t nPosition);
+int dropDeadLetters(const RelaySettings& settings);
+int notifyLease(const std::string& sHost, std::uint32_t nLease, const std::vector<std::string>& values);
+int notifyLeaseOnce(const RelaySettings& settings, const std::string& sHost, std::uint32_t nLease,
+                    const std::vector<std::string>& values, const std::string& sId);
 /** @} */
 
 } // namespace VornRelay

@@ -3,6 +3,7 @@
 #ifndef VORNRELAY_ENGINE_H
 #define VORNRELAY_ENGINE_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,6 +61,22 @@ public:
         unknown  ///< no answer came: it may be stored or not
     };
 
+    /** What became of opening a consumer. */
+    struct Opened {
+        std::string sError;            ///< empty when it is open
+        std::uint64_t nHandedOut = 0;  ///< the highest position that it had handed out before
+        std::uint64_t nUnanswered = 0; ///< how many up to there are not acknowledged, and will come again
+        std::chrono::milliseconds comesAgain{0}; ///< within this time
+    };
+
+    /** How full a stream is. */
+    struct Fill {
+        std::uint64_t nMessages = 0;
+        std::uint64_t nBytes = 0;
+        std::int64_t nMostBytes = -1;    ///< -1: no limit
+        std::int64_t nMostMessages = -1; ///< -1: no limit
+    };
+
     /** What an engine tells without being asked. */
     class Listener {
     public:
@@ -85,7 +102,9 @@ public:
     };
 
     using AnswerHandler = std::function<void(Answer answer, const std::string& sText)>;
-    using OpenHandler = std::function<void(const std::string& sError)>;
+    using OpenHandler = std::function<void(const Opened& opened)>;
+    using FillHandler = std::function<void(const Fill* pFill)>;
+    using HostsHandler = std::function<void(const std::vector<std::string>* pHosts)>;
 
     virtual ~Engine() = default;
 
@@ -97,7 +116,8 @@ public:
     virtual void publish(const Message& message, AnswerHandler onAnswer) = 0;
 
     /** Closes a consumer of the own stream if there is one, and opens it anew, so that all that has not been
-     * acknowledged comes again, in order. @param onOpened is called once, with an empty text when it is open
+     * acknowledged comes again, in order. Where that is not granted, the consumer is used as it stands, and
+     * what it has handed out before comes again later. @param onOpened is called once
      */
     virtual void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) = 0;
 
@@ -115,6 +135,12 @@ public:
 
     /** Has what others tell on that subject told to the listener. To be called before the start. */
     virtual void listenTo(const std::string& sSubject) = 0;
+
+    /** Asks how full the own stream is; @p onAnswer gets null when that is not told. */
+    virtual void measure(FillHandler onAnswer) = 0;
+
+    /** Asks which hosts have a stream; @p onAnswer gets null when that is not told. */
+    virtual void listHosts(HostsHandler onAnswer) = 0;
 
     /** @return the longest content, headers included, that can be published; 0 before the first connection */
     virtual std::size_t mostContent() const = 0;

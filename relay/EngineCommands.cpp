@@ -3,9 +3,13 @@
 #include "Commands.h"
 #include "NatsAdministration.h"
 
+#include "ControlPipe.h"
+#include "NotificationNumber.h"
 #include "RelayLoop.h"
+#include "RemoteHost.h"
 
 #include <OwnedDescriptor.h>
+#include <Values.h>
 #include <VornPipeServer.h>
 
 #include <algorithm>
@@ -45,17 +49,30 @@ bool sendThrough(const std::string& sPipe, const std::string& sExchange) {
     return System::shutdown(socket.number(), SHUT_WR) == 0 && System::recv(socket.number(), &none, 1, 0) == 0;
 }
 
+/** @return a notification as a service writes it. A word that is a number is a long, as an id is. */
+std::string exchangeOf(std::uint32_t nLease, const std::vector<std::string>& words) {
+    std::string sExchange;
+    putLong(sExchange, nLease);
+    for (const std::string& sWord : words) {
+        const bool bIsNumber = !sWord.empty() && sWord.find_first_not_of("0123456789") == std::string::npos;
+        sExchange += VornTool::encoded(VornTool::parseValue(bIsNumber ? "long:" + sWord : sWord));
+    }
+    return sExchange;
+}
+
 } // namespace
 
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
-            std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas) {
+            std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas,
+            bool bFixedConsumer) {
     const std::string sToken = hostToken(sHost);
     std::vector<std::string> tokens;
-    std::transform(sendTo.begin(), sendTo.end(), std::back_inserter(tokens), hostToken);
+    std::transform(sendTo.begin(), sendTo.end(), std::back_inserter(tokens),
+                   [](const std::string& sTo) { return sTo == "*" ? sTo : hostToken(sTo); });
     NatsAdministration engine(settings.access);
-    engine.addHost(
-        sToken, {nMegabytes << 20, nMessages > 0 ? nMessages : nMegabytes << 10, nHours * 3600, nReplicas});
-    std::printf("%s", permissionsOf(sToken, tokens).c_str());
+    engine.addHost(sToken, {nMegabytes << 20, nMessages > 0 ? nMessages : nMegabytes << 10, nHours * 3600,
+                            nReplicas, bFixedConsumer});
+    std::printf("%s", permissionsOf(sToken, tokens, bFixedConsumer).c_str());
     return exitDone;
 }
 
@@ -125,6 +142,28 @@ int resendDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
 
 int dropDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
     NatsAdministration(settings.access).dropDeadLetter(nPosition);
+    return exitDone;
+}
+
+int dropDeadLetters(const RelaySettings& settings) {
+    NatsAdministration(settings.access).dropDeadLetters();
+    return exitDone;
+}
+
+int notifyLease(const std::string& sHost, std::uint32_t nLease, const std::vector<std::string>& values) {
+    if (sendThrough("relay-" + hostToken(sHost), exchangeOf(nLease, values)))
+        return exitDone;
+    std::fprintf(stderr, "vornnet relay: the relay of this host does not take it\n");
+    return exitRefused;
+}
+
+int notifyLeaseOnce(const RelaySettings& settings, const std::string& sHost, std::uint32_t nLease,
+                    const std::vector<std::string>& values, const std::string& sId) {
+    const Engine::Message message =
+        messageTo(subjectOfLease(hostToken(sHost), nLease), settings.access.sHost,
+                  givenIdOf(settings.access.sHost, sId), exchangeOf(nLease, values));
+    if (!NatsAdministration(settings.access).publish(message))
+        std::printf("stored before\n");
     return exitDone;
 }
 

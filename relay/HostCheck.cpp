@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+#include "Certificate.h"
 #include "Commands.h"
+#include "Journal.h"
 #include "NatsAdministration.h"
 
 #include "RelayLoop.h"
@@ -13,9 +15,12 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <vector>
 
 #include <netdb.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace VornRelay {
@@ -26,6 +31,9 @@ using Json = nlohmann::json;
 
 constexpr int cStreamMissing = 10059;
 constexpr int cConsumerMissing = 10014;
+constexpr int cSoon = 30; // days
+const char cGrant[] = "give this host the permissions that vornnet relay hosts add prints";
+const char cRevoke[] = "give this host the permissions that vornnet relay hosts add prints, and no more";
 
 /** Prints what was found, one line each. */
 class Findings {
@@ -36,6 +44,9 @@ public:
 
     void bad(const std::string& sText, const std::string& sRemedy) { add("problem", 2, sText, sRemedy); }
 
+    /** @return how many there are that are not good. */
+    int count() const { return m_nCount; }
+
     /** @return 0, 1 with warnings, 2 with problems. */
     int status() const { return m_nWorst; }
 
@@ -43,9 +54,11 @@ private:
     void add(const char* szKind, int nGravity, const std::string& sText, const std::string& sRemedy) {
         std::printf("%-8s %s\n         -> %s\n", szKind, sText.c_str(), sRemedy.c_str());
         m_nWorst = std::max(m_nWorst, nGravity);
+        ++m_nCount;
     }
 
     int m_nWorst = 0;
+    int m_nCount = 0;
 };
 
 /** Host and port of a server such as "tls://user@host:4222" or "[::1]:4222". */
@@ -117,6 +130,70 @@ void checkDirectories(const RelaySettings& settings, Findings& findings) {
                      "put the relay's user into the group of the pipes; run vornnet doctor");
 }
 
+void checkJournal(const RelaySettings& settings, Findings& findings) {
+    const std::string sPath = settings.sStateDirectory + "/journal";
+    try {
+        if (Journal::isDamaged(sPath))
+            findings.bad("the journal " + sPath + " is damaged",
+                         "the next start puts it aside: what is not acknowledged then comes twice");
+        else if (::access((sPath + ".damaged").c_str(), F_OK) == 0)
+            findings.warn("a damaged journal was put aside as " + sPath + ".damaged",
+                          "look for the cause, and remove it");
+        else
+            findings.good("journal");
+    } catch (const std::system_error& error) {
+        findings.bad(std::string("the journal: ") + error.what(), "run this as the relay's user");
+    }
+}
+
+/** A socket file is created beside others, and an address that is not there cannot be bound. */
+void checkPlaces(const RelaySettings& settings, Findings& findings) {
+    const std::string sDirectory = settings.sMetrics.substr(0, settings.sMetrics.rfind('/') + 1);
+    if (!settings.sMetrics.empty() && ::access(sDirectory.c_str(), W_OK | X_OK) != 0)
+        findings.bad("the directory of metrics " + settings.sMetrics + ": " + std::strerror(errno),
+                     "choose a file in /run/vornnet-relay");
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_addr = settings.redirectAddress(settings.access.sHost);
+    const VornNet::OwnedDescriptor socket(System::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (System::bind(socket.number(), reinterpret_cast<const sockaddr*>(&place), sizeof place) == -1)
+        findings.bad("this host does not have its redirect-address",
+                     "systemctl start vornnet-relay-redirect");
+    const bool bHasOthers =
+        settings.redirectAddresses.size() > settings.redirectAddresses.count(settings.access.sHost);
+    if (bHasOthers && settings.nRedirectPort == 0)
+        findings.bad("redirect-address of other hosts without redirect-port", "configure redirect-port");
+}
+
+void checkCertificate(const RelaySettings& settings, Findings& findings) {
+    const EngineAccess& access = settings.access;
+    if (access.sCertificate.empty())
+        return;
+    try {
+        const Certificate certificate(access.sCertificate);
+        const int nDays = certificate.daysLeft();
+        if (nDays < 0)
+            findings.bad("the certificate " + access.sCertificate + " has expired", "renew it");
+        else if (nDays < cSoon)
+            findings.warn("the certificate " + access.sCertificate + " expires in " + std::to_string(nDays) +
+                              (nDays == 1 ? " day" : " days"),
+                          "renew it; it is read again at the next connection");
+        else
+            findings.good("certificate, " + std::to_string(nDays) + " days left");
+        if (!certificate.hasName(access.sHost))
+            findings.bad("the certificate " + access.sCertificate + " is not for the DNS name " +
+                             access.sHost,
+                         "the engine knows a host by the DNS name of its certificate");
+    } catch (const std::exception& error) {
+        findings.bad(error.what(), "see whether it is a certificate, and readable for this user");
+    }
+
+    struct stat key {};
+
+    if (::stat(access.sKey.c_str(), &key) == 0 && (key.st_mode & 0077U) != 0)
+        findings.warn("others may read the key " + access.sKey, "chmod 600, and owned by vornrelay");
+}
+
 void checkServers(const RelaySettings& settings, Findings& findings) {
     for (const std::string& sServer : settings.access.servers) {
         const Json greeting = greetingOf(sServer);
@@ -153,15 +230,64 @@ void checkStream(const RelaySettings& settings, NatsAdministration& engine, Find
                           "for production three servers; the administrator: vornnet relay hosts add " +
                               settings.access.sHost + " --replicas 3");
     } catch (const AdministrationError& error) {
-        if (error.code() == cConsumerMissing)
+        if (error.code() == cConsumerMissing && settings.access.bFixedConsumer)
+            findings.bad(sStream + " has no consumer, and this host may not create one",
+                         "the administrator: vornnet relay hosts add " + settings.access.sHost +
+                             " --consumer fixed");
+        else if (error.code() == cConsumerMissing)
             findings.good("stream " + sStream + ", and no relay has read it yet");
         else if (error.code() == cStreamMissing)
             findings.bad("there is no stream " + sStream,
                          "the administrator: vornnet relay hosts add " + settings.access.sHost);
         else
-            findings.bad(sStream + ": " + error.what(),
-                         "give this host the permissions that hosts add prints");
+            findings.bad(sStream + ": " + error.what(), cGrant);
     }
+}
+
+/** Each of these is granted by the block that hosts add prints, and the relay does not work without it. */
+void checkGranted(const RelaySettings& settings, NatsAdministration& engine, Findings& findings) {
+    const std::string& sHost = settings.access.sHost;
+    std::vector<std::string> subjects{"vorn.gone." + sHost, "vorn.dead." + sHost};
+    if (!settings.bReceive)
+        subjects.clear();
+    for (const std::string& sTo : settings.sendTo)
+        subjects.push_back("vorn.to." + sTo + ".sink.lease.0");
+    for (const std::string& sSubject : subjects) {
+        if (!engine.mayPublishTo(sSubject))
+            findings.bad("this host may not publish to " + sSubject, cGrant);
+    }
+    for (const std::string& sSubject : {inboxOf(settings.access) + ".>", std::string("vorn.gone.*")}) {
+        if (!engine.mayListenTo(sSubject))
+            findings.bad("this host may not subscribe to " + sSubject, cGrant);
+    }
+}
+
+/** None of these does harm when it is allowed: what they name does not exist. */
+void checkForbidden(const RelaySettings& settings, NatsAdministration& engine, Findings& findings) {
+    const std::string sOwnStream = "VORN_TO_" + settings.access.sHost;
+    std::vector<std::string> forbidden{"vorn.dead.doctor",
+                                       "vorn.gone.doctor",
+                                       "$JS.ACK.VORN_TO_doctor.relay.1.1.1.1.0",
+                                       "$JS.API.STREAM.CREATE.VORN_doctor",
+                                       "$JS.API.STREAM.DELETE.VORN_TO_doctor",
+                                       "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_doctor.relay",
+                                       "$JS.API.CONSUMER.DURABLE.CREATE.VORN_TO_doctor.relay",
+                                       "$JS.API.CONSUMER.CREATE." + sOwnStream};
+    if (settings.access.bFixedConsumer) {
+        forbidden.push_back("$JS.API.CONSUMER.DURABLE.CREATE." + sOwnStream + ".doctor");
+        forbidden.push_back("$JS.API.CONSUMER.DELETE." + sOwnStream + ".doctor");
+    }
+    const int nBefore = findings.count();
+    for (const std::string& sSubject : forbidden) {
+        if (engine.mayPublishTo(sSubject))
+            findings.warn("this host may publish to " + sSubject, cRevoke);
+    }
+    if (engine.mayListenTo("vorn.to.>"))
+        findings.warn("this host may read what is sent to all others", cRevoke);
+    if (engine.mayListenTo("_INBOX_doctor.>"))
+        findings.warn("this host may read the answers to others: _INBOX_doctor.>", cRevoke);
+    if (findings.count() == nBefore)
+        findings.good("what is forbidden is denied");
 }
 
 void checkEngine(const RelaySettings& settings, Findings& findings) {
@@ -170,11 +296,8 @@ void checkEngine(const RelaySettings& settings, Findings& findings) {
         findings.good("connected as " + settings.access.sHost);
         if (settings.bReceive)
             checkStream(settings, engine, findings);
-        if (engine.mayListenTo("vorn.to.>"))
-            findings.warn("this host may read what is sent to all others",
-                          "give it the permissions that vornnet relay hosts add prints");
-        else
-            findings.good("what is sent to others cannot be read");
+        checkGranted(settings, engine, findings);
+        checkForbidden(settings, engine, findings);
     } catch (const std::exception& error) {
         findings.bad(std::string("no connection to the engine: ") + error.what(),
                      "see whether it runs, the certificates, and the name in them");
@@ -206,6 +329,9 @@ int checkHost(const std::string& sSettingsFile) {
         const RelaySettings settings = RelaySettings::read(sSettingsFile);
         findings.good("configuration of " + settings.access.sHost);
         checkDirectories(settings, findings);
+        checkJournal(settings, findings);
+        checkPlaces(settings, findings);
+        checkCertificate(settings, findings);
         checkServers(settings, findings);
         checkEngine(settings, findings);
     } catch (const SettingsError& error) {

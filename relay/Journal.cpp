@@ -76,6 +76,12 @@ Journal::Journal(const std::string& sPath)
     begin(sPath);
 }
 
+bool Journal::isDamaged(const std::string& sPath) {
+    const std::string sContent = readState(sPath);
+    return !sContent.empty() &&
+           (sContent.size() % cRecordSize != 0 || !sContent.starts_with(std::string(cMagic, sizeof cMagic)));
+}
+
 NotificationNumber Journal::last(std::uint32_t nLease, const std::string& sSource) const {
     const auto found = m_entries.find({nLease, sSource});
     return found == m_entries.end() ? NotificationNumber() : found->second.last;

@@ -33,6 +33,9 @@ public:
      */
     explicit Journal(const std::string& sPath);
 
+    /** @return whether there is a file that is no journal, as far as its beginning and its size tell. */
+    static bool isDamaged(const std::string& sPath);
+
     /** @return whether a damaged file was put aside. */
     bool wasDamaged() const { return m_bWasDamaged; }
 

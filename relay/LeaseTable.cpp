@@ -145,7 +145,7 @@ std::uint32_t LeaseTable::newNumber(bool bNamed) const {
         if (::getrandom(&nNumber, sizeof nNumber, 0) != sizeof nNumber)
             failWith("getrandom");
         nNumber = bNamed ? nNumber | cNamed : nNumber & ~cNamed;
-        if ((nNumber & ~cNamed) != 0 && !m_leases.contains(nNumber))
+        if ((nNumber & ~cNamed) >= cPorts && !m_leases.contains(nNumber))
             return nNumber;
     }
 }

@@ -42,8 +42,9 @@ std::uint64_t startOfProcess(pid_t process);
  * The leases of this host, in a file to which each change is appended, and synced before it is told.
  *
  * Numbers are random, since whoever may write to a relay's pipe and knows a number may notify. The highest
- * bit says that the lease has a name. 0 is never given. The numbers of names that have ended are remembered,
- * for services that have not heard of it may go on sending to them.
+ * bit says that the lease has a name. Numbers below 65,536 are never given: they stand for TCP ports. The
+ * numbers of names that have ended are remembered, for services that have not heard of it may go on sending
+ * to them.
  *
  * Thread-safety: none. Blocking: until a change is on disk. Ownership: the file is the table's. Signals: none
  * raised. Errors: std::system_error; LeaseRefused for a name of another user.
@@ -78,8 +79,12 @@ public:
 
     static bool isNamedNumber(std::uint32_t nNumber) { return (nNumber & cNamed) != 0; }
 
+    /** @return whether it is no lease, but a TCP port. */
+    static bool isPort(std::uint32_t nNumber) { return nNumber < cPorts; }
+
 private:
     static constexpr std::uint32_t cNamed = 0x80000000U;
+    static constexpr std::uint32_t cPorts = 0x10000U;
 
     void load(const std::string& sContent);
     bool loadLine(const std::string& sLine);

@@ -6,6 +6,7 @@
 #include <VornException.h>
 #include <VornPipeConnection.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -52,6 +53,14 @@ std::string textOf(const Json& value) {
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
+std::string lineOf(const Json& lease) {
+    std::string sName = textOf(lease["name"]);
+    sName.resize(std::max<std::size_t>(sName.size(), 16), ' ');
+    return sName + " " + textOf(lease["address"]) + " " + textOf(lease["handle"]) + ", " +
+           textOf(lease["waiting"]) + " waiting, oldest " + textOf(lease["oldest"]) + " s, " +
+           textOf(lease["tries"]) + " tries" + (lease["away"] == true ? ", away" : "");
+}
+
 } // namespace
 
 int runRelay(const std::string& sSettingsFile) {
@@ -70,7 +79,7 @@ int printStatus(bool bJson) {
     }
     const Json status = Json::parse(sAnswer);
     for (const auto& [sKey, value] : status.items()) {
-        if (sKey != "hosts")
+        if (!value.is_structured() || sKey == "dead")
             std::printf("%-10s %s\n", sKey.c_str(), textOf(value).c_str());
     }
     for (const Json& host : status["hosts"]) {
@@ -79,20 +88,18 @@ int printStatus(bool bJson) {
                     textOf(host["waiting"]).c_str(), textOf(host["bytes"]).c_str(),
                     sFailure.empty() ? "" : ", ", sFailure.c_str(), host["open"] == true ? "" : ", closed");
     }
+    for (const Json& sink : status["sinks"])
+        std::printf("sink %s\n", lineOf(sink).c_str());
+    if (const Json& stream = status["stream"]; stream.is_object())
+        std::printf("stream: %s messages, %s of %s bytes\n", textOf(stream["messages"]).c_str(),
+                    textOf(stream["bytes"]).c_str(), textOf(stream["limit"]).c_str());
     return exitDone;
 }
 
 int printLeases(bool bJson) {
     const Json leases = Json::parse(ask("leases"));
-    for (const Json& lease : leases) {
-        if (bJson)
-            std::printf("%s\n", lease.dump().c_str());
-        else
-            std::printf("%-16s %s %s, %s waiting, oldest %s s%s\n", textOf(lease["name"]).c_str(),
-                        textOf(lease["address"]).c_str(), textOf(lease["handle"]).c_str(),
-                        textOf(lease["waiting"]).c_str(), textOf(lease["oldest"]).c_str(),
-                        lease["away"] == true ? ", away" : "");
-    }
+    for (const Json& lease : leases)
+        std::printf("%s\n", bJson ? lease.dump().c_str() : lineOf(lease).c_str());
     return exitDone;
 }
 

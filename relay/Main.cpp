@@ -3,6 +3,7 @@
 #include "Commands.h"
 #include "NatsAdministration.h"
 
+#include <ExitStatus.h>
 #include <VornException.h>
 
 #include <cstdio>
@@ -26,12 +27,16 @@ struct Options {
     std::string sAddress;
     int nHandle = 0;
     std::string sHost;
-    std::vector<std::string> sendTo;
+    std::vector<std::string> sendTo{"*"};
     std::int64_t nMegabytes = 0; // 0: as it is
     std::int64_t nMessages = 0;
     std::int64_t nHours = 0;
     int nReplicas = 0;
-    std::uint64_t nPosition = 0;
+    std::string sConsumer = "own";
+    std::uint64_t nPosition = 0; // 0: all
+    std::int64_t nLease = 0;
+    std::vector<std::string> values;
+    std::string sId;
 
     RelaySettings settings() const { return RelaySettings::read(sSettingsFile); }
 };
@@ -67,6 +72,20 @@ void addLocal(CLI::App& app, Options& options, Runner& runner) {
     add(app, "release", "End a named lease", runner, [&] { return releaseLease(options.sName); })
         ->add_option("NAME", options.sName, "Name of the lease")
         ->required();
+    CLI::App* notify = add(app, "notify", "Notify a lease of another host, without a service", runner, [&] {
+        const auto nLease = static_cast<std::uint32_t>(options.nLease);
+        return options.sId.empty()
+                   ? notifyLease(options.sHost, nLease, options.values)
+                   : notifyLeaseOnce(options.settings(), options.sHost, nLease, options.values, options.sId);
+    });
+    notify->add_option("HOST", options.sHost, "The host of the sink")->required();
+    notify->add_option("LEASE", options.nLease, "The number that lease has printed")->required();
+    notify->add_option(
+        "VALUES", options.values,
+        "What the callback reads: int:N short:N long:N bool:true|false string:TEXT line:TEXT; a "
+        "number alone is a long, such as the notification's id");
+    notify->add_option("--id", options.sId,
+                       "Identity of the message: one with the same within two minutes is not stored again");
 }
 
 void addHosts(CLI::App& app, Options& options, Runner& runner) {
@@ -76,10 +95,12 @@ void addHosts(CLI::App& app, Options& options, Runner& runner) {
         add(*hosts, "add", "Create a host's stream or change it, and print its permissions for the server",
             runner, [&] {
                 return addHost(options.settings(), options.sHost, options.sendTo, options.nMegabytes,
-                               options.nMessages, options.nHours, options.nReplicas);
+                               options.nMessages, options.nHours, options.nReplicas,
+                               options.sConsumer == "fixed");
             });
     adding->add_option("HOST", options.sHost, "Name of the host")->required();
-    adding->add_option("--send-to", options.sendTo, "Hosts that it may notify");
+    adding->add_option("--send-to", options.sendTo,
+                       "Hosts that it may notify; * for all, which is the default; its own name for none");
     adding
         ->add_option("--megabytes", options.nMegabytes, "Most that may wait for the host; a new one has 1024")
         ->check(CLI::Range(1, 1 << 20));
@@ -91,6 +112,12 @@ void addHosts(CLI::App& app, Options& options, Runner& runner) {
         ->check(CLI::Range(1, 24 * 365));
     adding->add_option("--replicas", options.nReplicas, "Servers that keep a copy; a new one has 1")
         ->check(CLI::Range(1, 5));
+    adding
+        ->add_option(
+            "--consumer", options.sConsumer,
+            "own: the host creates its consumers; fixed: they are created now, for a host that is not "
+            "trusted")
+        ->check(CLI::IsMember({"own", "fixed"}));
     add(*hosts, "remove", "Remove a host's stream, and all that waits in it", runner,
         [&] { return removeHost(options.settings(), options.sHost); })
         ->add_option("HOST", options.sHost, "Name of the host")
@@ -110,13 +137,26 @@ void addDead(CLI::App& app, Options& options, Runner& runner) {
     using Action = int (*)(const RelaySettings&, std::uint64_t);
     const std::tuple<const char*, const char*, Action> actions[] = {
         {"show", "Print one with its content", &showDeadLetter},
-        {"resend", "Send one again through this host's relay, and drop it", &resendDeadLetter},
-        {"drop", "Remove one", &dropDeadLetter}};
+        {"resend", "Send one again through this host's relay, and drop it", &resendDeadLetter}};
     for (const auto& [szName, szText, action] : actions)
         add(*dead, szName, szText, runner,
             [&options, action = action] { return action(options.settings(), options.nPosition); })
             ->add_option("NUMBER", options.nPosition, "As printed by dead list")
             ->required();
+    add(*dead, "drop", "Remove one, or all", runner, [&] {
+        return options.nPosition == 0 ? dropDeadLetters(options.settings())
+                                      : dropDeadLetter(options.settings(), options.nPosition);
+    })->add_option("NUMBER", options.nPosition, "As printed by dead list; without it all are removed");
+}
+
+void addRedirect(CLI::App& app, Options& options, Runner& runner) {
+    CLI::App* redirect = app.add_subcommand(
+        "redirect", "Lead connections to the redirect-addresses of other hosts to the relay; for root");
+    redirect->require_subcommand(1);
+    add(*redirect, "on", "Set up address, routes and the rule of the packet filter", runner,
+        [&] { return VornRelay::redirect(options.settings(), true); });
+    add(*redirect, "off", "Remove them", runner,
+        [&] { return VornRelay::redirect(options.settings(), false); });
 }
 
 int runCommand(const Runner& runner) {
@@ -125,6 +165,9 @@ int runCommand(const Runner& runner) {
     } catch (const SettingsError& error) {
         std::fprintf(stderr, "vornnet relay: %s\n", error.what());
         return exitUsage;
+    } catch (const VornTool::ToolError& error) {
+        std::fprintf(stderr, "vornnet relay: %s\n", error.what());
+        return error.status();
     } catch (const std::invalid_argument& error) {
         std::fprintf(stderr, "vornnet relay: %s\n", error.what());
         return exitUsage;
@@ -156,6 +199,7 @@ int main(int argc, char** argv) {
     addLocal(app, options, runner);
     addHosts(app, options, runner);
     addDead(app, options, runner);
+    addRedirect(app, options, runner);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

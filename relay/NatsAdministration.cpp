@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NatsAdministration.h"
 
+#include <algorithm>
 #include <sstream>
 #include <string_view>
 
@@ -104,6 +105,10 @@ void NatsAdministration::addHost(const std::string& sHost, const Limits& limits)
         apply(limits, config);
         request("$JS.API.STREAM.UPDATE." + sStream, config);
     }
+    if (limits.bFixedConsumer) {
+        addConsumer(sHost, "relay", "sink", limits);
+        addConsumer(sHost, "keep", "keep", limits);
+    }
     try {
         request(std::string("$JS.API.STREAM.INFO.") + cDeadStream);
     } catch (const AdministrationError& error) {
@@ -176,11 +181,48 @@ void NatsAdministration::dropDeadLetter(std::uint64_t nPosition) {
     request(std::string("$JS.API.STREAM.MSG.DELETE.") + cDeadStream, {{"seq", nPosition}});
 }
 
+void NatsAdministration::dropDeadLetters() {
+    request(std::string("$JS.API.STREAM.PURGE.") + cDeadStream);
+}
+
+bool NatsAdministration::publish(const Engine::Message& message) {
+    natsMsg* created = nullptr;
+    natsMsg_Create(&created, message.sSubject.c_str(), nullptr, message.sContent.data(),
+                   static_cast<int>(message.sContent.size()));
+    const NatsPointer<natsMsg> spMessage(created);
+    for (const auto& [sName, sValue] : message.headers)
+        natsMsgHeader_Set(created, sName.c_str(), sValue.c_str());
+    return !ask(created).value("duplicate", false);
+}
+
 NatsAdministration::Json NatsAdministration::request(const std::string& sSubject, const Json& content) {
     const std::string sContent = content.is_null() ? "" : content.dump();
+    natsMsg* created = nullptr;
+    natsMsg_Create(&created, sSubject.c_str(), nullptr, sContent.data(), static_cast<int>(sContent.size()));
+    return ask(NatsPointer<natsMsg>(created).get());
+}
+
+bool NatsAdministration::mayListenTo(const std::string& sSubject) {
+    natsSubscription* created = nullptr;
+    natsConnection_SubscribeSync(&created, m_spConnection.get(), sSubject.c_str());
+    const NatsPointer<natsSubscription> spSubscription(created);
+    return !wasDenied(sSubject);
+}
+
+bool NatsAdministration::mayPublishTo(const std::string& sSubject) {
+    natsMsg* created = nullptr;
+    natsMsg_Create(&created, sSubject.c_str(), nullptr, "", 0);
+    const NatsPointer<natsMsg> spMessage(created);
+    natsMsgHeader_Set(created, "Nats-Expected-Stream", "VORN_NONE");
+    natsConnection_PublishMsg(m_spConnection.get(), created);
+    return !wasDenied(sSubject);
+}
+
+NatsAdministration::Json NatsAdministration::ask(natsMsg* message) {
+    const std::string sSubject = natsMsg_GetSubject(message);
     natsMsg* received = nullptr;
-    const natsStatus status = natsConnection_RequestString(&received, m_spConnection.get(), sSubject.c_str(),
-                                                           sContent.c_str(), cLimit.count());
+    const natsStatus status =
+        natsConnection_RequestMsg(&received, m_spConnection.get(), message, cLimit.count());
     if (status != NATS_OK)
         throw AdministrationError(sSubject + ": " + textOf(status), 0);
     const NatsPointer<natsMsg> spReply(received);
@@ -195,24 +237,43 @@ NatsAdministration::Json NatsAdministration::request(const std::string& sSubject
     return reply;
 }
 
-bool NatsAdministration::mayListenTo(const std::string& sSubject) {
-    natsSubscription* created = nullptr;
-    natsConnection_SubscribeSync(&created, m_spConnection.get(), sSubject.c_str());
-    const NatsPointer<natsSubscription> spSubscription(created);
+bool NatsAdministration::wasDenied(const std::string& sSubject) {
     natsConnection_FlushTimeout(m_spConnection.get(), cLimit.count());
     const char* szError = nullptr;
-    const natsStatus status = natsConnection_GetLastError(m_spConnection.get(), &szError);
-    return status == NATS_OK || szError == nullptr ||
-           std::string_view(szError).find("ermissions") == std::string_view::npos;
+    natsConnection_GetLastError(m_spConnection.get(), &szError);
+    const std::string_view sError = szError == nullptr ? "" : szError;
+    return sError.find("ermissions") != std::string_view::npos &&
+           sError.find(sSubject) != std::string_view::npos;
 }
 
-std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo) {
-    std::vector<std::string> publish;
+void NatsAdministration::addConsumer(const std::string& sHost, const std::string& sConsumer,
+                                     const std::string& sKind, const Limits& limits) {
+    const std::string sStream = std::string(cStreamPrefix) + sHost;
+    const Json config = {{"durable_name", sConsumer},
+                         {"ack_policy", "explicit"},
+                         {"deliver_policy", "all"},
+                         {"replay_policy", "instant"},
+                         {"ack_wait", limits.nAckWait * cSecond},
+                         {"max_ack_pending", -1},
+                         {"filter_subject", "vorn.to." + sHost + "." + sKind + ".>"}};
+    request("$JS.API.CONSUMER.DURABLE.CREATE." + sStream + "." + sConsumer,
+            {{"stream_name", sStream}, {"config", config}});
+}
+
+std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo,
+                          bool bFixedConsumer) {
+    std::vector<std::string> publish{"$JS.API.INFO"};
     for (const std::string& sTo : sendTo)
         publish.push_back("vorn.to." + sTo + ".>");
+    if (std::find(sendTo.begin(), sendTo.end(), "*") != sendTo.end())
+        publish.emplace_back("$JS.API.STREAM.NAMES");
     const std::string sStream = std::string(cStreamPrefix) + sHost;
-    for (const char* szCall : {"DURABLE.CREATE", "DELETE", "INFO", "MSG.NEXT"})
-        publish.push_back(std::string("$JS.API.CONSUMER.") + szCall + "." + sStream + ".*");
+    std::vector<std::string> calls{"INFO", "MSG.NEXT"};
+    if (!bFixedConsumer)
+        calls.insert(calls.begin(), {"DURABLE.CREATE", "DELETE"});
+    for (const std::string& sCall : calls)
+        publish.push_back("$JS.API.CONSUMER." + sCall + "." + sStream + ".*");
+    publish.push_back("$JS.API.STREAM.INFO." + sStream);
     publish.push_back("$JS.ACK." + sStream + ".>");
     publish.push_back("vorn.dead." + sHost);
     publish.push_back("vorn.gone." + sHost);

@@ -3,6 +3,7 @@
 #ifndef VORNRELAY_NATSADMINISTRATION_H
 #define VORNRELAY_NATSADMINISTRATION_H
 
+#include "Engine.h"
 #include "NatsConnection.h"
 
 #include <cstdint>
@@ -52,10 +53,12 @@ public:
      * just fits into the bytes that are left, it deletes the oldest one, which it has confirmed.
      */
     struct Limits {
-        std::int64_t nBytes = 0;    ///< new: 1 GiB
-        std::int64_t nMessages = 0; ///< new: 2^20
-        std::int64_t nSeconds = 0;  ///< new: a week
-        int nReplicas = 0;          ///< new: 1
+        std::int64_t nBytes = 0;     ///< new: 1 GiB
+        std::int64_t nMessages = 0;  ///< new: 2^20
+        std::int64_t nSeconds = 0;   ///< new: a week
+        int nReplicas = 0;           ///< new: 1
+        bool bFixedConsumer = false; ///< the consumers are created here, and not by the host
+        std::int64_t nAckWait = 30;  ///< of such consumers, in seconds: until what was handed out comes again
     };
 
     explicit NatsAdministration(const EngineAccess& access);
@@ -72,19 +75,37 @@ public:
     std::vector<DeadLetter> deadLetters();
     DeadLetter deadLetter(std::uint64_t nPosition);
     void dropDeadLetter(std::uint64_t nPosition);
+    void dropDeadLetters();
+
+    /** Stores a message, unless one with its identity was stored just now. @return whether it is new */
+    bool publish(const Engine::Message& message);
 
     /** @return the answer to a request. */
     Json request(const std::string& sSubject, const Json& content = Json());
 
-    /** @return whether the engine lets this host listen to all that others are sent; it should not. */
+    /** @return whether the engine lets this host listen to a subject. */
     bool mayListenTo(const std::string& sSubject);
 
+    /** @return whether the engine lets this host publish to a subject; no stream keeps what is sent for that.
+     */
+    bool mayPublishTo(const std::string& sSubject);
+
 private:
+    Json ask(natsMsg* message);
+    bool wasDenied(const std::string& sSubject);
+    void addConsumer(const std::string& sHost, const std::string& sConsumer, const std::string& sKind,
+                     const Limits& limits);
+
     NatsPointer<natsConnection> m_spConnection;
 };
 
-/** @return the block of the engine's configuration that gives a host what its relay needs, and no more. */
-std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo);
+/**
+ * @return the block of the engine's configuration that gives a host what its relay needs, and no more.
+ * @param sendTo hosts that it may notify; "*" for all, and then it may also see which there are
+ * @param bFixedConsumer it creates no consumers, and so names no subject for the engine to deliver to
+ */
+std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo,
+                          bool bFixedConsumer = false);
 
 } // namespace VornRelay
 

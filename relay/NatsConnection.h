@@ -23,6 +23,7 @@ struct EngineAccess {
     std::string sLogin;       ///< user name, for engines without TLS
     std::string sPassword;    ///< and password
     std::chrono::milliseconds writeLimit{5000}; ///< after which a server that reads nothing is given up
+    bool bFixedConsumer = false; ///< consumers are the administrator's, and this host only reads through them
 };
 
 /** @return what the client library says of a status, and of its last error on this thread. */

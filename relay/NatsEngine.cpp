@@ -23,6 +23,7 @@ constexpr milliseconds cPauseBetweenConnections{250};
 constexpr milliseconds cSweepInterval{250};
 constexpr long long cPullExpiry = 5'000'000'000; // nanoseconds
 constexpr long long cAckWait = 30'000'000'000;
+constexpr std::string_view cStreamPrefix = "VORN_TO_";
 constexpr int cStreamFull = 10077;
 constexpr int cMessageTooLong = 10054;
 
@@ -146,7 +147,8 @@ struct NatsEngine::Link {
 
 NatsEngine::NatsEngine(RelayLoop& loop, EngineAccess access, milliseconds answerLimit, Listener& listener)
     : m_loop(loop), m_access(std::move(access)), m_sInbox(inboxOf(m_access)),
-      m_sStream("VORN_TO_" + m_access.sHost), m_answerLimit(answerLimit), m_listener(listener) {}
+      m_sStream(std::string(cStreamPrefix) + m_access.sHost), m_answerLimit(answerLimit),
+      m_listener(listener) {}
 
 NatsEngine::~NatsEngine() {
     stop();
@@ -182,19 +184,24 @@ void NatsEngine::publish(const Message& message, AnswerHandler onAnswer) {
 }
 
 void NatsEngine::open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) {
+    if (m_access.bFixedConsumer) {
+        lookAt(sConsumer, std::move(onOpened));
+        return;
+    }
     // A consumer that is already there holds back what it has handed out before until its time is up, and
     // lets newer messages pass. A new one hands out everything that is not acknowledged, in order, at once.
     request("$JS.API.CONSUMER.DELETE." + m_sStream + "." + sConsumer, "",
             [this, sConsumer, sFilter, handler = std::move(onOpened)](const std::string* pReply) {
                 if (pReply == nullptr)
-                    handler("no answer");
+                    handler({"no answer"});
                 else
                     create(sConsumer, sFilter, handler);
             });
 }
 
 void NatsEngine::close(const std::string& sConsumer) {
-    request("$JS.API.CONSUMER.DELETE." + m_sStream + "." + sConsumer, "", [](const std::string*) {});
+    if (!m_access.bFixedConsumer)
+        request("$JS.API.CONSUMER.DELETE." + m_sStream + "." + sConsumer, "", [](const std::string*) {});
 }
 
 void NatsEngine::pull(const std::string& sConsumer, std::size_t nCount) {
@@ -214,6 +221,26 @@ void NatsEngine::tell(const std::string& sSubject, const std::string& sText) {
 
 void NatsEngine::listenTo(const std::string& sSubject) {
     m_listenedTo.push_back(sSubject);
+}
+
+void NatsEngine::measure(FillHandler onAnswer) {
+    request("$JS.API.STREAM.INFO." + m_sStream, "",
+            [handler = std::move(onAnswer)](const std::string* pReply) {
+                const Json reply = pReply == nullptr ? Json() : Json::parse(*pReply, nullptr, false);
+                if (!reply.is_object() || !reply.contains("state") || !reply.contains("config")) {
+                    handler(nullptr);
+                    return;
+                }
+                const Fill fill{reply["state"].value("messages", std::uint64_t{0}),
+                                reply["state"].value("bytes", std::uint64_t{0}),
+                                reply["config"].value("max_bytes", std::int64_t{-1}),
+                                reply["config"].value("max_msgs", std::int64_t{-1})};
+                handler(&fill);
+            });
+}
+
+void NatsEngine::listHosts(HostsHandler onAnswer) {
+    listHostsFrom(std::make_shared<std::vector<std::string>>(), std::move(onAnswer));
 }
 
 std::size_t NatsEngine::mostContent() const {
@@ -304,6 +331,47 @@ void NatsEngine::request(const std::string& sSubject, const std::string& sText, 
         m_loop.post([this, nTicket] { settle(nTicket, nullptr); });
 }
 
+/** @param spStreams names of all streams so far; the next page begins after them */
+void NatsEngine::listHostsFrom(std::shared_ptr<std::vector<std::string>> spStreams, HostsHandler onAnswer) {
+    request("$JS.API.STREAM.NAMES", Json{{"offset", spStreams->size()}}.dump(),
+            [this, spStreams, handler = std::move(onAnswer)](const std::string* pReply) {
+                const Json reply = pReply == nullptr ? Json() : Json::parse(*pReply, nullptr, false);
+                if (!reply.is_object() || !reply.contains("total")) {
+                    handler(nullptr);
+                    return;
+                }
+                const Json page = reply.value("streams", Json());
+                for (const Json& name : page)
+                    spStreams->push_back(name);
+                if (!page.empty() && spStreams->size() < reply.value("total", std::size_t{0})) {
+                    listHostsFrom(spStreams, handler);
+                    return;
+                }
+                std::vector<std::string> hosts;
+                for (const std::string& sStream : *spStreams) {
+                    if (sStream.starts_with(cStreamPrefix))
+                        hosts.push_back(sStream.substr(cStreamPrefix.size()));
+                }
+                handler(&hosts);
+            });
+}
+
+void NatsEngine::lookAt(const std::string& sConsumer, OpenHandler onOpened) {
+    request("$JS.API.CONSUMER.INFO." + m_sStream + "." + sConsumer, "",
+            [handler = std::move(onOpened)](const std::string* pReply) {
+                Opened opened{pReply == nullptr ? "no answer" : errorIn(*pReply)};
+                if (opened.sError.empty()) {
+                    const Json info = Json::parse(*pReply, nullptr, false);
+                    opened.nHandedOut =
+                        info.value("delivered", Json::object()).value("stream_seq", std::uint64_t{0});
+                    opened.nUnanswered = info.value("num_ack_pending", std::uint64_t{0});
+                    opened.comesAgain = std::chrono::duration_cast<milliseconds>(std::chrono::nanoseconds(
+                        info.value("config", Json::object()).value("ack_wait", cAckWait)));
+                }
+                handler(opened);
+            });
+}
+
 void NatsEngine::create(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) {
     const Json config = {{"durable_name", sConsumer},  {"ack_policy", "explicit"}, {"deliver_policy", "all"},
                          {"replay_policy", "instant"}, {"ack_wait", cAckWait},     {"max_ack_pending", -1},
@@ -311,7 +379,7 @@ void NatsEngine::create(const std::string& sConsumer, const std::string& sFilter
     request("$JS.API.CONSUMER.DURABLE.CREATE." + m_sStream + "." + sConsumer,
             Json{{"stream_name", m_sStream}, {"config", config}}.dump(),
             [handler = std::move(onOpened)](const std::string* pReply) {
-                handler(pReply == nullptr ? "no answer" : errorIn(*pReply));
+                handler({pReply == nullptr ? "no answer" : errorIn(*pReply)});
             });
 }
 

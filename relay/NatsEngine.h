@@ -53,6 +53,8 @@ public:
     void acknowledge(const std::string& sReceipt) override;
     void tell(const std::string& sSubject, const std::string& sText) override;
     void listenTo(const std::string& sSubject) override;
+    void measure(FillHandler onAnswer) override;
+    void listHosts(HostsHandler onAnswer) override;
     std::size_t mostContent() const override;
 
 private:
@@ -73,6 +75,8 @@ private:
 
     void expect(std::uint64_t nTicket, ReplyHandler onReply);
     void request(const std::string& sSubject, const std::string& sText, ReplyHandler onReply);
+    void listHostsFrom(std::shared_ptr<std::vector<std::string>> spStreams, HostsHandler onAnswer);
+    void lookAt(const std::string& sConsumer, OpenHandler onOpened);
     void create(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened);
     bool send(const Message& message, const std::string& sReply);
     void giveUp(Link& link);

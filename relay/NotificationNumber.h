@@ -25,6 +25,11 @@ inline std::string idOf(std::string_view sHost, const NotificationNumber& number
     return std::string(sHost) + "." + std::to_string(number.nBoot) + "." + std::to_string(number.nCount);
 }
 
+/** @return the identity of a notification to which the sender has given one himself. */
+inline std::string givenIdOf(std::string_view sHost, std::string_view sId) {
+    return std::string(sHost) + ".id." + std::string(sId);
+}
+
 /** @return the number in "host.boot.count", if it is one of that host. */
 inline std::optional<NotificationNumber> numberIn(std::string_view sId, std::string_view sHost) {
     if (sId.size() <= sHost.size() || !sId.starts_with(sHost) || sId[sHost.size()] != '.')

@@ -28,6 +28,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds cLookInterval{100};
 constexpr milliseconds cStopLimit{10'000};
+constexpr milliseconds cAskInterval{10'000};
 constexpr std::string_view cPipe = "pipe:";
 constexpr std::size_t cLongestName = 256;
 
@@ -44,6 +45,18 @@ void checkAddress(const std::string& sAddress, uid_t user) {
         throw LeaseRefused("there is no such pipe");
     if (user != 0 && file.st_uid != user)
         throw LeaseRefused("the pipe belongs to another user");
+}
+
+Json sinkOf(const Lease& lease, const SinkDelivery::Queue& queue) {
+    return {{"name", lease.sName},
+            {"address", lease.sAddress},
+            {"handle", lease.nHandle},
+            {"user", lease.user},
+            {"process", lease.process},
+            {"waiting", queue.nWaiting},
+            {"oldest", static_cast<double>(queue.oldest.count()) / 1000},
+            {"tries", queue.nTries},
+            {"away", queue.bAway}};
 }
 
 } // namespace
@@ -85,10 +98,14 @@ Relay::Relay(RelaySettings settings, std::string sSettingsFile)
     g_nLogLevel.store(m_settings.nLogLevel, std::memory_order_relaxed);
     if (m_settings.bReceive)
         m_spDelivery = std::make_unique<SinkDelivery>(m_loop, m_engine, m_settings, m_counters);
+    m_engine.listenTo("vorn.gone.*");
     for (const std::string& sHost : m_settings.sendTo)
-        m_hosts.try_emplace(sHost,
-                            std::make_unique<RemoteHost>(m_loop, m_engine, m_settings.access.sHost, sHost,
-                                                         m_settings.nWindow, m_number, m_counters));
+        addHost(sHost);
+    if (m_settings.nRedirectPort != 0)
+        m_redirectPort.emplace(m_loop, m_settings.nRedirectPort,
+                               [this](VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant) {
+                                   redirected(std::move(connection), meant);
+                               });
     if (!m_settings.sMetrics.empty())
         m_metrics.emplace(m_loop, m_settings.sMetrics, [this] { return metrics(); });
 }
@@ -96,6 +113,7 @@ Relay::Relay(RelaySettings settings, std::string sSettingsFile)
 Relay::~Relay() {
     m_engine.stop(); // its threads post no more; what they have posted is thrown away with the loop
     m_loop.cancel(m_look);
+    m_loop.cancel(m_asking);
 }
 
 void Relay::run() {
@@ -116,6 +134,7 @@ void Relay::connected() {
         spHost->queue().setConnected(true);
     if (m_spDelivery)
         m_spDelivery->setConnected(true);
+    askEngine();
 }
 
 void Relay::disconnected(const std::string& sWhy) {
@@ -126,6 +145,8 @@ void Relay::disconnected(const std::string& sWhy) {
         return;
     m_bConnected = false;
     m_bReady = false;
+    m_fill.reset();
+    m_loop.cancel(m_asking);
     tellServiceManager("STATUS=no connection to the engine: " + sWhy);
     for (const auto& [sHost, spHost] : m_hosts)
         spHost->queue().setConnected(false);
@@ -156,9 +177,99 @@ void Relay::told(const std::string& sSubject, const std::string& sText) {
         found->second->setGone(nLease);
 }
 
+void Relay::addHost(const std::string& sHost) {
+    const auto [entry, bIsNew] = m_hosts.try_emplace(sHost);
+    if (!bIsNew)
+        return;
+    entry->second = std::make_unique<RemoteHost>(m_loop, m_engine, m_settings.access.sHost, sHost,
+                                                 m_settings.nWindow, m_number, m_counters);
+    entry->second->queue().setConnected(m_bConnected);
+}
+
+/** Adds a host while services are accepted. */
+void Relay::addHostNow(const std::string& sHost) try {
+    addHost(sHost);
+    if (!m_bStopping)
+        m_hosts.at(sHost)->pipe().open();
+
+} catch (const std::system_error&) {
+
+    // It is tried again, and then told.
+}
+
+/** @return whether services of this host may notify that one. */
+bool Relay::isWanted(const std::string& sHost) const {
+    const std::vector<std::string>& listed = m_settings.sendTo;
+    return m_settings.bSendToAll ? m_found.contains(sHost)
+                                 : std::find(listed.begin(), listed.end(), sHost) != listed.end();
+}
+
+void Relay::hostsFound(const std::vector<std::string>& hosts) {
+    std::set<std::string> found(hosts.begin(), hosts.end());
+    found.erase(m_settings.access.sHost);
+    for (const std::string& sHost : found) {
+        if (!m_hosts.contains(sHost))
+            addHostNow(sHost);
+    }
+    m_found = std::move(found);
+}
+
+/** A host that may not be notified any more goes when what was accepted for it is stored. */
+void Relay::removeHosts() {
+    std::erase_if(m_hosts, [this](const auto& entry) {
+        if (isWanted(entry.first))
+            return false;
+        entry.second->pipe().close();
+        if (entry.second->pipe().reading() > 0 || entry.second->queue().size() > 0)
+            return false;
+        m_nRepeatedByRemoved += entry.second->queue().repeated();
+        return true;
+    });
+}
+
+/** Asks what the engine does not tell by itself, at each connection and now and then. */
+void Relay::askEngine() {
+    m_loop.cancel(m_asking);
+    m_asking = m_loop.after(cAskInterval, [this] { askEngine(); });
+    if (m_spDelivery)
+        m_engine.measure([this](const Engine::Fill* pFill) {
+            m_fill = pFill == nullptr ? std::nullopt : std::optional(*pFill);
+        });
+    if (m_settings.bSendToAll)
+        m_engine.listHosts([this](const std::vector<std::string>* pHosts) {
+            if (pHosts != nullptr)
+                hostsFound(*pHosts);
+        });
+}
+
 void Relay::openPipes() {
+    for (const auto& [sHost, spHost] : m_hosts) {
+        if (isWanted(sHost))
+            spHost->pipe().open();
+    }
+    if (m_redirectPort)
+        m_redirectPort->open();
+}
+
+void Relay::closePipes() {
     for (const auto& [sHost, spHost] : m_hosts)
-        spHost->pipe().open();
+        spHost->pipe().close();
+    if (m_redirectPort)
+        m_redirectPort->close();
+}
+
+/** A connection to nobody who may be notified now is reset. */
+void Relay::redirected(VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant) {
+    for (const auto& [sHost, spHost] : m_hosts) {
+        if (spHost->pipe().isOpen() && meant.sin_addr.s_addr != INADDR_ANY &&
+            m_settings.redirectAddress(sHost).s_addr == meant.sin_addr.s_addr) {
+            spHost->pipe().take(std::move(connection), ntohs(meant.sin_port));
+            return;
+        }
+    }
+    const linger reset{1, 0};
+    System::setsockopt(connection.number(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    ++m_counters.nRefused;
 }
 
 void Relay::look() {
@@ -168,6 +279,7 @@ void Relay::look() {
             m_loop.end();
         return;
     }
+    removeHosts();
     admitServices();
     sayReady();
 }
@@ -178,6 +290,8 @@ void Relay::admitServices() {
     const std::size_t nMost = m_hosts.size() == 1 ? nLimit : nLimit - std::min(nLimit, heldBytes());
     for (const auto& [sHost, spHost] : m_hosts) {
         spHost->complain();
+        if (!isWanted(sHost))
+            continue;
         try {
             spHost->admit(nMost);
         } catch (const std::system_error& error) {
@@ -212,8 +326,17 @@ void Relay::reload() try {
     m_settings.patience = fresh.patience;
     m_settings.onSlow = fresh.onSlow;
     m_settings.nLogLevel = fresh.nLogLevel;
+    if (!m_settings.bSendToAll) // until the engine has told, those remain who were listed
+        m_found.insert(m_settings.sendTo.begin(), m_settings.sendTo.end());
+    m_settings.sendTo = fresh.sendTo;
+    m_settings.bSendToAll = fresh.bSendToAll;
+    m_settings.redirectAddresses = fresh.redirectAddresses;
+    for (const std::string& sHost : m_settings.sendTo)
+        addHostNow(sHost);
+    if (m_bConnected)
+        askEngine();
     g_nLogLevel.store(fresh.nLogLevel, std::memory_order_relaxed);
-    logLine(LogLevel::change, "patience, on-slow and log-level were read again");
+    logLine(LogLevel::change, "send-to, patience, on-slow, redirect-address and log-level were read again");
 
 } catch (const SettingsError& error) {
 
@@ -228,8 +351,7 @@ void Relay::beginToStop() {
     tellServiceManager("STOPPING=1");
     logLine(LogLevel::change, "stopping");
     m_control.close();
-    for (const auto& [sHost, spHost] : m_hosts)
-        spHost->pipe().close();
+    closePipes();
     if (m_spDelivery)
         m_spDelivery->stop();
 }
@@ -251,7 +373,7 @@ std::string Relay::answer(const ControlRequest& request) {
     if (request.sVerb == "release")
         return release(request);
     std::string sBytes;
-    putText(sBytes, request.sVerb == "leases" ? leases() : status());
+    putText(sBytes, request.sVerb == "leases" ? sinks().dump() : status());
     return sBytes;
 }
 
@@ -300,23 +422,27 @@ std::string Relay::release(const ControlRequest& request) {
     return sBytes;
 }
 
-std::string Relay::leases() const {
+nlohmann::json Relay::sinks() const {
     Json list = Json::array();
     if (m_spDelivery) {
-        for (const auto& [nNumber, lease] : m_spDelivery->leases().all()) {
-            const SinkDelivery::Queue queue = m_spDelivery->queueOf(nNumber);
-            list.push_back({{"name", lease.sName},
-                            {"address", lease.sAddress},
-                            {"handle", lease.nHandle},
-                            {"user", lease.user},
-                            {"process", lease.process},
-                            {"waiting", queue.nWaiting},
-                            {"oldest", static_cast<double>(queue.oldest.count()) / 1000},
-                            {"tries", queue.nTries},
-                            {"away", queue.bAway}});
+        for (const auto& [nNumber, lease] : m_spDelivery->leases().all())
+            list.push_back(sinkOf(lease, m_spDelivery->queueOf(nNumber)));
+        const auto own = m_settings.redirectAddresses.find(m_settings.access.sHost);
+        for (const std::uint16_t nPort : m_spDelivery->ports()) {
+            Lease port;
+            port.sAddress = "socket:" + (own == m_settings.redirectAddresses.end() ? "" : own->second) + ":" +
+                            std::to_string(nPort);
+            list.push_back(sinkOf(port, m_spDelivery->queueOf(nPort)));
         }
     }
-    return list.dump();
+    return list;
+}
+
+std::uint64_t Relay::repeated() const {
+    std::uint64_t nRepeated = m_nRepeatedByRemoved;
+    for (const auto& [sHost, spHost] : m_hosts)
+        nRepeated += spHost->queue().repeated();
+    return nRepeated;
 }
 
 std::string Relay::status() {
@@ -329,6 +455,12 @@ std::string Relay::status() {
                          {"full", spHost->queue().isFull()},
                          {"failure", spHost->queue().failure()},
                          {"repeated", spHost->queue().repeated()}});
+    Json stream;
+    if (m_fill)
+        stream = {{"messages", m_fill->nMessages},
+                  {"bytes", m_fill->nBytes},
+                  {"limit", m_fill->nMostBytes},
+                  {"messages-limit", m_fill->nMostMessages}};
     return Json{{"host", m_settings.access.sHost},
                 {"connected", m_bConnected},
                 {"ready", m_bReady},
@@ -341,7 +473,13 @@ std::string Relay::status() {
                 {"dead", m_counters.dead},
                 {"held", m_spDelivery ? m_spDelivery->reader().held() : 0},
                 {"leases", m_spDelivery ? m_spDelivery->leases().all().size() : 0},
-                {"hosts", hosts}}
+                {"tries", m_counters.nTries},
+                {"resets", m_counters.nResets},
+                {"moved-ports", m_counters.nMovedPorts},
+                {"repeated", repeated()},
+                {"hosts", hosts},
+                {"sinks", sinks()},
+                {"stream", stream}}
         .dump();
 }
 
@@ -354,9 +492,15 @@ std::string Relay::metrics() {
         {"waiting_bytes", heldBytes()},
         {"held", m_spDelivery ? m_spDelivery->reader().held() : 0},
         {"leases", m_spDelivery ? m_spDelivery->leases().all().size() : 0}};
-    for (const auto& [szName, nValue] : gauges) {
-        const std::string sName = std::string("vornnet_relay_") + szName;
-        sText += "# TYPE " + sName + " gauge\n" + sName + " " + std::to_string(nValue) + "\n";
+    for (const auto& [szName, nValue] : gauges)
+        printMetric(sText, szName, "gauge", std::to_string(nValue));
+    printMetric(sText, "repeated_total", "counter", std::to_string(repeated()));
+    if (m_spDelivery)
+        m_spDelivery->printOldest(sText);
+    if (m_fill) {
+        printMetric(sText, "stream_messages", "gauge", std::to_string(m_fill->nMessages));
+        printMetric(sText, "stream_bytes", "gauge", std::to_string(m_fill->nBytes));
+        printMetric(sText, "stream_limit_bytes", "gauge", std::to_string(m_fill->nMostBytes));
     }
     return sText;
 }

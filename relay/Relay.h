@@ -6,6 +6,7 @@
 #include "ControlPipe.h"
 #include "MetricsSocket.h"
 #include "NatsEngine.h"
+#include "RedirectPort.h"
 #include "RelayCounters.h"
 #include "RelayLoop.h"
 #include "RelaySettings.h"
@@ -15,7 +16,10 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+
+#include <nlohmann/json.hpp>
 
 namespace VornRelay {
 
@@ -47,6 +51,14 @@ private:
     void consumerLost(const std::string& sConsumer) override;
     void told(const std::string& sSubject, const std::string& sText) override;
 
+    void addHost(const std::string& sHost);
+    void addHostNow(const std::string& sHost);
+    bool isWanted(const std::string& sHost) const;
+    void hostsFound(const std::vector<std::string>& hosts);
+    void removeHosts();
+    void redirected(VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant);
+    void closePipes();
+    void askEngine();
     void openPipes();
     void look();
     void admitServices();
@@ -59,7 +71,8 @@ private:
     std::string answer(const ControlRequest& request);
     std::string lease(const ControlRequest& request);
     std::string release(const ControlRequest& request);
-    std::string leases() const;
+    nlohmann::json sinks() const;
+    std::uint64_t repeated() const;
     std::string status();
     std::string metrics();
 
@@ -72,12 +85,17 @@ private:
     NatsEngine m_engine;
     std::unique_ptr<SinkDelivery> m_spDelivery;
     std::map<std::string, std::unique_ptr<RemoteHost>> m_hosts;
+    std::optional<RedirectPort> m_redirectPort;
     ControlPipe m_control;
     std::optional<MetricsSocket> m_metrics;
     RelayLoop::Timer m_look = 0;
+    RelayLoop::Timer m_asking = 0;
+    std::optional<Engine::Fill> m_fill; // of the own stream, as far as it may be seen
     RelayLoop::Clock::time_point m_stopUntil;
     RelayLoop::Clock::time_point m_nextSign;
     std::string m_sLastFailure;
+    std::set<std::string> m_found; // hosts that have a stream, where all may be notified
+    std::uint64_t m_nRepeatedByRemoved = 0;
     bool m_bConnected = false;
     bool m_bReady = false;
     bool m_bStopping = false;

@@ -17,6 +17,12 @@ std::string textOf(double value) {
 
 } // namespace
 
+void printMetric(std::string& sText, const std::string& sName, const char* szType,
+                 const std::string& sValue) {
+    sText.append("# TYPE vornnet_relay_").append(sName).append(" ").append(szType).append("\n");
+    sText.append("vornnet_relay_").append(sName).append(" ").append(sValue).append("\n");
+}
+
 void Histogram::add(std::chrono::steady_clock::duration span) {
     const double seconds = std::chrono::duration<double>(span).count();
     std::size_t i = 0;
@@ -39,13 +45,12 @@ void Histogram::print(std::string& sText, const std::string& sName) const {
 
 void RelayCounters::print(std::string& sText) const {
     const std::pair<const char*, std::uint64_t> all[] = {
-        {"accepted", nAccepted}, {"published", nPublished},    {"refused", nRefused},
-        {"broken", nBroken},     {"delivered", nDelivered},    {"tries", nTries},
-        {"skipped", nSkipped},   {"unjournaled", nUnjournaled}};
-    for (const auto& [szName, nValue] : all) {
-        const std::string sName = std::string("vornnet_relay_") + szName + "_total";
-        sText += "# TYPE " + sName + " counter\n" + sName + " " + std::to_string(nValue) + "\n";
-    }
+        {"accepted", nAccepted},     {"published", nPublished}, {"refused", nRefused},
+        {"broken", nBroken},         {"delivered", nDelivered}, {"tries", nTries},
+        {"resets", nResets},         {"skipped", nSkipped},     {"unjournaled", nUnjournaled},
+        {"moved_ports", nMovedPorts}};
+    for (const auto& [szName, nValue] : all)
+        printMetric(sText, std::string(szName) + "_total", "counter", std::to_string(nValue));
     sText += "# TYPE vornnet_relay_dead_total counter\n";
     for (const auto& [sReason, nValue] : dead)
         sText += "vornnet_relay_dead_total{reason=\"" + sReason + "\"} " + std::to_string(nValue) + "\n";

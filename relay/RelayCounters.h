@@ -11,6 +11,9 @@
 
 namespace VornRelay {
 
+/** Appends one value as Prometheus reads it. @param szType counter or gauge */
+void printMetric(std::string& sText, const std::string& sName, const char* szType, const std::string& sValue);
+
 /** How often something took how long. */
 class Histogram {
 public:
@@ -33,8 +36,10 @@ struct RelayCounters {
     std::uint64_t nBroken = 0;                 ///< cut short, thrown away
     std::uint64_t nDelivered = 0;              ///< consumed by a callback
     std::uint64_t nTries = 0;                  ///< connections to sinks
+    std::uint64_t nResets = 0;                 ///< of these, ended by a reset: not consumed
     std::uint64_t nSkipped = 0;                ///< came again, and were not delivered again
     std::uint64_t nUnjournaled = 0;            ///< delivered, and could not be written to the journal
+    std::uint64_t nMovedPorts = 0;             ///< TCP sinks that were found at another port
     std::map<std::string, std::uint64_t> dead; ///< dead letters by reason
     Histogram publishing;                      ///< from acceptance to the engine's answer
     Histogram delivering;                      ///< from arrival to the callback's end

@@ -13,6 +13,8 @@
 #include <sstream>
 #include <system_error>
 
+#include <arpa/inet.h>
+
 namespace VornRelay {
 
 namespace {
@@ -65,6 +67,24 @@ RelaySettings::OnSlow onSlowOf(const std::string& sText) {
     if (sText != "dead" && sText != "block")
         throw std::invalid_argument("neither dead nor block");
     return sText == "dead" ? RelaySettings::OnSlow::dead : RelaySettings::OnSlow::block;
+}
+
+bool isFixed(const std::string& sText) {
+    if (sText != "own" && sText != "fixed")
+        throw std::invalid_argument("neither own nor fixed");
+    return sText == "fixed";
+}
+
+/** Takes HOST=ADDRESS, once or several times. */
+void addAddresses(const std::string& sText, std::map<std::string, std::string>& addresses) {
+    for (const std::string& sWord : wordsOf(sText)) {
+        const std::size_t nEqual = sWord.find('=');
+        in_addr address{};
+        if (nEqual == std::string::npos ||
+            ::inet_pton(AF_INET, sWord.substr(nEqual + 1).c_str(), &address) != 1)
+            throw std::invalid_argument("not HOST=ADDRESS, with four numbers");
+        addresses[hostToken(sWord.substr(0, nEqual))] = sWord.substr(nEqual + 1);
+    }
 }
 
 std::vector<std::string> tokensOf(const std::string& sHosts) {
@@ -128,13 +148,20 @@ void RelaySettings::take(const std::string& sKey, const std::string& sValue) {
         {"key", [&] { access.sKey = sValue; }},
         {"login", [&] { access.sLogin = sValue; }},
         {"password", [&] { access.sPassword = sValue; }},
-        {"send-to", [&] { sendTo = tokensOf(sValue); }},
+        {"send-to",
+         [&] {
+             bSendToAll = sValue == "*";
+             sendTo = bSendToAll ? std::vector<std::string>() : tokensOf(sValue);
+         }},
         {"receive", [&] { bReceive = yesOrNo(sValue); }},
         {"window", [&] { nWindow = numberOf(sValue, 1, 65536); }},
         {"publish-timeout", [&] { publishTimeout = secondsOf(sValue); }},
         {"held", [&] { nHeld = numberOf(sValue, 16, 1'000'000); }},
         {"patience", [&] { patience = secondsOf(sValue); }},
         {"on-slow", [&] { onSlow = onSlowOf(sValue); }},
+        {"consumer", [&] { access.bFixedConsumer = isFixed(sValue); }},
+        {"redirect-port", [&] { nRedirectPort = static_cast<std::uint16_t>(numberOf(sValue, 1, 65535)); }},
+        {"redirect-address", [&] { addAddresses(sValue, redirectAddresses); }},
         {"hold-bytes", [&] { nHoldBytes = numberOf(sValue, 1); }},
         {"state-directory", [&] { sStateDirectory = sValue; }},
         {"metrics", [&] { sMetrics = sValue; }},
@@ -146,6 +173,13 @@ void RelaySettings::take(const std::string& sKey, const std::string& sValue) {
     if (sValue.empty() && sKey != "send-to")
         throw std::invalid_argument("no value");
     found->second();
+}
+
+in_addr RelaySettings::redirectAddress(const std::string& sHost) const {
+    in_addr address{};
+    if (const auto found = redirectAddresses.find(sHost); found != redirectAddresses.end())
+        ::inet_pton(AF_INET, found->second.c_str(), &address);
+    return address;
 }
 
 void RelaySettings::check() const {

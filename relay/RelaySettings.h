@@ -7,9 +7,13 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <netinet/in.h>
 
 namespace VornRelay {
 
@@ -26,13 +30,16 @@ struct RelaySettings {
 
     EngineAccess access;
     std::vector<std::string> sendTo; ///< hosts that services of this host may notify
+    bool bSendToAll = false;         ///< whoever has a stream
     bool bReceive = true;            ///< whether this host has sinks that others may notify
     std::size_t nWindow = 2048;      ///< most unanswered messages of one stream
     std::chrono::milliseconds publishTimeout{5000};
     std::size_t nHeld = 8192; ///< most messages in memory on their way to sinks
     std::chrono::milliseconds patience{60'000};
     OnSlow onSlow = OnSlow::dead;
-    std::size_t nHoldBytes = 64UL * 1024 * 1024; ///< most bytes that wait for the engine
+    std::uint16_t nRedirectPort = 0; ///< where services' connections are redirected to; 0: none
+    std::map<std::string, std::string> redirectAddresses; ///< by host, also the own one
+    std::size_t nHoldBytes = 64UL * 1024 * 1024;          ///< most bytes that wait for the engine
     std::string sStateDirectory = "/var/lib/vornnet-relay";
     std::string sMetrics; ///< socket file, empty for none
     int nLogLevel = 2;
@@ -46,6 +53,9 @@ struct RelaySettings {
 
     /** Takes one line. @throws std::invalid_argument with what is wrong */
     void take(const std::string& sKey, const std::string& sValue);
+
+    /** @return the address of a host's TCP sinks, 0 when it has none. */
+    in_addr redirectAddress(const std::string& sHost) const;
 
     /** @throws SettingsError when something is missing */
     void check() const;

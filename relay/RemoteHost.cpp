@@ -39,13 +39,27 @@ std::string timeText() {
 
 } // namespace
 
+std::string subjectOfLease(const std::string& sHost, std::uint32_t nLease) {
+    const char* szKind = LeaseTable::isNamedNumber(nLease) ? ".keep." : ".sink.lease.";
+    return "vorn.to." + sHost + szKind + std::to_string(nLease);
+}
+
+std::string subjectOfPort(const std::string& sHost, std::uint16_t nPort) {
+    return "vorn.to." + sHost + ".sink.tcp." + std::to_string(nPort);
+}
+
+Engine::Message messageTo(const std::string& sSubject, const std::string& sSource, const std::string& sId,
+                          std::string&& sExchange) {
+    return {sSubject,
+            {{"Nats-Msg-Id", sId}, {"Vorn-From", sSource}, {"Vorn-Time", timeText()}, {"Vorn-Version", "1"}},
+            std::move(sExchange)};
+}
+
 RemoteHost::RemoteHost(RelayLoop& loop, Engine& engine, const std::string& sSource, const std::string& sHost,
                        std::size_t nWindow, NotificationNumber& number, RelayCounters& counters)
     : m_engine(engine), m_sSource(sSource), m_sHost(sHost), m_number(number), m_counters(counters),
       m_queue(loop, engine, {nWindow, cAbsentLimit}, [this](Engine::Message& message) { stamp(message); }),
-      m_pipe(loop, "relay-" + sHost, *this) {
-    engine.listenTo("vorn.gone." + sHost);
-}
+      m_pipe(loop, "relay-" + sHost, *this) {}
 
 void RemoteHost::complain() {
     if (!m_queue.failure().empty())
@@ -69,15 +83,16 @@ void RemoteHost::setGone(std::uint32_t nLease) {
         m_gone.insert(nLease);
 }
 
-void RemoteHost::accepted(std::string&& sExchange, ServicePipe::DoneHandler onDone) {
+void RemoteHost::accepted(std::string&& sExchange, std::uint16_t nPort, ServicePipe::DoneHandler onDone) {
     const std::uint32_t nLease = leaseIn(sExchange);
-    if (nLease == 0 || m_gone.contains(nLease)) {
+    if (nPort == 0 && (nLease == 0 || m_gone.contains(nLease))) {
         ++m_counters.nRefused;
         onDone(false);
         return;
     }
     ++m_counters.nAccepted;
-    m_queue.add(messageOf(nLease, std::move(sExchange)),
+    const std::string sSubject = nPort == 0 ? subjectOfLease(m_sHost, nLease) : subjectOfPort(m_sHost, nPort);
+    m_queue.add(messageTo(sSubject, m_sSource, "", std::move(sExchange)),
                 [this, accepted = RelayLoop::Clock::now(), handler = std::move(onDone)](bool bStored) {
                     ++(bStored ? m_counters.nPublished : m_counters.nRefused);
                     m_counters.publishing.add(RelayLoop::Clock::now() - accepted);
@@ -99,13 +114,6 @@ std::size_t RemoteHost::mostContent() const {
 void RemoteHost::stamp(Engine::Message& message) {
     ++m_number.nCount;
     message.headers.front().second = idOf(m_sSource, m_number);
-}
-
-Engine::Message RemoteHost::messageOf(std::uint32_t nLease, std::string&& sExchange) const {
-    const char* szKind = LeaseTable::isNamedNumber(nLease) ? ".keep." : ".sink.lease.";
-    return {"vorn.to." + m_sHost + szKind + std::to_string(nLease),
-            {{"Nats-Msg-Id", ""}, {"Vorn-From", m_sSource}, {"Vorn-Time", timeText()}, {"Vorn-Version", "1"}},
-            std::move(sExchange)};
 }
 
 } // namespace VornRelay

@@ -15,6 +15,16 @@
 
 namespace VornRelay {
 
+/** @return the subject of what goes to a lease of another host. */
+std::string subjectOfLease(const std::string& sHost, std::uint32_t nLease);
+
+/** @return the subject of what goes to a TCP port of another host. */
+std::string subjectOfPort(const std::string& sHost, std::uint16_t nPort);
+
+/** @return a notification as it is stored; @p sId may be empty until the message is stamped. */
+Engine::Message messageTo(const std::string& sSubject, const std::string& sSource, const std::string& sId,
+                          std::string&& sExchange);
+
 /**
  * The service's side of a relay, for one remote host: what services write to the pipe `relay-HOST` is
  * numbered and stored in that host's stream. The pipe's file stands for all sinks of the host; the first four
@@ -43,14 +53,13 @@ public:
     void setGone(std::uint32_t nLease);
 
 private:
-    void accepted(std::string&& sExchange, ServicePipe::DoneHandler onDone) override;
+    void accepted(std::string&& sExchange, std::uint16_t nPort, ServicePipe::DoneHandler onDone) override;
 
     void broken() override { ++m_counters.nBroken; }
 
     void tooLong() override;
     std::size_t mostContent() const override;
     void stamp(Engine::Message& message);
-    Engine::Message messageOf(std::uint32_t nLease, std::string&& sExchange) const;
 
     const Engine& m_engine;
     const std::string m_sSource;

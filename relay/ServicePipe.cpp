@@ -27,8 +27,8 @@ constexpr std::size_t cProbeSize = cHandleSize - 1;
 /** One connection of a service. */
 class ServicePipe::Exchange : public RelayLoop::Handler, public std::enable_shared_from_this<Exchange> {
 public:
-    Exchange(ServicePipe& pipe, VornNet::OwnedDescriptor&& connection)
-        : m_pipe(pipe), m_connection(std::move(connection)) {}
+    Exchange(ServicePipe& pipe, VornNet::OwnedDescriptor&& connection, std::uint16_t nPort)
+        : m_pipe(pipe), m_connection(std::move(connection)), m_nPort(nPort) {}
 
     ~Exchange() override { close(); }
 
@@ -106,10 +106,10 @@ private:
         }
         if (bClosed) {
             m_pipe.end(spSelf);
-            m_pipe.m_owner.accepted(std::move(m_sBytes), [](bool) {});
+            m_pipe.m_owner.accepted(std::move(m_sBytes), m_nPort, [](bool) {});
             return;
         }
-        m_pipe.m_owner.accepted(std::move(m_sBytes), [wpSelf = weak_from_this()](bool bStored) {
+        m_pipe.m_owner.accepted(std::move(m_sBytes), m_nPort, [wpSelf = weak_from_this()](bool bStored) {
             const std::shared_ptr<Exchange> spExchange = wpSelf.lock();
             if (!spExchange || !spExchange->m_connection.isOpen())
                 return;
@@ -121,13 +121,15 @@ private:
 
     ServicePipe& m_pipe;
     VornNet::OwnedDescriptor m_connection;
+    const std::uint16_t m_nPort;
     std::string m_sBytes;
     bool m_bReading = true;
 };
 
 ServicePipe::ServicePipe(RelayLoop& loop, const std::string& sName, Owner& owner)
     : m_loop(loop), m_owner(owner),
-      m_pipe(loop, sName, [this](VornNet::OwnedDescriptor&& connection) { add(std::move(connection)); }) {}
+      m_pipe(loop, sName, [this](VornNet::OwnedDescriptor&& connection) { take(std::move(connection), 0); }) {
+}
 
 ServicePipe::~ServicePipe() {
     for (const std::shared_ptr<Exchange>& spExchange : m_exchanges) {
@@ -136,8 +138,8 @@ ServicePipe::~ServicePipe() {
     }
 }
 
-void ServicePipe::add(VornNet::OwnedDescriptor&& connection) {
-    const auto spExchange = std::make_shared<Exchange>(*this, std::move(connection));
+void ServicePipe::take(VornNet::OwnedDescriptor&& connection, std::uint16_t nPort) {
+    const auto spExchange = std::make_shared<Exchange>(*this, std::move(connection), nPort);
     spExchange->watch();
     m_exchanges.insert(spExchange);
     ++m_nReading;

@@ -33,8 +33,9 @@ public:
     public:
         virtual ~Owner() = default;
 
-        /** A notification has been read; @p onDone is to be called once, at any time. */
-        virtual void accepted(std::string&& sExchange, DoneHandler onDone) = 0;
+        /** A notification has been read; @p onDone is to be called once, at any time. @param nPort that it
+         * was meant for, 0 when it came over the pipe */
+        virtual void accepted(std::string&& sExchange, std::uint16_t nPort, DoneHandler onDone) = 0;
 
         /** One was thrown away: cut short by a reset, or too short to be one. */
         virtual void broken() = 0;
@@ -58,13 +59,15 @@ public:
 
     bool isOpen() const { return m_pipe.isOpen(); }
 
+    /** Reads a connection that was accepted elsewhere, and was meant for a TCP port of the host. */
+    void take(VornNet::OwnedDescriptor&& connection, std::uint16_t nPort);
+
     /** @return connections whose end has not been seen. */
     std::size_t reading() const { return m_nReading; }
 
 private:
     class Exchange;
 
-    void add(VornNet::OwnedDescriptor&& connection);
     void end(const std::shared_ptr<Exchange>& spExchange);
 
     RelayLoop& m_loop;

@@ -48,11 +48,26 @@ private:
     const std::string_view m_sContent;
 };
 
-std::uint32_t leaseIn(std::string_view sSubject) {
+/** @return the lease or the port at the end of a subject, 0 when it is neither. */
+std::uint32_t sinkIn(std::string_view sSubject) {
     const std::string_view sNumber = sSubject.substr(sSubject.rfind('.') + 1);
-    std::uint32_t nLease = 0;
-    std::from_chars(sNumber.data(), sNumber.data() + sNumber.size(), nLease);
-    return nLease;
+    std::uint32_t nSink = 0;
+    std::from_chars(sNumber.data(), sNumber.data() + sNumber.size(), nSink);
+    const bool bIsPort = sSubject.find(".sink.tcp.") != std::string_view::npos;
+    return bIsPort == LeaseTable::isPort(nSink) ? nSink : 0;
+}
+
+const char* classOf(std::uint32_t nSink) {
+    if (LeaseTable::isPort(nSink))
+        return "tcp";
+    return LeaseTable::isNamedNumber(nSink) ? "named" : "anonymous";
+}
+
+/** @return why a message cannot be delivered, whatever it is for; null when it can. */
+const char* faultIn(const Engine::Message& message, bool bHasNumber) {
+    if (message.header("Vorn-Version") != cVersion)
+        return "version";
+    return bHasNumber && message.sContent.size() >= cHandleSize ? nullptr : "malformed";
 }
 
 std::string consumerOf(std::uint32_t nLease) {
@@ -80,11 +95,13 @@ SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings&
         logLine(LogLevel::warning, "the journal was damaged and put aside: what was delivered and not yet "
                                    "acknowledged is delivered again");
     for (const std::uint32_t nLease : m_journal.leases()) {
-        if (m_leases.find(nLease) == nullptr)
+        if (!isSink(nLease))
             m_journal.forget(nLease); // the relay was killed while it ended
     }
     const std::string sSubject = "vorn.to." + settings.access.sHost;
     m_reader.add("relay", sSubject + ".sink.>", settings.nHeld);
+    if (settings.access.bFixedConsumer)
+        m_reader.add("keep", sSubject + ".keep.>", settings.nHeld);
     for (const auto& [nNumber, lease] : m_leases.all()) {
         if (lease.isNamed())
             readNamed(nNumber);
@@ -134,7 +151,7 @@ void SinkDelivery::end(std::uint32_t nLease) {
     m_engine.tell("vorn.gone." + m_settings.access.sHost, std::to_string(nLease));
     // Services that have not heard of it go on sending to a name: that has to be read, and told again.
     const std::vector<std::uint32_t>& ended = m_leases.endedNames();
-    if (lease.isNamed() && ended.size() > LeaseTable::cMostEndedNames)
+    if (lease.isNamed() && !m_settings.access.bFixedConsumer && ended.size() > LeaseTable::cMostEndedNames)
         m_reader.remove(consumerOf(ended[ended.size() - LeaseTable::cMostEndedNames - 1]));
     lookAt(nLease);
     deliverNext(nLease);
@@ -154,8 +171,31 @@ SinkDelivery::Queue SinkDelivery::queueOf(std::uint32_t nLease) const {
     result.nWaiting = queue.waiting.size();
     result.nTries = queue.waiting.front().nTries;
     result.oldest = std::chrono::duration_cast<milliseconds>(Clock::now() - queue.waiting.front().arrived);
-    result.bAway = queue.awaySince.has_value();
+    result.bAway = queue.awaySince.has_value() || (queue.spPortDelivery && queue.spPortDelivery->isAway());
     return result;
+}
+
+std::vector<std::uint16_t> SinkDelivery::ports() const {
+    std::vector<std::uint16_t> ports;
+    for (const auto& [nSink, queue] : m_queues) {
+        if (LeaseTable::isPort(nSink))
+            ports.push_back(static_cast<std::uint16_t>(nSink));
+    }
+    return ports;
+}
+
+void SinkDelivery::printOldest(std::string& sText) const {
+    std::map<std::string, double> ages{{"anonymous", 0}, {"named", 0}, {"tcp", 0}};
+    for (const auto& [nLease, queue] : m_queues) {
+        if (queue.waiting.empty())
+            continue;
+        const std::chrono::duration<double> age = Clock::now() - queue.waiting.front().arrived;
+        double& oldest = ages[classOf(nLease)];
+        oldest = std::max(oldest, age.count());
+    }
+    sText += "# TYPE vornnet_relay_oldest_seconds gauge\n";
+    for (const auto& [sClass, age] : ages)
+        sText += "vornnet_relay_oldest_seconds{class=\"" + sClass + "\"} " + std::to_string(age) + "\n";
 }
 
 void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
@@ -163,16 +203,20 @@ void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
     notification.nPosition = nPosition;
     notification.arrived = Clock::now();
     notification.sSource = message.header("Vorn-From");
-    const auto number = numberIn(message.header("Nats-Msg-Id"), notification.sSource);
-    const bool bIsKnown = message.header("Vorn-Version") == cVersion;
-    const std::uint32_t nLease = leaseIn(message.sSubject);
+    const std::string_view sId = message.header("Nats-Msg-Id");
+    // What has an identity of the sender's own is known again by the engine alone.
+    const auto number = sId.starts_with(givenIdOf(notification.sSource, ""))
+                            ? std::optional(NotificationNumber())
+                            : numberIn(sId, notification.sSource);
+    const char* szFault = faultIn(message, number.has_value());
+    const std::uint32_t nLease = sinkIn(message.sSubject);
     notification.message = std::move(message);
-    if (!bIsKnown || !number || notification.message.sContent.size() < cHandleSize) {
-        bury(std::move(notification), bIsKnown ? "malformed" : "version");
+    if (szFault != nullptr) {
+        bury(std::move(notification), szFault);
         return;
     }
     notification.number = *number;
-    if (m_leases.find(nLease) == nullptr) {
+    if (!isSink(nLease)) {
         m_engine.tell("vorn.gone." + m_settings.access.sHost, std::to_string(nLease));
         bury(std::move(notification), "gone");
         return;
@@ -197,33 +241,43 @@ void SinkDelivery::deliverNext(std::uint32_t nLease) {
     const Lease* pLease = m_leases.find(nLease);
     const auto found = m_queues.find(nLease);
     if (found == m_queues.end()) {
-        if (pLease == nullptr)
+        if (!isSink(nLease))
             m_journal.forget(nLease);
         return;
     }
     LeaseQueue& queue = found->second;
-    if (queue.nTicket != 0 || queue.bBurying || (queue.judge != 0 && pLease != nullptr))
+    if (queue.nTicket != 0 || queue.bBurying || queue.spPortDelivery ||
+        (queue.judge != 0 && pLease != nullptr))
         return; // it goes on when the first one has found its end
-    while (pLease == nullptr && !queue.waiting.empty()) {
+    while (!isSink(nLease) && !queue.waiting.empty()) {
         bury(std::move(queue.waiting.front()), "gone");
         queue.waiting.pop_front();
     }
-    while (!queue.waiting.empty() &&
-           queue.waiting.front().number <= m_journal.last(nLease, queue.waiting.front().sSource)) {
+    while (!queue.waiting.empty() && wasDelivered(nLease, queue.waiting.front())) {
         ++m_counters.nSkipped;
         dropFirst(queue);
     }
     if (!queue.waiting.empty()) {
-        if (!m_bStopped)
+        if (!m_bStopped && pLease != nullptr)
             post(*pLease, queue);
+        else if (!m_bStopped)
+            postToPort(static_cast<std::uint16_t>(nLease), queue);
         return;
     }
     m_loop.cancel(std::exchange(queue.judge, 0));
     if (queue.nSlow > 0)
         return;
     m_queues.erase(found);
-    if (pLease == nullptr)
+    if (!isSink(nLease))
         m_journal.forget(nLease);
+}
+
+/** @return whether there is such a lease, or, for a port, whether this host has TCP sinks that others may
+ * notify. */
+bool SinkDelivery::isSink(std::uint32_t nSink) const {
+    if (!LeaseTable::isPort(nSink))
+        return m_leases.find(nSink) != nullptr;
+    return nSink != 0 && m_settings.redirectAddress(m_settings.access.sHost).s_addr != INADDR_ANY;
 }
 
 void SinkDelivery::post(const Lease& lease, LeaseQueue& queue) {
@@ -245,6 +299,40 @@ void SinkDelivery::post(const Lease& lease, LeaseQueue& queue) {
     }
 }
 
+void SinkDelivery::postToPort(std::uint16_t nPort, LeaseQueue& queue) {
+    ++m_nPortsUnderWay;
+    queue.spPortDelivery = std::make_unique<PortDelivery>(
+        m_loop, m_owners, m_settings.redirectAddress(m_settings.access.sHost), nPort,
+        queue.waiting.front().message.sContent, m_settings.patience,
+        [this, nPort](const PortDelivery::Result& result) {
+            m_loop.post([this, nPort, result] { finishedAtPort(nPort, result); });
+        });
+}
+
+void SinkDelivery::finishedAtPort(std::uint16_t nPort, const PortDelivery::Result& result) {
+    LeaseQueue& queue = m_queues.at(nPort);
+    queue.spPortDelivery.reset();
+    --m_nPortsUnderWay;
+    queue.waiting.front().nTries += result.nTries;
+    m_counters.nTries += result.nTries;
+    m_counters.nResets += result.nResets;
+    m_counters.nMovedPorts += result.nMoves;
+    switch (result.outcome) {
+    case PortDelivery::Outcome::delivered:
+        consumed(nPort, queue);
+        break;
+    case PortDelivery::Outcome::refused:
+        buryFirst(nPort, queue);
+        return;
+    case PortDelivery::Outcome::gone:
+        for (Notification& notification : queue.waiting)
+            bury(std::move(notification), "gone");
+        queue.waiting.clear();
+        break;
+    }
+    deliverNext(nPort);
+}
+
 void SinkDelivery::finished(const VornDispatcher::Result& result) {
     const auto underWay = m_underWay.extract(result.nTicket);
     if (underWay.empty())
@@ -260,6 +348,7 @@ void SinkDelivery::finished(const VornDispatcher::Result& result) {
         consumed(nLease, queue);
         break;
     case Outcome::unread:
+        ++m_counters.nResets;
         queue.judge = m_loop.after(cTimeToEnd, [this, nLease] { judge(nLease); });
         return;
     default:
@@ -279,9 +368,15 @@ void SinkDelivery::consumed(std::uint32_t nLease, LeaseQueue& queue) {
 /** The journal comes before the acknowledgement, which may be lost. */
 void SinkDelivery::settleFirst(std::uint32_t nLease, LeaseQueue& queue) {
     const Notification& first = queue.waiting.front();
-    if (m_leases.find(nLease) != nullptr && !m_journal.note(nLease, first.sSource, first.number))
+    if (isSink(nLease) && first.number != NotificationNumber() &&
+        !m_journal.note(nLease, first.sSource, first.number))
         ++m_counters.nUnjournaled;
     dropFirst(queue);
+}
+
+bool SinkDelivery::wasDelivered(std::uint32_t nLease, const Notification& notification) const {
+    return notification.number != NotificationNumber() &&
+           notification.number <= m_journal.last(nLease, notification.sSource);
 }
 
 /** Was the callback content with less, or has the process been killed? In the latter case nobody listens. */
@@ -343,6 +438,9 @@ void SinkDelivery::look() {
                 lookAt(nLease);
         }
         lookForEnded();
+        if (const in_addr address = m_settings.redirectAddress(m_settings.access.sHost);
+            address.s_addr != INADDR_ANY)
+            m_owners.look(address);
     } catch (const std::system_error& error) { // a full disk; it is tried again
         logLine(LogLevel::failure, std::string("a lease cannot be ended: ") + error.what());
     }
@@ -393,6 +491,8 @@ void SinkDelivery::lookForEnded() {
 }
 
 void SinkDelivery::readNamed(std::uint32_t nLease) {
+    if (m_settings.access.bFixedConsumer)
+        return; // one consumer reads for all of them
     m_reader.add(consumerOf(nLease), "vorn.to." + m_settings.access.sHost + ".keep." + std::to_string(nLease),
                  cMostNamedHeld);
 }

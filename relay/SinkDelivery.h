@@ -7,6 +7,8 @@
 #include "Journal.h"
 #include "LeaseTable.h"
 #include "OutgoingQueue.h"
+#include "PortDelivery.h"
+#include "PortOwners.h"
 #include "RelayCounters.h"
 #include "RelayLog.h"
 #include "RelayLoop.h"
@@ -32,6 +34,8 @@ namespace VornRelay {
  * is not above the journal's number has been delivered before, and is only acknowledged. What cannot be
  * delivered becomes a dead letter, which is stored before the message is acknowledged, and before anything
  * that came later is noted in the journal: it would be taken for delivered if the relay were killed.
+ *
+ * What was meant for a TCP port of this host has a queue in the same way, whose number is the port.
  *
  * Thread-safety: none, all on the loop's thread. Blocking: short writes to files. Ownership: everything that
  * is passed to the constructor must outlive it. Signals: none raised. Errors: logged and counted.
@@ -60,7 +64,7 @@ public:
     void stop();
 
     /** @return whether nothing is under way. */
-    bool isIdle() const { return m_underWay.empty() && m_deadLetters.size() == 0; }
+    bool isIdle() const { return m_underWay.empty() && m_nPortsUnderWay == 0 && m_deadLetters.size() == 0; }
 
     /** What is known of a lease's queue. */
     struct Queue {
@@ -72,35 +76,46 @@ public:
 
     Queue queueOf(std::uint32_t nLease) const;
 
+    /** @return the TCP ports for which something waits. */
+    std::vector<std::uint16_t> ports() const;
+
+    /** Appends how long the oldest notification of each class of sinks has waited, as Prometheus reads it. */
+    void printOldest(std::string& sText) const;
+
 private:
     using Clock = RelayLoop::Clock;
 
     struct Notification {
         std::uint64_t nPosition = 0;
         std::string sSource;
-        NotificationNumber number;
+        NotificationNumber number; // none when the sender has given an identity of his own
         Engine::Message message;
         Clock::time_point arrived;
         unsigned int nTries = 0;
     };
 
     struct LeaseQueue {
-        std::deque<Notification> waiting; // the first one may be under way
-        std::uint64_t nTicket = 0;        // of the dispatcher; 0: none is under way
-        bool bBurying = false;            // the first one is becoming a dead letter
-        std::size_t nSlow = 0;            // later ones that are becoming dead letters
-        RelayLoop::Timer judge = 0;       // runs while it is found out what a reset has meant
-        std::string sAddress;             // where it is under way to, also when the lease has moved
+        std::deque<Notification> waiting;             // the first one may be under way
+        std::uint64_t nTicket = 0;                    // of the dispatcher; 0: none is under way
+        std::unique_ptr<PortDelivery> spPortDelivery; // the one under way to a TCP port
+        bool bBurying = false;                        // the first one is becoming a dead letter
+        std::size_t nSlow = 0;                        // later ones that are becoming dead letters
+        RelayLoop::Timer judge = 0;                   // runs while it is found out what a reset has meant
+        std::string sAddress; // where it is under way to, also when the lease has moved
         Clock::time_point started;
         std::optional<Clock::time_point> awaySince;
     };
 
     void take(std::uint64_t nPosition, Engine::Message&& message);
     void deliverNext(std::uint32_t nLease);
+    bool isSink(std::uint32_t nSink) const;
     void post(const Lease& lease, LeaseQueue& queue);
+    void postToPort(std::uint16_t nPort, LeaseQueue& queue);
+    void finishedAtPort(std::uint16_t nPort, const PortDelivery::Result& result);
     void finished(const VornNet::VornDispatcher::Result& result);
     void consumed(std::uint32_t nLease, LeaseQueue& queue);
     void settleFirst(std::uint32_t nLease, LeaseQueue& queue);
+    bool wasDelivered(std::uint32_t nLease, const Notification& notification) const;
     void judge(std::uint32_t nLease);
     void dropFirst(LeaseQueue& queue);
     void buryFirst(std::uint32_t nLease, LeaseQueue& queue);
@@ -121,6 +136,8 @@ private:
     StreamReader m_reader;
     std::unordered_map<std::uint32_t, LeaseQueue> m_queues;
     std::unordered_map<std::uint64_t, std::uint32_t> m_underWay; // lease by ticket
+    PortOwners m_owners;
+    std::size_t m_nPortsUnderWay = 0;
     RelayLoop::Timer m_look = 0;
     std::uint32_t m_nLastLooked = 0;
     bool m_bStopped = false;

@@ -16,6 +16,7 @@ using std::chrono::milliseconds;
 constexpr std::size_t cBatch = 512;
 constexpr milliseconds cLookInterval{1000};
 constexpr milliseconds cPullLost{8000}; // more than a pull lives
+constexpr milliseconds cRedeliveryMargin{5000};
 
 } // namespace
 
@@ -64,8 +65,13 @@ void StreamReader::arrived(Engine::Arrival&& arrival) {
     consumer.lastSign = RelayLoop::Clock::now();
     const auto [held, bIsNew] = m_held.try_emplace(arrival.nPosition);
     held->second = {arrival.sConsumer, std::move(arrival.sReceipt)};
-    if (bIsNew) {
+    if (bIsNew)
         ++consumer.nHeld;
+    if (bIsNew && consumer.nAwaited > 0) {
+        consumer.keptBack.emplace(arrival.nPosition, std::move(arrival.message));
+        if (arrival.nPosition <= consumer.nHandedOut && --consumer.nAwaited == 0)
+            handOn(consumer);
+    } else if (bIsNew) {
         m_onMessage(arrival.nPosition, std::move(arrival.message));
     }
     ask(arrival.sConsumer, consumer);
@@ -117,30 +123,56 @@ void StreamReader::open(const std::string& sConsumer) {
         return;
     consumer.bOpening = true;
     m_engine.open(sConsumer, consumer.sFilter,
-                  [this, sConsumer, nConnection = m_nConnections](const std::string& sError) {
+                  [this, sConsumer, nConnection = m_nConnections](const Engine::Opened& result) {
                       const auto found = m_consumers.find(sConsumer);
                       if (found == m_consumers.end() || nConnection != m_nConnections)
                           return;
                       found->second.bOpening = false;
-                      found->second.bOpen = sError.empty();
+                      found->second.bOpen = result.sError.empty();
                       found->second.nAsked = 0;
-                      if (sError.empty())
-                          ask(sConsumer, found->second);
-                      else
+                      if (!result.sError.empty()) {
                           logLine(LogLevel::warning,
-                                  "consumer " + sConsumer + " cannot be opened: " + sError);
+                                  "consumer " + sConsumer + " cannot be opened: " + result.sError);
+                          return;
+                      }
+                      opened(found->second, result);
+                      ask(sConsumer, found->second);
                   });
 }
 
+/** What is still held from before needs not be waited for. */
+void StreamReader::opened(Consumer& consumer, const Engine::Opened& opened) {
+    const auto nKept =
+        static_cast<std::uint64_t>(std::count_if(m_held.begin(), m_held.end(), [&](const auto& entry) {
+            return &m_consumers.at(entry.second.sConsumer) == &consumer && entry.first <= opened.nHandedOut;
+        }));
+    consumer.nHandedOut = opened.nHandedOut;
+    consumer.nAwaited = opened.nUnanswered - std::min(opened.nUnanswered, nKept);
+    consumer.awaitedUntil = RelayLoop::Clock::now() + opened.comesAgain + cRedeliveryMargin;
+    if (consumer.nAwaited == 0)
+        handOn(consumer);
+}
+
+void StreamReader::handOn(Consumer& consumer) {
+    consumer.nAwaited = 0;
+    const auto keptBack = std::exchange(consumer.keptBack, {});
+    for (const auto& [nPosition, message] : keptBack)
+        m_onMessage(nPosition, Engine::Message(message));
+}
+
 void StreamReader::ask(const std::string& sConsumer, Consumer& consumer) {
-    const std::size_t nTaken = consumer.nHeld + consumer.nAsked;
+    const auto now = RelayLoop::Clock::now();
+    std::size_t nTaken = consumer.nHeld + consumer.nAsked;
+    // Until the time has come, newer ones must not take the room of those that are awaited.
+    if (consumer.nAwaited > 0 && now < consumer.awaitedUntil - cRedeliveryMargin)
+        nTaken += consumer.nAwaited;
     if (m_bStopped || !consumer.bOpen || consumer.nAsked > cBatch / 2 || nTaken >= consumer.nMost)
         return;
     const std::size_t nCount = std::min(cBatch, consumer.nMost - nTaken);
     if (consumer.nAsked > 0 && nCount < cBatch / 2)
         return;
     consumer.nAsked += nCount;
-    consumer.lastSign = RelayLoop::Clock::now();
+    consumer.lastSign = now;
     m_engine.pull(sConsumer, nCount);
 }
 
@@ -149,6 +181,9 @@ void StreamReader::look() {
     for (auto& [sConsumer, consumer] : m_consumers) {
         if (m_bConnected && !consumer.bOpen)
             open(sConsumer);
+        if (consumer.nAwaited > 0 && now > consumer.awaitedUntil)
+            handOn(consumer); // they were acknowledged just before
+        ask(sConsumer, consumer);
         if (consumer.nAsked > 0 && now - consumer.lastSign > cPullLost) {
             consumer.nAsked = 0;
             ask(sConsumer, consumer);

@@ -19,6 +19,10 @@ namespace VornRelay {
  * Consumers are opened anew at each connection, so that everything that is not acknowledged comes again. What
  * comes again while it is still held is not handed on: only its receipt is renewed.
  *
+ * A consumer that this host may not open anew lets newer messages pass those that it has handed out before,
+ * which come again only after a time. So what arrives is kept back until these are all there, and then handed
+ * on in order.
+ *
  * Thread-safety: none. Blocking: none. Ownership: loop and engine must outlive it. Signals: none raised.
  * Errors: a consumer that cannot be opened is logged and tried again.
  */
@@ -64,6 +68,11 @@ private:
         bool bOpening = false;
         bool bEnding = false;
         RelayLoop::Clock::time_point lastSign;
+        std::uint64_t nAwaited =
+            0; // messages up to nHandedOut that have to come before the others are handed on
+        std::uint64_t nHandedOut = 0;
+        RelayLoop::Clock::time_point awaitedUntil;
+        std::map<std::uint64_t, Engine::Message> keptBack; // by position
     };
 
     struct Held {
@@ -72,6 +81,8 @@ private:
     };
 
     void open(const std::string& sConsumer);
+    void opened(Consumer& consumer, const Engine::Opened& opened);
+    void handOn(Consumer& consumer);
     void ask(const std::string& sConsumer, Consumer& consumer);
     void look();
 

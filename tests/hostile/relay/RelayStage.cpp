@@ -15,6 +15,7 @@
 #include <VornProxyDependent.h>
 #include <VornSteadySink.h>
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -27,6 +28,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -41,11 +43,21 @@ namespace {
 
 const char cServer[] = "tls://localhost:4222";
 
-void enterHost(const std::string& sHost) {
-    const std::string sDirectory = RelayStage::pathOf("pipes-" + sHost);
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount(sDirectory.c_str(), pipeDirectory(), nullptr, MS_BIND, nullptr) != 0)
-        throw std::system_error(errno, std::generic_category(), "cannot enter host " + sHost);
+/** Host `a` has a network of its own when there is a file that says which process is in it. */
+void enterNetwork(const std::string& sHost) {
+    std::ifstream file(RelayStage::pathOf("network-" + sHost));
+    std::string sProcess;
+    if (!(file >> sProcess))
+        return;
+    const UniqueFd network(::open(("/proc/" + sProcess + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
+    if (::setns(network.get(), CLONE_NEWNET) != 0)
+        throw std::system_error(errno, std::generic_category(), "cannot enter the network of " + sHost);
+}
+
+void useHosts(const std::string& sFile) {
+    if (std::filesystem::exists(sFile) &&
+        ::mount(sFile.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0)
+        throw std::system_error(errno, std::generic_category(), "/etc/hosts");
 }
 
 /** Writes each number that it is notified with to a log, one write each, so that a kill tears none. */
@@ -65,31 +77,24 @@ private:
     const UniqueFd m_log;
 };
 
-std::string leaseFor(const std::string& sName, const VornString& sAddress, long nHandle) {
-    VornPipeConnection relay("relay");
-    relay.establish();
-    relay.transfer(VornString("lease"));
-    relay.transfer(VornString(sName.c_str()));
-    relay.transfer(sAddress);
-    relay.transfer(nHandle);
-    const VornString sLeased = relay.receiveString();
-    return std::string(sLeased.c_str()) + " " + std::to_string(relay.receiveLong());
-}
-
+/** @param sName of the lease; "-" for none: the sink's own address is published */
 template <typename Sink>
 int runSink(Sink& sink, const std::string& sName, const std::string& sLog) {
     VornCallbackContainer& callbacks = sink.getCallbackContainer();
     const VornSmartPointer<LoggingCallback> spCallback = new LoggingCallback(callbacks.getNewId(), sLog);
     callbacks.add(&*spCallback);
-    std::cout << leaseFor(sName, sink.getCallbackAddress(), spCallback->getId()) << std::endl;
+    if (sName == "-")
+        std::cout << sink.getCallbackAddress() << " " << spCallback->getId() << std::endl;
+    else
+        std::cout << RelayStage::leaseFor(sName, sink.getCallbackAddress(), spCallback->getId()) << std::endl;
     std::string sEnd;
     std::getline(std::cin, sEnd);
     return 0;
 }
 
-/** Sends again until a sink, or the relay in its place, has confirmed. */
-int sendConfirmed(VornProxyDependent& proxy, int nCount) {
-    int nUnread = 0;
+/** Sends again until a sink, or the relay in its place, has confirmed. @return what was sent again */
+std::vector<int> sendConfirmed(VornProxyDependent& proxy, int nCount) {
+    std::vector<int> again;
     std::mutex mutex;
     bool bDelivered = false;
     VornDispatcher::Options options;
@@ -97,16 +102,17 @@ int sendConfirmed(VornProxyDependent& proxy, int nCount) {
     options.onResult = [&](const VornDispatcher::Result& result) {
         const std::lock_guard lock(mutex);
         bDelivered = result.outcome == VornDispatcher::Outcome::delivered;
-        nUnread += result.outcome == VornDispatcher::Outcome::unread ? 1 : 0;
     };
     VornDispatcher dispatcher(options);
     for (int n = 1; n <= nCount; ++n) {
         do {
             dispatcher.post(proxy, VornNotification(n));
             dispatcher.flush(std::chrono::seconds(60));
+            if (!bDelivered)
+                again.push_back(n);
         } while (!bDelivered);
     }
-    return nUnread;
+    return again;
 }
 
 void sendPlain(VornProxyDependent& proxy, int nCount) {
@@ -124,7 +130,7 @@ void runOrThrow(const std::vector<std::string>& arguments) {
 } // namespace
 
 KIT_ROLE(relay_command) {
-    enterHost(args.at(0));
+    RelayStage::enterHost(args.at(0));
     if (const char* szLog = std::getenv("VORNTEST_LOG"); szLog != nullptr)
         ::dup2(::open(szLog, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
     std::vector<char*> arguments;
@@ -136,7 +142,11 @@ KIT_ROLE(relay_command) {
 }
 
 KIT_ROLE(relay_sink) {
-    enterHost(args.at(0));
+    RelayStage::enterHost(args.at(0));
+    if (args.at(1) == "-") {
+        useHosts(RelayStage::pathOf("hosts-of-sinks"));
+        ::setenv("QUORAX_CALLB_CONN_TYPE", "socket", 1);
+    }
     if (args.at(3) == "steady") {
         VornSteadySink sink("sink");
         return runSink(sink, args.at(1), args.at(2));
@@ -145,17 +155,55 @@ KIT_ROLE(relay_sink) {
     return runSink(sink, args.at(1), args.at(2));
 }
 
+/** A sink of plain calls, which moves its port when it is told to. */
+KIT_ROLE(relay_mover) {
+    RelayStage::enterHost(args.at(0));
+    int nPort = std::stoi(args.at(2));
+    UniqueFd listener = tcpListen(args.at(1), nPort);
+    std::ofstream log(args.at(3));
+    std::cout << "listens" << std::endl;
+    for (std::array<pollfd, 2> ends{{{listener.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};;
+         ends[0].fd = listener.get()) {
+        if (::poll(ends.data(), ends.size(), -1) == -1)
+            return 1;
+        if ((ends[0].revents & POLLIN) != 0) {
+            const UniqueFd client = acceptClient(listener.get());
+            log << static_cast<int>(receiveToEnd(client.get()).at(11)) << std::endl; // of the id, a long
+        }
+        std::string sLine;
+        if ((ends[1].revents & (POLLIN | POLLHUP)) != 0 && !std::getline(std::cin, sLine))
+            return 0;
+        if (!sLine.empty()) {
+            listener.reset();
+            listener = tcpListen(args.at(1), ++nPort);
+            std::cout << "has moved" << std::endl;
+        }
+    }
+}
+
+KIT_ROLE(relay_network) {
+    if (::unshare(CLONE_NEWNET) != 0)
+        return 1;
+    std::cout << ::getpid() << std::endl;
+    std::string sEnd;
+    std::getline(std::cin, sEnd);
+    return static_cast<int>(args.size());
+}
+
 KIT_ROLE(relay_service) {
-    enterHost(args.at(0));
+    RelayStage::enterHost(args.at(0));
     const VornSmartPointer<VornProxyDependent> spProxy =
         new VornProxyDependent(args.at(2).c_str(), std::stol(args.at(3)));
     const int nCount = std::stoi(args.at(4));
-    int nUnread = 0;
+    std::vector<int> again;
     if (args.at(1) == "confirmed")
-        nUnread = sendConfirmed(*spProxy, nCount);
+        again = sendConfirmed(*spProxy, nCount);
     else
         sendPlain(*spProxy, nCount);
-    std::cout << nUnread << std::endl;
+    std::cout << again.size() << std::endl;
+    for (const int n : again)
+        std::cout << n << ' ';
+    std::cout << std::endl;
     return 0;
 }
 
@@ -164,17 +212,37 @@ void PrintTo(const History& history, std::ostream* out) {
          << history.nOutOfOrder << " out of order";
 }
 
-RelayStage::RelayStage() {
+RelayStage::RelayStage(bool bFixedConsumer) {
     needSandbox("a network and pipe directories of its own");
     std::filesystem::remove_all(pathOf(""));
     for (const char* szDirectory : {"pipes-a", "pipes-b", "state-a", "state-b", "engine"})
         std::filesystem::create_directories(pathOf(szDirectory));
     createCertificates();
-    configureEngine();
+    configureEngine(bFixedConsumer);
     startEngine();
     VornRelay::NatsAdministration engine = administration();
-    for (const char* szHost : {"a", "b"})
-        engine.addHost(szHost, {});
+    VornRelay::NatsAdministration::Limits limits;
+    engine.addHost("a", limits);
+    limits.bFixedConsumer = bFixedConsumer;
+    limits.nAckWait = 1;
+    engine.addHost("b", limits);
+}
+
+void RelayStage::separateNetworks() {
+    m_network = ChildProcess::spawnRole("relay_network");
+    const std::string sProcess = m_network->readLine();
+    runOrThrow({"ip", "link", "add", "to-a", "type", "veth", "peer", "name", "to-b", "netns", sProcess});
+    runOrThrow({"ip", "address", "add", "10.77.0.1/24", "dev", "to-a"});
+    runOrThrow({"ip", "link", "set", "to-a", "up"});
+    std::ofstream(pathOf("network-a")) << sProcess << std::endl;
+    for (const char* szWords : {"link set lo up", "address add 10.77.0.2/24 dev to-b", "link set to-b up"}) {
+        ChildProcess process =
+            ChildProcess::spawnRole("relay_command", "a", "/bin/sh", "-c", std::string("ip ") + szWords);
+        if (process.wait() != 0)
+            throw std::runtime_error(std::string("ip ") + szWords);
+    }
+    std::ofstream(pathOf("hosts-a")) << "127.0.0.1 localhost\n10.77.0.1 engine\n";
+    std::ofstream(pathOf("hosts-of-sinks")) << cSinkAddress << " localhost\n";
 }
 
 void RelayStage::startEngine() {
@@ -202,6 +270,13 @@ void RelayStage::pauseEngine() {
     ::waitid(P_PID, static_cast<id_t>(m_engine->pid()), &info, WSTOPPED);
 }
 
+void RelayStage::cutNetwork(std::chrono::milliseconds time) {
+    runOrThrow({"ip", "link", "set", "to-a", "down"});
+    // Nothing tells that a network has been away for long enough.
+    runOrThrow({"sleep", std::to_string(static_cast<double>(time.count()) / 1000)});
+    runOrThrow({"ip", "link", "set", "to-a", "up"});
+}
+
 void RelayStage::startRelay(const std::string& sHost, const std::string& sMore,
                             const std::vector<std::string>& environment) {
     configure(sHost, sMore);
@@ -212,6 +287,16 @@ void RelayStage::startRelay(const std::string& sHost, const std::string& sMore,
         sHost, ChildProcess::spawnRoleWith(all, "relay_command",
                                            {sHost, VORNTEST_RELAY, "--config", sConfiguration, "run"}));
     awaitReady(sHost);
+}
+
+void RelayStage::configure(const std::string& sUser, const std::string& sMore) const {
+    const VornRelay::EngineAccess own = access(sUser);
+    std::ofstream file(pathOf("relay-" + sUser + ".conf"));
+    file << "host = " << sUser << "\nservers = " << cServer << "\nca = " << own.sCa
+         << "\ncertificate = " << own.sCertificate << "\nkey = " << own.sKey
+         << "\nsend-to = " << (sUser == "a" ? "b" : "a") << "\nstate-directory = " << pathOf("state-" + sUser)
+         << "\nmetrics = " << pathOf("metrics-" + sUser) << "\n"
+         << sMore;
 }
 
 void RelayStage::reloadRelay(const std::string& sHost, const std::string& sMore) {
@@ -303,6 +388,26 @@ std::string RelayStage::pathOf(const std::string& sName) {
     return "/opt/relay-stage/" + sName;
 }
 
+void RelayStage::enterHost(const std::string& sHost) {
+    enterNetwork(sHost);
+    const std::string sDirectory = RelayStage::pathOf("pipes-" + sHost);
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount(sDirectory.c_str(), pipeDirectory(), nullptr, MS_BIND, nullptr) != 0)
+        throw std::system_error(errno, std::generic_category(), "cannot enter host " + sHost);
+    useHosts(RelayStage::pathOf("hosts-" + sHost));
+}
+
+std::string RelayStage::leaseFor(const std::string& sName, const VornString& sAddress, long nHandle) {
+    VornPipeConnection relay("relay");
+    relay.establish();
+    relay.transfer(VornString("lease"));
+    relay.transfer(VornString(sName.c_str()));
+    relay.transfer(sAddress);
+    relay.transfer(nHandle);
+    const VornString sLeased = relay.receiveString();
+    return std::string(sLeased.c_str()) + " " + std::to_string(relay.receiveLong());
+}
+
 void RelayStage::createCertificates() {
     const std::vector<std::string> common{
         "openssl", "req",   "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
@@ -318,26 +423,19 @@ void RelayStage::createCertificates() {
     create("stranger", {});
     for (const char* szName : {"localhost", "a", "b", "admin"})
         create(szName, {"-CA", pathOf("ca.pem"), "-CAkey", pathOf("ca.key"), "-addext",
-                        std::string("subjectAltName=DNS:") + szName, "-addext", "basicConstraints=CA:FALSE"});
+                        std::string("subjectAltName=DNS:") + szName +
+                            (std::string(szName) == "localhost" ? ",DNS:engine" : ""),
+                        "-addext", "basicConstraints=CA:FALSE"});
 }
 
-void RelayStage::configureEngine() {
+void RelayStage::configureEngine(bool bFixedConsumer) {
     std::ofstream file(pathOf("engine.conf"));
-    file << "listen: 127.0.0.1:4222\nlog_file: \"" << pathOf("engine.log") << "\"\njetstream { store_dir: \""
+    file << "listen: 0.0.0.0:4222\nlog_file: \"" << pathOf("engine.log") << "\"\njetstream { store_dir: \""
          << pathOf("engine") << "\" }\ntls { cert_file: \"" << pathOf("localhost.pem") << "\", key_file: \""
          << pathOf("localhost.key") << "\", ca_file: \"" << pathOf("ca.pem")
          << "\", verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
-         << VornRelay::permissionsOf("a", {"b", "c"}) << VornRelay::permissionsOf("b", {"a"}) << "] }\n";
-}
-
-void RelayStage::configure(const std::string& sUser, const std::string& sMore) const {
-    const VornRelay::EngineAccess own = access(sUser);
-    std::ofstream file(pathOf("relay-" + sUser + ".conf"));
-    file << "host = " << sUser << "\nservers = " << cServer << "\nca = " << own.sCa
-         << "\ncertificate = " << own.sCertificate << "\nkey = " << own.sKey
-         << "\nsend-to = " << (sUser == "a" ? "b" : "a") << "\nstate-directory = " << pathOf("state-" + sUser)
-         << "\nmetrics = " << pathOf("metrics-" + sUser) << "\n"
-         << sMore;
+         << VornRelay::permissionsOf("a", {"b", "c"}) << VornRelay::permissionsOf("b", {"*"}, bFixedConsumer)
+         << "] }\n";
 }
 
 std::pair<std::string, int> RelayStage::runWith(const std::string& sUser, const std::string& sHost,

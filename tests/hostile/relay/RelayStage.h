@@ -6,6 +6,7 @@
 #include "Process.h"
 
 #include <NatsAdministration.h>
+#include <VornString.h>
 
 #include <chrono>
 #include <csignal>
@@ -36,8 +37,15 @@ void PrintTo(const History& history, std::ostream* out);
  */
 class RelayStage {
 public:
-    /** Creates the certificates and starts the engine. */
-    RelayStage();
+    /** Where TCP sinks of host `b` listen once the networks are separated. */
+    static constexpr const char* cSinkAddress = "100.64.7.2";
+
+    /** Creates the certificates and starts the engine. @param bFixedConsumer the administrator creates the
+     * consumers of host `b` */
+    explicit RelayStage(bool bFixedConsumer = false);
+
+    /** Gives host `a` a network of its own, where the engine is called "engine". */
+    void separateNetworks();
 
     void startEngine();
     void killEngine();
@@ -47,9 +55,15 @@ public:
 
     void resumeEngine() { m_engine->kill(SIGCONT); }
 
+    /** Takes host `a` off the network for a time; they must have been separated. */
+    void cutNetwork(std::chrono::milliseconds time);
+
     /** Starts a host's relay. @param sMore lines for its configuration @param environment for its process */
     void startRelay(const std::string& sHost, const std::string& sMore = {},
                     const std::vector<std::string>& environment = {});
+
+    /** Writes a host's configuration. @param sMore lines that come last, and hold */
+    void configure(const std::string& sHost, const std::string& sMore) const;
 
     /** Gives a relay another configuration, and has it read. @param sMore as above */
     void reloadRelay(const std::string& sHost, const std::string& sMore);
@@ -72,7 +86,8 @@ public:
     std::pair<std::string, int> runAsAdministrator(const std::string& sHost,
                                                    const std::vector<std::string>& arguments);
 
-    /** Starts a sink on a host with one callback; it takes a lease. An empty name is anonymous. */
+    /** Starts a sink on a host with one callback; it takes a lease. An empty name is anonymous; with "-" it
+     * is a TCP sink without a lease. */
     ChildProcess startSink(const std::string& sHost, const std::string& sName, const std::string& sLog,
                            const std::string& sKind = "plain");
 
@@ -92,15 +107,25 @@ public:
     /** The administrator's connection. */
     VornRelay::NatsAdministration administration() const;
 
+    /** The process of a host's relay. */
+    pid_t relayProcess(const std::string& sHost) const { return m_relays.at(sHost).pid(); }
+
     static std::string pathOf(const std::string& sName);
+
+    /** Makes a process of its own one of that host; for roles. */
+    static void enterHost(const std::string& sHost);
+
+    /** Takes a lease from this host's relay. @return address and number, with a blank between */
+    static std::string leaseFor(const std::string& sName, const VornSupport::VornString& sAddress,
+                                long nHandle);
 
 private:
     void createCertificates();
-    void configureEngine();
-    void configure(const std::string& sUser, const std::string& sMore) const;
+    void configureEngine(bool bFixedConsumer);
     static std::pair<std::string, int> runWith(const std::string& sUser, const std::string& sHost,
                                                const std::vector<std::string>& arguments);
 
+    std::optional<ChildProcess> m_network;
     std::optional<ChildProcess> m_engine;
     std::map<std::string, ChildProcess> m_relays;
 };

@@ -7,17 +7,20 @@
 
 #include <NatsConnection.h>
 #include <NatsEngine.h>
+#include <RemoteHost.h>
 
 #include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string_view>
 #include <system_error>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -118,6 +121,24 @@ public:
 private:
     const UniqueFd m_socket;
 };
+
+/** @return whether a host may publish or subscribe there. */
+bool isAllowed(const VornRelay::EngineAccess& access, const std::string& sKind, const std::string& sSubject) {
+    const auto options = VornRelay::optionsFor(access, std::chrono::seconds(5));
+    natsConnection* created = nullptr;
+    if (natsConnection_Connect(&created, options.get()) != NATS_OK)
+        return false;
+    const VornRelay::NatsPointer<natsConnection> connection(created);
+    natsSubscription* subscribed = nullptr;
+    if (sKind == "publish")
+        natsConnection_PublishString(created, sSubject.c_str(), "x");
+    else
+        natsConnection_SubscribeSync(&subscribed, created, sSubject.c_str());
+    const VornRelay::NatsPointer<natsSubscription> subscription(subscribed);
+    natsConnection_FlushTimeout(created, 5000);
+    const char* szError = nullptr;
+    return natsConnection_GetLastError(created, &szError) == NATS_OK;
+}
 
 /** Services and sinks of either kind, on the road between two hosts. */
 class RelayPairing : public RelayTest,
@@ -405,24 +426,122 @@ TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
         {"subscribe", "_INBOX_b.x", false},
         {"subscribe", "vorn.to.>", false},
         {"subscribe", "vorn.gone.b", true},
+        {"publish", "$JS.API.INFO", true},
+        {"publish", "$JS.API.STREAM.INFO.VORN_TO_a", true},
+        {"publish", "$JS.API.STREAM.INFO.VORN_TO_b", false},
+        {"publish", "$JS.API.STREAM.NAMES", false},
     };
     for (const Attempt& attempt : attempts) {
         SCOPED_TRACE(std::string(attempt.szKind) + " " + attempt.sSubject);
-        const auto options = VornRelay::optionsFor(m_stage.access("a"), std::chrono::seconds(5));
-        natsConnection* created = nullptr;
-        ASSERT_EQ(natsConnection_Connect(&created, options.get()), NATS_OK);
-        const VornRelay::NatsPointer<natsConnection> connection(created);
-        natsSubscription* subscription = nullptr;
-        if (std::string(attempt.szKind) == "publish")
-            natsConnection_PublishString(created, attempt.sSubject.c_str(), "x");
-        else
-            natsConnection_SubscribeSync(&subscription, created, attempt.sSubject.c_str());
-        natsConnection_FlushTimeout(created, 5000);
-        const char* szError = nullptr;
-        const bool bAllowed = natsConnection_GetLastError(created, &szError) == NATS_OK;
-        EXPECT_EQ(bAllowed, attempt.bAllowed);
-        natsSubscription_Destroy(subscription);
+        EXPECT_EQ(isAllowed(m_stage.access("a"), attempt.szKind, attempt.sSubject), attempt.bAllowed);
     }
+}
+
+TEST(RelayFixedConsumer, HostMayOnlyPullAndAcknowledge_AndNothingIsLostOrOutOfOrder) {
+    const int nCount = 600;
+    RelayStage stage(true);
+    for (const char* szCall : {"CREATE.VORN_TO_b", "DURABLE.CREATE.VORN_TO_b.relay", "DELETE.VORN_TO_b.relay",
+                               "DURABLE.CREATE.VORN_TO_b.keep-1"})
+        EXPECT_FALSE(isAllowed(stage.access("b"), "publish", std::string("$JS.API.CONSUMER.") + szCall));
+    EXPECT_TRUE(isAllowed(stage.access("b"), "publish", "$JS.API.CONSUMER.INFO.VORN_TO_b.relay"));
+    stage.startRelay("a");
+    stage.startRelay("b", "consumer = fixed\n");
+    ChildProcess sink = stage.startSink("b", "", "log");
+    ChildProcess service = stage.startService("a", "plain", sink.readLine(), nCount);
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", 200));
+    stage.endRelay("b", SIGKILL);
+    stage.startRelay("b", "consumer = fixed\n");
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    const History history = RelayStage::history("log", nCount);
+    EXPECT_EQ(history.nLost, 0U);
+    EXPECT_EQ(history.nOutOfOrder, 0U);
+    EXPECT_LE(history.nDuplicated, 1U);
+    ChildProcess named = stage.startSink("b", "billing", "named-log");
+    ChildProcess again = stage.startService("a", "confirmed", named.readLine(), 3);
+    EXPECT_TRUE(RelayStage::awaitNumbers("named-log", 3));
+}
+
+/** Whoever pulls messages names the subject to which the engine delivers them, past what he may publish. */
+TEST(RelayFixedConsumer, MessagesThatAHostHasDeliveredIntoAnotherHostsStream_ReachNoSink) {
+    RelayStage stage(true);
+    stage.startRelay("a");
+    ChildProcess sink = stage.startSink("a", "", "log");
+    const std::string sLease = sink.readLine();
+    const std::string sSubject = "vorn.to.a.sink.lease." + sLease.substr(sLease.find(' ') + 1);
+    VornRelay::NatsAdministration administration = stage.administration();
+    const auto store = [&](const std::string& sWhere, const std::string& sId, char last) {
+        administration.publish(
+            VornRelay::messageTo(sWhere, "c", sId, std::string(11, '\0') + last + std::string(4, '\0')));
+    };
+    store("vorn.to.b.sink.lease.70000", "c.1.1", '\1');
+    const auto options = VornRelay::optionsFor(stage.access("b"), std::chrono::seconds(5));
+    natsConnection* created = nullptr;
+    ASSERT_EQ(natsConnection_Connect(&created, options.get()), NATS_OK);
+    const VornRelay::NatsPointer<natsConnection> connection(created);
+    natsConnection_PublishRequestString(created, "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay",
+                                        sSubject.c_str(), "1");
+    natsConnection_FlushTimeout(created, 5000);
+    EXPECT_TRUE(awaitCondition([&] {
+        return administration.request("$JS.API.CONSUMER.INFO.VORN_TO_b.relay")["num_ack_pending"] == 1;
+    })) << "it was handed out";
+    store(sSubject, "c.1.2", '\2');
+    EXPECT_TRUE(awaitCondition([&] { return RelayStage::history("log", 0).nSeen > 0; }));
+    EXPECT_EQ(readTextFile(RelayStage::pathOf("log")), "2\n");
+}
+
+class RelayRedirect : public RelayTest {
+protected:
+    void startRelays() {
+        m_stage.separateNetworks();
+        const std::string sAddress = std::string("redirect-address = b=") + RelayStage::cSinkAddress + "\n";
+        m_stage.startRelay("b", sAddress);
+        m_stage.startRelay("a", "servers = tls://engine:4222\nredirect-port = 4333\n" + sAddress);
+        for (const char* szHost : {"a", "b"})
+            EXPECT_EQ(m_stage.run(szHost, {"redirect", "on"}).second, 0);
+    }
+};
+
+TEST_F(RelayRedirect, AddressOfAnUnmodifiedTcpSink_LeadsAnUnmodifiedServiceThere) {
+    const int nCount = 500;
+    startRelays();
+    for (const auto& [szService, szSink] : {std::pair("plain", "plain"), std::pair("confirmed", "steady")}) {
+        const std::string sLog = std::string("log-") + szSink;
+        ChildProcess sink = m_stage.startSink("b", "-", sLog, szSink);
+        const std::string sAddress = sink.readLine();
+        EXPECT_THAT(sAddress, HasSubstr(std::string("socket:") + RelayStage::cSinkAddress + ":"));
+        ChildProcess service = m_stage.startService("a", szService, sAddress, nCount);
+        EXPECT_EQ(service.readLine(), "0");
+        EXPECT_TRUE(RelayStage::awaitNumbers(sLog, nCount)) << m_stage.run("b", {"status"}).first;
+        EXPECT_EQ(RelayStage::history(sLog, nCount), (History{nCount, 0, 0, 0}));
+    }
+    EXPECT_EQ(m_stage.run("a", {"redirect", "off"}).second, 0);
+}
+
+TEST_F(RelayRedirect, WhenAnotherProcessTakesTheOldPort_NothingReachesIt) {
+    const int nCount = 50;
+    startRelays();
+    ChildProcess sink = ChildProcess::spawnRole("relay_mover", "b", RelayStage::cSinkAddress, "6001",
+                                                RelayStage::pathOf("log"));
+    ASSERT_EQ(sink.readLine(), "listens");
+    const std::string sAddress = std::string("socket:") + RelayStage::cSinkAddress + ":6001 0";
+    ChildProcess first = m_stage.startService("a", "plain", sAddress, 1);
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", 1));
+    sink.writeLine("move");
+    ASSERT_EQ(sink.readLine(), "has moved");
+    int nPort = 6001;
+    UniqueFd thief = tcpListen(RelayStage::cSinkAddress, nPort, 100);
+    ChildProcess service = m_stage.startService("a", "plain", sAddress, nCount);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount)) << m_stage.run("b", {"status"}).first;
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount + 1, 0, 1, 0}));
+    pollfd waiting{thief.get(), POLLIN, 0};
+    EXPECT_EQ(::poll(&waiting, 1, 0), 0) << "somebody has connected to the other process";
+    EXPECT_THAT(m_stage.run("b", {"status", "--json"}).first, HasSubstr("\"moved-ports\":1"));
+    thief.reset();
+    sink.kill(SIGKILL);
+    sink.wait();
+    ChildProcess late = m_stage.startService("a", "plain", sAddress, 3);
+    EXPECT_TRUE(awaitCondition([&] { return deadLetters("gone") > 0; }))
+        << "the process that was meant has ended";
 }
 
 TEST_F(RelayTest, ForeignOrMissingCertificate_IsRefused) {
@@ -473,6 +592,49 @@ TEST_F(RelayTest, HostThatIsAddedAgain_GetsWhatIsToldAndKeepsTheRest) {
     EXPECT_EQ(config["retention"], "workqueue");
 }
 
+TEST_F(RelayTest, Doctor_FindsEachMisconfiguration) {
+    struct Row {
+        const char* szHost;
+        std::string sMore;
+        const char* szFinding;
+    };
+
+    startRelays();
+    const auto path = [](const char* szName) { return RelayStage::pathOf(szName); };
+    std::filesystem::permissions(path("a.key"), std::filesystem::perms(0644));
+    std::ofstream(path("state-a/journal"), std::ios::app) << "torn";
+    const Row rows[] = {
+        {"b", "", "ok       what is forbidden is denied"},
+        {"b", "", "ok       journal"},
+        {"b", "", "warning  the certificate"}, // which is made for two days
+        {"b", "certificate = " + path("a.pem") + "\n", "is not for the DNS name b"},
+        {"b", "certificate = /nowhere.pem\n", "problem  the certificate /nowhere.pem: No such file"},
+        {"b", "certificate = " + path("admin.pem") + "\nkey = " + path("admin.key") + "\n",
+         "warning  this host may publish to vorn.dead.doctor"},
+        {"b", "certificate = " + path("admin.pem") + "\nkey = " + path("admin.key") + "\n",
+         "warning  this host may read what is sent to all others"},
+        {"b", "consumer = fixed\n",
+         "warning  this host may publish to $JS.API.CONSUMER.DURABLE.CREATE.VORN_TO_b.doctor"},
+        {"b", "metrics = /nowhere/metrics\n", "problem  the directory of metrics /nowhere/metrics"},
+        {"b", "redirect-address = b=100.64.9.9\n", "problem  this host does not have its redirect-address"},
+        {"b", "redirect-address = a=100.64.9.9\n", "problem  redirect-address of other hosts without"},
+        {"b", "servers = nats://127.0.0.1:1\n", "warning  nats://127.0.0.1:1 does not answer"},
+        {"a", "", "problem  the journal"},
+        {"a", "", "warning  others may read the key"},
+        {"a", "send-to = b, d\n", "problem  this host may not publish to vorn.to.d.sink.lease.0"},
+    };
+    std::map<std::string, std::string> outputs; // rows that differ only in what is looked for share one
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.sMore);
+        std::string& sOutput = outputs[row.szHost + row.sMore];
+        if (sOutput.empty()) {
+            m_stage.configure(row.szHost, row.sMore);
+            sOutput = m_stage.run(row.szHost, {"doctor"}).first;
+        }
+        EXPECT_THAT(sOutput, HasSubstr(row.szFinding));
+    }
+}
+
 TEST_F(RelayTest, UnknownCallback_MakesADeadLetterThatCanBeSentAgain) {
     startRelays();
     ChildProcess sink = m_stage.startSink("b", "known", "log");
@@ -493,4 +655,60 @@ TEST_F(RelayTest, UnknownCallback_MakesADeadLetterThatCanBeSentAgain) {
     EXPECT_EQ(m_stage.runAsAdministrator("a", {"dead", "list"}).first, "");
     EXPECT_EQ(m_stage.run("b", {"release", "unknown"}).second, 0);
     EXPECT_EQ(m_stage.run("b", {"release", "unknown"}).second, 3) << "there is none any more";
+}
+
+TEST_F(RelayTest, Notify_NeedsNoService_AndAnIdentityOfTheCallersIsStoredOnce) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    const std::string sNumber = sLease.substr(sLease.find(' ') + 1);
+    EXPECT_EQ(m_stage.run("a", {"notify", "b", sNumber, "1"}).second, 0);
+    const std::vector<std::string> once{"notify", "b", sNumber, "long:2", "--id", "bill-7"};
+    EXPECT_EQ(m_stage.run("a", once), std::pair(std::string(), 0));
+    EXPECT_EQ(m_stage.run("a", once), std::pair(std::string("stored before\n"), 0));
+    EXPECT_EQ(m_stage.run("a", {"notify", "b", sNumber, "3"}).second, 0);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 3));
+    EXPECT_EQ(RelayStage::history("log", 3), (History{3, 0, 0, 0}));
+    EXPECT_EQ(m_stage.run("a", {"notify", "b", sNumber, "colour:red"}).second, 2);
+    EXPECT_EQ(m_stage.run("a", {"notify", "nowhere", sNumber, "1"}).second, 3);
+}
+
+TEST_F(RelayTest, SendTo_IsReadAgainAndAStarMeansEveryHostWithAStream) {
+    const auto hasPipe = [](const char* szPipe) {
+        return std::filesystem::exists(RelayStage::pathOf(szPipe));
+    };
+    startRelays();
+    EXPECT_TRUE(hasPipe("pipes-b/relay-a"));
+    m_stage.reloadRelay("b", "send-to =\n");
+    EXPECT_TRUE(awaitCondition([&] { return !hasPipe("pipes-b/relay-a"); }));
+    m_stage.administration().addHost("c", {});
+    m_stage.reloadRelay("b", "send-to = *\n");
+    EXPECT_TRUE(awaitCondition([&] { return hasPipe("pipes-b/relay-a") && hasPipe("pipes-b/relay-c"); }));
+    EXPECT_FALSE(hasPipe("pipes-b/relay-b")) << "a host is no other host to itself";
+    m_stage.administration().removeHost("c");
+    m_stage.reloadRelay("b", "send-to = *\n");
+    EXPECT_TRUE(awaitCondition([&] { return !hasPipe("pipes-b/relay-c"); }))
+        << "without a stream it is unknown";
+}
+
+TEST_F(RelayTest, StatusAndMetrics_TellOfStreamSinksAndCounters) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "billing", "log");
+    ChildProcess service = m_stage.startService("a", "confirmed", sink.readLine(), 3);
+    ASSERT_TRUE(RelayStage::awaitNumbers("log", 3));
+    const std::string sStatus = m_stage.run("b", {"status", "--json"}).first;
+    for (const char* szKey : {"connected", "ready", "accepted", "delivered", "sinks", "stream", "limit",
+                              "oldest", "tries", "resets", "repeated", "moved-ports"})
+        EXPECT_THAT(sStatus, HasSubstr(std::string("\"") + szKey + "\":"));
+    EXPECT_THAT(m_stage.run("b", {"status"}).first,
+                testing::AllOf(HasSubstr("\nsink billing "), HasSubstr("\nstream: ")));
+    const UniqueFd metrics = unixConnect(RelayStage::pathOf("metrics-b"));
+    sendAll(metrics.get(), "GET /metrics HTTP/1.0\r\n\r\n");
+    const std::string sText = receiveToEnd(metrics.get());
+    for (const char* szMetric :
+         {"accepted_total 0", "published_total 0", "repeated_total 0", "refused_total 0", "held 0",
+          "delivered_total 3", "tries_total 3", "resets_total 0", "skipped_total 0", "moved_ports_total 0",
+          "oldest_seconds{class=\"named\"} ", "oldest_seconds{class=\"tcp\"} ", "connected 1",
+          "publish_seconds_count 0", "delivery_seconds_count 3", "stream_messages ", "stream_limit_bytes "})
+        EXPECT_THAT(sText, HasSubstr(std::string("\nvornnet_relay_") + szMetric));
 }

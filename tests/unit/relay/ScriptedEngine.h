@@ -25,7 +25,7 @@ public:
 
     void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) override {
         opened.emplace_back(sConsumer + " " + sFilter);
-        onOpened("");
+        onOpened({});
     }
 
     void close(const std::string& sConsumer) override { closed.push_back(sConsumer); }
@@ -39,6 +39,10 @@ public:
     }
 
     void listenTo(const std::string&) override {}
+
+    void measure(FillHandler) override {}
+
+    void listHosts(HostsHandler) override {}
 
     std::size_t mostContent() const override { return 1000; }
 

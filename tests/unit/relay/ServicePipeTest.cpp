@@ -78,7 +78,7 @@ protected:
     std::thread m_thread;
 
 private:
-    void accepted(std::string&& sExchange, ServicePipe::DoneHandler onDone) override {
+    void accepted(std::string&& sExchange, std::uint16_t, ServicePipe::DoneHandler onDone) override {
         m_exchanges.push_back(std::move(sExchange));
         m_handlers.push_back(std::move(onDone));
     }

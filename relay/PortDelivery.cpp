@@ -1,0 +1,165 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "PortDelivery.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include <linux/sockios.h>
+
+namespace VornRelay {
+
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+constexpr unsigned int cMostResets = 200;
+constexpr microseconds cFirstPause{20};
+constexpr microseconds cLongestPause{2000};
+constexpr microseconds cLongestPauseAway{100'000};
+constexpr milliseconds cSoonAway{100};
+constexpr milliseconds cAcknowledgement{1};
+
+} // namespace
+
+PortDelivery::PortDelivery(RelayLoop& loop, PortOwners& owners, in_addr address, std::uint16_t nPublished,
+                           std::string_view sExchange, milliseconds patience, DoneHandler onDone)
+    : m_loop(loop), m_owners(owners), m_address(address), m_nPublished(nPublished), m_sExchange(sExchange),
+      m_patience(patience), m_onDone(std::move(onDone)) {
+    m_timer = m_loop.after(Clock::duration(0), [this] { attempt(); });
+}
+
+PortDelivery::~PortDelivery() {
+    close();
+}
+
+void PortDelivery::ready(std::uint32_t) {
+    if (!m_socket.isOpen())
+        return;
+    if (m_step == Step::connecting) {
+        int nError = 0;
+        socklen_t nSize = sizeof nError;
+        System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &nError, &nSize);
+        // Whoever listens now has listened since before the connection was there.
+        if (nError != 0 || !m_owners.isOwn(m_address, m_nPublished, m_nPort)) {
+            repeat();
+            return;
+        }
+        m_bAway = false;
+        m_step = Step::sending;
+    }
+    if (m_step == Step::sending ? !send() : !awaitEnd())
+        wasReset();
+}
+
+void PortDelivery::attempt() {
+    m_timer = 0;
+    const PortOwners::Place place = m_owners.find(m_address, m_nPublished);
+    m_result.nMoves += place.bHasMoved ? 1 : 0;
+    if (place.bHasEnded || (m_bAway && Clock::now() - m_awaySince > m_patience))
+        finish(Outcome::gone);
+    else if (place.nPort == 0 || !connectTo(place.nPort))
+        repeat();
+}
+
+bool PortDelivery::connectTo(std::uint16_t nPort) {
+    ++m_result.nTries;
+    m_nPort = nPort;
+    m_nSent = 0;
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_addr = m_address;
+    place.sin_port = htons(nPort);
+    m_socket.reset(System::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!m_socket.isOpen() ||
+        (System::connect(m_socket.number(), reinterpret_cast<const sockaddr*>(&place), sizeof place) == -1 &&
+         errno != EINPROGRESS)) {
+        m_socket.reset();
+        return false;
+    }
+    m_step = Step::connecting;
+    m_loop.watch(m_socket.number(), EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, *this);
+    return true;
+}
+
+/** @return whether the connection still stands. */
+bool PortDelivery::send() {
+    while (m_nSent < m_sExchange.size()) {
+        const ssize_t count = System::send(m_socket.number(), m_sExchange.data() + m_nSent,
+                                           m_sExchange.size() - m_nSent, MSG_NOSIGNAL);
+        if (count == -1)
+            return errno == EAGAIN;
+        m_nSent += static_cast<std::size_t>(count);
+    }
+    m_step = Step::ending;
+    return System::shutdown(m_socket.number(), SHUT_WR) == 0 && awaitEnd();
+}
+
+/** The end counts when everything has been taken; before that, a reset may follow. */
+bool PortDelivery::awaitEnd() {
+    std::array<char, 256> ignored;
+    ssize_t count = 0;
+    do {
+        count = System::recv(m_socket.number(), ignored.data(), ignored.size(), 0);
+    } while (count > 0);
+    if (count == -1)
+        return errno == EAGAIN;
+    int nUntaken = 0;
+    int nError = 0;
+    socklen_t nSize = sizeof nError;
+    if (System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &nError, &nSize) == -1 || nError != 0 ||
+        System::ioctl(m_socket.number(), SIOCOUTQ, &nUntaken) == -1)
+        return false;
+    if (nUntaken == 0) {
+        finish(Outcome::delivered);
+        return true;
+    }
+    m_loop.cancel(m_timer); // no event tells that the last byte has been acknowledged
+    m_timer = m_loop.after(cAcknowledgement, [this] {
+        m_timer = 0;
+        if (!awaitEnd())
+            wasReset();
+    });
+    return true;
+}
+
+void PortDelivery::wasReset() {
+    if (++m_result.nResets < cMostResets)
+        repeat();
+    else
+        finish(Outcome::refused);
+}
+
+void PortDelivery::close() {
+    m_loop.cancel(std::exchange(m_timer, 0));
+    if (!m_socket.isOpen())
+        return;
+    m_loop.unwatch(m_socket.number());
+    m_socket.reset();
+}
+
+void PortDelivery::repeat() {
+    const Clock::time_point now = Clock::now();
+    close();
+    if (!m_bAway && m_step != Step::sending && m_step != Step::ending) {
+        m_bAway = true;
+        m_awaySince = now;
+        m_pause = microseconds(0);
+    }
+    m_step = Step::waiting;
+    const bool bIsLong = m_bAway && now - m_awaySince > cSoonAway;
+    m_pause = std::clamp(m_pause * 2, cFirstPause, bIsLong ? cLongestPauseAway : cLongestPause);
+    m_timer = m_loop.after(m_pause, [this] { attempt(); });
+}
+
+/** The handler may destroy this object. */
+void PortDelivery::finish(Outcome outcome) {
+    close();
+    m_result.outcome = outcome;
+    m_onDone(m_result);
+}
+
+} // namespace VornRelay
