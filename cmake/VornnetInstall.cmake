@@ -3,7 +3,7 @@
 
 # Components: `runtime` is what programs need to run, `development` what is needed to build them, `notify` and
 # `notify_development` the same of the library of deliveries that arrive, `tools` the command-line tool (see tools/),
-# `documentation` all that is there to be read.
+# `relay` the relay between hosts (see relay/), `documentation` all that is there to be read.
 include(CMakePackageConfigHelpers)
 
 # A library finds those it needs beside it, wherever they are installed. In packages they are where the system looks.

@@ -18,10 +18,11 @@ set(package_of_development libvornnet-dev)
 set(package_of_notify libvornnotify1)
 set(package_of_notify_development libvornnotify-dev)
 set(package_of_tools vornnet-tools)
+set(package_of_relay vornnet-relay)
 set(package_of_documentation vornnet-doc)
 
 # What every package has for itself beside its component.
-foreach(component IN ITEMS runtime development notify notify_development tools documentation)
+foreach(component IN ITEMS runtime development notify notify_development tools relay documentation)
     set(package ${package_of_${component}})
     set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/${package})
     install(FILES ${packaging_dir}/copyright DESTINATION ${doc_dir} COMPONENT ${component})
@@ -56,6 +57,14 @@ foreach(file IN ITEMS shlibs triggers)
     file(COPY_FILE ${packaging_dir}/libvornnotify1.${file} ${work_dir_of_notify}/${file})
     list(APPEND control_of_notify ${work_dir_of_notify}/${file})
 endforeach()
+set(work_dir_of_relay ${work_dir}/relay)
+file(MAKE_DIRECTORY ${work_dir_of_relay})
+foreach(file IN ITEMS postinst postrm prerm)
+    file(COPY_FILE ${packaging_dir}/vornnet-relay.${file} ${work_dir_of_relay}/${file})
+    file(CHMOD ${work_dir_of_relay}/${file} PERMISSIONS
+        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+    list(APPEND control_of_relay ${work_dir_of_relay}/${file})
+endforeach()
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
     ${VORNNET_CHANGELOG}
     ${packaging_dir}/libvornnet1.postinst
@@ -63,7 +72,10 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
     ${packaging_dir}/libvornnet1.shlibs
     ${packaging_dir}/libvornnet1.triggers
     ${packaging_dir}/libvornnotify1.shlibs
-    ${packaging_dir}/libvornnotify1.triggers)
+    ${packaging_dir}/libvornnotify1.triggers
+    ${packaging_dir}/vornnet-relay.postinst
+    ${packaging_dir}/vornnet-relay.postrm
+    ${packaging_dir}/vornnet-relay.prerm)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vornnet)
@@ -71,7 +83,7 @@ set(CPACK_PACKAGE_VENDOR "The vornnet authors")
 set(CPACK_PACKAGE_CONTACT "The vornnet authors <authors@vornnet.example>")
 set(CPACK_PACKAGE_HOMEPAGE_URL ${PROJECT_HOMEPAGE_URL})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_COMPONENTS_ALL runtime development notify notify_development tools documentation)
+set(CPACK_COMPONENTS_ALL runtime development notify notify_development tools relay documentation)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -155,6 +167,23 @@ This package contains the program vornnet, with which callback sinks,
 notifications, connections and servers can be tried from the shell, and which
 finds out why a notification does not arrive. It also contains printers for gdb
 and a dissector for Wireshark.")
+
+set(CPACK_DEBIAN_RELAY_PACKAGE_NAME ${package_of_relay})
+set(CPACK_DEBIAN_RELAY_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_RELAY_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RELAY_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_RELAY_PACKAGE_CONTROL_EXTRA ${control_of_relay})
+# The command is `vornnet relay`, which is the tool's.
+set(CPACK_COMPONENT_RELAY_DEPENDS runtime notify tools)
+set(CPACK_DEBIAN_RELAY_PACKAGE_DEPENDS "adduser | systemd-sysusers")
+# What the addresses of programs that cannot be rebuilt are redirected with.
+set(CPACK_DEBIAN_RELAY_PACKAGE_SUGGESTS "nftables, iproute2, nats-server")
+set(CPACK_DEBIAN_RELAY_DESCRIPTION "typed connections and notifications between processes - relay
+${what}
+
+This package contains the relay, a daemon that carries notifications between
+hosts through servers of NATS with JetStream, and keeps them while a host is
+away.")
 
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME ${package_of_documentation})
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)

@@ -44,7 +44,8 @@ endforeach()
 
 file(GLOB_RECURSE programs
     ${CPACK_TEMPORARY_DIRECTORY}/*/usr/${CPACK_VORNNET_LIBDIR}/*.so.${CPACK_PACKAGE_VERSION}
-    ${CPACK_TEMPORARY_DIRECTORY}/tools/usr/bin/*)
+    ${CPACK_TEMPORARY_DIRECTORY}/tools/usr/bin/*
+    ${CPACK_TEMPORARY_DIRECTORY}/relay/usr/bin/*)
 foreach(program IN LISTS programs)
     run(objcopy --remove-section=.comment --remove-section=.note ${program})
 endforeach()

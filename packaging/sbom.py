@@ -24,15 +24,16 @@ SUPPLIER = "Organization: The vornnet authors"
 COPYRIGHT = "2026 The vornnet authors"
 LICENCE = "Apache-2.0"
 
-# Libraries of which parts are compiled into the tool, by the Debian package they come from.
+# Libraries of which parts are compiled into the programs, by the Debian package they come from.
 COMPILED_IN = {
     "libcli11-dev": ("CLI11", "BSD-3-Clause", "https://github.com/CLIUtils/CLI11"),
     "nlohmann-json3-dev": ("nlohmann-json", "MIT", "https://github.com/nlohmann/json"),
 }
-TOOLS = "vornnet-tools"
+PROGRAMS = ("vornnet-relay", "vornnet-tools")
 THEME = re.compile("/(scripts|styles|copy-?button[^/]*|check-solid.svg|skeleton.css|debug.css)(/|$)")
 
-PURPOSES = {"libvornnet1": "LIBRARY", "libvornnotify1": "LIBRARY", "vornnet-tools": "APPLICATION"}
+PURPOSES = {"libvornnet1": "LIBRARY", "libvornnotify1": "LIBRARY", "vornnet-relay": "APPLICATION",
+            "vornnet-tools": "APPLICATION"}
 
 
 def output_of(*command):
@@ -201,11 +202,11 @@ def document(packages, epoch):
             if name not in own_names:
                 foreign.setdefault(name, foreign_package(name, identifier("Package", name), name, "NOASSERTION"))
             relations.append(relation(package.id, "DEPENDS_ON", identifier("Package", name)))
-    if TOOLS in own_names:
+    for program in sorted(own_names.keys() & set(PROGRAMS)):
         for debian_name, (name, licence, homepage) in COMPILED_IN.items():
             foreign[debian_name] = foreign_package(name, identifier("Package", debian_name), debian_name, licence,
                                                    homepage)
-            relations.append(relation(own_names[TOOLS].id, "STATIC_LINK", identifier("Package", debian_name)))
+            relations.append(relation(own_names[program].id, "STATIC_LINK", identifier("Package", debian_name)))
     result = {
         "spdxVersion": "SPDX-2.3",
         "dataLicense": "CC0-1.0",

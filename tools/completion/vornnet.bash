@@ -50,7 +50,10 @@ _vornnet_words()
         --directory | --position-file) compgen -f ;;
         *)
             case $subcommand in
-                "") echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor help ;;
+                "")
+                    echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor help
+                    type -P vornnet-relay >/dev/null && echo relay
+                    ;;
                 help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor ;;
                 publish | subscribe) ((position > 1)) || _vornnet_addresses ;;
                 notify | connect | serve | ping | bench)
@@ -72,6 +75,13 @@ _vornnet()
     local words=("${COMP_WORDS[@]}") cword=$COMP_CWORD cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     if declare -F _get_comp_words_by_ref >/dev/null; then
         _get_comp_words_by_ref -n : cur prev words cword
+    fi
+    # A package of its own has the rest of this command.
+    if ((cword > 1)) && [[ ${words[1]} == relay ]]; then
+        # shellcheck source=relay/completion/vornnet-relay.bash
+        declare -F _vornnet_relay >/dev/null || . "${BASH_SOURCE[0]%/*}/vornnet-relay" 2>/dev/null
+        declare -F _vornnet_relay >/dev/null && _vornnet_relay 1
+        return 0
     fi
     local subcommand="" position=0 i
     for ((i = 1; i < cword; ++i)); do

@@ -73,8 +73,9 @@ compare_files() {
 
 check_files() {
     components=
-    for component in runtime development notify notify_development tools documentation; do
+    for component in runtime development notify notify_development tools relay documentation; do
         [ "$component" != tools ] || [ "$(cached VORNNET_BUILD_TOOLS)" = ON ] || continue
+        [ "$component" != relay ] || [ -e "$build/relay/vornnet-relay" ] || continue
         components="$components $component"
         install_component "$component"
         # shellcheck disable=SC2086 # each is a word

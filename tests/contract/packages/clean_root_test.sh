@@ -103,8 +103,9 @@ run_in_root() { # NAME
     in_namespace "$here/clean_root_test.sh" --in-namespace "$work/$1" "$build/roots/$1.tar"
 }
 
-fetch_root plain
-fetch_root systemd --include=systemd-standalone-sysusers,systemd-standalone-tmpfiles,netbase
+# What the relay is linked with has to be there, for there is no network in the roots.
+fetch_root plain --include=libnats3.4
+fetch_root systemd --include=systemd-standalone-sysusers,systemd-standalone-tmpfiles,netbase,libnats3.4
 make_upgrade
 check_development
 run_in_root plain

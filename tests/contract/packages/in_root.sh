@@ -7,7 +7,7 @@ set -euo pipefail
 
 directory=/opt/vorn/hostmgr/var/lib/kestrel/rendez
 all_packages=(libvornnet1 libvornnet1-dbgsym libvornnet-dev libvornnotify1 libvornnotify1-dbgsym
-    libvornnotify-dev vornnet-tools vornnet-tools-dbgsym vornnet-doc)
+    libvornnotify-dev vornnet-tools vornnet-tools-dbgsym vornnet-relay vornnet-relay-dbgsym vornnet-doc)
 
 fail() {
     printf 'FAILED: %s\n' "$*"
@@ -94,6 +94,20 @@ check_chapter_without_packages() {
     quietly userdel -r alice
     groupdel vorn
     rm -r /opt/vorn
+}
+
+# The relay comes with its user, who may create pipes, and its directories. It is told by its configuration what to do.
+check_relay() {
+    id -nG vornrelay | tr ' ' '\n' | grep -q -x vorn || fail 'the relay may not use pipes'
+    expect_equal 'state of the relay' "$(stat -c '%U:%G %a' /var/lib/vornnet-relay)" 'vornrelay:vornrelay 700'
+    local status=0
+    show 'vornnet relay doctor'
+    vornnet relay doctor >/tmp/doctor || status=$?
+    sed 's/^/   /' /tmp/doctor
+    expect_equal 'exit status of the doctor of the relay' "$status" 2
+    grep -q '/etc/vornnet/relay.conf: there is no such file' /tmp/doctor || fail 'the doctor does not miss the configuration'
+    ldd /usr/lib/*/libvornnet.so.1 /usr/lib/*/libvornnotify.so.1 /usr/bin/vornnet >/tmp/log
+    ! grep -q libnats /tmp/log || fail 'something but the relay is linked with libnats'
 }
 
 make_users() {
@@ -249,6 +263,7 @@ check_chapter_without_packages
 snapshot >/tmp/before
 install_packages first 1.0.0-1
 check_set_up
+check_relay
 make_users
 check_chapter_after_installation
 check_doctor_without_hosts

@@ -25,11 +25,21 @@ expect_equal 'entries of tmpfiles' "$(sed '/^#/d' libvornnet1.tmpfiles)" "d $dir
 r! $directory/*"
 expect_equal 'entries of sysusers' "$(sed '/^#/d' libvornnet1.sysusers)" 'g vorn - -'
 
+expect_equal 'entries of the relay'"'"'s sysusers' "$(sed '/^#/d' ../relay/vornnet-relay.sysusers)" \
+    'u vornrelay - "vornnet relay" /var/lib/vornnet-relay
+m vornrelay vorn'
+for unit in vornnet-relay vornnet-relay-redirect; do
+    grep -q "^ExecStart=@CMAKE_INSTALL_FULL_BINDIR@/vornnet-relay " "../relay/$unit.service" ||
+        { echo "$unit.service starts another program"; failures=$((failures + 1)); }
+done
+expect_equal 'pipes that the relay may create' \
+    "$(sed -n 's/^ReadWritePaths=\([^ ]*\).*/\1/p' ../relay/vornnet-relay.service)" "$directory"
+
 dpkg-parsechangelog -l changelog >/dev/null
 expect_equal 'version of the changelog' "$(dpkg-parsechangelog -l changelog -S Version | sed 's/-.*//')" "$version"
 expect_equal 'licence' "$(cksum <"$source/LICENSES/Apache-2.0.txt")" "$(cksum <"$source/LICENSE")"
 
-for script in libvornnet1.postinst libvornnet1.postrm; do
+for script in libvornnet1.postinst libvornnet1.postrm vornnet-relay.postinst vornnet-relay.postrm vornnet-relay.prerm; do
     sh -n "$script" || failures=$((failures + 1))
 done
 exit $((failures > 0))
