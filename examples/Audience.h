@@ -107,10 +107,15 @@ private:
         return VornString(listener.m_sState) == "subscribed";
     }
 
+    // A handle has 32 bits. Those of named leases have the highest one set, which some types take for a sign.
+    static bool isOf(const Listener& listener, const VornString& sAddress, long hCallback) {
+        return listener.getRemoteName() == sAddress &&
+               static_cast<int>(listener.getDependentHandle()) == static_cast<int>(hCallback);
+    }
+
     Listener* find(const VornString& sAddress, long hCallback) {
         for (const auto& spListener : m_listeners) {
-            if (isSubscribed(*spListener) && spListener->getRemoteName() == sAddress &&
-                spListener->getDependentHandle() == hCallback)
+            if (isSubscribed(*spListener) && isOf(*spListener, sAddress, hCallback))
                 return spListener;
         }
         return nullptr;
@@ -135,8 +140,7 @@ private:
         {
             const std::lock_guard lock(m_lock);
             for (const auto& spListener : m_listeners) {
-                if (spListener->getRemoteName() != result.sAddress ||
-                    spListener->getDependentHandle() != result.nHandle)
+                if (!isOf(*spListener, result.sAddress, result.nHandle))
                     continue;
                 ++(bDelivered ? spListener->m_nDelivered : spListener->m_nLost);
                 spListener->m_nTries += result.nTries;

@@ -1,0 +1,236 @@
+# SPDX-FileCopyrightText: 2026 The vornnet authors
+# SPDX-License-Identifier: Apache-2.0
+# shellcheck shell=bash
+
+# For script/demo: the third act. Two hosts, each with a network and a pipe directory of its own, and an engine between
+# them; a service on the one, clients on the other. The functions and variables of script/demo are used.
+
+hosts=(north south)
+declare -A holders=([north]='' [south]='') # processes that keep the hosts' namespaces
+relay=$root/build/demo/relay/vornnet-relay
+residents=(alice bob)
+
+# Sets what a command begins with that is to run there; so that what runs in the background is the program itself.
+enter_host() { # HOST
+    enter=(nsenter "--net=/proc/${holders[$1]}/ns/net" "--mount=/proc/${holders[$1]}/ns/mnt" --)
+}
+
+on_host() { # HOST COMMAND...
+    local -a enter
+    enter_host "$1"
+    shift
+    "${enter[@]}" "$@"
+}
+
+# A host is a mount namespace with its own pipe directory, and a network with one cable, to the engine.
+create_host() { # HOST NUMBER
+    local host=$1 number=$2
+    mkdir -p "$stage/pipes-$host" "$stage/state-$host"
+    printf '127.0.0.1 localhost\n10.77.%s.1 engine\n' "$number" >"$stage/hosts-$host"
+    unshare --mount --net "$BASH" -c 'mount --make-rprivate / && mount --bind "$1" "$2" && mount --bind "$3" /etc/hosts &&
+        ip link set lo up && echo ready && exec sleep infinity' \
+        host "$stage/pipes-$host" "$pipe_directory" "$stage/hosts-$host" >"$stage/$host.log" 2>&1 9>&- &
+    holders[$host]=$!
+    pids[host-$host]=$!
+    logs[host-$host]=$stage/$host.log
+    await "host $host" has_line "host-$host" '^ready'
+    ip link add "to-$host" type veth peer name engine netns "${holders[$host]}"
+    ip address add "10.77.$number.1/24" dev "to-$host"
+    ip link set "to-$host" up
+    on_host "$host" ip address add "10.77.$number.2/24" dev engine
+    on_host "$host" ip link set engine up
+}
+
+create_certificate() { # NAME OPTION...
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj "/CN=$1" \
+        -keyout "$stage/$1.key" -out "$stage/$1.pem" "${@:2}" 2>"$stage/openssl.log" ||
+        give_up "$(cat "$stage/openssl.log")"
+}
+
+create_certificates() {
+    local name
+    create_certificate ca
+    for name in engine administrator "${hosts[@]}"; do
+        create_certificate "$name" -CA "$stage/ca.pem" -CAkey "$stage/ca.key" \
+            -addext "subjectAltName=DNS:$name" -addext basicConstraints=CA:FALSE
+    done
+}
+
+# The block of each host is what the administrator's command prints.
+configure_engine() {
+    cat >"$stage/engine.conf" <<END
+listen: 0.0.0.0:4222
+log_file: "$stage/engine.log"
+jetstream { store_dir: "$stage/engine" }
+tls { cert_file: "$stage/engine.pem", key_file: "$stage/engine.key", ca_file: "$stage/ca.pem", verify_and_map: true }
+authorization { users: [
+{ user: administrator }
+$(cat "$stage"/permissions-* 2>/dev/null)
+] }
+END
+}
+
+engine_answers() { (: <>/dev/tcp/127.0.0.1/4222) 2>/dev/null; }
+
+start_engine() {
+    "$(PATH=$PATH:/usr/sbin command -v nats-server)" -c "$stage/engine.conf" >/dev/null 2>&1 9>&- &
+    pids[engine]=$!
+    logs[engine]=$stage/engine.log
+    await 'the engine' engine_answers
+}
+
+write_relay_settings() { # NAME LINE...
+    printf '%s\n' "host = $1" 'servers = tls://engine:4222' "ca = $stage/ca.pem" "certificate = $stage/$1.pem" \
+        "key = $stage/$1.key" "state-directory = $stage/state-$1" "${@:2}" >"$stage/$1.conf"
+}
+
+introduce_hosts() {
+    printf '127.0.0.1 localhost engine\n' >"$stage/hosts"
+    write_relay_settings administrator
+    write_relay_settings north 'send-to = south'
+    write_relay_settings south
+    local host
+    for host in "${hosts[@]}"; do
+        "$relay" --config "$stage/administrator.conf" hosts add "$host" --send-to south >"$stage/permissions-$host"
+    done
+    configure_engine
+    kill -HUP "${pids[engine]}"
+}
+
+relay_is_ready() { on_host "$1" "$relay" status 2>/dev/null | grep -q '^ready  *true'; }
+
+start_relay() { # HOST
+    local -a enter
+    enter_host "$1"
+    "${enter[@]}" "$relay" --config "$stage/$1.conf" run >>"$stage/relay-$1.log" 2>&1 </dev/null 9>&- &
+    pids[relay-$1]=$!
+    await "the relay of $1" relay_is_ready "$1"
+}
+
+start_resident() { # NAME
+    logs[$1]=$stage/$1.log
+    : >>"${logs[$1]}"
+    local before
+    local -a enter
+    before=$(grep -a -c '^client: subscribed' "${logs[$1]}" || true)
+    enter_host south
+    "${enter[@]}" "$programs/leased_client" "$1" "$stage/watched" >>"${logs[$1]}" 2>&1 </dev/null 9>&- &
+    pids[$1]=$!
+    await "client $1 to subscribe" has_lines "$1" '^client: subscribed' $((before + 1))
+    addresses[$1]=$(sed -n 's/^client: subscribed as //p' "${logs[$1]}" | tail -n 1)
+}
+
+has_lines() { (($(grep -a -c -- "$2" "${logs[$1]}") >= $3)); }
+
+# One file operation on the service's host, and what the clients that are there print.
+perform_on_host() { # description client... -- command...
+    local description=$1 name
+    local -a present=()
+    shift
+    while [[ $1 != -- ]]; do
+        present+=("$1")
+        shift
+    done
+    shift
+    events=$((events + 1))
+    printf '\nnorth$ %s\n' "$description"
+    (cd "$stage/watched" && "$@")
+    for name in "${present[@]}"; do
+        await "client $name to print event $events" has_printed "$name" "$events"
+        printf '    %-7s %s\n' "$name" "$(grep -a '^event ' "${logs[$name]}" | tail -n 1)"
+    done
+}
+
+# Nobody is there to print it yet.
+perform_unseen() { # description command...
+    perform_on_host "$1" -- "${@:2}"
+}
+
+await_residents() {
+    local name
+    for name in "${residents[@]}"; do
+        await "client $name to print event $events" has_printed "$name" "$events"
+        printf '    %-7s %s\n' "$name" "$(grep -a '^event ' "${logs[$name]}" | tail -n 1)"
+    done
+}
+
+kill_there() { # NAME WHAT
+    printf '\n$ kill -9 %s    # %s\n' "${pids[$1]}" "$2"
+    kill -9 "${pids[$1]}"
+    wait "${pids[$1]}" 2>/dev/null || true
+    unset "pids[$1]"
+}
+
+perform_on_hosts() {
+    local name
+    local -a enter
+    enter_host north
+    "${enter[@]}" "$programs/service" "$stage/watched" >"$stage/service.log" 2>&1 </dev/null &
+    pids[service]=$!
+    logs[service]=$stage/service.log
+    await 'the service to watch' has_line service '^service: watching'
+    # Subscribing is a request, which takes another road: ssh -L with socket files, for example. This stands for it.
+    ln "$stage/pipes-north/dirwatch" "$stage/pipes-south/dirwatch"
+    for name in "${residents[@]}"; do
+        start_resident "$name"
+        printf 'client %-7s subscribed as %s\n' "$name" "${addresses[$name]}"
+    done
+    perform_on_host 'echo draft > report.txt' "${residents[@]}" -- write_file report.txt draft
+    kill_there engine 'the engine'
+    perform_unseen 'echo more >> report.txt' append_file report.txt more
+    start_engine
+    await_residents
+    kill_there relay-south 'the relay of the clients'
+    perform_unseen 'echo 1 > one' write_file one 1
+    start_relay south
+    await_residents
+    kill_there relay-north 'the relay of the service'
+    perform_unseen 'echo 2 > two' write_file two 2
+    start_relay north
+    await_residents
+    kill_there alice 'client alice'
+    perform_on_host 'rm one' bob -- rm one
+    perform_on_host 'rm two' bob -- rm two
+    start_resident alice
+    await_residents
+}
+
+# Both clients have one address, and the service lists them in the order in which they came.
+compare_residents() {
+    local name number=0 expected=$events posted delivered lost tries found printed once
+    for name in "${residents[@]}"; do
+        stop "$name"
+    done
+    stop service
+    printf '\n%-7s %-26s %6s %10s %5s %6s %8s %10s  %s\n' \
+        client address posted delivered lost tries printed 'each once' state
+    for name in "${residents[@]}"; do
+        number=$((number + 1))
+        read -r _ posted delivered lost tries found < <(grep "^${addresses[$name]} .* [0-9]" "${logs[service]}" |
+            sed -n "${number}p")
+        printed=$(count_of_events "$name")
+        once=yes
+        [[ $(sed -n 's/^event \([0-9]*\):.*/\1/p' "${logs[$name]}") == "$(seq "$expected")" ]] || once=NO
+        printf '%-7s %-26s %6s %10s %5s %6s %8s %10s  %s\n' \
+            "$name" "${addresses[$name]}" "$posted" "$delivered" "$lost" "$tries" "$printed" "$once" "$found"
+        [[ $once == yes ]] || fail "$name did not print each of $expected events exactly once"
+        ((delivered == expected)) || fail "$name: the service delivered $delivered events instead of $expected"
+        [[ $found == left ]] || fail "$name: the service calls it '$found'"
+    done
+}
+
+show_hosts() {
+    printf 'a service on the host "north", clients on the host "south", an engine between them, and TLS\n'
+    create_host north 1
+    create_host south 2
+    create_certificates
+    configure_engine
+    start_engine
+    introduce_hosts
+    start_relay north
+    start_relay south
+    perform_on_hosts
+    compare_residents
+    stop relay-north
+    stop relay-south
+}
