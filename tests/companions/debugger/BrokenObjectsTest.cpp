@@ -11,6 +11,7 @@ using namespace VornTest;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
@@ -53,6 +54,17 @@ TEST_F(GdbPrinters, Object_ThatWasOverwritten_IsSaidToBeNone) {
                 ElementsAre("<VornNet::VornSocketConnection" + rest, "<VornNet::VornPipeServer" + rest,
                             "<VornNet::VornCallbackContainer" + rest, "<VornSupport::VornException" + rest,
                             "<VornNet::VornLibraryCallbackSink" + rest));
+}
+
+TEST_F(GdbPrinters, ObjectWithAPointerToItsState_ThatWasOverwritten_SaysWhatCannotBeRead) {
+    EXPECT_THAT(
+        show("overwritten", {"*dispatcher", "*steady", "*publisher", "*subscriber", "*zeroPublisher"}),
+        ElementsAre(StartsWith("<VornNet::VornDispatcher at ADDRESS: "),
+                    StartsWith("<VornNet::VornSteadySink at ADDRESS: "),
+                    StartsWith("<VornNet::VornPublisher at ADDRESS: "),
+                    StartsWith("<VornNet::VornSubscriber at ADDRESS: "),
+                    "<VornNet::VornPublisher at ADDRESS: there is no state: destroyed, or left to a "
+                    "child process>"));
 }
 
 TEST_F(GdbPrinters, ObjectWithoutVirtualFunctions_ThatWasOverwritten_SaysWhatCannotBeRead) {

@@ -335,6 +335,11 @@ void showOverwritten() {
     auto* identifier = overwritten<VornProxyDependentIdentifier>(letters, 0x41);
     auto* exception = overwritten<VornException>(letters, 0x41);
     auto* sink = overwritten<VornLibraryCallbackSink>(letters, 0x41);
+    auto* dispatcher = overwritten<VornDispatcher>(letters, 0x41);
+    auto* steady = overwritten<VornSteadySink>(letters, 0x41);
+    auto* publisher = overwritten<VornPublisher>(letters, 0x41);
+    auto* subscriber = overwritten<VornSubscriber>(letters, 0x41);
+    auto* zeroPublisher = overwritten<VornPublisher>(zeros, 0);
     auto* zeroSocket = overwritten<VornSocketConnection>(zeros, 0);
     auto* zeroCallbacks = overwritten<VornCallbackContainer>(zeros, 0);
     auto* zeroPointer = overwritten<VornSmartPointer<VornConnection>>(zeros, 0);
@@ -349,7 +354,7 @@ void showOverwritten() {
     destroyed->~VornPipeConnection();
     stopHere();
     use(socket, server, pointer, callbacks, identifier, exception, sink, zeroSocket, zeroCallbacks,
-        zeroPointer, freed, pNull, destroyed);
+        zeroPointer, freed, pNull, destroyed, dispatcher, steady, publisher, subscriber, zeroPublisher);
 }
 
 void showSpoiled() {
