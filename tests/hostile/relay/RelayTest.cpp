@@ -544,14 +544,12 @@ TEST_F(RelayRedirect, WhenAnotherProcessTakesTheOldPort_NothingReachesIt) {
         << "the process that was meant has ended";
 }
 
-TEST_F(RelayTest, ForeignOrMissingCertificate_IsRefused) {
+TEST_F(RelayTest, CertificateThatIsForeignMissingOrOfAnotherServer_IsRefused) {
     VornRelay::EngineAccess stranger = m_stage.access("stranger");
     EXPECT_THROW(VornRelay::NatsAdministration{stranger}, VornRelay::AdministrationError);
     stranger.sCertificate.clear();
     EXPECT_THROW(VornRelay::NatsAdministration{stranger}, VornRelay::AdministrationError);
-}
 
-TEST_F(RelayTest, ServerWhoseCertificateNamesAnotherHost_IsRefused) {
     useHostsFile("127.0.0.1 localhost another\n");
     VornRelay::EngineAccess access = m_stage.access("a");
     EXPECT_NO_THROW(VornRelay::NatsAdministration{access});
