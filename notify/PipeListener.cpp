@@ -106,8 +106,9 @@ bool removeDead(const VornString& sName) {
 bool PipeListener::isName(const VornString& sName) {
     // A zero byte would end the path early, and lead to somebody else's pipe.
     const bool isPlain = sName.find('/') == VornString::npos && sName.find('\0') == VornString::npos;
+    const VornString sPath = VornPipeServer::getFullPipeName(sName);
     return isPlain && !sName.empty() && sName != "." && sName != ".." &&
-           VornPipeServer::getFullPipeName(sName).size() < sizeof(sockaddr_un::sun_path);
+           sPath.size() < sizeof(sockaddr_un::sun_path);
 }
 
 bool PipeListener::isAlive(const VornString& sName) {

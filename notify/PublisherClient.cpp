@@ -143,8 +143,7 @@ void PublisherClient::skip(const Event& event, Sent& sent) {
 
 PublisherClient::Sent PublisherClient::sendLast() {
     Sent sent;
-    if (!m_sOutput.empty())
-        sendOutput(sent);
+    sendOutput(sent);
     return sent;
 }
 

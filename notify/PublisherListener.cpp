@@ -39,7 +39,7 @@ VornString PublisherListener::text() const {
 }
 
 std::optional<PipeListener> PublisherListener::remake() const {
-    if (!m_pipe || m_pipe->look() != PipeListener::File::gone)
+    if (m_pipe->look() != PipeListener::File::gone)
         return std::nullopt;
     try {
         return PipeListener::openFree(m_address.pipe(), m_group);

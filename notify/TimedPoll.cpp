@@ -56,8 +56,6 @@ void TimedPoll::wakeAt(TimePoint time) {
     // A timer that ends too early costs a look; one that is set anew with each packet costs a call for each.
     if (m_isWoken || (m_armedFor <= time && now < m_armedFor))
         return;
-    if (time == TimePoint::max() && m_armedFor == time)
-        return;
     m_armedFor = time;
     arm(time == TimePoint::max()
             ? std::chrono::nanoseconds(0)
