@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
+#include "AllocationFaults.h"
 #include "DispatcherTestSupport.h"
 #include "Interpose.h"
 #include "LogCapture.h"
@@ -7,6 +8,7 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -785,6 +787,30 @@ TEST_F(VornDispatcher_Operations, AHandlerThatThrowsIsLoggedAndCalledAgain) {
                                         "unknown type"}));
     EXPECT_EQ(log.records().front().level, 1);
 }
+
+#ifdef VORNTEST_OWN_MALLOC
+TEST_F(VornDispatcher_Operations, WithoutMemoryForWhatAHandlerThrewItIsCalledAgain) {
+    const LogCapture log(1);
+    const auto failure = std::make_exception_ptr(VornException("a text that is longer than a short one", 5));
+    std::optional<AllocationFault> none;
+    std::atomic<int> nCalls = 0;
+    VornDispatcher::Options options;
+    options.onResult = [&](const Result&) {
+        none.reset();
+        if (++nCalls > 1)
+            return;
+        none.emplace(1, AllocationFault::Mode::fromThenOn, AllocationFault::Scope::thisThread);
+        std::rethrow_exception(failure);
+    };
+    VornDispatcher dispatcher(options);
+    post(dispatcher, "pipe:nobody");
+    dispatcher.cancel("pipe:nobody");
+    ASSERT_TRUE(awaitCondition([&] { return nCalls == 1; }));
+    post(dispatcher, "pipe:nobody");
+    dispatcher.cancel("pipe:nobody");
+    EXPECT_TRUE(awaitCondition([&] { return nCalls == 2; }));
+}
+#endif
 
 TEST_F(VornDispatcher_Operations, ASlowHandlerDelaysNoDelivery) {
     const UniqueFd listener = listen("peer");

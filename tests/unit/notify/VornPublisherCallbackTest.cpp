@@ -4,6 +4,7 @@
 #include "PublisherFixture.h"
 
 #include <gmock/gmock.h>
+#include <map>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -238,8 +239,30 @@ TEST_P(VornPublisher_Callback, Stop_WithoutTimeGivesUpWhatIsLeft) {
     EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
 }
 
+TEST_P(VornPublisher_Callback, MoreThanMayWaitForAllSinks_IsSentLater) {
+    m_publisher.reset();
+    VornPublisher::Options options;
+    options.bCallbackAddresses = true;
+    options.nHistoryBytes = 40UL * 1024 * 1024;
+    options.nEventLimit = 10UL * 1024 * 1024;
+    open(options);
+    std::vector<RawSubscriber> subscribers;
+    for (std::uint64_t handle = 1; handle <= 3; ++handle)
+        subscribers.emplace_back(address(), "builds", request(handle));
+    for (int i = 0; i < 3; ++i)
+        publish(std::string(options.nEventLimit - 100, 'x'));
+    std::map<std::uint64_t, std::uint64_t> taken;
+    for (int i = 0; i < 9; ++i) {
+        const std::string data = take();
+        EXPECT_EQ(numberOf(data, 8), ++taken[numberOf(data) >> 32]);
+    }
+    EXPECT_THAT(taken, testing::ElementsAre(testing::Pair(1, 3), testing::Pair(2, 3), testing::Pair(3, 3)));
+    EXPECT_TRUE(publisher().flush(5s));
+}
+
 TEST_P(VornPublisher_Callback, ASinkThatTakesNothingForAMinute_EndsTheSubscription) {
     RawSubscriber subscriber(address(), "builds", request());
+    const RawSubscriber idle(address(), "other", request(8)); // who was sent nothing is not looked at
     publish("a");
     publish("b");
     const UniqueFd sender = acceptClient(m_sink.get());

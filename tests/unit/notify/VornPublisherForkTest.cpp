@@ -138,6 +138,30 @@ TEST_P(VornPublisher_Fork, WhenAHandlerExits_ThePublisherEndsInOrderWithItsProce
     EXPECT_EQ(openHistory(), "nothing");
 }
 
+KIT_ROLE(publisherWhoseHandlerExitsWhileItStops) {
+    static Barrier asked;
+    openPublisher(args.at(0), [](const VornPublisher::Subscriber&) -> VornString {
+        asked.open();
+        awaitCondition([] {
+            return thrownBy([] { g_publisher->publish("builds", writing("x")); }) ==
+                   "VornPublisher::publish: stopped. 108";
+        });
+        std::exit(exitStatus);
+    });
+    asked.wait();
+    g_publisher->stop(std::chrono::milliseconds(0));
+    return 0;
+}
+
+TEST_P(VornPublisher_Fork, WhenAHandlerExitsWhileItIsStopped_TheProcessEnds) {
+    ChildProcess child =
+        ChildProcess::spawnRoleWith(exitOnAnyThread, "publisherWhoseHandlerExitsWhileItStops", {GetParam()});
+    const UniqueFd asking = connectTo(child.readLine());
+    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    EXPECT_EQ(child.wait(), exitStatus);
+    EXPECT_EQ(child.readAllErrors(), "");
+}
+
 KIT_ROLE(publisherDestroyedByItsHandler) {
     std::set_terminate([] {
         print("terminated");

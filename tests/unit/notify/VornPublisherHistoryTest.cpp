@@ -139,6 +139,18 @@ TEST_F(VornPublisher_History, RoundTheBlock_TheNewestAreKept) {
     EXPECT_GT(before.size(), 40U);
 }
 
+TEST_F(VornPublisher_History, APositionFarFromBothEnds_IsFound) {
+    open(withDirectory());
+    for (int i = 1; i <= 300; ++i)
+        publish(std::to_string(i));
+    const VornPosition newest = publisher().position("builds");
+    for (const std::uint64_t number : {100U, 250U}) {
+        const RawSubscriber subscriber(address(), "builds",
+                                       {.begin = 3, .history = newest.nHistory, .number = number});
+        EXPECT_EQ(subscriber.next(), WireFrame::event(number + 1, std::to_string(number + 1)));
+    }
+}
+
 TEST_F(VornPublisher_History, WithoutADirectory_ANewProcessBeginsANewOne) {
     open();
     const VornPosition before = publisher().position("builds");
@@ -181,6 +193,19 @@ TEST_F(VornPublisher_History, WhatCannotBeOpened_TellsTheErrorNumber) {
     Options huge;
     huge.nHistoryBytes = std::size_t{1} << 62;
     EXPECT_EQ(openFailure(huge), failed + "12");
+    ASSERT_EQ(::mkfifo((directory + "/beta.history").c_str(), 0600), 0);
+    EXPECT_EQ(thrownBy([] { const VornPublisher other("pipe:beta", {"beta"}, withDirectory()); }),
+              failed + "22");
+}
+
+TEST_F(VornPublisher_History, ThatTheFileSystemHasNoRoomFor_Stays) {
+    const VornPosition before = makeHistory();
+    {
+        FaultRule full("posix_fallocate", 0);
+        full.returning(ENOSPC);
+        EXPECT_EQ(openFailure(withDirectory()), "VornPublisher::VornPublisher: failed to open history. 28");
+    }
+    EXPECT_TRUE(goesOn(before));
 }
 
 TEST_F(VornPublisher_History, OfAnotherSizeOrCut_IsBegunAnew) {
@@ -210,7 +235,9 @@ TEST_F(VornPublisher_History, ThatIsNotSound_IsBegunAnew) {
     for (const Damage& damage :
          {Damage{"magic", 0, "x"}, Damage{"capacity", 56, eight}, Damage{"history", 64, std::string(8, '\0')},
           Damage{"oldest", 72, eight}, Damage{"end", 80, eight},
-          Damage{"end one less", 80, std::string(1, '\x32')}, Damage{"kind", headerBytes, wireInt(2)},
+          Damage{"end one less", 80, std::string(1, '\x32')},
+          Damage{"end within a head", 80, std::string(1, '\x2a')},
+          Damage{"oldest at the end", 72, std::string(1, '\x33')}, Damage{"kind", headerBytes, wireInt(2)},
           Damage{"length", headerBytes + 4, wireInt(10)},
           Damage{"long length", headerBytes + 4, wireInt(0x7fffffff)},
           Damage{"first number", headerBytes + 8, wireNumber(5)},
@@ -228,6 +255,35 @@ TEST_F(VornPublisher_History, ThatIsNotSound_IsBegunAnew) {
     }
 }
 
+TEST_F(VornPublisher_History, WithAFrameThatCrossesTheBlocksEnd_IsBegunAnew) {
+    constexpr std::size_t frame = 116; // 70 of them in one round
+    open(withDirectory());
+    for (int i = 0; i < 75; ++i)
+        publish(std::string(frame - 16, 'x'));
+    const VornPosition before = publisher().position("builds");
+    EXPECT_TRUE(goesOn(before));
+    m_publisher.reset();
+    overwrite(headerBytes + 69 * frame + 4, wireInt(historyBytes - 69 * frame));
+    EXPECT_FALSE(goesOn(before));
+}
+
+TEST_F(VornPublisher_History, ThatIsReadWhereItIsWrittenNext_IsWaitedFor) {
+    open(withDirectory());
+    const RawSubscriber subscriber(address(), "builds");
+    HeldCall sending("send");
+    WatchedThread first([&] { publish("the one that is read"); });
+    ASSERT_TRUE(sending.awaitReached());
+    WatchedThread others([&] {
+        for (int i = 0; i < 1000; ++i)
+            publish(std::string(100, 'x'));
+    });
+    ASSERT_TRUE(awaitBlockedOnLock(others.tid()));
+    sending.open();
+    EXPECT_TRUE(first.join());
+    EXPECT_TRUE(others.join());
+    EXPECT_EQ(subscriber.next(), WireFrame::event(1, "the one that is read"));
+}
+
 TEST_F(VornPublisher_History, OfAnotherBoot_GoesOnOnlyWhenItWasClosed) {
     constexpr std::size_t bootId = 8;
     constexpr std::size_t isClosed = 48;
@@ -238,6 +294,30 @@ TEST_F(VornPublisher_History, OfAnotherBoot_GoesOnOnlyWhenItWasClosed) {
     overwrite(bootId, "another");
     overwrite(isClosed, std::string(1, '\0'));
     EXPECT_FALSE(goesOn(before));
+}
+
+TEST_F(VornPublisher_History, WhereTheBootCannotBeTold_GoesOnOnlyWhenItWasClosed) {
+    constexpr std::size_t isClosed = 48;
+    const FaultRule fault("read", EIO, 1, FaultRule::always);
+    const VornPosition before = makeHistory();
+    EXPECT_TRUE(goesOn(before));
+    m_publisher.reset();
+    overwrite(isClosed, std::string(1, '\0'));
+    EXPECT_FALSE(goesOn(before));
+}
+
+TEST_F(VornPublisher_History, ThatDoesNotReachTheDisk_IsNotClosed) {
+    constexpr std::streamoff isClosed = 48;
+    open(withDirectory());
+    {
+        const FaultRule fault("msync", EIO);
+        publisher().stop(0ms);
+    }
+    for (const char* topic : {"builds", "other"}) {
+        std::ifstream in(directory + "/" + topic + ".history", std::ios::binary);
+        in.seekg(isClosed);
+        EXPECT_EQ(in.get(), topic[0] == 'b' ? 0 : 1);
+    }
 }
 
 TEST_F(VornPublisher_History, OfThisBoot_GoesOnWithoutHavingBeenClosed) {

@@ -61,6 +61,8 @@ TEST_F(VornPublisher_Open, RefusesWhatIsNoAddress) {
         EXPECT_EQ(openFailure(address), invalidOption) << address;
     EXPECT_EQ(openFailure("pipe:" + std::string(200, 'x')), invalidOption);
     EXPECT_EQ(openFailure(std::string("pipe:a\0b", 8)), invalidOption);
+    EXPECT_EQ(openFailure(std::string("socket:127.0.0.1\0:80", 20)), invalidOption);
+    EXPECT_EQ(openFailure("udp:127.0.0.1:80"), invalidOption);
 }
 
 TEST_F(VornPublisher_Open, TakesTheLongestPipeName) {
@@ -180,8 +182,19 @@ TEST_F(VornPublisher_Open, WhenACallFails_TellsWhatWasBeingOpened) {
             << failing.function;
         EXPECT_NE(::access(pipePath("alpha").c_str(), F_OK), 0);
     }
-    const FaultRule rule("eventfd", EMFILE);
-    EXPECT_EQ(openFailure("pipe:alpha"), "VornPublisher::VornPublisher: failed to start. 24");
+    {
+        const FaultRule rule("setsockopt", EACCES);
+        EXPECT_EQ(openFailure("socket:127.0.0.1:0"),
+                  "VornPublisher::VornPublisher: failed to open server. 13");
+    }
+    const std::string notStarted = "VornPublisher::VornPublisher: failed to start. 24";
+    {
+        const FaultRule rule("eventfd", EMFILE);
+        EXPECT_EQ(openFailure("pipe:alpha"), notStarted);
+    }
+    const FaultRule rule("eventfd", EMFILE, 2); // of what sends to callback addresses
+    EXPECT_EQ(openFailure("pipe:alpha", {"builds"}, with([](Options& o) { o.bCallbackAddresses = true; })),
+              notStarted);
 }
 
 TEST_F(VornPublisher_Open, NamesItsThreadsAndBlocksTheirSignals) {
@@ -233,6 +246,15 @@ TEST_F(VornPublisher_Open, AFileThatVanishesIsMadeAgainWithinASecond) {
     publish("x");
     EXPECT_EQ(standing.next(), WireFrame::event(1, "x"));
     EXPECT_EQ(later.next(), WireFrame::event(1, "x"));
+}
+
+TEST_F(VornPublisher_Open, AFileThatCannotBeMadeAgain_IsTriedAgain) {
+    open();
+    const FaultRule fault("bind", EACCES);
+    ::unlink(pipePath("alpha").c_str());
+    EXPECT_TRUE(awaitCondition([] { return ::access(pipePath("alpha").c_str(), F_OK) == 0; }));
+    EXPECT_EQ(fault.failures(), 1);
+    const RawSubscriber subscriber(address(), "builds");
 }
 
 // Publishing.
@@ -361,6 +383,17 @@ TEST_F(VornPublisher_Publish, AfterStop_Is108) {
     open();
     publisher().stop(0ms);
     EXPECT_EQ(thrownBy([&] { publish("a"); }), "VornPublisher::publish: stopped. 108");
+}
+
+TEST_F(VornPublisher_Publish, StoppedWhileTheWriterWrites_Is108) {
+    open();
+    const auto writeLate = [&](VornConnection& out) {
+        publisher().stop(0ms);
+        out.transfer(1);
+    };
+    EXPECT_EQ(thrownBy([&] { publisher().publish("builds", writeLate); }),
+              "VornPublisher::publish: stopped. 108");
+    EXPECT_EQ(publisher().position("builds").nNumber, 0U);
 }
 
 TEST_F(VornPublisher_Publish, ManyThreads_GiveEachEventANumberOfItsOwn) {
@@ -538,9 +571,12 @@ TEST_P(VornPublisher_Wire, ARequestThatIsNotSound_IsRefusedWithTheReason) {
 TEST_P(VornPublisher_Wire, ASubscriberThatSendsAnything_IsViolated) {
     open(with([&](Options& o) { o.onLeave = m_departures.handler(); }));
     const RawSubscriber subscriber(address(), "builds");
+    const FaultRule nothing("recv", EAGAIN);
+    const FaultRule interrupted("recv", EINTR, 2);
     sendAll(subscriber.fd(), "x");
     ASSERT_TRUE(m_departures.await(1));
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 violated 0"));
+    EXPECT_EQ(nothing.failures() + interrupted.failures(), 2);
     EXPECT_EQ(publisher().statistics().nSubscribers, 0U);
     EXPECT_EQ(publisher().statistics().nLeft, 1U);
 }
@@ -614,6 +650,136 @@ TEST_P(VornPublisher_Wire, Drop_TellsTheReason) {
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 dropped 0"));
     publish("x");
     EXPECT_EQ(second.next(), WireFrame::event(1, "x"));
+}
+
+TEST_P(VornPublisher_Wire, Drop_OfOneThatIsLeaving_DoesNothing) {
+    open(with([&](Options& o) { o.onLeave = m_departures.handler(); }));
+    RawSubscriber leaving(address(), "builds");
+    HeldCall hearing("recv");
+    leaving.socket().reset();
+    ASSERT_TRUE(hearing.awaitReached());
+    EXPECT_TRUE(publisher().drop(1, "too late"));
+    hearing.open();
+    ASSERT_TRUE(m_departures.await(1));
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 0"));
+    const RawSubscriber subscriber(address(), "builds");
+}
+
+TEST_P(VornPublisher_Wire, Drop_WhenTheReasonCannotBeSent_ClosesAtOnce) {
+    open();
+    const RawSubscriber subscriber(address(), "builds");
+    const FaultRule fault("send", EPIPE);
+    EXPECT_TRUE(publisher().drop(1, "too loud"));
+    EXPECT_EQ(receiveToEnd(subscriber.fd()), "");
+}
+
+TEST_P(VornPublisher_Wire, Drop_OfOneThatReadsSlowly_TellsTheReasonInPieces) {
+    open();
+    const RawSubscriber subscriber(address(), "builds");
+    const std::string reason(5000, 'x');
+    {
+        const TransferLimit limit(1000);
+        EXPECT_TRUE(publisher().drop(1, reason));
+        EXPECT_EQ(subscriber.next(), WireFrame::last(2, reason));
+    }
+    EXPECT_EQ(receiveToEnd(subscriber.fd()), "");
+}
+
+TEST_P(VornPublisher_Wire, Drop_OfOneThatReadsNothingAndCloses_LeavesNoDescriptor) {
+    open(with([](Options& o) { o.nHistoryBytes = 16 * 1024 * 1024; }));
+    const int before = openDescriptors();
+    RawSubscriber slow(address(), "builds");
+    for (int i = 0; i < 10; ++i)
+        publish(std::string(1024 * 1024, 'x'));
+    ASSERT_FALSE(publisher().flush(20ms));
+    EXPECT_TRUE(publisher().drop(1, "too slow"));
+    ASSERT_TRUE(awaitSubscribers(0));
+    slow.socket().reset();
+    EXPECT_TRUE(awaitCondition([&] { return openDescriptors() == before; }));
+}
+
+TEST_P(VornPublisher_Wire, WhatADroppedOneSends_IsThrownAway) {
+    open();
+    const int before = openDescriptors();
+    RawSubscriber dropped(address(), "builds");
+    EXPECT_TRUE(publisher().drop(1, ""));
+    EXPECT_EQ(dropped.next(), WireFrame::last(2, ""));
+    {
+        const FaultRule nothing("recv", EAGAIN);
+        const FaultRule interrupted("recv", EINTR, 2);
+        sendAll(dropped.fd(), "x");
+        EXPECT_TRUE(awaitCondition([&] { return interrupted.calls() >= 3; }));
+    }
+    EXPECT_EQ(openDescriptors(), before + 2);
+    dropped.socket().reset();
+    EXPECT_TRUE(awaitCondition([&] { return openDescriptors() == before; }));
+}
+
+TEST_P(VornPublisher_Wire, ManyThatAreRefusedAndStay_AreCutInTheirOrder) {
+    open(with([](Options& o) { o.nRequestLimit = 1; }));
+    const UniqueFd first = connectTo(address());
+    sendAll(first.get(), "none\r\n");
+    EXPECT_EQ(receiveToEnd(first.get()), "-");
+    EXPECT_EQ(answerTo("none\r\n"), "-");
+    EXPECT_TRUE(
+        awaitCondition([&] { return ::send(first.get(), "x", 1, MSG_NOSIGNAL) == -1 && errno == EPIPE; }));
+}
+
+TEST_P(VornPublisher_Wire, OneThatIsCutAsItSpeaks_IsNotHeard) {
+    open(with([](Options& o) { o.nRequestLimit = 1; }));
+    const pid_t sending = threadIds().back();
+    const RawSubscriber standing(address(), "builds");
+    const UniqueFd cut = connectTo(address());
+    ASSERT_TRUE(awaitCondition([&] { return publisher().statistics().nConnections == 2; }));
+    awaitCondition([] { return false; }, 10ms); // its grace is over, and the publisher accepts again
+    ASSERT_TRUE(awaitBlockedInIo(sending));
+    HeldCall waiting("epoll_wait");
+    EXPECT_TRUE(publisher().drop(1, "")); // so that it looks for what has happened
+    ASSERT_TRUE(waiting.awaitReached());
+    const UniqueFd next = connectTo(address());
+    sendAll(cut.get(), "builds\r\n");
+    sendAll(next.get(), "builds\r\n");
+    waiting.open();
+    EXPECT_EQ(receiveExactly(next.get(), 1), "+");
+    EXPECT_TRUE(
+        awaitCondition([&] { return ::send(cut.get(), "x", 1, MSG_NOSIGNAL) == -1 && errno == EPIPE; }));
+}
+
+TEST_P(VornPublisher_Wire, WhoeverAsksAndLeaves_GivesItsPlaceBackAtOnce) {
+    open(with([](Options& o) { o.nRequestLimit = 1; }));
+    HeldCall accepting("accept4");
+    UniqueFd leaving = connectTo(address());
+    leaving.reset();
+    const UniqueFd next = connectTo(address());
+    sendAll(next.get(), "builds\r\n");
+    ASSERT_TRUE(accepting.awaitReached());
+    accepting.open();
+    EXPECT_EQ(receiveExactly(next.get(), 1), "+");
+    EXPECT_EQ(publisher().statistics().nTimedOut, 0U);
+}
+
+TEST_P(VornPublisher_Wire, WhileTheHandlerDecidesAboutAllThatMayAsk_NobodyElseIsAccepted) {
+    open(with([&](Options& o) {
+        o.nRequestLimit = 1;
+        o.onSubscribe = [&](const auto&) {
+            m_barrier.wait();
+            return VornString();
+        };
+    }));
+    const UniqueFd first = connectTo(address());
+    awaitCondition([] { return false; }, 10ms); // its grace is over, and others would be accepted
+    sendAll(first.get(), "builds\r\n" + WireRequest{}.bytes());
+    ASSERT_TRUE(m_barrier.awaitReached());
+    const UniqueFd waiting = connectTo(address());
+    sendAll(waiting.get(), "builds\r\n");
+    EXPECT_FALSE(awaitCondition([&] { return publisher().statistics().nConnections > 1; }, 150ms));
+    if (GetParam()) { // a file that vanishes meanwhile is made again
+        ::unlink(pipePath("alpha").c_str());
+        EXPECT_TRUE(awaitCondition([] { return ::access(pipePath("alpha").c_str(), F_OK) == 0; }));
+    }
+    m_barrier.open();
+    EXPECT_TRUE(awaitSubscribers(1));
+    const RawSubscriber later(address(), "builds");
 }
 
 TEST_P(VornPublisher_Wire, ASlowSubscriberFallsOut_AndOthersDoNotNotice) {
@@ -731,6 +897,7 @@ TEST_P(VornPublisher_Wire, Flush_WaitsForThoseWhoAreBehind) {
     for (int i = 0; i < 10; ++i)
         publish(std::string(1024 * 1024, 'x'));
     WatchedThread again([&] { EXPECT_TRUE(publisher().flush(-1ms)); });
+    ASSERT_TRUE(awaitBlockedOnLock(again.tid()));
     slow.socket().reset();
     EXPECT_TRUE(again.join());
 }
@@ -799,13 +966,16 @@ TEST_P(VornPublisher_Wire, AThousandSilentClients_KeepNobodyOut) {
 TEST_P(VornPublisher_Wire, WithoutDescriptors_ItGoesOnAndLooksAgain) {
     open();
     const RawSubscriber standing(address(), "builds");
-    std::optional<FaultRule> full(std::in_place, "accept4", EMFILE, 1, FaultRule::always);
-    WatchedThread later([&] { const RawSubscriber subscriber(address(), "builds"); });
-    ASSERT_TRUE(awaitCondition([&] { return full->calls() >= 2; }));
-    publish("x");
-    EXPECT_EQ(standing.next(), WireFrame::event(1, "x"));
-    full.reset();
-    EXPECT_TRUE(later.join());
+    std::uint64_t number = 0;
+    for (const int error : {EMFILE, ENFILE, ENOBUFS}) {
+        std::optional<FaultRule> full(std::in_place, "accept4", error, 1, FaultRule::always);
+        WatchedThread later([&] { const RawSubscriber subscriber(address(), "builds"); });
+        ASSERT_TRUE(awaitCondition([&] { return full->calls() >= 2; }));
+        publish("x");
+        EXPECT_EQ(standing.next(), WireFrame::event(++number, "x"));
+        full.reset();
+        EXPECT_TRUE(later.join());
+    }
 }
 
 // Handlers.
@@ -904,6 +1074,19 @@ TEST_P(VornPublisher_Wire, WhoeverLeavesWhileTheHandlerDecides_IsASubscriberThat
     EXPECT_EQ(publisher().statistics().nLeft, 1U);
 }
 
+TEST_P(VornPublisher_Wire, WhoeverIsAdmittedAndCannotBeWatched_IsLost) {
+    open(with([&](Options& o) {
+        o.onLeave = m_departures.handler();
+        o.onSubscribe = [](const auto&) { return VornString(); };
+    }));
+    const FaultRule fault("epoll_ctl", ENOMEM, 3); // once it has been accepted, and left to the handler
+    const UniqueFd client = connectTo(address());
+    sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
+    ASSERT_TRUE(m_departures.await(1));
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 12"));
+    EXPECT_EQ(receiveToEnd(client.get()), "+");
+}
+
 TEST_P(VornPublisher_Wire, Handlers_MayCallAllButFlushAndStop) {
     std::string flushed;
     std::string stopped;
@@ -943,6 +1126,27 @@ TEST_P(VornPublisher_Wire, Stop_WithoutTimeEndsAtOnce) {
     publisher().addTopic("later");
     publisher().stop(-1ms);
     EXPECT_EQ(publisher().position("builds").nNumber, 10U);
+}
+
+TEST_P(VornPublisher_Wire, Stop_WithoutALimit_WaitsForTheSlowest) {
+    open(with([](Options& o) {
+        o.nHistoryBytes = 16 * 1024 * 1024;
+        o.nRequestLimit = 1; // which does not count for those who are told goodbye
+    }));
+    const RawSubscriber slow(address(), "builds");
+    const RawSubscriber idle(address(), "other");
+    for (int i = 0; i < 10; ++i)
+        publish(std::string(1024 * 1024, 'x'));
+    WatchedThread stopping([&] { publisher().stop(-1ms); });
+    EXPECT_FALSE(awaitCondition([&] { return stopping.finished(); }, 30ms));
+    for (std::uint64_t number = 1; number <= 10; ++number)
+        ASSERT_EQ(slow.next().number(), number);
+    for (const RawSubscriber* subscriber : {&slow, &idle}) {
+        EXPECT_EQ(subscriber->next(), WireFrame::last(1, "the service stops"));
+        EXPECT_FALSE(awaitCondition([&] { return stopping.finished(); }, 20ms));
+        ::shutdown(subscriber->fd(), SHUT_RDWR);
+    }
+    EXPECT_TRUE(stopping.join());
 }
 
 TEST_P(VornPublisher_Wire, Stop_FromASecondThread_WaitsUntilTheFirstIsThrough) {
@@ -1066,8 +1270,33 @@ TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecides_TellsWhomItAdmitted) {
     const UniqueFd client = connectTo(address());
     sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
     ASSERT_TRUE(m_barrier.awaitReached());
+    const int before = openDescriptors();
+    const UniqueFd next = connectTo(address()); // whom the handler is not asked about any more
+    sendAll(next.get(), "builds\r\n" + WireRequest{}.bytes());
+    EXPECT_EQ(receiveExactly(next.get(), 1), "+");
+    ASSERT_TRUE(awaitCondition([&] { return openDescriptors() == before + 2; }));
     WatchedThread stopping([&] { publisher().stop(0ms); });
     ASSERT_TRUE(awaitBlockedOnLock(stopping.tid()));
+    m_barrier.open();
+    EXPECT_TRUE(stopping.join());
+    EXPECT_THAT(m_departures.lines(), ElementsAre("1 stopped 0"));
+    EXPECT_EQ(refusalOf(next.get()), "refused");
+}
+
+TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecidesAboutOneThatCannotBeWatched_EndsAllTheSame) {
+    open(with([&](Options& o) {
+        o.onLeave = m_departures.handler();
+        o.onSubscribe = [&](const auto&) {
+            m_barrier.wait();
+            return VornString();
+        };
+    }));
+    const UniqueFd client = connectTo(address());
+    sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
+    ASSERT_TRUE(m_barrier.awaitReached());
+    WatchedThread stopping([&] { publisher().stop(0ms); });
+    ASSERT_TRUE(awaitBlockedOnLock(stopping.tid()));
+    const FaultRule fault("epoll_ctl", ENOMEM, 1, FaultRule::always);
     m_barrier.open();
     EXPECT_TRUE(stopping.join());
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 stopped 0"));

@@ -278,7 +278,10 @@ TEST_F(VornSteadySink_Senders, OverTcp_BytesThatComeJustAfterTheyWereCounted_Are
     const SteadyClient client(optionsFor(Kind::socket));
     FaultRule none("ioctl", 0, 1, 1, threadIds().back());
     none.returning(0);
-    EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+    HeldCall accepting("accept4");
+    const UniqueFd sender = sendNotification(client.address(), "content");
+    accepting.open();
+    EXPECT_EQ(endingOf(sender.get()), "end");
     EXPECT_THAT(client.callback()->contents(), ElementsAre("content"));
 }
 

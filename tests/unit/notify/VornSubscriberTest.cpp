@@ -395,6 +395,7 @@ TEST_P(VornSubscriber_Wire, AGap_IsToldBetweenTheTwoEvents) {
     subscribe(quick());
     admit();
     say(WireFrame::event(1, "x"));
+    say(WireFrame::gap(history, 1, 2)); // of what is there
     say(WireFrame::gap(history, 2, 12));
     say(WireFrame::event(12, "y"));
     ASSERT_TRUE(awaitLine("12 y"));
@@ -432,6 +433,17 @@ TEST_P(VornSubscriber_Wire, AnotherHistoryWithoutAGap_IsToldAllTheSame) {
     say(WireFrame::event(3, "x"));
     ASSERT_TRUE(awaitLine("3 x"));
     EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 5 2 0", "3 x"));
+}
+
+TEST_P(VornSubscriber_Wire, AGapWithNumbersOfAnotherHistory_IsOfUnknownSize) {
+    listen();
+    subscribe(quick());
+    admit();
+    say(WireFrame::event(1, "x"));
+    say(WireFrame::gap(history + 1, 5, 8));
+    say(WireFrame::event(8, "y"));
+    ASSERT_TRUE(awaitLine("8 y"));
+    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x", "gap 1 7 0", "8 y"));
 }
 
 TEST_P(VornSubscriber_Wire, APositionAheadOfTheService_IsAGapAndGoesOnWithSmallerNumbers) {
@@ -632,9 +644,10 @@ TEST_P(VornSubscriber_Wire, WhatIsNoAnswerOrNoFrame_IsNotUnderstood) {
     EXPECT_EQ(lines().size(), 1U);
     WireRequest request;
     for (const std::string& frame :
-         {bytes("00 00 00 01 ff ff ff ff"), WireFrame{1, "1234567"}.bytes(), WireFrame::event(0, "").bytes(),
-          WireFrame{2, std::string(23, 'x')}.bytes(), WireFrame{3, "1234567"}.bytes(),
-          WireFrame{4, "123"}.bytes(), WireFrame{4, wireInt(3) + wireText("x")}.bytes(),
+         {bytes("00 00 00 01 ff ff ff ff"), bytes("00 00 00 04 00 01 00 01"), WireFrame{1, "1234567"}.bytes(),
+          WireFrame::event(0, "").bytes(), WireFrame{2, std::string(23, 'x')}.bytes(),
+          WireFrame{3, "1234567"}.bytes(), WireFrame{4, "123"}.bytes(),
+          WireFrame{4, wireInt(3) + wireText("x")}.bytes(),
           WireFrame{4, wireInt(1) + wireInt(9) + "x"}.bytes(), WireFrame::gap(history, 1, 0).bytes(),
           WireFrame::gap(0, 0, 1).bytes()}) {
         admit({history, 1, 0, 5000}, request);
@@ -671,6 +684,9 @@ TEST_P(VornSubscriber_Wire, WhenSendsAndReceivesAreCut_TheExchangeIsTheSame) {
     listen();
     const TransferLimit limit(1);
     subscribe(quick());
+    acceptRequest();
+    say(bytes("00 01 ff ff") + wireText("later"));
+    ASSERT_TRUE(awaitLine("refused 'later' 0"));
     admit();
     say(WireFrame::event(1, "x"));
     ASSERT_TRUE(awaitLine("1 x"));
@@ -692,6 +708,26 @@ TEST_P(VornSubscriber_Wire, SetAddress_LeavesTheOldServiceAtOnce) {
     ASSERT_TRUE(awaitLines(4));
     EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x", "away 'moved' 0", "connected '' 0"));
     ::unlink(pipePath("beta").c_str());
+}
+
+TEST_P(VornSubscriber_Wire, SetAddressByTheStateHandler_IsTriedAtOnce) {
+    m_listener = unixListen(pipePath("beta"));
+    m_inNote = [this](const std::string& line) {
+        if (line.find("cannot connect") != std::string::npos)
+            subscriber().setAddress("pipe:beta");
+    };
+    subscribe(quick([](Options& o) { o.firstPause = o.longestPause = 1h; }));
+    admit();
+    ASSERT_TRUE(awaitLine("connected '' 0"));
+    EXPECT_EQ(lines().at(1), "connecting 'moved' 0");
+    ::unlink(pipePath("beta").c_str());
+}
+
+TEST_P(VornSubscriber_Wire, AnAnswerLimitWithoutEnd_IsNone) {
+    listen();
+    subscribe(quick([](Options& o) { o.answerLimit = std::chrono::milliseconds::max(); }));
+    admit();
+    ASSERT_TRUE(awaitLine("connected '' 0"));
 }
 
 TEST_P(VornSubscriber_Wire, SetAddressByAHandler_EndsTheOldConnectionBeforeTheNextEvent) {
@@ -759,6 +795,13 @@ TEST_P(VornSubscriber_Wire, TheHandlerReadsInMemory_AndWhatItLeavesDoesNoHarm) {
     m_subscriber.emplace(
         address(), "builds",
         [&](VornConnection& content, const VornSubscriber::Event& event) {
+            char peeked = '\0';
+            int size = 1;
+            int error = -1;
+            EXPECT_TRUE(content.peekBytes(&peeked, size, error));
+            EXPECT_EQ(error, 0);
+            EXPECT_EQ(peeked, '\0');
+            content.disconnect(); // from nobody
             read.push_back(std::to_string(content.receiveInt()));
             if (event.position.nNumber == 1) {
                 read.push_back(content.receiveString());
@@ -773,8 +816,10 @@ TEST_P(VornSubscriber_Wire, TheHandlerReadsInMemory_AndWhatItLeavesDoesNoHarm) {
     admit();
     say(WireFrame::event(1, wireInt(7) + wireText("text") + "xyz"));
     say(WireFrame::event(2, wireInt(8) + "left"));
-    say(WireFrame::event(3, wireInt(9)));
+    say(WireFrame::gap(history, 3, 4)); // which nobody is told of
+    say(WireFrame::event(4, wireInt(9)));
     ASSERT_TRUE(awaitLines(3));
+    EXPECT_EQ(subscriber().statistics().nGaps, 1U);
     EXPECT_THAT(read, ElementsAre("7", "text", "VornConnection::get: failed read 0", "8", "9"));
 }
 
@@ -788,6 +833,19 @@ TEST_P(VornSubscriber_Wire, StopByAHandler_CallsNothingMore) {
     EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 a"));
     EXPECT_EQ(subscriber().status().state, State::stopped);
     EXPECT_EQ(subscriber().status().sReason, "");
+}
+
+TEST_P(VornSubscriber_Wire, StopByTheGapHandler_CallsForNoEvent) {
+    listen();
+    m_inNote = [this](const std::string& line) {
+        if (line == "gap 0 4 4")
+            subscriber().stop();
+    };
+    subscribe(quick());
+    admit();
+    say(WireFrame::event(5, "ahead"));
+    EXPECT_EQ(receiveToEnd(m_service.get()), "");
+    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 0 4 4"));
 }
 
 TEST_P(VornSubscriber_Wire, DestroyedByAHandler_TheRestIsLeft) {
@@ -953,6 +1011,27 @@ TEST_F(VornSubscriber_Service, AFullQueue_Is11) {
     admit();
 }
 
+class VornSubscriber_Host : public SubscriberFixture {
+protected:
+    Way way() const override { return {false, true}; }
+};
+
+TEST_F(VornSubscriber_Host, ThatSwallowsPackets_IsGivenTheAnswerLimit) {
+    listen(0);
+    const UniqueFd inFront = tcpConnect("127.0.0.1", m_port); // from now on the kernel drops who comes
+    subscribe(quick([](Options& o) { o.answerLimit = 30ms; }));
+    EXPECT_TRUE(awaitLine("connecting 'cannot connect' 110"));
+}
+
+TEST_F(VornSubscriber_Host, ThatIsItself_IsNoService) {
+    needSandbox("a network of its own, whose ports it chooses from");
+    // Where nobody listens, the kernel may give the subscriber the very port that it connects to.
+    std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << "40000 40000";
+    m_port = 40000;
+    subscribe(quick([](Options& o) { o.firstPause = o.longestPause = 1h; }));
+    EXPECT_TRUE(awaitLine("connecting 'cannot connect' 111"));
+}
+
 using VornSubscriber_Thread = SubscriberFixture;
 
 TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
@@ -1086,6 +1165,31 @@ TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheN
     EXPECT_TRUE(isReadable(1000));
     EXPECT_EQ(subscriber().dispatch(), 1U);
     EXPECT_EQ(lines().back(), "2 b");
+}
+
+TEST_F(VornSubscriber_Loop, WhatAThreadHasLeftIsDealtWithBeforeTheEnd) {
+    if (underSanitizer)
+        GTEST_SKIP() << losesCancelledThreads;
+    listen();
+    for (const bool isStopped : {false, true}) {
+        const std::size_t before = lines().size();
+        subscribe(quick([](Options& o) { o.firstPause = o.longestPause = 1h; }));
+        admit();
+        ASSERT_TRUE(awaitLines(before + 1)); // it is connected
+        m_inHandler = [this](const std::string& text) {
+            if (text == "a")
+                ::pthread_exit(nullptr);
+            subscriber().stop();
+        };
+        say(WireFrame::event(1, "a").bytes() +
+            (isStopped ? WireFrame::event(2, "b") : WireFrame::last(2, "enough")).bytes());
+        ASSERT_TRUE(m_driver->join());
+        m_service.reset();
+        EXPECT_TRUE(isReadable(1000));
+        EXPECT_EQ(subscriber().dispatch(), isStopped ? 1U : 0U);
+        EXPECT_EQ(lines().back(), isStopped ? "2 b" : "refused 'enough' 0");
+        m_subscriber.reset();
+    }
 }
 
 TEST_F(VornSubscriber_Loop, OfTwoThreadsThatDispatch_EachIsToldWhatItHasCalledFor) {
