@@ -194,12 +194,13 @@ bool Survey::judgeThread(Server& server, const Thread& thread) {
 
 /**
  * Steady sinks and publishers watch their listener by epoll, whatever their threads do at the moment. The one
- * numbers what it watches, the other has objects.
+ * numbers what it watches, the other has objects. So has the relay, the only program with libnats, whose
+ * sockets are neither.
  */
 void Survey::judgeByWatch(Server& server) {
     constexpr std::uint64_t cLowestAddress = 4096;
     for (const Process& process : server.processes) {
-        if (!hasLoaded(process.pid, "libvornnotify.so"))
+        if (!hasLoaded(process.pid, "libvornnotify.so") || hasLoaded(process.pid, "libnats.so"))
             continue;
         const auto watched = watchedSockets(process.pid);
         const auto found = watched.find(server.socket.number);

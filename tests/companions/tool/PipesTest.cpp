@@ -235,6 +235,15 @@ TEST_F(VornnetPipes, WithAPublisher_ShowsItWithItsSubscribers) {
               Json::array({{{"pid", client.pid()}, {"name", "vornnet"}, {"user", "root"}}}));
 }
 
+TEST_F(VornnetPipes, WithTheRelay_DoesNotTakeItForAPublisher) {
+    // What the relay has loaded, in a program that watches its sockets as it does. The address sanitizer
+    // wants to be loaded first.
+    ChildProcess relay = startTool({"publish", "pipe:relayed", "builds"},
+                                   {"LD_PRELOAD=libnats.so", "ASAN_OPTIONS=verify_asan_link_order=0"});
+    EXPECT_EQ(nextLine(relay), "address pipe:relayed");
+    EXPECT_THAT(runTool({"pipes"}).output, HasSubstr(std::to_string(relay.pid()) + " (vornnet)\n"));
+}
+
 TEST_F(VornnetPipes, WithANameHarmfulToATerminal_ShowsItEscaped) {
     makeDeadPipe("a\033[2Jb");
     const std::string output = runTool({"pipes"}).output;
