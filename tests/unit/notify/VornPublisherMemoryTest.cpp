@@ -80,6 +80,7 @@ TEST_F(VornPublisher_Memory, APipesFileThatVanishesWithoutIt_IsMadeAgainLater) {
     open();
     const timespec atOnce{};
     ::ppoll(nullptr, 0, &atOnce, nullptr); // so that the kit has looked up what it stands before
+    ASSERT_TRUE(awaitBlockedInIo(threadIds().back()));
     {
         const AllocationFault none(1, AllocationFault::Mode::fromThenOn,
                                    AllocationFault::Scope::otherThreads);
