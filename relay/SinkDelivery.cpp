@@ -224,12 +224,8 @@ void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
     LeaseQueue& queue = m_queues[nLease];
     const bool bMayFill =
         LeaseTable::isNamedNumber(nLease) || m_settings.onSlow == RelaySettings::OnSlow::block;
-    if (queue.nSlow > 0 || (!bMayFill && queue.waiting.size() >= m_settings.nHeld / 4)) {
-        ++queue.nSlow;
-        bury(std::move(notification), "slow", [this, nLease] {
-            --m_queues.at(nLease).nSlow;
-            deliverNext(nLease);
-        });
+    if (queue.nLetters > 0 || (!bMayFill && queue.waiting.size() >= m_settings.nHeld / 4)) {
+        buryLater(nLease, queue, std::move(notification), "slow");
         return;
     }
     queue.waiting.push_back(std::move(notification));
@@ -265,7 +261,7 @@ void SinkDelivery::deliverNext(std::uint32_t nLease) {
         return;
     }
     m_loop.cancel(std::exchange(queue.judge, 0));
-    if (queue.nSlow > 0)
+    if (queue.nLetters > 0)
         return;
     m_queues.erase(found);
     if (!isSink(nLease))
@@ -326,7 +322,7 @@ void SinkDelivery::finishedAtPort(std::uint16_t nPort, const PortDelivery::Resul
         return;
     case PortDelivery::Outcome::gone:
         for (Notification& notification : queue.waiting)
-            bury(std::move(notification), "gone");
+            buryLater(nPort, queue, std::move(notification), "gone");
         queue.waiting.clear();
         break;
     }
@@ -401,6 +397,16 @@ void SinkDelivery::buryFirst(std::uint32_t nLease, LeaseQueue& queue) {
         LeaseQueue& own = m_queues.at(nLease);
         own.bBurying = false;
         settleFirst(nLease, own);
+        deliverNext(nLease);
+    });
+}
+
+/** What comes after it is not delivered until its letter is stored. */
+void SinkDelivery::buryLater(std::uint32_t nLease, LeaseQueue& queue, Notification&& notification,
+                             const std::string& sReason) {
+    ++queue.nLetters;
+    bury(std::move(notification), sReason, [this, nLease] {
+        --m_queues.at(nLease).nLetters;
         deliverNext(nLease);
     });
 }

@@ -99,9 +99,9 @@ private:
         std::uint64_t nTicket = 0;                    // of the dispatcher; 0: none is under way
         std::unique_ptr<PortDelivery> spPortDelivery; // the one under way to a TCP port
         bool bBurying = false;                        // the first one is becoming a dead letter
-        std::size_t nSlow = 0;                        // later ones that are becoming dead letters
-        RelayLoop::Timer judge = 0;                   // runs while it is found out what a reset has meant
-        std::string sAddress; // where it is under way to, also when the lease has moved
+        std::size_t nLetters = 0;   // of later ones, that are not stored: what follows is buried too
+        RelayLoop::Timer judge = 0; // runs while it is found out what a reset has meant
+        std::string sAddress;       // where it is under way to, also when the lease has moved
         Clock::time_point started;
         std::optional<Clock::time_point> awaySince;
     };
@@ -119,6 +119,8 @@ private:
     void judge(std::uint32_t nLease);
     void dropFirst(LeaseQueue& queue);
     void buryFirst(std::uint32_t nLease, LeaseQueue& queue);
+    void buryLater(std::uint32_t nLease, LeaseQueue& queue, Notification&& notification,
+                   const std::string& sReason);
     void bury(Notification&& notification, const std::string& sReason, std::function<void()> onStored = {});
     void look();
     void lookAt(std::uint32_t nLease);

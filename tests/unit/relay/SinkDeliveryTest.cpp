@@ -98,11 +98,12 @@ protected:
     }
 
     /** Has the n-th notification of host "s" arrive, with the receipt "r<n>". */
-    void arrive(std::uint32_t nLease, std::uint64_t n, const std::string& sVersion = "1") {
-        const bool bIsNamed = LeaseTable::isNamedNumber(nLease);
-        const std::string sNumber = std::to_string(nLease);
+    void arrive(std::uint32_t nSink, std::uint64_t n, const std::string& sVersion = "1") {
+        const bool bIsNamed = LeaseTable::isNamedNumber(nSink);
+        const char* szKind = bIsNamed ? ".keep." : LeaseTable::isPort(nSink) ? ".sink.tcp." : ".sink.lease.";
+        const std::string sNumber = std::to_string(nSink);
         Engine::Message message{
-            "vorn.to.h" + (bIsNamed ? ".keep." + sNumber : ".sink.lease." + sNumber),
+            "vorn.to.h" + (szKind + sNumber),
             {{"Nats-Msg-Id", idOf("s", {1, n})}, {"Vorn-From", "s"}, {"Vorn-Version", sVersion}},
             bytes("00 00 00 07 00 00 00 00")};
         m_spDelivery->reader().arrived(
@@ -323,6 +324,19 @@ TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsSto
     EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 5; }));
     EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1", "r2", "r3", "r4", "r5"));
     EXPECT_EQ(client.spCallback->nCalls, 3);
+}
+
+TEST_F(SinkDeliveryTest, WhatComesAfterOneThatAPortDidNotTake_IsBuriedTooUntilItsDeadLetterIsStored) {
+    m_settings.redirectAddresses = {{"h", "127.0.0.1"}};
+    m_settings.patience = std::chrono::milliseconds(1);
+    restart();
+    int nPort = unusedTcpPort();
+    arrive(static_cast<std::uint32_t>(nPort), 1);
+    ASSERT_TRUE(runUntil([&] { return m_engine.unanswered() == 1; }));
+    EXPECT_EQ(reason(), "gone");
+    const UniqueFd sink = tcpListen("127.0.0.1", nPort);
+    arrive(static_cast<std::uint32_t>(nPort), 2);
+    EXPECT_EQ(m_engine.unanswered(), 2U) << "delivered, it would have the first one taken for a repetition";
 }
 
 TEST_F(SinkDeliveryTest, WhereSlowOnesBlock_NothingBecomesADeadLetter) {
