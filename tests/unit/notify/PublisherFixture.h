@@ -13,6 +13,7 @@
 #include <VornPublisher.h>
 
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -128,6 +129,29 @@ protected:
     Departures m_departures;
     Barrier m_barrier;
     std::optional<VornNet::VornPublisher> m_publisher;
+};
+
+/** Where publishers keep their histories in the tests, each of which has an /opt of its own. */
+inline const std::string historyDirectory = "/opt/histories";
+
+/** Options with histories that are kept in files. */
+inline VornNet::VornPublisher::Options keepingHistories() {
+    VornNet::VornPublisher::Options options;
+    options.sDirectory = historyDirectory;
+    return options;
+}
+
+class HistoryFixture : public PublisherFixture {
+protected:
+    void SetUp() override {
+        PublisherFixture::SetUp();
+        std::filesystem::create_directory(historyDirectory);
+    }
+
+    void TearDown() override {
+        PublisherFixture::TearDown();
+        std::filesystem::remove_all(historyDirectory);
+    }
 };
 
 } // namespace VornTest

@@ -72,20 +72,18 @@ protected:
     void SetUp() override {
         useInterposition();
         LeakCheckedTest::SetUp();
-        std::filesystem::create_directory(directory);
     }
 
     void TearDown() override {
-        std::filesystem::remove_all(directory);
+        std::filesystem::remove_all(historyDirectory);
         LeakCheckedTest::TearDown();
     }
 
     /** Opens both, and lets three events travel. @return what the subscriber was called for */
     std::vector<std::string> exchange(std::optional<FaultRule>& rule) {
-        std::filesystem::remove_all(directory);
-        std::filesystem::create_directory(directory);
-        VornPublisher::Options service;
-        service.sDirectory = directory;
+        std::filesystem::remove_all(historyDirectory);
+        std::filesystem::create_directory(historyDirectory);
+        VornPublisher::Options service = keepingHistories();
         service.nHistoryBytes = 4096;
         service.beat = 30ms;
         VornPublisher publisher(GetParam(), {"builds"}, service);
@@ -97,7 +95,7 @@ protected:
         };
         VornSubscriber::Options client;
         client.start = VornSubscriber::Start::oldest;
-        client.sPositionFile = directory + "/position";
+        client.sPositionFile = historyDirectory + "/position";
         client.answerLimit = 50ms;
         client.firstPause = 1ms;
         client.longestPause = 4ms;
@@ -144,7 +142,6 @@ protected:
         return m_failures > 0 || (rule && rule->failures() > 0);
     }
 
-    const std::string directory = "/tmp/histories-" + std::to_string(::getpid());
     int m_failures = 0;
 };
 

@@ -24,19 +24,12 @@ using namespace VornTest;
 
 namespace {
 
-const std::string directory = "/opt/histories";
 constexpr int exitStatus = 7;
 
-class VornPublisher_Fork : public PublisherFixture, public testing::WithParamInterface<const char*> {
+class VornPublisher_Fork : public HistoryFixture, public testing::WithParamInterface<const char*> {
 protected:
-    void SetUp() override {
-        PublisherFixture::SetUp();
-        std::filesystem::create_directory(directory);
-    }
-
     void TearDown() override {
-        PublisherFixture::TearDown();
-        std::filesystem::remove_all(directory);
+        HistoryFixture::TearDown();
         ::unlink(pipePath("alpha").c_str());
     }
 
@@ -45,7 +38,7 @@ protected:
     static std::string openHistory() {
         return thrownBy([] {
             VornPublisher::Options options;
-            options.sDirectory = directory;
+            options.sDirectory = historyDirectory;
             const VornPublisher other("pipe:beta", {"builds"}, options);
         });
     }
@@ -66,7 +59,7 @@ std::unique_ptr<VornPublisher> g_publisher;
 
 void openPublisher(const std::string& address, const VornPublisher::SubscribeHandler& onSubscribe) {
     VornPublisher::Options options;
-    options.sDirectory = directory;
+    options.sDirectory = historyDirectory;
     options.onSubscribe = onSubscribe;
     g_publisher = std::make_unique<VornPublisher>(address, std::vector<std::string>{"builds"}, options);
     print(g_publisher->getAddress());

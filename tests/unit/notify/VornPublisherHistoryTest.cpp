@@ -22,14 +22,12 @@ namespace {
 using testing::ElementsAre;
 using Options = VornPublisher::Options;
 
-const std::string directory = "/opt/histories";
-const std::string file = directory + "/builds.history";
+const std::string file = historyDirectory + "/builds.history";
 constexpr std::size_t historyBytes = 8192;
 constexpr std::size_t headerBytes = 4096;
 
 Options withDirectory() {
-    Options options;
-    options.sDirectory = directory;
+    Options options = keepingHistories();
     options.nHistoryBytes = historyBytes;
     options.stopLimit = 0ms;
     return options;
@@ -46,18 +44,8 @@ KIT_ROLE(publishUntilKilled) {
     }
 }
 
-class VornPublisher_History : public PublisherFixture {
+class VornPublisher_History : public HistoryFixture {
 protected:
-    void SetUp() override {
-        PublisherFixture::SetUp();
-        std::filesystem::create_directory(directory);
-    }
-
-    void TearDown() override {
-        PublisherFixture::TearDown();
-        std::filesystem::remove_all(directory);
-    }
-
     VornPosition reopen() {
         m_publisher.reset();
         open(withDirectory());
@@ -189,11 +177,11 @@ TEST_F(VornPublisher_History, WhatCannotBeOpened_TellsTheErrorNumber) {
                   "VornPublisher::addTopic: failed to open history. 28");
     }
     publisher().addTopic("later");
-    EXPECT_TRUE(std::filesystem::exists(directory + "/later.history"));
+    EXPECT_TRUE(std::filesystem::exists(historyDirectory + "/later.history"));
     Options huge;
     huge.nHistoryBytes = std::size_t{1} << 62;
     EXPECT_EQ(openFailure(huge), failed + "12");
-    ASSERT_EQ(::mkfifo((directory + "/beta.history").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo((historyDirectory + "/beta.history").c_str(), 0600), 0);
     EXPECT_EQ(thrownBy([] { const VornPublisher other("pipe:beta", {"beta"}, withDirectory()); }),
               failed + "22");
 }
@@ -314,7 +302,7 @@ TEST_F(VornPublisher_History, ThatDoesNotReachTheDisk_IsNotClosed) {
         publisher().stop(0ms);
     }
     for (const char* topic : {"builds", "other"}) {
-        std::ifstream in(directory + "/" + topic + ".history", std::ios::binary);
+        std::ifstream in(historyDirectory + "/" + topic + ".history", std::ios::binary);
         in.seekg(isClosed);
         EXPECT_EQ(in.get(), topic[0] == 'b' ? 0 : 1);
     }

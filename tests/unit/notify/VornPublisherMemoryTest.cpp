@@ -20,25 +20,8 @@ using namespace VornTest;
 
 namespace {
 
-const std::string directory = "/opt/histories";
-
-class VornPublisher_Memory : public PublisherFixture {
+class VornPublisher_Memory : public HistoryFixture {
 protected:
-    void SetUp() override {
-        PublisherFixture::SetUp();
-        std::filesystem::create_directory(directory);
-    }
-
-    void TearDown() override {
-        PublisherFixture::TearDown();
-        std::filesystem::remove_all(directory);
-    }
-
-    static VornPublisher::Options withDirectory() {
-        VornPublisher::Options options;
-        options.sDirectory = directory;
-        return options;
-    }
 };
 
 TEST_F(VornPublisher_Memory, APublisherThatGetsNoneAtItsConstruction_ThrowsAndLeavesNothing) {
@@ -49,7 +32,7 @@ TEST_F(VornPublisher_Memory, APublisherThatGetsNoneAtItsConstruction_ThrowsAndLe
 }
 
 TEST_F(VornPublisher_Memory, ATopicThatIsAddedWithoutIt_CanBeAddedAfterwards) {
-    open(withDirectory());
+    open(keepingHistories());
     int added = 0;
     const std::vector<std::string> thrown = withoutEachBlock([&] {
         const std::string topic = "topic" + std::to_string(added);
