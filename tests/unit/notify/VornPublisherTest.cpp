@@ -431,6 +431,15 @@ protected:
         return PublisherFixture::open(options, GetParam() ? "pipe:alpha" : "socket:127.0.0.1:0");
     }
 
+    bool isAccepting() {
+        try {
+            connectTo(address());
+            return true;
+        } catch (const std::system_error&) {
+            return false;
+        }
+    }
+
     /** What is answered to a line. */
     std::string answerTo(const std::string& line) {
         const UniqueFd client = connectTo(address());
@@ -1295,7 +1304,7 @@ TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecidesAboutOneThatCannotBeWatched_
     sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
     ASSERT_TRUE(m_barrier.awaitReached());
     WatchedThread stopping([&] { publisher().stop(0ms); });
-    ASSERT_TRUE(awaitBlockedOnLock(stopping.tid()));
+    ASSERT_TRUE(awaitCondition([&] { return !isAccepting(); })); // it has begun to stop
     const FaultRule fault("epoll_ctl", ENOMEM, 1, FaultRule::always);
     m_barrier.open();
     EXPECT_TRUE(stopping.join());
