@@ -226,7 +226,7 @@ TEST_F(VornPublisher_History, ThatIsNotSound_IsBegunAnew) {
           Damage{"end one less", 80, std::string(1, '\x32')},
           Damage{"end within a head", 80, std::string(1, '\x2a')},
           Damage{"oldest at the end", 72, std::string(1, '\x33')}, Damage{"kind", headerBytes, wireInt(2)},
-          Damage{"length", headerBytes + 4, wireInt(10)},
+          Damage{"length", headerBytes + 4, wireInt(10)}, Damage{"short length", headerBytes + 4, wireInt(3)},
           Damage{"long length", headerBytes + 4, wireInt(0x7fffffff)},
           Damage{"first number", headerBytes + 8, wireNumber(5)},
           Damage{"zero number", headerBytes + 8, wireNumber(0)},

@@ -817,6 +817,23 @@ TEST_P(VornPublisher_Wire, ASlowSubscriberFallsOut_AndOthersDoNotNotice) {
     EXPECT_EQ(publisher().statistics().nGaps, gaps);
 }
 
+TEST_P(VornPublisher_Wire, AnEventRightAfterAnother_ArrivesToo) {
+    open();
+    const pid_t sending = threadIds().back();
+    const RawSubscriber subscriber(address(), "builds");
+    const ClockShift shift(CLOCK_MONOTONIC);
+    for (const std::chrono::seconds ahead : {10s, 0s}) { // so the second comes no time after the first
+        ClockShift::set(ahead);
+        ASSERT_TRUE(awaitBlockedInIo(sending));
+        WatchedThread publishing([&] { publish("x"); });
+        EXPECT_TRUE(publishing.join());
+        WireFrame frame = subscriber.next();
+        while (frame.kind == 3) // a sign of life
+            frame = subscriber.next();
+        EXPECT_EQ(frame.content(), "x");
+    }
+}
+
 TEST_P(VornPublisher_Wire, AnEventOfAMegabyte_ArrivesWhole) {
     open();
     const RawSubscriber subscriber(address(), "builds");
