@@ -8,6 +8,7 @@
 #include "Sandbox.h"
 
 #include <VornExchange.h>
+#include <VornMetrics.h>
 #include <VornPublisher.h>
 #include <VornSubscriber.h>
 
@@ -387,6 +388,26 @@ Operations otherRows() {
          [](Trial& trial) {
              const VornString sText = VornPosition{1, 2}.text();
              trial.attempt([&] { VornPosition::fromText(sText); });
+         }},
+        {{"VornMetrics::VornMetrics", "VornMetrics::~VornMetrics"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) { trial.attempt([] { const VornMetrics metrics; }); }},
+        {{"VornMetrics::add"},
+         "a number",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             const VornMetrics::Labels labels = {{"name", cLongTopic}};
+             VornMetrics metrics;
+             trial.attempt([&] { metrics.add("jobs", VornMetrics::Type::gauge, cReason, labels, 1); });
+         }},
+        {{"VornMetrics::text"},
+         "",
+         throwsBadAlloc,
+         [](Trial& trial) {
+             VornMetrics metrics;
+             metrics.add("jobs", VornMetrics::Type::gauge, cReason, {{"name", cLongTopic}}, 1);
+             trial.attempt([&] { metrics.text(); });
          }},
         {{"VornExchange::open"}, "no service", throwsBadAlloc | throwsVornException, isOpened("")},
         {{"VornExchange::open"}, "a service", throwsBadAlloc | throwsVornException, isOpened(cLongTopic)},
