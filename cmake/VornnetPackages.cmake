@@ -175,7 +175,7 @@ set(CPACK_DEBIAN_RELAY_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_RELAY_PACKAGE_CONTROL_EXTRA ${control_of_relay})
 # The command is `vornnet relay`, which is the tool's.
 set(CPACK_COMPONENT_RELAY_DEPENDS runtime notify tools)
-set(CPACK_DEBIAN_RELAY_PACKAGE_DEPENDS "adduser | systemd-sysusers")
+set(CPACK_DEBIAN_RELAY_PACKAGE_DEPENDS adduser)
 # What the addresses of programs that cannot be rebuilt are redirected with.
 set(CPACK_DEBIAN_RELAY_PACKAGE_SUGGESTS "nftables, iproute2, nats-server")
 set(CPACK_DEBIAN_RELAY_DESCRIPTION "typed connections and notifications between processes - relay
