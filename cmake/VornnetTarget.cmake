@@ -17,6 +17,15 @@ function(vornnet_common_options target)
     endif()
 endfunction()
 
+# A program that waits for others most of the time. Beside the tests it is the compiler's time that counts: the headers of
+# CLI11 and JSON take twice as long with all optimisation and debug information.
+function(vornnet_program_options target)
+    vornnet_common_options(${target})
+    if(VORNNET_BUILD_TESTS)
+        target_compile_options(${target} PRIVATE "$<$<CONFIG:RelWithDebInfo>:-O1;-g1>")
+    endif()
+endfunction()
+
 # Counts what the target runs, if coverage is measured at all.
 function(vornnet_coverage target)
     if(VORNNET_COVERAGE)

@@ -78,7 +78,7 @@ _vornnet()
     fi
     # A package of its own has the rest of this command.
     if ((cword > 1)) && [[ ${words[1]} == relay ]]; then
-        # shellcheck source=relay/completion/vornnet-relay.bash
+        # shellcheck disable=SC1091 # where it is, the installation says
         declare -F _vornnet_relay >/dev/null || . "${BASH_SOURCE[0]%/*}/vornnet-relay" 2>/dev/null
         declare -F _vornnet_relay >/dev/null && _vornnet_relay 1
         return 0
