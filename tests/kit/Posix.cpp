@@ -131,6 +131,16 @@ UniqueFd newSocket(int family, int type) {
     return guarded(::socket(family, type | SOCK_CLOEXEC, 0), "socket()");
 }
 
+/** A socket with a time limit is not restarted by the kernel when the process has been stopped or signalled.
+ */
+auto uninterrupted(auto call, auto... arguments) {
+    for (;;) {
+        const auto result = call(arguments...);
+        if (result != -1 || errno != EINTR)
+            return result;
+    }
+}
+
 void bindTo(int fd, const Address& address, const std::string& what) {
     if (::bind(fd, address.generic(), address.length) != 0)
         fail("bind(" + what + ")");
@@ -142,7 +152,7 @@ void listenAt(int fd, int backlog) {
 }
 
 void connectTo(int fd, const Address& address, const std::string& what) {
-    if (::connect(fd, address.generic(), address.length) != 0)
+    if (uninterrupted(::connect, fd, address.generic(), address.length) != 0)
         fail("connect(" + what + ")");
 }
 
@@ -158,13 +168,10 @@ int digitValue(char digit) {
 }
 
 std::size_t receiveSome(int fd, char* buffer, std::size_t size) {
-    for (;;) {
-        const ssize_t count = ::recv(fd, buffer, size, 0);
-        if (count >= 0)
-            return static_cast<std::size_t>(count);
-        if (errno != EINTR)
-            fail("recv()");
-    }
+    const ssize_t count = uninterrupted(::recv, fd, buffer, size, 0);
+    if (count < 0)
+        fail("recv()");
+    return static_cast<std::size_t>(count);
 }
 
 } // namespace
@@ -275,15 +282,15 @@ void udpSendTo(int fd, const std::string& address, int port, std::string_view da
 }
 
 UniqueFd acceptClient(int fd) {
-    return guarded(::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC), "accept4()");
+    return guarded(uninterrupted(::accept4, fd, nullptr, nullptr, SOCK_CLOEXEC), "accept4()");
 }
 
 void sendAll(int fd, std::string_view data) {
     while (!data.empty()) {
-        const ssize_t sent = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-        if (sent < 0 && errno != EINTR)
+        const ssize_t sent = uninterrupted(::send, fd, data.data(), data.size(), MSG_NOSIGNAL);
+        if (sent < 0)
             fail("send()");
-        data.remove_prefix(sent < 0 ? 0 : static_cast<std::size_t>(sent));
+        data.remove_prefix(static_cast<std::size_t>(sent));
     }
 }
 
@@ -316,7 +323,8 @@ std::string receiveDatagram(int fd) {
 Datagram receiveDatagramFrom(int fd) {
     std::string buffer(65536, '\0');
     Address source;
-    const ssize_t count = ::recvfrom(fd, buffer.data(), buffer.size(), 0, source.generic(), &source.length);
+    const ssize_t count =
+        uninterrupted(::recvfrom, fd, buffer.data(), buffer.size(), 0, source.generic(), &source.length);
     if (count < 0)
         fail("recvfrom()");
     buffer.resize(static_cast<std::size_t>(count));

@@ -15,6 +15,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -190,15 +191,12 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenAnotherThreadStartsPrograms_Stay
     WatchedSink sink(GetParam());
     const std::string address = sink.address();
     const CallbackPointer callback = addCallback(*sink);
-    Gate ends;
-    WatchedThread starter([&] {
-        while (!ends.isOpen())
+    std::jthread starter([](const std::stop_token& token) {
+        while (!token.stop_requested())
             EXPECT_EQ(statusOf(spawnProgram()), 0);
     });
     for (int i = 0; i < 200; ++i)
-        deliver(sink, callback, "x");
-    ends.open();
-    EXPECT_TRUE(starter.join());
+        ASSERT_NO_FATAL_FAILURE(deliver(sink, callback, "x")) << i;
     EXPECT_EQ(sink.address(), address);
 }
 
@@ -248,14 +246,13 @@ KIT_ROLE(sinkWhoseChildrenExit) {
 
 TEST_P(VornLibraryCallbackSink_Fork, WhenChildrenExit_ServesTheParent) {
     for (const bool bThrows : {false, true}) {
-        if (bThrows && underThreadSanitizer)
-            GTEST_SKIP() << losesAChildsLastThread;
         ChildProcess child = ChildProcess::spawnRoleWith(exitOnAnyThread, "sinkWhoseChildrenExit",
                                                          {nameOf(GetParam()), bThrows ? "throws" : "exits"});
         EXPECT_EQ(child.readLine(), "main's child: 7");
         sendByHand(child.readLine(), onWire(0) + "served");
-        EXPECT_EQ(child.readLine(),
-                  bThrows ? "served, the callback's child: 0" : "served, the callback's child: 7");
+        // The thread sanitizer itself falls, with 66, when the only thread of a child ends.
+        const std::string status = !bThrows ? "7" : underThreadSanitizer ? "66" : "0";
+        EXPECT_EQ(child.readLine(), "served, the callback's child: " + status);
         EXPECT_EQ(child.wait(), 0);
     }
 }
