@@ -424,6 +424,8 @@ FaultRule::FaultRule(const std::string& function, int errorNumber, int nth, int 
     m_state->nth = nth;
     m_state->times = times;
     m_state->tid = tid;
+    if (function == "posix_fallocate" || function == "pthread_create") // which return their error numbers
+        m_state->result = errorNumber;
     Registry::instance().add(m_state);
 }
 
@@ -717,9 +719,12 @@ VORNTEST_WATCHED(ssize_t, pwrite, , (int fd, const void* data, size_t length, of
                  (fd, data, length, offset), fd, long(length))
 VORNTEST_WATCHED(int, flock, noexcept, (int fd, int operation), (fd, operation), fd, operation)
 VORNTEST_WATCHED(int, ftruncate, noexcept, (int fd, off_t size), (fd, size), fd, size)
-// Its result is the error number, so a rule for it says which with returning().
 VORNTEST_WATCHED(int, posix_fallocate, , (int fd, off_t offset, off_t size), (fd, offset, size), fd, offset,
                  size)
+// The C++ library calls it for std::thread.
+VORNTEST_WATCHED(int, pthread_create, noexcept,
+                 (pthread_t * thread, const pthread_attr_t* attributes, void* (*run)(void*), void* argument),
+                 (thread, attributes, run, argument), -1)
 VORNTEST_WATCHED(int, msync, , (void* address, size_t size, int flags), (address, size, flags), -1,
                  long(size), flags)
 VORNTEST_WATCHED(int, timerfd_create, noexcept, (int clock, int flags), (clock, flags), -1, clock, flags)

@@ -20,13 +20,13 @@
  * A program linked with the library of this file defines the functions socket, bind, listen, accept,
  * accept4, connect, send, recv, sendto, recvfrom, recvmsg, setsockopt, getsockname, getpeername, getsockopt,
  * shutdown, close, pipe, pipe2, eventfd, epoll_create1, epoll_ctl, epoll_wait, ioctl,
- * getrandom, read, write, pread, pwrite, flock, ftruncate, posix_fallocate, msync, timerfd_create,
- * timerfd_settime, lstat, unlink, renameat2, chmod, chown, fchmod, fstat, select, poll, ppoll, fcntl, usleep,
- * clock_nanosleep, getuid, getgrnam_r, gethostbyname_r and gethostbyaddr_r itself, which pre-empts the C
- * library's for everybody who calls them through the dynamic linker or from an archive. They forward to the
- * real ones unless an object of the classes below says otherwise. Calls which the C library makes from within
- * itself are not seen. The kit's own peers are seen: make them before, or say which thread or descriptor is
- * meant.
+ * getrandom, read, write, pread, pwrite, flock, ftruncate, posix_fallocate, pthread_create, msync,
+ * timerfd_create, timerfd_settime, lstat, unlink, renameat2, chmod, chown, fchmod, fstat, select, poll,
+ * ppoll, fcntl, usleep, clock_nanosleep, getuid, getgrnam_r, gethostbyname_r and gethostbyaddr_r itself,
+ * which pre-empts the C library's for everybody who calls them through the dynamic linker or from an archive.
+ * They forward to the real ones unless an object of the classes below says otherwise. Calls which the C
+ * library makes from within itself are not seen. The kit's own peers are seen: make them before, or say which
+ * thread or descriptor is meant.
  */
 namespace VornTest {
 

@@ -28,6 +28,9 @@ inline constexpr bool underSanitizer = true;
 inline constexpr bool underSanitizer = underThreadSanitizer;
 #endif
 
+/** Whether the address sanitizer watches. */
+inline constexpr bool underAddressSanitizer = underSanitizer && !underThreadSanitizer;
+
 /*
  * Why a sanitizer does not see a test: what it cannot do, so that the test would hang or end with a word of
  * the sanitizer's own, whatever the library does. All of these run without one.
@@ -47,20 +50,12 @@ inline constexpr const char* takesItForTheParentsThread =
 inline constexpr const char* runsHandlersLate = "it runs a signal handler only when the call has returned";
 
 /**
- * The thread sanitizer falls when a thread of a child ends that was forked from a thread other than the main
- * one.
+ * The address sanitizer calls sigaltstack() whenever a cancelled thread has passed a handler on its way out,
+ * on a stack where the frames that the thread has left are still poisoned, and reports that call of its own
+ * as an overflow. The thread sanitizer runs these tests.
  */
-inline constexpr const char* losesAChildsLastThread = "it falls when the only thread of a child ends";
-
-/** The thread sanitizer has a thread of its own in each process. */
-inline constexpr const char* addsAThread = "its own thread looks like one of the program's";
-
-/**
- * A cancelled thread leaves its functions without returning. Both sanitizers go on to count on what these
- * have left: poisoned stack, and calls that were entered.
- */
-inline constexpr const char* losesCancelledThreads =
-    "it takes what the frames of a cancelled thread leave behind for an error";
+inline constexpr const char* overflowsByItself =
+    "it reports its own sigaltstack() as an overflow while a cancelled thread unwinds";
 
 /** Their run time refuses to start after another library that is preloaded. */
 inline constexpr const char* mustBeLoadedFirst = "its run time must be the first library of the program";

@@ -102,11 +102,15 @@ void endThread(const Patient& sink, const std::string& transport) {
 } // namespace
 
 TEST_P(VornnetDoctorCause, SinkWhoseThreadHasEnded_IsNamedWithTheCommandThatRestartsIt) {
-    if (underThreadSanitizer && GetParam() == "udp") // where only the number of threads tells
-        GTEST_SKIP() << addsAThread;
     Patient sink = startSink(GetParam());
     endThread(sink, GetParam());
     const Json finding = awaitFinding("sinks", "thread has ended");
+    if (underThreadSanitizer && GetParam() == "udp") {
+        // Only the number of threads tells here, and that sanitizer's own thread might be the sink's.
+        EXPECT_THAT(textOf(finding), HasSubstr("a callback does not return, or its thread has ended"));
+        EXPECT_EQ(finding.at("severity"), "warning");
+        return;
+    }
     EXPECT_THAT(textOf(finding),
                 StartsWith(sink.place() + ": the sink's thread has ended, and nobody takes"));
     EXPECT_EQ(finding.at("severity"), "problem");

@@ -35,6 +35,15 @@ protected:
         PublisherFixture::TearDown();
     }
 
+    /** Opens it anew, so that few events are kept. */
+    void openWithShortHistory() {
+        m_publisher.reset();
+        VornPublisher::Options options;
+        options.bCallbackAddresses = true;
+        options.nHistoryBytes = 4096;
+        open(options);
+    }
+
     void listen() {
         m_sink = GetParam() ? unixListen(pipePath("sink"), 100) : tcpListen("127.0.0.1", m_port, 100);
     }
@@ -101,11 +110,7 @@ TEST_P(VornPublisher_Callback, AnEmptyEvent_IsItsNumber) {
 }
 
 TEST_P(VornPublisher_Callback, WhoeverFallsOut_IsToldOverTheLease) {
-    m_publisher.reset();
-    VornPublisher::Options options;
-    options.bCallbackAddresses = true;
-    options.nHistoryBytes = 4096;
-    open(options);
+    openWithShortHistory();
     const RawSubscriber subscriber(address(), "builds", request());
     constexpr std::uint64_t count = 1000;
     for (std::uint64_t number = 1; number <= count; ++number)
@@ -128,11 +133,7 @@ TEST_P(VornPublisher_Callback, WhoeverFallsOut_IsToldOverTheLease) {
 }
 
 TEST_P(VornPublisher_Callback, AGap_DoesNotMoveTheSubscribersPlacePastWhatIsOnItsWay) {
-    m_publisher.reset();
-    VornPublisher::Options options;
-    options.bCallbackAddresses = true;
-    options.nHistoryBytes = 4096;
-    open(options);
+    openWithShortHistory();
     const RawSubscriber subscriber(address(), "builds", request());
     for (int i = 0; i < 10; ++i)
         publish("x");

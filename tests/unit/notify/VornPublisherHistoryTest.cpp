@@ -163,16 +163,14 @@ TEST_F(VornPublisher_History, WhatCannotBeOpened_TellsTheErrorNumber) {
     options.sDirectory = "/opt/none";
     EXPECT_EQ(openFailure(options), failed + "2");
     {
-        FaultRule full("posix_fallocate", 0);
-        full.returning(ENOSPC);
+        const FaultRule full("posix_fallocate", ENOSPC);
         EXPECT_EQ(openFailure(withDirectory()), failed + "28");
     }
     EXPECT_EQ(std::filesystem::file_size(file), 0U);
     EXPECT_NE(::access(pipePath("beta").c_str(), F_OK), 0);
     open(withDirectory());
     {
-        FaultRule full("posix_fallocate", 0);
-        full.returning(ENOSPC);
+        const FaultRule full("posix_fallocate", ENOSPC);
         EXPECT_EQ(thrownBy([&] { publisher().addTopic("later"); }),
                   "VornPublisher::addTopic: failed to open history. 28");
     }
@@ -189,8 +187,7 @@ TEST_F(VornPublisher_History, WhatCannotBeOpened_TellsTheErrorNumber) {
 TEST_F(VornPublisher_History, ThatTheFileSystemHasNoRoomFor_Stays) {
     const VornPosition before = makeHistory();
     {
-        FaultRule full("posix_fallocate", 0);
-        full.returning(ENOSPC);
+        const FaultRule full("posix_fallocate", ENOSPC);
         EXPECT_EQ(openFailure(withDirectory()), "VornPublisher::VornPublisher: failed to open history. 28");
     }
     EXPECT_TRUE(goesOn(before));

@@ -4,7 +4,6 @@
 #include "LogCapture.h"
 #include "Process.h"
 #include "PublisherFixture.h"
-#include "Sanitizer.h"
 
 #include <VornSubscriber.h>
 
@@ -438,6 +437,21 @@ protected:
         } catch (const std::system_error&) {
             return false;
         }
+    }
+
+    /** A client about whom the handler decides, as soon as the barrier is open. */
+    UniqueFd askAHandlerThatWaits() {
+        open(with([this](Options& o) {
+            o.onLeave = m_departures.handler();
+            o.onSubscribe = [this](const auto&) {
+                m_barrier.wait();
+                return VornString();
+            };
+        }));
+        UniqueFd client = connectTo(address());
+        sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
+        EXPECT_TRUE(m_barrier.awaitReached());
+        return client;
     }
 
     /** What is answered to a line. */
@@ -1189,8 +1203,6 @@ TEST_P(VornPublisher_Wire, Stop_FromASecondThread_WaitsUntilTheFirstIsThrough) {
 }
 
 TEST_P(VornPublisher_Wire, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
-    if (underSanitizer)
-        GTEST_SKIP() << losesCancelledThreads;
     open(with([&](Options& o) { o.onLeave = [&](const auto&, auto, int) { m_barrier.wait(); }; }));
     RawSubscriber(address(), "builds");
     ASSERT_TRUE(m_barrier.awaitReached());
@@ -1203,8 +1215,6 @@ TEST_P(VornPublisher_Wire, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
 }
 
 TEST_P(VornPublisher_Wire, Publish_WakesTheSenderAlsoOnAThreadThatIsCancelled) {
-    if (underSanitizer)
-        GTEST_SKIP() << losesCancelledThreads;
     open();
     const pid_t sender = threadIds().back();
     const RawSubscriber subscriber(address(), "builds");
@@ -1286,16 +1296,7 @@ TEST_P(VornPublisher_Wire, Stop_LeavesNoDescriptorAndNoThread) {
 }
 
 TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecides_TellsWhomItAdmitted) {
-    open(with([&](Options& o) {
-        o.onLeave = m_departures.handler();
-        o.onSubscribe = [&](const auto&) {
-            m_barrier.wait();
-            return VornString();
-        };
-    }));
-    const UniqueFd client = connectTo(address());
-    sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
-    ASSERT_TRUE(m_barrier.awaitReached());
+    const UniqueFd client = askAHandlerThatWaits();
     const int before = openDescriptors();
     const UniqueFd next = connectTo(address()); // whom the handler is not asked about any more
     sendAll(next.get(), "builds\r\n" + WireRequest{}.bytes());
@@ -1310,16 +1311,7 @@ TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecides_TellsWhomItAdmitted) {
 }
 
 TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecidesAboutOneThatCannotBeWatched_EndsAllTheSame) {
-    open(with([&](Options& o) {
-        o.onLeave = m_departures.handler();
-        o.onSubscribe = [&](const auto&) {
-            m_barrier.wait();
-            return VornString();
-        };
-    }));
-    const UniqueFd client = connectTo(address());
-    sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
-    ASSERT_TRUE(m_barrier.awaitReached());
+    const UniqueFd client = askAHandlerThatWaits();
     WatchedThread stopping([&] { publisher().stop(0ms); });
     ASSERT_TRUE(awaitCondition([&] { return !isAccepting(); })); // it has begun to stop
     const FaultRule fault("epoll_ctl", ENOMEM, 1, FaultRule::always);

@@ -8,7 +8,6 @@
 #include "Interpose.h"
 #include "Process.h"
 #include "Sandbox.h"
-#include "Sanitizer.h"
 #include "SteadySinkPeer.h"
 
 #include <cerrno>
@@ -24,7 +23,6 @@
 #include <VornPipeServer.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -421,22 +419,19 @@ TEST_F(VornSteadySink_PipeFile, AHandlerThatEndsItsThread_EndsNothingElse) {
 }
 
 TEST_F(VornSteadySink_PipeFile, WithoutAThreadForTheHandler_ItIsToldLater) {
-    if (underSanitizer)
-        GTEST_SKIP() << "needs its address space";
+    useInterposition();
     Told told;
     SteadyOptions options = named("client");
     options.onAddressChange = told.handler();
     const SteadyClient client(options);
     ::unlink(pipePath("client").c_str());
     const UniqueFd server = unixListen(pipePath("client"));
-    rlimit before = {};
-    ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
-    const rlimit none = {1, before.rlim_max}; // a thread's stack takes some
-    ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);
-    EXPECT_TRUE(awaitCondition([&] { return client.address() != "pipe:client"; }));
-    letPass(std::chrono::milliseconds(50));
-    EXPECT_THAT(told.addresses(), ElementsAre());
-    ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
+    {
+        const FaultRule none("pthread_create", EAGAIN, 1, FaultRule::always);
+        EXPECT_TRUE(awaitCondition([&] { return none.failures() > 0; }));
+        EXPECT_NE(client.address(), "pipe:client");
+        EXPECT_THAT(told.addresses(), ElementsAre());
+    }
     EXPECT_TRUE(awaitCondition([&] { return told.addresses().size() == 1; }));
 }
 

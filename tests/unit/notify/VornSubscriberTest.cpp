@@ -6,7 +6,6 @@
 #include "LogCapture.h"
 #include "PublisherFixture.h"
 #include "Sandbox.h"
-#include "Sanitizer.h"
 #include "SubscriptionPeers.h"
 
 #include <VornException.h>
@@ -1035,8 +1034,6 @@ TEST_F(VornSubscriber_Host, ThatIsItself_IsNoService) {
 using VornSubscriber_Thread = SubscriberFixture;
 
 TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
-    if (underSanitizer)
-        GTEST_SKIP() << losesCancelledThreads;
     listen();
     m_inHandler = [](const std::string&) { ::pthread_exit(nullptr); };
     subscribe(quick());
@@ -1048,8 +1045,6 @@ TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
 }
 
 TEST_F(VornSubscriber_Thread, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
-    if (underSanitizer)
-        GTEST_SKIP() << losesCancelledThreads;
     listen();
     m_inHandler = [this](const std::string&) { m_barrier.wait(); };
     subscribe(quick());
@@ -1150,8 +1145,6 @@ TEST_F(VornSubscriber_Loop, AtMostAbout64KiBAtATime_AndTheHandleStaysReadable) {
 }
 
 TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheNext) {
-    if (underSanitizer)
-        GTEST_SKIP() << losesCancelledThreads;
     listen();
     subscribe(quick());
     admit();
@@ -1168,8 +1161,6 @@ TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheN
 }
 
 TEST_F(VornSubscriber_Loop, WhatAThreadHasLeftIsDealtWithBeforeTheEnd) {
-    if (underSanitizer)
-        GTEST_SKIP() << losesCancelledThreads;
     listen();
     for (const bool isStopped : {false, true}) {
         const std::size_t before = lines().size();
