@@ -184,8 +184,9 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenACallbackStartsPrograms_StaysAtI
     const std::string address = sink.address();
     pid_t child = -1;
     const auto awaitChild = [&child] {
-        if (child != -1)
+        if (child != -1) {
             EXPECT_EQ(statusOf(std::exchange(child, -1)), 0);
+        }
     };
     const CallHook pause("clock_nanosleep", awaitChild, everyTime);
     const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
