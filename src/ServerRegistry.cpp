@@ -6,6 +6,7 @@
 #include <SystemCalls.h>
 
 #include <map>
+#include <utility>
 
 namespace VornNet {
 
@@ -84,10 +85,13 @@ void ServerRegistry::startAfresh() {
     s_lock.unlock();
     s_isInChild = true;
     for (auto& [server, entry] : servers()) {
+        const bool isOpener = entry.opener == std::this_thread::get_id();
+        // A child of this process is not to close what has the number by then.
+        const int opening = isOpener ? -1 : std::exchange(entry.opening, -1);
         if (entry.isSinks && handleOf(entry) != nullptr)
             entry.letGo(*server);
-        else if (entry.isSinks && entry.opening != -1 && entry.opener != std::this_thread::get_id())
-            System::close(entry.opening);
+        else if (entry.isSinks && opening != -1)
+            System::close(opening);
         entry.inherited = handleOf(entry);
         entry.lastPort = -1;
     }

@@ -148,6 +148,12 @@ TEST_P(VornLibraryCallbackSink_ForkOnPorts, LetsGoOfThePortThatItIsAboutToOpen) 
     WatchedThread starter([] { const WatchedSink sink(GetParam()); });
     ASSERT_TRUE(held.awaitReached());
     EXPECT_EQ(inChild([without] { return openDescriptors() == without ? 0 : 1; }), 0);
+    // A file of the child's may have the socket's number then.
+    EXPECT_EQ(inChild([] {
+                  const UniqueFd file(::dup(STDERR_FILENO));
+                  return inChild([&file] { return isOpen(file.get()) ? 0 : 1; });
+              }),
+              0);
     held.open();
     EXPECT_TRUE(starter.join());
 }
