@@ -96,8 +96,6 @@ private:
         VornString sSamples; ///< as lines
     };
 
-    Metric& metricOf(const VornString& sMetric, Type type, const VornString& sHelp);
-
     std::vector<Metric> m_metrics;
 };
 
@@ -106,24 +104,18 @@ void VornMetrics::State::add(const VornString& sMetric, Type type, const VornStr
     const bool bNames =
         isName(sMetric, true) && std::all_of(labels.begin(), labels.end(),
                                              [](const auto& label) { return isName(label.first, false); });
-    if (!bNames)
+    const auto found = std::find_if(m_metrics.begin(), m_metrics.end(),
+                                    [&sMetric](const Metric& metric) { return metric.sName == sMetric; });
+    if (!bNames || (found != m_metrics.end() && found->type != type))
         throw VornException(cInvalidMetric, EINVAL);
     VornString sSample = sMetric + (type == Type::counter ? "_total" : "");
     for (std::size_t i = 0; i < labels.size(); ++i)
         sSample += (i == 0 ? "{" : ",") + labels[i].first + "=\"" + escaped(labels[i].second) + "\"";
     sSample += (labels.empty() ? " " : "} ") + sValue + "\n";
-    metricOf(sMetric, type, sHelp).sSamples += sSample;
-}
-
-VornMetrics::State::Metric& VornMetrics::State::metricOf(const VornString& sMetric, Type type,
-                                                         const VornString& sHelp) {
-    const auto found = std::find_if(m_metrics.begin(), m_metrics.end(),
-                                    [&sMetric](const Metric& metric) { return metric.sName == sMetric; });
     if (found == m_metrics.end())
-        return m_metrics.emplace_back(Metric{sMetric, type, escaped(sHelp), {}});
-    if (found->type != type)
-        throw VornException(cInvalidMetric, EINVAL);
-    return *found;
+        m_metrics.push_back({sMetric, type, escaped(sHelp), sSample});
+    else
+        found->sSamples += sSample;
 }
 
 VornString VornMetrics::State::text() const {
@@ -138,23 +130,26 @@ VornString VornMetrics::State::text() const {
 
 namespace {
 
-/** Adds the numbers of one object. */
+/** Adds the numbers of one object, all of them or none. */
 template <typename State>
 class Rows {
 public:
     Rows(State& state, const char* prefix, const VornString& sName)
-        : m_state(state), m_sPrefix(prefix), m_labels{{"name", sName}} {}
+        : m_state(state), m_new(state), m_sPrefix(prefix), m_labels{{"name", sName}} {}
 
     void counter(const char* name, std::uint64_t nValue, const char* help) {
-        m_state.add(m_sPrefix + name, VornMetrics::Type::counter, help, m_labels, std::to_string(nValue));
+        m_new.add(m_sPrefix + name, VornMetrics::Type::counter, help, m_labels, std::to_string(nValue));
     }
 
     void gauge(const char* name, std::uint64_t nValue, const char* help) {
-        m_state.add(m_sPrefix + name, VornMetrics::Type::gauge, help, m_labels, std::to_string(nValue));
+        m_new.add(m_sPrefix + name, VornMetrics::Type::gauge, help, m_labels, std::to_string(nValue));
     }
+
+    void finish() { m_state = std::move(m_new); }
 
 private:
     State& m_state;
+    State m_new;
     const VornString m_sPrefix;
     const VornMetrics::Labels m_labels;
 };
@@ -184,6 +179,7 @@ VornMetrics& VornMetrics::add(const VornString& sName, const VornDispatcher& dis
     rows.gauge("queued_bytes", sums.nQueuedBytes, "Bytes of the notifications without outcome.");
     rows.gauge("addresses", sums.nAddresses, "Addresses with notifications without outcome.");
     rows.gauge("connections", sums.nConnections, "Connections open now.");
+    rows.finish();
     return *this;
 }
 
@@ -202,6 +198,7 @@ VornMetrics& VornMetrics::add(const VornString& sName, const VornPublisher& publ
     rows.counter("left", sums.nLeft, "Subscribers that are no more.");
     rows.gauge("subscribers", sums.nSubscribers, "Subscribers now.");
     rows.gauge("behind", sums.nBehind, "Subscribers that have not been sent everything yet.");
+    rows.finish();
     return *this;
 }
 
@@ -217,6 +214,7 @@ VornMetrics& VornMetrics::add(const VornString& sName, const VornSteadySink& sin
     rows.counter("incomplete", sums.nIncomplete, "Connections and datagrams that ended too early.");
     rows.gauge("waiting", sums.nWaiting, "Notifications read whose callback has not returned.");
     rows.gauge("connections", sums.nConnections, "Connections open now.");
+    rows.finish();
     return *this;
 }
 
@@ -233,6 +231,7 @@ VornMetrics& VornMetrics::add(const VornString& sName, const VornSubscriber& sub
     rows.counter("tries", sums.nTries, "Connections attempted.");
     rows.gauge("newest", sums.nNewest, "The newest number that the service has told of.");
     rows.gauge("connected", bConnected ? 1 : 0, "1 while it is subscribed.");
+    rows.finish();
     return *this;
 }
 

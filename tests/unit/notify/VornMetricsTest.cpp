@@ -93,6 +93,14 @@ TEST_F(VornMetricsTest, NamesThatAreNone_AreRefused) {
     EXPECT_EQ(metrics.text(), "# TYPE a:b gauge\n# HELP a:b \na:b 1\n# EOF\n");
 }
 
+TEST_F(VornMetricsTest, AnObjectOneOfWhoseNumbersIsRefused_AddsNone) {
+    VornMetrics metrics;
+    metrics.add("vornnet_dispatcher_queued", Type::counter, "Another's.", {}, 1);
+    const std::string before = metrics.text();
+    EXPECT_EQ(thrownBy([&] { metrics.add("a", VornDispatcher()); }), "VornMetrics::add: invalid metric. 22");
+    EXPECT_EQ(metrics.text(), before);
+}
+
 TEST_F(VornMetricsTest, ObjectsOfTheLibrary_AddWhatTheyTellOfThemselves) {
     VornSteadySink::Options sinkOptions;
     sinkOptions.kind = VornSteadySink::Kind::pipe;
