@@ -45,13 +45,17 @@ const std::string cAnswer = std::string("\0\1\0\0", 4) + std::string("\0\0\0\0\0
                             Link::onWire(1'000) + Link::onWire(1) + Link::onWire(8) +
                             std::string("\0\0\0\0\0\0\0\1", 8);
 
-/** Receives up to @p size bytes within 50 ms each. @return whether all have come */
-bool takes(int fd, std::size_t size) {
+/** How long something is waited for that may never come, and that is sure to come. */
+constexpr int cMoment = 50;
+constexpr int cPatience = 10'000;
+
+/** Receives up to @p size bytes, each within @p limit ms. @return whether all have come */
+bool takes(int fd, std::size_t size, int limit = cMoment) {
     std::array<char, 256> bytes;
     while (size > 0) {
         pollfd entry{fd, POLLIN, 0};
         const ssize_t count =
-            ::poll(&entry, 1, 50) == 1 ? ::recv(fd, bytes.data(), std::min(size, bytes.size()), 0) : 0;
+            ::poll(&entry, 1, limit) == 1 ? ::recv(fd, bytes.data(), std::min(size, bytes.size()), 0) : 0;
         if (count <= 0)
             return false;
         size -= static_cast<std::size_t>(count);
@@ -60,14 +64,14 @@ bool takes(int fd, std::size_t size) {
 }
 
 /** Subscribes by hand and waits for the first event. @return whether it has come */
-bool isServed() {
+bool isServed(int limit = cPatience) {
     try {
         const UniqueFd client = unixConnect(pipePath("faults"));
         sendAll(client.get(), cTopic + "\r\n");
-        if (!takes(client.get(), 1))
+        if (!takes(client.get(), 1, limit))
             return false;
         sendAll(client.get(), cRequest);
-        return takes(client.get(), cAnswer.size());
+        return takes(client.get(), cAnswer.size(), limit);
     } catch (const std::exception&) {
         return false;
     }
@@ -108,9 +112,9 @@ public:
         m_publisher->publish(cTopic, [](VornConnection&) {});
         m_client = unixConnect(pipePath("faults"));
         sendAll(m_client.get(), cTopic + "\r\n");
-        takes(m_client.get(), 1);
+        takes(m_client.get(), 1, cPatience);
         sendAll(m_client.get(), cRequest);
-        takes(m_client.get(), cAnswer.size());
+        takes(m_client.get(), cAnswer.size(), cPatience);
     }
 
     VornPublisher& publisher() { return *m_publisher; }
@@ -156,7 +160,7 @@ Operations publisherRows() {
              // A client is left without an answer, or cut; it comes again.
              trial.attemptOnOtherThreads([] {
                  const auto end = Clock::now() + 200ms;
-                 while (!isServed() && Clock::now() < end) {
+                 while (!isServed(cMoment) && Clock::now() < end) {
                  }
              });
              trial.expect(isServed(), "the publisher serves nobody any more");
