@@ -145,6 +145,7 @@ public:
     VornString sCallbackKey;              // see CallbackEndpoint
     std::vector<Posted> posted;           // on their way to the callback address, oldest first
     TimePoint takesSince{};               // from when on the oldest of them has been on its own
+    TimePoint hasTakenAt{};               // when the last one was taken before
     std::uint32_t nAwaited = 0;           // the events that the poll looks for
     std::shared_ptr<Farewell> spFarewell; // prepared at its admission, with the call that hands it over:
     HandlerThread::Calls farewellCall;    // a subscriber also leaves when there is no memory

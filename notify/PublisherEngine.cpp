@@ -425,7 +425,7 @@ void PublisherEngine::noteOutcome(const Command& command) {
     sent.nBytes = client.posted.front().nBytes;
     m_posted.erase(found);
     client.posted.erase(client.posted.begin());
-    client.takesSince = m_now;
+    client.takesSince = client.hasTakenAt = m_now;
     client.noteSent();
     count(client, sent);
     postEvents(client);
@@ -492,9 +492,11 @@ void PublisherEngine::checkSinks() {
     // One that leaves makes those after it take other places, and they have been looked at.
     for (std::size_t i = m_calledBack.size(); i-- > 0;) {
         PublisherClient& client = *m_calledBack[i];
-        const Clock::time_point end = client.takesSince + cSinkLimit;
         if (client.posted.empty())
             continue;
+        Clock::time_point end = client.takesSince + cSinkLimit;
+        if (m_now >= end)
+            end = lastTaking(client.sCallbackKey) + cSinkLimit;
         if (m_now < end) {
             m_checkSinks = std::min(m_checkSinks, end);
             continue;
@@ -505,6 +507,16 @@ void PublisherEngine::checkSinks() {
             closeLater(client);
         });
     }
+}
+
+/** @return when a sink has taken something last: it takes the events of all who named it in one order. */
+PublisherEngine::Clock::time_point PublisherEngine::lastTaking(const VornString& sCallbackKey) const {
+    Clock::time_point last{};
+    for (const PublisherClient* client : m_calledBack) {
+        if (client->sCallbackKey == sCallbackKey)
+            last = std::max(last, client->hasTakenAt);
+    }
+    return last;
 }
 
 /** Cuts whoever has had time enough. */

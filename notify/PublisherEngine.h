@@ -97,6 +97,7 @@ private:
     void checkTimes();
     void checkFile();
     void checkSinks();
+    Clock::time_point lastTaking(const VornString& sCallbackKey) const;
     void cutLate();
     void giveSigns();
     void finishStopping();
