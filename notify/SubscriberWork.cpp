@@ -451,9 +451,11 @@ bool SubscriberWork::dealWithFrame(std::string_view bytes) {
     }
     if (isKnown && bytes.size() - Wire::cFrameHead < length)
         return false;
-    m_input.skip(Wire::cFrameHead + length);
-    // What has been skipped lies where it was until more is received.
     const std::string_view rest = bytes.substr(Wire::cFrameHead, length);
+    if (isEvent && tellGapBefore(Wire::numberAt(rest.data())))
+        return true; // the event is left where it is, for the handler may have ended the thread
+    // What has been skipped lies where it was until more is received.
+    m_input.skip(Wire::cFrameHead + length);
     if (isEvent)
         dealWithEvent(rest);
     else if (kind == Wire::cGap)
@@ -465,21 +467,24 @@ bool SubscriberWork::dealWithFrame(std::string_view bytes) {
     return true;
 }
 
+/** Tells what is missing before an event. @return whether anything is */
+bool SubscriberWork::tellGapBefore(std::uint64_t number) {
+    const bool isOfThis = m_resume.nHistory == m_nHistory;
+    if (number == 0 || (isOfThis && number <= m_resume.nNumber + 1))
+        return false;
+    tellGap({m_nHistory, number - 1}, isOfThis ? number - 1 - m_resume.nNumber : 0);
+    return true;
+}
+
 void SubscriberWork::dealWithEvent(std::string_view rest) {
     const std::uint64_t number = Wire::numberAt(rest.data());
     rest.remove_prefix(sizeof number);
     if (number == 0)
         return misunderstand(cNotUnderstood, EPROTO);
-    const bool isOfThis = m_resume.nHistory == m_nHistory;
-    if (isOfThis && number <= m_resume.nNumber) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_statistics.nRepeated;
-        return;
-    }
-    if (!isOfThis || number > m_resume.nNumber + 1)
-        tellGap({m_nHistory, number - 1}, isOfThis ? number - 1 - m_resume.nNumber : 0);
-    if (!isInterrupted())
-        callForEvent(number, rest);
+    if (number > m_resume.nNumber)
+        return callForEvent(number, rest);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_statistics.nRepeated;
 }
 
 void SubscriberWork::dealWithGap(std::string_view rest) {

@@ -94,6 +94,7 @@ private:
     bool dealWithAnswer(std::string_view bytes);
     bool dealWithPlace(std::string_view bytes);
     bool dealWithFrame(std::string_view bytes);
+    bool tellGapBefore(std::uint64_t number);
     void dealWithEvent(std::string_view rest);
     void dealWithGap(std::string_view rest);
     void dealWithSign(std::string_view rest);

@@ -1160,6 +1160,21 @@ TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheN
     EXPECT_EQ(lines().back(), "2 b");
 }
 
+TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWhenAGapIsTold_LeavesTheEventAfterItToTheNext) {
+    listen();
+    m_inNote = [](const std::string& line) {
+        if (line == "gap 0 4 4")
+            ::pthread_exit(nullptr);
+    };
+    subscribe(quick());
+    admit();
+    say(WireFrame::event(5, "ahead"));
+    ASSERT_TRUE(m_driver->join());
+    EXPECT_TRUE(isReadable(1000));
+    EXPECT_EQ(subscriber().dispatch(), 1U);
+    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 0 4 4", "5 ahead"));
+}
+
 TEST_F(VornSubscriber_Loop, WhatAThreadHasLeftIsDealtWithBeforeTheEnd) {
     listen();
     for (const bool isStopped : {false, true}) {
