@@ -52,7 +52,7 @@ public:
 
     void show(const std::vector<std::string>& lines);
 
-    /** Waits. @return whether "q" was pressed meanwhile, or a signal came */
+    /** Waits. @return whether "q" was pressed meanwhile, a signal came, or the terminal is gone */
     bool isEndWanted(std::chrono::milliseconds time, const Interruption& interruption);
 };
 
@@ -72,7 +72,8 @@ bool Screen::isEndWanted(std::chrono::milliseconds time, const Interruption& int
     ::timeout(static_cast<int>(cLongestPause.count()));
     while (std::chrono::steady_clock::now() < end && !interruption.isRequested()) {
         const int key = ::getch();
-        if (key == 'q' || key == 'Q')
+        // A terminal that has hung up lets nobody wait.
+        if (key == 'q' || key == 'Q' || (key == ERR && ::isatty(STDIN_FILENO) != 1))
             return true;
     }
     return interruption.isRequested();

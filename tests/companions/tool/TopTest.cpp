@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "Await.h"
+#include "ForkedChild.h"
 #include "Posix.h"
 #include "Sandbox.h"
 #include "ToolRun.h"
@@ -11,6 +12,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 using namespace VornTest;
@@ -30,6 +32,21 @@ protected:
         }
         return {};
     }
+
+    /** Starts `top` on a terminal of its own, after @p before. Its first line is the tool's process id. */
+    static ChildProcess startOnTerminal(const std::string& before, const std::string& every) {
+        return ChildProcess::spawn(
+            {"script", "-qefc", before + "; echo $$; TERM=xterm exec " + toolPath() + " top --every " + every,
+             cTypescript});
+    }
+
+    /** Waits until the tool has written it to its terminal. */
+    static bool awaitShown(const std::string& text) {
+        return awaitCondition([&] { return readTextFile(cTypescript).find(text) != std::string::npos; },
+                              std::chrono::seconds(60));
+    }
+
+    static constexpr const char* cTypescript = "/opt/typescript";
 };
 
 class VornnetMetrics : public ToolNetworkTest {
@@ -84,11 +101,15 @@ TEST_F(VornnetTop, ServersOfEveryTransport_AreShownWithWhoWaitsAndWhoIsServed) {
 
 TEST_F(VornnetTop, OnATerminal_IsShownAnewUntilQIsPressed) {
     const UniqueFd server = unixListen(pipePath("shown"));
-    const ToolResult result = runShell("printf q | TERM=xterm script -qec \"stty rows 24 "
-                                       "cols 120; \\$TOOL top --every 0.1\" /dev/null");
+    ChildProcess terminal = startOnTerminal("stty rows 24 cols 120", "0.1");
+    nextLine(terminal);
+    EXPECT_TRUE(awaitShown("pipe:shown"));
+    const UniqueFd later = unixListen(pipePath("later"));
+    EXPECT_TRUE(awaitShown("later"));
+    terminal.writeLine("q");
+    const ToolResult result = finish(terminal);
     EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output,
-                AllOf(HasSubstr("pipe:shown"), HasSubstr("\033[?1049h"), HasSubstr("\033[?1049l")));
+    EXPECT_THAT(result.output, AllOf(HasSubstr("\033[?1049h"), HasSubstr("\033[?1049l")));
 }
 
 TEST_F(VornnetTop, FromTheSecondLookOn_TellsHowOftenTheThreadsWake) {
@@ -110,16 +131,22 @@ TEST_F(VornnetTop, FromTheSecondLookOn_TellsHowOftenTheThreadsWake) {
 }
 
 TEST_F(VornnetTop, WhenItIsTerminated_GivesTheTerminalBackAtOnce) {
-    ChildProcess terminal = ChildProcess::spawn(
-        {"script", "-qec", "echo $$; TERM=xterm exec " + toolPath() + " top --every 3600", "/dev/null"});
+    ChildProcess terminal = startOnTerminal(":", "3600");
     const pid_t top = std::stoi(nextLine(terminal));
-    const std::string status = "/proc/" + std::to_string(top) + "/status";
-    EXPECT_TRUE(awaitCondition(
-        [&] { return readTextFile(status).find("SigBlk:\t0000000000004002\n") != std::string::npos; }));
+    EXPECT_TRUE(awaitShown("ADDRESS"));
     EXPECT_EQ(::kill(top, SIGTERM), 0);
     const ToolResult result = finish(terminal);
     EXPECT_EQ(result.status, 143);
     EXPECT_THAT(result.output, HasSubstr("\033[?1049l"));
+}
+
+TEST_F(VornnetTop, WhenTheTerminalIsGone_Ends) {
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1); // whoever kills the terminal inherits its program
+    ChildProcess terminal = startOnTerminal("trap '' HUP", "3600");
+    const pid_t top = std::stoi(nextLine(terminal));
+    EXPECT_TRUE(awaitShown("ADDRESS"));
+    terminal.kill(SIGKILL);
+    EXPECT_EQ(statusOf(top), 0);
 }
 
 TEST_F(VornnetMetrics, AllOfThem_AreReadByAForeignParser) {
