@@ -13,6 +13,7 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <set>
 
 namespace VornTool {
 
@@ -103,7 +104,10 @@ void addPipes(VornMetrics& metrics) {
 
 int runMetrics(MetricsOptions& options) {
     const LibraryRecords records(options.logLevel);
-    const std::vector<Server> servers = listServers();
+    std::vector<Server> servers = listServers();
+    // One whose file is gone and its successor, where their processes cannot be seen: a series is there once.
+    std::set<VornMetrics::Labels> known;
+    std::erase_if(servers, [&known](const Server& server) { return !known.insert(labelsOf(server)).second; });
     VornMetrics metrics;
     for (const Family& family : families()) {
         for (const Server& server : servers) {

@@ -168,6 +168,16 @@ TEST_F(VornnetMetrics, AllOfThem_AreReadByAForeignParser) {
                                      HasSubstr("vornnet_waiting_clients gauge pipe:a\"b\\c 0\n")));
 }
 
+TEST_F(VornnetMetrics, OfSocketsThatNothingTellsApart_AreThoseOfOne) {
+    const UniqueFd former = unixListen(pipePath("twice"));
+    ::unlink(pipePath("twice").c_str());
+    const UniqueFd server = unixListen(pipePath("twice"));
+    const std::string output = runTool({"metrics"}).output;
+    const std::size_t first = output.find("vornnet_waiting_clients{address=\"pipe:twice\"");
+    EXPECT_NE(first, std::string::npos);
+    EXPECT_EQ(output.rfind("vornnet_waiting_clients{address=\"pipe:twice\""), first);
+}
+
 TEST_F(VornnetMetrics, OfAServer_AreItsQueueAndWhetherItAccepts) {
     ChildProcess server = startTool({"serve", "pipe:busy", "--expect", "int"});
     nextLine(server);
