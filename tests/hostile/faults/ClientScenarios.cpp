@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-// Clients: each transport's connect, exchange and close; and what else a program does outside of servers.
+// Clients: each transport's connect, exchange, close and notification; and what else a program does outside
+// of servers.
 
 #include "Peers.h"
 #include "Scenarios.h"
@@ -9,6 +10,7 @@
 #include <VornException.h>
 #include <VornLogging.h>
 #include <VornPipeConnection.h>
+#include <VornProxyDependent.h>
 #include <VornSocketConnection.h>
 #include <VornUDPSocketConnection.h>
 
@@ -50,23 +52,13 @@ Outcome pipeClient(const Stage& stage) {
     return exchangeTwice(stage, connection);
 }
 
-Outcome tcpClientOf(const Stage& stage, const std::string& host, bool isIdentified) {
-    int port = 0;
-    const Service service(tcpListen("127.0.0.1", port, 20), echoInt);
-    VornSocketConnection connection(host, port, false, isIdentified);
-    return exchangeTwice(stage, connection);
-}
-
-Outcome tcpClient(const Stage& stage) {
-    return tcpClientOf(stage, "127.0.0.1", false);
-}
-
-Outcome tcpClientByName(const Stage& stage) {
-    return tcpClientOf(stage, "localhost", true);
-}
-
-Outcome tcpClientByAnyName(const Stage& stage) {
-    return tcpClientOf(stage, "localhost", false);
+auto tcpClient(const std::string& host, bool isIdentified) {
+    return [=](const Stage& stage) {
+        int port = 0;
+        const Service service(tcpListen("127.0.0.1", port, 20), echoInt);
+        VornSocketConnection connection(host, port, false, isIdentified);
+        return exchangeTwice(stage, connection);
+    };
 }
 
 /** A service that says at once what it thinks of any service name, and echoes an int. */
@@ -83,21 +75,15 @@ private:
     Service m_service;
 };
 
-Outcome tcpHandshake(const Stage& stage, char answer, const Outcome& undisturbed) {
-    int port = 0;
-    const NamedService service(tcpListen("127.0.0.1", port, 20), answer);
-    VornSocketConnection connection("127.0.0.1", port, false, false);
-    connection.setServiceName("svc");
-    return twice(
-        stage, [&connection] { return exchange(connection); }, undisturbed);
-}
-
-Outcome acceptedTcpHandshake(const Stage& stage) {
-    return tcpHandshake(stage, '+', {});
-}
-
-Outcome refusedTcpHandshake(const Stage& stage) {
-    return tcpHandshake(stage, '-', {cService, 0});
+auto tcpHandshake(char answer, const Outcome& undisturbed) {
+    return [=](const Stage& stage) {
+        int port = 0;
+        const NamedService service(tcpListen("127.0.0.1", port, 20), answer);
+        VornSocketConnection connection("127.0.0.1", port, false, false);
+        connection.setServiceName("svc");
+        return twice(
+            stage, [&connection] { return exchange(connection); }, undisturbed);
+    };
 }
 
 /**
@@ -154,23 +140,33 @@ Outcome ownAddress(const Stage& stage) {
     return connection.getServerName() == "127.0.0.1" ? outcome : Outcome{"cannot be used again", 0};
 }
 
-Outcome datagramTo(const Stage& stage, const std::string& host) {
-    int port = 0;
-    const UniqueFd receiver = udpSocket("127.0.0.1", port);
-    VornUDPSocketConnection connection(host, port, false);
-    return twice(stage, [&connection] {
-        connection.transfer(7);
-        return connection.transmit() ? "" : "not sent";
-    });
-}
-
-Outcome datagram(const Stage& stage) {
-    return datagramTo(stage, "127.0.0.1");
-}
-
 /** A name that cannot be looked up is sent to as 0.0.0.0, which is this host. */
-Outcome datagramByName(const Stage& stage) {
-    return datagramTo(stage, "localhost");
+auto datagramTo(const std::string& host) {
+    return [=](const Stage& stage) {
+        int port = 0;
+        const UniqueFd receiver = udpSocket("127.0.0.1", port);
+        VornUDPSocketConnection connection(host, port, false);
+        return twice(stage, [&connection] {
+            connection.transfer(7);
+            return connection.transmit() ? "" : "not sent";
+        });
+    };
+}
+
+/** Notifies over a stream or by a datagram, with the same odds for a name as above. */
+auto notification(const std::string& kind, const std::string& host = "127.0.0.1") {
+    return [=](const Stage& stage) {
+        int port = 0;
+        const UniqueFd receiver = kind == "pipe"  ? listenAtPipe()
+                                  : kind == "udp" ? udpSocket("127.0.0.1", port)
+                                                  : tcpListen("127.0.0.1", port, 20);
+        const std::string place = kind == "pipe" ? "faults" : host + ":" + std::to_string(port);
+        VornProxyDependent proxy(kind + ":" + place, 3);
+        return twice(stage, [&proxy] {
+            proxy.remoteNotify(VornNotification(5));
+            return "";
+        });
+    };
 }
 
 Outcome eventDescriptor(const Stage& stage) {
@@ -203,9 +199,14 @@ std::vector<FailingCall> streamCalls(const char* connectText) {
     return {{"socket", isTriedAgain(endsWith(cWrite, ENOTCONN))},
             {"connect", fails(connectText)},
             {"send", fails(cWrite)},
-            {"recv", fails(cRead)},
             {"fcntl", isIgnored()},
             {"close", isIgnored()}};
+}
+
+std::vector<FailingCall> clientCalls(const char* connectText) {
+    std::vector<FailingCall> calls = streamCalls(connectText);
+    calls.push_back({"recv", fails(cRead)});
+    return calls;
 }
 
 /** In the handshake the service is refused, afterwards the operation fails. */
@@ -218,10 +219,7 @@ std::vector<FailingCall> lineCalls() {
         return Promise{{fault.nth == 1 ? "no line" : cRead, fault.error}};
     };
     return {{"socket", endsWith("no line", ENOTCONN)},
-            {"connect",
-             [](const CallFault& fault) {
-                 return Promise{{"no line", fault.error}};
-             }},
+            {"connect", fails("no line")},
             {"recv", ofSecond},
             {"close", isIgnored()}};
 }
@@ -229,51 +227,55 @@ std::vector<FailingCall> lineCalls() {
 } // namespace
 
 std::vector<Scenario> clientScenarios() {
-    const std::vector<FailingCall> transmitCalls = {{"socket", endsWith("not sent")},
-                                                    {"setsockopt",
-                                                     [](const CallFault&) {
-                                                         return Promise{{"not sent", 0}, 1};
-                                                     }},
-                                                    {"sendto",
-                                                     [](const CallFault&) {
-                                                         return Promise{{"not sent", 0}, 1};
-                                                     }},
-                                                    {"fcntl", isIgnored()},
-                                                    {"close", isIgnored()}};
+    const Rule leavesOpen = [](const CallFault&) { return Promise{{"not sent", 0}, 1}; };
+    const Rule missesName = [](const CallFault& fault) {
+        const bool isNameOnly = fault.nth == 1 && fault.times == 1 && !fault.isLasting;
+        return isNameOnly ? Promise{} : Promise{{cWrite, fault.error}};
+    };
+    const std::vector<FailingCall> lookUp = {{"gethostbyname_r", isIgnored()}};
+    const FailingCall connectTcp = {"connect", fails(cTcpConnect)};
+    const FailingCall fcntl = {"fcntl", isIgnored()};
+    const FailingCall close = {"close", isIgnored()};
     return {
-        {"pipe client", pipeClient, streamCalls(cPipeConnect)},
-        {"TCP client", tcpClient, streamCalls(cTcpConnect)},
-        {"TCP client by name", tcpClientByName, {{"gethostbyname_r", fails(cHostUnknown)}}},
-        {"TCP client by any name", tcpClientByAnyName, {{"gethostbyname_r", isIgnored()}}},
+        {"pipe client", pipeClient, clientCalls(cPipeConnect)},
+        {"TCP client", tcpClient("127.0.0.1", false), clientCalls(cTcpConnect)},
+        {"TCP client by name", tcpClient("localhost", true), {{"gethostbyname_r", fails(cHostUnknown)}}},
+        {"TCP client by any name", tcpClient("localhost", false), lookUp},
         {"accepted TCP handshake",
-         acceptedTcpHandshake,
-         {{"send", inHandshake(fails(cWrite))},
-          {"recv", inHandshake(fails(cRead))},
-          {"connect", fails(cTcpConnect)}}},
+         tcpHandshake('+', {}),
+         {{"send", inHandshake(fails(cWrite))}, {"recv", inHandshake(fails(cRead))}, connectTcp}},
         {"refused TCP handshake",
-         refusedTcpHandshake,
-         {{"send", endsWith(cService)}, {"recv", endsWith(cService)}, {"connect", fails(cTcpConnect)}},
+         tcpHandshake('-', {cService, 0}),
+         {{"send", endsWith(cService)}, {"recv", endsWith(cService)}, connectTcp},
          {cService, 0}},
         {"accepted pipe handshake",
          acceptedPipeHandshake,
-         {{"send",
-           [](const CallFault& fault) {
-               const bool isNameOnly = fault.nth == 1 && fault.times == 1 && !fault.isLasting;
-               return isNameOnly ? Promise{} : Promise{{cWrite, fault.error}};
-           }},
-          {"recv", endsWith(cService)},
-          {"connect", fails(cPipeConnect)}}},
+         {{"send", missesName}, {"recv", endsWith(cService)}, {"connect", fails(cPipeConnect)}}},
         {"pipe line", pipeLine, lineCalls()},
         {"TCP line", tcpLine, lineCalls()},
         {"own address", ownAddress, {{"getsockname", endsWith("")}}, {"127.0.0.1", 0}},
-        {"datagram", datagram, transmitCalls},
-        {"datagram by name", datagramByName, {{"gethostbyname_r", isIgnored()}}},
+        {"datagram",
+         datagramTo("127.0.0.1"),
+         {{"socket", endsWith("not sent")},
+          {"setsockopt", leavesOpen},
+          {"sendto", leavesOpen},
+          fcntl,
+          close}},
+        {"datagram by name", datagramTo("localhost"), lookUp},
+        {"pipe notification", notification("pipe"), streamCalls(cPipeConnect)},
+        {"TCP notification", notification("socket"), streamCalls(cTcpConnect)},
+        {"TCP notification by name", notification("socket", "localhost"), lookUp},
+        {"UDP notification",
+         notification("udp"),
+         {{"socket", isIgnored()},
+          {"setsockopt", isIgnoredAndLeaks()},
+          {"sendto", isIgnoredAndLeaks()},
+          fcntl,
+          close}},
+        {"UDP notification by name", notification("udp", "localhost"), lookUp},
         {"event",
          eventDescriptor,
-         {{"eventfd", endsWith("no descriptor")},
-          {"write", isIgnored()},
-          {"read", isIgnored()},
-          {"close", isIgnored()}}},
+         {{"eventfd", endsWith("no descriptor")}, {"write", isIgnored()}, {"read", isIgnored()}, close}},
         {"log line", logLine, {{"fstat", isIgnored()}, {"write", isIgnored()}}},
     };
 }

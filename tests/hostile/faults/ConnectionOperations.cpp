@@ -16,182 +16,147 @@ namespace {
 
 const VornString cText(40, 'x');
 
-/** How the operations of one kind may end. */
-struct Terms {
-    Link::Kind kind;
-    unsigned writing;
-    unsigned reading;
+/** Rows for the operations of one kind of connection that is established. */
+class LinkRows {
+public:
+    LinkRows(Operations& table, Link::Kind kind) : m_table(table), m_kind(kind) {}
+
+    /** @param waiting the bytes that are waiting to be read */
+    template <typename Do>
+    void add(const std::string& title, unsigned allowed, const std::string& waiting, Do operation) {
+        m_table.add(title, Link::nameOf(m_kind), allowed, onLink(m_kind, waiting, operation));
+    }
+
+    void addWriting(unsigned allowed);
+    void addReading(unsigned allowed);
+    void addLines();
+    void addState();
+
+private:
+    std::string own(const char* operation) const { return Link::classOf(m_kind) + operation; }
+
+    Operations& m_table;
+    const Link::Kind m_kind;
 };
 
-/** A row for an operation of an established connection, with bytes waiting to be read. */
-template <typename Do>
-Operation row(const Terms& terms, std::vector<std::string> names, const std::string& detail, unsigned allowed,
-              const std::string& waiting, Do operation) {
-    const std::string what = detail.empty() ? "" : ", " + detail;
-    return {std::move(names), Link::nameOf(terms.kind) + what, allowed, [=](Trial& trial) {
-                Link link(terms.kind, waiting);
-                trial.attempt([&] { operation(link.connection()); });
-            }};
+void LinkRows::addWriting(unsigned allowed) {
+    using C = VornConnection;
+    add("VornConnection::transfer (text)", allowed, "", [](C& c) { c.transfer(cText); });
+    add("VornConnection::transfer (int)", allowed, "", [](C& c) { c.transfer(7); });
+    add("VornConnection::transfer (short)", allowed, "", [](C& c) { c.transfer(static_cast<short>(7)); });
+    add("VornConnection::transfer (long)", allowed, "", [](C& c) { c.transfer(7L); });
+    add("VornConnection::transfer (bool)", allowed, "", [](C& c) { c.transfer(true); });
+    add("VornConnection::transfer (literal)", allowed | throwsBadAlloc, "",
+        [](C& c) { c.transfer("a literal with more than fifteen bytes"); });
+    add("VornConnection::transferACK", allowed, "", [](C& c) { c.transferACK(); });
+    add("VornConnection::transferError", allowed, "", [](C& c) { c.transferError(); });
+    add("VornConnection::put", allowed, "", [](C& c) {
+        std::array<char, 10> bytes = {};
+        c.put(bytes.data(), bytes.size());
+    });
+    add(own("::transfer (raw)"), allowed, "", [](C& c) {
+        long error = 0;
+        c.transfer("0123456789", 10, &error);
+    });
 }
 
-/** A row for a text, whose reader is told when there is no memory for it. */
-Operation textRow(const Terms& terms, const std::string& detail, unsigned allowed,
-                  const std::string& waiting) {
-    return {{"VornConnection::receiveString"},
-            Link::nameOf(terms.kind) + ", " + detail,
-            allowed,
-            [=](Trial& trial) {
-                Link link(terms.kind, waiting);
-                trial.attempt([&] { link.connection().receiveString(); });
-                const bool isConnected = terms.kind != Link::Kind::ssl; // an SSL connection never reads
-                trial.expect(!trial.hasThrown() || trial.code() == (isConnected ? ENOMEM : ENOTCONN),
-                             "another code than that of memory");
-            }};
-}
-
-Operations writingRows(const Terms& terms) {
-    const auto writes = [&](std::vector<std::string> names, const std::string& detail, auto operation) {
-        return row(terms, std::move(names), detail, terms.writing, "", operation);
-    };
-    return {
-        writes({"VornConnection::transfer"}, "text", [](VornConnection& c) { c.transfer(cText); }),
-        writes({"VornConnection::transfer"}, "int", [](VornConnection& c) { c.transfer(7); }),
-        writes({"VornConnection::transfer"}, "short",
-               [](VornConnection& c) { c.transfer(static_cast<short>(7)); }),
-        writes({"VornConnection::transfer"}, "long", [](VornConnection& c) { c.transfer(7L); }),
-        writes({"VornConnection::transfer"}, "bool", [](VornConnection& c) { c.transfer(true); }),
-        row(terms, {"VornConnection::transfer"}, "literal", terms.writing | throwsBadAlloc, "",
-            [](VornConnection& c) { c.transfer("a literal with more than fifteen bytes"); }),
-        writes({"VornConnection::transferACK"}, "", [](VornConnection& c) { c.transferACK(); }),
-        writes({"VornConnection::transferError"}, "", [](VornConnection& c) { c.transferError(); }),
-        writes({"VornConnection::put"}, "",
-               [](VornConnection& c) {
-                   std::array<char, 10> bytes = {};
-                   c.put(bytes.data(), bytes.size());
-               }),
-        writes({Link::classOf(terms.kind) + "::transfer"}, "raw",
-               [](VornConnection& c) {
-                   long error = 0;
-                   c.transfer("0123456789", 10, &error);
-               }),
-    };
-}
-
-Operations readingRows(const Terms& terms) {
-    const std::string shortText = Link::onWire(40) + std::string(40, 'x');
-    const std::string longText = Link::onWire(70'000) + std::string(70'000, 'x');
+void LinkRows::addReading(unsigned allowed) {
+    using C = VornConnection;
     const std::string zeros(16, '\0');
     // With memory at its end not even the exception can be made.
     const unsigned ofText = throwsVornException | endsProcess;
-    return {
-        textRow(terms, "short text", ofText, shortText),
-        textRow(terms, "long text", ofText, longText),
-        row(terms, {"VornConnection::receiveString"}, "negative length", ofText, "\xff\xff\xff\xff",
-            [](VornConnection& c) { c.receiveString(); }),
-        row(terms, {"VornConnection::receiveInt"}, "", terms.reading, zeros,
-            [](VornConnection& c) { c.receiveInt(); }),
-        row(terms, {"VornConnection::receiveShort"}, "", terms.reading, zeros,
-            [](VornConnection& c) { c.receiveShort(); }),
-        row(terms, {"VornConnection::receiveLong"}, "", terms.reading, zeros,
-            [](VornConnection& c) { c.receiveLong(); }),
-        row(terms, {"VornConnection::get"}, "", terms.reading, zeros,
-            [](VornConnection& c) {
-                std::array<char, 10> bytes;
-                c.get(bytes.data(), bytes.size());
-            }),
-        row(terms, {Link::classOf(terms.kind) + "::receive"}, "", allocatesNothing, zeros,
-            [](VornConnection& c) {
-                std::array<char, 10> bytes;
-                long error = 0;
-                c.receive(bytes.data(), bytes.size(), &error, true);
-            }),
-        row(terms, {Link::classOf(terms.kind) + "::peekBytes"}, "", allocatesNothing, zeros,
-            [](VornConnection& c) {
-                std::array<char, 10> bytes;
-                int size = bytes.size();
-                int error = 0;
-                c.peekBytes(bytes.data(), size, error);
-            }),
-    };
+    for (const int length : {40, 70'000}) {
+        m_table.add(
+            "VornConnection::receiveString", Link::nameOf(m_kind) + ", " + std::to_string(length) + " bytes",
+            ofText, [kind = m_kind, waiting = Link::onWire(length) + std::string(length, 'x')](Trial& trial) {
+                onLink(kind, waiting, [](C& c) { c.receiveString(); })(trial);
+                const int code = kind == Link::Kind::ssl ? ENOTCONN : ENOMEM; // SSL never reads
+                trial.expect(!trial.hasThrown() || trial.code() == code, "another code than that of memory");
+            });
+    }
+    add("VornConnection::receiveString (negative length)", ofText, "\xff\xff\xff\xff",
+        [](C& c) { c.receiveString(); });
+    add("VornConnection::receiveInt", allowed, zeros, [](C& c) { c.receiveInt(); });
+    add("VornConnection::receiveShort", allowed, zeros, [](C& c) { c.receiveShort(); });
+    add("VornConnection::receiveLong", allowed, zeros, [](C& c) { c.receiveLong(); });
+    add("VornConnection::get", allowed, zeros, [](C& c) {
+        std::array<char, 10> bytes;
+        c.get(bytes.data(), bytes.size());
+    });
+    add(own("::receive"), allocatesNothing, zeros, [](C& c) {
+        std::array<char, 10> bytes;
+        long error = 0;
+        c.receive(bytes.data(), bytes.size(), &error, true);
+    });
+    add(own("::peekBytes"), allocatesNothing, zeros, [](C& c) {
+        std::array<char, 10> bytes;
+        int size = bytes.size();
+        int error = 0;
+        c.peekBytes(bytes.data(), size, error);
+    });
 }
 
-Operations socketRows(const Terms& terms) {
+void LinkRows::addLines() {
+    using C = VornConnection;
     const std::string line = "GET x\r\n";
-    return {
-        row(terms, {"VornConnection::getServerName"}, "", allocatesNothing, line,
-            [](VornConnection& c) { c.getServerName(); }),
-        row(terms, {"VornConnection::peekLine"}, "", allocatesNothing, line,
-            [](VornConnection& c) {
-                std::array<char, 10> bytes;
-                int size = bytes.size();
-                int error = 0;
-                c.peekLine(bytes.data(), size, error);
-            }),
-        row(terms, {"VornConnection::getLine"}, "", allocatesNothing, line,
-            [](VornConnection& c) {
-                std::array<char, 10> bytes;
-                int error = 0;
-                c.getLine(bytes.data(), bytes.size(), error);
-            }),
-    };
+    add("VornConnection::getServerName", allocatesNothing, line, [](C& c) { c.getServerName(); });
+    add("VornConnection::peekLine", allocatesNothing, line, [](C& c) {
+        std::array<char, 10> bytes;
+        int size = bytes.size();
+        int error = 0;
+        c.peekLine(bytes.data(), size, error);
+    });
+    add("VornConnection::getLine", allocatesNothing, line, [](C& c) {
+        std::array<char, 10> bytes;
+        int error = 0;
+        c.getLine(bytes.data(), bytes.size(), error);
+    });
 }
 
-Operations stateRows(const Terms& terms) {
-    return {
-        {{"VornConnection::setServiceName"},
-         Link::nameOf(terms.kind),
-         throwsBadAlloc,
-         [=](Trial& trial) {
-             Link link(terms.kind, "");
-             link.connection().setServiceName("old");
-             trial.attempt([&] { link.connection().setServiceName(cText); });
-             trial.expect(link.connection().getServiceName() ==
-                              (trial.hasThrown() ? VornString("old") : cText),
-                          "another service name");
-         }},
-        row(terms,
-            {"VornConnection::getServiceName", "VornConnection::getRemoteName", "VornConnection::setRaw",
-             "VornConnection::getLocalAccess", "VornConnection::setLocalAccess",
-             "VornConnection::getAccessRights", "VornPipeConnection::getAccessRights",
-             "VornConnection::initialize", "VornConnection::establish",
-             Link::classOf(terms.kind) + "::establishImpl"},
-            "", allocatesNothing, "",
-            [](VornConnection& c) {
-                c.getServiceName();
-                c.getRemoteName();
-                c.setRaw(true);
-                c.setRaw(false);
-                c.setLocalAccess(c.getLocalAccess());
-                c.getAccessRights();
-                c.establish();
-            }),
-        row(terms, {"VornConnection::getPortName"}, "", allocatesNothing, "",
-            [](VornConnection& c) { c.getPortName(); }),
-        row(terms, {Link::classOf(terms.kind) + "::disconnect", "VornConnection::cleanup"}, "",
-            allocatesNothing, "", [](VornConnection& c) { c.disconnect(); }),
-    };
+void LinkRows::addState() {
+    using C = VornConnection;
+    m_table.add("VornConnection::setServiceName", Link::nameOf(m_kind), throwsBadAlloc,
+                [kind = m_kind](Trial& trial) {
+                    Link link(kind, "");
+                    C& connection = link.connection();
+                    connection.setServiceName("old");
+                    trial.attempt([&] { connection.setServiceName(cText); });
+                    const VornString expected = trial.hasThrown() ? VornString("old") : cText;
+                    trial.expect(connection.getServiceName() == expected, "another service name");
+                });
+    add("VornConnection::getServiceName, getRemoteName, setRaw, getLocalAccess, setLocalAccess, "
+        "getAccessRights, initialize, establish, VornPipeConnection::getAccessRights, " +
+            own("::establishImpl"),
+        allocatesNothing, "", [](C& c) {
+            c.getServiceName();
+            c.getRemoteName();
+            c.setRaw(true);
+            c.setRaw(false);
+            c.setLocalAccess(c.getLocalAccess());
+            c.getAccessRights();
+            c.establish();
+        });
+    add("VornConnection::getPortName", allocatesNothing, "", [](C& c) { c.getPortName(); });
+    add("VornConnection::cleanup, " + own("::disconnect"), allocatesNothing, "",
+        [](C& c) { c.disconnect(); });
 }
 
 } // namespace
 
-Operations connectionOperations() {
-    Operations rows;
+void addConnections(Operations& table) {
     const unsigned isLost = throwsVornException | endsProcess; // every operation of it fails
-    for (const Terms& terms : {Terms{Link::Kind::buffer, allocatesNothing, allocatesNothing},
-                               Terms{Link::Kind::fullBuffer, doesWithout, allocatesNothing},
-                               Terms{Link::Kind::datagram, allocatesNothing, allocatesNothing},
-                               Terms{Link::Kind::pipeClient, allocatesNothing, allocatesNothing},
-                               Terms{Link::Kind::acceptedPipe, allocatesNothing, allocatesNothing},
-                               Terms{Link::Kind::tcpClient, allocatesNothing, allocatesNothing},
-                               Terms{Link::Kind::acceptedTcp, allocatesNothing, allocatesNothing},
-                               Terms{Link::Kind::ssl, isLost, isLost}}) {
+    using Kind = Link::Kind;
+    for (const auto kind : {Kind::buffer, Kind::fullBuffer, Kind::datagram, Kind::pipeClient,
+                            Kind::acceptedPipe, Kind::tcpClient, Kind::acceptedTcp, Kind::ssl}) {
+        LinkRows rows(table, kind);
+        const unsigned allowed = kind == Kind::ssl ? isLost : allocatesNothing;
+        rows.addWriting(kind == Kind::fullBuffer ? doesWithout : allowed);
+        rows.addReading(allowed);
         // Of SSL, a line would be waited for forever, and its own address is that of no socket.
-        const bool hasSocket = terms.kind != Link::Kind::ssl;
-        for (const Operations& more : {writingRows(terms), readingRows(terms),
-                                       hasSocket ? socketRows(terms) : Operations(), stateRows(terms)})
-            rows.insert(rows.end(), more.begin(), more.end());
+        if (kind != Kind::ssl)
+            rows.addLines();
+        rows.addState();
     }
-    return rows;
 }
 
 } // namespace VornTest

@@ -3,6 +3,7 @@
 #ifndef VORNTEST_LINKS_H
 #define VORNTEST_LINKS_H
 
+#include "Operations.h"
 #include "Posix.h"
 
 #include <VornConnection.h>
@@ -44,6 +45,15 @@ private:
     UniqueFd m_peer;
     std::unique_ptr<VornNet::VornConnection> m_connection;
 };
+
+/** The run of an operation of an established connection, with bytes waiting to be read. */
+template <typename Do>
+std::function<void(Trial&)> onLink(Link::Kind kind, const std::string& waiting, Do operation) {
+    return [=](Trial& trial) {
+        Link link(kind, waiting);
+        trial.attempt([&] { operation(link.connection()); });
+    };
+}
 
 } // namespace VornTest
 

@@ -38,84 +38,57 @@ VornSmartPointer<VornNotificationCallback> callback(int id) {
     return {new Callback(id)};
 }
 
-Operations callbackRows() {
-    return {
-        {{"VornNotificationCallback::VornNotificationCallback",
-          "VornNotificationCallback::~VornNotificationCallback"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { Callback made(7); }); }},
-        {{"VornNotificationCallback::callback", "VornNotificationCallback::getId"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             Callback called(7);
-             VornSmartPointer<VornConnection> connection;
-             trial.attempt([&] {
-                 if (called.getId() == 7)
-                     called.callback(connection);
-             });
-             trial.expect(called.wait(0), "its event is not set");
-         }},
-        {{"VornCallbackContainer::VornCallbackContainer", "VornCallbackContainer::~VornCallbackContainer"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { VornCallbackContainer container; }); }},
-        {{"VornCallbackContainer::add"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             VornCallbackContainer container;
-             const auto first = callback(1);
-             const auto second = callback(2);
-             container.add(first);
-             trial.attempt([&] { container.add(second); });
-             trial.expect(container.lookup(1) == first, "a callback is lost");
-             trial.expect((container.lookup(2) == second) != trial.hasThrown(), "half added");
-             trial.expect(second->refCount() == (trial.hasThrown() ? 1 : 2), "a reference too many");
-         }},
-        {{"VornCallbackContainer::lookup", "VornCallbackContainer::remove", "VornCallbackContainer::getNewId",
-          "VornCallbackContainer::mutex"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             VornCallbackContainer container;
-             container.add(callback(1));
-             trial.attempt([&] {
-                 const VornCriticalSection lock(container.mutex(), true);
-                 if (container.lookup(1) != nullptr)
-                     container.remove(1);
-                 container.getNewId();
-             });
-         }},
-    };
+void addCallback(Operations& table) {
+    table.add("VornNotificationCallback::VornNotificationCallback, ~VornNotificationCallback", throwsBadAlloc,
+              [] { Callback made(7); });
+    table.add("VornNotificationCallback::callback, getId", allocatesNothing, [](Trial& trial) {
+        Callback called(7);
+        VornSmartPointer<VornConnection> connection;
+        trial.attempt([&] {
+            if (called.getId() == 7)
+                called.callback(connection);
+        });
+        trial.expect(called.wait(0), "its event is not set");
+    });
+    table.add("VornCallbackContainer::VornCallbackContainer, ~VornCallbackContainer", throwsBadAlloc,
+              [] { VornCallbackContainer container; });
+    table.add("VornCallbackContainer::add", throwsBadAlloc, [](Trial& trial) {
+        VornCallbackContainer container;
+        const auto first = callback(1);
+        const auto second = callback(2);
+        container.add(first);
+        trial.attempt([&] { container.add(second); });
+        trial.expect(container.lookup(1) == first, "a callback is lost");
+        trial.expect((container.lookup(2) == second) != trial.hasThrown(), "half added");
+        trial.expect(second->refCount() == (trial.hasThrown() ? 1 : 2), "a reference too many");
+    });
+    table.add("VornCallbackContainer::lookup, remove, getNewId, mutex", allocatesNothing, [](Trial& trial) {
+        VornCallbackContainer container;
+        container.add(callback(1));
+        trial.attempt([&] {
+            const VornCriticalSection lock(container.mutex(), true);
+            if (container.lookup(1) != nullptr)
+                container.remove(1);
+            container.getNewId();
+        });
+    });
 }
 
-Operations identifierRows() {
-    return {
-        {{"VornProxyDependentIdentifier::VornProxyDependentIdentifier",
-          "VornProxyDependentIdentifier::~VornProxyDependentIdentifier"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             trial.attempt([] {
-                 const VornProxyDependentIdentifier empty;
-                 const VornProxyDependentIdentifier made(cText, 7);
-                 const VornProxyDependentIdentifier copy(made);
-             });
-         }},
-        {{"VornProxyDependentIdentifier::operator=", "operator<"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             VornProxyDependentIdentifier changed(cText, 7);
-             const VornProxyDependentIdentifier before(changed);
-             const VornProxyDependentIdentifier source(cOther, 8);
-             trial.attempt([&] { changed = source; });
-             const bool isAsBefore = !(changed < before) && !(before < changed);
-             trial.expect(isAsBefore == trial.hasThrown(), "half changed");
-         }},
-    };
+void addIdentifier(Operations& table) {
+    table.add("VornProxyDependentIdentifier::VornProxyDependentIdentifier, ~VornProxyDependentIdentifier",
+              throwsBadAlloc, [] {
+                  const VornProxyDependentIdentifier empty;
+                  const VornProxyDependentIdentifier made(cText, 7);
+                  const VornProxyDependentIdentifier copy(made);
+              });
+    table.add("operator<, VornProxyDependentIdentifier::operator=", throwsBadAlloc, [](Trial& trial) {
+        VornProxyDependentIdentifier changed(cText, 7);
+        const VornProxyDependentIdentifier before(changed);
+        const VornProxyDependentIdentifier source(cOther, 8);
+        trial.attempt([&] { changed = source; });
+        const bool isAsBefore = !(changed < before) && !(before < changed);
+        trial.expect(isAsBefore == trial.hasThrown(), "half changed");
+    });
 }
 
 VornSmartPointer<VornProxyDependent> proxy(const VornString& address, long id) {
@@ -139,164 +112,120 @@ std::function<void(Trial&)> usingRegistry(int sizeAfter, Use use) {
     };
 }
 
-Operations registryRows() {
+void addRegistry(Operations& table) {
     using Container = VornProxyDependentContainer;
     using Proxy = VornSmartPointer<VornProxyDependent>;
-    return {
-        {{"VornProxyDependentContainer::getInstance", "VornProxyDependentContainer::deleteInstance",
-          "VornProxyDependentContainer::VornProxyDependentContainer",
-          "VornProxyDependentContainer::~VornProxyDependentContainer"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             Container::deleteInstance();
-             trial.attempt([] { Container::getInstance(); });
-             trial.expect(Container::getInstance().size() == 0, "not empty");
-             Container::deleteInstance();
-         }},
-        {{"VornProxyDependentContainer::add"},
-         "",
-         throwsBadAlloc,
-         usingRegistry(2, [](Container& container, const Proxy& added) { container.add(added); })},
-        {{"VornProxyDependentContainer::lookup"},
-         "",
-         throwsBadAlloc,
-         usingRegistry(1, [](Container& container, const Proxy&) { container.lookup(cText, 1); })},
-        {{"VornProxyDependentContainer::remove"},
-         "by name",
-         throwsBadAlloc,
-         usingRegistry(0, [](Container& container, const Proxy&) { container.remove(cText, 1); })},
-        {{"VornProxyDependentContainer::remove"},
-         "by place",
-         allocatesNothing,
-         usingRegistry(0, [](Container& container, const Proxy&) { container.remove(0); })},
-        {{"VornProxyDependentContainer::size", "VornProxyDependentContainer::operator[]",
-          "VornProxyDependentContainer::getlock"},
-         "",
-         allocatesNothing,
-         usingRegistry(1,
-                       [](Container& container, const Proxy&) {
-                           const VornCriticalSection lock(container.getlock(), true);
-                           const Proxy found = container[container.size() - 1];
-                       })},
-    };
+    table.add("VornProxyDependentContainer::getInstance, deleteInstance, VornProxyDependentContainer, "
+              "~VornProxyDependentContainer",
+              throwsBadAlloc, [](Trial& trial) {
+                  Container::deleteInstance();
+                  trial.attempt([] { Container::getInstance(); });
+                  trial.expect(Container::getInstance().size() == 0, "not empty");
+                  Container::deleteInstance();
+              });
+    table.add("VornProxyDependentContainer::add", throwsBadAlloc,
+              usingRegistry(2, [](Container& container, const Proxy& added) { container.add(added); }));
+    table.add("VornProxyDependentContainer::lookup", throwsBadAlloc,
+              usingRegistry(1, [](Container& container, const Proxy&) { container.lookup(cText, 1); }));
+    table.add("VornProxyDependentContainer::remove (by name)", throwsBadAlloc,
+              usingRegistry(0, [](Container& container, const Proxy&) { container.remove(cText, 1); }));
+    table.add("VornProxyDependentContainer::remove (by place)", allocatesNothing,
+              usingRegistry(0, [](Container& container, const Proxy&) { container.remove(0); }));
+    table.add("VornProxyDependentContainer::size, operator[], getlock", allocatesNothing,
+              usingRegistry(1, [](Container& container, const Proxy&) {
+                  const VornCriticalSection lock(container.getlock(), true);
+                  const Proxy found = container[container.size() - 1];
+              }));
 }
 
 /** Notifies a plain receiver of its kind. */
-Operation notifying(const std::string& kind, unsigned allowed) {
-    return {{"VornProxyDependent::remoteNotify"}, kind, allowed, [kind](Trial& trial) {
-                int port = 0;
-                const UniqueFd receiver = kind == "pipe"  ? listenAtPipe()
-                                          : kind == "udp" ? udpSocket("127.0.0.1", port)
-                                                          : tcpListen("127.0.0.1", port);
-                const VornString place = kind == "pipe" ? "faults" : "127.0.0.1:" + std::to_string(port);
-                VornProxyDependent proxy(kind + ":" + place, 3);
-                const VornNotification notification(5);
-                if (kind == "udp")
-                    trial.allowOpenDescriptor();
-                trial.attempt([&] { proxy.remoteNotify(notification); });
-                if (kind != "ssl")
-                    proxy.remoteNotify(notification);
-            }};
+void addNotifying(Operations& table, const std::string& kind, unsigned allowed) {
+    table.add("VornProxyDependent::remoteNotify", kind, allowed, [kind](Trial& trial) {
+        int port = 0;
+        const UniqueFd receiver = kind == "pipe"  ? listenAtPipe()
+                                  : kind == "udp" ? udpSocket("127.0.0.1", port)
+                                                  : tcpListen("127.0.0.1", port);
+        const VornString place = kind == "pipe" ? "faults" : "127.0.0.1:" + std::to_string(port);
+        VornProxyDependent proxy(kind + ":" + place, 3);
+        const VornNotification notification(5);
+        if (kind == "udp")
+            trial.allowOpenDescriptor();
+        trial.attempt([&] { proxy.remoteNotify(notification); });
+        if (kind != "ssl")
+            proxy.remoteNotify(notification);
+    });
 }
 
-Operations proxyRows() {
+void addProxy(Operations& table) {
     const unsigned ofStream = throwsBadAlloc | throwsVornException | endsProcess;
-    return {
-        {{"VornProxyDependent::VornProxyDependent", "VornProxyDependent::~VornProxyDependent",
-          "VornProxyDependent::getRemoteName", "VornProxyDependent::getDependentHandle"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             trial.attempt([] {
-                 const VornProxyDependent proxy(cText, 7);
-                 proxy.getRemoteName();
-                 proxy.getDependentHandle();
-             });
-         }},
-        {{"VornProxyDependent::addContent"},
-         "into a buffer",
-         doesWithout,
-         [](Trial& trial) {
-             VornProxyDependent proxy(cText, 7);
-             VornBufferConnection buffer;
-             trial.attempt([&] { proxy.addContent(buffer, VornNotification(5)); });
-         }},
-        notifying("pipe", ofStream),
-        notifying("socket", ofStream),
-        notifying("udp", throwsBadAlloc | doesWithout),
-        notifying("ssl", ofStream),
-        {{"VornProxyDependent::remoteNotify"},
-         "to a name that no kind has",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             VornProxyDependent proxy(cText, 7);
-             trial.attempt([&] { proxy.remoteNotify(VornNotification(5)); });
-         }},
-    };
+    table.add(
+        "VornProxyDependent::VornProxyDependent, ~VornProxyDependent, getRemoteName, getDependentHandle",
+        throwsBadAlloc, [] {
+            const VornProxyDependent proxy(cText, 7);
+            proxy.getRemoteName();
+            proxy.getDependentHandle();
+        });
+    table.add("VornProxyDependent::addContent (into a buffer)", doesWithout, [](Trial& trial) {
+        VornProxyDependent proxy(cText, 7);
+        VornBufferConnection buffer;
+        trial.attempt([&] { proxy.addContent(buffer, VornNotification(5)); });
+    });
+    addNotifying(table, "pipe", ofStream);
+    addNotifying(table, "socket", ofStream);
+    addNotifying(table, "udp", throwsBadAlloc | doesWithout);
+    addNotifying(table, "ssl", ofStream);
+    table.add("VornProxyDependent::remoteNotify (to a name that no kind has)", throwsBadAlloc,
+              [](Trial& trial) {
+                  VornProxyDependent proxy(cText, 7);
+                  trial.attempt([&] { proxy.remoteNotify(VornNotification(5)); });
+              });
 }
 
-Operations certificateRows() {
+void addCertificate(Operations& table) {
     const auto isSame = [](VornCertificate& one, const VornString& file) {
         return one.getFile() == file && one.getKeyFile() == file + "key";
     };
-    return {
-        {{"VornCertificate::VornCertificate", "VornCertificate::~VornCertificate", "VornCertificate::getFile",
-          "VornCertificate::getKeyFile", "VornCertificate::getType", "VornCertificate::getKeyType",
-          "VornCertificate::toType"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             const VornString type = "PEM";
-             trial.attempt([&] {
-                 VornCertificate made(cText, type, cText, type);
-                 VornCertificate copy(made);
-                 copy.getFile();
-                 copy.getKeyFile();
-                 if (copy.getType() == copy.getKeyType())
-                     VornCertificate::toType(type);
-             });
-         }},
-        {{"VornCertificate::operator="},
-         "",
-         throwsBadAlloc,
-         [=](Trial& trial) {
-             VornCertificate changed(cText, "PEM", cText + "key", "PEM");
-             const VornCertificate source(cOther, "PEM", cOther + "key", "PEM");
-             trial.attempt([&] { changed = source; });
-             trial.expect(isSame(changed, trial.hasThrown() ? cText : cOther), "half changed");
-         }},
-    };
+    table.add("VornCertificate::VornCertificate, ~VornCertificate, getFile, getKeyFile, getType, getKeyType, "
+              "toType",
+              throwsBadAlloc, [](Trial& trial) {
+                  const VornString type = "PEM";
+                  trial.attempt([&] {
+                      VornCertificate made(cText, type, cText, type);
+                      VornCertificate copy(made);
+                      copy.getFile();
+                      copy.getKeyFile();
+                      if (copy.getType() == copy.getKeyType())
+                          VornCertificate::toType(type);
+                  });
+              });
+    table.add("VornCertificate::operator=", throwsBadAlloc, [=](Trial& trial) {
+        VornCertificate changed(cText, "PEM", cText + "key", "PEM");
+        const VornCertificate source(cOther, "PEM", cOther + "key", "PEM");
+        trial.attempt([&] { changed = source; });
+        trial.expect(isSame(changed, trial.hasThrown() ? cText : cOther), "half changed");
+    });
 }
 
 /** What the names are, hostsFile() tells. */
-Operations lookUpRows() {
+void addLookUp(Operations& table) {
     // What the system's resolver lacks memory for counts as not found.
     const unsigned ofLookUp = throwsBadAlloc | doesWithout;
-    return {
-        {{"VornAddressToNameImpl"},
-         "",
-         ofLookUp,
-         [](Trial& trial) {
-             const VornString address = "10.1.1.4";
-             VornString name = "old";
-             VornString message;
-             trial.attempt([&] { VornAddressToNameImpl(address, name, message); });
-             trial.expect(name == "old" || name == "a-name-with-more-than-fifteen-letters", "another name");
-             trial.expect(!trial.hasThrown() || name == "old", "it failed and answered all the same");
-         }},
-        {{"VornNameToAddressImpl"},
-         "",
-         ofLookUp,
-         [](Trial& trial) {
-             const VornString name = "many";
-             std::vector<VornString> addresses = {"old"};
-             VornString message;
-             trial.attempt([&] { VornNameToAddressImpl(name, addresses, message); });
-             trial.expect(addresses.size() == 1 || addresses.size() == 4, "some of the addresses only");
-             trial.expect(!trial.hasThrown() || addresses.size() == 1, "it failed and answered all the same");
-         }},
-    };
+    table.add("VornAddressToNameImpl", ofLookUp, [](Trial& trial) {
+        const VornString address = "10.1.1.4";
+        VornString name = "old";
+        VornString message;
+        trial.attempt([&] { VornAddressToNameImpl(address, name, message); });
+        trial.expect(name == "old" || name == "a-name-with-more-than-fifteen-letters", "another name");
+        trial.expect(!trial.hasThrown() || name == "old", "it failed and answered all the same");
+    });
+    table.add("VornNameToAddressImpl", ofLookUp, [](Trial& trial) {
+        const VornString name = "many";
+        std::vector<VornString> addresses = {"old"};
+        VornString message;
+        trial.attempt([&] { VornNameToAddressImpl(name, addresses, message); });
+        trial.expect(addresses.size() == 1 || addresses.size() == 4, "some of the addresses only");
+        trial.expect(!trial.hasThrown() || addresses.size() == 1, "it failed and answered all the same");
+    });
 }
 
 } // namespace
@@ -306,12 +235,13 @@ const char* hostsFile() {
            "10.1.1.4 a-name-with-more-than-fifteen-letters\n";
 }
 
-Operations notificationOperations() {
-    Operations rows;
-    for (const Operations& more :
-         {callbackRows(), identifierRows(), registryRows(), proxyRows(), certificateRows(), lookUpRows()})
-        rows.insert(rows.end(), more.begin(), more.end());
-    return rows;
+void addNotifications(Operations& table) {
+    addCallback(table);
+    addIdentifier(table);
+    addRegistry(table);
+    addProxy(table);
+    addCertificate(table);
+    addLookUp(table);
 }
 
 } // namespace VornTest

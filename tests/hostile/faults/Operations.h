@@ -10,6 +10,7 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 /**
@@ -114,28 +115,48 @@ private:
 
 /** A row of the table. */
 struct Operation {
-    /** The operations that are done, as "Class::operation" or "function". */
-    std::vector<std::string> names;
-    /** Under which circumstances; empty where there is only one way. */
-    std::string detail;
+    /**
+     * The operations that are done, as "Class::operation, another of that class" or "function", and perhaps
+     * "(under which circumstances)".
+     */
+    std::string title;
     unsigned allowed;
     std::function<void(Trial&)> run;
 };
 
-using Operations = std::vector<Operation>;
+/** The table. */
+class Operations {
+public:
+    /** @param run is given a Trial, or is the operation itself */
+    template <typename Run>
+    void add(const std::string& title, unsigned allowed, Run run) {
+        if constexpr (std::is_invocable_v<Run, Trial&>)
+            m_rows.push_back({title, allowed, run});
+        else
+            m_rows.push_back({title, allowed, [run](Trial& trial) { trial.attempt(run); }});
+    }
 
-Operations textOperations();
-Operations supportOperations();
-Operations connectionOperations();
-Operations transportOperations();
-Operations serverOperations();
-Operations notificationOperations();
-Operations sinkOperations();
-Operations steadySinkOperations();
-Operations subscriptionOperations();
+    /** The same, with a circumstance that is not known before. */
+    template <typename Run>
+    void add(const std::string& title, const std::string& circumstance, unsigned allowed, Run run) {
+        add(title + " (" + circumstance + ")", allowed, run);
+    }
 
-/** The whole table. */
-Operations allOperations();
+    const std::vector<Operation>& rows() const { return m_rows; }
+
+private:
+    std::vector<Operation> m_rows;
+};
+
+void addTexts(Operations& table);
+void addSupport(Operations& table);
+void addConnections(Operations& table);
+void addTransports(Operations& table);
+void addServers(Operations& table);
+void addNotifications(Operations& table);
+void addSinks(Operations& table);
+void addSteadySinks(Operations& table);
+void addSubscriptions(Operations& table);
 
 /** The names and addresses that the table's operations look up. */
 const char* hostsFile();

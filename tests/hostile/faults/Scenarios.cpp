@@ -63,8 +63,7 @@ Rule endsWait(std::initializer_list<int> quiet) {
 
 std::vector<Scenario> allScenarios() {
     std::vector<Scenario> all;
-    for (const auto& group :
-         {clientScenarios(), serverScenarios(), closingScenarios(), notificationScenarios(), sinkScenarios()})
+    for (const auto& group : {clientScenarios(), serverScenarios(), closingScenarios(), sinkScenarios()})
         all.insert(all.end(), group.begin(), group.end());
     return all;
 }

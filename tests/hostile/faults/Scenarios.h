@@ -125,7 +125,6 @@ Outcome twice(const Stage& stage, const std::function<std::string()>& action,
 std::vector<Scenario> clientScenarios();
 std::vector<Scenario> serverScenarios();
 std::vector<Scenario> closingScenarios();
-std::vector<Scenario> notificationScenarios();
 std::vector<Scenario> sinkScenarios();
 
 /** All of them. */

@@ -74,14 +74,6 @@ Outcome pipeServerOf(const Stage& stage, unsigned int privileges, const std::str
     });
 }
 
-Outcome pipeServer(const Stage& stage) {
-    return pipeServerOf(stage, 7, "");
-}
-
-Outcome pipeServerOfGroup(const Stage& stage) {
-    return pipeServerOf(stage, 1, "root");
-}
-
 /** A server that waits with poll(), because of its descriptors select() could not take one. */
 Outcome pipeServerWithManyDescriptors(const Stage& stage) {
     rlimit limit = {};
@@ -93,7 +85,7 @@ Outcome pipeServerWithManyDescriptors(const Stage& stage) {
     do {
         taken.emplace_back(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
     } while (taken.back().get() < FD_SETSIZE);
-    const Outcome outcome = pipeServer(stage);
+    const Outcome outcome = pipeServerOf(stage, 7, "");
     taken.clear();
     ::setrlimit(RLIMIT_NOFILE, &limit);
     return outcome;
@@ -124,14 +116,6 @@ Outcome tcpServerOf(const Stage& stage, bool isIdentified) {
     return again == Outcome{} ? outcome : Outcome{"cannot be used again: " + again.text, again.code};
 }
 
-Outcome tcpServer(const Stage& stage) {
-    return tcpServerOf(stage, false);
-}
-
-Outcome tcpServerThatIdentifies(const Stage& stage) {
-    return tcpServerOf(stage, true);
-}
-
 Outcome udpServerOf(const Stage& stage, bool isIdentified) {
     const int serverPort = freshPort();
     VornUDPServerSocket server(serverPort, "127.0.0.1", 100);
@@ -145,14 +129,6 @@ Outcome udpServerOf(const Stage& stage, bool isIdentified) {
     const Outcome outcome = stage([&] { return serveOne(server, isIdentified); });
     const Outcome again = outcomeOf([&] { return serveOne(server); });
     return again == Outcome{} ? outcome : Outcome{"cannot be used again: " + again.text, again.code};
-}
-
-Outcome udpServer(const Stage& stage) {
-    return udpServerOf(stage, false);
-}
-
-Outcome udpServerThatIdentifies(const Stage& stage) {
-    return udpServerOf(stage, true);
 }
 
 /** Closes a server while another thread waits on it; the wait must end silently. */
@@ -279,23 +255,21 @@ std::vector<FailingCall> udpServerCalls() {
 } // namespace
 
 std::vector<Scenario> serverScenarios() {
+    using std::placeholders::_1;
     const Outcome localhost = {"localhost", 0};
+    const std::vector<FailingCall> identifying = {{"gethostbyaddr_r", endsWith("")}};
     return {
-        {"pipe server", pipeServer, pipeServerCalls()},
-        {"pipe server of a group", pipeServerOfGroup, {{"getgrnam_r", isIgnored()}, {"chown", isIgnored()}}},
+        {"pipe server", std::bind(pipeServerOf, _1, 7, ""), pipeServerCalls()},
+        {"pipe server of a group",
+         std::bind(pipeServerOf, _1, 1, "root"),
+         {{"getgrnam_r", isIgnored()}, {"chown", isIgnored()}}},
         {"pipe server with many descriptors",
          pipeServerWithManyDescriptors,
          {{"poll", endsWith("VornPipeServer::waitForClient: pipe read error. ")}}},
-        {"TCP server", tcpServer, tcpServerCalls(), {}, closeServer},
-        {"TCP server that identifies",
-         tcpServerThatIdentifies,
-         {{"gethostbyaddr_r", endsWith("")}},
-         localhost},
-        {"UDP server", udpServer, udpServerCalls(), {}, closeServer},
-        {"UDP server that identifies",
-         udpServerThatIdentifies,
-         {{"gethostbyaddr_r", endsWith("")}},
-         localhost},
+        {"TCP server", std::bind(tcpServerOf, _1, false), tcpServerCalls(), {}, closeServer},
+        {"TCP server that identifies", std::bind(tcpServerOf, _1, true), identifying, localhost},
+        {"UDP server", std::bind(udpServerOf, _1, false), udpServerCalls(), {}, closeServer},
+        {"UDP server that identifies", std::bind(udpServerOf, _1, true), identifying, localhost},
     };
 }
 

@@ -1,15 +1,18 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-// The table's rows for the sink of each kind.
+// The table's rows for the sinks of each kind.
 
 #include "Operations.h"
 #include "RawSender.h"
 
 #include <VornLibraryCallbackSink.h>
 #include <VornNotificationCallback.h>
+#include <VornSteadySink.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
 using namespace VornNet;
 
@@ -30,78 +33,87 @@ protected:
     }
 };
 
-/** A sink of the kind that the environment says, with one callback. */
+void make(std::optional<VornLibraryCallbackSink>& sink, const std::string& kind, const char* name) {
+    ::setenv("QUORAX_CALLB_CONN_TYPE", kind.c_str(), 1);
+    sink.emplace(name);
+}
+
+void make(std::optional<VornSteadySink>& sink, const std::string& kind, const char* name) {
+    using Kind = VornSteadySink::Kind;
+    VornSteadySink::Options options;
+    options.kind = kind == "pipe" ? Kind::pipe : kind == "udp" ? Kind::udp : Kind::tcp;
+    sink.emplace(name, options);
+}
+
+/** Whether it leaves a descriptor open by contract and ends for good when its memory fails. */
+template <typename Sink>
+constexpr bool isPlain = std::is_same_v<Sink, VornLibraryCallbackSink>;
+
+/** A sink with one callback. */
+template <typename Sink>
 class Client {
 public:
     explicit Client(const std::string& kind) {
-        ::setenv("QUORAX_CALLB_CONN_TYPE", kind.c_str(), 1);
-        m_sink.emplace("sink");
+        make(m_sink, kind, "sink");
         m_sink->getCallbackContainer().add(m_callback);
     }
 
-    VornLibraryCallbackSink& sink() { return *m_sink; }
+    Sink& sink() { return *m_sink; }
 
     void destroy() { m_sink.reset(); }
 
-    bool isOver() { return m_callback->wait(0) || m_sink->wait(0); }
+    /** Whether it has called, or its thread has ended. */
+    bool isOver() {
+        if constexpr (isPlain<Sink>)
+            return m_callback->wait(0) || m_sink->wait(0);
+        return m_callback->wait(0);
+    }
 
 private:
     const VornSmartPointer<VornNotificationCallback> m_callback = new Callback(0);
-    std::optional<VornLibraryCallbackSink> m_sink;
+    std::optional<Sink> m_sink;
 };
 
-Operations rowsOf(const std::string& kind) {
-    return {
-        // Without what its thread needs, the constructor waits forever.
-        {{"VornLibraryCallbackSink::VornLibraryCallbackSink", "VornLibraryCallbackSink::run",
-          "VornLibraryCallbackSink::establishCallbackServer",
-          "VornLibraryCallbackSink::establishDefaultCallbackServer",
-          "VornLibraryCallbackSink::waitForServerPort", "VornLibraryCallbackSink::getMyIpAddr"},
-         kind,
-         throwsBadAlloc | throwsVornException | endsProcess | neverReturns | doesWithout,
-         [kind](Trial& trial) {
-             ::setenv("QUORAX_CALLB_CONN_TYPE", kind.c_str(), 1);
-             trial.allowOpenDescriptor();
-             std::optional<VornLibraryCallbackSink> sink;
-             trial.attemptOnAllThreads([&] { sink.emplace("a name of more than fifteen bytes"); });
-         }},
-        {{"VornLibraryCallbackSink::run"},
-         kind + ", a delivery",
-         endsProcess | doesWithout,
-         [kind](Trial& trial) {
-             Client client(kind);
-             trial.allowOpenDescriptor();
-             trial.attemptOnOtherThreads([&] {
-                 const RawSender sender([&] { return client.isOver(); });
-                 while (!client.isOver())
-                     sender.send(client.sink().getCallbackAddress(), 0, 12);
-             });
-         }},
-        {{"VornLibraryCallbackSink::~VornLibraryCallbackSink"},
-         kind,
-         endsProcess | doesWithout,
-         [kind](Trial& trial) {
-             Client client(kind);
-             trial.allowOpenDescriptor();
-             trial.attemptOnAllThreads([&] { client.destroy(); });
-         }},
-        {{"VornLibraryCallbackSink::getCallbackAddress"},
-         kind,
-         throwsBadAlloc,
-         [kind](Trial& trial) {
-             Client client(kind);
-             trial.attempt([&] { client.sink().getCallbackAddress(); });
-         }},
-        {{"VornLibraryCallbackSink::getCallbackContainer", "VornLibraryCallbackSink::getCallbackSocket"},
-         kind,
-         allocatesNothing,
-         [kind](Trial& trial) {
-             Client client(kind);
-             trial.attempt([&] {
-                 client.sink().getCallbackContainer();
-                 client.sink().getCallbackSocket();
-             });
-         }},
+/** The life of a sink. @param names of the constructor and what it does */
+template <typename Sink>
+void addLife(Operations& table, const std::string& kind, const std::string& names, unsigned opening,
+             unsigned serving) {
+    const std::string ofClass = names.substr(0, names.find("::") + 2);
+    const auto begin = [](Trial& trial) {
+        if (isPlain<Sink>)
+            trial.allowOpenDescriptor();
+    };
+    table.add(names, kind, opening, [=](Trial& trial) {
+        begin(trial);
+        std::optional<Sink> sink;
+        trial.attemptOnAllThreads([&] { make(sink, kind, "a name of more than fifteen bytes"); });
+    });
+    // Without memory a notification waits where it is, or its sender is told; it is sent again.
+    table.add(ofClass + "run", kind + ", a delivery", serving, [=](Trial& trial) {
+        Client<Sink> client(kind);
+        begin(trial);
+        trial.attemptOnOtherThreads([&] {
+            using Clock = std::chrono::steady_clock;
+            const auto end = Clock::now() + std::chrono::milliseconds(500);
+            const auto isOver = [&] { return client.isOver() || (!isPlain<Sink> && Clock::now() >= end); };
+            const RawSender sender(isOver);
+            while (!isOver())
+                sender.send(client.sink().getCallbackAddress(), 0, 12);
+        });
+    });
+    table.add(ofClass + "~" + ofClass.substr(0, ofClass.size() - 2), kind, serving, [=](Trial& trial) {
+        Client<Sink> client(kind);
+        begin(trial);
+        trial.attemptOnAllThreads([&] { client.destroy(); });
+    });
+}
+
+/** What asks a sink for something that it has. */
+template <typename Sink, typename Do>
+std::function<void(Trial&)> asking(const std::string& kind, Do ask) {
+    return [=](Trial& trial) {
+        Client<Sink> client(kind);
+        trial.attempt([&] { ask(client.sink()); });
     };
 }
 
@@ -113,27 +125,49 @@ public:
     using VornLibraryCallbackSink::tryNextPort;
 };
 
-Operation moving() {
-    return {{"VornLibraryCallbackSink::tryNextPort"}, "", throwsBadAlloc, [](Trial& trial) {
-                ::setenv("QUORAX_CALLB_CONN_TYPE", "socket", 1);
-                Mover sink;
-                const VornString address = sink.getCallbackAddress();
-                const short port = sink.getCallbackSocket();
-                trial.attempt([&] { sink.tryNextPort(); });
-                const bool isMoved = sink.getCallbackSocket() != port;
-                trial.expect(isMoved == (sink.getCallbackAddress() != address), "half moved");
-            }};
-}
-
 } // namespace
 
-Operations sinkOperations() {
-    Operations rows = {moving()};
-    for (const char* kind : {"pipe", "socket", "udp"}) {
-        const Operations more = rowsOf(kind);
-        rows.insert(rows.end(), more.begin(), more.end());
+void addSinks(Operations& table) {
+    using Sink = VornLibraryCallbackSink;
+    for (const std::string kind : {"pipe", "socket", "udp"}) {
+        // Without what its thread needs, the constructor waits forever.
+        addLife<Sink>(table, kind,
+                      "VornLibraryCallbackSink::VornLibraryCallbackSink, establishCallbackServer, "
+                      "establishDefaultCallbackServer, waitForServerPort, getMyIpAddr",
+                      throwsBadAlloc | throwsVornException | endsProcess | neverReturns | doesWithout,
+                      endsProcess | doesWithout);
+        table.add("VornLibraryCallbackSink::getCallbackAddress", kind, throwsBadAlloc,
+                  asking<Sink>(kind, [](Sink& sink) { sink.getCallbackAddress(); }));
+        table.add("VornLibraryCallbackSink::getCallbackContainer, getCallbackSocket", kind, allocatesNothing,
+                  asking<Sink>(kind, [](Sink& sink) {
+                      sink.getCallbackContainer();
+                      sink.getCallbackSocket();
+                  }));
     }
-    return rows;
+    table.add("VornLibraryCallbackSink::tryNextPort", throwsBadAlloc, [](Trial& trial) {
+        ::setenv("QUORAX_CALLB_CONN_TYPE", "socket", 1);
+        Mover sink;
+        const VornString address = sink.getCallbackAddress();
+        const short port = sink.getCallbackSocket();
+        trial.attempt([&] { sink.tryNextPort(); });
+        const bool isMoved = sink.getCallbackSocket() != port;
+        trial.expect(isMoved == (sink.getCallbackAddress() != address), "half moved");
+    });
+}
+
+void addSteadySinks(Operations& table) {
+    using Sink = VornSteadySink;
+    for (const std::string kind : {"pipe", "socket", "udp"}) {
+        // The resolver may be out of memory, too.
+        addLife<Sink>(table, kind, "VornSteadySink::VornSteadySink", startsAThread, doesWithout);
+        table.add("VornSteadySink::getCallbackAddress", kind, throwsBadAlloc,
+                  asking<Sink>(kind, [](Sink& sink) { sink.getCallbackAddress(); }));
+        table.add("VornSteadySink::getCallbackContainer, statistics", kind, allocatesNothing,
+                  asking<Sink>(kind, [](Sink& sink) {
+                      sink.getCallbackContainer();
+                      sink.statistics();
+                  }));
+    }
 }
 
 } // namespace VornTest

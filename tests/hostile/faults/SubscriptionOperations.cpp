@@ -128,89 +128,74 @@ private:
     UniqueFd m_client;
 };
 
+/** An operation of a publisher, which must serve others afterwards. */
 template <typename Do>
-Operation publisherRow(std::vector<std::string> names, const std::string& detail, unsigned allowed,
-                       Do operation) {
-    return {std::move(names), detail, allowed, [=](Trial& trial) {
-                Publishing publishing;
-                trial.attempt([&] { operation(publishing.publisher()); });
-                trial.expect(isServed(), "the publisher serves nobody any more");
-            }};
-}
-
-Operation opening(const std::string& detail, const VornString& sDirectory) {
-    return {{"VornPublisher::VornPublisher"}, detail, startsAThread, [=](Trial& trial) {
-                const VornPublisher::Options options = publisherOptions(sDirectory);
-                std::optional<VornPublisher> publisher;
-                trial.attemptOnAllThreads([&] {
-                    publisher.emplace(cAddress, std::vector<VornString>{cTopic, cLongTopic}, options);
-                });
-            }};
-}
-
-Operations publisherRows() {
-    return {
-        opening("histories in memory", ""),
-        opening("histories in files", "/opt"),
-        {{"VornPublisher, a subscription"},
-         "",
-         doesWithout,
-         [](Trial& trial) {
-             Publishing publishing;
-             // A client is left without an answer, or cut; it comes again.
-             trial.attemptOnOtherThreads([] {
-                 const auto end = Clock::now() + 200ms;
-                 while (!isServed(cMoment) && Clock::now() < end) {
-                 }
-             });
-             trial.expect(isServed(), "the publisher serves nobody any more");
-             publishing.leave();
-             trial.expect(
-                 awaitCondition([&] { return publishing.publisher().statistics().nSubscribers == 0; }),
-                 "one who has left is a subscriber still");
-         }},
-        {{"VornPublisher::~VornPublisher"},
-         "",
-         doesWithout,
-         [](Trial& trial) {
-             Publishing publishing;
-             trial.attemptOnAllThreads([&] { publishing.destroy(); });
-         }},
-        {{"VornPublisher::stop"},
-         "",
-         doesWithout,
-         [](Trial& trial) {
-             Publishing publishing;
-             trial.attemptOnAllThreads([&] { publishing.publisher().stop(1s); });
-         }},
-        publisherRow({"VornPublisher::getAddress", "VornPublisher::statistics", "VornPublisher::nameOf"}, "",
-                     allocatesNothing,
-                     [](VornPublisher& publisher) {
-                         publisher.getAddress();
-                         publisher.statistics();
-                         VornPublisher::nameOf(VornPublisher::Leaving::closed);
-                     }),
-        publisherRow({"VornPublisher::position"}, "", allocatesNothing,
-                     [](VornPublisher& publisher) { publisher.position(cTopic); }),
-        publisherRow({"VornPublisher::addTopic"}, "", throwsBadAlloc | throwsVornException,
-                     [](VornPublisher& publisher) { publisher.addTopic(cLongTopic); }),
-        publisherRow({"VornPublisher::publish"}, "short content", allocatesNothing,
-                     [](VornPublisher& publisher) { publisher.publish(cTopic, [](VornConnection&) {}); }),
-        // As everywhere, a typed operation that fails for want of memory cannot always make its exception.
-        publisherRow({"VornPublisher::publish"}, "long content", throwsVornException | endsProcess,
-                     [](VornPublisher& publisher) {
-                         static const std::array<char, 1000> bytes{};
-                         publisher.publish(cTopic, [](VornConnection& content) {
-                             VornExchange::transferBlock(content, bytes.data(), bytes.size());
-                         });
-                     }),
-        publisherRow({"VornPublisher::subscribers"}, "", throwsBadAlloc,
-                     [](VornPublisher& publisher) { publisher.subscribers(); }),
-        publisherRow({"VornPublisher::drop"}, "", throwsBadAlloc,
-                     [](VornPublisher& publisher) { publisher.drop(1, cReason); }),
-        publisherRow({"VornPublisher::flush"}, "", throwsBadAlloc,
-                     [](VornPublisher& publisher) { publisher.flush(1s); }),
+std::function<void(Trial&)> publishing(Do operation) {
+    return [=](Trial& trial) {
+        Publishing publishing;
+        trial.attempt([&] { operation(publishing.publisher()); });
+        trial.expect(isServed(), "the publisher serves nobody any more");
     };
+}
+
+std::function<void(Trial&)> opening(const VornString& sDirectory) {
+    return [options = publisherOptions(sDirectory)](Trial& trial) {
+        std::optional<VornPublisher> publisher;
+        trial.attemptOnAllThreads([&] {
+            publisher.emplace(cAddress, std::vector<VornString>{cTopic, cLongTopic}, options);
+        });
+    };
+}
+
+void addPublisher(Operations& table) {
+    using P = VornPublisher;
+    table.add("VornPublisher::VornPublisher (histories in memory)", startsAThread, opening(""));
+    table.add("VornPublisher::VornPublisher (histories in files)", startsAThread, opening("/opt"));
+    table.add("VornPublisher (a subscription)", doesWithout, [](Trial& trial) {
+        Publishing publishing;
+        // A client is left without an answer, or cut; it comes again.
+        trial.attemptOnOtherThreads([] {
+            const auto end = Clock::now() + 200ms;
+            while (!isServed(cMoment) && Clock::now() < end) {
+            }
+        });
+        trial.expect(isServed(), "the publisher serves nobody any more");
+        publishing.leave();
+        trial.expect(awaitCondition([&] { return publishing.publisher().statistics().nSubscribers == 0; }),
+                     "one who has left is a subscriber still");
+    });
+    table.add("VornPublisher::~VornPublisher", doesWithout, [](Trial& trial) {
+        Publishing publishing;
+        trial.attemptOnAllThreads([&] { publishing.destroy(); });
+    });
+    table.add("VornPublisher::stop", doesWithout, [](Trial& trial) {
+        Publishing publishing;
+        trial.attemptOnAllThreads([&] { publishing.publisher().stop(1s); });
+    });
+    table.add("VornPublisher::getAddress, statistics, nameOf, position", allocatesNothing,
+              publishing([](P& publisher) {
+                  publisher.getAddress();
+                  publisher.statistics();
+                  P::nameOf(P::Leaving::closed);
+                  publisher.position(cTopic);
+              }));
+    table.add("VornPublisher::addTopic", throwsBadAlloc | throwsVornException,
+              publishing([](P& publisher) { publisher.addTopic(cLongTopic); }));
+    table.add("VornPublisher::publish (short content)", allocatesNothing,
+              publishing([](P& publisher) { publisher.publish(cTopic, [](VornConnection&) {}); }));
+    // As everywhere, a typed operation that fails for want of memory cannot always make its exception.
+    table.add("VornPublisher::publish (long content)", throwsVornException | endsProcess,
+              publishing([](P& publisher) {
+                  static const std::array<char, 1000> bytes{};
+                  publisher.publish(cTopic, [](VornConnection& content) {
+                      VornExchange::transferBlock(content, bytes.data(), bytes.size());
+                  });
+              }));
+    table.add("VornPublisher::subscribers", throwsBadAlloc,
+              publishing([](P& publisher) { publisher.subscribers(); }));
+    table.add("VornPublisher::drop", throwsBadAlloc,
+              publishing([](P& publisher) { publisher.drop(1, cReason); }));
+    table.add("VornPublisher::flush", throwsBadAlloc, publishing([](P& publisher) { publisher.flush(1s); }));
 }
 
 VornSubscriber::Options subscriberOptions(bool bOwnThread) {
@@ -223,151 +208,116 @@ VornSubscriber::Options subscriberOptions(bool bOwnThread) {
 }
 
 template <typename Do>
-Operation subscriberRow(std::vector<std::string> names, const std::string& detail, unsigned allowed,
-                        Do operation) {
-    return {std::move(names), detail, allowed, [=](Trial& trial) {
-                VornSubscriber subscriber(
-                    cAddress, cTopic, [](VornConnection&, const VornSubscriber::Event&) {},
-                    subscriberOptions(false));
-                trial.attempt([&] { operation(subscriber); });
-            }};
+std::function<void(Trial&)> subscribed(Do operation) {
+    return [=](Trial& trial) {
+        VornSubscriber subscriber(
+            cAddress, cTopic, [](VornConnection&, const VornSubscriber::Event&) {}, subscriberOptions(false));
+        trial.attempt([&] { operation(subscriber); });
+    };
 }
 
 /** From connecting to the event, by the subscriber's thread or in the program's own loop. */
-Operation subscribing(bool bOwnThread) {
-    return {{bOwnThread ? "VornSubscriber, an event" : "VornSubscriber::dispatch"},
-            "",
-            doesWithout,
-            [=](Trial& trial) {
-                const UniqueFd listener = listenAtPipe();
-                std::atomic<int> calls = 0;
-                VornSubscriber subscriber(
-                    cAddress, cTopic, [&](VornConnection&, const VornSubscriber::Event&) { ++calls; },
-                    subscriberOptions(bOwnThread));
-                std::optional<WatchedThread> driver;
-                std::atomic<bool> isOver = false;
-                const auto drive = [&] {
-                    while (!isOver)
-                        subscriber.dispatch();
-                };
-                const auto serve = [&] {
-                    const auto end = Clock::now() + 200ms;
-                    while (calls == 0 && Clock::now() < end)
-                        serveOne(listener.get());
-                };
-                if (!bOwnThread)
-                    driver.emplace(drive);
-                trial.attemptOnOtherThreads(serve);
-                for (int i = 0; i < 100 && calls == 0; ++i)
-                    serveOne(listener.get());
-                isOver = true;
-                driver.reset();
-                subscriber.stop();
-                trial.expect(calls == 1, "the event was not called for once");
-            }};
-}
-
-Operations subscriberRows() {
-    return {
-        {{"VornSubscriber::VornSubscriber"},
-         "",
-         startsAThread,
-         [](Trial& trial) {
-             VornSubscriber::Options options = subscriberOptions(true);
-             options.sPositionFile = "/opt/a.position.file.with.a.long.name";
-             std::optional<VornSubscriber> subscriber;
-             trial.attemptOnAllThreads([&] {
-                 subscriber.emplace(
-                     cAddress, cTopic, [](VornConnection&, const VornSubscriber::Event&) {}, options);
-             });
-         }},
-        {{"VornSubscriber::~VornSubscriber"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             std::optional<VornSubscriber> subscriber;
-             subscriber.emplace(cAddress, cTopic, [](VornConnection&, const VornSubscriber::Event&) {});
-             trial.attempt([&] { subscriber.reset(); });
-         }},
-        subscribing(true),
-        subscribing(false),
-        subscriberRow({"VornSubscriber::getHandle", "VornSubscriber::status", "VornSubscriber::position",
-                       "VornSubscriber::statistics", "VornSubscriber::stop", "VornSubscriber::nameOf"},
-                      "", allocatesNothing,
-                      [](VornSubscriber& subscriber) {
-                          subscriber.getHandle();
-                          subscriber.status();
-                          subscriber.position();
-                          subscriber.statistics();
-                          subscriber.stop();
-                          VornSubscriber::nameOf(VornSubscriber::State::away);
-                      }),
-        subscriberRow({"VornSubscriber::setAddress"}, "", throwsBadAlloc,
-                      [](VornSubscriber& subscriber) {
-                          subscriber.setAddress("pipe:a.name.that.is.longer.than.the.text.object");
-                      }),
+std::function<void(Trial&)> subscribing(bool bOwnThread) {
+    return [=](Trial& trial) {
+        const UniqueFd listener = listenAtPipe();
+        std::atomic<int> calls = 0;
+        VornSubscriber subscriber(
+            cAddress, cTopic, [&](VornConnection&, const VornSubscriber::Event&) { ++calls; },
+            subscriberOptions(bOwnThread));
+        std::optional<WatchedThread> driver;
+        std::atomic<bool> isOver = false;
+        const auto drive = [&] {
+            while (!isOver)
+                subscriber.dispatch();
+        };
+        const auto serve = [&] {
+            const auto end = Clock::now() + 200ms;
+            while (calls == 0 && Clock::now() < end)
+                serveOne(listener.get());
+        };
+        if (!bOwnThread)
+            driver.emplace(drive);
+        trial.attemptOnOtherThreads(serve);
+        for (int i = 0; i < 100 && calls == 0; ++i)
+            serveOne(listener.get());
+        isOver = true;
+        driver.reset();
+        subscriber.stop();
+        trial.expect(calls == 1, "the event was not called for once");
     };
 }
 
-/** A row for an operation of an established connection, with bytes waiting to be read. */
-template <typename Do>
-Operation exchangeRow(Link::Kind kind, std::vector<std::string> names, const std::string& detail,
-                      unsigned allowed, const std::string& waiting, Do operation) {
-    return {std::move(names), Link::nameOf(kind) + detail, allowed, [=](Trial& trial) {
-                Link link(kind, waiting);
-                trial.attempt([&] { operation(link.connection()); });
-            }};
+void addSubscriber(Operations& table) {
+    table.add("VornSubscriber::VornSubscriber", startsAThread, [](Trial& trial) {
+        VornSubscriber::Options options = subscriberOptions(true);
+        options.sPositionFile = "/opt/a.position.file.with.a.long.name";
+        std::optional<VornSubscriber> subscriber;
+        trial.attemptOnAllThreads([&] {
+            subscriber.emplace(
+                cAddress, cTopic, [](VornConnection&, const VornSubscriber::Event&) {}, options);
+        });
+    });
+    table.add("VornSubscriber::~VornSubscriber", allocatesNothing, [](Trial& trial) {
+        std::optional<VornSubscriber> subscriber;
+        subscriber.emplace(cAddress, cTopic, [](VornConnection&, const VornSubscriber::Event&) {});
+        trial.attempt([&] { subscriber.reset(); });
+    });
+    table.add("VornSubscriber (an event)", doesWithout, subscribing(true));
+    table.add("VornSubscriber::dispatch", doesWithout, subscribing(false));
+    table.add("VornSubscriber::getHandle, status, position, statistics, stop, nameOf", allocatesNothing,
+              subscribed([](VornSubscriber& subscriber) {
+                  subscriber.getHandle();
+                  subscriber.status();
+                  subscriber.position();
+                  subscriber.statistics();
+                  subscriber.stop();
+                  VornSubscriber::nameOf(VornSubscriber::State::away);
+              }));
+    table.add("VornSubscriber::setAddress", throwsBadAlloc, subscribed([](VornSubscriber& subscriber) {
+                  subscriber.setAddress("pipe:a.name.that.is.longer.than.the.text.object");
+              }));
 }
 
-Operations socketRows(Link::Kind kind) {
-    using Connection = VornConnection;
-    const std::string zeros(64, '\0');
-    return {
-        exchangeRow(kind, {"VornExchange::getHandle", "VornExchange::setTimeLimit"}, "", allocatesNothing, "",
-                    [](Connection& c) {
-                        VornExchange::getHandle(c);
-                        VornExchange::setTimeLimit(c, 1s);
-                    }),
-        exchangeRow(kind, {"VornExchange::limited"}, "", throwsBadAlloc, "",
-                    [](Connection& c) { VornExchange::limited(c, 1s); }),
-        exchangeRow(kind, {"VornExchange::receiveService"}, "", throwsBadAlloc, cLongTopic + "\r\n",
-                    [](Connection& c) { VornExchange::receiveService(c, 1s); }),
-        exchangeRow(kind, {"VornExchange::answerService"}, "", allocatesNothing, "",
-                    [](Connection& c) { VornExchange::answerService(c, true); }),
-        exchangeRow(kind, {"VornExchange::transferError"}, "", allocatesNothing, "",
-                    [](Connection& c) { VornExchange::transferError(c, cReason); }),
-        exchangeRow(kind, {"VornExchange::receiveACK"}, "", allocatesNothing, std::string("\0\1\0\0", 4),
-                    [](Connection& c) { VornExchange::receiveACK(c, true); }),
-        exchangeRow(kind, {"VornExchange::receiveACK"}, ", a reason",
-                    throwsVornException | throwsBadAlloc | endsProcess,
-                    std::string("\0\1\xff\xff", 4) + Link::onWire(static_cast<int>(cReason.size())) + cReason,
-                    [](Connection& c) { VornExchange::receiveACK(c, true); }),
-        exchangeRow(kind,
-                    {"VornExchange::transferInt64", "VornExchange::transferUInt64",
-                     "VornExchange::transferDouble", "VornExchange::transferBlock"},
-                    "", allocatesNothing, "",
-                    [](Connection& c) {
-                        VornExchange::transferInt64(c, 1);
-                        VornExchange::transferUInt64(c, 1);
-                        VornExchange::transferDouble(c, 1);
-                        VornExchange::transferBlock(c, "block", 5);
-                    }),
-        exchangeRow(
-            kind,
-            {"VornExchange::receiveInt64", "VornExchange::receiveUInt64", "VornExchange::receiveDouble"}, "",
-            allocatesNothing, zeros,
-            [](Connection& c) {
-                VornExchange::receiveInt64(c);
-                VornExchange::receiveUInt64(c);
-                VornExchange::receiveDouble(c);
-            }),
-        exchangeRow(kind, {"VornExchange::receiveBlock"}, "", throwsBadAlloc,
-                    Link::onWire(40) + std::string(40, '\0'),
-                    [](Connection& c) { VornExchange::receiveBlock(c, 100); }),
+void addExchange(Operations& table, Link::Kind kind) {
+    using C = VornConnection;
+    const auto add = [&](const char* title, unsigned allowed, const std::string& waiting, auto operation) {
+        table.add(title, Link::nameOf(kind), allowed, onLink(kind, waiting, operation));
     };
+    const std::string block = Link::onWire(40) + std::string(40, '\0');
+    add("VornExchange::getHandle, setTimeLimit", allocatesNothing, "", [](C& c) {
+        VornExchange::getHandle(c);
+        VornExchange::setTimeLimit(c, 1s);
+    });
+    add("VornExchange::limited", throwsBadAlloc, "", [](C& c) { VornExchange::limited(c, 1s); });
+    add("VornExchange::receiveService", throwsBadAlloc, cLongTopic + "\r\n",
+        [](C& c) { VornExchange::receiveService(c, 1s); });
+    add("VornExchange::answerService", allocatesNothing, "",
+        [](C& c) { VornExchange::answerService(c, true); });
+    add("VornExchange::transferError", allocatesNothing, "",
+        [](C& c) { VornExchange::transferError(c, cReason); });
+    add("VornExchange::receiveACK", allocatesNothing, std::string("\0\1\0\0", 4),
+        [](C& c) { VornExchange::receiveACK(c, true); });
+    add("VornExchange::receiveACK (a reason)", throwsVornException | throwsBadAlloc | endsProcess,
+        std::string("\0\1\xff\xff", 4) + Link::onWire(static_cast<int>(cReason.size())) + cReason,
+        [](C& c) { VornExchange::receiveACK(c, true); });
+    add("VornExchange::transferInt64, transferUInt64, transferDouble, transferBlock", allocatesNothing, "",
+        [](C& c) {
+            VornExchange::transferInt64(c, 1);
+            VornExchange::transferUInt64(c, 1);
+            VornExchange::transferDouble(c, 1);
+            VornExchange::transferBlock(c, "block", 5);
+        });
+    add("VornExchange::receiveInt64, receiveUInt64, receiveDouble", allocatesNothing, std::string(64, '\0'),
+        [](C& c) {
+            VornExchange::receiveInt64(c);
+            VornExchange::receiveUInt64(c);
+            VornExchange::receiveDouble(c);
+        });
+    add("VornExchange::receiveBlock", throwsBadAlloc, block,
+        [](C& c) { VornExchange::receiveBlock(c, 100); });
 }
 
-Operations otherRows() {
+void addOthers(Operations& table) {
     const auto isOpened = [](const VornString& sService) {
         return [=](Trial& trial) {
             const Service service(listenAtPipe(), [](int client) {
@@ -379,56 +329,38 @@ Operations otherRows() {
             trial.attempt([&] { VornExchange::open(cAddress, sService, 1s); });
         };
     };
-    return {
-        {{"VornPosition::text"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] {
-                                VornPosition{1, 2}.text();
-                            }); }},
-        {{"VornPosition::fromText"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             const VornString sText = VornPosition{1, 2}.text();
-             trial.attempt([&] { VornPosition::fromText(sText); });
-         }},
-        {{"VornMetrics::VornMetrics", "VornMetrics::~VornMetrics"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { const VornMetrics metrics; }); }},
-        {{"VornMetrics::add"},
-         "a number",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             const VornMetrics::Labels labels = {{"name", cLongTopic}};
-             VornMetrics metrics;
-             trial.attempt([&] { metrics.add("jobs", VornMetrics::Type::gauge, cReason, labels, 1); });
-             trial.expect(!trial.hasThrown() || metrics.text() == "# EOF\n", "it has been added in part");
-         }},
-        {{"VornMetrics::text"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             VornMetrics metrics;
-             metrics.add("jobs", VornMetrics::Type::gauge, cReason, {{"name", cLongTopic}}, 1);
-             trial.attempt([&] { metrics.text(); });
-         }},
-        {{"VornExchange::open"}, "no service", throwsBadAlloc | throwsVornException, isOpened("")},
-        {{"VornExchange::open"}, "a service", throwsBadAlloc | throwsVornException, isOpened(cLongTopic)},
-        exchangeRow(Link::Kind::buffer, {"VornExchange::readToEnd"}, "", throwsBadAlloc, "some bytes",
-                    [](VornConnection& c) { VornExchange::readToEnd(c, 100); }),
-    };
+    table.add("VornPosition::text", throwsBadAlloc, [] { VornPosition{1, 2}.text(); });
+    table.add("VornPosition::fromText", allocatesNothing, [](Trial& trial) {
+        const VornString sText = VornPosition{1, 2}.text();
+        trial.attempt([&] { VornPosition::fromText(sText); });
+    });
+    table.add("VornMetrics::VornMetrics, ~VornMetrics", throwsBadAlloc, [] { const VornMetrics metrics; });
+    table.add("VornMetrics::add (a number)", throwsBadAlloc, [](Trial& trial) {
+        const VornMetrics::Labels labels = {{"name", cLongTopic}};
+        VornMetrics metrics;
+        trial.attempt([&] { metrics.add("jobs", VornMetrics::Type::gauge, cReason, labels, 1); });
+        trial.expect(!trial.hasThrown() || metrics.text() == "# EOF\n", "it has been added in part");
+    });
+    table.add("VornMetrics::text", throwsBadAlloc, [](Trial& trial) {
+        VornMetrics metrics;
+        metrics.add("jobs", VornMetrics::Type::gauge, cReason, {{"name", cLongTopic}}, 1);
+        trial.attempt([&] { metrics.text(); });
+    });
+    table.add("VornExchange::open (no service)", throwsBadAlloc | throwsVornException, isOpened(""));
+    table.add("VornExchange::open (a service)", throwsBadAlloc | throwsVornException, isOpened(cLongTopic));
+    table.add(
+        "VornExchange::readToEnd", throwsBadAlloc,
+        onLink(Link::Kind::buffer, "some bytes", [](VornConnection& c) { VornExchange::readToEnd(c, 100); }));
 }
 
 } // namespace
 
-Operations subscriptionOperations() {
-    Operations rows;
-    for (const Operations& some : {publisherRows(), subscriberRows(), socketRows(Link::Kind::acceptedPipe),
-                                   socketRows(Link::Kind::acceptedTcp), otherRows()})
-        rows.insert(rows.end(), some.begin(), some.end());
-    return rows;
+void addSubscriptions(Operations& table) {
+    addPublisher(table);
+    addSubscriber(table);
+    addExchange(table, Link::Kind::acceptedPipe);
+    addExchange(table, Link::Kind::acceptedTcp);
+    addOthers(table);
 }
 
 } // namespace VornTest

@@ -24,28 +24,14 @@ const VornString cOther(50, 'y');
 const VornUString cWide(40, L'x');
 const VornUString cOtherWide(50, L'y');
 
-Operations stringRows() {
-    return {
-        {{"VornStringToChar"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             std::array<char, 64> buffer;
-             trial.attempt([&] { VornStringToChar(cLong, buffer.data(), buffer.size()); });
-         }},
-        {{"VornStringFromChar"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { VornStringFromChar(cLong.c_str()); }); }},
-        {{"VornStringToWide"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { VornStringToWide(cLong); }); }},
-        {{"VornStringToNarrow"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { VornStringToNarrow(cWide); }); }},
-    };
+void addStrings(Operations& table) {
+    table.add("VornStringToChar", allocatesNothing, [](Trial& trial) {
+        std::array<char, 64> buffer;
+        trial.attempt([&] { VornStringToChar(cLong, buffer.data(), buffer.size()); });
+    });
+    table.add("VornStringFromChar", throwsBadAlloc, [] { VornStringFromChar(cLong.c_str()); });
+    table.add("VornStringToWide", throwsBadAlloc, [] { VornStringToWide(cLong); });
+    table.add("VornStringToNarrow", throwsBadAlloc, [] { VornStringToNarrow(cWide); });
 }
 
 /** What there is to see of an exception. */
@@ -80,68 +66,45 @@ std::function<void(Trial&)> changing(Change change) {
     };
 }
 
-Operations exceptionRows() {
+void addExceptions(Operations& table) {
     static const VornException source = withMessages(cOther, 2, 3);
-    return {
-        {{"VornException::VornException", "VornException::~VornException"},
-         "the call stack is left out when there is no memory for it",
-         throwsBadAlloc | doesWithout,
-         [](Trial& trial) { trial.attempt([] { VornException(cLong, 1); }); }},
-        {{"VornException::VornException"},
-         "copy",
-         throwsBadAlloc,
-         [](Trial& trial) { trial.attempt([] { VornException copy(source); }); }},
-        {{"VornException::operator="}, "", throwsBadAlloc, changing([](VornException& exception) {
-             exception = source;
-         })},
-        {{"VornException::getText"}, "", throwsBadAlloc, changing([](VornException& exception) {
-             exception.getText();
-         })},
-        {{"VornException::getUText", "VornException::getCode", "VornException::setCode",
-          "VornException::getCallStack"},
-         "",
-         allocatesNothing,
-         changing([](VornException& exception) {
-             exception.getUText();
-             exception.setCode(exception.getCode());
-             exception.getCallStack();
-         })},
-        {{"VornException::setText"}, "narrow", throwsBadAlloc, changing([](VornException& exception) {
-             exception.setText(cOther);
-         })},
-        {{"VornException::setText"}, "wide", throwsBadAlloc, changing([](VornException& exception) {
-             exception.setText(cOtherWide);
-         })},
-        {{"VornException::pushMessage"}, "", throwsBadAlloc, changing([](VornException& exception) {
-             exception.pushMessage(cWide);
-         })},
-        {{"VornException::popMessage"}, "", throwsBadAlloc, changing([](VornException& exception) {
-             exception.popMessage();
-         })},
-        {{"VornException::getFormattedMessages"}, "", throwsBadAlloc, changing([](VornException& exception) {
-             exception.getFormattedMessages();
-         })},
-    };
+    table.add("VornException::VornException, ~VornException (the call stack is left out when there is no "
+              "memory for it)",
+              throwsBadAlloc | doesWithout, [] { VornException(cLong, 1); });
+    table.add("VornException::VornException (copy)", throwsBadAlloc, [] { VornException copy(source); });
+    table.add("VornException::operator=", throwsBadAlloc,
+              changing([](VornException& exception) { exception = source; }));
+    table.add("VornException::getText", throwsBadAlloc,
+              changing([](VornException& exception) { exception.getText(); }));
+    table.add("VornException::getUText, getCode, setCode, getCallStack", allocatesNothing,
+              changing([](VornException& exception) {
+                  exception.getUText();
+                  exception.setCode(exception.getCode());
+                  exception.getCallStack();
+              }));
+    table.add("VornException::setText (narrow)", throwsBadAlloc,
+              changing([](VornException& exception) { exception.setText(cOther); }));
+    table.add("VornException::setText (wide)", throwsBadAlloc,
+              changing([](VornException& exception) { exception.setText(cOtherWide); }));
+    table.add("VornException::pushMessage", throwsBadAlloc,
+              changing([](VornException& exception) { exception.pushMessage(cWide); }));
+    table.add("VornException::popMessage", throwsBadAlloc,
+              changing([](VornException& exception) { exception.popMessage(); }));
+    table.add("VornException::getFormattedMessages", throwsBadAlloc,
+              changing([](VornException& exception) { exception.getFormattedMessages(); }));
 }
 
 template <typename Exception>
-Operations resolutionRows(const std::string& name) {
-    return {
-        {{name + "::" + name, name + "::~" + name},
-         "",
-         throwsBadAlloc | doesWithout,
-         [](Trial& trial) { trial.attempt([] { Exception exception(cLong); }); }},
-        {{name + "::operator=", name + "::" + name},
-         "copy",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             const Exception source(cOther);
-             Exception exception(cLong);
-             const Look before(exception);
-             trial.attempt([&] { exception = Exception(source); });
-             trial.expect(!trial.hasThrown() || Look(exception) == before, "the exception is half changed");
-         }},
-    };
+void addResolution(Operations& table, const std::string& name) {
+    table.add(name + "::" + name + ", ~" + name, throwsBadAlloc | doesWithout,
+              [] { Exception exception(cLong); });
+    table.add(name + "::operator=, " + name, "copy", throwsBadAlloc, [](Trial& trial) {
+        const Exception source(cOther);
+        Exception exception(cLong);
+        const Look before(exception);
+        trial.attempt([&] { exception = Exception(source); });
+        trial.expect(!trial.hasThrown() || Look(exception) == before, "the exception is half changed");
+    });
 }
 
 /** How many records have reached the handler of the log, and at which level the last one. */
@@ -166,58 +129,44 @@ std::function<void(Trial&)> logging(Write write, int level) {
     };
 }
 
-Operations loggingRows() {
-    return {
-        {{"VornLogging::operator<<", "endrecord"},
-         "",
-         doesWithout,
-         logging(
-             [](VornLogging& logger) {
-                 logger << setloglevel(VornLogging::cDebug) << cLong.c_str() << cOther << 'c'
-                        << static_cast<short>(1) << 2 << 3L << endrecord;
-             },
-             VornLogging::cDebug)},
-        {{"VornLogging::operator<<"},
-         "without a level",
-         doesWithout,
-         logging([](VornLogging& logger) { logger << cLong << endrecord; }, VornLogging::cUserOutput)},
-        {{"VornLogging::setRecordHandler"},
-         "",
-         throwsBadAlloc,
-         [](Trial& trial) {
-             bool isKept = false;
-             VornLogging::setRecordHandler([&](int, const VornString&) { isKept = true; });
-             trial.attempt([&] { VornLogging::setRecordHandler([](int, const VornString&) {}); });
-             VornLogging::getInstance() << "record" << endrecord;
-             trial.expect(isKept == trial.hasThrown(), "neither the old nor the new handler is in place");
-             VornLogging::setRecordHandler({});
-         }},
-        {{"VornLogging::setLogLevel", "VornLogging::setAccessAllowed", "VornLogging::getLogLevel",
-          "VornLogging::isAdmitted", "VornLogging::isAccessAllowed", "VornLogging::getInstance"},
-         "",
-         allocatesNothing,
-         [](Trial& trial) {
-             VornLogging& logger = VornLogging::getInstance();
-             const int level = logger.getLogLevel();
-             trial.attempt([&] {
-                 VornLogging::setAccessAllowed(VornLogging::isAccessAllowed());
-                 logger.setLogLevel(VornLogging::isAdmitted(level) ? logger.getLogLevel() : level);
-             });
-         }},
-    };
+void addLogging(Operations& table) {
+    table.add("endrecord, VornLogging::operator<<", doesWithout,
+              logging(
+                  [](VornLogging& logger) {
+                      logger << setloglevel(VornLogging::cDebug) << cLong.c_str() << cOther << 'c'
+                             << static_cast<short>(1) << 2 << 3L << endrecord;
+                  },
+                  VornLogging::cDebug));
+    table.add("VornLogging::operator<< (without a level)", doesWithout,
+              logging([](VornLogging& logger) { logger << cLong << endrecord; }, VornLogging::cUserOutput));
+    table.add("VornLogging::setRecordHandler", throwsBadAlloc, [](Trial& trial) {
+        bool isKept = false;
+        VornLogging::setRecordHandler([&](int, const VornString&) { isKept = true; });
+        trial.attempt([&] { VornLogging::setRecordHandler([](int, const VornString&) {}); });
+        VornLogging::getInstance() << "record" << endrecord;
+        trial.expect(isKept == trial.hasThrown(), "neither the old nor the new handler is in place");
+        VornLogging::setRecordHandler({});
+    });
+    table.add("VornLogging::setLogLevel, setAccessAllowed, getLogLevel, isAdmitted, isAccessAllowed, "
+              "getInstance",
+              allocatesNothing, [](Trial& trial) {
+                  VornLogging& logger = VornLogging::getInstance();
+                  const int level = logger.getLogLevel();
+                  trial.attempt([&] {
+                      VornLogging::setAccessAllowed(VornLogging::isAccessAllowed());
+                      logger.setLogLevel(VornLogging::isAdmitted(level) ? logger.getLogLevel() : level);
+                  });
+              });
 }
 
 } // namespace
 
-Operations textOperations() {
-    Operations rows;
-    for (const Operations& more :
-         {stringRows(), exceptionRows(),
-          resolutionRows<VornUnableToResolveAddressException>("VornUnableToResolveAddressException"),
-          resolutionRows<VornUnableToResolveNameException>("VornUnableToResolveNameException"),
-          loggingRows()})
-        rows.insert(rows.end(), more.begin(), more.end());
-    return rows;
+void addTexts(Operations& table) {
+    addStrings(table);
+    addExceptions(table);
+    addResolution<VornUnableToResolveAddressException>(table, "VornUnableToResolveAddressException");
+    addResolution<VornUnableToResolveNameException>(table, "VornUnableToResolveNameException");
+    addLogging(table);
 }
 
 } // namespace VornTest
