@@ -5,7 +5,6 @@
 
 #include "History.h"
 #include "Message.h"
-#include "Observer.h"
 #include "Roles.h"
 
 #include <TimeLimit.h>
@@ -70,18 +69,8 @@ bool subscribe(const Arguments& arguments, const VornString& address) {
         connection->receiveShort();
         return connection->receiveShort() == 0;
     } catch (const VornException&) {
-        return false; // the cable may be bad, the service's descriptors may be used up: the next time
+        return false; // the network may be bad, the service's descriptors may be used up: the next time
     }
-}
-
-/** Waits until nothing is under way any more, and writes down what is open then. */
-void recordIdle(const Belongings& expected) {
-    Belongings found = Belongings::count();
-    for (int i = 0; i < 500 && found != expected; ++i) {
-        VornSleep(10);
-        found = Belongings::count();
-    }
-    History::write("idle descriptors=%d threads=%d leaked=0", found.descriptors, found.threads);
 }
 
 void keepSubscribed(const Arguments& arguments, VornLibraryCallbackSink& sink, const sigset_t& signals) {
@@ -103,17 +92,14 @@ void keepSubscribed(const Arguments& arguments, VornLibraryCallbackSink& sink, c
 
 int runClient(const Arguments& arguments) {
     const sigset_t signals = blockEndSignals(); // before the sink's thread, which inherits it
-    observeServers();
     VornLibraryCallbackSink sink("soak");
     VornCallbackContainer& callbacks = sink.getCallbackContainer();
     for (int i = 0; i < callbacksPerClient; ++i)
         callbacks.add(new Callback(callbacks.getNewId()));
-    History::write("registered");
     const Belongings idle = Belongings::count();
-    recordIdle(idle);
+    idle.recordIdle();
     keepSubscribed(arguments, sink, signals);
-    recordIdle(idle);
-    History::write("ending");
+    idle.recordIdle();
     return 0;
 }
 

@@ -5,7 +5,6 @@
 #include <VornSleep.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -35,13 +34,14 @@ int entriesOf(const char* directory) {
     }
 }
 
-} // namespace
-
+/** Nanoseconds of the clock that all processes of one machine share. */
 long now() {
     timespec time{};
     ::clock_gettime(CLOCK_MONOTONIC, &time);
     return time.tv_sec * 1'000'000'000L + time.tv_nsec;
 }
+
+} // namespace
 
 void History::open(const std::string& path) {
     historyFile = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -54,7 +54,6 @@ void History::open(const std::string& path) {
 void History::write(const char* format, ...) {
     if (historyFile == -1)
         return;
-    const int error = errno; // of the call that is being recorded
     std::array<char, 512> line;
     int size = std::snprintf(line.data(), line.size(), "%ld ", now());
     va_list arguments;
@@ -68,12 +67,20 @@ void History::write(const char* format, ...) {
     // One call, so that lines of several threads do not mix; a history with holes proves nothing.
     if (::write(historyFile, line.data(), static_cast<std::size_t>(size)) != size)
         std::abort();
-    errno = error;
 }
 
 Belongings Belongings::count() {
     // Less the one that the counting itself has open.
     return {entriesOf("/proc/self/fd") - 1, entriesOf("/proc/self/task")};
+}
+
+void Belongings::recordIdle() const {
+    Belongings found = count();
+    for (int i = 0; i < 500 && (found.descriptors != descriptors || found.threads != threads); ++i) {
+        VornSupport::VornSleep(10);
+        found = count();
+    }
+    History::write("idle descriptors=%d threads=%d", found.descriptors, found.threads);
 }
 
 } // namespace Soak

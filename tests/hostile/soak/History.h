@@ -7,9 +7,6 @@
 
 namespace Soak {
 
-/** Nanoseconds of the clock that all processes of one machine share. */
-long now();
-
 /**
  * What this process has done and seen, one line each, appended to a file at once: the time, a word, and
  * fields of the form name=value. A process that is killed leaves at most its last line incomplete.
@@ -18,7 +15,7 @@ class History {
 public:
     static void open(const std::string& path);
 
-    /** Writes one line. Before open() and in processes without a history it does nothing. */
+    /** Writes one line. Before open() it does nothing. */
     static void write(const char* format, ...) __attribute__((format(printf, 1, 2)));
 };
 
@@ -28,7 +25,9 @@ struct Belongings {
     int threads = 0;
 
     static Belongings count();
-    bool operator==(const Belongings&) const = default;
+
+    /** Waits until nothing is under way any more, and writes down what is open then. */
+    void recordIdle() const;
 };
 
 } // namespace Soak

@@ -9,10 +9,7 @@
 
 #include <cstdio>
 #include <exception>
-#include <iostream>
-#include <limits>
 
-#include <sched.h>
 #include <sys/prctl.h>
 
 namespace Soak {
@@ -23,16 +20,6 @@ sigset_t blockEndSignals() {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return signals;
-}
-
-int runHost(const Arguments& /*arguments*/) {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) {
-        std::perror("unshare");
-        return 1;
-    }
-    std::cout << "ready" << std::endl;
-    std::cin.ignore(std::numeric_limits<std::streamsize>::max());
-    return 0;
 }
 
 } // namespace Soak
@@ -53,10 +40,6 @@ int main(int argc, char** argv) {
             return Soak::runService(arguments);
         if (words[0] == "client")
             return Soak::runClient(arguments);
-        if (words[0] == "cable")
-            return Soak::runCable(arguments);
-        if (words[0] == "host")
-            return Soak::runHost(arguments);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "soak: %s\n", e.what());
     }

@@ -2,16 +2,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Message.h"
 
-#include <algorithm>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
 namespace Soak {
 
 namespace {
-
-constexpr std::string_view mark = "soak=";
 
 std::uint64_t addTo(std::uint64_t sum, std::string_view bytes) {
     for (const char byte : bytes)
@@ -21,37 +17,19 @@ std::uint64_t addTo(std::uint64_t sum, std::string_view bytes) {
 
 } // namespace
 
-std::string makeToken(int service, long event, int attempt) {
-    return std::to_string(service) + ":" + std::to_string(event) + ":" + std::to_string(attempt);
-}
-
-std::array<char, 48> findToken(const void* data, std::size_t size) {
-    constexpr std::size_t headSize = 256; // the headers of a frame included
-    std::array<char, 48> token{};
-    const std::string_view head(static_cast<const char*>(data), std::min(size, headSize));
-    const std::size_t at = head.find(mark);
-    if (at == std::string_view::npos)
-        return token;
-    const std::string_view rest = head.substr(at + mark.size());
-    const std::size_t length = std::min(rest.find_first_not_of("0123456789:"), rest.size());
-    std::memcpy(token.data(), rest.data(), std::min(length, token.size() - 1));
-    return token;
-}
-
 Message::Message(std::string token, long event, std::string body)
     : VornNotification(static_cast<int>(event)), m_token(std::move(token)), m_event(event),
       m_small(static_cast<short>(-event)), m_body(std::move(body)) {}
 
 void Message::write(VornConnection& connection) const {
-    connection.transfer(std::string(mark) + m_token + ";");
+    connection.transfer(m_token);
     connection.transfer(m_event);
     connection.transfer(m_small);
     connection.transfer(m_body); // never empty: whoever has written the last byte has written all
 }
 
 Message Message::read(VornConnection& connection, std::string& token) {
-    const std::string first = connection.receiveString();
-    token = findToken(first.data(), first.size()).data();
+    token = connection.receiveString();
     const long event = connection.receiveLong();
     const short small = connection.receiveShort();
     Message message(token, event, connection.receiveString());

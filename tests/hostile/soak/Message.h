@@ -6,7 +6,6 @@
 #include <VornConnection.h>
 #include <VornNotification.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,17 +14,10 @@ namespace Soak {
 
 using namespace VornNet;
 
-/** Names one attempt to deliver one event: "SERVICE:EVENT:ATTEMPT". */
-std::string makeToken(int service, long event, int attempt);
-
-/**
- * The token in the first bytes of a datagram, empty when there is none; found without knowing the encoding.
- */
-std::array<char, 48> findToken(const void* data, std::size_t size);
-
 /** What a notification of the soak carries: who it is, a few numbers and a body. */
 class Message : public VornNotification {
 public:
+    /** @param token names one attempt to deliver one event: "SERVICE:EVENT:ATTEMPT" */
     Message(std::string token, long event, std::string body);
 
     void write(VornConnection& connection) const;

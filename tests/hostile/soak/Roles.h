@@ -26,12 +26,6 @@ int runService(const Arguments& arguments);
  */
 int runClient(const Arguments& arguments);
 
-/** The cable between two hosts; reads what it does to packets, and ends with its input: SEED. */
-int runCable(const Arguments& arguments);
-
-/** Another host: a network and mounts of its own, until its input ends. */
-int runHost(const Arguments& arguments);
-
 /** Signals that are waited for, never handled: those that end the process. */
 sigset_t blockEndSignals();
 

@@ -5,7 +5,6 @@
 
 #include "History.h"
 #include "Message.h"
-#include "Observer.h"
 #include "Roles.h"
 
 #include <TimeLimit.h>
@@ -70,7 +69,6 @@ public:
         drop(slot);
         for (long callback = 0; callback < callbacksPerClient; ++callback)
             m_registry.add(new Subscription(address, callback, slot, generation));
-        History::write("subscribed slot=%d generation=%d address=%s", slot, generation, address.c_str());
     }
 
     void giveUp(const Subscription& subscription) {
@@ -80,8 +78,6 @@ public:
             known->getRemoteName() != subscription.getRemoteName())
             return;
         drop(subscription.m_slot);
-        History::write("dropped slot=%d address=%s", subscription.m_slot,
-                       subscription.getRemoteName().c_str());
     }
 
     /** The slot's n-th callback in turn, null when it has none. */
@@ -212,14 +208,13 @@ private:
 
     int tryOnce(Subscription& subscription, const char* load, long event, int attempt,
                 const std::string& body) {
-        const std::string token = makeToken(m_settings.number, event, attempt);
+        const std::string token =
+            std::to_string(m_settings.number) + ":" + std::to_string(event) + ":" + std::to_string(attempt);
         const Message message(token, event, body);
         History::write("begin token=%s slot=%d generation=%d to=%s callback=%d load=%s size=%zu sum=%llx",
                        token.c_str(), m_slot, subscription.m_generation, subscription.getRemoteName().c_str(),
                        subscription.getDependentHandle(), load, message.size(),
                        static_cast<unsigned long long>(message.sum()));
-        SendFacts& facts = SendFacts::ofThread();
-        facts = {};
         int code = 0;
         try {
             const Example::TimeLimit limit{seconds(patienceInSeconds)};
@@ -227,8 +222,7 @@ private:
         } catch (const VornException& e) {
             code = e.getCode() != 0 ? e.getCode() : -1;
         }
-        History::write("end token=%s code=%d from=%ld to=%ld socket=%d send=%d", token.c_str(), code,
-                       facts.connectedFrom, facts.connectedTo, facts.socketError, facts.sendError);
+        History::write("end token=%s code=%d", token.c_str(), code);
         return code;
     }
 
@@ -238,10 +232,7 @@ private:
             return 70'000; // more than a datagram holds
         const int choice = between(1, 100);
         if (choice <= 75)
-            return static_cast<std::size_t>(between(1, 200));
-        // In one packet, for only the first of several would tell the cable whose they are.
-        if (choice <= 90 || (isUdp && address.find(":" + m_settings.host + ":") == VornString::npos))
-            return static_cast<std::size_t>(between(200, 1300));
+            return static_cast<std::size_t>(between(1, 1300));
         if (choice < 100)
             return static_cast<std::size_t>(between(1300, 20'000));
         // The larger of them fills a socket whose reader is stopped, and blocks its writer.
@@ -265,19 +256,6 @@ private:
     std::thread m_thread;
 };
 
-void recordIdle(const Belongings& expected) {
-    Belongings found = Belongings::count();
-    int leaked = failedSends();
-    for (int i = 0; i < 500; ++i) {
-        leaked = failedSends();
-        found = Belongings::count();
-        if (found.descriptors - leaked == expected.descriptors && found.threads == expected.threads)
-            break;
-        VornSleep(10); // a desk may be serving somebody
-    }
-    History::write("idle descriptors=%d threads=%d leaked=%d", found.descriptors, found.threads, leaked);
-}
-
 } // namespace
 
 int runService(const Arguments& arguments) {
@@ -290,7 +268,7 @@ int runService(const Arguments& arguments) {
     const Desk pipeDesk(new VornPipeServer(name), subscriptions);
     const Desk tcpDesk(new VornServerSocket(settings.port, 16, settings.host), subscriptions);
     const Belongings idle = Belongings::count();
-    recordIdle(idle);
+    idle.recordIdle();
     std::vector<std::unique_ptr<Sender>> senders;
     for (int slot = 0; slot < settings.slots; ++slot)
         senders.push_back(std::make_unique<Sender>(settings, slot, subscriptions));
@@ -298,8 +276,7 @@ int runService(const Arguments& arguments) {
     sigwait(&signals, &signal);
     ending = true;
     senders.clear();
-    History::write("quiet");
-    recordIdle(idle);
+    idle.recordIdle();
     return 0;
 }
 

@@ -22,7 +22,7 @@ HOSTS = {1: "10.77.0.1", 2: "10.77.0.2"}
 KINDS = ("pipe", "socket", "udp")
 SERVICES = (1, 2)  # each on the host of its number
 SLOTS = 2 * len(KINDS)  # each service's clients: one of each kind on each host
-BAD_CABLE = (20, 30, 80)  # delay and jitter in milliseconds, loss in thousandths
+BAD_NETWORK = 80  # packets of a thousand are dropped
 
 
 def now():
@@ -60,7 +60,7 @@ class Process:
 
 
 class Stage:
-    """The two hosts, the cable between them, and all processes."""
+    """The two hosts, the network between them, and all processes."""
 
     def __init__(self, options):
         self.options = options
@@ -68,26 +68,19 @@ class Stage:
         self.history = History(self.directory / "director.log")
         self.processes = {}
         self.generations = {}
-        self.bad_cable_since = None
+        self.bad_network_since = None
         self.build_hosts()
 
-    # --- the hosts and the cable ---
+    # --- the hosts and the network ---
 
-    def spawn(self, role, name, *arguments, host=1, environment=None, **popen):
+    def spawn(self, role, name, *arguments, host=1, environment=None):
         generation = self.generations[name] = self.generations.get(name, 0) + 1
         command = [self.options.program, role, self.directory / f"{name}.{generation}.log", *map(str, arguments)]
         if host == 2:
             place = f"/proc/{self.other_host.pid}/ns"
             command = ["nsenter", f"--net={place}/net", f"--mount={place}/mnt", "--", *command]
-        process = subprocess.Popen(command, env=os.environ | (environment or {}), text=True,
-                                   **({"stdin": subprocess.DEVNULL} | popen))
+        process = subprocess.Popen(command, env=os.environ | (environment or {}), stdin=subprocess.DEVNULL)
         return Process(name, generation, process)
-
-    def spawn_ready(self, role, *arguments):
-        process = self.spawn(role, role, *arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE).popen
-        if process.stdout.readline() != "ready\n":
-            raise RuntimeError(f"the {role} does not start")
-        return process
 
     def on_other_host(self, *command):
         place = f"/proc/{self.other_host.pid}/ns"
@@ -104,11 +97,10 @@ class Stage:
         pathlib.Path("/opt/soak/nsswitch.conf").write_text("hosts: files\n")
         if os.path.exists("/etc/nsswitch.conf"):
             run("mount", "--bind", "/opt/soak/nsswitch.conf", "/etc/nsswitch.conf")
-        self.other_host = self.spawn_ready("host")
-        self.cable = self.spawn_ready("cable", self.options.seed)
-        for number in HOSTS:
-            run("ip", "link", "add", f"near{number}", "type", "veth", "peer", "name", f"far{number}")
-            run("ip", "link", "set", f"far{number}", "netns", str(self.cable.pid))
+        self.other_host = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", "echo ready; exec cat"],
+                                           stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.other_host.stdout.readline()
+        run("ip", "link", "add", "near1", "type", "veth", "peer", "name", "near2")
         run("ip", "link", "set", "near2", "netns", str(self.other_host.pid))
         for number, on_host in ((1, run), (2, self.on_other_host)):
             self.use_hosts_file(number, on_host)
@@ -118,27 +110,20 @@ class Stage:
             # Asking for the neighbour's number would be one more packet to lose, with errors of its own.
             on_host("ip", "neigh", "replace", HOSTS[3 - number], "lladdr", f"02:00:00:00:00:0{3 - number}",
                     "dev", f"near{number}", "nud", "permanent")
-        for number in HOSTS:
-            run("nsenter", f"--net=/proc/{self.cable.pid}/ns/net", "ip", "link", "set", f"far{number}", "up")
-        self.tell_cable("plugged in")
+            on_host("nft", "add table ip soak; add chain ip soak in { type filter hook input priority 0; }")
 
-    def tell_cable(self, line):
-        self.cable.stdin.write(line + "\n")
-        self.cable.stdin.flush()
+    def spoil_network(self):
+        if self.bad_network_since is None:
+            self.bad_network_since = now()
+            for number, on_host in ((1, run), (2, self.on_other_host)):
+                on_host("nft", f"add rule ip soak in iifname near{number} numgen random mod 1000 < {BAD_NETWORK} drop")
 
-    def spoil_cable(self):
-        if self.bad_cable_since is not None:
-            return
-        delay, jitter, loss = BAD_CABLE
-        self.bad_cable_since = now()
-        self.tell_cable(f"{1000 * delay} {1000 * jitter} {loss}")
-
-    def mend_cable(self):
-        if self.bad_cable_since is None:
-            return
-        self.tell_cable("0 0 0")
-        self.history.write("fault", kind="cable", from_=self.bad_cable_since)
-        self.bad_cable_since = None
+    def mend_network(self):
+        if self.bad_network_since is not None:
+            for on_host in (run, self.on_other_host):
+                on_host("nft", "flush chain ip soak in")
+            self.history.write("fault", kind="net", from_=self.bad_network_since)
+            self.bad_network_since = None
 
     # --- services and clients ---
 
@@ -268,16 +253,15 @@ class Stage:
         for name in list(self.processes):
             self.resume(name)
             self.free_table(name)
-        self.mend_cable()
+        self.mend_network()
         for name in [f"service{number}" for number in SERVICES]:
             if name in self.processes:
                 self.end(name)
         self.await_quiet()
         for name in list(self.processes):
             self.end(name)
-        for helper in (self.cable, self.other_host):
-            helper.stdin.close()
-            helper.wait(60)
+        self.other_host.stdin.close()
+        self.other_host.wait(60)
 
 
 def await_idle(path):
@@ -327,8 +311,8 @@ class Schedule:
             self.add(at, stage.fill_table, name, pick((0, 0, 1, 2, 3)))
             self.add(at + length(0.2, 1.0), stage.free_table, name)
         for at in self.times(12):
-            self.add(at, stage.spoil_cable)
-            self.add(at + length(3, 5) * self.pace, stage.mend_cable)
+            self.add(at, stage.spoil_network)
+            self.add(at + length(3, 5) * self.pace, stage.mend_network)
 
     def run(self):
         start = time.monotonic()
@@ -390,7 +374,7 @@ def soak(options):
     stage.start_all()
     schedule.run()
     stage.end_all()
-    return check.main([str(options.history)])
+    return check.main(options.history)
 
 
 def main():
