@@ -24,25 +24,43 @@ using VornNet::VornUDPServerSocket;
 
 namespace {
 
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr int port = 5023;
 
-/** A transport: its server, and a client of it. @{ */
+/** A call of init() that fails, and the text of the exception. */
+struct InitFault {
+    const char* function;
+    int error;
+    const char* text;
+};
+
+/** A transport: its server, a client of it, and another owner of its port. @{ */
 struct Tcp {
     struct Server : VornServerSocket {
         explicit Server(int nPort = port, const char* address = "*") : VornServerSocket(nPort, 5, address) {}
 
+        using VornServerSocket::m_bInitialized;
         using VornServerSocket::m_pSocketImpl;
         using VornServerSocket::waitForClientImpl;
 
         void init() override { VornServerSocket::init(); }
     };
 
-    static UniqueFd connect() { return tcpConnect("127.0.0.1", port); }
+    static UniqueFd connect(int nPort, const char* from) { return tcpConnect("127.0.0.1", nPort, from); }
+
+    static UniqueFd take(int& nPort) { return tcpListen("127.0.0.1", nPort); }
 
     static constexpr const char* waitsIn = "accept";
+    static constexpr const char* readyRecord = "ready, accepting connections";
     static constexpr int passingError = EMFILE;
+    static constexpr int endingErrors[] = {EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN};
+    static constexpr InitFault initFaults[] = {
+        {"socket", EMFILE, "VornServerSocket::init: failed to create socket."},
+        {"bind", EACCES, "VornServerSocket::init: failed to bind socket."},
+        {"getsockname", ENOBUFS, "VornServerSocket::init: failed to get socket name."},
+        {"listen", EOPNOTSUPP, "VornServerSocket::init: failed to listen on bound socket."}};
 };
 
 struct Udp {
@@ -50,21 +68,30 @@ struct Udp {
         explicit Server(int nPort = port, const char* address = "*")
             : VornUDPServerSocket(nPort, address, 100) {}
 
+        using VornUDPServerSocket::m_bInitialized;
         using VornUDPServerSocket::m_pSocketImpl;
         using VornUDPServerSocket::waitForClientImpl;
 
         void init() override { VornUDPServerSocket::init(); }
     };
 
-    static UniqueFd connect() {
+    static UniqueFd connect(int nPort, const char* from) {
         int own = 0;
-        UniqueFd peer = udpSocket("127.0.0.1", own);
-        udpSendTo(peer.get(), "127.0.0.1", port, "x");
+        UniqueFd peer = udpSocket(from, own);
+        udpSendTo(peer.get(), "127.0.0.1", nPort, "x");
         return peer;
     }
 
+    static UniqueFd take(int& nPort) { return udpSocket("127.0.0.1", nPort); }
+
     static constexpr const char* waitsIn = "recvfrom";
+    static constexpr const char* readyRecord = "ready, accepting messages";
     static constexpr int passingError = ECONNREFUSED;
+    static constexpr int endingErrors[] = {EINTR, EBADF, ENONET, ENOTSOCK, ECONNRESET, EHOSTDOWN};
+    static constexpr InitFault initFaults[] = {
+        {"socket", EMFILE, "VornUDPServerSocket::init: failed to create socket."},
+        {"bind", EACCES, "VornUDPServerSocket::init: failed to bind socket."},
+        {"getsockname", ENOBUFS, "VornUDPServerSocket::init: failed to get socket name."}};
 };
 
 /** @} */
@@ -77,7 +104,8 @@ protected:
     /** A client, which leaves no port in TIME_WAIT. */
     class Client {
     public:
-        Client() = default;
+        explicit Client(int nPort = port, const char* from = "127.0.0.1")
+            : m_socket(Transport::connect(nPort, from)) {}
 
         ~Client() { reset(m_socket); }
 
@@ -85,7 +113,7 @@ protected:
         Client& operator=(const Client&) = delete;
 
     private:
-        UniqueFd m_socket = Transport::connect();
+        UniqueFd m_socket;
     };
 
     void SetUp() override {
@@ -139,6 +167,56 @@ TYPED_TEST(PortServer, Init_TakesTheLow16BitsOfThePort) {
     EXPECT_EQ(high.getPort(), 70000);
 }
 
+TYPED_TEST(PortServer, Init_WhenOpen_DoesNothing) {
+    typename TestFixture::Server server;
+    server.init();
+    const int socket = socketOf(server);
+    const CallTrace trace;
+    server.init();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_EQ(socketOf(server), socket);
+}
+
+TYPED_TEST(PortServer, Init_WhenACallFails_ThrowsItsTextAndLeavesNothingOpen) {
+    for (const InitFault& row : TypeParam::initFaults) {
+        typename TestFixture::Server server(port, "127.0.0.1");
+        const int before = openDescriptors();
+        {
+            const FaultRule fault(row.function, row.error);
+            EXPECT_EQ(failureOf([&] { server.init(); }), (Failure{row.text, row.error}));
+        }
+        EXPECT_EQ(openDescriptors(), before) << row.function;
+        EXPECT_EQ(server.m_pSocketImpl, nullptr) << row.function;
+        EXPECT_FALSE(server.m_bInitialized) << row.function;
+        server.init();
+        EXPECT_EQ(localPort(socketOf(server)), port) << row.function;
+    }
+}
+
+TYPED_TEST(PortServer, Wait_WhenACallOfInitFails_ReportsIt) {
+    for (const InitFault& row : TypeParam::initFaults) {
+        typename TestFixture::Server server(port, "127.0.0.1");
+        const FaultRule fault(row.function, row.error, 1, 2);
+        const ImplOutcome outcome = waitForImpl(server);
+        EXPECT_EQ(outcome.client(), nullptr) << row.function;
+        EXPECT_EQ(outcome.text, row.text);
+        EXPECT_EQ(outcome.code, row.error);
+        EXPECT_EQ(waitFor(server).failure, (Failure{row.text, row.error}));
+    }
+}
+
+TYPED_TEST(PortServer, WhenThePortIsInUse_ThrowsTheBindTextAndTriesAnotherPortLater) {
+    int taken = 0;
+    const UniqueFd other = TypeParam::take(taken);
+    typename TestFixture::Server server(taken, "127.0.0.1");
+    EXPECT_EQ(waitFor(server).failure, (Failure{TypeParam::initFaults[1].text, EADDRINUSE}));
+    server.setPort(port);
+    ClientWait wait(server);
+    server.waitForInit();
+    const typename TestFixture::Client client;
+    EXPECT_NE(wait.outcome().client(), nullptr);
+}
+
 TYPED_TEST(PortServer, Init_AsksTheVirtualBindAddress) {
     class Elsewhere : public TestFixture::Server {
     public:
@@ -175,6 +253,37 @@ TYPED_TEST(PortServer, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
     EXPECT_EQ(outcome.client(), nullptr);
     EXPECT_EQ(outcome.text, "derived");
     EXPECT_EQ(outcome.code, 12);
+}
+
+TYPED_TEST(PortServer, Wait_AfterAnErrorThatEndsIt_IsNoExceptionAndTheNextWaitServes) {
+    typename TestFixture::Server server;
+    server.init();
+    for (const int error : TypeParam::endingErrors) {
+        const FaultRule fault(TypeParam::waitsIn, error);
+        expectQuiet(waitFor(server));
+        const typename TestFixture::Client client;
+        EXPECT_NE(waitFor(server).client(), nullptr) << error;
+    }
+}
+
+TYPED_TEST(PortServer, Wait_WhenClosedBeforeItBlocks_EndsQuietly) {
+    typename TestFixture::Server server;
+    server.init();
+    const CallTrace trace;
+    const RecordAction action(9, TypeParam::readyRecord, [&] { server.close(); });
+    expectQuiet(waitFor(server));
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_EQ(trace.calls(TypeParam::waitsIn), 0);
+}
+
+TYPED_TEST(PortServer, AtLevel0_PassingErrorsAreNotLogged) {
+    typename TestFixture::Server server;
+    server.init();
+    const typename TestFixture::Client client;
+    const LogCapture log(0);
+    const FaultRule fault(TypeParam::waitsIn, TypeParam::passingError);
+    EXPECT_NE(waitFor(server).client(), nullptr);
+    EXPECT_THAT(log.records(), IsEmpty());
 }
 
 TYPED_TEST(PortServer, Wait_RetriesWithoutLimitAndWithoutDelay) {
@@ -256,6 +365,48 @@ TYPED_TEST(PortServer, Close_WhenTheWaitCannotBeEndedAtFirst_TriesAgain) {
     server.close();
     expectQuiet(wait.outcome());
     EXPECT_EQ(failing.failures(), 2);
+}
+
+TYPED_TEST(PortServer, Close_WhenNeverOpened_DoesNothing) {
+    typename TestFixture::Server server;
+    const LogCapture log(9);
+    const CallTrace trace;
+    server.close();
+    EXPECT_THAT(callsOf(trace), IsEmpty());
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
+TYPED_TEST(PortServer, Close_ReleasesAndTheNextInitTakesThePortThenConfigured) {
+    typename TestFixture::Server server;
+    server.init();
+    const int old = socketOf(server);
+    server.close();
+    EXPECT_FALSE(isOpen(old));
+    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(server.m_bInitialized);
+    int same = port;
+    EXPECT_NO_THROW(TypeParam::take(same));
+    server.setPort(port + 1);
+    server.init();
+    EXPECT_EQ(localPort(socketOf(server)), port + 1);
+}
+
+TYPED_TEST(PortServer, Close_ClosesTheSocketOnlyWhenNobodyUsesIt) {
+    typename TestFixture::Server server(port, "127.0.0.2");
+    const CallTrace trace;
+    ClientWait wait(server);
+    ASSERT_TRUE(wait.awaitBlocked());
+    const int socket = socketOf(server);
+    server.close();
+    expectQuiet(wait.outcome());
+    std::vector<std::string> uses;
+    for (const CallRecord& call : trace.records()) {
+        // After these two the number may be that of another socket.
+        if (uses.size() < 2 && call.argument == socket &&
+            (call.name == TypeParam::waitsIn || call.name == "close"))
+            uses.push_back(call.name);
+    }
+    EXPECT_THAT(uses, ElementsAre(TypeParam::waitsIn, "close"));
 }
 
 TYPED_TEST(PortServer, Destructor_ClosesTheSocket) {

@@ -216,6 +216,23 @@ inline void reset(UniqueFd& peer) {
     peer.reset();
 }
 
+/** A plain TCP client, which leaves no port in TIME_WAIT, whoever closes first. */
+class TcpClient {
+public:
+    explicit TcpClient(int port, const char* from = "127.0.0.1")
+        : m_socket(tcpConnect("127.0.0.1", port, from)) {}
+
+    ~TcpClient() { reset(m_socket); }
+
+    TcpClient(const TcpClient&) = delete;
+    TcpClient& operator=(const TcpClient&) = delete;
+
+    int fd() const { return m_socket.get(); }
+
+private:
+    UniqueFd m_socket;
+};
+
 /** While it exists, every new descriptor's number is above @p last. */
 class ManyDescriptors {
 public:

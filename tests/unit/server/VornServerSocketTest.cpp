@@ -28,15 +28,6 @@ using Record = LogCapture::Record;
 
 constexpr int port = 5023;
 
-class VornServerSocketTest : public LeakCheckedTest {
-protected:
-    void SetUp() override {
-        useInterposition();
-        addLocalAddress("lo:1", lanAddress);
-        LeakCheckedTest::SetUp();
-    }
-};
-
 class Probe : public VornServerSocket {
 public:
     using VornServerSocket::init;
@@ -47,6 +38,22 @@ public:
     using VornServerSocket::m_sBindAddress;
     using VornServerSocket::VornServerSocket;
     using VornServerSocket::waitForClientImpl;
+};
+
+class VornServerSocketTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        addLocalAddress("lo:1", lanAddress);
+        LeakCheckedTest::SetUp();
+    }
+
+    void TearDown() override {
+        server.close();
+        LeakCheckedTest::TearDown();
+    }
+
+    Probe server{port, 5, "*"};
 };
 
 class ConnectionProbe : public VornSocketConnection {
@@ -65,306 +72,200 @@ std::string portInNetworkOrder(int nPort) {
     return std::to_string(htons(static_cast<std::uint16_t>(nPort)));
 }
 
-struct InitFault {
-    const char* name;
-    const char* function;
-    int error;
-    const char* text;
-
-    friend void PrintTo(const InitFault& row, std::ostream* out) { *out << row.function; }
-};
-
-class VornServerSocket_InitFault : public VornServerSocketTest,
-                                   public testing::WithParamInterface<InitFault> {};
-
 class VornServerSocket_QuietError : public VornServerSocketTest, public testing::WithParamInterface<int> {};
 
 } // namespace
 
 TEST_F(VornServerSocketTest, WhenConstructed_KeepsItsArgumentsAndMakesNoSocket) {
     const CallTrace trace;
-    Probe server(6000, 7, "127.0.0.1");
-    EXPECT_EQ(server.m_nPort, 6000);
-    EXPECT_EQ(server.m_nBacklog, 7);
-    EXPECT_EQ(server.m_sBindAddress, "127.0.0.1");
-    EXPECT_EQ(server.m_pSocketImpl, nullptr);
-    EXPECT_FALSE(server.m_bInitialized);
-    EXPECT_EQ(server.getPort(), 6000);
-    EXPECT_EQ(server.getBindAddress(), "127.0.0.1");
+    Probe probe(6000, 7, "127.0.0.1");
+    EXPECT_EQ(probe.m_nPort, 6000);
+    EXPECT_EQ(probe.m_nBacklog, 7);
+    EXPECT_EQ(probe.m_sBindAddress, "127.0.0.1");
+    EXPECT_EQ(probe.m_pSocketImpl, nullptr);
+    EXPECT_FALSE(probe.m_bInitialized);
+    EXPECT_EQ(probe.getPort(), 6000);
+    EXPECT_EQ(probe.getBindAddress(), "127.0.0.1");
     EXPECT_THAT(callsOf(trace), IsEmpty());
 }
 
 TEST_F(VornServerSocketTest, Init_MakesBindsNamesAndListensWithoutAnySocketOption) {
-    Probe server(port, 7, "*");
+    Probe probe(port, 7, "*");
     const CallTrace trace;
-    server.init();
+    probe.init();
     EXPECT_THAT(callsOf(trace), ElementsAre("socket", "fcntl", "bind", "getsockname", "listen"));
     const CallRecord socket = trace.records("socket").at(0);
     EXPECT_EQ(socket.argument, AF_INET);
     EXPECT_EQ(socket.second, SOCK_STREAM);
     EXPECT_EQ(socket.third, 0);
     EXPECT_EQ(trace.records("listen").at(0).second, 7);
-    EXPECT_EQ(socketOf(server), socket.result);
-    EXPECT_TRUE(server.m_bInitialized);
+    EXPECT_EQ(socketOf(probe), socket.result);
+    EXPECT_TRUE(probe.m_bInitialized);
 }
 
 TEST_F(VornServerSocketTest, Init_HandsTheBacklogToListenAsItIs) {
-    Probe server(port, -3, "*");
+    Probe probe(port, -3, "*");
     const CallTrace trace;
-    server.init();
+    probe.init();
     EXPECT_EQ(trace.records("listen").at(0).second, -3);
 }
 
-TEST_F(VornServerSocketTest, Init_WhenListening_DoesNothing) {
-    Probe server(port, 5, "*");
-    server.init();
-    const int listener = socketOf(server);
-    const CallTrace trace;
-    server.init();
-    EXPECT_THAT(callsOf(trace), IsEmpty());
-    EXPECT_EQ(socketOf(server), listener);
-}
-
 TEST_F(VornServerSocketTest, Init_MakesACloseOnExecListener) {
-    Probe server(port, 5, "*");
     server.init();
     EXPECT_TRUE(isCloseOnExec(socketOf(server)));
 }
 
 TEST_F(VornServerSocketTest, Init_WithAStar_ListensOnAllInterfaces) {
-    Probe server(port, 5, "*");
     server.init();
     EXPECT_EQ(localAddress(socketOf(server)), "0.0.0.0");
-    UniqueFd loopback = tcpConnect("127.0.0.1", port);
+    const TcpClient loopback(port);
     UniqueFd lan = tcpConnect(lanAddress, port);
-    reset(loopback);
     reset(lan);
 }
 
 TEST_F(VornServerSocketTest, Init_WithALoopbackAddress_ListensOnlyThere) {
-    Probe server(port, 5, "127.0.0.1");
-    server.init();
-    EXPECT_EQ(localAddress(socketOf(server)), "127.0.0.1");
+    Probe probe(port, 5, "127.0.0.1");
+    probe.init();
+    EXPECT_EQ(localAddress(socketOf(probe)), "127.0.0.1");
     EXPECT_THROW(tcpConnect(lanAddress, port), std::system_error);
-    UniqueFd loopback = tcpConnect("127.0.0.1", port);
-    reset(loopback);
+    const TcpClient loopback(port);
 }
 
 TEST_F(VornServerSocketTest, Init_WithAHostName_FailsToBindWithoutResolvingIt) {
-    Probe server(port, 5, "localhost");
+    Probe probe(port, 5, "localhost");
     const CallTrace trace;
-    EXPECT_EQ(failureOf([&] { server.init(); }),
+    EXPECT_EQ(failureOf([&] { probe.init(); }),
               (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}));
     EXPECT_EQ(trace.calls("gethostbyname_r"), 0);
-    EXPECT_EQ(server.m_pSocketImpl, nullptr);
+    EXPECT_EQ(probe.m_pSocketImpl, nullptr);
 }
 
 TEST_F(VornServerSocketTest, Init_WithAnEmptyAddressOrTheBroadcastAddress_FailsToBind) {
     for (const char* address : {"", "255.255.255.255", "1.2.3.4.5"}) {
-        Probe server(port, 5, address);
-        EXPECT_EQ(failureOf([&] { server.init(); }),
+        Probe probe(port, 5, address);
+        EXPECT_EQ(failureOf([&] { probe.init(); }),
                   (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}))
             << address;
     }
 }
 
 TEST_F(VornServerSocketTest, Init_WithAnAddressOfAnotherHost_FailsToBind) {
-    Probe server(port, 5, "192.0.2.1");
-    EXPECT_EQ(waitFor(server).failure,
+    Probe probe(port, 5, "192.0.2.1");
+    EXPECT_EQ(waitFor(probe).failure,
               (Failure{"VornServerSocket::init: failed to bind socket.", EADDRNOTAVAIL}));
 }
 
 TEST_F(VornServerSocketTest, Init_WithPortZero_ListensWhereTheSystemChoosesAndDoesNotLearnIt) {
-    Probe server(0, 5, "*");
-    server.init();
-    EXPECT_GT(localPort(socketOf(server)), 0);
-    EXPECT_EQ(server.getPort(), 0);
+    Probe probe(0, 5, "*");
+    probe.init();
+    EXPECT_GT(localPort(socketOf(probe)), 0);
+    EXPECT_EQ(probe.getPort(), 0);
 }
 
 TEST_F(VornServerSocketTest, Init_LogsAddressAndPortAsASigned16BitNumberAtLevel5) {
     const LogCapture log(5);
-    Probe server(40000, 5, "127.0.0.1");
-    server.init();
+    Probe probe(40000, 5, "127.0.0.1");
+    probe.init();
     EXPECT_THAT(log.records(),
                 ElementsAre(Record{5, "VornServerSocket::init: Using IP Address 127.0.0.1 Port: -25536"}));
 }
 
 TEST_F(VornServerSocketTest, Init_WithPortZero_LogsTheConfiguredPort) {
     const LogCapture log(5);
-    Probe server(0, 5, "*");
-    server.init();
+    Probe probe(0, 5, "*");
+    probe.init();
     EXPECT_THAT(log.records(),
                 ElementsAre(Record{5, "VornServerSocket::init: Using IP Address 0.0.0.0 Port: 0"}));
 }
 
-TEST_F(VornServerSocketTest, WhenThePortIsInUse_ThrowsTheBindTextAndTriesAnotherPortLater) {
-    int taken = 0;
-    const UniqueFd other = tcpListen("127.0.0.1", taken);
-    Probe server(taken, 5, "127.0.0.1");
-    EXPECT_EQ(waitFor(server).failure,
-              (Failure{"VornServerSocket::init: failed to bind socket.", EADDRINUSE}));
-    server.setPort(port);
-    UniqueFd peer;
-    ClientWait wait(server);
-    server.waitForInit();
-    peer = tcpConnect("127.0.0.1", port);
-    EXPECT_NE(wait.outcome().client(), nullptr);
-    reset(peer);
-}
-
-TEST_P(VornServerSocket_InitFault, ReachesTheCallerAndLeavesNothingOpen) {
-    const InitFault& row = GetParam();
-    Probe server(port, 5, "127.0.0.1");
-    const int before = openDescriptors();
-    {
-        const FaultRule fault(row.function, row.error);
-        EXPECT_EQ(failureOf([&] { server.init(); }), (Failure{row.text, row.error}));
-    }
-    EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(server.m_pSocketImpl, nullptr);
-    EXPECT_FALSE(server.m_bInitialized);
-    server.init();
-    EXPECT_EQ(localPort(socketOf(server)), port);
-}
-
-TEST_P(VornServerSocket_InitFault, IsReportedByTheWait) {
-    const InitFault& row = GetParam();
-    Probe server(port, 5, "127.0.0.1");
-    const FaultRule fault(row.function, row.error, 1, 2);
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, row.text);
-    EXPECT_EQ(outcome.code, row.error);
-    EXPECT_EQ(waitFor(server).failure, (Failure{row.text, row.error}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, VornServerSocket_InitFault,
-    testing::Values(InitFault{"socket", "socket", EMFILE, "VornServerSocket::init: failed to create socket."},
-                    InitFault{"bind", "bind", EACCES, "VornServerSocket::init: failed to bind socket."},
-                    InitFault{"getsockname", "getsockname", ENOBUFS,
-                              "VornServerSocket::init: failed to get socket name."},
-                    InitFault{"listen", "listen", EOPNOTSUPP,
-                              "VornServerSocket::init: failed to listen on bound socket."}),
-    [](const testing::TestParamInfo<InitFault>& row) { return row.param.name; });
-
 TEST_F(VornServerSocketTest, Wait_LogsThatItIsReadyAtLevel5) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     const LogCapture log(5);
     const WaitOutcome outcome = waitFor(server);
     EXPECT_THAT(log.records(), ElementsAre(Record{5, readyText(port)}));
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Wait_LeavesTextAndCodeAloneWhenAClientComes) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     const ImplOutcome outcome = waitForImpl(server);
     EXPECT_NE(outcome.client(), nullptr);
     EXPECT_EQ(outcome.text, untouchedText);
     EXPECT_EQ(outcome.code, untouchedCode);
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Wait_ServesOneClientPerCallInTheOrderTheyCame) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd first = tcpConnect("127.0.0.1", port);
-    UniqueFd second = tcpConnect("127.0.0.1", port);
-    sendAll(first.get(), bytes("00 01"));
-    sendAll(second.get(), bytes("00 02"));
+    const TcpClient first(port);
+    const TcpClient second(port);
+    sendAll(first.fd(), bytes("00 01"));
+    sendAll(second.fd(), bytes("00 02"));
     const WaitOutcome one = waitFor(server);
     const WaitOutcome two = waitFor(server);
     EXPECT_EQ(one.spClient->receiveShort(), 1);
     EXPECT_EQ(two.spClient->receiveShort(), 2);
-    reset(first);
-    reset(second);
 }
 
 TEST_F(VornServerSocketTest, Client_IsConnectedAndTalksInBothDirections) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     const WaitOutcome outcome = waitFor(server);
     ASSERT_NE(outcome.client(), nullptr);
     EXPECT_TRUE(fieldOf<bool>(outcome.client(), &ConnectionProbe::m_bConnected));
     EXPECT_FALSE(fieldOf<bool>(outcome.client(), &ConnectionProbe::m_bClientConnection));
-    sendAll(peer.get(), bytes("00 00 00 03 61 62 63"));
+    sendAll(peer.fd(), bytes("00 00 00 03 61 62 63"));
     EXPECT_EQ(outcome.spClient->receiveString(), "abc");
     outcome.spClient->transfer(258);
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 4)), "00 00 01 02");
-    reset(peer);
+    EXPECT_EQ(hex(receiveExactly(peer.fd(), 4)), "00 00 01 02");
 }
 
 TEST_F(VornServerSocketTest, Client_IsASocketConnectionThatKnowsItsServersPort) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     const WaitOutcome outcome = waitFor(server);
     ASSERT_NE(dynamic_cast<VornSocketConnection*>(outcome.client()), nullptr);
     EXPECT_EQ(outcome.client()->getPortName(), "5023");
     EXPECT_EQ(outcome.client()->getServerName(), "127.0.0.1");
     EXPECT_EQ(outcome.client()->refCount(), 1);
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Client_FromLoopback_IsLocal) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     EXPECT_TRUE(waitFor(server).client()->getLocalAccess());
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Client_FromAnyOtherAddress_IsNotLocal) {
-    Probe server(port, 5, "*");
     server.init();
     for (const char* address : {"127.0.0.2", lanAddress}) {
-        UniqueFd peer = tcpConnect("127.0.0.1", port, address);
+        const TcpClient peer(port, address);
         EXPECT_FALSE(waitFor(server).client()->getLocalAccess()) << address;
-        reset(peer);
     }
-}
-
-TEST_F(VornServerSocketTest, Client_WithIdentify_HasTheOfficialName) {
-    useHostsFile("127.0.0.2 alpha.example alpha\n");
-    Probe server(port, 5, "*");
-    server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
-    EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha.example");
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Client_WithIdentify_IsLoggedAtLevel5WithItsPortInNetworkOrder) {
     useHostsFile("127.0.0.2 alpha.example alpha\n");
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    const TcpClient peer(port, "127.0.0.2");
     const LogCapture log(5);
     const WaitOutcome outcome = waitFor(server, true);
     EXPECT_THAT(
         log.records(),
         ElementsAre(Record{5, readyText(port)},
                     Record{5, "VornServerSocket::waitForClient () Server connected to alpha.example:" +
-                                  portInNetworkOrder(localPort(peer.get()))}));
-    reset(peer);
+                                  portInNetworkOrder(localPort(peer.fd()))}));
 }
 
 TEST_F(VornServerSocketTest, Client_WithIdentifyButUnknown_HasNoNameAndIsNotLogged) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    const TcpClient peer(port, "127.0.0.2");
     const LogCapture log(5);
     EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
     EXPECT_THAT(log.records(), ElementsAre(Record{5, readyText(port)}));
-    reset(peer);
 }
 
 TEST_P(VornServerSocket_QuietError, EndsTheWaitWithoutAWord) {
-    Probe server(port, 5, "*");
     server.init();
     const LogCapture log(4);
     const FaultRule fault("accept", GetParam());
@@ -376,24 +277,13 @@ TEST_P(VornServerSocket_QuietError, EndsTheWaitWithoutAWord) {
     EXPECT_EQ(fault.calls(), 1);
 }
 
-TEST_P(VornServerSocket_QuietError, IsNoExceptionForTheCallerAndTheNextWaitServes) {
-    Probe server(port, 5, "*");
-    server.init();
-    const FaultRule fault("accept", GetParam());
-    expectQuiet(waitFor(server));
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    EXPECT_NE(waitFor(server).client(), nullptr);
-    reset(peer);
-}
-
 INSTANTIATE_TEST_SUITE_P(Rows, VornServerSocket_QuietError,
                          testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN),
                          testing::PrintToStringParamName());
 
 TEST_F(VornServerSocketTest, Wait_AfterAnyOtherAcceptError_LogsAtLevel1AndAcceptsAgain) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     const LogCapture log(5);
     const FaultRule first("accept", EMFILE, 1);
     const FaultRule second("accept", ECONNABORTED, 2);
@@ -404,36 +294,21 @@ TEST_F(VornServerSocketTest, Wait_AfterAnyOtherAcceptError_LogsAtLevel1AndAccept
                             Record{5, readyText(port)},
                             Record{1, "VornServerSocket::waitForClient: socket connection error. 103"},
                             Record{5, readyText(port)}));
-    reset(peer);
-}
-
-TEST_F(VornServerSocketTest, AtLevel0_AcceptErrorsAreNotLogged) {
-    Probe server(port, 5, "*");
-    server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
-    const LogCapture log(0);
-    const FaultRule fault("accept", EMFILE);
-    EXPECT_NE(waitFor(server).client(), nullptr);
-    EXPECT_THAT(log.records(), IsEmpty());
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyAndTheServerGoesOnListening) {
     const Interrupter interrupter;
-    Probe server(port, 5, "*");
     ClientWait wait(server);
     ASSERT_TRUE(wait.awaitBlocked());
     Interrupter::interrupt(wait.thread());
     expectQuiet(wait.outcome());
     EXPECT_NE(socketOf(server), -1);
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     EXPECT_NE(waitFor(server).client(), nullptr);
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Wait_WhenSomebodyElseShutsTheListenerDown_EndsQuietly) {
     const LogCapture log(4);
-    Probe server(port, 5, "*");
     ClientWait wait(server);
     ASSERT_TRUE(wait.awaitBlocked());
     ASSERT_EQ(::shutdown(socketOf(server), SHUT_RDWR), 0);
@@ -442,13 +317,11 @@ TEST_F(VornServerSocketTest, Wait_WhenSomebodyElseShutsTheListenerDown_EndsQuiet
     server.close();
     ClientWait again(server);
     server.waitForInit();
-    UniqueFd peer = tcpConnect("127.0.0.1", port);
+    const TcpClient peer(port);
     EXPECT_NE(again.outcome().client(), nullptr);
-    reset(peer);
 }
 
 TEST_F(VornServerSocketTest, Wait_WhenClosedWhileAClientIsAccepted_ReturnsNullAndClosesTheClient) {
-    Probe server(port, 5, "*");
     server.init();
     int ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
@@ -470,7 +343,6 @@ TEST_F(VornServerSocketTest, Wait_WhenClosedWhileAClientIsAccepted_ReturnsNullAn
 }
 
 TEST_F(VornServerSocketTest, WaitForInit_WhenListening_ReturnsAtOnce) {
-    Probe server(port, 5, "*");
     server.init();
     const CallTrace trace;
     server.waitForInit();
@@ -478,7 +350,6 @@ TEST_F(VornServerSocketTest, WaitForInit_WhenListening_ReturnsAtOnce) {
 }
 
 TEST_F(VornServerSocketTest, SetPort_BeforeListening_ChangesThePort) {
-    Probe server(port, 5, "*");
     server.setPort(port + 1);
     EXPECT_EQ(server.getPort(), port + 1);
     server.init();
@@ -486,47 +357,17 @@ TEST_F(VornServerSocketTest, SetPort_BeforeListening_ChangesThePort) {
 }
 
 TEST_F(VornServerSocketTest, SetPort_WhileListening_IsIgnored) {
-    Probe server(port, 5, "*");
     server.init();
     server.setPort(port + 1);
     EXPECT_EQ(server.getPort(), port);
 }
 
-TEST_F(VornServerSocketTest, SetPort_AfterClose_DecidesWhereTheNextWaitListens) {
-    Probe server(port, 5, "*");
-    server.init();
-    server.close();
-    server.setPort(port + 1);
-    server.init();
-    EXPECT_EQ(localPort(socketOf(server)), port + 1);
-}
-
-TEST_F(VornServerSocketTest, Close_WhenNeverListened_DoesNothing) {
-    Probe server(port, 5, "*");
-    const LogCapture log(9);
-    const CallTrace trace;
-    server.close();
-    EXPECT_THAT(callsOf(trace), IsEmpty());
-    EXPECT_THAT(log.records(), IsEmpty());
-}
-
-TEST_F(VornServerSocketTest, Close_WithoutAWaitingThread_ReleasesAtOnce) {
-    Probe server(port, 5, "*");
-    server.init();
-    const int listener = socketOf(server);
-    server.close();
-    EXPECT_FALSE(isOpen(listener));
-    EXPECT_EQ(server.m_pSocketImpl, nullptr);
-    EXPECT_FALSE(server.m_bInitialized);
-    EXPECT_THROW(tcpConnect("127.0.0.1", port), std::system_error);
-}
-
 TEST_F(VornServerSocketTest, Close_LogsThePortAtLevel9AndNotAtLevel8) {
-    Probe server(40000, 5, "*");
+    Probe probe(40000, 5, "*");
     for (const int level : {8, 9}) {
-        server.init();
+        probe.init();
         const LogCapture log(level);
-        server.close();
+        probe.close();
         const std::vector<Record> expected(level == 9 ? 1 : 0,
                                            Record{9, "VornServerSocket::close: closing socket 40000"});
         EXPECT_EQ(log.records(), expected);
@@ -534,7 +375,6 @@ TEST_F(VornServerSocketTest, Close_LogsThePortAtLevel9AndNotAtLevel8) {
 }
 
 TEST_F(VornServerSocketTest, Close_Again_DoesNothing) {
-    Probe server(port, 5, "*");
     server.init();
     server.close();
     const CallTrace trace;
@@ -542,37 +382,20 @@ TEST_F(VornServerSocketTest, Close_Again_DoesNothing) {
     EXPECT_THAT(callsOf(trace), IsEmpty());
 }
 
-TEST_F(VornServerSocketTest, Close_ClosesTheListenerOnlyWhenNobodyUsesIt) {
-    Probe server(port, 5, "127.0.0.2");
-    const CallTrace trace;
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    const int listener = socketOf(server);
-    server.close();
-    expectQuiet(wait.outcome());
-    std::vector<std::string> uses;
-    for (const CallRecord& call : trace.records()) {
-        if (call.argument == listener && (call.name == "accept" || call.name == "close"))
-            uses.push_back(call.name);
-    }
-    EXPECT_THAT(uses, ElementsAre("accept", "close"));
-}
-
 TEST_F(VornServerSocketTest, WhenTheServersSideClosesAClientFirst_ThePortIsRefusedAfterwards) {
     // A port of its own, for it stays taken for a minute.
     constexpr int lost = 6023;
-    Probe server(lost, 5, "*");
-    server.init();
+    Probe probe(lost, 5, "*");
+    probe.init();
     const UniqueFd peer = tcpConnect("127.0.0.1", lost);
-    waitFor(server);
+    waitFor(probe);
     EXPECT_EQ(receiveToEnd(peer.get()), "");
-    server.close();
-    EXPECT_EQ(waitFor(server).failure,
+    probe.close();
+    EXPECT_EQ(waitFor(probe).failure,
               (Failure{"VornServerSocket::init: failed to bind socket.", EADDRINUSE}));
 }
 
 TEST_F(VornServerSocketTest, WhenTheClientClosesFirst_ThePortCanBeBoundAtOnce) {
-    Probe server(port, 5, "*");
     server.init();
     UniqueFd peer = tcpConnect("127.0.0.1", port);
     {
@@ -589,28 +412,15 @@ TEST_F(VornServerSocketTest, WhenTheClientClosesFirst_ThePortCanBeBoundAtOnce) {
 
 TEST_F(VornServerSocketTest, Client_WithIdentifyAndAnAnswerThatIsLong_IsAskedForWithMoreRoom) {
     useHostsFile("127.0.0.2 alpha.example alpha\n");
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    const TcpClient peer(port, "127.0.0.2");
     FaultRule tooShort("gethostbyaddr_r", 0, 1, 2);
     tooShort.returning(ERANGE);
     EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "alpha.example");
     EXPECT_EQ(tooShort.calls(), 3);
-    reset(peer);
-}
-
-TEST_F(VornServerSocketTest, Wait_WhenClosedBeforeItAccepts_EndsQuietly) {
-    Probe server(port, 5, "*");
-    server.init();
-    const CallTrace trace;
-    const RecordAction action(5, "ready, accepting connections", [&] { server.close(); });
-    expectQuiet(waitFor(server));
-    EXPECT_EQ(server.m_pSocketImpl, nullptr);
-    EXPECT_EQ(trace.calls("accept"), 0);
 }
 
 TEST_F(VornServerSocketTest, Wait_WhenAcceptFailsAndTheListenerCannotBeAsked_EndsQuietly) {
-    Probe server(port, 5, "*");
     server.init();
     const LogCapture log(4);
     const FaultRule accepting("accept", EMFILE);
@@ -621,7 +431,6 @@ TEST_F(VornServerSocketTest, Wait_WhenAcceptFailsAndTheListenerCannotBeAsked_End
 }
 
 TEST_F(VornServerSocketTest, Close_WhenAnotherIsFaster_DoesNothingMore) {
-    Probe server(port, 5, "*");
     server.init();
     const int listener = socketOf(server);
     const CallTrace trace;
@@ -666,12 +475,12 @@ TEST_F(VornServerSocketTest, Close_EndsAWaitThatADerivedClassDoesItself) {
         }
     };
 
-    const auto closeAWaitingOne = [](Probe&& server) {
+    const auto closeAWaitingOne = [](Probe&& probe) {
         isOpen = false;
-        ClientWait wait(server);
+        ClientWait wait(probe);
         ASSERT_TRUE(awaitCondition([&] { return isOpen.load(); }));
         ASSERT_TRUE(wait.awaitBlocked());
-        server.close();
+        probe.close();
         const bool hasEnded = wait.thread().join();
         EXPECT_TRUE(hasEnded);
         if (!hasEnded)
@@ -684,13 +493,11 @@ TEST_F(VornServerSocketTest, Close_EndsAWaitThatADerivedClassDoesItself) {
 }
 
 TEST_F(VornServerSocketTest, Client_WithIdentifyAndAnAnswerThatIsNeverLongEnough_IsGivenUpAt16Megabytes) {
-    Probe server(port, 5, "*");
     server.init();
-    UniqueFd peer = tcpConnect("127.0.0.1", port, "127.0.0.2");
+    const TcpClient peer(port, "127.0.0.2");
     FaultRule tooShort("gethostbyaddr_r", 0, 1, FaultRule::always);
     tooShort.returning(ERANGE);
     EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
     // 1,024 bytes at first, twice as much each time.
     EXPECT_EQ(tooShort.calls(), 15);
-    reset(peer);
 }
