@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <set>
 
 #include <signal.h>
@@ -36,26 +37,6 @@ struct Report {
     int descriptors; ///< more than before
     bool mayLeaveDescriptor;
     char note[200];
-};
-
-/** A report in memory that the child shares. */
-class SharedReport {
-public:
-    SharedReport()
-        : m_report(static_cast<Report*>(
-              ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-
-    ~SharedReport() { ::munmap(m_report, sizeof(Report)); }
-
-    SharedReport(const SharedReport&) = delete;
-    SharedReport& operator=(const SharedReport&) = delete;
-
-    Report& operator*() const { return *m_report; }
-
-    Report* operator->() const { return m_report; }
-
-private:
-    Report* m_report;
 };
 
 bool g_isLogging = false;
@@ -145,24 +126,13 @@ Ending provoke(const Operation& row, int nth, AllocationFault::Mode mode, Report
     return ending;
 }
 
-std::string nameOf(Ending ending) {
-    switch (ending) {
-    case allocatesNothing:
-        return "nothing";
-    case throwsBadAlloc:
-        return "std::bad_alloc";
-    case throwsVornException:
-        return "VornException";
-    case doesWithout:
-        return "an ordinary end";
-    case endsProcess:
-        return "the end of the process";
-    case neverReturns:
-        return "no return";
-    case throwsSomethingElse:
-        break;
-    }
-    return "another exception, a crash or a hang";
+const char* nameOf(Ending ending) {
+    static const std::map<Ending, const char*> names = {{throwsBadAlloc, "std::bad_alloc"},
+                                                        {throwsVornException, "VornException"},
+                                                        {doesWithout, "an ordinary end"},
+                                                        {endsProcess, "the end of the process"},
+                                                        {neverReturns, "no return"}};
+    return names.count(ending) == 1 ? names.at(ending) : "another exception, a crash or a hang";
 }
 
 const Operations& allOperations() {
@@ -175,12 +145,6 @@ const Operations& allOperations() {
     }();
     return all;
 }
-
-struct Figures {
-    int operations = 0;
-    int allocations = 0;
-    int failures = 0;
-};
 
 class AllocationFaults : public LeakCheckedTest {
 protected:
@@ -196,15 +160,14 @@ protected:
         ::unsetenv("QUORAX_CALLB_CONN_TYPE");
         g_isLogging = false;
         setLogging();
+        ::munmap(m_report, sizeof(Report));
         LeakCheckedTest::TearDown();
     }
 
     /** @param alsoAllowed what every operation may do besides */
     void failEachAllocation(unsigned alsoAllowed) {
-        for (const Operation& row : allOperations().rows()) {
+        for (const Operation& row : allOperations().rows())
             failEachAllocationOf(row, alsoAllowed);
-            ++m_figures.operations;
-        }
     }
 
     void failEachAllocationOf(const Operation& row, unsigned alsoAllowed) {
@@ -217,7 +180,7 @@ protected:
         if (row.allowed == allocatesNothing && alsoAllowed == 0) {
             EXPECT_EQ(0, allocations) << row.title;
         }
-        m_figures.allocations += allocations;
+        m_allocations += allocations;
         const int before = failedParts();
         for (const auto mode : {AllocationFault::Mode::once, AllocationFault::Mode::fromThenOn}) {
             for (int nth = 1; nth <= allocations && failedParts() == before; ++nth)
@@ -229,7 +192,7 @@ protected:
         const Ending ending = provoke(row, nth, mode, *m_report);
         if (m_report->allocations < nth)
             return; // another thread was faster this time
-        ++m_figures.failures;
+        ++m_failures;
         const std::string what = row.title + ": allocation " + std::to_string(nth) + " fails " +
                                  (mode == AllocationFault::Mode::once ? "once" : "with all later ones");
         EXPECT_TRUE((ending & allowed) != 0) << what << ", and there is " << nameOf(ending);
@@ -243,12 +206,15 @@ protected:
     }
 
     void print(const char* circumstance) const {
-        std::printf("allocation faults, %s: %d operations with %d allocations, %d failures provoked\n",
-                    circumstance, m_figures.operations, m_figures.allocations, m_figures.failures);
+        std::printf("allocation faults, %s: %zu operations with %d allocations, %d failures provoked\n",
+                    circumstance, allOperations().rows().size(), m_allocations, m_failures);
     }
 
-    SharedReport m_report;
-    Figures m_figures;
+    /** In memory that the children share. */
+    Report* const m_report = static_cast<Report*>(
+        ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    int m_allocations = 0;
+    int m_failures = 0;
 };
 
 TEST_F(AllocationFaults, LeadToWhatEachOperationPromisesAndNeverToALeakOrAHalfChangedObject) {

@@ -24,8 +24,7 @@ FaultyStage::FaultyStage(const Scenario& scenario, const CallFault& fault, const
     : m_scenario(scenario), m_fault(fault), m_promise(promise) {}
 
 Outcome FaultyStage::operator()(const std::function<std::string()>& action) {
-    m_rule.emplace(m_fault.function, m_fault.error, m_fault.nth,
-                   m_fault.isLasting ? FaultRule::always : m_fault.times,
+    m_rule.emplace(m_fault.function, m_fault.error, m_fault.nth, m_fault.isLasting ? FaultRule::always : 1,
                    m_scenario.isOfAllThreads ? 0 : currentTid());
     if (isLookUp(m_fault.function))
         m_rule->returning(m_fault.error);
@@ -76,11 +75,8 @@ Provoked expectPromise(const Scenario& scenario, const FailingCall& call, const 
 }
 
 std::string describe(const Scenario& scenario, const CallFault& fault) {
-    const std::string times = fault.isLasting    ? " from then on"
-                              : fault.times == 1 ? " once"
-                                                 : " " + std::to_string(fault.times) + " times";
     return scenario.name + ": " + fault.function + " number " + std::to_string(fault.nth) + " fails with " +
-           std::to_string(fault.error) + times;
+           std::to_string(fault.error) + (fault.isLasting ? " from then on" : " once");
 }
 
 std::string testNameOf(const Scenario& scenario) {

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-// A signal interrupts each blocking call, once and several times in a row. By contract no call is taken up
-// again: what comes of it is the end that is specified, with exactly those bytes on the wire that were
-// written before; and whoever begins the whole exchange again gets the same bytes as without the signal.
+// A signal interrupts each blocking call of a whole exchange, once and several times in a row. By contract no
+// call is taken up again: what comes of it is the end that is specified, with exactly those bytes on the wire
+// that were written before; and whoever begins the exchange again gets the same bytes as without the signal.
 
 #include "Await.h"
 #include "Exchange.h"
@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <set>
 
 using namespace VornTest;
@@ -28,60 +27,6 @@ bool isBlocking(const std::string& function) {
 }
 
 constexpr int cMostTimes = 3;
-
-int g_interruptions = 0;
-int g_sites = 0;
-
-/** Prints what the whole run has come to. */
-class Totals : public testing::Environment {
-    void TearDown() override {
-        if (g_interruptions > 0 && g_sites > 0)
-            std::printf("interruption: %d (call site, times in a row) of scenarios, %d call sites of whole "
-                        "exchanges\n",
-                        g_interruptions, g_sites);
-    }
-};
-
-[[maybe_unused]] testing::Environment* const totals = testing::AddGlobalTestEnvironment(new Totals);
-
-class InterruptionOfScenario : public LeakCheckedTest, public testing::WithParamInterface<std::size_t> {
-protected:
-    void SetUp() override {
-        LeakCheckedTest::SetUp();
-        useInterposition();
-    }
-
-    /** @return whether the call was reached */
-    bool interrupt(const Scenario& scenario, const FailingCall& call, int nth, int times) {
-        const CallFault fault = {call.function, EINTR, nth, false, times};
-        const Provoked provoked = expectPromise(scenario, call, fault);
-        m_leaked += provoked.leaked;
-        m_interruptions += provoked.failures > 0 ? 1 : 0;
-        return provoked.failures > 0 && !HasFailure();
-    }
-
-    int m_interruptions = 0;
-    int m_leaked = 0;
-};
-
-TEST_P(InterruptionOfScenario, LeadsToWhatIsPromised) {
-    const Scenario scenario = allScenarios()[GetParam()];
-    for (const FailingCall& call : scenario.calls) {
-        for (int times = 1; times <= cMostTimes && isBlocking(call.function); ++times) {
-            int nth = 1;
-            while (interrupt(scenario, call, nth, times) && !call.isOccasional)
-                ++nth;
-        }
-    }
-    expectDescriptorLeak(m_leaked);
-    std::printf("interruption of %s: %d (call site, times in a row)\n", scenario.name.c_str(),
-                m_interruptions);
-    g_interruptions += m_interruptions;
-}
-
-INSTANTIATE_TEST_SUITE_P(Scenarios, InterruptionOfScenario,
-                         testing::Range<std::size_t>(0, allScenarios().size()),
-                         [](const auto& test) { return testNameOf(allScenarios()[test.param]); });
 
 /** The calls that an exchange makes when nothing disturbs it. */
 std::vector<CallRecord> callsOf(const Exchange& exchange) {
@@ -147,9 +92,6 @@ TEST_P(InterruptionOfExchange, EndsItWithExactlyTheBytesThatWereWrittenBefore) {
     }
     EXPECT_GT(sites.size(), 1U);
     expectDescriptorLeak(leaked);
-    g_sites += static_cast<int>(sites.size());
-    std::printf("interruption of the whole %s exchange: %zu call sites\n", m_exchange.name.c_str(),
-                sites.size());
 }
 
 TEST_P(InterruptionOfExchange, LetsTheOneWhoBeginsAgainHaveTheSameBytes) {

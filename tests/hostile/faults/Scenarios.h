@@ -37,9 +37,8 @@ struct CallFault {
     int error = 0;
     /** Which one of the calls is the first to fail. */
     int nth = 1;
-    /** Whether it fails from then on always, or a number of times. */
+    /** Whether it fails from then on always, or once. */
     bool isLasting = false;
-    int times = 1;
 };
 
 /** What must come of a failure. */
