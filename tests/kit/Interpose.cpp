@@ -19,6 +19,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include <dlfcn.h>
@@ -156,40 +157,15 @@ public:
 
 private:
     template <typename State>
-    States<State>& list();
+    States<State>& list() {
+        return std::get<States<State>>(m_states);
+    }
 
     std::mutex m_mutex;
-    States<FaultState> m_faults;
-    States<TraceState> m_traces;
-    States<ScriptState> m_scripts;
-    States<HookState> m_hooks;
-    States<LimitState> m_limits;
+    std::tuple<States<FaultState>, States<TraceState>, States<ScriptState>, States<HookState>,
+               States<LimitState>>
+        m_states;
 };
-
-template <>
-States<FaultState>& Registry::list<FaultState>() {
-    return m_faults;
-}
-
-template <>
-States<TraceState>& Registry::list<TraceState>() {
-    return m_traces;
-}
-
-template <>
-States<ScriptState>& Registry::list<ScriptState>() {
-    return m_scripts;
-}
-
-template <>
-States<HookState>& Registry::list<HookState>() {
-    return m_hooks;
-}
-
-template <>
-States<LimitState>& Registry::list<LimitState>() {
-    return m_limits;
-}
 
 bool matches(int wanted, int fd) {
     return wanted == anyDescriptor || wanted == fd;
@@ -210,7 +186,7 @@ bool countAndDecide(FaultState& rule) {
 std::optional<Injection> Registry::injectionFor(const CallRecord& call) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::optional<Injection> result;
-    for (const auto& rule : m_faults) {
+    for (const auto& rule : list<FaultState>()) {
         // Each rule counts each call, also one which another rule lets fail.
         if (countsFor(*rule, call) && countAndDecide(*rule) && !result) {
             ++rule->failures;
@@ -239,7 +215,7 @@ Injection takeStep(ScriptState& script, const RecvRequest& request, char* buffer
 std::optional<Injection> Registry::scripted(const RecvRequest& request, char* buffer) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::optional<Injection> result;
-    for (const auto& script : m_scripts) {
+    for (const auto& script : list<ScriptState>()) {
         if (!matches(script->fd, request.fd))
             continue;
         script->requests.push_back(request);
@@ -251,7 +227,7 @@ std::optional<Injection> Registry::scripted(const RecvRequest& request, char* bu
 
 std::size_t Registry::limited(int fd, std::size_t length) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto& limit : m_limits) {
+    for (const auto& limit : list<LimitState>()) {
         if (matches(limit->fd, fd))
             length = std::min(length, limit->maximum);
     }
@@ -261,7 +237,7 @@ std::size_t Registry::limited(int fd, std::size_t length) {
 std::vector<std::function<void()>> Registry::hooksFor(const std::string& function) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::function<void()>> result;
-    for (const auto& hook : m_hooks) {
+    for (const auto& hook : list<HookState>()) {
         if (hook->function == function && hook->times > 0) {
             --hook->times;
             result.push_back(hook->action);
@@ -272,7 +248,7 @@ std::vector<std::function<void()>> Registry::hooksFor(const std::string& functio
 
 void Registry::record(const CallRecord& call) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto& trace : m_traces) {
+    for (const auto& trace : list<TraceState>()) {
         if (trace->tid == 0 || trace->tid == call.tid)
             trace->records.push_back(call);
     }

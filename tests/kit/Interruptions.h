@@ -6,9 +6,33 @@
 #include <atomic>
 #include <csignal>
 
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 namespace VornTest {
+
+/** While it exists, sendTo() ends a system call of a thread with EINTR. */
+class InterruptingSignal {
+public:
+    /** @param flags of the handler, such as SA_RESTART */
+    explicit InterruptingSignal(int flags = 0) {
+        struct sigaction action = {};
+        action.sa_flags = flags;
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGUSR1, &action, &m_oldAction);
+    }
+
+    ~InterruptingSignal() { ::sigaction(SIGUSR1, &m_oldAction, nullptr); }
+
+    InterruptingSignal(const InterruptingSignal&) = delete;
+    InterruptingSignal& operator=(const InterruptingSignal&) = delete;
+
+    static void sendTo(pid_t tid) { ::syscall(SYS_tgkill, ::getpid(), tid, SIGUSR1); }
+
+private:
+    struct sigaction m_oldAction = {};
+};
 
 /**
  * Interrupts the program every few milliseconds while it exists, by signals that are handled without

@@ -22,7 +22,6 @@
 #include <climits>
 #include <iostream>
 #include <iterator>
-#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -276,14 +275,16 @@ protected:
 
     template <typename Operation>
     void expectWritten(const std::string& hexText, Operation write) {
+        link = GetParam().makeLink();
         VornConnection& connection = link->writer();
-        EXPECT_EQ(failureOf([&] { write(connection); }), unless(writeFailed));
+        EXPECT_EQ(failureOf([&] { write(connection); }), unless(writeFailed)) << hexText.substr(0, 40);
         EXPECT_EQ(hex(link->written()), carriesData() ? hexText : "");
     }
 
     /** Reads a value off these bytes, of which none may be left. */
     template <typename Value, typename Operation>
     void expectRead(const std::string& incoming, const Value& expected, Operation read) {
+        link = GetParam().makeLink();
         VornConnection& connection = link->reader(incoming);
         std::optional<Value> value;
         EXPECT_EQ(failureOf([&] { value = read(connection); }), unless(readFailed));
@@ -344,68 +345,28 @@ KIT_ROLE(hostileString) {
 
 // Writing.
 
-TEST_P(ConnectionConformanceTest, LongIsWrittenWithItsLowHalfFirst) {
-    expectWritten("12 34 56 78 00 00 00 00", [](VornConnection& to) { to.transfer(305419896L); });
-}
-
-TEST_P(ConnectionConformanceTest, OfANegativeLongTheLowHalfIsWritten) {
-    expectWritten("ff ff ff ff 00 00 00 00", [](VornConnection& to) { to.transfer(-1L); });
-}
-
-TEST_P(ConnectionConformanceTest, OfALongAbove32BitsTheLowHalfIsWritten) {
-    expectWritten("00 00 00 05 00 00 00 00", [](VornConnection& to) { to.transfer(0x100000005L); });
-}
-
-TEST_P(ConnectionConformanceTest, IntIsWrittenMostSignificantByteFirst) {
-    expectWritten("00 00 00 01 80 00 00 00", [](VornConnection& to) {
-        to.transfer(1);
-        to.transfer(INT_MIN);
-    });
-}
-
-TEST_P(ConnectionConformanceTest, ShortIsWrittenMostSignificantByteFirst) {
-    expectWritten("ff fe", [](VornConnection& to) { to.transfer(static_cast<short>(-2)); });
-}
-
-TEST_P(ConnectionConformanceTest, BoolIsWrittenAsShort) {
-    expectWritten("00 01 00 00", [](VornConnection& to) {
-        to.transfer(true);
-        to.transfer(false);
-    });
-}
-
-TEST_P(ConnectionConformanceTest, StringIsWrittenBehindItsLength) {
-    expectWritten("00 00 00 03 61 62 63", [](VornConnection& to) { to.transfer(VornString("abc")); });
-}
-
-TEST_P(ConnectionConformanceTest, EmptyStringIsWrittenAsItsLengthAlone) {
-    expectWritten("00 00 00 00", [](VornConnection& to) { to.transfer(VornString()); });
-}
-
-TEST_P(ConnectionConformanceTest, StringWithAZeroByteIsWrittenWhole) {
-    expectWritten("00 00 00 03 61 00 62", [](VornConnection& to) { to.transfer(VornString("a\0b", 3)); });
-}
-
-TEST_P(ConnectionConformanceTest, LiteralIsWrittenAsString) {
-    expectWritten("00 00 00 03 61 62 63", [](VornConnection& to) { to.transfer("abc"); });
+TEST_P(ConnectionConformanceTest, EachValueIsWrittenAsItsBytes) {
+    using C = VornConnection;
+    expectWritten("12 34 56 78 00 00 00 00", [](C& to) { to.transfer(305419896L); }); // the low half first
+    expectWritten("ff ff ff ff 00 00 00 00", [](C& to) { to.transfer(-1L); });
+    expectWritten("00 00 00 05 00 00 00 00", [](C& to) { to.transfer(0x100000005L); });
+    expectWritten("00 00 00 01", [](C& to) { to.transfer(1); });
+    expectWritten("80 00 00 00", [](C& to) { to.transfer(INT_MIN); });
+    expectWritten("ff fe", [](C& to) { to.transfer(static_cast<short>(-2)); });
+    expectWritten("00 01", [](C& to) { to.transfer(true); });
+    expectWritten("00 00", [](C& to) { to.transfer(false); });
+    expectWritten("00 00 00 03 61 62 63", [](C& to) { to.transfer(VornString("abc")); });
+    expectWritten("00 00 00 00", [](C& to) { to.transfer(VornString()); });
+    expectWritten("00 00 00 03 61 00 62", [](C& to) { to.transfer(VornString("a\0b", 3)); });
+    expectWritten("00 00 00 03 61 62 63", [](C& to) { to.transfer("abc"); });
+    expectWritten("00 01 00 00", [](C& to) { to.transferACK(); });
+    expectWritten("00 01 ff ff", [](C& to) { to.transferError(); });
+    expectWritten("00 ff 7f", [](C& to) { to.put(bytes("00 ff 7f").data(), 3); });
 }
 
 TEST_P(ConnectionConformanceTest, LargeStringIsWrittenWhole) {
     const std::string text(60'000, 't');
     expectWritten("00 00 ea 60 " + hex(text), [&](VornConnection& to) { to.transfer(text); });
-}
-
-TEST_P(ConnectionConformanceTest, AcknowledgementIsOneAndZero) {
-    expectWritten("00 01 00 00", [](VornConnection& to) { to.transferACK(); });
-}
-
-TEST_P(ConnectionConformanceTest, ErrorTokenIsOneAndMinusOne) {
-    expectWritten("00 01 ff ff", [](VornConnection& to) { to.transferError(); });
-}
-
-TEST_P(ConnectionConformanceTest, PutWritesTheBytesAsTheyAre) {
-    char data[] = "\x00\xff\x7f";
-    expectWritten("00 ff 7f", [&](VornConnection& to) { to.put(data, 3); });
 }
 
 TEST_P(ConnectionConformanceTest, ValuesFollowEachOtherWithoutPadding) {
@@ -436,45 +397,22 @@ TEST_P(ConnectionConformanceTest, ARawWriteReturnsItsCount) {
 
 // Reading.
 
-TEST_P(ConnectionConformanceTest, LongIsReadUnsignedAndItsLastBytesIgnored) {
-    expectRead(bytes("ff ff ff fb 11 22 33 44"), 4294967291L,
-               [](VornConnection& from) { return from.receiveLong(); });
-}
-
-TEST_P(ConnectionConformanceTest, IntIsReadMostSignificantByteFirst) {
-    expectRead(bytes("80 00 00 01"), -2147483647, [](VornConnection& from) { return from.receiveInt(); });
-}
-
-TEST_P(ConnectionConformanceTest, ShortIsReadMostSignificantByteFirst) {
-    expectRead(bytes("ff fe"), static_cast<short>(-2),
-               [](VornConnection& from) { return from.receiveShort(); });
-}
-
-TEST_P(ConnectionConformanceTest, StringIsReadBehindItsLength) {
-    expectRead(bytes("00 00 00 03 61 62 63"), VornString("abc"),
-               [](VornConnection& from) { return from.receiveString(); });
-}
-
-TEST_P(ConnectionConformanceTest, EmptyStringIsReadFromItsLengthAlone) {
-    expectRead(bytes("00 00 00 00"), VornString(), [](VornConnection& from) { return from.receiveString(); });
-}
-
-TEST_P(ConnectionConformanceTest, StringIsCutAtItsFirstZeroByteAndConsumedWhole) {
-    expectRead(bytes("00 00 00 03 61 00 62"), VornString("a"),
-               [](VornConnection& from) { return from.receiveString(); });
+TEST_P(ConnectionConformanceTest, EachValueIsReadFromItsBytes) {
+    using C = VornConnection;
+    const auto readString = [](C& from) { return from.receiveString(); };
+    // Unsigned, and its last bytes are ignored.
+    expectRead(bytes("ff ff ff fb 11 22 33 44"), 4294967291L, [](C& from) { return from.receiveLong(); });
+    expectRead(bytes("80 00 00 01"), -2147483647, [](C& from) { return from.receiveInt(); });
+    expectRead(bytes("ff fe"), static_cast<short>(-2), [](C& from) { return from.receiveShort(); });
+    expectRead(bytes("00 00 00 03 61 62 63"), VornString("abc"), readString);
+    expectRead(bytes("00 00 00 00"), VornString(), readString);
+    expectRead(bytes("00 00 00 03 61 00 62"), VornString("a"), readString); // it is consumed whole
 }
 
 TEST_P(ConnectionConformanceTest, LargeStringIsReadWhole) {
     const std::string text(60'000, 't');
     expectRead(bytes("00 00 ea 60") + text, VornString(text),
                [](VornConnection& from) { return from.receiveString(); });
-}
-
-TEST_P(ConnectionConformanceTest, TokensAreReadAsTwoShorts) {
-    expectRead(bytes("00 01 ff ff"), std::string("1 -1"), [](VornConnection& from) {
-        const std::string first = std::to_string(from.receiveShort());
-        return first + " " + std::to_string(from.receiveShort());
-    });
 }
 
 TEST_P(ConnectionConformanceTest, GetReadsExactlyWhatItIsAskedFor) {
@@ -578,16 +516,11 @@ TEST_P(ConnectionConformanceTest, LinesAreReadOneByOne) {
     EXPECT_EQ(getLine(connection), lineUnlessNotConnected("line three"));
 }
 
-TEST_P(ConnectionConformanceTest, WithoutALineEndThereIsNoLine) {
-    EXPECT_EQ(getLine(link->reader("def")), lineUnlessNotConnected("null"));
-}
-
-TEST_P(ConnectionConformanceTest, LineWithATabIsNoLine) {
-    EXPECT_EQ(getLine(link->reader("a\tb\r\n")), lineUnlessNotConnected("null"));
-}
-
-TEST_P(ConnectionConformanceTest, LineWithAByteAboveAsciiIsNoLine) {
-    EXPECT_EQ(getLine(link->reader("a\xc3\xa4\r\n")), lineUnlessNotConnected("null"));
+TEST_P(ConnectionConformanceTest, WithoutALineEndOrWithAByteThatIsNotPrintable_ThereIsNoLine) {
+    for (const char* incoming : {"def", "a\tb\r\n", "a\xc3\xa4\r\n"}) {
+        link = GetParam().makeLink();
+        EXPECT_EQ(getLine(link->reader(incoming)), lineUnlessNotConnected("null")) << incoming;
+    }
 }
 
 // State.
@@ -615,23 +548,3 @@ TEST_P(ConnectionConformanceTest, LocalAccessIsOnlyKept) {
 
 INSTANTIATE_TEST_SUITE_P(Connection, ConnectionConformanceTest, testing::ValuesIn(kinds),
                          [](const auto& kind) { return std::string(kind.param.name); });
-
-TEST(ConnectionConformance, EveryKindHasEveryCase) {
-    std::map<std::string, int> cases;
-    const testing::UnitTest& program = *testing::UnitTest::GetInstance();
-    for (int i = 0; i < program.total_test_suite_count(); ++i) {
-        const testing::TestSuite& suite = *program.GetTestSuite(i);
-        if (std::string(suite.name()) != "Connection/ConnectionConformanceTest")
-            continue;
-        for (int j = 0; j < suite.total_test_count(); ++j) {
-            const std::string name = suite.GetTestInfo(j)->name();
-            ++cases[name.substr(name.find('/') + 1)];
-        }
-    }
-    EXPECT_EQ(cases.size(), std::size(kinds));
-    for (const Kind& kind : kinds) {
-        std::cout << "conformance cases of " << kind.name << ": " << cases[kind.name] << '\n';
-        EXPECT_EQ(cases[kind.name], cases[kinds[0].name]) << kind.name;
-        EXPECT_GT(cases[kind.name], 0) << kind.name;
-    }
-}

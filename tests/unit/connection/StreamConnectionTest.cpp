@@ -7,6 +7,7 @@
 #include "Await.h"
 #include "ConnectionTestTools.h"
 #include "Interpose.h"
+#include "Interruptions.h"
 #include "LeakCheckedTest.h"
 #include "Process.h"
 #include "Sandbox.h"
@@ -107,26 +108,6 @@ private:
     std::optional<SocketPair> m_pair;
 };
 
-extern "C" void doNothing(int /*signal*/) {}
-
-/** Handles a signal without SA_RESTART while it exists. */
-class InterruptingSignal {
-public:
-    InterruptingSignal() {
-        struct sigaction action = {};
-        action.sa_handler = &doNothing;
-        ::sigaction(SIGUSR1, &action, &m_old);
-    }
-
-    ~InterruptingSignal() { ::sigaction(SIGUSR1, &m_old, nullptr); }
-
-    InterruptingSignal(const InterruptingSignal&) = delete;
-    InterruptingSignal& operator=(const InterruptingSignal&) = delete;
-
-private:
-    struct sigaction m_old = {};
-};
-
 } // namespace
 
 KIT_ROLE(writeToNobody) {
@@ -196,7 +177,7 @@ TEST_P(StreamConnectionTest, WhenASignalArrives_AWriteIsBrokenOff) {
     EXPECT_TRUE(awaitBlockedIn(writer.tid(), {SYS_sendto}));
     // A send() which had taken some bytes already returns their count, and the next one is interrupted.
     EXPECT_TRUE(awaitCondition([&] {
-        ::pthread_kill(writer.handle(), SIGUSR1);
+        InterruptingSignal::sendTo(writer.tid());
         return writer.finished();
     }));
     EXPECT_TRUE(writer.join());
@@ -285,7 +266,7 @@ TEST_P(StreamConnectionTest, WhenASignalArrives_AReadIsBrokenOff) {
     std::optional<Failure> failed;
     WatchedThread reader([&] { failed = failureOf([&] { connection->receiveInt(); }); });
     EXPECT_TRUE(awaitBlockedIn(reader.tid(), {SYS_recvfrom}));
-    ::pthread_kill(reader.handle(), SIGUSR1);
+    InterruptingSignal::sendTo(reader.tid());
     EXPECT_TRUE(reader.join());
     EXPECT_EQ(failed, failure(readFailed, EINTR));
     EXPECT_EQ(rawWrite(*connection, "still usable"), raw(12, 0));

@@ -287,6 +287,28 @@ std::vector<std::string> recordsOf(const std::string& className, const LogCaptur
     return result;
 }
 
+std::vector<std::string> sinkRecords(const LogCapture& log) {
+    return recordsOf("VornLibraryCallbackSink", log);
+}
+
+std::string debugRecord(const std::string& text) {
+    return "9 VornLibraryCallbackSink::" + text;
+}
+
+std::string ownPipeName() {
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "quorax%x", static_cast<unsigned>(::getpid()));
+    return text.data();
+}
+
+std::string firstAddress(Kind kind) {
+    return kind == Kind::pipe ? "pipe:" + ownPipeName() : nameOf(kind) + ":127.0.0.1:5023";
+}
+
+std::string addressWithPort(Kind kind, int port) {
+    return nameOf(kind) + ":127.0.0.1:" + std::to_string(port);
+}
+
 Traffic::Traffic(int threads) {
     for (int i = 0; i < threads; ++i)
         m_threads.emplace_back([this] { send(); });

@@ -196,6 +196,20 @@ void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std
 /** The records of the class, each with its level in front. */
 std::vector<std::string> recordsOf(const std::string& className, const LogCapture& log);
 
+/** The same of the sink's class, and how one of them looks. @{ */
+std::vector<std::string> sinkRecords(const LogCapture& log);
+std::string debugRecord(const std::string& text);
+/** @} */
+
+/** The name of the first pipe of this process. */
+std::string ownPipeName();
+
+/** The address of the first sink of that kind in a process, and one with another port. @{ */
+std::string firstAddress(Kind kind);
+std::string addressWithPort(Kind kind, int port);
+
+/** @} */
+
 /** Sends notifications for id 0 without pause, wherever it is aimed at, while it exists. */
 class Traffic {
 public:
@@ -222,6 +236,9 @@ protected:
     void SetUp() override;
     void TearDown() override;
 };
+
+/** The same for each kind of sink. */
+class NotificationTestOfKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
 /**
  * The life of a client in a process of its own: it makes a sink with @p callbacks callbacks and prints the

@@ -22,7 +22,7 @@ namespace {
 
 using testing::Values;
 
-class NotificationRoad : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class NotificationRoad : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, NotificationRoad, Values(Kind::pipe, Kind::socket, Kind::udp),
                          [](const auto& parameter) { return nameOf(parameter.param); });

@@ -37,42 +37,14 @@ using Connection = VornSmartPointer<VornConnection>;
 
 class VornLibraryCallbackSink_Delivery : public NotificationTest {};
 
-class VornLibraryCallbackSink_DeliveryOfAnyKind : public NotificationTest,
-                                                  public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_DeliveryOfAnyKind : public NotificationTestOfKind {};
 
-class VornLibraryCallbackSink_DeliveryOnStreams : public NotificationTest,
-                                                  public testing::WithParamInterface<Kind> {};
-
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+class VornLibraryCallbackSink_DeliveryOnStreams : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_DeliveryOfAnyKind,
-                         Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+                         Values(Kind::pipe, Kind::socket, Kind::udp), testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_DeliveryOnStreams, Values(Kind::pipe, Kind::socket),
-                         kindName);
-
-std::string ownPipeName() {
-    std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "quorax%x", static_cast<unsigned>(::getpid()));
-    return text.data();
-}
-
-/** The address of the first sink of that kind in a process. */
-std::string firstAddress(Kind kind) {
-    return kind == Kind::pipe ? "pipe:" + ownPipeName() : nameOf(kind) + ":127.0.0.1:5023";
-}
-
-std::string addressWithPort(Kind kind, int port) {
-    return nameOf(kind) + ":127.0.0.1:" + std::to_string(port);
-}
-
-/** A record of the sink's class, as recordsOf() shows it. */
-std::string debugRecord(const std::string& text) {
-    return "9 VornLibraryCallbackSink::" + text;
-}
-
-std::vector<std::string> sinkRecords(const LogCapture& log) {
-    return recordsOf("VornLibraryCallbackSink", log);
-}
+                         testing::PrintToStringParamName());
 
 } // namespace
 

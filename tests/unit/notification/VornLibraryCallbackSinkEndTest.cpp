@@ -8,6 +8,7 @@
 #include "NotificationPeer.h"
 #include "Process.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 
 #include <algorithm>
 #include <array>
@@ -37,36 +38,21 @@ using VornNet::VornSmartPointer;
 
 using Connection = VornSmartPointer<VornConnection>;
 
-#if defined(__has_feature)
-#    if __has_feature(thread_sanitizer)
-#        define VORNTEST_IS_SLOW
-#    endif
-#elif defined(__SANITIZE_THREAD__)
-#    define VORNTEST_IS_SLOW
-#endif
-#ifdef VORNTEST_IS_SLOW
-constexpr int destructions = 50;
-#else
-constexpr int destructions = 200;
-#endif
+constexpr int destructions = underThreadSanitizer ? 50 : 200;
 
 /** Far beyond the 200 ms after which a destructor cuts clients off. */
 constexpr std::chrono::milliseconds endsWithin = 5s;
 
 class VornLibraryCallbackSink_End : public NotificationTest {};
 
-class VornLibraryCallbackSink_EndOfAnyKind : public NotificationTest,
-                                             public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_EndOfAnyKind : public NotificationTestOfKind {};
 
-class VornLibraryCallbackSink_EndOnStreams : public NotificationTest,
-                                             public testing::WithParamInterface<Kind> {};
-
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+class VornLibraryCallbackSink_EndOnStreams : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_EndOfAnyKind,
-                         Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+                         Values(Kind::pipe, Kind::socket, Kind::udp), testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_EndOnStreams, Values(Kind::pipe, Kind::socket),
-                         kindName);
+                         testing::PrintToStringParamName());
 
 /** Destroys a sink; false if that takes too long. */
 bool destroyInTime(WatchedSink& sink) {
@@ -117,7 +103,7 @@ TEST_P(VornLibraryCallbackSink_EndOfAnyKind, WhileItWaits_WaitEndsWithoutClient)
     ASSERT_TRUE(sink.awaitServing());
     log.clear();
     EXPECT_TRUE(destroyInTime(sink));
-    EXPECT_THAT(recordsOf("VornLibraryCallbackSink", log),
+    EXPECT_THAT(sinkRecords(log),
                 ElementsAre("9 VornLibraryCallbackSink::~VornLibraryCallbackSink: closing socket",
                             "9 VornLibraryCallbackSink::run: NULL returned from waitForClient : " + address +
                                 ", exiting",

@@ -5,6 +5,7 @@
  */
 
 #include "Interpose.h"
+#include "Interruptions.h"
 #include "NotificationPeer.h"
 #include "Process.h"
 #include "Sandbox.h"
@@ -43,32 +44,18 @@ using Connection = VornSmartPointer<VornConnection>;
 
 class VornLibraryCallbackSink_Failure : public NotificationTest {};
 
-class VornLibraryCallbackSink_FailureOfAnyKind : public NotificationTest,
-                                                 public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_FailureOfAnyKind : public NotificationTestOfKind {};
 
-class VornLibraryCallbackSink_FailureOnStreams : public NotificationTest,
-                                                 public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_FailureOnStreams : public NotificationTestOfKind {};
 
-class VornLibraryCallbackSink_FailureOnPorts : public NotificationTest,
-                                               public testing::WithParamInterface<Kind> {};
-
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+class VornLibraryCallbackSink_FailureOnPorts : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOfAnyKind,
-                         Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
+                         Values(Kind::pipe, Kind::socket, Kind::udp), testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOnStreams, Values(Kind::pipe, Kind::socket),
-                         kindName);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_FailureOnPorts, Values(Kind::socket, Kind::udp),
-                         kindName);
-
-/** A record of the sink's class, as recordsOf() shows it. */
-std::string debugRecord(const std::string& text) {
-    return "9 VornLibraryCallbackSink::" + text;
-}
-
-std::vector<std::string> sinkRecords(const LogCapture& log) {
-    return recordsOf("VornLibraryCallbackSink", log);
-}
+                         testing::PrintToStringParamName());
 
 RecordingCallback::Action throwing(int code) {
     return [code](Connection& connection) -> std::string {
@@ -94,26 +81,6 @@ void letPass(std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
     awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
 }
-
-/** A signal's handler that does nothing but interrupt system calls. */
-class InterruptingSignal {
-public:
-    InterruptingSignal() {
-        struct sigaction action = {};
-        action.sa_handler = [](int) {};
-        ::sigaction(SIGUSR1, &action, &m_before);
-    }
-
-    ~InterruptingSignal() { ::sigaction(SIGUSR1, &m_before, nullptr); }
-
-    InterruptingSignal(const InterruptingSignal&) = delete;
-    InterruptingSignal& operator=(const InterruptingSignal&) = delete;
-
-    static void sendTo(pid_t tid) { ::syscall(SYS_tgkill, ::getpid(), tid, SIGUSR1); }
-
-private:
-    struct sigaction m_before = {};
-};
 
 } // namespace
 

@@ -34,22 +34,18 @@ using Connection = VornNet::VornSmartPointer<VornNet::VornConnection>;
 constexpr int exitStatus = 7;
 constexpr int everyTime = std::numeric_limits<int>::max();
 
-class VornLibraryCallbackSink_Fork : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_Fork : public NotificationTestOfKind {};
 
-class VornLibraryCallbackSink_ForkOnPorts : public NotificationTest,
-                                            public testing::WithParamInterface<Kind> {};
+class VornLibraryCallbackSink_ForkOnPorts : public NotificationTestOfKind {};
 
-class VornLibraryCallbackSink_ForkOnStreams : public NotificationTest,
-                                              public testing::WithParamInterface<Kind> {};
-
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+class VornLibraryCallbackSink_ForkOnStreams : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_Fork, Values(Kind::pipe, Kind::socket, Kind::udp),
-                         kindName);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_ForkOnPorts, Values(Kind::socket, Kind::udp),
-                         kindName);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Kind, VornLibraryCallbackSink_ForkOnStreams, Values(Kind::pipe, Kind::socket),
-                         kindName);
+                         testing::PrintToStringParamName());
 
 /** Starts a program that does nothing, as posix_spawn() does it: without the handlers of fork(). */
 pid_t spawnProgram() {

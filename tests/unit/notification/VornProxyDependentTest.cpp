@@ -39,15 +39,14 @@ using ProxyPointer = VornSmartPointer<Proxy>;
 
 class VornProxyDependent : public NotificationTest {};
 
-class VornProxyDependent_OfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornProxyDependent_OfAnyKind : public NotificationTestOfKind {};
 
-class VornProxyDependent_OnStreams : public NotificationTest, public testing::WithParamInterface<Kind> {};
-
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+class VornProxyDependent_OnStreams : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
-                         kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OnStreams, Values(Kind::pipe, Kind::socket), kindName);
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Kind, VornProxyDependent_OnStreams, Values(Kind::pipe, Kind::socket),
+                         testing::PrintToStringParamName());
 
 /** A proxy whose content is up to the test. */
 class WritingProxy : public Proxy {

@@ -7,6 +7,7 @@
 #include "Checkpoint.h"
 #include "Failure.h"
 #include "Interpose.h"
+#include "Interruptions.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -19,7 +20,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
-#include <csignal>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -35,7 +35,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
-#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -165,28 +164,6 @@ public:
 
     RecordAction(const RecordAction&) = delete;
     RecordAction& operator=(const RecordAction&) = delete;
-};
-
-/** While it exists, interrupt() ends a system call of a thread with EINTR. */
-class Interrupter {
-public:
-    /** @param flags of the handler, such as SA_RESTART */
-    explicit Interrupter(int flags = 0) {
-        struct sigaction action = {};
-        action.sa_flags = flags;
-        action.sa_handler = [](int) {};
-        ::sigaction(SIGUSR1, &action, &m_old);
-    }
-
-    ~Interrupter() { ::sigaction(SIGUSR1, &m_old, nullptr); }
-
-    Interrupter(const Interrupter&) = delete;
-    Interrupter& operator=(const Interrupter&) = delete;
-
-    static void interrupt(WatchedThread& thread) { ::pthread_kill(thread.handle(), SIGUSR1); }
-
-private:
-    struct sigaction m_old = {};
 };
 
 /**

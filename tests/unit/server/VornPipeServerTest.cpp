@@ -565,22 +565,22 @@ TEST_F(VornPipeServerTest, Wait_WhenSelectReturnsNothing_ReportsAReadErrorToo) {
 }
 
 TEST_F(VornPipeServerTest, Wait_WhenASignalInterruptsIt_ReportsAReadErrorAndTheServerGoesOnListening) {
-    const Interrupter interrupter;
+    const InterruptingSignal signal;
     Probe server("kite");
     ClientWait wait(server);
     ASSERT_TRUE(wait.awaitBlocked());
-    Interrupter::interrupt(wait.thread());
+    InterruptingSignal::sendTo(wait.thread().tid());
     EXPECT_EQ(wait.outcome().failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
     const UniqueFd peer = unixConnect(pipePath("kite"));
     EXPECT_NE(waitFor(server).client(), nullptr);
 }
 
 TEST_F(VornPipeServerTest, Wait_WhenTheInterruptingHandlerIsToRestartCalls_ReportsAReadErrorAllTheSame) {
-    const Interrupter interrupter(SA_RESTART);
+    const InterruptingSignal signal(SA_RESTART);
     Probe server("kite");
     ClientWait wait(server);
     ASSERT_TRUE(wait.awaitBlocked());
-    Interrupter::interrupt(wait.thread());
+    InterruptingSignal::sendTo(wait.thread().tid());
     EXPECT_EQ(wait.outcome().failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
 }
 

@@ -297,10 +297,10 @@ TEST_F(VornServerSocketTest, Wait_AfterAnyOtherAcceptError_LogsAtLevel1AndAccept
 }
 
 TEST_F(VornServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyAndTheServerGoesOnListening) {
-    const Interrupter interrupter;
+    const InterruptingSignal signal;
     ClientWait wait(server);
     ASSERT_TRUE(wait.awaitBlocked());
-    Interrupter::interrupt(wait.thread());
+    InterruptingSignal::sendTo(wait.thread().tid());
     expectQuiet(wait.outcome());
     EXPECT_NE(socketOf(server), -1);
     const TcpClient peer(port);

@@ -283,12 +283,12 @@ TEST_F(VornUDPServerSocketTest, Wait_AfterAnyOtherError_LogsAtLevel1AndReceivesA
 }
 
 TEST_F(VornUDPServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyWithCode4) {
-    const Interrupter interrupter;
+    const InterruptingSignal signal;
     server.init();
     ImplOutcome outcome;
     WatchedThread thread([&] { outcome = waitForImpl(server); });
     ASSERT_TRUE(awaitBlockedInIo(thread.tid()));
-    Interrupter::interrupt(thread);
+    InterruptingSignal::sendTo(thread.tid());
     ASSERT_TRUE(thread.join());
     EXPECT_EQ(outcome.client(), nullptr);
     EXPECT_EQ(outcome.text, untouchedText);
