@@ -6,7 +6,6 @@
 
 #include "Await.h"
 #include "Exchange.h"
-#include "FaultyStage.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
