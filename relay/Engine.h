@@ -66,7 +66,7 @@ public:
         std::string sError;            ///< empty when it is open
         std::uint64_t nHandedOut = 0;  ///< the highest position that it had handed out before
         std::uint64_t nUnanswered = 0; ///< how many up to there are not acknowledged, and will come again
-        std::chrono::milliseconds comesAgain{0}; ///< within this time
+        std::chrono::milliseconds comesAgain{0}; ///< within this time; 0: it is new, and all comes in order
     };
 
     /** How full a stream is. */

@@ -67,9 +67,9 @@ void StreamReader::arrived(Engine::Arrival&& arrival) {
     held->second = {arrival.sConsumer, std::move(arrival.sReceipt)};
     if (bIsNew)
         ++consumer.nHeld;
-    if (bIsNew && consumer.nAwaited > 0) {
+    if (bIsNew && (!consumer.bOpen || consumer.nAwaited > 0)) {
         consumer.keptBack.emplace(arrival.nPosition, std::move(arrival.message));
-        if (arrival.nPosition <= consumer.nHandedOut && --consumer.nAwaited == 0)
+        if (consumer.bOpen && arrival.nPosition <= consumer.nHandedOut && --consumer.nAwaited == 0)
             handOn(consumer);
     } else if (bIsNew) {
         m_onMessage(arrival.nPosition, std::move(arrival.message));
@@ -142,6 +142,12 @@ void StreamReader::open(const std::string& sConsumer) {
 
 /** What is still held from before needs not be waited for. */
 void StreamReader::opened(Consumer& consumer, const Engine::Opened& opened) {
+    if (opened.comesAgain == milliseconds(0)) {
+        for (const auto& [nPosition, message] : std::exchange(consumer.keptBack, {})) {
+            m_held.erase(nPosition);
+            --consumer.nHeld;
+        }
+    }
     const auto nKept =
         static_cast<std::uint64_t>(std::count_if(m_held.begin(), m_held.end(), [&](const auto& entry) {
             return &m_consumers.at(entry.second.sConsumer) == &consumer && entry.first <= opened.nHandedOut;
@@ -181,7 +187,7 @@ void StreamReader::look() {
     for (auto& [sConsumer, consumer] : m_consumers) {
         if (m_bConnected && !consumer.bOpen)
             open(sConsumer);
-        if (consumer.nAwaited > 0 && now > consumer.awaitedUntil)
+        if (consumer.bOpen && consumer.nAwaited > 0 && now > consumer.awaitedUntil)
             handOn(consumer); // they were acknowledged just before
         ask(sConsumer, consumer);
         if (consumer.nAsked > 0 && now - consumer.lastSign > cPullLost) {

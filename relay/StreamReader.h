@@ -21,7 +21,8 @@ namespace VornRelay {
  *
  * A consumer that this host may not open anew lets newer messages pass those that it has handed out before,
  * which come again only after a time. So what arrives is kept back until these are all there, and then handed
- * on in order.
+ * on in order. What arrives before a consumer is open is kept back too: it was asked for by a relay that was
+ * killed, and may be newer than what comes again.
  *
  * Thread-safety: none. Blocking: none. Ownership: loop and engine must outlive it. Signals: none raised.
  * Errors: a consumer that cannot be opened is logged and tried again.

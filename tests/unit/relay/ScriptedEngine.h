@@ -16,7 +16,8 @@
 
 namespace VornTest {
 
-/** Keeps what it is asked for, and answers as the test says. Consumers are open at once. */
+/** Keeps what it is asked for, and answers as the test says. Consumers are open at once, unless it says
+ * otherwise. */
 class ScriptedEngine : public VornRelay::Engine {
 public:
     void publish(const Message& message, AnswerHandler onAnswer) override {
@@ -25,7 +26,10 @@ public:
 
     void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) override {
         opened.emplace_back(sConsumer + " " + sFilter);
-        onOpened({});
+        if (bOpensAtOnce)
+            onOpened({});
+        else
+            onConsumerOpened = std::move(onOpened);
     }
 
     void close(const std::string& sConsumer) override { closed.push_back(sConsumer); }
@@ -66,6 +70,8 @@ public:
     /** @return the message without an answer at that place. */
     const Message& published(std::size_t nPlace) const { return m_published.at(nPlace).first; }
 
+    bool bOpensAtOnce = true;
+    OpenHandler onConsumerOpened;    ///< of the last one that did not open at once
     std::vector<std::string> opened; ///< "consumer filter"
     std::vector<std::string> closed;
     std::vector<std::string> acknowledged;

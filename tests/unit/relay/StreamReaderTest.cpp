@@ -1,0 +1,85 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "StreamReader.h"
+
+#include "ScriptedEngine.h"
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace VornRelay;
+using namespace VornTest;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+/** Reads through one consumer, which the test opens; its loop runs on the test's thread. */
+class StreamReaderTest : public testing::Test {
+protected:
+    StreamReaderTest() {
+        m_engine.bOpensAtOnce = false;
+        m_reader.add("relay", "vorn.to.h.sink.>", 100);
+        m_reader.setConnected(true);
+    }
+
+    void arrive(std::uint64_t nPosition) {
+        m_reader.arrived({"relay", "r" + std::to_string(nPosition), nPosition, {}});
+    }
+
+    /** A consumer of the administrator that has handed out something before, which comes again. */
+    void openFixed(std::uint64_t nHandedOut, std::uint64_t nUnanswered, milliseconds comesAgain) {
+        m_engine.onConsumerOpened({"", nHandedOut, nUnanswered, comesAgain});
+    }
+
+    RelayLoop m_loop;
+    ScriptedEngine m_engine;
+    std::vector<std::uint64_t> m_handedOn;
+    StreamReader m_reader{m_loop, m_engine, [this](std::uint64_t nPosition, Engine::Message&&) {
+                              m_handedOn.push_back(nPosition);
+                          }};
+};
+
+} // namespace
+
+TEST_F(StreamReaderTest, WhatArrivesForAKilledRelay_DoesNotPassWhatComesAgain) {
+    arrive(3); // asked for before the kill
+    EXPECT_THAT(m_handedOn, IsEmpty());
+    m_engine.onConsumerOpened({});
+    EXPECT_EQ(m_reader.held(), 0U);
+    for (const std::uint64_t nPosition : {1, 2, 3})
+        arrive(nPosition);
+    EXPECT_THAT(m_handedOn, ElementsAre(1, 2, 3));
+}
+
+TEST_F(StreamReaderTest, ThroughAConsumerThatStays_ItIsHandedOnAfterWhatComesAgain) {
+    arrive(3);
+    openFixed(3, 3, milliseconds(30'000));
+    arrive(4);
+    arrive(2);
+    EXPECT_THAT(m_handedOn, IsEmpty());
+    arrive(1);
+    EXPECT_THAT(m_handedOn, ElementsAre(1, 2, 3, 4));
+}
+
+TEST_F(StreamReaderTest, WhileTheConnectionIsLost_WhatIsKeptBackStaysSo) {
+    constexpr milliseconds cNow{-4'999}; // with the time that is granted beyond it
+    openFixed(2, 2, cNow);
+    arrive(3);
+    m_reader.setConnected(false);
+    bool bOver = false;
+    m_loop.after(milliseconds(1'100), [&bOver] { bOver = true; }); // it looks each second
+    EXPECT_TRUE(runUntil(m_loop, [&bOver] { return bOver; }));
+    EXPECT_THAT(m_handedOn, IsEmpty());
+    m_reader.setConnected(true);
+    openFixed(3, 3, milliseconds(30'000));
+    arrive(1);
+    arrive(2);
+    EXPECT_THAT(m_handedOn, ElementsAre(1, 2, 3));
+}
