@@ -4,7 +4,6 @@
 
 #include "StateFile.h"
 
-#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -15,10 +14,16 @@ namespace VornRelay {
 namespace {
 
 constexpr int cBacklog = 4096;
-constexpr int cMostAtOnce = 64; // others have their turn after that
-constexpr std::chrono::milliseconds cRest{100};
 
 } // namespace
+
+RedirectPort::RedirectPort(RelayLoop& loop, std::uint16_t nPort, AcceptHandler onAccept)
+    : m_nPort(nPort), m_socket(loop, [handler = std::move(onAccept)](VornNet::OwnedDescriptor&& connection) {
+          sockaddr_in meant{};
+          socklen_t nSize = sizeof meant;
+          if (System::getsockopt(connection.number(), SOL_IP, SO_ORIGINAL_DST, &meant, &nSize) == 0)
+              handler(std::move(connection), meant);
+      }) {}
 
 void RedirectPort::open() {
     if (m_listener.isOpen())
@@ -34,41 +39,15 @@ void RedirectPort::open() {
         System::listen(listener.number(), cBacklog) == -1)
         failWith("redirect-port " + std::to_string(m_nPort));
     m_listener = std::move(listener);
-    watch();
+    m_socket.begin(m_listener.number());
 }
 
 void RedirectPort::close() {
     if (!m_listener.isOpen())
         return;
-    if (m_rest == 0)
-        m_loop.unwatch(m_listener.number());
-    m_loop.cancel(std::exchange(m_rest, 0));
+    m_socket.acceptAll();
+    m_socket.end();
     m_listener.reset();
-}
-
-void RedirectPort::ready(std::uint32_t) {
-    for (int nAccepted = 0; m_listener.isOpen() && nAccepted < cMostAtOnce; ++nAccepted) {
-        VornNet::OwnedDescriptor connection(
-            System::accept4(m_listener.number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-        if (!connection.isOpen()) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-                m_loop.unwatch(m_listener.number());
-                m_rest = m_loop.after(cRest, [this] {
-                    m_rest = 0;
-                    watch();
-                });
-            }
-            return;
-        }
-        sockaddr_in meant{};
-        socklen_t nSize = sizeof meant;
-        if (System::getsockopt(connection.number(), SOL_IP, SO_ORIGINAL_DST, &meant, &nSize) == 0)
-            m_onAccept(std::move(connection), meant);
-    }
-}
-
-void RedirectPort::watch() {
-    m_loop.watch(m_listener.number(), EPOLLIN, *this);
 }
 
 } // namespace VornRelay

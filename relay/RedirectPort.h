@@ -3,9 +3,7 @@
 #ifndef VORNRELAY_REDIRECTPORT_H
 #define VORNRELAY_REDIRECTPORT_H
 
-#include "RelayLoop.h"
-
-#include <OwnedDescriptor.h>
+#include "AcceptingSocket.h"
 
 #include <cstdint>
 #include <functional>
@@ -23,15 +21,12 @@ namespace VornRelay {
  * Thread-safety: none, all on the loop's thread. Blocking: none. Ownership: the loop must outlive it.
  * Signals: none raised. Errors: std::system_error from open().
  */
-class RedirectPort : private RelayLoop::Handler {
+class RedirectPort {
 public:
     using AcceptHandler =
         std::function<void(VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant)>;
 
-    RedirectPort(RelayLoop& loop, std::uint16_t nPort, AcceptHandler onAccept)
-        : m_loop(loop), m_nPort(nPort), m_onAccept(std::move(onAccept)) {}
-
-    ~RedirectPort() override { close(); }
+    RedirectPort(RelayLoop& loop, std::uint16_t nPort, AcceptHandler onAccept);
 
     RedirectPort(const RedirectPort&) = delete;
     RedirectPort& operator=(const RedirectPort&) = delete;
@@ -39,18 +34,13 @@ public:
     /** Begins to listen, unless it does so already. @throws std::system_error */
     void open();
 
-    /** Ends listening: services are refused with 111. */
+    /** Accepts those who came before, and ends listening: services are refused with 111. */
     void close();
 
 private:
-    void ready(std::uint32_t nEvents) override;
-    void watch();
-
-    RelayLoop& m_loop;
     const std::uint16_t m_nPort;
-    const AcceptHandler m_onAccept;
     VornNet::OwnedDescriptor m_listener;
-    RelayLoop::Timer m_rest = 0;
+    AcceptingSocket m_socket; // after the listener, which it uses
 };
 
 } // namespace VornRelay

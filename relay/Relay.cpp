@@ -252,10 +252,10 @@ void Relay::openPipes() {
 }
 
 void Relay::closePipes() {
+    if (m_redirectPort)
+        m_redirectPort->close(); // first: what it accepts is read by the pipes that are open
     for (const auto& [sHost, spHost] : m_hosts)
         spHost->pipe().close();
-    if (m_redirectPort)
-        m_redirectPort->close();
 }
 
 /** A connection to nobody who may be notified now is reset. */

@@ -517,6 +517,19 @@ TEST_F(RelayRedirect, AddressOfAnUnmodifiedTcpSink_LeadsAnUnmodifiedServiceThere
     EXPECT_EQ(m_stage.run("a", {"redirect", "off"}).second, 0);
 }
 
+TEST_F(RelayRedirect, WhenTheSendingRelayIsStopped_NothingOfAPlainServicesBurstIsLost) {
+    const int nCount = 300;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "-", "log", "steady");
+    ::kill(m_stage.relayProcess("a"), SIGSTOP); // so all of them wait to be accepted
+    ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), nCount);
+    EXPECT_EQ(service.readLine(), "0");
+    ::kill(m_stage.relayProcess("a"), SIGTERM);
+    EXPECT_EQ(m_stage.endRelay("a", SIGCONT), 0);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
 TEST_F(RelayRedirect, WhenAnotherProcessTakesTheOldPort_NothingReachesIt) {
     const int nCount = 50;
     startRelays();
