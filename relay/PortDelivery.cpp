@@ -59,10 +59,12 @@ void PortDelivery::attempt() {
     m_timer = 0;
     const PortOwners::Place place = m_owners.find(m_address, m_nPublished);
     m_result.nMoves += place.bHasMoved ? 1 : 0;
-    if (place.bHasEnded || (m_bAway && Clock::now() - m_awaySince > m_patience))
+    if (place.bHasEnded || (m_bAway && Clock::now() - m_awaySince > m_patience)) {
+        m_owners.forget(m_nPublished);
         finish(Outcome::gone);
-    else if (place.nPort == 0 || !connectTo(place.nPort))
+    } else if (place.nPort == 0 || !connectTo(place.nPort)) {
         repeat();
+    }
 }
 
 bool PortDelivery::connectTo(std::uint16_t nPort) {

@@ -101,10 +101,8 @@ PortOwners::Place PortOwners::find(in_addr address, std::uint16_t nPublished) {
                             [nPort](const ListeningPort& port) { return port.nPort == nPort; });
     };
     auto found = m_owners.find(nPublished);
-    if (found != m_owners.end() && hasEnded(found->second)) {
-        m_owners.erase(found);
+    if (found != m_owners.end() && hasEnded(found->second))
         return {0, false, true};
-    }
     if (found == m_owners.end()) {
         if (at(nPublished) == ports.end())
             return {};

@@ -28,7 +28,7 @@ std::vector<ListeningPort> listeningPorts(in_addr address);
  *
  * A TCP sink opens its port anew after each notification, and takes the next one when it cannot have it. The
  * process that listened when the port was first heard of is the one that is meant, as long as it lives; its
- * other port is looked for when it moves. A process that may not be looked into, for want of CAP_SYS_PTRACE,
+ * other port is looked for when it moves, until its notifications have been given up. A process that may not be looked into, for want of CAP_SYS_PTRACE,
  * is known by its user alone and not followed.
  *
  * Thread-safety: none. Blocking: reads of /proc. Ownership: nothing. Signals: none raised. Errors: what
@@ -48,6 +48,9 @@ public:
 
     /** @return where the sink is that has published that port. */
     Place find(in_addr address, std::uint16_t nPublished);
+
+    /** Forgets who was meant by a port; the next one who is found there is. */
+    void forget(std::uint16_t nPublished) { m_owners.erase(nPublished); }
 
     /** @return whether the sink's process, and nobody else, listens at that port now. */
     bool isOwn(in_addr address, std::uint16_t nPublished, std::uint16_t nPort) const;

@@ -4,6 +4,7 @@
 
 #include "Await.h"
 #include "Posix.h"
+#include "Process.h"
 #include "Sandbox.h"
 #include "ScriptedEngine.h"
 
@@ -12,6 +13,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -85,6 +87,13 @@ protected:
         start();
     }
 
+    /** Has TCP sinks of this host be notified, and waits for none that is away. */
+    void redirectPorts() {
+        m_settings.redirectAddresses = {{"h", "127.0.0.1"}};
+        m_settings.patience = std::chrono::milliseconds(1);
+        restart();
+    }
+
     std::uint32_t grant(const std::string& sName, const std::string& sAddress, int nHandle) {
         Lease lease;
         lease.sName = sName;
@@ -139,6 +148,15 @@ protected:
 constexpr int cNoCallback = 99;
 
 } // namespace
+
+/** A TCP sink of plain calls that takes one notification. */
+KIT_ROLE(portSink) {
+    int nPort = std::stoi(args.at(0));
+    const UniqueFd listener = tcpListen("127.0.0.1", nPort);
+    std::cout << "listens" << std::endl;
+    receiveToEnd(acceptClient(listener.get()).get());
+    return 0;
+}
 
 TEST_F(SinkDeliveryTest, WhatACallbackHasTaken_IsAcknowledgedAndNotDeliveredAgain) {
     Client client;
@@ -301,8 +319,7 @@ TEST_F(SinkDeliveryTest, Stopped_ItWaitsForACallbackThatRunsAndForNoClientThatIs
     EXPECT_FALSE(m_spDelivery->isIdle());
     client.spCallback->bMayReturn = true;
     EXPECT_TRUE(runUntil([&] { return m_spDelivery->isIdle(); }));
-    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1"))
-        << "the other one is delivered after the next start";
+    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1")) << "the other one is delivered after the next start";
 }
 
 TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsStored) {
@@ -327,9 +344,7 @@ TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsSto
 }
 
 TEST_F(SinkDeliveryTest, WhatComesAfterOneThatAPortDidNotTake_IsBuriedTooUntilItsDeadLetterIsStored) {
-    m_settings.redirectAddresses = {{"h", "127.0.0.1"}};
-    m_settings.patience = std::chrono::milliseconds(1);
-    restart();
+    redirectPorts();
     int nPort = unusedTcpPort();
     arrive(static_cast<std::uint32_t>(nPort), 1);
     ASSERT_TRUE(runUntil([&] { return m_engine.unanswered() == 1; }));
@@ -337,6 +352,22 @@ TEST_F(SinkDeliveryTest, WhatComesAfterOneThatAPortDidNotTake_IsBuriedTooUntilIt
     const UniqueFd sink = tcpListen("127.0.0.1", nPort);
     arrive(static_cast<std::uint32_t>(nPort), 2);
     EXPECT_EQ(m_engine.unanswered(), 2U) << "delivered, it would have the first one taken for a repetition";
+}
+
+TEST_F(SinkDeliveryTest, PortWhoseSinkWasGivenUp_IsThatOfTheNextOneWhoListensThere) {
+    int nPort = 0;
+    UniqueFd before = tcpListen("127.0.0.1", nPort);
+    redirectPorts();
+    before.reset();
+    ChildProcess other = ChildProcess::spawnRole("portSink", std::to_string(nPort));
+    ASSERT_EQ(other.readLine(), "listens");
+    arrive(static_cast<std::uint32_t>(nPort), 1);
+    ASSERT_TRUE(runUntil([&] { return m_engine.unanswered() == 1; }));
+    EXPECT_EQ(reason(), "gone");
+    m_engine.answer(Answer::stored);
+    arrive(static_cast<std::uint32_t>(nPort), 2);
+    EXPECT_TRUE(runUntil([&] { return m_counters.nDelivered + m_engine.unanswered() == 1; }));
+    EXPECT_EQ(m_counters.nDelivered, 1U);
 }
 
 TEST_F(SinkDeliveryTest, WhereSlowOnesBlock_NothingBecomesADeadLetter) {
