@@ -307,6 +307,8 @@ void SinkDelivery::postToPort(std::uint16_t nPort, LeaseQueue& queue) {
 
 void SinkDelivery::finishedAtPort(std::uint16_t nPort, const PortDelivery::Result& result) {
     LeaseQueue& queue = m_queues.at(nPort);
+    if (!queue.spPortDelivery)
+        return; // it was given up just before
     queue.spPortDelivery.reset();
     --m_nPortsUnderWay;
     queue.waiting.front().nTries += result.nTries;
@@ -444,6 +446,8 @@ void SinkDelivery::look() {
                 lookAt(nLease);
         }
         lookForEnded();
+        if (m_bStopped)
+            giveUpPorts();
         if (const in_addr address = m_settings.redirectAddress(m_settings.access.sHost);
             address.s_addr != INADDR_ANY)
             m_owners.look(address);
@@ -494,6 +498,15 @@ void SinkDelivery::lookForEnded() {
     }
     if (entry == m_leases.all().end())
         m_nLastLooked = 0;
+}
+
+void SinkDelivery::giveUpPorts() {
+    for (auto& [nSink, queue] : m_queues) {
+        if (!queue.spPortDelivery || !queue.spPortDelivery->isAway())
+            continue;
+        queue.spPortDelivery.reset();
+        --m_nPortsUnderWay;
+    }
 }
 
 void SinkDelivery::readNamed(std::uint32_t nLease) {

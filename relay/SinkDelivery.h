@@ -125,6 +125,7 @@ private:
     void look();
     void lookAt(std::uint32_t nLease);
     void lookForEnded();
+    void giveUpPorts();
     void readNamed(std::uint32_t nLease);
 
     RelayLoop& m_loop;

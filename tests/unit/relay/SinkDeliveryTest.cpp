@@ -309,17 +309,19 @@ TEST_F(SinkDeliveryTest, WhatWaitsForADeadAddress_IsDeliveredOrBuriedWhenItsName
 }
 
 TEST_F(SinkDeliveryTest, Stopped_ItWaitsForACallbackThatRunsAndForNoClientThatIsAway) {
+    m_settings.redirectAddresses = {{"h", "127.0.0.1"}};
     Client client;
     const std::uint32_t nRunning = grant("a", client);
     const std::uint32_t nAway = grant("b", "pipe:nobody", 0);
     occupy(nRunning, 1, *client.spCallback);
     arrive(nAway, 2);
+    arrive(static_cast<std::uint32_t>(unusedTcpPort()), 3);
     m_spDelivery->stop();
     awaitLooks();
     EXPECT_FALSE(m_spDelivery->isIdle());
     client.spCallback->bMayReturn = true;
     EXPECT_TRUE(runUntil([&] { return m_spDelivery->isIdle(); }));
-    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1")) << "the other one is delivered after the next start";
+    EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1")) << "the others are delivered after the next start";
 }
 
 TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsStored) {
