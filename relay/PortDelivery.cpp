@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include <linux/sockios.h>
@@ -39,35 +40,31 @@ PortDelivery::~PortDelivery() {
 void PortDelivery::ready(std::uint32_t) {
     if (!m_socket.isOpen())
         return;
-    if (m_step == Step::connecting) {
-        int nError = 0;
-        socklen_t nSize = sizeof nError;
-        System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &nError, &nSize);
-        // Whoever listens now has listened since before the connection was there.
-        if (nError != 0 || !m_owners.isOwn(m_address, m_nPublished, m_nPort)) {
-            repeat();
-            return;
-        }
-        m_bAway = false;
-        m_step = Step::sending;
-    }
-    if (m_step == Step::sending ? !send() : !awaitEnd())
+    if (m_step == Step::connecting)
+        connected();
+    else if (m_step == Step::sending ? !send() : !awaitEnd())
         wasReset();
 }
 
-void PortDelivery::attempt() {
+void PortDelivery::attempt() try {
     m_timer = 0;
     const PortOwners::Place place = m_owners.find(m_address, m_nPublished);
     m_result.nMoves += place.bHasMoved ? 1 : 0;
     if (place.bHasEnded || (m_bAway && Clock::now() - m_awaySince > m_patience)) {
         m_owners.forget(m_nPublished);
         finish(Outcome::gone);
-    } else if (place.nPort == 0 || !connectTo(place.nPort)) {
-        repeat();
+    } else if (place.nPort == 0) {
+        repeat(true);
+    } else {
+        connectTo(place.nPort);
     }
+
+} catch (const std::system_error&) {
+
+    repeat(false);
 }
 
-bool PortDelivery::connectTo(std::uint16_t nPort) {
+void PortDelivery::connectTo(std::uint16_t nPort) {
     ++m_result.nTries;
     m_nPort = nPort;
     m_nSent = 0;
@@ -75,16 +72,35 @@ bool PortDelivery::connectTo(std::uint16_t nPort) {
     place.sin_family = AF_INET;
     place.sin_addr = m_address;
     place.sin_port = htons(nPort);
-    m_socket.reset(System::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!m_socket.isOpen() ||
-        (System::connect(m_socket.number(), reinterpret_cast<const sockaddr*>(&place), sizeof place) == -1 &&
-         errno != EINPROGRESS)) {
-        m_socket.reset();
-        return false;
-    }
+    m_socket = VornNet::OwnedDescriptor::opened(
+        System::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     m_step = Step::connecting;
     m_loop.watch(m_socket.number(), EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, *this);
-    return true;
+    if (System::connect(m_socket.number(), reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0)
+        return;
+    if (const int nError = errno; nError != EINPROGRESS)
+        repeat(nError == ECONNREFUSED);
+}
+
+/** Whoever listens now has listened since before the connection was there. */
+void PortDelivery::connected() try {
+    int nError = 0;
+    socklen_t nSize = sizeof nError;
+    System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &nError, &nSize);
+    if (nError != 0) {
+        repeat(nError == ECONNREFUSED);
+    } else if (!m_owners.isOwn(m_address, m_nPublished, m_nPort)) {
+        repeat(true);
+    } else {
+        m_bAway = false;
+        m_step = Step::sending;
+        if (!send())
+            wasReset();
+    }
+
+} catch (const std::system_error&) {
+
+    repeat(false);
 }
 
 /** @return whether the connection still stands. */
@@ -130,7 +146,7 @@ bool PortDelivery::awaitEnd() {
 
 void PortDelivery::wasReset() {
     if (++m_result.nResets < cMostResets)
-        repeat();
+        repeat(false);
     else
         finish(Outcome::refused);
 }
@@ -143,14 +159,14 @@ void PortDelivery::close() {
     m_socket.reset();
 }
 
-void PortDelivery::repeat() {
+void PortDelivery::repeat(bool bAway) {
     const Clock::time_point now = Clock::now();
     close();
-    if (!m_bAway && m_step != Step::sending && m_step != Step::ending) {
-        m_bAway = true;
+    if (bAway && !m_bAway) {
         m_awaySince = now;
         m_pause = microseconds(0);
     }
+    m_bAway = bAway;
     m_step = Step::waiting;
     const bool bIsLong = m_bAway && now - m_awaySince > cSoonAway;
     m_pause = std::clamp(m_pause * 2, cFirstPause, bIsLong ? cLongestPauseAway : cLongestPause);

@@ -23,7 +23,8 @@ namespace VornRelay {
  * resets, which leaves open whether the callback was called.
  *
  * Thread-safety: none, all on the loop's thread. Blocking: reads of /proc. Ownership: everything that is
- * passed must outlive it. Signals: none raised. Errors: told to the handler.
+ * passed must outlive it. Signals: none raised. Errors: told to the handler; want of descriptors or ports is
+ * waited out, and does not count against the sink.
  */
 class PortDelivery : private RelayLoop::Handler {
 public:
@@ -59,12 +60,13 @@ private:
 
     void ready(std::uint32_t nEvents) override;
     void attempt();
-    bool connectTo(std::uint16_t nPort);
+    void connectTo(std::uint16_t nPort);
+    void connected();
     bool send();
     bool awaitEnd();
     void wasReset();
     void close();
-    void repeat();
+    void repeat(bool bAway);
     void finish(Outcome outcome);
 
     RelayLoop& m_loop;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <filesystem>
@@ -40,6 +41,12 @@ bool takePorts(const char* data, std::size_t nSize, in_addr address, std::vector
     return true;
 }
 
+void throwIfShort(const std::error_code& failure) {
+    if (failure == std::errc::too_many_files_open || failure == std::errc::too_many_files_open_in_system ||
+        failure == std::errc::not_enough_memory)
+        throw std::system_error(failure, "who listens cannot be found out");
+}
+
 /** @return whether a process has the socket among its descriptors, as far as that may be seen. */
 bool hasSocket(pid_t process, std::uint32_t nSocket) {
     const std::string sWanted = "socket:[" + std::to_string(nSocket) + "]";
@@ -50,6 +57,7 @@ bool hasSocket(pid_t process, std::uint32_t nSocket) {
         if (std::filesystem::read_symlink(entry->path(), gone) == sWanted)
             return true;
     }
+    throwIfShort(failure);
     return false;
 }
 
@@ -70,6 +78,8 @@ std::vector<ListeningPort> listeningPorts(in_addr address) {
     std::vector<ListeningPort> ports;
     const VornNet::OwnedDescriptor socket(
         System::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    if (!socket.isOpen())
+        throwIfShort({errno, std::generic_category()});
     if (System::send(socket.number(), &question, sizeof question, 0) == -1)
         return ports;
     alignas(nlmsghdr) std::array<char, 32768> part;
@@ -147,8 +157,9 @@ PortOwners::Owner PortOwners::ownerOf(const ListeningPort& port) {
             continue;
         owner.process = process;
         owner.nStart = startOfProcess(process);
-        break;
+        return owner;
     }
+    throwIfShort(failure);
     return owner;
 }
 

@@ -28,11 +28,12 @@ std::vector<ListeningPort> listeningPorts(in_addr address);
  *
  * A TCP sink opens its port anew after each notification, and takes the next one when it cannot have it. The
  * process that listened when the port was first heard of is the one that is meant, as long as it lives; its
- * other port is looked for when it moves, until its notifications have been given up. A process that may not be looked into, for want of CAP_SYS_PTRACE,
- * is known by its user alone and not followed.
+ * other port is looked for when it moves, until its notifications have been given up. A process that may not
+ * be looked into, for want of CAP_SYS_PTRACE, is known by its user alone and not followed.
  *
  * Thread-safety: none. Blocking: reads of /proc. Ownership: nothing. Signals: none raised. Errors: what
- * cannot be read counts as not there.
+ * cannot be read counts as not there; std::system_error for want of descriptors or memory, which tells
+ * nothing.
  */
 class PortOwners {
 public:

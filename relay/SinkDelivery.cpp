@@ -451,8 +451,8 @@ void SinkDelivery::look() {
         if (const in_addr address = m_settings.redirectAddress(m_settings.access.sHost);
             address.s_addr != INADDR_ANY)
             m_owners.look(address);
-    } catch (const std::system_error& error) { // a full disk; it is tried again
-        logLine(LogLevel::failure, std::string("a lease cannot be ended: ") + error.what());
+    } catch (const std::system_error& error) { // a full disk, no descriptor; it is tried again
+        logLine(LogLevel::failure, std::string("leases and ports cannot be looked after: ") + error.what());
     }
     if (!m_deadLetters.failure().empty())
         m_deadLetterLine.write(LogLevel::warning, "dead letters are not stored: " + m_deadLetters.failure());

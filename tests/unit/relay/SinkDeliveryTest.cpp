@@ -3,6 +3,7 @@
 #include "SinkDelivery.h"
 
 #include "Await.h"
+#include "Interpose.h"
 #include "Posix.h"
 #include "Process.h"
 #include "Sandbox.h"
@@ -12,6 +13,7 @@
 #include <VornSteadySink.h>
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -370,6 +372,21 @@ TEST_F(SinkDeliveryTest, PortWhoseSinkWasGivenUp_IsThatOfTheNextOneWhoListensThe
     arrive(static_cast<std::uint32_t>(nPort), 2);
     EXPECT_TRUE(runUntil([&] { return m_counters.nDelivered + m_engine.unanswered() == 1; }));
     EXPECT_EQ(m_counters.nDelivered, 1U);
+}
+
+TEST_F(SinkDeliveryTest, WantOfPortsOrDescriptors_DoesNotCountAgainstASink) {
+    useInterposition();
+    for (const auto& [szCall, nError] : {std::pair("connect", EADDRNOTAVAIL), std::pair("socket", EMFILE)}) {
+        SCOPED_TRACE(szCall);
+        const std::string sPort = std::to_string(unusedTcpPort());
+        ChildProcess sink = ChildProcess::spawnRole("portSink", sPort);
+        ASSERT_EQ(sink.readLine(), "listens");
+        redirectPorts();
+        const FaultRule fault(szCall, nError, 1, 20); // for longer than the patience
+        arrive(static_cast<std::uint32_t>(std::stoul(sPort)), 1);
+        EXPECT_TRUE(runUntil([&] { return m_counters.nDelivered + m_engine.unanswered() == 1; }));
+        EXPECT_EQ(m_counters.nDelivered, 1U);
+    }
 }
 
 TEST_F(SinkDeliveryTest, WhereSlowOnesBlock_NothingBecomesADeadLetter) {
