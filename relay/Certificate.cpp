@@ -34,8 +34,10 @@ bool Certificate::hasName(const std::string& sName) const {
     std::string sDotted = sName;
     for (char& c : sDotted)
         c = c == '_' ? '.' : c;
-    return X509_check_host(m_spCertificate.get(), sName.data(), sName.size(), 0, nullptr) == 1 ||
-           X509_check_host(m_spCertificate.get(), sDotted.data(), sDotted.size(), 0, nullptr) == 1;
+    // The engine compares DNS names letter by letter, and takes no part of the subject for one.
+    constexpr unsigned int cAsTheEngine = X509_CHECK_FLAG_NEVER_CHECK_SUBJECT | X509_CHECK_FLAG_NO_WILDCARDS;
+    return X509_check_host(m_spCertificate.get(), sName.data(), sName.size(), cAsTheEngine, nullptr) == 1 ||
+           X509_check_host(m_spCertificate.get(), sDotted.data(), sDotted.size(), cAsTheEngine, nullptr) == 1;
 }
 
 } // namespace VornRelay

@@ -65,14 +65,11 @@ std::string exchangeOf(std::uint32_t nLease, const std::vector<std::string>& wor
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
             std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas,
             bool bFixedConsumer) {
-    const std::string sToken = hostToken(sHost);
-    std::vector<std::string> tokens;
-    std::transform(sendTo.begin(), sendTo.end(), std::back_inserter(tokens),
-                   [](const std::string& sTo) { return sTo == "*" ? sTo : hostToken(sTo); });
+    const std::string sPermissions = permissionsOf(sHost, sendTo, bFixedConsumer);
     NatsAdministration engine(settings.access);
-    engine.addHost(sToken, {nMegabytes << 20, nMessages > 0 ? nMessages : nMegabytes << 10, nHours * 3600,
-                            nReplicas, bFixedConsumer});
-    std::printf("%s", permissionsOf(sToken, tokens, bFixedConsumer).c_str());
+    engine.addHost(hostToken(sHost), {nMegabytes << 20, nMessages > 0 ? nMessages : nMegabytes << 10,
+                                      nHours * 3600, nReplicas, bFixedConsumer});
+    std::printf("%s", sPermissions.c_str());
     return exitDone;
 }
 

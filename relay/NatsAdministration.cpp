@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NatsAdministration.h"
 
+#include "RelaySettings.h"
+
 #include <algorithm>
 #include <sstream>
 #include <string_view>
@@ -264,10 +266,11 @@ std::string permissionsOf(const std::string& sHost, const std::vector<std::strin
                           bool bFixedConsumer) {
     std::vector<std::string> publish{"$JS.API.INFO"};
     for (const std::string& sTo : sendTo)
-        publish.push_back("vorn.to." + sTo + ".>");
+        publish.push_back("vorn.to." + (sTo == "*" ? sTo : hostToken(sTo)) + ".>");
     if (std::find(sendTo.begin(), sendTo.end(), "*") != sendTo.end())
         publish.emplace_back("$JS.API.STREAM.NAMES");
-    const std::string sStream = std::string(cStreamPrefix) + sHost;
+    const std::string sToken = hostToken(sHost);
+    const std::string sStream = std::string(cStreamPrefix) + sToken;
     std::vector<std::string> calls{"INFO", "MSG.NEXT"};
     if (!bFixedConsumer)
         calls.insert(calls.begin(), {"DURABLE.CREATE", "DELETE"});
@@ -275,12 +278,12 @@ std::string permissionsOf(const std::string& sHost, const std::vector<std::strin
         publish.push_back("$JS.API.CONSUMER." + sCall + "." + sStream + ".*");
     publish.push_back("$JS.API.STREAM.INFO." + sStream);
     publish.push_back("$JS.ACK." + sStream + ".>");
-    publish.push_back("vorn.dead." + sHost);
-    publish.push_back("vorn.gone." + sHost);
+    publish.push_back("vorn.dead." + sToken);
+    publish.push_back("vorn.gone." + sToken);
     std::string sText = "{\n  user: \"" + sHost + "\"\n  permissions: {\n    publish: [\n";
     for (const std::string& sSubject : publish)
         sText += "      \"" + sSubject + "\"\n";
-    return sText + "    ]\n    subscribe: [\n      \"_INBOX_" + sHost +
+    return sText + "    ]\n    subscribe: [\n      \"_INBOX_" + sToken +
            ".>\"\n      \"vorn.gone.*\"\n    ]\n  }\n}\n";
 }
 

@@ -101,6 +101,7 @@ private:
 
 /**
  * @return the block of the engine's configuration that gives a host what its relay needs, and no more.
+ * @param sHost its name, which is the DNS name in its certificate and may have dots
  * @param sendTo hosts that it may notify; "*" for all, and then it may also see which there are
  * @param bFixedConsumer it creates no consumers, and so names no subject for the engine to deliver to
  */

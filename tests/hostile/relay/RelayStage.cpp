@@ -421,7 +421,7 @@ void RelayStage::createCertificates() {
     };
     create("ca", {});
     create("stranger", {});
-    for (const char* szName : {"localhost", "a", "b", "admin"})
+    for (const char* szName : {"localhost", "a", "b", "c.example", "admin"})
         create(szName, {"-CA", pathOf("ca.pem"), "-CAkey", pathOf("ca.key"), "-addext",
                         std::string("subjectAltName=DNS:") + szName +
                             (std::string(szName) == "localhost" ? ",DNS:engine" : ""),
@@ -435,7 +435,7 @@ void RelayStage::configureEngine(bool bFixedConsumer) {
          << pathOf("localhost.key") << "\", ca_file: \"" << pathOf("ca.pem")
          << "\", verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
          << VornRelay::permissionsOf("a", {"b", "c"}) << VornRelay::permissionsOf("b", {"*"}, bFixedConsumer)
-         << "] }\n";
+         << VornRelay::permissionsOf("c.example", {"a"}) << "] }\n";
 }
 
 std::pair<std::string, int> RelayStage::runWith(const std::string& sUser, const std::string& sHost,

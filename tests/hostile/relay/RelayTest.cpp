@@ -435,6 +435,11 @@ TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
         SCOPED_TRACE(std::string(attempt.szKind) + " " + attempt.sSubject);
         EXPECT_EQ(isAllowed(m_stage.access("a"), attempt.szKind, attempt.sSubject), attempt.bAllowed);
     }
+    EXPECT_TRUE(isAllowed(m_stage.access("c.example"), "publish", "vorn.dead.c_example"));
+    const std::string sPrinted =
+        m_stage.runAsAdministrator("a", {"hosts", "add", "c.example", "--send-to", "a.example"}).first;
+    for (const char* szPart : {"user: \"c.example\"", "\"vorn.to.a_example.>\"", "\"_INBOX_c_example.>\""})
+        EXPECT_THAT(sPrinted, HasSubstr(szPart));
 }
 
 TEST(RelayFixedConsumer, HostMayOnlyPullAndAcknowledge_AndNothingIsLostOrOutOfOrder) {
