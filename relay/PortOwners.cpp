@@ -171,12 +171,15 @@ bool PortOwners::hasEnded(const Owner& owner) {
     return owner.process != 0 && startOfProcess(owner.process) != owner.nStart;
 }
 
-/** A port of a process that has another sink, which listens nowhere now, may be that sink's. */
+/** A port of a process that has another sink, which has left its port, may be that sink's. Somebody else may
+ * have taken the old one. */
 bool PortOwners::mayHaveMoved(const Owner& owner, const std::vector<ListeningPort>& ports) const {
     return std::any_of(m_owners.begin(), m_owners.end(), [&](const auto& entry) {
-        return owner.process != 0 && entry.second.process == owner.process &&
-               std::none_of(ports.begin(), ports.end(),
-                            [&entry](const ListeningPort& port) { return port.nPort == entry.second.nPort; });
+        const Owner& other = entry.second;
+        return owner.process != 0 && other.process == owner.process &&
+               std::none_of(ports.begin(), ports.end(), [&other](const ListeningPort& port) {
+                   return port.nPort == other.nPort && holds(other, port);
+               });
     });
 }
 

@@ -12,6 +12,7 @@
 #include <VornNotificationCallback.h>
 #include <VornSteadySink.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -21,6 +22,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -372,6 +374,21 @@ TEST_F(SinkDeliveryTest, PortWhoseSinkWasGivenUp_IsThatOfTheNextOneWhoListensThe
     arrive(static_cast<std::uint32_t>(nPort), 2);
     EXPECT_TRUE(runUntil([&] { return m_counters.nDelivered + m_engine.unanswered() == 1; }));
     EXPECT_EQ(m_counters.nDelivered, 1U);
+}
+
+TEST_F(SinkDeliveryTest, SinkThatHasMoved_IsFollowedAlsoWhenItsPortWasTakenAtOnce) {
+    std::array<int, 2> ports{};
+    UniqueFd before = tcpListen("127.0.0.1", ports[0]);
+    redirectPorts();
+    before.reset();
+    ChildProcess other = ChildProcess::spawnRole("portSink", std::to_string(ports[0]));
+    ASSERT_EQ(other.readLine(), "listens");
+    const UniqueFd after = tcpListen("127.0.0.1", ports[1]);
+    awaitLooks();
+    arrive(static_cast<std::uint32_t>(ports[0]), 1);
+    pollfd sink{after.get(), POLLIN, 0};
+    EXPECT_TRUE(runUntil([&] { return ::poll(&sink, 1, 0) == 1 || m_engine.unanswered() == 1; }));
+    EXPECT_EQ(m_engine.unanswered(), 0U) << reason();
 }
 
 TEST_F(SinkDeliveryTest, WantOfPortsOrDescriptors_DoesNotCountAgainstASink) {
