@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include <sys/un.h>
 
@@ -125,14 +124,15 @@ int showDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
 int resendDeadLetter(const RelaySettings& settings, std::uint64_t nPosition) {
     NatsAdministration engine(settings.access);
     const DeadLetter letter = engine.deadLetter(nPosition);
-    // vorn.to.HOST.sink.lease.NUMBER: as a new notification, through the pipe of this host's relay.
+    // Hosts write letters themselves, and must have nothing sent to others that they may not notify.
     const std::string sSubject = letter.header("Vorn-Subject");
-    const std::size_t nHost = std::strlen("vorn.to.");
-    if (!sSubject.starts_with("vorn.to.") ||
-        !sendThrough("relay-" + sSubject.substr(nHost, sSubject.find('.', nHost) - nHost), letter.sContent)) {
-        std::fprintf(stderr, "vornnet relay: the relay of this host does not take it\n");
-        return exitFailed;
+    if (!sSubject.starts_with("vorn.to." + letter.sHost + ".")) {
+        std::fprintf(stderr, "vornnet relay: it is not for the host that has written it\n");
+        return exitRefused;
     }
+    const std::string sId = "dead." + std::to_string(nPosition); // for a second time, when dropping it fails
+    engine.publish(messageTo(sSubject, settings.access.sHost, givenIdOf(settings.access.sHost, sId),
+                             std::string(letter.sContent)));
     engine.dropDeadLetter(nPosition);
     return exitDone;
 }

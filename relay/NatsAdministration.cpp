@@ -175,8 +175,9 @@ std::vector<DeadLetter> NatsAdministration::deadLetters() {
 DeadLetter NatsAdministration::deadLetter(std::uint64_t nPosition) {
     const Json message =
         request(std::string("$JS.API.STREAM.MSG.GET.") + cDeadStream, {{"seq", nPosition}})["message"];
-    return {nPosition, message.value("time", ""), headersIn(decodedBase64(message.value("hdrs", ""))),
-            decodedBase64(message.value("data", ""))};
+    const std::string sSubject = message.value("subject", "");
+    return {nPosition, sSubject.substr(sSubject.rfind('.') + 1), message.value("time", ""),
+            headersIn(decodedBase64(message.value("hdrs", ""))), decodedBase64(message.value("data", ""))};
 }
 
 void NatsAdministration::dropDeadLetter(std::uint64_t nPosition) {

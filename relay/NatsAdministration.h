@@ -30,6 +30,7 @@ private:
 /** A letter that could not be delivered, as it lies in the engine. */
 struct DeadLetter {
     std::uint64_t nPosition = 0;
+    std::string sHost; ///< that has written it
     std::string sTime;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string sContent;

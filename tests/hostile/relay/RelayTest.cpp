@@ -541,7 +541,7 @@ TEST_F(RelayRedirect, WhenAnotherProcessTakesTheOldPort_NothingReachesIt) {
     ChildProcess sink = ChildProcess::spawnRole("relay_mover", "b", RelayStage::cSinkAddress, "6001",
                                                 RelayStage::pathOf("log"));
     ASSERT_EQ(sink.readLine(), "listens");
-    const std::string sAddress = std::string("socket:") + RelayStage::cSinkAddress + ":6001 0";
+    const std::string sAddress = std::string("socket:") + RelayStage::cSinkAddress + ":6001 7";
     ChildProcess first = m_stage.startService("a", "plain", sAddress, 1);
     ASSERT_TRUE(RelayStage::awaitNumbers("log", 1));
     sink.writeLine("move");
@@ -560,6 +560,19 @@ TEST_F(RelayRedirect, WhenAnotherProcessTakesTheOldPort_NothingReachesIt) {
     ChildProcess late = m_stage.startService("a", "plain", sAddress, 3);
     EXPECT_TRUE(awaitCondition([&] { return deadLetters("gone") > 0; }))
         << "the process that was meant has ended";
+    ChildProcess next = ChildProcess::spawnRole("relay_mover", "b", RelayStage::cSinkAddress, "6001",
+                                                RelayStage::pathOf("log-next"));
+    ASSERT_EQ(next.readLine(), "listens");
+    const std::uint64_t nLetter = m_stage.administration().deadLetters().front().nPosition;
+    EXPECT_EQ(m_stage.runAsAdministrator("b", {"dead", "resend", std::to_string(nLetter)}).second, 0);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log-next", 1)) << "it goes to the port that was meant";
+}
+
+TEST_F(RelayTest, DeadLetterThatAHostHasWrittenForAnother_IsNotSent) {
+    VornRelay::NatsAdministration administration = m_stage.administration();
+    administration.publish({"vorn.dead.a", {{"Vorn-Subject", "vorn.to.b.sink.lease.1"}}, "forged"});
+    EXPECT_EQ(m_stage.runAsAdministrator("a", {"dead", "resend", "1"}).second, 3);
+    EXPECT_EQ(administration.request("$JS.API.STREAM.INFO.VORN_TO_b")["state"]["messages"], 0);
 }
 
 TEST_F(RelayTest, CertificateThatIsForeignMissingOrOfAnotherServer_IsRefused) {
