@@ -9,6 +9,7 @@
 #include <VornException.h>
 #include <VornProxyDependent.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <deque>
@@ -54,6 +55,7 @@ public:
     }
 
     void remove(const VornString& sAddress, long hCallback, const char* sState) {
+        bool bIsShared = false; // clients of another host have one address, that of their relay
         {
             const std::lock_guard lock(m_lock);
             Listener* pListener = find(sAddress, hCallback);
@@ -61,8 +63,12 @@ public:
                 return;
             pListener->m_sState = sState;
             std::printf("service: %s %s\n", sAddress.c_str(), sState);
+            bIsShared = std::any_of(m_listeners.begin(), m_listeners.end(), [&](const auto& spListener) {
+                return isSubscribed(*spListener) && spListener->getRemoteName() == sAddress;
+            });
         }
-        m_dispatcher.cancel(sAddress); // what is still queued for it would only wait for its time limit
+        if (!bIsShared)
+            m_dispatcher.cancel(sAddress); // what is still queued for it would only wait for its time limit
     }
 
     void notifyAll(const FileEvent& event) {
