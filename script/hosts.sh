@@ -9,6 +9,7 @@ hosts=(north south)
 declare -A holders=([north]='' [south]='') # processes that keep the hosts' namespaces
 relay=$root/build/demo/relay/vornnet-relay
 residents=(alice bob)
+declare -A shown=() # how many events of each client have been printed here
 
 # Sets what a command begins with that is to run there; so that what runs in the background is the program itself.
 enter_host() { # HOST
@@ -97,7 +98,7 @@ introduce_hosts() {
     kill -HUP "${pids[engine]}"
 }
 
-relay_is_ready() { on_host "$1" "$relay" status 2>/dev/null | grep -q '^ready  *true'; }
+relay_is_ready() { status_has "$1" '^ready  *true'; }
 
 start_relay() { # HOST
     local -a enter
@@ -122,6 +123,13 @@ start_resident() { # NAME
 
 has_lines() { (($(grep -a -c -- "$2" "${logs[$1]}") >= $3)); }
 
+# What a client has printed since it was looked at last.
+show_new() { # NAME
+    await "client $1 to print event $events" has_printed "$1" "$events"
+    grep -a '^event ' "${logs[$1]}" | tail -n "+$((${shown[$1]:-0} + 1))" | sed "s/^/$(printf '    %-7s' "$1") /"
+    shown[$1]=$events
+}
+
 # One file operation on the service's host, and what the clients that are there print.
 perform_on_host() { # description client... -- command...
     local description=$1 name
@@ -136,8 +144,7 @@ perform_on_host() { # description client... -- command...
     printf '\nnorth$ %s\n' "$description"
     (cd "$stage/watched" && "$@")
     for name in "${present[@]}"; do
-        await "client $name to print event $events" has_printed "$name" "$events"
-        printf '    %-7s %s\n' "$name" "$(grep -a '^event ' "${logs[$name]}" | tail -n 1)"
+        show_new "$name"
     done
 }
 
@@ -149,12 +156,23 @@ perform_unseen() { # description command...
 await_residents() {
     local name
     for name in "${residents[@]}"; do
-        await "client $name to print event $events" has_printed "$name" "$events"
-        printf '    %-7s %s\n' "$name" "$(grep -a '^event ' "${logs[$name]}" | tail -n 1)"
+        show_new "$name"
     done
 }
 
+status_has() { # HOST PATTERN
+    local status
+    status=$(on_host "$1" "$relay" status 2>/dev/null) && grep -q "$2" <<<"$status"
+}
+
+# A relay notes what a client has printed a moment later; killed in between it delivers the event once more.
+await_settled() {
+    await 'the relay of south to note what was delivered' status_has south '^held  *0$'
+    await 'the relay of north to have all stored' status_has north '^to south: 0 waiting'
+}
+
 kill_there() { # NAME WHAT
+    await_settled
     printf '\n$ kill -9 %s    # %s\n' "${pids[$1]}" "$2"
     kill -9 "${pids[$1]}"
     wait "${pids[$1]}" 2>/dev/null || true
