@@ -65,10 +65,11 @@ void LinkRows::addReading(unsigned allowed) {
     const std::string zeros(16, '\0');
     // With memory at its end not even the exception can be made.
     const unsigned ofText = throwsVornException | endsProcess;
-    for (const int length : {40, 70'000}) {
+    for (const std::string& text : {std::string(40, 'x'), std::string(70'000, 'x')}) {
+        const auto length = static_cast<int>(text.size());
         m_table.add(
             "VornConnection::receiveString", Link::nameOf(m_kind) + ", " + std::to_string(length) + " bytes",
-            ofText, [kind = m_kind, waiting = Link::onWire(length) + std::string(length, 'x')](Trial& trial) {
+            ofText, [kind = m_kind, waiting = Link::onWire(length) + text](Trial& trial) {
                 onLink(kind, waiting, [](C& c) { c.receiveString(); })(trial);
                 const int code = kind == Link::Kind::ssl ? ENOTCONN : ENOMEM; // SSL never reads
                 trial.expect(!trial.hasThrown() || trial.code() == code, "another code than that of memory");
