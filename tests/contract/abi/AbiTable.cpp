@@ -33,9 +33,6 @@ std::vector<ClassRow> readClassTable() {
     rows.push_back({#class_, size_, sizeof(class_), alignof(class_), typeid(class_).name(), {}});
 #define BASE(class_, base_, offset_) rows.back().bases.push_back({#base_, offset_});
 #include "Classes.inc"
-#undef PLAIN
-#undef CLASS
-#undef BASE
     return rows;
 }
 
@@ -88,6 +85,13 @@ void PrintTo(const ClassRow& row, std::ostream* stream) {
 
 const std::vector<ClassRow>& classTable() {
     static const std::vector<ClassRow> rows = readClassTable();
+    return rows;
+}
+
+std::vector<ClassRow> classesWithVirtualOperations() {
+    std::vector<ClassRow> rows;
+    std::copy_if(classTable().begin(), classTable().end(), std::back_inserter(rows),
+                 [](const ClassRow& row) { return !row.mangledName.empty(); });
     return rows;
 }
 

@@ -130,6 +130,9 @@ void PrintTo(const ClassRow& row, std::ostream* stream);
 /** The classes in the order of the table. */
 const std::vector<ClassRow>& classTable();
 
+/** Those of them that have virtual operations. */
+std::vector<ClassRow> classesWithVirtualOperations();
+
 /** The class of that name; ends the test program when the tables know none. */
 const ClassRow& classRow(const std::string& name);
 

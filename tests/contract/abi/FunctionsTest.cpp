@@ -20,12 +20,6 @@ namespace VornAbi {
 #define FREE(returns_, function_, arguments_) ABI_REVEAL(FunctionRow, returns_(*) arguments_, &function_)
 #define VARIABLE(class_, type_, variable_) ABI_REVEAL(FunctionRow, type_*, &class_::variable_)
 #include "Functions.inc"
-#undef CONSTRUCTOR
-#undef DESTRUCTOR
-#undef METHOD
-#undef STATIC
-#undef FREE
-#undef VARIABLE
 
 namespace {
 
@@ -60,12 +54,6 @@ TEST(Functions, TheLibraryExportsEveryFunctionOfTheTable) {
 #define VARIABLE(class_, type_, variable_) ROW(#class_ "::" #variable_)
 #include "Functions.inc"
 #undef ROW
-#undef CONSTRUCTOR
-#undef DESTRUCTOR
-#undef METHOD
-#undef STATIC
-#undef FREE
-#undef VARIABLE
     };
     for (const Function& function : functions)
         EXPECT_EQ(function.exported, function.name);
@@ -118,22 +106,13 @@ void addOperations(std::set<std::string>& names) {
         names.insert(#class_ "::" #operation_ #arguments_);
 #    define STATIC METHOD
 #    define SLOT(class_, slot_, returns_, operation_, arguments_)                                            \
-        METHOD(class_, returns_, operation_, arguments_)
+        names.insert(#class_ "::" #operation_ #arguments_);
 #    define PURE(class_, slot_, returns_, operation_, arguments_)
 #    define INLINE PURE
 #    define FREE(returns_, function_, arguments_) names.insert(#    function_ #    arguments_);
 #    define VARIABLE(class_, type_, variable_) names.insert(#    class_ "::" #    variable_);
 #    include "Functions.inc"
 #    include "VirtualSlots.inc"
-#    undef CONSTRUCTOR
-#    undef DESTRUCTOR
-#    undef METHOD
-#    undef STATIC
-#    undef SLOT
-#    undef PURE
-#    undef INLINE
-#    undef FREE
-#    undef VARIABLE
 }
 
 /** What the networking library takes from the support library of its own version; no part of the interface.

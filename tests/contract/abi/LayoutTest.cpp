@@ -19,7 +19,6 @@ namespace VornAbi {
 
 #define FIELD(class_, offset_, type_, field_) ABI_REVEAL(FieldRow, type_ class_::*, &class_::field_)
 #include "Fields.inc"
-#undef FIELD
 
 namespace {
 
@@ -46,7 +45,6 @@ std::vector<Field> fieldsOf(const std::string& className) {
 #define FIELD(class_, offset_, type_, field_)                                                                \
     makeField(#class_, #field_, offset_, revealed(ABI_ROW(FieldRow)())),
 #include "Fields.inc"
-#undef FIELD
     };
     std::vector<Field> found;
     std::copy_if(fields.begin(), fields.end(), std::back_inserter(found),
@@ -149,13 +147,6 @@ TEST_P(Layout, NothingStandsBetweenTheFieldsOfTheTable) {
 
 INSTANTIATE_TEST_SUITE_P(Abi, Layout, testing::ValuesIn(classTable()), nameOf);
 
-std::vector<ClassRow> classesWithVirtualOperations() {
-    std::vector<ClassRow> rows;
-    std::copy_if(classTable().begin(), classTable().end(), std::back_inserter(rows),
-                 [](const ClassRow& row) { return !row.mangledName.empty(); });
-    return rows;
-}
-
 class BaseClasses : public testing::TestWithParam<ClassRow> {};
 
 TEST_P(BaseClasses, TheLibraryDescribesTheBasesOfTheTableInTheirOrder) {
@@ -175,9 +166,6 @@ TEST(BaseClasses, ProgramsFindEveryBaseAtItsOffset) {
 #define BASE(class_, base_, offset_)                                                                         \
     EXPECT_EQ((compiledOffset<class_, base_>()), offset_) << #class_ << " as a " << #base_;
 #include "Classes.inc"
-#undef PLAIN
-#undef CLASS
-#undef BASE
 }
 
 TEST(FieldLayout, TheHolderOfAMutexRefersToItFirst) {
@@ -195,7 +183,6 @@ TEST(FieldLayout, EveryRowBelongsToAClassOfTheTable) {
     std::size_t written = 0;
 #define FIELD(class_, offset_, type_, field_) ++written;
 #include "Fields.inc"
-#undef FIELD
     EXPECT_EQ(rows, written);
 }
 

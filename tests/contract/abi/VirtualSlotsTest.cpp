@@ -21,9 +21,6 @@ namespace VornAbi {
 #define PURE SLOT
 #define INLINE SLOT
 #include "VirtualSlots.inc"
-#undef SLOT
-#undef PURE
-#undef INLINE
 
 namespace {
 
@@ -65,9 +62,6 @@ std::vector<Slot> slotsOf(const std::string& className) {
     ROW(class_, slot_, operation_, arguments_, c_sInline)
 #include "VirtualSlots.inc"
 #undef ROW
-#undef SLOT
-#undef PURE
-#undef INLINE
     };
     std::vector<Slot> found;
     std::copy_if(slots.begin(), slots.end(), std::back_inserter(found),
@@ -160,13 +154,6 @@ std::string nameOf(const testing::TestParamInfo<ClassRow>& info) {
     return info.param.name;
 }
 
-std::vector<ClassRow> classesWithVirtualOperations() {
-    std::vector<ClassRow> rows;
-    std::copy_if(classTable().begin(), classTable().end(), std::back_inserter(rows),
-                 [](const ClassRow& row) { return !row.mangledName.empty(); });
-    return rows;
-}
-
 class VirtualSlots : public testing::TestWithParam<ClassRow> {};
 
 TEST_P(VirtualSlots, ProgramsCallEachOperationThroughTheSlotOfTheTable) {
@@ -209,9 +196,6 @@ TEST(VirtualSlotsTable, EveryRowBelongsToAClassOfTheTable) {
 #define PURE SLOT
 #define INLINE SLOT
 #include "VirtualSlots.inc"
-#undef SLOT
-#undef PURE
-#undef INLINE
     EXPECT_EQ(rows, written);
 }
 

@@ -3,7 +3,6 @@
 #include "Experiments.h"
 #include "LeakCheckedTest.h"
 
-#include <algorithm>
 #include <csignal>
 #include <set>
 
@@ -30,11 +29,6 @@ std::string testName(const testing::TestParamInfo<Kind>& info) {
     return VornTest::nameOf(info.param);
 }
 
-std::vector<int> sorted(std::vector<int> ids) {
-    std::sort(ids.begin(), ids.end());
-    return ids;
-}
-
 constexpr int cBurst = 30;
 
 Order burst() {
@@ -48,27 +42,14 @@ Order burst() {
 INSTANTIATE_TEST_SUITE_P(All, NotificationGuaranteesOfAnyKind,
                          testing::Values(Kind::pipe, Kind::socket, Kind::udp), testName);
 
-TEST_P(NotificationGuaranteesOfAnyKind, NotificationOfABurst_ArrivesAtMostOnce) {
+TEST_P(NotificationGuaranteesOfAnyKind, NotificationOfABurst_ArrivesOnceInItsOrderOrIsLostOrRefused) {
     const Delivery delivery = deliver(GetParam(), burst());
     const std::set<int> different(delivery.received.begin(), delivery.received.end());
-    EXPECT_EQ(delivery.received.size(), different.size());
-    EXPECT_GE(delivery.received.size(), 1U);
-}
-
-TEST_P(NotificationGuaranteesOfAnyKind, NotificationsOfABurst_ArriveInTheirOrder) {
-    const Delivery delivery = deliver(GetParam(), burst());
-    EXPECT_EQ(delivery.received, sorted(delivery.received));
-}
-
-TEST_P(NotificationGuaranteesOfAnyKind, NotificationThatThrew_DoesNotArrive) {
-    const Delivery delivery = deliver(GetParam(), burst());
     const std::set<int> sent(delivery.sender.sent.begin(), delivery.sender.sent.end());
+    EXPECT_GE(delivery.received.size(), 1U);
+    EXPECT_EQ(delivery.received, std::vector<int>(different.begin(), different.end()));
     for (const int id : delivery.received)
-        EXPECT_EQ(sent.count(id), 1U) << id;
-}
-
-TEST_P(NotificationGuaranteesOfAnyKind, NotificationOfABurst_IsReceivedLostOrRefused) {
-    const Delivery delivery = deliver(GetParam(), burst());
+        EXPECT_EQ(sent.count(id), 1U) << id << " threw";
     int refused = 0;
     for (const auto& [code, count] : delivery.sender.refused)
         refused += count;

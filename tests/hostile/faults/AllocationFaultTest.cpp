@@ -246,18 +246,6 @@ std::set<std::string> tabledOperations() {
 #include "Classes.inc"
 #include "Functions.inc"
 #include "VirtualSlots.inc"
-#undef CLASS
-#undef PLAIN
-#undef BASE
-#undef CONSTRUCTOR
-#undef DESTRUCTOR
-#undef METHOD
-#undef STATIC
-#undef SLOT
-#undef PURE
-#undef INLINE
-#undef FREE
-#undef VARIABLE
     };
 }
 
