@@ -21,6 +21,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <random>
 #include <thread>
 
 #include <fcntl.h>
@@ -252,11 +253,19 @@ protected:
         std::optional<Failure> firstFailure;
     };
 
-    /** So many waits, each of them ended by one of the closing threads. */
+    /** So many waits, each of them ended at a random moment by one of the closing threads. */
     CycleResult runCycles(int cycles, int closers);
 
     VornSmartPointer<VornIPCServer> m_spServer;
 };
+
+/** Lets a random, short time pass without giving up the processor for long. */
+void dawdle(std::mt19937& random) {
+    for (auto left = random() % 2000; left > 0; --left)
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (random() % 4 == 0)
+        std::this_thread::yield();
+}
 
 ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int closers) {
     CycleResult result;
@@ -272,10 +281,11 @@ ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int clos
     });
     std::vector<std::unique_ptr<WatchedThread>> threads;
     for (int i = 0; i < closers; ++i) {
-        threads.push_back(std::make_unique<WatchedThread>([&] {
+        threads.push_back(std::make_unique<WatchedThread>([&, i] {
+            std::mt19937 random(static_cast<unsigned>(i));
             while (!over) {
+                dawdle(random);
                 server().close();
-                std::this_thread::yield();
             }
         }));
     }
