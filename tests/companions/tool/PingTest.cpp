@@ -50,7 +50,7 @@ TEST_P(VornnetPing, OfASinkOfEitherKind_TellsThatItAcceptsAndDisturbsNoNotificat
         ChildProcess sink = startTool(arguments);
         const std::string address = addressOf(sink);
         for (int i = 0; i < 3; ++i) {
-            const ToolResult result = runTool({"ping", address});
+            const ToolResult result = runTool({"ping", address, "--timeout", "60"});
             EXPECT_EQ(result.status, 0) << result.errors;
             EXPECT_THAT(result.output, MatchesRegex(address + ": accepts, [0-9]+\\.[0-9][0-9] ms\n"));
         }

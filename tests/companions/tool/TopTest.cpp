@@ -117,13 +117,14 @@ TEST_F(VornnetTop, FromTheSecondLookOn_TellsHowOftenTheThreadsWake) {
     ChildProcess idle = startTool({"serve", "pipe:idle"});
     const std::string address = addressOf(busy);
     nextLine(idle);
-    ChildProcess sender = startTool({"notify", address, "0", "12", "--repeat", "1000000", "--every", "20"});
+    ChildProcess sender = startTool({"notify", address, "0", "12", "--repeat", "1000000", "--every", "1"});
     EXPECT_EQ(nextLine(busy), "notification 1: handle 0, id 12");
+    EXPECT_TRUE(awaitCondition([] { return serverAt("pipe:idle").value("state", "") == "accepts"; }));
     ChildProcess top = startTool({"top", "--json", "--count", "2", "--every", "0.3"});
     EXPECT_THAT(nextLine(top), testing::Not(HasSubstr("wakes_per_second")));
     for (const Json& server : nextJson(top).at("servers")) {
         if (server.at("address") == address)
-            EXPECT_GT(server.at("wakes_per_second"), 1);
+            EXPECT_GT(server.at("wakes_per_second"), 0);
         else
             EXPECT_EQ(server.at("wakes_per_second"), 0);
     }
