@@ -63,6 +63,12 @@ std::string WireRequest::bytes() const {
            wireNumber(history) + wireNumber(number) + wireText(words);
 }
 
+UniqueFd ask(const std::string& address) {
+    UniqueFd client = connectTo(address);
+    sendAll(client.get(), "builds\r\n" + WireRequest().bytes());
+    return client;
+}
+
 std::string WireFrame::bytes() const {
     return wireInt(kind) + wireText(rest);
 }

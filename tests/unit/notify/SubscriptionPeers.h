@@ -40,6 +40,9 @@ struct WireRequest {
     std::string bytes() const;
 };
 
+/** Connects to a publisher, and asks for "builds" without anything special. */
+UniqueFd ask(const std::string& address);
+
 /** A frame: its kind and its rest. */
 struct WireFrame {
     std::uint32_t kind = 0;

@@ -34,6 +34,15 @@ protected:
         return client;
     }
 
+    /** Plays a sink that has read the handle and ends its side before it reads the content. */
+    static UniqueFd acceptAndFallSilent(int listener) {
+        UniqueFd client = acceptClient(listener);
+        EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
+        EXPECT_TRUE(awaitCondition([&] { return unread(client.get()) == 7; }));
+        EXPECT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+        return client;
+    }
+
     const std::string m_sAddress = "pipe:peer";
 };
 
@@ -267,10 +276,7 @@ TEST_F(VornDispatcher_Pipe, ASinkThatFallsSilentEarlyHasItsTimeToRead) {
     const UniqueFd listener = listen();
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, m_sAddress, "content");
-    UniqueFd client = acceptClient(listener.get());
-    EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
-    ASSERT_TRUE(awaitCondition([&] { return unread(client.get()) == 7; }));
-    ASSERT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+    UniqueFd client = acceptAndFallSilent(listener.get());
     EXPECT_FALSE(dispatcher.flush(30ms)) << "there are bytes that it has not read";
     EXPECT_EQ(receiveToEnd(client.get()), "content");
     client.reset();
@@ -296,10 +302,7 @@ TEST_F(VornDispatcher_Pipe, ASinkThatFallsSilentEarlyAndCannotBeWatchedHasNotRea
     VornDispatcher dispatcher(optionsWithResults());
     const FaultRule fault("epoll_ctl", ENOMEM, 3, 1, threadIds().back()); // to be told when it has read
     post(dispatcher, m_sAddress, "content");
-    const UniqueFd client = acceptClient(listener.get());
-    EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
-    ASSERT_TRUE(awaitCondition([&] { return unread(client.get()) == 7; }));
-    ASSERT_EQ(::shutdown(client.get(), SHUT_WR), 0);
+    const UniqueFd client = acceptAndFallSilent(listener.get());
     const Result result = m_results.awaitOne();
     EXPECT_EQ(result.outcome, Outcome::unread);
     EXPECT_EQ(result.nCode, ENOMEM);

@@ -120,8 +120,7 @@ TEST_P(VornPublisher_Fork, WhenAHandlerExits_ThePublisherEndsInOrderWithItsProce
         ChildProcess::spawnRoleWith(exitOnAnyThread, "publisherWhoseHandlerExits", {GetParam()});
     const std::string at = child.readLine();
     RawSubscriber subscriber(at, "builds");
-    const UniqueFd asking = connectTo(at);
-    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    const UniqueFd asking = ask(at);
     EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
     subscriber.socket().reset();
     EXPECT_EQ(receiveToEnd(asking.get()), "+");
@@ -149,8 +148,7 @@ KIT_ROLE(publisherWhoseHandlerExitsWhileItStops) {
 TEST_P(VornPublisher_Fork, WhenAHandlerExitsWhileItIsStopped_TheProcessEnds) {
     ChildProcess child =
         ChildProcess::spawnRoleWith(exitOnAnyThread, "publisherWhoseHandlerExitsWhileItStops", {GetParam()});
-    const UniqueFd asking = connectTo(child.readLine());
-    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    const UniqueFd asking = ask(child.readLine());
     EXPECT_EQ(child.wait(), exitStatus);
     EXPECT_EQ(child.readAllErrors(), "");
 }
@@ -174,8 +172,7 @@ KIT_ROLE(publisherDestroyedByItsHandler) {
 
 TEST_P(VornPublisher_Fork, WhenAHandlerDestroysThePublisher_TheProcessEnds) {
     ChildProcess child = ChildProcess::spawnRole("publisherDestroyedByItsHandler", GetParam());
-    const UniqueFd asking = connectTo(child.readLine());
-    sendAll(asking.get(), "builds\r\n" + WireRequest().bytes());
+    const UniqueFd asking = ask(child.readLine());
     EXPECT_EQ(child.readLine(), "1 VornPublisher::~VornPublisher: destroyed by one of its own handlers");
     EXPECT_EQ(child.readLine(), "terminated");
     EXPECT_EQ(child.wait(), exitStatus);

@@ -448,10 +448,16 @@ protected:
                 return VornString();
             };
         }));
-        UniqueFd client = connectTo(address());
-        sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
+        UniqueFd client = ask(address());
         EXPECT_TRUE(m_barrier.awaitReached());
         return client;
+    }
+
+    /** Waits until the publisher accepts again after so many clients, each with its grace. */
+    static bool awaitAcceptingAfter(int clients, const CallTrace& traceSinceItsOpening) {
+        // It watches its event and its listener, and for each client that one, and the listener no more, and
+        // again.
+        return awaitCondition([&] { return traceSinceItsOpening.calls("epoll_ctl") == 2 + 3 * clients; });
     }
 
     /** What is answered to a line. */
@@ -749,12 +755,12 @@ TEST_P(VornPublisher_Wire, ManyThatAreRefusedAndStay_AreCutInTheirOrder) {
 }
 
 TEST_P(VornPublisher_Wire, OneThatIsCutAsItSpeaks_IsNotHeard) {
+    const CallTrace trace;
     open(with([](Options& o) { o.nRequestLimit = 1; }));
     const pid_t sending = threadIds().back();
     const RawSubscriber standing(address(), "builds");
     const UniqueFd cut = connectTo(address());
-    ASSERT_TRUE(awaitCondition([&] { return publisher().statistics().nConnections == 2; }));
-    awaitCondition([] { return false; }, 10ms); // its grace is over, and the publisher accepts again
+    ASSERT_TRUE(awaitAcceptingAfter(2, trace));
     ASSERT_TRUE(awaitBlockedInIo(sending));
     HeldCall waiting("epoll_wait");
     EXPECT_TRUE(publisher().drop(1, "")); // so that it looks for what has happened
@@ -782,6 +788,7 @@ TEST_P(VornPublisher_Wire, WhoeverAsksAndLeaves_GivesItsPlaceBackAtOnce) {
 }
 
 TEST_P(VornPublisher_Wire, WhileTheHandlerDecidesAboutAllThatMayAsk_NobodyElseIsAccepted) {
+    const CallTrace trace;
     open(with([&](Options& o) {
         o.nRequestLimit = 1;
         o.onSubscribe = [&](const auto&) {
@@ -790,7 +797,7 @@ TEST_P(VornPublisher_Wire, WhileTheHandlerDecidesAboutAllThatMayAsk_NobodyElseIs
         };
     }));
     const UniqueFd first = connectTo(address());
-    awaitCondition([] { return false; }, 10ms); // its grace is over, and others would be accepted
+    ASSERT_TRUE(awaitAcceptingAfter(1, trace));
     sendAll(first.get(), "builds\r\n" + WireRequest{}.bytes());
     ASSERT_TRUE(m_barrier.awaitReached());
     const UniqueFd waiting = connectTo(address());
@@ -1028,8 +1035,7 @@ TEST_P(VornPublisher_Wire, AReasonThatIsTooLong_IsCutToWhatAClientReads) {
             return asking.nId == 1 ? reason : "";
         };
     }));
-    const UniqueFd refused = connectTo(address());
-    sendAll(refused.get(), "builds\r\n" + WireRequest().bytes());
+    const UniqueFd refused = ask(address());
     EXPECT_EQ(receiveExactly(refused.get(), 1), "+");
     EXPECT_EQ(refusalOf(refused.get()), reason.substr(0, longest));
     const RawSubscriber dropped(address(), "builds");
@@ -1103,8 +1109,7 @@ TEST_P(VornPublisher_Wire, WhoeverLeavesWhileTheHandlerDecides_IsASubscriberThat
             return VornString();
         };
     }));
-    UniqueFd client = connectTo(address());
-    sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
+    UniqueFd client = ask(address());
     ASSERT_TRUE(m_barrier.awaitReached());
     client.reset();
     m_barrier.open();
@@ -1120,8 +1125,7 @@ TEST_P(VornPublisher_Wire, WhoeverIsAdmittedAndCannotBeWatched_IsLost) {
         o.onSubscribe = [](const auto&) { return VornString(); };
     }));
     const FaultRule fault("epoll_ctl", ENOMEM, 3); // once it has been accepted, and left to the handler
-    const UniqueFd client = connectTo(address());
-    sendAll(client.get(), "builds\r\n" + WireRequest{}.bytes());
+    const UniqueFd client = ask(address());
     ASSERT_TRUE(m_departures.await(1));
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 12"));
     EXPECT_EQ(receiveToEnd(client.get()), "+");
@@ -1298,8 +1302,7 @@ TEST_P(VornPublisher_Wire, Stop_LeavesNoDescriptorAndNoThread) {
 TEST_P(VornPublisher_Wire, Stop_WhileAHandlerDecides_TellsWhomItAdmitted) {
     const UniqueFd client = askAHandlerThatWaits();
     const int before = openDescriptors();
-    const UniqueFd next = connectTo(address()); // whom the handler is not asked about any more
-    sendAll(next.get(), "builds\r\n" + WireRequest{}.bytes());
+    const UniqueFd next = ask(address()); // whom the handler is not asked about any more
     EXPECT_EQ(receiveExactly(next.get(), 1), "+");
     ASSERT_TRUE(awaitCondition([&] { return openDescriptors() == before + 2; }));
     WatchedThread stopping([&] { publisher().stop(0ms); });
