@@ -4,6 +4,7 @@
 #define VORNTEST_DISPATCHERTESTSUPPORT_H
 
 #include "Await.h"
+#include "ClockShift.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -133,6 +134,14 @@ protected:
                                   const std::string& sAddress, const std::string& sContent = {}) {
         BytesProxy proxy(sAddress, sContent);
         return dispatcher.post(proxy, VornNotification(1), terms);
+    }
+
+    /** Lets all time limits run out once so much has been tried, which may take any time. */
+    static void expireAfter(std::uint64_t tries, const VornDispatcher& dispatcher) {
+        EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries >= tries; }));
+        const ClockShift shift(CLOCK_MONOTONIC);
+        ClockShift::set(std::chrono::hours(1));
+        EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nQueued == 0; }));
     }
 
     /** Takes one notification as a sink that reads to the end does. @return its bytes */

@@ -172,7 +172,8 @@ TEST_P(VornDispatcher_Fault, ACallThatAlwaysFailsLetsItExpire) {
         options.onResult = results.handler();
         VornDispatcher dispatcher(options);
         FaultRule rule(call, ENOBUFS, 1, FaultRule::always, newestThread());
-        postWith(termsOf(30ms), dispatcher, peer.address());
+        post(dispatcher, peer.address());
+        expireAfter(3, dispatcher);
         const Result result = results.awaitOne();
         EXPECT_EQ(result.outcome, Outcome::expired) << call;
         EXPECT_EQ(result.nCode, ENOBUFS) << call;

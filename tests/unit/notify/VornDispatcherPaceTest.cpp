@@ -61,7 +61,7 @@ TEST_F(VornDispatcher_Pace, ADeliveryResetsThePause) {
     EXPECT_EQ(takeOne(listener.get()), cHandle);
     ASSERT_TRUE(dispatcher.flush(10s));
     ::unlink(pipePath("peer").c_str());
-    postWith(termsOf(100ms), dispatcher, "pipe:peer");
+    postWith(termsOf(300ms), dispatcher, "pipe:peer");
     EXPECT_GE(m_results.await(2)[1].nTries, 3U);
 }
 

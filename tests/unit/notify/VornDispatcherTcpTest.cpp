@@ -79,7 +79,8 @@ TEST_F(VornDispatcher_Tcp, WhereNobodyListensItIsTriedAgainWithoutDoubt) {
     m_nPort = unusedTcpPort();
     m_sAddress = "socket:127.0.0.1:" + std::to_string(m_nPort);
     VornDispatcher dispatcher(optionsWithResults());
-    postWith(termsOf(50ms), dispatcher, m_sAddress);
+    post(dispatcher, m_sAddress);
+    expireAfter(3, dispatcher);
     Result result = m_results.awaitOne();
     EXPECT_EQ(result.outcome, Outcome::expired);
     EXPECT_EQ(result.nCode, ECONNREFUSED);
@@ -227,7 +228,7 @@ TEST_F(VornDispatcher_Tcp, AnEndBeforeEverythingHasArrivedIsNotTheLast) {
 TEST_F(VornDispatcher_Tcp, ASinkThatDoesNotCloseLetsItExpireInDoubtAndIsNotReset) {
     const UniqueFd listener = listen();
     VornDispatcher dispatcher(optionsWithResults());
-    postWith(termsOf(80ms), dispatcher, m_sAddress, "content");
+    postWith(termsOf(500ms), dispatcher, m_sAddress, "content");
     const UniqueFd client = acceptClient(listener.get());
     sendAll(client.get(), "a greeting"); // left unread it would make the end a reset
     const Result result = m_results.awaitOne();
