@@ -50,14 +50,25 @@ chmod 755 "$work"
 say() { printf -- '-- %s\n' "$*"; }
 run_quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }; }
 
-# Such a root is the same for every run, and fetching it is the only thing that needs a network.
-fetch_root() { # NAME OPTION...
+# What the packages are linked with has to be there, for there is no network in the roots.
+linked_with() {
+    local package
+    for package in "$packages"/*.deb; do
+        dpkg-deb --field "$package" Depends
+    done | grep -o 'lib[^ ,]*' | grep -v '^libvorn' | sort -u | paste -sd,
+}
+
+# Such a root is the same for every run with the same packages, and fetching it is the only thing that needs a network.
+fetch_root() { # NAME PACKAGES
     local archive=$build/roots/$1.tar
     mkdir -p -- "$build/roots"
-    [[ ! -f $archive ]] || return 0
+    if [[ -f $archive && $(cat -- "$archive.packages") == "$2" ]]; then
+        return
+    fi
     say "fetching the root \"$1\""
-    mmdebstrap --quiet --variant=minbase --format=tar "${@:2}" bookworm "$archive.part"
+    mmdebstrap --quiet --variant=minbase --format=tar --include="$2" bookworm "$archive.part"
     mv -- "$archive.part" "$archive"
+    printf %s "$2" >"$archive.packages"
 }
 
 make_upgrade() {
@@ -103,9 +114,9 @@ run_in_root() { # NAME
     in_namespace "$here/clean_root_test.sh" --in-namespace "$work/$1" "$build/roots/$1.tar"
 }
 
-# What the relay is linked with has to be there, for there is no network in the roots.
-fetch_root plain --include=libnats3.4
-fetch_root systemd --include=systemd-standalone-sysusers,systemd-standalone-tmpfiles,netbase,libnats3.4
+libraries=$(linked_with)
+fetch_root plain "$libraries"
+fetch_root systemd "systemd-standalone-sysusers,systemd-standalone-tmpfiles,netbase,$libraries"
 make_upgrade
 check_development
 run_in_root plain
