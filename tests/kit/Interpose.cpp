@@ -294,6 +294,10 @@ CallRecord describePath(const char* name, const char* path, long second = 0, lon
     return call;
 }
 
+long nanosecondsOf(const timespec& time) {
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+}
+
 /** What becomes of a call before the real function is tried. */
 std::optional<Injection> before(const CallRecord& call) {
     const int error = errno;
@@ -652,7 +656,7 @@ VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
 VORNTEST_WATCHED(int, usleep, , (useconds_t microseconds), (microseconds), -1, microseconds)
 VORNTEST_WATCHED(int, clock_nanosleep, ,
                  (clockid_t clock, int flags, const timespec* time, timespec* remaining),
-                 (clock, flags, time, remaining), clock, flags)
+                 (clock, flags, time, remaining), clock, flags, VornTest::nanosecondsOf(*time))
 
 VORNTEST_EXPORT int getgrnam_r(const char* name, group* entry, char* buffer, size_t size, group** result) {
     VORNTEST_REAL(getgrnam_r);

@@ -102,7 +102,7 @@ struct CallRecord {
      * sendto, recvfrom, read and write (length, flags), setsockopt and getsockopt (level, name), shutdown
      * (how), chmod and fchmod (mode), chown (user, group), fcntl (command, argument), poll (entries,
      * time-out), pipe2 and accept4 (flags), eventfd (count, flags), usleep (microseconds), clock_nanosleep
-     * (flags), gethostbyaddr_r (family).
+     * (flags, nanoseconds), gethostbyaddr_r (family).
      */
     long second = 0;
     long third = 0;

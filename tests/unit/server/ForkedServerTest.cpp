@@ -192,12 +192,20 @@ TEST(ForkedTcpServer, ClosedInTheChildWhileTwoThreadsThereWait_IsLetGoOfByTheLas
                   if (!first.awaitBlocked() || !second.awaitBlocked())
                       return 1;
                   spServer->close();
-                  UniqueFd peers[] = {meet(Kind::Tcp, ""), meet(Kind::Tcp, "")};
-                  if (first.outcome().client() != nullptr || second.outcome().client() != nullptr)
+                  UniqueFd peer = meet(Kind::Tcp, "");
+                  const auto hasEnded = [&] {
+                      return first.thread().finished() != second.thread().finished();
+                  };
+                  if (!awaitCondition(hasEnded))
                       return 2;
-                  for (UniqueFd& peer : peers)
-                      reset(peer);
-                  return openDescriptors() == before ? 0 : 3;
+                  reset(peer);
+                  if (openDescriptors() != before + 1)
+                      return 3;
+                  peer = meet(Kind::Tcp, "");
+                  if (first.outcome().client() != nullptr || second.outcome().client() != nullptr)
+                      return 4;
+                  reset(peer);
+                  return openDescriptors() == before ? 0 : 5;
               }),
               0);
 }

@@ -12,7 +12,9 @@
 #include "ServerTestSupport.h"
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
+#include <vector>
 
 using namespace VornTest;
 using VornNet::VornServerSocket;
@@ -103,6 +105,23 @@ TEST_P(PortBinding, WhereTheServerWasOpenBefore_FailsInTheEnd) {
     const FaultRule inUse("bind", EADDRINUSE, 1, FaultRule::always);
     EXPECT_EQ(init(), m_inUse);
     EXPECT_EQ(inUse.calls(), 1 + retries);
+}
+
+TEST_P(PortBinding, EachFurtherTry_ComesAMillisecondLater) {
+    const auto now = [] {
+        return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+    };
+    openAndClose();
+    const FaultRule inUse("bind", EADDRINUSE, 1, FaultRule::always);
+    FaultRule noPause("clock_nanosleep", 0, 1, FaultRule::always);
+    noPause.returning(0);
+    const CallTrace trace;
+    const long begin = now();
+    EXPECT_EQ(init(), m_inUse);
+    const std::vector<CallRecord> pauses = trace.records("clock_nanosleep");
+    ASSERT_EQ(pauses.size(), static_cast<std::size_t>(retries));
+    EXPECT_GE(pauses.front().third, begin + 1'000'000);
+    EXPECT_LE(pauses.back().third, now() + 1'000'000);
 }
 
 TEST_P(PortBinding, OnAnotherPortThanBefore_FailsAtOnce) {
