@@ -70,7 +70,7 @@ TEST_F(VornDispatcher_Tcp, OneOfManyMebibytesIsDelivered) {
     const std::string sContent(20UL * 1024 * 1024 + 3, 'x');
     const UniqueFd listener = listen();
     VornDispatcher dispatcher(optionsWithResults());
-    post(dispatcher, m_sAddress, sContent);
+    postWith(termsOf(5min), dispatcher, m_sAddress, sContent);
     EXPECT_TRUE(takeOne(listener.get()) == cHandle + sContent);
     EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
 }
