@@ -122,7 +122,8 @@ TEST_F(VornnetTop, FromTheSecondLookOn_TellsHowOftenTheThreadsWake) {
     EXPECT_TRUE(awaitCondition([] { return serverAt("pipe:idle").value("state", "") == "accepts"; }));
     ChildProcess top = startTool({"top", "--json", "--count", "2", "--every", "0.3"});
     EXPECT_THAT(nextLine(top), testing::Not(HasSubstr("wakes_per_second")));
-    for (const Json& server : nextJson(top).at("servers")) {
+    const Json second = nextJson(top);
+    for (const Json& server : second.at("servers")) {
         if (server.at("address") == address)
             EXPECT_GT(server.at("wakes_per_second"), 0);
         else
