@@ -11,6 +11,7 @@
 #include "Sanitizer.h"
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <iostream>
 #include <limits>
@@ -18,7 +19,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include <gmock/gmock.h>
 #include <spawn.h>
@@ -184,10 +184,10 @@ TEST_P(VornLibraryCallbackSink_ForkOnStreams, LetsGoOfTheConnectionThatItServes)
 TEST_P(VornLibraryCallbackSink_ForkOnPorts, WhenACallbackStartsPrograms_StaysAtItsAddress) {
     WatchedSink sink(GetParam());
     const std::string address = sink.address();
-    pid_t child = -1;
+    std::atomic<pid_t> child = -1; // of the sink's thread, and at the end of this one
     const auto awaitChild = [&child] {
-        if (child != -1) {
-            EXPECT_EQ(statusOf(std::exchange(child, -1)), 0);
+        if (const pid_t started = child.exchange(-1); started != -1) {
+            EXPECT_EQ(statusOf(started), 0);
         }
     };
     const CallHook pause("clock_nanosleep", awaitChild, everyTime);
