@@ -325,6 +325,7 @@ void Relay::reload() try {
     const RelaySettings fresh = RelaySettings::read(m_sSettingsFile);
     m_settings.patience = fresh.patience;
     m_settings.onSlow = fresh.onSlow;
+    m_settings.slowAfter = fresh.slowAfter;
     m_settings.nLogLevel = fresh.nLogLevel;
     if (!m_settings.bSendToAll) // until the engine has told, those remain who were listed
         m_found.insert(m_settings.sendTo.begin(), m_settings.sendTo.end());
@@ -336,7 +337,8 @@ void Relay::reload() try {
     if (m_bConnected)
         askEngine();
     g_nLogLevel.store(fresh.nLogLevel, std::memory_order_relaxed);
-    logLine(LogLevel::change, "send-to, patience, on-slow, redirect-address and log-level were read again");
+    logLine(LogLevel::change,
+            "send-to, patience, on-slow, slow-after, redirect-address and log-level were read again");
 
 } catch (const SettingsError& error) {
 

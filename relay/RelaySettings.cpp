@@ -159,6 +159,7 @@ void RelaySettings::take(const std::string& sKey, const std::string& sValue) {
         {"held", [&] { nHeld = numberOf(sValue, 16, 1'000'000); }},
         {"patience", [&] { patience = secondsOf(sValue); }},
         {"on-slow", [&] { onSlow = onSlowOf(sValue); }},
+        {"slow-after", [&] { slowAfter = secondsOf(sValue); }},
         {"consumer", [&] { access.bFixedConsumer = isFixed(sValue); }},
         {"redirect-port", [&] { nRedirectPort = static_cast<std::uint16_t>(numberOf(sValue, 1, 65535)); }},
         {"redirect-address", [&] { addAddresses(sValue, redirectAddresses); }},

@@ -37,6 +37,7 @@ struct RelaySettings {
     std::size_t nHeld = 8192; ///< most messages in memory on their way to sinks
     std::chrono::milliseconds patience{60'000};
     OnSlow onSlow = OnSlow::dead;
+    std::chrono::milliseconds slowAfter{10'000};
     std::uint16_t nRedirectPort = 0; ///< where services' connections are redirected to; 0: none
     std::map<std::string, std::string> redirectAddresses; ///< by host, also the own one
     std::size_t nHoldBytes = 64UL * 1024 * 1024;          ///< most bytes that wait for the engine

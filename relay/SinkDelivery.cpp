@@ -222,15 +222,29 @@ void SinkDelivery::take(std::uint64_t nPosition, Engine::Message&& message) {
         return;
     }
     LeaseQueue& queue = m_queues[nLease];
-    const bool bMayFill =
-        LeaseTable::isNamedNumber(nLease) || m_settings.onSlow == RelaySettings::OnSlow::block;
-    if (queue.nLetters > 0 || (!bMayFill && queue.waiting.size() >= m_settings.nHeld / 4)) {
+    if (queue.nLetters > 0) {
         buryLater(nLease, queue, std::move(notification), "slow");
         return;
     }
     queue.waiting.push_back(std::move(notification));
     if (queue.waiting.size() == 1)
         deliverNext(nLease);
+    else if (isSlow(nLease, queue))
+        buryNewest(nLease, queue);
+}
+
+/** A burst that the sink works off is not slow: it only takes the others' room, and not for long. */
+bool SinkDelivery::isSlow(std::uint32_t nLease, const LeaseQueue& queue) const {
+    return !LeaseTable::isNamedNumber(nLease) && m_settings.onSlow == RelaySettings::OnSlow::dead &&
+           queue.waiting.size() > m_settings.nHeld / 4 &&
+           Clock::now() - queue.waiting.front().arrived > m_settings.slowAfter;
+}
+
+void SinkDelivery::buryNewest(std::uint32_t nLease, LeaseQueue& queue) {
+    const auto newest = queue.waiting.begin() + static_cast<std::ptrdiff_t>(m_settings.nHeld / 4);
+    for (auto notification = newest; notification != queue.waiting.end(); ++notification)
+        buryLater(nLease, queue, std::move(*notification), "slow");
+    queue.waiting.erase(newest, queue.waiting.end());
 }
 
 void SinkDelivery::deliverNext(std::uint32_t nLease) {
@@ -446,6 +460,10 @@ void SinkDelivery::look() {
                 lookAt(nLease);
         }
         lookForEnded();
+        for (auto& [nLease, queue] : m_queues) {
+            if (isSlow(nLease, queue))
+                buryNewest(nLease, queue);
+        }
         if (m_bStopped)
             giveUpPorts();
         if (const in_addr address = m_settings.redirectAddress(m_settings.access.sHost);

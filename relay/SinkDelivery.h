@@ -107,6 +107,8 @@ private:
     };
 
     void take(std::uint64_t nPosition, Engine::Message&& message);
+    bool isSlow(std::uint32_t nLease, const LeaseQueue& queue) const;
+    void buryNewest(std::uint32_t nLease, LeaseQueue& queue);
     void deliverNext(std::uint32_t nLease);
     bool isSink(std::uint32_t nSink) const;
     void post(const Lease& lease, LeaseQueue& queue);

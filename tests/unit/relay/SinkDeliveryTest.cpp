@@ -150,6 +150,7 @@ protected:
 };
 
 constexpr int cNoCallback = 99;
+constexpr std::chrono::milliseconds cAtOnce{-1};
 
 } // namespace
 
@@ -330,6 +331,7 @@ TEST_F(SinkDeliveryTest, Stopped_ItWaitsForACallbackThatRunsAndForNoClientThatIs
 
 TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsStored) {
     m_settings.nHeld = 8; // so a queue takes 2
+    m_settings.slowAfter = cAtOnce;
     Client client;
     client.spCallback->bMayReturn = false;
     const std::uint32_t nLease = grant("", client);
@@ -347,6 +349,24 @@ TEST_F(SinkDeliveryTest, WhatComesAfterASlowOne_IsSlowTooUntilItsDeadLetterIsSto
     EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 5; }));
     EXPECT_THAT(m_engine.acknowledged, ElementsAre("r1", "r2", "r3", "r4", "r5"));
     EXPECT_EQ(client.spCallback->nCalls, 3);
+}
+
+TEST_F(SinkDeliveryTest, BurstThatASinkWorksOff_IsDelivered_AndWhatWaitsForTooLongIsSlow) {
+    m_settings.nHeld = 8;
+    Client client;
+    const std::uint32_t nLease = grant("", client);
+    occupy(nLease, 1, *client.spCallback);
+    for (std::uint64_t n = 2; n <= 5; ++n)
+        arrive(nLease, n);
+    client.spCallback->bMayReturn = true;
+    EXPECT_TRUE(runUntil([&] { return m_engine.acknowledged.size() == 5; }));
+    EXPECT_EQ(m_engine.unanswered(), 0U);
+    client.spCallback->bMayReturn = false;
+    for (std::uint64_t n = 6; n <= 9; ++n)
+        arrive(nLease, n);
+    m_settings.slowAfter = cAtOnce;
+    EXPECT_TRUE(runUntil([&] { return m_engine.unanswered() == 2; })) << "the others need the room";
+    EXPECT_EQ(m_engine.published(1).header("Nats-Msg-Id"), "dead." + idOf("s", {1, 9}));
 }
 
 TEST_F(SinkDeliveryTest, WhatComesAfterOneThatAPortDidNotTake_IsBuriedTooUntilItsDeadLetterIsStored) {
