@@ -1,0 +1,389 @@
+// SPDX-FileCopyrightText: 2026 The vornnet authors
+// SPDX-License-Identifier: Apache-2.0
+#include "Await.h"
+#include "Posix.h"
+#include "RelayStage.h"
+
+#include <NatsConnection.h>
+#include <VornConnection.h>
+#include <VornDispatcher.h>
+#include <VornNotificationCallback.h>
+#include <VornPipeConnection.h>
+#include <VornProxyDependent.h>
+#include <VornSteadySink.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+using namespace VornNet;
+using namespace VornSupport;
+using namespace VornTest;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Times = std::vector<double>; // seconds of the steady clock, by number
+
+double now() {
+    return std::chrono::duration<double>(Clock::now().time_since_epoch()).count();
+}
+
+/** A notification with a content of a given size. */
+class SizedProxy : public VornProxyDependent {
+public:
+    SizedProxy(const std::string& sAddress, long hDependent, std::size_t nSize)
+        : VornProxyDependent(sAddress.c_str(), hDependent), m_content(nSize, 'x') {}
+
+    void addContent(VornConnection& connection, const VornNotification& notification) override {
+        connection.transfer(static_cast<long>(notification.getId()));
+        connection.transfer(VornString(m_content.c_str()));
+    }
+
+private:
+    const std::string m_content;
+};
+
+class TimingCallback : public VornNotificationCallback {
+public:
+    TimingCallback(int nId, std::size_t nCount) : VornNotificationCallback(nId), m_times(nCount) {}
+
+    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
+        const auto n = static_cast<std::size_t>(spConnection->receiveLong());
+        spConnection->receiveString();
+        const std::lock_guard lock(m_mutex);
+        m_times.at(n) = now();
+        if (++m_nSeen == m_times.size())
+            m_all.notify_all();
+    }
+
+    Times await() {
+        std::unique_lock lock(m_mutex);
+        m_all.wait(lock, [this] { return m_nSeen >= m_times.size(); });
+        return m_times;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_all;
+    std::size_t m_nSeen = 0;
+    Times m_times;
+};
+
+void print(const Times& times) {
+    for (const double time : times)
+        std::printf("%.9f ", time);
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+Times timesIn(const std::string& sLine) {
+    std::istringstream words(sLine);
+    return {std::istream_iterator<double>(words), std::istream_iterator<double>()};
+}
+
+/** The same job by the engine's own client: publish with an answer, pull, acknowledge. */
+class EngineClient {
+public:
+    static constexpr std::size_t cUsualWindow = 2048; // as the relay's
+
+    explicit EngineClient(const VornRelay::EngineAccess& access) {
+        for (auto* pConnection : {&m_spSender, &m_spReceiver}) {
+            natsConnection* created = nullptr;
+            const auto options = VornRelay::optionsFor(access, std::chrono::seconds(5));
+            if (natsConnection_Connect(&created, options.get()) != NATS_OK)
+                throw std::runtime_error("no connection");
+            pConnection->reset(created);
+        }
+        m_sInbox = VornRelay::inboxOf(access);
+        subscribe(m_spSender.get(), m_sInbox + ".answers", &onAnswer);
+        subscribe(m_spReceiver.get(), m_sInbox + ".messages", &onMessage);
+    }
+
+    ~EngineClient() {
+        for (auto* pConnection : {&m_spSender, &m_spReceiver})
+            natsConnection_Close(pConnection->get());
+    }
+
+    /** @param nWindow most without an answer @return when each was published, and when it came */
+    std::pair<Times, Times> run(std::size_t nCount, std::size_t nSize, double gap,
+                                std::size_t nWindow = cUsualWindow) {
+        m_nPublished = m_nAnswered = m_nSeen = 0;
+        m_sent.assign(nCount, 0);
+        m_came.assign(nCount, 0);
+        pull(512);
+        const std::string sContent(nSize, 'x');
+        for (std::size_t n = 0; n < nCount; ++n) {
+            std::unique_lock lock(m_mutex);
+            m_changed.wait(lock, [&] { return m_nPublished - m_nAnswered < nWindow; });
+            ++m_nPublished;
+            m_sent[n] = now();
+            lock.unlock();
+            const std::string sMessage = std::to_string(n) + " " + sContent;
+            natsConnection_PublishRequestString(m_spSender.get(), "vorn.to.bench.sink.lease.1",
+                                                (m_sInbox + ".answers").c_str(), sMessage.c_str());
+            lock.lock();
+            if (gap > 0)
+                m_changed.wait_for(lock, std::chrono::duration<double>(gap), [] { return false; });
+        }
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_nSeen >= nCount; });
+        return {m_sent, m_came};
+    }
+
+private:
+    void subscribe(natsConnection* connection, const std::string& sSubject, natsMsgHandler handler) {
+        natsSubscription* created = nullptr;
+        natsConnection_Subscribe(&created, connection, sSubject.c_str(), handler, this);
+        m_subscriptions.emplace_back(created);
+    }
+
+    void pull(std::size_t nCount) {
+        m_nAsked += nCount;
+        const std::string sRequest = "{\"batch\":" + std::to_string(nCount) + ",\"expires\":60000000000}";
+        natsConnection_PublishRequestString(m_spReceiver.get(),
+                                            "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_bench.relay",
+                                            (m_sInbox + ".messages").c_str(), sRequest.c_str());
+    }
+
+    static void onAnswer(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
+        auto* pClient = static_cast<EngineClient*>(closure);
+        const std::lock_guard lock(pClient->m_mutex);
+        ++pClient->m_nAnswered;
+        pClient->m_changed.notify_all();
+        natsMsg_Destroy(message);
+    }
+
+    static void onMessage(natsConnection* connection, natsSubscription*, natsMsg* message, void* closure) {
+        auto* pClient = static_cast<EngineClient*>(closure);
+        if (const char* szReply = natsMsg_GetReply(message); szReply != nullptr) {
+            natsConnection_PublishString(connection, szReply, "+ACK");
+            const std::lock_guard lock(pClient->m_mutex);
+            pClient->m_came.at(std::stoul(natsMsg_GetData(message))) = now();
+            ++pClient->m_nSeen;
+            if (--pClient->m_nAsked < 256)
+                pClient->pull(512);
+            pClient->m_changed.notify_all();
+        }
+        natsMsg_Destroy(message);
+    }
+
+    std::string m_sInbox;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::size_t m_nPublished = 0;
+    std::size_t m_nAnswered = 0;
+    std::size_t m_nSeen = 0;
+    std::size_t m_nAsked = 0;
+    Times m_sent;
+    Times m_came;
+    VornRelay::NatsPointer<natsConnection> m_spSender;
+    VornRelay::NatsPointer<natsConnection> m_spReceiver;
+    std::vector<VornRelay::NatsPointer<natsSubscription>> m_subscriptions;
+};
+
+/** By the relay: services on one host, and as many sinks on the other, each for its part of the count. */
+std::pair<Times, Times> runRelay(const std::string& sKind, std::size_t nCount, std::size_t nSize, double gap,
+                                 std::size_t nSinks = 1) {
+    const std::string sEach = std::to_string(nCount / nSinks);
+    std::vector<ChildProcess> sinks;
+    std::vector<ChildProcess> services;
+    for (std::size_t n = 0; n < nSinks; ++n)
+        sinks.push_back(ChildProcess::spawnRole("bench_sink", "b", sEach));
+    for (ChildProcess& sink : sinks) {
+        const std::string sLease = sink.readLine();
+        const std::size_t nBlank = sLease.find(' ');
+        services.push_back(ChildProcess::spawnRole("bench_service", "a", sKind, sLease.substr(0, nBlank),
+                                                   sLease.substr(nBlank + 1), sEach, std::to_string(nSize),
+                                                   std::to_string(gap)));
+    }
+    std::pair<Times, Times> result;
+    for (auto [processes, times] : {std::pair(&services, &result.first), std::pair(&sinks, &result.second)}) {
+        for (ChildProcess& process : *processes) {
+            const Times part = timesIn(process.readLine(std::chrono::minutes(2)));
+            times->insert(times->end(), part.begin(), part.end());
+        }
+    }
+    return result;
+}
+
+double rateOf(const std::pair<Times, Times>& run) {
+    return static_cast<double>(run.first.size()) / (*std::max_element(run.second.begin(), run.second.end()) -
+                                                    *std::min_element(run.first.begin(), run.first.end()));
+}
+
+/** @return the latency that this part of them does not exceed, in milliseconds */
+double latencyOf(const std::pair<Times, Times>& run, double part) {
+    Times latencies;
+    for (std::size_t n = 0; n < run.first.size(); ++n)
+        latencies.push_back((run.second[n] - run.first[n]) * 1000);
+    std::sort(latencies.begin(), latencies.end());
+    return latencies[static_cast<std::size_t>(part * static_cast<double>(latencies.size() - 1))];
+}
+
+double medianOf(Times values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+/**
+ * Rates of the relay and of the engine's client, in turns, so that both have the same machine. A service that
+ * waits for each confirmation is compared with a client that waits for each answer.
+ */
+void compareRates(EngineClient& client, const std::string& sKind, std::size_t nCount, std::size_t nSize,
+                  std::size_t nSinks = 1) {
+    const std::size_t nWindow = sKind == "confirmed" ? 1 : EngineClient::cUsualWindow;
+    Times relay;
+    Times engine;
+    for (int nRound = 0; nRound < 5; ++nRound) {
+        relay.push_back(rateOf(runRelay(sKind, nCount, nSize, 0, nSinks)));
+        engine.push_back(rateOf(client.run(nCount, nSize, 0, nWindow)));
+    }
+    std::printf("%-32s %8.0f/s %8.0f/s  ratio %.2f\n",
+                (sKind + ", " + std::to_string(nSize) + " bytes, sinks: " + std::to_string(nSinks)).c_str(),
+                medianOf(relay), medianOf(engine), medianOf(relay) / medianOf(engine));
+}
+
+/** @return microseconds that a process has worked. */
+double workOf(pid_t process) {
+    std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
+    const std::vector<std::string> words{std::istream_iterator<std::string>(stat), {}};
+    return (std::stod(words.at(13)) + std::stod(words.at(14))) * 1e6 /
+           static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+std::size_t residentKilobytes(pid_t process) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    std::size_t nKilobytes = 0;
+    for (std::string sLine; std::getline(status, sLine);) {
+        if (sLine.starts_with("VmRSS:"))
+            nKilobytes = std::stoul(sLine.substr(6));
+    }
+    return nKilobytes;
+}
+
+} // namespace
+
+KIT_ROLE(bench_sink) {
+    RelayStage::enterHost(args.at(0));
+    VornSteadySink sink("sink");
+    VornCallbackContainer& callbacks = sink.getCallbackContainer();
+    const VornSmartPointer<TimingCallback> spCallback =
+        new TimingCallback(callbacks.getNewId(), std::stoul(args.at(1)));
+    callbacks.add(&*spCallback);
+    std::cout << RelayStage::leaseFor("", sink.getCallbackAddress(), spCallback->getId()) << std::endl;
+    print(spCallback->await());
+    return 0;
+}
+
+KIT_ROLE(bench_service) {
+    RelayStage::enterHost(args.at(0));
+    const auto nCount = std::stoul(args.at(4));
+    const double gap = std::stod(args.at(6));
+    const VornSmartPointer<SizedProxy> spProxy =
+        new SizedProxy(args.at(2), std::stol(args.at(3)), std::stoul(args.at(5)));
+    Times times;
+    VornDispatcher::Options options;
+    options.nQueueLimit = nCount + 1;
+    options.terms.timeLimit = std::chrono::minutes(2);
+    VornDispatcher dispatcher(options);
+    for (std::size_t n = 0; n < nCount; ++n) {
+        times.push_back(now());
+        if (args.at(1) == "plain")
+            spProxy->remoteNotify(VornNotification(static_cast<int>(n)));
+        else
+            dispatcher.post(*spProxy, VornNotification(static_cast<int>(n)));
+        std::this_thread::sleep_until(Clock::time_point(
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(times.back() + gap))));
+    }
+    dispatcher.flush(std::chrono::minutes(2));
+    print(times);
+    return 0;
+}
+
+TEST(RelayBench, BesideTheEnginesOwnClient) {
+    RelayStage stage;
+    stage.startRelay("a");
+    stage.startRelay("b");
+    VornRelay::NatsAdministration administration = stage.administration();
+    VornRelay::NatsAdministration::Limits limits;
+    limits.bFixedConsumer = true;
+    administration.addHost("bench", limits);
+    EngineClient client(stage.access("admin"));
+    std::printf("%-32s %10s %10s\n", "", "relay", "engine");
+    compareRates(client, "plain", 3000, 100);
+    compareRates(client, "plain", 3000, 100, 10);
+    compareRates(client, "plain", 3000, 4096);
+    compareRates(client, "plain", 300, 65536);
+    compareRates(client, "confirmed", 1000, 100);
+    const auto relay = runRelay("plain", 600, 100, 0.005);
+    const auto engine = client.run(600, 100, 0.005);
+    for (const double part : {0.5, 0.99})
+        std::printf("%-32s %7.2f ms %7.2f ms  ratio %.2f\n",
+                    part < 0.9 ? "latency at 200/s, median" : "latency at 200/s, 99 %",
+                    latencyOf(relay, part), latencyOf(engine, part),
+                    latencyOf(relay, part) / latencyOf(engine, part));
+}
+
+/** It hardly depends on what else the machine does. */
+TEST(RelayBench, WorkForEachNotification) {
+    RelayStage stage;
+    stage.startRelay("a");
+    stage.startRelay("b");
+    const std::size_t nCount = 10'000;
+    const double sending = workOf(stage.relayProcess("a"));
+    const double receiving = workOf(stage.relayProcess("b"));
+    runRelay("plain", nCount, 100, 0);
+    std::printf("work for each notification: %.0f us where the service is, %.0f us where the sink is\n",
+                (workOf(stage.relayProcess("a")) - sending) / static_cast<double>(nCount),
+                (workOf(stage.relayProcess("b")) - receiving) / static_cast<double>(nCount));
+}
+
+TEST(RelayBench, MemoryOfLeasesAndHosts) {
+    RelayStage stage;
+    const std::size_t nLeases = 2000;
+    stage.startRelay("b");
+    ChildProcess sink = ChildProcess::spawnRole("bench_sink", "b", "1");
+    sink.readLine();
+    const std::size_t nBefore = residentKilobytes(stage.relayProcess("b"));
+    ChildProcess leases = ChildProcess::spawnRole("bench_leases", "b", std::to_string(nLeases));
+    leases.readLine(std::chrono::minutes(2));
+    const std::size_t nWithLeases = residentKilobytes(stage.relayProcess("b"));
+    const std::size_t nHosts = 500;
+    std::string sHosts = "send-to = b";
+    for (std::size_t n = 0; n < nHosts; ++n)
+        sHosts += ",h" + std::to_string(n);
+    stage.startRelay("a");
+    const std::size_t nOneHost = residentKilobytes(stage.relayProcess("a"));
+    stage.endRelay("a", SIGTERM);
+    stage.startRelay("a", sHosts + "\n");
+    const std::size_t nManyHosts = residentKilobytes(stage.relayProcess("a"));
+    std::printf("relay %zu KiB; a lease %.2f KiB; a host that may be notified %.2f KiB\n", nBefore,
+                static_cast<double>(nWithLeases - nBefore) / static_cast<double>(nLeases),
+                static_cast<double>(nManyHosts - nOneHost) / static_cast<double>(nHosts));
+}
+
+KIT_ROLE(bench_leases) {
+    RelayStage::enterHost(args.at(0));
+    VornSteadySink sink("sink");
+    for (int n = 0; n < std::stoi(args.at(1)); ++n)
+        RelayStage::leaseFor("", sink.getCallbackAddress(), n);
+    std::cout << "taken" << std::endl;
+    std::string sEnd;
+    std::getline(std::cin, sEnd);
+    return 0;
+}
