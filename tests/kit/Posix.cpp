@@ -308,7 +308,7 @@ std::string receiveExactly(int fd, std::size_t count) {
 
 std::string receiveToEnd(int fd) {
     std::string result;
-    std::array<char, 4096> buffer;
+    std::array<char, 65536> buffer;
     for (std::size_t count = 1; count > 0;) {
         count = receiveSome(fd, buffer.data(), buffer.size());
         result.append(buffer.data(), count);

@@ -232,7 +232,11 @@ TEST_P(VornPublisher_Callback, Stop_WithoutTimeGivesUpWhatIsLeft) {
     EXPECT_EQ(subscriber.next(), WireFrame::last(1, "the service stops"));
 }
 
-TEST_P(VornPublisher_Callback, MoreThanMayWaitForAllSinks_IsSentLater_AndBeforeTheEnd) {
+// So many bytes take time, and it is the same over both.
+using VornPublisher_CallbackOfMebibytes = VornPublisher_Callback;
+INSTANTIATE_TEST_SUITE_P(Pipe, VornPublisher_CallbackOfMebibytes, testing::Values(true));
+
+TEST_P(VornPublisher_CallbackOfMebibytes, MoreThanMayWaitForAllSinks_IsSentLater_AndBeforeTheEnd) {
     constexpr std::size_t longest = 60UL * 1024 * 1024; // of the 64 MiB that may wait
     openAnew([](auto& options) { options.nHistoryBytes = 4 * (options.nEventLimit = longest); });
     const RawSubscriber first(address(), "builds", request(1));
@@ -245,7 +249,7 @@ TEST_P(VornPublisher_Callback, MoreThanMayWaitForAllSinks_IsSentLater_AndBeforeT
     EXPECT_EQ(take().substr(0, 17), notification(2, 1, "y"));
     EXPECT_EQ(take(), notification(2, 2, "after it"));
     for (const RawSubscriber* subscriber : {&first, &second}) {
-        EXPECT_EQ(subscriber->next(), WireFrame::last(1, "the service stops"));
+        EXPECT_EQ(nextBut(*subscriber, 3), WireFrame::last(1, "the service stops"));
         ::shutdown(subscriber->fd(), SHUT_RDWR);
     }
     EXPECT_TRUE(stopping.join());

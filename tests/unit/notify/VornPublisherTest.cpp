@@ -715,7 +715,10 @@ TEST_P(VornPublisher_Wire, Drop_OfOneThatReadsSlowly_TellsTheReasonInPieces) {
 }
 
 TEST_P(VornPublisher_Wire, Drop_OfOneThatReadsNothingAndCloses_LeavesNoDescriptor) {
-    open(with([](Options& o) { o.nHistoryBytes = 16 * 1024 * 1024; }));
+    open(with([](Options& o) {
+        o.nHistoryBytes = 16 * 1024 * 1024;
+        o.beat = 60s; // over TCP it would be lost after three of them
+    }));
     const int before = openDescriptors();
     RawSubscriber slow(address(), "builds");
     for (int i = 0; i < 10; ++i)
@@ -813,7 +816,10 @@ TEST_P(VornPublisher_Wire, WhileTheHandlerDecidesAboutAllThatMayAsk_NobodyElseIs
 }
 
 TEST_P(VornPublisher_Wire, ASlowSubscriberFallsOut_AndOthersDoNotNotice) {
-    open(with([](Options& o) { o.nHistoryBytes = 64 * 1024; }));
+    open(with([](Options& o) {
+        o.nHistoryBytes = 64 * 1024;
+        o.beat = 60s; // over TCP it would be lost after three of them
+    }));
     const RawSubscriber slow(address(), "builds");
     const RawSubscriber fast(address(), "builds");
     const std::string content(1000, 'x');
@@ -929,6 +935,8 @@ TEST_P(VornPublisher_Wire, Flush_WaitsForThoseWhoAreBehind) {
     open(with([](Options& o) { o.nHistoryBytes = 16 * 1024 * 1024; }));
     EXPECT_TRUE(publisher().flush(0ms));
     RawSubscriber slow(address(), "builds");
+    const int room = 65'536; // over TCP the kernel would give one that reads room for all
+    ASSERT_EQ(::setsockopt(slow.fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
     for (int i = 0; i < 10; ++i)
         publish(std::string(1024 * 1024, 'x'));
     EXPECT_FALSE(publisher().flush(0ms));
