@@ -4,7 +4,7 @@
  * A client or service with a fault, which the tool is to find. It ends with its standard input.
  *   patient sink|steady        makes a sink with the callbacks below, and prints its address
  *   patient dispatch ADDRESS HANDLE   posts a notification by a dispatcher
- *   patient publish ADDRESS    publishes an event of 1000 bytes every 10 ms, and prints its address
+ *   patient publish ADDRESS    publishes an event of 20,000 bytes every 10 ms, and prints its address
  *   patient subscribe ADDRESS  subscribes there; when it is told "hang", its event handler does not return
  */
 
@@ -89,7 +89,7 @@ void publish(const char* address) {
     std::thread([&publisher] {
         for (;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
             publisher.publish("news",
-                              [](VornConnection& content) { content.transfer(std::string(1000, 'x')); });
+                              [](VornConnection& content) { content.transfer(std::string(20'000, 'x')); });
         }
     }).detach();
     awaitEndOfInput();
