@@ -103,11 +103,15 @@ void PortDelivery::connected() try {
     repeat(false);
 }
 
-/** @return whether the connection still stands. */
+/**
+ * The last of the content is held back until the end goes along with it. A sink that read it and closed
+ * before the end came would keep its port busy, and move after having tried for a second to get it again.
+ * @return whether the connection still stands
+ */
 bool PortDelivery::send() {
     while (m_nSent < m_sExchange.size()) {
         const ssize_t count = System::send(m_socket.number(), m_sExchange.data() + m_nSent,
-                                           m_sExchange.size() - m_nSent, MSG_NOSIGNAL);
+                                           m_sExchange.size() - m_nSent, MSG_NOSIGNAL | MSG_MORE);
         if (count == -1)
             return errno == EAGAIN;
         m_nSent += static_cast<std::size_t>(count);

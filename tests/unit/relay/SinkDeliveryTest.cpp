@@ -22,7 +22,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -148,6 +151,13 @@ protected:
     std::unique_ptr<RelayLoop> m_spLoop;
     std::unique_ptr<SinkDelivery> m_spDelivery;
 };
+
+std::uint32_t segmentsThatCame(const UniqueFd& connection) {
+    tcp_info info{};
+    socklen_t nSize = sizeof info;
+    ::getsockopt(connection.get(), IPPROTO_TCP, TCP_INFO, &info, &nSize);
+    return info.tcpi_segs_in;
+}
 
 constexpr int cNoCallback = 99;
 constexpr std::chrono::milliseconds cAtOnce{-1};
@@ -409,6 +419,24 @@ TEST_F(SinkDeliveryTest, SinkThatHasMoved_IsFollowedAlsoWhenItsPortWasTakenAtOnc
     pollfd sink{after.get(), POLLIN, 0};
     EXPECT_TRUE(runUntil([&] { return ::poll(&sink, 1, 0) == 1 || m_engine.unanswered() == 1; }));
     EXPECT_EQ(m_engine.unanswered(), 0U) << reason();
+}
+
+TEST_F(SinkDeliveryTest, EndOfAnExchange_ReachesATcpSinkAlongWithTheContent) {
+    int nPort = 0;
+    const UniqueFd listener = tcpListen("127.0.0.1", nPort);
+    redirectPorts();
+    const UniqueFd client = tcpConnect("127.0.0.1", nPort);
+    ::send(client.get(), "content", 7, MSG_MORE);
+    ::shutdown(client.get(), SHUT_WR);
+    const UniqueFd inOne = acceptClient(listener.get());
+    receiveToEnd(inOne.get());
+    arrive(static_cast<std::uint32_t>(nPort), 1);
+    pollfd readable{listener.get(), POLLIN, 0};
+    ASSERT_TRUE(runUntil([&] { return ::poll(&readable, 1, 0) == 1; }));
+    const UniqueFd sink = acceptClient(listener.get());
+    readable = {sink.get(), POLLRDHUP, 0};
+    ASSERT_TRUE(runUntil([&] { return ::poll(&readable, 1, 0) == 1; }));
+    EXPECT_EQ(segmentsThatCame(sink), segmentsThatCame(inOne));
 }
 
 TEST_F(SinkDeliveryTest, WantOfPortsOrDescriptors_DoesNotCountAgainstASink) {
