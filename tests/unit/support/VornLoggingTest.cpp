@@ -445,7 +445,9 @@ TEST_F(VornLoggingTest, EndrecordWithoutARecord_DoesNothing) {
 TEST_F(VornLoggingTest, ValuesWithoutALevel_OpenARecordOfLevelZero) {
     LogCapture log;
     VornLogging::getInstance() << "plain" << endrecord;
-    EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{0, "plain"}));
+    std::thread([] { VornLogging::getInstance() << "the first of a thread" << endrecord; }).join();
+    EXPECT_THAT(log.records(),
+                ElementsAre(LogCapture::Record{0, "plain"}, LogCapture::Record{0, "the first of a thread"}));
 }
 
 TEST_F(VornLoggingTest, ARecordOpenedWithinAnother_IsWrittenByItself) {
