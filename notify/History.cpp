@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "History.h"
 
+#include "Random.h"
 #include "Wire.h"
 
 #include <algorithm>
@@ -27,7 +28,7 @@ std::size_t sizeAt(const char* frame) {
 History::History(std::size_t capacity)
     : m_block(capacity), m_bytes(m_block.frames()), m_capacity(capacity),
       m_index(indexSize(capacity, cIndexStep)) {
-    m_block.begin();
+    m_block.begin(randomNumber());
     m_id = m_block.header().history;
 }
 
@@ -35,9 +36,16 @@ History::History(const VornString& sPath, std::size_t capacity)
     : m_block(sPath, capacity), m_bytes(m_block.frames()), m_capacity(capacity),
       m_index(indexSize(capacity, cIndexStep)) {
     if (!recover())
-        m_block.begin();
+        m_block.begin(randomNumber());
     m_block.own();
     m_id = m_block.header().history;
+}
+
+History::History(const VornString& sPath, std::size_t capacity, const VornPosition& start)
+    : m_block(sPath, capacity), m_bytes(m_block.frames()), m_capacity(capacity), m_id(start.nHistory),
+      m_index(indexSize(capacity, cIndexStep)), m_newest(start.nNumber) {
+    m_block.begin(start.nHistory);
+    m_block.own();
 }
 
 std::uint64_t History::append(std::string_view content) {

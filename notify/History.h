@@ -4,6 +4,7 @@
 #define VORNNOTIFY_HISTORY_H
 
 #include "HistoryBlock.h"
+#include "VornPosition.h"
 
 #include <atomic>
 #include <cstddef>
@@ -53,6 +54,10 @@ public:
 
     /** Goes on with the history in the file when it is sound, else begins one. @throws std::system_error */
     History(const VornString& sPath, std::size_t capacity);
+
+    /** Begins somebody else's history in the file, after the event where @p start is; until the first
+     * append() the file does not know that number. @throws std::system_error */
+    History(const VornString& sPath, std::size_t capacity, const VornPosition& start);
 
     /** @return the history's own number. */
     std::uint64_t id() const { return m_id; }

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HistoryBlock.h"
 
-#include "Random.h"
 #include "SystemError.h"
 
 #include <algorithm>
@@ -58,7 +57,7 @@ bool HistoryBlock::isUsable() const {
            h.end - h.oldest <= m_capacity;
 }
 
-void HistoryBlock::begin() {
+void HistoryBlock::begin(std::uint64_t history) {
     HistoryHeader& h = header();
     // The number comes last: a process that is killed on the way leaves none.
     __atomic_store_n(&h.history, 0, __ATOMIC_RELEASE);
@@ -67,7 +66,7 @@ void HistoryBlock::begin() {
     h.capacity = m_capacity;
     h.oldest = 0;
     h.end = 0;
-    __atomic_store_n(&h.history, randomNumber(), __ATOMIC_RELEASE);
+    __atomic_store_n(&h.history, history, __ATOMIC_RELEASE);
 }
 
 void HistoryBlock::own() {

@@ -56,8 +56,8 @@ public:
     /** @return whether the header is that of a history which may be gone on with, as far as it tells. */
     bool isUsable() const;
 
-    /** Begins a history, which is empty. @throws std::system_error */
-    void begin();
+    /** Begins a history of that number, which is empty. */
+    void begin(std::uint64_t history);
 
     /** Says that this system writes from now on, which reaches the disk before anything else does. */
     void own();
