@@ -77,6 +77,13 @@ public:
         std::int64_t nMostMessages = -1; ///< -1: no limit
     };
 
+    /** A message as it lies in somebody's stream. */
+    struct Stored {
+        std::string sError;          ///< why it is not told; empty when it is
+        std::uint64_t nPosition = 0; ///< its place in the stream; 0: there is none
+        Message message;
+    };
+
     /** What an engine tells without being asked. */
     class Listener {
     public:
@@ -103,6 +110,7 @@ public:
 
     using AnswerHandler = std::function<void(Answer answer, const std::string& sText)>;
     using OpenHandler = std::function<void(const Opened& opened)>;
+    using StoredHandler = std::function<void(const Stored& stored)>;
     using FillHandler = std::function<void(const Fill* pFill)>;
     using HostsHandler = std::function<void(const std::vector<std::string>* pHosts)>;
 
@@ -112,7 +120,7 @@ public:
     Engine& operator=(const Engine&) = delete;
 
     /** Sends a message; @p onAnswer is called once, never before this returns. Its text says why it was not
-     * stored. */
+     * stored, or at which position it is. */
     virtual void publish(const Message& message, AnswerHandler onAnswer) = 0;
 
     /** Closes a consumer of the own stream if there is one, and opens it anew, so that all that has not been
@@ -135,6 +143,11 @@ public:
 
     /** Has what others tell on that subject told to the listener. To be called before the start. */
     virtual void listenTo(const std::string& sSubject) = 0;
+
+    /** Asks for a message of that subject in any stream: the first one from position @p nFrom on, or for 0
+     * the newest. @param onStored is called once */
+    virtual void read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
+                      StoredHandler onStored) = 0;
 
     /** Asks how full the own stream is; @p onAnswer gets null when that is not told. */
     virtual void measure(FillHandler onAnswer) = 0;

@@ -6,6 +6,7 @@
 #include "NatsAdministration.h"
 
 #include "RelayLoop.h"
+#include "TopicNames.h"
 
 #include <OwnedDescriptor.h>
 #include <VornException.h>
@@ -252,11 +253,18 @@ void checkGranted(const RelaySettings& settings, NatsAdministration& engine, Fin
         subjects.clear();
     for (const std::string& sTo : settings.sendTo)
         subjects.push_back("vorn.to." + sTo + ".sink.lease.0");
+    for (const auto& [sTopic, sAddress] : settings.topics)
+        subjects.push_back(subjectOfTopic(sHost, sTopic));
+    for (const auto& [sTopic, sFollowed] : settings.followed)
+        subjects.push_back("$JS.API.STREAM.MSG.GET." + streamOfTopics(sFollowed));
     for (const std::string& sSubject : subjects) {
         if (!engine.mayPublishTo(sSubject))
             findings.bad("this host may not publish to " + sSubject, cGrant);
     }
-    for (const std::string& sSubject : {inboxOf(settings.access) + ".>", std::string("vorn.gone.*")}) {
+    std::vector<std::string> heard{inboxOf(settings.access) + ".>", "vorn.gone.*"};
+    for (const auto& [sTopic, sFollowed] : settings.followed)
+        heard.push_back(subjectOfNews(sFollowed, sTopic));
+    for (const std::string& sSubject : heard) {
         if (!engine.mayListenTo(sSubject))
             findings.bad("this host may not subscribe to " + sSubject, cGrant);
     }

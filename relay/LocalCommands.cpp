@@ -90,6 +90,13 @@ int printStatus(bool bJson) {
     }
     for (const Json& sink : status["sinks"])
         std::printf("sink %s\n", lineOf(sink).c_str());
+    for (const Json& topic : status["topics"]) {
+        const std::string sHost = topic.contains("host") ? "@" + textOf(topic["host"]) : "";
+        const std::string sFailure = textOf(topic["failure"]);
+        std::printf("topic %s at %s: %s, %s%s%s\n", (textOf(topic["topic"]) + sHost).c_str(),
+                    textOf(topic["address"]).c_str(), textOf(topic["state"]).c_str(),
+                    textOf(topic["position"]).c_str(), sFailure.empty() ? "" : ", ", sFailure.c_str());
+    }
     if (const Json& stream = status["stream"]; stream.is_object())
         std::printf("stream: %s messages, %s of %s bytes\n", textOf(stream["messages"]).c_str(),
                     textOf(stream["bytes"]).c_str(), textOf(stream["limit"]).c_str());

@@ -3,9 +3,10 @@
 #include "NatsAdministration.h"
 
 #include "RelaySettings.h"
+#include "StoredText.h"
+#include "TopicNames.h"
 
 #include <algorithm>
-#include <sstream>
 #include <string_view>
 
 namespace VornRelay {
@@ -19,41 +20,6 @@ constexpr int cStreamMissing = 10059;
 constexpr int cStreamIsDifferent = 10058;
 constexpr int cMessageMissing = 10037;
 constexpr std::int64_t cSecond = 1'000'000'000; // nanoseconds
-
-std::string decodedBase64(std::string_view sText) {
-    static constexpr std::string_view cDigits =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string sBytes;
-    unsigned int nBits = 0;
-    int nCount = 0;
-    for (const char c : sText) {
-        const std::size_t nDigit = cDigits.find(c);
-        if (nDigit == std::string_view::npos)
-            break;
-        nBits = nBits << 6 | static_cast<unsigned int>(nDigit);
-        nCount += 6;
-        if (nCount >= 8) {
-            nCount -= 8;
-            sBytes.push_back(static_cast<char>(nBits >> nCount));
-        }
-    }
-    return sBytes;
-}
-
-/** A line with the version, then "Name: value" lines. */
-std::vector<std::pair<std::string, std::string>> headersIn(const std::string& sText) {
-    std::vector<std::pair<std::string, std::string>> headers;
-    std::istringstream lines(sText);
-    for (std::string sLine; std::getline(lines, sLine);) {
-        while (!sLine.empty() && sLine.back() == '\r')
-            sLine.pop_back();
-        const std::size_t nColon = sLine.find(':');
-        if (nColon != std::string::npos)
-            headers.emplace_back(sLine.substr(0, nColon),
-                                 sLine.substr(sLine.find_first_not_of(' ', nColon + 1)));
-    }
-    return headers;
-}
 
 /** Puts what is told into a stream's settings. */
 void apply(const NatsAdministration::Limits& limits, NatsAdministration::Json& config) {
@@ -97,16 +63,18 @@ void NatsAdministration::addHost(const std::string& sHost, const Limits& limits)
                    {"max_msgs", 1 << 20},
                    {"max_age", 7 * 24 * 3600 * cSecond},
                    {"duplicate_window", 120 * cSecond}};
-    apply(limits, config);
-    try {
-        request("$JS.API.STREAM.CREATE." + sStream, config);
-    } catch (const AdministrationError& error) {
-        if (error.code() != cStreamIsDifferent)
-            throw;
-        config = request("$JS.API.STREAM.INFO." + sStream)["config"];
-        apply(limits, config);
-        request("$JS.API.STREAM.UPDATE." + sStream, config);
-    }
+    config = addStream(std::move(config), limits);
+    if (limits.bTopics)
+        addStream({{"name", streamOfTopics(sHost)},
+                   {"subjects", {subjectOfTopic(sHost, ">")}},
+                   {"storage", "file"},
+                   {"retention", "limits"},
+                   {"discard", "old"},
+                   {"num_replicas", config["num_replicas"]},
+                   {"max_bytes", config["max_bytes"]},
+                   {"max_msgs", config["max_msgs"]},
+                   {"max_age", config["max_age"]}},
+                  limits);
     if (limits.bFixedConsumer) {
         addConsumer(sHost, "relay", "sink", limits);
         addConsumer(sHost, "keep", "keep", limits);
@@ -130,6 +98,12 @@ void NatsAdministration::addHost(const std::string& sHost, const Limits& limits)
 
 void NatsAdministration::removeHost(const std::string& sHost) {
     request("$JS.API.STREAM.DELETE." + std::string(cStreamPrefix) + sHost);
+    try {
+        request("$JS.API.STREAM.DELETE." + streamOfTopics(sHost));
+    } catch (const AdministrationError& error) {
+        if (error.code() != cStreamMissing)
+            throw;
+    }
 }
 
 NatsAdministration::Json NatsAdministration::hosts() {
@@ -249,6 +223,22 @@ bool NatsAdministration::wasDenied(const std::string& sSubject) {
            sError.find(sSubject) != std::string_view::npos;
 }
 
+/** @return its settings. What is told of one that is there is changed, and the rest is left. */
+NatsAdministration::Json NatsAdministration::addStream(Json config, const Limits& limits) {
+    const std::string sStream = config["name"];
+    apply(limits, config);
+    try {
+        request("$JS.API.STREAM.CREATE." + sStream, config);
+    } catch (const AdministrationError& error) {
+        if (error.code() != cStreamIsDifferent)
+            throw;
+        config = request("$JS.API.STREAM.INFO." + sStream)["config"];
+        apply(limits, config);
+        request("$JS.API.STREAM.UPDATE." + sStream, config);
+    }
+    return config;
+}
+
 void NatsAdministration::addConsumer(const std::string& sHost, const std::string& sConsumer,
                                      const std::string& sKind, const Limits& limits) {
     const std::string sStream = std::string(cStreamPrefix) + sHost;
@@ -264,7 +254,7 @@ void NatsAdministration::addConsumer(const std::string& sHost, const std::string
 }
 
 std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo,
-                          bool bFixedConsumer) {
+                          bool bFixedConsumer, const TopicRights& topics) {
     std::vector<std::string> publish{"$JS.API.INFO"};
     for (const std::string& sTo : sendTo)
         publish.push_back("vorn.to." + (sTo == "*" ? sTo : hostToken(sTo)) + ".>");
@@ -281,11 +271,23 @@ std::string permissionsOf(const std::string& sHost, const std::vector<std::strin
     publish.push_back("$JS.ACK." + sStream + ".>");
     publish.push_back("vorn.dead." + sToken);
     publish.push_back("vorn.gone." + sToken);
+    if (topics.bOwn) {
+        publish.push_back(subjectOfTopic(sToken, ">"));
+        publish.push_back(subjectOfNews(sToken, ">"));
+        publish.push_back("$JS.API.STREAM.MSG.GET." + streamOfTopics(sToken));
+    }
+    std::vector<std::string> subscribe{"_INBOX_" + sToken + ".>", "vorn.gone.*"};
+    for (const std::string& sFollowed : topics.follow) {
+        publish.push_back("$JS.API.STREAM.MSG.GET." + streamOfTopics(hostToken(sFollowed)));
+        subscribe.push_back(subjectOfNews(hostToken(sFollowed), ">"));
+    }
     std::string sText = "{\n  user: \"" + sHost + "\"\n  permissions: {\n    publish: [\n";
     for (const std::string& sSubject : publish)
         sText += "      \"" + sSubject + "\"\n";
-    return sText + "    ]\n    subscribe: [\n      \"_INBOX_" + sToken +
-           ".>\"\n      \"vorn.gone.*\"\n    ]\n  }\n}\n";
+    sText += "    ]\n    subscribe: [\n";
+    for (const std::string& sSubject : subscribe)
+        sText += "      \"" + sSubject + "\"\n";
+    return sText + "    ]\n  }\n}\n";
 }
 
 } // namespace VornRelay

@@ -60,6 +60,7 @@ public:
         int nReplicas = 0;           ///< new: 1
         bool bFixedConsumer = false; ///< the consumers are created here, and not by the host
         std::int64_t nAckWait = 30;  ///< of such consumers, in seconds: until what was handed out comes again
+        bool bTopics = false;        ///< it has topics that others may follow
     };
 
     explicit NatsAdministration(const EngineAccess& access);
@@ -94,10 +95,17 @@ public:
 private:
     Json ask(natsMsg* message);
     bool wasDenied(const std::string& sSubject);
+    Json addStream(Json config, const Limits& limits);
     void addConsumer(const std::string& sHost, const std::string& sConsumer, const std::string& sKind,
                      const Limits& limits);
 
     NatsPointer<natsConnection> m_spConnection;
+};
+
+/** Which topics a host needs permissions for. */
+struct TopicRights {
+    bool bOwn = false;               ///< those of its services
+    std::vector<std::string> follow; ///< those of these hosts
 };
 
 /**
@@ -105,9 +113,10 @@ private:
  * @param sHost its name, which is the DNS name in its certificate and may have dots
  * @param sendTo hosts that it may notify; "*" for all, and then it may also see which there are
  * @param bFixedConsumer it creates no consumers, and so names no subject for the engine to deliver to
+ * @param topics which ones it has, and which it follows; names of hosts as above
  */
 std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo,
-                          bool bFixedConsumer = false);
+                          bool bFixedConsumer = false, const TopicRights& topics = {});
 
 } // namespace VornRelay
 

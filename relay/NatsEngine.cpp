@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NatsEngine.h"
 
+#include "StoredText.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -26,6 +28,7 @@ constexpr long long cAckWait = 30'000'000'000;
 constexpr std::string_view cStreamPrefix = "VORN_TO_";
 constexpr int cStreamFull = 10077;
 constexpr int cMessageTooLong = 10054;
+constexpr int cMessageMissing = 10037;
 constexpr std::size_t cMostSpent = 64; // messages of a thread that are destroyed together
 constexpr std::size_t cMostSpentBytes = 65536;
 
@@ -63,8 +66,10 @@ Engine::Answer answerOf(const std::string& sReply, std::string& sText) {
     const Json reply = Json::parse(sReply, nullptr, false);
     if (!reply.is_object())
         return Engine::Answer::unknown;
-    if (!reply.contains("error"))
+    if (!reply.contains("error")) {
+        sText = reply.value("seq", Json()).dump();
         return reply.contains("seq") ? Engine::Answer::stored : Engine::Answer::unknown;
+    }
     const Json& error = reply["error"];
     sText = error.value("description", "");
     switch (error.value("err_code", 0)) {
@@ -82,6 +87,22 @@ std::string errorIn(const std::string& sReply) {
     if (!reply.is_object())
         return "no JetStream here";
     return reply.contains("error") ? reply["error"].value("description", "refused") : "";
+}
+
+/** Reads the answer to a question for a stored message. */
+Engine::Stored storedIn(const std::string& sReply) {
+    Engine::Stored stored;
+    stored.sError = errorIn(sReply);
+    const Json reply = Json::parse(sReply, nullptr, false);
+    if (!stored.sError.empty() && reply.is_object() && reply["error"].value("err_code", 0) == cMessageMissing)
+        stored.sError.clear();
+    else if (stored.sError.empty()) {
+        const Json message = reply.value("message", Json::object());
+        stored.nPosition = message.value("seq", std::uint64_t{0});
+        stored.message = {message.value("subject", ""), headersIn(decodedBase64(message.value("hdrs", ""))),
+                          decodedBase64(message.value("data", ""))};
+    }
+    return stored;
 }
 
 /**
@@ -251,6 +272,16 @@ void NatsEngine::tell(const std::string& sSubject, const std::string& sText) {
 
 void NatsEngine::listenTo(const std::string& sSubject) {
     m_listenedTo.push_back(sSubject);
+}
+
+void NatsEngine::read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
+                      StoredHandler onStored) {
+    const Json wanted =
+        nFrom == 0 ? Json{{"last_by_subj", sSubject}} : Json{{"seq", nFrom}, {"next_by_subj", sSubject}};
+    request("$JS.API.STREAM.MSG.GET." + sStream, wanted.dump(),
+            [handler = std::move(onStored)](const std::string* pReply) {
+                handler(pReply == nullptr ? Stored{"no answer", 0, {}} : storedIn(*pReply));
+            });
 }
 
 void NatsEngine::measure(FillHandler onAnswer) {

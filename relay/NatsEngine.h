@@ -53,6 +53,8 @@ public:
     void acknowledge(const std::string& sReceipt) override;
     void tell(const std::string& sSubject, const std::string& sText) override;
     void listenTo(const std::string& sSubject) override;
+    void read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
+              StoredHandler onStored) override;
     void measure(FillHandler onAnswer) override;
     void listHosts(HostsHandler onAnswer) override;
     std::size_t mostContent() const override;

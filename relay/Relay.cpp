@@ -94,6 +94,7 @@ Relay::Relay(RelaySettings settings, std::string sSettingsFile)
                                                                              "/boot"),
                                                               0},
       m_engine(m_loop, m_settings.access, m_settings.publishTimeout, *this),
+      m_topics(m_loop, m_engine, m_settings),
       m_control(m_loop, "relay", [this](const ControlRequest& request) { return answer(request); }) {
     g_nLogLevel.store(m_settings.nLogLevel, std::memory_order_relaxed);
     if (m_settings.bReceive)
@@ -134,6 +135,7 @@ void Relay::connected() {
         spHost->queue().setConnected(true);
     if (m_spDelivery)
         m_spDelivery->setConnected(true);
+    m_topics.setConnected(true);
     askEngine();
 }
 
@@ -152,6 +154,7 @@ void Relay::disconnected(const std::string& sWhy) {
         spHost->queue().setConnected(false);
     if (m_spDelivery)
         m_spDelivery->setConnected(false);
+    m_topics.setConnected(false);
 }
 
 void Relay::arrived(Engine::Arrival&& arrival) {
@@ -170,6 +173,7 @@ void Relay::consumerLost(const std::string& sConsumer) {
 }
 
 void Relay::told(const std::string& sSubject, const std::string& sText) {
+    m_topics.told(sSubject);
     const auto found = m_hosts.find(sSubject.substr(sSubject.rfind('.') + 1));
     std::uint32_t nLease = 0;
     std::from_chars(sText.data(), sText.data() + sText.size(), nLease);
@@ -481,7 +485,8 @@ std::string Relay::status() {
                 {"repeated", repeated()},
                 {"hosts", hosts},
                 {"sinks", sinks()},
-                {"stream", stream}}
+                {"stream", stream},
+                {"topics", m_topics.status()}}
         .dump();
 }
 

@@ -10,6 +10,7 @@
 #include "RelayCounters.h"
 #include "RelayLoop.h"
 #include "RelaySettings.h"
+#include "RelayTopics.h"
 #include "RemoteHost.h"
 #include "SinkDelivery.h"
 
@@ -83,6 +84,7 @@ private:
     RelayCounters m_counters;
     NotificationNumber m_number;
     NatsEngine m_engine;
+    RelayTopics m_topics;
     std::unique_ptr<SinkDelivery> m_spDelivery;
     std::map<std::string, std::unique_ptr<RemoteHost>> m_hosts;
     std::optional<RedirectPort> m_redirectPort;

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <system_error>
 
+#include <Wire.h>
 #include <arpa/inet.h>
 
 namespace VornRelay {
@@ -84,6 +85,35 @@ void addAddresses(const std::string& sText, std::map<std::string, std::string>& 
             ::inet_pton(AF_INET, sWord.substr(nEqual + 1).c_str(), &address) != 1)
             throw std::invalid_argument("not HOST=ADDRESS, with four numbers");
         addresses[hostToken(sWord.substr(0, nEqual))] = sWord.substr(nEqual + 1);
+    }
+}
+
+/** @return the name. @throws std::invalid_argument for one that is none, or none of the engine's */
+std::string topicName(const std::string& sTopic) {
+    if (!VornNet::Wire::isTopic(sTopic) || sTopic.back() == '.' || sTopic.find("..") != std::string::npos)
+        throw std::invalid_argument("not a topic's name: letters, digits, '-', '_', and '.' in between");
+    return sTopic;
+}
+
+/** Takes NAME=ADDRESS, once or several times. */
+void addTopics(const std::string& sText, std::map<std::string, std::string>& topics) {
+    for (const std::string& sWord : wordsOf(sText)) {
+        const std::size_t nEqual = sWord.find('=');
+        if (nEqual == std::string::npos)
+            throw std::invalid_argument("not NAME=ADDRESS");
+        topics[topicName(sWord.substr(0, nEqual))] = sWord.substr(nEqual + 1);
+    }
+}
+
+/** Takes NAME@HOST, once or several times. */
+void addFollowed(const std::string& sText, std::vector<std::pair<std::string, std::string>>& followed) {
+    for (const std::string& sWord : wordsOf(sText)) {
+        const std::size_t nAt = sWord.find('@');
+        if (nAt == std::string::npos)
+            throw std::invalid_argument("not NAME@HOST");
+        const std::pair added(topicName(sWord.substr(0, nAt)), hostToken(sWord.substr(nAt + 1)));
+        if (std::find(followed.begin(), followed.end(), added) == followed.end())
+            followed.push_back(added);
     }
 }
 
@@ -163,6 +193,8 @@ void RelaySettings::take(const std::string& sKey, const std::string& sValue) {
         {"consumer", [&] { access.bFixedConsumer = isFixed(sValue); }},
         {"redirect-port", [&] { nRedirectPort = static_cast<std::uint16_t>(numberOf(sValue, 1, 65535)); }},
         {"redirect-address", [&] { addAddresses(sValue, redirectAddresses); }},
+        {"topic", [&] { addTopics(sValue, topics); }},
+        {"follow", [&] { addFollowed(sValue, followed); }},
         {"hold-bytes", [&] { nHoldBytes = numberOf(sValue, 1); }},
         {"state-directory", [&] { sStateDirectory = sValue; }},
         {"metrics", [&] { sMetrics = sValue; }},

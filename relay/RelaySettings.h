@@ -11,6 +11,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <netinet/in.h>
@@ -40,7 +41,9 @@ struct RelaySettings {
     std::chrono::milliseconds slowAfter{10'000};
     std::uint16_t nRedirectPort = 0; ///< where services' connections are redirected to; 0: none
     std::map<std::string, std::string> redirectAddresses; ///< by host, also the own one
-    std::size_t nHoldBytes = 64UL * 1024 * 1024;          ///< most bytes that wait for the engine
+    std::map<std::string, std::string> topics; ///< of this host's services: by name the publisher's address
+    std::vector<std::pair<std::string, std::string>> followed; ///< topic and host
+    std::size_t nHoldBytes = 64UL * 1024 * 1024;               ///< most bytes that wait for the engine
     std::string sStateDirectory = "/var/lib/vornnet-relay";
     std::string sMetrics; ///< socket file, empty for none
     int nLogLevel = 2;

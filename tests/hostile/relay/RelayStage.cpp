@@ -222,7 +222,9 @@ RelayStage::RelayStage(bool bFixedConsumer) {
     startEngine();
     VornRelay::NatsAdministration engine = administration();
     VornRelay::NatsAdministration::Limits limits;
+    limits.bTopics = true;
     engine.addHost("a", limits);
+    limits.bTopics = false;
     limits.bFixedConsumer = bFixedConsumer;
     limits.nAckWait = 1;
     engine.addHost("b", limits);
@@ -434,7 +436,8 @@ void RelayStage::configureEngine(bool bFixedConsumer) {
          << pathOf("engine") << "\" }\ntls { cert_file: \"" << pathOf("localhost.pem") << "\", key_file: \""
          << pathOf("localhost.key") << "\", ca_file: \"" << pathOf("ca.pem")
          << "\", verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
-         << VornRelay::permissionsOf("a", {"b", "c"}) << VornRelay::permissionsOf("b", {"*"}, bFixedConsumer)
+         << VornRelay::permissionsOf("a", {"b", "c"}, false, {true, {}})
+         << VornRelay::permissionsOf("b", {"*"}, bFixedConsumer, {false, {"a"}})
          << VornRelay::permissionsOf("c.example", {"a"}) << "] }\n";
 }
 

@@ -430,6 +430,14 @@ TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
         {"publish", "$JS.API.STREAM.INFO.VORN_TO_a", true},
         {"publish", "$JS.API.STREAM.INFO.VORN_TO_b", false},
         {"publish", "$JS.API.STREAM.NAMES", false},
+        {"publish", "vorn.topic.a.builds", true},
+        {"publish", "vorn.news.a.builds", true},
+        {"publish", "vorn.topic.b.builds", false},
+        {"publish", "vorn.news.b.builds", false},
+        {"publish", "$JS.API.STREAM.MSG.GET.VORN_TOPIC_a", true},
+        {"publish", "$JS.API.STREAM.MSG.GET.VORN_TOPIC_b", false},
+        {"publish", "$JS.API.STREAM.MSG.GET.VORN_TO_a", false},
+        {"subscribe", "vorn.news.b.builds", false},
     };
     for (const Attempt& attempt : attempts) {
         SCOPED_TRACE(std::string(attempt.szKind) + " " + attempt.sSubject);
@@ -650,6 +658,9 @@ TEST_F(RelayTest, Doctor_FindsEachMisconfiguration) {
         {"b", "servers = nats://127.0.0.1:1\n", "warning  nats://127.0.0.1:1 does not answer"},
         {"a", "", "problem  the journal"},
         {"a", "", "warning  others may read the key"},
+        {"b", "follow = x@c\ntopic = x=pipe:x\n", "may not publish to vorn.topic.b.x"},
+        {"b", "follow = x@c\ntopic = x=pipe:x\n", "may not publish to $JS.API.STREAM.MSG.GET.VORN_TOPIC_c"},
+        {"b", "follow = x@c\ntopic = x=pipe:x\n", "may not subscribe to vorn.news.c.x"},
         {"a", "send-to = b, d\n", "problem  this host may not publish to vorn.to.d.sink.lease.0"},
     };
     std::map<std::string, std::string> outputs; // rows that differ only in what is looked for share one

@@ -13,6 +13,7 @@
 using namespace VornRelay;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Pair;
 using testing::ThrowsMessage;
 
 namespace {
@@ -37,7 +38,9 @@ TEST_F(RelaySettingsTest, Keys_AreTaken) {
     const RelaySettings settings =
         read("# a comment\n\n host = north.example \nservers = tls://x:1, tls://y:2\n"
              "send-to = south.example east\nreceive = no\nwindow = 256\npatience = 5\n"
-             "on-slow = block\nhold-bytes = 1000\n");
+             "on-slow = block\nhold-bytes = 1000\n"
+             "topic = builds=pipe:buildd, j.1=socket:127.0.0.1:7\ntopic = k=pipe:k\n"
+             "follow = x@south.example y@east\nfollow = y@east\n");
     EXPECT_EQ(settings.access.sHost, "north_example");
     EXPECT_THAT(settings.access.servers, ElementsAre("tls://x:1", "tls://y:2"));
     EXPECT_THAT(settings.sendTo, ElementsAre("south_example", "east"));
@@ -46,6 +49,9 @@ TEST_F(RelaySettingsTest, Keys_AreTaken) {
     EXPECT_EQ(settings.patience, std::chrono::seconds(5));
     EXPECT_EQ(settings.onSlow, RelaySettings::OnSlow::block);
     EXPECT_EQ(settings.nHoldBytes, 1000U);
+    EXPECT_THAT(settings.topics, ElementsAre(Pair("builds", "pipe:buildd"), Pair("j.1", "socket:127.0.0.1:7"),
+                                             Pair("k", "pipe:k")));
+    EXPECT_THAT(settings.followed, ElementsAre(Pair("x", "south_example"), Pair("y", "east")));
 }
 
 TEST_F(RelaySettingsTest, Additions_AreReadInTheOrderOfTheirNames) {
@@ -70,6 +76,12 @@ TEST_F(RelaySettingsTest, WhatIsWrong_IsSaidWithFileAndLine) {
         {"host = a b", "not a host's name"},
         {"host = a/../b", "not a host's name"},
         {"host = a>", "not a host's name"},
+        {"topic = builds", "not NAME=ADDRESS"},
+        {"topic = a*=pipe:x", "not a topic's name"},
+        {"topic = a..b=pipe:x", "not a topic's name"},
+        {"follow = builds", "not NAME@HOST"},
+        {"follow = builds.@a", "not a topic's name"},
+        {"follow = builds@a>", "not a host's name"},
         {"servers = x", "host is missing"},
         {"host = a", "servers is missing"},
         {"host = a\nservers = x\ncertificate = c", "certificate and key belong together"},

@@ -44,11 +44,16 @@ public:
 
     void listenTo(const std::string&) override {}
 
+    void read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
+              StoredHandler onStored) override {
+        m_reads.emplace_back(sStream + " " + sSubject + " " + std::to_string(nFrom), std::move(onStored));
+    }
+
     void measure(FillHandler) override {}
 
     void listHosts(HostsHandler) override {}
 
-    std::size_t mostContent() const override { return 1000; }
+    std::size_t mostContent() const override { return nMostContent; }
 
     /** Answers the oldest message without an answer. @return "content/number" */
     std::string answer(Answer answer, const std::string& sText = {}) {
@@ -58,9 +63,23 @@ public:
         return message.sContent + "/" + std::string(message.header("Nats-Msg-Id"));
     }
 
+    /** Answers the oldest question for a stored message. @return "stream subject from" */
+    std::string answerRead(const Stored& stored) {
+        const auto [sWhich, onStored] = std::move(m_reads.front());
+        m_reads.pop_front();
+        onStored(stored);
+        return sWhich;
+    }
+
+    /** @return what is asked first. */
+    const std::string& nextRead() const { return m_reads.front().first; }
+
+    std::size_t unread() const { return m_reads.size(); }
+
     /** Forgets everything, as a relay does that is killed. */
     void reset() {
         m_published.clear();
+        m_reads.clear();
         for (auto* list : {&opened, &closed, &acknowledged, &told})
             list->clear();
     }
@@ -70,6 +89,7 @@ public:
     /** @return the message without an answer at that place. */
     const Message& published(std::size_t nPlace) const { return m_published.at(nPlace).first; }
 
+    std::size_t nMostContent = 1000;
     bool bOpensAtOnce = true;
     OpenHandler onConsumerOpened;    ///< of the last one that did not open at once
     std::vector<std::string> opened; ///< "consumer filter"
@@ -78,12 +98,14 @@ public:
     std::vector<std::string> told; ///< "subject text"
 
 private:
+    std::deque<std::pair<std::string, StoredHandler>> m_reads;
     std::deque<std::pair<Message, AnswerHandler>> m_published;
 };
 
 /** Runs a loop until a condition holds. @return false when it does not in time */
-inline bool runUntil(VornRelay::RelayLoop& loop, const std::function<bool()>& condition) {
-    const auto until = VornRelay::RelayLoop::Clock::now() + defaultLimit;
+inline bool runUntil(VornRelay::RelayLoop& loop, const std::function<bool()>& condition,
+                     std::chrono::milliseconds limit = defaultLimit) {
+    const auto until = VornRelay::RelayLoop::Clock::now() + limit;
     const std::function<void()> look = [&] {
         if (condition() || VornRelay::RelayLoop::Clock::now() > until)
             loop.end();
