@@ -57,6 +57,9 @@ inline constexpr const char* runsHandlersLate = "it runs a signal handler only w
 inline constexpr const char* overflowsByItself =
     "it reports its own sigaltstack() as an overflow while a cancelled thread unwinds";
 
+/** The thread sanitizer's own thread wakes ten times a second, so that the process never rests. */
+inline constexpr const char* keepsTheProcessAwake = "its own thread keeps the process awake";
+
 /** Their run time refuses to start after another library that is preloaded. */
 inline constexpr const char* mustBeLoadedFirst = "its run time must be the first library of the program";
 
