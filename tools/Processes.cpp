@@ -31,8 +31,10 @@ using Path = std::filesystem::path;
 // Everything below may have ended by the time it is read, and then is empty.
 
 std::string textOf(const Path& file) {
-    std::ifstream stream(file);
-    return {std::istreambuf_iterator<char>(stream), {}};
+    const std::ifstream stream(file);
+    std::ostringstream text;
+    text << stream.rdbuf(); // an iterator would throw where the process ends before it is read
+    return text.str();
 }
 
 std::string lineOf(const Path& file) {

@@ -194,6 +194,17 @@ TEST_F(VornnetPipes, WithASocketThatDoesNotListen_SaysSo) {
     EXPECT_TRUE(exists("bound"));
 }
 
+TEST_F(VornnetPipes, WithAProcessThatEndsAsItIsLookedAt_GoesOn) {
+    needSandbox("a mount of its own");
+    ChildProcess sink = startTool({"sink"});
+    addressOf(sink);
+    // To read this fails, as when the process ends after its file has been opened.
+    const std::string process = "/proc/" + std::to_string(sink.pid());
+    ASSERT_EQ(::mount((process + "/mem").c_str(), (process + "/comm").c_str(), nullptr, MS_BIND, nullptr), 0);
+    const ToolResult result = runTool({"pipes"});
+    EXPECT_EQ(result.status, 0) << result.errors;
+}
+
 TEST_F(VornnetPipes, WithAServerInAnotherNetwork_KnowsThatItLives) {
     needSandbox("a second network");
     ChildProcess server = ChildProcess::spawnRole("listenInAnotherNetwork", "elsewhere");
