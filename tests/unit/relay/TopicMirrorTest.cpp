@@ -85,17 +85,22 @@ protected:
         m_seen.clear();
     }
 
-    void answerReads() {
-        while (m_engine.unread() > 0) {
-            const std::string sWhich = m_engine.nextRead();
-            const std::uint64_t nFrom = std::stoull(sWhich.substr(sWhich.rfind(' ') + 1));
-            const auto found =
-                nFrom == 0 && !m_stream.empty() ? std::prev(m_stream.end()) : m_stream.lower_bound(nFrom);
-            m_reads.push_back(nFrom);
-            m_engine.answerRead(found == m_stream.end() ? Engine::Stored{}
-                                                        : Engine::Stored{"", found->first, found->second});
-        }
+    void answerRead() {
+        const std::string sWhich = m_engine.nextRead();
+        const std::uint64_t nFrom = std::stoull(sWhich.substr(sWhich.rfind(' ') + 1));
+        const auto found =
+            nFrom == 0 && !m_stream.empty() ? std::prev(m_stream.end()) : m_stream.lower_bound(nFrom);
+        m_reads.push_back(nFrom);
+        m_engine.answerRead(found == m_stream.end() ? Engine::Stored{}
+                                                    : Engine::Stored{"", found->first, found->second});
     }
+
+    void answerReads() {
+        while (m_engine.unread() > 0)
+            answerRead();
+    }
+
+    std::string state() const { return m_spMirror->status()["state"]; }
 
     std::string failure() const { return m_spMirror->status()["failure"]; }
 
@@ -187,6 +192,9 @@ TEST_F(TopicMirrorTest, WithoutItsHistory_ItIsOpenedWhenAllIsReadThatIsStored) {
         m_spMirror.reset();
         std::filesystem::resize_file(m_sDirectory + "/" + szFile, 3);
         start();
+        for (; m_engine.unread() > 0; answerRead())
+            EXPECT_EQ(state(), "closed");
+        EXPECT_EQ(state(), "open");
         subscribe({7, nLast});
         store({7, nLast}, {"new"});
         expectSeen({"7-" + std::to_string(nLast + 1) + " new"});
