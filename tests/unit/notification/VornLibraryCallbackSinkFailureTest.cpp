@@ -477,8 +477,17 @@ TEST_P(VornLibraryCallbackSink_FailureOnPorts, BindThatFailsAtFirst_IsTriedUntil
     LogCapture log;
     {
         FaultRule failing("bind", EADDRNOTAVAIL, 1, 3);
+        const CallTrace trace;
         WatchedSink sink(GetParam());
         EXPECT_EQ(failing.calls(), 4) << "the constructor waits for the server";
+        std::vector<long> pauses; // when each ends
+        for (const CallRecord& pause : trace.records("clock_nanosleep")) {
+            if (pause.tid == sink.tid())
+                pauses.push_back(pause.third);
+        }
+        ASSERT_EQ(pauses.size(), 3U) << "of 1, 2 and 4 ms";
+        EXPECT_GE(pauses[1] - pauses[0], 2'000'000);
+        EXPECT_GE(pauses[2] - pauses[1], 4'000'000);
         EXPECT_EQ(sink.address(), nameOf(GetParam()) + ":127.0.0.1:5023");
         const CallbackPointer callback = addCallback(*sink);
         deliver(sink, callback, "x");

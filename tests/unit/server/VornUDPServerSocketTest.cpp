@@ -443,6 +443,16 @@ TEST_F(VornUDPServerSocketTest, Close_LogsNothing) {
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
+TEST_F(VornUDPServerSocketTest, Destructor_LogsNothingEither) {
+    LogCapture log(9);
+    {
+        Probe probe(port, "*", 100);
+        probe.init();
+        log.clear();
+    }
+    EXPECT_THAT(log.records(), IsEmpty());
+}
+
 TEST_F(VornUDPServerSocketTest, Close_WhileAnotherThreadCloses_WaitsForItAndDoesNothingMore) {
     Checkpoint receiving;
     const CallHook hook("recvfrom", [&] { receiving.pass(); });

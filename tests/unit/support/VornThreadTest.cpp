@@ -247,6 +247,7 @@ TEST_F(VornThreadTest, Stop_OnlyAsks) {
         after = self.isStopRequested();
         return 0;
     });
+    EXPECT_EQ(worker.isStopRequested(), false);
     worker.start();
     EXPECT_TRUE(gate.awaitReached());
     worker.stop();
