@@ -18,6 +18,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace VornTest {
@@ -116,6 +117,15 @@ protected:
     VornNet::VornPublisher& publisher() { return *m_publisher; }
 
     std::string address() const { return m_publisher->getAddress(); }
+
+    bool isAccepting() {
+        try {
+            connectTo(address());
+            return true;
+        } catch (const std::system_error&) {
+            return false;
+        }
+    }
 
     std::uint64_t publish(const std::string& content) {
         return publisher().publish("builds", writing(content));

