@@ -98,8 +98,8 @@ public:
         /** A message that pull() has asked for. */
         virtual void arrived(Arrival&& arrival) = 0;
 
-        /** A pull() has ended; @p nLeft of the messages that it asked for have not come, and will not. */
-        virtual void pullEnded(const std::string& sConsumer, std::size_t nLeft) = 0;
+        /** The oldest pull() has ended before all that it asked for has come. */
+        virtual void pullEnded(const std::string& sConsumer) = 0;
 
         /** The consumer is not there, so that it has to be opened. */
         virtual void consumerLost(const std::string& sConsumer) = 0;
@@ -134,6 +134,9 @@ public:
 
     /** Asks for up to @p nCount messages. */
     virtual void pull(const std::string& sConsumer, std::size_t nCount) = 0;
+
+    /** @return the time after which a pull() ends, perhaps without being told. */
+    virtual std::chrono::milliseconds pullLife() const = 0;
 
     /** Has a message removed from the stream. It may get lost; the message then comes again. */
     virtual void acknowledge(const std::string& sReceipt) = 0;

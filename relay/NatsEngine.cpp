@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds cConnectLimit{2000};
 constexpr milliseconds cPauseBetweenConnections{250};
 constexpr milliseconds cSweepInterval{250};
-constexpr long long cPullExpiry = 5'000'000'000; // nanoseconds
+constexpr milliseconds cPullLife{5000};
 constexpr long long cAckWait = 30'000'000'000;
 constexpr std::string_view cStreamPrefix = "VORN_TO_";
 constexpr int cStreamFull = 10077;
@@ -256,10 +256,14 @@ void NatsEngine::close(const std::string& sConsumer) {
 }
 
 void NatsEngine::pull(const std::string& sConsumer, std::size_t nCount) {
-    const std::string sRequest =
-        "{\"batch\":" + std::to_string(nCount) + ",\"expires\":" + std::to_string(cPullExpiry) + "}";
+    const std::string sRequest = "{\"batch\":" + std::to_string(nCount) + ",\"expires\":" +
+                                 std::to_string(std::chrono::nanoseconds(cPullLife).count()) + "}";
     send({"$JS.API.CONSUMER.MSG.NEXT." + m_sStream + "." + sConsumer, {}, sRequest},
-         m_sInbox + ".in." + sConsumer + "." + std::to_string(nCount));
+         m_sInbox + ".in." + sConsumer);
+}
+
+milliseconds NatsEngine::pullLife() const {
+    return cPullLife;
 }
 
 void NatsEngine::acknowledge(const std::string& sReceipt) {
@@ -518,17 +522,15 @@ void NatsEngine::takeArrival(natsMsg* message) {
 
 void NatsEngine::takeStatus(natsMsg* message) {
     const std::vector<std::string_view> tokens = tokensOf(natsMsg_GetSubject(message));
-    if (tokens.size() < 4)
+    if (tokens.size() < 3)
         return;
     const std::string sStatus = headerOf(message, "Status");
     const std::string sConsumer(tokens[2]);
     if (sStatus == "100")
         return; // a sign of life
     const bool bTimeOut = sStatus == "404" || sStatus == "408";
-    const std::string sLeft = headerOf(message, "Nats-Pending-Messages");
-    const std::size_t nLeft = sLeft.empty() ? numberOf(tokens[3]) : numberOf(sLeft);
-    m_loop.post([this, sConsumer, nLeft, bTimeOut] {
-        m_listener.pullEnded(sConsumer, nLeft);
+    m_loop.post([this, sConsumer, bTimeOut] {
+        m_listener.pullEnded(sConsumer);
         if (!bTimeOut)
             m_listener.consumerLost(sConsumer);
     });

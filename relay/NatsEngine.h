@@ -50,6 +50,7 @@ public:
     void open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) override;
     void close(const std::string& sConsumer) override;
     void pull(const std::string& sConsumer, std::size_t nCount) override;
+    std::chrono::milliseconds pullLife() const override;
     void acknowledge(const std::string& sReceipt) override;
     void tell(const std::string& sSubject, const std::string& sText) override;
     void listenTo(const std::string& sSubject) override;

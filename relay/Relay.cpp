@@ -162,9 +162,9 @@ void Relay::arrived(Engine::Arrival&& arrival) {
         m_spDelivery->reader().arrived(std::move(arrival));
 }
 
-void Relay::pullEnded(const std::string& sConsumer, std::size_t nLeft) {
+void Relay::pullEnded(const std::string& sConsumer) {
     if (m_spDelivery)
-        m_spDelivery->reader().pullEnded(sConsumer, nLeft);
+        m_spDelivery->reader().pullEnded(sConsumer);
 }
 
 void Relay::consumerLost(const std::string& sConsumer) {

@@ -48,7 +48,7 @@ private:
     void connected() override;
     void disconnected(const std::string& sWhy) override;
     void arrived(Engine::Arrival&& arrival) override;
-    void pullEnded(const std::string& sConsumer, std::size_t nLeft) override;
+    void pullEnded(const std::string& sConsumer) override;
     void consumerLost(const std::string& sConsumer) override;
     void told(const std::string& sSubject, const std::string& sText) override;
 

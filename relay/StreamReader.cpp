@@ -15,7 +15,6 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t cBatch = 512;
 constexpr milliseconds cLookInterval{1000};
-constexpr milliseconds cPullLost{8000}; // more than a pull lives
 constexpr milliseconds cRedeliveryMargin{5000};
 
 } // namespace
@@ -50,7 +49,7 @@ void StreamReader::setConnected(bool bConnected) {
     for (auto& [sConsumer, consumer] : m_consumers) {
         consumer.bOpen = false;
         consumer.bOpening = false;
-        consumer.nAsked = 0;
+        consumer.pulls.clear();
         if (bConnected)
             open(sConsumer);
     }
@@ -61,8 +60,8 @@ void StreamReader::arrived(Engine::Arrival&& arrival) {
     if (found == m_consumers.end())
         return;
     Consumer& consumer = found->second;
-    consumer.nAsked -= std::min<std::size_t>(consumer.nAsked, 1);
-    consumer.lastSign = RelayLoop::Clock::now();
+    if (!consumer.pulls.empty() && --consumer.pulls.front().nLeft == 0)
+        consumer.pulls.pop_front();
     const auto [held, bIsNew] = m_held.try_emplace(arrival.nPosition);
     held->second = {arrival.sConsumer, std::move(arrival.sReceipt)};
     if (bIsNew)
@@ -77,14 +76,14 @@ void StreamReader::arrived(Engine::Arrival&& arrival) {
     ask(arrival.sConsumer, consumer);
 }
 
-void StreamReader::pullEnded(const std::string& sConsumer, std::size_t nLeft) {
+void StreamReader::pullEnded(const std::string& sConsumer) {
     const auto found = m_consumers.find(sConsumer);
     if (found == m_consumers.end())
         return;
     Consumer& consumer = found->second;
-    consumer.nAsked -= std::min(consumer.nAsked, nLeft);
-    consumer.lastSign = RelayLoop::Clock::now();
-    if (consumer.bEnding && consumer.nAsked == 0 && consumer.nHeld == 0) {
+    if (!consumer.pulls.empty())
+        consumer.pulls.pop_front();
+    if (consumer.bEnding && consumer.pulls.empty() && consumer.nHeld == 0) {
         m_engine.close(sConsumer);
         m_consumers.erase(found);
         return;
@@ -97,7 +96,7 @@ void StreamReader::consumerLost(const std::string& sConsumer) {
     if (found == m_consumers.end() || !found->second.bOpen)
         return;
     found->second.bOpen = false;
-    found->second.nAsked = 0; // it is opened again at the next look
+    found->second.pulls.clear(); // it is opened again at the next look
 }
 
 void StreamReader::acknowledge(std::uint64_t nPosition) {
@@ -129,7 +128,7 @@ void StreamReader::open(const std::string& sConsumer) {
                           return;
                       found->second.bOpening = false;
                       found->second.bOpen = result.sError.empty();
-                      found->second.nAsked = 0;
+                      found->second.pulls.clear();
                       if (!result.sError.empty()) {
                           logLine(LogLevel::warning,
                                   "consumer " + sConsumer + " cannot be opened: " + result.sError);
@@ -168,17 +167,21 @@ void StreamReader::handOn(Consumer& consumer) {
 
 void StreamReader::ask(const std::string& sConsumer, Consumer& consumer) {
     const auto now = RelayLoop::Clock::now();
-    std::size_t nTaken = consumer.nHeld + consumer.nAsked;
+    const bool bIsFresh = !consumer.pulls.empty() &&
+                          (consumer.bEnding || now - consumer.pulls.back().asked < m_engine.pullLife() / 2);
+    std::size_t nAsked = 0; // one that is to be replaced may bring something yet, and is not counted
+    for (const Pull& pull : consumer.pulls)
+        nAsked += bIsFresh ? pull.nLeft : 0;
+    std::size_t nTaken = consumer.nHeld + nAsked;
     // Until the time has come, newer ones must not take the room of those that are awaited.
     if (consumer.nAwaited > 0 && now < consumer.awaitedUntil - cRedeliveryMargin)
         nTaken += consumer.nAwaited;
-    if (m_bStopped || !consumer.bOpen || consumer.nAsked > cBatch / 2 || nTaken >= consumer.nMost)
+    if (m_bStopped || !consumer.bOpen || nAsked > cBatch / 2 || nTaken >= consumer.nMost)
         return;
     const std::size_t nCount = std::min(cBatch, consumer.nMost - nTaken);
-    if (consumer.nAsked > 0 && nCount < cBatch / 2)
+    if (nAsked > 0 && nCount < cBatch / 2)
         return;
-    consumer.nAsked += nCount;
-    consumer.lastSign = now;
+    consumer.pulls.push_back({nCount, now});
     m_engine.pull(sConsumer, nCount);
 }
 
@@ -189,11 +192,10 @@ void StreamReader::look() {
             open(sConsumer);
         if (consumer.bOpen && consumer.nAwaited > 0 && now > consumer.awaitedUntil)
             handOn(consumer); // they were acknowledged just before
+        while (!consumer.pulls.empty() &&
+               now - consumer.pulls.front().asked > m_engine.pullLife() + cLookInterval)
+            consumer.pulls.pop_front(); // it has ended silently
         ask(sConsumer, consumer);
-        if (consumer.nAsked > 0 && now - consumer.lastSign > cPullLost) {
-            consumer.nAsked = 0;
-            ask(sConsumer, consumer);
-        }
     }
     m_look = m_loop.after(cLookInterval, [this] { look(); });
 }

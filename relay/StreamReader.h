@@ -6,6 +6,7 @@
 #include "Engine.h"
 #include "RelayLoop.h"
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <string>
@@ -23,6 +24,9 @@ namespace VornRelay {
  * which come again only after a time. So what arrives is kept back until these are all there, and then handed
  * on in order. What arrives before a consumer is open is kept back too: it was asked for by a relay that was
  * killed, and may be newer than what comes again.
+ *
+ * An engine ends a pull after a time, and may do so silently: nats-server 2.9 does, when a message comes just
+ * then. So there is a fresh one before the old one ends.
  *
  * Thread-safety: none. Blocking: none. Ownership: loop and engine must outlive it. Signals: none raised.
  * Errors: a consumer that cannot be opened is logged and tried again.
@@ -45,7 +49,7 @@ public:
 
     void setConnected(bool bConnected);
     void arrived(Engine::Arrival&& arrival);
-    void pullEnded(const std::string& sConsumer, std::size_t nLeft);
+    void pullEnded(const std::string& sConsumer);
     void consumerLost(const std::string& sConsumer);
 
     /** The message of that position has found its end. */
@@ -60,15 +64,19 @@ public:
     bool isReading() const;
 
 private:
+    struct Pull {
+        std::size_t nLeft = 0;
+        RelayLoop::Clock::time_point asked;
+    };
+
     struct Consumer {
         std::string sFilter;
         std::size_t nMost = 0;
-        std::size_t nAsked = 0;
+        std::deque<Pull> pulls; // that have not ended, in the order in which the engine serves them
         std::size_t nHeld = 0;
         bool bOpen = false;
         bool bOpening = false;
         bool bEnding = false;
-        RelayLoop::Clock::time_point lastSign;
         std::uint64_t nAwaited =
             0; // messages up to nHandedOut that have to come before the others are handed on
         std::uint64_t nHandedOut = 0;

@@ -86,7 +86,7 @@ private:
 
     void arrived(VornRelay::Engine::Arrival&&) override {}
 
-    void pullEnded(const std::string&, std::size_t) override {}
+    void pullEnded(const std::string&) override {}
 
     void consumerLost(const std::string&) override {}
 

@@ -8,6 +8,7 @@
 
 #include <Await.h>
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <string>
@@ -34,7 +35,9 @@ public:
 
     void close(const std::string& sConsumer) override { closed.push_back(sConsumer); }
 
-    void pull(const std::string&, std::size_t) override {}
+    void pull(const std::string&, std::size_t nCount) override { pulled.push_back(nCount); }
+
+    std::chrono::milliseconds pullLife() const override { return life; }
 
     void acknowledge(const std::string& sReceipt) override { acknowledged.push_back(sReceipt); }
 
@@ -90,6 +93,8 @@ public:
     const Message& published(std::size_t nPlace) const { return m_published.at(nPlace).first; }
 
     std::size_t nMostContent = 1000;
+    std::vector<std::size_t> pulled; ///< numbers asked for
+    std::chrono::milliseconds life{5000};
     bool bOpensAtOnce = true;
     OpenHandler onConsumerOpened;    ///< of the last one that did not open at once
     std::vector<std::string> opened; ///< "consumer filter"

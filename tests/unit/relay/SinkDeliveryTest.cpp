@@ -237,7 +237,7 @@ TEST_F(SinkDeliveryTest, WhatIsSentToAReleasedName_IsADeadLetterAndTold) {
     const std::string sReader =
         "keep-" + std::to_string(nLease) + " vorn.to.h.keep." + std::to_string(nLease);
     m_spDelivery->end(nLease);
-    m_spDelivery->reader().pullEnded("keep-" + std::to_string(nLease), 512);
+    m_spDelivery->reader().pullEnded("keep-" + std::to_string(nLease));
     EXPECT_THAT(m_engine.closed, IsEmpty()) << "somebody may not have heard of it";
     for (const bool bRestart : {false, true}) {
         SCOPED_TRACE(bRestart);
@@ -279,7 +279,7 @@ TEST_F(SinkDeliveryTest, OfVeryManyReleasedNames_TheOldestIsReadToItsEnd) {
     for (std::size_t n = 0; n < LeaseTable::cMostEndedNames; ++n)
         m_spDelivery->end(grant("n", client));
     const std::string sOldest = "keep-" + std::to_string(nOldest);
-    m_spDelivery->reader().pullEnded(sOldest, 512);
+    m_spDelivery->reader().pullEnded(sOldest);
     EXPECT_THAT(m_engine.closed, ElementsAre(sOldest));
 }
 

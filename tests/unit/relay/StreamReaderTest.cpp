@@ -83,3 +83,15 @@ TEST_F(StreamReaderTest, WhileTheConnectionIsLost_WhatIsKeptBackStaysSo) {
     arrive(2);
     EXPECT_THAT(m_handedOn, ElementsAre(1, 2, 3));
 }
+
+TEST_F(StreamReaderTest, PullThatMayEndSilently_IsReplacedBefore) {
+    m_engine.onConsumerOpened({});
+    arrive(1);
+    EXPECT_THAT(m_engine.pulled, ElementsAre(100)) << "it is fresh";
+    m_engine.life = milliseconds(0);
+    arrive(2);
+    EXPECT_THAT(m_engine.pulled, ElementsAre(100, 98)) << "two are held";
+    m_engine.life = milliseconds(5000);
+    m_reader.pullEnded("relay");
+    EXPECT_THAT(m_engine.pulled, ElementsAre(100, 98)) << "the fresh one has not ended";
+}
