@@ -11,7 +11,6 @@
 #include <VornUDPServerSocket.h>
 
 #include "Interpose.h"
-#include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -197,19 +196,17 @@ private:
     pid_t m_pid = -1;
 };
 
-class ServerConformance : public LeakCheckedTest, public testing::WithParamInterface<ServerKind> {
+class ServerConformance : public ServerTest, public testing::WithParamInterface<ServerKind> {
 protected:
     void SetUp() override {
-        useInterposition();
-        addLocalAddress("lo:1", lanAddress);
-        LeakCheckedTest::SetUp();
+        ServerTest::SetUp();
         static int nextPort = 5023;
         m_spServer = GetParam().make(nextPort++);
     }
 
     void TearDown() override {
         m_spServer = nullptr;
-        LeakCheckedTest::TearDown();
+        ServerTest::TearDown();
     }
 
     VornIPCServer& server() { return *m_spServer; }

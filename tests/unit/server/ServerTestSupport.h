@@ -8,6 +8,7 @@
 #include "Failure.h"
 #include "Interpose.h"
 #include "Interruptions.h"
+#include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -186,6 +187,16 @@ inline void addLocalAddress(const char* label, const char* address) {
     if (status != 0)
         throw std::system_error(errno, std::generic_category(), "address on lo");
 }
+
+/** A host with an address besides that of its loopback device. */
+class ServerTest : public LeakCheckedTest {
+protected:
+    void SetUp() override {
+        useInterposition();
+        addLocalAddress("lo:1", lanAddress);
+        LeakCheckedTest::SetUp();
+    }
+};
 
 /** Ends a connection without leaving its port in TIME_WAIT, whoever closes first. */
 inline void reset(UniqueFd& peer) {

@@ -4,7 +4,6 @@
 #include <VornSocketConnection.h>
 
 #include "Interpose.h"
-#include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -40,17 +39,11 @@ public:
     using VornServerSocket::waitForClientImpl;
 };
 
-class VornServerSocketTest : public LeakCheckedTest {
+class VornServerSocketTest : public ServerTest {
 protected:
-    void SetUp() override {
-        useInterposition();
-        addLocalAddress("lo:1", lanAddress);
-        LeakCheckedTest::SetUp();
-    }
-
     void TearDown() override {
         server.close();
-        LeakCheckedTest::TearDown();
+        ServerTest::TearDown();
     }
 
     Probe server{port, 5, "*"};

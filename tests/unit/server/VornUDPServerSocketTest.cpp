@@ -4,7 +4,6 @@
 #include <VornUDPServerSocket.h>
 
 #include "Interpose.h"
-#include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
 #include "Process.h"
@@ -48,17 +47,11 @@ public:
     using VornUDPServerSocket::waitForClientImpl;
 };
 
-class VornUDPServerSocketTest : public LeakCheckedTest {
+class VornUDPServerSocketTest : public ServerTest {
 protected:
-    void SetUp() override {
-        useInterposition();
-        addLocalAddress("lo:1", lanAddress);
-        LeakCheckedTest::SetUp();
-    }
-
     void TearDown() override {
         server.close();
-        LeakCheckedTest::TearDown();
+        ServerTest::TearDown();
     }
 
     static void send(const std::string& data, const std::string& from = "127.0.0.1") {
