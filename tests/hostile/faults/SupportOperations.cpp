@@ -92,6 +92,16 @@ public:
     int told = 0;
 };
 
+template <typename Subject>
+void notifyADependent(Trial& trial) {
+    Subject subject;
+    Dependent dependent;
+    subject.addDependent(dependent);
+    const VornNotification notification(1);
+    trial.attempt([&] { subject.notify(notification); });
+    trial.expect(dependent.told == (trial.hasThrown() ? 0 : 1), "told although it failed");
+}
+
 void addObserver(Operations& table) {
     table.add("VornNotification::VornNotification, getId, ~VornNotification, "
               "VornDependent::handleNotification, ~VornDependent",
@@ -122,14 +132,7 @@ void addObserver(Operations& table) {
         subject.addDependent(dependent);
         trial.attempt([&] { subject.removeDependent(dependent); });
     });
-    table.add("VornCollaborator::notify", throwsBadAlloc, [](Trial& trial) {
-        VornCollaborator subject;
-        Dependent dependent;
-        subject.addDependent(dependent);
-        const VornNotification notification(1);
-        trial.attempt([&] { subject.notify(notification); });
-        trial.expect(dependent.told == (trial.hasThrown() ? 0 : 1), "told although it failed");
-    });
+    table.add("VornCollaborator::notify", throwsBadAlloc, notifyADependent<VornCollaborator>);
 }
 
 void addLock(Operations& table) {
@@ -227,14 +230,7 @@ void addThread(Operations& table) {
                           worker.wait(0);
                   });
               });
-    table.add("VornThread::notify", throwsBadAlloc, [](Trial& trial) {
-        Worker worker;
-        Dependent dependent;
-        worker.addDependent(dependent);
-        const VornNotification notification(1);
-        trial.attempt([&] { worker.notify(notification); });
-        trial.expect(dependent.told == (trial.hasThrown() ? 0 : 1), "told although it failed");
-    });
+    table.add("VornThread::notify", throwsBadAlloc, notifyADependent<Worker>);
 }
 
 } // namespace
