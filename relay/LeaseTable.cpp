@@ -4,6 +4,8 @@
 
 #include "StateFile.h"
 
+#include <CallbackEndpoint.h>
+
 #include <cerrno>
 #include <fstream>
 #include <sstream>
@@ -29,6 +31,11 @@ std::string lineOf(const Lease& lease) {
 
 std::string endLineOf(std::uint32_t nNumber) {
     return Json{{"end", nNumber}}.dump() + "\n";
+}
+
+bool isPipe(const std::string& sAddress) {
+    const auto endpoint = VornNet::CallbackEndpoint::parse(sAddress.c_str());
+    return endpoint && endpoint->kind() == VornNet::CallbackEndpoint::Kind::pipe;
 }
 
 } // namespace
@@ -121,6 +128,8 @@ bool LeaseTable::loadLine(const std::string& sLine) try {
     lease.nHandle = line.at("handle").get<std::int32_t>();
     lease.process = line.at("process").get<pid_t>();
     lease.nStart = line.at("start").get<std::uint64_t>();
+    if (!isPipe(lease.sAddress))
+        return false;
     if (lease.isNamed())
         m_names[lease.sName] = lease.nNumber;
     m_leases[lease.nNumber] = lease;

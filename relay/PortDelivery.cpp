@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PortDelivery.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -14,27 +13,20 @@ namespace VornRelay {
 
 namespace {
 
-using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 constexpr unsigned int cMostResets = 200;
-constexpr microseconds cFirstPause{20};
-constexpr microseconds cLongestPause{2000};
-constexpr microseconds cLongestPauseAway{100'000};
-constexpr milliseconds cSoonAway{100};
 constexpr milliseconds cAcknowledgement{1};
 
 } // namespace
 
 PortDelivery::PortDelivery(RelayLoop& loop, PortOwners& owners, in_addr address, std::uint16_t nPublished,
                            std::string_view sExchange, milliseconds patience, DoneHandler onDone)
-    : m_loop(loop), m_owners(owners), m_address(address), m_nPublished(nPublished), m_sExchange(sExchange),
-      m_patience(patience), m_onDone(std::move(onDone)) {
-    m_timer = m_loop.after(Clock::duration(0), [this] { attempt(); });
-}
+    : Delivery(loop, std::move(onDone)), m_owners(owners), m_address(address), m_nPublished(nPublished),
+      m_sExchange(sExchange), m_patience(patience) {}
 
 PortDelivery::~PortDelivery() {
-    close();
+    PortDelivery::close();
 }
 
 void PortDelivery::ready(std::uint32_t) {
@@ -46,11 +38,18 @@ void PortDelivery::ready(std::uint32_t) {
         wasReset();
 }
 
-void PortDelivery::attempt() try {
-    m_timer = 0;
+void PortDelivery::close() {
+    Delivery::close();
+    if (!m_socket.isOpen())
+        return;
+    m_loop.unwatch(m_socket.number());
+    m_socket.reset();
+}
+
+void PortDelivery::attempt() {
     const PortOwners::Place place = m_owners.find(m_address, m_nPublished);
     m_result.nMoves += place.bHasMoved ? 1 : 0;
-    if (place.bHasEnded || (m_bAway && Clock::now() - m_awaySince > m_patience)) {
+    if (place.bHasEnded || awayFor() > m_patience) {
         m_owners.forget(m_nPublished);
         finish(Outcome::gone);
     } else if (place.nPort == 0) {
@@ -58,10 +57,6 @@ void PortDelivery::attempt() try {
     } else {
         connectTo(place.nPort);
     }
-
-} catch (const std::system_error&) {
-
-    repeat(false);
 }
 
 void PortDelivery::connectTo(std::uint16_t nPort) {
@@ -92,7 +87,7 @@ void PortDelivery::connected() try {
     } else if (!m_owners.isOwn(m_address, m_nPublished, m_nPort)) {
         repeat(true);
     } else {
-        m_bAway = false;
+        found();
         m_step = Step::sending;
         if (!send())
             wasReset();
@@ -139,9 +134,7 @@ bool PortDelivery::awaitEnd() {
         finish(Outcome::delivered);
         return true;
     }
-    m_loop.cancel(m_timer); // no event tells that the last byte has been acknowledged
-    m_timer = m_loop.after(cAcknowledgement, [this] {
-        m_timer = 0;
+    after(cAcknowledgement, [this] { // no event tells that the last byte has been acknowledged
         if (!awaitEnd())
             wasReset();
     });
@@ -152,36 +145,7 @@ void PortDelivery::wasReset() {
     if (++m_result.nResets < cMostResets)
         repeat(false);
     else
-        finish(Outcome::refused);
-}
-
-void PortDelivery::close() {
-    m_loop.cancel(std::exchange(m_timer, 0));
-    if (!m_socket.isOpen())
-        return;
-    m_loop.unwatch(m_socket.number());
-    m_socket.reset();
-}
-
-void PortDelivery::repeat(bool bAway) {
-    const Clock::time_point now = Clock::now();
-    close();
-    if (bAway && !m_bAway) {
-        m_awaySince = now;
-        m_pause = microseconds(0);
-    }
-    m_bAway = bAway;
-    m_step = Step::waiting;
-    const bool bIsLong = m_bAway && now - m_awaySince > cSoonAway;
-    m_pause = std::clamp(m_pause * 2, cFirstPause, bIsLong ? cLongestPauseAway : cLongestPause);
-    m_timer = m_loop.after(m_pause, [this] { attempt(); });
-}
-
-/** The handler may destroy this object. */
-void PortDelivery::finish(Outcome outcome) {
-    close();
-    m_result.outcome = outcome;
-    m_onDone(m_result);
+        finish(Outcome::unread);
 }
 
 } // namespace VornRelay

@@ -10,8 +10,7 @@ namespace VornRelay {
 void RelayLoop::post(Task task) {
     const std::lock_guard lock(m_mutex);
     m_tasks.push_back(std::move(task));
-    if (m_tasks.size() == 1)
-        m_poll.wakeUp();
+    wakeUp();
 }
 
 RelayLoop::Timer RelayLoop::after(Clock::duration delay, Task task) {
@@ -42,7 +41,7 @@ void RelayLoop::run() {
             if (std::exchange(m_bEnding, false))
                 return;
         }
-        for (const epoll_event& event : m_poll.wait(nextTimer()))
+        for (const epoll_event& event : awaitEvents())
             static_cast<Handler*>(event.data.ptr)->ready(event.events);
         runTasks();
         runTimers();
@@ -53,7 +52,25 @@ void RelayLoop::run() {
 void RelayLoop::end() {
     const std::lock_guard lock(m_mutex);
     m_bEnding = true;
-    m_poll.wakeUp();
+    wakeUp();
+}
+
+std::span<const epoll_event> RelayLoop::awaitEvents() {
+    bool bMayWait = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_bWaiting = bMayWait = m_tasks.empty() && !m_bEnding;
+    }
+    const auto events = m_poll.wait(bMayWait ? nextTimer() : Clock::time_point());
+    const std::lock_guard lock(m_mutex);
+    m_bWaiting = false;
+    return events;
+}
+
+/** A loop that is busy looks for itself, at its next turn. To be called with the lock held. */
+void RelayLoop::wakeUp() {
+    if (std::exchange(m_bWaiting, false))
+        m_poll.wakeUp();
 }
 
 void RelayLoop::runTasks() {

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 namespace VornRelay {
@@ -53,6 +54,9 @@ public:
     /** Watches a descriptor. @throws std::system_error */
     void watch(int fd, std::uint32_t nEvents, Handler& handler);
 
+    /** What descriptors are watched by, for others who watch theirs; they give a Handler as data. */
+    VornNet::EventPoll& poll() { return m_poll; }
+
     /** Watches no longer; the handler may still be called for events of this turn, until it is discarded. */
     void unwatch(int fd) { m_poll.remove(fd); }
 
@@ -66,6 +70,8 @@ public:
     void end();
 
 private:
+    std::span<const epoll_event> awaitEvents();
+    void wakeUp();
     void runTasks();
     void runTimers();
     Clock::time_point nextTimer() const;
@@ -74,6 +80,7 @@ private:
     std::mutex m_mutex;
     std::vector<Task> m_tasks; // guarded by m_mutex
     bool m_bEnding = false;    // guarded by m_mutex
+    bool m_bWaiting = false;   // guarded by m_mutex; the thread has to be woken
     std::map<std::pair<Clock::time_point, Timer>, Task> m_timers;
     std::map<Timer, Clock::time_point> m_dueTimes;
     Timer m_nLastTimer = 0;

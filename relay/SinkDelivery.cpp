@@ -2,11 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "SinkDelivery.h"
 
-#include <PipeListener.h>
-#include <VornConnection.h>
-#include <VornException.h>
-#include <VornProxyDependent.h>
-#include <VornSmartPointer.h>
+#include "PipeDelivery.h"
+#include "PortDelivery.h"
 
 #include <algorithm>
 #include <charconv>
@@ -18,35 +15,13 @@ namespace VornRelay {
 
 namespace {
 
-using std::chrono::hours;
 using std::chrono::milliseconds;
-using VornNet::VornDispatcher;
-using Outcome = VornDispatcher::Outcome;
 
 constexpr std::size_t cHandleSize = 8;
 constexpr std::size_t cMostNamedHeld = 256;
-constexpr std::string_view cPipe = "pipe:";
 constexpr std::string_view cVersion = "1";
 constexpr milliseconds cLookInterval{250};
-constexpr milliseconds cSuspicious{250}; // a delivery that takes longer is looked at
-constexpr milliseconds cTimeToEnd{100};  // within which a killed process has closed its sockets
 constexpr std::size_t cMostLooksAtOnce = 200;
-
-/** Sends content that was read elsewhere. */
-class StoredContent : public VornNet::VornProxyDependent {
-public:
-    StoredContent(const Lease& lease, std::string_view sContent)
-        : VornProxyDependent(lease.sAddress.c_str(), lease.nHandle), m_sContent(sContent) {}
-
-    void addContent(VornNet::VornConnection& connection, const VornSupport::VornNotification&) override {
-        long nError = 0;
-        if (!m_sContent.empty())
-            connection.transfer(m_sContent.data(), static_cast<long>(m_sContent.size()), &nError);
-    }
-
-private:
-    const std::string_view m_sContent;
-};
 
 /** @return the lease or the port at the end of a subject, 0 when it is neither. */
 std::uint32_t sinkIn(std::string_view sSubject) {
@@ -72,10 +47,6 @@ const char* faultIn(const Engine::Message& message, bool bHasNumber) {
 
 std::string consumerOf(std::uint32_t nLease) {
     return "keep-" + std::to_string(nLease);
-}
-
-bool isPipeAlive(const std::string& sAddress) {
-    return VornNet::PipeListener::isAlive(sAddress.substr(cPipe.size()).c_str());
 }
 
 } // namespace
@@ -108,24 +79,11 @@ SinkDelivery::SinkDelivery(RelayLoop& loop, Engine& engine, const RelaySettings&
     }
     for (const std::uint32_t nNumber : m_leases.endedNames())
         readNamed(nNumber);
-    VornDispatcher::Options options;
-    options.sName = "relay";
-    options.terms.timeLimit = hours(24 * 365); // whether to wait on is decided here
-    options.nByteLimit = std::size_t{4} << 30;
-    options.longestPause = milliseconds(100);
-    options.stopLimit = milliseconds(0);
-    options.onResult = [this](const VornDispatcher::Result& result) {
-        m_loop.post([this, result] { finished(result); });
-    };
-    m_spDispatcher = std::make_unique<VornDispatcher>(options);
     look();
 }
 
 SinkDelivery::~SinkDelivery() {
     m_loop.cancel(m_look);
-    m_spDispatcher.reset();
-    for (const auto& [nLease, queue] : m_queues)
-        m_loop.cancel(queue.judge);
 }
 
 void SinkDelivery::setConnected(bool bConnected) {
@@ -171,7 +129,7 @@ SinkDelivery::Queue SinkDelivery::queueOf(std::uint32_t nLease) const {
     result.nWaiting = queue.waiting.size();
     result.nTries = queue.waiting.front().nTries;
     result.oldest = std::chrono::duration_cast<milliseconds>(Clock::now() - queue.waiting.front().arrived);
-    result.bAway = queue.awaySince.has_value() || (queue.spPortDelivery && queue.spPortDelivery->isAway());
+    result.bAway = queue.spDelivery && queue.spDelivery->isAway();
     return result;
 }
 
@@ -248,7 +206,6 @@ void SinkDelivery::buryNewest(std::uint32_t nLease, LeaseQueue& queue) {
 }
 
 void SinkDelivery::deliverNext(std::uint32_t nLease) {
-    const Lease* pLease = m_leases.find(nLease);
     const auto found = m_queues.find(nLease);
     if (found == m_queues.end()) {
         if (!isSink(nLease))
@@ -256,8 +213,7 @@ void SinkDelivery::deliverNext(std::uint32_t nLease) {
         return;
     }
     LeaseQueue& queue = found->second;
-    if (queue.nTicket != 0 || queue.bBurying || queue.spPortDelivery ||
-        (queue.judge != 0 && pLease != nullptr))
+    if (queue.spDelivery || queue.bBurying)
         return; // it goes on when the first one has found its end
     while (!isSink(nLease) && !queue.waiting.empty()) {
         bury(std::move(queue.waiting.front()), "gone");
@@ -268,13 +224,13 @@ void SinkDelivery::deliverNext(std::uint32_t nLease) {
         dropFirst(queue);
     }
     if (!queue.waiting.empty()) {
-        if (!m_bStopped && pLease != nullptr)
-            post(*pLease, queue);
-        else if (!m_bStopped)
-            postToPort(static_cast<std::uint16_t>(nLease), queue);
+        if (m_bStopped)
+            return;
+        queue.spDelivery = deliveryOf(nLease, queue);
+        ++m_nUnderWay;
+        queue.spDelivery->begin();
         return;
     }
-    m_loop.cancel(std::exchange(queue.judge, 0));
     if (queue.nLetters > 0)
         return;
     m_queues.erase(found);
@@ -290,88 +246,55 @@ bool SinkDelivery::isSink(std::uint32_t nSink) const {
     return nSink != 0 && m_settings.redirectAddress(m_settings.access.sHost).s_addr != INADDR_ANY;
 }
 
-void SinkDelivery::post(const Lease& lease, LeaseQueue& queue) {
-    const std::string_view sContent = queue.waiting.front().message.sContent;
-    const VornSupport::VornSmartPointer<StoredContent> spProxy =
-        new StoredContent(lease, sContent.substr(cHandleSize));
-    queue.started = Clock::now();
-    if (std::exchange(queue.sAddress, lease.sAddress) != lease.sAddress)
-        queue.awaySince.reset();
-    try {
-        queue.nTicket = m_spDispatcher->post(*spProxy, VornSupport::VornNotification(0));
-        m_underWay[queue.nTicket] = lease.nNumber;
-    } catch (const VornSupport::VornException& error) {
-        logLine(LogLevel::failure, std::string("a delivery cannot begin: ") + error.getText().c_str());
-        queue.judge = m_loop.after(cTimeToEnd, [this, nLease = lease.nNumber] {
-            m_queues[nLease].judge = 0;
-            deliverNext(nLease);
-        });
-    }
+std::unique_ptr<Delivery> SinkDelivery::deliveryOf(std::uint32_t nSink, LeaseQueue& queue) {
+    const std::string_view sExchange = queue.waiting.front().message.sContent;
+    const auto onDone = [this, nSink](const Delivery::Result& result) { finished(nSink, result); };
+    if (LeaseTable::isPort(nSink))
+        return std::make_unique<PortDelivery>(
+            m_loop, m_owners, m_settings.redirectAddress(m_settings.access.sHost),
+            static_cast<std::uint16_t>(nSink), sExchange, m_settings.patience, onDone);
+    const Lease& lease = *m_leases.find(nSink);
+    queue.sAddress = lease.sAddress;
+    return std::make_unique<PipeDelivery>(m_loop, lease.sAddress, lease.nHandle,
+                                          sExchange.substr(cHandleSize), onDone);
 }
 
-void SinkDelivery::postToPort(std::uint16_t nPort, LeaseQueue& queue) {
-    ++m_nPortsUnderWay;
-    queue.spPortDelivery = std::make_unique<PortDelivery>(
-        m_loop, m_owners, m_settings.redirectAddress(m_settings.access.sHost), nPort,
-        queue.waiting.front().message.sContent, m_settings.patience,
-        [this, nPort](const PortDelivery::Result& result) {
-            m_loop.post([this, nPort, result] { finishedAtPort(nPort, result); });
-        });
+/** @return whether what is under way is to go on, if no callback has been called for it yet. */
+bool SinkDelivery::isWanted(std::uint32_t nSink, const LeaseQueue& queue) const {
+    if (m_bStopped || LeaseTable::isPort(nSink))
+        return !m_bStopped;
+    const Lease* pLease = m_leases.find(nSink);
+    return pLease != nullptr && pLease->sAddress == queue.sAddress;
 }
 
-void SinkDelivery::finishedAtPort(std::uint16_t nPort, const PortDelivery::Result& result) {
-    LeaseQueue& queue = m_queues.at(nPort);
-    if (!queue.spPortDelivery)
-        return; // it was given up just before
-    queue.spPortDelivery.reset();
-    --m_nPortsUnderWay;
+void SinkDelivery::finished(std::uint32_t nSink, const Delivery::Result& result) {
+    LeaseQueue& queue = m_queues.at(nSink);
+    queue.spDelivery.reset();
+    --m_nUnderWay;
     queue.waiting.front().nTries += result.nTries;
     m_counters.nTries += result.nTries;
     m_counters.nResets += result.nResets;
     m_counters.nMovedPorts += result.nMoves;
     switch (result.outcome) {
-    case PortDelivery::Outcome::delivered:
-        consumed(nPort, queue);
+    case Delivery::Outcome::delivered:
+        consumed(nSink, queue);
         break;
-    case PortDelivery::Outcome::refused:
-        buryFirst(nPort, queue);
+    case Delivery::Outcome::unread:
+        if (!isSink(nSink))
+            break; // its lease has ended: that is the reason which its dead letter tells
+        buryFirst(nSink, queue);
         return;
-    case PortDelivery::Outcome::gone:
+    case Delivery::Outcome::gone:
         for (Notification& notification : queue.waiting)
-            buryLater(nPort, queue, std::move(notification), "gone");
+            buryLater(nSink, queue, std::move(notification), "gone");
         queue.waiting.clear();
         break;
     }
-    deliverNext(nPort);
-}
-
-void SinkDelivery::finished(const VornDispatcher::Result& result) {
-    const auto underWay = m_underWay.extract(result.nTicket);
-    if (underWay.empty())
-        return;
-    const std::uint32_t nLease = underWay.mapped();
-    LeaseQueue& queue = m_queues.at(nLease);
-    queue.nTicket = 0;
-    queue.waiting.front().nTries += result.nTries;
-    m_counters.nTries += result.nTries;
-    switch (result.outcome) {
-    case Outcome::delivered:
-    case Outcome::sent:
-        consumed(nLease, queue);
-        break;
-    case Outcome::unread:
-        ++m_counters.nResets;
-        queue.judge = m_loop.after(cTimeToEnd, [this, nLease] { judge(nLease); });
-        return;
-    default:
-        break; // it is offered again, or finds that its lease has ended
-    }
-    deliverNext(nLease);
+    deliverNext(nSink);
 }
 
 void SinkDelivery::consumed(std::uint32_t nLease, LeaseQueue& queue) {
     const Notification& first = queue.waiting.front();
-    queue.awaySince.reset();
     ++m_counters.nDelivered;
     m_counters.delivering.add(Clock::now() - first.arrived);
     settleFirst(nLease, queue);
@@ -389,16 +312,6 @@ void SinkDelivery::settleFirst(std::uint32_t nLease, LeaseQueue& queue) {
 bool SinkDelivery::wasDelivered(std::uint32_t nLease, const Notification& notification) const {
     return notification.number != NotificationNumber() &&
            notification.number <= m_journal.last(nLease, notification.sSource);
-}
-
-/** Was the callback content with less, or has the process been killed? In the latter case nobody listens. */
-void SinkDelivery::judge(std::uint32_t nLease) {
-    LeaseQueue& queue = m_queues.at(nLease);
-    queue.judge = 0;
-    if (m_leases.find(nLease) != nullptr && isPipeAlive(queue.sAddress))
-        buryFirst(nLease, queue);
-    else
-        deliverNext(nLease);
 }
 
 void SinkDelivery::dropFirst(LeaseQueue& queue) {
@@ -455,17 +368,18 @@ void SinkDelivery::bury(Notification&& notification, const std::string& sReason,
 
 void SinkDelivery::look() {
     try {
-        for (const auto& [nTicket, nLease] : m_underWay) {
-            if (Clock::now() - m_queues.at(nLease).started > cSuspicious)
-                lookAt(nLease);
+        std::vector<std::uint32_t> underWay;
+        for (const auto& [nSink, queue] : m_queues) {
+            if (queue.spDelivery)
+                underWay.push_back(nSink);
         }
+        for (const std::uint32_t nSink : underWay)
+            lookAt(nSink);
         lookForEnded();
         for (auto& [nLease, queue] : m_queues) {
             if (isSlow(nLease, queue))
                 buryNewest(nLease, queue);
         }
-        if (m_bStopped)
-            giveUpPorts();
         if (const in_addr address = m_settings.redirectAddress(m_settings.access.sHost);
             address.s_addr != INADDR_ANY)
             m_owners.look(address);
@@ -478,31 +392,24 @@ void SinkDelivery::look() {
 }
 
 /**
- * Finds out whether a client is away. A delivery that nobody wants any more is only given up when it is: a
- * callback that runs would not notice, and be called again. A plain sink is away for a moment after each
- * callback, so it has to be away twice.
+ * Gives up what nobody wants any more, unless its callback may run: that would not notice, and be called
+ * again. Ends the lease of a client that has been away for too long.
  */
-void SinkDelivery::lookAt(std::uint32_t nLease) {
-    const auto found = m_queues.find(nLease);
-    if (found == m_queues.end() || found->second.nTicket == 0)
+void SinkDelivery::lookAt(std::uint32_t nSink) {
+    const auto found = m_queues.find(nSink);
+    if (found == m_queues.end() || !found->second.spDelivery)
         return;
     LeaseQueue& queue = found->second;
-    if (isPipeAlive(queue.sAddress)) {
-        queue.awaySince.reset();
+    if (!isWanted(nSink, queue) && !queue.spDelivery->mayHaveArrived()) {
+        queue.spDelivery->close();
+        m_loop.discard(std::move(queue.spDelivery)); // an event of this turn may be on its way to it
+        --m_nUnderWay;
+        deliverNext(nSink);
         return;
     }
-    const bool bWasAway = queue.awaySince.has_value();
-    if (!bWasAway)
-        queue.awaySince = Clock::now();
-    const Lease* pLease = m_leases.find(nLease);
-    if (m_bStopped || pLease == nullptr || pLease->sAddress != queue.sAddress) {
-        if (bWasAway)
-            m_spDispatcher->cancel(queue.sAddress.c_str());
-        return;
-    }
-    const bool bHasEnded = pLease->process != 0 && startOfProcess(pLease->process) != pLease->nStart;
-    if (!pLease->isNamed() && (bHasEnded || Clock::now() - *queue.awaySince > m_settings.patience))
-        end(nLease);
+    const Lease* pLease = m_leases.find(nSink);
+    if (pLease != nullptr && !pLease->isNamed() && queue.spDelivery->awayFor() > m_settings.patience)
+        end(nSink);
 }
 
 void SinkDelivery::lookForEnded() {
@@ -516,15 +423,6 @@ void SinkDelivery::lookForEnded() {
     }
     if (entry == m_leases.all().end())
         m_nLastLooked = 0;
-}
-
-void SinkDelivery::giveUpPorts() {
-    for (auto& [nSink, queue] : m_queues) {
-        if (!queue.spPortDelivery || !queue.spPortDelivery->isAway())
-            continue;
-        queue.spPortDelivery.reset();
-        --m_nPortsUnderWay;
-    }
 }
 
 void SinkDelivery::readNamed(std::uint32_t nLease) {

@@ -3,19 +3,17 @@
 #ifndef VORNRELAY_SINKDELIVERY_H
 #define VORNRELAY_SINKDELIVERY_H
 
+#include "Delivery.h"
 #include "Engine.h"
 #include "Journal.h"
 #include "LeaseTable.h"
 #include "OutgoingQueue.h"
-#include "PortDelivery.h"
 #include "PortOwners.h"
 #include "RelayCounters.h"
 #include "RelayLog.h"
 #include "RelayLoop.h"
 #include "RelaySettings.h"
 #include "StreamReader.h"
-
-#include <VornDispatcher.h>
 
 #include <deque>
 #include <functional>
@@ -64,7 +62,7 @@ public:
     void stop();
 
     /** @return whether nothing is under way. */
-    bool isIdle() const { return m_underWay.empty() && m_nPortsUnderWay == 0 && m_deadLetters.size() == 0; }
+    bool isIdle() const { return m_nUnderWay == 0 && m_deadLetters.size() == 0; }
 
     /** What is known of a lease's queue. */
     struct Queue {
@@ -95,15 +93,11 @@ private:
     };
 
     struct LeaseQueue {
-        std::deque<Notification> waiting;             // the first one may be under way
-        std::uint64_t nTicket = 0;                    // of the dispatcher; 0: none is under way
-        std::unique_ptr<PortDelivery> spPortDelivery; // the one under way to a TCP port
-        bool bBurying = false;                        // the first one is becoming a dead letter
-        std::size_t nLetters = 0;   // of later ones, that are not stored: what follows is buried too
-        RelayLoop::Timer judge = 0; // runs while it is found out what a reset has meant
-        std::string sAddress;       // where it is under way to, also when the lease has moved
-        Clock::time_point started;
-        std::optional<Clock::time_point> awaySince;
+        std::deque<Notification> waiting;     // the first one may be under way
+        std::unique_ptr<Delivery> spDelivery; // of the first one; null: none is under way
+        std::string sAddress;                 // where it is under way to, also when the lease has moved
+        bool bBurying = false;                // the first one is becoming a dead letter
+        std::size_t nLetters = 0; // of later ones, that are not stored: what follows is buried too
     };
 
     void take(std::uint64_t nPosition, Engine::Message&& message);
@@ -111,14 +105,12 @@ private:
     void buryNewest(std::uint32_t nLease, LeaseQueue& queue);
     void deliverNext(std::uint32_t nLease);
     bool isSink(std::uint32_t nSink) const;
-    void post(const Lease& lease, LeaseQueue& queue);
-    void postToPort(std::uint16_t nPort, LeaseQueue& queue);
-    void finishedAtPort(std::uint16_t nPort, const PortDelivery::Result& result);
-    void finished(const VornNet::VornDispatcher::Result& result);
+    std::unique_ptr<Delivery> deliveryOf(std::uint32_t nSink, LeaseQueue& queue);
+    bool isWanted(std::uint32_t nSink, const LeaseQueue& queue) const;
+    void finished(std::uint32_t nSink, const Delivery::Result& result);
     void consumed(std::uint32_t nLease, LeaseQueue& queue);
     void settleFirst(std::uint32_t nLease, LeaseQueue& queue);
     bool wasDelivered(std::uint32_t nLease, const Notification& notification) const;
-    void judge(std::uint32_t nLease);
     void dropFirst(LeaseQueue& queue);
     void buryFirst(std::uint32_t nLease, LeaseQueue& queue);
     void buryLater(std::uint32_t nLease, LeaseQueue& queue, Notification&& notification,
@@ -127,7 +119,6 @@ private:
     void look();
     void lookAt(std::uint32_t nLease);
     void lookForEnded();
-    void giveUpPorts();
     void readNamed(std::uint32_t nLease);
 
     RelayLoop& m_loop;
@@ -140,13 +131,11 @@ private:
     RareLine m_deadLetterLine;
     StreamReader m_reader;
     std::unordered_map<std::uint32_t, LeaseQueue> m_queues;
-    std::unordered_map<std::uint64_t, std::uint32_t> m_underWay; // lease by ticket
     PortOwners m_owners;
-    std::size_t m_nPortsUnderWay = 0;
+    std::size_t m_nUnderWay = 0;
     RelayLoop::Timer m_look = 0;
     std::uint32_t m_nLastLooked = 0;
     bool m_bStopped = false;
-    std::unique_ptr<VornNet::VornDispatcher> m_spDispatcher; // last: its results use the others
 };
 
 } // namespace VornRelay
