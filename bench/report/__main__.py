@@ -14,7 +14,7 @@ import tables
 from counts import count_all
 from program import list_entries
 from publish import publish
-from results import OURS, SCALES, WORKLOADS, describe_machine, evaluate, measured_ratios, measured_scale
+from results import OURS, SCALES, WORKLOADS, describe_machine, evaluate, scale_lines
 from times import AGAIN, measure
 
 
@@ -34,7 +34,6 @@ def report_ratios(options):
     stored = {"machine": describe_machine(), "units": units, "counts": counts, "rounds": rounds}
     (options.output / "results.json").write_text(json.dumps(stored, indent=1) + "\n")
     results = evaluate(stored)
-    plots.plot_all(options.output, {"ratios": measured_ratios(stored)})
     made_at = tables.made_at(stored["machine"], options.rounds)
     write(options.output / "table.md", [made_at, "", *tables.summary(results), "", *tables.details(results)])
 
@@ -46,7 +45,7 @@ def report_scale(options):
     rounds_of = measure(options.program, contenders, options.rounds, options.min_time)
     stored = {"machine": describe_machine(), "rounds": rounds_of}
     (options.output / "scale.json").write_text(json.dumps(stored, indent=1) + "\n")
-    plots.plot_all(options.output, {"scale": measured_scale(stored)})
+    plots.plot_all(options.output, {workload: scale_lines(rounds) for workload, rounds in rounds_of.items()})
     lines = [tables.made_at(stored["machine"], options.rounds)]
     for workload, rounds in rounds_of.items():
         title = SCALES[workload][0]

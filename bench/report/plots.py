@@ -1,21 +1,23 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""The plots, as small SVG files that are the same for the same numbers: plots.py DIRECTORY draws what is stored."""
+"""The plots of how cost scales, as small SVG files that are the same for the same numbers.
+
+plots.py DIRECTORY draws the tables of bench/README.md.
+"""
 
 import html
 import math
 import pathlib
 import sys
 
-from results import OURS, SCALES, WORKLOADS, load_measured
-from tables import number
+from results import SCALES, published_scale
 
 LICENSE = (
     # In two pieces, or it would be taken for a mark of this file.
     "<!-- SPDX-FileCopyrightText: 2026 The vornnet authors -->\n<!-- SPDX-License" "-Identifier: Apache-2.0 -->\n"
 )
 STYLE = 'text { font: 13px "DejaVu Sans", Verdana, sans-serif; fill: #1f2d3d; } .small { font-size: 11px; }'
-OUR_COLOUR, OTHER_COLOUR, BAR_COLOUR, GRID_COLOUR = "#2266bb", "#8899aa", "#aa0000", "#d5dae0"
+GRID_COLOUR = "#d5dae0"
 LINE_COLOURS = ["#555f6b", "#2266bb", "#cc7722", "#338855"]
 WIDTH = 720
 
@@ -48,37 +50,6 @@ class Drawing:
         path.write_text("\n".join(lines + self.elements) + "\n</svg>\n")
 
 
-def plot_ratios(path, workload, contenders):
-    """A bar for each contender, with a whisker from the lower quartile to the upper."""
-    left, right, top, row_height = 150, WIDTH - 70, 34, 26
-    bottom = top + row_height * len(contenders)
-    most = max(max(upper for _, _, upper in contenders.values()), workload.get("bar", 1))
-    is_logarithmic = most > 50
-
-    def place(ratio):
-        share = math.log(max(ratio, 0.5) / 0.5) / math.log(most / 0.5) if is_logarithmic else ratio / most
-        return left + share * (right - left)
-
-    drawing = Drawing(workload["title"], bottom + 30)
-    for at, (contender, (median, lower, upper)) in enumerate(contenders.items()):
-        y = top + row_height * at
-        drawing.text(left - 8, y + 17, contender, anchor="end")
-        colour = OUR_COLOUR if contender.startswith(OURS) else OTHER_COLOUR
-        drawing.rectangle(left, y + 4, place(median) - left, row_height - 8, colour)
-        drawing.line(place(lower), y + 13, place(upper), y + 13, "#000000", ' stroke-width="3"')
-        end = place(upper)
-        if end < place(workload.get("bar", 0)) < end + 40:
-            end = place(workload["bar"])  # so that the line does not cross the number
-        drawing.text(end + 6, y + 17, number(median), kind="small")
-    drawing.line(place(1), top, place(1), bottom, "#000000")
-    if "bar" in workload:
-        drawing.line(place(workload["bar"]), top, place(workload["bar"]), bottom, BAR_COLOUR, ' stroke-dasharray="5 3"')
-    legend = "times the limit" + (", logarithmic" if is_logarithmic else "")
-    legend += f"; dashed: the bar, {workload['bar']:g}" if "bar" in workload else ""
-    drawing.text(left, bottom + 20, legend, kind="small")
-    drawing.write(path)
-
-
 def axis(values, low, high):
     """Returns the place of a value on a logarithmic axis from low to high, and the decades on it."""
     first, last = math.floor(math.log10(min(values))), math.ceil(math.log10(max(values)))
@@ -90,7 +61,7 @@ def axis(values, low, high):
     return place, [10.0**exponent for exponent in range(first, last + 1)]
 
 
-def plot_scale(path, workload, cheapest, lines):
+def plot_scale(path, workload, lines):
     """A line for each contender, both axes logarithmic."""
     left, right, top, bottom = 90, WIDTH - 30, 36, 350
     title, unit = SCALES[workload]
@@ -104,8 +75,7 @@ def plot_scale(path, workload, cheapest, lines):
         drawing.line(left, up(mark), right, up(mark), GRID_COLOUR)
         drawing.text(left - 6, up(mark) + 4, f"{mark:,g}" if mark < 1e6 else f"{mark:.0e}", anchor="end", kind="small")
     drawing.text((left + right) / 2, bottom + 34, unit, anchor="middle", kind="small")
-    label = f"cost per unit, times the limit's at {cheapest:,} {unit}"
-    drawing.text(16, (top + bottom) / 2, label, anchor="middle", kind="small", turned=True)
+    drawing.text(16, (top + bottom) / 2, "cost per unit, times the limit's cheapest", anchor="middle", kind="small", turned=True)
     for at, (contender, points) in enumerate(lines.items()):
         colour = LINE_COLOURS[at]
         places = " ".join(f"{across(place):.1f},{up(cost):.1f}" for place, cost in points.items())
@@ -117,14 +87,12 @@ def plot_scale(path, workload, cheapest, lines):
     drawing.write(path)
 
 
-def plot_all(directory, measured):
+def plot_all(directory, scale):
+    """scale: {workload: {contender: {point: cost}}}"""
     directory.mkdir(parents=True, exist_ok=True)
-    for workload in WORKLOADS:
-        if workload["name"] in measured.get("ratios", {}):
-            plot_ratios(directory / f"{workload['name']}.svg", workload, measured["ratios"][workload["name"]])
-    for workload, (cheapest, lines) in measured.get("scale", {}).items():
-        plot_scale(directory / f"{workload}.svg", workload, cheapest, lines)
+    for workload, lines in scale.items():
+        plot_scale(directory / f"{workload}.svg", workload, lines)
 
 
 if __name__ == "__main__":
-    plot_all(pathlib.Path(sys.argv[1]), load_measured())
+    plot_all(pathlib.Path(sys.argv[1]), published_scale())

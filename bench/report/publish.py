@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
-"""Puts stored results into bench/README.md, and what its plots show into bench/measured.json.
+"""Puts stored results into bench/README.md.
 
 What stands there between "<!-- measured: NAME -->" and "<!-- measured end -->" is replaced; the rest is written by
 hand. Nothing is measured here.
@@ -11,10 +11,8 @@ import re
 import sys
 
 import tables
-from results import (HERE, SCALES, WORKLOADS, evaluate, load_measured, measured_ratios, measured_scale,
-                     store_measured)
+from results import PAGE, SCALES, WORKLOADS, evaluate
 
-PAGE = HERE / "README.md"
 FEWEST_ROUNDS = 5
 
 
@@ -41,10 +39,6 @@ def ratio_blocks(stored):
     for workload in WORKLOADS:
         if "contenders" in workload and workload["name"] in results:
             blocks[workload["name"]] = tables.advice(results, workload["name"])
-    blocks["plots"] = [
-        line for workload in WORKLOADS if workload["name"] in results
-        for line in (f"![{workload['title']}](performance/{workload['name']}.svg)", "")
-    ][:-1]
     return blocks
 
 
@@ -71,12 +65,5 @@ def publish(directory):
     ratios, scale = load(directory, "results.json"), load(directory, "scale.json")
     if ratios is None and scale is None:
         sys.exit(f"{directory} holds no results; measure first")
-    page, measured = PAGE.read_text(), load_measured()
-    if ratios:
-        page = put(page, ratio_blocks(ratios))
-        measured["ratios"] = measured_ratios(ratios)
-    if scale:
-        page = put(page, scale_blocks(scale))
-        measured["scale"] = measured_scale(scale)
-    store_measured(measured)
-    PAGE.write_text(page)
+    blocks = (ratio_blocks(ratios) if ratios else {}) | (scale_blocks(scale) if scale else {})
+    PAGE.write_text(put(PAGE.read_text(), blocks))

@@ -15,7 +15,7 @@ from counts import split_calls
 from times import LIMIT, noise_of, quartiles, ratios
 
 HERE = pathlib.Path(__file__).resolve().parent.parent
-MEASURED = HERE / "measured.json"
+PAGE = HERE / "README.md"
 WORKLOADS = json.loads((HERE / "workloads.json").read_text())
 OURS = "vornnet"
 
@@ -87,41 +87,17 @@ def evaluate(stored):
     return result
 
 
-def measured_ratios(stored):
-    """What the plots show of the ratios: {workload: {contender: (median, lower quartile, upper quartile)}}."""
-    return {workload: {contender: [rounded(row["ratio"][which]) for which in ("median", "lower", "upper")]
-                       for contender, row in result["contenders"].items()}
-            for workload, result in evaluate(stored).items()}
-
-
-def measured_scale(stored):
-    """What the plots show of the scale: {workload: (cheapest point, {contender: {point: cost}})}."""
-    measured = {}
-    for workload, rounds in stored["rounds"].items():
-        cheapest, lines = scale_lines(rounds)
-        measured[workload] = [cheapest, {contender: {point: rounded(cost) for point, cost in points.items()}
-                                         for contender, points in lines.items()}]
-    return measured
-
-
-def rounded(value):
-    return float(f"{value:.4g}")
-
-
-def store_measured(measured):
-    """Stores them with a line for each workload."""
-    parts = [f" {json.dumps(part)}: {{\n" +
-             ",\n".join(f"  {json.dumps(name)}: {json.dumps(value)}" for name, value in workloads.items()) + "\n }"
-             for part, workloads in measured.items()]
-    MEASURED.write_text("{\n" + ",\n".join(parts) + "\n}\n")
-
-
-def load_measured():
-    measured = json.loads(MEASURED.read_text())
-    for _, lines in measured["scale"].values():
-        for contender, points in lines.items():
-            lines[contender] = {int(point): cost for point, cost in points.items()}
-    return measured
+def published_scale():
+    """What the tables of the page show: {workload: {contender: {point: cost}}}."""
+    published = {}
+    for workload in SCALES:
+        block = re.search(rf"<!-- measured: {workload} -->\n(.*?)<!-- measured end -->", PAGE.read_text(), re.DOTALL)
+        titles, _, *rows = [[cell.strip() for cell in line.strip("|").split("|")]
+                            for line in block.group(1).splitlines() if line.startswith("|")]
+        published[workload] = {
+            contender: {int(row[0].replace(",", "")): float(row[column].replace(",", "")) for row in rows if row[column]}
+            for column, contender in enumerate(titles) if column > 0}
+    return published
 
 
 def missed_bars(workload, row):
@@ -140,15 +116,14 @@ def missed_bars(workload, row):
 
 
 def scale_lines(rounds):
-    """Returns the cheapest point of the limit and {contender: {parameter: median cost per unit relative to it}}."""
+    """Returns {contender: {parameter: median cost per unit}}, relative to the limit's cheapest."""
     costs = {}
     for name in sorted(rounds[0], key=lambda name: (not name.startswith(LIMIT), name)):
         contender, parameter = name.split("/")
         cost = statistics.median(times[name][0] for times in rounds)
         costs.setdefault(contender, {})[int(parameter)] = cost
-    cheapest = min(costs[LIMIT], key=costs[LIMIT].get)
-    reference = costs[LIMIT][cheapest]
-    return cheapest, {
+    reference = min(costs[LIMIT].values())
+    return {
         contender: {parameter: cost / reference for parameter, cost in sorted(points.items())}
         for contender, points in costs.items()
     }

@@ -147,14 +147,13 @@ def details(results):
         lines += ["", f"### {workload['title']}", ""]
         lines += [f"Noise: {noise_text(result['noise'])}, at worst {result['noise']['worst']:.1%}.", ""]
         lines += table(["", "ratio (quartiles):", "bar", "p50:", "p99:", "system calls:", "allocations:", ""], rows)
-        lines += ["", f"![{workload['title']}]({workload['name']}.svg)"]
     return lines
 
 
 def scale(workload, rounds):
     """The table of one scaling workload, and what its lines do."""
     _, axis = SCALES[workload]
-    _, costs = scale_lines(rounds)
+    costs = scale_lines(rounds)
     rows = []
     for parameter in costs[LIMIT]:
         cells = [number(points[parameter]) if parameter in points else "" for points in costs.values()]
