@@ -135,13 +135,9 @@ const std::vector<ServerKind>& kinds() {
     static const std::vector<ServerKind> table = {
         pipeKind("pipe"),
         tcpKind("tcp", "*", "127.0.0.1", Port::Fixed),
-        tcpKind("tcp_loopback", "127.0.0.1", "127.0.0.1", Port::Fixed),
-        tcpKind("tcp_other_loopback", "127.0.0.2", "127.0.0.2", Port::Fixed),
         tcpKind("tcp_lan", lanAddress, lanAddress, Port::Fixed),
         tcpKind("tcp_any_port", "*", "127.0.0.1", Port::Any),
         udpKind("udp", "*", "127.0.0.1", Port::Fixed),
-        udpKind("udp_loopback", "127.0.0.1", "127.0.0.1", Port::Fixed),
-        udpKind("udp_other_loopback", "127.0.0.2", "127.0.0.2", Port::Fixed),
         udpKind("udp_lan", lanAddress, lanAddress, Port::Fixed),
         udpKind("udp_any_port", "*", "127.0.0.1", Port::Any),
         sslKind("ssl"),
