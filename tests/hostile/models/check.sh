@@ -20,7 +20,7 @@ search() { # compiler options -- run options
         shift
     done
     shift
-    gcc -O2 -w -DMEMLIM=4096 "${compiler[@]}" -o pan pan.c
+    gcc -w -DMEMLIM=4096 "${compiler[@]}" -o pan pan.c
     ./pan -m1000000 "$@" >>pan.log 2>&1
     if grep -q 'max search depth too small\|out of memory' pan.log; then
         cat pan.log >&2
