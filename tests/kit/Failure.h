@@ -38,6 +38,13 @@ std::optional<Failure> failureOf(Operation&& operation) {
     }
 }
 
+/** The same as one text, or "nothing". */
+template <typename Operation>
+std::string thrownBy(Operation&& operation) {
+    const std::optional<Failure> failure = failureOf(operation);
+    return failure ? failure->text + " " + std::to_string(failure->code) : "nothing";
+}
+
 } // namespace VornTest
 
 #endif

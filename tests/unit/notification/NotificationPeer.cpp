@@ -245,6 +245,20 @@ bool Gate::isOpen() {
     return m_isOpen;
 }
 
+RecordingCallback::Action HeldCallback::action() {
+    return [this](VornNet::VornSmartPointer<VornNet::VornConnection>& connection) {
+        std::string content = readToEnd(*connection);
+        m_entered.open();
+        m_goesOn.await();
+        return content;
+    };
+}
+
+void letPass(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
+}
+
 Target::Target(const std::string& address) {
     const std::size_t first = address.find(':');
     const std::size_t second = address.find(':', first + 1);
@@ -271,10 +285,14 @@ void sendByHand(const std::string& address, const std::string& data) {
     }
 }
 
+void sendWhenServing(const WatchedSink& sink, const std::string& data) {
+    ASSERT_TRUE(sink.awaitServing()) << describeThreads();
+    sendByHand(sink.address(), data);
+}
+
 void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std::string& content) {
     const int before = callback->calls();
-    ASSERT_TRUE(sink.awaitServing()) << describeThreads();
-    sendByHand(sink.address(), onWire(callback->getId()) + content);
+    sendWhenServing(sink, onWire(callback->getId()) + content);
     ASSERT_TRUE(callback->awaitCalls(before + 1)) << describeThreads();
 }
 

@@ -175,6 +175,24 @@ private:
     bool m_isOpen = false;
 };
 
+/** A callback that waits in the middle until it is let go on. */
+class HeldCallback {
+public:
+    /** For a callback's action: reads everything, tells that it is there, and waits. */
+    RecordingCallback::Action action();
+
+    bool awaitEntered() { return m_entered.await(); }
+
+    void letGoOn() { m_goesOn.open(); }
+
+private:
+    Gate m_entered;
+    Gate m_goesOn;
+};
+
+/** Lets pass a time in which something is counted, or must not happen. */
+void letPass(std::chrono::milliseconds time);
+
 /** A callback address taken apart. */
 struct Target {
     explicit Target(const std::string& address);
@@ -190,7 +208,10 @@ UniqueFd connectToSink(const std::string& address);
 /** Sends the bytes to a sink as one notification, and closes. */
 void sendByHand(const std::string& address, const std::string& data);
 
-/** Sends to the sink by hand when it is waiting, and returns when the callback has been called. */
+/** The same when the sink is waiting. */
+void sendWhenServing(const WatchedSink& sink, const std::string& data);
+
+/** The same, and returns when the callback has been called. */
 void deliver(const WatchedSink& sink, const CallbackPointer& callback, const std::string& content);
 
 /** The records of the class, each with its level in front. */

@@ -236,20 +236,13 @@ TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, ServerIsClosedBeforeConnection
 
 TEST_P(VornLibraryCallbackSink_DeliveryOnStreams, WhoConnectsDuringCallback_IsDroppedWithOldServer) {
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
-        const std::string content = readToEnd(*connection);
-        entered.open();
-        leave.await();
-        return content;
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0) + "first");
-    ASSERT_TRUE(entered.await());
+    HeldCallback held;
+    const CallbackPointer callback = addCallback(*sink, held.action());
+    sendWhenServing(sink, onWire(0) + "first");
+    ASSERT_TRUE(held.awaitEntered());
     const UniqueFd late = connectToSink(sink.address());
     sendAll(late.get(), onWire(0) + "second");
-    leave.open();
+    held.letGoOn();
     ASSERT_TRUE(callback->awaitCalls(1));
     char letter = 0;
     EXPECT_LE(::read(late.get(), &letter, 1), 0) << "the connection is gone";
@@ -259,18 +252,12 @@ TEST_P(VornLibraryCallbackSink_DeliveryOnStreams, WhoConnectsDuringCallback_IsDr
 
 TEST_F(VornLibraryCallbackSink_Delivery, DatagramDuringCallback_IsDroppedWithOldServer) {
     WatchedSink sink(Kind::udp);
-    Gate entered;
-    Gate leave;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
-        entered.open();
-        leave.await();
-        return readToEnd(*connection);
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0) + "first");
-    ASSERT_TRUE(entered.await());
+    HeldCallback held;
+    const CallbackPointer callback = addCallback(*sink, held.action());
+    sendWhenServing(sink, onWire(0) + "first");
+    ASSERT_TRUE(held.awaitEntered());
     sendByHand(sink.address(), onWire(0) + "second");
-    leave.open();
+    held.letGoOn();
     ASSERT_TRUE(callback->awaitCalls(1));
     deliver(sink, callback, "third");
     EXPECT_THAT(callback->contents(), ElementsAre("first", "third"));
@@ -324,25 +311,19 @@ TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, CallbackMayKeepConnection) {
 TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, DescriptorsAreCloseOnExec) {
     const auto before = descriptorTable();
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
-        entered.open();
-        leave.await();
-        return std::string();
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0));
-    ASSERT_TRUE(entered.await());
+    HeldCallback held;
+    const CallbackPointer callback = addCallback(*sink, held.action());
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(held.awaitEntered());
     int own = 0;
     for (const auto& [fd, target] : descriptorTable()) {
         if (before.count(fd) == 0) {
             ++own;
-            EXPECT_EQ(::fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC) << fd << " -> " << target;
+            EXPECT_TRUE(isCloseOnExec(fd)) << fd << " -> " << target;
         }
     }
     EXPECT_GE(own, 1);
-    leave.open();
+    held.letGoOn();
     EXPECT_TRUE(callback->awaitCalls(1));
 }
 
@@ -372,21 +353,15 @@ TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, WorksWithMoreThan1024Descripto
 
 TEST_P(VornLibraryCallbackSink_DeliveryOfAnyKind, CallbackRunsWithContainerLocked) {
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
-        entered.open();
-        leave.await();
-        return std::string();
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0));
-    ASSERT_TRUE(entered.await());
+    HeldCallback held;
+    addCallback(*sink, held.action());
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(held.awaitEntered());
     int id = -1;
     WatchedThread other([&] { id = sink->getCallbackContainer().getNewId(); });
     EXPECT_TRUE(awaitBlockedOnLock(other.tid()));
     EXPECT_FALSE(other.finished());
-    leave.open();
+    held.letGoOn();
     EXPECT_TRUE(other.join());
     EXPECT_EQ(id, 1);
 }

@@ -4,15 +4,14 @@
 #define VORNTEST_PUBLISHERFIXTURE_H
 
 #include "Await.h"
+#include "Failure.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Sandbox.h"
 #include "SubscriptionPeers.h"
 
-#include <VornException.h>
 #include <VornPublisher.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -22,16 +21,6 @@
 #include <vector>
 
 namespace VornTest {
-
-/** Text and code of what an operation throws, or "nothing". */
-inline std::string thrownBy(const std::function<void()>& operation) {
-    try {
-        operation();
-        return "nothing";
-    } catch (const VornSupport::VornException& e) {
-        return e.getText() + " " + std::to_string(e.getCode());
-    }
-}
 
 /** A writer of these bytes. */
 inline VornNet::VornPublisher::Writer writing(const std::string& content) {
@@ -68,34 +57,6 @@ private:
     std::vector<std::string> m_lines;
 };
 
-/** A handler waits here until the test lets it go on. */
-class Barrier {
-public:
-    void wait() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_isReached = true;
-        m_changed.notify_all();
-        m_changed.wait_for(lock, defaultLimit, [this] { return m_isOpen; });
-    }
-
-    bool awaitReached() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, defaultLimit, [this] { return m_isReached; });
-    }
-
-    void open() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_isOpen = true;
-        m_changed.notify_all();
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_isReached = false;
-    bool m_isOpen = false;
-};
-
 class PublisherFixture : public LeakCheckedTest {
 protected:
     void SetUp() override {
@@ -110,6 +71,7 @@ protected:
     }
 
     void TearDown() override {
+        m_barrier.open();
         m_publisher.reset();
         LeakCheckedTest::TearDown();
     }
@@ -137,7 +99,7 @@ protected:
 
     // The handlers' own, which live longer than the publisher.
     Departures m_departures;
-    Barrier m_barrier;
+    Checkpoint m_barrier;
     std::optional<VornNet::VornPublisher> m_publisher;
 };
 

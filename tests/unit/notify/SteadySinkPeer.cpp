@@ -34,20 +34,6 @@ CallbackPointer SteadyClient::add(RecordingCallback::Action action) const {
     return callback;
 }
 
-RecordingCallback::Action HeldCallback::action() {
-    return [this](VornNet::VornSmartPointer<VornNet::VornConnection>& connection) {
-        std::string content = readToEnd(*connection);
-        m_entered.open();
-        m_goesOn.await();
-        return content;
-    };
-}
-
-void letPass(std::chrono::milliseconds time) {
-    const auto end = std::chrono::steady_clock::now() + time;
-    awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
-}
-
 void endSending(int fd) {
     if (::shutdown(fd, SHUT_WR) != 0)
         throw std::system_error(errno, std::generic_category(), "shutdown()");

@@ -54,24 +54,6 @@ private:
     CallbackPointer m_callback;
 };
 
-/** A callback that waits in the middle until it is let go on. */
-class HeldCallback {
-public:
-    /** For a callback's action: reads everything, tells that it is there, and waits. */
-    RecordingCallback::Action action();
-
-    bool awaitEntered() { return m_entered.await(); }
-
-    void letGoOn() { m_goesOn.open(); }
-
-private:
-    Gate m_entered;
-    Gate m_goesOn;
-};
-
-/** Lets pass a time in which something must not happen. */
-void letPass(std::chrono::milliseconds time);
-
 /** Ends the sending side. */
 void endSending(int fd);
 

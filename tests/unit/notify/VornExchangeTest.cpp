@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "Await.h"
+#include "Failure.h"
 #include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
@@ -37,15 +38,6 @@ namespace {
 constexpr std::chrono::milliseconds shortLimit{60};
 constexpr std::chrono::milliseconds longLimit{10000};
 
-std::string thrownBy(const std::function<void()>& operation) {
-    try {
-        operation();
-        return "nothing";
-    } catch (const VornSupport::VornException& e) {
-        return e.getText() + " " + std::to_string(e.getCode());
-    }
-}
-
 std::string readFailure(int code) {
     return "VornConnection::get: failed read " + std::to_string(code);
 }
@@ -55,10 +47,6 @@ std::chrono::milliseconds timeOf(const std::function<void()>& operation) {
     const auto start = std::chrono::steady_clock::now();
     operation();
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-}
-
-bool isCloseOnExec(int fd) {
-    return (::fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
 }
 
 std::chrono::milliseconds callLimit(int fd, int option) {

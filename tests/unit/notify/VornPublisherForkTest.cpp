@@ -131,7 +131,7 @@ TEST_P(VornPublisher_Fork, WhenAHandlerExits_ThePublisherEndsInOrderWithItsProce
 }
 
 KIT_ROLE(publisherWhoseHandlerExitsWhileItStops) {
-    static Barrier asked;
+    static Checkpoint asked;
     openPublisher(args.at(0), [](const VornPublisher::Subscriber&) -> VornString {
         asked.open();
         awaitCondition([] {
@@ -140,7 +140,7 @@ KIT_ROLE(publisherWhoseHandlerExitsWhileItStops) {
         });
         std::exit(exitStatus);
     });
-    asked.wait();
+    asked.pass();
     g_publisher->stop(std::chrono::milliseconds(0));
     return 0;
 }

@@ -435,7 +435,7 @@ protected:
         open(with([this](Options& o) {
             o.onLeave = m_departures.handler();
             o.onSubscribe = [this](const auto&) {
-                m_barrier.wait();
+                m_barrier.pass();
                 return VornString();
             };
         }));
@@ -786,7 +786,7 @@ TEST_P(VornPublisher_Wire, WhileTheHandlerDecidesAboutAllThatMayAsk_NobodyElseIs
     open(with([&](Options& o) {
         o.nRequestLimit = 1;
         o.onSubscribe = [&](const auto&) {
-            m_barrier.wait();
+            m_barrier.pass();
             return VornString();
         };
     }));
@@ -1084,7 +1084,7 @@ TEST_P(VornPublisher_Wire, ASlowHandler_DelaysNewSubscriptionsAndNothingElse) {
         o.requestLimit = 400ms; // does not count while the handler decides
         o.onSubscribe = [&](const VornPublisher::Subscriber& asking) {
             if (asking.sWords == "slow")
-                m_barrier.wait();
+                m_barrier.pass();
             return VornString();
         };
     }));
@@ -1104,7 +1104,7 @@ TEST_P(VornPublisher_Wire, WhoeverLeavesWhileTheHandlerDecides_IsASubscriberThat
     open(with([&](Options& o) {
         o.onLeave = m_departures.handler();
         o.onSubscribe = [&](const auto&) {
-            m_barrier.wait();
+            m_barrier.pass();
             return VornString();
         };
     }));
@@ -1193,7 +1193,7 @@ TEST_P(VornPublisher_Wire, Stop_WithoutALimit_WaitsForTheSlowest) {
 }
 
 TEST_P(VornPublisher_Wire, Stop_FromASecondThread_WaitsUntilTheFirstIsThrough) {
-    open(with([&](Options& o) { o.onLeave = [&](const auto&, auto, int) { m_barrier.wait(); }; }));
+    open(with([&](Options& o) { o.onLeave = [&](const auto&, auto, int) { m_barrier.pass(); }; }));
     const RawSubscriber subscriber(address(), "builds");
     WatchedThread first([&] { publisher().stop(0ms); });
     ASSERT_TRUE(m_barrier.awaitReached());
@@ -1206,7 +1206,7 @@ TEST_P(VornPublisher_Wire, Stop_FromASecondThread_WaitsUntilTheFirstIsThrough) {
 }
 
 TEST_P(VornPublisher_Wire, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
-    open(with([&](Options& o) { o.onLeave = [&](const auto&, auto, int) { m_barrier.wait(); }; }));
+    open(with([&](Options& o) { o.onLeave = [&](const auto&, auto, int) { m_barrier.pass(); }; }));
     RawSubscriber(address(), "builds");
     ASSERT_TRUE(m_barrier.awaitReached());
     WatchedThread stopping([&] { publisher().stop(0ms); });

@@ -187,7 +187,7 @@ protected:
     UniqueFd m_listener;
     UniqueFd m_service;
     int m_port = 0;
-    Barrier m_barrier;
+    Checkpoint m_barrier;
     std::optional<VornSubscriber> m_subscriber;
     std::optional<WatchedThread> m_driver;
     std::atomic<bool> m_isEnding{false};
@@ -865,7 +865,7 @@ TEST_P(VornSubscriber_Wire, DestroyedByAHandler_TheRestIsLeft) {
 
 TEST_P(VornSubscriber_Wire, StopFromAnotherThread_WaitsForTheHandler) {
     listen();
-    m_inHandler = [this](const std::string&) { m_barrier.wait(); };
+    m_inHandler = [this](const std::string&) { m_barrier.pass(); };
     subscribe(quick());
     admit();
     say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
@@ -927,7 +927,7 @@ TEST_F(VornSubscriber_PositionFile, IsWrittenAfterEachCall_AndReadBack) {
     listen();
     m_inHandler = [this](const std::string& text) {
         if (text == "b")
-            m_barrier.wait();
+            m_barrier.pass();
     };
     subscribe(withFile());
     admit({history, 4, 3, 5000}, after(3));
@@ -1046,7 +1046,7 @@ TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
 
 TEST_F(VornSubscriber_Thread, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
     listen();
-    m_inHandler = [this](const std::string&) { m_barrier.wait(); };
+    m_inHandler = [this](const std::string&) { m_barrier.pass(); };
     subscribe(quick());
     admit();
     say(WireFrame::event(1, "a"));
