@@ -133,19 +133,6 @@ TYPED_TEST_SUITE(StreamClient, Transports, TransportNames);
 
 } // namespace
 
-TYPED_TEST(StreamClient, CannotBeCopied) {
-    EXPECT_FALSE(std::is_copy_constructible_v<typename TestFixture::Connection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<typename TestFixture::Connection>);
-}
-
-TYPED_TEST(StreamClient, TypedOperationsCanBeCalledOnTheClassItself) {
-    typename TestFixture::Connection client(this->place());
-    client.transfer(7);
-    client.transfer("abc");
-    const UniqueFd peer = this->accept();
-    EXPECT_EQ(hex(receiveExactly(peer.get(), 11)), "00 00 00 07 00 00 00 03 61 62 63");
-}
-
 TYPED_TEST(StreamClient, WhenEstablished_HoldsASocketAndIsInitialized) {
     typename TestFixture::Client client(this->place());
     VornString message = "as it was";

@@ -206,13 +206,6 @@ TEST_P(StreamConnectionTest, WhenItIsToWait_ReceiveReturnsOnlyTheWhole) {
     EXPECT_EQ(data[0], 'g');
 }
 
-TEST_P(StreamConnectionTest, WhenItIsNotToWait_ReceiveReturnsAfterOneRead) {
-    sendAll(peer(), "abc");
-    std::string data(8, '#');
-    EXPECT_EQ(rawRead(*connection, data, 6, false), raw(3, 0));
-    EXPECT_EQ(data, "abc#####");
-}
-
 TEST_P(StreamConnectionTest, ReceiveReadsInPiecesWithoutFlags) {
     sendAll(peer(), "abcde");
     const TransferLimit limit(2, fd);
@@ -370,15 +363,6 @@ TEST_P(StreamConnectionTest, PeekBlocksUntilSomethingIsWaitingAndLeavesIt) {
     EXPECT_EQ(data, "abc");
 }
 
-TEST_P(StreamConnectionTest, PeekReadsOnceWithThePeekFlag) {
-    sendAll(peer(), "abc");
-    const CallTrace trace;
-    peek(*connection, 8);
-    ASSERT_THAT(trace.names(), ElementsAre("recv"));
-    EXPECT_EQ(trace.records("recv").at(0).second, 8);
-    EXPECT_EQ(trace.records("recv").at(0).third, MSG_PEEK);
-}
-
 TEST_P(StreamConnectionTest, WhenThePeerHasClosed_PeekReturnsFalseWithoutAnError) {
     closePeer();
     EXPECT_EQ(peek(*connection, 8), peeked(false, 0, 0));
@@ -432,12 +416,6 @@ TEST_P(StreamConnectionTest, WhenThePeerHasClosed_GetLineStillWaits) {
 }
 
 // Sharing.
-
-TEST_P(StreamConnectionTest, WhenTheLastReferenceGoes_TheSocketIsClosed) {
-    connection = nullptr;
-    EXPECT_FALSE(isOpen(fd));
-    EXPECT_EQ(receiveToEnd(peer()), "");
-}
 
 INSTANTIATE_TEST_SUITE_P(Connection, StreamConnectionTest, testing::ValuesIn(transports),
                          [](const auto& transport) { return std::string(transport.param.name); });

@@ -360,20 +360,6 @@ TEST_F(VornConnectionTest, WhenRawModeIsLeft_InitializesAgain) {
     EXPECT_THAT(connection.calls, ElementsAre("initialize"));
 }
 
-TEST_F(VornConnectionTest, RawModeChangesNoEncodedByte) {
-    std::string bytesByMode[2];
-    for (const bool rawMode : {false, true}) {
-        ScriptedConnection one;
-        one.setRaw(rawMode);
-        one.transfer(1L);
-        one.transfer(VornString("abc"));
-        one.transferACK();
-        bytesByMode[rawMode ? 1 : 0] = hex(one.written);
-    }
-    EXPECT_EQ(bytesByMode[0], bytesByMode[1]);
-    EXPECT_EQ(bytesByMode[0], "00 00 00 01 00 00 00 00 00 00 00 03 61 62 63 00 01 00 00");
-}
-
 TEST_F(VornConnectionTest, CleanupOnlyMarksItUnconnected) {
     PlainConnection plain;
     plain.m_bConnected = true;
@@ -513,16 +499,6 @@ TEST_F(VornConnectionTest, EmptyStringIsItsLengthAlone) {
     connection.transfer(VornString());
     EXPECT_THAT(connection.calls,
                 ElementsAre("establish", "transfer(int 0)", "establish", "put 4", "send 00 00 00 00"));
-}
-
-TEST_F(VornConnectionTest, StringWithAZeroByteIsWrittenWhole) {
-    connection.transfer(VornString("a\0b", 3));
-    EXPECT_EQ(hex(connection.written), "00 00 00 03 61 00 62");
-}
-
-TEST_F(VornConnectionTest, LiteralIsWrittenAsTextAndNotAsBool) {
-    connection.transfer("abc");
-    EXPECT_EQ(hex(connection.written), "00 00 00 03 61 62 63");
 }
 
 TEST_F(VornConnectionTest, NullTextIsWrittenAsEmpty) {

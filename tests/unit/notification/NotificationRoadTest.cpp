@@ -91,13 +91,6 @@ KIT_ROLE(roadService) {
     return liveAsService(std::stol(args.at(0)));
 }
 
-TEST_P(NotificationRoad, FromPlainSenderToSink) {
-    Client client(GetParam());
-    client.awaitServing();
-    sendByHand(client.address(), bytes("00 00 00 00 00 00 00 00") + "what the client makes of it");
-    EXPECT_EQ(client.process().readLine(), "0 " + hex("what the client makes of it"));
-}
-
 TEST_P(NotificationRoad, FromProxyToPlainReceiver) {
     UniqueFd fd;
     int port = 0;

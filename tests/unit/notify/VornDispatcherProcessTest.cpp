@@ -68,7 +68,8 @@ TEST_F(VornDispatcher_Process, ItsThreadsHaveItsNameAndAllSignalsBlocked) {
             << taskFile(tid, "status");
     }
     dispatcher.stop(0ms);
-    EXPECT_TRUE(newThreads(before).empty());
+    // A joined thread may be listed a moment longer.
+    EXPECT_TRUE(awaitCondition([&] { return newThreads(before).empty(); }));
 }
 
 TEST_F(VornDispatcher_Process, AfterStopNoDescriptorIsLeftAndEachWasCloseOnExec) {
@@ -299,20 +300,4 @@ TEST_F(VornDispatcher_Process, AThreadCancelledWhileItWaitsLeavesEverythingInOrd
     takeOne(listener.get());
     EXPECT_TRUE(dispatcher.flush(10s));
     EXPECT_EQ(dispatcher.statistics().nPosted, 1U);
-}
-
-TEST_F(VornDispatcher_Process, WithoutDescriptorsATryFailsAndIsTriedAgain) {
-    ::unlink(pipePath("peer").c_str());
-    const UniqueFd listener = unixListen(pipePath("peer"));
-    VornDispatcher dispatcher(optionsWithResults());
-    {
-        const FaultRule none("socket", EMFILE, 1, FaultRule::always);
-        post(dispatcher, "pipe:peer");
-        EXPECT_TRUE(awaitCondition([&] { return dispatcher.statistics().nTries > 2; }));
-    }
-    EXPECT_EQ(takeOne(listener.get()), cHandle);
-    const Result result = m_results.awaitOne();
-    EXPECT_EQ(result.outcome, Outcome::delivered);
-    EXPECT_EQ(result.nCode, EMFILE);
-    EXPECT_EQ(result.nDoubtfulTries, 0U);
 }

@@ -408,13 +408,3 @@ TYPED_TEST(PortServer, Close_ClosesTheSocketOnlyWhenNobodyUsesIt) {
     }
     EXPECT_THAT(uses, ElementsAre(TypeParam::waitsIn, "close"));
 }
-
-TYPED_TEST(PortServer, Destructor_ClosesTheSocket) {
-    int socket = -1;
-    {
-        typename TestFixture::Server server;
-        server.init();
-        socket = socketOf(server);
-    }
-    EXPECT_FALSE(isOpen(socket));
-}

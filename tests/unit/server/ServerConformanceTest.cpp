@@ -290,10 +290,6 @@ ServerConformance::CycleResult ServerConformance::runCycles(int cycles, int clos
 
 } // namespace
 
-TEST_P(ServerConformance, WhenNew_ServesAClient) {
-    serveClient('x');
-}
-
 TEST_P(ServerConformance, ServesOneClientAfterAnother) {
     for (const char value : {'a', 'b', 'c'})
         serveClient(value);
@@ -318,13 +314,6 @@ TEST_P(ServerConformance, WhenClosedAfterEachOf200Clients_ServesThemAll) {
         serveClient(static_cast<char>(i % 100));
         server().close();
     }
-}
-
-TEST_P(ServerConformance, WhenClosedWhileAThreadWaits_EndsTheWaitQuietly) {
-    ClientWait wait(server());
-    awaitReady(wait);
-    server().close();
-    expectQuiet(wait.outcome());
 }
 
 TEST_P(ServerConformance, WhenClosedWhileAThreadWaits_ServesAfterwards) {

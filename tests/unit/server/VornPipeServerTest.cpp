@@ -239,12 +239,6 @@ TEST_F(VornPipeServerTest, Init_WhenListening_DoesNothing) {
     EXPECT_THAT(callsOf(trace), IsEmpty());
 }
 
-TEST_F(VornPipeServerTest, Init_MakesDescriptorsThatAreCloseOnExec) {
-    const Probe server("kite");
-    for (const int fd : server.descriptors())
-        EXPECT_TRUE(isCloseOnExec(fd)) << fd;
-}
-
 TEST_F(VornPipeServerTest, Init_WithALeadingSeparator_BindsTheDoubledPath) {
     const Probe server("/kite");
     unixConnect(std::string(directory) + "/kite");
@@ -564,17 +558,6 @@ TEST_F(VornPipeServerTest, Wait_WhenSelectReturnsNothing_ReportsAReadErrorToo) {
     EXPECT_FALSE(server.record()->m_bClientWaiting);
 }
 
-TEST_F(VornPipeServerTest, Wait_WhenASignalInterruptsIt_ReportsAReadErrorAndTheServerGoesOnListening) {
-    const InterruptingSignal signal;
-    Probe server("kite");
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    InterruptingSignal::sendTo(wait.thread().tid());
-    EXPECT_EQ(wait.outcome().failure, (Failure{"VornPipeServer::waitForClient: pipe read error. ", 0}));
-    const UniqueFd peer = unixConnect(pipePath("kite"));
-    EXPECT_NE(waitFor(server).client(), nullptr);
-}
-
 TEST_F(VornPipeServerTest, Wait_WhenTheInterruptingHandlerIsToRestartCalls_ReportsAReadErrorAllTheSame) {
     const InterruptingSignal signal(SA_RESTART);
     Probe server("kite");
@@ -875,23 +858,6 @@ TEST_F(VornPipeServerTest, Destructor_AbandonsAThreadThatHasNotLeftAfter40Pauses
     EXPECT_TRUE(isOpen(abandoned->m_hRWPipe[0]));
     EXPECT_TRUE(isOpen(abandoned->m_hRWPipe[1]));
     expectDescriptorLeak(3);
-}
-
-TEST_F(VornPipeServerTest, WithManyDescriptorsOpen_ServesAndWakesWithoutSelect) {
-    const ManyDescriptors many;
-    Probe server("kite");
-    EXPECT_GT(server.record()->m_hClientPipe, 1024);
-    const CallTrace trace;
-    {
-        const UniqueFd peer = unixConnect(pipePath("kite"));
-        sendAll(peer.get(), bytes("00 07"));
-        EXPECT_EQ(waitFor(server).spClient->receiveShort(), 7);
-    }
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    server.close();
-    expectQuiet(wait.outcome());
-    EXPECT_EQ(trace.calls("select"), 0);
 }
 
 TEST_F(VornPipeServerTest, WithManyDescriptorsOpen_AFailedWaitIsAReadErrorToo) {

@@ -100,12 +100,6 @@ TEST_F(VornSSLServerSocketTest, Wait_EndsAtOnceWithoutClientOrTextAndTouchesNoDe
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-TEST_F(VornSSLServerSocketTest, Wait_IsQuietForTheCallerEveryTime) {
-    Probe server;
-    for (int i = 0; i < 3; ++i)
-        expectQuiet(waitFor(server, true));
-}
-
 TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassListens_LetsTheClientGoAtOnce) {
     Listening server;
     server.init();
@@ -160,21 +154,5 @@ TEST_F(VornSSLServerSocketTest, Close_WhenADerivedClassListens_ClearsTheStateAnd
     server.close();
     EXPECT_EQ(server.m_pSSLImpl, nullptr);
     EXPECT_EQ(server.m_pSocketImpl, nullptr);
-    EXPECT_FALSE(isOpen(listener));
-}
-
-TEST_F(VornSSLServerSocketTest, SetPort_ChangesThePort) {
-    Probe server;
-    server.setPort(6000);
-    EXPECT_EQ(server.getPort(), 6000);
-}
-
-TEST_F(VornSSLServerSocketTest, Destructor_ClosesTheSocketOfADerivedClass) {
-    int listener = -1;
-    {
-        Listening server;
-        server.init();
-        listener = socketOf(server);
-    }
     EXPECT_FALSE(isOpen(listener));
 }

@@ -103,11 +103,6 @@ TEST_F(VornServerSocketTest, Init_HandsTheBacklogToListenAsItIs) {
     EXPECT_EQ(trace.records("listen").at(0).second, -3);
 }
 
-TEST_F(VornServerSocketTest, Init_MakesACloseOnExecListener) {
-    server.init();
-    EXPECT_TRUE(isCloseOnExec(socketOf(server)));
-}
-
 TEST_F(VornServerSocketTest, Init_WithAStar_ListensOnAllInterfaces) {
     server.init();
     EXPECT_EQ(localAddress(socketOf(server)), "0.0.0.0");
@@ -289,17 +284,6 @@ TEST_F(VornServerSocketTest, Wait_AfterAnyOtherAcceptError_LogsAtLevel1AndAccept
                             Record{5, readyText(port)}));
 }
 
-TEST_F(VornServerSocketTest, Wait_WhenASignalInterruptsIt_EndsQuietlyAndTheServerGoesOnListening) {
-    const InterruptingSignal signal;
-    ClientWait wait(server);
-    ASSERT_TRUE(wait.awaitBlocked());
-    InterruptingSignal::sendTo(wait.thread().tid());
-    expectQuiet(wait.outcome());
-    EXPECT_NE(socketOf(server), -1);
-    const TcpClient peer(port);
-    EXPECT_NE(waitFor(server).client(), nullptr);
-}
-
 TEST_F(VornServerSocketTest, Wait_WhenSomebodyElseShutsTheListenerDown_EndsQuietly) {
     const LogCapture log(4);
     ClientWait wait(server);
@@ -342,13 +326,6 @@ TEST_F(VornServerSocketTest, WaitForInit_WhenListening_ReturnsAtOnce) {
     EXPECT_THAT(callsOf(trace), IsEmpty());
 }
 
-TEST_F(VornServerSocketTest, SetPort_BeforeListening_ChangesThePort) {
-    server.setPort(port + 1);
-    EXPECT_EQ(server.getPort(), port + 1);
-    server.init();
-    EXPECT_EQ(localPort(socketOf(server)), port + 1);
-}
-
 TEST_F(VornServerSocketTest, SetPort_WhileListening_IsIgnored) {
     server.init();
     server.setPort(port + 1);
@@ -365,14 +342,6 @@ TEST_F(VornServerSocketTest, Close_LogsThePortAtLevel9AndNotAtLevel8) {
                                            Record{9, "VornServerSocket::close: closing socket 40000"});
         EXPECT_EQ(log.records(), expected);
     }
-}
-
-TEST_F(VornServerSocketTest, Close_Again_DoesNothing) {
-    server.init();
-    server.close();
-    const CallTrace trace;
-    server.close();
-    EXPECT_THAT(callsOf(trace), IsEmpty());
 }
 
 TEST_F(VornServerSocketTest, WhenTheServersSideClosesAClientFirst_ThePortIsRefusedAfterwards) {
