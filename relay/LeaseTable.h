@@ -35,7 +35,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/** @return when a process has started, in the kernel's ticks; 0 when there is none. */
+/** @return when a process has started, in the kernel's ticks; 0 when there is none. @throws std::system_error
+ * when that cannot be known, since there is no descriptor */
 std::uint64_t startOfProcess(pid_t process);
 
 /**

@@ -8,9 +8,11 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <system_error>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace VornRelay;
@@ -128,4 +130,10 @@ TEST_F(LeaseTableTest, StartOfProcess_IsThatOfALivingOne) {
     EXPECT_NE(startOfProcess(::getpid()), 0U);
     EXPECT_EQ(startOfProcess(::getpid()), startOfProcess(::getpid()));
     EXPECT_EQ(startOfProcess(0x7ffffff0), 0U);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_THROW(startOfProcess(::getpid()), std::system_error) << "it has not ended, as far as one knows";
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
 }
