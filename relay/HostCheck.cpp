@@ -261,6 +261,9 @@ void checkGranted(const RelaySettings& settings, NatsAdministration& engine, Fin
         if (!engine.mayPublishTo(sSubject))
             findings.bad("this host may not publish to " + sSubject, cGrant);
     }
+    const std::string sReceipt = "$JS.ACK.hub.account.VORN_TO_" + sHost + ".relay.1.1.1.1.0";
+    if (settings.bReceive && !engine.mayPublishTo(sReceipt))
+        findings.warn("this host may not acknowledge where servers name domain and account", cGrant);
     std::vector<std::string> heard{inboxOf(settings.access) + ".>", "vorn.gone.*"};
     for (const auto& [sTopic, sFollowed] : settings.followed)
         heard.push_back(subjectOfNews(sFollowed, sTopic));
@@ -276,6 +279,7 @@ void checkForbidden(const RelaySettings& settings, NatsAdministration& engine, F
     std::vector<std::string> forbidden{"vorn.dead.doctor",
                                        "vorn.gone.doctor",
                                        "$JS.ACK.VORN_TO_doctor.relay.1.1.1.1.0",
+                                       "$JS.ACK.hub.account.VORN_TO_doctor.relay.1.1.1.1.0",
                                        "$JS.API.STREAM.CREATE.VORN_doctor",
                                        "$JS.API.STREAM.DELETE.VORN_TO_doctor",
                                        "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_doctor.relay",

@@ -269,6 +269,9 @@ std::string permissionsOf(const std::string& sHost, const std::vector<std::strin
         publish.push_back("$JS.API.CONSUMER." + sCall + "." + sStream + ".*");
     publish.push_back("$JS.API.STREAM.INFO." + sStream);
     publish.push_back("$JS.ACK." + sStream + ".>");
+    // Newer servers put a domain and an account in between. So many tokens no other acknowledgement has: in
+    // the shorter form another host's stream could be named.
+    publish.push_back("$JS.ACK.*.*." + sStream + ".*.*.*.*.*.>");
     publish.push_back("vorn.dead." + sToken);
     publish.push_back("vorn.gone." + sToken);
     if (topics.bOwn) {
