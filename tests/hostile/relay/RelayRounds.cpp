@@ -21,8 +21,8 @@ namespace {
 using Counts = std::map<int, int>;
 
 /**
- * One round: a service sends numbers and repeats what was not confirmed, while the engine and the relays are
- * killed and the network is cut at random. What may come twice follows from what was done:
+ * One round: a service sends numbers and repeats what was not confirmed, while the engine's servers and the
+ * relays are killed and the networks are cut at random. What may come twice follows from what was done:
  * - a number that the service has posted again, as often as that;
  * - for each kill of the receiving relay one number, which was being delivered at that moment: the last one
  *   in the sink's log then, or the next.
@@ -30,10 +30,12 @@ using Counts = std::map<int, int>;
  */
 class Round {
 public:
-    explicit Round(unsigned int nSeed) : m_random(nSeed) {
-        m_stage.separateNetworks();
-        start("b");
-        start("a");
+    Round(unsigned int nSeed, int nServers)
+        : m_nServers(nServers), m_random(nSeed), m_stage({.nServers = nServers}) {
+        for (const char* szHost : {"a", "b"}) {
+            m_stage.separateNetwork(szHost);
+            start(szHost);
+        }
     }
 
     void run(int nCount) {
@@ -46,7 +48,8 @@ public:
         }
         EXPECT_TRUE(
             RelayStage::awaitNumbers("log", static_cast<std::size_t>(nCount), std::chrono::seconds(120)))
-            << m_sDone << m_stage.run("a", {"status"}).first << m_stage.run("b", {"status"}).first;
+            << m_sDone << m_stage.run("a", {"status"}).first << m_stage.run("b", {"status"}).first
+            << m_stage.state();
         service.readLine(std::chrono::seconds(60));
         std::istringstream repeated(service.readLine());
         for (int n = 0; repeated >> n;)
@@ -60,15 +63,13 @@ private:
     bool isLikely(int nOneIn) { return between(1, nOneIn) == 1; }
 
     void start(const std::string& sHost) {
-        m_stage.startRelay(sHost, sHost == "a" ? "servers = tls://engine:4222\npublish-timeout = 1\n" : "");
+        m_stage.startRelay(sHost, sHost == "a" ? "publish-timeout = 1\n" : "");
     }
 
     void disturb() {
         switch (between(0, 3)) {
         case 0:
-            m_sDone += "engine killed\n";
-            m_stage.killEngine();
-            m_stage.startEngine();
+            disturbEngine();
             break;
         case 1:
             m_sDone += "sending relay killed\n";
@@ -82,8 +83,29 @@ private:
             start("b");
             break;
         default:
-            m_sDone += "network cut\n";
-            m_stage.cutNetwork(milliseconds(between(50, 4000)));
+            const std::string sHost = isLikely(2) ? "a" : "b";
+            m_sDone += "network of " + sHost + " cut\n";
+            m_stage.cutNetwork(sHost, milliseconds(between(50, 4000)));
+        }
+    }
+
+    void disturbEngine() {
+        const int nServer = between(0, m_nServers - 1);
+        if (m_nServers > 1 && isLikely(4)) {
+            m_sDone += "server " + std::to_string(nServer) + " replaced\n";
+            m_stage.retireEngine(nServer);
+            m_stage.startEngine(nServer);
+            return;
+        }
+        const bool bAll = isLikely(4);
+        m_sDone += bAll ? "engine killed\n" : "server " + std::to_string(nServer) + " killed\n";
+        for (int n = 0; n < m_nServers; ++n) {
+            if (bAll || n == nServer)
+                m_stage.killEngine(n);
+        }
+        for (int n = 0; n < m_nServers; ++n) {
+            if (bAll || n == nServer)
+                m_stage.startEngine(n);
         }
     }
 
@@ -103,16 +125,19 @@ private:
             const bool bIsNew = ++seen[n] == 1;
             EXPECT_FALSE(bIsNew && n < nHighest) << n << " came after " << nHighest << "\n" << m_sDone;
         }
-        for (int n = 1; n <= nCount; ++n)
+        int nLost = 0;
+        for (int n = 1; n <= nCount; ++n) {
             EXPECT_GE(seen[n], 1) << n << " is missing\n" << m_sDone;
+            nLost += seen[n] == 0 ? 1 : 0;
+        }
         int nRepeated = 0;
         for (const auto& [n, nTimes] : seen) {
-            nRepeated += nTimes - 1;
+            nRepeated += std::max(nTimes - 1, 0);
             EXPECT_LE(nTimes - 1, m_mayComeAgain[n] + killsAt(n)) << n << " came too often\n" << m_sDone;
         }
-        std::cout << nCount << " numbers, " << nRepeated
-                  << " repeated, 0 lost: " << std::count(m_sDone.begin(), m_sDone.end(), '\n')
-                  << " disturbances" << std::endl;
+        std::cout << "nats-server " << RelayStage::engineVersion() << ", servers: " << m_nServers << ": "
+                  << nCount << " numbers, " << nRepeated << " repeated, " << nLost << " lost, "
+                  << std::count(m_sDone.begin(), m_sDone.end(), '\n') << " disturbances" << std::endl;
     }
 
     int killsAt(int n) const {
@@ -120,6 +145,7 @@ private:
                                               [n](int nLast) { return n == nLast || n == nLast + 1; }));
     }
 
+    const int m_nServers;
     std::mt19937 m_random;
     RelayStage m_stage;
     std::string m_sDone;
@@ -129,8 +155,12 @@ private:
 
 } // namespace
 
-TEST(RelayRounds, WhateverIsKilledOrCut_OnlyWhatFollowsFromItComesTwiceAndNothingIsLost) {
+class RelayRounds : public testing::TestWithParam<int> {};
+
+TEST_P(RelayRounds, WhateverIsKilledOrCut_OnlyWhatFollowsFromItComesTwiceAndNothingIsLost) {
     const auto nSeed = static_cast<unsigned int>(testing::UnitTest::GetInstance()->random_seed());
     std::cout << "seed " << nSeed << std::endl;
-    Round(nSeed).run(1500);
+    Round(nSeed, GetParam()).run(1500);
 }
+
+INSTANTIATE_TEST_SUITE_P(Servers, RelayRounds, testing::Values(1, 3), testing::PrintToStringParamName());

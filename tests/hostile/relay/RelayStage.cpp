@@ -18,6 +18,7 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -26,10 +27,14 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -41,9 +46,38 @@ namespace VornTest {
 
 namespace {
 
-const char cServer[] = "tls://localhost:4222";
+constexpr int cPort = 4222;        // of the first server for clients, and the others follow
+constexpr int cRoutePort = 6222;   // for the other servers
+constexpr int cMonitorPort = 8222; // for those who watch it
 
-/** Host `a` has a network of its own when there is a file that says which process is in it. */
+std::string serverFile(const std::string& sKind, int nServer) {
+    return RelayStage::pathOf("engine" + std::to_string(nServer) + sKind);
+}
+
+bool answers(int nServer) {
+    try {
+        tcpConnect("127.0.0.1", cPort + nServer);
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+/** @return whether a server says that it has all that it should have. */
+bool isHealthy(int nServer) {
+    try {
+        const UniqueFd monitor = tcpConnect("127.0.0.1", cMonitorPort + nServer);
+        sendAll(monitor.get(), "GET /healthz HTTP/1.0\r\n\r\n");
+        if (receiveToEnd(monitor.get()).find("200 OK") != std::string::npos)
+            return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // each answer is a line in its log
+    return false;
+}
+
+/** A host has a network of its own when there is a file that says which process is in it. */
 void enterNetwork(const std::string& sHost) {
     std::ifstream file(RelayStage::pathOf("network-" + sHost));
     std::string sProcess;
@@ -52,6 +86,17 @@ void enterNetwork(const std::string& sHost) {
     const UniqueFd network(::open(("/proc/" + sProcess + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC));
     if (::setns(network.get(), CLONE_NEWNET) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot enter the network of " + sHost);
+}
+
+/** One end of a cable: what is written is received there, and what is sent there can be read. */
+UniqueFd openTap(const std::string& sName) {
+    UniqueFd tap(::open("/dev/net/tun", O_RDWR | O_CLOEXEC));
+    ifreq request{};
+    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    sName.copy(request.ifr_name, IFNAMSIZ - 1);
+    if (::ioctl(tap.get(), TUNSETIFF, &request) == -1)
+        throw std::system_error(errno, std::generic_category(), "a network interface " + sName);
+    return tap;
 }
 
 void useHosts(const std::string& sFile) {
@@ -115,9 +160,11 @@ std::vector<int> sendConfirmed(VornProxyDependent& proxy, int nCount) {
     return again;
 }
 
-void sendPlain(VornProxyDependent& proxy, int nCount) {
-    for (int n = 1; n <= nCount; ++n)
+void sendPlain(VornProxyDependent& proxy, int nCount, std::chrono::milliseconds pause) {
+    for (int n = 1; n <= nCount; ++n) {
         proxy.remoteNotify(VornNotification(n));
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 void runOrThrow(const std::vector<std::string>& arguments) {
@@ -190,6 +237,40 @@ KIT_ROLE(relay_network) {
     return static_cast<int>(args.size());
 }
 
+/**
+ * A cable to a host's network, on which each frame takes its time. It has to be a process, since not every
+ * kernel is built with what delays frames.
+ */
+KIT_ROLE(relay_cable) {
+    struct Frame {
+        std::chrono::steady_clock::time_point due;
+        int nTo;
+        std::string sBytes;
+    };
+
+    const std::chrono::milliseconds delay(std::stoi(args.at(1)));
+    const UniqueFd ends[] = {openTap("to-" + args.at(0)), (enterNetwork(args.at(0)), openTap("engine"))};
+    std::cout << "connects" << std::endl;
+    std::deque<Frame> frames; // in the order in which they are due
+    for (;;) {
+        for (; !frames.empty() && frames.front().due <= std::chrono::steady_clock::now(); frames.pop_front())
+            (void)!::write(frames.front().nTo, frames.front().sBytes.data(), frames.front().sBytes.size());
+        pollfd readable[] = {
+            {ends[0].get(), POLLIN, 0}, {ends[1].get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+        ::poll(readable, std::size(readable), frames.empty() ? -1 : 1);
+        if (readable[2].revents != 0)
+            return 0;
+        for (const int nFrom : {0, 1}) {
+            char bytes[65536];
+            const ssize_t count =
+                (readable[nFrom].revents & POLLIN) == 0 ? 0 : ::read(ends[nFrom].get(), bytes, sizeof bytes);
+            if (count > 0)
+                frames.push_back({std::chrono::steady_clock::now() + delay, ends[1 - nFrom].get(),
+                                  std::string(bytes, static_cast<std::size_t>(count))});
+        }
+    }
+}
+
 KIT_ROLE(relay_service) {
     RelayStage::enterHost(args.at(0));
     const VornSmartPointer<VornProxyDependent> spProxy =
@@ -199,7 +280,7 @@ KIT_ROLE(relay_service) {
     if (args.at(1) == "confirmed")
         again = sendConfirmed(*spProxy, nCount);
     else
-        sendPlain(*spProxy, nCount);
+        sendPlain(*spProxy, nCount, std::chrono::milliseconds(args.at(1) == "paced" ? 5 : 0));
     std::cout << again.size() << std::endl;
     for (const int n : again)
         std::cout << n << ' ';
@@ -212,71 +293,123 @@ void PrintTo(const History& history, std::ostream* out) {
          << history.nOutOfOrder << " out of order";
 }
 
-RelayStage::RelayStage(bool bFixedConsumer) {
+RelayStage::RelayStage(EngineSetup setup) : m_setup(std::move(setup)) {
     needSandbox("a network and pipe directories of its own");
     std::filesystem::remove_all(pathOf(""));
-    for (const char* szDirectory : {"pipes-a", "pipes-b", "state-a", "state-b", "engine"})
+    for (const char* szDirectory : {"pipes-a", "pipes-b", "state-a", "state-b"})
         std::filesystem::create_directories(pathOf(szDirectory));
     createCertificates();
-    configureEngine(bFixedConsumer);
-    startEngine();
+    for (int nServer = 0; nServer < m_setup.nServers; ++nServer) {
+        configureEngine(nServer);
+        startEngine(nServer);
+    }
+    awaitEngines();
     VornRelay::NatsAdministration engine = administration();
     VornRelay::NatsAdministration::Limits limits;
+    limits.nReplicas = m_setup.nServers;
     limits.bTopics = true;
     engine.addHost("a", limits);
     limits.bTopics = false;
-    limits.bFixedConsumer = bFixedConsumer;
+    limits.bFixedConsumer = m_setup.bFixedConsumer;
     limits.nAckWait = 1;
     engine.addHost("b", limits);
 }
 
-void RelayStage::separateNetworks() {
-    m_network = ChildProcess::spawnRole("relay_network");
-    const std::string sProcess = m_network->readLine();
-    runOrThrow({"ip", "link", "add", "to-a", "type", "veth", "peer", "name", "to-b", "netns", sProcess});
-    runOrThrow({"ip", "address", "add", "10.77.0.1/24", "dev", "to-a"});
-    runOrThrow({"ip", "link", "set", "to-a", "up"});
-    std::ofstream(pathOf("network-a")) << sProcess << std::endl;
-    for (const char* szWords : {"link set lo up", "address add 10.77.0.2/24 dev to-b", "link set to-b up"}) {
+std::string RelayStage::engineVersion() {
+    const std::string sLine = runEngine({"--version"}).readLine(); // nats-server: v2.9.10
+    return sLine.substr(sLine.rfind('v') + 1);
+}
+
+void RelayStage::separateNetwork(const std::string& sHost, std::chrono::milliseconds delay) {
+    ChildProcess& network =
+        m_networks.insert_or_assign(sHost, ChildProcess::spawnRole("relay_network")).first->second;
+    const std::string sProcess = network.readLine();
+    const std::string sNetwork = sHost == "a" ? "10.77.1." : "10.77.2.";
+    const std::string sCable = "to-" + sHost;
+    std::ofstream(pathOf("network-" + sHost)) << sProcess << std::endl;
+    connectNetwork(sHost, sProcess, delay);
+    runOrThrow({"ip", "address", "add", sNetwork + "1/24", "dev", sCable});
+    runOrThrow({"ip", "link", "set", sCable, "up"});
+    for (const std::string& sWords :
+         {std::string("link set lo up"), "address add " + sNetwork + "2/24 dev engine",
+          std::string("link set engine up")}) {
         ChildProcess process =
-            ChildProcess::spawnRole("relay_command", "a", "/bin/sh", "-c", std::string("ip ") + szWords);
+            ChildProcess::spawnRole("relay_command", sHost, "/bin/sh", "-c", "ip " + sWords);
         if (process.wait() != 0)
-            throw std::runtime_error(std::string("ip ") + szWords);
+            throw std::runtime_error("ip " + sWords);
     }
-    std::ofstream(pathOf("hosts-a")) << "127.0.0.1 localhost\n10.77.0.1 engine\n";
+    std::ofstream(pathOf("hosts-" + sHost)) << "127.0.0.1 localhost\n" << sNetwork << "1 engine\n";
     std::ofstream(pathOf("hosts-of-sinks")) << cSinkAddress << " localhost\n";
 }
 
-void RelayStage::startEngine() {
-    m_engine = ChildProcess::spawn({VORNTEST_NATS_SERVER, "-c", pathOf("engine.conf")});
-    const bool bAnswers = awaitCondition([] {
-        try {
-            tcpConnect("127.0.0.1", 4222);
-            return true;
-        } catch (const std::system_error&) {
-            return false;
-        }
-    });
-    if (!bAnswers)
-        throw std::runtime_error("the engine does not start: " + readTextFile(pathOf("engine.log")));
+ChildProcess RelayStage::runEngine(const std::vector<std::string>& arguments) {
+    const char* szOther = std::getenv("VORNTEST_NATS_SERVER");
+    std::vector<std::string> all{szOther != nullptr ? szOther : VORNTEST_NATS_SERVER};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return ChildProcess::spawn(all);
 }
 
-void RelayStage::killEngine() {
-    m_engine->kill(SIGKILL);
-    m_engine->wait();
+void RelayStage::startEngine(int nServer) {
+    ChildProcess& server =
+        m_engines.insert_or_assign(nServer, runEngine({"-c", serverFile(".conf", nServer)})).first->second;
+    if (awaitCondition([nServer] { return answers(nServer); }))
+        return;
+    server.kill(SIGKILL);
+    throw std::runtime_error("the engine does not start: " + server.readAllErrors());
+}
+
+void RelayStage::killEngine(int nServer) {
+    m_engines.at(nServer).kill(SIGKILL);
+    m_engines.at(nServer).wait();
+}
+
+void RelayStage::retireEngine(int nServer) {
+    m_engines.at(nServer).kill(SIGUSR2);
+    m_engines.at(nServer).wait();
+}
+
+void RelayStage::awaitEngines() const {
+    for (int nServer = 0; nServer < m_setup.nServers && m_setup.nServers > 1; ++nServer) {
+        if (!awaitCondition([nServer] { return isHealthy(nServer); }, std::chrono::seconds(60)))
+            throw std::runtime_error(serverFile(".log", nServer) + ": " + state());
+    }
+}
+
+std::string RelayStage::state() const {
+    std::string sText;
+    for (const char* szWhat : {"STREAM.INFO.VORN_TO_b", "CONSUMER.INFO.VORN_TO_b.relay"}) {
+        try {
+            sText += administration().request(std::string("$JS.API.") + szWhat).dump(2) + "\n";
+        } catch (const VornRelay::AdministrationError& error) {
+            sText += std::string(szWhat) + ": " + error.what() + "\n";
+        }
+    }
+    return sText;
+}
+
+int RelayStage::leader() const {
+    std::string sLeader;
+    const auto isLed = [&] {
+        sLeader = administration().request("$JS.API.STREAM.INFO.VORN_TO_b")["cluster"].value("leader",
+                                                                                             std::string());
+        return !sLeader.empty();
+    };
+    if (!awaitCondition(isLed))
+        throw std::runtime_error("nobody leads the stream of b");
+    return std::stoi(sLeader);
 }
 
 void RelayStage::pauseEngine() {
-    m_engine->kill(SIGSTOP);
+    m_engines.at(0).kill(SIGSTOP);
     siginfo_t info{};
-    ::waitid(P_PID, static_cast<id_t>(m_engine->pid()), &info, WSTOPPED);
+    ::waitid(P_PID, static_cast<id_t>(m_engines.at(0).pid()), &info, WSTOPPED);
 }
 
-void RelayStage::cutNetwork(std::chrono::milliseconds time) {
-    runOrThrow({"ip", "link", "set", "to-a", "down"});
+void RelayStage::cutNetwork(const std::string& sHost, std::chrono::milliseconds time) {
+    runOrThrow({"ip", "link", "set", "to-" + sHost, "down"});
     // Nothing tells that a network has been away for long enough.
     runOrThrow({"sleep", std::to_string(static_cast<double>(time.count()) / 1000)});
-    runOrThrow({"ip", "link", "set", "to-a", "up"});
+    runOrThrow({"ip", "link", "set", "to-" + sHost, "up"});
 }
 
 void RelayStage::startRelay(const std::string& sHost, const std::string& sMore,
@@ -294,8 +427,10 @@ void RelayStage::startRelay(const std::string& sHost, const std::string& sMore,
 void RelayStage::configure(const std::string& sUser, const std::string& sMore) const {
     const VornRelay::EngineAccess own = access(sUser);
     std::ofstream file(pathOf("relay-" + sUser + ".conf"));
-    file << "host = " << sUser << "\nservers = " << cServer << "\nca = " << own.sCa
-         << "\ncertificate = " << own.sCertificate << "\nkey = " << own.sKey
+    file << "host = " << sUser << "\nservers = ";
+    for (const std::string& sServer : own.servers)
+        file << (sServer == own.servers[0] ? "" : ", ") << sServer;
+    file << "\nca = " << own.sCa << "\ncertificate = " << own.sCertificate << "\nkey = " << own.sKey
          << "\nsend-to = " << (sUser == "a" ? "b" : "a") << "\nstate-directory = " << pathOf("state-" + sUser)
          << "\nmetrics = " << pathOf("metrics-" + sUser) << "\n"
          << sMore;
@@ -375,7 +510,10 @@ bool RelayStage::awaitNumbers(const std::string& sLog, std::size_t nCount, std::
 VornRelay::EngineAccess RelayStage::access(const std::string& sUser) const {
     VornRelay::EngineAccess access;
     access.sHost = sUser;
-    access.servers = {cServer};
+    const bool bSeparate = m_networks.contains(sUser);
+    for (int nServer = 0; nServer < m_setup.nServers; ++nServer)
+        access.servers.push_back(std::string("tls://") + (bSeparate ? "engine:" : "localhost:") +
+                                 std::to_string(cPort + nServer));
     access.sCa = pathOf("ca.pem");
     access.sCertificate = pathOf(sUser + ".pem");
     access.sKey = pathOf(sUser + ".key");
@@ -410,6 +548,18 @@ std::string RelayStage::leaseFor(const std::string& sName, const VornString& sAd
     return std::string(sLeased.c_str()) + " " + std::to_string(relay.receiveLong());
 }
 
+void RelayStage::connectNetwork(const std::string& sHost, const std::string& sProcess,
+                                std::chrono::milliseconds delay) {
+    if (delay.count() == 0) {
+        runOrThrow({"ip", "link", "add", "to-" + sHost, "type", "veth", "peer", "name", "engine", "netns",
+                    sProcess});
+        return;
+    }
+    ChildProcess cable = ChildProcess::spawnRole("relay_cable", sHost, std::to_string(delay.count()));
+    cable.readLine();
+    m_cables.insert_or_assign(sHost, std::move(cable));
+}
+
 void RelayStage::createCertificates() {
     const std::vector<std::string> common{
         "openssl", "req",   "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
@@ -430,15 +580,26 @@ void RelayStage::createCertificates() {
                         "-addext", "basicConstraints=CA:FALSE"});
 }
 
-void RelayStage::configureEngine(bool bFixedConsumer) {
-    std::ofstream file(pathOf("engine.conf"));
-    file << "listen: 0.0.0.0:4222\nlog_file: \"" << pathOf("engine.log") << "\"\njetstream { store_dir: \""
-         << pathOf("engine") << "\" }\ntls { cert_file: \"" << pathOf("localhost.pem") << "\", key_file: \""
-         << pathOf("localhost.key") << "\", ca_file: \"" << pathOf("ca.pem")
-         << "\", verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
+void RelayStage::configureEngine(int nServer) const {
+    const std::string sTls = "tls { cert_file: \"" + pathOf("localhost.pem") + "\", key_file: \"" +
+                             pathOf("localhost.key") + "\", ca_file: \"" + pathOf("ca.pem") + "\", ";
+    std::ofstream file(serverFile(".conf", nServer));
+    file << "listen: 0.0.0.0:" << cPort + nServer << "\nserver_name: \"" << nServer << "\"\nlog_file: \""
+         << serverFile(".log", nServer) << "\"\njetstream { store_dir: \"" << serverFile("", nServer)
+         << "\" }\n"
+         << sTls << "verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
          << VornRelay::permissionsOf("a", {"b", "c"}, false, {true, {}})
-         << VornRelay::permissionsOf("b", {"*"}, bFixedConsumer, {false, {"a"}})
-         << VornRelay::permissionsOf("c.example", {"a"}) << "] }\n";
+         << VornRelay::permissionsOf("b", {"*"}, m_setup.bFixedConsumer, {false, {"a"}})
+         << VornRelay::permissionsOf("c.example", {"a"}) << "] }\n"
+         << m_setup.sMore;
+    if (m_setup.nServers == 1)
+        return;
+    file << "http: 127.0.0.1:" << cMonitorPort + nServer << "\nlame_duck_grace_period: 1s\n"
+         << "cluster { name: vorn, listen: 127.0.0.1:" << cRoutePort + nServer << ", " << sTls
+         << "verify: true }, routes: [";
+    for (int nOther = 0; nOther < m_setup.nServers; ++nOther)
+        file << "\n\"nats-route://localhost:" << cRoutePort + nOther << "\"";
+    file << " ] }\n";
 }
 
 std::pair<std::string, int> RelayStage::runWith(const std::string& sUser, const std::string& sHost,

@@ -12,7 +12,6 @@
 #include <csignal>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,33 +29,59 @@ struct History {
 
 void PrintTo(const History& history, std::ostream* out);
 
+/** How the engine of a stage is set up. */
+struct EngineSetup {
+    bool bFixedConsumer = false; ///< the administrator creates the consumers of host `b`
+    int nServers = 1;            ///< three are a cluster, and each of them has all streams
+    std::string sMore{};         ///< lines for the configuration of each server
+};
+
 /**
- * Hosts `a` and `b` with their relays, and an engine between them: the system's own nats-server, with TLS, a
- * certificate for each host, and the permissions that `hosts add` prints. Each host has a pipe directory of
- * its own; both share the network of the sandbox.
+ * Hosts `a` and `b` with their relays, and an engine between them: the system's own nats-server, or the one
+ * that VORNTEST_NATS_SERVER names, with TLS, a certificate for each host, and the permissions that `hosts
+ * add` prints. Each host has a pipe directory of its own; both share the network of the sandbox.
  */
 class RelayStage {
 public:
-    /** Where TCP sinks of host `b` listen once the networks are separated. */
+    /** Where TCP sinks of host `b` listen once the network of host `a` is separate. */
     static constexpr const char* cSinkAddress = "100.64.7.2";
 
-    /** Creates the certificates and starts the engine. @param bFixedConsumer the administrator creates the
-     * consumers of host `b` */
-    explicit RelayStage(bool bFixedConsumer = false);
+    /** Creates the certificates and starts the engine. */
+    explicit RelayStage(EngineSetup setup = {});
 
-    /** Gives host `a` a network of its own, where the engine is called "engine". */
-    void separateNetworks();
+    /** @return what the engine's program says of its version, such as "2.9.10". */
+    static std::string engineVersion();
 
-    void startEngine();
-    void killEngine();
+    /** Gives a host a network of its own, where the engine is called "engine". Its relay must not run yet.
+     * @param delay what the network adds to each way */
+    void separateNetwork(const std::string& sHost,
+                         std::chrono::milliseconds delay = std::chrono::milliseconds(0));
+
+    /** Runs the engine's program. */
+    static ChildProcess runEngine(const std::vector<std::string>& arguments);
+
+    void startEngine(int nServer = 0);
+    void killEngine(int nServer = 0);
+
+    /** Has a server hand over what it leads, and awaits its end. */
+    void retireEngine(int nServer);
+
+    /** Awaits that all servers have all that the others have. */
+    void awaitEngines() const;
+
+    /** @return what the engine tells of the stream of host `b`, and of its consumer. */
+    std::string state() const;
+
+    /** @return the server that leads the stream of host `b`. */
+    int leader() const;
 
     /** Has the engine pause. Returns when all its threads stand still, so that it answers nothing more. */
     void pauseEngine();
 
-    void resumeEngine() { m_engine->kill(SIGCONT); }
+    void resumeEngine() { m_engines.at(0).kill(SIGCONT); }
 
-    /** Takes host `a` off the network for a time; they must have been separated. */
-    void cutNetwork(std::chrono::milliseconds time);
+    /** Takes a host off the network for a time; it must have one of its own. */
+    void cutNetwork(const std::string& sHost, std::chrono::milliseconds time);
 
     /** Starts a host's relay. @param sMore lines for its configuration @param environment for its process */
     void startRelay(const std::string& sHost, const std::string& sMore = {},
@@ -91,7 +116,8 @@ public:
     ChildProcess startSink(const std::string& sHost, const std::string& sName, const std::string& sLog,
                            const std::string& sKind = "plain");
 
-    /** Starts a service that sends the numbers from 1 on to a leased address; "plain" or "confirmed". */
+    /** Starts a service that sends the numbers from 1 on to a leased address: "plain" in a burst, "paced"
+     * with a pause after each, or "confirmed", each when the one before is. */
     ChildProcess startService(const std::string& sHost, const std::string& sKind, const std::string& sLease,
                               int nCount);
 
@@ -121,12 +147,16 @@ public:
 
 private:
     void createCertificates();
-    void configureEngine(bool bFixedConsumer);
+    void configureEngine(int nServer) const;
+    void connectNetwork(const std::string& sHost, const std::string& sProcess,
+                        std::chrono::milliseconds delay);
     static std::pair<std::string, int> runWith(const std::string& sUser, const std::string& sHost,
                                                const std::vector<std::string>& arguments);
 
-    std::optional<ChildProcess> m_network;
-    std::optional<ChildProcess> m_engine;
+    const EngineSetup m_setup;
+    std::map<std::string, ChildProcess> m_networks; // by host
+    std::map<std::string, ChildProcess> m_cables;   // those that are slow
+    std::map<int, ChildProcess> m_engines;          // by server
     std::map<std::string, ChildProcess> m_relays;
 };
 

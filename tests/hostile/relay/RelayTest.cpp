@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -21,6 +22,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -358,6 +360,31 @@ TEST_F(RelayTest, EngineThatReadsNothing_IsGivenUpAndConnectedToAgain) {
     EXPECT_TRUE(awaitCondition([&] { return connection.nConnected == 2; }));
 }
 
+TEST_F(RelayTest, RelayWithoutDescriptors_GoesOnWhenItHasSomeAgain) {
+    const int nCount = 100;
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    const auto limit = [&](const char* szHost, rlim_t nDescriptors) {
+        const rlimit limits{nDescriptors, 4096};
+        ASSERT_EQ(::prlimit(m_stage.relayProcess(szHost), RLIMIT_NOFILE, &limits, nullptr), 0);
+    };
+    const rlim_t nTaken = 8; // all of them, and enough for poll(2)
+    limit("a", nTaken);
+    limit("b", nTaken);
+    ChildProcess service = m_stage.startService("a", "plain", sLease, nCount);
+    EXPECT_EQ(service.readLine(), "0"); // they wait to be accepted
+    limit("a", 4096);
+    EXPECT_TRUE(awaitCondition([&] {
+        return m_stage.administration().request("$JS.API.CONSUMER.INFO.VORN_TO_b.relay")["num_ack_pending"] ==
+               nCount;
+    })) << m_stage.state();
+    EXPECT_EQ(RelayStage::history("log", nCount).nSeen, 0U);
+    limit("b", 4096);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount)) << m_stage.run("b", {"status"}).first;
+    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
 TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {
     startRelays();
     ChildProcess sink = m_stage.startSink("b", "", "log");
@@ -420,6 +447,9 @@ TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
         {"publish", "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay", false},
         {"publish", "$JS.API.CONSUMER.CREATE.VORN_TO_a", false},
         {"publish", "$JS.ACK.VORN_TO_b.relay.1.1.1.1.0", false},
+        {"publish", "$JS.ACK.VORN_TO_b.relay.VORN_TO_a.1.1.1.0", false},
+        {"publish", "$JS.ACK.hub.account.VORN_TO_a.relay.1.1.1.1.0", true},
+        {"publish", "$JS.ACK.hub.account.VORN_TO_b.relay.1.1.1.1.0", false},
         {"publish", "$JS.API.STREAM.DELETE.VORN_TO_a", false},
         {"publish", "$JS.API.STREAM.CREATE.KV_bucket", false},
         {"subscribe", "_INBOX_a.x", true},
@@ -452,7 +482,7 @@ TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
 
 TEST(RelayFixedConsumer, HostMayOnlyPullAndAcknowledge_AndNothingIsLostOrOutOfOrder) {
     const int nCount = 600;
-    RelayStage stage(true);
+    RelayStage stage({.bFixedConsumer = true});
     for (const char* szCall : {"CREATE.VORN_TO_b", "DURABLE.CREATE.VORN_TO_b.relay", "DELETE.VORN_TO_b.relay",
                                "DURABLE.CREATE.VORN_TO_b.keep-1"})
         EXPECT_FALSE(isAllowed(stage.access("b"), "publish", std::string("$JS.API.CONSUMER.") + szCall));
@@ -476,7 +506,7 @@ TEST(RelayFixedConsumer, HostMayOnlyPullAndAcknowledge_AndNothingIsLostOrOutOfOr
 
 /** Whoever pulls messages names the subject to which the engine delivers them, past what he may publish. */
 TEST(RelayFixedConsumer, MessagesThatAHostHasDeliveredIntoAnotherHostsStream_ReachNoSink) {
-    RelayStage stage(true);
+    RelayStage stage({.bFixedConsumer = true});
     stage.startRelay("a");
     ChildProcess sink = stage.startSink("a", "", "log");
     const std::string sLease = sink.readLine();
@@ -505,10 +535,10 @@ TEST(RelayFixedConsumer, MessagesThatAHostHasDeliveredIntoAnotherHostsStream_Rea
 class RelayRedirect : public RelayTest {
 protected:
     void startRelays() {
-        m_stage.separateNetworks();
+        m_stage.separateNetwork("a");
         const std::string sAddress = std::string("redirect-address = b=") + RelayStage::cSinkAddress + "\n";
         m_stage.startRelay("b", sAddress);
-        m_stage.startRelay("a", "servers = tls://engine:4222\nredirect-port = 4333\n" + sAddress);
+        m_stage.startRelay("a", "redirect-port = 4333\n" + sAddress);
         for (const char* szHost : {"a", "b"})
             EXPECT_EQ(m_stage.run(szHost, {"redirect", "on"}).second, 0);
     }
@@ -600,7 +630,11 @@ TEST_F(RelayTest, CertificateThatIsForeignMissingOrOfAnotherServer_IsRefused) {
 TEST_F(RelayTest, Doctor_FindsWhatIsWrong) {
     startRelays();
     const auto [sAll, nAll] = m_stage.run("b", {"doctor"});
-    EXPECT_EQ(nAll, 1) << "the server of this system is old, and alone";
+    EXPECT_EQ(nAll, 1) << "the server is alone";
+    const std::string sVersion = RelayStage::engineVersion();
+    EXPECT_THAT(sAll, HasSubstr(std::string(::strverscmp(sVersion.c_str(), "2.12.7") < 0 ? "warning  "
+                                                                                         : "ok       ") +
+                                "tls://localhost:4222 is nats-server " + sVersion + "\n"));
     EXPECT_THAT(sAll, HasSubstr("vornnet relay hosts add b --replicas 3"));
     m_stage.administration().removeHost("b");
     const auto [sWithoutStream, nWithoutStream] = m_stage.run("b", {"doctor"});
@@ -650,6 +684,8 @@ TEST_F(RelayTest, Doctor_FindsEachMisconfiguration) {
          "warning  this host may publish to vorn.dead.doctor"},
         {"b", "certificate = " + path("admin.pem") + "\nkey = " + path("admin.key") + "\n",
          "warning  this host may read what is sent to all others"},
+        {"b", "certificate = " + path("c.example.pem") + "\nkey = " + path("c.example.key") + "\n",
+         "warning  this host may not acknowledge where servers name domain and account"},
         {"b", "consumer = fixed\n",
          "warning  this host may publish to $JS.API.CONSUMER.DURABLE.CREATE.VORN_TO_b.doctor"},
         {"b", "metrics = /nowhere/metrics\n", "problem  the directory of metrics /nowhere/metrics"},
