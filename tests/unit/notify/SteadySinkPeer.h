@@ -3,7 +3,7 @@
 #ifndef VORNTEST_STEADYSINKPEER_H
 #define VORNTEST_STEADYSINKPEER_H
 
-#include "../notification/NotificationPeer.h"
+#include "NotificationPeer.h"
 
 #include <chrono>
 #include <functional>
