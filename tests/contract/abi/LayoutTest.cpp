@@ -214,6 +214,11 @@ static_assert(isNeverCopied<VornServerSocket> && isNeverCopied<VornPipeServer> &
               isNeverCopied<VornUDPServerSocket> && isNeverCopied<VornSSLServerSocket>);
 static_assert(isNeverCopied<VornCallbackContainer> && isNeverCopied<VornLibraryCallbackSink> &&
               isNeverCopied<VornProxyDependent> && isNeverCopied<VornProxyDependentContainer>);
+static_assert(isNeverCopied<VornEvent> && isNeverCopied<VornThread> && isNeverCopied<VornCriticalSection> &&
+              isNeverCopied<VornCriticalSectionObject>);
+static_assert(std::is_abstract_v<VornConnection> && !std::is_copy_assignable_v<VornConnection>);
+static_assert(!std::is_default_constructible_v<VornProxyDependentContainer> &&
+              !std::is_destructible_v<VornProxyDependentContainer>);
 
 } // namespace
 } // namespace VornAbi

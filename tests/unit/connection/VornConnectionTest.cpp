@@ -303,14 +303,6 @@ TEST_F(VornConnectionTest, WhenMadeRaw_KeepsTheFlagAndDoesNotConnect) {
     EXPECT_THAT(rawOne.calls, IsEmpty());
 }
 
-TEST_F(VornConnectionTest, CannotBeCopied) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornConnection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornConnection>);
-    EXPECT_FALSE(std::is_copy_constructible_v<ScriptedConnection>);
-    EXPECT_TRUE(std::is_abstract_v<VornConnection>);
-    EXPECT_TRUE((std::is_base_of_v<VornSupport::VornObjectBase, VornConnection>));
-}
-
 TEST_F(VornConnectionTest, WhenDestroyed_DoesNotDisconnect) {
     static int disconnects;
     disconnects = 0;

@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <optional>
-#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -131,12 +130,6 @@ TEST_F(VornSSLSocketConnectionTest, WhenMadeAroundASocket_IsConnectedFromBirth) 
     EXPECT_EQ(accepted.getPortName(), "4711");
     EXPECT_EQ(accepted.getServerName(), "127.0.0.1");
     EXPECT_THAT(accepted.calls, IsEmpty());
-}
-
-TEST_F(VornSSLSocketConnectionTest, CannotBeCopied) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornSSLSocketConnection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornSSLSocketConnection>);
-    EXPECT_TRUE((std::is_base_of_v<VornSocketConnection, VornSSLSocketConnection>));
 }
 
 TEST_F(VornSSLSocketConnectionTest, TheEncryptionLayersStartAndEndDoNothing) {

@@ -516,33 +516,3 @@ TEST_F(VornSocketConnectionTest, ARequestOfCurlIsReadLineByLine) {
     EXPECT_EQ(curl.readAllOutput(), "hello");
     EXPECT_EQ(curl.wait(), 0) << curl.readAllErrors();
 }
-
-TEST_F(VornSocketConnectionTest, ValuesEchoedBySocatComeBack) {
-    const int echoPort = unusedTcpPort();
-    const ChildProcess socat = ChildProcess::spawn(
-        {"socat", "TCP-LISTEN:" + std::to_string(echoPort) + ",bind=127.0.0.1", "EXEC:cat"});
-    VornSocketConnection connection("127.0.0.1", echoPort, false, false);
-    ASSERT_TRUE(awaitCondition([&] { return !failureOf([&] { connection.establish(); }).has_value(); }));
-    connection.transfer(-1L);
-    connection.transfer(-2);
-    connection.transfer(static_cast<short>(-3));
-    connection.transfer(VornString(100'000, 't'));
-    EXPECT_EQ(connection.receiveLong(), 4294967295L);
-    EXPECT_EQ(connection.receiveInt(), -2);
-    EXPECT_EQ(connection.receiveShort(), -3);
-    EXPECT_EQ(connection.receiveString(), VornString(100'000, 't'));
-}
-
-TEST_F(VornSocketConnectionTest, WhatSocatTakesDownIsWhatWasWritten) {
-    const int sinkPort = unusedTcpPort();
-    ChildProcess socat = ChildProcess::spawn(
-        {"socat", "-u", "TCP-LISTEN:" + std::to_string(sinkPort) + ",bind=127.0.0.1", "STDOUT"});
-    {
-        VornSocketConnection connection("127.0.0.1", sinkPort, false, false);
-        ASSERT_TRUE(awaitCondition([&] { return !failureOf([&] { connection.establish(); }).has_value(); }));
-        connection.transfer("abc");
-        connection.transferError();
-    }
-    EXPECT_EQ(hex(socat.readAllOutput()), "00 00 00 03 61 62 63 00 01 ff ff");
-    EXPECT_EQ(socat.wait(), 0);
-}

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <fstream>
 #include <system_error>
-#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -120,21 +119,6 @@ TEST_F(VornUDPSocketConnectionTest, WhenMade_HoldsItsArgumentsAndNothingElse) {
     const Probe other("host2", -1, false);
     EXPECT_EQ(other.m_nPort, -1);
     EXPECT_FALSE(other.m_bIdentify);
-}
-
-TEST_F(VornUDPSocketConnectionTest, CannotBeCopiedOrMadeFromNothing) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornUDPSocketConnection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornUDPSocketConnection>);
-    EXPECT_FALSE(std::is_default_constructible_v<VornUDPSocketConnection>);
-    EXPECT_TRUE((std::is_base_of_v<VornBufferConnection, VornUDPSocketConnection>));
-}
-
-TEST_F(VornUDPSocketConnectionTest, TypedOperationsCanBeCalledOnTheClassItself) {
-    VornUDPSocketConnection connection("127.0.0.1", port, false);
-    connection.transfer(7);
-    connection.transfer("abc");
-    EXPECT_TRUE(connection.transmit());
-    EXPECT_EQ(received(), "00 00 00 07 00 00 00 03 61 62 63");
 }
 
 // Sending.

@@ -10,7 +10,6 @@
 #include <mutex>
 #include <set>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include <VornCallbackContainer.h>
@@ -253,10 +252,4 @@ TEST_F(VornCallbackContainerTest, ManyThreads_MayAddLookUpAndRemove) {
     }
     const int left = static_cast<int>(m_container.m_callbackMap.size());
     EXPECT_EQ(m_destroyed.load() + left, 900);
-}
-
-TEST_F(VornCallbackContainerTest, CanNeitherBeCopiedNorAssigned) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornCallbackContainer>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornCallbackContainer>);
-    EXPECT_TRUE(std::has_virtual_destructor_v<VornCallbackContainer>);
 }

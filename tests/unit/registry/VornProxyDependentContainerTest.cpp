@@ -15,7 +15,6 @@
 #include <new>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -458,13 +457,6 @@ TEST_F(VornProxyDependentContainerTest, WhenTheProcessExits_IsDeletedBetweenTheM
     EXPECT_EQ(child.readAllOutput(), "9 vnet::Module::detach: entering\nproxy released\n"
                                      "9 vnet::Module::detach: exiting\n");
     EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
-}
-
-TEST_F(VornProxyDependentContainerTest, CanNeitherBeMadeNorCopiedNorDestroyedByOthers) {
-    EXPECT_FALSE(std::is_default_constructible_v<VornProxyDependentContainer>);
-    EXPECT_FALSE(std::is_destructible_v<VornProxyDependentContainer>);
-    EXPECT_FALSE(std::is_copy_constructible_v<VornProxyDependentContainer>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornProxyDependentContainer>);
 }
 
 TEST_F(VornProxyDependentContainerTest, WhenAnotherIsFasterAtMakingIt_EverybodyHasTheOthersInstance) {

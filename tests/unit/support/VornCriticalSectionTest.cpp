@@ -6,7 +6,6 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include <VornCriticalSection.h>
@@ -113,11 +112,4 @@ TEST_F(VornCriticalSectionTest, ManyThreads_LoseNoUpdateOfWhatItGuards) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(counter, 8000);
-}
-
-TEST_F(VornCriticalSectionTest, CanNeitherBeCopiedNorAssigned) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornCriticalSectionObject>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornCriticalSectionObject>);
-    EXPECT_FALSE(std::is_copy_constructible_v<VornCriticalSection>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornCriticalSection>);
 }

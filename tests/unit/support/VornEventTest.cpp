@@ -15,7 +15,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -319,9 +318,4 @@ TEST_F(VornEventTest, ManyThreads_MaySetResetWaitAndPoll) {
     }
     EXPECT_EQ(m_event->wait(0), false);
     EXPECT_EQ(polled(handle), 0);
-}
-
-TEST_F(VornEventTest, CanNeitherBeCopiedNorAssigned) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornEvent>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornEvent>);
 }

@@ -3,7 +3,6 @@
 #include "LeakCheckedTest.h"
 
 #include <climits>
-#include <memory>
 
 #include <VornNotification.h>
 #include <gtest/gtest.h>
@@ -22,20 +21,4 @@ TEST_F(VornNotificationTest, HasTheIdGivenAtConstruction) {
         const VornNotification notification(id);
         EXPECT_EQ(notification.getId(), id);
     }
-}
-
-TEST_F(VornNotificationTest, ADerivedNotification_IsDestroyedThroughItsBase) {
-    class Derived : public VornNotification {
-    public:
-        explicit Derived(bool& destroyed) : VornNotification(3), m_destroyed(destroyed) {}
-
-        ~Derived() override { m_destroyed = true; }
-
-    private:
-        bool& m_destroyed;
-    };
-
-    bool destroyed = false;
-    std::unique_ptr<VornNotification>(std::make_unique<Derived>(destroyed)).reset();
-    EXPECT_EQ(destroyed, true);
 }

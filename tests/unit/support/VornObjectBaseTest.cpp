@@ -4,7 +4,6 @@
 
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include <VornObjectBase.h>
@@ -239,9 +238,4 @@ TEST_F(VornObjectBaseTest, NormalizeClassName_MakesACompilersNameReadable) {
 TEST_F(VornObjectBaseTest, NormalizeClassName_LeavesOtherTextAsItIs) {
     EXPECT_EQ(VornObjectBase::normalizeClassName("no name of a type"), "no name of a type");
     EXPECT_EQ(VornObjectBase::normalizeClassName(""), "");
-}
-
-TEST_F(VornObjectBaseTest, IsPolymorphicWithAVirtualDestructor) {
-    EXPECT_TRUE(std::is_polymorphic_v<VornObjectBase>);
-    EXPECT_TRUE(std::has_virtual_destructor_v<VornObjectBase>);
 }

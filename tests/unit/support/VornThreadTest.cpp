@@ -16,7 +16,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
 
 #include <VornDependent.h>
 #include <VornEvent.h>
@@ -607,9 +606,4 @@ TEST_F(VornThreadTest, IsACountedObjectThatKnowsItsClassName) {
     const VornSmartPointer<VornThread> thread(new VornThread("counted"));
     EXPECT_EQ(thread->refCount(), 1);
     EXPECT_EQ(thread->getClassName(), "VornSupport::VornThread");
-}
-
-TEST_F(VornThreadTest, CanNeitherBeCopiedNorAssigned) {
-    EXPECT_FALSE(std::is_copy_constructible_v<VornThread>);
-    EXPECT_FALSE(std::is_copy_assignable_v<VornThread>);
 }
