@@ -24,10 +24,6 @@ Delivery::~Delivery() {
     m_loop.cancel(m_timer);
 }
 
-void Delivery::begin() {
-    after(Clock::duration(0), [this] { tryNow(); });
-}
-
 void Delivery::close() {
     m_loop.cancel(std::exchange(m_timer, 0));
 }

@@ -48,8 +48,8 @@ public:
     Delivery(const Delivery&) = delete;
     Delivery& operator=(const Delivery&) = delete;
 
-    /** Begins. The handler is called once, never before this returns. */
-    void begin();
+    /** Begins. The handler is called once, and perhaps before this returns. */
+    void begin() { tryNow(); }
 
     /** Gives up, whatever has been sent; the handler is not called any more. */
     virtual void close();
