@@ -20,7 +20,10 @@ namespace {
 using Json = nlohmann::json;
 using std::chrono::milliseconds;
 
-constexpr milliseconds cConnectLimit{2000};
+constexpr milliseconds cLook{50};
+constexpr milliseconds cSignInterval{3000};
+constexpr milliseconds cSignLimit{6000};
+constexpr milliseconds cFlushLimit{2000};
 constexpr milliseconds cPauseBetweenConnections{250};
 constexpr milliseconds cSweepInterval{250};
 constexpr milliseconds cPullLife{5000};
@@ -40,6 +43,16 @@ std::vector<std::string_view> tokensOf(std::string_view sSubject) {
         nStart = nEnd + 1;
     }
     return tokens;
+}
+
+/**
+ * @return who is to answer what is published there: a stream by the second and third part of its subjects,
+ * the server itself by nothing. Of a request that nobody is there for, no more is told.
+ */
+std::string addresseeOf(std::string_view sSubject) {
+    const std::vector<std::string_view> tokens = tokensOf(sSubject);
+    return tokens.size() < 3 || tokens[0] == "$JS" ? ""
+                                                   : std::string(tokens[1]).append(".").append(tokens[2]);
 }
 
 std::uint64_t numberOf(std::string_view sText) {
@@ -163,39 +176,6 @@ bool readReceipt(std::string_view sReceipt, Engine::Arrival& arrival) {
 
 } // namespace
 
-/** A connection, which ends when the last one who sends through it has let it go. */
-struct NatsEngine::Link {
-    /** What the client library's threads are given; they have all ended when nOpen is 0. */
-    static void onClosed(natsConnection*, void* closure) { static_cast<Link*>(closure)->end(); }
-
-    static void onComplete(void* closure) { static_cast<Link*>(closure)->end(); }
-
-    void end() {
-        const std::lock_guard lock(mutex);
-        --nOpen;
-        changed.notify_all();
-    }
-
-    void subscribe(const std::string& sSubject, natsMsgHandler handler, NatsEngine* pEngine) {
-        natsSubscription* created = nullptr;
-        const natsStatus status =
-            natsConnection_Subscribe(&created, spConnection.get(), sSubject.c_str(), handler, pEngine);
-        if (status != NATS_OK)
-            throw std::runtime_error(sSubject + ": " + textOf(status));
-        subscriptions.emplace_back(created);
-        const std::lock_guard lock(mutex);
-        if (natsSubscription_SetOnCompleteCB(created, &onComplete, this) == NATS_OK)
-            ++nOpen;
-    }
-
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::atomic<bool> bBroken{false}; // what was sent last may be half on its way
-    int nOpen = 1;                    // guarded by mutex; the connection and each subscription count one
-    NatsPointer<natsConnection> spConnection;
-    std::vector<NatsPointer<natsSubscription>> subscriptions;
-};
-
 NatsEngine::NatsEngine(RelayLoop& loop, EngineAccess access, milliseconds answerLimit, Listener& listener)
     : m_loop(loop), m_access(std::move(access)), m_sInbox(inboxOf(m_access)),
       m_sStream(std::string(cStreamPrefix) + m_access.sHost), m_answerLimit(answerLimit),
@@ -213,25 +193,26 @@ void NatsEngine::start() {
 void NatsEngine::stop() {
     if (!m_thread.joinable())
         return;
-    if (const std::shared_ptr<Link> spLink = link())
-        natsConnection_FlushTimeout(spLink->spConnection.get(), cConnectLimit.count());
     {
         const std::lock_guard lock(m_mutex);
         m_bStopping = true;
         m_changed.notify_all();
+    }
+    if (const std::shared_ptr<NatsLink> spLink = link()) {
+        const auto until = Clock::now() + cFlushLimit;
+        while (!isFlushed() && !spLink->isClosed() && Clock::now() < until)
+            spLink->serve(cLook);
+        spLink->close();
     }
     m_thread.join();
     m_loop.cancel(m_sweep);
 }
 
 void NatsEngine::publish(const Message& message, AnswerHandler onAnswer) {
-    const std::uint64_t nTicket = ++m_nLastTicket;
-    expect(nTicket, [handler = std::move(onAnswer)](const std::string* pReply) {
+    ask(message, [handler = std::move(onAnswer)](const std::string* pReply) {
         std::string sText = "no answer";
         handler(pReply == nullptr ? Answer::unknown : answerOf(*pReply, sText), sText);
     });
-    if (!send(message, m_sInbox + ".reply." + std::to_string(nTicket)))
-        m_loop.post([this, nTicket] { settle(nTicket, nullptr); });
 }
 
 void NatsEngine::open(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened) {
@@ -267,11 +248,11 @@ milliseconds NatsEngine::pullLife() const {
 }
 
 void NatsEngine::acknowledge(const std::string& sReceipt) {
-    send({sReceipt, {}, "+ACK"}, "");
+    send({sReceipt, {}, "+ACK"});
 }
 
 void NatsEngine::tell(const std::string& sSubject, const std::string& sText) {
-    send({sSubject, {}, sText}, "");
+    send({sSubject, {}, sText});
 }
 
 void NatsEngine::listenTo(const std::string& sSubject) {
@@ -317,12 +298,8 @@ void NatsEngine::keepConnected() {
     while (!m_bStopping) {
         lock.unlock();
         std::string sWhy;
-        if (std::shared_ptr<Link> spLink = connect(sWhy)) {
-            lock.lock();
-            m_spLink = spLink;
-            lock.unlock();
-            m_loop.post([this] { m_listener.connected(); });
-            awaitClosed(*spLink);
+        if (const std::shared_ptr<NatsLink> spLink = connect(sWhy)) {
+            attend(*spLink);
             sWhy = "the connection was closed";
         }
         m_loop.post([this, sWhy] {
@@ -334,27 +311,27 @@ void NatsEngine::keepConnected() {
     }
 }
 
-std::shared_ptr<NatsEngine::Link> NatsEngine::connect(std::string& sWhy) try {
-    const auto spLink = std::make_shared<Link>();
-    const NatsPointer<natsOptions> options = optionsFor(m_access, cConnectLimit);
-    natsOptions_SetClosedCB(options.get(), &Link::onClosed, spLink.get());
-    natsOptions_SetErrorHandler(options.get(), &onError, this);
-    natsConnection* created = nullptr;
-    if (const natsStatus status = natsConnection_Connect(&created, options.get()); status != NATS_OK)
-        throw std::runtime_error(textOf(status));
-    spLink->spConnection.reset(created);
-    try {
-        spLink->subscribe(m_sInbox + ".reply.*", &onReplyMessage, this);
-        spLink->subscribe(m_sInbox + ".in.>", &onArrivalMessage, this);
-        for (const std::string& sSubject : m_listenedTo)
-            spLink->subscribe(sSubject, &onToldMessage, this);
-    } catch (const std::exception&) {
-        natsConnection_Close(created);
-        awaitClosed(*spLink);
-        throw;
+std::shared_ptr<NatsLink> NatsEngine::connect(std::string& sWhy) try {
+    const auto spLink = std::make_shared<NatsLink>(
+        m_loop,
+        [this](std::size_t nPlace, NatsPointer<natsMsg> message) { take(nPlace, std::move(message)); },
+        [this](const std::string& sText) { complain(sText); });
+    std::vector<std::string> subjects{m_sInbox + ".in.>"};
+    subjects.insert(subjects.end(), m_listenedTo.begin(), m_listenedTo.end());
+    spLink->connect(m_access, subjects);
+    m_nMostContent.store(spLink->mostContent(), std::memory_order_relaxed);
+    std::unique_lock lock(m_mutex);
+    if (m_bStopping) {
+        lock.unlock();
+        spLink->close();
+        spLink->awaitClosed();
+        return nullptr;
     }
-    m_nMostContent.store(static_cast<std::size_t>(natsConnection_GetMaxPayload(created)),
-                         std::memory_order_relaxed);
+    m_spLink = spLink;
+    m_loop.post([this, spLink] {
+        spLink->begin();
+        m_listener.connected();
+    });
     return spLink;
 
 } catch (const std::exception& error) {
@@ -363,37 +340,53 @@ std::shared_ptr<NatsEngine::Link> NatsEngine::connect(std::string& sWhy) try {
     return nullptr;
 }
 
-void NatsEngine::awaitClosed(Link& link) {
-    // Three reasons to go on, and only one can be waited for: it is looked at the others in between.
-    constexpr milliseconds cLook{50};
-    bool bStopping = false;
-    while (!bStopping && !link.bBroken && !natsConnection_IsClosed(link.spConnection.get())) {
-        std::unique_lock lock(m_mutex);
-        bStopping = m_changed.wait_for(lock, cLook, [this] { return m_bStopping; });
+/** Asks for signs of life until the connection is closed, or has to be. */
+void NatsEngine::attend(NatsLink& link) {
+    auto nextSign = Clock::now() + cSignInterval;
+    std::unique_lock lock(m_mutex);
+    while (!m_changed.wait_for(lock, cLook, [&] { return m_bStopping || link.isClosed(); })) {
+        if (Clock::now() < nextSign)
+            continue;
+        lock.unlock();
+        link.ping(cSignLimit);
+        nextSign = Clock::now() + cSignInterval;
+        lock.lock();
     }
-    {
-        const std::lock_guard lock(m_mutex);
-        m_spLink.reset();
+    if (m_bStopping) { // the other thread serves the connection meanwhile, and closes it
+        lock.unlock();
+        link.ping(cFlushLimit);
+        lock.lock();
+        m_bFlushed = true;
     }
-    natsConnection_Close(link.spConnection.get());
-    std::unique_lock lock(link.mutex);
-    link.changed.wait(lock, [&link] { return link.nOpen == 0; });
+    m_spLink.reset();
+    lock.unlock();
+    link.awaitClosed();
 }
 
-std::shared_ptr<NatsEngine::Link> NatsEngine::link() const {
+std::shared_ptr<NatsLink> NatsEngine::link() const {
     const std::lock_guard lock(m_mutex);
     return m_spLink;
 }
 
-void NatsEngine::expect(std::uint64_t nTicket, ReplyHandler onReply) {
-    m_waiting.emplace(nTicket, Waiting{Clock::now() + m_answerLimit, std::move(onReply)});
+bool NatsEngine::isFlushed() const {
+    const std::lock_guard lock(m_mutex);
+    return m_bFlushed;
+}
+
+void NatsEngine::ask(const Message& message, ReplyHandler onReply) {
+    const std::uint64_t nTicket = ++m_nLastTicket;
+    Waiting& waiting = m_waiting[nTicket] = {Clock::now() + m_answerLimit, std::move(onReply)};
+    const std::shared_ptr<NatsLink> spLink = link();
+    const std::string sInbox = m_sInbox + ".reply";
+    if (spLink)
+        waiting.nPlace = spLink->placeFor(addresseeOf(message.sSubject), sInbox);
+    const std::string sReply = sInbox + "." + std::to_string(waiting.nPlace) + "." + std::to_string(nTicket);
+    if (!spLink || !send(*spLink, message, sReply))
+        m_loop.post([this, nTicket] { settle(nTicket, nullptr); });
 }
 
 void NatsEngine::request(const std::string& sSubject, const std::string& sText, ReplyHandler onReply) {
-    const std::uint64_t nTicket = ++m_nLastTicket;
-    expect(nTicket, std::move(onReply));
-    if (!send({sSubject, {}, sText}, m_sInbox + ".reply." + std::to_string(nTicket)))
-        m_loop.post([this, nTicket] { settle(nTicket, nullptr); });
+    ask({sSubject, {}, sText}, std::move(onReply));
 }
 
 /** @param spStreams names of all streams so far; the next page begins after them */
@@ -449,41 +442,29 @@ void NatsEngine::create(const std::string& sConsumer, const std::string& sFilter
 }
 
 bool NatsEngine::send(const Message& message, const std::string& sReply) {
-    const std::shared_ptr<Link> spLink = link();
-    if (!spLink)
-        return false;
-    natsConnection* connection = spLink->spConnection.get();
-    const char* szSubject = message.sSubject.c_str();
-    const char* szReply = sReply.empty() ? nullptr : sReply.c_str();
-    const int nSize = static_cast<int>(message.sContent.size());
-    natsStatus status = NATS_OK;
-    if (message.headers.empty()) {
-        status = szReply == nullptr
-                     ? natsConnection_Publish(connection, szSubject, message.sContent.data(), nSize)
-                     : natsConnection_PublishRequest(connection, szSubject, szReply, message.sContent.data(),
-                                                     nSize);
-    } else {
+    const std::shared_ptr<NatsLink> spLink = link();
+    return spLink && send(*spLink, message, sReply);
+}
+
+bool NatsEngine::send(NatsLink& link, const Message& message, const std::string& sReply) {
+    return link.send([&](natsConnection* connection) {
+        const char* szSubject = message.sSubject.c_str();
+        const char* szReply = sReply.empty() ? nullptr : sReply.c_str();
+        const int nSize = static_cast<int>(message.sContent.size());
+        if (message.headers.empty())
+            return szReply == nullptr
+                       ? natsConnection_Publish(connection, szSubject, message.sContent.data(), nSize)
+                       : natsConnection_PublishRequest(connection, szSubject, szReply,
+                                                       message.sContent.data(), nSize);
         natsMsg* created = nullptr;
-        status = natsMsg_Create(&created, szSubject, szReply, message.sContent.data(), nSize);
+        natsStatus status = natsMsg_Create(&created, szSubject, szReply, message.sContent.data(), nSize);
         const SpentMessage spent(created);
         for (const auto& [sName, sValue] : message.headers) {
             if (status == NATS_OK)
                 status = natsMsgHeader_Set(created, sName.c_str(), sValue.c_str());
         }
-        if (status == NATS_OK)
-            status = natsConnection_PublishMsg(connection, created);
-    }
-    if (status == NATS_TIMEOUT)
-        giveUp(*spLink);
-    return status == NATS_OK;
-}
-
-/** The loop waits for a server that reads nothing once, and no second time. */
-void NatsEngine::giveUp(Link& link) {
-    link.bBroken = true;
-    const std::lock_guard lock(m_mutex);
-    if (m_spLink.get() == &link)
-        m_spLink.reset();
+        return status == NATS_OK ? natsConnection_PublishMsg(connection, created) : status;
+    });
 }
 
 void NatsEngine::settle(std::uint64_t nTicket, const std::string* pReply) {
@@ -504,9 +485,31 @@ void NatsEngine::sweep() {
     m_sweep = m_loop.after(cSweepInterval, [this] { sweep(); });
 }
 
+void NatsEngine::take(std::size_t nPlace, NatsPointer<natsMsg> owned) {
+    natsMsg* const message = owned.get();
+    const SpentMessage spent(owned.release());
+    if (message == nullptr)
+        takeAbsence(nPlace);
+    else if (nPlace == 0)
+        takeArrival(message);
+    else if (nPlace <= m_listenedTo.size())
+        m_listener.told(natsMsg_GetSubject(message), contentOf(message));
+    else
+        takeReply(message);
+}
+
 void NatsEngine::takeReply(natsMsg* message) {
-    const std::uint64_t nTicket = numberOf(tokensOf(natsMsg_GetSubject(message)).back());
-    m_loop.post([this, nTicket, sReply = contentOf(message)] { settle(nTicket, &sReply); });
+    const std::string sReply = contentOf(message);
+    settle(numberOf(tokensOf(natsMsg_GetSubject(message)).back()), &sReply);
+}
+
+/** Had it been another one of the same place, that is asked for again. */
+void NatsEngine::takeAbsence(std::size_t nPlace) {
+    const auto oldest = std::find_if(m_waiting.begin(), m_waiting.end(),
+                                     [&](const auto& entry) { return entry.second.nPlace == nPlace; });
+    const std::string sNothing;
+    if (oldest != m_waiting.end())
+        settle(oldest->first, &sNothing);
 }
 
 void NatsEngine::takeArrival(natsMsg* message) {
@@ -517,7 +520,7 @@ void NatsEngine::takeArrival(natsMsg* message) {
         return;
     }
     arrival.message = {natsMsg_GetSubject(message), headersOf(message), contentOf(message)};
-    m_loop.post([this, arrival = std::move(arrival)]() mutable { m_listener.arrived(std::move(arrival)); });
+    m_listener.arrived(std::move(arrival));
 }
 
 void NatsEngine::takeStatus(natsMsg* message) {
@@ -529,39 +532,15 @@ void NatsEngine::takeStatus(natsMsg* message) {
     if (sStatus == "100")
         return; // a sign of life
     const bool bTimeOut = sStatus == "404" || sStatus == "408";
-    m_loop.post([this, sConsumer, bTimeOut] {
-        m_listener.pullEnded(sConsumer);
-        if (!bTimeOut)
-            m_listener.consumerLost(sConsumer);
-    });
+    m_listener.pullEnded(sConsumer);
+    if (!bTimeOut)
+        m_listener.consumerLost(sConsumer);
 }
 
 /** What the server refuses gets no answer, only this. */
-void NatsEngine::onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure) {
-    const char* szError = nullptr;
-    natsConnection_GetLastError(connection, &szError);
-    const std::string sText = szError != nullptr && *szError != '\0' ? szError : natsStatus_GetText(status);
-    auto* pEngine = static_cast<NatsEngine*>(closure);
-    pEngine->m_loop.post([pEngine, sText] {
-        pEngine->m_errorLine.write(LogLevel::warning, "the engine's server complains: " + sText);
-    });
-}
-
-void NatsEngine::onReplyMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
-    const SpentMessage spent(message);
-    static_cast<NatsEngine*>(closure)->takeReply(message);
-}
-
-void NatsEngine::onArrivalMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
-    const SpentMessage spent(message);
-    static_cast<NatsEngine*>(closure)->takeArrival(message);
-}
-
-void NatsEngine::onToldMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
-    const NatsPointer<natsMsg> spMessage(message);
-    auto* pEngine = static_cast<NatsEngine*>(closure);
-    pEngine->m_loop.post([pEngine, sSubject = std::string(natsMsg_GetSubject(message)),
-                          sText = contentOf(message)] { pEngine->m_listener.told(sSubject, sText); });
+void NatsEngine::complain(const std::string& sText) {
+    m_loop.post(
+        [this, sText] { m_errorLine.write(LogLevel::warning, "the engine's server complains: " + sText); });
 }
 
 } // namespace VornRelay

@@ -4,7 +4,7 @@
 #define VORNRELAY_NATSENGINE_H
 
 #include "Engine.h"
-#include "NatsConnection.h"
+#include "NatsLink.h"
 #include "RelayLog.h"
 #include "RelayLoop.h"
 
@@ -28,8 +28,7 @@ namespace VornRelay {
  * and acknowledge functions are not used: natsSubscription_Fetch() of 3.4.1 writes past its array when
  * messages of an earlier request still wait, and natsMsg_Ack() follows a pointer that may have gone.
  *
- * Blocking: publish() and what else sends, while the server reads nothing, up to the limit in EngineAccess;
- * the connection is then given up.
+ * Blocking: publish() and what else sends, see NatsLink.
  */
 class NatsEngine : public Engine {
 public:
@@ -64,37 +63,35 @@ private:
     using Clock = RelayLoop::Clock;
     using ReplyHandler = std::function<void(const std::string* pReply)>; // null: none came
 
-    struct Link; // a connection and its subscriptions
-
     struct Waiting {
         Clock::time_point until;
         ReplyHandler onReply;
+        std::size_t nPlace = 0; // where its answer comes
     };
 
     void keepConnected();
-    std::shared_ptr<Link> connect(std::string& sWhy);
-    void awaitClosed(Link& link);
-    std::shared_ptr<Link> link() const;
+    std::shared_ptr<NatsLink> connect(std::string& sWhy);
+    void attend(NatsLink& link);
+    std::shared_ptr<NatsLink> link() const;
+    bool isFlushed() const;
 
-    void expect(std::uint64_t nTicket, ReplyHandler onReply);
+    void ask(const Message& message, ReplyHandler onReply);
     void request(const std::string& sSubject, const std::string& sText, ReplyHandler onReply);
     void listHostsFrom(std::shared_ptr<std::vector<std::string>> spStreams, HostsHandler onAnswer);
     void lookAt(const std::string& sConsumer, OpenHandler onOpened);
     void create(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened);
-    bool send(const Message& message, const std::string& sReply);
-    void giveUp(Link& link);
+    static bool send(NatsLink& link, const Message& message, const std::string& sReply);
+    bool send(const Message& message, const std::string& sReply = "");
     void settle(std::uint64_t nTicket, const std::string* pReply);
     void failAll();
     void sweep();
 
+    void take(std::size_t nPlace, NatsPointer<natsMsg> owned);
     void takeReply(natsMsg* message);
+    void takeAbsence(std::size_t nPlace);
     void takeArrival(natsMsg* message);
     void takeStatus(natsMsg* message);
-
-    static void onError(natsConnection* connection, natsSubscription*, natsStatus status, void* closure);
-    static void onReplyMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
-    static void onArrivalMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
-    static void onToldMessage(natsConnection*, natsSubscription*, natsMsg* message, void* closure);
+    void complain(const std::string& sText);
 
     RelayLoop& m_loop;
     const EngineAccess m_access;
@@ -111,8 +108,9 @@ private:
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::shared_ptr<Link> m_spLink; // guarded by m_mutex
-    bool m_bStopping = false;       // guarded by m_mutex
+    std::shared_ptr<NatsLink> m_spLink; // guarded by m_mutex
+    bool m_bStopping = false;           // guarded by m_mutex
+    bool m_bFlushed = false;            // guarded by m_mutex
     std::thread m_thread;
 };
 
