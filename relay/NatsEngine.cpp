@@ -300,7 +300,7 @@ void NatsEngine::keepConnected() {
         std::string sWhy;
         if (const std::shared_ptr<NatsLink> spLink = connect(sWhy)) {
             attend(*spLink);
-            sWhy = "the connection was closed";
+            sWhy = spLink->whyClosed();
         }
         m_loop.post([this, sWhy] {
             failAll();

@@ -59,6 +59,12 @@ void NatsLink::awaitClosed() {
     m_changed.wait(lock, [this] { return m_bClosed; });
 }
 
+std::string NatsLink::whyClosed() const {
+    const char* szError = nullptr;
+    natsConnection_GetLastError(m_spConnection.get(), &szError);
+    return szError != nullptr && *szError != '\0' ? szError : "the connection was closed";
+}
+
 std::size_t NatsLink::mostContent() const {
     return static_cast<std::size_t>(natsConnection_GetMaxPayload(m_spConnection.get()));
 }
@@ -172,8 +178,9 @@ void NatsLink::handOn() {
     }
 }
 
+/** With nothing to be written, the client library would take the connection for closed. */
 void NatsLink::flush() {
-    if (m_socket == -1)
+    if (m_socket == -1 || !m_bWriting)
         return;
     natsConnection_ProcessWriteEvent(m_spConnection.get());
     if (m_socket == -1 || m_bForRoom == m_bWriting)

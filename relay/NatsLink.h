@@ -64,6 +64,9 @@ public:
 
     bool isClosed() const { return natsConnection_IsClosed(m_spConnection.get()); }
 
+    /** @return why it was closed, as far as the client library knows. */
+    std::string whyClosed() const;
+
     std::size_t mostContent() const;
 
     /** Subscribes to the answers of an addressee, once, at PREFIX.PLACE.*. @return the place */

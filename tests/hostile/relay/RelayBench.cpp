@@ -297,8 +297,6 @@ std::size_t residentKilobytes(pid_t process) {
     return nKilobytes;
 }
 
-} // namespace
-
 template <typename Sink>
 void serve(Sink& sink, std::size_t nCount) {
     VornCallbackContainer& callbacks = sink.getCallbackContainer();
@@ -307,6 +305,8 @@ void serve(Sink& sink, std::size_t nCount) {
     std::cout << RelayStage::leaseFor("", sink.getCallbackAddress(), spCallback->getId()) << std::endl;
     print(spCallback->await());
 }
+
+} // namespace
 
 KIT_ROLE(bench_sink) {
     RelayStage::enterHost(args.at(0));

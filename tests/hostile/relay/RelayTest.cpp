@@ -73,6 +73,7 @@ public:
             m_engine.publish({sSubject, {}, sContent},
                              [this](VornRelay::Engine::Answer answer, const std::string&) {
                                  nUnknown += answer == VornRelay::Engine::Answer::unknown ? 1 : 0;
+                                 nStored += answer == VornRelay::Engine::Answer::stored ? 1 : 0;
                              });
         });
     }
@@ -80,6 +81,7 @@ public:
     std::atomic<int> nConnected{0};
     std::atomic<int> nLost{0};
     std::atomic<int> nUnknown{0};
+    std::atomic<int> nStored{0};
 
 private:
     void connected() override { ++nConnected; }
@@ -344,6 +346,16 @@ TEST_F(RelayTest, EngineAway_ServicesAreRefusedWhenTooMuchWaits) {
         [&] { return m_stage.run("a", {"status"}).first.find("closed") == std::string::npos; }));
     EXPECT_TRUE(RelayStage::awaitNumbers("log", 250)); // of 16 bytes each
     EXPECT_EQ(RelayStage::history("log", 250).nOutOfOrder, 0U);
+}
+
+TEST_F(RelayTest, LongMessagesOfOneTurn_AreAllStoredThroughOneConnection) {
+    Connection connection(m_stage.access("a"));
+    ASSERT_TRUE(awaitCondition([&] { return connection.nConnected == 1; }));
+    const int nMessages = 8;
+    for (int i = 0; i < nMessages; ++i)
+        connection.publish("vorn.to.b.sink.lease.1", std::string(100'000, 'x'));
+    EXPECT_TRUE(awaitCondition([&] { return connection.nStored == nMessages; }));
+    EXPECT_EQ(connection.nLost, 0);
 }
 
 TEST_F(RelayTest, EngineThatReadsNothing_IsGivenUpAndConnectedToAgain) {
