@@ -118,22 +118,16 @@ TEST_P(VornLibraryCallbackSink_Fork, DestroyedInTheChild_ServesTheParent) {
 
 TEST_P(VornLibraryCallbackSink_Fork, DestroyedInTheChildDuringADelivery_ServesTheParent) {
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
-        entered.open();
-        leave.await();
-        return std::string();
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0));
-    ASSERT_TRUE(entered.await());
+    HeldCallback held;
+    const CallbackPointer callback = addCallback(*sink, held.action());
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(held.awaitEntered());
     EXPECT_EQ(inChild([&] {
                   sink.destroy();
                   return 0;
               }),
               0);
-    leave.open();
+    held.letGoOn();
     EXPECT_TRUE(callback->awaitCalls(1));
     deliver(sink, callback, "");
 }

@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <string>
-#include <type_traits>
 
 #include <VornCertificate.h>
 #include <gtest/gtest.h>
@@ -40,10 +39,6 @@ TEST_F(VornCertificateTest, WithAnyTypeTexts_BothTypesAreZero) {
         EXPECT_EQ(certificate.getKeyType(), 0) << text;
         EXPECT_EQ(VornCertificate::toType(text), 0) << text;
     }
-}
-
-TEST_F(VornCertificateTest, Type_IsASigned32BitInteger) {
-    EXPECT_TRUE((std::is_same_v<VornCertificate::Type, int>));
 }
 
 TEST_F(VornCertificateTest, TheGetters_ReturnTheFieldsThemselves) {

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "Await.h"
 #include "LeakCheckedTest.h"
 
 #include <climits>
@@ -69,20 +68,6 @@ TEST_F(VornNotificationCallbackTest, Callback_HandsTheVeryConnectionOver) {
     EXPECT_EQ(m_connection->refCount(), 1);
 }
 
-TEST_F(VornNotificationCallbackTest, DoCallback_ReadsTheContentFromTheConnection) {
-    m_connection->transfer(7L);
-    m_connection->transfer(VornString("content"));
-    long number = 0;
-    VornString text;
-    m_callback->m_action = [&](ConnectionPointer& connection) {
-        number = connection->receiveLong();
-        text = connection->receiveString();
-    };
-    m_callback->callback(m_connection);
-    EXPECT_EQ(number, 7);
-    EXPECT_EQ(text, "content");
-}
-
 TEST_F(VornNotificationCallbackTest, ItsEvent_IsSetAfterDoCallbackAndNotBefore) {
     bool setInside = true;
     m_callback->m_action = [&](ConnectionPointer&) { setInside = m_callback->wait(0); };
@@ -104,18 +89,6 @@ TEST_F(VornNotificationCallbackTest, ItsEvent_IsSetWhateverDoCallbackDidWithIt) 
     m_callback->m_action = [&](ConnectionPointer&) { m_callback->reset(); };
     m_callback->callback(m_connection);
     EXPECT_EQ(m_callback->wait(0), true);
-}
-
-TEST_F(VornNotificationCallbackTest, AWaitingThread_LearnsThatANotificationHasBeenHandled) {
-    int calls = 0;
-    WatchedThread waiter([&] {
-        m_callback->wait(-1);
-        calls = m_callback->m_calls;
-    });
-    EXPECT_TRUE(awaitBlockedOnLock(waiter.tid()));
-    m_callback->callback(m_connection);
-    EXPECT_TRUE(waiter.join());
-    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(VornNotificationCallbackTest, WhenDoCallbackThrows_TheExceptionPassesAndTheEventStaysUnset) {
@@ -166,30 +139,6 @@ TEST_F(VornNotificationCallbackTest, SetAndCallback_AreCalledThroughTheVirtualTa
     base.callback(m_connection);
     EXPECT_EQ(callback->m_sets, 1);
     EXPECT_EQ(callback->m_calls, 1);
-}
-
-TEST_F(VornNotificationCallbackTest, IsCountedThroughItsObjectBase) {
-    VornObjectBase& object = *m_callback;
-    EXPECT_EQ(object.refCount(), 1);
-    EXPECT_TRUE(object.isA(object.getClassName()));
-    const VornSmartPointer<VornObjectBase> another(&object);
-    EXPECT_EQ(m_callback->refCount(), 2);
-}
-
-TEST_F(VornNotificationCallbackTest, IsDestroyedThroughItsSecondBase) {
-    class Mortal : public Callback {
-    public:
-        explicit Mortal(int& destroyed) : Callback(1), m_destroyed(destroyed) {}
-
-        ~Mortal() override { ++m_destroyed; }
-
-    private:
-        int& m_destroyed;
-    };
-
-    int destroyed = 0;
-    { const VornSmartPointer<VornNotificationCallback> callback(new Mortal(destroyed)); }
-    EXPECT_EQ(destroyed, 1);
 }
 
 TEST_F(VornNotificationCallbackTest, IsAbstractAndCanNeitherBeDefaultedNorCopied) {

@@ -67,10 +67,3 @@ TEST_F(VornProxyDependentIdentifierTest, Order_IsByNameThenByHandle) {
             EXPECT_EQ(ascending[i] < ascending[j], i < j) << "keys " << i << " and " << j;
     }
 }
-
-TEST_F(VornProxyDependentIdentifierTest, EqualNamesAndHandles_AreTheSameKey) {
-    const Key a("pipe:x", 1);
-    const Key b("pipe:x", 1);
-    EXPECT_EQ(a < b, false);
-    EXPECT_EQ(b < a, false);
-}

@@ -69,11 +69,6 @@ TEST_F(VornUtilitiesTest, AnAddressWithAZeroByte_HasOnlyZerosBehindIt) {
     EXPECT_THAT(addressesOf("first"), ElementsAre("0.0.0.0"));
 }
 
-TEST_F(VornUtilitiesTest, Localhost_IsThereforeNotTheLoopbackAddress) {
-    needSandbox("its own hosts file");
-    EXPECT_THAT(addressesOf("localhost"), ElementsAre("127.0.0.0"));
-}
-
 TEST_F(VornUtilitiesTest, ANameWithTwoAddresses_AddsBothInTheResolversOrder) {
     useHostsFile("10.0.5.1 alpha\n10.1.2.3 alpha\n");
     EXPECT_THAT(addressesOf("alpha"), ElementsAre("10.0.0.0", "10.1.2.3"));

@@ -13,7 +13,6 @@
 #include <random>
 #include <string>
 #include <system_error>
-#include <type_traits>
 #include <vector>
 
 #include <VornException.h>
@@ -315,11 +314,6 @@ TEST_F(VornExceptionTest, ThrownHere_IsCaughtByAnotherSharedObject) {
     EXPECT_EQ(catcher([] { throw VornException("here", 17); }), 17);
     EXPECT_EQ(catcher([] { throw Special("derived, and private to this file"); }), 3);
     EXPECT_EQ(catcher([] { throw 5; }), -1);
-}
-
-TEST_F(VornExceptionTest, IsPolymorphicWithAVirtualDestructor) {
-    EXPECT_TRUE(std::is_polymorphic_v<VornException>);
-    EXPECT_TRUE(std::has_virtual_destructor_v<VornException>);
 }
 
 TEST_F(VornExceptionTest, CallStack_ThroughCodeThatBelongsToNoFile_ShowsItsAddressAlone) {

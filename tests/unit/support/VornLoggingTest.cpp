@@ -309,21 +309,6 @@ TEST_F(VornLoggingTest, InAFreshProcess_AccessIsAllowedTheLevelIsOffAndNothingIs
     EXPECT_EQ(child.wait(), 0);
 }
 
-TEST_F(VornLoggingTest, Levels_HaveTheirNumbers) {
-    EXPECT_EQ(VornLogging::cOff, -1);
-    EXPECT_EQ(VornLogging::cUserOutput, 0);
-    EXPECT_EQ(VornLogging::cError, 1);
-    EXPECT_EQ(VornLogging::cWarning, 2);
-    EXPECT_EQ(VornLogging::cInformation, 3);
-    EXPECT_EQ(VornLogging::cVerbose, 4);
-    EXPECT_EQ(VornLogging::cTraceCoreLow, 5);
-    EXPECT_EQ(VornLogging::cTraceApplicationLow, 6);
-    EXPECT_EQ(VornLogging::cTraceCoreHigh, 7);
-    EXPECT_EQ(VornLogging::cTraceApplicationHigh, 8);
-    EXPECT_EQ(VornLogging::cDebug, 9);
-    EXPECT_EQ(VornLogging::cLast, 10);
-}
-
 TEST_F(VornLoggingTest, GetInstance_IsAlwaysTheSame) {
     EXPECT_EQ(&VornLogging::getInstance(), &VornLogging::getInstance());
     VornLogging* others = nullptr;

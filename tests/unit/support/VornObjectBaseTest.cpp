@@ -53,11 +53,6 @@ class VornObjectBaseTest : public LeakCheckedTest {};
 
 } // namespace
 
-TEST_F(VornObjectBaseTest, WhenConstructed_HasCountZero) {
-    const Plain object;
-    EXPECT_EQ(object.refCount(), 0);
-}
-
 TEST_F(VornObjectBaseTest, AddRef_RaisesTheCountByOne) {
     int destroyed = 0;
     auto* object = new Counted(destroyed);
@@ -156,12 +151,6 @@ TEST_F(VornObjectBaseTest, ObjectHandedBetweenThreads_IsDestroyedByTheLastOneAft
         }
         ASSERT_EQ(seen, round);
     }
-}
-
-TEST_F(VornObjectBaseTest, ClassName_IsReadableAndOfTheDynamicType) {
-    const Derived object;
-    const VornObjectBase& base = object;
-    EXPECT_EQ(base.getClassName(), "ObjectBaseTest::Derived");
 }
 
 TEST_F(VornObjectBaseTest, ClassNameOfASecondBase_IsThatOfTheWholeObject) {

@@ -95,11 +95,6 @@ static_assert(noexcept(std::declval<const Pointer&>() == std::declval<const Poin
 
 } // namespace
 
-TEST_F(VornSmartPointerTest, WhenDefaultConstructed_IsEmpty) {
-    const Pointer empty;
-    EXPECT_EQ(static_cast<Recorder*>(empty), nullptr);
-}
-
 TEST_F(VornSmartPointerTest, WhenItTakesANewObject_CountIsOne) {
     const Pointer pointer(make("a"));
     EXPECT_EQ(pointer->refCount(), 1);

@@ -5,7 +5,6 @@
 #include <array>
 #include <random>
 #include <string>
-#include <type_traits>
 
 #include <VornString.h>
 #include <gtest/gtest.h>
@@ -30,11 +29,6 @@ std::string nul(const char* text, std::size_t length) {
 }
 
 } // namespace
-
-TEST_F(VornStringTest, Types_AreTheStandardOnes) {
-    EXPECT_TRUE((std::is_same_v<VornString, std::string>));
-    EXPECT_TRUE((std::is_same_v<VornUString, std::wstring>));
-}
 
 TEST_F(VornStringTest, ToChar_CopiesAndTerminates) {
     VornStringToChar("abc", m_buffer.data(), 10);
