@@ -3,6 +3,7 @@
 #ifndef VORNRELAY_COMMANDS_H
 #define VORNRELAY_COMMANDS_H
 
+#include "NatsAdministration.h"
 #include "RelaySettings.h"
 
 #include <cstdint>
@@ -30,7 +31,7 @@ int takeLease(const std::string& sName, const std::string& sAddress, int nHandle
 int releaseLease(const std::string& sName);
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
             std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas,
-            bool bFixedConsumer, bool bTopics, const std::vector<std::string>& follow);
+            bool bFixedConsumer, const HostRights& rights);
 int removeHost(const RelaySettings& settings, const std::string& sHost);
 int redirect(const RelaySettings& settings, bool bOn);
 int listHosts(const RelaySettings& settings, bool bJson);

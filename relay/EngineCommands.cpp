@@ -63,11 +63,11 @@ std::string exchangeOf(std::uint32_t nLease, const std::vector<std::string>& wor
 
 int addHost(const RelaySettings& settings, const std::string& sHost, const std::vector<std::string>& sendTo,
             std::int64_t nMegabytes, std::int64_t nMessages, std::int64_t nHours, int nReplicas,
-            bool bFixedConsumer, bool bTopics, const std::vector<std::string>& follow) {
-    const std::string sPermissions = permissionsOf(sHost, sendTo, bFixedConsumer, {bTopics, follow});
+            bool bFixedConsumer, const HostRights& rights) {
+    const std::string sPermissions = permissionsOf(sHost, sendTo, bFixedConsumer, rights);
     NatsAdministration engine(settings.access);
     engine.addHost(hostToken(sHost), {nMegabytes << 20, nMessages > 0 ? nMessages : nMegabytes << 10,
-                                      nHours * 3600, nReplicas, bFixedConsumer, 30, bTopics});
+                                      nHours * 3600, nReplicas, bFixedConsumer, 30, rights.bTopics});
     std::printf("%s", sPermissions.c_str());
     return exitDone;
 }

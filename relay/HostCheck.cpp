@@ -5,6 +5,7 @@
 #include "Journal.h"
 #include "NatsAdministration.h"
 
+#include "ForwardSubject.h"
 #include "RelayLoop.h"
 #include "TopicNames.h"
 
@@ -257,6 +258,17 @@ void checkGranted(const RelaySettings& settings, NatsAdministration& engine, Fin
         subjects.push_back(subjectOfTopic(sHost, sTopic));
     for (const auto& [sTopic, sFollowed] : settings.followed)
         subjects.push_back("$JS.API.STREAM.MSG.GET." + streamOfTopics(sFollowed));
+    std::vector<std::string> heard{inboxOf(settings.access) + ".>", "vorn.gone.*"};
+    for (const auto& [sTopic, sFollowed] : settings.followed)
+        heard.push_back(subjectOfNews(sFollowed, sTopic));
+    if (!settings.offered.empty()) {
+        subjects.push_back(ForwardSubject{false, "doctor", sHost, "doctor", "doctor"}.text());
+        heard.push_back(ForwardSubject{true, sHost, "*", "*", "*"}.text());
+    }
+    for (const auto& [sService, sAt] : settings.reached) {
+        subjects.push_back(ForwardSubject{true, sAt, sHost, sService, "doctor"}.text());
+        heard.push_back(ForwardSubject{false, sHost, sAt, sService, "*"}.text());
+    }
     for (const std::string& sSubject : subjects) {
         if (!engine.mayPublishTo(sSubject))
             findings.bad("this host may not publish to " + sSubject, cGrant);
@@ -264,9 +276,6 @@ void checkGranted(const RelaySettings& settings, NatsAdministration& engine, Fin
     const std::string sReceipt = "$JS.ACK.hub.account.VORN_TO_" + sHost + ".relay.1.1.1.1.0";
     if (settings.bReceive && !engine.mayPublishTo(sReceipt))
         findings.warn("this host may not acknowledge where servers name domain and account", cGrant);
-    std::vector<std::string> heard{inboxOf(settings.access) + ".>", "vorn.gone.*"};
-    for (const auto& [sTopic, sFollowed] : settings.followed)
-        heard.push_back(subjectOfNews(sFollowed, sTopic));
     for (const std::string& sSubject : heard) {
         if (!engine.mayListenTo(sSubject))
             findings.bad("this host may not subscribe to " + sSubject, cGrant);
@@ -278,6 +287,8 @@ void checkForbidden(const RelaySettings& settings, NatsAdministration& engine, F
     const std::string sOwnStream = "VORN_TO_" + settings.access.sHost;
     std::vector<std::string> forbidden{"vorn.dead.doctor",
                                        "vorn.gone.doctor",
+                                       "vorn.reach.doctor.doctor.doctor.doctor",
+                                       "vorn.offer.doctor.doctor.doctor.doctor",
                                        "$JS.ACK.VORN_TO_doctor.relay.1.1.1.1.0",
                                        "$JS.ACK.hub.account.VORN_TO_doctor.relay.1.1.1.1.0",
                                        "$JS.API.STREAM.CREATE.VORN_doctor",
@@ -296,6 +307,11 @@ void checkForbidden(const RelaySettings& settings, NatsAdministration& engine, F
     }
     if (engine.mayListenTo("vorn.to.>"))
         findings.warn("this host may read what is sent to all others", cRevoke);
+    for (const char* szSubject : {"vorn.reach.doctor.>", "vorn.offer.doctor.>"}) {
+        if (engine.mayListenTo(szSubject))
+            findings.warn(std::string("this host may read what other hosts' connections carry: ") + szSubject,
+                          cRevoke);
+    }
     if (engine.mayListenTo("_INBOX_doctor.>"))
         findings.warn("this host may read the answers to others: _INBOX_doctor.>", cRevoke);
     if (findings.count() == nBefore)

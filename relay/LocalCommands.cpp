@@ -97,6 +97,12 @@ int printStatus(bool bJson) {
                     textOf(topic["address"]).c_str(), textOf(topic["state"]).c_str(),
                     textOf(topic["position"]).c_str(), sFailure.empty() ? "" : ", ", sFailure.c_str());
     }
+    for (const Json& service : status["services"]) {
+        const std::string sFailure = textOf(service["failure"]);
+        std::printf("service %s at %s: %s, %s connections%s%s\n", textOf(service["service"]).c_str(),
+                    textOf(service["address"]).c_str(), textOf(service["state"]).c_str(),
+                    textOf(service["connections"]).c_str(), sFailure.empty() ? "" : ", ", sFailure.c_str());
+    }
     if (const Json& stream = status["stream"]; stream.is_object())
         std::printf("stream: %s messages, %s of %s bytes\n", textOf(stream["messages"]).c_str(),
                     textOf(stream["bytes"]).c_str(), textOf(stream["limit"]).c_str());

@@ -33,8 +33,7 @@ struct Options {
     std::int64_t nHours = 0;
     int nReplicas = 0;
     std::string sConsumer = "own";
-    bool bTopics = false;
-    std::vector<std::string> follow;
+    HostRights rights;
     std::uint64_t nPosition = 0; // 0: all
     std::int64_t nLease = 0;
     std::vector<std::string> values;
@@ -98,7 +97,7 @@ void addHosts(CLI::App& app, Options& options, Runner& runner) {
             runner, [&] {
                 return addHost(options.settings(), options.sHost, options.sendTo, options.nMegabytes,
                                options.nMessages, options.nHours, options.nReplicas,
-                               options.sConsumer == "fixed", options.bTopics, options.follow);
+                               options.sConsumer == "fixed", options.rights);
             });
     adding->add_option("HOST", options.sHost, "Name of the host")->required();
     adding->add_option("--send-to", options.sendTo,
@@ -120,8 +119,11 @@ void addHosts(CLI::App& app, Options& options, Runner& runner) {
             "own: the host creates its consumers; fixed: they are created now, for a host that is not "
             "trusted")
         ->check(CLI::IsMember({"own", "fixed"}));
-    adding->add_flag("--topics", options.bTopics, "It has topics: create the stream that keeps them");
-    adding->add_option("--follow", options.follow, "Hosts whose topics it may follow");
+    adding->add_flag("--topics", options.rights.bTopics, "It has topics: create the stream that keeps them");
+    adding->add_option("--follow", options.rights.follow, "Hosts whose topics it may follow");
+    adding->add_flag("--offer", options.rights.bOffer, "Its services may be reached from other hosts");
+    adding->add_option("--reach", options.rights.reach,
+                       "Services of other hosts that it may reach, NAME@HOST");
     add(*hosts, "remove", "Remove a host's stream, and all that waits in it", runner,
         [&] { return removeHost(options.settings(), options.sHost); })
         ->add_option("HOST", options.sHost, "Name of the host")

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "NatsAdministration.h"
 
+#include "ForwardSubject.h"
 #include "RelaySettings.h"
 #include "StoredText.h"
 #include "TopicNames.h"
@@ -254,7 +255,7 @@ void NatsAdministration::addConsumer(const std::string& sHost, const std::string
 }
 
 std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo,
-                          bool bFixedConsumer, const TopicRights& topics) {
+                          bool bFixedConsumer, const HostRights& rights) {
     std::vector<std::string> publish{"$JS.API.INFO"};
     for (const std::string& sTo : sendTo)
         publish.push_back("vorn.to." + (sTo == "*" ? sTo : hostToken(sTo)) + ".>");
@@ -274,15 +275,24 @@ std::string permissionsOf(const std::string& sHost, const std::vector<std::strin
     publish.push_back("$JS.ACK.*.*." + sStream + ".*.*.*.*.*.>");
     publish.push_back("vorn.dead." + sToken);
     publish.push_back("vorn.gone." + sToken);
-    if (topics.bOwn) {
+    if (rights.bTopics) {
         publish.push_back(subjectOfTopic(sToken, ">"));
         publish.push_back(subjectOfNews(sToken, ">"));
         publish.push_back("$JS.API.STREAM.MSG.GET." + streamOfTopics(sToken));
     }
     std::vector<std::string> subscribe{"_INBOX_" + sToken + ".>", "vorn.gone.*"};
-    for (const std::string& sFollowed : topics.follow) {
+    for (const std::string& sFollowed : rights.follow) {
         publish.push_back("$JS.API.STREAM.MSG.GET." + streamOfTopics(hostToken(sFollowed)));
         subscribe.push_back(subjectOfNews(hostToken(sFollowed), ">"));
+    }
+    if (rights.bOffer) {
+        publish.push_back(ForwardSubject{false, "*", sToken, "*", "*"}.text());
+        subscribe.push_back(ForwardSubject{true, sToken, "*", "*", "*"}.text());
+    }
+    for (const std::string& sReached : rights.reach) {
+        const auto [sService, sAt] = serviceAtHost(sReached);
+        publish.push_back(ForwardSubject{true, sAt, sToken, sService, "*"}.text());
+        subscribe.push_back(ForwardSubject{false, sToken, sAt, sService, "*"}.text());
     }
     std::string sText = "{\n  user: \"" + sHost + "\"\n  permissions: {\n    publish: [\n";
     for (const std::string& sSubject : publish)

@@ -102,10 +102,12 @@ private:
     NatsPointer<natsConnection> m_spConnection;
 };
 
-/** Which topics a host needs permissions for. */
-struct TopicRights {
-    bool bOwn = false;               ///< those of its services
-    std::vector<std::string> follow; ///< those of these hosts
+/** What a host needs permissions for besides notifications. */
+struct HostRights {
+    bool bTopics = false;            ///< topics of its services
+    std::vector<std::string> follow; ///< topics of these hosts
+    bool bOffer = false;             ///< its services are reached by other hosts
+    std::vector<std::string> reach;  ///< services of other hosts, NAME@HOST
 };
 
 /**
@@ -113,10 +115,10 @@ struct TopicRights {
  * @param sHost its name, which is the DNS name in its certificate and may have dots
  * @param sendTo hosts that it may notify; "*" for all, and then it may also see which there are
  * @param bFixedConsumer it creates no consumers, and so names no subject for the engine to deliver to
- * @param topics which ones it has, and which it follows; names of hosts as above
+ * @param rights names of hosts as above
  */
 std::string permissionsOf(const std::string& sHost, const std::vector<std::string>& sendTo,
-                          bool bFixedConsumer = false, const TopicRights& topics = {});
+                          bool bFixedConsumer = false, const HostRights& rights = {});
 
 } // namespace VornRelay
 

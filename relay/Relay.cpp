@@ -94,7 +94,7 @@ Relay::Relay(RelaySettings settings, std::string sSettingsFile)
                                                                              "/boot"),
                                                               0},
       m_engine(m_loop, m_settings.access, m_settings.publishTimeout, *this),
-      m_topics(m_loop, m_engine, m_settings),
+      m_topics(m_loop, m_engine, m_settings), m_services(m_loop, m_engine, m_settings),
       m_control(m_loop, "relay", [this](const ControlRequest& request) { return answer(request); }) {
     g_nLogLevel.store(m_settings.nLogLevel, std::memory_order_relaxed);
     if (m_settings.bReceive)
@@ -136,6 +136,7 @@ void Relay::connected() {
     if (m_spDelivery)
         m_spDelivery->setConnected(true);
     m_topics.setConnected(true);
+    m_services.setConnected(true);
     askEngine();
 }
 
@@ -155,6 +156,7 @@ void Relay::disconnected(const std::string& sWhy) {
     if (m_spDelivery)
         m_spDelivery->setConnected(false);
     m_topics.setConnected(false);
+    m_services.setConnected(false);
 }
 
 void Relay::arrived(Engine::Arrival&& arrival) {
@@ -173,6 +175,8 @@ void Relay::consumerLost(const std::string& sConsumer) {
 }
 
 void Relay::told(const std::string& sSubject, const std::string& sText) {
+    if (m_services.told(sSubject, sText))
+        return;
     m_topics.told(sSubject);
     const auto found = m_hosts.find(sSubject.substr(sSubject.rfind('.') + 1));
     std::uint32_t nLease = 0;
@@ -358,6 +362,7 @@ void Relay::beginToStop() {
     logLine(LogLevel::change, "stopping");
     m_control.close();
     closePipes();
+    m_services.stop();
     if (m_spDelivery)
         m_spDelivery->stop();
 }
@@ -486,7 +491,8 @@ std::string Relay::status() {
                 {"hosts", hosts},
                 {"sinks", sinks()},
                 {"stream", stream},
-                {"topics", m_topics.status()}}
+                {"topics", m_topics.status()},
+                {"services", m_services.status()}}
         .dump();
 }
 
@@ -502,6 +508,7 @@ std::string Relay::metrics() {
     for (const auto& [szName, nValue] : gauges)
         printMetric(sText, szName, "gauge", std::to_string(nValue));
     printMetric(sText, "repeated_total", "counter", std::to_string(repeated()));
+    m_services.printMetrics(sText);
     if (m_spDelivery)
         m_spDelivery->printOldest(sText);
     if (m_fill) {

@@ -9,6 +9,7 @@
 #include "RedirectPort.h"
 #include "RelayCounters.h"
 #include "RelayLoop.h"
+#include "RelayServices.h"
 #include "RelaySettings.h"
 #include "RelayTopics.h"
 #include "RemoteHost.h"
@@ -85,6 +86,7 @@ private:
     NotificationNumber m_number;
     NatsEngine m_engine;
     RelayTopics m_topics;
+    RelayServices m_services;
     std::unique_ptr<SinkDelivery> m_spDelivery;
     std::map<std::string, std::unique_ptr<RemoteHost>> m_hosts;
     std::optional<RedirectPort> m_redirectPort;

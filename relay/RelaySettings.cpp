@@ -95,25 +95,39 @@ std::string topicName(const std::string& sTopic) {
     return sTopic;
 }
 
+/** @return the name. @throws std::invalid_argument for one that is none */
+std::string serviceName(const std::string& sService) {
+    if (!VornNet::Wire::isTopic(sService) || sService.find('.') != std::string::npos)
+        throw std::invalid_argument("not a service's name: letters, digits, '-' and '_'");
+    return sService;
+}
+
+using NameReader = std::string (*)(const std::string& sName);
+using AtHost = std::pair<std::string, std::string>; // a name and a host
+
 /** Takes NAME=ADDRESS, once or several times. */
-void addTopics(const std::string& sText, std::map<std::string, std::string>& topics) {
+void addNamed(const std::string& sText, NameReader readName, std::map<std::string, std::string>& addresses) {
     for (const std::string& sWord : wordsOf(sText)) {
         const std::size_t nEqual = sWord.find('=');
         if (nEqual == std::string::npos)
             throw std::invalid_argument("not NAME=ADDRESS");
-        topics[topicName(sWord.substr(0, nEqual))] = sWord.substr(nEqual + 1);
+        addresses[readName(sWord.substr(0, nEqual))] = sWord.substr(nEqual + 1);
     }
 }
 
+AtHost atHost(const std::string& sText, NameReader readName) {
+    const std::size_t nAt = sText.find('@');
+    if (nAt == std::string::npos)
+        throw std::invalid_argument("not NAME@HOST");
+    return {readName(sText.substr(0, nAt)), hostToken(sText.substr(nAt + 1))};
+}
+
 /** Takes NAME@HOST, once or several times. */
-void addFollowed(const std::string& sText, std::vector<std::pair<std::string, std::string>>& followed) {
+void addAtHost(const std::string& sText, NameReader readName, std::vector<AtHost>& list) {
     for (const std::string& sWord : wordsOf(sText)) {
-        const std::size_t nAt = sWord.find('@');
-        if (nAt == std::string::npos)
-            throw std::invalid_argument("not NAME@HOST");
-        const std::pair added(topicName(sWord.substr(0, nAt)), hostToken(sWord.substr(nAt + 1)));
-        if (std::find(followed.begin(), followed.end(), added) == followed.end())
-            followed.push_back(added);
+        const AtHost added = atHost(sWord, readName);
+        if (std::find(list.begin(), list.end(), added) == list.end())
+            list.push_back(added);
     }
 }
 
@@ -193,8 +207,10 @@ void RelaySettings::take(const std::string& sKey, const std::string& sValue) {
         {"consumer", [&] { access.bFixedConsumer = isFixed(sValue); }},
         {"redirect-port", [&] { nRedirectPort = static_cast<std::uint16_t>(numberOf(sValue, 1, 65535)); }},
         {"redirect-address", [&] { addAddresses(sValue, redirectAddresses); }},
-        {"topic", [&] { addTopics(sValue, topics); }},
-        {"follow", [&] { addFollowed(sValue, followed); }},
+        {"topic", [&] { addNamed(sValue, &topicName, topics); }},
+        {"follow", [&] { addAtHost(sValue, &topicName, followed); }},
+        {"offer", [&] { addNamed(sValue, &serviceName, offered); }},
+        {"reach", [&] { addAtHost(sValue, &serviceName, reached); }},
         {"hold-bytes", [&] { nHoldBytes = numberOf(sValue, 1); }},
         {"state-directory", [&] { sStateDirectory = sValue; }},
         {"metrics", [&] { sMetrics = sValue; }},
@@ -224,6 +240,10 @@ void RelaySettings::check() const {
         throw SettingsError("certificate and key belong together");
     if (!access.sCertificate.empty() && access.sCa.empty())
         throw SettingsError("certificate without ca");
+    for (const auto& [sName, sHost] : reached) {
+        if (std::find(followed.begin(), followed.end(), AtHost(sName, sHost)) != followed.end())
+            throw SettingsError("reach and follow are both for the pipe " + sName + "@" + sHost);
+    }
 }
 
 std::string hostToken(const std::string& sHost) {
@@ -235,6 +255,10 @@ std::string hostToken(const std::string& sHost) {
     if (sToken.empty() || sToken.size() > cLongestToken || !bIsPlain)
         throw std::invalid_argument("not a host's name: letters, digits, '-' and '.'");
     return sToken;
+}
+
+std::pair<std::string, std::string> serviceAtHost(const std::string& sText) {
+    return atHost(sText, &serviceName);
 }
 
 } // namespace VornRelay

@@ -43,6 +43,8 @@ struct RelaySettings {
     std::map<std::string, std::string> redirectAddresses; ///< by host, also the own one
     std::map<std::string, std::string> topics; ///< of this host's services: by name the publisher's address
     std::vector<std::pair<std::string, std::string>> followed; ///< topic and host
+    std::map<std::string, std::string> offered;                ///< services of this host: by name the address
+    std::vector<std::pair<std::string, std::string>> reached;  ///< service and host
     std::size_t nHoldBytes = 64UL * 1024 * 1024;               ///< most bytes that wait for the engine
     std::string sStateDirectory = "/var/lib/vornnet-relay";
     std::string sMetrics; ///< socket file, empty for none
@@ -71,6 +73,9 @@ struct RelaySettings {
  * @throws std::invalid_argument for any other character, and a name of more than 190
  */
 std::string hostToken(const std::string& sHost);
+
+/** @return the name and the host's token of NAME@HOST. @throws std::invalid_argument for any other text */
+std::pair<std::string, std::string> serviceAtHost(const std::string& sText);
 
 } // namespace VornRelay
 

@@ -8,7 +8,7 @@ _vornnet_relay_options()
     case $1 in
         status | leases | 'hosts list' | 'dead list') echo --json --config --help ;;
         notify) echo --id --config --help ;;
-        'hosts add') echo --send-to --consumer --megabytes --messages --hours --replicas --topics --follow --config --help ;;
+        'hosts add') echo --send-to --consumer --megabytes --messages --hours --replicas --topics --follow --offer --reach --config --help ;;
         '') echo --config --help --version ;;
         *) echo --config --help ;;
     esac
@@ -31,7 +31,7 @@ _vornnet_relay()
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     for ((i = 1; i < cword; ++i)); do
         case ${words[i]} in
-            --config | --id | --send-to | --consumer | --megabytes | --messages | --hours | --replicas | --follow) ((++i)) ;;
+            --config | --id | --send-to | --consumer | --megabytes | --messages | --hours | --replicas | --follow | --reach) ((++i)) ;;
             -*) ;;
             *)
                 if [[ -z $command ]]; then
@@ -45,7 +45,7 @@ _vornnet_relay()
     case $prev in
         --config) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
         --consumer) mapfile -t COMPREPLY < <(compgen -W 'own fixed' -- "$cur") ;;
-        --id | --send-to | --megabytes | --messages | --hours | --replicas | --follow) COMPREPLY=() ;;
+        --id | --send-to | --megabytes | --messages | --hours | --replicas | --follow | --reach) COMPREPLY=() ;;
         *)
             if [[ $cur == -* ]]; then
                 mapfile -t COMPREPLY < <(compgen -W "$(_vornnet_relay_options "$command")" -- "$cur")

@@ -588,8 +588,9 @@ void RelayStage::configureEngine(int nServer) const {
          << serverFile(".log", nServer) << "\"\njetstream { store_dir: \"" << serverFile("", nServer)
          << "\" }\n"
          << sTls << "verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
-         << VornRelay::permissionsOf("a", {"b", "c"}, false, {true, {}})
-         << VornRelay::permissionsOf("b", {"*"}, m_setup.bFixedConsumer, {false, {"a"}})
+         << VornRelay::permissionsOf("a", {"b", "c"}, false, {true, {}, true, {}})
+         << VornRelay::permissionsOf("b", {"*"}, m_setup.bFixedConsumer,
+                                     {false, {"a"}, false, {"typed@a", "plain@a"}})
          << VornRelay::permissionsOf("c.example", {"a"}) << "] }\n"
          << m_setup.sMore;
     if (m_setup.nServers == 1)

@@ -480,15 +480,29 @@ TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
         {"publish", "$JS.API.STREAM.MSG.GET.VORN_TOPIC_b", false},
         {"publish", "$JS.API.STREAM.MSG.GET.VORN_TO_a", false},
         {"subscribe", "vorn.news.b.builds", false},
+        {"publish", "vorn.offer.b.a.plain.1", true},
+        {"publish", "vorn.offer.b.b.plain.1", false},
+        {"publish", "vorn.reach.a.a.plain.1", false},
+        {"subscribe", "vorn.reach.a.b.plain.1", true},
+        {"subscribe", "vorn.reach.b.a.plain.1", false},
+        {"subscribe", "vorn.offer.a.b.plain.1", false},
     };
     for (const Attempt& attempt : attempts) {
         SCOPED_TRACE(std::string(attempt.szKind) + " " + attempt.sSubject);
         EXPECT_EQ(isAllowed(m_stage.access("a"), attempt.szKind, attempt.sSubject), attempt.bAllowed);
     }
     EXPECT_TRUE(isAllowed(m_stage.access("c.example"), "publish", "vorn.dead.c_example"));
+    EXPECT_TRUE(isAllowed(m_stage.access("b"), "publish", "vorn.reach.a.b.plain.1"));
+    EXPECT_FALSE(isAllowed(m_stage.access("b"), "publish", "vorn.reach.a.b.other.1"));
+    EXPECT_FALSE(isAllowed(m_stage.access("b"), "subscribe", "vorn.offer.b.a.other.1"));
     const std::string sPrinted =
-        m_stage.runAsAdministrator("a", {"hosts", "add", "c.example", "--send-to", "a.example"}).first;
-    for (const char* szPart : {"user: \"c.example\"", "\"vorn.to.a_example.>\"", "\"_INBOX_c_example.>\""})
+        m_stage
+            .runAsAdministrator("a", {"hosts", "add", "c.example", "--send-to", "a.example", "--offer",
+                                      "--reach", "plain@a.example"})
+            .first;
+    for (const char* szPart :
+         {"user: \"c.example\"", "\"vorn.to.a_example.>\"", "\"_INBOX_c_example.>\"",
+          "\"vorn.reach.c_example.*.*.*\"", "\"vorn.reach.a_example.c_example.plain.*\""})
         EXPECT_THAT(sPrinted, HasSubstr(szPart));
 }
 
@@ -709,6 +723,12 @@ TEST_F(RelayTest, Doctor_FindsEachMisconfiguration) {
         {"b", "follow = x@c\ntopic = x=pipe:x\n", "may not publish to vorn.topic.b.x"},
         {"b", "follow = x@c\ntopic = x=pipe:x\n", "may not publish to $JS.API.STREAM.MSG.GET.VORN_TOPIC_c"},
         {"b", "follow = x@c\ntopic = x=pipe:x\n", "may not subscribe to vorn.news.c.x"},
+        {"b", "offer = x=pipe:x\nreach = y@c\n", "may not publish to vorn.offer.doctor.b.doctor.doctor"},
+        {"b", "offer = x=pipe:x\nreach = y@c\n", "may not subscribe to vorn.reach.b.*.*.*"},
+        {"b", "offer = x=pipe:x\nreach = y@c\n", "may not publish to vorn.reach.c.b.y.doctor"},
+        {"b", "offer = x=pipe:x\nreach = y@c\n", "may not subscribe to vorn.offer.b.c.y.*"},
+        {"b", "certificate = " + path("admin.pem") + "\nkey = " + path("admin.key") + "\n",
+         "warning  this host may read what other hosts' connections carry"},
         {"a", "send-to = b, d\n", "problem  this host may not publish to vorn.to.d.sink.lease.0"},
     };
     std::map<std::string, std::string> outputs; // rows that differ only in what is looked for share one

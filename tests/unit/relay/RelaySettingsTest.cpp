@@ -40,7 +40,8 @@ TEST_F(RelaySettingsTest, Keys_AreTaken) {
              "send-to = south.example east\nreceive = no\nwindow = 256\npatience = 5\n"
              "on-slow = block\nhold-bytes = 1000\n"
              "topic = builds=pipe:buildd, j.1=socket:127.0.0.1:7\ntopic = k=pipe:k\n"
-             "follow = x@south.example y@east\nfollow = y@east\n");
+             "follow = x@south.example y@east\nfollow = y@east\n"
+             "offer = p=pipe:p q_1=socket:127.0.0.1:7\nreach = x@east, r@south.example\n");
     EXPECT_EQ(settings.access.sHost, "north_example");
     EXPECT_THAT(settings.access.servers, ElementsAre("tls://x:1", "tls://y:2"));
     EXPECT_THAT(settings.sendTo, ElementsAre("south_example", "east"));
@@ -52,6 +53,8 @@ TEST_F(RelaySettingsTest, Keys_AreTaken) {
     EXPECT_THAT(settings.topics, ElementsAre(Pair("builds", "pipe:buildd"), Pair("j.1", "socket:127.0.0.1:7"),
                                              Pair("k", "pipe:k")));
     EXPECT_THAT(settings.followed, ElementsAre(Pair("x", "south_example"), Pair("y", "east")));
+    EXPECT_THAT(settings.offered, ElementsAre(Pair("p", "pipe:p"), Pair("q_1", "socket:127.0.0.1:7")));
+    EXPECT_THAT(settings.reached, ElementsAre(Pair("x", "east"), Pair("r", "south_example")));
 }
 
 TEST_F(RelaySettingsTest, Additions_AreReadInTheOrderOfTheirNames) {
@@ -82,6 +85,11 @@ TEST_F(RelaySettingsTest, WhatIsWrong_IsSaidWithFileAndLine) {
         {"follow = builds", "not NAME@HOST"},
         {"follow = builds.@a", "not a topic's name"},
         {"follow = builds@a>", "not a host's name"},
+        {"offer = a.b=pipe:x", "not a service's name"},
+        {"offer = buildd", "not NAME=ADDRESS"},
+        {"reach = buildd", "not NAME@HOST"},
+        {"reach = *@a", "not a service's name"},
+        {"host = a\nservers = x\nreach = x@b\nfollow = x@b", "both for the pipe x@b"},
         {"servers = x", "host is missing"},
         {"host = a", "servers is missing"},
         {"host = a\nservers = x\ncertificate = c", "certificate and key belong together"},
