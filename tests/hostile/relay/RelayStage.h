@@ -52,6 +52,9 @@ public:
     /** @return what the engine's program says of its version, such as "2.9.10". */
     static std::string engineVersion();
 
+    /** @return why a cluster of this version cannot be tried; empty when it can. */
+    static std::string faultOfClusters();
+
     /** Gives a host a network of its own, where the engine is called "engine". Its relay must not run yet.
      * @param delay what the network adds to each way */
     void separateNetwork(const std::string& sHost,
@@ -66,7 +69,7 @@ public:
     /** Has a server hand over what it leads, and awaits its end. */
     void retireEngine(int nServer);
 
-    /** Awaits that all servers have all that the others have. */
+    /** Awaits that all servers of a cluster have the stream of host `b` as it is. */
     void awaitEngines() const;
 
     /** @return what the engine tells of the stream of host `b`, and of its consumer. */
@@ -148,6 +151,7 @@ public:
 private:
     void createCertificates();
     void configureEngine(int nServer) const;
+    void addHost(const std::string& sHost, const VornRelay::NatsAdministration::Limits& limits) const;
     void connectNetwork(const std::string& sHost, const std::string& sProcess,
                         std::chrono::milliseconds delay);
     static std::pair<std::string, int> runWith(const std::string& sUser, const std::string& sHost,

@@ -2,9 +2,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RelayStage.h"
 
+#include <chrono>
 #include <functional>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -12,63 +14,64 @@ using namespace VornTest;
 
 namespace {
 
-/** A cluster of three, and each stream is on all of them. */
-class ThreeServersTest : public testing::TestWithParam<const char*> {
-protected:
-    void killAndStart(int nServer) {
-        m_stage.killEngine(nServer);
-        m_stage.startEngine(nServer);
-    }
+using Clock = std::chrono::steady_clock;
 
-    RelayStage m_stage{{.nServers = 3}};
+/** What is done to a cluster of three. */
+struct Step {
+    const char* szName;
+    std::function<void()> disturb;
 };
+
+std::vector<Step> stepsFor(RelayStage& stage) {
+    const auto killAndStart = [&stage](const std::vector<int>& servers) {
+        for (const int nServer : servers)
+            stage.killEngine(nServer);
+        for (const int nServer : servers)
+            stage.startEngine(nServer);
+    };
+    const auto replaceInTurn = [&stage] {
+        for (const int nServer : {0, 1, 2}) {
+            stage.retireEngine(nServer);
+            stage.startEngine(nServer);
+            stage.awaitEngines();
+        }
+    };
+    return {{"first killed", [=] { killAndStart({0}); }},
+            {"second killed", [=] { killAndStart({1}); }},
+            {"third killed", [=] { killAndStart({2}); }},
+            {"leader killed", [=, &stage] { killAndStart({stage.leader()}); }},
+            {"all killed",
+             [=] {
+                 killAndStart({0, 1, 2});
+             }},
+            {"each replaced in turn", replaceInTurn}};
+}
+
+class ThreeServersTest : public testing::TestWithParam<const char*> {};
 
 } // namespace
 
 TEST_P(ThreeServersTest, WhicheverIsKilledOrReplaced_NothingIsLostRepeatedOrOutOfOrder) {
-    const struct {
-        const char* szName;
-        std::function<void()> disturb;
-    } steps[] = {
-        {"first killed", [this] { killAndStart(0); }},
-        {"second killed", [this] { killAndStart(1); }},
-        {"third killed", [this] { killAndStart(2); }},
-        {"leader killed", [this] { killAndStart(m_stage.leader()); }},
-        {"all killed",
-         [this] {
-             for (const int nServer : {0, 1, 2})
-                 m_stage.killEngine(nServer);
-             for (const int nServer : {0, 1, 2})
-                 m_stage.startEngine(nServer);
-         }},
-        {"each replaced in turn",
-         [this] {
-             for (const int nServer : {0, 1, 2}) {
-                 m_stage.retireEngine(nServer);
-                 m_stage.startEngine(nServer);
-                 m_stage.awaitEngines();
-             }
-         }},
-    };
-
-    const int nCount = 2000;
-    m_stage.startRelay("a");
-    m_stage.startRelay("b");
-    for (const auto& [szName, disturb] : steps) {
+    if (const std::string sFault = RelayStage::faultOfClusters(); !sFault.empty())
+        GTEST_SKIP() << sFault;
+    const int nCount = 1000;
+    RelayStage stage({.nServers = 3});
+    stage.startRelay("a");
+    stage.startRelay("b");
+    for (const auto& [szName, disturb] : stepsFor(stage)) {
         SCOPED_TRACE(szName);
-        ChildProcess sink = m_stage.startSink("b", "", szName);
-        ChildProcess service = m_stage.startService("a", GetParam(), sink.readLine(), nCount);
+        ChildProcess sink = stage.startSink("b", "", szName);
+        ChildProcess service = stage.startService("a", GetParam(), sink.readLine(), nCount);
         ASSERT_TRUE(RelayStage::awaitNumbers(szName, 100));
-        const auto began = std::chrono::steady_clock::now();
+        const Clock::time_point began = Clock::now();
         disturb();
         EXPECT_TRUE(RelayStage::awaitNumbers(szName, nCount, std::chrono::seconds(90)))
-            << m_stage.run("a", {"status"}).first << m_stage.run("b", {"status"}).first << m_stage.state();
+            << stage.run("a", {"status"}).first << stage.run("b", {"status"}).first << stage.state();
         EXPECT_EQ(RelayStage::history(szName, nCount), (History{nCount, 0, 0, 0}));
-        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - began;
-        std::cout << szName << ", " << GetParam() << ": "
-                  << testing::PrintToString(RelayStage::history(szName, nCount)) << ", " << time.count()
-                  << " s" << std::endl;
-        m_stage.awaitEngines();
+        const std::chrono::duration<double> time = Clock::now() - began;
+        std::cout << szName << ", " << GetParam() << ": " << nCount << " in " << time.count() << " s"
+                  << std::endl;
+        stage.awaitEngines();
     }
 }
 
