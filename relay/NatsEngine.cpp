@@ -177,9 +177,8 @@ bool readReceipt(std::string_view sReceipt, Engine::Arrival& arrival) {
 } // namespace
 
 NatsEngine::NatsEngine(RelayLoop& loop, EngineAccess access, milliseconds answerLimit, Listener& listener)
-    : m_loop(loop), m_access(std::move(access)), m_sInbox(inboxOf(m_access)),
-      m_sStream(std::string(cStreamPrefix) + m_access.sHost), m_answerLimit(answerLimit),
-      m_listener(listener) {}
+    : m_loop(loop), m_access(std::move(access)), m_sStream(std::string(cStreamPrefix) + m_access.sHost),
+      m_answerLimit(answerLimit), m_listener(listener) {}
 
 NatsEngine::~NatsEngine() {
     stop();
@@ -239,8 +238,9 @@ void NatsEngine::close(const std::string& sConsumer) {
 void NatsEngine::pull(const std::string& sConsumer, std::size_t nCount) {
     const std::string sRequest = "{\"batch\":" + std::to_string(nCount) + ",\"expires\":" +
                                  std::to_string(std::chrono::nanoseconds(cPullLife).count()) + "}";
-    send({"$JS.API.CONSUMER.MSG.NEXT." + m_sStream + "." + sConsumer, {}, sRequest},
-         m_sInbox + ".in." + sConsumer);
+    if (const std::shared_ptr<NatsLink> spLink = link())
+        send(*spLink, {"$JS.API.CONSUMER.MSG.NEXT." + m_sStream + "." + sConsumer, {}, sRequest},
+             spLink->inbox() + ".in." + sConsumer);
 }
 
 milliseconds NatsEngine::pullLife() const {
@@ -313,10 +313,10 @@ void NatsEngine::keepConnected() {
 
 std::shared_ptr<NatsLink> NatsEngine::connect(std::string& sWhy) try {
     const auto spLink = std::make_shared<NatsLink>(
-        m_loop,
+        m_loop, inboxOf(m_access),
         [this](std::size_t nPlace, NatsPointer<natsMsg> message) { take(nPlace, std::move(message)); },
         [this](const std::string& sText) { complain(sText); });
-    std::vector<std::string> subjects{m_sInbox + ".in.>"};
+    std::vector<std::string> subjects{spLink->inbox() + ".in.>"};
     subjects.insert(subjects.end(), m_listenedTo.begin(), m_listenedTo.end());
     spLink->connect(m_access, subjects);
     m_nMostContent.store(spLink->mostContent(), std::memory_order_relaxed);
@@ -377,10 +377,12 @@ void NatsEngine::ask(const Message& message, ReplyHandler onReply) {
     const std::uint64_t nTicket = ++m_nLastTicket;
     Waiting& waiting = m_waiting[nTicket] = {Clock::now() + m_answerLimit, std::move(onReply)};
     const std::shared_ptr<NatsLink> spLink = link();
-    const std::string sInbox = m_sInbox + ".reply";
-    if (spLink)
+    std::string sReply;
+    if (spLink) {
+        const std::string sInbox = spLink->inbox() + ".reply";
         waiting.nPlace = spLink->placeFor(addresseeOf(message.sSubject), sInbox);
-    const std::string sReply = sInbox + "." + std::to_string(waiting.nPlace) + "." + std::to_string(nTicket);
+        sReply = sInbox + "." + std::to_string(waiting.nPlace) + "." + std::to_string(nTicket);
+    }
     if (!spLink || !send(*spLink, message, sReply))
         m_loop.post([this, nTicket] { settle(nTicket, nullptr); });
 }
@@ -441,9 +443,9 @@ void NatsEngine::create(const std::string& sConsumer, const std::string& sFilter
             });
 }
 
-bool NatsEngine::send(const Message& message, const std::string& sReply) {
+bool NatsEngine::send(const Message& message) {
     const std::shared_ptr<NatsLink> spLink = link();
-    return spLink && send(*spLink, message, sReply);
+    return spLink && send(*spLink, message, "");
 }
 
 bool NatsEngine::send(NatsLink& link, const Message& message, const std::string& sReply) {
@@ -525,10 +527,8 @@ void NatsEngine::takeArrival(natsMsg* message) {
 
 void NatsEngine::takeStatus(natsMsg* message) {
     const std::vector<std::string_view> tokens = tokensOf(natsMsg_GetSubject(message));
-    if (tokens.size() < 3)
-        return;
     const std::string sStatus = headerOf(message, "Status");
-    const std::string sConsumer(tokens[2]);
+    const std::string sConsumer(tokens.back());
     if (sStatus == "100")
         return; // a sign of life
     const bool bTimeOut = sStatus == "404" || sStatus == "408";

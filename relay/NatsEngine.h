@@ -81,7 +81,7 @@ private:
     void lookAt(const std::string& sConsumer, OpenHandler onOpened);
     void create(const std::string& sConsumer, const std::string& sFilter, OpenHandler onOpened);
     static bool send(NatsLink& link, const Message& message, const std::string& sReply);
-    bool send(const Message& message, const std::string& sReply = "");
+    bool send(const Message& message);
     void settle(std::uint64_t nTicket, const std::string* pReply);
     void failAll();
     void sweep();
@@ -95,7 +95,6 @@ private:
 
     RelayLoop& m_loop;
     const EngineAccess m_access;
-    const std::string m_sInbox;
     const std::string m_sStream;
     const std::chrono::milliseconds m_answerLimit;
     Listener& m_listener;

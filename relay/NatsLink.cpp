@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <random>
 #include <stdexcept>
 #include <utility>
 
@@ -18,8 +19,11 @@ constexpr int cMostBuffered = 65'536;
 
 } // namespace
 
-NatsLink::NatsLink(RelayLoop& loop, MessageHandler onMessage, ErrorHandler onError)
-    : m_loop(loop), m_onMessage(std::move(onMessage)), m_onError(std::move(onError)) {}
+NatsLink::NatsLink(RelayLoop& loop, const std::string& sPrefix, MessageHandler onMessage,
+                   ErrorHandler onError)
+    : m_loop(loop), m_sInbox(sPrefix + "." + std::to_string(std::random_device()()) +
+                             std::to_string(std::random_device()())),
+      m_onMessage(std::move(onMessage)), m_onError(std::move(onError)) {}
 
 NatsLink::~NatsLink() = default;
 

@@ -45,11 +45,16 @@ public:
     /** Is told what the server refuses, on a thread of the client library. */
     using ErrorHandler = std::function<void(const std::string& sText)>;
 
-    NatsLink(RelayLoop& loop, MessageHandler onMessage, ErrorHandler onError);
+    /** @param sPrefix of the inbox */
+    NatsLink(RelayLoop& loop, const std::string& sPrefix, MessageHandler onMessage, ErrorHandler onError);
     ~NatsLink() override;
 
     NatsLink(const NatsLink&) = delete;
     NatsLink& operator=(const NatsLink&) = delete;
+
+    /** @return where answers and messages come. It is that of this connection alone: what comes late for an
+     * earlier one, also of a relay that was killed, must not be taken for what this one has asked for. */
+    const std::string& inbox() const { return m_sInbox; }
 
     /** Connects and subscribes. Nothing is read before begin(). @throws std::runtime_error, and the
      * connection is closed */
@@ -101,6 +106,7 @@ private:
     void forget();
 
     RelayLoop& m_loop;
+    const std::string m_sInbox;
     const MessageHandler m_onMessage;
     const ErrorHandler m_onError;
     int m_socket = -1; // the client library's; set by the loop's thread only, with m_mutex held

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -395,6 +396,26 @@ TEST_F(RelayTest, RelayWithoutDescriptors_GoesOnWhenItHasSomeAgain) {
     limit("b", 4096);
     EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount)) << m_stage.run("b", {"status"}).first;
     EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, WhatComesLateForAKilledRelay_IsNotTakenByTheNext) {
+    const auto options = VornRelay::optionsFor(m_stage.access("admin"), std::chrono::seconds(5));
+    natsConnection* created = nullptr;
+    ASSERT_EQ(natsConnection_Connect(&created, options.get()), NATS_OK);
+    const VornRelay::NatsPointer<natsConnection> connection(created);
+    natsSubscription* subscribed = nullptr;
+    natsConnection_SubscribeSync(&subscribed, created, "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay");
+    const VornRelay::NatsPointer<natsSubscription> subscription(subscribed);
+    std::string sInbox;
+    for (int nStart = 0; nStart < 2; ++nStart) {
+        m_stage.startRelay("b");
+        natsMsg* message = nullptr;
+        ASSERT_EQ(natsSubscription_NextMsg(&message, subscribed, 10'000), NATS_OK);
+        const VornRelay::NatsPointer<natsMsg> request(message);
+        EXPECT_THAT(natsMsg_GetReply(message), testing::StartsWith("_INBOX_b."));
+        EXPECT_NE(std::exchange(sInbox, natsMsg_GetReply(message)), natsMsg_GetReply(message));
+        m_stage.endRelay("b", SIGKILL);
+    }
 }
 
 TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {
