@@ -220,12 +220,16 @@ TEST_F(RelayServicesTest, WhatGetsLostOnTheWay_ResetsClientAndService) {
 }
 
 TEST_F(RelayServicesTest, ServiceThatCannotBeReached_ResetsTheClientAndIsSaid) {
-    const std::pair<const char*, const char*> rows[] = {
-        {"absent@a", "reset by a: No such file or directory"},
-        {"unknown@a", "reset by a: there is no such service"}};
-    for (const auto& [szPipe, szWhy] : rows) {
-        const UniqueFd client = connect(szPipe);
-        EXPECT_TRUE(awaitCondition([&] { return status(m_spB, szPipe)["failure"] == szWhy; })) << szPipe;
+    struct Row {
+        const char* szPipe;
+        const char* szWhy;
+    };
+
+    for (const Row& row : {Row{"absent@a", "reset by a: No such file or directory"},
+                           Row{"unknown@a", "reset by a: there is no such service"}}) {
+        SCOPED_TRACE(row.szPipe);
+        const UniqueFd client = connect(row.szPipe);
+        EXPECT_TRUE(awaitCondition([&] { return status(m_spB, row.szPipe)["failure"] == row.szWhy; }));
         EXPECT_EQ(endOf(client), 0) << "it has sent nothing";
     }
     EXPECT_EQ(status(m_spA, "absent")["failure"], "No such file or directory");
