@@ -197,20 +197,31 @@ private:
     std::vector<VornRelay::NatsPointer<natsSubscription>> m_subscriptions;
 };
 
-/** By the relay: services on one host, and as many sinks on the other, each for its part of the count. */
-std::pair<Times, Times> runRelay(const std::string& sKind, std::size_t nCount, std::size_t nSize, double gap,
-                                 std::size_t nSinks = 1, const std::string& sSink = "steady") {
-    const std::string sEach = std::to_string(nCount / nSinks);
+/** What is sent, and to whom. */
+struct Job {
+    std::string sKind = "plain"; // of the service: plain or confirmed
+    std::size_t nCount = 0;
+    std::size_t nSize = 100;
+    double gap = 0;
+    std::size_t nSinks = 1; // each gets its part of the count
+    std::string sSink = "steady";
+};
+
+/** By the relay: services on one host, and as many sinks on the other. Or @p bAlone on one host, without it.
+ */
+std::pair<Times, Times> runRelay(const Job& job, bool bAlone = false) {
+    const std::string sEach = std::to_string(job.nCount / job.nSinks);
     std::vector<ChildProcess> sinks;
     std::vector<ChildProcess> services;
-    for (std::size_t n = 0; n < nSinks; ++n)
-        sinks.push_back(ChildProcess::spawnRole("bench_sink", "b", sEach, sSink));
+    for (std::size_t n = 0; n < job.nSinks; ++n)
+        sinks.push_back(
+            ChildProcess::spawnRole("bench_sink", "b", sEach, job.sSink, bAlone ? "address" : "lease"));
     for (ChildProcess& sink : sinks) {
         const std::string sLease = sink.readLine();
         const std::size_t nBlank = sLease.find(' ');
-        services.push_back(ChildProcess::spawnRole("bench_service", "a", sKind, sLease.substr(0, nBlank),
-                                                   sLease.substr(nBlank + 1), sEach, std::to_string(nSize),
-                                                   std::to_string(gap)));
+        services.push_back(ChildProcess::spawnRole("bench_service", bAlone ? "b" : "a", job.sKind,
+                                                   sLease.substr(0, nBlank), sLease.substr(nBlank + 1), sEach,
+                                                   std::to_string(job.nSize), std::to_string(job.gap)));
     }
     std::pair<Times, Times> result;
     for (auto [processes, times] : {std::pair(&services, &result.first), std::pair(&sinks, &result.second)}) {
@@ -247,21 +258,27 @@ double medianOf(Times values) {
 }
 
 /**
- * Rates of the relay and of the engine's client, in turns, so that both have the same machine. A service that
- * waits for each confirmation is compared with a client that waits for each answer.
+ * Rates of the relay, of the engine's client, and of a dispatcher at the same sinks without a relay, which is
+ * the most that they take; in turns, so that all have the same machine. A service that waits for each
+ * confirmation is compared with a client that waits for each answer.
  */
-void compareRates(EngineClient& client, const std::string& sKind, std::size_t nCount, std::size_t nSize,
-                  std::size_t nSinks = 1) {
-    const std::size_t nWindow = sKind == "confirmed" ? 1 : EngineClient::cUsualWindow;
+void compareRates(EngineClient& client, const Job& job) {
+    const std::size_t nWindow = job.sKind == "confirmed" ? 1 : EngineClient::cUsualWindow;
     Times relay;
     Times engine;
+    Times alone;
     for (int nRound = 0; nRound < 5; ++nRound) {
-        relay.push_back(rateOf(runRelay(sKind, nCount, nSize, 0, nSinks)));
-        engine.push_back(rateOf(client.run(nCount, nSize, 0, nWindow)));
+        relay.push_back(rateOf(runRelay(job)));
+        engine.push_back(rateOf(client.run(job.nCount, job.nSize, 0, nWindow)));
+        Job confirmed = job;
+        confirmed.sKind = "confirmed";
+        alone.push_back(rateOf(runRelay(confirmed, true)));
     }
-    std::printf("%-32s %8.0f/s %8.0f/s  ratio %.2f\n",
-                (sKind + ", " + std::to_string(nSize) + " bytes, sinks: " + std::to_string(nSinks)).c_str(),
-                medianOf(relay), medianOf(engine), medianOf(relay) / medianOf(engine));
+    std::printf(
+        "%-32s %8.0f/s %8.0f/s %8.0f/s  ratio %.2f\n",
+        (job.sKind + ", " + std::to_string(job.nSize) + " bytes, sinks: " + std::to_string(job.nSinks))
+            .c_str(),
+        medianOf(relay), medianOf(engine), medianOf(alone), medianOf(relay) / medianOf(engine));
 }
 
 /** Paced at 200 a second, in turns. */
@@ -269,7 +286,7 @@ void compareLatencies(EngineClient& client, const std::string& sSink) {
     std::pair<Times, Times> relay;
     std::pair<Times, Times> engine;
     for (int nRound = 0; nRound < 4; ++nRound) {
-        append(relay, runRelay("plain", 300, 100, 0.005, 1, sSink));
+        append(relay, runRelay({.nCount = 300, .gap = 0.005, .sSink = sSink}));
         append(engine, client.run(300, 100, 0.005));
     }
     for (const double part : {0.5, 0.99})
@@ -297,12 +314,16 @@ std::size_t residentKilobytes(pid_t process) {
     return nKilobytes;
 }
 
+/** @param bAlone no relay is asked for a lease */
 template <typename Sink>
-void serve(Sink& sink, std::size_t nCount) {
+void serve(Sink& sink, std::size_t nCount, bool bAlone) {
     VornCallbackContainer& callbacks = sink.getCallbackContainer();
     const VornSmartPointer<TimingCallback> spCallback = new TimingCallback(callbacks.getNewId(), nCount);
     callbacks.add(&*spCallback);
-    std::cout << RelayStage::leaseFor("", sink.getCallbackAddress(), spCallback->getId()) << std::endl;
+    const VornString sAddress = sink.getCallbackAddress();
+    std::cout << (bAlone ? std::string(sAddress.c_str()) + " " + std::to_string(spCallback->getId())
+                         : RelayStage::leaseFor("", sAddress, spCallback->getId()))
+              << std::endl;
     print(spCallback->await());
 }
 
@@ -311,12 +332,13 @@ void serve(Sink& sink, std::size_t nCount) {
 KIT_ROLE(bench_sink) {
     RelayStage::enterHost(args.at(0));
     const std::size_t nCount = std::stoul(args.at(1));
+    const bool bAlone = args.at(3) == "address";
     if (args.at(2) == "steady") {
         VornSteadySink sink("sink");
-        serve(sink, nCount);
+        serve(sink, nCount, bAlone);
     } else {
         VornLibraryCallbackSink sink("sink");
-        serve(sink, nCount);
+        serve(sink, nCount, bAlone);
     }
     return 0;
 }
@@ -355,12 +377,11 @@ TEST(RelayBench, BesideTheEnginesOwnClient) {
     limits.bFixedConsumer = true;
     administration.addHost("bench", limits);
     EngineClient client(stage.access("admin"));
-    std::printf("%-32s %10s %10s\n", "", "relay", "engine");
-    compareRates(client, "plain", 3000, 100);
-    compareRates(client, "plain", 3000, 100, 10);
-    compareRates(client, "plain", 3000, 4096);
-    compareRates(client, "plain", 300, 65536);
-    compareRates(client, "confirmed", 1000, 100);
+    std::printf("%-32s %10s %10s %10s\n", "", "relay", "engine", "sink");
+    for (const Job& job :
+         {Job{.nCount = 3000}, Job{.nCount = 3000, .nSinks = 10}, Job{.nCount = 3000, .nSize = 4096},
+          Job{.nCount = 300, .nSize = 65'536}, Job{.sKind = "confirmed", .nCount = 1000}})
+        compareRates(client, job);
     for (const char* szSink : {"steady", "plain"})
         compareLatencies(client, szSink);
 }
@@ -373,7 +394,7 @@ TEST(RelayBench, WorkForEachNotification) {
     const std::size_t nCount = 10'000;
     const double sending = workOf(stage.relayProcess("a"));
     const double receiving = workOf(stage.relayProcess("b"));
-    runRelay("plain", nCount, 100, 0);
+    runRelay({.nCount = nCount});
     std::printf("work for each notification: %.0f us where the service is, %.0f us where the sink is\n",
                 (workOf(stage.relayProcess("a")) - sending) / static_cast<double>(nCount),
                 (workOf(stage.relayProcess("b")) - receiving) / static_cast<double>(nCount));
@@ -383,7 +404,7 @@ TEST(RelayBench, MemoryOfLeasesAndHosts) {
     RelayStage stage;
     const std::size_t nLeases = 2000;
     stage.startRelay("b");
-    ChildProcess sink = ChildProcess::spawnRole("bench_sink", "b", "1", "steady");
+    ChildProcess sink = ChildProcess::spawnRole("bench_sink", "b", "1", "steady", "lease");
     sink.readLine();
     const std::size_t nBefore = residentKilobytes(stage.relayProcess("b"));
     ChildProcess leases = ChildProcess::spawnRole("bench_leases", "b", std::to_string(nLeases));
