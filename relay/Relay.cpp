@@ -511,6 +511,7 @@ std::string Relay::metrics() {
     m_services.printMetrics(sText);
     if (m_spDelivery)
         m_spDelivery->printOldest(sText);
+    m_topics.print(sText);
     if (m_fill) {
         printMetric(sText, "stream_messages", "gauge", std::to_string(m_fill->nMessages));
         printMetric(sText, "stream_bytes", "gauge", std::to_string(m_fill->nBytes));

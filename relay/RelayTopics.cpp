@@ -8,7 +8,8 @@
 
 namespace VornRelay {
 
-RelayTopics::RelayTopics(RelayLoop& loop, Engine& engine, const RelaySettings& settings) {
+RelayTopics::RelayTopics(RelayLoop& loop, Engine& engine, const RelaySettings& settings)
+    : m_sHost(settings.access.sHost) {
     for (const auto& [sTopic, sAddress] : settings.topics) {
         try {
             m_sources.push_back(
@@ -44,6 +45,20 @@ nlohmann::json RelayTopics::status() const {
     for (const auto& [sNews, spMirror] : m_mirrors)
         list.push_back(spMirror->status());
     return list;
+}
+
+void RelayTopics::print(std::string& sText) const {
+    std::string sEvents = "# TYPE vornnet_relay_topic_events gauge\n";
+    std::string sFailing = "# TYPE vornnet_relay_topic_failing gauge\n";
+    for (const nlohmann::json& topic : status()) {
+        const std::string sLabel = "{topic=\"" + topic["topic"].get<std::string>() + "\",host=\"" +
+                                   topic.value("host", m_sHost) + "\"} ";
+        const auto position = VornNet::VornPosition::fromText(topic["position"].get<std::string>().c_str());
+        sEvents += "vornnet_relay_topic_events" + sLabel + std::to_string(position.nNumber) + "\n";
+        sFailing += "vornnet_relay_topic_failing" + sLabel +
+                    (topic["failure"].get<std::string>().empty() ? "0" : "1") + "\n";
+    }
+    sText += sEvents + sFailing;
 }
 
 } // namespace VornRelay

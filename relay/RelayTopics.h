@@ -33,7 +33,11 @@ public:
 
     nlohmann::json status() const;
 
+    /** Appends where each topic is and whether something keeps it, as Prometheus reads it. */
+    void print(std::string& sText) const;
+
 private:
+    const std::string m_sHost;
     std::vector<std::unique_ptr<TopicSource>> m_sources;
     std::map<std::string, std::unique_ptr<TopicMirror>> m_mirrors; // by the subject of its news
 };

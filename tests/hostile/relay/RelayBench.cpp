@@ -386,6 +386,29 @@ TEST(RelayBench, BesideTheEnginesOwnClient) {
         compareLatencies(client, szSink);
 }
 
+/** Host `a` may notify many others, which all have a stream with a consumer. */
+TEST(RelayBench, GrowthWithHosts) {
+    RelayStage stage;
+    VornRelay::NatsAdministration administration = stage.administration();
+    VornRelay::NatsAdministration::Limits limits;
+    limits.nBytes = 1024 * 1024;
+    limits.bFixedConsumer = true;
+    std::string sHosts = "send-to = b";
+    stage.startRelay("b");
+    std::printf("%-32s %10s %10s\n", "hosts", "burst", "latency");
+    for (const std::size_t nHosts : {1U, 100U, 500U}) {
+        for (std::size_t n = static_cast<std::size_t>(std::count(sHosts.begin(), sHosts.end(), ','));
+             n + 1 < nHosts; ++n) {
+            administration.addHost("h" + std::to_string(n), limits);
+            sHosts += ",h" + std::to_string(n);
+        }
+        stage.startRelay("a", sHosts + "\n");
+        std::printf("%-32zu %8.0f/s %7.2f ms\n", nHosts, rateOf(runRelay({.nCount = 3000})),
+                    latencyOf(runRelay({.nCount = 300, .gap = 0.005}), 0.5));
+        stage.endRelay("a", SIGTERM);
+    }
+}
+
 /** It hardly depends on what else the machine does. */
 TEST(RelayBench, WorkForEachNotification) {
     RelayStage stage;

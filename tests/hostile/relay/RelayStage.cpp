@@ -461,6 +461,12 @@ std::string RelayStage::logOf(const std::string& sHost) {
     return readTextFile(pathOf("relay-" + sHost + ".log"));
 }
 
+std::string RelayStage::metricsOf(const std::string& sHost) {
+    const UniqueFd client = unixConnect(pathOf("metrics-" + sHost));
+    sendAll(client.get(), "GET /metrics HTTP/1.0\r\n\r\n");
+    return receiveToEnd(client.get());
+}
+
 std::pair<std::string, int> RelayStage::run(const std::string& sHost,
                                             const std::vector<std::string>& arguments) {
     return runWith(sHost, sHost, arguments);

@@ -105,6 +105,9 @@ public:
     /** @return what the relays of a host have written to their log so far. */
     static std::string logOf(const std::string& sHost);
 
+    /** @return what a host's relay tells Prometheus, with the head of the answer. */
+    static std::string metricsOf(const std::string& sHost);
+
     bool hasRelay(const std::string& sHost) const { return m_relays.contains(sHost); }
 
     /** Runs `vornnet-relay` on a host. @return what it prints, and its status */

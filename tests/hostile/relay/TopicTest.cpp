@@ -21,6 +21,7 @@
 using namespace VornNet;
 using namespace VornTest;
 using Json = nlohmann::json;
+using testing::AllOf;
 using testing::HasSubstr;
 
 namespace {
@@ -147,6 +148,11 @@ TEST_F(TopicTest, EventsHaveTheSameNumbersOnTheOtherHost_WhateverIsKilledMeanwhi
                 HasSubstr("topic builds at pipe:buildd: connected, " + sMissed + "\n"));
     EXPECT_THAT(m_stage.run("b", {"status"}).first,
                 HasSubstr("topic builds@a at pipe:builds@a: open, " + sMissed + "\n"));
+    for (const char* szHost : {"a", "b"})
+        EXPECT_THAT(
+            RelayStage::metricsOf(szHost),
+            AllOf(HasSubstr("topic_events{topic=\"builds\",host=\"a\"} " + std::to_string(m_nLast) + "\n"),
+                  HasSubstr("topic_failing{topic=\"builds\",host=\"a\"} 0\n")));
 }
 
 TEST_F(TopicTest, WhatTheServiceDoesNotHaveAnyMore_IsTheSameGapOnBothHosts) {
