@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <fstream>
 #include <sstream>
-#include <system_error>
 
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
@@ -42,13 +41,7 @@ bool isPipe(const std::string& sAddress) {
 } // namespace
 
 std::uint64_t startOfProcess(pid_t process) {
-    std::string sLine;
-    try {
-        sLine = readState("/proc/" + std::to_string(process) + "/stat");
-    } catch (const std::system_error& error) {
-        if (error.code() != std::errc::no_such_process)
-            throw;
-    }
+    const std::string sLine = readState("/proc/" + std::to_string(process) + "/stat");
     // The name of the program comes second, in brackets, and may contain anything.
     const std::size_t nBracket = sLine.rfind(')');
     if (nBracket == std::string::npos)

@@ -33,6 +33,8 @@ std::string readState(const std::string& sPath) {
     std::array<char, 65536> part;
     for (;;) {
         const ssize_t count = ::read(file.number(), part.data(), part.size());
+        if (count == -1 && errno == ESRCH) // of /proc, whose process has just ended
+            return {};
         if (count == -1)
             failWith(sPath);
         if (count == 0)
