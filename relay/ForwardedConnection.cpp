@@ -235,8 +235,12 @@ bool ForwardedConnection::readOnce() {
 /** Takes bytes out that have been seen. */
 void ForwardedConnection::takeOut(std::size_t nBytes) {
     std::array<char, cMostBytes> bytes;
-    for (ssize_t count = 0; nBytes > 0; nBytes -= static_cast<std::size_t>(std::max<ssize_t>(count, 0)))
-        count = System::recv(m_socket.number(), bytes.data(), nBytes, 0);
+    while (nBytes > 0) {
+        const ssize_t count = System::recv(m_socket.number(), bytes.data(), nBytes, 0);
+        if (count == 0 || (count == -1 && errno != EINTR))
+            return; // reset meanwhile, as the next look at it will find
+        nBytes -= static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    }
 }
 
 /** Nothing is in the socket that has not been told. @return whether nothing will come */

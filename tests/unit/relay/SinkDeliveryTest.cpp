@@ -469,6 +469,18 @@ TEST_F(SinkDeliveryTest, WantOfPortsOrDescriptors_DoesNotCountAgainstASink) {
     }
 }
 
+TEST_F(SinkDeliveryTest, WantOfDescriptors_EndsNoLease) {
+    useInterposition();
+    m_settings.patience = std::chrono::milliseconds(1);
+    Client client;
+    const std::uint32_t nLease = grant("", client);
+    const FaultRule fault("socket", EMFILE, 1, 300); // for longer than the patience
+    arrive(nLease, 1);
+    awaitLooks();
+    EXPECT_TRUE(runUntil([&] { return m_counters.nDelivered + m_engine.unanswered() == 1; }));
+    EXPECT_EQ(m_counters.nDelivered, 1U);
+}
+
 TEST_F(SinkDeliveryTest, WhereSlowOnesBlock_NothingBecomesADeadLetter) {
     m_settings.nHeld = 8;
     m_settings.onSlow = RelaySettings::OnSlow::block;
