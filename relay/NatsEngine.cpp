@@ -505,13 +505,17 @@ void NatsEngine::takeReply(natsMsg* message) {
     settle(numberOf(tokensOf(natsMsg_GetSubject(message)).back()), &sReply);
 }
 
-/** Had it been another one of the same place, that is asked for again. */
+/**
+ * It is taken for the newest one. What was published before it may be stored, and its answer under way: if
+ * that were given up, and one after it is stored, it would have to be sent under another number, and come
+ * twice.
+ */
 void NatsEngine::takeAbsence(std::size_t nPlace) {
-    const auto oldest = std::find_if(m_waiting.begin(), m_waiting.end(),
+    const auto newest = std::find_if(m_waiting.rbegin(), m_waiting.rend(),
                                      [&](const auto& entry) { return entry.second.nPlace == nPlace; });
     const std::string sNothing;
-    if (oldest != m_waiting.end())
-        settle(oldest->first, &sNothing);
+    if (newest != m_waiting.rend())
+        settle(newest->first, &sNothing);
 }
 
 void NatsEngine::takeArrival(natsMsg* message) {

@@ -16,6 +16,7 @@ using std::chrono::milliseconds;
 constexpr std::size_t cBatch = 512;
 constexpr milliseconds cLookInterval{1000};
 constexpr milliseconds cRedeliveryMargin{5000};
+constexpr int cPullsUntilLost = 3; // that end silently: a consumer that is there tells of the end of most
 
 } // namespace
 
@@ -60,6 +61,7 @@ void StreamReader::arrived(Engine::Arrival&& arrival) {
     if (found == m_consumers.end())
         return;
     Consumer& consumer = found->second;
+    consumer.heard = RelayLoop::Clock::now();
     if (!consumer.pulls.empty() && --consumer.pulls.front().nLeft == 0)
         consumer.pulls.pop_front();
     const auto [held, bIsNew] = m_held.try_emplace(arrival.nPosition);
@@ -81,6 +83,7 @@ void StreamReader::pullEnded(const std::string& sConsumer) {
     if (found == m_consumers.end())
         return;
     Consumer& consumer = found->second;
+    consumer.heard = RelayLoop::Clock::now();
     if (!consumer.pulls.empty())
         consumer.pulls.pop_front();
     if (consumer.bEnding && consumer.pulls.empty() && consumer.nHeld == 0) {
@@ -181,6 +184,8 @@ void StreamReader::ask(const std::string& sConsumer, Consumer& consumer) {
     const std::size_t nCount = std::min(cBatch, consumer.nMost - nTaken);
     if (nAsked > 0 && nCount < cBatch / 2)
         return;
+    if (consumer.pulls.empty())
+        consumer.heard = now;
     consumer.pulls.push_back({nCount, now});
     m_engine.pull(sConsumer, nCount);
 }
@@ -190,6 +195,8 @@ void StreamReader::look() {
     for (auto& [sConsumer, consumer] : m_consumers) {
         if (m_bConnected && !consumer.bOpen)
             open(sConsumer);
+        if (!consumer.pulls.empty() && now - consumer.heard > cPullsUntilLost * m_engine.pullLife())
+            consumerLost(sConsumer);
         if (consumer.bOpen && consumer.nAwaited > 0 && now > consumer.awaitedUntil)
             handOn(consumer); // they were acknowledged just before
         while (!consumer.pulls.empty() &&

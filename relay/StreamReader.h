@@ -77,6 +77,7 @@ private:
         bool bOpen = false;
         bool bOpening = false;
         bool bEnding = false;
+        RelayLoop::Clock::time_point heard; // when something came last, or was asked for after a pause
         std::uint64_t nAwaited =
             0; // messages up to nHandedOut that have to come before the others are handed on
         std::uint64_t nHandedOut = 0;

@@ -120,6 +120,16 @@ TEST_F(RelayFaultsTest, EngineWithAFullDisk_GoesOnWhenThereIsRoomAgain) {
     ::umount(sStore.c_str());
 }
 
+TEST_F(RelayFaultsTest, ConsumerWithNothingToBring_IsNotTakenForLost) {
+    m_stage.startRelay("b");
+    const auto created = [this] {
+        return m_stage.administration().request("$JS.API.CONSUMER.INFO.VORN_TO_b.relay")["created"];
+    };
+    const auto before = created();
+    std::this_thread::sleep_for(seconds(25)); // one that tells nothing is opened again after 15
+    EXPECT_EQ(created(), before);
+}
+
 TEST(RelayReceiptsTest, ThoseThatNameDomainAndAccount_AreReadAndGranted) {
     const std::string sVersion = RelayStage::engineVersion();
     if (::strverscmp(sVersion.c_str(), "2.14") < 0)

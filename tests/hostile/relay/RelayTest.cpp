@@ -76,6 +76,7 @@ public:
                              [this](VornRelay::Engine::Answer answer, const std::string&) {
                                  nUnknown += answer == VornRelay::Engine::Answer::unknown ? 1 : 0;
                                  nStored += answer == VornRelay::Engine::Answer::stored ? 1 : 0;
+                                 nAbsent += answer == VornRelay::Engine::Answer::absent ? 1 : 0;
                              });
         });
     }
@@ -84,6 +85,7 @@ public:
     std::atomic<int> nLost{0};
     std::atomic<int> nUnknown{0};
     std::atomic<int> nStored{0};
+    std::atomic<int> nAbsent{0};
 
 private:
     void connected() override { ++nConnected; }
@@ -101,6 +103,38 @@ private:
     VornRelay::RelayLoop m_loop;
     VornRelay::NatsEngine m_engine;
     std::thread m_thread;
+};
+
+/** A foreign client of the engine, which hears what others publish to a subject. */
+class Listener {
+public:
+    Listener(const VornRelay::EngineAccess& access, const std::string& sSubject) {
+        const auto options = VornRelay::optionsFor(access, std::chrono::seconds(5));
+        natsConnection* created = nullptr;
+        natsConnection_Connect(&created, options.get());
+        m_connection.reset(created);
+        natsSubscription* subscribed = nullptr;
+        natsConnection_SubscribeSync(&subscribed, created, sSubject.c_str());
+        m_subscription.reset(subscribed);
+        natsConnection_FlushTimeout(created, 5000);
+    }
+
+    /** @return where the answer to the next message is to go. */
+    std::string nextReply() const {
+        natsMsg* message = nullptr;
+        if (natsSubscription_NextMsg(&message, m_subscription.get(), 10'000) != NATS_OK)
+            return "";
+        return natsMsg_GetReply(VornRelay::NatsPointer<natsMsg>(message).get());
+    }
+
+    void publish(const std::string& sSubject, const std::string& sText) const {
+        natsConnection_PublishString(m_connection.get(), sSubject.c_str(), sText.c_str());
+        natsConnection_FlushTimeout(m_connection.get(), 5000);
+    }
+
+private:
+    VornRelay::NatsPointer<natsConnection> m_connection;
+    VornRelay::NatsPointer<natsSubscription> m_subscription;
 };
 
 /** The service manager's end of what a relay tells it. */
@@ -402,23 +436,26 @@ TEST_F(RelayTest, RelayWithoutDescriptors_GoesOnWhenItHasSomeAgain) {
 }
 
 TEST_F(RelayTest, WhatComesLateForAKilledRelay_IsNotTakenByTheNext) {
-    const auto options = VornRelay::optionsFor(m_stage.access("admin"), std::chrono::seconds(5));
-    natsConnection* created = nullptr;
-    ASSERT_EQ(natsConnection_Connect(&created, options.get()), NATS_OK);
-    const VornRelay::NatsPointer<natsConnection> connection(created);
-    natsSubscription* subscribed = nullptr;
-    natsConnection_SubscribeSync(&subscribed, created, "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay");
-    const VornRelay::NatsPointer<natsSubscription> subscription(subscribed);
+    const Listener listener(m_stage.access("admin"), "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay");
     std::string sInbox;
     for (int nStart = 0; nStart < 2; ++nStart) {
         m_stage.startRelay("b");
-        natsMsg* message = nullptr;
-        ASSERT_EQ(natsSubscription_NextMsg(&message, subscribed, 10'000), NATS_OK);
-        const VornRelay::NatsPointer<natsMsg> request(message);
-        EXPECT_THAT(natsMsg_GetReply(message), testing::StartsWith("_INBOX_b."));
-        EXPECT_NE(std::exchange(sInbox, natsMsg_GetReply(message)), natsMsg_GetReply(message));
+        const std::string sReply = listener.nextReply();
+        EXPECT_THAT(sReply, testing::StartsWith("_INBOX_b."));
+        EXPECT_NE(std::exchange(sInbox, sReply), sReply);
         m_stage.endRelay("b", SIGKILL);
     }
+}
+
+TEST_F(RelayTest, WhereNobodyIsThere_ItIsTheNewestThatIsNotStored) {
+    const Listener slow(m_stage.access("admin"), "vorn.to.c.slow");
+    Connection connection(m_stage.access("a"));
+    ASSERT_TRUE(awaitCondition([&] { return connection.nConnected == 1; }));
+    connection.publish("vorn.to.c.slow", "x");
+    connection.publish("vorn.to.c.nobody", "x");
+    EXPECT_TRUE(awaitCondition([&] { return connection.nAbsent == 1; }));
+    slow.publish(slow.nextReply(), "{\"stream\":\"x\",\"seq\":1}");
+    EXPECT_TRUE(awaitCondition([&] { return connection.nStored == 1; }));
 }
 
 TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {

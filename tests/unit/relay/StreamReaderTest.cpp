@@ -95,3 +95,11 @@ TEST_F(StreamReaderTest, PullThatMayEndSilently_IsReplacedBefore) {
     m_reader.pullEnded("relay");
     EXPECT_THAT(m_engine.pulled, ElementsAre(100, 98)) << "the fresh one has not ended";
 }
+
+TEST_F(StreamReaderTest, ConsumerThatTellsNothing_IsOpenedAgain) {
+    m_engine.life = milliseconds(10);
+    m_engine.onConsumerOpened({});
+    EXPECT_TRUE(m_reader.isReading());
+    EXPECT_TRUE(runUntil(m_loop, [&] { return !m_reader.isReading(); }))
+        << "not one of several pulls has ended";
+}
