@@ -10,6 +10,7 @@
 #include <VornProxyDependent.h>
 
 #include <cerrno>
+#include <csignal>
 #include <iostream>
 #include <string>
 #include <system_error>
@@ -161,17 +162,22 @@ TEST_F(ForwardTest, BytesArriveWholeOrAreReset_WhateverHappensToTheEngine) {
     EXPECT_EQ(receiveExactly(acceptClient(listener.get()).get(), 5), "again");
 }
 
-TEST_F(ForwardTest, RelayThatIsKilled_ResetsBothEnds) {
+TEST_F(ForwardTest, RelayThatIsStoppedOrKilled_ResetsBothEnds) {
     const UniqueFd listener = listenAt("a", "plain");
-    const UniqueFd client = connectTo("b", "plain@a");
-    const UniqueFd service = acceptClient(listener.get());
-    sendAll(client.get(), "question");
-    EXPECT_EQ(receiveExactly(service.get(), 8), "question");
-    sendAll(service.get(), "answer");
-    EXPECT_EQ(receiveExactly(client.get(), 6), "answer");
-    m_stage.endRelay("a", SIGKILL);
-    EXPECT_EQ(endOf(service), ECONNRESET);
-    m_stage.startRelay("a", "offer = plain=pipe:plain\n");
-    ::send(client.get(), "more", 4, MSG_NOSIGNAL); // else the next sign of life tells
-    EXPECT_EQ(endOf(client), ECONNRESET);
+    for (const int nSignal : {SIGKILL, SIGTERM}) {
+        SCOPED_TRACE(nSignal);
+        const UniqueFd client = connectTo("b", "plain@a");
+        const UniqueFd service = acceptClient(listener.get());
+        sendAll(client.get(), "question");
+        EXPECT_EQ(receiveExactly(service.get(), 8), "question");
+        sendAll(service.get(), "answer");
+        EXPECT_EQ(receiveExactly(client.get(), 6), "answer");
+        m_stage.endRelay("a", nSignal);
+        EXPECT_EQ(endOf(service), ECONNRESET);
+        if (nSignal == SIGKILL) {
+            m_stage.startRelay("a", "offer = plain=pipe:plain\n");
+            ::send(client.get(), "more", 4, MSG_NOSIGNAL); // else the next sign of life tells
+        }
+        EXPECT_EQ(endOf(client), ECONNRESET);
+    }
 }

@@ -322,6 +322,22 @@ TEST_F(RelayServicesTest, MoreConnectionsThanAllowed_AreRefused) {
     EXPECT_TRUE(awaitNoConnections());
 }
 
+TEST_F(RelayServicesTest, MoreOpeningsThanAllowed_AreRefused) {
+    std::vector<std::string> answers;
+    onLoop([&] {
+        m_fromA.onTell = [&](const std::string& sText) {
+            answers.emplace_back(ForwardPiece::of(sText)->sBytes);
+            return 0;
+        };
+        for (std::size_t i = 0; i <= RelayServices::mostConnections; ++i)
+            m_spA->told(ForwardSubject{true, "a", "b", "svc", std::to_string(i)}.text(),
+                        ForwardPiece{ForwardPiece::opens, 0, 0, ""}.text());
+        return 0;
+    });
+    EXPECT_EQ(answers.back(), "too many connections");
+    EXPECT_EQ(status(m_spA, "svc")["connections"], RelayServices::mostConnections);
+}
+
 TEST_F(RelayServicesTest, NameInUse_IsSaidAndTriedAgain) {
     setConnected(false);
     UniqueFd other = unixListen(pipePath("svc@a"));
