@@ -218,6 +218,10 @@ bool ForwardedConnection::readOnce() {
             reset(textOf(nError));
         return nError == EINTR;
     }
+    if (static_cast<std::size_t>(count) < nLeft) {
+        reset(textOf(ECONNRESET)); // which has thrown away even what was left there
+        return false;
+    }
     const std::size_t nNew = static_cast<std::size_t>(count) - nLeft;
     if (nNew == 0) {
         if (isAtEnd())
