@@ -289,17 +289,9 @@ TEST_F(RelayServicesTest, RelayThatHasStartedAgain_KnowsNoConnectionOfBefore) {
 
 TEST_F(RelayServicesTest, ConnectionThatNobodyReads_HoldsUpNoOther) {
     const UniqueFd hung = connect();
-    const UniqueFd hungService = accept();
-    const std::string sPart(65'536, 'x');
-    ssize_t nSent = 0;
-    EXPECT_FALSE(awaitCondition(
-        [&] {
-            const ssize_t count = ::send(hung.get(), sPart.data(), sPart.size(), MSG_DONTWAIT);
-            nSent += count > 0 ? count : 0;
-            return nSent > 8'000'000;
-        },
-        std::chrono::milliseconds(300)))
-        << "it is held up";
+    UniqueFd hungService = accept();
+    WatchedThread hangs([&] { sendAll(hung.get(), std::string(8'000'000, 'x')); });
+    ASSERT_TRUE(awaitBlockedInIo(hangs.tid()));
     const UniqueFd client = connect();
     const UniqueFd service = accept();
     const std::string sBytes = manyBytes(1'000'000, 3);
@@ -308,6 +300,10 @@ TEST_F(RelayServicesTest, ConnectionThatNobodyReads_HoldsUpNoOther) {
         ::shutdown(client.get(), SHUT_WR);
     });
     EXPECT_EQ(receiveToEnd(service.get()), sBytes);
+    EXPECT_FALSE(hangs.finished());
+    hungService.reset();
+    EXPECT_TRUE(hangs.join());
+    EXPECT_TRUE(hangs.exceptionText()) << "it was reset";
 }
 
 TEST_F(RelayServicesTest, MoreConnectionsThanAllowed_AreRefused) {
