@@ -142,8 +142,8 @@ pid_t tidOfThread(const std::string& name) {
     return tids.empty() ? 0 : tids.front();
 }
 
-std::chrono::milliseconds processorTime(pid_t tid) {
-    const std::string stat = readTextFile("/proc/self/task/" + std::to_string(tid) + "/stat");
+std::chrono::milliseconds processorTime(const std::string& task) {
+    const std::string stat = readTextFile(task + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 1));
     std::string skipped;
     for (int i = 0; i < 11; ++i)

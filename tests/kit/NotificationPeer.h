@@ -55,8 +55,13 @@ std::string onWire(long value);
 /** The system's number of the only thread with this name; 0 if there is none. */
 pid_t tidOfThread(const std::string& name);
 
-/** Processor time that a thread of this process has used. */
-std::chrono::milliseconds processorTime(pid_t tid);
+/** Processor time that a process or a thread has used. @param task its directory in /proc */
+std::chrono::milliseconds processorTime(const std::string& task);
+
+/** The same of a thread of this process. */
+inline std::chrono::milliseconds processorTime(pid_t tid) {
+    return processorTime("/proc/self/task/" + std::to_string(tid));
+}
 
 /** What is left of the connection, read byte by byte until the other side has closed. */
 std::string readToEnd(VornNet::VornConnection& connection);

@@ -203,6 +203,15 @@ std::string bytes(std::string_view hexText) {
     return result;
 }
 
+std::string manyBytes(std::size_t count, unsigned int seed) {
+    std::string result(count, '\0');
+    for (char& byte : result) {
+        seed = seed * 1'664'525 + 1'013'904'223;
+        byte = static_cast<char>(seed >> 24);
+    }
+    return result;
+}
+
 std::string hex(std::string_view data) {
     static const char digits[] = "0123456789abcdef";
     std::string result;

@@ -51,6 +51,9 @@ private:
 /** Bytes written as hexadecimal text, blanks being ignored: bytes("00 01 ff"). */
 std::string bytes(std::string_view hexText);
 
+/** As many bytes, of which no two places are alike. */
+std::string manyBytes(std::size_t count, unsigned int seed);
+
 /** The inverse of bytes(), in lower case, with one blank between bytes. */
 std::string hex(std::string_view data);
 

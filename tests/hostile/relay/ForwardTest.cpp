@@ -61,16 +61,6 @@ int endOf(const UniqueFd& peer) {
     }
 }
 
-/** @return bytes of which no two places are alike. */
-std::string manyBytes(unsigned nSeed) {
-    std::string sBytes(cMany, '\0');
-    for (char& byte : sBytes) {
-        nSeed = nSeed * 1'664'525 + 1'013'904'223;
-        byte = static_cast<char>(nSeed >> 24);
-    }
-    return sBytes;
-}
-
 } // namespace
 
 /** Takes subscriptions: confirms each, and notifies the address that it was given. */
@@ -115,8 +105,8 @@ TEST_F(ForwardTest, ClientSubscribesAtAServiceOfTheOtherHost_AndIsNotifiedThroug
 }
 
 TEST_F(ForwardTest, BytesArriveWholeOrAreReset_WhateverHappensToTheEngine) {
-    const std::string sQuestion = manyBytes(1);
-    const std::string sAnswer = manyBytes(2);
+    const std::string sQuestion = manyBytes(cMany, 1);
+    const std::string sAnswer = manyBytes(cMany, 2);
     const UniqueFd listener = listenAt("a", "plain");
     {
         const UniqueFd client = connectTo("b", "plain@a");

@@ -98,6 +98,15 @@ protected:
         return runUntil(m_loop, [&] { return m_bOver; });
     }
 
+    /** Has the peer read while the loop runs. @return what it has got, and its error */
+    std::pair<std::string, std::string> readUntilTheEnd() {
+        std::pair<std::string, std::string> seen;
+        WatchedThread reader([&] { seen = readAll(m_peer); });
+        EXPECT_TRUE(awaitEnd());
+        reader.join();
+        return seen;
+    }
+
     /** Lets the loop see all that is there now. */
     void runOnce() {
         m_loop.post([this] { m_loop.end(); });
@@ -287,10 +296,7 @@ TEST_F(ForwardedConnectionTest, WhatCameBeforeAReset_IsGivenToASlowReaderFirst) 
     ASSERT_TRUE(awaitBytes("x"));
     give("gone", ForwardPiece::resets);
     EXPECT_FALSE(m_bOver);
-    std::pair<std::string, std::string> seen;
-    WatchedThread reader([&] { seen = readAll(m_peer); });
-    EXPECT_TRUE(awaitEnd());
-    reader.join();
+    const auto seen = readUntilTheEnd();
     EXPECT_EQ(seen.first.size(), cWindow);
     EXPECT_EQ(seen.second, std::generic_category().message(ECONNRESET));
 }
@@ -306,10 +312,7 @@ TEST_F(ForwardedConnectionTest, WhenBothEndsAreTold_TheOtherHostIsNotNeededAnyMo
     give("gone", ForwardPiece::resets);
     m_spEnd->look(RelayLoop::Clock::now() + std::chrono::hours(1));
     EXPECT_FALSE(m_bOver);
-    std::pair<std::string, std::string> seen;
-    WatchedThread reader([&] { seen = readAll(m_peer); });
-    EXPECT_TRUE(awaitEnd());
-    reader.join();
+    const auto seen = readUntilTheEnd();
     EXPECT_EQ(seen.first.size(), cWindow);
     EXPECT_EQ(seen.second, "");
     EXPECT_EQ(m_sWhy, "");

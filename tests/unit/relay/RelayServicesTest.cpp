@@ -129,16 +129,6 @@ protected:
     std::thread m_thread;
 };
 
-/** @return bytes of which no two places are alike. */
-std::string manyBytes(std::size_t nCount, unsigned nSeed) {
-    std::string sBytes(nCount, '\0');
-    for (char& byte : sBytes) {
-        nSeed = nSeed * 1'664'525 + 1'013'904'223;
-        byte = static_cast<char>(nSeed >> 24);
-    }
-    return sBytes;
-}
-
 } // namespace
 
 TEST_F(RelayServicesTest, ManyBytesOfBothDirections_ArriveAndEnd) {
