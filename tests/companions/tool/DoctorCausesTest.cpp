@@ -58,12 +58,13 @@ Json findingOf(const std::string& check, const std::vector<std::string>& options
     return found;
 }
 
-/** The same as soon as there is one whose text has the words. */
-Json awaitFinding(const std::string& check, const std::string& words) {
+/** The same as soon as there is one whose text has the words, and whose time, if any, so many seconds. */
+Json awaitFinding(const std::string& check, const std::string& words, double seconds = 0) {
     Json found;
     const auto isThere = [&] {
         found = findingOf(check);
-        return !found.is_null() && found.at("text").get<std::string>().find(words) != std::string::npos;
+        return !found.is_null() && found.at("text").get<std::string>().find(words) != std::string::npos &&
+               found.value("seconds", seconds) >= seconds;
     };
     EXPECT_TRUE(awaitCondition(isThere, std::chrono::seconds(30))) << found.dump(1);
     return found;
@@ -128,9 +129,10 @@ TEST_P(VornnetDoctorStream, ClientsOfASinkWhoseThreadHasEnded_AreNamedWithTheTim
     endThread(sink, GetParam());
     awaitFinding("sinks", "thread has ended");
     ChildProcess client = startTool({"connect", sink.address, "--expect", "int"});
-    const Json finding =
-        awaitFinding("sinks", "; 1 of 5 clients waits: process " + std::to_string(client.pid()) +
-                                  " (vornnet, user root) for ");
+    const Json finding = awaitFinding("sinks",
+                                      "; 1 of 5 clients waits: process " + std::to_string(client.pid()) +
+                                          " (vornnet, user root) for ",
+                                      0.01);
     expectProblemOf(finding, sink.process.pid(), 0.01);
 }
 
