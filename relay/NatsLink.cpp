@@ -48,14 +48,13 @@ void NatsLink::connect(const EngineAccess& access, const std::vector<std::string
     }
 }
 
-bool NatsLink::ping(std::chrono::milliseconds limit) {
+void NatsLink::ping(std::chrono::milliseconds limit) {
     if (natsConnection_FlushTimeout(m_spConnection.get(), limit.count()) == NATS_OK)
-        return true;
+        return;
     // The client library then finds that the connection has ended, on the loop's thread.
     const std::lock_guard lock(m_mutex);
     if (m_socket != -1)
         System::shutdown(m_socket, SHUT_RDWR);
-    return false;
 }
 
 void NatsLink::awaitClosed() {

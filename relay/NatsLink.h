@@ -61,8 +61,8 @@ public:
     void connect(const EngineAccess& access, const std::vector<std::string>& subjects);
 
     /** Waits until the server has read what was published before and says so. When it does not, the
-     * connection is closed. @return whether it did */
-    bool ping(std::chrono::milliseconds limit);
+     * connection is closed. */
+    void ping(std::chrono::milliseconds limit);
 
     /** Waits until the client library's threads have done with it; it must have been closed. */
     void awaitClosed();

@@ -15,7 +15,6 @@ namespace {
 
 using Progress = VornNet::DeliveryTry::Progress;
 
-constexpr std::string_view cPipe = "pipe:";
 constexpr std::chrono::milliseconds cTimeToEnd{100}; // within which a killed process has closed its sockets
 
 /** @return whether a try has failed since nobody listens. */
@@ -36,9 +35,9 @@ bool isAbsence(const Progress& progress) {
 
 PipeDelivery::PipeDelivery(RelayLoop& loop, const std::string& sAddress, int nHandle,
                            std::string_view sContent, DoneHandler onDone)
-    : Delivery(loop, std::move(onDone)), m_sAddress(sAddress),
-      m_try(VornNet::CallbackEndpoint::parse(sAddress.c_str()).value(), loop.poll(),
-            static_cast<RelayLoop::Handler*>(this)) {
+    : Delivery(loop, std::move(onDone)),
+      m_endpoint(VornNet::CallbackEndpoint::parse(sAddress.c_str()).value()),
+      m_try(m_endpoint, loop.poll(), static_cast<RelayLoop::Handler*>(this)) {
     putLong(m_sBytes, nHandle);
     m_sBytes += sContent;
 }
@@ -82,7 +81,7 @@ void PipeDelivery::apply(const Progress& progress) {
 }
 
 void PipeDelivery::judge() {
-    if (VornNet::PipeListener::isAlive(m_sAddress.substr(cPipe.size()).c_str())) {
+    if (VornNet::PipeListener::isAlive(m_endpoint.host())) {
         finish(Outcome::unread);
     } else {
         m_bJudging = false;

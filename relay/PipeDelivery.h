@@ -32,14 +32,12 @@ public:
 
     bool mayHaveArrived() const override { return m_bJudging || m_try.mayHaveArrived(); }
 
-    const std::string& address() const { return m_sAddress; }
-
 private:
     void attempt() override;
     void apply(const VornNet::DeliveryTry::Progress& progress);
     void judge();
 
-    const std::string m_sAddress;
+    const VornNet::CallbackEndpoint m_endpoint;
     std::string m_sBytes;
     VornNet::PipeTry m_try;
     bool m_bJudging = false;

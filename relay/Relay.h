@@ -29,10 +29,9 @@ namespace VornRelay {
  * A host's relay: it accepts notifications for sinks of other hosts, and delivers those of other hosts to
  * sinks of this one.
  *
- * Thread-safety: none; run() and everything it does are on one thread, the engine's and the dispatcher's
- * threads post to it. Blocking: run() until a signal. Ownership: of all parts. Signals: run() takes SIGTERM,
- * SIGINT and SIGHUP, which have to be blocked before it is constructed. Errors: std::system_error when it
- * cannot start.
+ * Thread-safety: none; run() and everything it does are on one thread, to which the engine's posts. Blocking:
+ * run() until a signal. Ownership: of all parts. Signals: run() takes SIGTERM, SIGINT and SIGHUP, which have
+ * to be blocked before it is constructed. Errors: std::system_error when it cannot start.
  */
 class Relay : private Engine::Listener {
 public:
