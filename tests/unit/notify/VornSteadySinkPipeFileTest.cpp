@@ -443,7 +443,9 @@ TEST_F(VornSteadySink_PipeFile, WithoutDescriptorsAfterTheFileWasMadeAgain_WhoIs
     {
         const FaultRule none("accept4", EMFILE, 1, FaultRule::always);
         ::unlink(pipePath("client").c_str());
-        ASSERT_TRUE(awaitCondition([&] { return none.failures() > 0; })); // at what it listened at before
+        ASSERT_TRUE(awaitCondition([&] { return exists(pipePath("client")); }));
+        const int nBefore = none.failures(); // the sink may still have been looking for a second sender
+        ASSERT_TRUE(awaitCondition([&] { return none.failures() > nBefore; })); // at its former socket
         for (int i = 0; i < 10; ++i) {
             sendAll(sender.get(), "x");
             letPass(std::chrono::milliseconds(5));
