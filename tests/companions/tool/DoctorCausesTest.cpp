@@ -139,7 +139,7 @@ TEST_P(VornnetDoctorStream, ClientsOfASinkWhoseThreadHasEnded_AreNamedWithTheTim
 TEST_P(VornnetDoctorStream, SinkHeldByASilentPeer_IsNamedWithThePeer) {
     Patient sink = startSink(GetParam());
     ChildProcess silent = startTool({"connect", sink.address, "--expect", "int"});
-    const Json finding = awaitFinding("sinks", sink.place() + " is held for ");
+    const Json finding = awaitFinding("sinks", sink.place() + " is held for ", 1);
     EXPECT_THAT(textOf(finding), HasSubstr(" by process " + std::to_string(silent.pid()) +
                                            " (vornnet, user root), which has connected and sends nothing"));
     expectProblemOf(finding, sink.process.pid(), 1);
@@ -167,9 +167,9 @@ TEST_P(VornnetDoctorStream, ServiceHeldByASilentClient_NamesBothAndWhoWaits) {
                                                       " (vornnet, user root) is held for ");
     EXPECT_EQ(warning.at("severity"), "warning");
     ChildProcess waiting = startTool({"connect", address, "--expect", "int"});
-    const Json finding =
-        awaitFinding("services", "1 of 5 clients waits: process " + std::to_string(waiting.pid()) +
-                                     " (vornnet, user root) for ");
+    const Json finding = awaitFinding(
+        "services",
+        "1 of 5 clients waits: process " + std::to_string(waiting.pid()) + " (vornnet, user root) for ", 1);
     EXPECT_THAT(textOf(finding),
                 HasSubstr(" by process " + std::to_string(silent.pid()) + " (vornnet, user root)"));
     expectProblemOf(finding, service.pid(), 1);
@@ -241,7 +241,7 @@ TEST_P(VornnetDoctorStream, PublisherAndSubscriberAtWork_AreNoFinding) {
 TEST_P(VornnetDoctorStream, SubscriberThatIsStopped_IsNamedWithTheCommandThatLetsItGoOn) {
     Publication publication = startPublication(GetParam());
     publication.subscriber.kill(SIGSTOP);
-    const Json finding = awaitFinding("subscribers", " is stopped");
+    const Json finding = awaitFinding("subscribers", " is stopped", 1);
     EXPECT_THAT(textOf(finding), StartsWith("a subscriber of " + publication.service.place() +
                                             " does not read its events for "));
     EXPECT_THAT(textOf(finding), testing::EndsWith(": " + publication.subscriberText() + " is stopped"));
@@ -254,7 +254,7 @@ TEST_P(VornnetDoctorStream, SubscriberWhoseHandlerDoesNotReturn_IsNamed) {
         GTEST_SKIP() << keepsTheProcessAwake;
     Publication publication = startPublication(GetParam());
     publication.subscriber.writeLine("hang");
-    const Json finding = awaitFinding("subscribers", "does not return");
+    const Json finding = awaitFinding("subscribers", "does not return", 1);
     EXPECT_THAT(textOf(finding), testing::EndsWith(": " + publication.subscriberText() +
                                                    ", whose event handler does not return"));
     expectProblemOf(finding, publication.subscriber.pid(), 1);
