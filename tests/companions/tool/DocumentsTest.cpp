@@ -22,7 +22,8 @@ namespace {
 class VornnetDocuments : public ToolTest, public testing::WithParamInterface<std::string> {
 protected:
     static std::string manualOf(const std::string& name) {
-        return readTextFile(toolFile("man/" + (name.empty() ? "vornnet" : "vornnet-" + name) + ".1"));
+        const std::string page = name.empty() ? "vornnet" : "vornnet-" + name;
+        return readTextFile(std::string(VORNTEST_TOOL_MANUALS) + "/" + page + ".1");
     }
 };
 

@@ -48,7 +48,7 @@ void PrintTo(const ToolResult& result, std::ostream* out);
 /** The tool's path. */
 std::string toolPath();
 
-/** A file of the tool's source folder, such as "man/vornnet.1". */
+/** A file of the tool's source folder, such as "completion/_vornnet". */
 std::string toolFile(const std::string& name);
 
 /** The names of all subcommands. */

@@ -41,7 +41,7 @@ expected_files() {
                 -printf "$includedir/vornnet/%f\n"
             ;;
         NOTIFY_HEADERS) find "$source/notify" -name 'Vorn*.h' -printf "$includedir/vornnet/%f\n" ;;
-        MANPAGES) find "$source/tools/man" -name '*.1' -printf 'share/man/man1/%f\n' ;;
+        MANPAGES) find "$source/tools/man" -name '*.1.in' -printf 'share/man/man1/%f\n' | sed 's/\.in$//' ;;
         PRINTERS) echo "share/gdb/auto-load$(cached CMAKE_INSTALL_PREFIX)/$libdir/libvornnet.so.1.0.0-gdb.py" ;;
         CHAPTERS)
             find "$source/docs" -maxdepth 1 -name '*.md' -printf 'share/doc/vornnet/docs/%P\n'
