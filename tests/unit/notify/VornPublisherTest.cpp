@@ -251,7 +251,7 @@ TEST_F(VornPublisher_Open, AFileThatCannotBeMadeAgain_IsTriedAgain) {
     open();
     const FaultRule fault("bind", EACCES);
     ::unlink(pipePath("alpha").c_str());
-    EXPECT_TRUE(awaitCondition([] { return ::access(pipePath("alpha").c_str(), F_OK) == 0; }));
+    EXPECT_TRUE(awaitCondition([this] { return isAccepting(); }));
     EXPECT_EQ(fault.failures(), 1);
     const RawSubscriber subscriber(address(), "builds");
 }
