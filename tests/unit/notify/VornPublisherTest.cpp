@@ -1119,10 +1119,12 @@ TEST_P(VornPublisher_Wire, WhoeverLeavesWhileTheHandlerDecides_IsASubscriberThat
 }
 
 TEST_P(VornPublisher_Wire, WhoeverIsAdmittedAndCannotBeWatched_IsLost) {
+    const CallTrace trace;
     open(with([&](Options& o) {
         o.onLeave = m_departures.handler();
         o.onSubscribe = [](const auto&) { return VornString(); };
     }));
+    ASSERT_TRUE(awaitAcceptingAfter(0, trace));
     const FaultRule fault("epoll_ctl", ENOMEM, 3); // once it has been accepted, and left to the handler
     const UniqueFd client = ask(address());
     ASSERT_TRUE(m_departures.await(1));
