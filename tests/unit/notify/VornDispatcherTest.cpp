@@ -659,7 +659,7 @@ TEST_F(VornDispatcher_Operations, StopDeliversWhatItCanAndTellsEveryResult) {
     for (int i = 0; i < 3; ++i)
         post(dispatcher, "pipe:peer");
     post(dispatcher, "pipe:nobody");
-    WatchedThread stopping([&] { dispatcher.stop(300ms); });
+    WatchedThread stopping([&] { dispatcher.stop(1s); });
     for (int i = 0; i < 3; ++i)
         takeOne(listener.get());
     EXPECT_TRUE(stopping.join());

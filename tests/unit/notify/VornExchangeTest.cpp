@@ -370,12 +370,13 @@ TEST_P(VornExchange_Limits, Limited_ReadsAndWritesOverTheSameSocket) {
 
 TEST_P(VornExchange_Limits, Limited_EndsAllTogetherAgainstAPeerThatTrickles) {
     // The peer has a byte ready for each look, so only the whole time can end the read.
-    const auto spLimited = VornExchange::limited(connection(), shortLimit);
     const int fd = peer();
     const CallHook trickle(
         "poll", [fd] { EXPECT_EQ(::send(fd, "x", 1, 0), 1); }, 1'000'000);
+    VornSmartPointer<VornConnection> spLimited;
     std::string text;
     const auto elapsed = timeOf([&] {
+        spLimited = VornExchange::limited(connection(), shortLimit);
         text = thrownBy([&] {
             for (;;)
                 spLimited->receiveShort();

