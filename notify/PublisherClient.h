@@ -55,6 +55,12 @@ public:
         std::uint64_t nMissed = 0; ///< events in them
     };
 
+    /** A callback address: kept by all who have named it, and by what is on its way there. */
+    struct Sink {
+        VornString sKey;        ///< see CallbackEndpoint
+        TimePoint hasTakenAt{}; ///< when it took something last, also if it was for one who has left
+    };
+
     /** An event that the dispatcher has and that has no outcome yet. */
     struct Posted {
         std::uint64_t nTicket = 0;
@@ -142,10 +148,9 @@ public:
     TimePoint since{};                    // when it was put into its list, whose order this is
     List* list = nullptr;                 // where it is
     List::iterator self;                  // its place there
-    VornString sCallbackKey;              // see CallbackEndpoint
-    std::vector<Posted> posted;           // on their way to the callback address, oldest first
-    TimePoint takesSince{};               // from when on the oldest of them has been on its own
-    TimePoint hasTakenAt{};               // when the last one was taken before
+    std::shared_ptr<Sink> spSink;         // its callback address
+    std::vector<Posted> posted;           // on their way there, oldest first
+    TimePoint postsSince{};               // from when on something has been
     std::uint32_t nAwaited = 0;           // the events that the poll looks for
     std::shared_ptr<Farewell> spFarewell; // prepared at its admission, with the call that hands it over:
     HandlerThread::Calls farewellCall;    // a subscriber also leaves when there is no memory

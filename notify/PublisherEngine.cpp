@@ -411,21 +411,21 @@ void PublisherEngine::dropNow(const Command& command) {
     });
 }
 
-/**
- * An event at a callback address has its outcome, and moves the subscriber's place on. It was taken: nothing
- * expires there, and what is cancelled is forgotten here before.
- */
+/** An event at a callback address was taken, or cancelled after the last one who had named it had left. */
 void PublisherEngine::noteOutcome(const Command& command) {
     const auto found = m_posted.find(command.nId);
     if (found == m_posted.end())
         return;
-    PublisherClient& client = *found->second;
+    found->second.spSink->hasTakenAt = m_now;
+    PublisherClient* const subscriber = found->second.client;
+    m_posted.erase(found);
+    if (subscriber == nullptr)
+        return;
+    PublisherClient& client = *subscriber;
     PublisherClient::Sent sent;
     sent.nEvents = 1;
     sent.nBytes = client.posted.front().nBytes;
-    m_posted.erase(found);
     client.posted.erase(client.posted.begin());
-    client.takesSince = client.hasTakenAt = m_now;
     client.noteSent();
     count(client, sent);
     postEvents(client);
@@ -494,9 +494,8 @@ void PublisherEngine::checkSinks() {
         PublisherClient& client = *m_calledBack[i];
         if (client.posted.empty())
             continue;
-        Clock::time_point end = client.takesSince + cSinkLimit;
-        if (m_now >= end)
-            end = lastTaking(client.sCallbackKey) + cSinkLimit;
+        // It takes the events of all who named it in one order.
+        const Clock::time_point end = std::max(client.postsSince, client.spSink->hasTakenAt) + cSinkLimit;
         if (m_now < end) {
             m_checkSinks = std::min(m_checkSinks, end);
             continue;
@@ -507,16 +506,6 @@ void PublisherEngine::checkSinks() {
             closeLater(client);
         });
     }
-}
-
-/** @return when a sink has taken something last: it takes the events of all who named it in one order. */
-PublisherEngine::Clock::time_point PublisherEngine::lastTaking(const VornString& sCallbackKey) const {
-    Clock::time_point last{};
-    for (const PublisherClient* client : m_calledBack) {
-        if (client->sCallbackKey == sCallbackKey)
-            last = std::max(last, client->hasTakenAt);
-    }
-    return last;
 }
 
 /** Cuts whoever has had time enough. */
@@ -706,7 +695,9 @@ void PublisherEngine::check(PublisherClient& client) {
     who.sWords = client.request->words();
     who.sCallback = client.request->callback();
     who.hCallback = client.request->handle();
-    client.sCallbackKey = client.request->callbackKey();
+    if (client.isCalledBack())
+        client.spSink =
+            std::make_shared<PublisherClient::Sink>(PublisherClient::Sink{client.request->callbackKey(), {}});
     who.position = client.request->position();
     if (!m_options.onSubscribe)
         return admit(client);
@@ -764,6 +755,10 @@ void PublisherEngine::enrol(PublisherClient& client, const PublisherClient::Sent
     prepareFarewell(client);
     makeRoom(client.topic->subscribers);
     makeRoom(m_calledBack);
+    for (const PublisherClient* other : m_calledBack) {
+        if (client.isCalledBack() && other->spSink->sKey == client.spSink->sKey)
+            client.spSink = other->spSink;
+    }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         client.who.position = {client.topic->history.id(), client.place.number};
@@ -851,11 +846,11 @@ bool PublisherEngine::postOne(PublisherClient& client, const PublisherClient::Ev
         return true;
     }
     if (client.posted.empty()) {
-        client.takesSince = m_now;
+        client.postsSince = m_now;
         m_checkSinks = std::min(m_checkSinks, m_now + cSinkLimit);
     }
     client.posted.push_back({ticket, event.nNumber, sizeof event.nNumber + event.sContent.size()});
-    m_posted.emplace(ticket, &client);
+    m_posted.emplace(ticket, OnItsWay{&client, client.spSink});
     return true;
 }
 
@@ -868,16 +863,21 @@ void PublisherEngine::postAgain() {
         postEvents(*m_calledBack[i]);
 }
 
-/** The outcomes of what was posted for a client are of no interest any more. */
+/** What was posted for a client tells from now on only that its sink takes something. */
 void PublisherEngine::forgetPosted(PublisherClient& client) {
-    for (const PublisherClient::Posted& posted : client.posted)
-        m_posted.erase(posted.nTicket);
+    for (const PublisherClient::Posted& posted : client.posted) {
+        const auto found = m_posted.find(posted.nTicket);
+        if (found != m_posted.end()) // else there was no memory for it
+            found->second.client = nullptr;
+    }
     client.posted.clear();
 }
 
 /** @return whether the callback addresses have all events. */
 bool PublisherEngine::isDelivered() const {
-    return m_posted.empty() && m_postAgain == Clock::time_point::max();
+    return m_postAgain == Clock::time_point::max() &&
+           std::all_of(m_calledBack.begin(), m_calledBack.end(),
+                       [](const PublisherClient* client) { return client->posted.empty(); });
 }
 
 void PublisherEngine::serveOne(PublisherClient& client) {
@@ -972,9 +972,8 @@ void PublisherEngine::leave(PublisherClient& client, Leaving leaving, int nCode)
 void PublisherEngine::leaveCallback(PublisherClient& client) {
     forgetPosted(client);
     m_calledBack.erase(std::find(m_calledBack.begin(), m_calledBack.end(), &client));
-    if (std::none_of(m_calledBack.begin(), m_calledBack.end(), [&](const PublisherClient* other) {
-            return other->sCallbackKey == client.sCallbackKey;
-        })) {
+    if (std::none_of(m_calledBack.begin(), m_calledBack.end(),
+                     [&](const PublisherClient* other) { return other->spSink == client.spSink; })) {
         try {
             m_poster->cancel(client.who.sCallback);
         } catch (const std::bad_alloc&) {

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -73,6 +74,12 @@ private:
         VornString sReason;    ///< why not; empty: admitted
     };
 
+    /** An event that a callback address has not taken yet. */
+    struct OnItsWay {
+        PublisherClient* client; ///< null: it has left
+        std::shared_ptr<PublisherClient::Sink> spSink;
+    };
+
     void wakeUp();
     bool sendHere();
 
@@ -97,7 +104,6 @@ private:
     void checkTimes();
     void checkFile();
     void checkSinks();
-    Clock::time_point lastTaking(const VornString& sCallbackKey) const;
     void cutLate();
     void giveSigns();
     void finishStopping();
@@ -162,7 +168,7 @@ private:
     bool m_isFull = false; // it is not looked at because all places are taken
     Clock::time_point m_checkFile{};
     std::vector<PublisherClient*> m_calledBack;                // whose events go to a callback address
-    std::map<std::uint64_t, PublisherClient*> m_posted;        // by ticket
+    std::map<std::uint64_t, OnItsWay> m_posted;                // by ticket
     Clock::time_point m_postAgain = Clock::time_point::max();  // there was no room for an event
     Clock::time_point m_checkSinks = Clock::time_point::max(); // the first one may have had its time by then
     bool m_hasSent = false;

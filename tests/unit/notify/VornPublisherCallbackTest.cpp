@@ -295,6 +295,37 @@ TEST_P(VornPublisher_Callback, ASinkThatTakesEventsSlowly_HasAMinuteForEach) {
     EXPECT_THAT(m_departures.lines(), testing::IsEmpty());
 }
 
+TEST_P(VornPublisher_Callback, ASinkThatTakesTheEventsOfOneWhoHasLeft_IsThereForTheOther) {
+    int port = 0;
+    const UniqueFd witness = udpSocket("127.0.0.1", port);
+    const RawSubscriber witnessing(address(), "other", {.callback = "udp:127.0.0.1:" + std::to_string(port)});
+    // Outcomes are told in their order, so those of all that was taken before are known afterwards.
+    const auto awaitOutcomes = [&] {
+        const std::uint64_t number = publisher().publish("other", writing("so that the publisher looks"));
+        return awaitCondition([&] { return publisher().subscribers().at(0).position.nNumber == number; });
+    };
+    RawSubscriber leaving(address(), "builds", request(7));
+    publish("a");
+    publish("b");
+    const RawSubscriber staying(address(), "builds", request(8)); // whose event is taken after these
+    publish("c");
+    leaving.socket().reset();
+    ASSERT_TRUE(m_departures.await(1));
+    ASSERT_TRUE(awaitOutcomes());
+    const ClockShift shift(CLOCK_MONOTONIC);
+    ClockShift::set(40s);
+    EXPECT_EQ(take(), notification(7, 1, "a"));
+    const UniqueFd sender = acceptClient(m_sink.get());
+    ASSERT_TRUE(awaitOutcomes());
+    ClockShift::set(80s);
+    ASSERT_TRUE(awaitOutcomes());
+    EXPECT_THAT(m_departures.lines(), ElementsAre("2 closed 0"));
+    EXPECT_EQ(publisher().statistics().nSubscribers, 2U);
+    ClockShift::set(101s);
+    publish("so that the publisher looks");
+    EXPECT_EQ(nextBut(staying, 3), WireFrame::last(2, "the callback address does not answer"));
+}
+
 /** A sink that takes datagrams, into which an event may not fit. */
 class VornPublisher_CallbackByDatagram : public PublisherFixture {
 protected:
