@@ -22,13 +22,14 @@
 
 namespace VornNet {
 
+class ClientList;
+
 /**
  * One connection of a publisher, from its acceptance to its end; used by the sending thread alone, but for
- * what the engine's lock guards.
+ * what the lock of the book of subscribers guards.
  */
 class PublisherClient {
 public:
-    using List = std::list<PublisherClient>;
     using TimePoint = std::chrono::steady_clock::time_point;
 
     enum class State {
@@ -139,22 +140,22 @@ public:
     State state = State::line;
     in_addr address{}; // over TCP
     OwnedDescriptor socket;
-    VornPublisher::Subscriber who; // once it is admitted, guarded by the engine's lock
+    VornPublisher::Subscriber who; // once it is admitted, guarded by the book's lock
     PublisherTopic* topic = nullptr;
     std::size_t nIndex = 0;                                    // among the topic's subscribers
     std::optional<SubscriptionRequest> request{std::in_place}; // until it is admitted
     History::Place place;                                      // of what is handed to the socket next
-    std::uint64_t nSent = 0;              // the last event that is sent completely, and all before it
-    TimePoint since{};                    // when it was put into its list, whose order this is
-    List* list = nullptr;                 // where it is
-    List::iterator self;                  // its place there
-    std::shared_ptr<Sink> spSink;         // its callback address
-    std::vector<Posted> posted;           // on their way there, oldest first
-    TimePoint postsSince{};               // from when on something has been
-    std::uint32_t nAwaited = 0;           // the events that the poll looks for
-    std::shared_ptr<Farewell> spFarewell; // prepared at its admission, with the call that hands it over:
-    HandlerThread::Calls farewellCall;    // a subscriber also leaves when there is no memory
-    bool isDropped = false;               // drop() was called: guarded by the engine's lock
+    std::uint64_t nSent = 0;                   // the last event that is sent completely, and all before it
+    TimePoint since{};                         // when it was put into its list, whose order this is
+    ClientList* list = nullptr;                // where it is
+    std::list<PublisherClient>::iterator self; // its place there
+    std::shared_ptr<Sink> spSink;              // its callback address
+    std::vector<Posted> posted;                // on their way there, oldest first
+    TimePoint postsSince{};                    // from when on something has been
+    std::uint32_t nAwaited = 0;                // the events that the poll looks for
+    std::shared_ptr<Farewell> spFarewell;      // prepared at its admission, with the call that hands it over:
+    HandlerThread::Calls farewellCall;         // a subscriber also leaves when there is no memory
+    bool isDropped = false;                    // drop() was called: guarded by the book's lock
 
 private:
     static constexpr std::size_t cMuchOutput = 4096;

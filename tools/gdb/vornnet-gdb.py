@@ -563,13 +563,13 @@ def describe_publisher(value):
     engine = held(state["m_engine"])
     return joined(
         "publisher at " + name_field(state, "m_sAddress"),
-        counted(entry_count(engine["m_subscribers"]), "subscriber"),
-        "%d sent" % int(engine["m_statistics"]["nSent"]),
+        counted(entry_count(engine["m_book"]["m_subscribers"]), "subscriber"),
+        "%d sent" % int(engine["m_book"]["m_statistics"]["nSent"]),
     )
 
 
 def publisher_entries(value):
-    for key, client in map_entries(publisher_engine(value)["m_subscribers"]):
+    for key, client in map_entries(publisher_engine(value)["m_book"]["m_subscribers"]):
         who = client.dereference()["who"]
         topic, sender = name_field(who, "sTopic"), narrow_text(who["sFrom"])[1:-1]
         yield "[%d]" % int(key), "%s to %s, sent up to %d" % (topic, sender, int(who["position"]["nNumber"]))
