@@ -235,7 +235,8 @@ TEST_F(VornnetPipes, WithAPublisher_ShowsItWithItsSubscribers) {
     ChildProcess service = startTool({"publish", "pipe:news", "builds"});
     EXPECT_EQ(nextLine(service), "address pipe:news");
     const std::string publishes = std::to_string(service.pid()) + " (vornnet) publishes";
-    EXPECT_THAT(runTool({"pipes"}).output, HasSubstr(publishes + "\n"));
+    EXPECT_TRUE(awaitCondition( // it is told by its thread's name
+        [&] { return runTool({"pipes"}).output.find(publishes + "\n") != std::string::npos; }));
     ChildProcess client = startTool({"subscribe", "pipe:news", "builds", "--content", "string"});
     EXPECT_EQ(nextLine(client), "connected");
     EXPECT_THAT(runTool({"pipes"}).output,
