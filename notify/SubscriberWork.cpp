@@ -24,6 +24,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using State = VornSubscriber::State;
+using Statistics = VornSubscriber::Statistics;
 
 constexpr const char* cPositionFailed = "VornSubscriber::VornSubscriber: failed to open position.";
 
@@ -42,7 +43,14 @@ constexpr const char* cMoved = "moved";
 constexpr const char* cUnknownTopic = "the service does not know this topic";
 constexpr const char* cServiceStops = "the service stops";
 
-constexpr std::uint32_t cHearing = EPOLLIN | EPOLLRDHUP;
+/** @throws VornException */
+std::optional<PositionFile> openedFile(const VornString& sPath) {
+    try {
+        return sPath.empty() ? std::nullopt : std::make_optional<PositionFile>(sPath);
+    } catch (const std::system_error& e) {
+        throw VornException(cPositionFailed, e.code().value());
+    }
+}
 
 } // namespace
 
@@ -66,27 +74,19 @@ private:
 
 SubscriberWork::SubscriberWork(const CallbackEndpoint& service, const VornString& sTopic,
                                const VornSubscriber::EventHandler& onEvent, const Options& options)
-    : m_sTopic(sTopic), m_onEvent(onEvent), m_options(options), m_nextPause(options.firstPause),
-      m_resume(options.position), m_service(service) {
-    try {
-        if (!m_options.sPositionFile.empty())
-            m_file.emplace(m_options.sPositionFile);
-    } catch (const std::system_error& e) {
-        throw VornException(cPositionFailed, e.code().value());
-    }
-    m_poll.emplace();
+    : m_sTopic(sTopic), m_onEvent(onEvent), m_options(options), m_file(openedFile(options.sPositionFile)),
+      m_nextPause(options.firstPause), m_resume(options.position), m_service(service) {
     m_random.seed(static_cast<std::minstd_rand::result_type>(randomNumber()));
     if (m_file && m_file->position().nHistory != 0)
         m_resume = m_file->position();
     if (m_resume.nHistory == 0)
         m_resume = {};
-    m_last = m_resume;
+    m_record.begin(m_resume);
     m_event.sTopic = m_sTopic;
-    m_status.since = std::chrono::system_clock::now();
 }
 
 void SubscriberWork::start() {
-    m_poll->wakeUp();
+    m_poll.wakeUp();
     if (m_options.bOwnThread)
         m_thread.start(m_options.sName, [spSelf = shared_from_this()] { spSelf->run(); });
 }
@@ -95,28 +95,13 @@ std::size_t SubscriberWork::dispatch() {
     return m_options.bOwnThread ? 0 : drive(false);
 }
 
-VornSubscriber::Status SubscriberWork::status() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_status;
-}
-
-VornPosition SubscriberWork::position() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_last;
-}
-
-VornSubscriber::Statistics SubscriberWork::statistics() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_statistics;
-}
-
 void SubscriberWork::setAddress(const CallbackEndpoint& service) {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_service = service;
         m_isMoved = true;
     }
-    m_poll->wakeUp();
+    m_poll.wakeUp();
 }
 
 bool SubscriberWork::stop() {
@@ -124,11 +109,8 @@ bool SubscriberWork::stop() {
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (!m_isStopped.exchange(true)) {
-            m_status.state = State::stopped;
-            m_status.since = std::chrono::system_clock::now();
-            m_status.sReason.clear();
-            m_status.nCode = 0;
-            m_poll->wakeUp();
+            m_record.enter(State::stopped, "", 0);
+            m_poll.wakeUp();
         }
         if (m_isDriving && m_driver == std::this_thread::get_id())
             return true; // by a handler: the rest is done when it has returned
@@ -168,15 +150,15 @@ std::size_t SubscriberWork::drive(bool isWaiting) {
         return 0;
     Driving driving(*this);
     m_nCalled = 0;
-    const std::uint32_t events = m_poll->wait(isWaiting);
-    m_poll->answerWakeUp();
+    const std::uint32_t events = m_poll.wait(isWaiting);
+    m_poll.answerWakeUp();
     try {
         advance(events);
     } catch (const std::bad_alloc&) {
         lose(cClosed, ENOMEM);
     }
     if (!m_isStopped)
-        m_poll->wakeAt(m_isMoved ? Clock::now() : m_due);
+        m_poll.wakeAt(m_isMoved ? Clock::now() : m_due);
     driving.finish();
     return m_nCalled;
 }
@@ -199,17 +181,15 @@ void SubscriberWork::endDriving(bool isOver) {
     if (m_isStopped)
         cleanUp();
     else if (!isOver)
-        m_poll->wakeUp();
+        m_poll.wakeUp();
     m_changed.notify_all();
 }
 
 /** Closes what is open; nobody drives any more. */
 void SubscriberWork::cleanUp() {
-    if (m_socket.isOpen())
-        m_poll->unwatch(m_socket.number());
-    m_socket.reset();
+    m_connection.close();
     m_file.reset();
-    m_poll->end(!m_options.bOwnThread);
+    m_poll.end(!m_options.bOwnThread);
 }
 
 void SubscriberWork::advance(std::uint32_t events) {
@@ -222,7 +202,7 @@ void SubscriberWork::advance(std::uint32_t events) {
     else if (m_phase != Phase::pause && (events & ~std::uint32_t{EPOLLOUT}) != 0)
         receive();
     else if (m_phase != Phase::pause && events != 0)
-        send();
+        m_connection.send();
     else
         deal();    // what a thread has left that was ended within a handler
     if (m_isMoved) // a handler has said so
@@ -265,82 +245,43 @@ void SubscriberWork::connect() {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         service = m_service;
-        ++m_statistics.nTries;
     }
-    m_address.emplace(*service);
+    m_record.count(&Statistics::nTries);
     m_phase = Phase::connecting;
     m_due = Deadline(m_options.answerLimit).end();
-    m_socket.reset(
-        System::socket(m_address->get()->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!m_socket.isOpen())
-        return lose(cCannotConnect, errno);
-    const bool isConnected = System::connect(m_socket.number(), m_address->get(), m_address->length()) == 0;
-    if (!isConnected && errno != EINPROGRESS)
-        return lose(cCannotConnect, errno);
-    const int error = m_poll->watch(m_socket.number(), EPOLLOUT, true);
-    if (error != 0)
-        return lose(cCannotConnect, error);
-    m_isWatched = true;
-    m_nAwaited = EPOLLOUT;
-    if (isConnected)
+    const int error = m_connection.open(*service);
+    if (error == 0)
         finishConnecting();
+    else if (error != EINPROGRESS)
+        lose(cCannotConnect, error);
 }
 
 void SubscriberWork::finishConnecting() {
-    int error = 0;
-    socklen_t size = sizeof error;
-    System::getsockopt(m_socket.number(), SOL_SOCKET, SO_ERROR, &error, &size);
-    if (error == 0 && m_address->isOwnOf(m_socket.number()))
-        error = ECONNREFUSED;
-    if (error != 0)
+    if (const int error = m_connection.finish(); error != 0)
         return lose(cCannotConnect, error);
-    const auto& users = m_options.allowedUsers;
-    ucred peer{-1, ~0U, ~0U};
-    size = sizeof peer;
-    if (m_address->get()->sa_family == AF_UNIX && !users.empty()) {
-        System::getsockopt(m_socket.number(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
-        if (std::find(users.begin(), users.end(), peer.uid) == users.end())
-            return lose(cOtherUser, EACCES);
-    }
+    if (!m_connection.isOfOne(m_options.allowedUsers))
+        return lose(cOtherUser, EACCES);
     m_phase = Phase::asking;
-    m_input.clear();
-    m_sOutput = m_sTopic;
-    m_sOutput += Wire::cLineEnd;
-    send();
+    m_connection.say(m_sTopic + VornString(Wire::cLineEnd));
 }
 
 void SubscriberWork::ask() {
     const bool isGoingOn = m_resume.nHistory != 0;
     constexpr std::uint32_t cAfter = 3;
     m_phase = Phase::answer;
-    Wire::appendInt(m_sOutput, Wire::cVersion);
-    Wire::appendText(m_sOutput, "");
-    Wire::appendNumber(m_sOutput, 0);
-    Wire::appendInt(m_sOutput, isGoingOn ? cAfter : static_cast<std::uint32_t>(m_options.start));
-    Wire::appendNumber(m_sOutput, isGoingOn ? m_resume.nHistory : 0);
-    Wire::appendNumber(m_sOutput, isGoingOn ? m_resume.nNumber : 0);
-    Wire::appendText(m_sOutput, m_options.sWords);
-    send();
-}
-
-void SubscriberWork::send() {
-    const ssize_t count = m_sOutput.empty() ? 0
-                                            : System::send(m_socket.number(), m_sOutput.data(),
-                                                           m_sOutput.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    // What has gone wrong is told by the next look at what has come; the service's last word is there too.
-    if (count == -1 && errno != EAGAIN && errno != EINTR)
-        m_sOutput.clear();
-    m_sOutput.erase(0, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    await(m_sOutput.empty() ? cHearing : cHearing | EPOLLOUT);
-}
-
-void SubscriberWork::await(std::uint32_t events) {
-    if (std::exchange(m_nAwaited, events) != events)
-        m_poll->watch(m_socket.number(), events, false);
+    VornString sRequest;
+    Wire::appendInt(sRequest, Wire::cVersion);
+    Wire::appendText(sRequest, "");
+    Wire::appendNumber(sRequest, 0);
+    Wire::appendInt(sRequest, isGoingOn ? cAfter : static_cast<std::uint32_t>(m_options.start));
+    Wire::appendNumber(sRequest, isGoingOn ? m_resume.nHistory : 0);
+    Wire::appendNumber(sRequest, isGoingOn ? m_resume.nNumber : 0);
+    Wire::appendText(sRequest, m_options.sWords);
+    m_connection.say(sRequest);
 }
 
 void SubscriberWork::receive() {
-    const int error = m_input.fill(m_socket.number());
+    const int error = m_connection.receive();
     deal();
     // The time that handlers take is no silence of the service.
     if (m_phase == Phase::live && error == 0)
@@ -353,7 +294,7 @@ void SubscriberWork::receive() {
 void SubscriberWork::deal() {
     bool isComplete = true;
     while (isComplete && !isInterrupted()) {
-        const std::string_view bytes = m_input.bytes();
+        const std::string_view bytes = m_connection.input().bytes();
         switch (m_phase) {
         case Phase::asking:
             isComplete = dealWithLine(bytes);
@@ -374,7 +315,7 @@ bool SubscriberWork::dealWithLine(std::string_view bytes) {
     if (bytes.empty())
         return false;
     if (bytes.front() == Wire::cKnown) {
-        m_input.skip(1);
+        m_connection.input().skip(1);
         ask();
     } else if (bytes.front() == Wire::cUnknown) {
         refuse(cUnknownTopic);
@@ -413,7 +354,7 @@ bool SubscriberWork::dealWithPlace(std::string_view bytes) {
         misunderstand(cNotUnderstood, EPROTO);
         return true;
     }
-    m_input.skip(4 + Wire::cPlaceSize);
+    m_connection.input().skip(4 + Wire::cPlaceSize);
     m_phase = Phase::live;
     m_silence = 3 * milliseconds(beat);
     m_due = Deadline(m_silence).end();
@@ -422,12 +363,7 @@ bool SubscriberWork::dealWithPlace(std::string_view bytes) {
         m_nextPause = m_options.firstPause;
     if (m_resume.nHistory == 0)
         m_resume = {m_nHistory, first - 1};
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_statistics.nSubscriptions;
-        m_statistics.nNewest = m_nOldUpTo;
-        m_status.nTries = 0;
-    }
+    m_record.noteSubscription(m_nOldUpTo);
     tell(State::connected, "", 0);
     return true;
 }
@@ -455,7 +391,7 @@ bool SubscriberWork::dealWithFrame(std::string_view bytes) {
     if (isEvent && tellGapBefore(Wire::numberAt(rest.data())))
         return true; // the event is left where it is, for the handler may have ended the thread
     // What has been skipped lies where it was until more is received.
-    m_input.skip(Wire::cFrameHead + length);
+    m_connection.input().skip(Wire::cFrameHead + length);
     if (isEvent)
         dealWithEvent(rest);
     else if (kind == Wire::cGap)
@@ -483,8 +419,7 @@ void SubscriberWork::dealWithEvent(std::string_view rest) {
         return misunderstand(cNotUnderstood, EPROTO);
     if (number > m_resume.nNumber)
         return callForEvent(number, rest);
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_statistics.nRepeated;
+    m_record.count(&Statistics::nRepeated);
 }
 
 void SubscriberWork::dealWithGap(std::string_view rest) {
@@ -503,8 +438,7 @@ void SubscriberWork::dealWithGap(std::string_view rest) {
 void SubscriberWork::dealWithSign(std::string_view rest) {
     if (rest.size() != Wire::cSignRest)
         return misunderstand(cNotUnderstood, EPROTO);
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_statistics.nNewest = Wire::numberAt(rest.data());
+    m_record.noteNewest(Wire::numberAt(rest.data()));
 }
 
 void SubscriberWork::dealWithLast(std::string_view rest) {
@@ -522,32 +456,19 @@ void SubscriberWork::callForEvent(std::uint64_t number, std::string_view content
     m_resume = {m_nHistory, number};
     m_event.position = m_resume;
     m_event.bOld = number <= m_nOldUpTo;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_statistics.nEvents;
-        m_statistics.nNewest = std::max(m_statistics.nNewest, number);
-        m_last = m_resume;
-    }
+    m_record.noteEvent(m_resume);
     ++m_nCalled;
     VORN_PROBE(event__received, m_event.sTopic.c_str(), number, m_event.bOld);
     EventReader reader(content);
-    if (!callHandler(VornLogging::cError, cEventThrown, [&] { m_onEvent(reader, m_event); })) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_statistics.nFailed;
-    }
+    if (!callHandler(VornLogging::cError, cEventThrown, [&] { m_onEvent(reader, m_event); }))
+        m_record.count(&Statistics::nFailed);
     if (m_file)
         m_file->note(m_event.position);
 }
 
 void SubscriberWork::tellGap(const VornPosition& next, std::uint64_t missed) {
-    VornSubscriber::Gap gap{m_sTopic, {}, next, missed};
+    const VornSubscriber::Gap gap{m_sTopic, m_record.noteGap(missed), next, missed};
     m_resume = next;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        gap.last = m_last;
-        ++m_statistics.nGaps;
-        m_statistics.nMissed += missed;
-    }
     if (m_options.onGap)
         callHandler(VornLogging::cError, cGapThrown, [&] { m_options.onGap(gap); });
 }
@@ -572,10 +493,8 @@ void SubscriberWork::leave(VornSubscriber::State state, const VornString& sReaso
         state == State::refused ? m_options.longestPause : std::min(m_nextPause, m_options.longestPause);
     if (state != State::refused)
         m_nextPause = pause > m_options.longestPause / 2 ? m_options.longestPause : 2 * pause;
-    if (m_phase != Phase::live) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_status.nTries;
-    }
+    if (m_phase != Phase::live)
+        m_record.noteFailedTry();
     // Varied, so that the clients of a service that is back do not come in step.
     std::uniform_real_distribution<double> part(0.5, 1.0);
     pauseFor(std::chrono::duration_cast<std::chrono::nanoseconds>(pause * part(m_random)));
@@ -583,34 +502,16 @@ void SubscriberWork::leave(VornSubscriber::State state, const VornString& sReaso
 }
 
 void SubscriberWork::pauseFor(std::chrono::nanoseconds pause) {
-    if (std::exchange(m_isWatched, false))
-        m_poll->unwatch(m_socket.number());
-    m_socket.reset();
-    m_nAwaited = 0;
-    m_sOutput.clear();
+    m_connection.close();
     m_phase = Phase::pause;
     m_due = Clock::now() + pause;
 }
 
 /** Tells the program, unless it knows that. */
 void SubscriberWork::tell(VornSubscriber::State state, const VornString& sReason, int nCode) {
-    Status status;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_isStopped)
-            return;
-        const bool isKnown = m_status.state == state && m_status.sReason == sReason;
-        if (m_status.state != state)
-            m_status.since = std::chrono::system_clock::now();
-        m_status.state = state;
-        m_status.sReason = sReason;
-        m_status.nCode = nCode;
-        if (isKnown)
-            return;
-        status = m_status;
-    }
-    if (m_options.onState)
-        callHandler(VornLogging::cError, cStateThrown, [&] { m_options.onState(status); });
+    const auto status = m_record.enter(state, sReason, nCode);
+    if (status && m_options.onState)
+        callHandler(VornLogging::cError, cStateThrown, [&] { m_options.onState(*status); });
 }
 
 } // namespace VornNet

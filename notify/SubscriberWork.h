@@ -5,11 +5,11 @@
 
 #include "CallbackEndpoint.h"
 #include "Deadline.h"
-#include "FrameBuffer.h"
 #include "HomeProcess.h"
-#include "OwnedDescriptor.h"
 #include "PositionFile.h"
 #include "QuietThread.h"
+#include "ServiceConnection.h"
+#include "SubscriberRecord.h"
 #include "TimedPoll.h"
 #include "VornSubscriber.h"
 
@@ -35,8 +35,6 @@ namespace VornNet {
 class SubscriberWork : public std::enable_shared_from_this<SubscriberWork> {
 public:
     using Options = VornSubscriber::Options;
-    using Status = VornSubscriber::Status;
-    using Statistics = VornSubscriber::Statistics;
 
     /** @throws VornException for the position file, std::system_error, std::bad_alloc */
     SubscriberWork(const CallbackEndpoint& service, const VornString& sTopic,
@@ -46,12 +44,12 @@ public:
      * std::bad_alloc */
     void start();
 
-    int handle() const { return m_options.bOwnThread ? -1 : m_poll->number(); }
+    int handle() const { return m_options.bOwnThread ? -1 : m_poll.number(); }
 
     std::size_t dispatch();
-    Status status() const;
-    VornPosition position() const;
-    Statistics statistics() const;
+
+    const SubscriberRecord& record() const { return m_record; }
+
     void setAddress(const CallbackEndpoint& service);
     /** @return whether a handler has called it, so that the thread that drives is still to come back. */
     bool stop();
@@ -85,8 +83,6 @@ private:
     void connect();
     void finishConnecting();
     void ask();
-    void send();
-    void await(std::uint32_t events);
 
     void receive();
     void deal();
@@ -115,16 +111,12 @@ private:
     const VornSubscriber::EventHandler m_onEvent;
     const Options m_options;
     std::optional<PositionFile> m_file;
-    std::optional<TimedPoll> m_poll;
+    SubscriberRecord m_record;
+    TimedPoll m_poll;
 
     // For whoever drives.
     Phase m_phase = Phase::pause;
-    std::optional<CallbackEndpoint::Address> m_address; // that it connects to
-    OwnedDescriptor m_socket;
-    bool m_isWatched = false;
-    std::uint32_t m_nAwaited = 0;
-    VornString m_sOutput;
-    FrameBuffer m_input;
+    ServiceConnection m_connection{m_poll};
     Clock::time_point m_due{}; // when the phase ends unless something happens
     std::chrono::milliseconds m_silence{0};
     std::chrono::milliseconds m_nextPause;
@@ -140,16 +132,13 @@ private:
     std::atomic<bool> m_isStopped{false};
     std::atomic<bool> m_isMoved{false};
 
-    mutable std::mutex m_mutex; // guards all below
+    std::mutex m_mutex; // guards all below
     std::condition_variable m_changed;
     bool m_isDriving = false;
     std::thread::id m_driver;
     bool m_isJoining = false;
     bool m_isJoined = false;
     CallbackEndpoint m_service;
-    Status m_status;
-    Statistics m_statistics;
-    VornPosition m_last;
     QuietThread m_thread;
 };
 

@@ -69,15 +69,15 @@ std::size_t VornSubscriber::dispatch() {
 }
 
 VornSubscriber::Status VornSubscriber::status() const {
-    return m_spWork->status();
+    return m_spWork->record().status();
 }
 
 VornPosition VornSubscriber::position() const {
-    return m_spWork->position();
+    return m_spWork->record().position();
 }
 
 VornSubscriber::Statistics VornSubscriber::statistics() const {
-    return m_spWork->statistics();
+    return m_spWork->record().statistics();
 }
 
 void VornSubscriber::setAddress(const VornString& sAddress) {

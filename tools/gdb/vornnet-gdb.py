@@ -577,14 +577,14 @@ def publisher_entries(value):
 
 def describe_subscriber(value):
     work = state_of(value, "VornNet::SubscriberWork")
-    status = work["m_status"]
+    status = work["m_record"]["m_status"]
     reason = name_field(status, "sReason")
     return joined(
         "subscriber of " + name_field(work, "m_sTopic"),
         enumerator(status["state"]),
         "" if reason == '""' else narrow_text(status["sReason"])[1:-1],
-        "%d events" % int(work["m_statistics"]["nEvents"]),
-        describe_position(work["m_last"]),
+        "%d events" % int(work["m_record"]["m_statistics"]["nEvents"]),
+        describe_position(work["m_record"]["m_last"]),
     )
 
 
