@@ -114,10 +114,6 @@ Lines show(const std::string& scene, const Lines& expressions, const Lines& envi
     return shownTexts(runGdb(arguments, environment));
 }
 
-std::string showOne(const std::string& scene, const std::string& expression) {
-    return show(scene, {expression}).at(0);
-}
-
 Lines showInCore(const std::string& scene, const Lines& expressions) {
     const TemporaryDirectory directory;
     const std::string core = directory.path() + "/core";

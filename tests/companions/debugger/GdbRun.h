@@ -54,9 +54,6 @@ std::string withoutAddresses(const std::string& text);
  */
 Lines show(const std::string& scene, const Lines& expressions, const Lines& environment = {});
 
-/** As show(), of one expression. */
-std::string showOne(const std::string& scene, const std::string& expression);
-
 /** As show(), but with the program's core dump, after the program has ended. */
 Lines showInCore(const std::string& scene, const Lines& expressions);
 
