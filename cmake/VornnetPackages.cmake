@@ -36,46 +36,29 @@ install(FILES ${packaging_dir}/vornnet-doc.doc-base DESTINATION ${CMAKE_INSTALL_
 install(FILES ${work_dir}/vornnet.spdx.json DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libvornnet1
     COMPONENT runtime OPTIONAL)
 
-# The maintainer scripts must be executable and have these very names; the symbols file comes from finish.cmake.
-file(MAKE_DIRECTORY ${work_dir})
-set(control_of_runtime ${work_dir}/symbols)
-foreach(file IN ITEMS postinst postrm)
-    file(COPY_FILE ${packaging_dir}/libvornnet1.${file} ${work_dir}/${file})
-    file(CHMOD ${work_dir}/${file} PERMISSIONS
-        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-    list(APPEND control_of_runtime ${work_dir}/${file})
-endforeach()
-foreach(file IN ITEMS shlibs triggers)
-    file(COPY_FILE ${packaging_dir}/libvornnet1.${file} ${work_dir}/${file})
-    list(APPEND control_of_runtime ${work_dir}/${file})
-endforeach()
-# Control files have the same names in each package.
-set(work_dir_of_notify ${work_dir}/notify)
-file(MAKE_DIRECTORY ${work_dir_of_notify})
-set(control_of_notify ${work_dir_of_notify}/symbols)
-foreach(file IN ITEMS shlibs triggers)
-    file(COPY_FILE ${packaging_dir}/libvornnotify1.${file} ${work_dir_of_notify}/${file})
-    list(APPEND control_of_notify ${work_dir_of_notify}/${file})
-endforeach()
-set(work_dir_of_relay ${work_dir}/relay)
-file(MAKE_DIRECTORY ${work_dir_of_relay})
-foreach(file IN ITEMS postinst postrm prerm)
-    file(COPY_FILE ${packaging_dir}/vornnet-relay.${file} ${work_dir_of_relay}/${file})
-    file(CHMOD ${work_dir_of_relay}/${file} PERMISSIONS
-        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-    list(APPEND control_of_relay ${work_dir_of_relay}/${file})
-endforeach()
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-    ${VORNNET_CHANGELOG}
-    ${packaging_dir}/libvornnet1.postinst
-    ${packaging_dir}/libvornnet1.postrm
-    ${packaging_dir}/libvornnet1.shlibs
-    ${packaging_dir}/libvornnet1.triggers
-    ${packaging_dir}/libvornnotify1.shlibs
-    ${packaging_dir}/libvornnotify1.triggers
-    ${packaging_dir}/vornnet-relay.postinst
-    ${packaging_dir}/vornnet-relay.postrm
-    ${packaging_dir}/vornnet-relay.prerm)
+# Control files have the same names in each package, so each has a directory for its own. The maintainer scripts must be
+# executable; a library's symbols file comes from finish.cmake.
+function(set_control_files component directory)
+    set(control)
+    foreach(file IN LISTS ARGN)
+        set(source ${packaging_dir}/${package_of_${component}}.${file})
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+        file(MAKE_DIRECTORY ${directory})
+        file(COPY_FILE ${source} ${directory}/${file})
+        if(file MATCHES "^(post|pre)")
+            file(CHMOD ${directory}/${file} PERMISSIONS
+                OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+        endif()
+        list(APPEND control ${directory}/${file})
+    endforeach()
+    set(control_of_${component} ${control} PARENT_SCOPE)
+endfunction()
+set_control_files(runtime ${work_dir} postinst postrm shlibs triggers)
+list(PREPEND control_of_runtime ${work_dir}/symbols)
+set_control_files(notify ${work_dir}/notify shlibs triggers)
+list(PREPEND control_of_notify ${work_dir}/notify/symbols)
+set_control_files(relay ${work_dir}/relay postinst postrm prerm)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${VORNNET_CHANGELOG})
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vornnet)
