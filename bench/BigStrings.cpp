@@ -2,10 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Blocks.h"
 
-#ifdef BENCH_WITH_THRIFT
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TSocket.h>
-#endif
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TSocket.h>
 
 /** A text of 64 KiB over a standing connection, acknowledged by an int. */
 namespace Bench {
@@ -14,7 +12,6 @@ namespace {
 
 constexpr std::size_t cSize = 65'536;
 
-#ifdef BENCH_WITH_THRIFT
 class ThriftString {
 public:
     ThriftString(Road /*road*/, int fd)
@@ -41,7 +38,6 @@ private:
     apache::thrift::protocol::TBinaryProtocolT<apache::thrift::transport::TSocket> m_protocol;
     const std::string m_text;
 };
-#endif
 
 } // namespace
 
@@ -50,9 +46,7 @@ void addBigStrings() {
         const std::string workload = std::string("big-strings-") + nameOf(road);
         addContender<Dialogue<PosixString<cSize>>>(workload, "limit", 1, road);
         addContender<Dialogue<VornnetString<cSize>>>(workload, "vornnet", 1, road);
-#ifdef BENCH_WITH_THRIFT
         addContender<Dialogue<ThriftString>>(workload, "thrift", 1, road);
-#endif
     }
 }
 

@@ -2,13 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Blocks.h"
 
-#ifdef BENCH_WITH_THRIFT
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TSocket.h>
-#endif
-#ifdef BENCH_WITH_ASIO
-#    include <asio.hpp>
-#endif
+#include <asio.hpp>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TSocket.h>
 
 /** A block of 64 KiB over a standing connection, acknowledged by an int. */
 namespace Bench {
@@ -17,7 +13,6 @@ namespace {
 
 constexpr std::size_t cSize = 65'536;
 
-#ifdef BENCH_WITH_THRIFT
 class ThriftBlock {
 public:
     ThriftBlock(Road /*road*/, int fd)
@@ -42,9 +37,7 @@ private:
     apache::thrift::protocol::TBinaryProtocolT<apache::thrift::transport::TSocket> m_protocol;
     std::vector<std::uint8_t> m_block;
 };
-#endif
 
-#ifdef BENCH_WITH_POCO
 class PocoBlock {
 public:
     PocoBlock(Road /*road*/, int fd) : m_socket(fd), m_block(cSize, 'x') {}
@@ -66,9 +59,7 @@ private:
     unsigned char m_number[4] = {0, 0, 0, 1};
     std::vector<char> m_block;
 };
-#endif
 
-#ifdef BENCH_WITH_ASIO
 class AsioBlock {
 public:
     AsioBlock(Road road, int fd)
@@ -92,7 +83,6 @@ private:
     unsigned char m_number[4] = {0, 0, 0, 1};
     std::vector<char> m_block;
 };
-#endif
 
 } // namespace
 
@@ -101,15 +91,9 @@ void addBlocks() {
         const std::string workload = std::string("blocks-") + nameOf(road);
         addContender<Dialogue<PosixBlock<cSize>>>(workload, "limit", 1, road);
         addContender<Dialogue<VornnetBlock<cSize>>>(workload, "vornnet", 1, road);
-#ifdef BENCH_WITH_THRIFT
         addContender<Dialogue<ThriftBlock>>(workload, "thrift", 1, road);
-#endif
-#ifdef BENCH_WITH_POCO
         addContender<Dialogue<PocoBlock>>(workload, "poco", 1, road);
-#endif
-#ifdef BENCH_WITH_ASIO
         addContender<Dialogue<AsioBlock>>(workload, "asio", 1, road);
-#endif
     }
 }
 

@@ -8,10 +8,8 @@
 
 #include <unistd.h>
 
-#ifdef BENCH_WITH_POCO
-#    include <Poco/Net/StreamSocket.h>
-#    include <Poco/Net/StreamSocketImpl.h>
-#endif
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/Net/StreamSocketImpl.h>
 
 namespace Bench {
 
@@ -88,7 +86,6 @@ private:
     int m_fd;
 };
 
-#ifdef BENCH_WITH_POCO
 /** POCO's stream socket around a connected descriptor; its constructor for that is not public. */
 class PocoSocket : public Poco::Net::StreamSocket {
 public:
@@ -114,7 +111,6 @@ public:
         }
     }
 };
-#endif
 
 } // namespace Bench
 

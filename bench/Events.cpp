@@ -16,9 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#ifdef BENCH_WITH_ZEROMQ
-#    include <zmq.h>
-#endif
+#include <zmq.h>
 
 /**
  * Events of 16 bytes, from the first one that is published until the last one has come. The limit sends as
@@ -141,8 +139,6 @@ private:
     VornNet::VornSubscriber m_subscriber;
 };
 
-#ifdef BENCH_WITH_ZEROMQ
-
 class ZeroMqEvents : public Contender {
 public:
     ZeroMqEvents(Road road, int events)
@@ -187,8 +183,6 @@ private:
     Arrival m_arrival;
     std::unique_ptr<Joined> m_reader;
 };
-
-#endif
 
 /** Many sockets, of which one thread reads whatever comes. */
 class Crowd {
@@ -321,9 +315,7 @@ void addEvents() {
             const std::string workload = std::string(events == 1 ? "event-" : "events-") + nameOf(road);
             addContender<PosixEvents>(workload, "limit", events, road, events);
             addContender<PublishedEvents>(workload, "vornnet", events, road, events);
-#ifdef BENCH_WITH_ZEROMQ
             addContender<ZeroMqEvents>(workload, "zeromq", events, road, events);
-#endif
         }
     }
     addContender<PosixCrowd>("events-to-many", "limit", cManyEvents * cManySubscribers);

@@ -5,24 +5,14 @@
 
 #include <VornProxyDependent.h>
 
-#ifdef BENCH_WITH_THRIFT
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TSocket.h>
-#endif
-#ifdef BENCH_WITH_POCO
-#    include <Poco/Net/StreamSocket.h>
-#endif
-#ifdef BENCH_WITH_ASIO
-#    include <asio.hpp>
-#endif
-#ifdef BENCH_WITH_ZEROMQ
-#    include <zmq.h>
-#endif
-#ifdef BENCH_WITH_NNG
-#    include <nng/nng.h>
-#    include <nng/protocol/pipeline0/pull.h>
-#    include <nng/protocol/pipeline0/push.h>
-#endif
+#include <Poco/Net/StreamSocket.h>
+#include <asio.hpp>
+#include <nng/nng.h>
+#include <nng/protocol/pipeline0/pull.h>
+#include <nng/protocol/pipeline0/push.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TSocket.h>
+#include <zmq.h>
 
 /**
  * A notification, over a connection of its own, to a receiver that listens all the time: from the sender's
@@ -78,7 +68,6 @@ private:
     const VornSupport::VornNotification m_notification;
 };
 
-#ifdef BENCH_WITH_THRIFT
 class ThriftSender {
 public:
     explicit ThriftSender(Road road) : m_road(road) {}
@@ -98,9 +87,7 @@ public:
 private:
     const Road m_road;
 };
-#endif
 
-#ifdef BENCH_WITH_POCO
 class PocoSender {
 public:
     explicit PocoSender(Road /*road*/) {}
@@ -112,9 +99,7 @@ public:
         socket.close();
     }
 };
-#endif
 
-#ifdef BENCH_WITH_ASIO
 class AsioSender {
 public:
     explicit AsioSender(Road road) : m_road(road) {}
@@ -140,18 +125,7 @@ private:
     const Road m_road;
     asio::io_context m_context;
 };
-#endif
 
-#if defined(BENCH_WITH_ZEROMQ) || defined(BENCH_WITH_NNG)
-/** The two message queues bring their own addresses and receivers. */
-std::string queueAddress(Road road, const char* pipeName, int port) {
-    const Address address(road, pipeName, port);
-    return road == Road::pipe ? std::string("ipc://") + address.path()
-                              : "tcp://127.0.0.1:" + std::to_string(port);
-}
-#endif
-
-#ifdef BENCH_WITH_ZEROMQ
 class ZeromqDelivery : public Contender {
 public:
     explicit ZeromqDelivery(Road road)
@@ -180,9 +154,7 @@ private:
     void* m_context;
     void* m_pull;
 };
-#endif
 
-#ifdef BENCH_WITH_NNG
 class NngDelivery : public Contender {
 public:
     explicit NngDelivery(Road road) : m_address(queueAddress(road, "bench-nng", 5903)), m_pull() {
@@ -209,7 +181,6 @@ private:
     const std::string m_address;
     nng_socket m_pull;
 };
-#endif
 
 } // namespace
 
@@ -218,21 +189,11 @@ void addNotification() {
         const std::string workload = nameFor(road);
         addContender<Delivery<PosixSender>>(workload, "limit", 1, road);
         addContender<VornnetDelivery>(workload, "vornnet", 1, road);
-#ifdef BENCH_WITH_THRIFT
         addContender<Delivery<ThriftSender>>(workload, "thrift", 1, road);
-#endif
-#ifdef BENCH_WITH_POCO
         addContender<Delivery<PocoSender>>(workload, "poco", 1, road);
-#endif
-#ifdef BENCH_WITH_ASIO
         addContender<Delivery<AsioSender>>(workload, "asio", 1, road);
-#endif
-#ifdef BENCH_WITH_ZEROMQ
         addContender<ZeromqDelivery>(workload, "zeromq", 1, road);
-#endif
-#ifdef BENCH_WITH_NNG
         addContender<NngDelivery>(workload, "nng", 1, road);
-#endif
     }
 }
 

@@ -2,27 +2,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Request.h"
 
-#ifdef BENCH_WITH_THRIFT
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TBufferTransports.h>
-#    include <thrift/transport/TSocket.h>
-#endif
-#ifdef BENCH_WITH_POCO
-#    include <Poco/BinaryReader.h>
-#    include <Poco/BinaryWriter.h>
-#    include <Poco/Net/SocketStream.h>
-#endif
-#ifdef BENCH_WITH_ASIO
-#    include <asio.hpp>
-#endif
-#ifdef BENCH_WITH_ZEROMQ
-#    include <zmq.h>
-#endif
-#ifdef BENCH_WITH_NNG
-#    include <nng/nng.h>
-#    include <nng/protocol/reqrep0/rep.h>
-#    include <nng/protocol/reqrep0/req.h>
-#endif
+#include <Poco/BinaryReader.h>
+#include <Poco/BinaryWriter.h>
+#include <Poco/Net/SocketStream.h>
+#include <asio.hpp>
+#include <nng/nng.h>
+#include <nng/protocol/reqrep0/rep.h>
+#include <nng/protocol/reqrep0/req.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TSocket.h>
+#include <zmq.h>
 
 /** A request of an int and a text of 100 bytes, sent in one piece over a standing connection, and an int in
  * reply. */
@@ -30,7 +20,6 @@ namespace Bench {
 
 namespace {
 
-#ifdef BENCH_WITH_THRIFT
 class ThriftRequest {
 public:
     ThriftRequest(Road /*road*/, int fd)
@@ -64,9 +53,7 @@ private:
     apache::thrift::protocol::TBinaryProtocolT<Buffered> m_protocol;
     const std::string m_text;
 };
-#endif
 
-#ifdef BENCH_WITH_POCO
 class PocoRequest {
 public:
     PocoRequest(Road /*road*/, int fd)
@@ -101,9 +88,7 @@ private:
     Poco::BinaryWriter m_writer;
     const std::string m_text;
 };
-#endif
 
-#ifdef BENCH_WITH_ASIO
 class AsioRequest {
 public:
     AsioRequest(Road road, int fd)
@@ -135,17 +120,7 @@ private:
     asio::io_context m_context;
     asio::generic::stream_protocol::socket m_socket;
 };
-#endif
 
-#if defined(BENCH_WITH_ZEROMQ) || defined(BENCH_WITH_NNG)
-std::string queueAddress(Road road, const char* pipeName, int port) {
-    const Address address(road, pipeName, port);
-    return road == Road::pipe ? std::string("ipc://") + address.path()
-                              : "tcp://127.0.0.1:" + std::to_string(port);
-}
-#endif
-
-#ifdef BENCH_WITH_ZEROMQ
 class ZeromqRequest : public Contender {
 public:
     explicit ZeromqRequest(Road road)
@@ -185,9 +160,7 @@ private:
     void* m_request;
     std::unique_ptr<Joined> m_server;
 };
-#endif
 
-#ifdef BENCH_WITH_NNG
 class NngRequest : public Contender {
 public:
     explicit NngRequest(Road road) : m_reply(), m_request() {
@@ -227,7 +200,6 @@ private:
     nng_socket m_request;
     std::unique_ptr<Joined> m_server;
 };
-#endif
 
 } // namespace
 
@@ -236,21 +208,11 @@ void addRequest() {
         const std::string workload = std::string("request-") + nameOf(road);
         addContender<Dialogue<PosixRequest>>(workload, "limit", 1, road);
         addContender<Dialogue<VornnetRequest>>(workload, "vornnet", 1, road);
-#ifdef BENCH_WITH_THRIFT
         addContender<Dialogue<ThriftRequest>>(workload, "thrift", 1, road);
-#endif
-#ifdef BENCH_WITH_POCO
         addContender<Dialogue<PocoRequest>>(workload, "poco", 1, road);
-#endif
-#ifdef BENCH_WITH_ASIO
         addContender<Dialogue<AsioRequest>>(workload, "asio", 1, road);
-#endif
-#ifdef BENCH_WITH_ZEROMQ
         addContender<ZeromqRequest>(workload, "zeromq", 1, road);
-#endif
-#ifdef BENCH_WITH_NNG
         addContender<NngRequest>(workload, "nng", 1, road);
-#endif
     }
 }
 

@@ -76,6 +76,12 @@ Address::Address(Road road, const std::string& pipeName, int port) : m_storage()
     }
 }
 
+std::string queueAddress(Road road, const std::string& pipeName, int port) {
+    const Address address(road, pipeName, port);
+    return road == Road::pipe ? std::string("ipc://") + address.path()
+                              : "tcp://127.0.0.1:" + std::to_string(port);
+}
+
 int familyOf(Road road) {
     return road == Road::pipe ? AF_UNIX : AF_INET;
 }

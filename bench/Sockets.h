@@ -74,6 +74,9 @@ private:
     socklen_t m_length;
 };
 
+/** The same for the message queues, which bring their own listeners. */
+std::string queueAddress(Road road, const std::string& pipeName, int port);
+
 /** The address family of the road. */
 int familyOf(Road road);
 

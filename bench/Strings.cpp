@@ -5,16 +5,12 @@
 #include "Sockets.h"
 #include "ThriftMemory.h"
 
-#ifdef BENCH_WITH_THRIFT
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TBufferTransports.h>
-#endif
-#ifdef BENCH_WITH_POCO
-#    include <Poco/BinaryReader.h>
-#    include <Poco/BinaryWriter.h>
-#    include <Poco/MemoryStream.h>
-#    include <sstream>
-#endif
+#include <Poco/BinaryReader.h>
+#include <Poco/BinaryWriter.h>
+#include <Poco/MemoryStream.h>
+#include <sstream>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
 
 /** Texts read from a block of memory. */
 namespace Bench {
@@ -69,7 +65,6 @@ void addVornnet(int length) {
     });
 }
 
-#ifdef BENCH_WITH_THRIFT
 /** @tparam Access, Protocol as for the typed numbers */
 template <typename Access, typename Protocol>
 void addThrift(int length, const char* contender) {
@@ -87,9 +82,7 @@ void addThrift(int length, const char* contender) {
         };
     });
 }
-#endif
 
-#ifdef BENCH_WITH_POCO
 void addPoco(int length) {
     addFunction(nameFor(length), "poco", cStrings, [length] {
         std::ostringstream stream;
@@ -107,7 +100,6 @@ void addPoco(int length) {
         };
     });
 }
-#endif
 
 } // namespace
 
@@ -115,13 +107,9 @@ void addStrings() {
     for (const int length : {16, 1024}) {
         addLimit(length);
         addVornnet(length);
-#ifdef BENCH_WITH_THRIFT
         addThrift<ThriftProtocol, VirtualThrift>(length, "thrift-virtual");
         addThrift<DirectThrift, DirectThrift>(length, "thrift-template");
-#endif
-#ifdef BENCH_WITH_POCO
         addPoco(length);
-#endif
     }
 }
 

@@ -3,13 +3,11 @@
 #ifndef VORNBENCH_THRIFTMEMORY_H
 #define VORNBENCH_THRIFTMEMORY_H
 
-#ifdef BENCH_WITH_THRIFT
+#include <cstddef>
+#include <cstdint>
 
-#    include <cstddef>
-#    include <cstdint>
-
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TBufferTransports.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
 
 namespace Bench {
 
@@ -33,5 +31,4 @@ public:
 
 } // namespace Bench
 
-#endif
 #endif

@@ -5,15 +5,11 @@
 #include "Sockets.h"
 #include "ThriftMemory.h"
 
-#ifdef BENCH_WITH_THRIFT
-#    include <thrift/protocol/TBinaryProtocol.h>
-#    include <thrift/transport/TBufferTransports.h>
-#endif
-#ifdef BENCH_WITH_POCO
-#    include <Poco/BinaryReader.h>
-#    include <Poco/BinaryWriter.h>
-#    include <Poco/MemoryStream.h>
-#endif
+#include <Poco/BinaryReader.h>
+#include <Poco/BinaryWriter.h>
+#include <Poco/MemoryStream.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/transport/TBufferTransports.h>
 
 /** Ints written to a block of memory that has room for them, and read from it into an array. */
 namespace Bench {
@@ -166,7 +162,6 @@ void addVornnet() {
     });
 }
 
-#ifdef BENCH_WITH_THRIFT
 /**
  * @tparam Access  what the program calls: TProtocol, all calls of which are virtual, or the protocol's own
  * class
@@ -195,9 +190,7 @@ void addThrift(const char* contender) {
         };
     });
 }
-#endif
 
-#ifdef BENCH_WITH_POCO
 void addPoco() {
     addFunction("numbers-write", "poco", cNumbers, [] {
         return [block = Block(cBytes)]() mutable {
@@ -217,7 +210,6 @@ void addPoco() {
         };
     });
 }
-#endif
 
 } // namespace
 
@@ -226,13 +218,9 @@ void addTypedNumbers() {
     addCallLimit();
     addLibraryCall();
     addVornnet();
-#ifdef BENCH_WITH_THRIFT
     addThrift<ThriftProtocol, VirtualThrift>("thrift-virtual");
     addThrift<DirectThrift, DirectThrift>("thrift-template");
-#endif
-#ifdef BENCH_WITH_POCO
     addPoco();
-#endif
 }
 
 } // namespace Bench

@@ -12,12 +12,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#ifdef BENCH_WITH_POCO
-#    include <Poco/Net/DatagramSocket.h>
-#endif
-#ifdef BENCH_WITH_ASIO
-#    include <asio.hpp>
-#endif
+#include <Poco/Net/DatagramSocket.h>
+#include <asio.hpp>
 
 /** Datagrams of 64 bytes that have arrived already, taken one by one into a buffer that has room for 16 MiB.
  */
@@ -115,7 +111,6 @@ private:
     Server m_server;
 };
 
-#ifdef BENCH_WITH_POCO
 class PocoReceiver {
 public:
     PocoReceiver()
@@ -131,9 +126,7 @@ private:
     Poco::Net::DatagramSocket m_socket;
     std::unique_ptr<void, decltype(&std::free)> m_buffer;
 };
-#endif
 
-#ifdef BENCH_WITH_ASIO
 class AsioReceiver {
 public:
     AsioReceiver()
@@ -150,7 +143,6 @@ private:
     asio::ip::udp::socket m_socket;
     std::unique_ptr<void, decltype(&std::free)> m_buffer;
 };
-#endif
 
 } // namespace
 
@@ -158,12 +150,8 @@ void addUdpReceive() {
     addContender<Reception<PosixReceiver>>("udp-receive", "limit", cDatagrams);
     addContender<Reception<CopyingReceiver>>("udp-receive", "limit-with-copy", cDatagrams);
     addContender<Reception<VornnetReceiver>>("udp-receive", "vornnet", cDatagrams);
-#ifdef BENCH_WITH_POCO
     addContender<Reception<PocoReceiver>>("udp-receive", "poco", cDatagrams);
-#endif
-#ifdef BENCH_WITH_ASIO
     addContender<Reception<AsioReceiver>>("udp-receive", "asio", cDatagrams);
-#endif
 }
 
 } // namespace Bench

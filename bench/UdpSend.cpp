@@ -5,12 +5,8 @@
 
 #include <VornUDPSocketConnection.h>
 
-#ifdef BENCH_WITH_POCO
-#    include <Poco/Net/DatagramSocket.h>
-#endif
-#ifdef BENCH_WITH_ASIO
-#    include <asio.hpp>
-#endif
+#include <Poco/Net/DatagramSocket.h>
+#include <asio.hpp>
 
 /** A datagram of two longs composed and sent by a socket of its own. */
 namespace Bench {
@@ -70,7 +66,6 @@ public:
     }
 };
 
-#ifdef BENCH_WITH_POCO
 class PocoSender {
 public:
     void send() const {
@@ -80,9 +75,7 @@ public:
         socket.sendTo(&bytes, sizeof bytes, Poco::Net::SocketAddress("127.0.0.1", cPort));
     }
 };
-#endif
 
-#ifdef BENCH_WITH_ASIO
 class AsioSender {
 public:
     void send() {
@@ -95,19 +88,14 @@ public:
 private:
     asio::io_context m_context;
 };
-#endif
 
 } // namespace
 
 void addUdpSend() {
     addContender<Sending<PosixSender>>("udp-send", "limit", 1);
     addContender<Sending<VornnetSender>>("udp-send", "vornnet", 1);
-#ifdef BENCH_WITH_POCO
     addContender<Sending<PocoSender>>("udp-send", "poco", 1);
-#endif
-#ifdef BENCH_WITH_ASIO
     addContender<Sending<AsioSender>>("udp-send", "asio", 1);
-#endif
 }
 
 } // namespace Bench
