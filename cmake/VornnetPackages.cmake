@@ -20,9 +20,10 @@ set(package_of_notify_development libvornnotify-dev)
 set(package_of_tools vornnet-tools)
 set(package_of_relay vornnet-relay)
 set(package_of_documentation vornnet-doc)
+set(CPACK_COMPONENTS_ALL runtime development notify notify_development tools relay documentation)
 
 # What every package has for itself beside its component.
-foreach(component IN ITEMS runtime development notify notify_development tools relay documentation)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     set(package ${package_of_${component}})
     set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/${package})
     install(FILES ${packaging_dir}/copyright DESTINATION ${doc_dir} COMPONENT ${component})
@@ -66,7 +67,6 @@ set(CPACK_PACKAGE_VENDOR "The vornnet authors")
 set(CPACK_PACKAGE_CONTACT "The vornnet authors <authors@vornnet.example>")
 set(CPACK_PACKAGE_HOMEPAGE_URL ${PROJECT_HOMEPAGE_URL})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_COMPONENTS_ALL runtime development notify notify_development tools relay documentation)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -92,10 +92,16 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(what "vornnet carries typed values between processes over local pipes, TCP, UDP and
 memory, and notifications from services to callbacks in their clients.")
 
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${package_of_runtime})
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} upper)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package_of_${component}})
+    if(component MATCHES "^(runtime|notify|tools|relay)$") # the packages with programs
+        set(CPACK_DEBIAN_${upper}_PACKAGE_SHLIBDEPS ON)
+        set(CPACK_DEBIAN_${upper}_DEBUGINFO_PACKAGE ON)
+    endif()
+endforeach()
+
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control_of_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "adduser | systemd-sysusers")
 # It makes /etc/hosts, without which "localhost" has no address and TCP and UDP sinks have none either.
@@ -106,7 +112,6 @@ ${what}
 This package contains libvornsupt.so.1 and libvornnet.so.1, and sets up the
 group vorn and the directory of local pipes.")
 
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${package_of_development})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS vornnet-doc)
@@ -116,10 +121,7 @@ ${what}
 This package contains the headers and what CMake and pkg-config need to find
 the libraries.")
 
-set(CPACK_DEBIAN_NOTIFY_PACKAGE_NAME ${package_of_notify})
 set(CPACK_DEBIAN_NOTIFY_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_NOTIFY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_NOTIFY_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_NOTIFY_PACKAGE_CONTROL_EXTRA ${control_of_notify})
 set(CPACK_COMPONENT_NOTIFY_DEPENDS runtime)
 set(CPACK_DEBIAN_NOTIFY_DESCRIPTION "typed connections and notifications between processes - delivery
@@ -128,7 +130,6 @@ ${what}
 This package contains the shared library whose senders and sinks see to it that
 notifications arrive, also with peers that do not know of it.")
 
-set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_PACKAGE_NAME ${package_of_notify_development})
 set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_NOTIFY_DEVELOPMENT_DEPENDS notify development)
 set(CPACK_DEBIAN_NOTIFY_DEVELOPMENT_PACKAGE_SUGGESTS vornnet-doc)
@@ -138,10 +139,7 @@ ${what}
 This package contains the headers of the library of deliveries that arrive, and
 what CMake and pkg-config need to find it.")
 
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${package_of_tools})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_TOOLS_DEBUGINFO_PACKAGE ON)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime notify)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "typed connections and notifications between processes - tool
 ${what}
@@ -151,10 +149,7 @@ notifications, connections and servers can be tried from the shell, and which
 finds out why a notification does not arrive. It also contains printers for gdb
 and a dissector for Wireshark.")
 
-set(CPACK_DEBIAN_RELAY_PACKAGE_NAME ${package_of_relay})
 set(CPACK_DEBIAN_RELAY_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_RELAY_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RELAY_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_RELAY_PACKAGE_CONTROL_EXTRA ${control_of_relay})
 # The command is `vornnet relay`, which is the tool's.
 set(CPACK_COMPONENT_RELAY_DEPENDS runtime notify tools)
@@ -168,7 +163,6 @@ This package contains the relay, a daemon that carries notifications between
 hosts through servers of NATS with JetStream, and keeps them while a host is
 away.")
 
-set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME ${package_of_documentation})
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 # What the examples are built with.
