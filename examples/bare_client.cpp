@@ -7,18 +7,15 @@
 // transport: "pipe", "socket" (TCP) or "udp". The service needs nothing but the sink's address and the
 // callback id.
 
-#include "FileEvent.h"
-#include "PipeDirectory.h"
+#include "EventPrinter.h"
+#include "Program.h"
 #include "ServiceRequest.h"
 
 #include <VornException.h>
 #include <VornLibraryCallbackSink.h>
-#include <VornLogging.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 using namespace Example;
@@ -26,20 +23,16 @@ using namespace VornNet;
 
 namespace {
 
-class EventPrinter : public VornNotificationCallback {
+/** Prints each event, whatever its sender does. */
+class CarefulPrinter : public EventPrinter {
 public:
-    explicit EventPrinter(int nId) : VornNotificationCallback(nId) {}
-
-    int received() const { return m_nReceived; }
+    using EventPrinter::EventPrinter;
 
 protected:
     void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
         try {
-            const FileEvent event = FileEvent::read(*spConnection);
+            EventPrinter::doCallback(spConnection);
             awaitEnd(*spConnection);
-            ++m_nReceived;
-            std::printf("event %d: %s '%s' (%ju bytes)\n", event.getId(), event.verb(),
-                        printable(event.name()).c_str(), event.size());
         } catch (const VornException& e) {
             // The sender broke off. If the exception left this function, the sink would take it for a failure
             // of its own, and code 104 (connection reset) would end it.
@@ -57,17 +50,6 @@ private:
         while (connection.receive(&rest, 1, &nError, true) > 0) {
         }
     }
-
-    // A file name may contain any byte, including escape sequences for the terminal.
-    static VornString printable(VornString sText) {
-        for (char& character : sText) {
-            if (static_cast<unsigned char>(character) < ' ' || character == '\x7f')
-                character = '?';
-        }
-        return sText;
-    }
-
-    std::atomic<int> m_nReceived = 0; // counted on the sink's thread, read by main()
 };
 
 void stayUntilSignalled(const sigset_t& signals, VornLibraryCallbackSink& sink, long hCallback,
@@ -95,28 +77,16 @@ void stayUntilSignalled(const sigset_t& signals, VornLibraryCallbackSink& sink, 
 int main(int argc, char** argv) {
     // Writing to a peer that has just closed raises SIGPIPE, which by default ends the process.
     std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
-
-    if (argc < 2 || argc > 3 || !std::filesystem::is_directory(argv[1])) {
-        std::fprintf(stderr, "usage: bare_client DIRECTORY [LOG-LEVEL]\n");
-        return 2;
-    }
-    if (argc == 3) // the library's log on standard error, from 0 to 9
-        VornLogging::getInstance().setLogLevel(std::atoi(argv[2]));
-    if (!hasPipeDirectory("client"))
-        return 1;
+    if (const int nStatus = prepare("bare_client", "client", argc, argv); nStatus != 0)
+        return nStatus;
 
     // Before the sink is created: its thread inherits the mask, and a signal that is handled on that thread
     // would end a TCP or UDP sink.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const sigset_t signals = blockEndSignals();
 
     VornLibraryCallbackSink sink("client");
     VornCallbackContainer& callbacks = sink.getCallbackContainer();
-    const VornSmartPointer<EventPrinter> spPrinter = new EventPrinter(callbacks.getNewId());
+    const VornSmartPointer<CarefulPrinter> spPrinter = new CarefulPrinter(callbacks.getNewId());
     callbacks.add(&*spPrinter);
     int nStatus = 0;
     try {

@@ -8,17 +8,15 @@
 // registry.
 
 #include "DirectoryWatch.h"
-#include "PipeDirectory.h"
+#include "Program.h"
 #include "SubscriptionDesk.h"
 #include "Subscriptions.h"
 
 #include <VornException.h>
-#include <VornLogging.h>
 #include <VornSleep.h>
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <filesystem>
 
@@ -29,16 +27,6 @@ using namespace Example;
 using namespace VornNet;
 
 namespace {
-
-/** @return a descriptor that poll(2) finds readable when the service is told to end */
-int blockEndSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return signalfd(-1, &signals, SFD_CLOEXEC);
-}
 
 /** @return true when told to end, false when there is nothing left to watch */
 bool tellEvents(DirectoryWatch& watch, int signals, Subscriptions& subscriptions) {
@@ -68,18 +56,11 @@ int main(int argc, char** argv) {
     // the process. Every service meets such a client sooner or later. Once the signal is ignored, the failed
     // write throws an exception like any other.
     std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (const int nStatus = prepare("bare_service", "service", argc, argv); nStatus != 0)
+        return nStatus;
 
-    if (argc < 2 || argc > 3 || !std::filesystem::is_directory(argv[1])) {
-        std::fprintf(stderr, "usage: bare_service DIRECTORY [LOG-LEVEL]\n");
-        return 2;
-    }
-    if (argc == 3) // the library's log on standard error, from 0 to 9
-        VornLogging::getInstance().setLogLevel(std::atoi(argv[2]));
-    if (!hasPipeDirectory("service"))
-        return 1;
-
-    const int signals = blockEndSignals(); // before the desk's thread starts, which inherits the mask
+    const sigset_t ends = blockEndSignals(); // before the desk's thread starts, which inherits the mask
+    const int signals = signalfd(-1, &ends, SFD_CLOEXEC);
     Subscriptions subscriptions;
     int nStatus = 0;
     try {

@@ -8,16 +8,14 @@
 
 #include "EventPrinter.h"
 #include "FileEvent.h"
-#include "PipeDirectory.h"
+#include "Program.h"
 #include "ServiceRequest.h"
 
 #include <VornException.h>
-#include <VornLogging.h>
 #include <VornSteadySink.h>
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 using namespace Example;
@@ -26,22 +24,10 @@ using namespace VornNet;
 int main(int argc, char** argv) {
     // Writing to a peer that has just closed raises SIGPIPE, which by default ends the process.
     std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (const int nStatus = prepare("client", "client", argc, argv); nStatus != 0)
+        return nStatus;
 
-    if (argc < 2 || argc > 3 || !std::filesystem::is_directory(argv[1])) {
-        std::fprintf(stderr, "usage: client DIRECTORY [LOG-LEVEL]\n");
-        return 2;
-    }
-    if (argc == 3) // the library's log on standard error, from 0 to 9
-        VornLogging::getInstance().setLogLevel(std::atoi(argv[2]));
-    if (!hasPipeDirectory("client"))
-        return 1;
-
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const sigset_t signals = blockEndSignals();
 
     int nStatus = 0;
     const VornSmartPointer<EventPrinter> spPrinter = new EventPrinter(0);

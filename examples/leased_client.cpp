@@ -9,7 +9,7 @@
 
 #include "EventPrinter.h"
 #include "FileEvent.h"
-#include "PipeDirectory.h"
+#include "Program.h"
 #include "ServiceRequest.h"
 
 #include <VornException.h>
@@ -55,11 +55,7 @@ int main(int argc, char** argv) {
     if (!hasPipeDirectory("leased_client"))
         return 1;
 
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const sigset_t signals = blockEndSignals();
 
     int nStatus = 0;
     const VornSmartPointer<EventPrinter> spPrinter = new EventPrinter(0);

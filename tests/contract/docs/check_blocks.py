@@ -9,13 +9,11 @@ The fence names the language alone. Whatever else the check has to know is in a 
 <!-- block: WORDS -->, which no renderer shows. An unknown word fails.
 
 cpp                   declarations, compiled with what they include themselves
-cpp, more             the same after the previous block of C++
 cpp, body             statements of a function
 cpp, run              a program, compiled and run; the next block, text, output, is what it prints
 cpp, file=NAME        a program, saved under that name for the commands that follow
 cpp, with="TEXT"      also: TEXT is put before what is compiled; for what the block leaves out
 text, output          what the program before it prints
-cmake                 the end of a CMakeLists.txt with a target `program`, built against the installed library
 console               a terminal: lines with "$ " are run, the others are what is printed. "..." stands for any text, on
                       a line of its own for any lines; the first name like quorax1f3a stands for whatever is there, and
                       from then on for the same. A command that fails, fails the test.
@@ -26,7 +24,7 @@ text, example         values in the notation of `vornnet encode`, then their byt
                       those; compared with the tool in both directions
 console, gdb|tshark   sessions that tests of their own run
 any, of=PATH          an excerpt: its lines stand in that file of the tree, one after the other
-ini, of=PATH          the same, of a file for another program
+cmake, ini, of=PATH   the same, of a file for another program
 sh, not-run=WHY       is not run, for one of the REASONS; its syntax is checked
 """
 import os
@@ -44,14 +42,13 @@ REASONS = {
     "packages": "installs packages on the host",
     "host": "changes the host's own files for good",
     "tree": "builds or tests the whole tree, which this test is a part of",
-    "long": "takes minutes",
 }
 # Kinds whose sessions are run by tests of their own, which have to know them.
 ELSEWHERE = {"gdb": "tests/companions/debugger/TranscriptTest.cpp",
              "tshark": "tests/companions/dissector/TranscriptTest.cpp"}
 KINDS = {"cpp", "cmake", "console", "ini", "sh", "text"} # languages; a text is one of the following
 TEXTS = {"output", "example"}
-FLAGS = {"more", "body", "run", "later", "after"} | TEXTS | set(ELSEWHERE)
+FLAGS = {"body", "run", "later", "after"} | TEXTS | set(ELSEWHERE)
 VALUES = {"file", "with", "of", "not-run"}
 PIPE_DIRECTORY = "/opt/vorn/hostmgr/var/lib/kestrel/rendez"
 PATIENCE = 60
@@ -213,7 +210,6 @@ class Document:
         self.tree = pathlib.Path(__file__).resolve().parents[3]
         self.names = Names()
         self.later = []
-        self.cpp = ""
         self.printed = None
         self.not_run = []
         self.environment = None
@@ -275,10 +271,9 @@ class Document:
         else:
             includes, text = re.fullmatch(r"((?:#include [^\n]*\n|\n)*)(.*)", block.text, re.S).groups()
             text = "void body() {\n" + text + "}\n" if "body" in block.flags else text
-            self.cpp = (self.cpp if "more" in block.flags else "") + includes + (
-                "using namespace VornNet;\n" if "Vorn" in includes else "") + context + text
+            using = "using namespace VornNet;\n" if "Vorn" in includes else ""
             source = self.work / "block.cpp"
-            source.write_text(self.cpp)
+            source.write_text(includes + using + context + text)
             self.compile(source, "-fsyntax-only", "-Wno-unused-function", "-Wno-unused-variable")
 
     def run_program(self, block):
@@ -296,15 +291,6 @@ class Document:
         if not self.names.compare(block.lines(), self.printed):
             raise Failure(difference(block.lines(), self.printed))
         self.printed = None
-
-    def check_cmake(self, block):
-        if self.environment is None:
-            self.install()
-        project = self.work / f"cmake-{block.line}"
-        project.mkdir()
-        (project / "CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.25)\nproject(program CXX)\n"
-                                                "add_executable(program ../program.cpp)\n" + block.text)
-        self.run(f"cmake -S {project.name} -B {project.name}/build && cmake --build {project.name}/build")
 
     def finish_later(self):
         sessions, self.later = self.later, []
@@ -366,7 +352,7 @@ class Document:
             self.check_excerpt(block)
         elif block.kind in ELSEWHERE:
             self.check_elsewhere(block)
-        elif block.kind == "ini":
+        elif block.kind in ("cmake", "ini"):
             raise Failure("is no excerpt")
         else:
             getattr(self, "check_" + block.kind)(block)
