@@ -230,15 +230,8 @@ void checkProcess(Findings& findings, const Process& process) {
 }
 
 std::string nameOf(Severity severity) {
-    switch (severity) {
-    case Severity::Ok:
-        return "ok";
-    case Severity::Warning:
-        return "warning";
-    case Severity::Problem:
-        break;
-    }
-    return "problem";
+    constexpr std::array cNames = {"ok", "warning", "problem"};
+    return cNames.at(static_cast<std::size_t>(severity));
 }
 
 void print(const Findings& findings) {

@@ -117,17 +117,16 @@ private:
         if (record.level > m_options.level || !isOfClass(record.text, m_options.className))
             return;
         ++m_printed;
-        if (m_options.json)
-            Output::json({{"event", "record"},
-                          {"time", timeText(record.time)},
-                          {"level", record.level},
-                          {"pid", m_process},
-                          {"tid", record.thread},
-                          {"text", record.text}});
-        else
-            Output::line(timeText(record.time) + " " + std::to_string(record.level) + " [" +
-                         std::to_string(m_process) + ":" + std::to_string(record.thread) + "] " +
-                         printable(record.text));
+        const std::string time = timeText(record.time);
+        Output::either(m_options.json,
+                       {{"event", "record"},
+                        {"time", time},
+                        {"level", record.level},
+                        {"pid", m_process},
+                        {"tid", record.thread},
+                        {"text", record.text}},
+                       time + " " + std::to_string(record.level) + " [" + std::to_string(m_process) + ":" +
+                           std::to_string(record.thread) + "] " + printable(record.text));
     }
 
     pid_t m_process;
@@ -151,11 +150,9 @@ int runFollow(FollowOptions& options) {
         level.restore();
         trace.remove();
     });
-    if (options.json)
-        Output::json({{"event", "following"}, {"pid", process}, {"level", options.level}});
-    else
-        Output::line("following process " + std::to_string(process) + " up to level " +
-                     std::to_string(options.level));
+    Output::either(options.json, {{"event", "following"}, {"pid", process}, {"level", options.level}},
+                   "following process " + std::to_string(process) + " up to level " +
+                       std::to_string(options.level));
     RecordPrinter printer(process, options);
     std::array<pollfd, 3> events{{{trace.descriptor(), POLLIN, 0}, {ended, POLLIN, 0}, {wake, POLLIN, 0}}};
     while (!printer.isDone() && !Output::isLost() && !interruption.isRequested()) {

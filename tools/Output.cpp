@@ -95,6 +95,13 @@ void Output::json(const Json& value) {
     line(value.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
+void Output::either(bool wantsJson, const Json& object, const std::string& text) {
+    if (wantsJson)
+        json(object);
+    else
+        line(text);
+}
+
 void Output::bytes(const std::string& data) {
     if (!writeAll(STDOUT_FILENO, data))
         g_lost = true;

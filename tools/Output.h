@@ -27,6 +27,9 @@ public:
     /** Writes an object as one line to standard output; bytes that are no UTF-8 are replaced. */
     static void json(const Json& value);
 
+    /** Writes @p object if JSON is wanted, otherwise @p text as a line. */
+    static void either(bool wantsJson, const Json& object, const std::string& text);
+
     /** Writes bytes to standard output as they are. */
     static void bytes(const std::string& data);
 

@@ -246,27 +246,9 @@ int removeIfDead(const std::string& path) {
 }
 
 std::string nameOf(PipeState state) {
-    switch (state) {
-    case PipeState::Listening:
-        return "listening";
-    case PipeState::Bound:
-        return "bound";
-    case PipeState::Hidden:
-        return "hidden";
-    case PipeState::Contested:
-        return "contested";
-    case PipeState::Stolen:
-        return "stolen";
-    case PipeState::Unlinked:
-        return "unlinked";
-    case PipeState::Dead:
-        return "dead";
-    case PipeState::NoSocket:
-        return "no-socket";
-    case PipeState::Unknown:
-        break;
-    }
-    return "unknown";
+    constexpr std::array cNames = {"listening", "bound", "hidden",    "contested", "stolen",
+                                   "unlinked",  "dead",  "no-socket", "unknown"};
+    return cNames.at(static_cast<std::size_t>(state));
 }
 
 } // namespace VornTool

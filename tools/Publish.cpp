@@ -95,20 +95,16 @@ VornPublisher::Options publisherOptions(const PublishOptions& options, std::mute
     result.sDirectory = options.directory;
     result.onSubscribe = [json = options.json, &announcing](const VornPublisher::Subscriber& asking) {
         const std::lock_guard afterTheAddress(announcing);
-        if (json)
-            Output::json({{"event", "subscriber"}, {"id", asking.nId}, {"from", asking.sFrom}});
-        else
-            Output::line("subscriber " + std::to_string(asking.nId) + ": " + printable(asking.sFrom));
+        Output::either(json, {{"event", "subscriber"}, {"id", asking.nId}, {"from", asking.sFrom}},
+                       "subscriber " + std::to_string(asking.nId) + ": " + printable(asking.sFrom));
         return VornSupport::VornString();
     };
     result.onLeave = [json = options.json](const VornPublisher::Subscriber& gone,
                                            VornPublisher::Leaving leaving, int code) {
         const char* const why = VornPublisher::nameOf(leaving);
-        if (json)
-            Output::json({{"event", "left"}, {"id", gone.nId}, {"reason", why}, {"code", code}});
-        else
-            Output::line("subscriber " + std::to_string(gone.nId) + ": " +
-                         (code == 0 ? why : describeFailure(code, why)));
+        Output::either(json, {{"event", "left"}, {"id", gone.nId}, {"reason", why}, {"code", code}},
+                       "subscriber " + std::to_string(gone.nId) + ": " +
+                           (code == 0 ? why : describeFailure(code, why)));
     };
     return result;
 }
@@ -119,10 +115,8 @@ void publishLine(VornPublisher& publisher, const PublishOptions& options, const 
         for (const Value& value : values)
             sendValue(content, value);
     });
-    if (options.json)
-        Output::json({{"event", "event"}, {"number", number}, {"values", toJson(values)}});
-    else
-        Output::line("event " + std::to_string(number));
+    Output::either(options.json, {{"event", "event"}, {"number", number}, {"values", toJson(values)}},
+                   "event " + std::to_string(number));
 }
 
 int runPublish(PublishOptions& options) {
@@ -131,10 +125,8 @@ int runPublish(PublishOptions& options) {
     std::mutex announcing;
     std::unique_lock announced(announcing);
     VornPublisher publisher(options.address, {options.topic}, publisherOptions(options, announcing));
-    if (options.json)
-        Output::json({{"event", "address"}, {"address", publisher.getAddress()}});
-    else
-        Output::line("address " + publisher.getAddress());
+    Output::either(options.json, {{"event", "address"}, {"address", publisher.getAddress()}},
+                   "address " + publisher.getAddress());
     announced.unlock();
     InputLines lines(interruption);
     for (std::string line; lines.next(line) && !Output::isLost();)

@@ -219,10 +219,8 @@ void Service::print(const std::string& error) const {
 }
 
 void Service::printLine(const std::string& line) const {
-    if (m_options.json)
-        Output::json({{"event", "line"}, {"client", m_clients}, {"line", line}});
-    else
-        Output::line("line " + quoted(line));
+    Output::either(m_options.json, {{"event", "line"}, {"client", m_clients}, {"line", line}},
+                   "line " + quoted(line));
 }
 
 void requirePossible(const Address& address, const ServeOptions& options) {
@@ -281,10 +279,8 @@ int runServe(ServeOptions& options) {
     int status = exitDone;
     {
         Interruption interruption(std::chrono::milliseconds(500));
-        if (options.json)
-            Output::json({{"event", "listening"}, {"address", options.address}});
-        else
-            Output::line("listening at " + options.address);
+        Output::either(options.json, {{"event", "listening"}, {"address", options.address}},
+                       "listening at " + options.address);
         interruption.onRequest([&spServer] { spServer->close(); });
         interruption.onForcedEnd(removeFile);
         serveClients(*spServer, service, interruption);

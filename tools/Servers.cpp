@@ -315,35 +315,13 @@ std::string durationText(std::chrono::milliseconds duration) {
 }
 
 std::string nameOf(Server::Type type) {
-    switch (type) {
-    case Server::Type::Sink:
-        return "sink";
-    case Server::Type::SteadySink:
-        return "steady-sink";
-    case Server::Type::Publisher:
-        return "publisher";
-    case Server::Type::Service:
-        break;
-    }
-    return "service";
+    constexpr std::array cNames = {"sink", "steady-sink", "publisher", "service"};
+    return cNames.at(static_cast<std::size_t>(type));
 }
 
 std::string nameOf(Server::Activity activity) {
-    switch (activity) {
-    case Server::Activity::Accepts:
-        return "accepts";
-    case Server::Activity::Reads:
-        return "reads";
-    case Server::Activity::Writes:
-        return "writes";
-    case Server::Activity::Works:
-        return "works";
-    case Server::Activity::Ended:
-        return "ended";
-    case Server::Activity::Unclear:
-        break;
-    }
-    return "unclear";
+    constexpr std::array cNames = {"accepts", "reads", "writes", "works", "ended", "unclear"};
+    return cNames.at(static_cast<std::size_t>(activity));
 }
 
 } // namespace VornTool

@@ -60,7 +60,9 @@ class Reception {
 public:
     Reception(const SinkOptions& options, Interruption& interruption)
         : m_json(options.json), m_limit(options.count), m_types(parseTypes(options.content)),
-          m_interruption(interruption) {}
+          m_interruption(interruption) {
+        m_types.insert(m_types.begin(), ValueType::Long);
+    }
 
     bool isComplete() const { return m_limit > 0 && m_count >= m_limit; }
 
@@ -70,75 +72,50 @@ public:
     void printAddress(const std::string& address) const;
 
 private:
-    void print(int handle, long id, const std::vector<Value>& values, const std::string& failure, long rest);
+    void print(int handle, long id, const Content& content);
 
     const bool m_json;
     const long m_limit;
-    const std::vector<ValueType> m_types;
+    std::vector<ValueType> m_types; // the first is the id
     Interruption& m_interruption;
     std::atomic<long> m_count{0};
 };
 
-/** Reads what is left, so that the sender closes first and a TCP sink keeps its port. */
-long readToEnd(VornConnection& connection) {
-    std::array<char, 4096> buffer;
-    long total = 0;
-    long error = 0;
-    for (long count = 1; count > 0; total += count > 0 ? count : 0)
-        count = connection.receive(buffer.data(), static_cast<long>(buffer.size()), &error, false);
-    return total;
-}
-
 void Reception::take(int handle, VornConnection& connection) {
     if (isComplete())
         return;
+    // All is read, so that the sender closes first and a TCP sink keeps its port. And nothing may leave a
+    // callback: by its number an error could end the sink.
+    Content content = receiveContent(connection, m_types);
     long id = 0;
-    std::vector<Value> values;
-    std::string failure;
-    // Nothing may leave a callback: by its number an error could end the sink.
-    try {
-        id = connection.receiveLong();
-        for (const ValueType type : m_types)
-            values.push_back(receiveValue(connection, type));
-    } catch (const VornException& error) {
-        failure = describeFailure(error.getCode(), error.getText());
-    } catch (const ToolError& error) {
-        failure = error.what();
+    if (!content.values.empty()) {
+        id = content.values.front().number;
+        content.values.erase(content.values.begin());
     }
-    print(handle, id, values, failure, readToEnd(connection));
+    print(handle, id, content);
     m_interruption.wake();
 }
 
-void Reception::print(int handle, long id, const std::vector<Value>& values, const std::string& failure,
-                      long rest) {
+void Reception::print(int handle, long id, const Content& content) {
     const long number = ++m_count;
     // Ids are ints, of which the wire carries the 32 bits without their sign.
     const int signedId = static_cast<int>(id);
     if (m_json) {
-        Json object = {{"event", "notification"}, {"number", number}, {"time", timeText()},
-                       {"handle", handle},        {"id", signedId},   {"values", toJson(values)},
-                       {"unread_bytes", rest}};
-        if (!failure.empty())
-            object["error"] = failure;
+        Json object = {{"event", "notification"},
+                       {"number", number},
+                       {"time", timeText()},
+                       {"handle", handle},
+                       {"id", signedId}};
+        addTo(object, content);
         Output::json(object);
         return;
     }
-    std::string text = "notification " + std::to_string(number) + ": handle " + std::to_string(handle) +
-                       ", id " + std::to_string(signedId);
-    if (!values.empty())
-        text += ", " + describe(values);
-    if (!failure.empty())
-        text += ", incomplete: " + failure;
-    if (rest > 0)
-        text += ", " + std::to_string(rest) + " more bytes";
-    Output::line(text);
+    Output::line("notification " + std::to_string(number) + ": handle " + std::to_string(handle) + ", id " +
+                 std::to_string(signedId) + describe(content, ", "));
 }
 
 void Reception::printAddress(const std::string& address) const {
-    if (m_json)
-        Output::json({{"event", "address"}, {"address", address}});
-    else
-        Output::line("address " + address);
+    Output::either(m_json, {{"event", "address"}, {"address", address}}, "address " + address);
 }
 
 class PrintingCallback : public VornNotificationCallback {

@@ -7,11 +7,10 @@
 #include "Output.h"
 #include "Values.h"
 
-#include <VornException.h>
 #include <VornSubscriber.h>
 
-#include <array>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 
 #include <poll.h>
@@ -21,7 +20,6 @@ namespace VornTool {
 using VornNet::VornConnection;
 using VornNet::VornPosition;
 using VornNet::VornSubscriber;
-using VornSupport::VornException;
 
 namespace {
 
@@ -48,8 +46,7 @@ public:
     void tellState(const VornSubscriber::Status& status) const;
 
 private:
-    void print(const VornSubscriber::Event& event, const std::vector<Value>& values,
-               const std::string& failure, long rest) const;
+    void print(const VornSubscriber::Event& event, const Content& content) const;
 
     const bool m_json;
     const long m_limit;
@@ -57,76 +54,33 @@ private:
     long m_count = 0;
 };
 
-/** @return how many bytes of the content have not been read. */
-long restOf(VornConnection& content) {
-    std::array<char, 4096> buffer;
-    long total = 0;
-    long error = 0;
-    for (long count = 1; count > 0; total += count)
-        count = content.receive(buffer.data(), static_cast<long>(buffer.size()), &error, false);
-    return total;
-}
-
 bool Watch::take(VornConnection& content, const VornSubscriber::Event& event) {
-    std::vector<Value> values;
-    std::string failure;
-    try {
-        for (const ValueType type : m_types)
-            values.push_back(receiveValue(content, type));
-    } catch (const VornException& error) {
-        failure = describeFailure(error.getCode(), error.getText());
-    } catch (const ToolError& error) {
-        failure = error.what();
-    }
-    print(event, values, failure, restOf(content));
+    print(event, receiveContent(content, m_types));
     return ++m_count == m_limit;
 }
 
 void Watch::tellGap(const VornSubscriber::Gap& gap) const {
-    if (m_json)
-        Output::json({{"event", "gap"},
-                      {"last", gap.last.text()},
-                      {"next", gap.next.text()},
-                      {"missed", gap.nMissed}});
-    else
-        Output::line(gap.nMissed == 0 ? std::string("gap: another history has begun")
-                                      : "gap: " + std::to_string(gap.nMissed) + " missed");
+    Output::either(
+        m_json,
+        {{"event", "gap"}, {"last", gap.last.text()}, {"next", gap.next.text()}, {"missed", gap.nMissed}},
+        gap.nMissed == 0 ? std::string("gap: another history has begun")
+                         : "gap: " + std::to_string(gap.nMissed) + " missed");
 }
 
 void Watch::tellState(const VornSubscriber::Status& status) const {
     const std::string name = VornSubscriber::nameOf(status.state);
-    if (m_json)
-        Output::json({{"event", "state"},
-                      {"state", name},
-                      {"reason", printable(status.sReason)},
-                      {"code", status.nCode}});
-    else if (status.sReason.empty())
-        Output::line(name);
-    else
-        Output::line(name + ": " +
-                     (status.nCode == 0 ? printable(status.sReason)
-                                        : describeFailure(status.nCode, printable(status.sReason))));
+    const std::string reason = printable(status.sReason);
+    const std::string why = status.nCode == 0 ? reason : describeFailure(status.nCode, reason);
+    Output::either(m_json, {{"event", "state"}, {"state", name}, {"reason", reason}, {"code", status.nCode}},
+                   reason.empty() ? name : name + ": " + why);
 }
 
-void Watch::print(const VornSubscriber::Event& event, const std::vector<Value>& values,
-                  const std::string& failure, long rest) const {
-    if (m_json) {
-        Json object = {
-            {"event", "event"},  {"number", event.position.nNumber}, {"position", event.position.text()},
-            {"old", event.bOld}, {"values", toJson(values)},         {"unread_bytes", rest}};
-        if (!failure.empty())
-            object["error"] = failure;
-        Output::json(object);
-        return;
-    }
-    std::string text = "event " + std::to_string(event.position.nNumber);
-    if (!values.empty())
-        text += ": " + describe(values);
-    if (!failure.empty())
-        text += ", incomplete: " + failure;
-    if (rest > 0)
-        text += ", " + std::to_string(rest) + " more bytes";
-    Output::line(text);
+void Watch::print(const VornSubscriber::Event& event, const Content& content) const {
+    const std::uint64_t number = event.position.nNumber;
+    Json object = {
+        {"event", "event"}, {"number", number}, {"position", event.position.text()}, {"old", event.bOld}};
+    addTo(object, content);
+    Output::either(m_json, object, "event " + std::to_string(number) + describe(content, ": "));
 }
 
 VornSubscriber::Start startOf(const std::string& name) {
@@ -169,10 +123,8 @@ int runSubscribe(SubscribeOptions& options) {
             subscriber.dispatch();
     }
     const VornPosition position = subscriber.position();
-    if (options.json)
-        Output::json({{"event", "position"}, {"position", position.text()}});
-    else
-        Output::line("position " + position.text());
+    Output::either(options.json, {{"event", "position"}, {"position", position.text()}},
+                   "position " + position.text());
     return interruption.isRequested() ? interruption.status() : exitDone;
 }
 

@@ -251,6 +251,39 @@ std::string describe(const std::vector<Value>& values) {
     return result;
 }
 
+Content receiveContent(VornConnection& connection, const std::vector<ValueType>& types) {
+    Content content;
+    try {
+        for (const ValueType type : types)
+            content.values.push_back(receiveValue(connection, type));
+    } catch (const VornSupport::VornException& error) {
+        content.failure = describeFailure(error.getCode(), error.getText());
+    } catch (const ToolError& error) {
+        content.failure = error.what();
+    }
+    std::array<char, 4096> buffer;
+    long error = 0;
+    for (long count = 1; count > 0; content.rest += std::max(count, 0L))
+        count = connection.receive(buffer.data(), static_cast<long>(buffer.size()), &error, false);
+    return content;
+}
+
+std::string describe(const Content& content, const std::string& before) {
+    std::string text = content.values.empty() ? "" : before + describe(content.values);
+    if (!content.failure.empty())
+        text += ", incomplete: " + content.failure;
+    if (content.rest > 0)
+        text += ", " + std::to_string(content.rest) + " more bytes";
+    return text;
+}
+
+void addTo(Json& object, const Content& content) {
+    object["values"] = toJson(content.values);
+    object["unread_bytes"] = content.rest;
+    if (!content.failure.empty())
+        object["error"] = content.failure;
+}
+
 std::string nameOf(ValueType type) {
     const auto* found =
         std::find_if(cTypes.begin(), cTypes.end(), [&](const auto& entry) { return type == entry.second; });

@@ -54,6 +54,22 @@ std::string describe(const Value& value);
 /** @return the descriptions of the values, joined. */
 std::string describe(const std::vector<Value>& values);
 
+/** What was read of a notification or an event. */
+struct Content {
+    std::vector<Value> values;
+    std::string failure; ///< why the next value could not be read; empty when all could
+    long rest = 0;       ///< how many bytes came after them
+};
+
+/** Reads values of these types, and whatever follows to the end; nothing leaves it. */
+Content receiveContent(VornNet::VornConnection& connection, const std::vector<ValueType>& types);
+
+/** @return the values after @p before, the failure and the number of bytes left, where there are any. */
+std::string describe(const Content& content, const std::string& before);
+
+/** Adds "values" and "unread_bytes", and "error" where there is one. */
+void addTo(Json& object, const Content& content);
+
 /** @return the name of the type as in a list of types. */
 std::string nameOf(ValueType type);
 
