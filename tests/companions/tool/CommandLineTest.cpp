@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 using namespace VornTest;
+using testing::_;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
@@ -30,9 +31,7 @@ std::string statusTable() {
 } // namespace
 
 TEST_F(VornnetTool, WithoutSubcommand_EndsWithUsage) {
-    const ToolResult result = runTool({});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.errors, "vornnet: a command is missing; see vornnet help\n");
+    EXPECT_THAT(runTool({}), ended(2, _, "vornnet: a command is missing; see vornnet help\n"));
 }
 
 struct Mistake {
@@ -43,10 +42,7 @@ struct Mistake {
 class VornnetMistake : public ToolTest, public testing::WithParamInterface<Mistake> {};
 
 TEST_P(VornnetMistake, IsNamedWithTheCommandAndTheNearestThatThereIs) {
-    const ToolResult result = runTool(GetParam().arguments);
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.errors, "vornnet" + GetParam().message + "\n");
-    EXPECT_EQ(result.output, "");
+    EXPECT_THAT(runTool(GetParam().arguments), ended(2, "", "vornnet" + GetParam().message + "\n"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -69,11 +65,93 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{{"serve", "pipe:x", "--count", "many"},
                 " serve: --count: \"many\" is no whole number; see vornnet serve --help"}));
 
+/** A command line that cannot be meant, and what its error says after the name of the command. */
+struct Refusal {
+    std::vector<std::string> arguments;
+    std::string piece;
+};
+
+void PrintTo(const Refusal& refusal, std::ostream* out) {
+    for (const std::string& argument : refusal.arguments)
+        *out << argument << " ";
+}
+
+class VornnetRefusal : public ToolTest, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(VornnetRefusal, EndsWithUsageAndSaysWhy) {
+    EXPECT_THAT(
+        runTool(GetParam().arguments),
+        ended(2, "",
+              AllOf(StartsWith("vornnet " + GetParam().arguments[0] + ": "), HasSubstr(GetParam().piece))));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Options, VornnetRefusal,
+    testing::Values(
+        Refusal{{"sink", "--type", "tcp"}, "--type"}, Refusal{{"sink", "--content", "float"}, "float"},
+        Refusal{{"notify", "pipe:x", "4294967296", "1"}, "HANDLE"},
+        Refusal{{"notify", "pipe:x", "a", "1"}, "HANDLE"},
+        Refusal{{"notify", "pipe:x", "0", "2147483648"}, "ID"}, Refusal{{"notify", "pipe:x", "0"}, "ID"},
+        Refusal{{"notify", "udp:127.0.0.1:9", "1", "2", "string:" + std::string(65500, 'x')},
+                "a datagram takes 65507"},
+        Refusal{{"notify", "--confirm", "socket:localhost:5023", "0", "12"}, "dotted address"},
+        Refusal{{"connect", "udp:127.0.0.1:9", "--expect", "int"}, "nothing comes back over udp"},
+        Refusal{{"connect", "udp:127.0.0.1:9", "--service", "svc"}, "nothing comes back over udp"},
+        Refusal{{"connect", "pipe:x", "--service", "a\nb"}, "one line"},
+        Refusal{{"serve", "pipe:x", "--ack", "--error"}, "exclude each other"},
+        Refusal{{"serve", "pipe:x", "--lines", "--expect", "int"}, "exclude each other"},
+        Refusal{{"serve", "udp:127.0.0.1:1", "--ack"}, "nothing goes back over udp"},
+        Refusal{{"serve", "udp:127.0.0.1:1", "--service", "svc"}, "nothing goes back over udp"},
+        Refusal{{"serve", "udp:127.0.0.1:1", "--reply", "int:1"}, "nothing goes back over udp"},
+        Refusal{{"serve", "socket:127.0.0.1:1", "--group", "vorn"}, "--group is for pipes"},
+        Refusal{{"serve", "socket:127.0.0.1:-5"}, "address "}, Refusal{{"serve", "ssl:127.0.0.1:1"}, "ssl"},
+        Refusal{{"serve", "pipe:x", "--reply", "nothing"}, "nothing"}, Refusal{{"serve"}, "ADDRESS"},
+        Refusal{{"encode", "--raw", "--json", "int:1"}, "--json"}, Refusal{{"decode"}, "--types"},
+        Refusal{{"decode", "--types", "float"}, "float"}, Refusal{{"decode", "--types", "int,"}, "type"},
+        Refusal{{"decode", "--types", ",int"}, "type"}, Refusal{{"decode", "--types", "int,,int"}, "type"},
+        Refusal{{"resolve", "10.1.2.300"}, "10.1.2.300"}, Refusal{{"resolve", "1.2"}, "1.2"},
+        Refusal{{"resolve", "12"}, "12"}, Refusal{{"resolve", ""}, ""},
+        Refusal{{"resolve", "::1"}, "\"::1\" is an IPv6 address: the library has IPv4 only\n"},
+        Refusal{{"bench"}, "ADDRESS"}, Refusal{{"bench", "pipe:x", "--local"}, "ADDRESS"}));
+
+/** The same with one word of the command line of several kinds. */
+std::vector<Refusal> refusalsOf(const std::vector<std::string>& before, const std::vector<std::string>& words,
+                                const std::vector<std::string>& after, const std::string& piece) {
+    std::vector<Refusal> refusals;
+    for (const std::string& word : words) {
+        refusals.push_back({before, piece});
+        refusals.back().arguments.push_back(word);
+        refusals.back().arguments.insert(refusals.back().arguments.end(), after.begin(), after.end());
+    }
+    return refusals;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Addresses, VornnetRefusal,
+    testing::ValuesIn(refusalsOf({"notify"},
+                                 {"", "pipe", "pipe:", "pipe:../x", "pipeline:x",
+                                  "pipe:" + std::string(100, 'x'), "tcp:127.0.0.1:1", "socket:127.0.0.1",
+                                  "socket::5023", "socket:127.0.0.1:0", "socket:127.0.0.1:70000",
+                                  "socket:127.0.0.1:5x", "socket:1.2:5023", "udp:*:5023"},
+                                 {"0", "1"}, "address ")));
+INSTANTIATE_TEST_SUITE_P(Ssl, VornnetRefusal,
+                         testing::ValuesIn(refusalsOf({"notify"}, {"ssl:127.0.0.1:5023"}, {"0", "1"},
+                                                      "ssl carries nothing")));
+INSTANTIATE_TEST_SUITE_P(IPv6, VornnetRefusal,
+                         testing::ValuesIn(refusalsOf({"notify"},
+                                                      {"socket:[::1]:5023", "udp:::1:5023", "socket:fe80::1"},
+                                                      {"0", "1"}, "the library has IPv4 only")));
+INSTANTIATE_TEST_SUITE_P(Values, VornnetRefusal,
+                         testing::ValuesIn(refusalsOf({"encode"},
+                                                      {"5", "int", "int:", "int:x", "int:5x",
+                                                       "int:2147483648", "short:32768", "long:4294967296",
+                                                       "long:-2147483649", "bool:yes", "float:1",
+                                                       "ack:", "line:a\nb", ""},
+                                                      {}, "")));
+
 TEST_F(VornnetTool, Help_IsTheHelpTextOfTheProgramOrOfTheCommand) {
     EXPECT_EQ(runTool({"help"}).output, runTool({"--help"}).output);
-    const ToolResult result = runTool({"help", "sink"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, runTool({"sink", "--help"}).output);
+    EXPECT_THAT(runTool({"help", "sink"}), ended(0, runTool({"sink", "--help"}).output));
 }
 
 TEST_F(VornnetTool, EveryHelpTextWithAddresses_SaysThatSslCarriesNothing) {
@@ -88,9 +166,7 @@ TEST_F(VornnetTool, EveryHelpTextWithAddresses_SaysThatSslCarriesNothing) {
 }
 
 TEST_F(VornnetTool, WithVersion_PrintsItAndIsDone) {
-    const ToolResult result = runTool({"--version"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, StartsWith("vornnet 1."));
+    EXPECT_THAT(runTool({"--version"}), ended(0, StartsWith("vornnet 1.")));
 }
 
 TEST_F(VornnetTool, WithHelp_NamesEverySubcommand) {
@@ -101,10 +177,7 @@ TEST_F(VornnetTool, WithHelp_NamesEverySubcommand) {
 }
 
 TEST_P(VornnetSubcommand, WithHelp_PrintsTheTableOfExitStatusesAndIsDone) {
-    const ToolResult result = runTool({GetParam(), "--help"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, HasSubstr(statusTable()));
-    EXPECT_EQ(result.errors, "");
+    EXPECT_THAT(runTool({GetParam(), "--help"}), ended(0, HasSubstr(statusTable()), ""));
 }
 
 TEST_P(VornnetSubcommand, WithUnknownOption_EndsWithUsage) {
@@ -114,9 +187,7 @@ TEST_P(VornnetSubcommand, WithUnknownOption_EndsWithUsage) {
 }
 
 TEST_P(VornnetSubcommand, WithLogLevelThatThereIsNot_EndsWithUsage) {
-    const ToolResult result = runTool({GetParam(), "--log-level", "10"});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_THAT(result.errors, HasSubstr("--log-level"));
+    EXPECT_THAT(runTool({GetParam(), "--log-level", "10"}), ended(2, _, HasSubstr("--log-level")));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, VornnetSubcommand, testing::ValuesIn(subcommands()),
@@ -133,9 +204,8 @@ TEST_F(VornnetTool, WithoutLogLevel_WritesNoRecords) {
 }
 
 TEST_F(VornnetTool, WhenStandardOutputFails_Fails) {
-    const ToolResult result = runShell("\"$TOOL\" encode int:5 >/dev/full");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, HasSubstr("standard output has gone away"));
+    EXPECT_THAT(runShell("\"$TOOL\" encode int:5 >/dev/full"),
+                ended(1, _, HasSubstr("standard output has gone away")));
 }
 
 TEST_F(VornnetTool, WhenStandardOutputIsNoTerminal_PrintsNoColours) {
@@ -161,16 +231,14 @@ TEST_F(VornnetTool, WhenStandardErrorIsNoTerminal_ShowsNoProgress) {
 }
 
 TEST_F(VornnetTool, Relay_IsAProgramOfItsOwnThatGetsAllWords) {
-    const ToolResult result = runShell(
-        "mkdir -p /opt/relay && printf '#!/bin/sh\\necho \"$@\"\\nexit 5\\n' > /opt/relay/vornnet-relay && "
-        "chmod +x /opt/relay/vornnet-relay && cp $TOOL /opt/relay/vornnet && "
-        "/opt/relay/vornnet relay status --json");
-    EXPECT_EQ(result.output, "status --json\n");
-    EXPECT_EQ(result.status, 5);
+    EXPECT_THAT(runShell("mkdir -p /opt/relay && printf '#!/bin/sh\\necho \"$@\"\\nexit 5\\n' > "
+                         "/opt/relay/vornnet-relay && "
+                         "chmod +x /opt/relay/vornnet-relay && cp $TOOL /opt/relay/vornnet && "
+                         "/opt/relay/vornnet relay status --json"),
+                ended(5, "status --json\n"));
 }
 
 TEST_F(VornnetTool, WhenTheRelayIsNotInstalled_SaysSo) {
-    const ToolResult result = runTool({"relay", "status"}, {"PATH=/nowhere"});
-    EXPECT_EQ(result.errors, "vornnet relay: vornnet-relay is not installed\n");
-    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(runTool({"relay", "status"}, {"PATH=/nowhere"}),
+                ended(1, _, "vornnet relay: vornnet-relay is not installed\n"));
 }

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 using namespace VornTest;
+using testing::_;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -160,8 +161,7 @@ TEST_P(VornnetDoctorStream, RemedyAgainstASilentPeer_FreesTheSink) {
 
 TEST_P(VornnetDoctorStream, ServiceHeldByASilentClient_NamesBothAndWhoWaits) {
     const std::string address = GetParam() == "pipe" ? "pipe:held" : "socket:127.0.0.1:4711";
-    ChildProcess service = startTool({"serve", address, "--expect", "int"});
-    nextLine(service);
+    ChildProcess service = startService(address, {"--expect", "int"});
     ChildProcess silent = startTool({"connect", address, "--expect", "int"});
     const Json warning = awaitFinding("services", address + " of process " + std::to_string(service.pid()) +
                                                       " (vornnet, user root) is held for ");
@@ -231,11 +231,10 @@ Publication startPublication(const std::string& transport) {
 
 TEST_P(VornnetDoctorStream, PublisherAndSubscriberAtWork_AreNoFinding) {
     Publication publication = startPublication(GetParam());
-    const ToolResult result = runTool({"doctor"}, {"QUORAX_CALLB_CONN_TYPE"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, HasSubstr("ok       services: 1 service, and none is held up\n"
-                                         "ok       subscribers: 1 publisher with 1 subscriber, and none is "
-                                         "held up\n"));
+    EXPECT_THAT(runTool({"doctor"}, {"QUORAX_CALLB_CONN_TYPE"}),
+                ended(0, HasSubstr("ok       services: 1 service, and none is held up\n"
+                                   "ok       subscribers: 1 publisher with 1 subscriber, and none is "
+                                   "held up\n")));
 }
 
 TEST_P(VornnetDoctorStream, SubscriberThatIsStopped_IsNamedWithTheCommandThatLetsItGoOn) {
@@ -289,10 +288,9 @@ TEST_F(VornnetDoctorCause, SteadySinksAndDispatchersAtWork_AreNoFinding) {
     ChildProcess sender =
         startTool({"notify", sink.address, "0", "5", "--confirm", "--repeat", "1000000", "--every", "1"});
     nextLine(sender);
-    const ToolResult result = runTool({"doctor"}, {"QUORAX_CALLB_CONN_TYPE"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, AllOf(HasSubstr("ok       sinks: 3 sinks (3 steady), and none is held up\n"),
-                                     HasSubstr("ok       services: 0 services, and none is held up\n")));
+    EXPECT_THAT(runTool({"doctor"}, {"QUORAX_CALLB_CONN_TYPE"}),
+                ended(0, AllOf(HasSubstr("ok       sinks: 3 sinks (3 steady), and none is held up\n"),
+                               HasSubstr("ok       services: 0 services, and none is held up\n"))));
 }
 
 TEST_F(VornnetDoctorCause, BusySink_IsNoFinding) {
@@ -312,9 +310,8 @@ TEST_F(VornnetDoctorCause, OfOneProcess_IsToldOfItAlone) {
     EXPECT_THAT(textOf(findingOf("sinks", {"--pid", sick.pid()})), StartsWith(sick.place()));
     const Json process = findingOf("process", {"--pid", std::to_string(::getpid())});
     EXPECT_THAT(textOf(process), HasSubstr("has not loaded the library"));
-    const ToolResult nobody = runTool({"doctor", "--pid", "2147483647"});
-    EXPECT_EQ(nobody.status, 1);
-    EXPECT_EQ(nobody.errors, "vornnet doctor: there is no process 2147483647\n");
+    EXPECT_THAT(runTool({"doctor", "--pid", "2147483647"}),
+                ended(1, _, "vornnet doctor: there is no process 2147483647\n"));
 }
 
 TEST_F(VornnetDoctorCause, ForAMonitor_IsOneLineWithThePluginsStatus) {
@@ -328,7 +325,6 @@ TEST_F(VornnetDoctorCause, ForAMonitor_IsOneLineWithThePluginsStatus) {
     EXPECT_EQ(sick.status, 2);
     EXPECT_THAT(sick.output, StartsWith("VORNNET CRITICAL - sinks: " + sink.place()));
     EXPECT_EQ(std::count(sick.output.begin(), sick.output.end(), '\n'), 1);
-    const ToolResult unknown = runTool({"doctor", "--monitor", "--pid", "2147483647"});
-    EXPECT_EQ(unknown.status, 3);
-    EXPECT_EQ(unknown.output, "VORNNET UNKNOWN - there is no process 2147483647\n");
+    EXPECT_THAT(runTool({"doctor", "--monitor", "--pid", "2147483647"}),
+                ended(3, "VORNNET UNKNOWN - there is no process 2147483647\n"));
 }

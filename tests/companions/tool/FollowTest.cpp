@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 using namespace VornTest;
+using testing::_;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -115,10 +116,7 @@ TEST_F(VornnetTrace, RecordsAboveTheLevel_AreNotShown) {
     ChildProcess tool = follow({"--level", "5"});
     notify();
     m_sink->kill(SIGINT);
-    const ToolResult result = finish(tool);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "");
-    EXPECT_THAT(result.errors, HasSubstr("has ended"));
+    EXPECT_THAT(finish(tool), ended(0, "", HasSubstr("has ended")));
 }
 
 TEST_F(VornnetTrace, RecordsThatTheProgramHasNotAskedFor_StayOutOfItsLog) {
@@ -158,23 +156,19 @@ TEST_F(VornnetTrace, PagerThatReadsNothing_IsLeftAndSoIsTheProcessAsItWas) {
 }
 
 TEST_F(VornnetFollow, ProcessThatDoesNotExist_IsUnreachable) {
-    const ToolResult result = runTool({"follow", "4194303"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_EQ(result.errors, "vornnet follow: there is no process 4194303\n");
+    EXPECT_THAT(runTool({"follow", "4194303"}), ended(4, _, "vornnet follow: there is no process 4194303\n"));
 }
 
 TEST_F(VornnetFollow, NameThatNoProgramHas_IsUnreachable) {
-    const ToolResult result = runTool({"follow", "no-such-program"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_EQ(result.errors, "vornnet follow: there is no process \"no-such-program\"\n");
+    EXPECT_THAT(runTool({"follow", "no-such-program"}),
+                ended(4, _, "vornnet follow: there is no process \"no-such-program\"\n"));
 }
 
 TEST_F(VornnetFollow, ProcessWithoutTheLibrary_IsUnreachable) {
     ChildProcess other = ChildProcess::spawn({"/bin/sleep", "60"});
     const std::string pid = std::to_string(other.pid());
-    const ToolResult result = runTool({"follow", pid});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_EQ(result.errors, "vornnet follow: process " + pid + " does not use libvornsupt.so.\n");
+    EXPECT_THAT(runTool({"follow", pid}),
+                ended(4, _, "vornnet follow: process " + pid + " does not use libvornsupt.so.\n"));
     other.kill(SIGKILL);
 }
 

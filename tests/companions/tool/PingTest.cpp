@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 using namespace VornTest;
+using testing::_;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -83,24 +84,20 @@ TEST_P(VornnetPing, OfAServerThatAcceptsAndSaysNothing_TellsThatItAccepts) {
 
 TEST_P(VornnetPing, OfAServerThatDoesNotAccept_TellsSo) {
     const UniqueFd server = listen(5);
-    const ToolResult result = runTool({"ping", m_address, "--timeout", "0.3"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_THAT(result.output, StartsWith(m_address + ": nobody has accepted, "));
+    EXPECT_THAT(runTool({"ping", m_address, "--timeout", "0.3"}),
+                ended(4, StartsWith(m_address + ": nobody has accepted, ")));
 }
 
 TEST_P(VornnetPing, OfAServerWithAFullQueue_TellsSo) {
     const UniqueFd server = listen(0);
     const UniqueFd waiting = connectTo(m_address);
-    const ToolResult result = runTool({"ping", m_address, "--timeout", "0.3"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_THAT(result.errors, HasSubstr("its queue is full"));
+    EXPECT_THAT(runTool({"ping", m_address, "--timeout", "0.3"}),
+                ended(4, _, HasSubstr("its queue is full")));
 }
 
 TEST_P(VornnetPing, WhereNobodyListens_IsUnreachable) {
     const std::string address = GetParam() == "pipe" ? "pipe:nobody" : "socket:127.0.0.1:4712";
-    const ToolResult result = runTool({"ping", address});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_THAT(result.errors, StartsWith("vornnet ping: " + address + ": "));
+    EXPECT_THAT(runTool({"ping", address}), ended(4, _, StartsWith("vornnet ping: " + address + ": ")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, VornnetPing, testing::Values("pipe", "socket"),

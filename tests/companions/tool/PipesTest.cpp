@@ -57,16 +57,6 @@ void makeDeadPipe(const std::string& name) {
     unixListen(pipePath(name));
 }
 
-bool exists(const std::string& name) {
-    return ::access(pipePath(name).c_str(), F_OK) == 0;
-}
-
-ChildProcess serve(const std::string& name) {
-    ChildProcess server = startTool({"serve", "pipe:" + name});
-    EXPECT_EQ(nextLine(server), "listening at pipe:" + name);
-    return server;
-}
-
 /** Makes socket(AF_NETLINK) fail from now on, as it does in hardened services. */
 bool forbidNetlink() {
     sock_filter instructions[] = {
@@ -111,14 +101,12 @@ KIT_ROLE(listenInAnotherNetwork) {
 }
 
 TEST_F(VornnetPipes, InAnEmptyDirectory_PrintsTheHeadingAndIsDone) {
-    const ToolResult result = runTool({"pipes"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "NAME  STATE  QUEUE  MODE  OWNER  GROUP  PROCESS\n");
+    EXPECT_THAT(runTool({"pipes"}), ended(0, "NAME  STATE  QUEUE  MODE  OWNER  GROUP  PROCESS\n"));
     EXPECT_EQ(runTool({"pipes", "--json"}).json().at("pipes"), Json::array());
 }
 
 TEST_F(VornnetPipes, WithALiveServer_PrintsItWithProcessAndRights) {
-    ChildProcess server = serve("live");
+    ChildProcess server = startService("pipe:live");
     const Json pipe = entry("live");
     EXPECT_EQ(pipe.at("state"), "listening");
     EXPECT_EQ(pipe.at("waiting"), 0);
@@ -134,7 +122,7 @@ TEST_F(VornnetPipes, WithALiveServer_PrintsItWithProcessAndRights) {
 }
 
 TEST_F(VornnetPipes, WithALiveServer_DoesNotConnectToIt) {
-    ChildProcess server = serve("quiet");
+    ChildProcess server = startService("pipe:quiet");
     EXPECT_EQ(runTool({"pipes"}).status, 0);
     EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
     server.kill(SIGINT);
@@ -144,9 +132,7 @@ TEST_F(VornnetPipes, WithALiveServer_DoesNotConnectToIt) {
 TEST_F(VornnetPipes, WithADeadFile_SaysSoAndFindsAProblem) {
     makeDeadPipe("dead");
     EXPECT_EQ(entry("dead").at("state"), "dead");
-    const ToolResult result = runTool({"pipes"});
-    EXPECT_EQ(result.status, 5);
-    EXPECT_THAT(result.output, HasSubstr("dead  dead   -      07"));
+    EXPECT_THAT(runTool({"pipes"}), ended(5, HasSubstr("dead  dead   -      07")));
 }
 
 TEST_F(VornnetPipes, WithAFullQueue_DoesNotTakeTheServerForDead) {
@@ -159,12 +145,12 @@ TEST_F(VornnetPipes, WithAFullQueue_DoesNotTakeTheServerForDead) {
     EXPECT_EQ(pipe.at("full"), true);
     EXPECT_THAT(runTool({"pipes"}).output, HasSubstr("1/0 full"));
     EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
-    EXPECT_TRUE(exists("full"));
+    EXPECT_TRUE(exists(pipePath("full")));
 }
 
 TEST_F(VornnetPipes, WithAStolenPath_ShowsBothProcesses) {
-    ChildProcess first = serve("shared");
-    ChildProcess second = serve("shared");
+    ChildProcess first = startService("pipe:shared");
+    ChildProcess second = startService("pipe:shared");
     const std::vector<Json> all = entries("shared");
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(all[0].at("state"), "listening");
@@ -191,7 +177,7 @@ TEST_F(VornnetPipes, WithASocketThatDoesNotListen_SaysSo) {
     ASSERT_EQ(::bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     EXPECT_EQ(entry("bound").at("state"), "bound");
     EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
-    EXPECT_TRUE(exists("bound"));
+    EXPECT_TRUE(exists(pipePath("bound")));
 }
 
 TEST_F(VornnetPipes, WithAProcessThatEndsAsItIsLookedAt_GoesOn) {
@@ -211,7 +197,7 @@ TEST_F(VornnetPipes, WithAServerInAnotherNetwork_KnowsThatItLives) {
     ASSERT_EQ(nextLine(server), "ready");
     EXPECT_EQ(entry("elsewhere").at("state"), "hidden");
     EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
-    EXPECT_TRUE(exists("elsewhere"));
+    EXPECT_TRUE(exists(pipePath("elsewhere")));
 }
 
 TEST_F(VornnetPipes, WithAFileOfAnotherKind_SaysSoAndLeavesIt) {
@@ -220,8 +206,8 @@ TEST_F(VornnetPipes, WithAFileOfAnotherKind_SaysSoAndLeavesIt) {
     EXPECT_EQ(entry("notes").at("state"), "no-socket");
     EXPECT_EQ(entry("folder").at("state"), "no-socket");
     EXPECT_EQ(runTool({"pipes", "--clean"}).status, 0);
-    EXPECT_TRUE(exists("notes"));
-    EXPECT_TRUE(exists("folder"));
+    EXPECT_TRUE(exists(pipePath("notes")));
+    EXPECT_TRUE(exists(pipePath("folder")));
 }
 
 TEST_F(VornnetPipes, WithAnAcceptedConnection_ShowsTheServerOnce) {
@@ -266,12 +252,10 @@ TEST_F(VornnetPipes, WithANameHarmfulToATerminal_ShowsItEscaped) {
 TEST_F(VornnetPipes, WithClean_RemovesTheDeadOnly) {
     makeDeadPipe("dead1");
     makeDeadPipe("dead2");
-    ChildProcess server = serve("live");
-    const ToolResult result = runTool({"pipes", "--clean"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, HasSubstr("removed dead1\nremoved dead2\nNAME"));
-    EXPECT_FALSE(exists("dead1"));
-    EXPECT_FALSE(exists("dead2"));
+    ChildProcess server = startService("pipe:live");
+    EXPECT_THAT(runTool({"pipes", "--clean"}), ended(0, HasSubstr("removed dead1\nremoved dead2\nNAME")));
+    EXPECT_FALSE(exists(pipePath("dead1")));
+    EXPECT_FALSE(exists(pipePath("dead2")));
     EXPECT_EQ(runTool({"connect", "pipe:live"}).status, 0);
 }
 
@@ -282,10 +266,10 @@ TEST_F(VornnetPipes, WithCleanAndJson_NamesWhatWasRemoved) {
 }
 
 TEST_F(VornnetPipes, WithCleanAndAStolenPath_LeavesTheThiefsFile) {
-    ChildProcess first = serve("shared");
-    ChildProcess second = serve("shared");
+    ChildProcess first = startService("pipe:shared");
+    ChildProcess second = startService("pipe:shared");
     EXPECT_EQ(runTool({"pipes", "--clean"}).status, 5);
-    EXPECT_TRUE(exists("shared"));
+    EXPECT_TRUE(exists(pipePath("shared")));
 }
 
 TEST_F(VornnetPipes, WithCleanWhileASinkOpensAndClosesItsServer_LeavesItWithinReach) {
@@ -309,7 +293,7 @@ TEST_F(VornnetPipes, WithoutTheDirectory_Fails) {
 
 TEST_F(VornnetPipes, WithoutSocketDiagnosis_TellsTheLiveFromTheDead) {
     makeDeadPipe("dead");
-    ChildProcess server = serve("live");
+    ChildProcess server = startService("pipe:live");
     const Json pipes = pipesWithoutDiagnosis();
     ASSERT_EQ(pipes.size(), 2U);
     EXPECT_EQ(pipes.at(0).at("name"), "dead");
@@ -331,8 +315,8 @@ TEST_F(VornnetPipes, OnAnOverlay_ShowsAStolenPathAsContested) {
     ASSERT_EQ(::mount("overlay", directory.c_str(), "overlay", 0, options.c_str()), 0);
     Json pipes;
     {
-        ChildProcess first = serve("shared");
-        ChildProcess second = serve("shared");
+        ChildProcess first = startService("pipe:shared");
+        ChildProcess second = startService("pipe:shared");
         pipes = runTool({"pipes", "--json"}).json().at("pipes");
     }
     EXPECT_EQ(::umount2(directory.c_str(), MNT_DETACH), 0);

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 using namespace VornTest;
+using testing::_;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -41,15 +42,13 @@ TEST_F(VornnetPublish, EachLineIsAnEvent_ForAConnectionThatSubscribesByHand) {
     service.writeLine("");
     EXPECT_EQ(nextLine(service), "event 1");
     EXPECT_EQ(nextLine(service), "event 2");
-    const ToolResult client =
+    EXPECT_THAT(
         runTool({"connect", "pipe:demo", "--service", "builds", "int:1", "string:", "long:0", "int:2",
                  "int:0", "int:0", "int:0", "int:0", "string:me", "--expect",
-                 "ack,int,int,int,int,int,int,int,int,int,int,int,string,int,int,int,int,string"});
-    EXPECT_EQ(client.status, 0);
-    EXPECT_THAT(client.output,
-                MatchesRegex("ack\nint -?[0-9]+\nint -?[0-9]+\nint 0\nint 1\nint 0\nint 2\nint 5000\n"
-                             "int 1\nint 18\nint 0\nint 1\nstring \"kernel\"\n"
-                             "int 1\nint 12\nint 0\nint 2\nstring \"\"\n"));
+                 "ack,int,int,int,int,int,int,int,int,int,int,int,string,int,int,int,int,string"}),
+        ended(0, MatchesRegex("ack\nint -?[0-9]+\nint -?[0-9]+\nint 0\nint 1\nint 0\nint 2\nint 5000\n"
+                              "int 1\nint 18\nint 0\nint 1\nstring \"kernel\"\n"
+                              "int 1\nint 12\nint 0\nint 2\nstring \"\"\n")));
     EXPECT_THAT(nextLine(service), MatchesRegex("subscriber 1: pid [0-9]+ user [0-9]+"));
     EXPECT_THAT(nextLine(service), StartsWith("subscriber 1: closed"));
     service.closeInput();
@@ -69,9 +68,8 @@ TEST_F(VornnetPublish, WithValues_ALineHoldsSeveral) {
 
 TEST_F(VornnetPublish, WhereSomebodyListensAlready_FailsWith98) {
     ChildProcess service = publish();
-    const ToolResult second = runTool({"publish", "pipe:demo", "builds"});
-    EXPECT_EQ(second.status, 1);
-    EXPECT_THAT(second.errors, HasSubstr("VornPublisher::VornPublisher: failed to open server. (98, "));
+    EXPECT_THAT(runTool({"publish", "pipe:demo", "builds"}),
+                ended(1, _, HasSubstr("VornPublisher::VornPublisher: failed to open server. (98, ")));
     service.kill(SIGTERM);
     EXPECT_EQ(finish(service).status, 143);
 }
@@ -115,9 +113,7 @@ TEST_F(VornnetSubscribe, StaysSubscribed_AndTellsStatesEventsAndGaps) {
     next.writeLine("b");
     EXPECT_EQ(nextLine(client), "event 1: string \"b\"");
     client.kill(SIGINT);
-    const ToolResult result = finish(client);
-    EXPECT_EQ(result.status, 130);
-    EXPECT_THAT(result.output, MatchesRegex("position [0-9a-f]{16}-00000000000000000001\n"));
+    EXPECT_THAT(finish(client), ended(130, MatchesRegex("position [0-9a-f]{16}-00000000000000000001\n")));
 }
 
 TEST_F(VornnetSubscribe, Since_GoesOnAfterThePosition) {

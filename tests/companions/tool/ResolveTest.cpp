@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 using namespace VornTest;
+using testing::_;
 using testing::HasSubstr;
 
 namespace {
@@ -17,22 +18,17 @@ class VornnetResolve : public ToolNetworkTest {};
 
 TEST_F(VornnetResolve, WithName_PrintsItsAddresses) {
     useHostsFile("10.1.2.3 host1\n");
-    const ToolResult result = runTool({"resolve", "host1"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "addresses  10.1.2.3\n");
+    EXPECT_THAT(runTool({"resolve", "host1"}), ended(0, "addresses  10.1.2.3\n"));
 }
 
 TEST_F(VornnetResolve, WithZeroByteInTheAddress_ShowsWhatTheLibraryMakesOfIt) {
-    const ToolResult result = runTool({"resolve", "localhost"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, HasSubstr("addresses  127.0.0.1\nlibrary    127.0.0.0  ("));
+    EXPECT_THAT(runTool({"resolve", "localhost"}),
+                ended(0, HasSubstr("addresses  127.0.0.1\nlibrary    127.0.0.0  (")));
 }
 
 TEST_F(VornnetResolve, WithAddress_PrintsItsName) {
     useHostsFile("10.1.2.3 host1\n");
-    const ToolResult result = runTool({"resolve", "10.1.2.3"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, "name       host1\n");
+    EXPECT_THAT(runTool({"resolve", "10.1.2.3"}), ended(0, "name       host1\n"));
 }
 
 TEST_F(VornnetResolve, WithJson_PrintsOneObject) {
@@ -44,9 +40,8 @@ TEST_F(VornnetResolve, WithJson_PrintsOneObject) {
 }
 
 TEST_F(VornnetResolve, WithUnknownName_IsUnreachable) {
-    const ToolResult result = runTool({"resolve", "no-such-host"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_EQ(result.errors, "vornnet resolve: there is no host called \"no-such-host\"\n");
+    EXPECT_THAT(runTool({"resolve", "no-such-host"}),
+                ended(4, _, "vornnet resolve: there is no host called \"no-such-host\"\n"));
 }
 
 TEST_F(VornnetResolve, WithUnknownNameAndJson_PrintsNoAddresses) {
@@ -56,18 +51,6 @@ TEST_F(VornnetResolve, WithUnknownNameAndJson_PrintsNoAddresses) {
 }
 
 TEST_F(VornnetResolve, WithAddressWithoutName_IsUnreachable) {
-    const ToolResult result = runTool({"resolve", "10.9.9.9"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_EQ(result.errors, "vornnet resolve: the address 10.9.9.9 has no name\n");
-}
-
-TEST_F(VornnetResolve, WithIPv6Address_SaysThatThereIsIPv4Only) {
-    const ToolResult result = runTool({"resolve", "::1"});
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.errors, "vornnet resolve: \"::1\" is an IPv6 address: the library has IPv4 only\n");
-}
-
-TEST_F(VornnetResolve, WithNumbersThatAreNoAddress_EndsWithUsage) {
-    for (const char* text : {"10.1.2.300", "1.2", "12", ""})
-        EXPECT_EQ(runTool({"resolve", text}).status, 2) << text;
+    EXPECT_THAT(runTool({"resolve", "10.9.9.9"}),
+                ended(4, _, "vornnet resolve: the address 10.9.9.9 has no name\n"));
 }

@@ -19,6 +19,7 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace VornTest {
 
@@ -63,6 +64,12 @@ void PrintTo(const ToolResult& result, std::ostream* out) {
     *out << "status " << result.status << "\noutput:\n" << result.output << "errors:\n" << result.errors;
 }
 
+testing::Matcher<const ToolResult&> ended(int status, const Text& output, const Text& errors) {
+    return testing::AllOf(testing::Field("status", &ToolResult::status, status),
+                          testing::Field("output", &ToolResult::output, output),
+                          testing::Field("errors", &ToolResult::errors, errors));
+}
+
 std::string toolPath() {
     return VORNTEST_TOOL;
 }
@@ -105,6 +112,14 @@ ChildProcess startTool(const std::vector<std::string>& arguments,
     return ChildProcess::spawn(all, environment);
 }
 
+ChildProcess startService(const std::string& address, const std::vector<std::string>& arguments) {
+    std::vector<std::string> all = {"serve", address};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    ChildProcess server = startTool(all);
+    EXPECT_EQ(nextLine(server), "listening at " + address);
+    return server;
+}
+
 std::string nextLine(ChildProcess& tool) {
     return tool.readLine(cPatience);
 }
@@ -126,6 +141,10 @@ std::string addressOf(ChildProcess& sink) {
     const std::string line = nextLine(sink);
     EXPECT_EQ(line.substr(0, prefix.size()), prefix);
     return line.substr(prefix.size());
+}
+
+bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
 }
 
 UniqueFd connectTo(const std::string& address) {

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
+
 /**
  * @file
  * Runs the command-line tool itself.
@@ -45,6 +47,12 @@ struct ToolResult {
 /** For GoogleTest's messages. */
 void PrintTo(const ToolResult& result, std::ostream* out);
 
+using Text = testing::Matcher<const std::string&>;
+
+/** Matches a run that has ended with this status and has written this. */
+testing::Matcher<const ToolResult&> ended(int status, const Text& output = testing::_,
+                                          const Text& errors = testing::_);
+
 /** The tool's path. */
 std::string toolPath();
 
@@ -71,6 +79,9 @@ std::string nextLine(ChildProcess& tool);
 /** The next line of output as JSON. */
 Json nextJson(ChildProcess& tool);
 
+/** Starts `serve` at the address, with more arguments, and waits until it listens. */
+ChildProcess startService(const std::string& address, const std::vector<std::string>& arguments = {});
+
 /** Waits for the end of a started tool. */
 ToolResult finish(ChildProcess& tool);
 
@@ -79,6 +90,9 @@ void interruptSeveralTimes(ChildProcess& tool);
 
 /** Starts `sink` and returns its address, which is its first line. */
 std::string addressOf(ChildProcess& sink);
+
+/** Whether there is a file of any kind. */
+bool exists(const std::string& path);
 
 /** A plain client of the server at a pipe or a TCP port. */
 UniqueFd connectTo(const std::string& address);

@@ -80,12 +80,9 @@ TEST_F(VornnetTop, WhereThereIsNoTerminal_PrintsTheTableOnce) {
 }
 
 TEST_F(VornnetTop, ServersOfEveryTransport_AreShownWithWhoWaitsAndWhoIsServed) {
-    ChildProcess pipe = startTool({"serve", "pipe:one", "--expect", "int"});
-    ChildProcess tcp = startTool({"serve", "socket:127.0.0.1:4711", "--expect", "int"});
-    ChildProcess udp = startTool({"serve", "udp:127.0.0.1:4711"});
-    nextLine(pipe);
-    nextLine(tcp);
-    nextLine(udp);
+    ChildProcess pipe = startService("pipe:one", {"--expect", "int"});
+    ChildProcess tcp = startService("socket:127.0.0.1:4711", {"--expect", "int"});
+    ChildProcess udp = startService("udp:127.0.0.1:4711");
     const UniqueFd pipeClient = unixConnect(pipePath("one"));
     const UniqueFd tcpClient = tcpConnect("127.0.0.1", 4711);
     for (const char* address : {"pipe:one", "socket:127.0.0.1:4711"}) {
@@ -111,16 +108,13 @@ TEST_F(VornnetTop, OnATerminal_IsShownAnewUntilQIsPressed) {
     const UniqueFd later = unixListen(pipePath("later"));
     EXPECT_TRUE(awaitShown("later"));
     terminal.writeLine("q");
-    const ToolResult result = finish(terminal);
-    EXPECT_EQ(result.status, 0);
-    EXPECT_THAT(result.output, AllOf(HasSubstr("\033[?1049h"), HasSubstr("\033[?1049l")));
+    EXPECT_THAT(finish(terminal), ended(0, AllOf(HasSubstr("\033[?1049h"), HasSubstr("\033[?1049l"))));
 }
 
 TEST_F(VornnetTop, FromTheSecondLookOn_TellsHowOftenTheThreadsWake) {
     ChildProcess busy = startTool({"sink", "--steady"});
-    ChildProcess idle = startTool({"serve", "pipe:idle"});
+    ChildProcess idle = startService("pipe:idle");
     const std::string address = addressOf(busy);
-    nextLine(idle);
     ChildProcess sender = startTool({"notify", address, "0", "12", "--repeat", "1000000", "--every", "1"});
     EXPECT_EQ(nextLine(busy), "notification 1: handle 0, id 12");
     EXPECT_TRUE(awaitCondition([] { return serverAt("pipe:idle").value("state", "") == "accepts"; }));
@@ -142,9 +136,7 @@ TEST_F(VornnetTop, WhenItIsTerminated_GivesTheTerminalBackAtOnce) {
     const pid_t top = std::stoi(nextLine(terminal));
     EXPECT_TRUE(awaitShown("ADDRESS"));
     EXPECT_EQ(::kill(top, SIGTERM), 0);
-    const ToolResult result = finish(terminal);
-    EXPECT_EQ(result.status, 143);
-    EXPECT_THAT(result.output, HasSubstr("\033[?1049l"));
+    EXPECT_THAT(finish(terminal), ended(143, HasSubstr("\033[?1049l")));
 }
 
 TEST_F(VornnetTop, WhenTheTerminalIsGone_Ends) {
@@ -186,8 +178,7 @@ TEST_F(VornnetMetrics, OfSocketsThatNothingTellsApart_AreThoseOfOne) {
 }
 
 TEST_F(VornnetMetrics, OfAServer_AreItsQueueAndWhetherItAccepts) {
-    ChildProcess server = startTool({"serve", "pipe:busy", "--expect", "int"});
-    nextLine(server);
+    ChildProcess server = startService("pipe:busy", {"--expect", "int"});
     const std::string labels = "{address=\"pipe:busy\",type=\"service\",pid=\"" +
                                std::to_string(server.pid()) + "\",process=\"vornnet\",user=\"root\"}";
     EXPECT_EQ(sample(runTool({"metrics"}).output, "vornnet_accepting" + labels), "1");
