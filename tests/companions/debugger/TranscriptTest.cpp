@@ -67,11 +67,10 @@ std::vector<Transcript> transcripts() {
     return result;
 }
 
-/** What gdb prints in answer to the commands, which follow others. */
-Lines valuesOf(const std::vector<std::string>& target, const Lines& before, const Lines& commands) {
-    Lines arguments = executing(before);
+/** What gdb prints in answer to the commands. */
+Lines valuesOf(const std::vector<std::string>& target, const Lines& commands) {
+    Lines arguments = {"-ex", "echo @@\\n"};
     const Lines rest = executing(commands);
-    arguments.insert(arguments.end(), {"-ex", "echo @@\\n"});
     arguments.insert(arguments.end(), rest.begin(), rest.end());
     arguments.insert(arguments.end(), target.begin(), target.end());
     const GdbOutput run = runGdb(arguments);
@@ -124,7 +123,7 @@ TEST_F(GdbPrinters, TranscriptOfACoreDump_IsAsThePageShowsIt) {
     const TemporaryDirectory directory;
     const std::string core = dumpBusySink(directory.path());
     const Transcript page = transcripts().at(1);
-    EXPECT_EQ(valuesOf({VORNTEST_TOOL, core}, {}, page.commands), page.values);
+    EXPECT_EQ(valuesOf({VORNTEST_TOOL, core}, page.commands), page.values);
 }
 
 TEST_F(GdbPrinters, TranscriptThatSetsTheLogLevel_IsAsThePageShowsItOfAnAttachedProcess) {
@@ -132,9 +131,8 @@ TEST_F(GdbPrinters, TranscriptThatSetsTheLogLevel_IsAsThePageShowsItOfAnAttached
     const std::string address = sink.readLine().substr(std::string("address ").size());
     // It stops in the C library, of which most systems have no debug symbols.
     const Transcript page = transcripts().at(0);
-    const Lines values =
-        valuesOf({"-p", std::to_string(sink.pid()), "-iex", "set debug-file-directory /nonexistent"}, {},
-                 page.commands);
+    const Lines values = valuesOf(
+        {"-p", std::to_string(sink.pid()), "-iex", "set debug-file-directory /nonexistent"}, page.commands);
     EXPECT_EQ(values, page.values);
 }
 

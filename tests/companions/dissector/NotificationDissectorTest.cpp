@@ -3,11 +3,8 @@
 #include "Await.h"
 #include "TsharkRun.h"
 
-#include <VornLibraryCallbackSink.h>
 #include <VornProxyDependent.h>
 #include <VornUDPServerSocket.h>
-
-#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,20 +16,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-/** Reads an id and then waits for the sender's end, as callbacks over TCP do well to. */
-class IdCallback : public VornNotificationCallback {
-public:
-    using VornNotificationCallback::VornNotificationCallback;
-
-protected:
-    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
-        spConnection->receiveLong();
-        char byte = 0;
-        long error = 0;
-        spConnection->receive(&byte, 1, &error, true);
-    }
-};
 
 /** A service's proxy whose notifications say more. */
 class EventProxy : public VornProxyDependent {
@@ -50,12 +33,9 @@ public:
 /** Sends a notification from a service to a sink, both of the library. */
 template <typename Proxy>
 void notifySink(const char* type, int id) {
-    ASSERT_EQ(::setenv("QUORAX_CALLB_CONN_TYPE", type, 1), 0);
-    VornLibraryCallbackSink sink("wire");
-    const VornSmartPointer<VornNotificationCallback> spCallback = new IdCallback(7);
-    sink.getCallbackContainer().add(spCallback);
-    Proxy(sink.getCallbackAddress(), 7).remoteNotify(VornSupport::VornNotification(id));
-    ASSERT_TRUE(spCallback->wait(10000));
+    callSink(type, [id](const std::string& address) {
+        Proxy(address, 7).remoteNotify(VornSupport::VornNotification(id));
+    });
 }
 
 void sendDatagram(const std::string& data, int port = 5023) {
@@ -126,17 +106,15 @@ TEST_F(VornnetDissector, SeveralNotificationsOverTcp_AreTheirOwnStreams) {
     for (const int id : {1, 2, 3})
         notifySink<VornProxyDependent>("socket", id);
     capture().awaitEnds(6);
-    const auto expected = ElementsAre("Notification: handle 7", "Content: long 1", "Notification: handle 7",
-                                      "Content: long 2", "Notification: handle 7", "Content: long 3");
-    EXPECT_THAT(shown(), expected);
-    EXPECT_THAT(shown(cTwoPasses), expected);
+    EXPECT_THAT(shownBothWays(),
+                ElementsAre("Notification: handle 7", "Content: long 1", "Notification: handle 7",
+                            "Content: long 2", "Notification: handle 7", "Content: long 3"));
 }
 
 TEST_F(VornnetDissector, NotificationInSegmentsOfOneByte_IsPutTogether) {
     talkSlowly({notificationBytes(7, 12)});
     EXPECT_EQ(capture().segments(), 16);
-    EXPECT_THAT(shown(), ElementsAre("Notification: handle 7", "Content: long 12"));
-    EXPECT_THAT(shown(cTwoPasses), ElementsAre("Notification: handle 7", "Content: long 12"));
+    EXPECT_THAT(shownBothWays(), ElementsAre("Notification: handle 7", "Content: long 12"));
     EXPECT_THAT(remarks(cTwoPasses), IsEmpty());
 }
 
@@ -287,8 +265,6 @@ TEST_F(VornnetDissector, HandleThatLooksLikeNone_IsTakenForOneWhenNotificationsA
 TEST_F(VornnetDissector, PortsThatAreUsedAgain_BeginANewStream) {
     talk({longBytes(7), "", longBytes(12)});
     capture().repeatLater(100);
-    const auto expected = ElementsAre("Notification: handle 7", "Content: long 12", "Notification: handle 7",
-                                      "Content: long 12");
-    EXPECT_THAT(shown(), expected);
-    EXPECT_THAT(shown(cTwoPasses), expected);
+    EXPECT_THAT(shownBothWays(), ElementsAre("Notification: handle 7", "Content: long 12",
+                                             "Notification: handle 7", "Content: long 12"));
 }

@@ -9,11 +9,9 @@
 #include "Process.h"
 #include "TsharkRun.h"
 
-#include <VornLibraryCallbackSink.h>
 #include <VornProxyDependent.h>
 #include <VornSocketConnection.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -33,19 +31,6 @@ namespace {
 struct Transcript {
     std::string command;
     Lines output;
-};
-
-class IdCallback : public VornNotificationCallback {
-public:
-    using VornNotificationCallback::VornNotificationCallback;
-
-protected:
-    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
-        spConnection->receiveLong();
-        char byte = 0;
-        long error = 0;
-        spConnection->receive(&byte, 1, &error, true);
-    }
 };
 
 Lines linesOf(const std::string& text) {
@@ -97,12 +82,9 @@ Lines lasting(Lines lines) {
 
 /** A notification from a service to a sink. */
 void notify() {
-    ASSERT_EQ(::setenv("QUORAX_CALLB_CONN_TYPE", "socket", 1), 0);
-    VornLibraryCallbackSink sink("wire");
-    const VornSmartPointer<VornNotificationCallback> spCallback = new IdCallback(7);
-    sink.getCallbackContainer().add(spCallback);
-    VornProxyDependent(sink.getCallbackAddress(), 7).remoteNotify(VornSupport::VornNotification(12));
-    ASSERT_TRUE(spCallback->wait(10000));
+    callSink("socket", [](const std::string& address) {
+        VornProxyDependent(address, 7).remoteNotify(VornSupport::VornNotification(12));
+    });
 }
 
 /** A client's request to a service, and its acknowledgement. */

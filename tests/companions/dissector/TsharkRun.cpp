@@ -4,6 +4,8 @@
 
 #include "Process.h"
 
+#include <VornLibraryCallbackSink.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -32,6 +34,20 @@ Lines split(const std::string& text, char separator) {
 void append(Lines& lines, const Lines& more) {
     lines.insert(lines.end(), more.begin(), more.end());
 }
+
+/** Reads an id and then waits for the sender's end, as callbacks over TCP do well to. */
+class IdCallback : public VornNet::VornNotificationCallback {
+public:
+    using VornNotificationCallback::VornNotificationCallback;
+
+protected:
+    void doCallback(VornNet::VornSmartPointer<VornNet::VornConnection>& spConnection) override {
+        spConnection->receiveLong();
+        char byte = 0;
+        long error = 0;
+        spConnection->receive(&byte, 1, &error, true);
+    }
+};
 
 std::string bigEndian(unsigned long number) {
     std::string result;
@@ -120,6 +136,13 @@ Lines VornnetDissector::shown(const Lines& options) {
     return result;
 }
 
+Lines VornnetDissector::shownBothWays(Lines options) {
+    Lines lines = shown(options);
+    options.push_back("-2");
+    EXPECT_EQ(shown(options), lines);
+    return lines;
+}
+
 Lines VornnetDissector::remarks(const Lines& options) {
     Lines arguments = {"-O", "vornnet"};
     append(arguments, options);
@@ -176,6 +199,15 @@ void VornnetDissector::talkSlowly(const Lines& says, int port) {
             receiveExactly(to, 1);
         }
     });
+}
+
+void callSink(const char* type, const std::function<void(const std::string& address)>& send) {
+    ASSERT_EQ(::setenv("QUORAX_CALLB_CONN_TYPE", type, 1), 0);
+    VornNet::VornLibraryCallbackSink sink("wire");
+    const VornNet::VornSmartPointer<VornNet::VornNotificationCallback> spCallback = new IdCallback(7);
+    sink.getCallbackContainer().add(spCallback);
+    send(sink.getCallbackAddress());
+    ASSERT_TRUE(spCallback->wait(10000));
 }
 
 Lines preferring(const Lines& settings) {

@@ -33,7 +33,10 @@ protected:
      */
     Lines shown(const Lines& options = {});
 
-    /** The same for all packets that are no mere TCP, with their protocol: "HTTP GET / HTTP/1.1". */
+    /** As shown(), and that it is the same when tshark goes through the capture twice. */
+    Lines shownBothWays(Lines options = {});
+
+    /** As shown(), for all packets that are no mere TCP, with their protocol: "HTTP GET / HTTP/1.1". */
     Lines shownOfAll(const Lines& options = {});
 
     /** The remarks (expert infos) of the dissector, in order. */
@@ -67,6 +70,12 @@ private:
     std::string m_directory;
     int m_ends = 0;
 };
+
+/**
+ * Lets @p send call the callback 7 of a sink of the library, whose address it is given, and waits until the
+ * callback was called.
+ */
+void callSink(const char* type, const std::function<void(const std::string& address)>& send);
 
 /** Options that set preferences: {"content:int"} gives {"-o", "vornnet.content:int"}. */
 Lines preferring(const Lines& settings);
