@@ -11,27 +11,16 @@ import re
 import subprocess
 import sys
 
+SYSTEM_LIBRARIES = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"}
+LOADER = "ld-linux-x86-64.so.2"  # for __tls_get_addr, where that is called
+
 LIBRARIES = {
-    "libvornnet": {
-        "version": "VORNNET_1",
-        "needed": {"libvornsupt.so.1", "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"},
-        # For __tls_get_addr.
-        "may_need": {"ld-linux-x86-64.so.2"},
-        "stays_loaded": False,
-    },
-    "libvornnotify": {
-        "version": "VORNNOTIFY_1",
-        "needed": {"libvornnet.so.1", "libvornsupt.so.1", "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"},
-        # For __tls_get_addr.
-        "may_need": {"ld-linux-x86-64.so.2"},
-        "stays_loaded": False,
-    },
+    "libvornnet": {"version": "VORNNET_1", "needed": {"libvornsupt.so.1"}},
+    "libvornnotify": {"version": "VORNNOTIFY_1", "needed": {"libvornnet.so.1", "libvornsupt.so.1"}},
     "libvornsupt": {
         "version": "VORNSUPT_1",
         "private": "VORNSUPT_PRIVATE",  # for libvornnet of the same version only
-        "needed": {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"},
-        # For __tls_get_addr.
-        "may_need": {"ld-linux-x86-64.so.2"},
+        "needed": set(),
         "stays_loaded": True,
     },
 }
@@ -51,9 +40,10 @@ def problems_of(library):
     problems = []
     dynamic = run("readelf", "-dW", str(library))
     needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic))
-    for missing in sorted(expected["needed"] - needed):
+    known = expected["needed"] | SYSTEM_LIBRARIES
+    for missing in sorted(known - needed):
         problems.append(f"does not need {missing}")
-    for unexpected in sorted(needed - expected["needed"] - expected["may_need"]):
+    for unexpected in sorted(needed - known - {LOADER}):
         problems.append(f"needs {unexpected}")
     if re.findall(r"\(SONAME\).*\[(.*)\]", dynamic) != [f"{name}.so.1"]:
         problems.append(f"its soname is not {name}.so.1")
@@ -61,8 +51,9 @@ def problems_of(library):
         problems.append("its code has to be written to when it is loaded")
     if " NOW" not in dynamic:
         problems.append("its functions are bound lazily")
-    if ("NODELETE" in dynamic) != expected["stays_loaded"]:
-        problems.append("is" + (" not" if expected["stays_loaded"] else "") + " marked as never unloaded")
+    stays_loaded = expected.get("stays_loaded", False)
+    if ("NODELETE" in dynamic) != stays_loaded:
+        problems.append("is" + (" not" if stays_loaded else "") + " marked as never unloaded")
     headers = run("readelf", "-lW", str(library))
     if "GNU_RELRO" not in headers:
         problems.append("its tables stay writable")

@@ -57,59 +57,42 @@ private:
 };
 
 /** One row of a table: several runs of the same delivery. */
-class Runs {
-public:
+struct Runs {
     Runs(Kind kind, const Order& order, const Callback& callback = {})
         : Runs([&] { return deliver(kind, order, callback); }) {}
 
     explicit Runs(const std::function<Delivery()>& deliverOnce) {
         for (int run = 0; run < cRuns; ++run) {
             const Delivery delivery = deliverOnce();
-            int refused = 0;
-            for (const auto& [code, count] : delivery.sender.refused) {
-                refused += count;
-                m_codes[code] += count;
+            int count = 0;
+            for (const auto& [code, times] : delivery.sender.refused) {
+                count += times;
+                codes[code] += times;
             }
-            m_delivered.add(static_cast<double>(delivery.received.size()));
-            m_refused.add(refused);
-            m_lost.add(delivery.lostSilently());
-            m_retries.add(delivery.sender.retries);
-            m_seconds.add(delivery.sender.seconds);
-            m_killed += delivery.sender.signal == SIGPIPE ? 1 : 0;
+            delivered.add(static_cast<double>(delivery.received.size()));
+            refused.add(count);
+            lost.add(delivery.lostSilently());
+            retries.add(delivery.sender.retries);
+            seconds.add(delivery.sender.seconds);
+            killed += delivery.sender.signal == SIGPIPE ? 1 : 0;
         }
     }
 
-    std::string delivered() const { return m_delivered.text(); }
-
-    /** How many, and by which codes. */
-    std::string refused() const {
+    /** How many were refused, and by which codes. */
+    std::string refusals() const {
         std::string sCodes;
-        for (const auto& [code, count] : m_codes)
+        for (const auto& [code, count] : codes)
             sCodes += (sCodes.empty() ? "" : ", ") + std::to_string(code);
-        return m_refused.text() + (sCodes.empty() ? "" : " (" + sCodes + ")");
+        return refused.text() + (sCodes.empty() ? "" : " (" + sCodes + ")");
     }
 
-    std::string lost() const { return m_lost.text(); }
-
-    std::string retries() const { return m_retries.text(); }
-
-    std::string seconds() const { return m_seconds.text(1); }
-
-    int killed() const { return m_killed; }
-
-    int timesOf(int code) const {
-        const auto found = m_codes.find(code);
-        return found == m_codes.end() ? 0 : found->second;
-    }
-
-private:
-    Range m_delivered;
-    Range m_refused;
-    Range m_lost;
-    Range m_retries;
-    Range m_seconds;
-    std::map<int, int> m_codes;
-    int m_killed = 0;
+    Range delivered;
+    Range refused;
+    Range lost;
+    Range retries;
+    Range seconds;
+    std::map<int, int> codes; // and how often each came
+    int killed = 0;
 };
 
 void row(const std::vector<std::string>& cells) {
@@ -133,8 +116,8 @@ void measureBurst() {
             order.count = cBurst;
             order.pauseMicros = pause;
             const Runs runs(kind, order);
-            row({transportOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost(),
-                 runs.seconds()});
+            row({transportOf(kind), timeOf(pause), runs.delivered.text(), runs.refusals(), runs.lost.text(),
+                 runs.seconds.text(1)});
         }
     }
 }
@@ -151,8 +134,8 @@ void measurePairings() {
                 const Runs runs(
                     [&] { return toSteady ? deliverToSteady(kind, order) : deliver(kind, order); });
                 row({transportOf(kind), byDispatcher ? "`VornDispatcher`" : "`remoteNotify()`",
-                     toSteady ? "`VornSteadySink`" : "`VornLibraryCallbackSink`", runs.delivered(),
-                     runs.refused(), runs.lost(), runs.seconds()});
+                     toSteady ? "`VornSteadySink`" : "`VornLibraryCallbackSink`", runs.delivered.text(),
+                     runs.refusals(), runs.lost.text(), runs.seconds.text(1)});
             }
         }
     }
@@ -168,7 +151,7 @@ void measureSlowCallback() {
             Callback callback;
             callback.milliseconds = 20;
             const Runs runs(kind, order, callback);
-            row({transportOf(kind), timeOf(pause), runs.delivered(), runs.refused(), runs.lost()});
+            row({transportOf(kind), timeOf(pause), runs.delivered.text(), runs.refusals(), runs.lost.text()});
         }
     }
 }
@@ -181,7 +164,8 @@ void measureRetry() {
         order.pauseMicros = 20000;
         order.mostTries = 10;
         const Runs runs(kind, order);
-        row({transportOf(kind), runs.delivered(), runs.retries(), runs.refused(), runs.lost()});
+        row({transportOf(kind), runs.delivered.text(), runs.retries.text(), runs.refusals(),
+             runs.lost.text()});
     }
 }
 
@@ -214,10 +198,10 @@ void measureSigpipe() {
         Order order;
         order.count = cBurst;
         order.ignoresSigpipe = ignored;
-        const Runs runs(Kind::pipe, order);
+        Runs runs(Kind::pipe, order);
         row({ignored ? "ignored" : "at its default",
-             std::to_string(runs.killed()) + " of " + std::to_string(cRuns),
-             ignored ? std::to_string(runs.timesOf(EPIPE)) : "-"});
+             std::to_string(runs.killed) + " of " + std::to_string(cRuns),
+             ignored ? std::to_string(runs.codes[EPIPE]) : "-"});
     }
 }
 
