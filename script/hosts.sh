@@ -215,25 +215,15 @@ perform_on_hosts() {
 
 # Both clients have one address, and the service lists them in the order in which they came.
 compare_residents() {
-    local name number=0 expected=$events posted delivered lost tries found printed once
+    local name number=0
     for name in "${residents[@]}"; do
         stop "$name"
     done
     stop service
-    printf '\n%-7s %-26s %6s %10s %5s %6s %8s %10s  %s\n' \
-        client address posted delivered lost tries printed 'each once' state
+    print_heading
     for name in "${residents[@]}"; do
         number=$((number + 1))
-        read -r _ posted delivered lost tries found < <(grep "^${addresses[$name]} .* [0-9]" "${logs[service]}" |
-            sed -n "${number}p")
-        printed=$(count_of_events "$name")
-        once=yes
-        [[ $(sed -n 's/^event \([0-9]*\):.*/\1/p' "${logs[$name]}") == "$(seq "$expected")" ]] || once=NO
-        printf '%-7s %-26s %6s %10s %5s %6s %8s %10s  %s\n' \
-            "$name" "${addresses[$name]}" "$posted" "$delivered" "$lost" "$tries" "$printed" "$once" "$found"
-        [[ $once == yes ]] || fail "$name did not print each of $expected events exactly once"
-        ((delivered == expected)) || fail "$name: the service delivered $delivered events instead of $expected"
-        [[ $found == left ]] || fail "$name: the service calls it '$found'"
+        check_client "$name" "$events" left "$number"
     done
 }
 
