@@ -12,7 +12,7 @@ namespace VornRelay {
 
 namespace {
 
-constexpr std::chrono::milliseconds cConnectLimit{2000};
+constexpr std::chrono::milliseconds cConnectLimit{5000}; // many hosts may come back at once
 constexpr std::uint32_t cReadEvents = EPOLLIN | EPOLLRDHUP;
 constexpr int cMostReads = 16; // a busy server must not keep the loop from all others
 constexpr int cMostBuffered = 65'536;

@@ -48,8 +48,9 @@ namespace VornTest {
 
 namespace {
 
-constexpr int cPort = 4222;      // of the first server for clients, and the others follow
-constexpr int cRoutePort = 6222; // for the other servers
+constexpr int cPort = 4222;                     // of the first server for clients, and the others follow
+constexpr int cRoutePort = 6222;                // for the other servers
+constexpr std::chrono::seconds cReadyLimit{60}; // of a machine that is overloaded
 
 std::string serverFile(const std::string& sKind, int nServer) {
     return RelayStage::pathOf("engine" + std::to_string(nServer) + sKind);
@@ -344,7 +345,7 @@ ChildProcess RelayStage::runEngine(const std::vector<std::string>& arguments) {
 void RelayStage::startEngine(int nServer) {
     ChildProcess& server =
         m_engines.insert_or_assign(nServer, runEngine({"-c", serverFile(".conf", nServer)})).first->second;
-    if (awaitCondition([nServer] { return answers(nServer); }))
+    if (awaitCondition([nServer] { return answers(nServer); }, cReadyLimit))
         return;
     server.kill(SIGKILL);
     throw std::runtime_error("the engine does not start: " + server.readAllErrors());
@@ -446,7 +447,8 @@ void RelayStage::reloadRelay(const std::string& sHost, const std::string& sMore)
 
 void RelayStage::awaitReady(const std::string& sHost) {
     if (!awaitCondition(
-            [&] { return run(sHost, {"status"}).first.find("ready      true") != std::string::npos; }))
+            [&] { return run(sHost, {"status"}).first.find("ready      true") != std::string::npos; },
+            cReadyLimit))
         throw std::runtime_error("the relay of " + sHost + " is not ready: " + run(sHost, {"status"}).first);
 }
 
@@ -561,16 +563,18 @@ std::string RelayStage::leaseFor(const std::string& sName, const VornString& sAd
 void RelayStage::addHost(const std::string& sHost,
                          const VornRelay::NatsAdministration::Limits& limits) const {
     std::string sWhy;
-    const bool bIsAdded = awaitCondition([&] {
-        try {
-            administration().addHost(sHost, limits);
-            sWhy.clear();
-            return true;
-        } catch (const VornRelay::AdministrationError& error) {
-            sWhy = error.what();
-            return m_setup.nServers == 1;
-        }
-    });
+    const bool bIsAdded = awaitCondition(
+        [&] {
+            try {
+                administration().addHost(sHost, limits);
+                sWhy.clear();
+                return true;
+            } catch (const VornRelay::AdministrationError& error) {
+                sWhy = error.what();
+                return m_setup.nServers == 1;
+            }
+        },
+        cReadyLimit);
     if (!bIsAdded || !sWhy.empty())
         throw std::runtime_error("host " + sHost + " cannot be added: " + sWhy);
 }
@@ -614,7 +618,7 @@ void RelayStage::configureEngine(int nServer) const {
     file << "listen: 0.0.0.0:" << cPort + nServer << "\nserver_name: \"" << nServer << "\"\nlog_file: \""
          << serverFile(".log", nServer) << "\"\njetstream { store_dir: \"" << serverFile("", nServer)
          << "\" }\n"
-         << sTls << "verify_and_map: true }\nauthorization { users: [\n{ user: \"admin\" }\n"
+         << sTls << "verify_and_map: true, timeout: 60 }\nauthorization { users: [\n{ user: \"admin\" }\n"
          << VornRelay::permissionsOf("a", {"b", "c"}, false, {true, {}, true, {}})
          << VornRelay::permissionsOf("b", {"*"}, m_setup.bFixedConsumer,
                                      {false, {"a"}, false, {"typed@a", "plain@a"}})

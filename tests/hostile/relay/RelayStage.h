@@ -132,7 +132,7 @@ public:
 
     /** Awaits that a log has that many different numbers; false when it has not in time. */
     static bool awaitNumbers(const std::string& sLog, std::size_t nCount,
-                             std::chrono::seconds limit = std::chrono::seconds(30));
+                             std::chrono::seconds limit = std::chrono::seconds(60));
 
     VornRelay::EngineAccess access(const std::string& sUser) const;
 
