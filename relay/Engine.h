@@ -144,8 +144,11 @@ public:
     /** Tells those who listen at this moment; may get lost. */
     virtual void tell(const std::string& sSubject, const std::string& sText) = 0;
 
-    /** Has what others tell on that subject told to the listener. To be called before the start. */
+    /** Has what others tell on that subject told to the listener. */
     virtual void listenTo(const std::string& sSubject) = 0;
+
+    /** Ends that. */
+    virtual void ignore(const std::string& sSubject) = 0;
 
     /** Asks for a message of that subject in any stream: the first one from position @p nFrom on, or for 0
      * the newest. @param onStored is called once */

@@ -256,7 +256,13 @@ void NatsEngine::tell(const std::string& sSubject, const std::string& sText) {
 }
 
 void NatsEngine::listenTo(const std::string& sSubject) {
-    m_listenedTo.push_back(sSubject);
+    if (const std::shared_ptr<NatsLink> spLink = link(); m_listenedTo.insert(sSubject).second && spLink)
+        spLink->listenTo(sSubject);
+}
+
+void NatsEngine::ignore(const std::string& sSubject) {
+    if (const std::shared_ptr<NatsLink> spLink = link(); m_listenedTo.erase(sSubject) == 1 && spLink)
+        spLink->ignore(sSubject);
 }
 
 void NatsEngine::read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
@@ -316,9 +322,7 @@ std::shared_ptr<NatsLink> NatsEngine::connect(std::string& sWhy) try {
         m_loop, inboxOf(m_access),
         [this](std::size_t nPlace, NatsPointer<natsMsg> message) { take(nPlace, std::move(message)); },
         [this](const std::string& sText) { complain(sText); });
-    std::vector<std::string> subjects{spLink->inbox() + ".in.>"};
-    subjects.insert(subjects.end(), m_listenedTo.begin(), m_listenedTo.end());
-    spLink->connect(m_access, subjects);
+    spLink->connect(m_access, spLink->inbox() + ".in.>");
     m_nMostContent.store(spLink->mostContent(), std::memory_order_relaxed);
     std::unique_lock lock(m_mutex);
     if (m_bStopping) {
@@ -330,6 +334,8 @@ std::shared_ptr<NatsLink> NatsEngine::connect(std::string& sWhy) try {
     m_spLink = spLink;
     m_loop.post([this, spLink] {
         spLink->begin();
+        for (const std::string& sSubject : m_listenedTo)
+            spLink->listenTo(sSubject);
         m_listener.connected();
     });
     return spLink;
@@ -494,10 +500,10 @@ void NatsEngine::take(std::size_t nPlace, NatsPointer<natsMsg> owned) {
         takeAbsence(nPlace);
     else if (nPlace == 0)
         takeArrival(message);
-    else if (nPlace <= m_listenedTo.size())
-        m_listener.told(natsMsg_GetSubject(message), contentOf(message));
-    else
+    else if (std::string_view(natsMsg_GetSubject(message)).starts_with(inboxOf(m_access)))
         takeReply(message);
+    else
+        m_listener.told(natsMsg_GetSubject(message), contentOf(message));
 }
 
 void NatsEngine::takeReply(natsMsg* message) {

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,6 +54,7 @@ public:
     void acknowledge(const std::string& sReceipt) override;
     void tell(const std::string& sSubject, const std::string& sText) override;
     void listenTo(const std::string& sSubject) override;
+    void ignore(const std::string& sSubject) override;
     void read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
               StoredHandler onStored) override;
     void measure(FillHandler onAnswer) override;
@@ -98,7 +100,7 @@ private:
     const std::string m_sStream;
     const std::chrono::milliseconds m_answerLimit;
     Listener& m_listener;
-    std::vector<std::string> m_listenedTo;
+    std::set<std::string> m_listenedTo;
     std::map<std::uint64_t, Waiting> m_waiting; // by ticket, and so by time
     std::uint64_t m_nLastTicket = 0;
     RelayLoop::Timer m_sweep = 0;

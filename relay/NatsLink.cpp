@@ -27,7 +27,7 @@ NatsLink::NatsLink(RelayLoop& loop, const std::string& sPrefix, MessageHandler o
 
 NatsLink::~NatsLink() = default;
 
-void NatsLink::connect(const EngineAccess& access, const std::vector<std::string>& subjects) {
+void NatsLink::connect(const EngineAccess& access, const std::string& sSubject) {
     const NatsPointer<natsOptions> options = optionsFor(access, cConnectLimit);
     natsOptions_SetPingInterval(options.get(), 0);
     natsOptions_SetEventLoop(options.get(), this, &onAttach, &onWatchReading, &onWatchWriting, &onDetach);
@@ -38,13 +38,11 @@ void NatsLink::connect(const EngineAccess& access, const std::vector<std::string
         throw std::runtime_error(textOf(status));
     m_spConnection.reset(created);
     m_bClosed = false;
-    for (const std::string& sSubject : subjects) {
-        if (const natsStatus status = subscribe(sSubject); status != NATS_OK) {
-            const std::string sWhy = sSubject + ": " + textOf(status);
-            close();
-            awaitClosed();
-            throw std::runtime_error(sWhy);
-        }
+    if (const natsStatus status = subscribe(sSubject); status != NATS_OK) {
+        const std::string sWhy = sSubject + ": " + textOf(status);
+        close();
+        awaitClosed();
+        throw std::runtime_error(sWhy);
     }
 }
 
@@ -77,6 +75,16 @@ std::size_t NatsLink::placeFor(const std::string& sAddressee, const std::string&
     if (bIsNew)
         subscribe(sPrefix + "." + std::to_string(place->second) + ".*");
     return place->second;
+}
+
+void NatsLink::listenTo(const std::string& sSubject) {
+    if (m_listenedTo.try_emplace(sSubject, m_subscriptions.size()).second)
+        subscribe(sSubject);
+}
+
+void NatsLink::ignore(const std::string& sSubject) {
+    if (const auto place = m_listenedTo.extract(sSubject))
+        m_subscriptions[place.mapped()].reset();
 }
 
 void NatsLink::begin() {

@@ -58,7 +58,7 @@ public:
 
     /** Connects and subscribes. Nothing is read before begin(). @throws std::runtime_error, and the
      * connection is closed */
-    void connect(const EngineAccess& access, const std::vector<std::string>& subjects);
+    void connect(const EngineAccess& access, const std::string& sSubject);
 
     /** Waits until the server has read what was published before and says so. When it does not, the
      * connection is closed. */
@@ -76,6 +76,11 @@ public:
 
     /** Subscribes to the answers of an addressee, once, at PREFIX.PLACE.*. @return the place */
     std::size_t placeFor(const std::string& sAddressee, const std::string& sPrefix);
+
+    /** Subscribes to a subject, once. */
+    void listenTo(const std::string& sSubject);
+
+    void ignore(const std::string& sSubject);
 
     /** Reads and writes from now on, as often as the loop finds something to be done. */
     void begin();
@@ -117,8 +122,9 @@ private:
     std::condition_variable m_changed;
     bool m_bClosed = true; // guarded by m_mutex
     NatsPointer<natsConnection> m_spConnection;
-    std::vector<NatsPointer<natsSubscription>> m_subscriptions; // by place; null where that failed
+    std::vector<NatsPointer<natsSubscription>> m_subscriptions; // by place; null where it failed or has ended
     std::map<std::string, std::size_t> m_places;                // by addressee
+    std::map<std::string, std::size_t> m_listenedTo;            // places by subject
 };
 
 } // namespace VornRelay

@@ -340,13 +340,17 @@ void Relay::reload() try {
     m_settings.sendTo = fresh.sendTo;
     m_settings.bSendToAll = fresh.bSendToAll;
     m_settings.redirectAddresses = fresh.redirectAddresses;
+    for (const std::string& sFailure : m_topics.change(fresh))
+        logLine(LogLevel::failure, sFailure);
+    m_services.change(fresh);
     for (const std::string& sHost : m_settings.sendTo)
         addHostNow(sHost);
     if (m_bConnected)
         askEngine();
     g_nLogLevel.store(fresh.nLogLevel, std::memory_order_relaxed);
     logLine(LogLevel::change,
-            "send-to, patience, on-slow, slow-after, redirect-address and log-level were read again");
+            "send-to, patience, on-slow, slow-after, redirect-address, topic, follow, offer, "
+            "reach and log-level were read again");
 
 } catch (const SettingsError& error) {
 

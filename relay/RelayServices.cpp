@@ -27,26 +27,7 @@ std::string newToken() {
 
 RelayServices::RelayServices(RelayLoop& loop, Engine& engine, const RelaySettings& settings)
     : m_loop(loop), m_engine(engine), m_sHost(settings.access.sHost) {
-    for (const auto& [sName, sAddress] : settings.offered) {
-        Service& service = m_services[sName];
-        service.sName = sName;
-        service.sAddress = sAddress;
-        service.at = VornNet::ServiceAddress::ofClient(sAddress.c_str());
-        if (!service.at)
-            throw SettingsError("offer = " + sName + "=" + sAddress + ": not an address of a service");
-    }
-    for (const auto& [sName, sHost] : settings.reached) {
-        Service& service = m_services[sName + "@" + sHost];
-        service.sName = sName;
-        service.sHost = sHost;
-        service.sAddress = "pipe:" + sName + "@" + sHost;
-        service.spPipe = std::make_unique<AcceptingPipe>(
-            m_loop, sName + "@" + sHost,
-            [this, &service](VornNet::OwnedDescriptor&& client) { accept(service, std::move(client)); });
-        m_engine.listenTo(ForwardSubject{false, m_sHost, sHost, sName, "*"}.text());
-    }
-    if (!settings.offered.empty())
-        m_engine.listenTo(ForwardSubject{true, m_sHost, "*", "*", "*"}.text());
+    change(settings);
 }
 
 RelayServices::~RelayServices() {
@@ -55,6 +36,24 @@ RelayServices::~RelayServices() {
         spConnection->close();
         m_loop.discard(spConnection);
     }
+}
+
+void RelayServices::change(const RelaySettings& settings) {
+    std::map<std::string, Service> wanted = servicesIn(settings);
+    for (auto entry = m_services.begin(); entry != m_services.end();) {
+        const auto found = wanted.find(entry->first);
+        const auto current = entry++;
+        if (found != wanted.end() && found->second.sAddress == current->second.sAddress)
+            continue;
+        end(current->second);
+        m_services.erase(current);
+    }
+    for (auto& [sName, service] : wanted) {
+        if (const auto [added, bIsNew] = m_services.try_emplace(sName, std::move(service)); bIsNew)
+            begin(added->second);
+    }
+    if (m_bConnected)
+        openPipes();
 }
 
 void RelayServices::setConnected(bool bConnected) {
@@ -144,6 +143,51 @@ void RelayServices::ended(ForwardedConnection& connection, const std::string& sW
 
 std::size_t RelayServices::mostBytes() const {
     return std::max(m_engine.mostContent(), ForwardPiece::headerSize) - ForwardPiece::headerSize;
+}
+
+std::map<std::string, RelayServices::Service> RelayServices::servicesIn(const RelaySettings& settings) {
+    std::map<std::string, Service> services;
+    for (const auto& [sName, sAddress] : settings.offered) {
+        Service& service = services[sName];
+        service.sName = sName;
+        service.sAddress = sAddress;
+        service.at = VornNet::ServiceAddress::ofClient(sAddress.c_str()).value();
+    }
+    for (const auto& [sName, sHost] : settings.reached) {
+        Service& service = services[sName + "@" + sHost];
+        service.sName = sName;
+        service.sHost = sHost;
+        service.sAddress = "pipe:" + sName + "@" + sHost;
+    }
+    return services;
+}
+
+/** @return what is told of a service's connections. Those of services here are answered also when there is no
+ * such service. */
+ForwardSubject RelayServices::heardFor(const Service& service) const {
+    return service.at ? ForwardSubject{true, m_sHost, "*", "*", "*"}
+                      : ForwardSubject{false, m_sHost, service.sHost, service.sName, "*"};
+}
+
+void RelayServices::begin(Service& service) {
+    if (!service.at)
+        service.spPipe = std::make_unique<AcceptingPipe>(
+            m_loop, service.sName + "@" + service.sHost,
+            [this, &service](VornNet::OwnedDescriptor&& client) { accept(service, std::move(client)); });
+    m_engine.listenTo(heardFor(service).text());
+}
+
+void RelayServices::end(Service& service) {
+    if (service.spPipe) {
+        service.spPipe->close();
+        m_loop.discard(std::move(service.spPipe)); // an event of this turn may be on its way to it
+        m_engine.ignore(heardFor(service).text());
+    }
+    const auto connections = m_connections;
+    for (const auto& [sSubject, spConnection] : connections) {
+        if (find(spConnection->subject()) == &service)
+            spConnection->reset("the service was taken out of the configuration");
+    }
 }
 
 void RelayServices::look() {

@@ -29,7 +29,7 @@ namespace VornRelay {
  * While the engine is away the pipes are closed, so clients are refused as by a service that does not run.
  *
  * Thread-safety: none. Blocking: none. Ownership: loop and engine must outlive it. Signals: none raised.
- * Errors: SettingsError from the constructor for an address that is none; what goes wrong later is logged.
+ * Errors: what goes wrong is logged.
  */
 class RelayServices : private ForwardedConnection::Owner {
 public:
@@ -41,6 +41,10 @@ public:
 
     RelayServices(const RelayServices&) = delete;
     RelayServices& operator=(const RelayServices&) = delete;
+
+    /** Takes what the configuration says now. What it does not have any more is closed, and its connections
+     * are reset; the others are not touched. */
+    void change(const RelaySettings& settings);
 
     void setConnected(bool bConnected);
 
@@ -72,6 +76,10 @@ private:
     void ended(ForwardedConnection& connection, const std::string& sWhy) override;
     std::size_t mostBytes() const override;
 
+    static std::map<std::string, Service> servicesIn(const RelaySettings& settings);
+    ForwardSubject heardFor(const Service& service) const;
+    void begin(Service& service);
+    void end(Service& service);
     void look();
     void openPipes();
     void accept(Service& service, VornNet::OwnedDescriptor&& client);

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <system_error>
 
+#include <ServiceAddress.h>
 #include <Wire.h>
 #include <arpa/inet.h>
 
@@ -111,7 +112,10 @@ void addNamed(const std::string& sText, NameReader readName, std::map<std::strin
         const std::size_t nEqual = sWord.find('=');
         if (nEqual == std::string::npos)
             throw std::invalid_argument("not NAME=ADDRESS");
-        addresses[readName(sWord.substr(0, nEqual))] = sWord.substr(nEqual + 1);
+        const std::string sAddress = sWord.substr(nEqual + 1);
+        if (!VornNet::ServiceAddress::ofClient(sAddress.c_str()))
+            throw std::invalid_argument("not an address of a service");
+        addresses[readName(sWord.substr(0, nEqual))] = sAddress;
     }
 }
 

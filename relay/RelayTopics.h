@@ -20,11 +20,16 @@ namespace VornRelay {
  * All topics of a relay: those of this host's services, and those of other hosts that are followed here.
  *
  * Thread-safety: none. Blocking: as TopicMirror. Ownership: loop and engine must outlive it. Signals: none
- * raised. Errors: SettingsError from the constructor for an address that is none, std::system_error.
+ * raised. Errors: std::runtime_error from the constructor for a topic that cannot be opened; later it is
+ * told.
  */
 class RelayTopics {
 public:
     RelayTopics(RelayLoop& loop, Engine& engine, const RelaySettings& settings);
+
+    /** Takes what the configuration says now. What it does not have any more is closed; the others are not
+     * touched. @return what cannot be opened, and why */
+    std::vector<std::string> change(const RelaySettings& settings);
 
     void setConnected(bool bConnected);
 
@@ -37,8 +42,16 @@ public:
     void print(std::string& sText) const;
 
 private:
+    void close(const RelaySettings& settings);
+    void addSource(const std::string& sTopic, const std::string& sAddress);
+    void addMirror(const std::string& sTopic, const std::string& sHost);
+
+    RelayLoop& m_loop;
+    Engine& m_engine;
     const std::string m_sHost;
-    std::vector<std::unique_ptr<TopicSource>> m_sources;
+    const std::string m_sDirectory; // of histories
+    bool m_bConnected = false;
+    std::map<std::string, std::unique_ptr<TopicSource>> m_sources; // by topic
     std::map<std::string, std::unique_ptr<TopicMirror>> m_mirrors; // by the subject of its news
 };
 

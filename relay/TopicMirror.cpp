@@ -74,7 +74,10 @@ void TopicMirror::poll() {
     m_bReading = true;
     m_nextPoll = RelayLoop::Clock::now() + cPollInterval;
     m_engine.read(streamOfTopics(m_sHost), subjectOfTopic(m_sHost, m_sTopic), 0,
-                  [this](const Engine::Stored& newest) { foundNewest(newest); });
+                  [this, wpAlive = std::weak_ptr(m_spAlive)](const Engine::Stored& newest) {
+                      if (!wpAlive.expired())
+                          foundNewest(newest);
+                  });
 }
 
 nlohmann::json TopicMirror::status() const {
@@ -137,7 +140,10 @@ void TopicMirror::foundNewest(const Engine::Stored& newest) {
 void TopicMirror::readNext() {
     m_bReading = true;
     m_engine.read(streamOfTopics(m_sHost), subjectOfTopic(m_sHost, m_sTopic), m_nRead + 1,
-                  [this](const Engine::Stored& next) { foundNext(next); });
+                  [this, wpAlive = std::weak_ptr(m_spAlive)](const Engine::Stored& next) {
+                      if (!wpAlive.expired())
+                          foundNext(next);
+                  });
 }
 
 void TopicMirror::foundNext(const Engine::Stored& next) {

@@ -82,6 +82,7 @@ private:
     std::uint64_t m_nRead = 0;              // up to here the stream has been read
     std::uint64_t m_nNewest = 0;            // up to here there is something to read
     std::optional<std::uint64_t> m_nOpenAt; // from here on the history may be published
+    const std::shared_ptr<void> m_spAlive = std::make_shared<char>(); // late answers are not for it any more
     bool m_bConnected = false;
     bool m_bReading = false;
     bool m_bNews = false; // has come while it was reading

@@ -81,8 +81,8 @@ nlohmann::json TopicSource::status() const {
 void TopicSource::begin() {
     leave();
     m_engine.read(streamOfTopics(m_sHost), subjectOfTopic(m_sHost, m_sTopic), 0,
-                  [this, nRound = m_nRound](const Engine::Stored& newest) {
-                      if (nRound == m_nRound)
+                  [this, wpRound = std::weak_ptr(m_spRound)](const Engine::Stored& newest) {
+                      if (!wpRound.expired())
                           goOn(newest);
                   });
 }
@@ -109,7 +109,7 @@ void TopicSource::goOn(const Engine::Stored& newest) try {
 }
 
 void TopicSource::leave() {
-    ++m_nRound;
+    m_spRound = std::make_shared<char>();
     m_loop.cancel(m_pause);
     if (m_spSubscriber && !m_bHeld)
         m_loop.unwatch(m_spSubscriber->getHandle());
@@ -172,11 +172,12 @@ void TopicSource::publish() {
     if (m_bUnderWay || m_batches.empty())
         return;
     m_bUnderWay = true;
-    m_engine.publish(m_batches.front().message(subjectOfTopic(m_sHost, m_sTopic), m_nNewest),
-                     [this, nRound = m_nRound](Engine::Answer answer, const std::string& sText) {
-                         if (nRound == m_nRound)
-                             answered(answer, sText);
-                     });
+    m_engine.publish(
+        m_batches.front().message(subjectOfTopic(m_sHost, m_sTopic), m_nNewest),
+        [this, wpRound = std::weak_ptr(m_spRound)](Engine::Answer answer, const std::string& sText) {
+            if (!wpRound.expired())
+                answered(answer, sText);
+        });
 }
 
 void TopicSource::answered(Engine::Answer answer, const std::string& sText) {

@@ -39,6 +39,8 @@ public:
 
     void setConnected(bool bConnected);
 
+    const std::string& address() const { return m_sAddress; }
+
     nlohmann::json status() const;
 
 private:
@@ -62,11 +64,11 @@ private:
     const std::string m_sAddress;
     std::unique_ptr<VornNet::VornSubscriber> m_spSubscriber;
     std::deque<EventBatch> m_batches;
-    VornNet::VornPosition m_stored; // after the last event that is stored
-    std::uint64_t m_nNewest = 0;    // of the topic's messages in the stream
-    std::uint64_t m_nRound = 0;     // counts the beginnings; answers to earlier ones are not for this one
-    bool m_bUnderWay = false;       // the first batch
-    bool m_bHeld = false;           // no more is taken for now
+    VornNet::VornPosition m_stored;  // after the last event that is stored
+    std::uint64_t m_nNewest = 0;     // of the topic's messages in the stream
+    std::shared_ptr<void> m_spRound; // one for each beginning: answers to earlier ones are not for this one
+    bool m_bUnderWay = false;        // the first batch
+    bool m_bHeld = false;            // no more is taken for now
     RelayLoop::Timer m_pause = 0;
     std::string m_sFailure;
     RareLine m_failureLine;

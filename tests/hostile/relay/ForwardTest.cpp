@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <system_error>
@@ -170,4 +171,37 @@ TEST_F(ForwardTest, RelayThatIsStoppedOrKilled_ResetsBothEnds) {
         }
         EXPECT_EQ(endOf(client), ECONNRESET);
     }
+}
+
+TEST_F(ForwardTest, ServiceThatIsAddedByAReload_IsReachedWhileConnectionsGoOn) {
+    const UniqueFd plain = listenAt("a", "plain");
+    const UniqueFd typed = listenAt("a", "typed");
+    m_stage.reloadRelay("a", "offer = plain=pipe:plain\n");
+    m_stage.reloadRelay("b", "reach = plain@a\n");
+    ASSERT_TRUE(awaitCondition([&] { return !std::filesystem::exists(pathOf("b", "typed@a")); }));
+    const UniqueFd client = connectTo("b", "plain@a");
+    const UniqueFd service = acceptClient(plain.get());
+
+    m_stage.reloadRelay("b", "reach = typed@a, plain@a\n");
+    m_stage.reloadRelay("a", "offer = typed=pipe:typed, plain=pipe:plain\n");
+    ASSERT_TRUE(awaitCondition(
+        [&] { return m_stage.run("a", {"status"}).first.find("service typed at ") != std::string::npos; }));
+    ASSERT_TRUE(awaitCondition([&] { return std::filesystem::exists(pathOf("b", "typed@a")); }));
+    const UniqueFd second = connectTo("b", "typed@a");
+    sendAll(second.get(), "question");
+    const UniqueFd secondService = acceptClient(typed.get());
+    EXPECT_EQ(receiveExactly(secondService.get(), 8), "question");
+    sendAll(secondService.get(), "answer");
+    EXPECT_EQ(receiveExactly(second.get(), 6), "answer") << "the added subject is listened to";
+
+    m_stage.reloadRelay("b", "reach = plain@a\n");
+    EXPECT_EQ(endOf(second), ECONNRESET);
+    EXPECT_EQ(endOf(secondService), ECONNRESET);
+    sendAll(service.get(), "still");
+    EXPECT_EQ(receiveExactly(client.get(), 5), "still");
+    m_stage.reloadRelay("b", "offer = plain\n");
+    EXPECT_TRUE(awaitCondition(
+        [&] { return m_stage.logOf("b").find("the configuration stays as it was: ") != std::string::npos; }));
+    sendAll(client.get(), "too");
+    EXPECT_EQ(receiveExactly(service.get(), 3), "too");
 }

@@ -185,3 +185,20 @@ TEST_F(TopicTest, HistoryThatTheServiceHasBegun_IsToldOnTheOtherHost) {
     EXPECT_EQ(gap["next"].get<std::string>().substr(0, 16), sPosition.substr(0, 16));
     expectEventsUpTo(subscriber, sPosition);
 }
+
+TEST_F(TopicTest, TopicThatIsTakenOutAndAddedByReloads_GoesOnWhereItWas) {
+    ChildProcess subscriber = subscribe({});
+    expectEventsUpTo(subscriber, publish(3));
+    for (const auto& [szHost, szSettings] : {std::pair("a", cTopicOfA), std::pair("b", cFollowedByB)}) {
+        SCOPED_TRACE(szHost);
+        const auto hasTopic = [&] {
+            return m_stage.run(szHost, {"status"}).first.find("topic builds") != std::string::npos;
+        };
+        m_stage.reloadRelay(szHost, "");
+        EXPECT_TRUE(awaitCondition([&] { return !hasTopic(); }));
+        const std::string sLast = publish(20);
+        m_stage.reloadRelay(szHost, szSettings);
+        EXPECT_TRUE(awaitCondition(hasTopic));
+        expectEventsUpTo(subscriber, sLast);
+    }
+}

@@ -14,6 +14,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -65,14 +66,29 @@ protected:
         ::unlink(pipePath("svc").c_str());
     }
 
-    std::unique_ptr<RelayServices> create(const std::string& sHost, Engine& engine) {
+    static RelaySettings settingsOf(const std::string& sHost) {
         RelaySettings settings;
         settings.access.sHost = sHost;
         if (sHost == "a")
             settings.offered = {{"svc", "pipe:svc"}, {"absent", "pipe:absent"}};
         else
             settings.reached = {{"svc", "a"}, {"absent", "a"}, {"unknown", "a"}};
-        return std::make_unique<RelayServices>(m_loop, engine, settings);
+        return settings;
+    }
+
+    std::unique_ptr<RelayServices> create(const std::string& sHost, Engine& engine) {
+        return std::make_unique<RelayServices>(m_loop, engine, settingsOf(sHost));
+    }
+
+    /** Connects, and exchanges a byte each way, so that a reset shows. */
+    static std::pair<UniqueFd, UniqueFd> connectedPair(const std::string& sName, const UniqueFd& listener) {
+        UniqueFd client = connect(sName);
+        UniqueFd service = acceptClient(listener.get());
+        sendAll(client.get(), "x");
+        EXPECT_EQ(receiveExactly(service.get(), 1), "x");
+        sendAll(service.get(), "y");
+        EXPECT_EQ(receiveExactly(client.get(), 1), "y");
+        return {std::move(client), std::move(service)};
     }
 
     template <typename Function>
@@ -80,6 +96,13 @@ protected:
         std::promise<decltype(function())> result;
         m_loop.post([&] { result.set_value(function()); });
         return result.get_future().get();
+    }
+
+    void change(const std::unique_ptr<RelayServices>& spServices, const RelaySettings& settings) {
+        onLoop([&] {
+            spServices->change(settings);
+            return 0;
+        });
     }
 
     void setConnected(bool bConnected) {
@@ -355,10 +378,45 @@ TEST_F(RelayServicesTest, PieceOfNoConnection_IsAnsweredUnlessItIsAnAnswer) {
     EXPECT_EQ(ForwardPiece::of(answers[0])->sBytes, "there is no such connection");
 }
 
-TEST(RelayServicesAddress, ThatIsNone_IsASettingsError) {
-    RelayLoop loop;
-    ScriptedEngine engine;
-    RelaySettings settings;
-    settings.offered = {{"svc", "pipe:"}};
-    EXPECT_THROW(RelayServices(loop, engine, settings), SettingsError);
+TEST_F(RelayServicesTest, ChangedConfiguration_OpensWhatIsNewEndsWhatIsGoneAndTouchesNothingElse) {
+    const UniqueFd other = unixListen(pipePath("other"));
+    RelaySettings a = settingsOf("a");
+    RelaySettings b = settingsOf("b");
+    const auto [client, service] = connectedPair("svc@a", m_service);
+    a.offered["more"] = "pipe:other";
+    b.reached.emplace_back("more", "a");
+    change(m_spA, a);
+    change(m_spB, b);
+    EXPECT_EQ(m_fromB.listenedTo.count("vorn.offer.b.a.more.*"), 1U);
+    const auto [second, secondService] = connectedPair("more@a", other);
+
+    a.offered["more"] = "pipe:svc"; // has moved
+    change(m_spA, a);
+    EXPECT_EQ(endOf(second), ECONNRESET);
+    EXPECT_EQ(endOf(secondService), ECONNRESET);
+    EXPECT_EQ(status(m_spB, "more@a")["failure"],
+              "reset by a: the service was taken out of the configuration");
+    const auto [third, thirdService] = connectedPair("more@a", m_service);
+
+    change(m_spB, settingsOf("b"));
+    EXPECT_EQ(endOf(third), ECONNRESET);
+    EXPECT_EQ(endOf(thirdService), ECONNRESET);
+    EXPECT_THROW(connect("more@a"), std::system_error);
+    EXPECT_EQ(m_fromB.listenedTo.count("vorn.offer.b.a.more.*"), 0U);
+    EXPECT_TRUE(status(m_spB, "more@a").is_null());
+
+    sendAll(client.get(), "still");
+    EXPECT_EQ(receiveExactly(service.get(), 5), "still");
+    EXPECT_EQ(status(m_spB, "svc@a")["failure"], "");
+    ::unlink(pipePath("other").c_str());
+}
+
+TEST_F(RelayServicesTest, AddedName_ThatIsInUse_StopsNoOther) {
+    const UniqueFd other = unixListen(pipePath("first@a"));
+    RelaySettings b = settingsOf("b");
+    b.reached = {{"first", "a"}, {"second", "a"}};
+    change(m_spB, b);
+    EXPECT_EQ(status(m_spB, "first@a")["state"], "closed");
+    EXPECT_EQ(status(m_spB, "second@a")["state"], "open");
+    ::unlink(pipePath("first@a").c_str());
 }

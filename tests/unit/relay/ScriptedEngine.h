@@ -11,6 +11,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,7 +46,9 @@ public:
         told.push_back(sSubject + " " + sText);
     }
 
-    void listenTo(const std::string&) override {}
+    void listenTo(const std::string& sSubject) override { listenedTo.insert(sSubject); }
+
+    void ignore(const std::string& sSubject) override { listenedTo.erase(sSubject); }
 
     void read(const std::string& sStream, const std::string& sSubject, std::uint64_t nFrom,
               StoredHandler onStored) override {
@@ -101,6 +104,7 @@ public:
     std::vector<std::string> closed;
     std::vector<std::string> acknowledged;
     std::vector<std::string> told; ///< "subject text"
+    std::set<std::string> listenedTo;
 
 private:
     std::deque<std::pair<std::string, StoredHandler>> m_reads;
