@@ -20,9 +20,9 @@ using VornNet::VornString;
 /** Subscribes to the directory at the service, or unsubscribes. @throws VornException also when the
  * service refuses */
 inline void ask(const char* sService, const VornString& sAddress, long hCallback,
-                const VornString& sDirectory) {
+                const VornString& sDirectory, const VornString& sPipe = cPipeName) {
     const TimeLimit limit(std::chrono::seconds(5));
-    VornPipeConnection connection(cPipeName);
+    VornPipeConnection connection(sPipe);
     connection.setServiceName(sService);
     connection.transfer(sAddress);
     connection.transfer(hCallback);

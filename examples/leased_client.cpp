@@ -2,10 +2,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Subscribes to the events of a service on another host, and prints each as it arrives.
 //
-// It is the other client but for one call: what it gives the service is not the sink's address and the
-// callback's id, but the pair that the relay of this host leases for them. The lease has a name. So the pair
-// stays the same when the client ends without leaving and comes back, and what has happened meanwhile comes
-// then; the service notices nothing.
+// It differs from the other client in two things. It reaches the service at a pipe NAME@HOST, from which the
+// relays forward. And what it gives the service is not the sink's address and the callback's id, but the pair
+// that the relay of this host leases for them. The lease has a name. So the pair stays the same when the
+// client ends without leaving and comes back, and what has happened meanwhile comes then; the service notices
+// nothing.
 
 #include "EventPrinter.h"
 #include "FileEvent.h"
@@ -48,8 +49,8 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: leased_client NAME DIRECTORY-OF-THE-SERVICE\n");
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: leased_client NAME PIPE-OF-THE-SERVICE DIRECTORY-OF-THE-SERVICE\n");
         return 2;
     }
     if (!hasPipeDirectory("leased_client"))
@@ -63,11 +64,12 @@ int main(int argc, char** argv) {
         VornSteadySink sink("client");
         sink.getCallbackContainer().add(&*spPrinter);
         const auto [sAddress, hCallback] = leaseFor(argv[1], sink.getCallbackAddress(), spPrinter->getId());
-        ask(cWatchService, sAddress, hCallback, argv[2]); // nothing happens when it is still subscribed
+        // Nothing happens when it is still subscribed.
+        ask(cWatchService, sAddress, hCallback, argv[3], argv[2]);
         std::printf("client: subscribed as %s\n", sAddress.c_str());
         int nSignal = 0;
         sigwait(&signals, &nSignal);
-        ask(cUnwatchService, sAddress, hCallback, argv[2]);
+        ask(cUnwatchService, sAddress, hCallback, argv[3], argv[2]);
     } catch (const VornException& e) {
         std::fprintf(stderr, "client: %s (%d)\n", e.getText().c_str(), e.getCode());
         nStatus = 1;

@@ -88,12 +88,11 @@ write_relay_settings() { # NAME LINE...
 introduce_hosts() {
     printf '127.0.0.1 localhost engine\n' >"$stage/hosts"
     write_relay_settings administrator
-    write_relay_settings north 'send-to = south'
-    write_relay_settings south
-    local host
-    for host in "${hosts[@]}"; do
-        "$relay" --config "$stage/administrator.conf" hosts add "$host" --send-to south >"$stage/permissions-$host"
-    done
+    write_relay_settings north 'send-to = south' 'offer = dirwatch=pipe:dirwatch'
+    write_relay_settings south 'reach = dirwatch@north'
+    local -a add=("$relay" --config "$stage/administrator.conf" hosts add)
+    "${add[@]}" north --send-to south --offer >"$stage/permissions-north"
+    "${add[@]}" south --reach dirwatch@north >"$stage/permissions-south"
     configure_engine
     kill -HUP "${pids[engine]}"
 }
@@ -115,7 +114,7 @@ start_resident() { # NAME
     local -a enter
     before=$(grep -a -c '^client: subscribed' "${logs[$1]}" || true)
     enter_host south
-    "${enter[@]}" "$programs/leased_client" "$1" "$stage/watched" >>"${logs[$1]}" 2>&1 </dev/null 9>&- &
+    "${enter[@]}" "$programs/leased_client" "$1" dirwatch@north "$stage/watched" >>"${logs[$1]}" 2>&1 </dev/null 9>&- &
     pids[$1]=$!
     await "client $1 to subscribe" has_lines "$1" '^client: subscribed' $((before + 1))
     addresses[$1]=$(sed -n 's/^client: subscribed as //p' "${logs[$1]}" | tail -n 1)
@@ -187,11 +186,9 @@ perform_on_hosts() {
     pids[service]=$!
     logs[service]=$stage/service.log
     await 'the service to watch' has_line service '^service: watching'
-    # Subscribing is a request, which takes another road: ssh -L with socket files, for example. This stands for it.
-    ln "$stage/pipes-north/dirwatch" "$stage/pipes-south/dirwatch"
     for name in "${residents[@]}"; do
         start_resident "$name"
-        printf 'client %-7s subscribed as %s\n' "$name" "${addresses[$name]}"
+        printf 'client %-7s subscribed at pipe:dirwatch@north as %s\n' "$name" "${addresses[$name]}"
     done
     perform_on_host 'echo draft > report.txt' "${residents[@]}" -- write_file report.txt draft
     kill_there engine 'the engine'
