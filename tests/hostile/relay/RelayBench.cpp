@@ -3,6 +3,7 @@
 #include "Await.h"
 #include "Posix.h"
 #include "RelayStage.h"
+#include "Sandbox.h"
 
 #include <NatsConnection.h>
 #include <VornConnection.h>
@@ -14,6 +15,7 @@
 #include <VornSteadySink.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
@@ -29,6 +31,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -314,6 +318,51 @@ std::size_t residentKilobytes(pid_t process) {
     return nKilobytes;
 }
 
+constexpr std::size_t cRoundTrip = 100; // bytes each way
+constexpr int cForwardPort = 7000;
+const char cForwardAddress[] = "10.77.1.2"; // of host `a`, in a network of its own
+
+/** Connects to what bench_forward_service offers: through the relays, or by TCP. */
+UniqueFd connectToService(bool bForwarded) {
+    return bForwarded ? unixConnect(pipePath("plain@a")) : tcpConnect(cForwardAddress, cForwardPort);
+}
+
+/** @return milliseconds, the median */
+double roundTripOf(const UniqueFd& service) {
+    Times times;
+    const std::string sQuestion(cRoundTrip, 'q');
+    for (int n = 0; n < 1000; ++n) {
+        const double start = now();
+        sendAll(service.get(), sQuestion);
+        receiveExactly(service.get(), cRoundTrip);
+        times.push_back((now() - start) * 1000);
+    }
+    return medianOf(times);
+}
+
+/** @return megabytes a second, one way */
+double throughputOf(const UniqueFd& service) {
+    const double megabytes = 32;
+    const std::string sBytes(static_cast<std::size_t>(megabytes * 1e6), 'x');
+    const double start = now();
+    sendAll(service.get(), sBytes);
+    ::shutdown(service.get(), SHUT_WR);
+    receiveToEnd(service.get()); // which the service sends when it has all
+    return megabytes / (now() - start);
+}
+
+/** Gives back what it gets, or throws it away if it begins with an x. */
+void serve(const UniqueFd& client) {
+    char bytes[65536];
+    for (;;) {
+        const ssize_t count = ::recv(client.get(), bytes, sizeof bytes, 0);
+        if (count <= 0)
+            return;
+        if (bytes[0] == 'q')
+            sendAll(client.get(), std::string(bytes, static_cast<std::size_t>(count)));
+    }
+}
+
 /** @param bAlone no relay is asked for a lease */
 template <typename Sink>
 void serve(Sink& sink, std::size_t nCount, bool bAlone) {
@@ -407,6 +456,58 @@ TEST(RelayBench, GrowthWithHosts) {
                     latencyOf(runRelay({.nCount = 300, .gap = 0.005}), 0.5));
         stage.endRelay("a", SIGTERM);
     }
+}
+
+/** A request to a service of another host: through `NAME@HOST`, and over TCP through the same networks. */
+TEST(RelayBench, ForwardedBesideTcp) {
+    RelayStage stage;
+    std::ofstream("/proc/sys/net/ipv4/ip_forward") << 1 << std::endl;
+    for (const auto& [sHost, sNext] : {std::pair("a", "10.77.1.1"), std::pair("b", "10.77.2.1")}) {
+        stage.separateNetwork(sHost);
+        const std::string sRoute = std::string("ip route add default via ") + sNext;
+        ASSERT_EQ(ChildProcess::spawnRole("relay_command", sHost, "/bin/sh", "-c", sRoute).wait(), 0);
+    }
+    ChildProcess service = ChildProcess::spawnRole("bench_forward_service");
+    service.readLine();
+    stage.startRelay("a", "offer = plain=pipe:plain\n");
+    stage.startRelay("b", "reach = plain@a\n");
+    std::printf("%-32s %10s %10s\n", "", "forwarded", "TCP");
+    ChildProcess client = ChildProcess::spawnRole("bench_forward_client");
+    const Times values = timesIn(client.readLine(std::chrono::minutes(2)));
+    std::printf("%-32s %7.2f ms %7.2f ms  ratio %.1f\n", "there and back, 100 bytes", values.at(0),
+                values.at(1), values.at(0) / values.at(1));
+    std::printf("%-32s %5.0f MB/s %5.0f MB/s  ratio %.2f\n", "one way", values.at(2), values.at(3),
+                values.at(2) / values.at(3));
+}
+
+KIT_ROLE(bench_forward_service) {
+    RelayStage::enterHost("a");
+    int nPort = cForwardPort;
+    const UniqueFd pipe = unixListen(pipePath("plain"));
+    const UniqueFd tcp = tcpListen(cForwardAddress, nPort);
+    std::cout << "listens" << std::endl;
+    for (std::array<pollfd, 2> ends{{{pipe.get(), POLLIN, 0}, {tcp.get(), POLLIN, 0}}};;) {
+        if (::poll(ends.data(), ends.size(), -1) == -1)
+            return static_cast<int>(args.size());
+        for (const pollfd& end : ends) {
+            if ((end.revents & POLLIN) != 0)
+                serve(acceptClient(end.fd));
+        }
+    }
+}
+
+/** Both in turns; prints the medians: round trip forwarded and by TCP, and the same of bytes a second. */
+KIT_ROLE(bench_forward_client) {
+    RelayStage::enterHost("b");
+    std::array<Times, 4> values;
+    for (std::size_t nRound = 0; nRound < 5; ++nRound) {
+        for (const std::size_t nWay : {0U, 1U}) {
+            values[nWay].push_back(roundTripOf(connectToService(nWay == 0)));
+            values[2 + nWay].push_back(throughputOf(connectToService(nWay == 0)));
+        }
+    }
+    print({medianOf(values[0]), medianOf(values[1]), medianOf(values[2]), medianOf(values[3])});
+    return static_cast<int>(args.size());
 }
 
 /** It hardly depends on what else the machine does. */
