@@ -10,16 +10,6 @@ namespace VornNet {
 
 namespace {
 
-/** @return what it means for a subscriber that its connection has failed. */
-EventSender::End endBy(int error) {
-    using Leaving = VornPublisher::Leaving;
-    const bool isItsOwn = error == 0 || error == ECONNRESET || error == EPIPE;
-    // A connection that stands ends with these two only when its time is over: they are the kernel's guess
-    // why nothing was acknowledged.
-    const int nCode = error == EHOSTUNREACH || error == ENETUNREACH ? ETIMEDOUT : error;
-    return {isItsOwn ? Leaving::closed : Leaving::lost, nCode};
-}
-
 VornString signFrame(std::uint64_t newest) {
     VornString sFrame;
     Wire::appendInt(sFrame, Wire::cSign);
@@ -34,21 +24,30 @@ EventSender::EventSender(PublisherConnections& connections, SubscriberBook& book
                          std::chrono::milliseconds beat, std::chrono::milliseconds blockedLimit)
     : m_connections(connections), m_book(book), m_idle(beat), m_blocked(blockedLimit) {}
 
-std::optional<EventSender::End> EventSender::send(PublisherClient& client) {
+EventSender::End EventSender::endBy(int error) {
+    using Leaving = VornPublisher::Leaving;
+    const bool isItsOwn = error == 0 || error == ECONNRESET || error == EPIPE;
+    // A connection that stands ends with these two only when its time is over: they are the kernel's guess
+    // why nothing was acknowledged.
+    const int nCode = error == EHOSTUNREACH || error == ENETUNREACH ? ETIMEDOUT : error;
+    return {isItsOwn ? Leaving::closed : Leaving::lost, nCode};
+}
+
+int EventSender::send(PublisherClient& client) {
     using Outcome = PublisherClient::Sent::Outcome;
     const PublisherClient::Sent sent = client.send();
     m_book.note(client, sent);
     m_hasSent = true;
     m_lastSending = m_connections.now();
     if (sent.nError != 0)
-        return endBy(sent.nError);
+        return sent.nError;
     if (sent.outcome == Outcome::blocked) {
         m_connections.put(client, m_blocked);
         m_connections.await(client, true);
     } else {
         m_connections.put(client, sent.outcome == Outcome::more ? m_sending : m_idle);
     }
-    return std::nullopt;
+    return 0;
 }
 
 std::optional<EventSender::End> EventSender::hear(PublisherClient& client, std::uint32_t events) {

@@ -47,8 +47,11 @@ public:
     /** @return whose turn it is, or null. */
     PublisherClient* next() { return m_sending.isEmpty() ? nullptr : &m_sending.first(); }
 
-    /** Sends, once. @return the end, if it is one */
-    std::optional<End> send(PublisherClient& client);
+    /** @return what it means for a subscriber that its connection has failed with @p error. */
+    static End endBy(int error);
+
+    /** Sends, once. @return 0, or with which error the connection has failed */
+    int send(PublisherClient& client);
 
     /** Deals with what the poll tells of a subscriber. @return the end, if it is one */
     std::optional<End> hear(PublisherClient& client, std::uint32_t events);

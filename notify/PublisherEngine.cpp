@@ -427,8 +427,8 @@ bool PublisherEngine::serve(std::size_t batches) {
 
 void PublisherEngine::serveOne(PublisherClient& client) {
     forOne(client, [&] {
-        if (const auto end = m_sender.send(client))
-            lose(client, *end);
+        if (const int error = m_sender.send(client); error != 0)
+            lose(client, EventSender::endBy(error));
         else if (client.isCalledBack() && !m_sender.isBlocked(client))
             m_callbacks.post(client);
     });
