@@ -58,8 +58,6 @@ public:
     /** Starts @p work; what escapes from it is kept, see exceptionText(). */
     explicit WatchedThread(std::function<void()> work);
     ~WatchedThread();
-    WatchedThread(const WatchedThread&) = delete;
-    WatchedThread& operator=(const WatchedThread&) = delete;
 
     /** The kernel's number of the thread; waits for its start. */
     pid_t tid();

@@ -13,13 +13,8 @@ namespace VornTest {
 /** Holds a thread up at a point until the test lets it go on. */
 class Checkpoint {
 public:
-    Checkpoint() = default;
-
     /** A thread that is still on its way passes. */
     ~Checkpoint() { open(); }
-
-    Checkpoint(const Checkpoint&) = delete;
-    Checkpoint& operator=(const Checkpoint&) = delete;
 
     /** Called by the thread. */
     void pass() {

@@ -5,7 +5,9 @@
 
 #include "Await.h"
 
+#include <cstdlib>
 #include <functional>
+#include <string>
 
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -44,6 +46,24 @@ inline pid_t forkChild(const std::function<int()>& work) {
 /** Does @p work in a child and waits for it. */
 inline int inChild(const std::function<int()>& work) {
     return statusOf(forkChild(work));
+}
+
+/** The status of programs that end in the midst of what they do. */
+inline constexpr int exitStatus = 7;
+
+/** Lets a child end as a program does, with the handlers of exit(). @return its status, which is 7 */
+inline std::string childThatExits() {
+    const pid_t child = ::fork();
+    if (child == 0)
+        std::exit(exitStatus);
+    return std::to_string(statusOf(child));
+}
+
+/** Prints a line without a buffer: a child must not print again what its parent has printed. */
+inline void printLine(const std::string& line) {
+    const std::string data = line + "\n";
+    if (::write(STDOUT_FILENO, data.data(), data.size()) != static_cast<ssize_t>(data.size()))
+        std::abort();
 }
 
 } // namespace VornTest

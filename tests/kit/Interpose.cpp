@@ -378,6 +378,10 @@ private:
     bool m_real = false;
 };
 
+bool returnsItsErrorNumber(const std::string& function) {
+    return function == "posix_fallocate" || function == "pthread_create";
+}
+
 /**
  * Whether the code at this address is a sanitizer's.
  *
@@ -397,21 +401,29 @@ void useInterposition() {
     // Referring to this function is what makes the linker take this file, and thereby the functions, in.
 }
 
-FaultRule::FaultRule(const std::string& function, int errorNumber, int nth, int times, pid_t tid)
-    : m_state(std::make_shared<FaultState>()) {
-    m_state->function = function;
-    m_state->errorNumber = errorNumber;
-    m_state->nth = nth;
-    m_state->times = times;
-    m_state->tid = tid;
-    if (function == "posix_fallocate" || function == "pthread_create") // which return their error numbers
-        m_state->result = errorNumber;
+namespace Detail {
+
+template <typename State>
+Registered<State>::Registered(State state) : m_state(std::make_shared<State>(std::move(state))) {
     Registry::instance().add(m_state);
 }
 
-FaultRule::~FaultRule() {
+template <typename State>
+Registered<State>::~Registered() {
     Registry::instance().remove(m_state);
 }
+
+template class Registered<FaultState>;
+template class Registered<TraceState>;
+template class Registered<ScriptState>;
+template class Registered<HookState>;
+template class Registered<LimitState>;
+
+} // namespace Detail
+
+FaultRule::FaultRule(const std::string& function, int errorNumber, int nth, int times, pid_t tid)
+    : Registered({function, errorNumber, nth, times, returnsItsErrorNumber(function) ? errorNumber : -1,
+                  anyDescriptor, tid}) {}
 
 FaultRule& FaultRule::onlyDescriptor(int fd) {
     locked([&] { return m_state->fd = fd; });
@@ -436,14 +448,7 @@ int FaultRule::failures() const {
     return locked([&] { return m_state->failures; });
 }
 
-CallTrace::CallTrace(Scope scope) : m_state(std::make_shared<TraceState>()) {
-    m_state->tid = scope == Scope::CallingThread ? callingThread() : 0;
-    Registry::instance().add(m_state);
-}
-
-CallTrace::~CallTrace() {
-    Registry::instance().remove(m_state);
-}
+CallTrace::CallTrace(Scope scope) : Registered({scope == Scope::CallingThread ? callingThread() : 0, {}}) {}
 
 std::vector<CallRecord> CallTrace::records() const {
     return locked([&] { return m_state->records; });
@@ -488,15 +493,7 @@ RecvStep RecvStep::end() {
     return {0, 0, {}};
 }
 
-RecvScript::RecvScript(std::vector<RecvStep> steps, int fd) : m_state(std::make_shared<ScriptState>()) {
-    m_state->steps = std::move(steps);
-    m_state->fd = fd;
-    Registry::instance().add(m_state);
-}
-
-RecvScript::~RecvScript() {
-    Registry::instance().remove(m_state);
-}
+RecvScript::RecvScript(std::vector<RecvStep> steps, int fd) : Registered({fd, std::move(steps), 0, {}}) {}
 
 std::vector<RecvRequest> RecvScript::requests() const {
     return locked([&] { return m_state->requests; });
@@ -506,27 +503,10 @@ bool RecvScript::exhausted() const {
     return locked([&] { return m_state->next == m_state->steps.size(); });
 }
 
-TransferLimit::TransferLimit(std::size_t maximum, int fd) : m_state(std::make_shared<LimitState>()) {
-    m_state->maximum = maximum;
-    m_state->fd = fd;
-    Registry::instance().add(m_state);
-}
-
-TransferLimit::~TransferLimit() {
-    Registry::instance().remove(m_state);
-}
+TransferLimit::TransferLimit(std::size_t maximum, int fd) : Registered({maximum, fd}) {}
 
 CallHook::CallHook(const std::string& function, std::function<void()> action, int times)
-    : m_state(std::make_shared<HookState>()) {
-    m_state->function = function;
-    m_state->action = std::move(action);
-    m_state->times = times;
-    Registry::instance().add(m_state);
-}
-
-CallHook::~CallHook() {
-    Registry::instance().remove(m_state);
-}
+    : Registered({function, std::move(action), times}) {}
 
 } // namespace VornTest
 
@@ -534,7 +514,7 @@ CallHook::~CallHook() {
  * The functions which pre-empt the C library's. VORNTEST_REAL finds the real one once for each function;
  * VORNTEST_WATCH forwards to it under the rules of the file, given a description of the call.
  * VORNTEST_WATCHED is such a function: its parameters, the arguments for the real one, and what describes the
- * call.
+ * call. VORNTEST_CHECKED is what _FORTIFY_SOURCE calls in the place of one.
  */
 #define VORNTEST_EXPORT __attribute__((visibility("default")))
 #define VORNTEST_REAL(name) static const auto real = VornTest::realFunction<decltype(&::name)>(#name)
@@ -547,6 +527,13 @@ CallHook::~CallHook() {
     }
 #define VORNTEST_WATCHED(Result, name, exceptions, parameters, arguments, ...)                               \
     VORNTEST_FUNCTION(Result, name, exceptions, parameters, arguments, VornTest::describe(#name, __VA_ARGS__))
+#define VORNTEST_CHECKED(Result, name, parameters, isTooLong, call)                                          \
+    VORNTEST_EXPORT Result name parameters;                                                                  \
+    VORNTEST_EXPORT Result name parameters {                                                                 \
+        if (isTooLong)                                                                                       \
+            std::abort();                                                                                    \
+        return call;                                                                                         \
+    }
 #define VORNTEST_WATCHED_PATH(Result, name, exceptions, parameters, arguments, ...)                          \
     VORNTEST_FUNCTION(Result, name, exceptions, parameters, arguments,                                       \
                       VornTest::describePath(#name, __VA_ARGS__))
@@ -684,7 +671,7 @@ VORNTEST_EXPORT int gethostbyaddr_r(const void* address, socklen_t length, int f
     if (!VornTest::isWatched())
         return real(address, length, family, entry, buffer, size, result, error);
     VornTest::ResolverError resolverError(error);
-    return VornTest::watched<int>(VornTest::describe("gethostbyaddr_r", -1, family), [&] {
+    return VornTest::watched<int>(VornTest::describe("gethostbyaddr_r", -1, family, length), [&] {
         return resolverError.keep(real(address, length, family, entry, buffer, size, result, error));
     });
 }
@@ -756,48 +743,18 @@ VORNTEST_EXPORT int fcntl64(int fd, int command, ...) {
     return fcntl(fd, command, argument);
 }
 
-VORNTEST_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t room, int flags);
-
-VORNTEST_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t room, int flags) {
-    if (length > room)
-        std::abort();
-    return recv(fd, buffer, length, flags);
-}
-
-VORNTEST_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_t room, int flags,
-                                       sockaddr* address, socklen_t* addressLength);
-
-VORNTEST_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_t room, int flags,
-                                       sockaddr* address, socklen_t* addressLength) {
-    if (length > room)
-        std::abort();
-    return recvfrom(fd, buffer, length, flags, address, addressLength);
-}
-
-VORNTEST_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t length, size_t room);
-
-VORNTEST_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t length, size_t room) {
-    if (length > room)
-        std::abort();
-    return read(fd, buffer, length);
-}
-
-VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t room);
-
-VORNTEST_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int limit, size_t room) {
-    if (count > room / sizeof(pollfd))
-        std::abort();
-    return poll(entries, count, limit);
-}
-
-VORNTEST_EXPORT int __ppoll_chk(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask,
-                                size_t room);
-
-VORNTEST_EXPORT int __ppoll_chk(pollfd* entries, nfds_t count, const timespec* limit, const sigset_t* mask,
-                                size_t room) {
-    if (count > room / sizeof(pollfd))
-        std::abort();
-    return ppoll(entries, count, limit, mask);
-}
+VORNTEST_CHECKED(ssize_t, __recv_chk, (int fd, void* buffer, size_t length, size_t room, int flags),
+                 length > room, recv(fd, buffer, length, flags))
+VORNTEST_CHECKED(ssize_t, __recvfrom_chk,
+                 (int fd, void* buffer, size_t length, size_t room, int flags, sockaddr* address,
+                  socklen_t* addressLength),
+                 length > room, recvfrom(fd, buffer, length, flags, address, addressLength))
+VORNTEST_CHECKED(ssize_t, __read_chk, (int fd, void* buffer, size_t length, size_t room), length > room,
+                 read(fd, buffer, length))
+VORNTEST_CHECKED(int, __poll_chk, (pollfd * entries, nfds_t count, int limit, size_t room),
+                 count > room / sizeof(pollfd), poll(entries, count, limit))
+VORNTEST_CHECKED(int, __ppoll_chk,
+                 (pollfd * entries, nfds_t count, const timespec* limit, const sigset_t* mask, size_t room),
+                 count > room / sizeof(pollfd), ppoll(entries, count, limit, mask))
 
 } // extern "C"

@@ -42,6 +42,20 @@ struct TraceState;
 struct ScriptState;
 struct HookState;
 struct LimitState;
+
+/** A state that the functions look at while it exists. */
+template <typename State>
+class Registered {
+public:
+    Registered(const Registered&) = delete;
+    Registered& operator=(const Registered&) = delete;
+
+protected:
+    explicit Registered(State state);
+    ~Registered();
+
+    const std::shared_ptr<State> m_state;
+};
 } // namespace Detail
 
 /**
@@ -52,7 +66,7 @@ struct LimitState;
  * descriptor is closed as Linux does it whatever close() returns. Of several matching rules the oldest one
  * wins.
  */
-class FaultRule {
+class FaultRule : Detail::Registered<Detail::FaultState> {
 public:
     /** As number of times: every call from the n-th one. */
     static constexpr int always = -1;
@@ -62,9 +76,6 @@ public:
      * for all.
      */
     FaultRule(const std::string& function, int errorNumber, int nth = 1, int times = 1, pid_t tid = 0);
-    ~FaultRule();
-    FaultRule(const FaultRule&) = delete;
-    FaultRule& operator=(const FaultRule&) = delete;
 
     /** Counts and fails only calls whose first argument is @p fd. */
     FaultRule& onlyDescriptor(int fd);
@@ -86,9 +97,6 @@ public:
 
     /** How many calls have been failed. */
     int failures() const;
-
-private:
-    std::shared_ptr<Detail::FaultState> m_state;
 };
 
 /** One recorded call. */
@@ -102,7 +110,7 @@ struct CallRecord {
      * sendto, recvfrom, read and write (length, flags), setsockopt and getsockopt (level, name), shutdown
      * (how), chmod and fchmod (mode), chown (user, group), fcntl (command, argument), poll (entries,
      * time-out), pipe2 and accept4 (flags), eventfd (count, flags), usleep (microseconds), clock_nanosleep
-     * (flags, nanoseconds), gethostbyaddr_r (family).
+     * (flags, nanoseconds), gethostbyaddr_r (family, length).
      */
     long second = 0;
     long third = 0;
@@ -115,14 +123,11 @@ struct CallRecord {
 };
 
 /** Records the calls, in the order of their returns, which are made while it exists. */
-class CallTrace {
+class CallTrace : Detail::Registered<Detail::TraceState> {
 public:
     enum class Scope { CallingThread, AllThreads };
 
     explicit CallTrace(Scope scope = Scope::AllThreads);
-    ~CallTrace();
-    CallTrace(const CallTrace&) = delete;
-    CallTrace& operator=(const CallTrace&) = delete;
 
     std::vector<CallRecord> records() const;
 
@@ -136,9 +141,6 @@ public:
     std::vector<std::string> names() const;
 
     void clear();
-
-private:
-    std::shared_ptr<Detail::TraceState> m_state;
 };
 
 /** What one scripted recv() does. */
@@ -168,33 +170,21 @@ struct RecvRequest {
  *
  * Every call, one with MSG_PEEK included, takes a step. After the last step the real recv() is called.
  */
-class RecvScript {
+class RecvScript : Detail::Registered<Detail::ScriptState> {
 public:
     explicit RecvScript(std::vector<RecvStep> steps, int fd = anyDescriptor);
-    ~RecvScript();
-    RecvScript(const RecvScript&) = delete;
-    RecvScript& operator=(const RecvScript&) = delete;
 
     /** All matching calls, those after the end of the script included. */
     std::vector<RecvRequest> requests() const;
 
     /** Whether all steps have been taken. */
     bool exhausted() const;
-
-private:
-    std::shared_ptr<Detail::ScriptState> m_state;
 };
 
 /** Makes every send() and recv() deal with no more than @p maximum bytes at a time while it exists. */
-class TransferLimit {
+class TransferLimit : Detail::Registered<Detail::LimitState> {
 public:
     explicit TransferLimit(std::size_t maximum, int fd = anyDescriptor);
-    ~TransferLimit();
-    TransferLimit(const TransferLimit&) = delete;
-    TransferLimit& operator=(const TransferLimit&) = delete;
-
-private:
-    std::shared_ptr<Detail::LimitState> m_state;
 };
 
 /**
@@ -202,15 +192,9 @@ private:
  *
  * The action's own calls are neither counted nor failed. It must not throw.
  */
-class CallHook {
+class CallHook : Detail::Registered<Detail::HookState> {
 public:
     CallHook(const std::string& function, std::function<void()> action, int times = 1);
-    ~CallHook();
-    CallHook(const CallHook&) = delete;
-    CallHook& operator=(const CallHook&) = delete;
-
-private:
-    std::shared_ptr<Detail::HookState> m_state;
 };
 
 /** Holds the next call of the function up, before it is made, until the test lets it go on or this ends. */
@@ -219,9 +203,6 @@ public:
     explicit HeldCall(const std::string& function) : m_hook(function, [this] { m_checkpoint.pass(); }) {}
 
     ~HeldCall() { open(); }
-
-    HeldCall(const HeldCall&) = delete;
-    HeldCall& operator=(const HeldCall&) = delete;
 
     /** Waits until somebody makes the call; false if nobody did in time. */
     bool awaitReached() { return m_checkpoint.awaitReached(); }

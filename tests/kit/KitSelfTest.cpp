@@ -32,13 +32,7 @@ namespace {
 
 using testing::HasSubstr;
 
-class Kit : public LeakCheckedTest {
-protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-};
+class Kit : public LeakCheckedTest {};
 
 /** A test that is run by hand, as it must fail. */
 class LeakyKit : public LeakCheckedTest {

@@ -246,11 +246,16 @@ bool Gate::isOpen() {
 }
 
 RecordingCallback::Action HeldCallback::action() {
-    return [this](VornNet::VornSmartPointer<VornNet::VornConnection>& connection) {
-        std::string content = readToEnd(*connection);
+    return action([](auto& connection) { return readToEnd(*connection); }, {});
+}
+
+RecordingCallback::Action HeldCallback::action(RecordingCallback::Action before,
+                                               RecordingCallback::Action after) {
+    return [this, before = std::move(before), after = std::move(after)](auto& connection) {
+        std::string content = before ? before(connection) : "";
         m_entered.open();
         m_goesOn.await();
-        return content;
+        return after ? after(connection) : content;
     };
 }
 
@@ -283,6 +288,13 @@ void sendByHand(const std::string& address, const std::string& data) {
     } else {
         sendAll(connectToSink(address).get(), data);
     }
+}
+
+UniqueFd connectWhenServing(const WatchedSink& sink, const std::string& data) {
+    EXPECT_TRUE(sink.awaitServing()) << describeThreads();
+    UniqueFd client = connectToSink(sink.address());
+    sendAll(client.get(), data);
+    return client;
 }
 
 void sendWhenServing(const WatchedSink& sink, const std::string& data) {
@@ -372,7 +384,6 @@ void Traffic::send() {
 }
 
 void NotificationTest::SetUp() {
-    useInterposition();
     // Pipes need no ports, so that they are tested even where no network can be created.
     const auto* transport = dynamic_cast<const testing::WithParamInterface<Kind>*>(this);
     if (transport == nullptr || testing::WithParamInterface<Kind>::GetParam() != Kind::pipe)

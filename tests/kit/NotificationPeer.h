@@ -186,6 +186,9 @@ public:
     /** For a callback's action: reads everything, tells that it is there, and waits. */
     RecordingCallback::Action action();
 
+    /** The same, with something else that is done before it waits, or afterwards with what it returns. */
+    RecordingCallback::Action action(RecordingCallback::Action before, RecordingCallback::Action after);
+
     bool awaitEntered() { return m_entered.await(); }
 
     void letGoOn() { m_goesOn.open(); }
@@ -209,6 +212,9 @@ struct Target {
 
 /** A connection of plain POSIX calls to a sink of a stream kind. */
 UniqueFd connectToSink(const std::string& address);
+
+/** The same when the sink is waiting, with bytes that are sent. */
+UniqueFd connectWhenServing(const WatchedSink& sink, const std::string& data);
 
 /** Sends the bytes to a sink as one notification, and closes. */
 void sendByHand(const std::string& address, const std::string& data);
@@ -241,8 +247,6 @@ class Traffic {
 public:
     explicit Traffic(int threads);
     ~Traffic();
-    Traffic(const Traffic&) = delete;
-    Traffic& operator=(const Traffic&) = delete;
 
     void aim(const std::string& address);
 

@@ -361,11 +361,6 @@ std::string peerAddress(int fd) {
     return addressText(address);
 }
 
-int peerPort(int fd) {
-    Address address = peerOf(fd);
-    return portNumber(address);
-}
-
 int unusedTcpPort() {
     return unusedPort(SOCK_STREAM);
 }

@@ -115,9 +115,6 @@ std::string localAddress(int fd);
 /** The address at the other end of the connection. */
 std::string peerAddress(int fd);
 
-/** The port at the other end of the connection. */
-int peerPort(int fd);
-
 /** A TCP port at which nobody listens. */
 int unusedTcpPort();
 
