@@ -77,7 +77,6 @@ const Transport transports[] = {
 class StreamConnectionTest : public LeakCheckedTest, public testing::WithParamInterface<Transport> {
 protected:
     void SetUp() override {
-        useInterposition();
         LeakCheckedTest::SetUp();
         m_pair.emplace(GetParam().makePair());
         fd = m_pair->ours.release();

@@ -191,9 +191,11 @@ public:
 
 class VornConnectionTest : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
+    /** The virtual calls that an operation makes. */
+    std::vector<std::string> callsOf(const std::function<void(ScriptedConnection&)>& operation) {
+        connection.calls.clear();
+        operation(connection);
+        return connection.calls;
     }
 
     ScriptedConnection connection;
@@ -248,6 +250,26 @@ private:
 using VornConnection_Death = VornConnectionTest;
 
 const auto none = std::optional<Failure>();
+
+using TypedOperation = std::function<void(VornConnection&)>;
+
+const TypedOperation typedWrites[] = {
+    [](VornConnection& c) { c.transfer(1L); },
+    [](VornConnection& c) { c.transfer(1); },
+    [](VornConnection& c) { c.transfer(static_cast<short>(1)); },
+    [](VornConnection& c) { c.transfer(true); },
+    [](VornConnection& c) { c.transfer(VornString("abc")); },
+    [](VornConnection& c) { c.transfer("abc"); },
+    [](VornConnection& c) { c.transferACK(); },
+    [](VornConnection& c) { c.transferError(); },
+};
+
+const TypedOperation typedReads[] = {
+    [](VornConnection& c) { c.receiveLong(); },
+    [](VornConnection& c) { c.receiveInt(); },
+    [](VornConnection& c) { c.receiveShort(); },
+    [](VornConnection& c) { c.receiveString(); },
+};
 
 /**
  * A text of any length of which no byte has been written, for two gigabytes of them take minutes on a busy
@@ -343,13 +365,14 @@ TEST_F(VornConnectionTest, AccessRightsAreOne) {
     EXPECT_EQ(connection.getAccessRights(), 1U);
 }
 
-TEST_F(VornConnectionTest, WhenRawModeIsLeft_InitializesAgain) {
+TEST_F(VornConnectionTest, WhenRawModeIsLeftOrWasNot_InitializesAgain) {
     connection.setRaw(true);
     EXPECT_TRUE(connection.m_bRaw);
     EXPECT_THAT(connection.calls, IsEmpty());
     connection.setRaw(false);
     EXPECT_FALSE(connection.m_bRaw);
-    EXPECT_THAT(connection.calls, ElementsAre("initialize"));
+    connection.setRaw(false);
+    EXPECT_THAT(connection.calls, ElementsAre("initialize", "initialize"));
 }
 
 TEST_F(VornConnectionTest, CleanupOnlyMarksItUnconnected) {
@@ -401,24 +424,10 @@ TEST_F(VornConnectionTest, WhenEstablishingFails_NoTypedOperationReadsOrWritesAB
     connection.establishText = "refused.";
     connection.establishCode = 111;
     connection.incoming = bytes("00 00 00 00 00 00 00 00");
-    const std::vector<std::function<void()>> operations = {
-        [&] { connection.transfer(1L); },
-        [&] { connection.transfer(1); },
-        [&] { connection.transfer(static_cast<short>(1)); },
-        [&] { connection.transfer(true); },
-        [&] { connection.transfer(VornString("abc")); },
-        [&] { connection.transfer("abc"); },
-        [&] { connection.transferACK(); },
-        [&] { connection.transferError(); },
-        [&] { connection.receiveLong(); },
-        [&] { connection.receiveInt(); },
-        [&] { connection.receiveShort(); },
-        [&] { connection.receiveString(); },
-    };
-    for (std::size_t i = 0; i < operations.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(failureOf(operations[i]), failure("refused.", 111));
-    }
+    std::vector<TypedOperation> operations(std::begin(typedWrites), std::end(typedWrites));
+    operations.insert(operations.end(), std::begin(typedReads), std::end(typedReads));
+    for (std::size_t i = 0; i < operations.size(); ++i)
+        EXPECT_EQ(failureOf([&] { operations[i](connection); }), failure("refused.", 111)) << i;
     EXPECT_EQ(connection.written, "");
     EXPECT_EQ(connection.incoming.size(), 8U);
     EXPECT_EQ(std::count(connection.calls.begin(), connection.calls.end(), "establish"),
@@ -438,9 +447,44 @@ TEST_F(VornConnectionTest, WhenTheTransportThrows_TypedOperationsPassItUnchanged
 
 // The typed encoding and the virtual calls it makes.
 
-TEST_F(VornConnectionTest, LongIsWrittenWithItsLowHalfFirst) {
-    connection.transfer(305419896L);
-    EXPECT_THAT(connection.calls, ElementsAre("establish", "put 8", "send 12 34 56 78 00 00 00 00"));
+TEST_F(VornConnectionTest, EachValueIsWrittenByTheVirtualCallsOfItsParts) {
+    using C = ScriptedConnection;
+    EXPECT_THAT(callsOf([](C& c) { c.transfer(305419896L); }),
+                ElementsAre("establish", "put 8", "send 12 34 56 78 00 00 00 00"));
+    EXPECT_THAT(callsOf([](C& c) { c.transfer(-2); }),
+                ElementsAre("transfer(int -2)", "establish", "put 4", "send ff ff ff fe"));
+    EXPECT_THAT(callsOf([](C& c) { c.transfer(static_cast<short>(-2)); }),
+                ElementsAre("transfer(short -2)", "establish", "put 2", "send ff fe"));
+    EXPECT_THAT(callsOf([](C& c) { c.transfer(true); }),
+                ElementsAre("transfer(short 1)", "establish", "put 2", "send 00 01"));
+    EXPECT_THAT(callsOf([](C& c) { c.transfer(VornString("abc")); }),
+                ElementsAre("establish", "transfer(int 3)", "establish", "put 4", "send 00 00 00 03", "put 3",
+                            "send 61 62 63"));
+    for (const char* nothing : {"", static_cast<const char*>(nullptr)})
+        EXPECT_THAT(callsOf([&](C& c) { c.transfer(nothing); }),
+                    ElementsAre("establish", "transfer(int 0)", "establish", "put 4", "send 00 00 00 00"));
+    EXPECT_THAT(callsOf([](C& c) { c.transferACK(); }),
+                ElementsAre("establish", "transfer(short 1)", "establish", "put 2", "send 00 01",
+                            "transfer(short 0)", "establish", "put 2", "send 00 00"));
+    EXPECT_THAT(callsOf([](C& c) { c.transferError(); }),
+                ElementsAre("establish", "transfer(short 1)", "establish", "put 2", "send 00 01",
+                            "transfer(short -1)", "establish", "put 2", "send ff ff"));
+}
+
+TEST_F(VornConnectionTest, EachValueIsReadByTheVirtualCallsOfItsParts) {
+    using C = ScriptedConnection;
+    connection.incoming = std::string(22, '\0') + bytes("00 00 00 03 61 62 63 64");
+    EXPECT_THAT(callsOf([](C& c) { c.receiveLong(); }), ElementsAre("establish", "get 8", "receive 8 all"));
+    EXPECT_THAT(callsOf([](C& c) { c.receiveInt(); }),
+                ElementsAre("receiveInt", "establish", "get 4", "receive 4 all"));
+    EXPECT_THAT(callsOf([](C& c) { c.receiveShort(); }), ElementsAre("establish", "get 2", "receive 2 all"));
+    for (int i = 0; i < 2; ++i) // there is nothing to be read of an empty one
+        EXPECT_THAT(callsOf([](C& c) { c.receiveString(); }),
+                    ElementsAre("establish", "receiveInt", "establish", "get 4", "receive 4 all"));
+    EXPECT_THAT(callsOf([](C& c) { c.receiveString(); }),
+                ElementsAre("establish", "receiveInt", "establish", "get 4", "receive 4 all", "get 3",
+                            "receive 3 all"));
+    EXPECT_EQ(connection.incoming, "d");
 }
 
 TEST_F(VornConnectionTest, LongCarriesOnlyItsLow32Bits) {
@@ -456,104 +500,6 @@ TEST_F(VornConnectionTest, LongCarriesOnlyItsLow32Bits) {
         one.transfer(value);
         EXPECT_EQ(hex(one.written), expected) << value;
     }
-}
-
-TEST_F(VornConnectionTest, IntIsWrittenMostSignificantByteFirst) {
-    connection.transfer(1);
-    EXPECT_THAT(connection.calls, ElementsAre("transfer(int 1)", "establish", "put 4", "send 00 00 00 01"));
-    connection.transfer(INT_MIN);
-    connection.transfer(-2);
-    EXPECT_EQ(hex(connection.written), "00 00 00 01 80 00 00 00 ff ff ff fe");
-}
-
-TEST_F(VornConnectionTest, ShortIsWrittenMostSignificantByteFirst) {
-    connection.transfer(static_cast<short>(-2));
-    EXPECT_THAT(connection.calls, ElementsAre("transfer(short -2)", "establish", "put 2", "send ff fe"));
-    connection.transfer(static_cast<short>(0x1234));
-    EXPECT_EQ(hex(connection.written), "ff fe 12 34");
-}
-
-TEST_F(VornConnectionTest, BoolGoesThroughTheVirtualShortWithoutEstablishingItself) {
-    connection.transfer(true);
-    EXPECT_THAT(connection.calls, ElementsAre("transfer(short 1)", "establish", "put 2", "send 00 01"));
-    connection.calls.clear();
-    connection.transfer(false);
-    EXPECT_THAT(connection.calls, ElementsAre("transfer(short 0)", "establish", "put 2", "send 00 00"));
-}
-
-TEST_F(VornConnectionTest, StringGoesThroughTheVirtualIntAndPut) {
-    connection.transfer(VornString("abc"));
-    EXPECT_THAT(connection.calls, ElementsAre("establish", "transfer(int 3)", "establish", "put 4",
-                                              "send 00 00 00 03", "put 3", "send 61 62 63"));
-}
-
-TEST_F(VornConnectionTest, EmptyStringIsItsLengthAlone) {
-    connection.transfer(VornString());
-    EXPECT_THAT(connection.calls,
-                ElementsAre("establish", "transfer(int 0)", "establish", "put 4", "send 00 00 00 00"));
-}
-
-TEST_F(VornConnectionTest, NullTextIsWrittenAsEmpty) {
-    connection.transfer(static_cast<const char*>(nullptr));
-    EXPECT_EQ(hex(connection.written), "00 00 00 00");
-}
-
-TEST_F(VornConnectionTest, AcknowledgementIsTwoShorts) {
-    connection.transferACK();
-    EXPECT_THAT(connection.calls,
-                ElementsAre("establish", "transfer(short 1)", "establish", "put 2", "send 00 01",
-                            "transfer(short 0)", "establish", "put 2", "send 00 00"));
-}
-
-TEST_F(VornConnectionTest, ErrorTokenIsTwoShorts) {
-    connection.transferError();
-    EXPECT_THAT(connection.calls,
-                ElementsAre("establish", "transfer(short 1)", "establish", "put 2", "send 00 01",
-                            "transfer(short -1)", "establish", "put 2", "send ff ff"));
-}
-
-TEST_F(VornConnectionTest, LongIsReadUnsignedAndItsLastBytesIgnored) {
-    connection.incoming = bytes("ff ff ff ff 00 00 00 00 ff ff ff fb 11 22 33 44 12 34 56 78 ff ff ff ff");
-    EXPECT_EQ(connection.receiveLong(), 4294967295L);
-    EXPECT_THAT(connection.calls, ElementsAre("establish", "get 8", "receive 8 all"));
-    EXPECT_EQ(connection.receiveLong(), 4294967291L);
-    EXPECT_EQ(connection.receiveLong(), 305419896L);
-    EXPECT_EQ(connection.incoming, "");
-}
-
-TEST_F(VornConnectionTest, IntIsReadThroughGet) {
-    connection.incoming = bytes("80 00 00 01 00 00 00 07");
-    EXPECT_EQ(connection.receiveInt(), -2147483647);
-    EXPECT_THAT(connection.calls, ElementsAre("receiveInt", "establish", "get 4", "receive 4 all"));
-    EXPECT_EQ(connection.receiveInt(), 7);
-}
-
-TEST_F(VornConnectionTest, ShortIsReadThroughGet) {
-    connection.incoming = bytes("ff fe 12 34");
-    EXPECT_EQ(connection.receiveShort(), -2);
-    EXPECT_THAT(connection.calls, ElementsAre("establish", "get 2", "receive 2 all"));
-    EXPECT_EQ(connection.receiveShort(), 0x1234);
-}
-
-TEST_F(VornConnectionTest, StringIsReadThroughTheVirtualIntAndGet) {
-    connection.incoming = bytes("00 00 00 03 61 62 63 64");
-    EXPECT_EQ(connection.receiveString(), "abc");
-    EXPECT_THAT(connection.calls, ElementsAre("establish", "receiveInt", "establish", "get 4",
-                                              "receive 4 all", "get 3", "receive 3 all"));
-    EXPECT_EQ(connection.incoming, "d");
-}
-
-TEST_F(VornConnectionTest, EmptyStringIsReadWithoutAFurtherRead) {
-    connection.incoming = bytes("00 00 00 00");
-    EXPECT_EQ(connection.receiveString(), "");
-    EXPECT_THAT(connection.calls,
-                ElementsAre("establish", "receiveInt", "establish", "get 4", "receive 4 all"));
-}
-
-TEST_F(VornConnectionTest, StringIsCutAtItsFirstZeroByteAndConsumedWhole) {
-    connection.incoming = bytes("00 00 00 03 61 00 62 7a");
-    EXPECT_EQ(connection.receiveString(), VornString("a"));
-    EXPECT_EQ(connection.incoming, "z");
 }
 
 TEST_F(VornConnectionTest, StringThatBeginsWithAZeroByteIsEmptyAndConsumedWhole) {
@@ -627,22 +573,6 @@ TEST_F(VornConnectionTest, WhenPutAndTransferAreOverridden_NothingGoesPastThem) 
     EXPECT_EQ(swallowing.swallowed, 4 + 4 + 3 + 8);
     EXPECT_THAT(swallowing.shorts, ElementsAre(1, 1, 0, 1, -1));
     EXPECT_EQ(swallowing.written, "");
-}
-
-TEST_F(VornConnectionTest, WhenTransferIntIsOverridden_StringLengthGoesThroughIt) {
-    class Lengths : public ScriptedConnection {
-    public:
-        using ScriptedConnection::transfer;
-
-        void transfer(int nValue) override { lengths.push_back(nValue); }
-
-        std::vector<int> lengths;
-    };
-
-    Lengths lengths;
-    lengths.transfer(VornString("abcd"));
-    EXPECT_THAT(lengths.lengths, ElementsAre(4));
-    EXPECT_EQ(lengths.written, "abcd");
 }
 
 // Lengths which a peer announces.
@@ -733,10 +663,8 @@ TEST_F(VornConnectionTest, WhenCountIsRight_GetDoesNotLookAtTheError) {
 TEST_F(VornConnectionTest, WhenReadIsShort_EveryTypedReadFails) {
     connection.incoming = "a";
     connection.readError = ENOTCONN;
-    EXPECT_EQ(failureOf([&] { connection.receiveLong(); }), failure(readFailed, ENOTCONN));
-    EXPECT_EQ(failureOf([&] { connection.receiveInt(); }), failure(readFailed, ENOTCONN));
-    EXPECT_EQ(failureOf([&] { connection.receiveShort(); }), failure(readFailed, ENOTCONN));
-    EXPECT_EQ(failureOf([&] { connection.receiveString(); }), failure(readFailed, ENOTCONN));
+    for (const TypedOperation& read : typedReads)
+        EXPECT_EQ(failureOf([&] { read(connection); }), failure(readFailed, ENOTCONN)) << &read - typedReads;
 }
 
 TEST_F(VornConnectionTest, PutHandsTheBytesToTheTransport) {
@@ -765,13 +693,8 @@ TEST_F(VornConnectionTest, WhenCountIsShortWithoutAnError_PutDoesNotThrow) {
 
 TEST_F(VornConnectionTest, WhenWriteFails_EveryTypedWriteFails) {
     connection.writeError = EPIPE;
-    EXPECT_EQ(failureOf([&] { connection.transfer(1L); }), failure(writeFailed, EPIPE));
-    EXPECT_EQ(failureOf([&] { connection.transfer(1); }), failure(writeFailed, EPIPE));
-    EXPECT_EQ(failureOf([&] { connection.transfer(static_cast<short>(1)); }), failure(writeFailed, EPIPE));
-    EXPECT_EQ(failureOf([&] { connection.transfer(true); }), failure(writeFailed, EPIPE));
-    EXPECT_EQ(failureOf([&] { connection.transfer(VornString("abc")); }), failure(writeFailed, EPIPE));
-    EXPECT_EQ(failureOf([&] { connection.transferACK(); }), failure(writeFailed, EPIPE));
-    EXPECT_EQ(failureOf([&] { connection.transferError(); }), failure(writeFailed, EPIPE));
+    for (const TypedOperation& write : typedWrites)
+        EXPECT_EQ(failureOf([&] { write(connection); }), failure(writeFailed, EPIPE)) << &write - typedWrites;
 }
 
 TEST_F(VornConnectionTest, AfterAFailure_TheConnectedStateIsLeftAsItWas) {
@@ -791,17 +714,10 @@ TEST_F(VornConnection_Death, WhenTheTransportThrowsSomethingElse_EveryBoundaryEn
     const auto died = testing::KilledBySignal(SIGABRT);
     connection.onSend = foreign;
     connection.onReceive = foreign;
-    EXPECT_EXIT(connection.transfer(1L), died, "");
-    EXPECT_EXIT(connection.transfer(1), died, "");
-    EXPECT_EXIT(connection.transfer(static_cast<short>(1)), died, "");
-    EXPECT_EXIT(connection.transfer(true), died, "");
-    EXPECT_EXIT(connection.transfer(VornString("abc")), died, "");
-    EXPECT_EXIT(connection.transferACK(), died, "");
-    EXPECT_EXIT(connection.transferError(), died, "");
-    EXPECT_EXIT(connection.receiveLong(), died, "");
-    EXPECT_EXIT(connection.receiveInt(), died, "");
-    EXPECT_EXIT(connection.receiveShort(), died, "");
-    EXPECT_EXIT(connection.receiveString(), died, "");
+    for (const TypedOperation& write : typedWrites)
+        EXPECT_EXIT(write(connection), died, "");
+    for (const TypedOperation& read : typedReads)
+        EXPECT_EXIT(read(connection), died, "");
     EXPECT_EXIT(connection.get(buffer, 4), died, "");
     EXPECT_EXIT(connection.put(buffer, 4), died, "");
 }
@@ -940,49 +856,35 @@ TEST_F(VornConnection_Line, WhenALineIsWaiting_PeekLineCutsItAndTellsHowMuchItSa
     EXPECT_THAT(log.records(), IsEmpty());
 }
 
-TEST_F(VornConnection_Line, WhenNoLineEndIsWaiting_PeekLineLogsHowMuchItSaw) {
-    connection.incoming = "def";
-    const LogCapture log(4);
-    EXPECT_EQ(peekLine(64), peeked(false, 3, 0, "def"));
-    EXPECT_THAT(log.records(), ElementsAre(Record{4, noLineText(3)}));
+TEST_F(VornConnection_Line, PeekLineFindsPrintableLinesAndLogsWhyThereIsNone) {
+    const struct {
+        std::string incoming;
+        PeekResult result;
+        std::vector<std::string> records;
+    } rows[] = {
+        {"\r\nx", peeked(true, 3, 0, ""), {}},
+        {"abc\r\n\t\x80", peeked(true, 7, 0, "abc"), {}},
+        {"def", peeked(false, 3, 0, "def"), {noLineText(3)}},
+        {"ab\rcd", peeked(false, 5, 0, "ab\rcd"), {noLineText(5)}},
+        {"ab\ncd", peeked(false, 5, 0, "ab\ncd"), {noLineText(5)}},
+        {"ab\n\r", peeked(false, 4, 0, "ab\n\r"), {noLineText(4)}},
+        {std::string("ab\0c\r\n", 6), peeked(false, 6, 0, "ab"), {noLineText(6)}},
+        {"a\tb\r\n", peeked(false, 5, 0, "a\tb"), {breakText('\t')}},
+        {"ab\x01\x02\r\n", peeked(false, 6, 0, "ab\x01\x02"), {breakText('\x01')}},
+        {"a\rb\r\n", peeked(false, 5, 0, "a\rb"), {breakText('\r')}},
+        {"a\nb\r\n", peeked(false, 5, 0, "a\nb"), {breakText('\n')}},
+        {"a\r\r\n", peeked(false, 4, 0, "a\r"), {breakText('\r')}},
+    };
+
+    for (const auto& row : rows) {
+        SCOPED_TRACE(hex(row.incoming));
+        const LogCapture log(4);
+        connection.incoming = row.incoming;
+        EXPECT_EQ(peekLine(64), row.result);
+        EXPECT_EQ(log.texts(), row.records);
+        EXPECT_THAT(log.records(), testing::Each(testing::Field(&Record::level, 4)));
+    }
     EXPECT_EQ(pauses(), 0);
-}
-
-TEST_F(VornConnection_Line, LoneCarriageReturnOrLineFeedEndsNoLine) {
-    const LogCapture log(4);
-    connection.incoming = "ab\rcd";
-    EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "ab\rcd"));
-    connection.incoming = "ab\ncd";
-    EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "ab\ncd"));
-    connection.incoming = "ab\n\r";
-    EXPECT_EQ(peekLine(64), peeked(false, 4, 0, "ab\n\r"));
-    EXPECT_EQ(log.count(" without a <CRLF> pair"), 3);
-}
-
-TEST_F(VornConnection_Line, WhenALineHoldsATab_PeekLineLogsIt) {
-    connection.incoming = "a\tb\r\n";
-    const LogCapture log(4);
-    EXPECT_EQ(peekLine(64), peeked(false, 5, 0, "a\tb"));
-    EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\t')}));
-}
-
-TEST_F(VornConnection_Line, TheFirstUnprintableCharacterIsTheOneLogged) {
-    connection.incoming = "ab\x01\x02\r\n";
-    const LogCapture log(4);
-    EXPECT_EQ(peekLine(64), peeked(false, 6, 0, "ab\x01\x02"));
-    EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\x01')}));
-}
-
-TEST_F(VornConnection_Line, LineEndsOfOneCharacterInsideALineAreUnprintable) {
-    const LogCapture log(4);
-    connection.incoming = "a\rb\r\n";
-    EXPECT_FALSE(peekLine(64).result);
-    connection.incoming = "a\nb\r\n";
-    EXPECT_FALSE(peekLine(64).result);
-    connection.incoming = "a\r\r\n";
-    EXPECT_FALSE(peekLine(64).result);
-    EXPECT_THAT(log.records(), ElementsAre(Record{4, breakText('\r')}, Record{4, breakText('\n')},
-                                           Record{4, breakText('\r')}));
 }
 
 TEST_F(VornConnection_Line, PrintableAreTheCharactersOfAsciiFromBlankToTilde) {
@@ -990,21 +892,6 @@ TEST_F(VornConnection_Line, PrintableAreTheCharactersOfAsciiFromBlankToTilde) {
         connection.incoming = std::string(1, static_cast<char>(value)) + "\r\n";
         EXPECT_EQ(peekLine(64).result, value >= 0x20 && value <= 0x7E) << value;
     }
-}
-
-TEST_F(VornConnection_Line, AZeroByteHidesWhatStandsBehindIt) {
-    connection.incoming = std::string("ab\0c\r\n", 6);
-    EXPECT_EQ(peekLine(64), peeked(false, 6, 0, "ab"));
-}
-
-TEST_F(VornConnection_Line, AnEmptyLineIsALine) {
-    connection.incoming = "\r\nx";
-    EXPECT_EQ(peekLine(64), peeked(true, 3, 0, ""));
-}
-
-TEST_F(VornConnection_Line, WhatStandsBehindTheLineMayBeUnprintable) {
-    connection.incoming = "abc\r\n\t\x80";
-    EXPECT_TRUE(peekLine(64).result);
 }
 
 TEST_F(VornConnection_Line, WhenNothingIsWaiting_PeekLineLooksThreeTimesAndPausesTwice) {
@@ -1228,10 +1115,4 @@ TEST_F(VornConnection_Line, WithoutRoomForALine_GetLineReturnsNull) {
         EXPECT_EQ(m_line[1], '#') << capacity;
     }
     EXPECT_EQ(connection.incoming, "abc\r\n");
-}
-
-TEST_F(VornConnectionTest, WhenItIsNotRaw_LeavingRawModeInitializesAllTheSame) {
-    connection.setRaw(false);
-    connection.setRaw(false);
-    EXPECT_THAT(connection.calls, ElementsAre("initialize", "initialize"));
 }

@@ -52,7 +52,6 @@ public:
 class VornPipeConnectionTest : public LeakCheckedTest {
 protected:
     void SetUp() override {
-        useInterposition();
         LeakCheckedTest::SetUp();
         m_listener = unixListen(pipePath("alpha"));
     }

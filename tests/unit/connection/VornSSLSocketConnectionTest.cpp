@@ -54,13 +54,7 @@ public:
     std::vector<std::string> calls;
 };
 
-class VornSSLSocketConnectionTest : public LeakCheckedTest {
-protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-};
+class VornSSLSocketConnectionTest : public LeakCheckedTest {};
 
 /** A connection which has a socket but is not marked connected; nothing of the library makes such a one. */
 class VornSSLSocketConnection_Unmarked : public VornSSLSocketConnectionTest {
@@ -187,18 +181,6 @@ TEST_F(VornSSLSocketConnectionTest, WhenDisconnected_AClientIsEstablishedAnew) {
     client.establish();
     EXPECT_TRUE(client.m_bConnected);
     EXPECT_THAT(client.calls, ElementsAre("initialize", "cleanup", "initialize"));
-}
-
-TEST_F(VornSSLSocketConnectionTest, LinesOfAClientAreNotConnected) {
-    VornSSLSocketConnection client("127.0.0.1", 4711, false);
-    char line[64] = "old line\r\n";
-    int size = sizeof(line);
-    int error = untouched;
-    EXPECT_FALSE(client.peekLine(line, size, error));
-    EXPECT_EQ(size, 0);
-    EXPECT_EQ(error, ENOTCONN);
-    EXPECT_EQ(client.getLine(line, sizeof(line), error), nullptr);
-    EXPECT_EQ(error, ENOTCONN);
 }
 
 TEST_F(VornSSLSocketConnectionTest, NothingIsLogged) {
