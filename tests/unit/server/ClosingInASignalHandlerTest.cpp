@@ -59,13 +59,7 @@ std::unique_ptr<VornIPCServer> makeServer(const std::string& kind, int number = 
     return std::make_unique<VornUDPServerSocket>(port + number, "127.0.0.1", 1000);
 }
 
-class ClosingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {
-protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-};
+class ClosingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {};
 
 class EndingInASignalHandler : public LeakCheckedTest, public testing::WithParamInterface<std::string> {};
 

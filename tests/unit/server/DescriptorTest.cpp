@@ -56,7 +56,6 @@ void exchange(int output, const char* what, VornIPCServer& server, VornConnectio
 } // namespace
 
 KIT_ROLE(openWithoutStandardStreams) {
-    useInterposition();
     const int output = ::fcntl(STDOUT_FILENO, F_DUPFD, 10);
     for (int number = 0; number <= STDERR_FILENO; ++number)
         ::close(number);

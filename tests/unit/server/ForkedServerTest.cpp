@@ -113,13 +113,7 @@ public:
     }
 };
 
-class ForkedPipeServer : public LeakCheckedTest {
-protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-};
+class ForkedPipeServer : public LeakCheckedTest {};
 
 } // namespace
 
@@ -240,7 +234,6 @@ TEST(ForkedTcpServer, TwoClosedInTheChildWhileThreadsThereWait_AreLetGoOfOneByOn
 }
 
 TEST(ForkedTcpServer, WhoseClassHasPutAnotherSocketThere_EndsThatWhenItCloses) {
-    useInterposition();
     OpenedServer server(port, 5, "127.0.0.1");
     server.init();
     const auto replaceAndClose = [&] {

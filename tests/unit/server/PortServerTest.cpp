@@ -16,6 +16,7 @@
 #include "ServerTestSupport.h"
 
 #include <cerrno>
+#include <chrono>
 #include <memory>
 
 using namespace VornTest;
@@ -25,9 +26,11 @@ using VornNet::VornUDPServerSocket;
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr int port = 5023;
+constexpr int retries = 50;
 
 /** A call of init() that fails, and the text of the exception. */
 struct InitFault {
@@ -56,6 +59,11 @@ struct Tcp {
     static constexpr const char* readyRecord = "ready, accepting connections";
     static constexpr int passingError = EMFILE;
     static constexpr int endingErrors[] = {EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN};
+
+    static int endingCode(int) { return untouchedCode; }
+
+    static auto endingTexts(int) { return ElementsAre(HasSubstr(readyRecord)); }
+
     static constexpr InitFault initFaults[] = {
         {"socket", EMFILE, "VornServerSocket::init: failed to create socket."},
         {"bind", EACCES, "VornServerSocket::init: failed to bind socket."},
@@ -88,6 +96,14 @@ struct Udp {
     static constexpr const char* readyRecord = "ready, accepting messages";
     static constexpr int passingError = ECONNREFUSED;
     static constexpr int endingErrors[] = {EINTR, EBADF, ENONET, ENOTSOCK, ECONNRESET, EHOSTDOWN};
+
+    static int endingCode(int error) { return error; }
+
+    static auto endingTexts(int error) {
+        return ElementsAre(HasSubstr(readyRecord), "VornUDPServerSocket::waitForClientImpl: socket error=" +
+                                                       std::to_string(error) + ", exiting");
+    }
+
     static constexpr InitFault initFaults[] = {
         {"socket", EMFILE, "VornUDPServerSocket::init: failed to create socket."},
         {"bind", EACCES, "VornUDPServerSocket::init: failed to bind socket."},
@@ -109,17 +125,9 @@ protected:
 
         ~Client() { reset(m_socket); }
 
-        Client(const Client&) = delete;
-        Client& operator=(const Client&) = delete;
-
     private:
         UniqueFd m_socket;
     };
-
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
 };
 
 struct TransportNames {
@@ -193,18 +201,6 @@ TYPED_TEST(PortServer, Init_WhenACallFails_ThrowsItsTextAndLeavesNothingOpen) {
     }
 }
 
-TYPED_TEST(PortServer, Wait_WhenACallOfInitFails_ReportsIt) {
-    for (const InitFault& row : TypeParam::initFaults) {
-        typename TestFixture::Server server(port, "127.0.0.1");
-        const FaultRule fault(row.function, row.error, 1, 2);
-        const ImplOutcome outcome = waitForImpl(server);
-        EXPECT_EQ(outcome.client(), nullptr) << row.function;
-        EXPECT_EQ(outcome.text, row.text);
-        EXPECT_EQ(outcome.code, row.error);
-        EXPECT_EQ(waitFor(server).failure, (Failure{row.text, row.error}));
-    }
-}
-
 TYPED_TEST(PortServer, WhenThePortIsInUse_ThrowsTheBindTextAndTriesAnotherPortLater) {
     int taken = 0;
     const UniqueFd other = TypeParam::take(taken);
@@ -250,16 +246,20 @@ TYPED_TEST(PortServer, Wait_RunsTheVirtualInitAndReportsWhatItThrows) {
 
     Failing server;
     const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, "derived");
-    EXPECT_EQ(outcome.code, 12);
+    expectNoClient(outcome, "derived", 12);
 }
 
-TYPED_TEST(PortServer, Wait_AfterAnErrorThatEndsIt_IsNoExceptionAndTheNextWaitServes) {
+TYPED_TEST(PortServer, Wait_AfterAnErrorThatEndsIt_TellsAndLogsOnlyWhatItsKindDoesAndTheNextWaitServes) {
     typename TestFixture::Server server;
     server.init();
     for (const int error : TypeParam::endingErrors) {
-        const FaultRule fault(TypeParam::waitsIn, error);
+        const LogCapture log(9);
+        const FaultRule fault(TypeParam::waitsIn, error, 1, 2);
+        const ImplOutcome outcome = waitForImpl(server);
+        SCOPED_TRACE(error);
+        expectNoClient(outcome, untouchedText, TypeParam::endingCode(error));
+        EXPECT_EQ(fault.calls(), 1) << error;
+        EXPECT_THAT(log.texts(), TypeParam::endingTexts(error));
         expectQuiet(waitFor(server));
         const typename TestFixture::Client client;
         EXPECT_NE(waitFor(server).client(), nullptr) << error;
@@ -306,9 +306,7 @@ TYPED_TEST(PortServer, Wait_WhenADerivedClassGivesTheSocketUpMeanwhile_ReturnsNo
                         [&] { __atomic_store_n(&server.m_pSocketImpl, nullptr, __ATOMIC_RELEASE); });
     const typename TestFixture::Client client;
     const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, untouchedCode);
+    expectNoClient(outcome);
 }
 
 TYPED_TEST(PortServer, Wait_WhenAnotherThreadsCloseHasEndedIt_ReturnsOnlyWhenThatCloseIsOver) {
@@ -407,4 +405,47 @@ TYPED_TEST(PortServer, Close_ClosesTheSocketOnlyWhenNobodyUsesIt) {
             uses.push_back(call.name);
     }
     EXPECT_THAT(uses, ElementsAre(TypeParam::waitsIn, "close"));
+}
+
+// A port in use.
+
+TYPED_TEST(PortServer, Bind_WhereTheServerWasOpenBefore_IsTriedAgainEachMillisecondForAWhile) {
+    typename TestFixture::Server server;
+    const auto now = [] {
+        return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+    };
+    server.init();
+    server.close();
+    {
+        const FaultRule inUse("bind", EADDRINUSE, 1, retries);
+        EXPECT_EQ(failureOf([&] { server.init(); }), std::nullopt);
+        EXPECT_EQ(inUse.calls(), retries + 1);
+        server.close();
+    }
+    const FaultRule inUse("bind", EADDRINUSE, 1, FaultRule::always);
+    FaultRule noPause("clock_nanosleep", 0, 1, FaultRule::always);
+    noPause.returning(0);
+    const CallTrace trace;
+    const long begin = now();
+    EXPECT_EQ(failureOf([&] { server.init(); }), (Failure{TypeParam::initFaults[1].text, EADDRINUSE}));
+    EXPECT_EQ(inUse.calls(), 1 + retries);
+    const std::vector<CallRecord> pauses = trace.records("clock_nanosleep");
+    ASSERT_EQ(pauses.size(), static_cast<std::size_t>(retries));
+    EXPECT_GE(pauses.front().third, begin + 1'000'000);
+    EXPECT_LE(pauses.back().third, now() + 1'000'000);
+}
+
+TYPED_TEST(PortServer, Bind_AtTheFirstOpeningOnAnotherPortOrWithAnotherError_FailsAtOnce) {
+    typename TestFixture::Server server;
+    const auto expectOneTry = [&](int error) {
+        const FaultRule fault("bind", error, 1, FaultRule::always);
+        EXPECT_EQ(failureOf([&] { server.init(); }), (Failure{TypeParam::initFaults[1].text, error}));
+        EXPECT_EQ(fault.calls(), 1);
+    };
+    expectOneTry(EADDRINUSE);
+    server.init();
+    server.close();
+    expectOneTry(EACCES);
+    server.setPort(port + 1);
+    expectOneTry(EADDRINUSE);
 }

@@ -184,9 +184,6 @@ public:
         ::waitpid(m_pid, nullptr, 0);
     }
 
-    Bystander(const Bystander&) = delete;
-    Bystander& operator=(const Bystander&) = delete;
-
 private:
     UniqueFd m_writeEnd;
     pid_t m_pid = -1;

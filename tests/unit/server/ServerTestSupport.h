@@ -131,6 +131,14 @@ ImplOutcome waitForImpl(Probe& server, bool bIdentify = false) {
     return outcome;
 }
 
+/** Checks that a wait ended without a client, and whether it has told why. */
+inline void expectNoClient(const ImplOutcome& outcome, const std::string& text = untouchedText,
+                           int code = untouchedCode) {
+    EXPECT_EQ(outcome.client(), nullptr);
+    EXPECT_EQ(outcome.text, text);
+    EXPECT_EQ(outcome.code, code);
+}
+
 /** The socket of a probe that makes m_pSocketImpl public; -1 if there is none. */
 template <typename Probe>
 int socketOf(const Probe& server) {
@@ -192,7 +200,6 @@ inline void addLocalAddress(const char* label, const char* address) {
 class ServerTest : public LeakCheckedTest {
 protected:
     void SetUp() override {
-        useInterposition();
         addLocalAddress("lo:1", lanAddress);
         LeakCheckedTest::SetUp();
     }
@@ -211,9 +218,6 @@ public:
         : m_socket(tcpConnect("127.0.0.1", port, from)) {}
 
     ~TcpClient() { reset(m_socket); }
-
-    TcpClient(const TcpClient&) = delete;
-    TcpClient& operator=(const TcpClient&) = delete;
 
     int fd() const { return m_socket.get(); }
 

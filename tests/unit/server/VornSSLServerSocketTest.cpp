@@ -21,13 +21,7 @@ using testing::IsEmpty;
 
 constexpr int port = 5023;
 
-class VornSSLServerSocketTest : public LeakCheckedTest {
-protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-};
+class VornSSLServerSocketTest : public LeakCheckedTest {};
 
 class Probe : public VornSSLServerSocket {
 public:
@@ -93,9 +87,7 @@ TEST_F(VornSSLServerSocketTest, Wait_EndsAtOnceWithoutClientOrTextAndTouchesNoDe
     const LogCapture log(4);
     const CallTrace trace;
     const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, untouchedCode);
+    expectNoClient(outcome);
     EXPECT_THAT(callsOf(trace), IsEmpty());
     EXPECT_THAT(log.records(), IsEmpty());
 }
@@ -113,9 +105,7 @@ TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassListens_LetsTheClientGoAtO
 TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassFails_ReportsTextAndCode) {
     Failing server;
     const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, "derived");
-    EXPECT_EQ(outcome.code, 12);
+    expectNoClient(outcome, "derived", 12);
     EXPECT_EQ(waitFor(server).failure, (Failure{"derived", 12}));
 }
 

@@ -65,8 +65,6 @@ std::string portInNetworkOrder(int nPort) {
     return std::to_string(htons(static_cast<std::uint16_t>(nPort)));
 }
 
-class VornServerSocket_QuietError : public VornServerSocketTest, public testing::WithParamInterface<int> {};
-
 } // namespace
 
 TEST_F(VornServerSocketTest, WhenConstructed_KeepsItsArgumentsAndMakesNoSocket) {
@@ -252,22 +250,6 @@ TEST_F(VornServerSocketTest, Client_WithIdentifyButUnknown_HasNoNameAndIsNotLogg
     EXPECT_EQ(waitFor(server, true).client()->getRemoteName(), "");
     EXPECT_THAT(log.records(), ElementsAre(Record{5, readyText(port)}));
 }
-
-TEST_P(VornServerSocket_QuietError, EndsTheWaitWithoutAWord) {
-    server.init();
-    const LogCapture log(4);
-    const FaultRule fault("accept", GetParam());
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, untouchedCode);
-    EXPECT_THAT(log.records(), IsEmpty());
-    EXPECT_EQ(fault.calls(), 1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, VornServerSocket_QuietError,
-                         testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN),
-                         testing::PrintToStringParamName());
 
 TEST_F(VornServerSocketTest, Wait_AfterAnyOtherAcceptError_LogsAtLevel1AndAcceptsAgain) {
     server.init();

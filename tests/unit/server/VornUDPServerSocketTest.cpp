@@ -88,9 +88,6 @@ long memoryOf(const std::string& what) {
     return -1;
 }
 
-class VornUDPServerSocket_EndingError : public VornUDPServerSocketTest,
-                                        public testing::WithParamInterface<int> {};
-
 } // namespace
 
 KIT_ROLE(udpServerWithoutMemory) {
@@ -212,9 +209,7 @@ TEST_F(VornUDPServerSocketTest, Wait_ForAnEmptyDatagram_EndsWithoutClientOrError
     send("");
     const LogCapture log(9);
     const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, untouchedCode);
+    expectNoClient(outcome);
     EXPECT_THAT(
         log.records(),
         ElementsAre(
@@ -236,23 +231,6 @@ TEST_F(VornUDPServerSocketTest, Wait_WithoutABuffer_TakesEveryDatagramForAnEmpty
     send("x");
     expectQuiet(waitFor(probe));
 }
-
-TEST_P(VornUDPServerSocket_EndingError, EndsTheWaitWithItsCode) {
-    server.init();
-    const LogCapture log(9);
-    const FaultRule fault("recvfrom", GetParam());
-    const ImplOutcome outcome = waitForImpl(server);
-    EXPECT_EQ(outcome.client(), nullptr);
-    EXPECT_EQ(outcome.text, untouchedText);
-    EXPECT_EQ(outcome.code, GetParam());
-    EXPECT_THAT(log.records(), ElementsAre(Record{9, readyText(port)},
-                                           Record{9, "VornUDPServerSocket::waitForClientImpl: socket error=" +
-                                                         std::to_string(GetParam()) + ", exiting"}));
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, VornUDPServerSocket_EndingError,
-                         testing::Values(EINTR, EBADF, ENONET, ENOTSOCK, ECONNRESET, EHOSTDOWN),
-                         testing::PrintToStringParamName());
 
 TEST_F(VornUDPServerSocketTest, Wait_AfterAnyOtherError_LogsAtLevel1AndReceivesAgain) {
     server.init();
