@@ -44,7 +44,6 @@ private:
 class Probe : public VornCallbackContainer {
 public:
     using VornCallbackContainer::m_callbackMap;
-    using VornCallbackContainer::m_lock;
     using VornCallbackContainer::m_nIdCounter;
 };
 
@@ -182,10 +181,6 @@ TEST_F(VornCallbackContainerTest, ItsDestructor_ReleasesEveryCallback) {
     }
     EXPECT_EQ(m_destroyed.load(), 1);
     EXPECT_EQ(held->refCount(), 1);
-}
-
-TEST_F(VornCallbackContainerTest, Mutex_IsTheLockOfTheContainer) {
-    EXPECT_EQ(&m_container.mutex(), &m_container.m_lock);
 }
 
 TEST_F(VornCallbackContainerTest, TheHolderOfTheMutex_MayCallEveryOperation) {

@@ -51,30 +51,22 @@ TEST_F(VornCertificateTest, TheGetters_ReturnTheFieldsThemselves) {
     EXPECT_EQ(&certificate.getKeyFile(), &certificate.getKeyFile());
 }
 
-TEST_F(VornCertificateTest, ACopy_HasEveryFieldAndIsIndependent) {
+TEST_F(VornCertificateTest, ACopyAndAnAssignedOne_HaveEveryFieldAndAreIndependent) {
     Probe original("file", "PEM", "key", "PEM");
     original.m_type = 3;
     original.m_keyType = 4;
     Probe copy(original);
-    EXPECT_EQ(copy.getFile(), "file");
-    EXPECT_EQ(copy.getType(), 3);
-    EXPECT_EQ(copy.getKeyFile(), "key");
-    EXPECT_EQ(copy.getKeyType(), 4);
+    Probe assigned("", "", "", "");
+    assigned = original;
+    for (Probe* each : {&copy, &assigned}) {
+        EXPECT_EQ(each->getFile(), "file");
+        EXPECT_EQ(each->getType(), 3);
+        EXPECT_EQ(each->getKeyFile(), "key");
+        EXPECT_EQ(each->getKeyType(), 4);
+    }
     copy = Probe("other", "", "other key", "");
     EXPECT_EQ(original.getFile(), "file");
     EXPECT_EQ(original.getKeyFile(), "key");
-}
-
-TEST_F(VornCertificateTest, Assignment_TakesEveryField) {
-    Probe source("file", "PEM", "key", "PEM");
-    source.m_type = 3;
-    source.m_keyType = 4;
-    Probe target("", "", "", "");
-    target = source;
-    EXPECT_EQ(target.getFile(), "file");
-    EXPECT_EQ(target.getType(), 3);
-    EXPECT_EQ(target.getKeyFile(), "key");
-    EXPECT_EQ(target.getKeyType(), 4);
 }
 
 TEST_F(VornCertificateTest, AssignmentToItself_ChangesNothing) {

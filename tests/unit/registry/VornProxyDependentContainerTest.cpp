@@ -302,20 +302,6 @@ TEST_F(VornProxyDependentContainerTest, AnEntryRemovedWhileSomebodyHoldsIt_Lives
     EXPECT_EQ(m_destroyed.load(), 1);
 }
 
-TEST_F(VornProxyDependentContainerTest, Size_CountsEveryAdditionReplacementAndRemoval) {
-    EXPECT_EQ(registry().size(), 0);
-    registry().add(make("a", 1));
-    EXPECT_EQ(registry().size(), 1);
-    registry().add(make("a", 1));
-    EXPECT_EQ(registry().size(), 1);
-    registry().add(make("a", 2));
-    EXPECT_EQ(registry().size(), 2);
-    registry().remove("a", 1);
-    EXPECT_EQ(registry().size(), 1);
-    registry().remove(0);
-    EXPECT_EQ(registry().size(), 0);
-}
-
 TEST_F(VornProxyDependentContainerTest, TheHolderOfTheLock_MayCallEveryOperation) {
     const VornCriticalSection lock(registry().getlock(), true);
     registry().add(make("pipe:x", 1));

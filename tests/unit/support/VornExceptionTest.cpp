@@ -10,7 +10,6 @@
 #include <array>
 #include <cstring>
 #include <iostream>
-#include <random>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -111,18 +110,6 @@ TEST_F(VornExceptionTest, HasTheTextAndTheCodeGivenAtConstruction) {
 TEST_F(VornExceptionTest, TextOfAll256Bytes_IsKeptByteForByte) {
     EXPECT_EQ(VornException(allBytes(), 0).getText(), allBytes());
     EXPECT_EQ(throughWideText(allBytes()), allBytes());
-}
-
-TEST_F(VornExceptionTest, RandomText_IsKeptByteForByte) {
-    const unsigned seed = std::random_device()();
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int> byte(0, 255);
-    for (int round = 0; round < 50; ++round) {
-        VornString text(random() % 300, '\0');
-        for (char& character : text)
-            character = static_cast<char>(byte(random));
-        ASSERT_EQ(throughWideText(text), text) << "seed " << seed << ", round " << round;
-    }
 }
 
 TEST_F(VornExceptionTest, ValidUtf8_HasTheRightWideCharacters) {

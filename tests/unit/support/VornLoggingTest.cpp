@@ -225,6 +225,11 @@ std::vector<std::string> textsOf(const std::vector<std::string>& writes) {
 
 class VornLoggingTest : public LeakCheckedTest {
 protected:
+    void SetUp() override {
+        LeakCheckedTest::SetUp();
+        VornLogging::getInstance().setLogLevel(9);
+    }
+
     void TearDown() override {
         VornLogging::setRecordHandler({});
         VornLogging::setAccessAllowed(true);
@@ -459,7 +464,6 @@ TEST_F(VornLoggingTest, RecordsOfTwoThreads_DoNotMixWhileBothAreOpen) {
 TEST_F(VornLoggingTest, WithoutAHandler_ARecordIsOneLineWrittenAtOnceWithTimeLevelProcessAndThread) {
     const time_t before = secondNow();
     StandardErrorWrites output;
-    VornLogging::getInstance().setLogLevel(9);
     logAt(7, "VornWidget::open: ", 5, ' ', VornString("done"));
     const std::vector<std::string> writes = output.finish();
     const time_t after = secondNow();
@@ -476,7 +480,6 @@ TEST_F(VornLoggingTest, WithoutAHandler_ARecordIsOneLineWrittenAtOnceWithTimeLev
 
 TEST_F(VornLoggingTest, WithoutAHandler_TheLineNamesTheThreadThatLogs) {
     StandardErrorWrites output;
-    VornLogging::getInstance().setLogLevel(9);
     pid_t tid = 0;
     std::thread([&] {
         tid = currentTid();
@@ -491,7 +494,6 @@ TEST_F(VornLoggingTest, WithoutAHandler_TheLineNamesTheThreadThatLogs) {
 TEST_F(VornLoggingTest, WithoutAHandler_ALongRecordIsWrittenAtOnceToo) {
     const std::string text(100000, 'x');
     StandardErrorWrites output;
-    VornLogging::getInstance().setLogLevel(9);
     logAt(1, text);
     EXPECT_THAT(textsOf(output.finish()), ElementsAre(text));
 }
@@ -499,7 +501,6 @@ TEST_F(VornLoggingTest, WithoutAHandler_ALongRecordIsWrittenAtOnceToo) {
 TEST_F(VornLoggingTest, WithoutAHandler_ARecordWithALineEndInItIsStillOneLine) {
     // A peer's bytes get into records, and must not be able to write lines of their own.
     StandardErrorWrites output;
-    VornLogging::getInstance().setLogLevel(9);
     logAt(4, "HTTPRequest::PeekLine: break on character = ", '\n');
     logAt(4, VornString("name\nforged line"));
     for (const std::string& written : output.finish())
@@ -508,7 +509,6 @@ TEST_F(VornLoggingTest, WithoutAHandler_ARecordWithALineEndInItIsStillOneLine) {
 
 TEST_F(VornLoggingTest, WithoutAHandler_ControlCharactersAreShownAsHexadecimalNumbers) {
     StandardErrorWrites output;
-    VornLogging::getInstance().setLogLevel(9);
     logAt(4, "tab ", '\t', " zero ", '\0', " escape ", '\x1B', " delete ", '\x7F', " byte ", '\xFF',
           " return ", '\r', " backslash \\ ~");
     EXPECT_THAT(
@@ -544,7 +544,6 @@ TEST_P(VornLogging_Traffic, OfManyThreadsAndSignals_EachRecordIsOneWholeLine) {
         return std::to_string(record) + std::string(traffic.length, static_cast<char>('a' + thread));
     };
     StandardErrorChannel output(traffic.channel, traffic.isBlocking);
-    VornLogging::getInstance().setLogLevel(9);
     const Interruptions signals(1);
     output.read();
     std::vector<std::thread> threads;
@@ -586,7 +585,6 @@ INSTANTIATE_TEST_SUITE_P(StandardErrors, VornLogging_Traffic,
 
 TEST_F(VornLoggingTest, WhenStandardErrorTakesNoMore_ARecordIsCutAndTheNextBeginsOnALineOfItsOwn) {
     StandardErrorChannel output(Channel::Pipe, false);
-    VornLogging::getInstance().setLogLevel(9);
     errno = EINTR;
     logAt(1, std::string(200'000, 'x'));
     EXPECT_EQ(errno, EINTR);
@@ -601,10 +599,8 @@ TEST_F(VornLoggingTest, WhenStandardErrorTakesNoMore_ARecordIsCutAndTheNextBegin
 }
 
 TEST_F(VornLoggingTest, WhenARecordIsCutByAnError_TheNextBeginsOnALineOfItsOwn) {
-    useInterposition();
     StandardErrorChannel output(Channel::Pipe, false);
     output.read();
-    VornLogging::getInstance().setLogLevel(9);
     {
         const FaultRule fault("write", EIO, 2);
         logAt(1, std::string(200'000, 'x'));
@@ -617,9 +613,7 @@ TEST_F(VornLoggingTest, WhenARecordIsCutByAnError_TheNextBeginsOnALineOfItsOwn) 
 }
 
 TEST_F(VornLoggingTest, WhenRoomCannotBeAwaited_ARecordIsCutAtOnce) {
-    useInterposition();
     StandardErrorChannel output(Channel::Pipe, false);
-    VornLogging::getInstance().setLogLevel(9);
     {
         const FaultRule fault("poll", ENOMEM, 1, FaultRule::always);
         logAt(1, std::string(200'000, 'x'));
@@ -629,9 +623,7 @@ TEST_F(VornLoggingTest, WhenRoomCannotBeAwaited_ARecordIsCutAtOnce) {
 }
 
 TEST_F(VornLoggingTest, WhenTheWaitForRoomIsInterrupted_ItGoesOn) {
-    useInterposition();
     StandardErrorChannel output(Channel::Pipe, false);
-    VornLogging::getInstance().setLogLevel(9);
     const FaultRule fault("poll", EINTR);
     const CallHook reader("poll", [&] { output.read(); });
     logAt(1, std::string(200'000, 'x'));
@@ -642,9 +634,7 @@ TEST_F(VornLoggingTest, WhenTheWaitForRoomIsInterrupted_ItGoesOn) {
 }
 
 TEST_F(VornLoggingTest, WhenStandardErrorTakesNothingWithoutAnError_TheRecordIsGivenUp) {
-    useInterposition();
     StandardErrorChannel output(Channel::Pipe);
-    VornLogging::getInstance().setLogLevel(9);
     {
         FaultRule fault("write", 0);
         fault.returning(0);
@@ -655,9 +645,7 @@ TEST_F(VornLoggingTest, WhenStandardErrorTakesNothingWithoutAnError_TheRecordIsG
 }
 
 TEST_F(VornLoggingTest, WhileStandardErrorIsOnlyInterrupted_ARecordIsGivenUpInTheEnd) {
-    useInterposition();
     StandardErrorChannel output(Channel::Pipe);
-    VornLogging::getInstance().setLogLevel(9);
     {
         const FaultRule fault("write", EINTR, 1, FaultRule::always);
         logAt(1, "lost");
@@ -671,7 +659,6 @@ TEST_F(VornLoggingTest, AThreadCancelledInTheMidstOfARecord_LeavesTheLoggerUsabl
     if (underAddressSanitizer)
         GTEST_SKIP() << overflowsByItself;
     StandardErrorChannel output(Channel::Pipe);
-    VornLogging::getInstance().setLogLevel(9);
     WatchedThread writer([] { logAt(1, std::string(200'000, 'x')); });
     EXPECT_TRUE(awaitBlockedIn(writer.tid(), {SYS_write}));
     ::pthread_cancel(writer.handle());
@@ -699,7 +686,6 @@ TEST_F(VornLoggingTest, WhenAnotherSocketTakesThePlaceOfStandardError_ItsPeerGet
     const UniqueFd connection(ends[0]);
     const UniqueFd peer(ends[1]);
     ::dup2(connection.get(), STDERR_FILENO);
-    VornLogging::getInstance().setLogLevel(9);
     logAt(1, "to nobody");
     char byte = 0;
     EXPECT_EQ(::recv(peer.get(), &byte, 1, 0), -1);
@@ -710,7 +696,6 @@ TEST_F(VornLoggingTest, WhenAFileTakesThePlaceOfStandardError_RecordsGoThere) {
     const UniqueFd saved(::dup(STDERR_FILENO));
     const UniqueFd file(::memfd_create("log", MFD_CLOEXEC));
     ::dup2(file.get(), STDERR_FILENO);
-    VornLogging::getInstance().setLogLevel(9);
     logAt(1, "to the file");
     ::dup2(saved.get(), STDERR_FILENO);
     std::array<char, 200> text{};
@@ -721,7 +706,6 @@ TEST_F(VornLoggingTest, WhenAFileTakesThePlaceOfStandardError_RecordsGoThere) {
 TEST_F(VornLoggingTest, WhenStandardErrorIsClosed_LoggingGoesOnWithoutATrace) {
     const UniqueFd saved(::dup(STDERR_FILENO));
     ::close(STDERR_FILENO);
-    VornLogging::getInstance().setLogLevel(9);
     errno = EINTR;
     logAt(1, "to nobody");
     const int error = errno;
@@ -732,7 +716,6 @@ TEST_F(VornLoggingTest, WhenStandardErrorIsClosed_LoggingGoesOnWithoutATrace) {
 TEST_F(VornLoggingTest, AHandler_ReplacesTheDefaultOutputAndAnEmptyOneRestoresIt) {
     std::vector<std::string> texts;
     StandardErrorWrites output;
-    VornLogging::getInstance().setLogLevel(9);
     VornLogging::setRecordHandler([&](int, const VornString& text) { texts.push_back(text); });
     logAt(1, "handled");
     VornLogging::setRecordHandler({});
@@ -742,7 +725,6 @@ TEST_F(VornLoggingTest, AHandler_ReplacesTheDefaultOutputAndAnEmptyOneRestoresIt
 }
 
 TEST_F(VornLoggingTest, AHandler_ReplacesTheOneBefore) {
-    VornLogging::getInstance().setLogLevel(9);
     std::vector<std::string> first;
     std::vector<std::string> second;
     VornLogging::setRecordHandler([&](int, const VornString& text) { first.push_back(text); });
@@ -762,7 +744,6 @@ TEST_F(VornLoggingTest, AReplacedHandler_IsDestroyedWithWhatItHolds) {
 }
 
 TEST_F(VornLoggingTest, AHandlerThatThrows_LosesTheRecordAndNothingElse) {
-    VornLogging::getInstance().setLogLevel(9);
     int calls = 0;
     VornLogging::setRecordHandler([&](int, const VornString&) {
         ++calls;
@@ -781,7 +762,6 @@ TEST_F(VornLoggingTest, AHandlerThatThrows_LosesTheRecordAndNothingElse) {
 }
 
 TEST_F(VornLoggingTest, AHandler_MayLogItself) {
-    VornLogging::getInstance().setLogLevel(9);
     std::vector<std::string> texts;
     VornLogging::setRecordHandler([&](int level, const VornString& text) {
         if (level == 1)
@@ -793,7 +773,6 @@ TEST_F(VornLoggingTest, AHandler_MayLogItself) {
 }
 
 TEST_F(VornLoggingTest, AHandler_MayReplaceItself) {
-    VornLogging::getInstance().setLogLevel(9);
     std::vector<std::string> texts;
     VornLogging::setRecordHandler(
         [&texts, kept = std::make_shared<std::string>("first")](int, const VornString&) {
@@ -807,7 +786,6 @@ TEST_F(VornLoggingTest, AHandler_MayReplaceItself) {
 }
 
 TEST_F(VornLoggingTest, AHandler_GetsOneRecordAtATime) {
-    VornLogging::getInstance().setLogLevel(9);
     int inside = 0; // plain, as the handler of a program may keep it
     int most = 0;
     int records = 0;
@@ -831,7 +809,6 @@ TEST_F(VornLoggingTest, AHandler_GetsOneRecordAtATime) {
 }
 
 TEST_F(VornLoggingTest, ReplacingAHandlerThatRuns_WaitsForIt) {
-    VornLogging::getInstance().setLogLevel(9);
     std::promise<void> entered;
     std::promise<void> leave;
     VornLogging::setRecordHandler([&](int, const VornString&) {
@@ -848,7 +825,6 @@ TEST_F(VornLoggingTest, ReplacingAHandlerThatRuns_WaitsForIt) {
 }
 
 TEST_F(VornLoggingTest, AThreadCancelledInAHandler_DiesOfItAndLeavesTheLoggerUsable) {
-    VornLogging::getInstance().setLogLevel(9);
     std::atomic<bool> entered{false};
     VornLogging::setRecordHandler([&](int, const VornString&) {
         entered = true;
@@ -865,7 +841,6 @@ TEST_F(VornLoggingTest, AThreadCancelledInAHandler_DiesOfItAndLeavesTheLoggerUsa
 }
 
 TEST_F(VornLoggingTest, ErrnoIsKept_WhateverTheHandlerDoes) {
-    VornLogging::getInstance().setLogLevel(9);
     VornLogging::setRecordHandler([](int, const VornString&) { errno = ENOSPC; });
     errno = ECONNREFUSED;
     VornLogging::getInstance() << setloglevel(1);

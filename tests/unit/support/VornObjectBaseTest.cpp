@@ -53,32 +53,16 @@ class VornObjectBaseTest : public LeakCheckedTest {};
 
 } // namespace
 
-TEST_F(VornObjectBaseTest, AddRef_RaisesTheCountByOne) {
+TEST_F(VornObjectBaseTest, ReleaseToZero_RunsTheDerivedDestructorOnce) {
     int destroyed = 0;
-    auto* object = new Counted(destroyed);
+    VornObjectBase* object = new Counted(destroyed);
     object->addRef();
     EXPECT_EQ(object->refCount(), 1);
     object->addRef();
     EXPECT_EQ(object->refCount(), 2);
     object->release();
-    object->release();
-}
-
-TEST_F(VornObjectBaseTest, Release_LowersTheCountAndKeepsTheObjectWhileItIsAboveZero) {
-    int destroyed = 0;
-    auto* object = new Counted(destroyed);
-    object->addRef();
-    object->addRef();
-    object->release();
     EXPECT_EQ(object->refCount(), 1);
     EXPECT_EQ(destroyed, 0);
-    object->release();
-}
-
-TEST_F(VornObjectBaseTest, ReleaseToZero_RunsTheDerivedDestructorOnce) {
-    int destroyed = 0;
-    VornObjectBase* object = new Counted(destroyed);
-    object->addRef();
     object->release();
     EXPECT_EQ(destroyed, 1);
 }

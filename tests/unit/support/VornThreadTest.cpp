@@ -2,17 +2,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Await.h"
 #include "Checkpoint.h"
+#include "Failure.h"
+#include "Interpose.h"
 #include "LeakCheckedTest.h"
 #include "LogCapture.h"
 #include "Posix.h"
-#include "Process.h"
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -132,23 +132,33 @@ std::string systemNameOf(const std::string& name) {
 
 class VornThreadTest : public LeakCheckedTest {};
 
-} // namespace
-
-KIT_ROLE(threadCannotBeCreated) {
-    // A stack of this size cannot be had, and there is no thread without one.
-    pthread_attr_t attributes;
-    ::pthread_attr_init(&attributes);
-    ::pthread_attr_setstacksize(&attributes, std::size_t{1} << 50);
-    ::pthread_setattr_default_np(&attributes);
-    VornThread thread("none");
-    try {
-        thread.start();
-    } catch (const VornException& exception) {
-        std::cout << exception.getText() << '|' << exception.getCode() << '|' << thread.wait(0) << '\n';
-        return 0;
+/** A thread that is held up before it takes its work. */
+class VornThread_Work : public VornThreadTest {
+protected:
+    void SetUp() override {
+        VornThreadTest::SetUp();
+        m_thread.setWorkInfo(static_cast<WatchedWork*>(m_work));
+        m_thread.start();
+        ASSERT_TRUE(m_thread.m_starting.awaitReached());
     }
-    return 1;
-}
+
+    /** Lets it go on, and waits until it waits for the lock. */
+    void expectToWait() {
+        m_thread.m_starting.open();
+        EXPECT_TRUE(awaitCondition([this] { return m_thread.m_tid != 0; }));
+        EXPECT_TRUE(awaitBlockedOnLock(m_thread.m_tid));
+    }
+
+    void TearDown() override {
+        EXPECT_EQ(m_thread.wait(cLimit), true);
+        VornThreadTest::TearDown();
+    }
+
+    const VornSmartPointer<WatchedWork> m_work{new WatchedWork};
+    StartingThread m_thread;
+};
+
+} // namespace
 
 TEST_F(VornThreadTest, WhenConstructed_HasNoThreadAndHasEnded) {
     const std::size_t before = threadIds().size();
@@ -289,35 +299,21 @@ TEST_F(VornThreadTest, OnlyTheThreadItself_IsItsOwnThread) {
     EXPECT_EQ(worker.isOwnThread(), false);
 }
 
-TEST_F(VornThreadTest, AVornExceptionThatLeavesRun_IsLoggedAtLevelOneWithTextAndCode) {
-    LogCapture log(1);
-    Worker worker("quorax", [](Worker&) -> int { throw VornException("Widget::open: failed.", 98); });
-    worker.start();
-    EXPECT_EQ(worker.wait(cLimit), true);
-    EXPECT_THAT(log.records(),
-                ElementsAre(LogCapture::Record{
-                    1, "VornThread::run: exception ended thread 'quorax': Widget::open: failed. (code=98)"}));
-}
-
-TEST_F(VornThreadTest, AStandardExceptionThatLeavesRun_IsLoggedAtLevelOneWithItsText) {
-    LogCapture log(1);
-    Worker worker("quorax", [](Worker&) -> int { throw std::runtime_error("out of luck"); });
-    worker.start();
-    EXPECT_EQ(worker.wait(cLimit), true);
-    EXPECT_THAT(log.records(),
-                ElementsAre(LogCapture::Record{
-                    1, "VornThread::run: exception ended thread 'quorax': out of luck (code=0)"}));
-}
-
-TEST_F(VornThreadTest, AnyOtherExceptionThatLeavesRun_IsLoggedAtLevelOne) {
-    LogCapture log(1);
-    Worker worker("quorax", [](Worker&) -> int { throw 7; });
-    worker.start();
-    EXPECT_EQ(worker.wait(cLimit), true);
-    EXPECT_THAT(
-        log.records(),
-        ElementsAre(LogCapture::Record{
-            1, "VornThread::run: exception ended thread 'quorax': exception of unknown type (code=0)"}));
+TEST_F(VornThreadTest, AnExceptionThatLeavesRun_IsLoggedAtLevelOneWithTextAndCode) {
+    const std::pair<std::function<int(Worker&)>, std::string> rows[] = {
+        {[](Worker&) -> int { throw VornException("Widget::open: failed.", 98); },
+         "Widget::open: failed. (code=98)"},
+        {[](Worker&) -> int { throw std::runtime_error("out of luck"); }, "out of luck (code=0)"},
+        {[](Worker&) -> int { throw 7; }, "exception of unknown type (code=0)"},
+    };
+    for (const auto& [work, text] : rows) {
+        LogCapture log(1);
+        Worker worker("quorax", work);
+        worker.start();
+        EXPECT_EQ(worker.wait(cLimit), true);
+        EXPECT_THAT(log.records(), ElementsAre(LogCapture::Record{
+                                       1, "VornThread::run: exception ended thread 'quorax': " + text}));
+    }
 }
 
 TEST_F(VornThreadTest, AnExceptionThatLeavesRun_IsNotLoggedBelowLevelOneAndTheThreadCanBeStartedAgain) {
@@ -355,10 +351,10 @@ TEST_F(VornThreadTest, ACancelledThread_HasEndedAndIsNotLogged) {
 }
 
 TEST_F(VornThreadTest, WhenNoThreadCanBeCreated_StartThrowsAndNothingRuns) {
-    ChildProcess child = ChildProcess::spawnRole("threadCannotBeCreated");
-    EXPECT_EQ(child.readAllOutput(),
-              "VornThread::start: failed to create thread.|" + std::to_string(EAGAIN) + "|1\n");
-    EXPECT_EQ(child.wait(), 0) << child.readAllErrors();
+    const FaultRule none("pthread_create", EAGAIN);
+    VornThread thread("none");
+    EXPECT_EQ(thrownBy([&] { thread.start(); }), "VornThread::start: failed to create thread. 11");
+    EXPECT_EQ(thread.wait(0), true);
 }
 
 TEST_F(VornThreadTest, ItsOwnRuns_ReturnZero) {
@@ -406,83 +402,47 @@ TEST_F(VornThreadTest, WorkInformation_IsPassedToTheOtherRunByTheNextStart) {
     EXPECT_EQ(work->refCount(), 1);
 }
 
-TEST_F(VornThreadTest, SetWorkInfo_WhileTheThreadTakesTheFormerOne_Waits) {
-    StartingThread thread;
-    const VornSmartPointer<WatchedWork> former(new WatchedWork);
-    thread.setWorkInfo(static_cast<WatchedWork*>(former));
-    thread.start();
-    EXPECT_TRUE(thread.m_starting.awaitReached());
-    former->m_holdsAdding = true;
-    thread.m_starting.open();
-    EXPECT_TRUE(former->m_holding.awaitReached());
-    WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
-    EXPECT_TRUE(awaitBlockedOnLock(setter.tid()));
-    EXPECT_FALSE(setter.finished());
-    former->m_holdsAdding = false;
-    former->m_holding.open();
-    EXPECT_TRUE(setter.join());
-    EXPECT_EQ(thread.wait(cLimit), true);
-    EXPECT_EQ(thread.m_worked, true);
-}
-
-TEST_F(VornThreadTest, WhileTheThreadTakesItsWork_TheOperationsOfOthersWait) {
-    StartingThread thread;
-    const VornSmartPointer<WatchedWork> work(new WatchedWork);
-    thread.setWorkInfo(static_cast<WatchedWork*>(work));
-    thread.start();
-    EXPECT_TRUE(thread.m_starting.awaitReached());
-    work->m_holdsAdding = true;
-    thread.m_starting.open();
-    EXPECT_TRUE(work->m_holding.awaitReached());
-    WatchedThread starter([&] { thread.start(); });
-    WatchedThread stopper([&] { thread.stop(); });
-    WatchedThread waiter([&] { thread.wait(0); });
-    WatchedThread asker([&] { thread.isStopRequested(); });
-    WatchedThread other([&] { thread.isOwnThread(); });
-    for (WatchedThread* visitor : {&starter, &stopper, &waiter, &asker, &other}) {
+TEST_F(VornThread_Work, WhileTheThreadTakesIt_TheOperationsOfOthersWait) {
+    m_work->m_holdsAdding = true;
+    m_thread.m_starting.open();
+    EXPECT_TRUE(m_work->m_holding.awaitReached());
+    WatchedThread setter([&] { m_thread.setWorkInfo(nullptr); });
+    WatchedThread starter([&] { m_thread.start(); });
+    WatchedThread stopper([&] { m_thread.stop(); });
+    WatchedThread waiter([&] { m_thread.wait(0); });
+    WatchedThread asker([&] { m_thread.isStopRequested(); });
+    WatchedThread other([&] { m_thread.isOwnThread(); });
+    for (WatchedThread* visitor : {&setter, &starter, &stopper, &waiter, &asker, &other}) {
         EXPECT_TRUE(awaitBlockedOnLock(visitor->tid()));
         EXPECT_FALSE(visitor->finished());
     }
-    work->m_holdsAdding = false;
-    work->m_holding.open();
-    for (WatchedThread* visitor : {&starter, &stopper, &waiter, &asker, &other})
+    m_work->m_holdsAdding = false;
+    m_work->m_holding.open();
+    for (WatchedThread* visitor : {&setter, &starter, &stopper, &waiter, &asker, &other})
         EXPECT_TRUE(visitor->join());
+    EXPECT_EQ(m_thread.wait(cLimit), true);
+    EXPECT_EQ(m_thread.m_worked, true);
 }
 
-TEST_F(VornThreadTest, AtItsEnd_WaitsForWhoSetsItsWork) {
-    StartingThread thread;
-    const VornSmartPointer<WatchedWork> work(new WatchedWork);
-    thread.setWorkInfo(static_cast<WatchedWork*>(work));
-    thread.m_takesWork = false;
-    thread.start();
-    EXPECT_TRUE(thread.m_starting.awaitReached());
-    work->m_holdsReleasing = true;
-    WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
-    EXPECT_TRUE(work->m_holding.awaitReached());
-    thread.m_starting.open();
-    EXPECT_TRUE(awaitCondition([&] { return thread.m_tid != 0; }));
-    EXPECT_TRUE(awaitBlockedOnLock(thread.m_tid));
-    work->m_holding.open();
+TEST_F(VornThread_Work, WhileItIsBeingSet_TheThreadWaitsBeforeItTakesIt) {
+    m_work->m_holdsReleasing = true;
+    WatchedThread setter([&] { m_thread.setWorkInfo(nullptr); });
+    EXPECT_TRUE(m_work->m_holding.awaitReached());
+    expectToWait();
+    m_work->m_holding.open();
     EXPECT_TRUE(setter.join());
-    EXPECT_EQ(thread.wait(cLimit), true);
+    EXPECT_EQ(m_thread.wait(cLimit), true);
+    EXPECT_EQ(m_thread.m_worked, false);
 }
 
-TEST_F(VornThreadTest, TheThread_WhileItsWorkIsBeingSet_WaitsBeforeItTakesIt) {
-    StartingThread thread;
-    const VornSmartPointer<WatchedWork> former(new WatchedWork);
-    thread.setWorkInfo(static_cast<WatchedWork*>(former));
-    thread.start();
-    EXPECT_TRUE(thread.m_starting.awaitReached());
-    former->m_holdsReleasing = true;
-    WatchedThread setter([&] { thread.setWorkInfo(nullptr); });
-    EXPECT_TRUE(former->m_holding.awaitReached());
-    thread.m_starting.open();
-    EXPECT_TRUE(awaitCondition([&] { return thread.m_tid != 0; }));
-    EXPECT_TRUE(awaitBlockedOnLock(thread.m_tid));
-    former->m_holding.open();
+TEST_F(VornThread_Work, WhileItIsBeingSet_TheThreadWaitsAtItsEnd) {
+    m_thread.m_takesWork = false;
+    m_work->m_holdsReleasing = true;
+    WatchedThread setter([&] { m_thread.setWorkInfo(nullptr); });
+    EXPECT_TRUE(m_work->m_holding.awaitReached());
+    expectToWait();
+    m_work->m_holding.open();
     EXPECT_TRUE(setter.join());
-    EXPECT_EQ(thread.wait(cLimit), true);
-    EXPECT_EQ(thread.m_worked, false);
 }
 
 TEST_F(VornThreadTest, Notify_TellsItsDependents) {
