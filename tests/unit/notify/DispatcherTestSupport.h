@@ -5,6 +5,7 @@
 
 #include "Await.h"
 #include "ClockShift.h"
+#include "Failure.h"
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Sandbox.h"
@@ -69,6 +70,12 @@ private:
 /** Handle 7 as it travels. */
 inline const std::string cHandle = bytes("00 00 00 07 00 00 00 00");
 
+/** What a result tells, but for its time and what it was about. */
+inline std::string summaryOf(const Result& result) {
+    return VornDispatcher::nameOf(result.outcome) + std::string(" ") + std::to_string(result.nCode) + ", " +
+           std::to_string(result.nTries) + " tries, " + std::to_string(result.nDoubtfulTries) + " doubtful";
+}
+
 /** Keeps what a dispatcher tells. */
 class Results {
 public:
@@ -109,9 +116,13 @@ private:
 /** The fixture of all suites of the dispatcher. */
 class DispatcherTest : public LeakCheckedTest {
 protected:
-    VornDispatcher::Options optionsWithResults() {
+    /** Options with a handler that keeps the results, and perhaps with another one changed. */
+    VornDispatcher::Options
+    optionsWithResults(const std::function<void(VornDispatcher::Options&)>& change = {}) {
         VornDispatcher::Options options;
         options.onResult = m_results.handler();
+        if (change)
+            change(options);
         return options;
     }
 
@@ -150,22 +161,8 @@ protected:
         return receiveToEnd(client.get());
     }
 
-    /** @return text and code of what the function throws. */
-    static std::pair<std::string, int> thrownBy(const std::function<void()>& function) {
-        try {
-            function();
-        } catch (const VornException& e) {
-            return {e.getText(), e.getCode()};
-        }
-        return {"nothing thrown", 0};
-    }
-
     Results m_results;
 };
-
-inline void PrintTo(const std::pair<std::string, int>& thrown, std::ostream* out) {
-    *out << thrown.first << " " << thrown.second;
-}
 
 } // namespace VornTest
 

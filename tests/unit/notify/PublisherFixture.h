@@ -48,6 +48,12 @@ public:
         return m_lines;
     }
 
+    /** The lines, once there are so many; a failure of the test when they do not come. */
+    std::vector<std::string> awaited(std::size_t count) const {
+        EXPECT_TRUE(await(count)) << lines().size() << " of " << count;
+        return lines();
+    }
+
     bool await(std::size_t count) const {
         return awaitCondition([&] { return lines().size() >= count; });
     }
@@ -59,11 +65,6 @@ private:
 
 class PublisherFixture : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-
     VornNet::VornPublisher& open(const VornNet::VornPublisher::Options& options = {},
                                  const std::string& address = "pipe:alpha") {
         m_publisher.emplace(address, std::vector<std::string>{"builds", "other"}, options);

@@ -14,12 +14,14 @@
 
 namespace VornTest {
 
-SteadyOptions optionsFor(Kind kind) {
+SteadyOptions optionsFor(Kind kind, const std::function<void(SteadyOptions&)>& change) {
     using VornNet::VornSteadySink;
     SteadyOptions options;
     options.kind = kind == Kind::pipe     ? VornSteadySink::Kind::pipe
                    : kind == Kind::socket ? VornSteadySink::Kind::tcp
                                           : VornSteadySink::Kind::udp;
+    if (change)
+        change(options);
     return options;
 }
 

@@ -22,8 +22,8 @@ namespace VornTest {
 using SteadyOptions = VornNet::VornSteadySink::Options;
 using SteadyStatistics = VornNet::VornSteadySink::Statistics;
 
-/** The options for a sink of that kind at an address of its own. */
-SteadyOptions optionsFor(Kind kind);
+/** The options for a sink of that kind at an address of its own, perhaps with one of them changed. */
+SteadyOptions optionsFor(Kind kind, const std::function<void(SteadyOptions&)>& change = {});
 
 /** A steady sink with one callback, whose id is 0. */
 class SteadyClient {

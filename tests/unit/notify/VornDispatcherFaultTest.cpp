@@ -186,7 +186,7 @@ TEST_F(VornDispatcher_Memory, ItStartsWithAllItNeedsOrNotAtAll) {
     for (const char* call : {"epoll_create1", "eventfd", "epoll_ctl"}) {
         const FaultRule rule(call, EMFILE);
         EXPECT_EQ(thrownBy([&] { VornDispatcher dispatcher(optionsWithResults()); }),
-                  std::make_pair(std::string("VornDispatcher::VornDispatcher: failed to start."), EMFILE))
+                  "VornDispatcher::VornDispatcher: failed to start. 24")
             << call;
     }
 }

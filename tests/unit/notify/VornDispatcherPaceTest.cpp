@@ -66,7 +66,6 @@ TEST_F(VornDispatcher_Pace, ADeliveryResetsThePause) {
 }
 
 TEST_F(VornDispatcher_Pace, WhileThereAreSignsOfLifePausesStayShort) {
-    useInterposition();
     int nPort = 0;
     const UniqueFd listener = tcpListen("127.0.0.1", nPort);
     VornDispatcher::Options options = optionsWithResults();

@@ -56,9 +56,7 @@ protected:
 
 TEST_F(VornDispatcher_Process, ItsThreadsHaveItsNameAndAllSignalsBlocked) {
     const std::vector<pid_t> before = threadIds();
-    VornDispatcher::Options options = optionsWithResults();
-    options.sName = "a name of twenty let";
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.sName = "a name of twenty let"; }));
     const std::vector<pid_t> threads = newThreads(before);
     EXPECT_EQ(threads.size(), 2U);
     for (const pid_t tid : threads) {
@@ -78,9 +76,7 @@ TEST_F(VornDispatcher_Process, AfterStopNoDescriptorIsLeftAndEachWasCloseOnExec)
     const UniqueFd listener = unixListen(pipePath("peer"));
     int nPort = 0;
     const UniqueFd socket = tcpListen("127.0.0.1", nPort);
-    VornDispatcher::Options options = optionsWithResults();
-    options.datagramPause = 10s;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.datagramPause = 10s; }));
     post(dispatcher, "pipe:peer");
     post(dispatcher, "socket:127.0.0.1:" + std::to_string(nPort));
     for (int i = 0; i < 2; ++i)

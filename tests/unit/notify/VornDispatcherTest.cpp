@@ -23,6 +23,9 @@ using Overflow = VornDispatcher::Overflow;
 
 namespace {
 
+const std::string cQueueFull = "VornDispatcher::post: queue full. 105";
+const std::string cStopped = "VornDispatcher::post: stopped. 108";
+
 /** What its operations promise, whatever the transport. */
 class VornDispatcher_Operations : public DispatcherTest {
 protected:
@@ -51,7 +54,6 @@ protected:
         return tickets;
     }
 
-    using Thrown = std::pair<std::string, int>;
     using Tickets = std::vector<std::uint64_t>;
     using Outcomes = std::vector<Outcome>;
 };
@@ -107,14 +109,14 @@ TEST_F(VornDispatcher_Operations, RefusesInvalidOptions) {
         Options options;
         makeFaulty(options);
         EXPECT_EQ(thrownBy([&] { VornDispatcher dispatcher(options); }),
-                  Thrown("VornDispatcher::VornDispatcher: invalid option.", EINVAL))
+                  "VornDispatcher::VornDispatcher: invalid option. 22")
             << &makeFaulty - faults;
     }
     Options least;
     least.datagramPause = 0us;
     least.stopLimit = 0ms;
     least.nConnectionLimit = 0;
-    EXPECT_EQ(thrownBy([&] { VornDispatcher dispatcher(least); }).second, 0);
+    EXPECT_EQ(thrownBy([&] { VornDispatcher dispatcher(least); }), "nothing");
 }
 
 TEST_F(VornDispatcher_Operations, RefusesWhatIsNoAddressAndNoTerms) {
@@ -122,11 +124,11 @@ TEST_F(VornDispatcher_Operations, RefusesWhatIsNoAddressAndNoTerms) {
     for (const char* text :
          {"", "pipe:", "pipe:a/b", "socket:localhost:5023", "ssl:127.0.0.1:5023", "udp:0.0.0.0:5023"})
         EXPECT_EQ(thrownBy([&] { post(dispatcher, text); }),
-                  Thrown("VornDispatcher::post: invalid callback address.", EINVAL))
+                  "VornDispatcher::post: invalid callback address. 22")
             << text;
     for (const VornDispatcher::Terms& terms : {termsOf(0ms), termsOf(-1ms), termsOf(1s, 0)})
         EXPECT_EQ(thrownBy([&] { postWith(terms, dispatcher, "pipe:nobody"); }),
-                  Thrown("VornDispatcher::post: invalid terms.", EINVAL));
+                  "VornDispatcher::post: invalid terms. 22");
     EXPECT_EQ(dispatcher.statistics().nPosted, 0U);
     EXPECT_EQ(dispatcher.statistics().nRefused, 0U);
 }
@@ -182,7 +184,7 @@ TEST_F(VornDispatcher_Operations, RefusesAProxyThatReads) {
     for (const auto& read : reads) {
         WritingProxy proxy("pipe:peer", read);
         EXPECT_EQ(thrownBy([&] { dispatcher.post(proxy, VornNotification(1)); }),
-                  Thrown("VornDispatcher::post: addContent() must not read.", EOPNOTSUPP))
+                  "VornDispatcher::post: addContent() must not read. 95")
             << &read - reads;
     }
     EXPECT_EQ(dispatcher.statistics().nPosted, 0U);
@@ -191,7 +193,7 @@ TEST_F(VornDispatcher_Operations, RefusesAProxyThatReads) {
 TEST_F(VornDispatcher_Operations, PassesOnWhatAProxyThrows) {
     VornDispatcher dispatcher;
     WritingProxy first("pipe:peer", [](VornConnection&) { throw VornException("mine", 5); });
-    EXPECT_EQ(thrownBy([&] { dispatcher.post(first, VornNotification(1)); }), Thrown("mine", 5));
+    EXPECT_EQ(thrownBy([&] { dispatcher.post(first, VornNotification(1)); }), "mine 5");
     WritingProxy second("pipe:peer", [](VornConnection&) { throw 5; });
     EXPECT_THROW(dispatcher.post(second, VornNotification(1)), int);
     EXPECT_EQ(dispatcher.statistics().nPosted, 0U);
@@ -205,9 +207,8 @@ TEST_F(VornDispatcher_Operations, RefusesWhatIsLongerThanAllMemoryForAll) {
     post(dispatcher, "pipe:peer", std::string(92, 'x'));
     EXPECT_EQ(dispatcher.statistics().nQueuedBytes, 100U);
     EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(93, 'x')); }),
-              Thrown("VornDispatcher::post: notification too long.", EMSGSIZE));
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:other"); }),
-              Thrown("VornDispatcher::post: queue full.", ENOBUFS));
+              "VornDispatcher::post: notification too long. 90");
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:other"); }), cQueueFull);
     EXPECT_EQ(dispatcher.statistics().nRefused, 1U) << "one that can never fit is no full queue";
     takeOne(listener.get());
 }
@@ -261,13 +262,10 @@ TEST_F(VornDispatcher_Operations, EachTimeLimitCountsFromItsOwnPost) {
 
 TEST_F(VornDispatcher_Operations, RefusesByDefaultWhenTheQueueIsFull) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 2;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.nQueueLimit = 2; }));
     post(dispatcher, "pipe:peer");
     post(dispatcher, "pipe:peer");
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
-              Thrown("VornDispatcher::post: queue full.", ENOBUFS));
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cQueueFull);
     EXPECT_EQ(post(dispatcher, "pipe:other"), 3U) << "the limit is each address's own";
     EXPECT_EQ(dispatcher.statistics().nRefused, 1U);
     EXPECT_EQ(dispatcher.queued("pipe:peer"), 2U);
@@ -305,10 +303,9 @@ TEST_F(VornDispatcher_Operations, RefusesWhereThereIsNoneToDrop) {
     VornDispatcher dispatcher(options);
     post(dispatcher, "pipe:peer");
     awaitTry(listener.get());
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
-              Thrown("VornDispatcher::post: queue full.", ENOBUFS));
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cQueueFull);
     post(dispatcher, "pipe:other", std::string(72, 'x')); // leaves 12 bytes
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:third", "12345"); }).second, ENOBUFS)
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:third", "12345"); }), cQueueFull)
         << "only the same address gives way";
     EXPECT_TRUE(m_results.now().empty());
     takeOne(listener.get());
@@ -324,7 +321,7 @@ TEST_F(VornDispatcher_Operations, DropsAsManyAsMemoryAsksFor) {
     awaitTry(listener.get());
     for (int i = 0; i < 4; ++i)
         post(dispatcher, "pipe:peer", std::string(12, 'x'));
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(90, 'x')); }).second, ENOBUFS);
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(90, 'x')); }), cQueueFull);
     EXPECT_TRUE(m_results.now().empty()) << "nothing is dropped in vain";
     post(dispatcher, "pipe:peer", std::string(50, 'x'));
     EXPECT_EQ(ticketsOf(m_results.await(3)), (Tickets{2, 3, 4}));
@@ -373,7 +370,7 @@ TEST_F(VornDispatcher_Operations, WaitsForRoomNoLongerThanTheTimeLimit) {
     post(dispatcher, "pipe:peer");
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(thrownBy([&] { postWith(termsOf(50ms), dispatcher, "pipe:peer"); }),
-              Thrown("VornDispatcher::post: queue full.", ETIMEDOUT));
+              "VornDispatcher::post: queue full. 110");
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
     EXPECT_EQ(dispatcher.statistics().nRefused, 1U);
     takeOne(listener.get());
@@ -381,7 +378,7 @@ TEST_F(VornDispatcher_Operations, WaitsForRoomNoLongerThanTheTimeLimit) {
 
 TEST_F(VornDispatcher_Operations, TheResultHandlerNeverWaitsForRoom) {
     VornDispatcher* pDispatcher = nullptr;
-    std::promise<Thrown> thrown;
+    std::promise<std::string> thrown;
     const UniqueFd listener = listen("peer");
     VornDispatcher::Options options;
     options.nQueueLimit = 1;
@@ -396,8 +393,7 @@ TEST_F(VornDispatcher_Operations, TheResultHandlerNeverWaitsForRoom) {
     WatchedThread other([&] { post(dispatcher, "pipe:peer"); });
     ASSERT_TRUE(awaitBlockedOnLock(other.tid()));
     takeOne(listener.get()); // the thread that waits fills the queue, or the handler finds room
-    const Thrown found = thrown.get_future().get();
-    EXPECT_TRUE(found.second == ENOBUFS || found.second == 0) << found.second;
+    EXPECT_THAT(thrown.get_future().get(), testing::AnyOf(cQueueFull, "nothing"));
     dispatcher.stop(0ms);
     other.join();
 }
@@ -478,7 +474,7 @@ TEST_F(VornDispatcher_Operations, AHandlerThatEndsItsThreadHoldsUpNothingButResu
 
 TEST_F(VornDispatcher_Operations, TheResultHandlerMayNeitherFlushNorStop) {
     VornDispatcher* pDispatcher = nullptr;
-    std::promise<std::pair<Thrown, Thrown>> thrown;
+    std::promise<std::pair<std::string, std::string>> thrown;
     VornDispatcher::Options options;
     options.onResult = [&](const Result&) {
         thrown.set_value(
@@ -488,8 +484,8 @@ TEST_F(VornDispatcher_Operations, TheResultHandlerMayNeitherFlushNorStop) {
     pDispatcher = &dispatcher;
     postWith(termsOf(1ms), dispatcher, "pipe:nobody");
     const auto [flushed, stopped] = thrown.get_future().get();
-    EXPECT_EQ(flushed, Thrown("VornDispatcher::flush: called by the result handler.", EDEADLK));
-    EXPECT_EQ(stopped, Thrown("VornDispatcher::stop: called by the result handler.", EDEADLK));
+    EXPECT_EQ(flushed, "VornDispatcher::flush: called by the result handler. 35");
+    EXPECT_EQ(stopped, "VornDispatcher::stop: called by the result handler. 35");
 }
 
 TEST_F(VornDispatcher_Operations, TheResultHandlerMayPostCancelRedirectAndAsk) {
@@ -604,16 +600,14 @@ TEST_F(VornDispatcher_Operations, RedirectEndsATryAsAResetWould) {
 }
 
 TEST_F(VornDispatcher_Operations, RedirectMayExceedTheLimitAndKeepsTimeLimits) {
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 2;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.nQueueLimit = 2; }));
     for (int i = 0; i < 2; ++i) {
         postWith(termsOf(500ms), dispatcher, "pipe:old");
         post(dispatcher, "pipe:new");
     }
     EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 2U);
     EXPECT_EQ(dispatcher.queued("pipe:new"), 4U);
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:new"); }).second, ENOBUFS);
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:new"); }), cQueueFull);
     for (const Result& result : m_results.await(2)) {
         EXPECT_EQ(result.outcome, Outcome::expired);
         EXPECT_EQ(result.sAddress, "pipe:new");
@@ -623,7 +617,7 @@ TEST_F(VornDispatcher_Operations, RedirectMayExceedTheLimitAndKeepsTimeLimits) {
     EXPECT_EQ(dispatcher.redirect("pipe:nobody", "pipe:new"), 0U);
     EXPECT_EQ(dispatcher.redirect("no address", "pipe:new"), 0U);
     EXPECT_EQ(thrownBy([&] { dispatcher.redirect("pipe:new", "no address"); }),
-              Thrown("VornDispatcher::redirect: invalid callback address.", EINVAL));
+              "VornDispatcher::redirect: invalid callback address. 22");
     EXPECT_EQ(dispatcher.redirect("pipe:new", "pipe:new"), 2U);
     EXPECT_EQ(dispatcher.statistics().nAddresses, 1U);
 }
@@ -666,8 +660,7 @@ TEST_F(VornDispatcher_Operations, StopDeliversWhatItCanAndTellsEveryResult) {
     const std::vector<Result> results = m_results.now();
     EXPECT_EQ(outcomesOf(results),
               (Outcomes{Outcome::delivered, Outcome::delivered, Outcome::delivered, Outcome::stopped}));
-    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
-              Thrown("VornDispatcher::post: stopped.", ESHUTDOWN));
+    EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cStopped);
     EXPECT_TRUE(dispatcher.flush(0ms));
     EXPECT_EQ(dispatcher.cancel("pipe:nobody"), 0U);
     EXPECT_EQ(dispatcher.redirect("pipe:nobody", "pipe:peer"), 0U);
@@ -715,7 +708,6 @@ TEST_F(VornDispatcher_Operations, ASecondStopWaitsForTheFirst) {
 }
 
 TEST_F(VornDispatcher_Operations, StopWaitsForAThreadThatIsAboutToWakeIt) {
-    useInterposition();
     VornDispatcher::Options options;
     options.firstPause = options.longestPause = 10s;
     VornDispatcher dispatcher(options);
@@ -741,10 +733,7 @@ TEST_F(VornDispatcher_Operations, StopEndsThoseWhoWaitForRoom) {
     options.overflow = Overflow::wait;
     VornDispatcher dispatcher(options);
     post(dispatcher, "pipe:peer");
-    WatchedThread waiting([&] {
-        EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }),
-                  Thrown("VornDispatcher::post: stopped.", ESHUTDOWN));
-    });
+    WatchedThread waiting([&] { EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cStopped); });
     ASSERT_TRUE(awaitBlockedOnLock(waiting.tid()));
     dispatcher.stop(0ms);
     EXPECT_TRUE(waiting.join());

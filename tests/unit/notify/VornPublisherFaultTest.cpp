@@ -69,11 +69,6 @@ const Fault cFaults[] = {
 
 class VornPublisher_Fault : public LeakCheckedTest, public testing::WithParamInterface<std::string> {
 protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-
     void TearDown() override {
         std::filesystem::remove_all(historyDirectory);
         LeakCheckedTest::TearDown();

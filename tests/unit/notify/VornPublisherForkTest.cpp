@@ -24,8 +24,6 @@ using namespace VornTest;
 
 namespace {
 
-constexpr int exitStatus = 7;
-
 class VornPublisher_Fork : public HistoryFixture, public testing::WithParamInterface<const char*> {
 protected:
     void TearDown() override {
@@ -47,13 +45,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Ways, VornPublisher_Fork, testing::Values("pipe:alpha", "socket:127.0.0.1:0"),
                          [](const auto& test) { return test.param[0] == 'p' ? "Pipe" : "Tcp"; });
 
-/** Without a buffer: a child must not print again what its parent has printed. */
-void print(const std::string& line) {
-    const std::string bytes = line + "\n";
-    if (::write(STDOUT_FILENO, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
-        std::abort();
-}
-
 /** Static, so that exit() destroys it. */
 std::unique_ptr<VornPublisher> g_publisher;
 
@@ -62,23 +53,15 @@ void openPublisher(const std::string& address, const VornPublisher::SubscribeHan
     options.sDirectory = historyDirectory;
     options.onSubscribe = onSubscribe;
     g_publisher = std::make_unique<VornPublisher>(address, std::vector<std::string>{"builds"}, options);
-    print(g_publisher->getAddress());
-}
-
-/** Lets a child end as a program does. */
-std::string childThatExits() {
-    const pid_t child = ::fork();
-    if (child == 0)
-        std::exit(exitStatus);
-    return std::to_string(statusOf(child));
+    printLine(g_publisher->getAddress());
 }
 
 KIT_ROLE(publisherWhoseChildrenExit) {
     openPublisher(args.at(0), [](const VornPublisher::Subscriber&) {
-        print("the handler's child: " + childThatExits());
+        printLine("the handler's child: " + childThatExits());
         return "";
     });
-    print("main's child: " + childThatExits());
+    printLine("main's child: " + childThatExits());
     char byte = '\0';
     while (::read(STDIN_FILENO, &byte, 1) == 1)
         g_publisher->publish("builds", writing("an event"));
@@ -155,13 +138,13 @@ TEST_P(VornPublisher_Fork, WhenAHandlerExitsWhileItIsStopped_TheProcessEnds) {
 
 KIT_ROLE(publisherDestroyedByItsHandler) {
     std::set_terminate([] {
-        print("terminated");
+        printLine("terminated");
         ::_exit(exitStatus);
     });
     VornSupport::VornLogging::setAccessAllowed(true);
     VornSupport::VornLogging::getInstance().setLogLevel(1);
     VornSupport::VornLogging::setRecordHandler(
-        [](int level, const std::string& text) { print(std::to_string(level) + " " + text); });
+        [](int level, const std::string& text) { printLine(std::to_string(level) + " " + text); });
     openPublisher(args.at(0), [](const VornPublisher::Subscriber&) -> VornString {
         g_publisher.reset();
         return "";

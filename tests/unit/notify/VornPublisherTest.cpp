@@ -169,31 +169,22 @@ TEST_F(VornPublisher_Open, WithoutAPipeDirectoryIs2) {
 }
 
 TEST_F(VornPublisher_Open, WhenACallFails_TellsWhatWasBeingOpened) {
-    struct Failing {
-        const char* function;
-        const char* text;
-    };
-
-    for (const Failing& failing : {Failing{"socket", "server"}, Failing{"bind", "server"},
-                                   Failing{"chmod", "server"}, Failing{"listen", "server"}}) {
-        const FaultRule rule(failing.function, EACCES);
-        EXPECT_EQ(openFailure("pipe:alpha"), "VornPublisher::VornPublisher: failed to open server. 13")
-            << failing.function;
+    const std::string notOpened = "VornPublisher::VornPublisher: failed to open server. 13";
+    for (const char* function : {"socket", "bind", "chmod", "listen"}) {
+        const FaultRule rule(function, EACCES);
+        EXPECT_EQ(openFailure("pipe:alpha"), notOpened) << function;
         EXPECT_NE(::access(pipePath("alpha").c_str(), F_OK), 0);
     }
     {
         const FaultRule rule("setsockopt", EACCES);
-        EXPECT_EQ(openFailure("socket:127.0.0.1:0"),
-                  "VornPublisher::VornPublisher: failed to open server. 13");
+        EXPECT_EQ(openFailure("socket:127.0.0.1:0"), notOpened);
     }
-    const std::string notStarted = "VornPublisher::VornPublisher: failed to start. 24";
-    {
-        const FaultRule rule("eventfd", EMFILE);
-        EXPECT_EQ(openFailure("pipe:alpha"), notStarted);
+    for (const int nth : {1, 2}) { // the second is of what sends to callback addresses
+        const FaultRule rule("eventfd", EMFILE, nth);
+        EXPECT_EQ(
+            openFailure("pipe:alpha", {"builds"}, with([](Options& o) { o.bCallbackAddresses = true; })),
+            "VornPublisher::VornPublisher: failed to start. 24");
     }
-    const FaultRule rule("eventfd", EMFILE, 2); // of what sends to callback addresses
-    EXPECT_EQ(openFailure("pipe:alpha", {"builds"}, with([](Options& o) { o.bCallbackAddresses = true; })),
-              notStarted);
 }
 
 TEST_F(VornPublisher_Open, NamesItsThreadsAndBlocksTheirSignals) {
@@ -594,8 +585,7 @@ TEST_P(VornPublisher_Wire, ASubscriberThatSendsAnything_IsViolated) {
     const FaultRule nothing("recv", EAGAIN);
     const FaultRule interrupted("recv", EINTR, 2);
     sendAll(subscriber.fd(), "x");
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 violated 0"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 violated 0"));
     EXPECT_EQ(nothing.failures() + interrupted.failures(), 2);
     EXPECT_EQ(publisher().statistics().nSubscribers, 0U);
     EXPECT_EQ(publisher().statistics().nLeft, 1U);
@@ -609,8 +599,7 @@ TEST_P(VornPublisher_Wire, ASubscriberThatEndsItsSendingSideOrCloses_HasClosed) 
     ASSERT_TRUE(m_departures.await(1));
     RawSubscriber closing(address(), "builds");
     closing.socket().reset();
-    ASSERT_TRUE(m_departures.await(2));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 0", "2 closed 0"));
+    EXPECT_THAT(m_departures.awaited(2), ElementsAre("1 closed 0", "2 closed 0"));
 }
 
 TEST_P(VornPublisher_Wire, ASubscriberThatClosesWithUnreadEvents_HasClosedWith104Or32) {
@@ -666,8 +655,7 @@ TEST_P(VornPublisher_Wire, Drop_TellsTheReason) {
     EXPECT_FALSE(publisher().drop(3, "nobody"));
     EXPECT_EQ(first.next(), WireFrame::last(2, "too loud"));
     EXPECT_EQ(receiveToEnd(first.fd()), "");
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 dropped 0"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 dropped 0"));
     publish("x");
     EXPECT_EQ(second.next(), WireFrame::event(1, "x"));
 }
@@ -680,8 +668,7 @@ TEST_P(VornPublisher_Wire, Drop_OfOneThatIsLeaving_DoesNothing) {
     ASSERT_TRUE(hearing.awaitReached());
     EXPECT_TRUE(publisher().drop(1, "too late"));
     hearing.open();
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 0"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 closed 0"));
     const RawSubscriber subscriber(address(), "builds");
 }
 
@@ -1101,15 +1088,7 @@ TEST_P(VornPublisher_Wire, ASlowHandler_DelaysNewSubscriptionsAndNothingElse) {
 }
 
 TEST_P(VornPublisher_Wire, WhoeverLeavesWhileTheHandlerDecides_IsASubscriberThatLeaves) {
-    open(with([&](Options& o) {
-        o.onLeave = m_departures.handler();
-        o.onSubscribe = [&](const auto&) {
-            m_barrier.pass();
-            return VornString();
-        };
-    }));
-    UniqueFd client = ask(address());
-    ASSERT_TRUE(m_barrier.awaitReached());
+    UniqueFd client = askAHandlerThatWaits();
     client.reset();
     m_barrier.open();
     ASSERT_TRUE(m_departures.await(1));
@@ -1127,8 +1106,7 @@ TEST_P(VornPublisher_Wire, WhoeverIsAdmittedAndCannotBeWatched_IsLost) {
     ASSERT_TRUE(awaitAcceptingAfter(0, trace));
     const FaultRule fault("epoll_ctl", ENOMEM, 3); // once it has been accepted, and left to the handler
     const UniqueFd client = ask(address());
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 12"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 lost 12"));
     EXPECT_EQ(receiveToEnd(client.get()), "+");
 }
 
@@ -1285,8 +1263,7 @@ TEST_P(VornPublisher_Wire, AClientThatIsGoneWhenAnEventComesAlone_HasLeft) {
         const FaultRule gone("send", EPIPE);
         publish("x");
     }
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 32"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 closed 32"));
     EXPECT_EQ(receiveToEnd(subscriber.fd()), "");
     EXPECT_TRUE(awaitSubscribers(0));
 }
@@ -1341,8 +1318,7 @@ TEST_F(VornPublisher_Leases, AKilledClientHasClosed) {
     ASSERT_EQ(client.readLine(), "subscribed");
     EXPECT_EQ(publisher().subscribers().at(0).nProcess, client.pid());
     client.kill(SIGKILL);
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 closed 0"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 closed 0"));
 }
 
 TEST_F(VornPublisher_Leases, OverTcpAClientThatTakesNothingForThreeBeats_IsLostWith110) {
@@ -1355,8 +1331,7 @@ TEST_F(VornPublisher_Leases, OverTcpAClientThatTakesNothingForThreeBeats_IsLostW
     const RawSubscriber stopped(address(), "builds");
     for (int i = 0; i < 30; ++i)
         publish(std::string(1024 * 1024, 'x'));
-    ASSERT_TRUE(m_departures.await(1));
-    EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110"));
+    EXPECT_THAT(m_departures.awaited(1), ElementsAre("1 lost 110"));
 }
 
 TEST_F(VornPublisher_Leases, OverTcpAClientWhoseHostIsGone_IsLostWith110AfterThreeBeats) {

@@ -33,13 +33,12 @@ using VornSupport::VornException;
 
 using Connection = VornSmartPointer<VornConnection>;
 
-class VornSteadySink_Confirmation : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornSteadySink_Confirmation : public NotificationTestOfKind {};
 
 class VornSteadySink_PipeBytes : public NotificationTest {};
 
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
-
-INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Confirmation, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Confirmation, Values(Kind::pipe, Kind::socket),
+                         testing::PrintToStringParamName());
 
 bool isSilent(int fd) {
     pollfd entry{fd, POLLIN | POLLRDHUP, 0};
@@ -121,9 +120,7 @@ TEST_P(VornSteadySink_Confirmation, AnUnknownId_IsAReset) {
 }
 
 TEST_P(VornSteadySink_Confirmation, ANotificationThatIsTooLong_IsAResetAtOnce) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nMessageLimit = 100;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nMessageLimit = 100; }));
     const UniqueFd fd = connectToSink(client.address());
     sendAll(fd.get(), onWire(0) + std::string(93, 'x'));
     EXPECT_EQ(endingOf(fd.get()), "reset");
@@ -132,9 +129,7 @@ TEST_P(VornSteadySink_Confirmation, ANotificationThatIsTooLong_IsAResetAtOnce) {
 }
 
 TEST_P(VornSteadySink_Confirmation, ANotificationThatIsNotCompleteInTime_IsAReset) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.readLimit = 50ms;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.readLimit = 50ms; }));
     const auto start = std::chrono::steady_clock::now();
     const UniqueFd fd = connectToSink(client.address());
     sendAll(fd.get(), onWire(0) + "but no end");
@@ -146,9 +141,7 @@ TEST_P(VornSteadySink_Confirmation, ANotificationThatIsNotCompleteInTime_IsARese
 }
 
 TEST_P(VornSteadySink_Confirmation, ASilentSender_IsCutAtTheReadLimit) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.readLimit = 50ms;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.readLimit = 50ms; }));
     const UniqueFd fd = connectToSink(client.address());
     // A pipe's end can only be a reset when there is something that has not been read.
     EXPECT_EQ(endingOf(fd.get()), GetParam() == Kind::pipe ? "end" : "reset");
@@ -254,9 +247,7 @@ TEST_F(VornSteadySink_PipeBytes, TheLastOne_IsLeftUntilTheCallbackHasReturned) {
 
 TEST_F(VornSteadySink_PipeBytes, ATooShortStreamThatHasEndedBeforeItIsRead_IsAReset) {
     HeldCallback held;
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.nConnectionLimit = 1;
-    const SteadyClient client(options, held.action());
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) { o.nConnectionLimit = 1; }), held.action());
     const UniqueFd first = sendNotification(client.address(), "");
     ASSERT_TRUE(held.awaitEntered());
     const UniqueFd fd = connectToSink(client.address()); // which is not accepted yet

@@ -39,25 +39,22 @@ using Connection = VornSmartPointer<VornConnection>;
 
 class VornSteadySink_Senders : public NotificationTest {};
 
-class VornSteadySink_Failures : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornSteadySink_Failures : public NotificationTestOfKind {};
 
-class VornSteadySink_StreamFailures : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornSteadySink_StreamFailures : public NotificationTestOfKind {};
 
 class VornSteadySink_PipeFailures : public NotificationTest {};
 
 class VornSteadySink_End : public NotificationTest {};
 
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
-
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Failures, Values(Kind::pipe, Kind::socket, Kind::udp),
-                         kindName);
+                         testing::PrintToStringParamName());
 
-INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_StreamFailures, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_StreamFailures, Values(Kind::pipe, Kind::socket),
+                         testing::PrintToStringParamName());
 
 bool admits(const std::vector<VornSupport::VornString>& networks, const std::string& source) {
-    SteadyOptions options = optionsFor(Kind::socket);
-    options.allowedNetworks = networks;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::socket, [&](auto& o) { o.allowedNetworks = networks; }));
     const Target target(client.address());
     const UniqueFd fd = tcpConnect(target.place, target.port, source);
     bool isAdmitted = false;
@@ -286,9 +283,7 @@ TEST_F(VornSteadySink_Senders, OverTcp_BytesThatComeJustAfterTheyWereCounted_Are
 }
 
 TEST_P(VornSteadySink_StreamFailures, ASourceThatCannotBeWatched_IsTriedAgain) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nConnectionLimit = 1;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nConnectionLimit = 1; }));
     const pid_t reading = threadIds().back();
     UniqueFd first = connectToSink(client.address());
     ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));

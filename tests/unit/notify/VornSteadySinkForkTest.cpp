@@ -26,24 +26,15 @@ using VornNet::VornSmartPointer;
 
 using Connection = VornSmartPointer<VornConnection>;
 
-constexpr int exitStatus = 7;
-
-class VornSteadySink_Fork : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornSteadySink_Fork : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Fork, Values(Kind::pipe, Kind::socket, Kind::udp),
-                         [](const auto& parameter) { return nameOf(parameter.param); });
+                         testing::PrintToStringParamName());
 
 bool hasFile(const std::string& address) {
     struct stat found {};
 
     return ::stat(pipePath(address.substr(address.find(':') + 1)).c_str(), &found) == 0;
-}
-
-/** Without a buffer: a child must not print again what its parent has printed. */
-void print(const std::string& line) {
-    const std::string bytes = line + "\n";
-    if (::write(STDOUT_FILENO, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
-        std::abort();
 }
 
 /** Static, so that exit() destroys it. */
@@ -61,18 +52,13 @@ CallbackPointer openSink(const std::string& type, RecordingCallback::Action acti
 
 KIT_ROLE(steadySinkWhoseChildrenExit) {
     const CallbackPointer callback = openSink(args.at(0), [](Connection& connection) {
-        const pid_t child = ::fork();
-        if (child == 0)
-            std::exit(exitStatus);
-        return readToEnd(*connection) + ", the callback's child: " + std::to_string(statusOf(child));
+        const std::string status = childThatExits();
+        return readToEnd(*connection) + ", the callback's child: " + status;
     });
-    const pid_t child = ::fork();
-    if (child == 0)
-        std::exit(exitStatus);
-    print("main's child: " + std::to_string(statusOf(child)));
-    print(g_sink->getCallbackAddress());
+    printLine("main's child: " + childThatExits());
+    printLine(g_sink->getCallbackAddress());
     if (callback->awaitCalls(1))
-        print(callback->contents().at(0));
+        printLine(callback->contents().at(0));
     char byte = '\0';
     return static_cast<int>(::read(STDIN_FILENO, &byte, 1)); // until the test has looked
 }
@@ -93,7 +79,7 @@ TEST_P(VornSteadySink_Fork, WhenChildrenExit_TheParentIsServed) {
 
 KIT_ROLE(steadySinkWhoseCallbackExits) {
     openSink(args.at(0), [](Connection&) -> std::string { std::exit(exitStatus); });
-    print(g_sink->getCallbackAddress());
+    printLine(g_sink->getCallbackAddress());
     ::pause();
     return 0;
 }

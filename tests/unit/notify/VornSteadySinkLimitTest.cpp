@@ -20,13 +20,12 @@ namespace {
 using testing::ElementsAre;
 using testing::Values;
 
-class VornSteadySink_Limits : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornSteadySink_Limits : public NotificationTestOfKind {};
 
 class VornSteadySink_Datagrams : public NotificationTest {};
 
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
-
-INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Limits, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Limits, Values(Kind::pipe, Kind::socket),
+                         testing::PrintToStringParamName());
 
 /** The most descriptors that this process may have, while it exists. */
 class DescriptorLimit {
@@ -79,9 +78,7 @@ TEST_P(VornSteadySink_Limits, AtTheByteLimit_TheRestWaitsAtItsSendersAndArrivesI
 }
 
 TEST_P(VornSteadySink_Limits, WhenTheTimeOfDayJumps_NobodyIsCutEarlyOrLate) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.readLimit = 600ms;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.readLimit = 600ms; }));
     const ClockShift shift(CLOCK_REALTIME);
     for (const std::chrono::seconds ahead : {24h, -24h}) {
         const UniqueFd sender = connectToSink(client.address());
@@ -98,18 +95,14 @@ TEST_P(VornSteadySink_Limits, WhenTheTimeOfDayJumps_NobodyIsCutEarlyOrLate) {
 }
 
 TEST_P(VornSteadySink_Limits, ANotificationAboveTheByteLimit_IsReadOnByItself) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nByteLimit = 10;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nByteLimit = 10; }));
     const std::string content(100'000, 'x');
     EXPECT_EQ(deliverTo(client.address(), content), "end");
     EXPECT_THAT(client.callback()->contents(), ElementsAre(content));
 }
 
 TEST_P(VornSteadySink_Limits, OneByteAboveTheByteLimit_IsReadOn) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nByteLimit = 10;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nByteLimit = 10; }));
     HeldCall accepting("accept4");
     const UniqueFd sender = sendNotification(client.address(), std::string(11, 'x'));
     accepting.open();
@@ -132,9 +125,7 @@ TEST_P(VornSteadySink_Limits, SilentSenders_AreEachCutAtTheirOwnTime) {
 }
 
 TEST_P(VornSteadySink_Limits, WhenHalfReadOnesHoldAllBytes_OneAfterTheOtherIsReadOn) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nByteLimit = 1000;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nByteLimit = 1000; }));
     std::vector<UniqueFd> senders;
     for (int i = 0; i < 5; ++i) {
         senders.push_back(connectToSink(client.address()));
@@ -164,9 +155,7 @@ TEST_P(VornSteadySink_Limits, WhenOneThatHoldsAllBytesIsCut_ThoseThatWaitedGoOn)
 }
 
 TEST_P(VornSteadySink_Limits, BurstsAboveTheByteLimit_ArriveInOrder) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nByteLimit = 3000;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nByteLimit = 3000; }));
     WatchedThread sender([&] {
         for (int i = 0; i < 1000; ++i)
             sendByHand(client.address(), onWire(0) +
@@ -183,9 +172,7 @@ TEST_P(VornSteadySink_Limits, BurstsAboveTheByteLimit_ArriveInOrder) {
 
 TEST_P(VornSteadySink_Limits, AtTheConnectionLimit_OthersWaitInTheSystemsQueue) {
     HeldCallback held;
-    SteadyOptions options = optionsFor(GetParam());
-    options.nConnectionLimit = 3;
-    const SteadyClient client(options, held.action());
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nConnectionLimit = 3; }), held.action());
     std::vector<UniqueFd> senders;
     for (int i = 0; i < 20; ++i)
         senders.push_back(sendNotification(client.address(), std::to_string(i)));
@@ -267,9 +254,7 @@ TEST_F(VornSteadySink_Datagrams, AnEmptyOrShortOne_IsCountedAndIgnored) {
 }
 
 TEST_F(VornSteadySink_Datagrams, OneThatIsTooLong_IsCountedAndIgnored) {
-    SteadyOptions options = optionsFor(Kind::udp);
-    options.nMessageLimit = 100;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::udp, [](auto& o) { o.nMessageLimit = 100; }));
     sendByHand(client.address(), onWire(0) + std::string(93, 'x'));
     sendByHand(client.address(), onWire(0) + std::string(92, 'x'));
     ASSERT_TRUE(client.callback()->awaitCalls(1));
@@ -287,9 +272,7 @@ TEST_F(VornSteadySink_Datagrams, TheSocket_AsksForABufferOf4MiB) {
 
 TEST_F(VornSteadySink_Datagrams, AtTheByteLimit_TheyWaitInTheSocket) {
     HeldCallback held;
-    SteadyOptions options = optionsFor(Kind::udp);
-    options.nByteLimit = 1000;
-    const SteadyClient client(options, held.action());
+    const SteadyClient client(optionsFor(Kind::udp, [](auto& o) { o.nByteLimit = 1000; }), held.action());
     for (int i = 0; i < 10; ++i)
         sendByHand(client.address(), onWire(0) + std::string(392, 'x'));
     ASSERT_TRUE(held.awaitEntered());

@@ -21,7 +21,7 @@ namespace {
 
 using testing::Values;
 
-class VornSteadySink_Memory : public NotificationTest, public testing::WithParamInterface<Kind> {
+class VornSteadySink_Memory : public NotificationTestOfKind {
 protected:
     /** Everything once, so that the kit has looked up the functions that it stands before. */
     void SetUp() override {
@@ -36,10 +36,10 @@ protected:
 
 class VornSteadySink_StreamMemory : public VornSteadySink_Memory {};
 
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
-
-INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Memory, Values(Kind::pipe, Kind::socket, Kind::udp), kindName);
-INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_StreamMemory, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Memory, Values(Kind::pipe, Kind::socket, Kind::udp),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_StreamMemory, Values(Kind::pipe, Kind::socket),
+                         testing::PrintToStringParamName());
 
 /** While it exists, the sink's threads get no memory. */
 class NoMemoryForItsThreads : public AllocationFault {
@@ -103,9 +103,7 @@ TEST_P(VornSteadySink_StreamMemory, WhileThereIsNone_WhatHasBeenAcceptedWaitsToo
 }
 
 TEST_P(VornSteadySink_StreamMemory, WhileThereIsNone_OneThatIsTooLongIsResetAllTheSame) {
-    SteadyOptions options = optionsFor(GetParam());
-    options.nMessageLimit = 15'000;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nMessageLimit = 15'000; }));
     const UniqueFd fd = connectToSink(client.address());
     ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
     {

@@ -176,9 +176,7 @@ TEST_F(VornSteadySink_Options, TheAddressOfLocalhostsOfficialName_IsTheSinks) {
 }
 
 TEST_F(VornSteadySink_Options, ABindAddress_IsTheSinks) {
-    SteadyOptions options = optionsFor(Kind::socket);
-    options.sBindAddress = "127.0.0.5";
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::socket, [](auto& o) { o.sBindAddress = "127.0.0.5"; }));
     EXPECT_THAT(client.address(), StartsWith("socket:127.0.0.5:"));
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
 }

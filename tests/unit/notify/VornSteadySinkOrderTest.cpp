@@ -16,11 +16,10 @@ namespace {
 using testing::ElementsAre;
 using testing::Values;
 
-class VornSteadySink_Order : public NotificationTest, public testing::WithParamInterface<Kind> {};
+class VornSteadySink_Order : public NotificationTestOfKind {};
 
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
-
-INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Order, Values(Kind::pipe, Kind::socket), kindName);
+INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_Order, Values(Kind::pipe, Kind::socket),
+                         testing::PrintToStringParamName());
 
 void complete(int fd, const std::string& content) {
     sendAll(fd, onWire(0) + content);
@@ -117,9 +116,7 @@ TEST_P(VornSteadySink_Order, AYoungerOne_DoesNotWaitForAnOlderThatIsNotComplete)
 
 TEST_P(VornSteadySink_Order, AtTheByteLimit_AYoungerThatIsCompleteWaitsForAnOlderThatIsHeldBack) {
     HeldCallback held;
-    SteadyOptions options = optionsFor(GetParam());
-    options.nByteLimit = 600;
-    const SteadyClient client(options, held.action());
+    const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nByteLimit = 600; }), held.action());
     const UniqueFd running = sendNotification(client.address(), "running");
     ASSERT_TRUE(held.awaitEntered());
     const UniqueFd large = connectToSink(client.address());

@@ -37,10 +37,17 @@ using testing::Not;
 
 class VornSteadySink_PipeFile : public NotificationTest {};
 
-SteadyOptions named(const std::string& name) {
+SteadyOptions named(const std::string& name, VornNet::VornSteadySink::AddressHandler onAddressChange = {}) {
     SteadyOptions options = optionsFor(Kind::pipe);
     options.sPipeName = name;
+    options.onAddressChange = std::move(onAddressChange);
     return options;
+}
+
+/** Somebody takes a pipe's path over. */
+UniqueFd takeOver(const std::string& path) {
+    ::unlink(path.c_str());
+    return unixListen(path);
 }
 
 struct stat statusOf(const std::string& path) {
@@ -226,20 +233,14 @@ TEST_F(VornSteadySink_PipeFile, AFileThatIsNoPipe_Is98AndIsKept) {
 TEST_F(VornSteadySink_PipeFile, ALivingServerThatReplacesTheDeadOneInBetween_KeepsItsName) {
     unixListen(pipePath("client")).reset();
     UniqueFd server;
-    const CallHook inBetween("renameat2", [&] {
-        ::unlink(pipePath("client").c_str());
-        server = unixListen(pipePath("client"));
-    });
+    const CallHook inBetween("renameat2", [&] { server = takeOver(pipePath("client")); });
     EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
     EXPECT_TRUE(unixConnect(pipePath("client")));
 }
 
 TEST_F(VornSteadySink_PipeFile, ANameThatIsTakenOverDuringTheConstruction_Is98) {
     UniqueFd server;
-    const CallHook inBetween("listen", [&] {
-        ::unlink(pipePath("client").c_str());
-        server = unixListen(pipePath("client"));
-    });
+    const CallHook inBetween("listen", [&] { server = takeOver(pipePath("client")); });
     EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
     EXPECT_TRUE(unixConnect(pipePath("client")));
 }
@@ -255,8 +256,7 @@ TEST_F(VornSteadySink_PipeFile, TheDestructor_RemovesTheOwnFileOnly) {
     UniqueFd server;
     {
         const SteadyClient client(named("client"));
-        ::unlink(pipePath("client").c_str());
-        server = unixListen(pipePath("client"));
+        server = takeOver(pipePath("client"));
     }
     EXPECT_TRUE(unixConnect(pipePath("client")));
 }
@@ -276,9 +276,7 @@ TEST_F(VornSteadySink_PipeFile, WhileTheLastCallbackRuns_TheFileIsGoneAlready) {
 
 TEST_F(VornSteadySink_PipeFile, AFileThatIsRemoved_IsMadeAgainUnderTheSameName) {
     Told told;
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.onAddressChange = told.handler();
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::pipe, [&](auto& o) { o.onAddressChange = told.handler(); }));
     const std::string address = client.address();
     const std::string path = pathOf(client);
     ::unlink(path.c_str());
@@ -290,9 +288,7 @@ TEST_F(VornSteadySink_PipeFile, AFileThatIsRemoved_IsMadeAgainUnderTheSameName) 
 
 TEST_F(VornSteadySink_PipeFile, WhoHadConnectedToARemovedFile_IsServedBeforeThoseWhoComeAfter) {
     HeldCallback held;
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.nConnectionLimit = 1;
-    const SteadyClient client(options, held.action());
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) { o.nConnectionLimit = 1; }), held.action());
     const UniqueFd running = sendNotification(client.address(), "running");
     ASSERT_TRUE(held.awaitEntered());
     const UniqueFd before = sendNotification(client.address(), "before");
@@ -315,8 +311,7 @@ TEST_F(VornSteadySink_PipeFile, AFileThatIsReplaced_GivesTheSinkAnotherNameAndTh
         const SteadyClient client(options);
         const std::string path = pathOf(client);
         const std::string before = client.address();
-        ::unlink(path.c_str());
-        const UniqueFd server = unixListen(path);
+        const UniqueFd server = takeOver(path);
         ASSERT_TRUE(awaitCondition([&] { return told.addresses().size() == 1; }));
         EXPECT_NE(client.address(), before);
         EXPECT_THAT(client.address(), MatchesRegex("pipe:quorax[0-9a-f]+-[0-9a-f]{8}"));
@@ -331,12 +326,11 @@ TEST_F(VornSteadySink_PipeFile, ANameThatChangesAgainWhileTheHandlerRuns_IsToldA
     Told told;
     Gate entered;
     Gate goesOn;
-    SteadyOptions options = named("client");
-    options.onAddressChange = [&](const VornSupport::VornString& address) {
+    const SteadyOptions options = named("client", [&](const VornSupport::VornString& address) {
         told.handler()(address);
         entered.open();
         goesOn.await();
-    };
+    });
     const SteadyClient client(options);
     {
         const FaultRule taken("bind", EADDRINUSE); // somebody is quicker
@@ -346,8 +340,7 @@ TEST_F(VornSteadySink_PipeFile, ANameThatChangesAgainWhileTheHandlerRuns_IsToldA
     const std::string first = client.address();
     EXPECT_NE(first, "pipe:client");
     const std::string path = pathOf(client);
-    ::unlink(path.c_str());
-    const UniqueFd server = unixListen(path);
+    const UniqueFd server = takeOver(path);
     ASSERT_TRUE(awaitCondition([&] { return client.address() != first; }));
     EXPECT_THAT(told.addresses(), ElementsAre(first));
     goesOn.open();
@@ -367,19 +360,17 @@ TEST_F(VornSteadySink_PipeFile, WhileTheHandlerTakesItsTime_CallbacksAreCalledAn
     Gate entered;
     Gate goesOn;
     pid_t handlerThread = 0;
-    SteadyOptions options = named("client");
-    options.onAddressChange = [&](const VornSupport::VornString&) {
+    const SteadyOptions options = named("client", [&](const VornSupport::VornString&) {
         handlerThread = currentTid();
         entered.open();
         goesOn.await();
-    };
+    });
     pid_t callbackThread = 0;
     const SteadyClient client(options, [&](auto&) {
         callbackThread = currentTid();
         return "";
     });
-    ::unlink(pipePath("client").c_str());
-    const UniqueFd server = unixListen(pipePath("client"));
+    const UniqueFd server = takeOver(pipePath("client"));
     ASSERT_TRUE(entered.await());
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
     ASSERT_TRUE(client.callback()->awaitCalls(1));
@@ -389,40 +380,31 @@ TEST_F(VornSteadySink_PipeFile, WhileTheHandlerTakesItsTime_CallbacksAreCalledAn
 
 TEST_F(VornSteadySink_PipeFile, AHandlerThatThrows_IsLoggedAndTheSinkGoesOn) {
     LogCapture log(1);
-    SteadyOptions options = named("client");
-    options.onAddressChange = [](const VornSupport::VornString&) {
-        throw VornSupport::VornException("oh", 5);
-    };
+    const SteadyOptions options =
+        named("client", [](const VornSupport::VornString&) { throw VornSupport::VornException("oh", 5); });
     const SteadyClient client(options);
-    ::unlink(pipePath("client").c_str());
-    const UniqueFd server = unixListen(pipePath("client"));
+    const UniqueFd server = takeOver(pipePath("client"));
     EXPECT_TRUE(log.await("VornSteadySink::onAddressChange: the handler threw: oh (code=5)"));
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
 }
 
 TEST_F(VornSteadySink_PipeFile, AHandlerThatEndsItsThread_EndsNothingElse) {
     Gate entered;
-    SteadyOptions options = named("client");
-    options.onAddressChange = [&](const VornSupport::VornString&) {
+    const SteadyOptions options = named("client", [&](const VornSupport::VornString&) {
         entered.open();
         ::pthread_exit(nullptr);
-    };
+    });
     SteadyClient client(options);
-    ::unlink(pipePath("client").c_str());
-    const UniqueFd server = unixListen(pipePath("client"));
+    const UniqueFd server = takeOver(pipePath("client"));
     ASSERT_TRUE(entered.await());
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
     client.destroy();
 }
 
 TEST_F(VornSteadySink_PipeFile, WithoutAThreadForTheHandler_ItIsToldLater) {
-    useInterposition();
     Told told;
-    SteadyOptions options = named("client");
-    options.onAddressChange = told.handler();
-    const SteadyClient client(options);
-    ::unlink(pipePath("client").c_str());
-    const UniqueFd server = unixListen(pipePath("client"));
+    const SteadyClient client(named("client", told.handler()));
+    const UniqueFd server = takeOver(pipePath("client"));
     {
         const FaultRule none("pthread_create", EAGAIN, 1, FaultRule::always);
         EXPECT_TRUE(awaitCondition([&] { return none.failures() > 0; }));

@@ -36,12 +36,10 @@ using Sink = VornNet::VornSteadySink;
 
 class VornSteadySink : public NotificationTest {};
 
-class VornSteadySink_OfAnyKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
-
-const auto kindName = [](const auto& parameter) { return nameOf(parameter.param); };
+class VornSteadySink_OfAnyKind : public NotificationTestOfKind {};
 
 INSTANTIATE_TEST_SUITE_P(Kind, VornSteadySink_OfAnyKind, Values(Kind::pipe, Kind::socket, Kind::udp),
-                         kindName);
+                         testing::PrintToStringParamName());
 
 /** Notifications of a proxy, each with its id, from a process of its own; a line of input starts it. */
 int notifyFrom(const std::vector<std::string>& args) {

@@ -25,7 +25,6 @@ using namespace VornTest;
 
 namespace {
 
-constexpr int exitStatus = 7;
 constexpr const char* positionFile = "/opt/builds.position";
 
 /** A plain service, and a subscriber in a process of its own. */
@@ -70,13 +69,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Ways, VornSubscriber_Fork, testing::Bool(),
                          [](const auto& test) { return test.param ? "Thread" : "Loop"; });
 
-/** Without a buffer: a child must not print again what its parent has printed. */
-void print(const std::string& line) {
-    const std::string bytes = line + "\n";
-    if (::write(STDOUT_FILENO, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
-        std::abort();
-}
-
 /** Static, so that exit() destroys it. */
 std::unique_ptr<VornSubscriber> g_subscriber;
 
@@ -95,14 +87,6 @@ int run(const std::string& way, const std::function<void(std::uint64_t)>& onEven
     return 0;
 }
 
-/** Lets a child end as a program does. */
-std::string childThatExits() {
-    const pid_t child = ::fork();
-    if (child == 0)
-        std::exit(exitStatus);
-    return std::to_string(statusOf(child));
-}
-
 KIT_ROLE(subscriberWhoseChildrenExit) {
     return run(args.at(0), [](std::uint64_t number) {
         std::string line = std::to_string(number);
@@ -112,7 +96,7 @@ KIT_ROLE(subscriberWhoseChildrenExit) {
             // A thread that is not the handler's.
             WatchedThread([&] { line += ", another thread's child: " + childThatExits(); }).join();
         }
-        print(line);
+        printLine(line);
     });
 }
 

@@ -54,6 +54,15 @@ std::string contentOf(VornConnection& content) {
     return text;
 }
 
+Options quick(const std::function<void(Options&)>& change = nullptr) {
+    Options options;
+    options.firstPause = 1ms;
+    options.longestPause = 4ms;
+    if (change)
+        change(options);
+    return options;
+}
+
 /** How a subscriber is reached, and by whom it is driven. */
 struct Way {
     bool isPipe;
@@ -63,11 +72,6 @@ struct Way {
 /** A subscriber whose calls are written down, and a plain service for it. */
 class SubscriberFixture : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        useInterposition();
-        LeakCheckedTest::SetUp();
-    }
-
     void TearDown() override {
         endDriving();
         m_subscriber.reset();
@@ -174,6 +178,20 @@ protected:
         say(place.bytes());
     }
 
+    /** Subscribes to a service that admits it. */
+    void connect(const Options& options = quick(), const WirePlace& place = {history, 1, 0, 5000},
+                 const WireRequest& request = {}) {
+        listen();
+        subscribe(options);
+        admit(place, request);
+    }
+
+    /** Waits for the last of the lines: these have come, and no others. */
+    void expectLines(const std::vector<std::string>& expected) {
+        ASSERT_TRUE(awaitLine(expected.back()));
+        EXPECT_EQ(lines(), expected);
+    }
+
     void say(const std::string& data) { sendAll(m_service.get(), data); }
 
     void say(const WireFrame& frame) { say(frame.bytes()); }
@@ -209,15 +227,6 @@ INSTANTIATE_TEST_SUITE_P(Ways, VornSubscriber_Wire,
                              return std::string(test.param.isPipe ? "Pipe" : "Tcp") +
                                     (test.param.hasOwnThread ? "OwnThread" : "Dispatch");
                          });
-
-Options quick(const std::function<void(Options&)>& change = nullptr) {
-    Options options;
-    options.firstPause = 1ms;
-    options.longestPause = 4ms;
-    if (change)
-        change(options);
-    return options;
-}
 
 std::string openFailure(const std::function<void(Options&)>& change,
                         const std::string& address = "pipe:alpha", const std::string& topic = "builds") {
@@ -294,12 +303,11 @@ TEST_F(VornSubscriber_Open, NamesItsThreadAndBlocksItsSignals) {
 // The exchange.
 
 TEST_P(VornSubscriber_Wire, AsksWithItsWords_AndCallsForEachEvent) {
-    listen();
-    subscribe(quick([](Options& o) {
-        o.start = VornSubscriber::Start::oldest;
-        o.sWords = "me";
-    }));
-    admit({history, 1, 2, 5000}, {.begin = 2, .words = "me"});
+    connect(quick([](Options& o) {
+                o.start = VornSubscriber::Start::oldest;
+                o.sWords = "me";
+            }),
+            {history, 1, 2, 5000}, {.begin = 2, .words = "me"});
     say(WireFrame::event(1, "a"));
     say(WireFrame::event(2, "b").bytes() + WireFrame::event(3, "").bytes());
     ASSERT_TRUE(awaitLines(4));
@@ -340,23 +348,17 @@ TEST_P(VornSubscriber_Wire, TheFirstRequestSaysWhereToBegin) {
 }
 
 TEST_P(VornSubscriber_Wire, AfterALoss_ItGoesOnAfterTheLastEventThatWasCalledFor) {
-    listen();
-    subscribe(quick());
-    admit({history, 8, 7, 5000});
+    connect(quick(), {history, 8, 7, 5000});
     say(WireFrame::event(8, "a"));
     ASSERT_TRUE(awaitLine("8 a"));
     m_service.reset();
     admit({history, 9, 9, 5000}, after(8));
     say(WireFrame::event(9, "b"));
-    ASSERT_TRUE(awaitLine("9 old b"));
-    EXPECT_THAT(lines(),
-                ElementsAre("connected '' 0", "8 a", "away 'closed' 107", "connected '' 0", "9 old b"));
+    expectLines({"connected '' 0", "8 a", "away 'closed' 107", "connected '' 0", "9 old b"});
 }
 
 TEST_P(VornSubscriber_Wire, ALossBeforeTheFirstEvent_LosesNone) {
-    listen();
-    subscribe(quick());
-    admit({history, 8, 7, 5000});
+    connect(quick(), {history, 8, 7, 5000});
     ASSERT_TRUE(awaitLine("connected '' 0"));
     EXPECT_EQ(subscriber().position(), VornPosition());
     m_service.reset();
@@ -367,45 +369,34 @@ TEST_P(VornSubscriber_Wire, ALossBeforeTheFirstEvent_LosesNone) {
 }
 
 TEST_P(VornSubscriber_Wire, AnEventThatWasCalledFor_IsLeftOut) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     for (const std::uint64_t number : {1U, 2U, 1U, 2U, 3U})
         say(WireFrame::event(number, "x"));
-    ASSERT_TRUE(awaitLine("3 x"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x", "2 x", "3 x"));
+    expectLines({"connected '' 0", "1 x", "2 x", "3 x"});
     EXPECT_EQ(subscriber().statistics().nRepeated, 2U);
 }
 
 TEST_P(VornSubscriber_Wire, AnEventAheadWithoutAGap_IsAGapAndTheEvent) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "x"));
     say(WireFrame::event(5, "y"));
-    ASSERT_TRUE(awaitLine("5 y"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x", "gap 1 4 3", "5 y"));
+    expectLines({"connected '' 0", "1 x", "gap 1 4 3", "5 y"});
     EXPECT_EQ(subscriber().statistics().nGaps, 1U);
     EXPECT_EQ(subscriber().statistics().nMissed, 3U);
 }
 
 TEST_P(VornSubscriber_Wire, AGap_IsToldBetweenTheTwoEvents) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "x"));
     say(WireFrame::gap(history, 1, 2)); // of what is there
     say(WireFrame::gap(history, 2, 12));
     say(WireFrame::event(12, "y"));
-    ASSERT_TRUE(awaitLine("12 y"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x", "gap 1 11 10", "12 y"));
+    expectLines({"connected '' 0", "1 x", "gap 1 11 10", "12 y"});
     EXPECT_EQ(subscriber().statistics().nMissed, 10U);
 }
 
 TEST_P(VornSubscriber_Wire, AGapThatWasTold_IsNotAskedForAgain) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::gap(history, 1, 12));
     ASSERT_TRUE(awaitLine("gap 0 11 11"));
     m_service.reset();
@@ -413,59 +404,44 @@ TEST_P(VornSubscriber_Wire, AGapThatWasTold_IsNotAskedForAgain) {
 }
 
 TEST_P(VornSubscriber_Wire, AnotherHistory_IsAGapOfUnknownSize) {
-    listen();
-    subscribe(quick([](Options& o) { o.position = {history, 5}; }));
-    admit({history + 1, 1, 2, 5000}, after(5));
+    connect(quick([](Options& o) { o.position = {history, 5}; }), {history + 1, 1, 2, 5000}, after(5));
     say(WireFrame::gap(history + 1, 0, 1));
     say(WireFrame::event(1, "x"));
-    ASSERT_TRUE(awaitLine("1 old x"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 5 0 0", "1 old x"));
+    expectLines({"connected '' 0", "gap 5 0 0", "1 old x"});
     EXPECT_EQ(subscriber().position(), (VornPosition{history + 1, 1}));
     EXPECT_EQ(subscriber().statistics().nGaps, 1U);
     EXPECT_EQ(subscriber().statistics().nMissed, 0U);
 }
 
 TEST_P(VornSubscriber_Wire, AnotherHistoryWithoutAGap_IsToldAllTheSame) {
-    listen();
-    subscribe(quick([](Options& o) { o.position = {history, 5}; }));
-    admit({history + 1, 3, 2, 5000}, after(5));
+    connect(quick([](Options& o) { o.position = {history, 5}; }), {history + 1, 3, 2, 5000}, after(5));
     say(WireFrame::event(3, "x"));
-    ASSERT_TRUE(awaitLine("3 x"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 5 2 0", "3 x"));
+    expectLines({"connected '' 0", "gap 5 2 0", "3 x"});
 }
 
 TEST_P(VornSubscriber_Wire, AGapWithNumbersOfAnotherHistory_IsOfUnknownSize) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "x"));
     say(WireFrame::gap(history + 1, 5, 8));
     say(WireFrame::event(8, "y"));
-    ASSERT_TRUE(awaitLine("8 y"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x", "gap 1 7 0", "8 y"));
+    expectLines({"connected '' 0", "1 x", "gap 1 7 0", "8 y"});
 }
 
 TEST_P(VornSubscriber_Wire, APositionAheadOfTheService_IsAGapAndGoesOnWithSmallerNumbers) {
-    listen();
-    subscribe(quick([](Options& o) { o.position = {history, 500}; }));
-    admit({history, 1, 1, 5000}, after(500));
+    connect(quick([](Options& o) { o.position = {history, 500}; }), {history, 1, 1, 5000}, after(500));
     say(WireFrame::gap(history, 0, 1));
     say(WireFrame::event(1, "x"));
-    ASSERT_TRUE(awaitLine("1 old x"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 500 0 0", "1 old x"));
+    expectLines({"connected '' 0", "gap 500 0 0", "1 old x"});
     EXPECT_EQ(subscriber().statistics().nRepeated, 0U);
 }
 
 TEST_P(VornSubscriber_Wire, SignsOfLifeAndUnknownKinds_CallNothing) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::sign(41));
     say(WireFrame{77, std::string(300'000, 'u')});
     say(WireFrame{0, ""});
     say(WireFrame::event(1, "x"));
-    ASSERT_TRUE(awaitLine("1 x"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 x"));
+    expectLines({"connected '' 0", "1 x"});
     EXPECT_EQ(subscriber().statistics().nNewest, 41U);
 }
 
@@ -479,15 +455,11 @@ TEST_P(VornSubscriber_Wire, TakesEverythingInSingleBytes) {
            WireFrame::last(1, "bye").bytes();
     for (const char byte : all)
         say({&byte, 1});
-    ASSERT_TRUE(awaitLine("away 'the service stops' 0"));
-    EXPECT_THAT(lines(),
-                ElementsAre("connected '' 0", "1 x", "gap 1 3 2", "4 y", "away 'the service stops' 0"));
+    expectLines({"connected '' 0", "1 x", "gap 1 3 2", "4 y", "away 'the service stops' 0"});
 }
 
 TEST_P(VornSubscriber_Wire, TakesEventsOfManyMegabytes) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     WatchedThread sending([&] {
         say(WireFrame::event(1, std::string(5 * 1024 * 1024, 'x')));
         say(WireFrame::event(2, "y"));
@@ -531,9 +503,7 @@ TEST_P(VornSubscriber_Wire, ARefusal_HasTheServicesWords) {
 }
 
 TEST_P(VornSubscriber_Wire, ADroppedSubscription_IsARefusal) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::last(2, "too loud"));
     ASSERT_TRUE(awaitLine("refused 'too loud' 0"));
     m_service.reset();
@@ -541,9 +511,7 @@ TEST_P(VornSubscriber_Wire, ADroppedSubscription_IsARefusal) {
 }
 
 TEST_P(VornSubscriber_Wire, AServiceThatStops_IsAwayAndTriedAgain) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::last(1, "the service stops"));
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
     admit({history, 1, 0, 5000}, after(0));
@@ -577,9 +545,7 @@ TEST_P(VornSubscriber_Wire, AServiceThatClosesBeforeItAnswers_Is107) {
 }
 
 TEST_P(VornSubscriber_Wire, AReset_IsClosedWith104) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     ASSERT_TRUE(awaitLine("connected '' 0"));
     if (way().isPipe)
         return; // a pipe's service that has read everything cannot reset
@@ -589,21 +555,17 @@ TEST_P(VornSubscriber_Wire, AReset_IsClosedWith104) {
 }
 
 TEST_P(VornSubscriber_Wire, NothingForThreeBeats_IsSilent) {
-    listen();
-    subscribe(quick());
-    admit({history, 1, 0, 20});
+    connect(quick(), {history, 1, 0, 20});
     ASSERT_TRUE(awaitLine("away 'silent' 110"));
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
 }
 
 TEST_P(VornSubscriber_Wire, TheTimeThatAHandlerTakes_IsNoSilence) {
-    listen();
     m_inHandler = [](const std::string& text) {
         const auto end = std::chrono::steady_clock::now() + (text == "a" ? 500ms : 0ms);
         awaitCondition([&] { return std::chrono::steady_clock::now() >= end; });
     };
-    subscribe(quick());
-    admit({history, 1, 0, 150});
+    connect(quick(), {history, 1, 0, 150});
     say(WireFrame::event(1, "a").bytes());
     ASSERT_TRUE(awaitLine("1 a"));
     say(WireFrame::event(2, "b").bytes());
@@ -614,9 +576,7 @@ TEST_P(VornSubscriber_Wire, TheTimeThatAHandlerTakes_IsNoSilence) {
 }
 
 TEST_P(VornSubscriber_Wire, SignsOfLife_KeepItConnected) {
-    listen();
-    subscribe(quick());
-    admit({history, 1, 0, 100});
+    connect(quick(), {history, 1, 0, 100});
     ASSERT_TRUE(awaitLine("connected '' 0"));
     const auto start = std::chrono::steady_clock::now();
     pollfd closed{m_service.get(), POLLIN, 0};
@@ -658,19 +618,14 @@ TEST_P(VornSubscriber_Wire, WhatIsNoAnswerOrNoFrame_IsNotUnderstood) {
 }
 
 TEST_P(VornSubscriber_Wire, AnEventAboveTheLimit_Is90AndIsNotWaitedFor) {
-    listen();
-    subscribe(quick([](Options& o) { o.nEventLimit = 3; }));
-    admit();
+    connect(quick([](Options& o) { o.nEventLimit = 3; }));
     say(WireFrame::event(1, "abc"));
     say(wireInt(1) + wireInt(8 + 4)); // the content never comes
-    ASSERT_TRUE(awaitLine("away 'event too long' 90"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 abc", "away 'event too long' 90"));
+    expectLines({"connected '' 0", "1 abc", "away 'event too long' 90"});
 }
 
 TEST_P(VornSubscriber_Wire, WithoutDescriptors_ItIsAwayWith24AndTriesAgain) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     ASSERT_TRUE(awaitLine("connected '' 0"));
     std::optional<FaultRule> full(std::in_place, "socket", EMFILE, 1, FaultRule::always);
     m_service.reset();
@@ -692,9 +647,7 @@ TEST_P(VornSubscriber_Wire, WhenSendsAndReceivesAreCut_TheExchangeIsTheSame) {
 }
 
 TEST_P(VornSubscriber_Wire, SetAddress_LeavesTheOldServiceAtOnce) {
-    listen();
-    subscribe(quick([](Options& o) { o.longestPause = 1h; }));
-    admit();
+    connect(quick([](Options& o) { o.longestPause = 1h; }));
     say(WireFrame::event(1, "x"));
     ASSERT_TRUE(awaitLine("1 x"));
     EXPECT_EQ(thrownBy([&] { subscriber().setAddress("nowhere"); }),
@@ -723,20 +676,15 @@ TEST_P(VornSubscriber_Wire, SetAddressByTheStateHandler_IsTriedAtOnce) {
 }
 
 TEST_P(VornSubscriber_Wire, AnAnswerLimitWithoutEnd_IsNone) {
-    listen();
-    subscribe(quick([](Options& o) { o.answerLimit = std::chrono::milliseconds::max(); }));
-    admit();
+    connect(quick([](Options& o) { o.answerLimit = std::chrono::milliseconds::max(); }));
     ASSERT_TRUE(awaitLine("connected '' 0"));
 }
 
 TEST_P(VornSubscriber_Wire, SetAddressByAHandler_EndsTheOldConnectionBeforeTheNextEvent) {
-    listen();
     m_inHandler = [this](const std::string&) { subscriber().setAddress(address()); };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
-    ASSERT_TRUE(awaitLine("away 'moved' 0"));
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 a", "away 'moved' 0"));
+    expectLines({"connected '' 0", "1 a", "away 'moved' 0"});
     admit({history, 2, 2, 5000}, after(1));
 }
 
@@ -744,7 +692,6 @@ TEST_P(VornSubscriber_Wire, SetAddressByAHandler_EndsTheOldConnectionBeforeTheNe
 
 TEST_P(VornSubscriber_Wire, AnEventHandlerThatThrows_IsLoggedAndCounted_AndTheEventIsCalledFor) {
     LogCapture log(1);
-    listen();
     m_inHandler = [](const std::string& text) {
         if (text == "a")
             throw VornSupport::VornException("mine", 5);
@@ -753,8 +700,7 @@ TEST_P(VornSubscriber_Wire, AnEventHandlerThatThrows_IsLoggedAndCounted_AndTheEv
         if (text == "c")
             throw 7;
     };
-    subscribe(quick());
-    admit();
+    connect();
     for (const char* text : {"a", "b", "c", "d"})
         say(WireFrame::event(static_cast<std::uint64_t>(*text - 'a' + 1), text));
     ASSERT_TRUE(awaitLine("4 d"));
@@ -767,15 +713,13 @@ TEST_P(VornSubscriber_Wire, AnEventHandlerThatThrows_IsLoggedAndCounted_AndTheEv
 
 TEST_P(VornSubscriber_Wire, OtherHandlersThatThrow_AreLogged) {
     LogCapture log(1);
-    listen();
     m_inNote = [](const std::string& line) {
         if (line.compare(0, 3, "gap") == 0)
             throw std::runtime_error("of the gap");
         if (line.compare(0, 9, "connected") == 0)
             throw std::runtime_error("of the state");
     };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::gap(history, 1, 3));
     say(WireFrame::event(3, "x"));
     ASSERT_TRUE(awaitLine("3 x"));
@@ -823,10 +767,8 @@ TEST_P(VornSubscriber_Wire, TheHandlerReadsInMemory_AndWhatItLeavesDoesNoHarm) {
 }
 
 TEST_P(VornSubscriber_Wire, StopByAHandler_CallsNothingMore) {
-    listen();
     m_inHandler = [this](const std::string&) { subscriber().stop(); };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
     EXPECT_THAT(lines(), ElementsAre("connected '' 0", "1 a"));
@@ -835,28 +777,24 @@ TEST_P(VornSubscriber_Wire, StopByAHandler_CallsNothingMore) {
 }
 
 TEST_P(VornSubscriber_Wire, StopByTheGapHandler_CallsForNoEvent) {
-    listen();
     m_inNote = [this](const std::string& line) {
         if (line == "gap 0 4 4")
             subscriber().stop();
     };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(5, "ahead"));
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
     EXPECT_THAT(lines(), ElementsAre("connected '' 0", "gap 0 4 4"));
 }
 
 TEST_P(VornSubscriber_Wire, DestroyedByAHandler_TheRestIsLeft) {
-    listen();
     std::atomic<bool> isDestroyed = false;
     m_inHandler = [&](const std::string&) {
         m_isEnding = true;
         m_subscriber.reset();
         isDestroyed = true;
     };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
     EXPECT_EQ(receiveToEnd(m_service.get()), "");
     ASSERT_TRUE(awaitCondition([&] { return isDestroyed.load(); }));
@@ -864,10 +802,8 @@ TEST_P(VornSubscriber_Wire, DestroyedByAHandler_TheRestIsLeft) {
 }
 
 TEST_P(VornSubscriber_Wire, StopFromAnotherThread_WaitsForTheHandler) {
-    listen();
     m_inHandler = [this](const std::string&) { m_barrier.pass(); };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "a").bytes() + WireFrame::event(2, "b").bytes());
     ASSERT_TRUE(m_barrier.awaitReached());
     WatchedThread stopping([&] { subscriber().stop(); });
@@ -898,9 +834,7 @@ TEST_P(VornSubscriber_Wire, Stop_LeavesNoDescriptorButTheHandle) {
 }
 
 TEST_P(VornSubscriber_Wire, NoHandlerIsToldOfStop) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     ASSERT_TRUE(awaitLine("connected '' 0"));
     subscriber().stop();
     EXPECT_THAT(lines(), ElementsAre("connected '' 0"));
@@ -967,9 +901,7 @@ TEST_F(VornSubscriber_PositionFile, OneThatHoldsNone_Is22_AndALockedOne11) {
 }
 
 TEST_F(VornSubscriber_PositionFile, ANoteThatFails_IsTriedAgainWithTheNextEvent) {
-    listen();
-    subscribe(withFile());
-    admit({history, 4, 3, 5000}, after(3));
+    connect(withFile(), {history, 4, 3, 5000}, after(3));
     {
         const FaultRule full("pwrite", ENOSPC);
         say(WireFrame::event(4, "a"));
@@ -1034,10 +966,8 @@ TEST_F(VornSubscriber_Host, ThatIsItself_IsNoService) {
 using VornSubscriber_Thread = SubscriberFixture;
 
 TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
-    listen();
     m_inHandler = [](const std::string&) { ::pthread_exit(nullptr); };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "a"));
     ASSERT_TRUE(awaitLine("1 a"));
     EXPECT_TRUE(WatchedThread([&] { subscriber().stop(); }).join());
@@ -1045,10 +975,8 @@ TEST_F(VornSubscriber_Thread, AHandlerThatEndsIt_EndsNothingElse) {
 }
 
 TEST_F(VornSubscriber_Thread, Stop_IsGoneThroughAlsoByAThreadThatIsCancelled) {
-    listen();
     m_inHandler = [this](const std::string&) { m_barrier.pass(); };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(1, "a"));
     ASSERT_TRUE(m_barrier.awaitReached());
     WatchedThread stopping([&] { subscriber().stop(); });
@@ -1145,9 +1073,7 @@ TEST_F(VornSubscriber_Loop, AtMostAbout64KiBAtATime_AndTheHandleStaysReadable) {
 }
 
 TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheNext) {
-    listen();
-    subscribe(quick());
-    admit();
+    connect();
     ASSERT_TRUE(awaitLine("connected '' 0"));
     m_inHandler = [](const std::string& text) {
         if (text == "a")
@@ -1161,13 +1087,11 @@ TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWithinAHandler_LeavesTheRestToTheN
 }
 
 TEST_F(VornSubscriber_Loop, AThreadThatIsEndedWhenAGapIsTold_LeavesTheEventAfterItToTheNext) {
-    listen();
     m_inNote = [](const std::string& line) {
         if (line == "gap 0 4 4")
             ::pthread_exit(nullptr);
     };
-    subscribe(quick());
-    admit();
+    connect();
     say(WireFrame::event(5, "ahead"));
     ASSERT_TRUE(m_driver->join());
     EXPECT_TRUE(isReadable(1000));
