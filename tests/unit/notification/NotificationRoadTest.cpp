@@ -91,32 +91,6 @@ KIT_ROLE(roadService) {
     return liveAsService(std::stol(args.at(0)));
 }
 
-TEST_P(NotificationRoad, FromProxyToPlainReceiver) {
-    UniqueFd fd;
-    int port = 0;
-    std::string address;
-    switch (GetParam()) {
-    case Kind::pipe:
-        fd = unixListen(pipePath("plain"));
-        address = "pipe:plain";
-        break;
-    case Kind::socket:
-        fd = tcpListen("127.0.0.1", port);
-        break;
-    case Kind::udp:
-        fd = udpSocket("127.0.0.1", port);
-        break;
-    }
-    if (address.empty())
-        address = nameOf(GetParam()) + ":127.0.0.1:" + std::to_string(port);
-    Service service(7);
-    EXPECT_EQ(service.notify(address, 12), "sent");
-    const std::string received =
-        GetParam() == Kind::udp ? receiveDatagram(fd.get()) : receiveToEnd(acceptClient(fd.get()).get());
-    EXPECT_EQ(hex(received), "00 00 00 07 00 00 00 00 00 00 00 0c 00 00 00 00");
-    ::unlink(pipePath("plain").c_str());
-}
-
 TEST_P(NotificationRoad, FromSocatToSink) {
     Client client(GetParam());
     client.awaitServing();

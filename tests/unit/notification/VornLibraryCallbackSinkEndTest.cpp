@@ -74,6 +74,13 @@ struct SocketPair {
     UniqueFd second;
 };
 
+/** Whether somebody's reading has been ended. */
+bool isCutOff(const CallTrace& trace) {
+    const auto calls = trace.records("shutdown");
+    return std::any_of(calls.begin(), calls.end(),
+                       [](const CallRecord& call) { return call.second == SHUT_RD; });
+}
+
 /** Waits until clients would have been cut off: nothing tells that a cut is not going to be made. */
 void passTheTimeOfTheCut() {
     letPass(600ms);
@@ -172,25 +179,21 @@ TEST_P(VornLibraryCallbackSink_EndOfAnyKind, UnderTraffic_EndsEveryTime) {
 TEST_P(VornLibraryCallbackSink_EndOfAnyKind, WhileCallbackRuns_WaitsForIt) {
     LogCapture log;
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
+    HeldCallback held;
     // Of the type that an object has while its destructor runs.
     VornNet::VornLibraryCallbackSink& dying = *sink;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection&) {
-        entered.open();
-        leave.await();
+    const CallbackPointer callback = addCallback(*sink, held.action({}, [&](Connection&) {
         // The sink's members must still be there.
         return std::to_string(dying.getCallbackContainer().getNewId());
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0));
-    ASSERT_TRUE(entered.await());
+    }));
+    sendWhenServing(sink, onWire(0));
+    ASSERT_TRUE(held.awaitEntered());
     log.clear();
     WatchedThread destroyer([&] { sink.destroy(); });
     ASSERT_TRUE(log.await("closing socket"));
     EXPECT_TRUE(awaitBlockedOnLock(destroyer.tid()));
     EXPECT_FALSE(destroyer.finished());
-    leave.open();
+    held.letGoOn();
     EXPECT_TRUE(destroyer.join(endsWithin));
     EXPECT_THAT(callback->contents(), ElementsAre("1"));
     EXPECT_EQ(log.count("run: callback returned"), 1);
@@ -207,9 +210,7 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WithSilentClient_Ends) {
 
 TEST_P(VornLibraryCallbackSink_EndOnStreams, WithClientThatSentHalfAHandle_Ends) {
     WatchedSink sink(GetParam());
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd silent = connectToSink(sink.address());
-    sendAll(silent.get(), bytes("00 00 00"));
+    const UniqueFd silent = connectWhenServing(sink, bytes("00 00 00"));
     ASSERT_TRUE(sink.awaitReading());
     EXPECT_TRUE(destroyInTime(sink));
 }
@@ -228,9 +229,7 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WithCallbackThatReadsFromSilentClie
         }
         return {};
     });
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd silent = connectToSink(sink.address());
-    sendAll(silent.get(), onWire(0));
+    const UniqueFd silent = connectWhenServing(sink, onWire(0));
     ASSERT_TRUE(entered.await());
     ASSERT_TRUE(sink.awaitReading());
     EXPECT_TRUE(destroyInTime(sink));
@@ -247,9 +246,7 @@ TEST_F(VornLibraryCallbackSink_End, WithClientThatIsBeingServed_CutsItOffAfter20
         entered.open();
         return readToEnd(*connection);
     });
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd silent = connectToSink(sink.address());
-    sendAll(silent.get(), onWire(0));
+    const UniqueFd silent = connectWhenServing(sink, onWire(0));
     ASSERT_TRUE(entered.await());
     ASSERT_TRUE(sink.awaitReading());
     log.clear();
@@ -271,56 +268,41 @@ TEST_F(VornLibraryCallbackSink_End, WithClientThatIsBeingServed_CutsItOffAfter20
 
 TEST_P(VornLibraryCallbackSink_EndOnStreams, WithCallbackThatWaits_WhatHasArrivedCanBeRead) {
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
-        entered.open();
-        leave.await();
-        return readToEnd(*connection);
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd client = connectToSink(sink.address());
-    sendAll(client.get(), onWire(0) + "arrived");
-    ASSERT_TRUE(entered.await());
+    HeldCallback held;
+    const CallbackPointer callback =
+        addCallback(*sink, held.action({}, [](Connection& connection) { return readToEnd(*connection); }));
+    const UniqueFd client = connectWhenServing(sink, onWire(0) + "arrived");
+    ASSERT_TRUE(held.awaitEntered());
     CallTrace trace;
     WatchedThread destroyer([&] { sink.destroy(); });
-    ASSERT_TRUE(awaitCondition([&] {
-        const auto calls = trace.records("shutdown");
-        return std::any_of(calls.begin(), calls.end(),
-                           [](const CallRecord& call) { return call.second == SHUT_RD; });
-    })) << "the client is to be cut off";
-    leave.open();
+    ASSERT_TRUE(awaitCondition([&] { return isCutOff(trace); }));
+    held.letGoOn();
     EXPECT_TRUE(destroyer.join(endsWithin));
     EXPECT_THAT(callback->contents(), ElementsAre("arrived"));
 }
 
 TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasDisconnected_NoStrangerIsCutOff) {
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
+    HeldCallback held;
     std::unique_ptr<SocketPair> stranger;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+    const auto disconnect = [&](Connection& connection) {
         connection->disconnect();
         stranger = std::make_unique<SocketPair>(); // gets the number that has just become free
-        entered.open();
-        leave.await();
         return std::string();
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd client = connectToSink(sink.address());
-    sendAll(client.get(), onWire(0));
-    ASSERT_TRUE(entered.await());
+    };
+    addCallback(*sink, held.action(disconnect, {}));
+    const UniqueFd client = connectWhenServing(sink, onWire(0));
+    ASSERT_TRUE(held.awaitEntered());
     CallTrace trace;
     WatchedThread destroyer([&] { sink.destroy(); });
     passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
-    for (const CallRecord& call : trace.records("shutdown"))
-        EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
+    EXPECT_FALSE(isCutOff(trace));
     sendAll(stranger->first.get(), "to second");
     sendAll(stranger->second.get(), "to first");
     EXPECT_EQ(receiveExactly(stranger->second.get(), 9), "to second");
     EXPECT_EQ(receiveExactly(stranger->first.get(), 8), "to first");
-    leave.open();
+    held.letGoOn();
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
@@ -347,13 +329,10 @@ TEST_F(VornLibraryCallbackSink_End, WhileClientIsCutOff_ItsSocketIsNotClosedAndN
         leavingEntered.open();
         return awaitLeaving();
     });
-    ASSERT_TRUE(leaving.awaitServing());
-    sendByHand(leaving.address(), onWire(0));
+    sendWhenServing(leaving, onWire(0));
     ASSERT_TRUE(leavingEntered.await());
     ASSERT_TRUE(other.awaitServing());
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd client = connectToSink(sink.address());
-    sendAll(client.get(), onWire(0));
+    const UniqueFd client = connectWhenServing(sink, onWire(0));
     ASSERT_TRUE(entered.await());
     HeldCall cutting("shutdown");
     WatchedThread destroyer([&] { sink.destroy(); });
@@ -385,8 +364,7 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WhileCallbackConnectsAnew_Ends) {
         }
         return std::string();
     });
-    ASSERT_TRUE(sink.awaitServing());
-    sendByHand(sink.address(), onWire(0));
+    sendWhenServing(sink, onWire(0));
     ASSERT_TRUE(entered.await());
     WatchedThread destroyer([&] { sink.destroy(); });
     passTheTimeOfTheCut();
@@ -396,26 +374,22 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WhileCallbackConnectsAnew_Ends) {
 
 TEST_P(VornLibraryCallbackSink_EndOnStreams, WhenCallbackHasLetGoOfItsConnection_NothingOfItIsLookedAt) {
     WatchedSink sink(GetParam());
-    Gate entered;
-    Gate leave;
+    HeldCallback held;
     std::vector<std::string> strangers;
-    const CallbackPointer callback = addCallback(*sink, [&](Connection& connection) {
+    const auto letGo = [&](Connection& connection) {
         connection = nullptr;
         // One of them gets the memory that has just become free.
         for (std::size_t size = 100; size < 400; ++size)
             strangers.emplace_back(size, '\x01');
-        entered.open();
-        leave.await();
         return std::string();
-    });
-    ASSERT_TRUE(sink.awaitServing());
-    const UniqueFd client = connectToSink(sink.address());
-    sendAll(client.get(), onWire(0));
-    ASSERT_TRUE(entered.await());
+    };
+    addCallback(*sink, held.action(letGo, {}));
+    const UniqueFd client = connectWhenServing(sink, onWire(0));
+    ASSERT_TRUE(held.awaitEntered());
     WatchedThread destroyer([&] { sink.destroy(); });
     passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
-    leave.open();
+    held.letGoOn();
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
 
@@ -426,9 +400,7 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, OtherSinksClient_IsNotCutOff) {
         entered.open();
         return readToEnd(*connection);
     });
-    ASSERT_TRUE(staying.awaitServing());
-    UniqueFd slow = connectToSink(staying.address());
-    sendAll(slow.get(), onWire(0) + "before ");
+    UniqueFd slow = connectWhenServing(staying, onWire(0) + "before ");
     ASSERT_TRUE(entered.await());
     WatchedSink ending(GetParam(), "ending");
     ASSERT_TRUE(ending.awaitServing());
@@ -469,8 +441,7 @@ TEST_F(VornLibraryCallbackSink_End, WhileCallbackReadsADatagramForLong_HasNobody
     WatchedThread destroyer([&] { sink.destroy(); });
     passTheTimeOfTheCut();
     EXPECT_FALSE(destroyer.finished());
-    for (const CallRecord& call : trace.records("shutdown"))
-        EXPECT_NE(call.second, SHUT_RD) << "of descriptor " << call.argument;
+    EXPECT_FALSE(isCutOff(trace));
     held.letGoOn();
     EXPECT_TRUE(destroyer.join(endsWithin));
 }
@@ -483,9 +454,7 @@ TEST_F(VornLibraryCallbackSink_End, OfTwoThatServeAtOnce_TheFirstMayBeDoneFirst)
     ASSERT_TRUE(held.awaitEntered());
     WatchedSink second(Kind::socket, "second");
     const CallbackPointer ofSecond = addCallback(*second);
-    ASSERT_TRUE(second.awaitServing());
-    UniqueFd slow = connectToSink(second.address());
-    sendAll(slow.get(), onWire(0) + "t");
+    UniqueFd slow = connectWhenServing(second, onWire(0) + "t");
     ASSERT_TRUE(second.awaitReading());
     held.letGoOn();
     ASSERT_TRUE(ofFirst->awaitCalls(1));

@@ -10,6 +10,7 @@
 #include "Process.h"
 #include "Sandbox.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -63,10 +64,14 @@ RecordingCallback::Action throwing(int code) {
     };
 }
 
-/** The records of a notification's way until its callback has failed. */
-std::vector<std::string> recordsUpToFailure(const std::string& address) {
-    return {debugRecord("run: received data : " + address), debugRecord("run: hCallback=0"),
-            debugRecord("run: found callback... invoking")};
+/** The records of a notification's way until its callback has failed, and what comes then. */
+std::vector<std::string> recordsOfFailure(const std::string& address,
+                                          const std::vector<std::string>& afterwards) {
+    std::vector<std::string> records = {debugRecord("run: received data : " + address),
+                                        debugRecord("run: hCallback=0"),
+                                        debugRecord("run: found callback... invoking")};
+    std::transform(afterwards.begin(), afterwards.end(), std::back_inserter(records), debugRecord);
+    return records;
 }
 
 } // namespace
@@ -131,9 +136,9 @@ TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, OtherCode_IsRememberedAndLoopGo
         log.clear();
         sendByHand(address, onWire(0));
         ASSERT_TRUE(log.await("waiting for data"));
-        std::vector<std::string> expected = recordsUpToFailure(address);
-        expected.push_back(debugRecord("run: waiting for data : " + address));
-        EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected)) << "the failure itself is not logged";
+        EXPECT_THAT(sinkRecords(log),
+                    ElementsAreArray(recordsOfFailure(address, {"run: waiting for data : " + address})))
+            << "the failure itself is not logged";
         deliver(sink, good, "goes on");
         ASSERT_TRUE(sink.awaitServing());
     }
@@ -167,11 +172,10 @@ TEST_P(VornLibraryCallbackSink_FailureOfAnyKind, ConnectionResetAndInterruption_
         log.clear();
         sendByHand(address, onWire(0));
         ASSERT_TRUE(sink.awaitEnd());
-        std::vector<std::string> expected = recordsUpToFailure(address);
-        expected.push_back(
-            debugRecord("run: exception=" + std::to_string(code) + " connection closed, exiting"));
-        expected.push_back(debugRecord("run: exiting rc=0"));
-        EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+        EXPECT_THAT(sinkRecords(log),
+                    ElementsAreArray(recordsOfFailure(
+                        address, {"run: exception=" + std::to_string(code) + " connection closed, exiting",
+                                  "run: exiting rc=0"})));
         // The server stays open: who sends meets no error.
         EXPECT_NO_THROW(sendByHand(address, onWire(0)));
     }
@@ -198,10 +202,9 @@ TEST_F(VornLibraryCallbackSink_Failure, AddressInUse_EndsPipeSink) {
     log.clear();
     sendByHand(address, onWire(0));
     ASSERT_TRUE(sink.awaitEnd());
-    std::vector<std::string> expected = recordsUpToFailure(address);
-    expected.push_back(debugRecord("run: exception=98 cannot establish connection, exiting"));
-    expected.push_back(debugRecord("run: exiting rc=0"));
-    EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+    EXPECT_THAT(sinkRecords(log), ElementsAreArray(recordsOfFailure(
+                                      address, {"run: exception=98 cannot establish connection, exiting",
+                                                "run: exiting rc=0"})));
     EXPECT_EQ(sink.address(), address);
 }
 
@@ -216,11 +219,11 @@ TEST_P(VornLibraryCallbackSink_FailureOnPorts, AddressInUse_MovesPortWhateverIts
     log.clear();
     sendByHand(address, onWire(0));
     ASSERT_TRUE(log.await("waiting for data"));
-    std::vector<std::string> expected = recordsUpToFailure(address);
-    expected.push_back(debugRecord("tryNextPort: retrying " + nameOf(GetParam()) + " server on socket 5024"));
-    expected.push_back(debugRecord("run: exception=98 trying next port=5024"));
-    expected.push_back(debugRecord("run: waiting for data : " + next));
-    EXPECT_THAT(sinkRecords(log), ElementsAreArray(expected));
+    EXPECT_THAT(
+        sinkRecords(log),
+        ElementsAreArray(recordsOfFailure(
+            address, {"tryNextPort: retrying " + nameOf(GetParam()) + " server on socket 5024",
+                      "run: exception=98 trying next port=5024", "run: waiting for data : " + next})));
     EXPECT_EQ(sink.address(), next);
     EXPECT_EQ(sink->getCallbackSocket(), 5024);
     // The server was not closed, so it is still where it was.

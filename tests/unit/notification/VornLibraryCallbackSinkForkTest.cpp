@@ -31,7 +31,6 @@ namespace {
 using testing::Values;
 using Connection = VornNet::VornSmartPointer<VornNet::VornConnection>;
 
-constexpr int exitStatus = 7;
 constexpr int everyTime = std::numeric_limits<int>::max();
 
 class VornLibraryCallbackSink_Fork : public NotificationTestOfKind {};
@@ -63,12 +62,6 @@ pid_t forkProgram() {
         ::_exit(1);
     }
     return child;
-}
-
-/** Without a buffer: a child must not print again what its parent has printed. */
-void print(const std::string& line) {
-    const std::string data = line + "\n";
-    EXPECT_EQ(::write(STDOUT_FILENO, data.data(), data.size()), static_cast<ssize_t>(data.size()));
 }
 
 /** The sink of a process that ends while it is there. */
@@ -249,13 +242,10 @@ KIT_ROLE(sinkWhoseChildrenExit) {
             std::exit(exitStatus);
         return readToEnd(*connection) + ", the callback's child: " + std::to_string(statusOf(child));
     });
-    const pid_t child = ::fork();
-    if (child == 0)
-        std::exit(exitStatus);
-    print("main's child: " + std::to_string(statusOf(child)));
-    print(g_sink->getCallbackAddress());
+    printLine("main's child: " + childThatExits());
+    printLine(g_sink->getCallbackAddress());
     if (callback->awaitCalls(1))
-        print(callback->contents().at(0));
+        printLine(callback->contents().at(0));
     return 0;
 }
 
