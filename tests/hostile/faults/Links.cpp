@@ -18,46 +18,29 @@ namespace {
 
 constexpr int cBlock = 8192;
 
+struct Texts {
+    const char* name;
+    const char* ofClass;
+};
+
+Texts textsOf(Link::Kind kind) {
+    static constexpr Texts texts[] = {
+        {"buffer", "VornBufferConnection"},       {"full buffer", "VornBufferConnection"},
+        {"datagram", "VornBufferConnection"},     {"pipe client", "VornPipeConnection"},
+        {"accepted pipe", "VornPipeConnection"},  {"TCP client", "VornSocketConnection"},
+        {"accepted TCP", "VornSocketConnection"}, {"SSL", "VornSSLSocketConnection"},
+    };
+    return texts[static_cast<int>(kind)];
+}
+
 } // namespace
 
 std::string Link::nameOf(Kind kind) {
-    switch (kind) {
-    case Kind::buffer:
-        return "buffer";
-    case Kind::fullBuffer:
-        return "full buffer";
-    case Kind::datagram:
-        return "datagram";
-    case Kind::pipeClient:
-        return "pipe client";
-    case Kind::acceptedPipe:
-        return "accepted pipe";
-    case Kind::tcpClient:
-        return "TCP client";
-    case Kind::acceptedTcp:
-        return "accepted TCP";
-    case Kind::ssl:
-        break;
-    }
-    return "SSL";
+    return textsOf(kind).name;
 }
 
 std::string Link::classOf(Kind kind) {
-    switch (kind) {
-    case Kind::pipeClient:
-    case Kind::acceptedPipe:
-        return "VornPipeConnection";
-    case Kind::tcpClient:
-    case Kind::acceptedTcp:
-        return "VornSocketConnection";
-    case Kind::ssl:
-        return "VornSSLSocketConnection";
-    case Kind::buffer:
-    case Kind::fullBuffer:
-    case Kind::datagram:
-        break;
-    }
-    return "VornBufferConnection";
+    return textsOf(kind).ofClass;
 }
 
 std::string Link::onWire(int number) {

@@ -34,8 +34,6 @@ public:
 
     explicit SinkRun(Kind kind);
     ~SinkRun();
-    SinkRun(const SinkRun&) = delete;
-    SinkRun& operator=(const SinkRun&) = delete;
 
     /** Constructs, delivers and destroys on the stage. */
     Outcome deliverOne(const Stage& stage);

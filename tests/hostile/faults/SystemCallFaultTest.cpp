@@ -109,7 +109,6 @@ class SystemCallFaults : public LeakCheckedTest, public testing::WithParamInterf
 protected:
     void SetUp() override {
         LeakCheckedTest::SetUp();
-        useInterposition();
         // The first exception of a process makes the C library load what it takes call stacks with, and that
         // stays.
         outcomeOf([]() -> std::string { throw VornSupport::VornException("first", 0); });

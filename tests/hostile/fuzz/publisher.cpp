@@ -7,13 +7,11 @@
 
 #include "Input.h"
 #include "Peer.h"
-#include "Sandbox.h"
 
 #include <VornException.h>
 #include <VornPublisher.h>
 
 #include <chrono>
-#include <csignal>
 #include <string>
 
 #include <sys/socket.h>
@@ -108,12 +106,6 @@ void sendSound(int fd, int soundParts) {
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    VornTest::enterSandbox();
-    std::signal(SIGPIPE, SIG_IGN);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);

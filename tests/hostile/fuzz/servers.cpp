@@ -114,11 +114,6 @@ extern "C" const char* __asan_default_options() {
     return "max_allocation_size_mb=64:allocator_may_return_null=1";
 }
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    VornTest::enterSandbox();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);
     const int kind = input.byte() % 3;

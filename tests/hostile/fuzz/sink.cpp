@@ -7,14 +7,12 @@
 
 #include "Input.h"
 #include "Peer.h"
-#include "Sandbox.h"
 
 #include <VornException.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornProxyDependent.h>
 
 #include <cerrno>
-#include <csignal>
 #include <thread>
 
 #include <sys/socket.h>
@@ -127,12 +125,6 @@ bool attack(int kind, Road& hit, const std::string& bytes) {
 // quicker than mapping it anew.
 extern "C" const char* __asan_default_options() {
     return "max_allocation_size_mb=64:allocator_may_return_null=1:clear_shadow_mmap_threshold=1073741824";
-}
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    VornTest::enterSandbox();
-    std::signal(SIGPIPE, SIG_IGN);
-    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -6,13 +6,11 @@
 
 #include "Input.h"
 #include "Peer.h"
-#include "Sandbox.h"
 
 #include <VornException.h>
 #include <VornSteadySink.h>
 
 #include <chrono>
-#include <csignal>
 #include <string>
 
 #include <sys/socket.h>
@@ -105,12 +103,6 @@ Road& road(int choice) {
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    VornTest::enterSandbox();
-    std::signal(SIGPIPE, SIG_IGN);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);

@@ -12,7 +12,6 @@
 #include <VornSubscriber.h>
 
 #include <chrono>
-#include <csignal>
 #include <string>
 
 #include <poll.h>
@@ -127,12 +126,6 @@ void attack(int fd, Reader& reader, int soundParts, Input& input) {
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    VornTest::enterSandbox();
-    std::signal(SIGPIPE, SIG_IGN);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const int listener = listenAtPipe();
