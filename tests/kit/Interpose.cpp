@@ -397,10 +397,6 @@ bool isSanitizer(const void* code) {
 
 } // namespace
 
-void useInterposition() {
-    // Referring to this function is what makes the linker take this file, and thereby the functions, in.
-}
-
 namespace Detail {
 
 template <typename State>

@@ -30,9 +30,6 @@
  */
 namespace VornTest {
 
-/** Call it in SetUp() or in the test: it makes the linker keep the functions. */
-void useInterposition();
-
 /** Matches calls with any descriptor. */
 inline constexpr int anyDescriptor = -1;
 

@@ -40,7 +40,6 @@ protected:
 } // namespace
 
 TEST_F(AcceptingSocketTest, WithoutDescriptors_ItRestsAndAcceptsLater) {
-    useInterposition();
     const UniqueFd client = unixConnect(m_sPath);
     const auto start = RelayLoop::Clock::now();
     {
@@ -52,7 +51,6 @@ TEST_F(AcceptingSocketTest, WithoutDescriptors_ItRestsAndAcceptsLater) {
 }
 
 TEST_F(AcceptingSocketTest, ConnectionThatWasGivenUp_HoldsUpNoOther) {
-    useInterposition();
     const UniqueFd client = unixConnect(m_sPath);
     const FaultRule fault("accept4", ECONNABORTED);
     EXPECT_TRUE(runUntil(m_loop, [&] { return m_nAccepted == 1; }));

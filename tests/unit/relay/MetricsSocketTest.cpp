@@ -46,7 +46,6 @@ TEST_F(MetricsSocketTest, EachRequest_IsAnsweredAndItsConnectionClosed) {
 }
 
 TEST_F(MetricsSocketTest, WithoutDescriptors_ItRestsAndAnswersLater) {
-    useInterposition();
     const UniqueFd client = unixConnect(m_sPath);
     const auto start = RelayLoop::Clock::now();
     {

@@ -455,7 +455,6 @@ TEST_F(SinkDeliveryTest, EndOfAnExchange_ReachesATcpSinkAlongWithTheContent) {
 }
 
 TEST_F(SinkDeliveryTest, WantOfPortsOrDescriptors_DoesNotCountAgainstASink) {
-    useInterposition();
     for (const auto& [szCall, nError] : {std::pair("connect", EADDRNOTAVAIL), std::pair("socket", EMFILE)}) {
         SCOPED_TRACE(szCall);
         const std::string sPort = std::to_string(unusedTcpPort());
@@ -470,7 +469,6 @@ TEST_F(SinkDeliveryTest, WantOfPortsOrDescriptors_DoesNotCountAgainstASink) {
 }
 
 TEST_F(SinkDeliveryTest, WantOfDescriptors_EndsNoLease) {
-    useInterposition();
     m_settings.patience = std::chrono::milliseconds(1);
     Client client;
     const std::uint32_t nLease = grant("", client);
