@@ -240,6 +240,7 @@ std::string readTextFile(const std::string& path) {
 }
 
 UniqueFd unixListen(const std::string& path, int backlog) {
+    ::unlink(path.c_str());
     UniqueFd fd = newSocket(AF_UNIX, SOCK_STREAM);
     bindTo(fd.get(), unixAddress(path), path);
     listenAt(fd.get(), backlog);

@@ -60,7 +60,7 @@ std::string hex(std::string_view data);
 /** The whole of a file. */
 std::string readTextFile(const std::string& path);
 
-/** A Unix stream socket which listens at @p path. */
+/** A Unix stream socket which listens at @p path, in place of what was left there. */
 UniqueFd unixListen(const std::string& path, int backlog = 5);
 
 /** A Unix stream socket connected to @p path. */

@@ -13,9 +13,7 @@
 namespace VornTest {
 
 UniqueFd listenAtPipe() {
-    const std::string path = pipePath("faults");
-    ::unlink(path.c_str());
-    return unixListen(path, 20);
+    return unixListen(pipePath("faults"), 20);
 }
 
 int freshPort() {

@@ -71,7 +71,6 @@ public:
     explicit Receiver(Kind kind, int port = 0) : m_kind(kind), m_port(port) {
         switch (kind) {
         case Kind::pipe:
-            ::unlink(pipePath("receiver").c_str());
             m_fd = unixListen(pipePath("receiver"), 100);
             break;
         case Kind::socket:
@@ -529,10 +528,9 @@ TEST_F(VornProxyDependent, ReceiverThatIsGone_FailsOrKillsAsSigpipeIsSet) {
 }
 
 TEST_P(VornProxyDependent_OnStreams, FullQueue_BlocksUntilSomebodyAccepts) {
-    UniqueFd listener;
     int port = 0;
-    ::unlink(pipePath("narrow").c_str());
-    listener = GetParam() == Kind::pipe ? unixListen(pipePath("narrow"), 0) : tcpListen("127.0.0.1", port, 0);
+    const UniqueFd listener =
+        GetParam() == Kind::pipe ? unixListen(pipePath("narrow"), 0) : tcpListen("127.0.0.1", port, 0);
     const ProxyPointer proxy =
         makeProxy(GetParam() == Kind::pipe ? "pipe:narrow" : "socket:127.0.0.1:" + std::to_string(port));
     proxy->remoteNotify(VornNotification(1));

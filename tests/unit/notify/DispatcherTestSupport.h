@@ -126,6 +126,19 @@ protected:
         return options;
     }
 
+    /** The same, with so much room for one address. */
+    VornDispatcher::Options optionsWithRoomFor(std::size_t nQueueLimit, VornDispatcher::Overflow overflow) {
+        return optionsWithResults([&](auto& options) {
+            options.nQueueLimit = nQueueLimit;
+            options.overflow = overflow;
+        });
+    }
+
+    /** A sink's socket, made of plain calls. */
+    static UniqueFd listen(const std::string& name, int backlog = 64) {
+        return unixListen(pipePath(name), backlog);
+    }
+
     /** Terms that let a test see a time limit run out. */
     static VornDispatcher::Terms termsOf(std::chrono::milliseconds timeLimit,
                                          unsigned int nDoubtfulTries = 64) {

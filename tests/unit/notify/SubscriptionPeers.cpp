@@ -107,6 +107,15 @@ std::string WirePlace::bytes() const {
            wireInt(beat);
 }
 
+UniqueFd admitClient(int listener, const WirePlace& place) {
+    UniqueFd client = acceptClient(listener);
+    EXPECT_EQ(receiveExactly(client.get(), 8), "builds\r\n");
+    sendAll(client.get(), "+");
+    receiveExactly(client.get(), WireRequest().bytes().size());
+    sendAll(client.get(), place.bytes());
+    return client;
+}
+
 RawSubscriber::RawSubscriber(const std::string& address, const std::string& topic, const WireRequest& request)
     : m_socket(connectTo(address)) {
     sendAll(fd(), topic + "\r\n");

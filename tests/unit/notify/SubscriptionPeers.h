@@ -77,6 +77,9 @@ struct WirePlace {
     std::string bytes() const;
 };
 
+/** A service's next client, which asks for "builds", admitted. */
+UniqueFd admitClient(int listener, const WirePlace& place);
+
 /** A client that subscribes by hand. */
 class RawSubscriber {
 public:

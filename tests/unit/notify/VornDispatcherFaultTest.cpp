@@ -25,7 +25,6 @@ public:
     explicit TakingPeer(const std::string& sKind) {
         int nPort = 0;
         if (sKind == "pipe") {
-            ::unlink(pipePath("peer").c_str());
             m_socket = unixListen(pipePath("peer"), 64);
             m_sAddress = "pipe:peer";
         } else if (sKind == "socket") {

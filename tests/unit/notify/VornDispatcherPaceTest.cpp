@@ -14,13 +14,7 @@ using namespace VornTest;
 namespace {
 
 /** How many connections there are at once, and how long the pauses between tries are. */
-class VornDispatcher_Pace : public DispatcherTest {
-protected:
-    static UniqueFd listen(const std::string& name) {
-        ::unlink(pipePath(name).c_str());
-        return unixListen(pipePath(name), 64);
-    }
-};
+using VornDispatcher_Pace = DispatcherTest;
 
 } // namespace
 

@@ -72,8 +72,7 @@ TEST_F(VornDispatcher_Process, ItsThreadsHaveItsNameAndAllSignalsBlocked) {
 
 TEST_F(VornDispatcher_Process, AfterStopNoDescriptorIsLeftAndEachWasCloseOnExec) {
     const auto before = descriptorTable();
-    ::unlink(pipePath("peer").c_str());
-    const UniqueFd listener = unixListen(pipePath("peer"));
+    const UniqueFd listener = listen("peer");
     int nPort = 0;
     const UniqueFd socket = tcpListen("127.0.0.1", nPort);
     VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.datagramPause = 10s; }));
@@ -95,9 +94,8 @@ TEST_F(VornDispatcher_Process, SigpipeAtItsDefaultDoesNoHarm) {
 
     byDefault.sa_handler = SIG_DFL;
     ASSERT_EQ(::sigaction(SIGPIPE, &byDefault, &before), 0);
-    ::unlink(pipePath("peer").c_str());
     int nPort = 0;
-    const UniqueFd listeners[] = {unixListen(pipePath("peer")), tcpListen("127.0.0.1", nPort)};
+    const UniqueFd listeners[] = {listen("peer"), tcpListen("127.0.0.1", nPort)};
     VornDispatcher dispatcher;
     const std::string sContent(4UL * 1024 * 1024, 'x');
     postWith(termsOf(10s, 1), dispatcher, "pipe:peer", sContent);
@@ -112,8 +110,7 @@ TEST_F(VornDispatcher_Process, SigpipeAtItsDefaultDoesNoHarm) {
 }
 
 TEST_F(VornDispatcher_Process, PostingCostsNoSystemCallWhileAnEarlierOneIsOnItsWay) {
-    ::unlink(pipePath("peer").c_str());
-    const UniqueFd listener = unixListen(pipePath("peer"));
+    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher;
     post(dispatcher, "pipe:peer");
     const UniqueFd client = acceptClient(listener.get());
@@ -194,8 +191,7 @@ TEST_F(VornDispatcher_Process, AChildThatWasForkedEndsWithoutIt) {
 }
 
 TEST_F(VornDispatcher_Process, AChildThatHoldsItsSocketsDisturbsNothing) {
-    ::unlink(pipePath("peer").c_str());
-    const UniqueFd listener = unixListen(pipePath("peer"));
+    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "pipe:peer", "content");
     const UniqueFd client = acceptClient(listener.get());
@@ -278,12 +274,8 @@ TEST_F(VornDispatcher_Process, DestroyingItInItsResultHandlerEndsTheProcess) {
 TEST_F(VornDispatcher_Process, AThreadCancelledWhileItWaitsLeavesEverythingInOrder) {
     if (underAddressSanitizer)
         GTEST_SKIP() << overflowsByItself;
-    ::unlink(pipePath("peer").c_str());
-    const UniqueFd listener = unixListen(pipePath("peer"));
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 1;
-    options.overflow = VornDispatcher::Overflow::wait;
-    VornDispatcher dispatcher(options);
+    const UniqueFd listener = listen("peer");
+    VornDispatcher dispatcher(optionsWithRoomFor(1, VornDispatcher::Overflow::wait));
     post(dispatcher, "pipe:peer");
     WatchedThread flushing([&] { dispatcher.flush(-1ms); });
     WatchedThread posting([&] { post(dispatcher, "pipe:peer"); });

@@ -24,10 +24,8 @@ protected:
     explicit StreamFixture(bool bIsPipe) : m_bIsPipe(bIsPipe) {}
 
     UniqueFd listen(int backlog = 5) {
-        if (m_bIsPipe) {
-            ::unlink(pipePath("peer").c_str());
+        if (m_bIsPipe)
             return unixListen(pipePath("peer"), backlog);
-        }
         UniqueFd listener = tcpListen("127.0.0.1", m_nPort, backlog);
         m_sAddress = "socket:127.0.0.1:" + std::to_string(m_nPort);
         return listener;
@@ -511,9 +509,8 @@ TEST_F(VornDispatcher_Tcp, ItsOwnEchoIsNoDelivery) {
     // Where nobody listens, the kernel may give the dispatcher the very port that it connects to.
     std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << "40000 40000";
     m_sAddress = "socket:127.0.0.1:40000";
-    VornDispatcher::Options options = optionsWithResults();
-    options.firstPause = options.longestPause = 10s; // one try: the port is held for a minute after it
-    VornDispatcher dispatcher(options);
+    // One try: the port is held for a minute after it.
+    VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.firstPause = o.longestPause = 10s; }));
     post(dispatcher, m_sAddress, "content");
     ASSERT_TRUE(awaitCondition([&] {
         const VornDispatcher::Statistics found = dispatcher.statistics();

@@ -29,11 +29,6 @@ const std::string cStopped = "VornDispatcher::post: stopped. 108";
 /** What its operations promise, whatever the transport. */
 class VornDispatcher_Operations : public DispatcherTest {
 protected:
-    static UniqueFd listen(const std::string& name, int backlog = 64) {
-        ::unlink(pipePath(name).c_str());
-        return unixListen(pipePath(name), backlog);
-    }
-
     /** Waits until the first notification is being tried: a connection is in the listener's queue. */
     static void awaitTry(int listener) {
         pollfd entry{listener, POLLIN, 0};
@@ -201,9 +196,7 @@ TEST_F(VornDispatcher_Operations, PassesOnWhatAProxyThrows) {
 
 TEST_F(VornDispatcher_Operations, RefusesWhatIsLongerThanAllMemoryForAll) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options;
-    options.nByteLimit = 100;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.nByteLimit = 100; }));
     post(dispatcher, "pipe:peer", std::string(92, 'x'));
     EXPECT_EQ(dispatcher.statistics().nQueuedBytes, 100U);
     EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(93, 'x')); }),
@@ -276,10 +269,7 @@ TEST_F(VornDispatcher_Operations, RefusesByDefaultWhenTheQueueIsFull) {
 
 TEST_F(VornDispatcher_Operations, DropsTheOldestThatIsNotBeingTried) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 3;
-    options.overflow = Overflow::dropOldest;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithRoomFor(3, Overflow::dropOldest));
     post(dispatcher, "pipe:peer");
     awaitTry(listener.get());
     for (int i = 0; i < 4; ++i)
@@ -296,10 +286,8 @@ TEST_F(VornDispatcher_Operations, DropsTheOldestThatIsNotBeingTried) {
 
 TEST_F(VornDispatcher_Operations, RefusesWhereThereIsNoneToDrop) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 1;
+    VornDispatcher::Options options = optionsWithRoomFor(1, Overflow::dropOldest);
     options.nByteLimit = 100;
-    options.overflow = Overflow::dropOldest;
     VornDispatcher dispatcher(options);
     post(dispatcher, "pipe:peer");
     awaitTry(listener.get());
@@ -329,9 +317,7 @@ TEST_F(VornDispatcher_Operations, DropsAsManyAsMemoryAsksFor) {
 }
 
 TEST_F(VornDispatcher_Operations, DropsAsManyAsAreAboveTheLimitAfterARedirect) {
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 2;
-    options.overflow = Overflow::dropOldest;
+    VornDispatcher::Options options = optionsWithRoomFor(2, Overflow::dropOldest);
     options.firstPause = options.longestPause = 10s; // none is being tried
     VornDispatcher dispatcher(options);
     for (int i = 0; i < 2; ++i) {
@@ -347,10 +333,7 @@ TEST_F(VornDispatcher_Operations, DropsAsManyAsAreAboveTheLimitAfterARedirect) {
 
 TEST_F(VornDispatcher_Operations, WaitsForRoom) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 1;
-    options.overflow = Overflow::wait;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithRoomFor(1, Overflow::wait));
     post(dispatcher, "pipe:peer");
     WatchedThread waiting([&] { EXPECT_EQ(post(dispatcher, "pipe:peer"), 2U); });
     EXPECT_TRUE(awaitBlockedOnLock(waiting.tid()));
@@ -363,10 +346,7 @@ TEST_F(VornDispatcher_Operations, WaitsForRoom) {
 
 TEST_F(VornDispatcher_Operations, WaitsForRoomNoLongerThanTheTimeLimit) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options = optionsWithResults();
-    options.nQueueLimit = 1;
-    options.overflow = Overflow::wait;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithRoomFor(1, Overflow::wait));
     post(dispatcher, "pipe:peer");
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(thrownBy([&] { postWith(termsOf(50ms), dispatcher, "pipe:peer"); }),
@@ -380,9 +360,7 @@ TEST_F(VornDispatcher_Operations, TheResultHandlerNeverWaitsForRoom) {
     VornDispatcher* pDispatcher = nullptr;
     std::promise<std::string> thrown;
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options;
-    options.nQueueLimit = 1;
-    options.overflow = Overflow::wait;
+    VornDispatcher::Options options = optionsWithRoomFor(1, Overflow::wait);
     options.onResult = [&](const Result& result) {
         if (result.nTicket == 1)
             thrown.set_value(thrownBy([&] { post(*pDispatcher, "pipe:peer"); }));
@@ -728,10 +706,7 @@ TEST_F(VornDispatcher_Operations, StopWaitsForAThreadThatIsAboutToWakeIt) {
 
 TEST_F(VornDispatcher_Operations, StopEndsThoseWhoWaitForRoom) {
     const UniqueFd listener = listen("peer");
-    VornDispatcher::Options options;
-    options.nQueueLimit = 1;
-    options.overflow = Overflow::wait;
-    VornDispatcher dispatcher(options);
+    VornDispatcher dispatcher(optionsWithRoomFor(1, Overflow::wait));
     post(dispatcher, "pipe:peer");
     WatchedThread waiting([&] { EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cStopped); });
     ASSERT_TRUE(awaitBlockedOnLock(waiting.tid()));

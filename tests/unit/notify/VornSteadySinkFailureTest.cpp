@@ -347,9 +347,7 @@ KIT_ROLE(steadySelfDestroyerByAddress) {
     SteadyOptions options = optionsFor(Kind::pipe);
     options.onAddressChange = [&](const VornSupport::VornString&) { delete sink; };
     sink = new VornNet::VornSteadySink("client", options);
-    const std::string path = pipePath(Target(sink->getCallbackAddress()).place);
-    ::unlink(path.c_str());
-    const UniqueFd server = unixListen(path);
+    const UniqueFd server = unixListen(pipePath(Target(sink->getCallbackAddress()).place));
     std::getchar();
     return 0;
 }

@@ -82,10 +82,8 @@ TEST_F(VornSteadySink_Options, EachInvalidOne_IsRefusedWith22AndOpensNothing) {
     };
     for (const Invalid& row : table) {
         SCOPED_TRACE(nameOf(row.kind) + ", " + row.what);
-        SteadyOptions options = optionsFor(row.kind);
-        row.change(options);
         const CallTrace trace(CallTrace::Scope::CallingThread);
-        EXPECT_EQ(codeOf(options, cInvalidOption), EINVAL);
+        EXPECT_EQ(codeOf(optionsFor(row.kind, row.change), cInvalidOption), EINVAL);
         EXPECT_EQ(trace.calls("socket"), 0);
     }
 }
@@ -117,30 +115,21 @@ TEST_F(VornSteadySink_Options, TheLongestValues_AreTaken) {
 TEST_F(VornSteadySink_Options, WithoutAPipeDirectory_TheNumberIs2AtOnce) {
     const MissingPipeDirectory missing;
     EXPECT_EQ(codeOf(optionsFor(Kind::pipe), cOpenFailed), ENOENT);
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.sPipeName = "named";
-    EXPECT_EQ(codeOf(options, cOpenFailed), ENOENT);
+    EXPECT_EQ(codeOf(optionsFor(Kind::pipe, [](auto& o) { o.sPipeName = "named"; }), cOpenFailed), ENOENT);
 }
 
 TEST_F(VornSteadySink_Options, APortInUse_Is98) {
     int port = 0;
+    const auto takePort = [&](auto& options) { options.nPort = port; };
     const UniqueFd listener = tcpListen("127.0.0.1", port);
-    SteadyOptions options = optionsFor(Kind::socket);
-    options.nPort = port;
-    EXPECT_EQ(codeOf(options, cOpenFailed), EADDRINUSE);
+    EXPECT_EQ(codeOf(optionsFor(Kind::socket, takePort), cOpenFailed), EADDRINUSE);
     port = 0;
     const UniqueFd receiver = udpSocket("127.0.0.1", port);
-    options = optionsFor(Kind::udp);
-    options.nPort = port;
-    EXPECT_EQ(codeOf(options, cOpenFailed), EADDRINUSE);
-}
-
-TEST_F(VornSteadySink_Options, APortOfAnotherSteadySink_Is98) {
+    EXPECT_EQ(codeOf(optionsFor(Kind::udp, takePort), cOpenFailed), EADDRINUSE);
     for (const Kind kind : {Kind::socket, Kind::udp}) {
-        const SteadyClient client(optionsFor(kind));
-        SteadyOptions options = optionsFor(kind);
-        options.nPort = Target(client.address()).port;
-        EXPECT_EQ(codeOf(options, cOpenFailed), EADDRINUSE);
+        const SteadyClient another(optionsFor(kind));
+        port = Target(another.address()).port;
+        EXPECT_EQ(codeOf(optionsFor(kind, takePort), cOpenFailed), EADDRINUSE);
     }
 }
 
@@ -156,11 +145,9 @@ TEST_F(VornSteadySink_Options, AGivenPort_CanBeOpenedAgainAtOnce) {
 }
 
 TEST_F(VornSteadySink_Options, AnAddressOfAnotherHost_Is99) {
-    for (const Kind kind : {Kind::socket, Kind::udp}) {
-        SteadyOptions options = optionsFor(kind);
-        options.sBindAddress = "192.0.2.1";
-        EXPECT_EQ(codeOf(options, cOpenFailed), EADDRNOTAVAIL);
-    }
+    const auto takeAddress = [](auto& options) { options.sBindAddress = "192.0.2.1"; };
+    for (const Kind kind : {Kind::socket, Kind::udp})
+        EXPECT_EQ(codeOf(optionsFor(kind, takeAddress), cOpenFailed), EADDRNOTAVAIL);
 }
 
 TEST_F(VornSteadySink_Options, AnUnknownLocalhost_Is99) {

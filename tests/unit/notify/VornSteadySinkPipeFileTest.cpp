@@ -44,12 +44,6 @@ SteadyOptions named(const std::string& name, VornNet::VornSteadySink::AddressHan
     return options;
 }
 
-/** Somebody takes a pipe's path over. */
-UniqueFd takeOver(const std::string& path) {
-    ::unlink(path.c_str());
-    return unixListen(path);
-}
-
 struct stat statusOf(const std::string& path) {
     struct stat status = {};
     EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
@@ -211,7 +205,6 @@ TEST_F(VornSteadySink_PipeFile, ADeadServersFileThatCannotBeMovedAway_IsTriedAga
 
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.call) + " " + std::to_string(row.error));
-        ::unlink(pipePath("client").c_str());
         unixListen(pipePath("client")).reset();
         const FaultRule once(row.call, row.error, row.nth);
         EXPECT_EQ(codeOf(named("client"), cOpenFailed), row.code);
@@ -233,14 +226,14 @@ TEST_F(VornSteadySink_PipeFile, AFileThatIsNoPipe_Is98AndIsKept) {
 TEST_F(VornSteadySink_PipeFile, ALivingServerThatReplacesTheDeadOneInBetween_KeepsItsName) {
     unixListen(pipePath("client")).reset();
     UniqueFd server;
-    const CallHook inBetween("renameat2", [&] { server = takeOver(pipePath("client")); });
+    const CallHook inBetween("renameat2", [&] { server = unixListen(pipePath("client")); });
     EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
     EXPECT_TRUE(unixConnect(pipePath("client")));
 }
 
 TEST_F(VornSteadySink_PipeFile, ANameThatIsTakenOverDuringTheConstruction_Is98) {
     UniqueFd server;
-    const CallHook inBetween("listen", [&] { server = takeOver(pipePath("client")); });
+    const CallHook inBetween("listen", [&] { server = unixListen(pipePath("client")); });
     EXPECT_EQ(codeOf(named("client"), cOpenFailed), EADDRINUSE);
     EXPECT_TRUE(unixConnect(pipePath("client")));
 }
@@ -256,7 +249,7 @@ TEST_F(VornSteadySink_PipeFile, TheDestructor_RemovesTheOwnFileOnly) {
     UniqueFd server;
     {
         const SteadyClient client(named("client"));
-        server = takeOver(pipePath("client"));
+        server = unixListen(pipePath("client"));
     }
     EXPECT_TRUE(unixConnect(pipePath("client")));
 }
@@ -311,7 +304,7 @@ TEST_F(VornSteadySink_PipeFile, AFileThatIsReplaced_GivesTheSinkAnotherNameAndTh
         const SteadyClient client(options);
         const std::string path = pathOf(client);
         const std::string before = client.address();
-        const UniqueFd server = takeOver(path);
+        const UniqueFd server = unixListen(path);
         ASSERT_TRUE(awaitCondition([&] { return told.addresses().size() == 1; }));
         EXPECT_NE(client.address(), before);
         EXPECT_THAT(client.address(), MatchesRegex("pipe:quorax[0-9a-f]+-[0-9a-f]{8}"));
@@ -340,7 +333,7 @@ TEST_F(VornSteadySink_PipeFile, ANameThatChangesAgainWhileTheHandlerRuns_IsToldA
     const std::string first = client.address();
     EXPECT_NE(first, "pipe:client");
     const std::string path = pathOf(client);
-    const UniqueFd server = takeOver(path);
+    const UniqueFd server = unixListen(path);
     ASSERT_TRUE(awaitCondition([&] { return client.address() != first; }));
     EXPECT_THAT(told.addresses(), ElementsAre(first));
     goesOn.open();
@@ -370,7 +363,7 @@ TEST_F(VornSteadySink_PipeFile, WhileTheHandlerTakesItsTime_CallbacksAreCalledAn
         callbackThread = currentTid();
         return "";
     });
-    const UniqueFd server = takeOver(pipePath("client"));
+    const UniqueFd server = unixListen(pipePath("client"));
     ASSERT_TRUE(entered.await());
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
     ASSERT_TRUE(client.callback()->awaitCalls(1));
@@ -383,7 +376,7 @@ TEST_F(VornSteadySink_PipeFile, AHandlerThatThrows_IsLoggedAndTheSinkGoesOn) {
     const SteadyOptions options =
         named("client", [](const VornSupport::VornString&) { throw VornSupport::VornException("oh", 5); });
     const SteadyClient client(options);
-    const UniqueFd server = takeOver(pipePath("client"));
+    const UniqueFd server = unixListen(pipePath("client"));
     EXPECT_TRUE(log.await("VornSteadySink::onAddressChange: the handler threw: oh (code=5)"));
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
 }
@@ -395,7 +388,7 @@ TEST_F(VornSteadySink_PipeFile, AHandlerThatEndsItsThread_EndsNothingElse) {
         ::pthread_exit(nullptr);
     });
     SteadyClient client(options);
-    const UniqueFd server = takeOver(pipePath("client"));
+    const UniqueFd server = unixListen(pipePath("client"));
     ASSERT_TRUE(entered.await());
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
     client.destroy();
@@ -404,7 +397,7 @@ TEST_F(VornSteadySink_PipeFile, AHandlerThatEndsItsThread_EndsNothingElse) {
 TEST_F(VornSteadySink_PipeFile, WithoutAThreadForTheHandler_ItIsToldLater) {
     Told told;
     const SteadyClient client(named("client", told.handler()));
-    const UniqueFd server = takeOver(pipePath("client"));
+    const UniqueFd server = unixListen(pipePath("client"));
     {
         const FaultRule none("pthread_create", EAGAIN, 1, FaultRule::always);
         EXPECT_TRUE(awaitCondition([&] { return none.failures() > 0; }));

@@ -45,11 +45,8 @@ INSTANTIATE_TEST_SUITE_P(Loops, VornSubscriber_EventLoop,
 
 /** Accepts a client, and sends it one event. */
 UniqueFd serve(int listener, std::uint64_t number) {
-    UniqueFd client = acceptClient(listener);
-    receiveExactly(client.get(), std::string("builds\r\n").size());
-    sendAll(client.get(), "+");
-    receiveExactly(client.get(), WireRequest().bytes().size());
-    sendAll(client.get(), WirePlace{1234, 1, number, 5000}.bytes() + WireFrame::event(number, "x").bytes());
+    UniqueFd client = admitClient(listener, {1234, 1, number, 5000});
+    sendAll(client.get(), WireFrame::event(number, "x").bytes());
     return client;
 }
 

@@ -46,11 +46,7 @@ protected:
     ChildProcess spawn(const std::string& role) {
         ChildProcess child =
             ChildProcess::spawnRoleWith(exitOnAnyThread, role, {GetParam() ? "thread" : "loop"});
-        m_service = acceptClient(m_listener.get());
-        EXPECT_EQ(receiveExactly(m_service.get(), 8), "builds\r\n");
-        sendAll(m_service.get(), "+");
-        receiveExactly(m_service.get(), WireRequest().bytes().size());
-        sendAll(m_service.get(), WirePlace{1, 1, 0, 60'000}.bytes());
+        m_service = admitClient(m_listener.get(), {1, 1, 0, 60'000});
         return child;
     }
 

@@ -44,11 +44,7 @@ TEST_F(VornSubscriber_Memory, ASubscriberThatGetsNoneForAReason_IsBackAfterThePa
     const VornSubscriber subscriber(
         "pipe:alpha", "builds", [](VornConnection&, const auto&) {}, options);
     for (int round = 0; round < 2; ++round) {
-        const UniqueFd service = acceptClient(listener.get());
-        EXPECT_EQ(receiveExactly(service.get(), 8), "builds\r\n");
-        sendAll(service.get(), "+");
-        receiveExactly(service.get(), WireRequest().bytes().size());
-        sendAll(service.get(), WirePlace{1, 1, 0, 60'000}.bytes());
+        const UniqueFd service = admitClient(listener.get(), {1, 1, 0, 60'000});
         ASSERT_TRUE(
             awaitCondition([&] { return subscriber.status().state == VornSubscriber::State::connected; }));
         if (round == 0) {

@@ -22,7 +22,6 @@ namespace {
 class AcceptingSocketTest : public testing::Test {
 protected:
     AcceptingSocketTest() {
-        ::unlink(m_sPath.c_str());
         m_listener = unixListen(m_sPath, 8);
         ::fcntl(m_listener.get(), F_SETFL, O_NONBLOCK);
         m_socket.begin(m_listener.get());

@@ -366,7 +366,6 @@ TEST_F(ForwardedConnectionTest, ServiceThatIsNotThere_IsToldAsTheReason) {
 
 TEST_F(ForwardedConnectionTest, ServiceWhoseQueueIsFull_IsConnectedToLater) {
     const std::string sPath = pipePath("full-service");
-    ::unlink(sPath.c_str());
     const UniqueFd listener = unixListen(sPath, 0);
     const UniqueFd other = unixConnect(sPath);
     connectTo("pipe:full-service");
