@@ -386,7 +386,9 @@ void NatsEngine::ask(const Message& message, ReplyHandler onReply) {
     std::string sReply;
     if (spLink) {
         const std::string sInbox = spLink->inbox() + ".reply";
-        waiting.nPlace = spLink->placeFor(addresseeOf(message.sSubject), sInbox);
+        const std::string sAddressee = addresseeOf(message.sSubject);
+        waiting.bOfStream = !sAddressee.empty();
+        waiting.nPlace = spLink->placeFor(sAddressee, sInbox);
         sReply = sInbox + "." + std::to_string(waiting.nPlace) + "." + std::to_string(nTicket);
     }
     if (!spLink || !send(*spLink, message, sReply))
@@ -488,9 +490,28 @@ void NatsEngine::failAll() {
 
 void NatsEngine::sweep() {
     const Clock::time_point now = Clock::now();
-    while (!m_waiting.empty() && m_waiting.begin()->second.until <= now)
-        settle(m_waiting.begin()->first, nullptr);
+    while (!m_waiting.empty() && m_waiting.begin()->second.until <= now) {
+        const auto& [nTicket, waiting] = *m_waiting.begin();
+        if (waiting.bOfStream)
+            giveUp(waiting.nPlace);
+        else
+            settle(nTicket, nullptr);
+    }
     m_sweep = m_loop.after(cSweepInterval, [this] { sweep(); });
+}
+
+/**
+ * When the time of a stream's first answer is up, no later one is awaited either: if that came, the first
+ * would have to be published under another number, and arrive twice if it is stored all the same.
+ */
+void NatsEngine::giveUp(std::size_t nPlace) {
+    std::vector<std::uint64_t> tickets;
+    for (const auto& [nTicket, waiting] : m_waiting) {
+        if (waiting.nPlace == nPlace)
+            tickets.push_back(nTicket);
+    }
+    for (const std::uint64_t nTicket : tickets)
+        settle(nTicket, nullptr);
 }
 
 void NatsEngine::take(std::size_t nPlace, NatsPointer<natsMsg> owned) {

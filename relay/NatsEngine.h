@@ -69,6 +69,7 @@ private:
         Clock::time_point until;
         ReplyHandler onReply;
         std::size_t nPlace = 0; // where its answer comes
+        bool bOfStream = false; // which answers, and not the server
     };
 
     void keepConnected();
@@ -87,6 +88,7 @@ private:
     void settle(std::uint64_t nTicket, const std::string* pReply);
     void failAll();
     void sweep();
+    void giveUp(std::size_t nPlace);
 
     void take(std::size_t nPlace, NatsPointer<natsMsg> owned);
     void takeReply(natsMsg* message);

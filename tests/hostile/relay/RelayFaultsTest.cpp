@@ -88,6 +88,17 @@ TEST_F(RelayFaultsTest, EngineThatStandsStill_GetsItAgainAndStoresItOnce) {
     EXPECT_THAT(m_stage.run("a", {"status"}).first, testing::Not(testing::HasSubstr("repeated   0\n")));
 }
 
+TEST_F(RelayFaultsTest, EngineThatStandsStillForALittleTooLong_StoresItOnce) {
+    m_stage.startRelay("a", "publish-timeout = 1\n");
+    m_stage.startRelay("b");
+    const auto standStill = [this] {
+        m_stage.pauseEngine();
+        std::this_thread::sleep_for(milliseconds(1400)); // too long for what was sent first, not for the rest
+        m_stage.resumeEngine();
+    };
+    expectEachOnceInOrder("paced", 2000, {{300, standStill}});
+}
+
 TEST_F(RelayFaultsTest, EngineWithAFullDisk_GoesOnWhenThereIsRoomAgain) {
     m_stage.killEngine();
     const std::string sStore = RelayStage::pathOf("engine0");

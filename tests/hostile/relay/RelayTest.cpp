@@ -59,8 +59,9 @@ protected:
 /** An engine's connection of its own, with its loop on a thread. */
 class Connection : private VornRelay::Engine::Listener {
 public:
-    explicit Connection(const VornRelay::EngineAccess& access)
-        : m_engine(m_loop, access, std::chrono::seconds(60), *this), m_thread([this] { m_loop.run(); }) {
+    explicit Connection(const VornRelay::EngineAccess& access,
+                        std::chrono::milliseconds answerLimit = std::chrono::seconds(60))
+        : m_engine(m_loop, access, answerLimit, *this), m_thread([this] { m_loop.run(); }) {
         m_loop.post([this] { m_engine.start(); });
     }
 
@@ -456,6 +457,21 @@ TEST_F(RelayTest, WhereNobodyIsThere_ItIsTheNewestThatIsNotStored) {
     EXPECT_TRUE(awaitCondition([&] { return connection.nAbsent == 1; }));
     slow.publish(slow.nextReply(), "{\"stream\":\"x\",\"seq\":1}");
     EXPECT_TRUE(awaitCondition([&] { return connection.nStored == 1; }));
+}
+
+TEST_F(RelayTest, WhenAStreamsFirstAnswerIsLate_NoLaterOneCounts) {
+    const Listener slow(m_stage.access("admin"), "vorn.to.c.slow");
+    Connection connection(m_stage.access("a"), std::chrono::seconds(1));
+    ASSERT_TRUE(awaitCondition([&] { return connection.nConnected == 1; }));
+    connection.publish("vorn.to.c.slow", "first");
+    slow.nextReply();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500)); // so that the second has time left
+    connection.publish("vorn.to.c.slow", "second");
+    const std::string sSecond = slow.nextReply();
+    ASSERT_TRUE(awaitCondition([&] { return connection.nUnknown > 0; }));
+    slow.publish(sSecond, "{\"stream\":\"x\",\"seq\":2}");
+    EXPECT_TRUE(awaitCondition([&] { return connection.nUnknown == 2; }));
+    EXPECT_EQ(connection.nStored, 0);
 }
 
 TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {
