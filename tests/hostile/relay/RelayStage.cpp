@@ -320,6 +320,8 @@ void RelayStage::separateNetwork(const std::string& sHost, std::chrono::millisec
     const std::string sNetwork = sHost == "a" ? "10.77.1." : "10.77.2.";
     const std::string sCable = "to-" + sHost;
     std::ofstream(pathOf("network-" + sHost)) << sProcess << std::endl;
+    // The cable of a stage before this one goes with its network, which the kernel takes down later.
+    awaitCondition([&] { return ::if_nametoindex(sCable.c_str()) == 0; });
     connectNetwork(sHost, sProcess, delay);
     runOrThrow({"ip", "address", "add", sNetwork + "1/24", "dev", sCable});
     runOrThrow({"ip", "link", "set", sCable, "up"});
