@@ -49,6 +49,7 @@ public:
         std::string sConsumer;       ///< through which it came
         std::string sReceipt;        ///< what acknowledge() takes; a newer one replaces an older one
         std::uint64_t nPosition = 0; ///< its place in the stream: the same when it comes again
+        std::uint64_t nDelivery = 0; ///< how many the consumer has handed out, with this one
         Message message;
     };
 
@@ -66,6 +67,7 @@ public:
         std::string sError;            ///< empty when it is open
         std::uint64_t nHandedOut = 0;  ///< the highest position that it had handed out before
         std::uint64_t nUnanswered = 0; ///< how many up to there are not acknowledged, and will come again
+        std::uint64_t nDeliveries = 0; ///< how many times it had handed out one
         std::chrono::milliseconds comesAgain{0}; ///< within this time; 0: it is new, and all comes in order
     };
 

@@ -160,7 +160,8 @@ std::vector<Engine::Header> headersOf(natsMsg* message) {
 
 /**
  * Finds its way in the reply subject of a pulled message: $JS.ACK, on newer servers a domain and an account,
- * then stream, consumer, how often it was delivered, position in the stream, and more.
+ * then stream, consumer, how often it was delivered, positions in the stream and among all that the consumer
+ * has handed out, and more.
  */
 bool readReceipt(std::string_view sReceipt, Engine::Arrival& arrival) {
     constexpr std::size_t cPlain = 9;
@@ -171,6 +172,7 @@ bool readReceipt(std::string_view sReceipt, Engine::Arrival& arrival) {
     arrival.sReceipt = sReceipt;
     arrival.sConsumer = tokens[nStream + 1];
     arrival.nPosition = numberOf(tokens[nStream + 3]);
+    arrival.nDelivery = numberOf(tokens[nStream + 4]);
     return true;
 }
 
@@ -430,8 +432,9 @@ void NatsEngine::lookAt(const std::string& sConsumer, OpenHandler onOpened) {
                 Opened opened{pReply == nullptr ? "no answer" : errorIn(*pReply)};
                 if (opened.sError.empty()) {
                     const Json info = Json::parse(*pReply, nullptr, false);
-                    opened.nHandedOut =
-                        info.value("delivered", Json::object()).value("stream_seq", std::uint64_t{0});
+                    const Json delivered = info.value("delivered", Json::object());
+                    opened.nHandedOut = delivered.value("stream_seq", std::uint64_t{0});
+                    opened.nDeliveries = delivered.value("consumer_seq", std::uint64_t{0});
                     opened.nUnanswered = info.value("num_ack_pending", std::uint64_t{0});
                     opened.comesAgain = std::chrono::duration_cast<milliseconds>(std::chrono::nanoseconds(
                         info.value("config", Json::object()).value("ack_wait", cAckWait)));

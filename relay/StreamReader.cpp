@@ -62,6 +62,13 @@ void StreamReader::arrived(Engine::Arrival&& arrival) {
         return;
     Consumer& consumer = found->second;
     consumer.heard = RelayLoop::Clock::now();
+    if (consumer.bOpen && arrival.nDelivery != consumer.nDelivery + 1) {
+        logLine(LogLevel::warning,
+                "consumer " + arrival.sConsumer +
+                    " has handed out something that did not come here; it is opened again");
+        consumerLost(arrival.sConsumer);
+    }
+    consumer.nDelivery = arrival.nDelivery;
     if (!consumer.pulls.empty() && --consumer.pulls.front().nLeft == 0)
         consumer.pulls.pop_front();
     const auto [held, bIsNew] = m_held.try_emplace(arrival.nPosition);
@@ -124,6 +131,7 @@ void StreamReader::open(const std::string& sConsumer) {
     if (consumer.bOpening)
         return;
     consumer.bOpening = true;
+    consumer.nDelivery = 0;
     m_engine.open(sConsumer, consumer.sFilter,
                   [this, sConsumer, nConnection = m_nConnections](const Engine::Opened& result) {
                       const auto found = m_consumers.find(sConsumer);
@@ -145,6 +153,7 @@ void StreamReader::open(const std::string& sConsumer) {
 /** What is still held from before needs not be waited for. */
 void StreamReader::opened(Consumer& consumer, const Engine::Opened& opened) {
     if (opened.comesAgain == milliseconds(0)) {
+        consumer.nDelivery = 0;
         for (const auto& [nPosition, message] : std::exchange(consumer.keptBack, {})) {
             m_held.erase(nPosition);
             --consumer.nHeld;
@@ -154,6 +163,7 @@ void StreamReader::opened(Consumer& consumer, const Engine::Opened& opened) {
         static_cast<std::uint64_t>(std::count_if(m_held.begin(), m_held.end(), [&](const auto& entry) {
             return &m_consumers.at(entry.second.sConsumer) == &consumer && entry.first <= opened.nHandedOut;
         }));
+    consumer.nDelivery = std::max(consumer.nDelivery, opened.nDeliveries);
     consumer.nHandedOut = opened.nHandedOut;
     consumer.nAwaited = opened.nUnanswered - std::min(opened.nUnanswered, nKept);
     consumer.awaitedUntil = RelayLoop::Clock::now() + opened.comesAgain + cRedeliveryMargin;

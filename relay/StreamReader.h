@@ -25,6 +25,10 @@ namespace VornRelay {
  * on in order. What arrives before a consumer is open is kept back too: it was asked for by a relay that was
  * killed, and may be newer than what comes again.
  *
+ * A consumer numbers what it hands out. Where a number is missing, the message went elsewhere: to a relay
+ * that was killed, whose request the engine read late, or it was dropped on its way. It would come again
+ * after newer ones, and so the consumer is opened anew before these are handed on.
+ *
  * An engine ends a pull after a time, and may do so silently: nats-server 2.9 does, when a message comes just
  * then. So there is a fresh one before the old one ends.
  *
@@ -78,6 +82,7 @@ private:
         bool bOpening = false;
         bool bEnding = false;
         RelayLoop::Clock::time_point heard; // when something came last, or was asked for after a pause
+        std::uint64_t nDelivery = 0;        // of what came last
         std::uint64_t nAwaited =
             0; // messages up to nHandedOut that have to come before the others are handed on
         std::uint64_t nHandedOut = 0;

@@ -82,18 +82,28 @@ public:
         });
     }
 
+    /** Asks for one message; counts in nPulled when the engine has read that. */
+    void pull(const std::string& sConsumer) {
+        m_loop.post([this, sConsumer] {
+            m_engine.pull(sConsumer, 1);
+            m_engine.measure([this](const VornRelay::Engine::Fill*) { ++nPulled; });
+        });
+    }
+
     std::atomic<int> nConnected{0};
     std::atomic<int> nLost{0};
     std::atomic<int> nUnknown{0};
     std::atomic<int> nStored{0};
     std::atomic<int> nAbsent{0};
+    std::atomic<int> nPulled{0};
+    std::atomic<int> nArrived{0};
 
 private:
     void connected() override { ++nConnected; }
 
     void disconnected(const std::string&) override { ++nLost; }
 
-    void arrived(VornRelay::Engine::Arrival&&) override {}
+    void arrived(VornRelay::Engine::Arrival&&) override { ++nArrived; }
 
     void pullEnded(const std::string&) override {}
 
@@ -481,6 +491,20 @@ TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {
     m_stage.administration().request("$JS.API.CONSUMER.DELETE.VORN_TO_b.relay");
     ChildProcess service = m_stage.startService("a", "plain", sLease, 10);
     EXPECT_TRUE(RelayStage::awaitNumbers("log", 10));
+    EXPECT_EQ(RelayStage::history("log", 10), (History{10, 0, 0, 0}));
+}
+
+TEST_F(RelayTest, WhatTheEngineHandsToAnother_IsNotPassedByWhatComesAfterIt) {
+    startRelays();
+    ChildProcess sink = m_stage.startSink("b", "", "log");
+    const std::string sLease = sink.readLine();
+    Connection killed(m_stage.access("b")); // a relay whose last request the engine reads late
+    ASSERT_TRUE(awaitCondition([&] { return killed.nConnected == 1; }));
+    killed.pull("relay");
+    ASSERT_TRUE(awaitCondition([&] { return killed.nPulled == 1; }));
+    ChildProcess service = m_stage.startService("a", "plain", sLease, 10);
+    EXPECT_TRUE(RelayStage::awaitNumbers("log", 10));
+    EXPECT_EQ(killed.nArrived, 1);
     EXPECT_EQ(RelayStage::history("log", 10), (History{10, 0, 0, 0}));
 }
 

@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -83,6 +84,7 @@ protected:
     void start() {
         m_spLoop = std::make_unique<RelayLoop>();
         m_spDelivery = std::make_unique<SinkDelivery>(*m_spLoop, m_engine, m_settings, m_counters);
+        m_deliveries.clear();
         m_spDelivery->setConnected(true);
     }
 
@@ -122,8 +124,9 @@ protected:
             "vorn.to.h" + (szKind + sNumber),
             {{"Nats-Msg-Id", idOf("s", {1, n})}, {"Vorn-From", "s"}, {"Vorn-Version", sVersion}},
             bytes("00 00 00 07 00 00 00 00")};
+        const std::string sConsumer = bIsNamed ? "keep-" + sNumber : "relay";
         m_spDelivery->reader().arrived(
-            {bIsNamed ? "keep-" + sNumber : "relay", "r" + std::to_string(n), n, std::move(message)});
+            {sConsumer, "r" + std::to_string(n), n, ++m_deliveries[sConsumer], std::move(message)});
     }
 
     bool runUntil(const std::function<bool()>& condition) { return VornTest::runUntil(*m_spLoop, condition); }
@@ -148,6 +151,7 @@ protected:
     RelaySettings m_settings;
     RelayCounters m_counters;
     ScriptedEngine m_engine;
+    std::map<std::string, std::uint64_t> m_deliveries; // by consumer
     std::unique_ptr<RelayLoop> m_spLoop;
     std::unique_ptr<SinkDelivery> m_spDelivery;
 };
