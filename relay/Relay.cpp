@@ -4,14 +4,11 @@
 
 #include "RelayLog.h"
 #include "ServiceManager.h"
-#include "StateFile.h"
 
 #include <PipeListener.h>
 #include <VornPipeServer.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <utility>
 
@@ -90,23 +87,14 @@ private:
 
 Relay::Relay(RelaySettings settings, std::string sSettingsFile)
     : m_settings(std::move(settings)), m_sSettingsFile(std::move(sSettingsFile)),
-      m_spSignals(std::make_unique<Signals>(*this)), m_number{nextBootNumber(m_settings.sStateDirectory +
-                                                                             "/boot"),
-                                                              0},
+      m_spSignals(std::make_unique<Signals>(*this)),
       m_engine(m_loop, m_settings.access, m_settings.publishTimeout, *this),
-      m_topics(m_loop, m_engine, m_settings), m_services(m_loop, m_engine, m_settings),
+      m_hosts(m_loop, m_engine, m_settings, m_counters), m_topics(m_loop, m_engine, m_settings),
+      m_services(m_loop, m_engine, m_settings),
       m_control(m_loop, "relay", [this](const ControlRequest& request) { return answer(request); }) {
     g_nLogLevel.store(m_settings.nLogLevel, std::memory_order_relaxed);
     if (m_settings.bReceive)
         m_spDelivery = std::make_unique<SinkDelivery>(m_loop, m_engine, m_settings, m_counters);
-    m_engine.listenTo("vorn.gone.*");
-    for (const std::string& sHost : m_settings.sendTo)
-        addHost(sHost);
-    if (m_settings.nRedirectPort != 0)
-        m_redirectPort.emplace(m_loop, m_settings.nRedirectPort,
-                               [this](VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant) {
-                                   redirected(std::move(connection), meant);
-                               });
     if (!m_settings.sMetrics.empty())
         m_metrics.emplace(m_loop, m_settings.sMetrics, [this] { return metrics(); });
 }
@@ -118,7 +106,7 @@ Relay::~Relay() {
 }
 
 void Relay::run() {
-    openPipes();
+    m_hosts.open();
     m_control.open();
     m_engine.start();
     look();
@@ -131,8 +119,7 @@ void Relay::connected() {
     m_bConnected = true;
     m_sLastFailure.clear();
     logLine(LogLevel::change, "connected to the engine");
-    for (const auto& [sHost, spHost] : m_hosts)
-        spHost->queue().setConnected(true);
+    m_hosts.setConnected(true);
     if (m_spDelivery)
         m_spDelivery->setConnected(true);
     m_topics.setConnected(true);
@@ -151,8 +138,7 @@ void Relay::disconnected(const std::string& sWhy) {
     m_fill.reset();
     m_loop.cancel(m_asking);
     tellServiceManager("STATUS=no connection to the engine: " + sWhy);
-    for (const auto& [sHost, spHost] : m_hosts)
-        spHost->queue().setConnected(false);
+    m_hosts.setConnected(false);
     if (m_spDelivery)
         m_spDelivery->setConnected(false);
     m_topics.setConnected(false);
@@ -178,61 +164,7 @@ void Relay::told(const std::string& sSubject, const std::string& sText) {
     if (m_services.told(sSubject, sText))
         return;
     m_topics.told(sSubject);
-    const auto found = m_hosts.find(sSubject.substr(sSubject.rfind('.') + 1));
-    std::uint32_t nLease = 0;
-    std::from_chars(sText.data(), sText.data() + sText.size(), nLease);
-    if (found != m_hosts.end() && nLease != 0)
-        found->second->setGone(nLease);
-}
-
-void Relay::addHost(const std::string& sHost) {
-    const auto [entry, bIsNew] = m_hosts.try_emplace(sHost);
-    if (!bIsNew)
-        return;
-    entry->second = std::make_unique<RemoteHost>(m_loop, m_engine, m_settings.access.sHost, sHost,
-                                                 m_settings.nWindow, m_number, m_counters);
-    entry->second->queue().setConnected(m_bConnected);
-}
-
-/** Adds a host while services are accepted. */
-void Relay::addHostNow(const std::string& sHost) try {
-    addHost(sHost);
-    if (!m_bStopping)
-        m_hosts.at(sHost)->pipe().open();
-
-} catch (const std::system_error&) {
-
-    // It is tried again, and then told.
-}
-
-/** @return whether services of this host may notify that one. */
-bool Relay::isWanted(const std::string& sHost) const {
-    const std::vector<std::string>& listed = m_settings.sendTo;
-    return m_settings.bSendToAll ? m_found.contains(sHost)
-                                 : std::find(listed.begin(), listed.end(), sHost) != listed.end();
-}
-
-void Relay::hostsFound(const std::vector<std::string>& hosts) {
-    std::set<std::string> found(hosts.begin(), hosts.end());
-    found.erase(m_settings.access.sHost);
-    for (const std::string& sHost : found) {
-        if (!m_hosts.contains(sHost))
-            addHostNow(sHost);
-    }
-    m_found = std::move(found);
-}
-
-/** A host that may not be notified any more goes when what was accepted for it is stored. */
-void Relay::removeHosts() {
-    std::erase_if(m_hosts, [this](const auto& entry) {
-        if (isWanted(entry.first))
-            return false;
-        entry.second->pipe().close();
-        if (entry.second->pipe().reading() > 0 || entry.second->queue().size() > 0)
-            return false;
-        m_nRepeatedByRemoved += entry.second->queue().repeated();
-        return true;
-    });
+    m_hosts.told(sSubject, sText);
 }
 
 /** Asks what the engine does not tell by itself, at each connection and now and then. */
@@ -243,41 +175,7 @@ void Relay::askEngine() {
         m_engine.measure([this](const Engine::Fill* pFill) {
             m_fill = pFill == nullptr ? std::nullopt : std::optional(*pFill);
         });
-    if (m_settings.bSendToAll)
-        m_engine.listHosts([this](const std::vector<std::string>* pHosts) {
-            if (pHosts != nullptr)
-                hostsFound(*pHosts);
-        });
-}
-
-void Relay::openPipes() {
-    for (const auto& [sHost, spHost] : m_hosts) {
-        if (isWanted(sHost))
-            spHost->pipe().open();
-    }
-    if (m_redirectPort)
-        m_redirectPort->open();
-}
-
-void Relay::closePipes() {
-    if (m_redirectPort)
-        m_redirectPort->close(); // first: what it accepts is read by the pipes that are open
-    for (const auto& [sHost, spHost] : m_hosts)
-        spHost->pipe().close();
-}
-
-/** A connection to nobody who may be notified now is reset. */
-void Relay::redirected(VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant) {
-    for (const auto& [sHost, spHost] : m_hosts) {
-        if (spHost->pipe().isOpen() && meant.sin_addr.s_addr != INADDR_ANY &&
-            m_settings.redirectAddress(sHost).s_addr == meant.sin_addr.s_addr) {
-            spHost->pipe().take(std::move(connection), ntohs(meant.sin_port));
-            return;
-        }
-    }
-    const linger reset{1, 0};
-    System::setsockopt(connection.number(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-    ++m_counters.nRefused;
+    m_hosts.ask();
 }
 
 void Relay::look() {
@@ -287,32 +185,8 @@ void Relay::look() {
             m_loop.end();
         return;
     }
-    removeHosts();
-    admitServices();
+    m_hosts.look();
     sayReady();
-}
-
-/** Each host may have as much as is left for all, so that one that is away does not take what others need. */
-void Relay::admitServices() {
-    const std::size_t nLimit = m_settings.nHoldBytes;
-    const std::size_t nMost = m_hosts.size() == 1 ? nLimit : nLimit - std::min(nLimit, heldBytes());
-    for (const auto& [sHost, spHost] : m_hosts) {
-        spHost->complain();
-        if (!isWanted(sHost))
-            continue;
-        try {
-            spHost->admit(nMost);
-        } catch (const std::system_error& error) {
-            logLine(LogLevel::failure, std::string("a pipe cannot be opened: ") + error.what());
-        }
-    }
-}
-
-std::size_t Relay::heldBytes() {
-    std::size_t nBytes = 0;
-    for (const auto& [sHost, spHost] : m_hosts)
-        nBytes += spHost->queue().bytes();
-    return nBytes;
 }
 
 void Relay::sayReady() {
@@ -335,16 +209,11 @@ void Relay::reload() try {
     m_settings.onSlow = fresh.onSlow;
     m_settings.slowAfter = fresh.slowAfter;
     m_settings.nLogLevel = fresh.nLogLevel;
-    if (!m_settings.bSendToAll) // until the engine has told, those remain who were listed
-        m_found.insert(m_settings.sendTo.begin(), m_settings.sendTo.end());
-    m_settings.sendTo = fresh.sendTo;
-    m_settings.bSendToAll = fresh.bSendToAll;
     m_settings.redirectAddresses = fresh.redirectAddresses;
     for (const std::string& sFailure : m_topics.change(fresh))
         logLine(LogLevel::failure, sFailure);
     m_services.change(fresh);
-    for (const std::string& sHost : m_settings.sendTo)
-        addHostNow(sHost);
+    m_hosts.change(fresh);
     if (m_bConnected)
         askEngine();
     g_nLogLevel.store(fresh.nLogLevel, std::memory_order_relaxed);
@@ -365,7 +234,7 @@ void Relay::beginToStop() {
     tellServiceManager("STOPPING=1");
     logLine(LogLevel::change, "stopping");
     m_control.close();
-    closePipes();
+    m_hosts.stop();
     m_services.stop();
     if (m_spDelivery)
         m_spDelivery->stop();
@@ -376,10 +245,7 @@ bool Relay::isDone() {
         logLine(LogLevel::warning, "stops with notifications that have no outcome");
         return true;
     }
-    const bool bPublished = std::all_of(m_hosts.begin(), m_hosts.end(), [](const auto& entry) {
-        return entry.second->pipe().reading() == 0 && entry.second->queue().size() == 0;
-    });
-    return bPublished && (!m_spDelivery || m_spDelivery->isIdle());
+    return m_hosts.isIdle() && (!m_spDelivery || m_spDelivery->isIdle());
 }
 
 std::string Relay::answer(const ControlRequest& request) {
@@ -453,23 +319,7 @@ nlohmann::json Relay::sinks() const {
     return list;
 }
 
-std::uint64_t Relay::repeated() const {
-    std::uint64_t nRepeated = m_nRepeatedByRemoved;
-    for (const auto& [sHost, spHost] : m_hosts)
-        nRepeated += spHost->queue().repeated();
-    return nRepeated;
-}
-
 std::string Relay::status() {
-    Json hosts = Json::array();
-    for (const auto& [sHost, spHost] : m_hosts)
-        hosts.push_back({{"host", sHost},
-                         {"open", spHost->pipe().isOpen()},
-                         {"waiting", spHost->queue().size()},
-                         {"bytes", spHost->queue().bytes()},
-                         {"full", spHost->queue().isFull()},
-                         {"failure", spHost->queue().failure()},
-                         {"repeated", spHost->queue().repeated()}});
     Json stream;
     if (m_fill)
         stream = {{"messages", m_fill->nMessages},
@@ -491,8 +341,8 @@ std::string Relay::status() {
                 {"tries", m_counters.nTries},
                 {"resets", m_counters.nResets},
                 {"moved-ports", m_counters.nMovedPorts},
-                {"repeated", repeated()},
-                {"hosts", hosts},
+                {"repeated", m_hosts.repeated()},
+                {"hosts", m_hosts.status()},
                 {"sinks", sinks()},
                 {"stream", stream},
                 {"topics", m_topics.status()},
@@ -506,12 +356,12 @@ std::string Relay::metrics() {
     const std::pair<const char*, std::size_t> gauges[] = {
         {"connected", m_bConnected ? 1 : 0},
         {"ready", m_bReady ? 1 : 0},
-        {"waiting_bytes", heldBytes()},
+        {"waiting_bytes", m_hosts.heldBytes()},
         {"held", m_spDelivery ? m_spDelivery->reader().held() : 0},
         {"leases", m_spDelivery ? m_spDelivery->leases().all().size() : 0}};
     for (const auto& [szName, nValue] : gauges)
         printMetric(sText, szName, "gauge", std::to_string(nValue));
-    printMetric(sText, "repeated_total", "counter", std::to_string(repeated()));
+    printMetric(sText, "repeated_total", "counter", std::to_string(m_hosts.repeated()));
     m_services.printMetrics(sText);
     if (m_spDelivery)
         m_spDelivery->printOldest(sText);

@@ -6,19 +6,16 @@
 #include "ControlPipe.h"
 #include "MetricsSocket.h"
 #include "NatsEngine.h"
-#include "RedirectPort.h"
 #include "RelayCounters.h"
+#include "RelayHosts.h"
 #include "RelayLoop.h"
 #include "RelayServices.h"
 #include "RelaySettings.h"
 #include "RelayTopics.h"
-#include "RemoteHost.h"
 #include "SinkDelivery.h"
 
-#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -52,18 +49,8 @@ private:
     void consumerLost(const std::string& sConsumer) override;
     void told(const std::string& sSubject, const std::string& sText) override;
 
-    void addHost(const std::string& sHost);
-    void addHostNow(const std::string& sHost);
-    bool isWanted(const std::string& sHost) const;
-    void hostsFound(const std::vector<std::string>& hosts);
-    void removeHosts();
-    void redirected(VornNet::OwnedDescriptor&& connection, const sockaddr_in& meant);
-    void closePipes();
     void askEngine();
-    void openPipes();
     void look();
-    void admitServices();
-    std::size_t heldBytes();
     void sayReady();
     void reload();
     void beginToStop();
@@ -73,7 +60,6 @@ private:
     std::string lease(const ControlRequest& request);
     std::string release(const ControlRequest& request);
     nlohmann::json sinks() const;
-    std::uint64_t repeated() const;
     std::string status();
     std::string metrics();
 
@@ -82,13 +68,11 @@ private:
     RelayLoop m_loop;
     std::unique_ptr<Signals> m_spSignals;
     RelayCounters m_counters;
-    NotificationNumber m_number;
     NatsEngine m_engine;
+    RelayHosts m_hosts;
     RelayTopics m_topics;
     RelayServices m_services;
     std::unique_ptr<SinkDelivery> m_spDelivery;
-    std::map<std::string, std::unique_ptr<RemoteHost>> m_hosts;
-    std::optional<RedirectPort> m_redirectPort;
     ControlPipe m_control;
     std::optional<MetricsSocket> m_metrics;
     RelayLoop::Timer m_look = 0;
@@ -97,8 +81,6 @@ private:
     RelayLoop::Clock::time_point m_stopUntil;
     RelayLoop::Clock::time_point m_nextSign;
     std::string m_sLastFailure;
-    std::set<std::string> m_found; // hosts that have a stream, where all may be notified
-    std::uint64_t m_nRepeatedByRemoved = 0;
     bool m_bConnected = false;
     bool m_bReady = false;
     bool m_bStopping = false;

@@ -57,7 +57,7 @@ public:
 
     void measure(FillHandler) override {}
 
-    void listHosts(HostsHandler) override {}
+    void listHosts(HostsHandler onAnswer) override { onHostsListed = std::move(onAnswer); }
 
     std::size_t mostContent() const override { return nMostContent; }
 
@@ -100,6 +100,7 @@ public:
     std::chrono::milliseconds life{5000};
     bool bOpensAtOnce = true;
     OpenHandler onConsumerOpened;    ///< of the last one that did not open at once
+    HostsHandler onHostsListed;      ///< of the last question
     std::vector<std::string> opened; ///< "consumer filter"
     std::vector<std::string> closed;
     std::vector<std::string> acknowledged;
