@@ -8,8 +8,10 @@ check_tree.py order SOURCE_DIRECTORY      a source defines functions in the orde
 check_tree.py comments SOURCE_DIRECTORY   the comment of a public class says what users must know
 """
 
+import json
 import pathlib
 import re
+import subprocess
 import sys
 
 # Headers of no class of their own, or without a source or a test of their name; each with the reason.
@@ -90,14 +92,6 @@ def check_suites(root):
                 yield f"{path}: the suite {suite} is not named after {name}"
 
 
-def without_comments(text):
-    """The text with comments, texts and preprocessor lines blanked out; the line numbers stay."""
-    def blank(match):
-        return "\n" * match.group(0).count("\n") if match.group(0)[0] == "/" else '""'
-    text = re.sub(r'/\*.*?\*/|//[^\n]*|"(?:\\.|[^"\\\n])*"', blank, text, flags=re.S)
-    return re.sub(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*", "", text, flags=re.M)
-
-
 def parameter_types(parameters):
     """The parameter list without the parameters' names, so that overloads can be told apart."""
     types = []
@@ -111,82 +105,37 @@ def parameter_types(parameters):
     return ", ".join(types)
 
 
-def functions(text, name_pattern):
-    """(position, name, parameter types) of everything that looks like a function of that name."""
-    for match in re.finditer(name_pattern + r"\s*\(", text):
-        depth, end = 1, match.end()
-        while depth > 0 and end < len(text):
-            depth += {"(": 1, ")": -1}.get(text[end], 0)
-            end += 1
-        yield match.start(), match.group("name"), parameter_types(text[match.end():end - 1])
+def functions(path):
+    """(class, name, types of the parameters) of each function of a class, in the order of the file."""
+    # The program overlooks a destructor that overrides.
+    command = ["ctags", "-D", "override=", "--languages=C++", "--langmap=C++:+.h", "--kinds-C++=pf", "--fields=+S",
+               "--sort=no", "--output-format=json", "-o", "-", path]
+    for line in subprocess.run(command, check=True, capture_output=True, text=True).stdout.splitlines():
+        tag = json.loads(line)
+        if tag.get("scopeKind") == "class" and "signature" in tag:
+            yield tag["scope"].split("::")[-1], tag["name"], parameter_types(tag["signature"][1:-1])
 
 
-NAME = r"(?P<name>~?\w+|operator\s*(?:\[\]|[<>=!+*/-]+))"
-
-
-def class_bodies(text):
-    """(name, body) of each class defined at the outermost level of its name space."""
-    for match in re.finditer(r"\bclass\s+(?:\w+_API\s+)?(\w+)[^;{()]*\{", text):
-        depth, end = 1, match.end()
-        while depth > 0:
-            depth += {"{": 1, "}": -1}.get(text[end], 0)
-            end += 1
-        yield match.group(1), text[match.end():end - 1]
-
-
-def declared_order(header_text):
-    """Of each class, its functions in the order of declaration."""
-    declared = {}
-    for name, body in class_bodies(without_comments(header_text)):
-        body = re.sub(r"\{[^{}]*\}", ";", re.sub(r"\{[^{}]*\}", ";", body))
-        found = []
-        for position, function, types in functions(body, r"(?<![\w:~])" + NAME):
-            statement = body[max(body.rfind(";", 0, position), body.rfind(":", 0, position)) + 1:position]
-            if "=" not in statement and "return" not in statement:
-                found.append((function, types))
-        declared[name] = found
-    return declared
-
-
-def defined_order(source_text):
-    """Of each class, its functions in the order of definition."""
-    defined = {}
-    pattern = r"^(?=\S)(?:[\w:<>&*, \[\]]*?[\s&*])?(?P<class>\w+)::" + NAME
-    text = without_comments(source_text)
-    for match in re.finditer(pattern + r"\s*\(", text, flags=re.M):
-        _, name, types = next(functions(text[match.start("name"):], NAME))
-        defined.setdefault(match.group("class"), []).append((name, types))
-    return defined
-
-
-def order_problems(declared, defined):
-    for name, order in declared.items():
-        last = -1
-        for function in defined.get(name, []):
-            if function not in order:
-                continue
-            position = order.index(function)
-            if position < last:
-                yield f"{name}::{function[0]}({function[1]}) is defined after {name}::{order[last][0]}"
-            last = max(last, position)
+def order_problems(header, source):
+    """What is defined of the header's classes, where it stands too late or was never declared."""
+    declared = list(functions(header))
+    last = {}
+    for function in functions(source):
+        name = "{}::{}({})".format(*function)
+        if function in declared:
+            place = declared.index(function)
+            latest = last.setdefault(function[0], place)
+            if place < latest:
+                yield f"{name} is defined after {function[0]}::{declared[latest][1]}"
+            last[function[0]] = max(latest, place)
+        elif any(function[0] == one[0] for one in declared):
+            yield f"{name} is not in the header"
 
 
 def check_order(root):
-    problems = []
-    checked = 0
-    for header in public_headers(root):
-        source = source_of(header)
-        if not source.exists():
-            continue
-        declared = declared_order(header.read_text())
-        defined = defined_order(source.read_text())
-        checked += sum(len(defined.get(name, [])) for name in declared)
-        problems += [f"{source}: {problem}" for problem in order_problems(declared, defined)]
-        for name in declared:
-            for function in defined.get(name, []):
-                if function not in declared[name]:
-                    problems.append(f"{source}: {name}::{function[0]}({function[1]}) is not in the header")
-    return problems + too_few(checked, 200, "definitions")
+    pairs = [(header, source_of(header)) for header in public_headers(root) if source_of(header).exists()]
+    problems = [f"{source}: {problem}" for header, source in pairs for problem in order_problems(header, source)]
+    return problems + too_few(sum(len(list(functions(source))) for _, source in pairs), 200, "definitions")
 
 
 def class_comments(header_text):
