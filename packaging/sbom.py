@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
 """Writes a bill of materials (SPDX 2.3, JSON) of Debian packages made of this tree.
@@ -10,13 +10,13 @@ packages give the same bytes. It leaves itself out of the list of files, for it 
 import argparse
 import datetime
 import hashlib
-import io
 import json
 import os
 import re
 import subprocess
 import sys
-import tarfile
+
+from debian.debfile import DebFile
 
 OWN_NAME = "vornnet.spdx.json.gz"
 HOMEPAGE = "https://vornnet.example/"
@@ -32,13 +32,6 @@ COMPILED_IN = {
 PROGRAMS = ("vornnet-relay", "vornnet-tools")
 THEME = re.compile("/(scripts|styles|copy-?button[^/]*|check-solid.svg|skeleton.css|debug.css)(/|$)")
 
-PURPOSES = {"libvornnet1": "LIBRARY", "libvornnotify1": "LIBRARY", "vornnet-relay": "APPLICATION",
-            "vornnet-tools": "APPLICATION"}
-
-
-def output_of(*command):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout
-
 
 def installed_version(package):
     """The version it has on the machine that builds, or None."""
@@ -49,6 +42,11 @@ def installed_version(package):
 
 def identifier(kind, name):
     return f"SPDXRef-{kind}-" + re.sub(r"[^A-Za-z0-9.-]", "-", name)
+
+
+def reference(package):
+    """By what tools that look for known faults know a package."""
+    return [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator": f"pkg:deb/{package}"}]
 
 
 def licences_in(name, content):
@@ -62,35 +60,19 @@ def licences_in(name, content):
     return sorted(found) or [LICENCE]
 
 
-def file_type(name, content):
-    if content.startswith(b"\x7fELF"):
-        return "BINARY"
-    if name.endswith((".h", ".cpp", ".js", ".py", ".lua", ".cmake")):
-        return "SOURCE"
-    if name.endswith((".gz", ".svg", ".png")):
-        return {"gz": "ARCHIVE"}.get(name.rsplit(".", 1)[1], "IMAGE")
-    return "DOCUMENTATION" if "/doc/" in name else "TEXT"
-
-
 class Package:
     """One Debian package, read from its file."""
 
     def __init__(self, path):
-        self.fields = {}
-        for line in output_of("dpkg-deb", "--field", path).decode().splitlines():
-            name, colon, value = line.partition(":")
-            if colon and not line.startswith(" "):
-                self.fields[name] = value.strip()
-        self.name = self.fields["Package"]
-        self.version = self.fields["Version"]
-        self.architecture = self.fields["Architecture"]
+        with DebFile(path) as package:
+            self.fields, archive = package.debcontrol(), package.data.tgz()
+            contents = {member.name: archive.extractfile(member).read() for member in archive if member.isfile()}
+        self.name, self.version = self.fields["Package"], self.fields["Version"]
         self.id = identifier("Package", self.name)
         self.left_out = []
         self.files = []
-        with tarfile.open(fileobj=io.BytesIO(output_of("dpkg-deb", "--fsys-tarfile", path))) as archive:
-            for member in sorted(archive.getmembers(), key=lambda member: member.name):
-                if member.isfile():
-                    self.add_file(member.name, archive.extractfile(member).read())
+        for name in sorted(contents):
+            self.add_file(name, contents[name])
 
     def add_file(self, name, content):
         if os.path.basename(name) == OWN_NAME:
@@ -100,11 +82,8 @@ class Package:
         self.files.append({
             "SPDXID": identifier("File", f"{self.name}-{len(self.files)}"),
             "fileName": name,
-            "fileTypes": [file_type(name, content)],
-            "checksums": [
-                {"algorithm": "SHA1", "checksumValue": hashlib.sha1(content).hexdigest()},
-                {"algorithm": "SHA256", "checksumValue": hashlib.sha256(content).hexdigest()},
-            ],
+            "checksums": [{"algorithm": kind.upper(), "checksumValue": hashlib.new(kind, content).hexdigest()}
+                          for kind in ("sha1", "sha256")],
             "licenseConcluded": " AND ".join(licences),
             "licenseInfoInFiles": licences,
             "copyrightText": COPYRIGHT if licences == [LICENCE] else "NOASSERTION",
@@ -137,12 +116,7 @@ class Package:
             "licenseDeclared": LICENCE,
             "licenseInfoFromFiles": licences,
             "copyrightText": COPYRIGHT,
-            "primaryPackagePurpose": PURPOSES.get(self.name, "OTHER"),
-            "externalRefs": [{
-                "referenceCategory": "PACKAGE-MANAGER",
-                "referenceType": "purl",
-                "referenceLocator": f"pkg:deb/vornnet/{self.name}@{self.version}?arch={self.architecture}",
-            }],
+            "externalRefs": reference(f"vornnet/{self.name}@{self.version}?arch={self.fields['Architecture']}"),
         }
 
 
@@ -160,11 +134,7 @@ def foreign_package(name, spdx_id, debian_name, licence, homepage=None):
     }
     if version:
         description["versionInfo"] = version
-        description["externalRefs"] = [{
-            "referenceCategory": "PACKAGE-MANAGER",
-            "referenceType": "purl",
-            "referenceLocator": f"pkg:deb/debian/{debian_name}@{version}",
-        }]
+        description["externalRefs"] = reference(f"debian/{debian_name}@{version}")
     if homepage:
         description["homepage"] = homepage
     return description
@@ -182,7 +152,6 @@ def source_package(version):
         "licenseConcluded": LICENCE,
         "licenseDeclared": LICENCE,
         "copyrightText": COPYRIGHT,
-        "primaryPackagePurpose": "SOURCE",
     }
 
 
