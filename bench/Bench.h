@@ -78,11 +78,16 @@ void addFunction(const std::string& workload, const std::string& contender, long
  */
 bool isCounting();
 
+/** @return the place of the entry that is looked up next: all over the entries, in no order */
+inline int placeOf(int lookUp, int entries) {
+    return static_cast<int>(static_cast<unsigned int>(lookUp) * 2'654'435'761U %
+                            static_cast<unsigned int>(entries));
+}
+
 /** @return how many blocks of memory the program has asked for; always 0 in the program that measures time.
  */
 long allocations();
 
-void addBigStrings();
 void addBlocks();
 void addDeadClients();
 void addDelivery();
@@ -91,15 +96,13 @@ void addLogging();
 void addNotification();
 void addRegistry();
 void addRequest();
-void addRequestPieces();
 void addScale();
 void addSentValues();
 void addServerCycle();
 void addSinkDelivery();
 void addStrings();
 void addTypedNumbers();
-void addUdpReceive();
-void addUdpSend();
+void addUdp();
 
 } // namespace Bench
 

@@ -9,19 +9,18 @@
 
 namespace Bench {
 
-/** Plain ends that move a block of @p Size bytes and acknowledge it with an int. */
-template <std::size_t Size>
+/** Plain ends that move a block of so many bytes and acknowledge it with an int. */
 class PosixBlock : public PlainEnd {
 public:
-    PosixBlock(Road road, int fd) : PlainEnd(road, fd), m_block(Size, 'x') {}
+    PosixBlock(Road road, int fd, std::size_t size) : PlainEnd(road, fd), m_block(size, 'x') {}
 
     void ask() const {
-        send(m_block.data(), Size);
+        send(m_block.data(), m_block.size());
         benchmark::DoNotOptimize(receiveNumber());
     }
 
     void answer() {
-        receive(m_block.data(), Size);
+        receive(m_block.data(), m_block.size());
         sendNumber(1);
     }
 
@@ -30,18 +29,18 @@ private:
 };
 
 /** The same with put() and get(). */
-template <std::size_t Size>
 class VornnetBlock {
 public:
-    VornnetBlock(Road road, int fd) : m_connection(makeConnection(road, fd)), m_block(Size, 'x') {}
+    VornnetBlock(Road road, int fd, std::size_t size)
+        : m_connection(makeConnection(road, fd)), m_block(size, 'x') {}
 
     void ask() {
-        m_connection->put(m_block.data(), static_cast<int>(Size));
+        m_connection->put(m_block.data(), static_cast<int>(m_block.size()));
         benchmark::DoNotOptimize(m_connection->receiveInt());
     }
 
     void answer() {
-        m_connection->get(m_block.data(), static_cast<int>(Size));
+        m_connection->get(m_block.data(), static_cast<int>(m_block.size()));
         m_connection->transfer(1);
     }
 
@@ -51,13 +50,12 @@ private:
 };
 
 /** Plain ends that move a length and so many bytes, into memory that is allocated for them. */
-template <std::size_t Size>
 class PosixString : public PlainEnd {
 public:
-    PosixString(Road road, int fd) : PlainEnd(road, fd), m_text(Size, 'x') {}
+    PosixString(Road road, int fd, std::size_t size) : PlainEnd(road, fd), m_text(size, 'x') {}
 
     void ask() const {
-        sendNumber(Size);
+        sendNumber(static_cast<unsigned int>(m_text.size()));
         send(m_text.data(), m_text.size());
         benchmark::DoNotOptimize(receiveNumber());
     }
@@ -76,10 +74,10 @@ private:
 };
 
 /** The same with strings. */
-template <std::size_t Size>
 class VornnetString {
 public:
-    VornnetString(Road road, int fd) : m_connection(makeConnection(road, fd)), m_text(Size, 'x') {}
+    VornnetString(Road road, int fd, std::size_t size)
+        : m_connection(makeConnection(road, fd)), m_text(size, 'x') {}
 
     void ask() {
         m_connection->transfer(m_text);

@@ -34,18 +34,9 @@ constexpr int cFirstPort = 6000;
 class Listener {
 public:
     Listener(Road road, int number, int backlog)
-        : m_address(road, pipeName(number), cFirstPort + number),
-          m_fd(static_cast<int>(checked(::socket(familyOf(road), SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"))),
+        : m_address(road, pipeName(number), cFirstPort + number), m_fd(listenAt(m_address, backlog)),
           m_name(road == Road::pipe ? "pipe:" + pipeName(number)
-                                    : "socket:127.0.0.1:" + std::to_string(cFirstPort + number)) {
-        const int yes = 1;
-        if (road == Road::pipe)
-            ::unlink(m_address.path());
-        else
-            checked(::setsockopt(m_fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes), "setsockopt");
-        checked(::bind(m_fd, m_address.get(), m_address.length()), "bind");
-        checked(::listen(m_fd, backlog), "listen");
-    }
+                                    : "socket:127.0.0.1:" + std::to_string(cFirstPort + number)) {}
 
     ~Listener() { ::close(m_fd); }
 
@@ -138,10 +129,7 @@ public:
         for (int i = 0; i < cSwallowed; ++i, ++number) {
             add(std::make_unique<Listener>(Road::tcp, number, 0));
             // With its queue full, the kernel drops whatever is sent to it.
-            m_inFront.push_back(
-                static_cast<int>(checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")));
-            const Address& address = m_listeners.back()->address();
-            checked(::connect(m_inFront.back(), address.get(), address.length()), "connect");
+            m_inFront.push_back(connectTo(m_listeners.back()->address()));
         }
     }
 

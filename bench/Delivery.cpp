@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "Bench.h"
-#include "PosixNotification.h"
+#include "PosixServer.h"
 
 #include <VornDispatcher.h>
 #include <VornLibraryCallbackSink.h>
@@ -80,24 +80,35 @@ private:
     std::unique_ptr<Address> m_spAddress;
 };
 
-class PosixDelivery : public Contender {
+/** Tries until it has delivered: an unmodified sink opens again after each notification. */
+class DeliveryByHand : public Contender {
 public:
-    PosixDelivery(Road road, bool bIsSteady) : m_road(road), m_receiver(road, bIsSteady) {
+    DeliveryByHand(Road road, bool bIsSteady) : m_road(road), m_receiver(road, bIsSteady) {
         ::prctl(PR_SET_TIMERSLACK, 1);
     }
 
     Clock::time_point operate() override {
         for (int i = 0; i < cBurst; ++i) {
-            while (!deliver()) // an unmodified sink opens again after each
+            while (!deliver())
                 ::usleep(cPause);
         }
         return Clock::now();
     }
 
-private:
-    bool deliver() const {
-        NotificationBytes bytes;
-        storeInt(bytes.id, 42);
+protected:
+    virtual bool deliver() const = 0;
+
+    const Road m_road;
+    const Receiver m_receiver;
+};
+
+class PosixDelivery : public DeliveryByHand {
+public:
+    using DeliveryByHand::DeliveryByHand;
+
+protected:
+    bool deliver() const override {
+        const NotificationBytes bytes;
         char end = 0;
         const int fd =
             static_cast<int>(checked(::socket(familyOf(m_road), SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
@@ -108,9 +119,6 @@ private:
         ::close(fd);
         return bIsDelivered;
     }
-
-    const Road m_road;
-    const Receiver m_receiver;
 };
 
 /**
@@ -118,28 +126,16 @@ private:
  * to go: seven bytes first, and the rest when they have been taken. Whoever wants to know that has to run
  * twice more, and so has the sink.
  */
-class ProbingDelivery : public Contender {
+class ProbingDelivery : public DeliveryByHand {
 public:
     explicit ProbingDelivery(bool bIsSteady)
-        : m_receiver(Road::pipe, bIsSteady),
-          m_poll(static_cast<int>(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1"))) {
-        ::prctl(PR_SET_TIMERSLACK, 1);
-    }
+        : DeliveryByHand(Road::pipe, bIsSteady),
+          m_poll(static_cast<int>(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1"))) {}
 
     ~ProbingDelivery() override { ::close(m_poll); }
 
-    Clock::time_point operate() override {
-        for (int i = 0; i < cBurst; ++i) {
-            while (!deliver())
-                ::usleep(cPause);
-        }
-        return Clock::now();
-    }
-
-private:
-    static constexpr std::size_t cProbe = 7;
-
-    bool deliver() const {
+protected:
+    bool deliver() const override {
         const int fd = static_cast<int>(
             checked(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket"));
         const bool bIsDelivered =
@@ -148,9 +144,11 @@ private:
         return bIsDelivered;
     }
 
+private:
+    static constexpr std::size_t cProbe = 7;
+
     bool converse(int fd) const {
-        NotificationBytes bytes;
-        storeInt(bytes.id, 42);
+        const NotificationBytes bytes;
         const auto* begin = reinterpret_cast<const char*>(&bytes);
         constexpr std::size_t cRest = sizeof bytes - cProbe;
         char end = 0;
@@ -182,7 +180,6 @@ private:
         return event.events;
     }
 
-    const Receiver m_receiver;
     const int m_poll;
 };
 

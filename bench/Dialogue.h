@@ -16,13 +16,16 @@ namespace Bench {
 /**
  * Questions and answers over one stream connection, the other end of which has a thread of its own.
  *
- * @tparam End an end of the connection, made from road and descriptor, which it owns: ask() is an operation
- * of the client's, and answer() is what the server does for it; it throws when the client has closed
+ * @tparam End an end of the connection, made from road, descriptor, which it owns, and arguments: ask() is an
+ * operation of the client's, and answer() is what the server does for it; it throws when the client has
+ * closed
  */
 template <typename End>
 class Dialogue : public Contender {
 public:
-    explicit Dialogue(Road road) : Dialogue(road, connectedPair(road)) {}
+    template <typename... Arguments>
+    explicit Dialogue(Road road, Arguments... arguments)
+        : Dialogue(connectedPair(road), road, arguments...) {}
 
     Clock::time_point operate() override {
         m_client.ask();
@@ -30,11 +33,14 @@ public:
     }
 
 private:
-    Dialogue(Road road, Ends ends)
-        : m_server([road, fd = ends.server] { serve(road, fd); }), m_client(road, ends.client) {}
+    template <typename... Arguments>
+    Dialogue(Ends ends, Road road, Arguments... arguments)
+        : m_server([=] { serve(road, ends.server, arguments...); }),
+          m_client(road, ends.client, arguments...) {}
 
-    static void serve(Road road, int fd) {
-        End end(road, fd);
+    template <typename... Arguments>
+    static void serve(Road road, int fd, Arguments... arguments) {
+        End end(road, fd, arguments...);
         try {
             for (;;)
                 end.answer();

@@ -293,9 +293,7 @@ private:
     static int subscribed() {
         static const std::array<char, 40> request = {0, 0, 0, 1}; // and zeros: from the next event on
         std::array<char, 33> answer{};
-        const Address address(Road::pipe, "bench-events", 0);
-        const int fd = static_cast<int>(checked(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
-        checked(::connect(fd, address.get(), address.length()), "connect");
+        const int fd = connectTo(Address(Road::pipe, "bench-events", 0));
         sendAll(fd, "events\r\n", 8);
         sendAll(fd, request.data(), request.size());
         receiveAll(fd, answer.data(), answer.size());

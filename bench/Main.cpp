@@ -168,12 +168,9 @@ void addAll() {
     addDeadClients();
     addServerCycle();
     addRequest();
-    addRequestPieces();
     addSentValues();
     addBlocks();
-    addBigStrings();
-    addUdpReceive();
-    addUdpSend();
+    addUdp();
     addRegistry();
     addLogging();
     addScale();

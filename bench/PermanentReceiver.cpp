@@ -2,27 +2,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PermanentReceiver.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace Bench {
 
-namespace {
-
-int listenAt(Road road, const Address& address) {
-    constexpr int cBacklog = 128;
-    const int listener = static_cast<int>(checked(::socket(familyOf(road), SOCK_STREAM, 0), "socket"));
-    const int reuse = 1;
-    checked(::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse), "setsockopt");
-    if (road == Road::pipe)
-        ::unlink(address.path());
-    checked(::bind(listener, address.get(), address.length()), "bind");
-    checked(::listen(listener, cBacklog), "listen");
-    return listener;
-}
-
-} // namespace
-
 PermanentReceiver::PermanentReceiver(Road road, int batch)
-    : m_road(road), m_address(road, cPipeName, cPort), m_batch(batch), m_listener(listenAt(road, m_address)),
-      m_thread([this] { run(); }) {}
+    : m_road(road), m_address(road, cPipeName, cPort), m_batch(batch),
+      m_listener(listenAt(m_address, SOMAXCONN)), m_thread([this] { run(); }) {}
 
 PermanentReceiver::~PermanentReceiver() {
     ::shutdown(m_listener, SHUT_RDWR);

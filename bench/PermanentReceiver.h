@@ -4,7 +4,7 @@
 #define VORNBENCH_PERMANENTRECEIVER_H
 
 #include "Pacing.h"
-#include "PosixNotification.h"
+#include "PosixServer.h"
 
 #include <string>
 

@@ -82,6 +82,17 @@ void PosixServer::openSocket() {
         checked(::listen(m_listener, 5), "listen");
 }
 
+void sendNotification(Road road, const Address& address) {
+    const NotificationBytes bytes;
+    if (road == Road::udp)
+        return sendDatagram(address, &bytes, sizeof bytes);
+    const int fd = closeOnExec(::socket(familyOf(road), SOCK_STREAM, 0));
+    checked(::connect(fd, address.get(), address.length()), "connect");
+    sendAll(fd, bytes.handle, sizeof bytes.handle);
+    sendAll(fd, bytes.id, sizeof bytes.id);
+    ::close(fd);
+}
+
 void sendDatagram(const Address& address, const void* bytes, std::size_t size) {
     const int fd = closeOnExec(::socket(AF_INET, SOCK_DGRAM, 0));
     const int broadcast = 1;

@@ -47,6 +47,15 @@ private:
     int m_wakeUp[2] = {-1, -1};
 };
 
+/** The two longs of a notification, as they travel. */
+struct NotificationBytes {
+    unsigned char handle[8] = {};
+    unsigned char id[8] = {0, 0, 0, 42};
+};
+
+/** Sends one with the calls that the library makes: over a stream, each long is a write of its own. */
+void sendNotification(Road road, const Address& address);
+
 /** Sends one datagram as the library does, with a socket of its own. */
 void sendDatagram(const Address& address, const void* bytes, std::size_t size);
 

@@ -13,12 +13,6 @@ namespace {
 
 constexpr int cLookUps = 1000;
 
-/** The places of the entries looked up: all over the registry, in no order. */
-int placeOf(int lookUp, int entries) {
-    return static_cast<int>(static_cast<unsigned int>(lookUp) * 2'654'435'761U %
-                            static_cast<unsigned int>(entries));
-}
-
 std::string addressOf(int place) {
     return "socket:10.0." + std::to_string(place / 250) + "." + std::to_string(place % 250) + ":5023";
 }

@@ -1,6 +1,12 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "Request.h"
+#include "Dialogue.h"
+
+#include <VornBufferConnection.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
 
 #include <Poco/BinaryReader.h>
 #include <Poco/BinaryWriter.h>
@@ -14,11 +20,72 @@
 #include <thrift/transport/TSocket.h>
 #include <zmq.h>
 
-/** A request of an int and a text of 100 bytes, sent in one piece over a standing connection, and an int in
- * reply. */
+/** A request of an int and a text of 100 bytes over a standing connection, and an int in reply. */
 namespace Bench {
 
 namespace {
+
+constexpr unsigned int cText = 100;
+constexpr std::size_t cRequest = 4 + 4 + cText;
+
+using RequestBytes = std::array<unsigned char, cRequest>;
+
+RequestBytes encoded() {
+    RequestBytes bytes;
+    storeInt(bytes.data(), 7);
+    storeInt(bytes.data() + 4, cText);
+    std::memset(bytes.data() + 8, 'x', cText);
+    return bytes;
+}
+
+/** The calls of the library's ends: the request in one piece, read value by value. */
+class PosixRequest : public PlainEnd {
+public:
+    using PlainEnd::PlainEnd;
+
+    void ask() const {
+        const RequestBytes request = encoded();
+        send(request.data(), request.size());
+        benchmark::DoNotOptimize(receiveNumber());
+    }
+
+    void answer() const {
+        const unsigned int number = receiveNumber();
+        std::array<char, cText> text;
+        receive(text.data(), std::min<std::size_t>(receiveNumber(), text.size()));
+        sendNumber(number + 1);
+    }
+};
+
+/** The request composed in memory and sent by one raw write. */
+class VornnetRequest {
+public:
+    VornnetRequest(Road road, int fd) : m_connection(makeConnection(road, fd)), m_text(cText, 'x') {}
+
+    void ask() {
+        VornNet::VornBufferConnection request;
+        request.transfer(7);
+        request.transfer(m_text);
+        long error = 0;
+        m_connection->transfer(static_cast<const char*>(request.buf()), request.size(), &error);
+        benchmark::DoNotOptimize(m_connection->receiveInt());
+    }
+
+    void answer() {
+        const int number = m_connection->receiveInt();
+        const VornNet::VornString text = m_connection->receiveString();
+        m_connection->transfer(number + 1);
+    }
+
+protected:
+    VornNet::VornConnection& connection() { return *m_connection; }
+
+    const VornNet::VornString& text() const { return m_text; }
+
+private:
+    std::unique_ptr<VornNet::VornConnection> m_connection;
+    const VornNet::VornString m_text;
+};
 
 class ThriftRequest {
 public:
@@ -201,6 +268,46 @@ private:
     std::unique_ptr<Joined> m_server;
 };
 
+/** Asks a few times first: a young TCP connection acknowledges at once, and only the lasting state counts. */
+template <typename End>
+class StandingDialogue : public Dialogue<End> {
+public:
+    explicit StandingDialogue(Road road) : Dialogue<End>(road) {
+        constexpr int cFirst = 3;
+        for (int i = 0; i < cFirst; ++i)
+            this->operate();
+    }
+};
+
+/**
+ * The same request written value by value straight on the connection. Over TCP the second value waits until
+ * the first is acknowledged (Nagle's algorithm), and the server, which has nothing to answer yet, delays
+ * that.
+ */
+class PosixPieces : public PosixRequest {
+public:
+    using PosixRequest::PosixRequest;
+
+    void ask() const {
+        const RequestBytes request = encoded();
+        send(request.data(), 4);
+        send(request.data() + 4, 4);
+        send(request.data() + 8, cText);
+        benchmark::DoNotOptimize(receiveNumber());
+    }
+};
+
+class VornnetPieces : public VornnetRequest {
+public:
+    using VornnetRequest::VornnetRequest;
+
+    void ask() {
+        connection().transfer(7);
+        connection().transfer(text());
+        benchmark::DoNotOptimize(connection().receiveInt());
+    }
+};
+
 } // namespace
 
 void addRequest() {
@@ -213,6 +320,12 @@ void addRequest() {
         addContender<Dialogue<AsioRequest>>(workload, "asio", 1, road);
         addContender<ZeromqRequest>(workload, "zeromq", 1, road);
         addContender<NngRequest>(workload, "nng", 1, road);
+
+        const std::string pieces = std::string("request-pieces-") + nameOf(road);
+        addContender<StandingDialogue<PosixRequest>>(pieces, "limit", 1, road);
+        addContender<StandingDialogue<VornnetRequest>>(pieces, "vornnet", 1, road);
+        addContender<StandingDialogue<PosixPieces>>(pieces, "pieces-by-hand", 1, road);
+        addContender<StandingDialogue<VornnetPieces>>(pieces, "vornnet-pieces", 1, road);
     }
 }
 

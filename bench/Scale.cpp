@@ -108,11 +108,6 @@ void addThreads() {
 
 constexpr int cLookUps = 1000;
 
-int placeOf(int lookUp, int entries) {
-    return static_cast<int>(static_cast<unsigned int>(lookUp) * 2'654'435'761U %
-                            static_cast<unsigned int>(entries));
-}
-
 class MapLookUp : public Contender {
 public:
     explicit MapLookUp(int entries) {
@@ -168,10 +163,9 @@ void addCallbacks() {
 // Bytes.
 
 /** A text composed in memory and read again. */
-template <std::size_t Size>
 class InMemory : public Contender {
 public:
-    InMemory() : m_text(Size, 'x') {}
+    explicit InMemory(std::size_t size) : m_text(size, 'x') {}
 
     Clock::time_point operate() override {
         VornNet::VornBufferConnection message;
@@ -184,21 +178,17 @@ private:
     const VornNet::VornString m_text;
 };
 
-template <std::size_t Size>
-void addSize() {
-    const long size = Size;
-    addAt<Dialogue<PosixBlock<Size>>>("scale-bytes-pipe", "limit", size, size, Road::pipe);
-    addAt<Dialogue<VornnetBlock<Size>>>("scale-bytes-pipe", "vornnet-block", size, size, Road::pipe);
-    addAt<Dialogue<VornnetString<Size>>>("scale-bytes-pipe", "vornnet-string", size, size, Road::pipe);
-    addAt<InMemory<Size>>("scale-bytes-pipe", "vornnet-in-memory", size, size);
-    addAt<Dialogue<PosixBlock<Size>>>("scale-bytes-tcp", "limit", size, size, Road::tcp);
-    addAt<Dialogue<VornnetBlock<Size>>>("scale-bytes-tcp", "vornnet-block", size, size, Road::tcp);
-    addAt<Dialogue<VornnetString<Size>>>("scale-bytes-tcp", "vornnet-string", size, size, Road::tcp);
-}
-
-template <std::size_t... Exponents>
-void addSizes(std::index_sequence<Exponents...>) {
-    (addSize<std::size_t{1} << (2 * Exponents)>(), ...);
+void addBytes() {
+    for (long bytes = 1; bytes <= 64 * 1024 * 1024; bytes *= 4) {
+        const auto size = static_cast<std::size_t>(bytes);
+        for (const Road road : {Road::pipe, Road::tcp}) {
+            const std::string workload = std::string("scale-bytes-") + nameOf(road);
+            addAt<Dialogue<PosixBlock>>(workload, "limit", bytes, bytes, road, size);
+            addAt<Dialogue<VornnetBlock>>(workload, "vornnet-block", bytes, bytes, road, size);
+            addAt<Dialogue<VornnetString>>(workload, "vornnet-string", bytes, bytes, road, size);
+        }
+        addAt<InMemory>("scale-bytes-pipe", "vornnet-in-memory", bytes, bytes, size);
+    }
 }
 
 } // namespace
@@ -206,7 +196,7 @@ void addSizes(std::index_sequence<Exponents...>) {
 void addScale() {
     addThreads();
     addCallbacks();
-    addSizes(std::make_index_sequence<14>()); // 1 byte, 4, 16, ... 64 MiB
+    addBytes();
 }
 
 } // namespace Bench

@@ -5,7 +5,7 @@
 
 #include "Bench.h"
 #include "Pacing.h"
-#include "PosixNotification.h"
+#include "PosixServer.h"
 
 #include <VornLibraryCallbackSink.h>
 #include <VornProxyDependent.h>

@@ -7,6 +7,7 @@
 #include <VornPipeConnection.h>
 #include <VornSocketConnection.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -86,18 +87,41 @@ int familyOf(Road road) {
     return road == Road::pipe ? AF_UNIX : AF_INET;
 }
 
+int listenAt(const Address& address, int backlog) {
+    const int listener =
+        static_cast<int>(checked(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+    const int reuse = 1;
+    if (address.family() == AF_UNIX)
+        ::unlink(address.path());
+    else
+        checked(::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse), "setsockopt");
+    checked(::bind(listener, address.get(), address.length()), "bind");
+    checked(::listen(listener, backlog), "listen");
+    return listener;
+}
+
+int connectTo(const Address& address) {
+    const int fd =
+        static_cast<int>(checked(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+    checked(::connect(fd, address.get(), address.length()), "connect");
+    return fd;
+}
+
+void drain(int fd) {
+    std::array<char, 4096> bytes;
+    iovec part{bytes.data(), bytes.size()};
+    mmsghdr message{};
+    message.msg_hdr.msg_iov = &part;
+    message.msg_hdr.msg_iovlen = 1;
+    while (::recvmmsg(fd, &message, 1, MSG_DONTWAIT, nullptr) > 0)
+        continue;
+}
+
 Ends connectedPair(Road road) {
     constexpr int cPort = 7001;
     const Address address(road, "bench-pair", cPort);
-    if (road == Road::pipe)
-        ::unlink(address.path());
-    const int listener = static_cast<int>(checked(::socket(familyOf(road), SOCK_STREAM, 0), "socket"));
-    const int reuse = 1;
-    checked(::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse), "setsockopt");
-    checked(::bind(listener, address.get(), address.length()), "bind");
-    checked(::listen(listener, 1), "listen");
-    const int client = static_cast<int>(checked(::socket(familyOf(road), SOCK_STREAM, 0), "socket"));
-    checked(::connect(client, address.get(), address.length()), "connect");
+    const int listener = listenAt(address, 1);
+    const int client = connectTo(address);
     const int server = static_cast<int>(checked(::accept(listener, nullptr, nullptr), "accept"));
     ::close(listener);
     return {client, server};

@@ -63,6 +63,8 @@ public:
 
     socklen_t length() const { return m_length; }
 
+    int family() const { return m_storage.internet.sin_family; }
+
     const char* path() const { return m_storage.local.sun_path; }
 
 private:
@@ -79,6 +81,16 @@ std::string queueAddress(Road road, const std::string& pipeName, int port);
 
 /** The address family of the road. */
 int familyOf(Road road);
+
+/** @return a stream socket that listens there; a pipe that somebody has left is replaced */
+int listenAt(const Address& address, int backlog);
+
+/** @return a stream socket that is connected with it */
+int connectTo(const Address& address);
+
+/** Takes the messages that have come, but waits for none. By a call that no contender uses: it is not
+ * counted. */
+void drain(int fd);
 
 /** A stream connection's two descriptors. */
 struct Ends {

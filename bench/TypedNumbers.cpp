@@ -1,9 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "Bench.h"
-#include "BufferRewind.h"
+#include "Rewind.h"
 #include "Sockets.h"
-#include "ThriftMemory.h"
 
 #include <Poco/BinaryReader.h>
 #include <Poco/BinaryWriter.h>
