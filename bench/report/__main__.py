@@ -35,7 +35,11 @@ def report_ratios(options):
     (options.output / "results.json").write_text(json.dumps(stored, indent=1) + "\n")
     results = evaluate(stored)
     made_at = tables.made_at(stored["machine"], options.rounds)
-    write(options.output / "table.md", [made_at, "", *tables.summary(results), "", *tables.details(results)])
+    lines = [made_at, "", *tables.summary(results)]
+    for workload in WORKLOADS:
+        if workload["name"] in results:
+            lines += ["", *tables.contenders(workload, results[workload["name"]])]
+    write(options.output / "table.md", lines)
 
 
 def report_scale(options):

@@ -39,7 +39,8 @@ def count_again_if_risen(program, entry, stored):
 def update(program, entries):
     stored = json.loads(BASELINE.read_text()) if BASELINE.exists() else {}
     stored |= {entry.workload: count_once(program, entry) for entry in entries}
-    BASELINE.write_text(json.dumps(stored, indent=4, sort_keys=True) + "\n")
+    rows = [f"    {json.dumps(name)}: {json.dumps(counts)}" for name, counts in sorted(stored.items())]
+    BASELINE.write_text("{\n" + ",\n".join(rows) + "\n}\n")
     say("")
 
 

@@ -5,49 +5,16 @@
 plots.py DIRECTORY draws the tables of bench/README.md.
 """
 
-import html
 import math
 import pathlib
 import sys
 
-from results import SCALES, published_scale
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "docs/diagrams"))
+from draw import Drawing  # noqa: E402
+from results import SCALES, published_scale  # noqa: E402
 
-LICENSE = (
-    # In two pieces, or it would be taken for a mark of this file.
-    "<!-- SPDX-FileCopyrightText: 2026 The vornnet authors -->\n<!-- SPDX-License" "-Identifier: Apache-2.0 -->\n"
-)
-STYLE = 'text { font: 13px "DejaVu Sans", Verdana, sans-serif; fill: #1f2d3d; } .small { font-size: 11px; }'
-GRID_COLOUR = "#d5dae0"
 LINE_COLOURS = ["#555f6b", "#2266bb", "#cc7722", "#338855"]
 WIDTH = 720
-
-
-class Drawing:
-    def __init__(self, title, height):
-        self.height = height
-        self.title = html.escape(title)
-        self.elements = []
-        self.text(WIDTH / 2, 20, title, anchor="middle")
-
-    def add(self, element):
-        self.elements.append(element)
-
-    def text(self, x, y, text, anchor="start", kind="", turned=False):
-        turn = f' transform="rotate(-90 {x:.1f} {y:.1f})"' if turned else ""
-        kind = f' class="{kind}"' if kind else ""
-        self.add(f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}"{kind}{turn}>{html.escape(text)}</text>')
-
-    def line(self, x1, y1, x2, y2, colour, more=""):
-        self.add(f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}"{more}/>')
-
-    def rectangle(self, x, y, width, height, colour):
-        self.add(f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" height="{height:.1f}" fill="{colour}"/>')
-
-    def write(self, path):
-        size = f'viewBox="0 0 {WIDTH} {self.height}" width="{WIDTH}" height="{self.height}"'
-        lines = [f'{LICENSE}<svg xmlns="http://www.w3.org/2000/svg" {size} role="img">', f"<title>{self.title}</title>"]
-        lines += [f"<style>{STYLE}</style>", f'<rect width="{WIDTH}" height="{self.height}" fill="#ffffff"/>']
-        path.write_text("\n".join(lines + self.elements) + "\n</svg>\n")
 
 
 def axis(values, low, high):
@@ -61,29 +28,35 @@ def axis(values, low, high):
     return place, [10.0**exponent for exponent in range(first, last + 1)]
 
 
+def label(mark):
+    return f"{mark:,g}" if mark < 1e6 else f"{mark:.0e}"
+
+
+def plot_line(drawing, points, colour):
+    places = " ".join(f"{x:.1f},{y:.1f}" for x, y in points)
+    drawing.parts.append(f'<polyline points="{places}" fill="none" stroke="{colour}" stroke-width="2"/>')
+    drawing.parts += [f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3" fill="{colour}"/>' for x, y in points]
+
+
 def plot_scale(path, workload, lines):
     """A line for each contender, both axes logarithmic."""
     left, right, top, bottom = 90, WIDTH - 30, 36, 350
     title, unit = SCALES[workload]
     across, marks_across = axis([place for points in lines.values() for place in points], left, right)
     up, marks_up = axis([cost for points in lines.values() for cost in points.values()], bottom, top)
-    drawing = Drawing(title, bottom + 66)
+    drawing = Drawing(title, WIDTH, bottom + 66)
+    drawing.text(WIDTH / 2, 20, title)
     for mark in marks_across:
-        drawing.line(across(mark), top, across(mark), bottom, GRID_COLOUR)
-        drawing.text(across(mark), bottom + 16, f"{mark:,.0f}", anchor="middle", kind="small")
+        drawing.line([(across(mark), top), (across(mark), bottom)], arrow=False, kind="grid")
+        drawing.text(across(mark), bottom + 16, label(mark), "small")
     for mark in marks_up:
-        drawing.line(left, up(mark), right, up(mark), GRID_COLOUR)
-        drawing.text(left - 6, up(mark) + 4, f"{mark:,g}" if mark < 1e6 else f"{mark:.0e}", anchor="end", kind="small")
-    drawing.text((left + right) / 2, bottom + 34, unit, anchor="middle", kind="small")
-    drawing.text(16, (top + bottom) / 2, "cost per unit, times the limit's cheapest", anchor="middle", kind="small", turned=True)
+        drawing.line([(left, up(mark)), (right, up(mark))], arrow=False, kind="grid")
+        drawing.text(left - 6, up(mark) + 4, label(mark), "small", "end")
+    drawing.text((left + right) / 2, bottom + 34, f"{unit}; upwards: the cost per unit, times the limit's cheapest", "small")
     for at, (contender, points) in enumerate(lines.items()):
-        colour = LINE_COLOURS[at]
-        places = " ".join(f"{across(place):.1f},{up(cost):.1f}" for place, cost in points.items())
-        drawing.add(f'<polyline points="{places}" fill="none" stroke="{colour}" stroke-width="2"/>')
-        for place, cost in points.items():
-            drawing.add(f'<circle cx="{across(place):.1f}" cy="{up(cost):.1f}" r="3" fill="{colour}"/>')
-        drawing.rectangle(left + 150 * at, bottom + 48, 14, 5, colour)
-        drawing.text(left + 150 * at + 20, bottom + 55, contender, kind="small")
+        plot_line(drawing, [(across(place), up(cost)) for place, cost in points.items()], LINE_COLOURS[at])
+        plot_line(drawing, [(left + 150 * at, bottom + 51), (left + 150 * at + 14, bottom + 51)], LINE_COLOURS[at])
+        drawing.text(left + 150 * at + 22, bottom + 55, contender, "small", "start")
     drawing.write(path)
 
 

@@ -38,7 +38,7 @@ def ratio_blocks(stored):
     blocks = {"ratios": made_at(stored) + [""] + tables.summary(results), "calls": tables.call_names(results)}
     for workload in WORKLOADS:
         if "contenders" in workload and workload["name"] in results:
-            blocks[workload["name"]] = tables.advice(results, workload["name"])
+            blocks[workload["name"]] = tables.contenders(workload, results[workload["name"]])
     return blocks
 
 

@@ -117,37 +117,12 @@ def call_names(results):
     return table(["job", "calls that do it", "calls that mark"], rows)
 
 
-def advice(results, name):
-    """All contenders of a workload that shows what one way of using the library costs beside another."""
-    workload = next(workload for workload in WORKLOADS if workload["name"] == name)
-    names = workload["contenders"]
-    rows = [[names.get(contender, contender), ratio_text(row), duration(row["nanoseconds"]), calls_text(row)]
-            for contender, row in results[name]["contenders"].items()]
+def contenders(workload, result):
+    """All of them: what each costs beside the limit, together and for each operation."""
+    names = workload.get("contenders", {})
+    rows = [[names.get(name, name), ratio_text(row), duration(row["nanoseconds"]), calls_text(row)]
+            for name, row in result["contenders"].items()]
     return table([workload["title"], "ratio (quartiles):", "time:", "system calls:"], rows)
-
-
-def details(results):
-    """All contenders of all workloads."""
-    lines = [
-        "The ratio is the median over the rounds of a contender's median operation divided by the limit's of the same "
-        "round, followed by the quartiles. p50 and p99 are multiples of the limit's p50. System calls (those that set "
-        "close-on-exec and a socket file's mode stand after the +) and allocations are per unit, both ends "
-        "together. The noise is the limit against itself in the same rounds.",
-    ]
-    for workload in WORKLOADS:
-        if workload["name"] not in results:
-            continue
-        result = results[workload["name"]]
-        rows = []
-        for contender, row in result["contenders"].items():
-            is_ours = contender == OURS
-            rows.append([contender, ratio_text(row), bar_text(workload) if is_ours else "", f"{row['p50']:.2f}",
-                         f"{row['p99']:.2f}", calls_text(row), allocations_text(row),
-                         verdict(workload, row) if is_ours else ""])
-        lines += ["", f"### {workload['title']}", ""]
-        lines += [f"Noise: {noise_text(result['noise'])}, at worst {result['noise']['worst']:.1%}.", ""]
-        lines += table(["", "ratio (quartiles):", "bar", "p50:", "p99:", "system calls:", "allocations:", ""], rows)
-    return lines
 
 
 def scale(workload, rounds):

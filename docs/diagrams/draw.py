@@ -17,7 +17,8 @@ STYLE = f"""text {{ font: 14px "DejaVu Sans", Verdana, sans-serif; fill: {INK}; 
 .line {{ stroke: {INK}; stroke-width: 1.4; fill: none; }}
 .dashed {{ stroke-dasharray: 5 4; }}
 .flow {{ stroke: #2f6db5; stroke-width: 3; fill: none; }}
-.life {{ stroke: {SOFT}; stroke-width: 1; }}"""
+.life {{ stroke: {SOFT}; stroke-width: 1; }}
+.grid {{ stroke: #d5dae0; }}"""
 
 
 class Drawing:
