@@ -13,11 +13,10 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <sstream>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace VornTool {
 
@@ -76,42 +75,22 @@ int runEncode(EncodeOptions& options) {
     return exitDone;
 }
 
-/** Owner of a descriptor that is not standard input. */
-class InputFile {
-public:
-    explicit InputFile(const std::string& name)
-        : m_fd(name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC)) {
-        if (m_fd < 0)
-            throw ToolError(exitFailed, "cannot open " + quoted(name) + ": " + std::strerror(errno));
-    }
-
-    ~InputFile() {
-        if (m_fd != STDIN_FILENO)
-            ::close(m_fd);
-    }
-
-    InputFile(const InputFile&) = delete;
-    InputFile& operator=(const InputFile&) = delete;
-
-    std::string readAll() const;
-
-private:
-    int m_fd;
-};
-
-std::string InputFile::readAll() const {
+/** @return what is in the file; of "-" in standard input. */
+std::string contentOf(const std::string& name) {
+    const std::unique_ptr<std::FILE, decltype(&std::fclose)> file(
+        name == "-" ? stdin : std::fopen(name.c_str(), "rbe"), &std::fclose);
+    if (file == nullptr)
+        throw ToolError(exitFailed, "cannot open " + quoted(name) + ": " + std::strerror(errno));
     std::string data;
     std::array<char, 65536> buffer;
-    for (;;) {
-        const ssize_t count = ::read(m_fd, buffer.data(), buffer.size());
-        if (count < 0)
-            throw ToolError(exitFailed, std::string("cannot read: ") + std::strerror(errno));
-        if (count == 0)
-            return data;
-        data.append(buffer.data(), static_cast<std::size_t>(count));
+    while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.get())) {
+        data.append(buffer.data(), count);
         if (data.size() > static_cast<std::size_t>(INT_MAX))
             throw ToolError(exitFailed, "the input is longer than a message can be");
     }
+    if (std::ferror(file.get()) != 0)
+        throw ToolError(exitFailed, std::string("cannot read: ") + std::strerror(errno));
+    return data;
 }
 
 int hexDigit(char character) {
@@ -160,7 +139,7 @@ Decoding decode(std::string& data, const std::vector<ValueType>& types) {
         try {
             for (const ValueType type : types) {
                 decoding.values.push_back(receiveValue(buffer, type));
-                const std::size_t size = encodedSize(decoding.values.back());
+                const std::size_t size = encoded(decoding.values.back()).size();
                 decoding.pieces.push_back({data.substr(position, size), describe(decoding.values.back())});
                 position += size;
             }
@@ -181,7 +160,7 @@ Decoding decode(std::string& data, const std::vector<ValueType>& types) {
 int runDecode(DecodeOptions& options) {
     const std::vector<ValueType> types = parseTypes(options.types);
     const LibraryRecords records(options.logLevel);
-    std::string data = InputFile(options.file).readAll();
+    std::string data = contentOf(options.file);
     if (options.hex)
         data = parseHex(data);
     Decoding decoding = decode(data, types);

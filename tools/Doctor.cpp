@@ -7,8 +7,6 @@
 #include "LibraryRecords.h"
 #include "Output.h"
 #include "PipeFiles.h"
-#include "Ports.h"
-#include "ServerFindings.h"
 #include "SinkObstacle.h"
 #include "Usage.h"
 
@@ -129,8 +127,7 @@ void addDeadPipes(const std::vector<PipeFile>& files, Findings& findings) {
     if (names.empty())
         return;
     std::string text = names.size() == 1 ? "pipe " : std::to_string(names.size()) + " pipes are dead: ";
-    for (std::size_t i = 0; i < std::min(cMostShown, names.size()); ++i)
-        text += (i > 0 ? ", " : "") + names[i];
+    text += joined({names.begin(), names.begin() + std::min<long>(cMostShown, names.size())}, ", ");
     if (names.size() > cMostShown)
         text += " and " + std::to_string(names.size() - cMostShown) + " more";
     findings.push_back({"pipes", Severity::Warning,
@@ -191,42 +188,27 @@ void checkDescriptors(Findings& findings, pid_t pid) {
 }
 
 /** What one process has that others may not have. */
-void checkProcess(Findings& findings, const Process& process) {
+Finding judgeProcess(const Process& process) {
     const std::string named = describeFully({process});
     const std::string check = "process";
-    if (!isReadable(process.pid)) {
-        findings.push_back({check,
-                            Severity::Warning,
-                            "this user may not look into " + named,
-                            "sudo vornnet doctor --pid " + std::to_string(process.pid),
-                            {process}});
-        return;
-    }
-    if (!hasLoaded(process.pid, "libvornnet.so")) {
-        findings.push_back({check,
-                            Severity::Problem,
-                            named + " has not loaded the library: it neither sends nor receives",
-                            "grep vornnet /proc/" + std::to_string(process.pid) + "/maps",
-                            {process}});
-        return;
-    }
+    const std::string pid = std::to_string(process.pid);
+    if (!isReadable(process.pid))
+        return {check, Severity::Warning, "this user may not look into " + named,
+                "sudo vornnet doctor --pid " + pid};
+    if (!hasLoaded(process.pid, "libvornnet.so"))
+        return {check, Severity::Problem,
+                named + " has not loaded the library: it neither sends nor receives",
+                "grep vornnet /proc/" + pid + "/maps"};
 
     struct stat information {};
 
     if (::stat(pipeDirectory().c_str(), &information) == 0 && !mayWrite(process.pid, information)) {
         const std::string group = nameOfGroup(information.st_gid);
-        findings.push_back({check,
-                            Severity::Problem,
-                            named + " may not use the pipe directory, which is for the group " + group,
-                            "usermod -aG " + group + " " + process.user + "; " + restartCommand(process),
-                            {process}});
-        return;
+        return {check, Severity::Problem,
+                named + " may not use the pipe directory, which is for the group " + group,
+                "usermod -aG " + group + " " + process.user + "; " + restartCommand(process)};
     }
-    findings.push_back({check,
-                        Severity::Ok,
-                        named + " has loaded the library and may use the pipe directory",
-                        "",
-                        {process}});
+    return {check, Severity::Ok, named + " has loaded the library and may use the pipe directory", ""};
 }
 
 std::string nameOf(Severity severity) {
@@ -282,8 +264,8 @@ Findings examineProcess(pid_t pid) {
     const std::optional<Process> process = findProcess(pid);
     if (!process)
         throw ToolError(exitFailed, "there is no process " + std::to_string(pid));
-    Findings findings;
-    checkProcess(findings, *process);
+    Findings findings = {judgeProcess(*process)};
+    findings.back().processes = {*process};
     if (!isReadable(pid))
         return findings;
     checkSinkType(findings, environmentOf(pid, sinkTypeVariable));

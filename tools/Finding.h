@@ -26,6 +26,16 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+/** Finds out which port a TCP or UDP sink would get at the address, and why not the first. */
+void checkPorts(Findings& findings, const std::string& address);
+
+/**
+ * Looks twice at the sinks and services of this host, and finds those that did not move on in between.
+ *
+ * @param pid only those that this process serves or is a client of; 0 for all
+ */
+void checkServers(Findings& findings, pid_t pid);
+
 } // namespace VornTool
 
 #endif

@@ -5,19 +5,13 @@
 #include "ExitStatus.h"
 #include "Interruption.h"
 #include "Output.h"
+#include "Processes.h"
 #include "RecordTrace.h"
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -35,38 +29,18 @@ struct FollowOptions : CommonOptions {
     long count = 0;
 };
 
-/** @return the ids of the processes whose program has this name, the tool's own left out. */
-std::vector<pid_t> processesNamed(const std::string& name) {
-    std::vector<pid_t> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string number = entry.path().filename();
-        pid_t process = 0;
-        const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), process);
-        if (error != std::errc() || *end != '\0' || process == ::getpid())
-            continue;
-        std::ifstream file(entry.path() / "comm");
-        std::string program;
-        if (std::getline(file, program) && program == name.substr(0, 15)) // the kernel keeps 15 bytes
-            found.push_back(process);
-    }
-    return found;
-}
-
 pid_t findProcess(const std::string& text) {
     pid_t process = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
     if (error == std::errc() && end == text.data() + text.size() && process > 0)
         return process;
-    const std::vector<pid_t> found = processesNamed(text);
+    const std::vector<std::string> found = processesNamed(text);
     if (found.empty())
         throw ToolError(exitUnreachable, "there is no process " + quoted(text));
-    if (found.size() > 1) {
-        std::string ids;
-        for (const pid_t one : found)
-            ids += " " + std::to_string(one);
-        throw ToolError(exitUsage, "more than one process has the name " + quoted(text) + ":" + ids);
-    }
-    return found[0];
+    if (found.size() > 1)
+        throw ToolError(exitUsage,
+                        "more than one process has the name " + quoted(text) + ": " + joined(found, " "));
+    return std::stoi(found[0]);
 }
 
 /** Records begin with the name of the class and function that wrote them. */
@@ -74,21 +48,12 @@ bool isOfClass(const std::string& text, const std::string& className) {
     return className.empty() || text.rfind(className + "::", 0) == 0;
 }
 
-std::string timeText(double monotonic) {
-    timespec now{};
-    timespec reference{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    ::clock_gettime(CLOCK_MONOTONIC, &reference);
-    const double time = monotonic + static_cast<double>(now.tv_sec - reference.tv_sec) +
-                        static_cast<double>(now.tv_nsec - reference.tv_nsec) * 1e-9;
-    const auto seconds = static_cast<time_t>(std::floor(time));
-    tm utc{};
-    ::gmtime_r(&seconds, &utc);
-    std::array<char, 48> text;
-    std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                  std::lround((time - static_cast<double>(seconds)) * 1e6) % 1'000'000);
-    return text.data();
+std::string timeOf(const TracedRecord& record) {
+    using std::chrono::microseconds;
+    const auto sinceBoot = std::chrono::steady_clock::now().time_since_epoch();
+    const auto start = std::chrono::system_clock::now().time_since_epoch() - sinceBoot;
+    return timeText(
+        std::chrono::duration_cast<microseconds>(start) + microseconds(std::llround(record.time * 1e6)), 6);
 }
 
 /** Prints the records of the lines of a trace. */
@@ -117,7 +82,7 @@ private:
         if (record.level > m_options.level || !isOfClass(record.text, m_options.className))
             return;
         ++m_printed;
-        const std::string time = timeText(record.time);
+        const std::string time = timeOf(record);
         Output::either(m_options.json,
                        {{"event", "record"},
                         {"time", time},

@@ -4,15 +4,38 @@
 #include "ExitStatus.h"
 #include "Interruption.h"
 #include "Output.h"
-#include "RelayProgram.h"
 #include "Usage.h"
 
 #include <VornException.h>
 
 #include <exception>
+#include <filesystem>
+#include <string>
 #include <string_view>
+#include <system_error>
+
+#include <unistd.h>
 
 namespace {
+
+/**
+ * Becomes the program `vornnet-relay`, which is installed for itself, since it alone needs the engine's
+ * client library: the one beside this program, or the one in PATH.
+ * @param arguments the program's; the first gives way to its name
+ * @return the exit status when there is no such program
+ */
+int runRelayProgram(char** arguments) {
+    using namespace VornTool;
+    std::string name = "vornnet-relay";
+    arguments[0] = name.data();
+    std::error_code ignored;
+    const std::filesystem::path own = std::filesystem::read_symlink("/proc/self/exe", ignored);
+    ::execv((own.parent_path() / name).c_str(), arguments);
+    ::execvp(name.c_str(), arguments);
+    Output::setCommand("relay");
+    Output::error("vornnet-relay is not installed");
+    return exitFailed;
+}
 
 int runCommand(const VornTool::Runner& runner) {
     using namespace VornTool;
@@ -39,7 +62,7 @@ int runCommand(const VornTool::Runner& runner) {
 int main(int argc, char** argv) {
     using namespace VornTool;
     if (argc > 1 && std::string_view(argv[1]) == "relay")
-        return runRelayProgram(argv + 2);
+        return runRelayProgram(argv + 1);
     Interruption::blockSignals();
     CLI::App app{"Looks into, tries out and repairs the connections and notifications of vornnet", "vornnet"};
     app.set_version_flag("--version", "vornnet " VORNNET_VERSION);

@@ -151,7 +151,7 @@ void requireFitsDatagram(const Address& address, const std::vector<Value>& value
     constexpr std::size_t cLargestDatagram = 65507;
     std::size_t size = 16; // handle and id
     for (const Value& value : values)
-        size += encodedSize(value);
+        size += encoded(value).size();
     if (address.kind == Address::Kind::Udp && size > cLargestDatagram)
         throw ToolError(exitUsage, "the notification has " + std::to_string(size) +
                                        " bytes, a datagram takes " + std::to_string(cLargestDatagram));

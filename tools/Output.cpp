@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include <unistd.h>
 
@@ -122,6 +123,34 @@ bool Output::isLost() {
 std::string Output::coloured(const std::string& text, int colour) {
     static const bool wanted = wantsColours();
     return wanted ? "\033[" + std::to_string(colour) + "m" + text + "\033[0m" : text;
+}
+
+void alignColumns(std::vector<Row>& rows) {
+    for (std::size_t column = 0; column + 1 < rows.front().size(); ++column) {
+        std::size_t width = 0;
+        for (const Row& row : rows)
+            width = std::max(width, row[column].size());
+        for (Row& row : rows)
+            row[column].resize(width, ' ');
+    }
+}
+
+std::string joined(const std::vector<std::string>& texts, const std::string& separator) {
+    std::string result;
+    for (const std::string& text : texts)
+        result += (&text == &texts.front() ? "" : separator) + text;
+    return result;
+}
+
+std::string timeText(std::chrono::microseconds time, std::size_t digits) {
+    const auto whole = std::chrono::floor<std::chrono::seconds>(time);
+    const std::time_t seconds = whole.count();
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    std::array<char, 48> text;
+    const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &parts);
+    std::snprintf(text.data() + size, text.size() - size, "%06d", static_cast<int>((time - whole).count()));
+    return std::string(text.data(), size + digits) + "Z";
 }
 
 Progress::Progress() : m_shown(::isatty(STDERR_FILENO) == 1) {}

@@ -3,7 +3,10 @@
 #ifndef VORNTOOL_OUTPUT_H
 #define VORNTOOL_OUTPUT_H
 
+#include <chrono>
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -46,6 +49,18 @@ public:
      */
     static std::string coloured(const std::string& text, int colour);
 };
+
+/** The cells of a line of a table. */
+using Row = std::vector<std::string>;
+
+/** Pads the cells, but those of the last column, so that the columns stand below each other. */
+void alignColumns(std::vector<Row>& rows);
+
+/** @return the texts with the separator between them. */
+std::string joined(const std::vector<std::string>& texts, const std::string& separator);
+
+/** @return a time since 1970 as in "2026-11-22T12:00:00.123Z", with so many digits of the second's part. */
+std::string timeText(std::chrono::microseconds time, std::size_t digits);
 
 /** A line on standard error that is rewritten while the program works; nothing where that is no terminal. */
 class Progress {

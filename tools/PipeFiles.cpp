@@ -11,10 +11,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <thread>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -114,15 +114,11 @@ std::string Inspection::nameInDirectory(const std::string& path) const {
 }
 
 void Inspection::readDirectory() {
-    DIR* directory = ::opendir(m_directory.c_str());
-    if (directory == nullptr)
-        throw ToolError(exitFailed, "cannot read " + m_directory + ": " + std::strerror(errno));
-    while (const dirent* entry = ::readdir(directory)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            m_names.push_back(name);
-    }
-    ::closedir(directory);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(m_directory, error))
+        m_names.push_back(entry.path().filename());
+    if (error)
+        throw ToolError(exitFailed, "cannot read " + m_directory + ": " + error.message());
     std::sort(m_names.begin(), m_names.end());
 }
 

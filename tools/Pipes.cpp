@@ -92,8 +92,6 @@ std::string processText(const PipeFile& file, const ServerTable& servers) {
     return text + " publishes" + (subscribers.empty() ? "" : " to " + describe(subscribers));
 }
 
-using Row = std::array<std::string, 7>;
-
 Row makeRow(const PipeFile& file, const ServerTable& servers) {
     const bool hasFile = file.ownership.has_value();
     const bool hasProcess = !file.processes.empty() || file.state == PipeState::Listening ||
@@ -111,22 +109,11 @@ void printTable(const std::vector<PipeFile>& files, const ServerTable& servers) 
     std::vector<Row> rows = {{"NAME", "STATE", "QUEUE", "MODE", "OWNER", "GROUP", "PROCESS"}};
     for (const PipeFile& file : files)
         rows.push_back(makeRow(file, servers));
-    std::array<std::size_t, 7> widths{};
-    for (const Row& row : rows) {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column)
-            widths[column] = std::max(widths[column], row[column].size());
-    }
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        std::string line;
-        for (std::size_t column = 0; column < widths.size(); ++column) {
-            std::string cell = rows[i][column];
-            cell.resize(std::max(cell.size(), widths[column]), ' ');
-            const bool isState = i > 0 && column == 1;
-            line += (column == 0 ? "" : "  ") +
-                    (isState ? Output::coloured(cell, colourOf(files[i - 1].state)) : cell);
-        }
-        Output::line(line);
-    }
+    alignColumns(rows);
+    for (std::size_t i = 1; i < rows.size(); ++i)
+        rows[i][1] = Output::coloured(rows[i][1], colourOf(files[i - 1].state));
+    for (const Row& row : rows)
+        Output::line(joined(row, "  "));
 }
 
 Json toJson(const PipeFile& file, const ServerTable& servers) {
@@ -150,19 +137,12 @@ Json toJson(const PipeFile& file, const ServerTable& servers) {
 
 std::vector<Removal> removeDead(std::vector<PipeFile>& files) {
     std::vector<Removal> removals;
-    for (const PipeFile& file : files) {
-        if (file.state == PipeState::Dead)
-            removals.push_back({file.name, removeIfDead(pipePath(file.name))});
-    }
-    files.erase(std::remove_if(files.begin(), files.end(),
-                               [&](const PipeFile& file) {
-                                   return std::any_of(
-                                       removals.begin(), removals.end(), [&](const Removal& removal) {
-                                           return removal.error == 0 && removal.name == file.name &&
-                                                  file.state == PipeState::Dead;
-                                       });
-                               }),
-                files.end());
+    std::erase_if(files, [&removals](const PipeFile& file) {
+        if (file.state != PipeState::Dead)
+            return false;
+        removals.push_back({file.name, removeIfDead(pipePath(file.name))});
+        return removals.back().error == 0;
+    });
     return removals;
 }
 

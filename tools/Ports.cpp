@@ -1,17 +1,12 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "Ports.h"
-
+#include "Finding.h"
 #include "Output.h"
 #include "Sockets.h"
 
 #include <algorithm>
-#include <cstdint>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace VornTool {
 
@@ -34,18 +29,6 @@ struct Use {
         return isTimeWait ? "in TIME_WAIT" : "taken";
     }
 };
-
-/** @return whether a server of the library could be bound there now. */
-bool isPortFree(bool udp, const std::string& address, int port) {
-    const int fd = ::socket(AF_INET, (udp ? SOCK_DGRAM : SOCK_STREAM) | SOCK_CLOEXEC, 0);
-    sockaddr_in place{};
-    place.sin_family = AF_INET;
-    place.sin_port = htons(static_cast<std::uint16_t>(port));
-    ::inet_pton(AF_INET, address.c_str(), &place.sin_addr);
-    const bool bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
-    ::close(fd);
-    return bound;
-}
 
 Use useOf(int port, Socket::Kind kind, const Sockets& sockets,
           const std::multimap<std::uint32_t, Process>& holders) {
@@ -72,7 +55,7 @@ Finding judgePorts(bool udp, const std::string& address) {
     const std::string kind = udp ? "UDP" : "TCP";
     const std::string check = udp ? "udp-ports" : "tcp-ports";
     int free = cFirst;
-    while (free <= cLast && !isPortFree(udp, address, free))
+    while (free <= cLast && !canBind(udp ? SOCK_DGRAM : SOCK_STREAM, {address, free}))
         ++free;
     if (free == cFirst)
         return {check, Severity::Ok, "port 5023 is free for a " + kind + " sink", ""};

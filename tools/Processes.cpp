@@ -391,6 +391,16 @@ std::optional<Process> findProcess(pid_t pid) {
     return processAt(pid, directory);
 }
 
+std::vector<std::string> processesNamed(const std::string& name) {
+    std::vector<std::string> found;
+    forEachNumber("/proc", [&](pid_t pid, const Path& directory) {
+        if (pid != ::getpid() &&
+            lineOf(directory / "comm") == name.substr(0, 15)) // the kernel keeps 15 bytes
+            found.push_back(std::to_string(pid));
+    });
+    return found;
+}
+
 std::string nameOfUser(uid_t user) {
     std::array<char, 4096> buffer;
     passwd entry{};

@@ -83,6 +83,9 @@ bool mayWrite(pid_t pid, const struct stat& directory);
 /** @return the process of that number, if there is one. */
 std::optional<Process> findProcess(pid_t pid);
 
+/** @return the ids of the processes whose program has this name, the tool's own left out. */
+std::vector<std::string> processesNamed(const std::string& name);
+
 /** @return the name of a user or group, or its number where it has none. @{ */
 std::string nameOfUser(uid_t user);
 std::string nameOfGroup(gid_t group);

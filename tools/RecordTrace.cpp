@@ -3,14 +3,13 @@
 #include "RecordTrace.h"
 
 #include "ExitStatus.h"
+#include "Processes.h"
 
 #include <array>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -72,10 +71,8 @@ Number numberAt(std::string_view text) {
 
 std::string threadsOf(pid_t process) {
     std::string threads;
-    std::error_code ignored;
-    for (const auto& entry :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", ignored))
-        threads += entry.path().filename().string() + " ";
+    for (const Thread& thread : listThreads(process))
+        threads += std::to_string(thread.id) + " ";
     return threads;
 }
 

@@ -21,13 +21,6 @@ struct ResolveOptions : CommonOptions {
     std::string query;
 };
 
-std::string joined(const std::vector<std::string>& texts) {
-    std::string result;
-    for (const std::string& text : texts)
-        result += (result.empty() ? "" : " ") + text;
-    return result.empty() ? "nothing" : result;
-}
-
 int resolveName(const ResolveOptions& options) {
     const std::vector<std::string> system = addressesOf(options.query);
     std::vector<VornSupport::VornString> library;
@@ -41,10 +34,10 @@ int resolveName(const ResolveOptions& options) {
                       {"library", library},
                       {"differs", differs}});
     } else {
-        Output::line("addresses  " + joined(system));
+        Output::line("addresses  " + (system.empty() ? "nothing" : joined(system, " ")));
         // The library's function drops what follows a zero byte: 10.0.5.1 becomes 10.0.0.0.
         if (differs)
-            Output::line("library    " + joined(library) +
+            Output::line("library    " + (library.empty() ? "nothing" : joined(library, " ")) +
                          "  (VornNameToAddressImpl reads every byte after a zero byte as zero)");
     }
     if (!system.empty())

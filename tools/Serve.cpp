@@ -44,39 +44,35 @@ struct ServeOptions : CommonOptions {
     bool lines = false;
 };
 
-/** Servers that can be opened without a client being waited for, so that their address can be told. */
-class TcpServer : public VornNet::VornServerSocket {
-public:
-    using VornServerSocket::VornServerSocket;
+/** Opens a server without waiting for a client, so that its address can be told. */
+template <typename Server, typename... Arguments>
+VornSmartPointer<VornIPCServer> opened(const Arguments&... arguments) {
+    struct Openable : Server {
+        using Server::init;
+        using Server::Server;
+    };
 
-    void open() { init(); }
-};
-
-class UdpServer : public VornNet::VornUDPServerSocket {
-public:
-    using VornUDPServerSocket::VornUDPServerSocket;
-
-    void open() { init(); }
-};
+    auto* server = new Openable(arguments...);
+    VornSmartPointer<VornIPCServer> owner(server);
+    server->init();
+    return owner;
+}
 
 VornSmartPointer<VornIPCServer> openServer(const Address& address, const std::string& group) {
     constexpr int cBacklog = 5;
     constexpr unsigned int cLargestDatagram = 65536;
     constexpr unsigned int cDefaultRights = 7;
     constexpr unsigned int cGroupRights = 1;
-    if (address.kind == Address::Kind::Pipe)
+    switch (address.kind) {
+    case Address::Kind::Pipe:
         return new VornNet::VornPipeServer(address.name, group.empty() ? cDefaultRights : cGroupRights,
                                            group);
-    if (address.kind == Address::Kind::Udp) {
-        auto* server = new UdpServer(address.port, address.name, cLargestDatagram);
-        VornSmartPointer<VornIPCServer> owner(server);
-        server->open();
-        return owner;
+    case Address::Kind::Udp:
+        return opened<VornNet::VornUDPServerSocket>(address.port, address.name, cLargestDatagram);
+    case Address::Kind::Socket:
+        break;
     }
-    auto* server = new TcpServer(address.port, cBacklog, address.name);
-    VornSmartPointer<VornIPCServer> owner(server);
-    server->open();
-    return owner;
+    return opened<VornNet::VornServerSocket>(address.port, cBacklog, address.name);
 }
 
 /** Serves one client after another and prints what each of them said. */

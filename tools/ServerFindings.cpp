@@ -1,7 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "ServerFindings.h"
-
+#include "Finding.h"
 #include "Servers.h"
 
 #include <algorithm>

@@ -15,11 +15,9 @@
 #include <VornNotificationCallback.h>
 #include <VornSteadySink.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <ctime>
 
 #include <unistd.h>
 
@@ -41,19 +39,6 @@ struct SinkOptions : CommonOptions {
     std::string content;
     long count = 0;
 };
-
-std::string timeText() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-    const std::time_t seconds = milliseconds / 1000;
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    std::array<char, 32> date{};
-    std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    std::array<char, 8> fraction{};
-    std::snprintf(fraction.data(), fraction.size(), ".%03dZ", static_cast<int>(milliseconds % 1000));
-    return std::string(date.data()) + fraction.data();
-}
 
 /** What the callbacks of one sink share. */
 class Reception {
@@ -101,9 +86,11 @@ void Reception::print(int handle, long id, const Content& content) {
     // Ids are ints, of which the wire carries the 32 bits without their sign.
     const int signedId = static_cast<int>(id);
     if (m_json) {
+        const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::chrono::system_clock::now().time_since_epoch());
         Json object = {{"event", "notification"},
                        {"number", number},
-                       {"time", timeText()},
+                       {"time", timeText(now, 3)},
                        {"handle", handle},
                        {"id", signedId}};
         addTo(object, content);

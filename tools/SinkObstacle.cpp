@@ -5,6 +5,7 @@
 #include "Address.h"
 #include "Output.h"
 #include "Processes.h"
+#include "Sockets.h"
 
 #include <array>
 #include <cerrno>
@@ -43,11 +44,10 @@ bool lookUp(const std::string& name, std::string& officialName, std::string& add
 }
 
 /** @return the commands, one after the other, as root or as who may become it. */
-std::string asRoot(const std::vector<std::string>& commands) {
-    std::string result;
-    for (const std::string& command : commands)
-        result += (result.empty() ? "" : "; ") + std::string(::geteuid() == 0 ? "" : "sudo ") + command;
-    return result;
+std::string asRoot(std::vector<std::string> commands) {
+    for (std::string& command : commands)
+        command.insert(0, ::geteuid() == 0 ? "" : "sudo ");
+    return joined(commands, "; ");
 }
 
 /** @return the command that lets this user into a group; none for root, who needs none. */
@@ -66,16 +66,6 @@ std::string createDirectoryRemedy() {
     for (const std::string& command : joiningGroup("vorn"))
         commands.push_back(command);
     return asRoot(commands);
-}
-
-bool isOwnAddress(const std::string& address) {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in place{};
-    place.sin_family = AF_INET;
-    ::inet_pton(AF_INET, address.c_str(), &place.sin_addr);
-    const bool bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
-    ::close(fd);
-    return bound;
 }
 
 } // namespace
@@ -126,7 +116,7 @@ std::optional<Obstacle> hostAddressObstacle() {
     if (address.empty())
         return Obstacle{"\"localhost\" does not resolve, so a TCP or UDP sink has no address to publish",
                         asRoot({"sh -c 'echo 127.0.0.1 localhost >>/etc/hosts'"})};
-    if (!isOwnAddress(address))
+    if (!canBind(SOCK_DGRAM, {address, 0}))
         return Obstacle{"\"localhost\" resolves to " + address +
                             ", which is no address of this host: a TCP or UDP sink cannot be bound to it",
                         asRoot({"sed -i 's/^" + address + "\\(.*localhost\\)/127.0.0.1\\1/' /etc/hosts"})};

@@ -16,6 +16,7 @@
 #include <linux/unix_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace VornTool {
 
@@ -210,6 +211,17 @@ Sockets listSockets(bool withPorts) {
     dumpPorts(AF_INET6, Socket::Kind::Tcp, sockets);
     dumpPorts(AF_INET6, Socket::Kind::Udp, sockets);
     return sockets;
+}
+
+bool canBind(int type, const Socket::Place& place) {
+    const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(place.port));
+    ::inet_pton(AF_INET, place.address.c_str(), &address.sin_addr);
+    const bool isBound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return isBound;
 }
 
 } // namespace VornTool

@@ -74,6 +74,10 @@ struct Sockets {
 /** @return the Unix stream sockets of this network name space, and with @p withPorts those of TCP and UDP. */
 Sockets listSockets(bool withPorts);
 
+/** @return whether a socket of the type could be bound there now; of port 0, whether the address is this
+ * host's. */
+bool canBind(int type, const Socket::Place& place);
+
 } // namespace VornTool
 
 #endif

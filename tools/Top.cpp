@@ -135,8 +135,6 @@ std::string rateText(std::optional<double> rate) {
     return text.data();
 }
 
-using Row = std::array<std::string, 7>;
-
 void addClients(const std::vector<Client>& clients, const std::string& state, std::vector<Row>& rows) {
     for (const Client& client : clients) {
         Client named = client;
@@ -157,22 +155,11 @@ std::vector<Row> rowsOf(const std::vector<Server>& servers, const Rates& rates) 
     return rows;
 }
 
-std::vector<std::string> linesOf(const std::vector<Row>& rows) {
-    std::array<std::size_t, 7> widths{};
-    for (const Row& row : rows) {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column)
-            widths[column] = std::max(widths[column], row[column].size());
-    }
+std::vector<std::string> linesOf(std::vector<Row> rows) {
+    alignColumns(rows);
     std::vector<std::string> lines;
-    for (const Row& row : rows) {
-        std::string line;
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            std::string cell = row[column];
-            cell.resize(std::max(cell.size(), widths[column]), ' ');
-            line += (column == 0 ? "" : "  ") + cell;
-        }
-        lines.push_back(line);
-    }
+    for (const Row& row : rows)
+        lines.push_back(joined(row, "  "));
     return lines;
 }
 

@@ -10,8 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <limits>
-#include <utility>
+#include <climits>
 
 namespace VornTool {
 
@@ -24,33 +23,42 @@ const char* const typesHelp = "Types, separated by commas: int short long bool s
 namespace {
 
 constexpr std::size_t cLongestText = std::size_t{16} << 20;
-constexpr std::array<std::pair<const char*, ValueType>, 7> cTypes = {{{"int", ValueType::Int},
-                                                                      {"short", ValueType::Short},
-                                                                      {"long", ValueType::Long},
-                                                                      {"bool", ValueType::Bool},
-                                                                      {"string", ValueType::String},
-                                                                      {"line", ValueType::Line},
-                                                                      {"ack", ValueType::Token}}};
+
+/** A type, by its name, and which numbers it can carry. */
+struct TypeEntry {
+    const char* name;
+    ValueType type;
+    long lowest = 0;
+    long highest = 0;
+};
+
+constexpr std::array cTypes = {
+    TypeEntry{"int", ValueType::Int, INT_MIN, INT_MAX},
+    TypeEntry{"short", ValueType::Short, SHRT_MIN, SHRT_MAX},
+    // The wire carries 32 bits of a long, and a larger one would arrive as another number.
+    TypeEntry{"long", ValueType::Long, INT_MIN, UINT_MAX}, TypeEntry{"bool", ValueType::Bool},
+    TypeEntry{"string", ValueType::String}, TypeEntry{"line", ValueType::Line},
+    TypeEntry{"ack", ValueType::Token}};
 
 [[noreturn]] void refuse(const std::string& text) {
     throw ToolError(exitUsage, text);
 }
 
-ValueType parseType(const std::string& name) {
+const TypeEntry& parseType(const std::string& name) {
     const auto* found =
-        std::find_if(cTypes.begin(), cTypes.end(), [&](const auto& type) { return name == type.first; });
+        std::find_if(cTypes.begin(), cTypes.end(), [&](const TypeEntry& type) { return name == type.name; });
     if (found == cTypes.end())
         refuse("unknown type " + quoted(name) + "; " + typesHelp);
-    return found->second;
+    return *found;
 }
 
-long parseNumber(const std::string& text, const std::string& digits, long lowest, long highest) {
+long parseNumber(const std::string& text, const std::string& digits, const TypeEntry& type) {
     long number = 0;
     const char* end = digits.data() + digits.size();
     const auto [stop, error] = std::from_chars(digits.data(), end, number);
-    if (error != std::errc() || stop != end || number < lowest || number > highest)
-        refuse(quoted(text) + ": a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
-               " is needed");
+    if (error != std::errc() || stop != end || number < type.lowest || number > type.highest)
+        refuse(quoted(text) + ": a number from " + std::to_string(type.lowest) + " to " +
+               std::to_string(type.highest) + " is needed");
     return number;
 }
 
@@ -121,28 +129,16 @@ Value parseValue(const std::string& text) {
     if (colon == std::string::npos || text.substr(0, colon) == "ack")
         refuse(quoted(text) + " is no value. " + valueHelp);
     const std::string rest = text.substr(colon + 1);
-    const ValueType type = parseType(text.substr(0, colon));
-    switch (type) {
-    case ValueType::Int:
-        return {type,
-                parseNumber(text, rest, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()),
-                {}};
-    case ValueType::Short:
-        return {type,
-                parseNumber(text, rest, std::numeric_limits<short>::min(), std::numeric_limits<short>::max()),
-                {}};
-    case ValueType::Long:
-        // The wire carries 32 bits of a long, and a larger one would arrive as another number.
-        return {type,
-                parseNumber(text, rest, std::numeric_limits<int>::min(),
-                            std::numeric_limits<unsigned int>::max()),
-                {}};
+    const TypeEntry& entry = parseType(text.substr(0, colon));
+    switch (entry.type) {
     case ValueType::Bool:
-        return {type, parseBool(text, rest), {}};
+        return {entry.type, parseBool(text, rest), {}};
     case ValueType::Line:
-        return {type, 0, parseLine(text, rest)};
+        return {entry.type, 0, parseLine(text, rest)};
+    case ValueType::String:
+        return {entry.type, 0, rest};
     default:
-        return {type, 0, rest};
+        return {entry.type, parseNumber(text, rest, entry), {}};
     }
 }
 
@@ -156,7 +152,7 @@ std::vector<ValueType> parseTypes(const std::string& text) {
     std::vector<ValueType> types;
     for (std::size_t start = 0; start < text.size();) {
         const std::size_t comma = std::min(text.find(',', start), text.size());
-        types.push_back(parseType(text.substr(start, comma - start)));
+        types.push_back(parseType(text.substr(start, comma - start)).type);
         start = comma + 1;
         if (start == text.size())
             refuse("a type is missing at the end of " + quoted(text));
@@ -210,24 +206,6 @@ std::string encoded(const Value& value) {
     VornBufferConnection buffer;
     sendValue(buffer, value);
     return {static_cast<const char*>(buffer.buf()), static_cast<std::size_t>(buffer.size())};
-}
-
-std::size_t encodedSize(const Value& value) {
-    switch (value.type) {
-    case ValueType::Long:
-        return 8;
-    case ValueType::Int:
-    case ValueType::Token:
-        return 4;
-    case ValueType::Short:
-    case ValueType::Bool:
-        return 2;
-    case ValueType::String:
-        return 4 + value.text.size();
-    case ValueType::Line:
-        break;
-    }
-    return value.text.size() + 2;
 }
 
 std::string describe(const Value& value) {
@@ -285,9 +263,9 @@ void addTo(Json& object, const Content& content) {
 }
 
 std::string nameOf(ValueType type) {
-    const auto* found =
-        std::find_if(cTypes.begin(), cTypes.end(), [&](const auto& entry) { return type == entry.second; });
-    return found->first;
+    return std::find_if(cTypes.begin(), cTypes.end(),
+                        [&](const TypeEntry& entry) { return type == entry.type; })
+        ->name;
 }
 
 Json toJson(const Value& value) {

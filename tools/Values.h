@@ -7,7 +7,6 @@
 
 #include <VornConnection.h>
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -44,9 +43,6 @@ Value receiveValue(VornNet::VornConnection& connection, ValueType type);
 
 /** @return the bytes of the value on the wire. */
 std::string encoded(const Value& value);
-
-/** @return how many bytes the value takes on the wire. */
-std::size_t encodedSize(const Value& value);
 
 /** @return "int 5", "string \"text\"", "ack". */
 std::string describe(const Value& value);
