@@ -1,30 +1,7 @@
 # SPDX-FileCopyrightText: 2026 The vornnet authors
 # SPDX-License-Identifier: Apache-2.0
 #
-# bash completion for vornnet(1)
-
-_vornnet_options()
-{
-    case $1 in
-        sink) echo --type --steady --callbacks --content --count --json --log-level --help ;;
-        notify) echo --repeat --every --timeout --confirm --json --log-level --help ;;
-        publish) echo --directory --values --json --log-level --help ;;
-        subscribe) echo --start --since --position-file --content --words --count --json --log-level --help ;;
-        connect) echo --service --expect --timeout --json --log-level --help ;;
-        serve) echo --service --expect --reply --ack --error --lines --group --count --json --log-level --help ;;
-        encode) echo --raw --json --log-level --help ;;
-        decode) echo --types --hex --json --log-level --help ;;
-        follow) echo --level --class --count --json --log-level --help ;;
-        pipes) echo --clean --json --log-level --help ;;
-        resolve) echo --json --log-level --help ;;
-        ping) echo --timeout --json --log-level --help ;;
-        bench) echo --local --seconds --json --log-level --help ;;
-        top) echo --every --count --json --log-level --help ;;
-        metrics) echo --log-level --help ;;
-        doctor) echo --pid --monitor --strict --json --log-level --help ;;
-        *) echo --help --version ;;
-    esac
-}
+# bash completion for vornnet(1), which reads what there is from the help texts
 
 # Addresses contain colons, at which bash parts words unless completion takes care of it.
 _vornnet_addresses()
@@ -36,71 +13,64 @@ _vornnet_addresses()
     done
 }
 
+# What can stand for an argument, or for the value of an option, by what the help text calls it.
 _vornnet_words()
 {
-    local previous=$1 subcommand=$2 position=$3
-    case $previous in
-        --type) echo pipe socket udp ;;
-        --content | --expect | --types) echo int short long bool string line ack ;;
-        --start) echo next last oldest ;;
-        --level) echo 0 1 2 3 4 5 6 7 8 9 ;;
-        --log-level) echo -1 0 1 2 3 4 5 6 7 8 9 ;;
-        --group) compgen -g ;;
-        --callbacks | --class | --count | --repeat | --every | --timeout | --service | --pid | --since | --words) ;;
-        --directory | --position-file) compgen -f ;;
-        *)
-            case $subcommand in
-                "")
-                    echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor help
-                    type -P vornnet-relay >/dev/null && echo relay
-                    ;;
-                help) echo sink notify publish subscribe connect serve encode decode pipes resolve follow ping bench top metrics doctor ;;
-                publish | subscribe) ((position > 1)) || _vornnet_addresses ;;
-                notify | connect | serve | ping | bench)
-                    if ((position == 1)); then
-                        _vornnet_addresses
-                    elif [[ $subcommand != @(ping|bench) && ($subcommand != notify || position -gt 3) ]]; then
-                        echo int: short: long: bool: string: line: ack error
-                    fi
-                    ;;
-                encode) echo int: short: long: bool: string: line: ack error ;;
-                resolve) compgen -A hostname ;;
-            esac
-            ;;
+    local choices
+    case $1 in
+        *:\{*\}*) choices=${1#*:\{} && tr , ' ' <<<"${choices%%\}*}" ;;
+        *'in [-1 - 9]'*) echo -1 {0..9} ;;
+        *'in [0 - 9]'*) echo {0..9} ;;
+        ADDRESS) _vornnet_addresses ;;
+        *VALUE...*) echo int: short: long: bool: string: line: ack error ;;
+        *' TYPES'*) echo int short long bool string line ack ;;
+        *'--group '*) compgen -g ;;
+        NAME) compgen -A hostname ;;
     esac
 }
 
 _vornnet()
 {
-    local words=("${COMP_WORDS[@]}") cword=$COMP_CWORD cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+    local words=("${COMP_WORDS[@]}") cword=$COMP_CWORD cur=${COMP_WORDS[COMP_CWORD]}
     if declare -F _get_comp_words_by_ref >/dev/null; then
-        _get_comp_words_by_ref -n : cur prev words cword
+        _get_comp_words_by_ref -n : cur words cword
     fi
+    local subcommand="" help wanted="" arguments=() position=0 i
+    ((cword > 1)) && subcommand=${words[1]}
     # A package of its own has the rest of this command.
-    if ((cword > 1)) && [[ ${words[1]} == relay ]]; then
+    if [[ $subcommand == relay ]]; then
         # shellcheck disable=SC1091 # where it is, the installation says
         declare -F _vornnet_relay >/dev/null || . "${BASH_SOURCE[0]%/*}/vornnet-relay" 2>/dev/null
         declare -F _vornnet_relay >/dev/null && _vornnet_relay 1
         return 0
     fi
-    local subcommand="" position=0 i
-    for ((i = 1; i < cword; ++i)); do
-        case ${words[i]} in
-            --type | --callbacks | --class | --content | --count | --level | --repeat | --every | --timeout | \
-                --service | --expect | --types | --group | --log-level | --pid | --start | --since | \
-                --position-file | --words | --directory) ((++i)) ;;
-            -*) ;;
-            *) if [[ -z $subcommand ]]; then subcommand=${words[i]}; else ((++position)); fi ;;
-        esac
+    help=$("${words[0]}" ${subcommand:+"$subcommand"} --help 2>/dev/null)
+    for ((i = 2; i < cword; ++i)); do
+        if [[ -n $wanted ]]; then
+            wanted="" # this is the value of the option before
+        elif [[ ${words[i]} == -* ]]; then
+            wanted=$(grep -e "^  ${words[i]} [A-Z]" <<<"$help")
+        else
+            ((++position))
+        fi
     done
-    ((++position))
-    if [[ $cur == -* && $prev != --log-level ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "$(_vornnet_options "$subcommand")" -- "$cur")
-    elif [[ $subcommand == decode && $prev != --types && $prev != --log-level ]]; then
-        mapfile -t COMPREPLY < <(compgen -f -- "$cur")
-    else
-        mapfile -t COMPREPLY < <(compgen -W "$(_vornnet_words "$prev" "$subcommand" "$position")" -- "$cur")
+    if [[ -z $wanted && $cur == -* ]]; then
+        wanted=OPTION
+    elif [[ -z $wanted ]]; then
+        read -ra arguments < <(sed -n 's/^Usage:.*\[OPTIONS\]//p' <<<"$help" | tr -d '[]')
+        [[ ${arguments[*]} == *... ]] && ((position >= ${#arguments[@]})) && position=$((${#arguments[@]} - 1))
+        wanted=${arguments[position]-}
     fi
+    case $wanted in
+        FILE | *' FILE '* | *' DIRECTORY '*) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
+        OPTION) mapfile -t COMPREPLY < <(compgen -W "$(sed -nE 's/^  (-h,)?(--[a-z-]+) .*/\2/p' <<<"$help")" -- "$cur") ;;
+        SUBCOMMAND | COMMAND)
+            help=$("${words[0]}" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
+            [[ $wanted == SUBCOMMAND ]] && type -P vornnet-relay >/dev/null && help+=" relay"
+            mapfile -t COMPREPLY < <(compgen -W "$help" -- "$cur")
+            ;;
+        *) mapfile -t COMPREPLY < <(compgen -W "$(_vornnet_words "$wanted")" -- "$cur") ;;
+    esac
     # What ends in a colon is to be continued.
     [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == *: ]] && compopt -o nospace 2>/dev/null
     declare -F __ltrim_colon_completions >/dev/null && __ltrim_colon_completions "$cur"
