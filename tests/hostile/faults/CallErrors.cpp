@@ -75,7 +75,6 @@ ErrorLists fileErrors() {
         {"read", {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR}},
         {"select", {EBADF, EINTR, EINVAL, ENOMEM}},
         {"unlink", with(ofPath, {EBUSY, EISDIR})},
-        {"usleep", {EINTR, EINVAL}},
         {"write",
          {EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG, EINTR, EINVAL, EIO, ENOSPC, EPERM, EPIPE}},
     };

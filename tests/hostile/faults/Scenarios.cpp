@@ -63,7 +63,7 @@ Rule endsWait(std::initializer_list<int> quiet) {
 
 std::vector<Scenario> allScenarios() {
     std::vector<Scenario> all;
-    for (const auto& group : {clientScenarios(), serverScenarios(), closingScenarios(), sinkScenarios()})
+    for (const auto& group : {clientScenarios(), serverScenarios(), closingScenarios()})
         all.insert(all.end(), group.begin(), group.end());
     return all;
 }

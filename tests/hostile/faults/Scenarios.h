@@ -48,8 +48,6 @@ struct Promise {
     int leaked = 0;
     /** Whether it goes on until somebody interrupts it. */
     bool isEndless = false;
-    /** Whether what goes on without end is somebody's wait for the failure to pass. */
-    bool isHeld = false;
 };
 
 using Rule = std::function<Promise(const CallFault&)>;
@@ -58,10 +56,6 @@ using Rule = std::function<Promise(const CallFault&)>;
 struct FailingCall {
     std::string function;
     Rule rule;
-    /**
-     * Whether the number of calls depends on how threads are scheduled; only the first one is failed then.
-     */
-    bool isOccasional = false;
 };
 
 /** The rules of which most scenarios are made. @{ */
@@ -91,8 +85,6 @@ public:
     virtual ~FaultControl() = default;
     /** How many calls have failed. */
     virtual int failures() = 0;
-    /** What is to come of the failure. */
-    virtual const Promise& promise() = 0;
     /** Lets no further call fail. */
     virtual void lift() = 0;
 };
@@ -108,10 +100,6 @@ struct Scenario {
     Outcome undisturbed = {};
     /** Called again and again while an endless failure lasts; null where there is none. */
     std::function<void(FaultControl&)> interrupt = nullptr;
-    /**
-     * Whether the library's calls are made on threads of its own as well; its peer's are out of sight then.
-     */
-    bool isOfAllThreads = false;
 };
 
 /** Runs an action and tells how it ended; the stage on which nothing goes wrong. */
@@ -124,7 +112,6 @@ Outcome twice(const Stage& stage, const std::function<std::string()>& action,
 std::vector<Scenario> clientScenarios();
 std::vector<Scenario> serverScenarios();
 std::vector<Scenario> closingScenarios();
-std::vector<Scenario> sinkScenarios();
 
 /** All of them. */
 std::vector<Scenario> allScenarios();
