@@ -110,47 +110,6 @@ Delivery deliverToSteady(Kind kind, Order order) {
     return result;
 }
 
-int movesInSequence(Kind kind, int count, const Order& each, const Callback& callback) {
-    enterFreshNetwork();
-    Log log;
-    WatchedSink sink(kind);
-    const CallbackPointer reader = addReader(*sink, log, callback);
-    int moves = 0;
-    for (int i = 0; i < count; ++i) {
-        awaitServing(sink);
-        const std::string address = sink.address();
-        Order order = each;
-        order.address = address;
-        sendFromOtherProcess(order);
-        if (!reader->awaitCalls(i + 1))
-            throw std::runtime_error("a single notification did not arrive");
-        awaitServing(sink);
-        moves += sink.address() != address ? 1 : 0;
-    }
-    return moves;
-}
-
-TwoSinks deliverToFirstOfTwo(Kind kind, int count) {
-    enterFreshNetwork();
-    Log firstLog;
-    Log secondLog;
-    WatchedSink first(kind, "first");
-    WatchedSink second(kind, "second");
-    const CallbackPointer firstReader = addReader(*first, firstLog, {});
-    const CallbackPointer secondReader = addReader(*second, secondLog, {});
-    const TwoSinks none{0, 0, first.address() == second.address()};
-    for (int i = 0; i < count; ++i) {
-        awaitServing(first);
-        awaitServing(second);
-        Order order;
-        order.address = first.address();
-        sendFromOtherProcess(order);
-    }
-    awaitServing(first);
-    awaitServing(second);
-    return {firstReader->calls(), secondReader->calls(), none.sameAddress};
-}
-
 int sentToStuckSink(Kind kind, int most) {
     enterFreshNetwork();
     Gate entered;
@@ -177,54 +136,6 @@ int sentToStuckSink(Kind kind, int most) {
     }
     mayReturn.open();
     return sent;
-}
-
-Outcome sendToSilentHost() {
-    enterFreshNetwork();
-    // A full queue makes the kernel drop who knocks, as a packet filter does.
-    int port = 0;
-    const UniqueFd listener = tcpListen("127.0.0.1", port, 0);
-    const UniqueFd filler = tcpConnect("127.0.0.1", port);
-    Order order;
-    order.address = "socket:127.0.0.1:" + std::to_string(port);
-    return sendFromOtherProcess(order);
-}
-
-Ended endSink(Kind kind, Blow blow, int count) {
-    enterFreshNetwork();
-    WatchedSink sink(kind);
-    const CallbackPointer reader = addCallback(*sink, [](auto&) -> std::string {
-        throw VornSupport::VornException("a connection of its own was reset", ECONNRESET);
-    });
-    awaitServing(sink);
-    const Target target(sink.address());
-    Order order;
-    order.address = sink.address();
-    order.patience = 5; // for those that are sent to be sent, however busy the machine is
-    switch (blow) {
-    case Blow::emptyDatagram: {
-        int port = 0;
-        const UniqueFd socket = udpSocket("127.0.0.1", port);
-        udpSendTo(socket.get(), target.place, target.port, "");
-        break;
-    }
-    case Blow::reset: {
-        UniqueFd connection = connectToSink(sink.address());
-        if (!sink.awaitReading())
-            throw std::runtime_error("the sink does not read");
-        resetOnClose(connection.get());
-        connection.reset();
-        break;
-    }
-    case Blow::callbackThrows:
-        sendFromOtherProcess(order);
-        break;
-    }
-    Ended result;
-    result.ended = sink.awaitEnd();
-    order.count = count;
-    result.sender = sendFromOtherProcess(order);
-    return result;
 }
 
 } // namespace Guarantees

@@ -47,37 +47,8 @@ Delivery deliver(Kind kind, Order order, const Callback& callback = {});
 /** The same with a VornSteadySink. */
 Delivery deliverToSteady(Kind kind, Order order);
 
-/**
- * Single notifications, each sent when the sink is waiting again, to where it then is: how often it moved.
- */
-int movesInSequence(Kind kind, int count, const Order& each, const Callback& callback);
-
-/** What reached the first and the second of two sinks of one process when all was sent to the first. */
-struct TwoSinks {
-    int first = 0;
-    int second = 0;
-    bool sameAddress = false;
-};
-
-TwoSinks deliverToFirstOfTwo(Kind kind, int count);
-
 /** Notifications to a sink whose callback never returns: how many were sent before one blocked. */
 int sentToStuckSink(Kind kind, int most);
-
-/** One notification to a host that swallows packets: seconds until it failed, and the code. */
-Outcome sendToSilentHost();
-
-/** The ways in which others end a sink. */
-enum class Blow { emptyDatagram, reset, callbackThrows };
-
-/** What a sender sees of a sink that was ended. */
-struct Ended {
-    bool ended = false;
-    Outcome sender;
-};
-
-/** Ends a sink, then sends it @p count notifications, each with a second of patience. */
-Ended endSink(Kind kind, Blow blow, int count);
 
 } // namespace Guarantees
 

@@ -28,10 +28,7 @@ std::string transportOf(Kind kind) {
 }
 
 std::string timeOf(int micros) {
-    if (micros == 0)
-        return "none";
-    const std::string sMillis = std::to_string(micros / 1000);
-    return (micros % 1000 == 0 ? sMillis : sMillis + "." + std::to_string(micros % 1000 / 100)) + " ms";
+    return micros == 0 ? "none" : std::to_string(micros / 1000) + " ms";
 }
 
 /** Smallest and largest of the numbers of several runs. */
@@ -169,19 +166,6 @@ void measureRetry() {
     }
 }
 
-void measureMoves() {
-    head({"callback", "sender closes", "moves of 50 deliveries"});
-    for (const bool readsToEnd : {false, true}) {
-        for (const int hold : {0, 200, 5000}) {
-            Order each;
-            each.holdMicros = hold;
-            const int moves = movesInSequence(Kind::socket, 50, each, {readsToEnd, 0});
-            row({readsToEnd ? "reads to the end" : "returns at once",
-                 hold == 0 ? "at once" : timeOf(hold) + " after its last write", std::to_string(moves)});
-        }
-    }
-}
-
 void measureQueue() {
     constexpr int cMost = 50;
     head({"transport", "sent while the first is being handled", "the next"});
@@ -205,76 +189,21 @@ void measureSigpipe() {
     }
 }
 
-void measureTwoSinks() {
-    head({"transport", "addresses", "reached the first of 10", "reached the second"});
-    for (const Kind kind : cKinds) {
-        const TwoSinks sinks = deliverToFirstOfTwo(kind, 10);
-        row({transportOf(kind), sinks.sameAddress ? "the same" : "two", std::to_string(sinks.first),
-             std::to_string(sinks.second)});
-    }
-}
-
-void measureUdpSize() {
-    constexpr int cOverhead = 8 + 4 + 4; // handle, id, and the length of the text
-    head({"bytes of the notification", "sender sees", "delivered"});
-    for (const int size : {65507, 65508}) {
-        Order order;
-        order.payload = size - cOverhead;
-        const Delivery delivery = deliver(Kind::udp, order);
-        row({std::to_string(size), delivery.sender.sent.empty() ? "an exception" : "success",
-             std::to_string(delivery.received.size())});
-    }
-}
-
-void measureEnds() {
-    struct Case {
-        Kind kind;
-        Blow blow;
-        const char* text;
-    };
-
-    constexpr int cCount = 8;
-    head({"transport", "what ends the sink", "of the next 8: sent", "blocked"});
-    for (const Case& one :
-         {Case{Kind::udp, Blow::emptyDatagram, "an empty datagram, from anybody"},
-          Case{Kind::socket, Blow::reset, "a connection reset before the callback id was read"},
-          Case{Kind::pipe, Blow::callbackThrows, "a callback that throws code 104"},
-          Case{Kind::socket, Blow::callbackThrows, "a callback that throws code 104"}}) {
-        const Ended ended = endSink(one.kind, one.blow, cCount);
-        const auto blocked = ended.sender.refused.find(EINTR);
-        row({transportOf(one.kind), std::string(one.text) + (ended.ended ? "" : " (it did not)"),
-             std::to_string(ended.sender.sent.size()),
-             std::to_string(blocked == ended.sender.refused.end() ? 0 : blocked->second)});
-    }
-}
-
-void measureSilentHost() {
-    head({"host", "seconds until the exception", "code"});
-    const Outcome outcome = sendToSilentHost();
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.0f", outcome.seconds);
-    row({"drops all packets", seconds,
-         outcome.refused.empty() ? "none" : std::to_string(outcome.refused.begin()->first)});
-}
-
 struct Section {
     const char* name;
     void (*measure)();
 };
 
 constexpr Section cSections[] = {
-    {"burst", measureBurst},     {"pairings", measurePairings},     {"slow-callback", measureSlowCallback},
-    {"retry", measureRetry},     {"moves", measureMoves},           {"queue", measureQueue},
-    {"sigpipe", measureSigpipe}, {"two-sinks", measureTwoSinks},    {"udp-size", measureUdpSize},
-    {"ends", measureEnds},       {"silent-host", measureSilentHost}};
+    {"burst", measureBurst}, {"pairings", measurePairings}, {"slow-callback", measureSlowCallback},
+    {"retry", measureRetry}, {"queue", measureQueue},       {"sigpipe", measureSigpipe}};
 
 int measure(const std::vector<std::string>& names) {
     for (const Section& section : cSections) {
         if (!names.empty() && std::find(names.begin(), names.end(), section.name) == names.end())
             continue;
-        std::printf("<!-- measured: %s -->\n", section.name);
+        std::printf("\n%s\n\n", section.name);
         section.measure();
-        std::printf("<!-- measured end -->\n");
     }
     return 0;
 }
@@ -283,11 +212,6 @@ int measure(const std::vector<std::string>& names) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> arguments(argv + 1, argv + argc);
-    if (arguments == std::vector<std::string>{"--list"}) {
-        for (const Section& section : cSections)
-            std::printf("%s\n", section.name);
-        return 0;
-    }
     VornTest::enterSandbox();
     std::signal(SIGPIPE, SIG_IGN);
     try {

@@ -34,8 +34,6 @@ public:
     void addContent(VornConnection& connection, const VornNotification& notification) override {
         connection.transfer(notification.getId());
         connection.transfer(VornString(static_cast<std::size_t>(m_order.payload), 'x'));
-        if (m_order.holdMicros > 0)
-            usleep(static_cast<useconds_t>(m_order.holdMicros));
         char none = 0;
         long nError = 0;
         while (m_order.holdsForPeer && connection.receive(&none, 1, &nError, true) > 0) {
@@ -98,7 +96,6 @@ std::vector<std::string> argumentsOf(const Order& order) {
     return {order.address,
             std::to_string(order.count),
             std::to_string(order.pauseMicros),
-            std::to_string(order.holdMicros),
             std::to_string(order.holdsForPeer),
             std::to_string(order.ignoresSigpipe),
             std::to_string(order.mostTries),
@@ -109,8 +106,8 @@ std::vector<std::string> argumentsOf(const Order& order) {
 
 Order orderOf(const std::vector<std::string>& args) {
     const auto number = [&args](std::size_t index) { return std::stoi(args.at(index)); };
-    return {args.at(0),     number(1), number(2), number(3), number(4) != 0,
-            number(5) != 0, number(6), number(7), number(8), number(9) != 0};
+    return {args.at(0), number(1), number(2), number(3) != 0, number(4) != 0,
+            number(5),  number(6), number(7), number(8) != 0};
 }
 
 } // namespace

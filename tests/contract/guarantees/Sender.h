@@ -18,7 +18,6 @@ struct Order {
     std::string address;
     int count = 1;             ///< how many notifications; their ids are 0, 1, 2, ...
     int pauseMicros = 0;       ///< between two of them
-    int holdMicros = 0;        ///< between the last write and the end of the connection
     bool holdsForPeer = false; ///< end the connection only when the receiver has ended its side
     bool ignoresSigpipe = true;
     int mostTries = 1;         ///< of one notification, as long as it is refused; 20 ms between two
