@@ -6,8 +6,8 @@
 
 #include "Input.h"
 #include "Peer.h"
+#include "Reader.h"
 
-#include <VornException.h>
 #include <VornSteadySink.h>
 
 #include <chrono>
@@ -21,20 +21,6 @@ using namespace VornNet;
 namespace {
 
 using Kind = VornSteadySink::Kind;
-
-/** Reads what it can, so that hostile content meets every typed read. */
-class Reader : public VornNotificationCallback {
-public:
-    using VornNotificationCallback::VornNotificationCallback;
-
-protected:
-    void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
-        if (spConnection->receiveLong() == 4711)
-            return;
-        spConnection->receiveString();
-        spConnection->receiveInt();
-    }
-};
 
 class Road {
 public:
