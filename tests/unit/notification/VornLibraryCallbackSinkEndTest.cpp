@@ -208,6 +208,16 @@ TEST_P(VornLibraryCallbackSink_EndOnStreams, WithSilentClient_Ends) {
     EXPECT_EQ(receiveToEnd(silent.get()), "") << "the client sees the end";
 }
 
+TEST_F(VornLibraryCallbackSink_End, WhenASilentClientCannotBeCutOffAtFirst_Ends) {
+    WatchedSink sink(Kind::pipe);
+    ASSERT_TRUE(sink.awaitServing());
+    const UniqueFd silent = connectToSink(sink.address());
+    ASSERT_TRUE(sink.awaitReading());
+    const FaultRule failing("shutdown", ENOTCONN, 1, 3);
+    EXPECT_TRUE(destroyInTime(sink));
+    EXPECT_EQ(failing.failures(), 3);
+}
+
 TEST_P(VornLibraryCallbackSink_EndOnStreams, WithClientThatSentHalfAHandle_Ends) {
     WatchedSink sink(GetParam());
     const UniqueFd silent = connectWhenServing(sink, bytes("00 00 00"));
