@@ -10,16 +10,15 @@ import sys
 
 import baseline
 import plots
-import tables
 from counts import count_all
 from program import list_entries
-from publish import publish
-from results import OURS, SCALES, WORKLOADS, describe_machine, evaluate, scale_lines
+from publish import publish, ratio_blocks, scale_blocks
+from results import OURS, SCALES, WORKLOADS, describe_machine, scale_lines
 from times import AGAIN, measure
 
 
-def write(path, lines):
-    path.write_text("\n".join(lines) + "\n")
+def show(path, blocks):
+    path.write_text("\n\n".join("\n".join(lines) for lines in blocks.values()) + "\n")
     print(path.read_text())
 
 
@@ -33,13 +32,7 @@ def report_ratios(options):
     units = {entry.name: entry.units for entry in entries}
     stored = {"machine": describe_machine(), "units": units, "counts": counts, "rounds": rounds}
     (options.output / "results.json").write_text(json.dumps(stored, indent=1) + "\n")
-    results = evaluate(stored)
-    made_at = tables.made_at(stored["machine"], options.rounds)
-    lines = [made_at, "", *tables.summary(results)]
-    for workload in WORKLOADS:
-        if workload["name"] in results:
-            lines += ["", *tables.contenders(workload, results[workload["name"]])]
-    write(options.output / "table.md", lines)
+    show(options.output / "table.md", ratio_blocks(stored))
 
 
 def report_scale(options):
@@ -49,12 +42,8 @@ def report_scale(options):
     rounds_of = measure(options.program, contenders, options.rounds, options.min_time)
     stored = {"machine": describe_machine(), "rounds": rounds_of}
     (options.output / "scale.json").write_text(json.dumps(stored, indent=1) + "\n")
-    plots.plot_all(options.output, {workload: scale_lines(rounds) for workload, rounds in rounds_of.items()})
-    lines = [tables.made_at(stored["machine"], options.rounds)]
-    for workload, rounds in rounds_of.items():
-        title = SCALES[workload][0]
-        lines += ["", f"### {title}", "", *tables.scale(workload, rounds), "", f"![{title}]({workload}.svg)"]
-    write(options.output / "scale.md", lines)
+    plots.plot_all(options.output / "performance", {workload: scale_lines(rounds) for workload, rounds in rounds_of.items()})
+    show(options.output / "scale.md", scale_blocks(stored))
 
 
 def parse_arguments():

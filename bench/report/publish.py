@@ -33,11 +33,11 @@ def made_at(stored):
 
 
 def ratio_blocks(stored):
-    """Returns {name: lines}."""
+    """Returns {name: lines}. On the page, only the workloads that name their contenders have a table of these."""
     results = evaluate(stored)
     blocks = {"ratios": made_at(stored) + [""] + tables.summary(results), "calls": tables.call_names(results)}
     for workload in WORKLOADS:
-        if "contenders" in workload and workload["name"] in results:
+        if workload["name"] in results:
             blocks[workload["name"]] = tables.contenders(workload, results[workload["name"]])
     return blocks
 
@@ -52,7 +52,10 @@ def scale_blocks(stored):
 
 def put(page, blocks):
     """Returns the page with the blocks in their places; each has to have one."""
+    unnamed = {workload["name"] for workload in WORKLOADS if "contenders" not in workload}
     for name, lines in blocks.items():
+        if name in unnamed:
+            continue
         place = re.compile(rf"(<!-- measured: {name} -->\n).*?(<!-- measured end -->)", re.DOTALL)
         text = "\n".join(lines) + "\n"
         page, found = place.subn(lambda match, text=text: match.group(1) + text + match.group(2), page)
