@@ -6,21 +6,18 @@
 # them; a service on the one, clients on the other. The functions and variables of script/demo are used.
 
 hosts=(north south)
-declare -A holders=([north]='' [south]='') # processes that keep the hosts' namespaces
+declare -A doors=() # by host, what a command begins with that is to run there
 relay=$root/build/demo/relay/vornnet-relay
 residents=(alice bob)
-declare -A shown=() # how many events of each client have been printed here
-
-# Sets what a command begins with that is to run there; so that what runs in the background is the program itself.
-enter_host() { # HOST
-    enter=(nsenter "--net=/proc/${holders[$1]}/ns/net" "--mount=/proc/${holders[$1]}/ns/mnt" --)
-}
 
 on_host() { # HOST COMMAND...
-    local -a enter
-    enter_host "$1"
-    shift
-    "${enter[@]}" "$@"
+    # shellcheck disable=SC2086 # a program and its options
+    ${doors[$1]} "${@:2}"
+}
+
+launch_on() { # HOST NAME COMMAND...
+    # shellcheck disable=SC2086
+    launch "$2" ${doors[$1]} "${@:3}"
 }
 
 # A host is a mount namespace with its own pipe directory, and a network with one cable, to the engine.
@@ -28,14 +25,12 @@ create_host() { # HOST NUMBER
     local host=$1 number=$2
     mkdir -p "$stage/pipes-$host" "$stage/state-$host"
     printf '127.0.0.1 localhost\n10.77.%s.1 engine\n' "$number" >"$stage/hosts-$host"
-    unshare --mount --net "$BASH" -c 'mount --make-rprivate / && mount --bind "$1" "$2" && mount --bind "$3" /etc/hosts &&
-        ip link set lo up && echo ready && exec sleep infinity' \
-        host "$stage/pipes-$host" "$pipe_directory" "$stage/hosts-$host" >"$stage/$host.log" 2>&1 9>&- &
-    holders[$host]=$!
-    pids[host-$host]=$!
-    logs[host-$host]=$stage/$host.log
-    await "host $host" has_line "host-$host" '^ready'
-    ip link add "to-$host" type veth peer name engine netns "${holders[$host]}"
+    launch "$host" unshare --mount --net "$BASH" -c 'mount --make-rprivate / && mount --bind "$1" "$2" &&
+        mount --bind "$3" /etc/hosts && ip link set lo up && echo ready && exec sleep infinity' \
+        host "$stage/pipes-$host" "$pipe_directory" "$stage/hosts-$host"
+    doors[$host]="nsenter --net=/proc/${pids[$host]}/ns/net --mount=/proc/${pids[$host]}/ns/mnt --"
+    await "host $host" has_line "$host" '^ready'
+    ip link add "to-$host" type veth peer name engine netns "${pids[$host]}"
     ip address add "10.77.$number.1/24" dev "to-$host"
     ip link set "to-$host" up
     on_host "$host" ip address add "10.77.$number.2/24" dev engine
@@ -61,7 +56,6 @@ create_certificates() {
 configure_engine() {
     cat >"$stage/engine.conf" <<END
 listen: 0.0.0.0:4222
-log_file: "$stage/engine.log"
 jetstream { store_dir: "$stage/engine" }
 tls { cert_file: "$stage/engine.pem", key_file: "$stage/engine.key", ca_file: "$stage/ca.pem", verify_and_map: true }
 authorization { users: [
@@ -74,9 +68,7 @@ END
 engine_answers() { (: <>/dev/tcp/127.0.0.1/4222) 2>/dev/null; }
 
 start_engine() {
-    "$(PATH=$PATH:/usr/sbin command -v nats-server)" -c "$stage/engine.conf" >/dev/null 2>&1 9>&- &
-    pids[engine]=$!
-    logs[engine]=$stage/engine.log
+    launch engine "$(PATH=$PATH:/usr/sbin command -v nats-server)" -c "$stage/engine.conf"
     await 'the engine' engine_answers
 }
 
@@ -100,56 +92,24 @@ introduce_hosts() {
 relay_is_ready() { status_has "$1" '^ready  *true'; }
 
 start_relay() { # HOST
-    local -a enter
-    enter_host "$1"
-    "${enter[@]}" "$relay" --config "$stage/$1.conf" run >>"$stage/relay-$1.log" 2>&1 </dev/null 9>&- &
-    pids[relay-$1]=$!
+    launch_on "$1" "relay-$1" "$relay" --config "$stage/$1.conf" run
     await "the relay of $1" relay_is_ready "$1"
 }
 
 start_resident() { # NAME
-    logs[$1]=$stage/$1.log
-    : >>"${logs[$1]}"
     local before
-    local -a enter
-    before=$(grep -a -c '^client: subscribed' "${logs[$1]}" || true)
-    enter_host south
-    "${enter[@]}" "$programs/leased_client" "$1" dirwatch@north "$stage/watched" >>"${logs[$1]}" 2>&1 </dev/null 9>&- &
-    pids[$1]=$!
+    before=$(grep -a -c '^client: subscribed' "$stage/$1.log" 2>/dev/null || true)
+    launch_on south "$1" "$programs/leased_client" "$1" dirwatch@north "$stage/watched"
     await "client $1 to subscribe" has_lines "$1" '^client: subscribed' $((before + 1))
     addresses[$1]=$(sed -n 's/^client: subscribed as //p' "${logs[$1]}" | tail -n 1)
 }
 
 has_lines() { (($(grep -a -c -- "$2" "${logs[$1]}") >= $3)); }
 
-# What a client has printed since it was looked at last.
-show_new() { # NAME
-    await "client $1 to print event $events" has_printed "$1" "$events"
-    grep -a '^event ' "${logs[$1]}" | tail -n "+$((${shown[$1]:-0} + 1))" | sed "s/^/$(printf '    %-7s' "$1") /"
-    shown[$1]=$events
-}
-
-# One file operation on the service's host, and what the clients that are there print.
-perform_on_host() { # description client... -- command...
-    local description=$1 name
-    local -a present=()
-    shift
-    while [[ $1 != -- ]]; do
-        present+=("$1")
-        shift
-    done
-    shift
-    events=$((events + 1))
-    printf '\nnorth$ %s\n' "$description"
-    (cd "$stage/watched" && "$@")
-    for name in "${present[@]}"; do
-        show_new "$name"
-    done
-}
-
 # Nobody is there to print it yet.
 perform_unseen() { # description command...
-    perform_on_host "$1" -- "${@:2}"
+    local -a clients=()
+    perform "$@"
 }
 
 await_residents() {
@@ -170,42 +130,37 @@ await_settled() {
     await 'the relay of north to have all stored' status_has north '^to south: 0 waiting'
 }
 
-kill_there() { # NAME WHAT
+kill_settled() { # NAME WHAT
     await_settled
-    printf '\n$ kill -9 %s    # %s\n' "${pids[$1]}" "$2"
-    kill -9 "${pids[$1]}"
-    wait "${pids[$1]}" 2>/dev/null || true
-    unset "pids[$1]"
+    kill_one "$@"
 }
 
 perform_on_hosts() {
-    local name
-    local -a enter
-    enter_host north
-    "${enter[@]}" "$programs/service" "$stage/watched" >"$stage/service.log" 2>&1 </dev/null &
-    pids[service]=$!
-    logs[service]=$stage/service.log
+    local name place=north
+    local -a clients=("${residents[@]}")
+    launch_on north service "$programs/service" "$stage/watched"
     await 'the service to watch' has_line service '^service: watching'
     for name in "${residents[@]}"; do
         start_resident "$name"
         printf 'client %-7s subscribed at pipe:dirwatch@north as %s\n' "$name" "${addresses[$name]}"
     done
-    perform_on_host 'echo draft > report.txt' "${residents[@]}" -- write_file report.txt draft
-    kill_there engine 'the engine'
+    perform 'echo draft > report.txt' write_file report.txt draft
+    kill_settled engine 'the engine'
     perform_unseen 'echo more >> report.txt' append_file report.txt more
     start_engine
     await_residents
-    kill_there relay-south 'the relay of the clients'
+    kill_settled relay-south 'the relay of the clients'
     perform_unseen 'echo 1 > one' write_file one 1
     start_relay south
     await_residents
-    kill_there relay-north 'the relay of the service'
+    kill_settled relay-north 'the relay of the service'
     perform_unseen 'echo 2 > two' write_file two 2
     start_relay north
     await_residents
-    kill_there alice 'client alice'
-    perform_on_host 'rm one' bob -- rm one
-    perform_on_host 'rm two' bob -- rm two
+    kill_settled alice 'client alice'
+    clients=(bob)
+    perform 'rm one' rm one
+    perform 'rm two' rm two
     start_resident alice
     await_residents
 }
