@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sends 1,000 events without a pause over each transport: first by remoteNotify() to a
 // VornLibraryCallbackSink, then by a VornDispatcher to VornSteadySinks, of which one stops for a while and
-// one is killed in the middle. Every client is a process of its own, and says at the end what has arrived.
+// one is killed in the middle. Every client is a process of its own, and records what has arrived.
 
 #include "PipeDirectory.h"
 #include "TimeLimit.h"
@@ -18,17 +18,19 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <numeric>
 #include <string>
 #include <vector>
 
-#include <sys/socket.h>
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,16 +44,19 @@ constexpr long cHandle = 0;
 constexpr std::chrono::seconds cPatience(5);
 constexpr int cMark = 0; // sent at the end, to see that nothing more is on its way
 
+/** What a client has received, in memory that it shares with this process. */
+struct Record {
+    std::array<int, std::size_t{2} * cEvents> events;
+    std::atomic<std::size_t> nCount;
+    std::atomic<bool> bMarked;
+};
+
 /** Keeps the events' numbers. */
 class Recorder : public VornNotificationCallback {
 public:
     /** @param nSignal what the process sends to itself in the middle, unless 0 */
-    explicit Recorder(int nSignal) : VornNotificationCallback(cHandle), m_nSignal(nSignal) {}
-
-    std::vector<int> events() const {
-        const std::lock_guard lock(m_lock);
-        return m_events;
-    }
+    Recorder(Record& record, int nSignal)
+        : VornNotificationCallback(cHandle), m_record(record), m_nSignal(nSignal) {}
 
 protected:
     void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
@@ -62,56 +67,45 @@ protected:
         }
         if (nEvent == cMiddle && m_nSignal != 0)
             std::raise(m_nSignal);
-        const std::lock_guard lock(m_lock);
-        m_events.push_back(nEvent);
+        if (nEvent == cMark) {
+            m_record.bMarked = true;
+        } else if (m_record.nCount < m_record.events.size()) {
+            m_record.events[m_record.nCount] = nEvent;
+            ++m_record.nCount;
+        }
     }
 
 private:
+    Record& m_record;
     const int m_nSignal;
-    mutable std::mutex m_lock;
-    std::vector<int> m_events;
 };
-
-/** The client's life: tells its address, and whenever it is asked what has arrived. */
-template <typename Sink>
-[[noreturn]] void live(int link, int nSignal) {
-    Sink sink("client");
-    const VornSmartPointer<Recorder> spRecorder = new Recorder(nSignal);
-    sink.getCallbackContainer().add(&*spRecorder);
-    const VornString sAddress = sink.getCallbackAddress();
-    write(link, sAddress.c_str(), sAddress.size() + 1);
-    for (char question = 0; read(link, &question, 1) == 1;) {
-        const std::vector<int> events = spRecorder->events();
-        const std::size_t nCount = events.size();
-        write(link, &nCount, sizeof nCount);
-        write(link, events.data(), nCount * sizeof(int));
-    }
-    _exit(0);
-}
 
 /** A client in a process of its own. */
 class Client {
 public:
     template <typename Sink>
     static std::unique_ptr<Client> start(int nSignal) {
+        auto* pRecord = static_cast<Record*>(
+            mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         std::array<int, 2> link{};
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, link.data());
+        if (pipe2(link.data(), O_CLOEXEC) != 0 || pRecord == MAP_FAILED)
+            throw VornException("a client could not start", errno);
         const pid_t process = fork(); // there are no threads now
-        if (process == 0) {
-            close(link[0]);
-            live<Sink>(link[1], nSignal);
-        }
+        if (process == 0)
+            live<Sink>(*pRecord, link[1], nSignal);
         close(link[1]);
         std::array<char, 256> address{};
-        if (read(link[0], address.data(), address.size() - 1) <= 0)
+        const ssize_t size = read(link[0], address.data(), address.size() - 1);
+        close(link[0]);
+        if (size <= 0)
             throw VornException("a client could not start", 0);
-        return std::unique_ptr<Client>(new Client(process, link[0], address.data()));
+        return std::unique_ptr<Client>(new Client(process, *pRecord, address.data()));
     }
 
     ~Client() {
         kill(m_process, SIGKILL);
         waitpid(m_process, nullptr, 0);
-        close(m_link);
+        munmap(&m_record, sizeof m_record);
         const VornString sPipe = "pipe:";
         if (m_sAddress.compare(0, sPipe.size(), sPipe) == 0) // a killed process leaves it behind
             unlink(VornPipeServer::getFullPipeName(m_sAddress.substr(sPipe.size())).c_str());
@@ -129,29 +123,38 @@ public:
         kill(m_process, SIGCONT);
     }
 
-    /** @return what has arrived so far, but the mark */
-    std::vector<int> events() const {
-        std::size_t nCount = 0;
-        if (write(m_link, "?", 1) != 1 || recv(m_link, &nCount, sizeof nCount, MSG_WAITALL) <= 0)
-            return {};
-        std::vector<int> events(nCount);
-        recv(m_link, events.data(), nCount * sizeof(int), MSG_WAITALL);
-        m_bMarked = std::count(events.begin(), events.end(), cMark) > 0;
-        std::erase(events, cMark);
-        return events;
+    /** @return how many have arrived so far, but the mark */
+    std::size_t received() const { return m_record.nCount; }
+
+    bool isMarked() const { return m_record.bMarked; }
+
+    /** @return whether all arrive, each once, in order; datagrams may still be on their way */
+    bool isWhole() const {
+        for (int nTry = 0; nTry < 500 && received() < cEvents; ++nTry)
+            usleep(10'000);
+        std::vector<int> all(cEvents);
+        std::iota(all.begin(), all.end(), 1);
+        return received() == cEvents && std::equal(all.begin(), all.end(), m_record.events.begin());
     }
 
-    /** @return whether the mark has arrived when events() was called last */
-    bool isMarked() const { return m_bMarked; }
-
 private:
-    Client(pid_t process, int link, const char* sAddress)
-        : m_process(process), m_link(link), m_sAddress(sAddress) {}
+    Client(pid_t process, Record& record, const char* sAddress)
+        : m_process(process), m_record(record), m_sAddress(sAddress) {}
+
+    /** The client's life: tells its address, and records until it is killed. */
+    template <typename Sink>
+    [[noreturn]] static void live(Record& record, int link, int nSignal) {
+        Sink sink("client");
+        sink.getCallbackContainer().add(new Recorder(record, nSignal));
+        const VornString sAddress = sink.getCallbackAddress();
+        write(link, sAddress.c_str(), sAddress.size() + 1);
+        for (;;)
+            pause();
+    }
 
     const pid_t m_process;
-    const int m_link;
+    Record& m_record;
     const VornString m_sAddress;
-    mutable bool m_bMarked = false;
 };
 
 bool notify(VornProxyDependent& proxy, int nEvent) {
@@ -176,25 +179,17 @@ void sendByProxy(const char* sTransport) {
         for (int nEvent = 1; nEvent <= cEvents && std::chrono::steady_clock::now() < end; ++nEvent)
             ++(notify(proxy, nEvent) ? nSent : nRefused);
     }
-    std::vector<int> events = spClient->events();
     for (int nTry = 0; nTry < 50 && !spClient->isMarked();
          ++nTry) { // not for long: a TCP sink may have moved
         notify(proxy, cMark);
         usleep(10'000);
-        events = spClient->events();
     }
+    const std::size_t nArrived = spClient->received();
     std::printf(
         "%-6s  remoteNotify() and library sink: %4zu of %d arrived; %d were refused, %d lost silently, "
         "%d not sent within 5 s\n",
-        sTransport, events.size(), cEvents, nRefused, nSent - static_cast<int>(events.size()),
+        sTransport, nArrived, cEvents, nRefused, nSent - static_cast<int>(nArrived),
         cEvents - nSent - nRefused);
-}
-
-/** @return whether all have arrived, each once, in order */
-bool isWhole(const Client& client) {
-    std::vector<int> all(cEvents);
-    std::iota(all.begin(), all.end(), 1);
-    return client.events() == all;
 }
 
 bool sendByDispatcher(const char* sTransport) {
@@ -223,11 +218,11 @@ bool sendByDispatcher(const char* sTransport) {
     }
     bool bPassed = true;
     for (const Client* pClient : {spSteady.get(), spStopped.get()}) {
-        const bool bWhole = isWhole(*pClient);
+        const bool bWhole = pClient->isWhole();
         bPassed = bPassed && bWhole;
         std::printf("%-6s  dispatcher and steady sink%s: %4zu of %d arrived, %s\n", sTransport,
-                    pClient == spStopped.get() ? ", stopped for a while" : "", pClient->events().size(),
-                    cEvents, bWhole ? "each once, in order" : "NOT each once and in order");
+                    pClient == spStopped.get() ? ", stopped for a while" : "", pClient->received(), cEvents,
+                    bWhole ? "each once, in order" : "NOT each once and in order");
     }
     std::printf(
         "%-6s  dispatcher and a steady sink that is killed at event %d: %d %s, the rest was reported\n",
