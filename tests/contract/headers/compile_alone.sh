@@ -4,8 +4,9 @@
 #
 # compile_alone.sh DIRECTORY COMPILER STANDARD SOURCE_DIRECTORY HEADER...
 #
-# Compiles each header by itself, twice over, and without a warning. Works in DIRECTORY; $LAUNCHER, when set,
-# is what the compiler is started through (ccache).
+# Compiles each header by itself, twice over, and without a warning. Then puts these objects and one with all headers
+# together, where what a header defines twice in one program shows. Works in DIRECTORY; $LAUNCHER, when set, is what the
+# compiler is started through (ccache).
 set -eu
 directory=$1
 compiler=$2
@@ -20,10 +21,12 @@ command -v "$compiler" >/dev/null || { echo "$compiler is missing: see script/se
 mkdir -p "$directory"
 cd "$directory"
 failed=0
-for header in "$@"; do
-    printf '#include <%s>\n#include <%s>\n' "$header" "$header" >"$header.cpp"
+rm -f -- *.o
+printf '#include <%s>\n' "$@" >all
+for header in "$@" all; do
+    printf '#include "%s"\n#include "%s"\n' "$header" "$header" >"$header.cpp"
     ${LAUNCHER:-} "$compiler" "-std=c++$standard" -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror \
         "-I$source/include" "-I$source/notify" "-I$source/support" -c -o "$header.o" "$header.cpp" ||
         { echo "$header does not compile alone"; failed=1; }
 done
-exit "$failed"
+[ "$failed" = 0 ] && ld -r -o together *.o
