@@ -120,39 +120,29 @@ class Package:
         }
 
 
-def foreign_package(name, spdx_id, debian_name, licence, homepage=None):
-    version = installed_version(debian_name)
-    description = {
+def package_not_analyzed(spdx_id, name, supplier, licence):
+    return {
         "SPDXID": spdx_id,
         "name": name,
-        "supplier": "Organization: Debian",
+        "supplier": supplier,
         "downloadLocation": "NOASSERTION",
         "filesAnalyzed": False,
         "licenseConcluded": "NOASSERTION",
         "licenseDeclared": licence,
         "copyrightText": "NOASSERTION",
     }
+
+
+def foreign_package(debian_name, name, licence="NOASSERTION", **further):
+    version = installed_version(debian_name)
     if version:
-        description["versionInfo"] = version
-        description["externalRefs"] = reference(f"debian/{debian_name}@{version}")
-    if homepage:
-        description["homepage"] = homepage
-    return description
+        further |= {"versionInfo": version, "externalRefs": reference(f"debian/{debian_name}@{version}")}
+    return package_not_analyzed(identifier("Package", debian_name), name, "Organization: Debian", licence) | further
 
 
 def source_package(version):
-    return {
-        "SPDXID": "SPDXRef-Source",
-        "name": "vornnet",
-        "versionInfo": version,
-        "supplier": SUPPLIER,
-        "downloadLocation": "NOASSERTION",
-        "homepage": HOMEPAGE,
-        "filesAnalyzed": False,
-        "licenseConcluded": LICENCE,
-        "licenseDeclared": LICENCE,
-        "copyrightText": COPYRIGHT,
-    }
+    return package_not_analyzed("SPDXRef-Source", "vornnet", SUPPLIER, LICENCE) | {
+        "versionInfo": version, "homepage": HOMEPAGE, "licenseConcluded": LICENCE, "copyrightText": COPYRIGHT}
 
 
 def relation(first, kind, second):
@@ -169,12 +159,11 @@ def document(packages, epoch):
         relations += [relation(package.id, "CONTAINS", file["SPDXID"]) for file in package.files]
         for name in package.dependencies():
             if name not in own_names:
-                foreign.setdefault(name, foreign_package(name, identifier("Package", name), name, "NOASSERTION"))
+                foreign.setdefault(name, foreign_package(name, name))
             relations.append(relation(package.id, "DEPENDS_ON", identifier("Package", name)))
     for program in sorted(own_names.keys() & set(PROGRAMS)):
         for debian_name, (name, licence, homepage) in COMPILED_IN.items():
-            foreign[debian_name] = foreign_package(name, identifier("Package", debian_name), debian_name, licence,
-                                                   homepage)
+            foreign[debian_name] = foreign_package(debian_name, name, licence, homepage=homepage)
             relations.append(relation(own_names[program].id, "STATIC_LINK", identifier("Package", debian_name)))
     result = {
         "spdxVersion": "SPDX-2.3",
