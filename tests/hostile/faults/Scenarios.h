@@ -116,9 +116,6 @@ std::vector<Scenario> closingScenarios();
 /** All of them. */
 std::vector<Scenario> allScenarios();
 
-/** The error numbers that the manual pages list: of the function, and of its protocol in section 7. */
-const std::vector<int>& errorsOf(const std::string& function);
-
 } // namespace VornTest
 
 #endif

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-// Every system call of every scenario fails once, and from then on always, with each error number that its
-// manual page lists. What comes of it is compared with what is promised, descriptors and heap with what they
-// were before.
+// Every system call of every scenario fails once, and from then on always, with each error number that the
+// libraries tell apart and some that they do not. What comes of it is compared with what is promised,
+// descriptors and heap with what they were before.
 
 #include "AllocationFaults.h"
 #include "Await.h"
@@ -24,12 +24,26 @@
 #include <set>
 #include <utility>
 
+#include <netdb.h>
+
 using namespace VornTest;
 
 namespace {
 
 bool isLookUp(const std::string& function) {
     return function.ends_with("_r");
+}
+
+/**
+ * The error numbers with which a function fails. EMSGSIZE is left out: with it recv() by contract reads one
+ * byte before the buffer, which has a test of its own.
+ */
+const std::vector<int>& errorsOf(const std::string& function) {
+    static const std::vector<int> ofLookUps = {HOST_NOT_FOUND, NO_DATA, NO_RECOVERY, TRY_AGAIN, ERANGE};
+    static const std::vector<int> ofOthers = {
+        EACCES, EADDRINUSE, EADDRNOTAVAIL, EAGAIN, EBADF,    ECONNRESET, EHOSTDOWN, EINTR,
+        EINVAL, EMFILE,     ENOMEM,        ENONET, ENOTCONN, ENOTSOCK,   EPIPE,     ETIMEDOUT};
+    return isLookUp(function) ? ofLookUps : ofOthers;
 }
 
 /** A stage on which a system call fails. */
