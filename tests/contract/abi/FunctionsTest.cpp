@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AbiTable.h"
 
-#include <cstring>
 #include <functional>
 #include <set>
 #include <string>
@@ -22,42 +21,6 @@ namespace VornAbi {
 #include "Functions.inc"
 
 namespace {
-
-struct Function {
-    std::string name;     // with its arguments, as in the table
-    std::string exported; // what the library exports at the address that programs call
-};
-
-/** The exported name of what a pointer, also one to an operation of a class, points to. */
-template <typename Pointer>
-std::string exportedNameOf(Pointer pointer, const std::string& expected) {
-    const void* address = nullptr;
-    static_assert(sizeof(address) <= sizeof(pointer));
-    std::memcpy(&address, &pointer, sizeof(address));
-    std::string found = "(nothing)";
-    for (const std::string& name : exportedNames(address)) {
-        found = readable(name.c_str());
-        if (found == expected)
-            break;
-    }
-    return found;
-}
-
-TEST(Functions, TheLibraryExportsEveryFunctionOfTheTable) {
-    const Function functions[] = {
-#define ROW(name_) {name_, exportedNameOf(revealed(ABI_ROW(FunctionRow)()), name_)},
-#define CONSTRUCTOR(class_, arguments_)
-#define DESTRUCTOR(class_)
-#define METHOD(class_, returns_, operation_, arguments_) ROW(#class_ "::" #operation_ #arguments_)
-#define STATIC METHOD
-#define FREE(returns_, function_, arguments_) ROW(#function_ #arguments_)
-#define VARIABLE(class_, type_, variable_) ROW(#class_ "::" #variable_)
-#include "Functions.inc"
-#undef ROW
-    };
-    for (const Function& function : functions)
-        EXPECT_EQ(function.exported, function.name);
-}
 
 #ifdef VORNTEST_EXACT_EXPORTS
 

@@ -53,7 +53,8 @@ std::size_t slotOf(Operation operation) {
 std::vector<Slot> slotsOf(const std::string& className) {
     static const std::vector<Slot> slots = {
 #define ROW(class_, slot_, operation_, arguments_, implementation_)                                          \
-    {#class_, slot_, slotOf(revealed(ABI_ROW(SlotRow)())), #operation_ #arguments_, implementation_},
+    {classRow(#class_).name, slot_, slotOf(revealed(ABI_ROW(SlotRow)())), #operation_ #arguments_,           \
+     implementation_},
 #define SLOT(class_, slot_, returns_, operation_, arguments_)                                                \
     ROW(class_, slot_, operation_, arguments_, #class_ "::" #operation_ #arguments_)
 #define PURE(class_, slot_, returns_, operation_, arguments_)                                                \
@@ -186,18 +187,6 @@ TEST_P(VirtualSlots, TheLibraryHasTheOperationsOfTheTableAndNoMore) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Abi, VirtualSlots, testing::ValuesIn(classesWithVirtualOperations()), nameOf);
-
-TEST(VirtualSlotsTable, EveryRowBelongsToAClassOfTheTable) {
-    std::size_t rows = 0;
-    for (const ClassRow& row : classesWithVirtualOperations())
-        rows += slotsOf(row.name).size();
-    std::size_t written = 0;
-#define SLOT(class_, slot_, returns_, operation_, arguments_) ++written;
-#define PURE SLOT
-#define INLINE SLOT
-#include "VirtualSlots.inc"
-    EXPECT_EQ(rows, written);
-}
 
 } // namespace
 } // namespace VornAbi
