@@ -6,12 +6,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <typeinfo>
 #include <utility>
 
 #include <cxxabi.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -96,14 +96,8 @@ pid_t currentTid() {
 
 std::vector<pid_t> threadIds() {
     std::vector<pid_t> result;
-    DIR* directory = ::opendir("/proc/self/task");
-    if (directory == nullptr)
-        throw std::system_error(errno, std::generic_category(), "opendir(/proc/self/task)");
-    while (const dirent* entry = ::readdir(directory)) {
-        if (entry->d_name[0] != '.')
-            result.push_back(static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10)));
-    }
-    ::closedir(directory);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        result.push_back(std::stoi(entry.path().filename()));
     return result;
 }
 

@@ -5,7 +5,6 @@
 #include <atomic>
 
 #include <dlfcn.h>
-#include <pthread.h>
 
 namespace {
 

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -324,17 +323,13 @@ long apply(const Injection& injection) {
     return injection.result;
 }
 
-template <typename Result, typename Real>
-Result watched(CallRecord call, const Real& real) {
+/** Makes the call, or what @p inject makes of an injection. */
+template <typename Result, typename Real, typename Inject>
+Result watched(CallRecord call, const Real& real, const Inject& inject) {
     const std::optional<Injection> injection = before(call);
-    if (!injection) {
-        const Result result = real();
-        after(call, static_cast<long>(result));
-        return result;
-    }
-    const long result = apply(*injection);
-    after(call, result);
-    return static_cast<Result>(result);
+    const Result result = injection ? static_cast<Result>(inject(*injection)) : real();
+    after(call, static_cast<long>(result));
+    return result;
 }
 
 std::optional<Injection> scriptedReceive(const RecvRequest& request, void* buffer) {
@@ -353,30 +348,13 @@ auto locked(const Function& function) {
     return function();
 }
 
-/**
- * Hands the error number of an injected failure to the caller of a resolver function, which reads no errno.
- */
-class ResolverError {
-public:
-    explicit ResolverError(int* error) : m_error(error) {}
-
-    ~ResolverError() {
-        if (!m_real)
-            *m_error = errno;
-    }
-
-    ResolverError(const ResolverError&) = delete;
-    ResolverError& operator=(const ResolverError&) = delete;
-
-    int keep(int result) {
-        m_real = true;
-        return result;
-    }
-
-private:
-    int* m_error;
-    bool m_real = false;
-};
+/** Hands the error number to the caller of a resolver function, who does not read errno. */
+auto resolverError(int* error) {
+    return [error](const Injection& injection) {
+        *error = injection.error;
+        return apply(injection);
+    };
+}
 
 bool returnsItsErrorNumber(const std::string& function) {
     return function == "posix_fallocate" || function == "pthread_create";
@@ -508,14 +486,19 @@ CallHook::CallHook(const std::string& function, std::function<void()> action, in
 
 /*
  * The functions which pre-empt the C library's. VORNTEST_REAL finds the real one once for each function;
- * VORNTEST_WATCH forwards to it under the rules of the file, given a description of the call.
+ * VORNTEST_WATCH forwards to it under the rules of the file, given a description of the call, and
+ * VORNTEST_WATCH_INJECTING where an injection has to do more than to return.
  * VORNTEST_WATCHED is such a function: its parameters, the arguments for the real one, and what describes the
  * call. VORNTEST_CHECKED is what _FORTIFY_SOURCE calls in the place of one.
  */
 #define VORNTEST_EXPORT __attribute__((visibility("default")))
 #define VORNTEST_REAL(name) static const auto real = VornTest::realFunction<decltype(&::name)>(#name)
 #define VORNTEST_WATCH(Result, description, realCall)                                                        \
-    return VornTest::isWatched() ? VornTest::watched<Result>(description, [&] { return realCall; }) : realCall
+    VORNTEST_WATCH_INJECTING(Result, description, realCall, VornTest::apply)
+#define VORNTEST_WATCH_INJECTING(Result, description, realCall, inject)                                      \
+    return VornTest::isWatched() ? VornTest::watched<Result>(                                                \
+                                       description, [&] { return realCall; }, inject)                        \
+                                 : realCall
 #define VORNTEST_FUNCTION(Result, name, exceptions, parameters, arguments, description)                      \
     VORNTEST_EXPORT Result name parameters exceptions {                                                      \
         VORNTEST_REAL(name);                                                                                 \
@@ -588,15 +571,11 @@ VORNTEST_WATCHED(int, shutdown, noexcept, (int fd, int how), (fd, how), fd, how)
 
 VORNTEST_EXPORT int close(int fd) {
     VORNTEST_REAL(close);
-    if (!VornTest::isWatched())
-        return real(fd);
-    VornTest::CallRecord call = VornTest::describe("close", fd);
-    const auto injection = VornTest::before(call);
-    int result = real(fd);
-    if (injection)
-        result = static_cast<int>(VornTest::apply(*injection));
-    VornTest::after(call, result);
-    return result;
+    const auto closeAndFail = [fd](const VornTest::Injection& injection) {
+        real(fd);
+        return VornTest::apply(injection);
+    };
+    VORNTEST_WATCH_INJECTING(int, VornTest::describe("close", fd), real(fd), closeAndFail);
 }
 
 VORNTEST_EXPORT int pipe(int ends[2]) noexcept {
@@ -606,7 +585,6 @@ VORNTEST_EXPORT int pipe(int ends[2]) noexcept {
     VORNTEST_WATCH(int, VornTest::describe("pipe", -1), real(ends));
 }
 
-VORNTEST_WATCHED(int, pipe2, noexcept, (int ends[2], int flags), (ends, flags), -1, flags)
 VORNTEST_WATCHED(int, eventfd, noexcept, (unsigned count, int flags), (count, flags), -1, count, flags)
 VORNTEST_WATCHED(uid_t, getuid, noexcept, (), (), -1)
 VORNTEST_WATCHED(int, epoll_create1, noexcept, (int flags), (flags), -1, flags)
@@ -621,19 +599,14 @@ VORNTEST_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept {
     va_start(arguments, request);
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
-    if (!VornTest::isWatched())
-        return real(fd, request, argument);
-    VornTest::CallRecord call = VornTest::describe("ioctl", fd, static_cast<long>(request));
-    const std::optional<VornTest::Injection> injection = VornTest::before(call);
-    int result = 0;
-    if (!injection)
-        result = real(fd, request, argument);
-    else if (injection->result >= 0)
-        *static_cast<int*>(argument) = static_cast<int>(injection->result);
-    else
-        result = static_cast<int>(VornTest::apply(*injection));
-    VornTest::after(call, result);
-    return result;
+    const auto answer = [argument](const VornTest::Injection& injection) {
+        if (injection.result < 0)
+            return VornTest::apply(injection);
+        *static_cast<int*>(argument) = static_cast<int>(injection.result);
+        return 0L;
+    };
+    VORNTEST_WATCH_INJECTING(int, VornTest::describe("ioctl", fd, static_cast<long>(request)),
+                             real(fd, request, argument), answer);
 }
 
 VORNTEST_WATCHED(int, usleep, , (useconds_t microseconds), (microseconds), -1, microseconds)
@@ -652,24 +625,17 @@ VORNTEST_EXPORT int gethostbyname_r(const char* name, hostent* entry, char* buff
                                     hostent** result, int* error) {
     VORNTEST_REAL(gethostbyname_r);
     *result = nullptr;
-    if (!VornTest::isWatched())
-        return real(name, entry, buffer, size, result, error);
-    VornTest::ResolverError resolverError(error);
-    return VornTest::watched<int>(VornTest::describePath("gethostbyname_r", name), [&] {
-        return resolverError.keep(real(name, entry, buffer, size, result, error));
-    });
+    VORNTEST_WATCH_INJECTING(int, VornTest::describePath("gethostbyname_r", name),
+                             real(name, entry, buffer, size, result, error), VornTest::resolverError(error));
 }
 
 VORNTEST_EXPORT int gethostbyaddr_r(const void* address, socklen_t length, int family, hostent* entry,
                                     char* buffer, size_t size, hostent** result, int* error) {
     VORNTEST_REAL(gethostbyaddr_r);
     *result = nullptr;
-    if (!VornTest::isWatched())
-        return real(address, length, family, entry, buffer, size, result, error);
-    VornTest::ResolverError resolverError(error);
-    return VornTest::watched<int>(VornTest::describe("gethostbyaddr_r", -1, family, length), [&] {
-        return resolverError.keep(real(address, length, family, entry, buffer, size, result, error));
-    });
+    VORNTEST_WATCH_INJECTING(int, VornTest::describe("gethostbyaddr_r", -1, family, length),
+                             real(address, length, family, entry, buffer, size, result, error),
+                             VornTest::resolverError(error));
 }
 
 VORNTEST_WATCHED(ssize_t, read, , (int fd, void* buffer, size_t length), (fd, buffer, length), fd,

@@ -19,7 +19,7 @@
  *
  * A program linked with the library of this file defines the functions socket, bind, listen, accept,
  * accept4, connect, send, recv, sendto, recvfrom, recvmsg, setsockopt, getsockname, getpeername, getsockopt,
- * shutdown, close, pipe, pipe2, eventfd, epoll_create1, epoll_ctl, epoll_wait, ioctl,
+ * shutdown, close, pipe, eventfd, epoll_create1, epoll_ctl, epoll_wait, ioctl,
  * getrandom, read, write, pread, pwrite, flock, ftruncate, posix_fallocate, pthread_create, msync,
  * timerfd_create, timerfd_settime, lstat, unlink, renameat2, chmod, chown, fchmod, fstat, select, poll,
  * ppoll, fcntl, usleep, clock_nanosleep, getuid, getgrnam_r, gethostbyname_r and gethostbyaddr_r itself,
@@ -106,7 +106,7 @@ struct CallRecord {
      * Further integer arguments, 0 if there are none: socket (type, protocol), listen (backlog), send, recv,
      * sendto, recvfrom, read and write (length, flags), setsockopt and getsockopt (level, name), shutdown
      * (how), chmod and fchmod (mode), chown (user, group), fcntl (command, argument), poll (entries,
-     * time-out), pipe2 and accept4 (flags), eventfd (count, flags), usleep (microseconds), clock_nanosleep
+     * time-out), accept4 (flags), eventfd (count, flags), usleep (microseconds), clock_nanosleep
      * (flags, nanoseconds), gethostbyaddr_r (family, length).
      */
     long second = 0;

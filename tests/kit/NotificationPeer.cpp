@@ -5,23 +5,16 @@
 #include "Interpose.h"
 #include "Sandbox.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <sstream>
 #include <system_error>
 #include <utility>
 #include <vector>
 
-#include <VornException.h>
-#include <VornNotification.h>
-#include <VornProxyDependent.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -36,20 +29,6 @@ constexpr const char* typeVariable = "QUORAX_CALLB_CONN_TYPE";
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-void bringLoopbackUp() {
-    const UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ifreq request = {};
-    std::memcpy(request.ifr_name, "lo", sizeof("lo"));
-    request.ifr_flags = IFF_UP | IFF_RUNNING;
-    if (!fd || ::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0)
-        fail("ioctl(SIOCSIFFLAGS, lo up)");
-}
-
-void renameFile(const std::string& from, const std::string& to) {
-    if (std::rename(from.c_str(), to.c_str()) != 0)
-        fail("rename(" + from + ")");
-}
-
 bool awaitWaitOf(Kind kind, pid_t tid) {
     switch (kind) {
     case Kind::pipe:
@@ -57,36 +36,33 @@ bool awaitWaitOf(Kind kind, pid_t tid) {
     case Kind::socket:
         return awaitBlockedIn(tid, {SYS_accept, SYS_accept4});
     case Kind::udp:
-        return awaitBlockedIn(tid, {SYS_recvfrom});
+        break;
     }
-    return false;
+    return awaitBlockedIn(tid, {SYS_recvfrom});
+}
+
+std::vector<pid_t> tidsOfThreads(const std::string& name) {
+    std::vector<pid_t> result;
+    for (const pid_t tid : threadIds()) {
+        try {
+            if (readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm") == name + "\n")
+                result.push_back(tid);
+        } catch (const std::system_error&) {
+            continue; // it has just ended
+        }
+    }
+    return result;
 }
 
 Kind kindOf(const std::string& address) {
     const std::string kind = Target(address).kind;
-    if (kind == "udp")
-        return Kind::udp;
-    return kind == "socket" ? Kind::socket : Kind::pipe;
-}
-
-std::string printEvent(int id, VornNet::VornConnection& connection) {
-    const std::string content = readToEnd(connection);
-    std::printf("%d %s\n", id, hex(content).c_str());
-    return content;
+    return kind == "udp" ? Kind::udp : kind == "socket" ? Kind::socket : Kind::pipe;
 }
 
 } // namespace
 
 std::string nameOf(Kind kind) {
-    switch (kind) {
-    case Kind::pipe:
-        return "pipe";
-    case Kind::socket:
-        return "socket";
-    case Kind::udp:
-        return "udp";
-    }
-    return {};
+    return kind == Kind::pipe ? "pipe" : kind == Kind::socket ? "socket" : "udp";
 }
 
 void PrintTo(Kind kind, std::ostream* out) {
@@ -102,13 +78,6 @@ void useTypeText(const std::string& value) {
         fail("setenv()");
 }
 
-void enterFreshNetwork() {
-    needSandbox("a network of its own");
-    if (::unshare(CLONE_NEWNET) != 0)
-        fail("unshare(CLONE_NEWNET)");
-    bringLoopbackUp();
-}
-
 std::string onWire(long value) {
     const auto low = static_cast<unsigned long>(value);
     std::string result;
@@ -116,23 +85,6 @@ std::string onWire(long value) {
         result += static_cast<char>(static_cast<unsigned char>(low >> shift));
     return result + std::string(4, '\0');
 }
-
-namespace {
-
-std::vector<pid_t> tidsOfThreads(const std::string& name) {
-    std::vector<pid_t> result;
-    for (const pid_t tid : threadIds()) {
-        try {
-            if (readTextFile("/proc/self/task/" + std::to_string(tid) + "/comm") == name + "\n")
-                result.push_back(tid);
-        } catch (const std::system_error&) {
-            continue; // it has just ended
-        }
-    }
-    return result;
-}
-
-} // namespace
 
 pid_t tidOfThread(const std::string& name) {
     std::vector<pid_t> tids;
@@ -212,37 +164,16 @@ CallbackPointer addCallbackAs(int id, VornNet::VornLibraryCallbackSink& sink,
 
 MissingPipeDirectory::MissingPipeDirectory() : m_name(pipeDirectory()) {
     m_name.pop_back(); // the slash
-    renameFile(m_name, m_name + "-gone");
+    std::filesystem::rename(m_name, m_name + "-gone");
 }
 
 MissingPipeDirectory::~MissingPipeDirectory() {
-    if (!m_isBack)
-        std::rename((m_name + "-gone").c_str(), m_name.c_str());
+    std::error_code ignored;
+    std::filesystem::rename(m_name + "-gone", m_name, ignored);
 }
 
 std::string MissingPipeDirectory::pathNow(const std::string& name) const {
     return m_name + "-gone/" + name;
-}
-
-void MissingPipeDirectory::putBack() {
-    renameFile(m_name + "-gone", m_name);
-    m_isBack = true;
-}
-
-void Gate::open() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_isOpen = true;
-    m_changed.notify_all();
-}
-
-bool Gate::await() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, defaultLimit, [this] { return m_isOpen; });
-}
-
-bool Gate::isOpen() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_isOpen;
 }
 
 RecordingCallback::Action HeldCallback::action() {
@@ -363,12 +294,13 @@ std::string Traffic::target() {
 void Traffic::send() {
     const std::string data = onWire(0) + onWire(1);
     while (!m_ends) {
+        std::this_thread::yield();
         const std::string address = target();
         try {
-            if (address.empty() || kindOf(address) == Kind::udp) {
-                if (!address.empty())
-                    sendByHand(address, data);
-                std::this_thread::yield();
+            if (address.empty())
+                continue;
+            if (kindOf(address) == Kind::udp) {
+                sendByHand(address, data);
                 continue;
             }
             // It waits for the end, as a queue that runs full stalls TCP's senders for a second.
@@ -377,8 +309,7 @@ void Traffic::send() {
             ::shutdown(fd.get(), SHUT_WR);
             receiveToEnd(fd.get());
         } catch (const std::system_error&) {
-            // The sink is just closed; that is what the traffic is for.
-            std::this_thread::yield();
+            continue; // the sink is just closed; that is what the traffic is for
         }
     }
 }
@@ -396,34 +327,18 @@ void NotificationTest::TearDown() {
     LeakCheckedTest::TearDown();
 }
 
-int liveAsClient(int callbacks) {
+int liveAsClient() {
     SinkProbe sink("client");
     const Kind kind = kindOf(sink.getCallbackAddress());
-    for (int i = 0; i < callbacks; ++i) {
-        const int id = sink.getCallbackContainer().getNewId();
-        addCallbackAs(id, sink, [id](auto& connection) { return printEvent(id, *connection); });
-    }
+    addCallback(sink, [](auto& connection) {
+        const std::string content = readToEnd(*connection);
+        std::printf("%s\n", hex(content).c_str());
+        return content;
+    });
     std::printf("%s\n", sink.getCallbackAddress().c_str());
     for (std::string line; std::getline(std::cin, line);) {
         const bool isReady = awaitWaitOf(kind, tidOfThread("client"));
         std::printf("%s\n", isReady ? sink.getCallbackAddress().c_str() : "stuck");
-    }
-    return 0;
-}
-
-int liveAsService(long handle) {
-    VornNet::VornSmartPointer<VornNet::VornProxyDependent> proxy;
-    for (std::string line; std::getline(std::cin, line);) {
-        const std::size_t blank = line.find(' ');
-        const std::string address = line.substr(0, blank);
-        if (proxy == nullptr || proxy->getRemoteName() != address)
-            proxy = new VornNet::VornProxyDependent(address, handle);
-        try {
-            proxy->remoteNotify(VornSupport::VornNotification(std::stoi(line.substr(blank))));
-            std::printf("sent\n");
-        } catch (const VornSupport::VornException& exception) {
-            std::printf("failed %d %s\n", exception.getCode(), exception.getText().c_str());
-        }
     }
     return 0;
 }

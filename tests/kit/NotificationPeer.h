@@ -13,7 +13,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -45,9 +44,6 @@ void useKind(Kind kind);
 
 /** Makes @p value what the environment says about the kind. */
 void useTypeText(const std::string& value);
-
-/** Gives the calling thread, and those it starts, a network of nothing but `lo`: every port is free there. */
-void enterFreshNetwork();
 
 /** A number as it travels. */
 std::string onWire(long value);
@@ -159,25 +155,24 @@ public:
     /** Where a pipe that was there before is now. */
     std::string pathNow(const std::string& name) const;
 
-    void putBack();
-
 private:
     std::string m_name;
-    bool m_isBack = false;
 };
 
 /** Something that one thread opens for others. */
 class Gate {
 public:
-    void open();
+    void open() { m_isOpen = true; }
+
+    bool isOpen() const { return m_isOpen; }
+
     /** Waits until it is open; false if that takes too long. */
-    bool await();
-    bool isOpen();
+    bool await() const {
+        return awaitCondition([this] { return isOpen(); });
+    }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_isOpen = false;
+    std::atomic<bool> m_isOpen{false};
 };
 
 /** A callback that waits in the middle until it is let go on. */
@@ -271,18 +266,11 @@ protected:
 class NotificationTestOfKind : public NotificationTest, public testing::WithParamInterface<Kind> {};
 
 /**
- * The life of a client in a process of its own: it makes a sink with @p callbacks callbacks and prints the
- * address, then a line "<id> <bytes>" for each notification. A line of input is answered, when the sink is
- * waiting, with the address that it has then: a sink that cannot bind its port again has moved to the next.
- * The end of the input ends it.
+ * The life of a client in a process of its own: it prints the address of its sink, then the bytes of each
+ * notification. A line of input is answered, when the sink is waiting, with the address that it has then: a
+ * sink that cannot bind its port again has moved to the next. The end of the input ends it.
  */
-int liveAsClient(int callbacks);
-
-/**
- * The life of a service: notifies as each line "<address> <id>" says, and prints "sent", or "failed <code>
- * <text>".
- */
-int liveAsService(long handle);
+int liveAsClient();
 
 } // namespace VornTest
 

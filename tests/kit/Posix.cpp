@@ -5,17 +5,16 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <limits>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -81,23 +80,14 @@ Address unixAddress(const std::string& path) {
     return result;
 }
 
-std::string addressText(Address& address) {
+std::string addressText(Address address) {
     std::array<char, INET6_ADDRSTRLEN> text = {};
-    const void* binary = nullptr;
-    switch (address.family()) {
-    case AF_INET:
-        binary = &address.v4().sin_addr;
-        break;
-    case AF_INET6:
-        binary = &address.v6().sin6_addr;
-        break;
-    default:
-        return {};
-    }
+    const bool isV6 = address.family() == AF_INET6;
+    const void* binary = isV6 ? static_cast<const void*>(&address.v6().sin6_addr) : &address.v4().sin_addr;
     return ::inet_ntop(address.family(), binary, text.data(), text.size());
 }
 
-int portNumber(Address& address) {
+int portNumber(Address address) {
     return ntohs(address.family() == AF_INET6 ? address.v6().sin6_port : address.v4().sin_port);
 }
 
@@ -131,8 +121,7 @@ UniqueFd newSocket(int family, int type) {
     return guarded(::socket(family, type | SOCK_CLOEXEC, 0), "socket()");
 }
 
-/** A socket with a time limit is not restarted by the kernel when the process has been stopped or signalled.
- */
+/** The kernel does not restart a socket with a time limit when the process has been stopped or signalled. */
 auto uninterrupted(auto call, auto... arguments) {
     for (;;) {
         const auto result = call(arguments...);
@@ -160,11 +149,6 @@ int unusedPort(int type) {
     const UniqueFd fd = newSocket(AF_INET, type);
     bindTo(fd.get(), inetAddress("0.0.0.0", 0), "0.0.0.0");
     return localPort(fd.get());
-}
-
-int digitValue(char digit) {
-    const char text[] = {digit, '\0'};
-    return static_cast<int>(std::strtol(text, nullptr, 16));
 }
 
 std::size_t receiveSome(int fd, char* buffer, std::size_t size) {
@@ -199,7 +183,7 @@ std::string bytes(std::string_view hexText) {
         throw std::invalid_argument("half a byte: " + std::string(hexText));
     std::string result;
     for (std::size_t i = 0; i < digits.size(); i += 2)
-        result += static_cast<char>(digitValue(digits[i]) * 16 + digitValue(digits[i + 1]));
+        result += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
     return result;
 }
 
@@ -225,18 +209,10 @@ std::string hex(std::string_view data) {
 }
 
 std::string readTextFile(const std::string& path) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"), &std::fclose);
-    if (file == nullptr)
-        fail("fopen(" + path + ")");
-    std::string result;
-    std::array<char, 4096> buffer;
-    for (std::size_t count = 1; count > 0;) {
-        count = std::fread(buffer.data(), 1, buffer.size(), file.get());
-        result.append(buffer.data(), count);
-    }
-    if (std::ferror(file.get()) != 0)
-        fail("fread(" + path + ")");
-    return result;
+    std::ifstream file(path);
+    if (!file)
+        fail(path);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 UniqueFd unixListen(const std::string& path, int backlog) {
@@ -348,18 +324,15 @@ void resetOnClose(int fd) {
 }
 
 int localPort(int fd) {
-    Address address = nameOf(fd);
-    return portNumber(address);
+    return portNumber(nameOf(fd));
 }
 
 std::string localAddress(int fd) {
-    Address address = nameOf(fd);
-    return addressText(address);
+    return addressText(nameOf(fd));
 }
 
 std::string peerAddress(int fd) {
-    Address address = peerOf(fd);
-    return addressText(address);
+    return addressText(peerOf(fd));
 }
 
 int unusedTcpPort() {
@@ -379,18 +352,13 @@ bool isCloseOnExec(int fd) {
 }
 
 std::map<int, std::string> descriptorTable() {
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir("/proc/self/fd"), &::closedir);
-    if (directory == nullptr)
-        fail("opendir(/proc/self/fd)");
     std::map<int, std::string> result;
-    while (const dirent* entry = ::readdir(directory.get())) {
-        std::array<char, 512> target = {};
-        const ssize_t length =
-            ::readlinkat(::dirfd(directory.get()), entry->d_name, target.data(), target.size());
-        const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
-        // What is no link is "." or ".."; and the directory which is being read is ours, not the test's.
-        if (length >= 0 && fd != ::dirfd(directory.get()))
-            result[fd] = std::string(target.data(), static_cast<std::size_t>(length));
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code isGone; // another thread may have closed it by now
+        const std::string target = std::filesystem::read_symlink(entry, isGone);
+        // The directory which is being read is ours, not the test's.
+        if (!isGone && target != "/proc/" + std::to_string(::getpid()) + "/fd")
+            result[std::stoi(entry.path().filename())] = target;
     }
     return result;
 }

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -52,32 +53,11 @@ Pipe makePipe() {
     return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
-class SpawnActions {
+/** What is different in the new process. */
+class SpawnChanges {
 public:
-    SpawnActions() { check(::posix_spawn_file_actions_init(&m_actions), "posix_spawn_file_actions_init()"); }
-
-    ~SpawnActions() { ::posix_spawn_file_actions_destroy(&m_actions); }
-
-    SpawnActions(const SpawnActions&) = delete;
-    SpawnActions& operator=(const SpawnActions&) = delete;
-
-    void duplicate(const UniqueFd& fd, int number) {
-        check(::posix_spawn_file_actions_adddup2(&m_actions, fd.get(), number), "posix_spawn adddup2");
-    }
-
-    void closeFrom(int number) {
-        check(::posix_spawn_file_actions_addclosefrom_np(&m_actions, number), "posix_spawn addclosefrom");
-    }
-
-    const posix_spawn_file_actions_t* get() const { return &m_actions; }
-
-private:
-    posix_spawn_file_actions_t m_actions;
-};
-
-class SpawnAttributes {
-public:
-    SpawnAttributes() {
+    SpawnChanges() {
+        check(::posix_spawn_file_actions_init(&m_actions), "posix_spawn_file_actions_init()");
         check(::posix_spawnattr_init(&m_attributes), "posix_spawnattr_init()");
         // The test program ignores SIGPIPE, which a program of somebody else does not expect.
         sigset_t signals;
@@ -87,14 +67,28 @@ public:
         check(::posix_spawnattr_setflags(&m_attributes, POSIX_SPAWN_SETSIGDEF), "posix_spawnattr_setflags()");
     }
 
-    ~SpawnAttributes() { ::posix_spawnattr_destroy(&m_attributes); }
+    ~SpawnChanges() {
+        ::posix_spawnattr_destroy(&m_attributes);
+        ::posix_spawn_file_actions_destroy(&m_actions);
+    }
 
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    SpawnChanges(const SpawnChanges&) = delete;
+    SpawnChanges& operator=(const SpawnChanges&) = delete;
 
-    const posix_spawnattr_t* get() const { return &m_attributes; }
+    void duplicate(const UniqueFd& fd, int number) {
+        check(::posix_spawn_file_actions_adddup2(&m_actions, fd.get(), number), "posix_spawn adddup2");
+    }
+
+    void closeFrom(int number) {
+        check(::posix_spawn_file_actions_addclosefrom_np(&m_actions, number), "posix_spawn addclosefrom");
+    }
+
+    const posix_spawn_file_actions_t* actions() const { return &m_actions; }
+
+    const posix_spawnattr_t* attributes() const { return &m_attributes; }
 
 private:
+    posix_spawn_file_actions_t m_actions;
     posix_spawnattr_t m_attributes;
 };
 
@@ -124,21 +118,9 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return result;
 }
 
-std::string ownPath() {
-    std::array<char, 4096> buffer = {};
-    const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
-    if (length < 0)
-        fail("readlink(/proc/self/exe)");
-    return std::string(buffer.data(), static_cast<std::size_t>(length));
-}
-
-milliseconds remaining(Clock::time_point end) {
-    return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(end - Clock::now()));
-}
-
 milliseconds remainingOrFail(Clock::time_point end, const char* what) {
-    const milliseconds result = remaining(end);
-    if (result.count() == 0)
+    const auto result = std::chrono::ceil<milliseconds>(end - Clock::now());
+    if (result.count() <= 0)
         fail(what, ETIMEDOUT);
     return result;
 }
@@ -186,7 +168,7 @@ ChildProcess ChildProcess::spawn(const std::vector<std::string>& arguments,
 
 ChildProcess ChildProcess::spawnRoleWith(const std::vector<std::string>& environment, const std::string& role,
                                          const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {ownPath(), "--kit-role", role};
+    std::vector<std::string> all = {std::filesystem::read_symlink("/proc/self/exe"), "--kit-role", role};
     all.insert(all.end(), arguments.begin(), arguments.end());
     ChildProcess child;
     // The path may be hidden by the sandbox's mounts or have been replaced since, the link is neither.
@@ -194,21 +176,18 @@ ChildProcess ChildProcess::spawnRoleWith(const std::vector<std::string>& environ
     return child;
 }
 
-ChildProcess::ChildProcess(ChildProcess&& other) noexcept
-    : m_pid(std::exchange(other.m_pid, -1)), m_reaped(std::exchange(other.m_reaped, true)),
-      m_status(other.m_status), m_input(std::move(other.m_input)), m_output(std::move(other.m_output)),
-      m_errors(std::move(other.m_errors)) {}
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept {
+    *this = std::move(other);
+}
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
-    if (this != &other) {
-        killAndReap();
-        m_pid = std::exchange(other.m_pid, -1);
-        m_reaped = std::exchange(other.m_reaped, true);
-        m_status = other.m_status;
-        m_input = std::move(other.m_input);
-        m_output = std::move(other.m_output);
-        m_errors = std::move(other.m_errors);
-    }
+    killAndReap();
+    m_pid = std::exchange(other.m_pid, -1);
+    m_reaped = std::exchange(other.m_reaped, true);
+    m_status = other.m_status;
+    m_input = std::move(other.m_input);
+    m_output = std::move(other.m_output);
+    m_errors = std::move(other.m_errors);
     return *this;
 }
 
@@ -221,15 +200,14 @@ void ChildProcess::start(const std::string& program, const std::vector<std::stri
     Pipe input = makePipe();
     Pipe output = makePipe();
     Pipe errors = makePipe();
-    SpawnActions actions;
-    actions.duplicate(input.readEnd, STDIN_FILENO);
-    actions.duplicate(output.writeEnd, STDOUT_FILENO);
-    actions.duplicate(errors.writeEnd, STDERR_FILENO);
-    actions.closeFrom(STDERR_FILENO + 1);
-    const SpawnAttributes attributes;
+    SpawnChanges changes;
+    changes.duplicate(input.readEnd, STDIN_FILENO);
+    changes.duplicate(output.writeEnd, STDOUT_FILENO);
+    changes.duplicate(errors.writeEnd, STDERR_FILENO);
+    changes.closeFrom(STDERR_FILENO + 1);
     std::vector<std::string> ownArguments = arguments;
     std::vector<std::string> ownEnvironment = changedEnvironment(environment);
-    check(::posix_spawnp(&m_pid, program.c_str(), actions.get(), attributes.get(),
+    check(::posix_spawnp(&m_pid, program.c_str(), changes.actions(), changes.attributes(),
                          pointersTo(ownArguments).data(), pointersTo(ownEnvironment).data()),
           "posix_spawnp(" + program + ")");
     m_reaped = false;

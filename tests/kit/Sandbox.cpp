@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -103,19 +103,15 @@ void mountOrGiveUp(const char* source, const char* target, const char* type, uns
 }
 
 void makeDirectory(const std::string& path, mode_t mode) {
-    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST)
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    errno = error.value();
+    if (error || ::chmod(path.c_str(), mode) != 0)
         giveUp("mkdir(" + path + ")", fileRemedy);
-    if (::chmod(path.c_str(), mode) != 0)
-        giveUp("chmod(" + path + ")", fileRemedy);
 }
 
 void makePipeDirectory() {
-    const std::string path = pipeDirectoryPath;
-    for (std::size_t slash = path.find('/', 5); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const bool last = slash + 1 == path.size();
-        makeDirectory(path.substr(0, slash), last ? 0770 : 0755);
-    }
+    makeDirectory(pipeDirectoryPath, 0770);
 }
 
 void coverFile(const char* own, const char* covered, const std::string& text) {
@@ -204,19 +200,12 @@ bool hasOneThread() {
 }
 
 std::vector<std::string> commandLine() {
-    std::FILE* file = std::fopen("/proc/self/cmdline", "re");
-    if (file == nullptr)
-        giveUp("fopen(/proc/self/cmdline)", "mount /proc");
+    std::ifstream file("/proc/self/cmdline");
+    if (!file)
+        giveUp("open(/proc/self/cmdline)", "mount /proc");
     std::vector<std::string> arguments;
-    std::string argument;
-    for (int letter = std::fgetc(file); letter != EOF; letter = std::fgetc(file)) {
-        if (letter != 0) {
-            argument += static_cast<char>(letter);
-        } else {
-            arguments.push_back(std::exchange(argument, {}));
-        }
-    }
-    std::fclose(file);
+    for (std::string argument; std::getline(file, argument, '\0');)
+        arguments.push_back(argument);
     return arguments;
 }
 
@@ -279,6 +268,13 @@ void needSandbox(const char* need) {
         std::fflush(stdout);
         ::_exit(skippedStatus);
     }
+}
+
+void enterFreshNetwork() {
+    needSandbox("a network of its own");
+    if (::unshare(CLONE_NEWNET) != 0)
+        giveUp("unshare(CLONE_NEWNET)", namespaceRemedy);
+    bringLoopbackUp();
 }
 
 const char* pipeDirectory() {

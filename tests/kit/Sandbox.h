@@ -34,6 +34,9 @@ void enterSandbox();
  */
 void needSandbox(const char* need);
 
+/** Gives the calling thread, and those it starts, a network of nothing but `lo`: every port is free there. */
+void enterFreshNetwork();
+
 /** The directory of the Unix sockets, with a slash at its end. */
 const char* pipeDirectory();
 

@@ -14,8 +14,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,8 +33,6 @@ const char* __tsan_default_options() {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 unsigned guardSeconds() {
     const char* text = std::getenv("VORNTEST_GUARD_SECONDS");
     const unsigned long seconds = text != nullptr ? std::strtoul(text, nullptr, 10) : 0;
@@ -45,46 +43,40 @@ unsigned guardSeconds() {
  * Ends the program if a test hangs. Its thread lives from before the first test until after the last one, so
  * that a test which counts threads finds the same number before and after.
  */
-class Watchdog {
+class Watchdog : public testing::EmptyTestEventListener {
 public:
-    Watchdog() : m_guardTime(guardSeconds()), m_thread([this] { watch(); }) {}
-
-    ~Watchdog() {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_ending = true;
-            m_changed.notify_all();
-        }
-        m_thread.join();
-    }
-
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
-    void arm(const std::string& name) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_name = name;
-        m_deadline = Clock::now() + m_guardTime;
-        m_changed.notify_all();
-    }
-
-    void disarm() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_deadline = Clock::time_point::max();
-        m_changed.notify_all();
-    }
+    Watchdog() : m_thread([this](const std::stop_token& ending) { watch(ending); }) {}
 
 private:
-    void watch() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        while (!m_ending) {
-            if (m_deadline == Clock::time_point::max()) {
-                // A wait until the end of time overflows in some C libraries.
-                m_changed.wait(lock);
-            } else if (m_changed.wait_until(lock, m_deadline) == std::cv_status::timeout &&
-                       Clock::now() >= m_deadline) {
+    void OnTestSuiteStart(const testing::TestSuite& suite) override {
+        begin(std::string("suite ") + suite.name());
+    }
+
+    void OnTestStart(const testing::TestInfo& test) override {
+        begin(std::string(test.test_suite_name()) + "." + test.name());
+    }
+
+    void OnTestEnd(const testing::TestInfo& test) override {
+        begin(std::string("suite ") + test.test_suite_name());
+    }
+
+    void OnTestSuiteEnd(const testing::TestSuite&) override { begin({}); }
+
+    /** @param name of what is guarded from now on; empty for nothing */
+    void begin(const std::string& name) {
+        const std::lock_guard lock(m_mutex);
+        m_name = name;
+        ++m_begun;
+        m_changed.notify_all();
+    }
+
+    void watch(const std::stop_token& ending) {
+        std::unique_lock lock(m_mutex);
+        while (!ending.stop_requested()) {
+            const auto isOver = [this, begun = m_begun] { return m_begun != begun; };
+            if (!m_changed.wait_for(lock, ending, m_guardTime, isOver) && !ending.stop_requested() &&
+                !m_name.empty())
                 bark();
-            }
         }
     }
 
@@ -96,34 +88,11 @@ private:
     }
 
     std::mutex m_mutex;
-    std::condition_variable m_changed;
-    const std::chrono::seconds m_guardTime;
-    Clock::time_point m_deadline = Clock::time_point::max();
+    std::condition_variable_any m_changed;
+    const std::chrono::seconds m_guardTime{guardSeconds()};
     std::string m_name;
-    bool m_ending = false;
-    std::thread m_thread;
-};
-
-class WatchdogListener : public testing::EmptyTestEventListener {
-public:
-    explicit WatchdogListener(Watchdog& watchdog) : m_watchdog(watchdog) {}
-
-private:
-    void OnTestSuiteStart(const testing::TestSuite& suite) override {
-        m_watchdog.arm(std::string("suite ") + suite.name());
-    }
-
-    void OnTestStart(const testing::TestInfo& test) override {
-        m_watchdog.arm(std::string(test.test_suite_name()) + "." + test.name());
-    }
-
-    void OnTestEnd(const testing::TestInfo& test) override {
-        m_watchdog.arm(std::string("suite ") + test.test_suite_name());
-    }
-
-    void OnTestSuiteEnd(const testing::TestSuite&) override { m_watchdog.disarm(); }
-
-    Watchdog& m_watchdog;
+    int m_begun = 0;
+    std::jthread m_thread;
 };
 
 bool onlyListsTests(const std::vector<std::string>& arguments) {
@@ -145,10 +114,9 @@ int runTests(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv);
     Watchdog watchdog;
     auto& listeners = testing::UnitTest::GetInstance()->listeners();
-    auto* listener = new WatchdogListener(watchdog);
-    listeners.Append(listener);
+    listeners.Append(&watchdog);
     const int result = RUN_ALL_TESTS();
-    delete listeners.Release(listener);
+    listeners.Release(&watchdog);
     return result;
 }
 

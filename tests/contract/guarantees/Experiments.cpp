@@ -4,6 +4,7 @@
 
 #include "Await.h"
 #include "Posix.h"
+#include "Sandbox.h"
 
 #include <algorithm>
 #include <set>
