@@ -7,7 +7,6 @@
 #include "Checkpoint.h"
 #include "ForkedChild.h"
 #include "LeakCheckedTest.h"
-#include "LogCapture.h"
 #include "Sanitizer.h"
 
 #include <atomic>

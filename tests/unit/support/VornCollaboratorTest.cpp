@@ -22,7 +22,6 @@ using namespace VornSupport;
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 /** Writes down what it is told, and may do something then. */
 class Listener : public VornDependent {
@@ -54,39 +53,23 @@ protected:
 
 } // namespace
 
-TEST_F(VornCollaboratorTest, WithoutDependents_NotifiesNobody) {
-    m_subject.notify(VornNotification(1));
-    EXPECT_THAT(m_journal, IsEmpty());
-}
-
-TEST_F(VornCollaboratorTest, TellsItsDependentsInTheOrderTheyWereAdded) {
+TEST_F(VornCollaboratorTest, TellsItsDependentsOnceAndInTheOrderTheyWereAdded) {
+    m_subject.notify(VornNotification(6));
     m_subject.addDependent(m_b);
     m_subject.addDependent(m_a);
     m_subject.addDependent(m_c);
+    m_subject.addDependent(m_b);
     m_subject.notify(VornNotification(7));
     EXPECT_THAT(m_journal, ElementsAre("b7", "a7", "c7"));
-}
-
-TEST_F(VornCollaboratorTest, ADependentAddedTwice_IsToldOnce) {
-    m_subject.addDependent(m_a);
-    m_subject.addDependent(m_a);
-    m_subject.notify(VornNotification(1));
-    EXPECT_THAT(m_journal, ElementsAre("a1"));
 }
 
 TEST_F(VornCollaboratorTest, ARemovedDependent_IsToldNothing) {
     m_subject.addDependent(m_a);
     m_subject.addDependent(m_b);
     m_subject.removeDependent(m_a);
+    m_subject.removeDependent(m_a);
     m_subject.notify(VornNotification(1));
     EXPECT_THAT(m_journal, ElementsAre("b1"));
-}
-
-TEST_F(VornCollaboratorTest, RemovingADependentThatIsNotThere_ChangesNothing) {
-    m_subject.addDependent(m_a);
-    m_subject.removeDependent(m_b);
-    m_subject.notify(VornNotification(1));
-    EXPECT_THAT(m_journal, ElementsAre("a1"));
 }
 
 TEST_F(VornCollaboratorTest, ADependentRemovedByAnEarlierOne_IsPassedOver) {

@@ -29,10 +29,6 @@ protected:
 
 } // namespace
 
-TEST_F(VornCriticalSectionTest, WhenConstructed_IsUnlocked) {
-    EXPECT_TRUE(startVisitor()->join());
-}
-
 TEST_F(VornCriticalSectionTest, WhileHeld_KeepsOtherThreadsOutUntilTheEndOfTheBlock) {
     std::unique_ptr<WatchedThread> visitor;
     {

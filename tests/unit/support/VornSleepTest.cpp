@@ -20,17 +20,11 @@ class VornSleepTest : public LeakCheckedTest {};
 } // namespace
 
 TEST_F(VornSleepTest, LastsAtLeastAsLongAsAsked) {
-    for (const int milliseconds : {1, 25, 100}) {
+    for (const int milliseconds : {1, 25, 100, 1001}) {
         const Clock::time_point start = Clock::now();
         VornSleep(milliseconds);
         EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(milliseconds));
     }
-}
-
-TEST_F(VornSleepTest, AcrossTheEndOfASecond_LastsAtLeastAsLongAsAsked) {
-    const Clock::time_point start = Clock::now();
-    VornSleep(1001);
-    EXPECT_GE(Clock::now() - start, 1001ms);
 }
 
 TEST_F(VornSleepTest, WithZeroOrLess_ReturnsAtOnce) {

@@ -17,10 +17,8 @@
 #include <stdexcept>
 #include <string>
 
-#include <VornDependent.h>
 #include <VornEvent.h>
 #include <VornException.h>
-#include <VornNotification.h>
 #include <VornSmartPointer.h>
 #include <VornThread.h>
 #include <VornWorkInformation.h>
@@ -173,19 +171,7 @@ TEST_F(VornThreadTest, WhenConstructed_HasNoThreadAndHasEnded) {
     EXPECT_EQ(ran, false);
 }
 
-TEST_F(VornThreadTest, Start_RunsTheOverriddenRunOnAThreadOfItsOwn) {
-    pid_t tid = 0;
-    Worker worker([&](Worker&) {
-        tid = currentTid();
-        return 0;
-    });
-    worker.start();
-    EXPECT_EQ(worker.wait(cLimit), true);
-    EXPECT_NE(tid, 0);
-    EXPECT_NE(tid, currentTid());
-}
-
-TEST_F(VornThreadTest, WhileRunning_WaitRunsOutOfTime) {
+TEST_F(VornThreadTest, WhileRunning_WaitRunsOutOfTimeOrEndsWithTheThread) {
     Checkpoint gate;
     Worker worker([&](Worker&) {
         gate.pass();
@@ -196,24 +182,13 @@ TEST_F(VornThreadTest, WhileRunning_WaitRunsOutOfTime) {
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(worker.wait(30), false);
     EXPECT_GE(Clock::now() - start, 30ms);
-    gate.open();
-    EXPECT_EQ(worker.wait(cLimit), true);
-    EXPECT_EQ(worker.wait(0), true);
-}
-
-TEST_F(VornThreadTest, WaitWithoutLimit_EndsWithTheThread) {
-    Checkpoint gate;
-    Worker worker([&](Worker&) {
-        gate.pass();
-        return 0;
-    });
-    worker.start();
-    EXPECT_TRUE(gate.awaitReached());
     bool result = false;
     WatchedThread waiter([&] { result = worker.wait(-1); });
     EXPECT_TRUE(awaitBlockedOnLock(waiter.tid()));
     EXPECT_FALSE(waiter.finished());
     gate.open();
+    EXPECT_EQ(worker.wait(cLimit), true);
+    EXPECT_EQ(worker.wait(0), true);
     EXPECT_TRUE(waiter.join());
     EXPECT_EQ(result, true);
 }
@@ -236,17 +211,7 @@ TEST_F(VornThreadTest, StartWhileRunning_DoesNothing) {
     EXPECT_EQ(runs.load(), 1);
 }
 
-TEST_F(VornThreadTest, StartAfterTheEnd_RunsAgain) {
-    int runs = 0;
-    Worker worker([&](Worker&) { return ++runs; });
-    for (int expected = 1; expected <= 3; ++expected) {
-        worker.start();
-        EXPECT_EQ(worker.wait(cLimit), true);
-        EXPECT_EQ(runs, expected);
-    }
-}
-
-TEST_F(VornThreadTest, Stop_OnlyAsks) {
+TEST_F(VornThreadTest, Stop_OnlyAsksAndStartForgetsTheRequest) {
     Checkpoint gate;
     std::atomic<bool> before{true};
     std::atomic<bool> after{false};
@@ -257,6 +222,8 @@ TEST_F(VornThreadTest, Stop_OnlyAsks) {
         return 0;
     });
     EXPECT_EQ(worker.isStopRequested(), false);
+    worker.stop();
+    EXPECT_EQ(worker.isStopRequested(), true);
     worker.start();
     EXPECT_TRUE(gate.awaitReached());
     worker.stop();
@@ -265,19 +232,6 @@ TEST_F(VornThreadTest, Stop_OnlyAsks) {
     EXPECT_EQ(worker.wait(cLimit), true);
     EXPECT_EQ(before.load(), false);
     EXPECT_EQ(after.load(), true);
-}
-
-TEST_F(VornThreadTest, StartAfterStop_ForgetsTheRequest) {
-    bool seen = true;
-    Worker worker([&](Worker& self) {
-        seen = self.isStopRequested();
-        return 0;
-    });
-    worker.stop();
-    EXPECT_EQ(worker.isStopRequested(), true);
-    worker.start();
-    EXPECT_EQ(worker.wait(cLimit), true);
-    EXPECT_EQ(seen, false);
 }
 
 TEST_F(VornThreadTest, Name_IsShownByTheSystemCutTo15Bytes) {
@@ -445,23 +399,6 @@ TEST_F(VornThread_Work, WhileItIsBeingSet_TheThreadWaitsAtItsEnd) {
     EXPECT_TRUE(setter.join());
 }
 
-TEST_F(VornThreadTest, Notify_TellsItsDependents) {
-    class Listener : public VornDependent {
-    public:
-        void handleNotification(VornCollaborator&, const VornNotification& notification) override {
-            m_id = notification.getId();
-        }
-
-        int m_id = -1;
-    };
-
-    VornThread thread("subject");
-    Listener listener;
-    thread.addDependent(listener);
-    thread.notify(VornNotification(12));
-    EXPECT_EQ(listener.m_id, 12);
-}
-
 TEST_F(VornThreadTest, Priority_IsAcceptedWithoutEffect) {
     sched_param parameters = {};
     int policy = -1;
@@ -560,10 +497,4 @@ TEST_F(VornThreadTest, WhenRunLetsGoOfTheLastReference_TheThreadEndsByItself) {
         raw->m_start.set();
     }
     EXPECT_EQ(destroyed.wait(cLimit), true);
-}
-
-TEST_F(VornThreadTest, IsACountedObjectThatKnowsItsClassName) {
-    const VornSmartPointer<VornThread> thread(new VornThread("counted"));
-    EXPECT_EQ(thread->refCount(), 1);
-    EXPECT_EQ(thread->getClassName(), "VornSupport::VornThread");
 }
