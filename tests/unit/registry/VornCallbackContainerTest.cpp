@@ -7,9 +7,6 @@
 #include <climits>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <set>
-#include <thread>
 #include <vector>
 
 #include <VornCallbackContainer.h>
@@ -57,7 +54,8 @@ protected:
 
 } // namespace
 
-TEST_F(VornCallbackContainerTest, GetNewId_GivesZeroThenOneMoreEachTime) {
+TEST_F(VornCallbackContainerTest, GetNewId_GivesZeroThenOneMoreEachTimeWithoutALookAtThoseInUse) {
+    m_container.add(make(0));
     EXPECT_EQ(m_container.getNewId(), 0);
     EXPECT_EQ(m_container.getNewId(), 1);
     EXPECT_EQ(m_container.getNewId(), 2);
@@ -70,34 +68,10 @@ TEST_F(VornCallbackContainerTest, GetNewId_DoesNotReuseTheIdOfARemovedCallback) 
     EXPECT_EQ(m_container.getNewId(), id + 1);
 }
 
-TEST_F(VornCallbackContainerTest, GetNewId_IsNotCheckedAgainstIdsInUse) {
-    m_container.add(make(0));
-    EXPECT_EQ(m_container.getNewId(), 0);
-}
-
 TEST_F(VornCallbackContainerTest, GetNewId_WrapsAroundUnchecked) {
     m_container.m_nIdCounter = INT_MAX;
     EXPECT_EQ(m_container.getNewId(), INT_MAX);
     EXPECT_EQ(m_container.getNewId(), INT_MIN);
-}
-
-TEST_F(VornCallbackContainerTest, GetNewIdOnManyThreads_GivesEachIdOnce) {
-    std::mutex mutex;
-    std::set<int> ids;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 250; ++round) {
-                const int id = m_container.getNewId();
-                const std::lock_guard<std::mutex> lock(mutex);
-                ids.insert(id);
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(ids.size(), 1000U);
-    EXPECT_EQ(*ids.rbegin(), 999);
 }
 
 TEST_F(VornCallbackContainerTest, Lookup_FindsACallbackUnderItsOwnIdAndTakesAReference) {

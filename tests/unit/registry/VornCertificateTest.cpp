@@ -3,7 +3,6 @@
 #include "LeakCheckedTest.h"
 
 #include <memory>
-#include <string>
 
 #include <VornCertificate.h>
 #include <gtest/gtest.h>

@@ -3,7 +3,6 @@
 #include "LeakCheckedTest.h"
 
 #include <climits>
-#include <string>
 #include <type_traits>
 #include <vector>
 
