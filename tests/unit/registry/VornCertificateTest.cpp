@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "LeakCheckedTest.h"
 
-#include <memory>
-
 #include <VornCertificate.h>
 #include <gtest/gtest.h>
 
@@ -77,19 +75,4 @@ TEST_F(VornCertificateTest, AssignmentToItself_ChangesNothing) {
     EXPECT_EQ(static_cast<const void*>(certificate.getFile().data()), bytes);
     EXPECT_EQ(certificate.getFile(), "a path that is too long to be kept inside the text object itself");
     EXPECT_EQ(certificate.getKeyFile(), "another path that is too long to be kept inside the text object");
-}
-
-TEST_F(VornCertificateTest, TheGetters_AreVirtual) {
-    class Renamed : public VornCertificate {
-    public:
-        Renamed() : VornCertificate("file", "", "key", "") {}
-
-        const VornString& getFile() override { return m_name; }
-
-    private:
-        VornString m_name = "renamed";
-    };
-
-    const std::unique_ptr<VornCertificate> certificate = std::make_unique<Renamed>();
-    EXPECT_EQ(certificate->getFile(), "renamed");
 }
