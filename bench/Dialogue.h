@@ -86,8 +86,6 @@ protected:
         return loadInt(bytes);
     }
 
-    int descriptor() const { return m_fd; }
-
 private:
     int m_fd;
 };

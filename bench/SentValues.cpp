@@ -10,65 +10,51 @@ namespace Bench {
 
 namespace {
 
-/** A connection from which what was written is taken before the next value. */
-class SendingEnd {
-public:
-    SendingEnd()
-        : m_ends(connectedPair(Road::pipe)), m_connection(makeConnection(Road::pipe, m_ends.client)) {}
-
-    ~SendingEnd() { ::close(m_ends.server); }
-
-    SendingEnd(const SendingEnd&) = delete;
-    SendingEnd& operator=(const SendingEnd&) = delete;
-
-    VornNet::VornConnection& connection() { return *m_connection; }
-
-    int descriptor() const { return m_ends.client; }
-
-    void takeAll() const { drain(m_ends.server); }
-
-private:
-    const Ends m_ends;
-    const std::unique_ptr<VornNet::VornConnection> m_connection;
-};
-
-/** @tparam Write a function that is given the end and writes one value */
-template <typename Write>
+/** One value written; what was written before is taken unmeasured. */
 class Sending : public Contender {
 public:
-    explicit Sending(Write write) : m_write(write) {}
+    /** Writes on a connection, or by hand on its descriptor. */
+    using Write = std::function<void(VornNet::VornConnection&, int)>;
 
-    void prepare() override { m_end.takeAll(); }
+    explicit Sending(Write write)
+        : m_write(std::move(write)), m_ends(connectedPair(Road::pipe)),
+          m_connection(makeConnection(Road::pipe, m_ends.client)) {}
+
+    ~Sending() override { ::close(m_ends.server); }
+
+    void prepare() override { drain(m_ends.server); }
 
     Clock::time_point operate() override {
-        m_write(m_end);
+        m_write(*m_connection, m_ends.client);
         return Clock::now();
     }
 
 private:
     const Write m_write;
-    SendingEnd m_end;
+    const Ends m_ends;
+    const std::unique_ptr<VornNet::VornConnection> m_connection;
 };
 
-template <typename Write>
-void add(const char* contender, Write write) {
-    addContender<Sending<Write>>("values-pipe", contender, 1, write);
+void add(const char* contender, const Sending::Write& write) {
+    addContender<Sending>("values-pipe", contender, 1, write);
 }
 
 } // namespace
 
 void addSentValues() {
-    add("limit", [](SendingEnd& end) {
+    using VornNet::VornConnection;
+    add("limit", [](VornConnection&, int fd) {
         unsigned char bytes[4];
         storeInt(bytes, 7);
-        sendAll(end.descriptor(), bytes, sizeof bytes);
+        sendAll(fd, bytes, sizeof bytes);
     });
-    add("vornnet-int", [](SendingEnd& end) { end.connection().transfer(7); });
-    add("vornnet-long", [](SendingEnd& end) { end.connection().transfer(7L); });
-    add("vornnet-string",
-        [text = VornNet::VornString(100, 'x')](SendingEnd& end) { end.connection().transfer(text); });
-    add("vornnet-acknowledgement", [](SendingEnd& end) { end.connection().transferACK(); });
-    add("vornnet-error", [](SendingEnd& end) { end.connection().transferError(); });
+    add("vornnet-int", [](VornConnection& connection, int) { connection.transfer(7); });
+    add("vornnet-long", [](VornConnection& connection, int) { connection.transfer(7L); });
+    add("vornnet-string", [text = VornNet::VornString(100, 'x')](VornConnection& connection, int) {
+        connection.transfer(text);
+    });
+    add("vornnet-acknowledgement", [](VornConnection& connection, int) { connection.transferACK(); });
+    add("vornnet-error", [](VornConnection& connection, int) { connection.transferError(); });
 }
 
 } // namespace Bench

@@ -61,6 +61,5 @@ def ratios(rounds, contender):
 
 
 def noise_of(rounds):
-    """The quartiles of the limit against itself, and its largest deviation from 1."""
-    values = ratios(rounds, AGAIN)
-    return quartiles(values) | {"worst": max(abs(value - 1) for value in values)}
+    """The quartiles of the limit against itself."""
+    return quartiles(ratios(rounds, AGAIN))
