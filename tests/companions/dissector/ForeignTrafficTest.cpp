@@ -20,17 +20,6 @@ const char cHttpAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi";
 class VornnetDissectorWithRubbish : public VornnetDissector,
                                     public testing::WithParamInterface<std::string> {};
 
-void sendDatagrams(const Lines& datagrams) {
-    int port = 5023;
-    int from = 0;
-    const UniqueFd receiver = udpSocket("127.0.0.1", port);
-    const UniqueFd sender = udpSocket("127.0.0.1", from);
-    for (const std::string& datagram : datagrams) {
-        udpSendTo(sender.get(), "127.0.0.1", port, datagram);
-        receiveDatagram(receiver.get());
-    }
-}
-
 /** Bytes that are somewhat like values: many zeros, small numbers and letters. */
 std::string rubbish(std::mt19937& random) {
     std::string text(random() % 60 + 1, '\0');
@@ -45,14 +34,10 @@ std::string rubbish(std::mt19937& random) {
 
 TEST_F(VornnetDissector, HttpAtASinksPort_IsLeftToItsOwnDissector) {
     talk({cHttpRequest, cHttpAnswer});
-    EXPECT_THAT(shownOfAll(), ElementsAre("HTTP GET / HTTP/1.1 ", "HTTP HTTP/1.1 200 OK "));
-    EXPECT_THAT(shownOfAll(cTwoPasses), ElementsAre("HTTP GET / HTTP/1.1 ", "HTTP HTTP/1.1 200 OK "));
-}
-
-TEST_F(VornnetDissector, HttpInSegmentsOfOneByte_IsLeftToItsOwnDissector) {
     talkSlowly({cHttpRequest, cHttpAnswer});
-    EXPECT_THAT(shownOfAll(), ElementsAre("HTTP GET / HTTP/1.1 ", "HTTP HTTP/1.1 200 OK "));
-    EXPECT_THAT(shownOfAll(cTwoPasses), ElementsAre("HTTP GET / HTTP/1.1 ", "HTTP HTTP/1.1 200 OK "));
+    for (const Lines& options : {Lines{}, cTwoPasses})
+        EXPECT_THAT(shownOfAll(options), ElementsAre("HTTP GET / HTTP/1.1 ", "HTTP HTTP/1.1 200 OK ",
+                                                     "HTTP GET / HTTP/1.1 ", "HTTP HTTP/1.1 200 OK "));
 }
 
 TEST_F(VornnetDissector, ProtocolWhoseServerSpeaksFirst_IsNotTaken) {
@@ -65,22 +50,10 @@ TEST_F(VornnetDissector, ProtocolThatAnswersALineWithALine_IsNotTakenFurtherThan
     EXPECT_THAT(shown(), ElementsAre("Service: PING"));
 }
 
-TEST_F(VornnetDissector, TextWithoutCarriageReturn_IsNotTaken) {
-    talk({"hello\nworld\n"});
-    EXPECT_THAT(shown(), IsEmpty());
-}
-
-TEST_F(VornnetDissector, LineTooLongForAName_IsNotTaken) {
-    talk({std::string(600, 'x') + "\r\n"});
-    EXPECT_THAT(shown(), IsEmpty());
-}
-
-TEST_F(VornnetDissector, TextThatNeverBecomesALine_IsNotTaken) {
-    talk({std::string(300, 'x'), "", std::string(300, 'y')});
-    EXPECT_THAT(shown(), IsEmpty());
-}
-
-TEST_F(VornnetDissector, BinaryProtocols_AreNotTaken) {
+TEST_F(VornnetDissector, OtherProtocols_AreNotTaken) {
+    talk({"hello\nworld\n"});                                           // lines without a carriage return
+    talk({std::string(600, 'x') + "\r\n"});                             // a line too long for a name
+    talk({std::string(300, 'x'), "", std::string(300, 'y')});           // and what never becomes one
     talk({bytes("16 03 01 00 a5 01 00 00 a1 03 03 00")});               // TLS
     talk({bytes("00 00 00 2c ff 53 4d 42 72 00 00 00")});               // SMB after a length
     talk({bytes("00 00 00 2c"), "", bytes("ff 53 4d 42 72 00 00 00")}); // the same in two segments

@@ -5,12 +5,10 @@
  * and tshark finds the dissector where it is installed.
  */
 
-#include "Await.h"
 #include "Process.h"
 #include "TsharkRun.h"
 
 #include <VornProxyDependent.h>
-#include <VornSocketConnection.h>
 
 #include <filesystem>
 #include <regex>
@@ -87,32 +85,11 @@ void notify() {
     });
 }
 
-/** A client's request to a service, and its acknowledgement. */
-void request() {
-    int port = 5024;
-    const UniqueFd listener = tcpListen("127.0.0.1", port);
-    VornSocketConnection client("127.0.0.1", port, true, false);
-    client.setServiceName("stock");
-    WatchedThread service([&listener] {
-        const UniqueFd server = acceptClient(listener.get());
-        receiveExactly(server.get(), 7);
-        sendAll(server.get(), "+");
-        receiveExactly(server.get(), 4);
-        sendAll(server.get(), bytes("00 01 00 00"));
-        receiveToEnd(server.get());
-    });
-    client.transfer(5);
-    EXPECT_EQ(client.receiveShort(), 1);
-    EXPECT_EQ(client.receiveShort(), 0);
-    client.disconnect();
-    EXPECT_TRUE(service.join());
-}
-
 } // namespace
 
 TEST_F(VornnetDissector, Transcripts_AreAsThePageShowsThem) {
     notify();
-    request();
+    talk({"stock\r\n", "+", bytes("00 00 00 05"), bytes("00 01 00 00")}, 5024);
     capture().awaitEnds(4);
     const std::vector<Transcript> shownOnPage = transcripts();
     EXPECT_EQ(shownOnPage.size(), 2U);

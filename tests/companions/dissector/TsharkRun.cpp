@@ -201,6 +201,16 @@ void VornnetDissector::talkSlowly(const Lines& says, int port) {
     });
 }
 
+void VornnetDissector::sendDatagrams(const Lines& datagrams, int port) {
+    int from = 0;
+    const UniqueFd receiver = udpSocket("127.0.0.1", port);
+    const UniqueFd sender = udpSocket("127.0.0.1", from);
+    for (const std::string& datagram : datagrams) {
+        udpSendTo(sender.get(), "127.0.0.1", port, datagram);
+        receiveDatagram(receiver.get());
+    }
+}
+
 void callSink(const char* type, const std::function<void(const std::string& address)>& send) {
     ASSERT_EQ(::setenv("QUORAX_CALLB_CONN_TYPE", type, 1), 0);
     VornNet::VornLibraryCallbackSink sink("wire");

@@ -57,6 +57,9 @@ protected:
     /** The same, but each byte in a segment of its own, and so received before the next one is sent. */
     void talkSlowly(const Lines& says, int port = 5023);
 
+    /** Sends datagrams, one after the other. */
+    static void sendDatagrams(const Lines& datagrams, int port = 5023);
+
     PacketCapture& capture() { return *m_capture; }
 
 private:

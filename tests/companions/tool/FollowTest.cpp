@@ -71,9 +71,7 @@ protected:
 
     /** Starts `follow` for the sink and waits until it does. */
     ChildProcess follow(const std::vector<std::string>& options) {
-        std::vector<std::string> arguments = {"follow", std::to_string(m_sink->pid())};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        ChildProcess tool = startTool(arguments);
+        ChildProcess tool = startTool(with({"follow", std::to_string(m_sink->pid())}, options));
         EXPECT_THAT(nextLine(tool), HasSubstr("following"));
         return tool;
     }

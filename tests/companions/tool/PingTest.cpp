@@ -46,9 +46,7 @@ class VornnetPingUdp : public ToolNetworkTest {};
 
 TEST_P(VornnetPing, OfASinkOfEitherKind_TellsThatItAcceptsAndDisturbsNoNotification) {
     for (const std::vector<std::string>& kind : {std::vector<std::string>{}, {"--steady"}}) {
-        std::vector<std::string> arguments = {"sink", "--type", GetParam()};
-        arguments.insert(arguments.end(), kind.begin(), kind.end());
-        ChildProcess sink = startTool(arguments);
+        ChildProcess sink = startTool(with({"sink", "--type", GetParam()}, kind));
         const std::string address = addressOf(sink);
         for (int i = 0; i < 3; ++i) {
             const ToolResult result = runTool({"ping", address, "--timeout", "60"});

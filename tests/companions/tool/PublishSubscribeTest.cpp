@@ -22,11 +22,9 @@ namespace {
 /** A topic with three events for a connection, and what comes over the wire before them. */
 class VornnetPublish : public ToolNetworkTest {
 protected:
-    static ChildProcess publish(std::vector<std::string> more = {},
+    static ChildProcess publish(const std::vector<std::string>& more = {},
                                 const std::string& address = "pipe:demo") {
-        more.insert(more.begin(), "publish");
-        more.insert(more.end(), {address, "builds"});
-        ChildProcess tool = startTool(more);
+        ChildProcess tool = startTool(with({"publish", address, "builds"}, more));
         EXPECT_THAT(nextLine(tool), HasSubstr(address.substr(0, 7)));
         return tool;
     }

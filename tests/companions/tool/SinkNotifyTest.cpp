@@ -211,15 +211,6 @@ TEST_F(VornnetSink, WithForeignSender_PrintsItsNotification) {
     EXPECT_EQ(finish(sink).status, 0);
 }
 
-TEST_F(VornnetSink, AtItsEnd_RemovesThePipesFile) {
-    ChildProcess sink = startTool({"sink", "--type", "pipe"});
-    const std::string path = pipeOf(addressOf(sink));
-    EXPECT_TRUE(exists(path));
-    sink.kill(SIGTERM);
-    EXPECT_EQ(finish(sink).status, 143);
-    EXPECT_FALSE(exists(path));
-}
-
 TEST_F(VornnetSink, InterruptedSeveralTimesAtOnce_RemovesThePipesFile) {
     for (int round = 0; round < 5; ++round) {
         ChildProcess sink = startTool({"sink", "--type", "pipe"});
@@ -247,13 +238,8 @@ TEST_F(VornnetSink, WhenItsThreadHasEnded_SaysSoAndFails) {
 }
 
 TEST_F(VornnetSink, WithoutPipeDirectory_TellsTheRemedyInsteadOfWaiting) {
-    const std::string directory = std::string(pipeDirectory(), std::string(pipeDirectory()).size() - 1);
-    const std::string aside = directory + ".aside";
-    ASSERT_EQ(::rename(directory.c_str(), aside.c_str()), 0);
-    const ToolResult result = runTool({"sink", "--type", "pipe"});
-    EXPECT_EQ(::rename(aside.c_str(), directory.c_str()), 0);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, HasSubstr("is missing; groupadd --system --force vorn; "));
+    EXPECT_THAT(runToolWithoutPipeDirectory({"sink", "--type", "pipe"}),
+                ended(1, _, HasSubstr("is missing; groupadd --system --force vorn; ")));
 }
 
 TEST_F(VornnetSink, WithoutLocalhost_TellsTheRemedyInsteadOfWaiting) {

@@ -93,10 +93,23 @@ ToolResult finish(ChildProcess& tool) {
     return result;
 }
 
+std::vector<std::string> with(std::vector<std::string> arguments, const std::vector<std::string>& more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+}
+
 ToolResult runTool(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
     ChildProcess tool = startTool(arguments, environment);
     tool.closeInput();
     return finish(tool);
+}
+
+ToolResult runToolWithoutPipeDirectory(const std::vector<std::string>& arguments) {
+    const std::filesystem::path directory = std::filesystem::path(pipeDirectory()).parent_path();
+    std::filesystem::rename(directory, directory.string() + ".aside");
+    ToolResult result = runTool(arguments);
+    std::filesystem::rename(directory.string() + ".aside", directory);
+    return result;
 }
 
 ToolResult runShell(const std::string& command) {
@@ -107,15 +120,11 @@ ToolResult runShell(const std::string& command) {
 
 ChildProcess startTool(const std::vector<std::string>& arguments,
                        const std::vector<std::string>& environment) {
-    std::vector<std::string> all = {toolPath()};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    return ChildProcess::spawn(all, environment);
+    return ChildProcess::spawn(with({toolPath()}, arguments), environment);
 }
 
 ChildProcess startService(const std::string& address, const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {"serve", address};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    ChildProcess server = startTool(all);
+    ChildProcess server = startTool(with({"serve", address}, arguments));
     EXPECT_EQ(nextLine(server), "listening at " + address);
     return server;
 }

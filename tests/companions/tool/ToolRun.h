@@ -62,9 +62,15 @@ std::string toolFile(const std::string& name);
 /** The names of all subcommands. */
 const std::vector<std::string>& subcommands();
 
+/** The arguments and more of them. */
+std::vector<std::string> with(std::vector<std::string> arguments, const std::vector<std::string>& more);
+
 /** Runs the tool to its end. */
 ToolResult runTool(const std::vector<std::string>& arguments,
                    const std::vector<std::string>& environment = {});
+
+/** The same while there is no pipe directory. */
+ToolResult runToolWithoutPipeDirectory(const std::vector<std::string>& arguments);
 
 /** Runs a shell command, in which $TOOL is the tool. */
 ToolResult runShell(const std::string& command);
