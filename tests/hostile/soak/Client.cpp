@@ -4,7 +4,6 @@
 // because its sink has moved or the service has given it up, comes back.
 
 #include "History.h"
-#include "Message.h"
 #include "Roles.h"
 
 #include <TimeLimit.h>
@@ -18,6 +17,8 @@
 
 namespace Soak {
 
+using namespace VornNet;
+
 namespace {
 
 class Callback : public VornNotificationCallback {
@@ -28,10 +29,11 @@ protected:
     void doCallback(VornSmartPointer<VornConnection>& spConnection) override {
         std::string token;
         try {
-            const Message message = Message::read(*spConnection, token);
+            token = spConnection->receiveString();
+            const std::string body = spConnection->receiveString();
             awaitEnd(*spConnection);
-            History::write("received token=%s callback=%d size=%zu sum=%llx", token.c_str(), getId(),
-                           message.size(), static_cast<unsigned long long>(message.sum()));
+            History::write("received token=%s callback=%d size=%zu sum=%zx", token.c_str(), getId(),
+                           body.size(), sumOf(token, body));
         } catch (const VornException& e) {
             // Left to the sink, 104 and 4 would end it.
             History::write("partial token=%s callback=%d code=%d", token.c_str(), getId(), e.getCode());

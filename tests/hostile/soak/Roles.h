@@ -4,6 +4,8 @@
 #define SOAK_ROLES_H
 
 #include <csignal>
+#include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,11 @@ constexpr int callbacksPerClient = 3;
 
 /** How long one operation may block. */
 constexpr int patienceInSeconds = 2;
+
+/** Of a notification's contents, the same on both sides if nothing was altered. */
+inline std::size_t sumOf(const std::string& token, const std::string& body) {
+    return std::hash<std::string>{}(token + body);
+}
 
 /** Notifies its clients until SIGTERM: NUMBER HOST PORT SLOTS SEED. */
 int runService(const Arguments& arguments);

@@ -4,7 +4,6 @@
 // so that a client that hangs holds up nobody else.
 
 #include "History.h"
-#include "Message.h"
 #include "Roles.h"
 
 #include <TimeLimit.h>
@@ -25,6 +24,8 @@
 
 namespace Soak {
 
+using namespace VornNet;
+
 namespace {
 
 using namespace std::chrono;
@@ -41,13 +42,25 @@ std::atomic<bool> ending = false;
 std::atomic<long> lastEvent = 0;
 std::atomic<int> oversizedLeft = 10; // each leaves a descriptor open, which the library documents
 
+class Message : public VornNotification {
+public:
+    /** @param token names one attempt to deliver one event: "SERVICE:EVENT:ATTEMPT" */
+    Message(std::string token, const std::string& body)
+        : VornNotification(0), m_token(std::move(token)), m_body(body) {}
+
+    const std::string m_token;
+    const std::string& m_body;
+};
+
 class Subscription : public VornProxyDependent {
 public:
     Subscription(const VornString& address, long callback, int slot, int generation)
         : VornProxyDependent(address, callback), m_slot(slot), m_generation(generation) {}
 
     void addContent(VornConnection& connection, const VornNotification& notification) override {
-        dynamic_cast<const Message&>(notification).write(connection);
+        const auto& message = dynamic_cast<const Message&>(notification);
+        connection.transfer(message.m_token);
+        connection.transfer(message.m_body); // never empty: whoever has written the last byte has written all
     }
 
     const int m_slot;
@@ -210,11 +223,10 @@ private:
                 const std::string& body) {
         const std::string token =
             std::to_string(m_settings.number) + ":" + std::to_string(event) + ":" + std::to_string(attempt);
-        const Message message(token, event, body);
-        History::write("begin token=%s slot=%d generation=%d to=%s callback=%d load=%s size=%zu sum=%llx",
+        const Message message(token, body);
+        History::write("begin token=%s slot=%d generation=%d to=%s callback=%d load=%s size=%zu sum=%zx",
                        token.c_str(), m_slot, subscription.m_generation, subscription.getRemoteName().c_str(),
-                       subscription.getDependentHandle(), load, message.size(),
-                       static_cast<unsigned long long>(message.sum()));
+                       subscription.getDependentHandle(), load, body.size(), sumOf(token, body));
         int code = 0;
         try {
             const Example::TimeLimit limit{seconds(patienceInSeconds)};
