@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AbiTable.h"
 
-#include <functional>
 #include <set>
 #include <string>
 

@@ -3,7 +3,6 @@
 #include "Experiments.h"
 #include "LeakCheckedTest.h"
 
-#include <csignal>
 #include <set>
 
 #include <gmock/gmock.h>

@@ -13,8 +13,6 @@
 #include <exception>
 #include <functional>
 
-#include <unistd.h>
-
 using namespace Guarantees;
 
 namespace {

@@ -180,7 +180,6 @@ protected:
         if (row.allowed == allocatesNothing && alsoAllowed == 0) {
             EXPECT_EQ(0, allocations) << row.title;
         }
-        m_allocations += allocations;
         const int before = failedParts();
         for (const auto mode : {AllocationFault::Mode::once, AllocationFault::Mode::fromThenOn}) {
             for (int nth = 1; nth <= allocations && failedParts() == before; ++nth)
@@ -192,7 +191,6 @@ protected:
         const Ending ending = provoke(row, nth, mode, *m_report);
         if (m_report->allocations < nth)
             return; // another thread was faster this time
-        ++m_failures;
         const std::string what = row.title + ": allocation " + std::to_string(nth) + " fails " +
                                  (mode == AllocationFault::Mode::once ? "once" : "with all later ones");
         EXPECT_TRUE((ending & allowed) != 0) << what << ", and there is " << nameOf(ending);
@@ -205,27 +203,18 @@ protected:
         return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
     }
 
-    void print(const char* circumstance) const {
-        std::printf("allocation faults, %s: %zu operations with %d allocations, %d failures provoked\n",
-                    circumstance, allOperations().rows().size(), m_allocations, m_failures);
-    }
-
     /** In memory that the children share. */
     Report* const m_report = static_cast<Report*>(
         ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    int m_allocations = 0;
-    int m_failures = 0;
 };
 
 TEST_F(AllocationFaults, LeadToWhatEachOperationPromisesAndNeverToALeakOrAHalfChangedObject) {
     failEachAllocation(0);
-    print("nothing logged");
 }
 
 TEST_F(AllocationFaults, LeadToTheSameWhileEveryLogRecordIsWritten) {
     g_isLogging = true;
     failEachAllocation(doesWithout); // a record for which there is no memory is dropped
-    print("everything logged");
 }
 
 /** What the tables of the binary interface list. */

@@ -14,7 +14,6 @@
 #include <VornProxyDependentIdentifier.h>
 #include <VornUtilities.h>
 
-#include <memory>
 #include <vector>
 
 using namespace VornNet;

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace VornTest {
 

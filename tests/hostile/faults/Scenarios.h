@@ -46,7 +46,7 @@ struct Promise {
     Outcome outcome;
     /** Descriptors left open by contract, for each failure. */
     int leaked = 0;
-    /** Whether it goes on until somebody interrupts it. */
+    /** Whether it goes on until somebody interrupts it or the failure passes. */
     bool isEndless = false;
 };
 
@@ -79,16 +79,6 @@ Rule endsWait(std::initializer_list<int> quiet);
 
 /** @} */
 
-/** What the one who interrupts a scenario sees and may do. */
-class FaultControl {
-public:
-    virtual ~FaultControl() = default;
-    /** How many calls have failed. */
-    virtual int failures() = 0;
-    /** Lets no further call fail. */
-    virtual void lift() = 0;
-};
-
 /** Runs the library's part of a scenario, and only that, under whatever is to go wrong with it. */
 using Stage = std::function<Outcome(const std::function<std::string()>& action)>;
 
@@ -98,8 +88,9 @@ struct Scenario {
     std::vector<FailingCall> calls;
     /** How it ends when nothing fails. */
     Outcome undisturbed = {};
-    /** Called again and again while an endless failure lasts; null where there is none. */
-    std::function<void(FaultControl&)> interrupt = nullptr;
+    /** Ends what an endless failure goes on with, called again and again; null where the failure passes
+     * instead. */
+    std::function<void()> interrupt = nullptr;
 };
 
 /** Runs an action and tells how it ended; the stage on which nothing goes wrong. */

@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <optional>
 #include <system_error>
-#include <utility>
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -15,7 +15,6 @@
 #include <array>
 #include <chrono>
 #include <optional>
-#include <utility>
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -17,7 +17,6 @@
 #include <VornWorkInformation.h>
 
 #include <atomic>
-#include <optional>
 
 using namespace VornSupport;
 
