@@ -27,7 +27,7 @@ using testing::Values;
 using VornNet::VornSmartPointer;
 
 using Sink = VornNet::VornLibraryCallbackSink;
-using Connection = VornNet::VornSmartPointer<VornNet::VornConnection>;
+using Connection = VornSmartPointer<VornNet::VornConnection>;
 
 class VornLibraryCallbackSink : public NotificationTest {};
 
@@ -222,7 +222,7 @@ TEST_P(VornLibraryCallbackSink_OnPorts, PortsBehindHighest_AreNegativeAndWork) {
     EXPECT_EQ(portOfServer, -32768);
     EXPECT_EQ(sink->getCallbackSocket(), -32768);
     EXPECT_EQ(sink.address(), addressWithPort(GetParam(), -32768));
-    VornNet::VornSmartPointer<VornNet::VornProxyDependent> proxy =
+    VornSmartPointer<VornNet::VornProxyDependent> proxy =
         new VornNet::VornProxyDependent(sink.address(), callback->getId());
     proxy->remoteNotify(VornSupport::VornNotification(12));
     ASSERT_TRUE(callback->awaitCalls(1));
@@ -244,7 +244,7 @@ constexpr int retries = 50;
 
 TEST_P(VornLibraryCallbackSink_OnPorts, AddressIsReadWhileItMovesAndTheServerStays) {
     WatchedSink sink(GetParam());
-    const VornNet::VornIPCServer* const server = sink->m_spCallbackServer;
+    const VornSmartPointer<VornNet::VornIPCServer> server = sink->m_spCallbackServer;
     addCallback(*sink);
     constexpr int moves = 300;
     FaultRule inUse("bind", EADDRINUSE, 1, retries + moves);
@@ -269,14 +269,14 @@ TEST_P(VornLibraryCallbackSink_OnPorts, AddressIsReadWhileItMovesAndTheServerSta
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());
     EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(static_cast<VornNet::VornIPCServer*>(sink->m_spCallbackServer), server);
+    EXPECT_TRUE(sink->m_spCallbackServer == server);
     EXPECT_EQ(dynamic_cast<VornNet::VornServerSocket&>(*sink->m_spCallbackServer).getPort(), 5023 + moves);
 }
 
 TEST_P(VornLibraryCallbackSink_OfAnyKind, ServerEstablishedAgain_ReplacesFormerOne) {
     WatchedSink sink(GetParam());
     const std::string address = sink.address();
-    VornNet::VornSmartPointer<VornNet::VornIPCServer> former = sink->m_spCallbackServer;
+    VornSmartPointer<VornNet::VornIPCServer> former = sink->m_spCallbackServer;
     ASSERT_TRUE(sink.awaitServing());
     former->close();
     ASSERT_TRUE(sink.awaitEnd()); // only the sink's thread establishes servers otherwise
