@@ -38,10 +38,12 @@ class Drawing:
             rows = text.count("\n")
             self.text(x + width / 2, y + height / 2 + 5 - 9 * rows, text, kind)
 
-    def line(self, points, arrow=True, dashed=False, kind="line"):
+    def line(self, points, label="", at=None, anchor="middle", arrow=True, dashed=False, kind="line"):
         path = "M" + " L".join(f"{x:g} {y:g}" for x, y in points)
         self.parts.append(f'<path d="{path}" class="{kind}{" dashed" if dashed else ""}"'
                           + (' marker-end="url(#arrow)"' if arrow else "") + "/>")
+        if label:
+            self.text(*at, label, "label", anchor)
 
     def write(self, path):
         body = "\n".join(self.parts)
@@ -68,8 +70,8 @@ def byte_boxes(title, fields):
             drawing.box(x, top, cell, 34, fill, value, "code", radius=0)
             x += cell
         left, right, bottom = x - cell * len(values) + 3, x - 3, top + 40
-        drawing.line([(left, bottom), (left, bottom + 6), (right, bottom + 6), (right, bottom)], arrow=False)
-        drawing.text((left + right) / 2, bottom + 24, label, "label")
+        drawing.line([(left, bottom), (left, bottom + 6), (right, bottom + 6), (right, bottom)],
+                     label, ((left + right) / 2, bottom + 24), arrow=False)
     return drawing
 
 
@@ -85,8 +87,7 @@ def road():
         drawing.line([(lanes[lane], 92), (lanes[lane], 625)], arrow=False, kind="life")
 
     def message(y, start, end, text, dashed=False):
-        drawing.line([(lanes[start], y), (lanes[end], y)], dashed=dashed)
-        drawing.text((lanes[start] + lanes[end]) / 2, y - 7, text, "label")
+        drawing.line([(lanes[start], y), (lanes[end], y)], text, ((lanes[start] + lanes[end]) / 2, y - 7), dashed=dashed)
 
     def step(y, lane, text, fill, height=28, width=210):
         drawing.box(lanes[lane] - width / 2, y, width, height, fill, text, "small")
@@ -105,8 +106,7 @@ def road():
     step(456, "thread", "the server is closed, container unlocked", ROSE, width=270)
     drawing.box(345, 490, 270, 52, ROSE, "no server:\na sender is refused now, or lost", "small", more="dashed")
     step(550, "thread", "the server is opened again and waits", GREEN, width=270)
-    drawing.line([(lanes["service"], 600), (345, 600)])
-    drawing.text(238, 593, "the next notification", "label")
+    drawing.line([(lanes["service"], 600), (345, 600)], "the next notification", (238, 593))
     return drawing
 
 
@@ -119,37 +119,25 @@ def objects():
 
     drawing.box(40, 60, 210, 54, GREEN, "VornLibraryCallbackSink\nis a VornThread", "small")
     drawing.box(300, 60, 210, 54, GREEN, "VornCallbackContainer\nids and their callbacks", "small")
-    drawing.line([(250, 87), (300, 87)], arrow=False)
-    drawing.text(275, 80, "has", "label")
+    drawing.line([(250, 87), (300, 87)], "has", (275, 80), arrow=False)
     drawing.box(300, 180, 210, 54, GREEN, "VornNotificationCallback\nis a VornEvent", "small")
-    drawing.line([(405, 114), (405, 180)])
-    drawing.text(412, 152, "one pointer each", "label", "start")
+    drawing.line([(405, 114), (405, 180)], "one pointer each", (412, 152), anchor="start")
     drawing.box(40, 180, 210, 54, SAND, "VornPipeServer or VornServer-\nSocket or VornUDPServerSocket", "small")
-    drawing.line([(145, 114), (145, 180)])
-    drawing.text(152, 152, "smart pointer", "label", "start")
+    drawing.line([(145, 114), (145, 180)], "smart pointer", (152, 152), anchor="start")
     drawing.box(40, 310, 210, 54, BLUE, "VornConnection\none for each notification", "small")
-    drawing.line([(145, 234), (145, 310)], dashed=True)
-    drawing.text(152, 276, "waitForClient() makes it,", "label", "start")
-    drawing.text(152, 292, "the caller owns it", "label", "start")
-    drawing.line([(405, 234), (405, 329), (250, 329)], dashed=True)
-    drawing.text(412, 300, "reads from it in", "label", "start")
-    drawing.text(412, 316, "doCallback()", "label", "start")
+    drawing.line([(145, 234), (145, 310)], "waitForClient() makes it,\nthe caller owns it", (152, 276), anchor="start", dashed=True)
+    drawing.line([(405, 234), (405, 329), (250, 329)], "reads from it in\ndoCallback()", (412, 300), anchor="start",
+                 dashed=True)
 
     drawing.box(580, 60, 240, 54, BLUE, "VornProxyDependentContainer\none for each process", "small")
     drawing.box(580, 180, 240, 54, BLUE, "VornProxyDependent\ncallback address and id", "small")
-    drawing.line([(700, 114), (700, 180)])
-    drawing.text(707, 152, "one pointer each", "label", "start")
+    drawing.line([(700, 114), (700, 180)], "one pointer each", (707, 152), anchor="start")
     drawing.box(580, 310, 240, 54, BLUE, "VornConnection\nlocal to one remoteNotify()", "small")
-    drawing.line([(700, 234), (700, 310)], dashed=True)
-    drawing.text(707, 276, "makes and destroys", "label", "start")
-    drawing.line([(580, 352), (258, 352)], kind="flow")
-    drawing.text(415, 372, "bytes", "label")
-    drawing.line([(40, 405), (75, 405)])
-    drawing.text(83, 410, "owns", "label", "start")
-    drawing.line([(150, 405), (185, 405)], dashed=True)
-    drawing.text(193, 410, "makes or uses", "label", "start")
-    drawing.line([(310, 405), (345, 405)], kind="flow")
-    drawing.text(353, 410, "sends", "label", "start")
+    drawing.line([(700, 234), (700, 310)], "makes and destroys", (707, 276), anchor="start", dashed=True)
+    drawing.line([(580, 352), (258, 352)], "bytes", (415, 372), kind="flow")
+    drawing.line([(40, 405), (75, 405)], "owns", (83, 410), anchor="start")
+    drawing.line([(150, 405), (185, 405)], "makes or uses", (193, 410), anchor="start", dashed=True)
+    drawing.line([(310, 405), (345, 405)], "sends", (353, 410), anchor="start", kind="flow")
     return drawing
 
 
@@ -160,23 +148,15 @@ def server_life():
     drawing.box(675, 120, 170, 56, SAND, "waiting\na thread is blocked", "small", 22)
     drawing.box(345, 230, 170, 56, GREY, "closed\nno socket", "small", 22)
     drawing.box(345, 12, 170, 56, ROSE, "exception\nfrom the wait", "small", 22)
-    drawing.line([(170, 148), (345, 148)])
-    drawing.text(257, 120, "TCP, UDP: first wait\npipe: construction", "label")
-    drawing.line([(515, 138), (675, 138)])
-    drawing.text(595, 130, "waitForClient()", "label")
-    drawing.line([(675, 160), (515, 160)])
-    drawing.text(595, 178, "a client came", "label")
-    drawing.line([(465, 176), (465, 230)])
-    drawing.text(473, 208, "close()", "label", "start")
-    drawing.line([(395, 230), (395, 176)])
-    drawing.text(387, 208, "the next wait", "label", "end")
-    drawing.line([(760, 176), (760, 258), (515, 258)])
-    drawing.text(637, 250, "close() by another thread:", "label")
+    drawing.line([(170, 148), (345, 148)], "TCP, UDP: first wait\npipe: construction", (257, 120))
+    drawing.line([(515, 138), (675, 138)], "waitForClient()", (595, 130))
+    drawing.line([(675, 160), (515, 160)], "a client came", (595, 178))
+    drawing.line([(465, 176), (465, 230)], "close()", (473, 208), anchor="start")
+    drawing.line([(395, 230), (395, 176)], "the next wait", (387, 208), anchor="end")
+    drawing.line([(760, 176), (760, 258), (515, 258)], "close() by another thread:", (637, 250))
     drawing.text(637, 277, "the wait returns null", "label")
-    drawing.line([(95, 120), (95, 40), (345, 40)])
-    drawing.text(220, 32, "cannot bind", "label")
-    drawing.line([(760, 120), (760, 40), (515, 40)])
-    drawing.text(637, 32, "accept or select fails (pipe)", "label")
+    drawing.line([(95, 120), (95, 40), (345, 40)], "cannot bind", (220, 32))
+    drawing.line([(760, 120), (760, 40), (515, 40)], "accept or select fails (pipe)", (637, 32))
     return drawing
 
 
