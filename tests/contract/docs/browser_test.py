@@ -3,7 +3,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Looks at the rendered manual as a reader does, from a folder on disk: browser_test.py DIRECTORY
 
-DIRECTORY is the output of script/docs. It leaves pictures of some pages in DIRECTORY/looks.
+DIRECTORY is the output of script/docs.
 """
 import pathlib
 import subprocess
@@ -23,7 +23,6 @@ SEARCHES = {"lost": "guarantees.html", "timeout": "threads.html", "failed to bin
             "SIGPIPE": "operations.html", "stunnel": "networks.html", "restart": "restart.html",
             "SupplementaryGroups": "systemd.html", "waitForClient": "reference/VornIPCServer.html",
             "datagramPause": "reference/VornDispatcher.html", "nothing arrives": "index.html"}
-CLOSELY = ("errors.html", "guarantees.html", "reference/VornDispatcher.html")
 
 
 class Reader:
@@ -52,10 +51,6 @@ class Reader:
         return [entry["message"] for entry in self.driver.get_log("browser")
                 if "search.html" not in entry["message"] and "Failed to fetch" not in entry["message"]
                 and "ERR_FAILED" not in entry["message"]]
-
-    def keeps(self, name):
-        (OUTPUT / "looks").mkdir(exist_ok=True)
-        self.driver.save_screenshot(str(OUTPUT / "looks" / f"{name.replace('/', '-')}.png"))
 
     def searches(self, words):
         """Where the site's own search leads, best first."""
@@ -102,8 +97,6 @@ class Site(unittest.TestCase):
                     "return [...document.querySelectorAll('article p, article dt, table.functions td')]"
                     ".filter(one => !one.closest('.table-wrapper:not(:has(table.functions))'))"
                     ".filter(one => one.getBoundingClientRect().right > innerWidth).map(one => one.textContent)"), [])
-                if page in CLOSELY:
-                    self.reader.keeps(f"{page.removesuffix('.html')}-400")
 
     def test_navigation_on_a_phone_opens_by_its_button(self):
         self.reader.takes(400, "light")
@@ -111,21 +104,18 @@ class Site(unittest.TestCase):
         self.assertFalse(self.is_shown(".sidebar-tree"))
         self.reader.driver.find_element(By.CSS_SELECTOR, ".mobile-header label[for=__navigation]").click()
         WebDriverWait(self.reader.driver, 30).until(lambda _: self.is_shown(".sidebar-tree"))
-        self.reader.keeps("navigation-400")
 
     def test_navigation_on_a_screen_is_there(self):
         self.reader.takes(1280, "light")
         self.reader.opens("errors.html")
         self.assertTrue(self.is_shown(".sidebar-tree"))
         self.assertTrue(self.is_shown(".sidebar-search"))
-        self.reader.keeps("errors-1280")
 
     def test_colours_are_those_of_the_system_until_the_reader_chooses_others(self):
         self.reader.takes(1280, "dark")
         self.reader.opens("index.html")
         self.assertLess(self.brightness("backgroundColor"), 60)
         self.assertGreater(self.brightness("color"), 150)
-        self.reader.keeps("index-dark")
         self.reader.driver.find_element(By.CSS_SELECTOR, ".content-icon-container .theme-toggle").click()
         self.assertGreater(self.brightness("backgroundColor"), 240)
         self.reader.driver.execute_script("localStorage.clear()")
