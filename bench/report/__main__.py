@@ -42,24 +42,34 @@ def report_scale(options):
     rounds_of = measure(options.program, contenders, options.rounds, options.min_time)
     stored = {"machine": describe_machine(), "rounds": rounds_of}
     (options.output / "scale.json").write_text(json.dumps(stored, indent=1) + "\n")
-    plots.plot_all(options.output / "performance", {workload: scale_lines(rounds) for workload, rounds in rounds_of.items()})
+    lines = {workload: scale_lines(rounds) for workload, rounds in rounds_of.items()}
+    plots.plot_all(options.output / "performance", lines)
     show(options.output / "scale.md", scale_blocks(stored))
 
 
 def parse_arguments():
-    parser = argparse.ArgumentParser(description="Measures this library beside its limits and its peers.")
-    parser.add_argument("--program", type=pathlib.Path, required=True, help="vornnet_bench")
-    parser.add_argument("--counting-program", type=pathlib.Path, required=True, help="vornnet_bench_count")
-    parser.add_argument("--output", type=pathlib.Path, required=True, help="directory of tables and plots")
-    parser.add_argument("--rounds", type=int, default=15, help="interleaved rounds (%(default)s)")
-    parser.add_argument("--min-time", type=float, default=0.05, help="seconds per contender and round (%(default)s)")
-    parser.add_argument("--only", default="", help="regular expression of the workloads wanted")
+    parser = argparse.ArgumentParser(
+        prog="script/bench", formatter_class=argparse.RawDescriptionHelpFormatter,
+        description="Measures every workload beside its limit and its peers: ratios, system calls, allocations.",
+        epilog="Environment: BENCH_BUILD_DIR is used instead of build/bench; with BENCH_NO_BUILD nothing is built.\n"
+               "Measure on a machine that does nothing else. The ratios and the scale take a quarter of an hour each.")
+    for name in ("--program", "--counting-program"):
+        parser.add_argument(name, type=pathlib.Path, required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--output", type=pathlib.Path, metavar="DIR",
+                        help="directory of the results, instead of build/bench/results")
+    parser.add_argument("--rounds", type=int, default=15, metavar="N", help="interleaved rounds (%(default)s)")
+    parser.add_argument("--min-time", type=float, default=0.05, metavar="S",
+                        help="seconds per contender and round (%(default)s)")
+    parser.add_argument("--only", default="", metavar="REGEX", help="only the workloads that match")
     parser.add_argument("--no-counts", action="store_true", help="leave out system calls and allocations")
     action = parser.add_mutually_exclusive_group()
     action.add_argument("--scale", action="store_true", help="how cost depends on threads, callbacks and bytes")
-    action.add_argument("--check", action="store_true", help="compare instructions and system calls with the baseline")
-    action.add_argument("--update-baseline", action="store_true", help="store instructions and system calls")
-    action.add_argument("--publish", action="store_true", help="put what is stored into bench/README.md")
+    action.add_argument("--check", action="store_true", help="compare instructions and system calls with "
+                        "bench/baseline.json; fails if they are 2 %% more; takes two minutes")
+    action.add_argument("--update-baseline", action="store_true", help="store them there")
+    action.add_argument("--publish", action="store_true", help="put the stored results into bench/README.md")
+    action.add_argument("--relay", action="store_true", help="measure `vornnet relay` beside its engine's own client, "
+                        "in turns; takes two minutes")  # script/bench does that itself
     return parser.parse_args()
 
 
