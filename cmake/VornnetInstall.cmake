@@ -42,12 +42,15 @@ else()
 endif()
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pc_libdir)
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_INCLUDEDIR BASE_DIRECTORY "\${prefix}" OUTPUT_VARIABLE pc_includedir)
-foreach(library IN ITEMS vornsupt vornnet vornnotify)
-    configure_file(${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
-endforeach()
-install(FILES ${PROJECT_BINARY_DIR}/vornsupt.pc ${PROJECT_BINARY_DIR}/vornnet.pc
-    DESTINATION ${pc_dir} COMPONENT development)
-install(FILES ${PROJECT_BINARY_DIR}/vornnotify.pc DESTINATION ${pc_dir} COMPONENT notify_development)
+function(install_pkg_config pc_name component pc_requires pc_description)
+    configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/library.pc.in ${PROJECT_BINARY_DIR}/${pc_name}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${pc_name}.pc DESTINATION ${pc_dir} COMPONENT ${component})
+endfunction()
+install_pkg_config(vornsupt development ""
+    "Support layer of vornnet: counted objects, exceptions, threads, events, logging")
+install_pkg_config(vornnet development "vornsupt = ${PROJECT_VERSION}" ${PROJECT_DESCRIPTION})
+install_pkg_config(vornnotify notify_development "vornnet = ${PROJECT_VERSION}"
+    "Notifications that arrive, between services and callbacks in their clients")
 
 # Who may use pipes, and where they are; named after the library's soname, so that another one can be beside it.
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/libvornnet1.sysusers
