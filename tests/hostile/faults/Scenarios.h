@@ -88,8 +88,7 @@ struct Scenario {
     std::vector<FailingCall> calls;
     /** How it ends when nothing fails. */
     Outcome undisturbed = {};
-    /** Ends what an endless failure goes on with, called again and again; null where the failure passes
-     * instead. */
+    /** Ends what an endless failure holds up, called again and again; without it the failure passes. */
     std::function<void()> interrupt = nullptr;
 };
 
