@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash
 
-# For script/demo and script/test: where they run. In private namespaces they disturb nobody. Where none can be created,
-# as in most containers, they run in place.
+# For script/demo, script/test and tests of recipes: where they run. In private namespaces they disturb nobody. Where none
+# can be created, as in most containers, they run in place.
 
 pipe_directory=/opt/vorn/hostmgr/var/lib/kestrel/rendez
 # Names the topmost directory that was created for a run. A run that was killed leaves it to the next one.

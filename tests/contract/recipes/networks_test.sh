@@ -9,15 +9,11 @@
 set -euo pipefail
 
 if [[ -z ${VORNTEST_HOST-} ]]; then
-    # shellcheck disable=SC2043 # more may come
-    for options in '--mount --net' '--user --map-root-user --mount --net'; do
-        # shellcheck disable=SC2086 # several options
-        unshare $options mount -t tmpfs none /mnt 2>/dev/null || continue
-        # shellcheck disable=SC2086
-        VORNTEST_HOST=service exec unshare $options --pid --fork --kill-child --mount-proc "$0" "$@"
-    done
-    echo 'no namespaces can be created here'
-    exit 77
+    # shellcheck source=script/place.sh
+    . "$(dirname "$0")/../../../script/place.sh"
+    options=$(namespace_options) || { echo 'no namespaces can be created here'; exit 77; }
+    # shellcheck disable=SC2086 # several options
+    VORNTEST_HOST=service exec unshare $options --pid --fork --kill-child --mount-proc "$0" "$@"
 fi
 
 recipe=$1
