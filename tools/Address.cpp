@@ -75,17 +75,6 @@ int parsePort(const std::string& text, const std::string& digits) {
     return port;
 }
 
-bool isName(const std::string& host) {
-    return std::any_of(host.begin(), host.end(), [](char character) {
-        return std::isalpha(static_cast<unsigned char>(character)) != 0;
-    });
-}
-
-bool isDotted(const std::string& host) {
-    in_addr address{};
-    return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
-}
-
 } // namespace
 
 Address parseAddress(const std::string& text) {
@@ -146,6 +135,17 @@ VornSmartPointer<VornConnection> makeConnection(const Address& address) {
         break;
     }
     return new VornNet::VornUDPSocketConnection(address.name, address.port, false);
+}
+
+bool isName(const std::string& host) {
+    return std::any_of(host.begin(), host.end(), [](char character) {
+        return std::isalpha(static_cast<unsigned char>(character)) != 0;
+    });
+}
+
+bool isDotted(const std::string& host) {
+    in_addr address{};
+    return ::inet_pton(AF_INET, host.c_str(), &address) == 1;
 }
 
 bool isIPv6(const std::string& text) {

@@ -48,6 +48,11 @@ void requireKnownHost(const Address& address);
 /** @return an unconnected connection to the address. */
 VornSupport::VornSmartPointer<VornNet::VornConnection> makeConnection(const Address& address);
 
+/** @return whether the text is a host's name, known or not, or a dotted IPv4 address. @{ */
+bool isName(const std::string& host);
+bool isDotted(const std::string& host);
+/** @} */
+
 /** @return whether the text is an IPv6 address, which the library cannot use. */
 bool isIPv6(const std::string& text);
 

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -93,25 +94,23 @@ std::string contentOf(const std::string& name) {
     return data;
 }
 
-int hexDigit(char character) {
-    const char* digits = "0123456789abcdef";
-    const char* found = std::strchr(digits, character | ('A' <= character && character <= 'F' ? 0x20 : 0));
-    return character != '\0' && found != nullptr ? static_cast<int>(found - digits) : -1;
-}
-
 /** Adds the bytes of a text such as "00 0a" or "000a". */
 void appendHex(const std::string& text, std::string& data) {
-    int high = -1;
-    for (const char character : text) {
-        const int digit = hexDigit(character);
-        if (digit < 0 && (character != ' ' || high >= 0))
+    const char* const end = text.data() + text.size();
+    for (const char* at = text.data(); at != end;) {
+        if (*at == ' ') {
+            ++at;
+            continue;
+        }
+        unsigned char byte = 0;
+        const char* const stop = std::from_chars(at, std::min(at + 2, end), byte, 16).ptr;
+        if (stop == end && stop - at == 1)
+            throw ToolError(exitFailed, quoted(text) + " ends with half a byte");
+        if (stop - at != 2)
             throw ToolError(exitFailed, quoted(text) + " are no pairs of hex digits");
-        if (digit >= 0 && high >= 0)
-            data += static_cast<char>(high * 16 + digit);
-        high = digit >= 0 && high < 0 ? digit : -1;
+        data += static_cast<char>(byte);
+        at = stop;
     }
-    if (high >= 0)
-        throw ToolError(exitFailed, quoted(text) + " ends with half a byte");
 }
 
 /** Takes the digits up to two blanks of each line, so that the hex view can be read as well. */

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "AdmittedLevel.h"
 #include "Command.h"
 #include "ExitStatus.h"
 #include "Interruption.h"
@@ -9,13 +8,16 @@
 #include "RecordTrace.h"
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace VornTool {
@@ -54,6 +56,60 @@ std::string timeOf(const TracedRecord& record) {
     const auto start = std::chrono::system_clock::now().time_since_epoch() - sinceBoot;
     return timeText(
         std::chrono::duration_cast<microseconds>(start) + microseconds(std::llround(record.time * 1e6)), 6);
+}
+
+/**
+ * Raises the level of the records that another process writes, while it exists.
+ *
+ * The records above the program's own level are for tracers only: the library keeps them from the program's
+ * handler and from its standard error. A program that sets its level meanwhile takes the raise back.
+ */
+class AdmittedLevel {
+public:
+    /** @throws ToolError when the process's memory cannot be written */
+    AdmittedLevel(pid_t process, const TracedLibrary& library, int level);
+    ~AdmittedLevel();
+    AdmittedLevel(const AdmittedLevel&) = delete;
+    AdmittedLevel& operator=(const AdmittedLevel&) = delete;
+
+    /** Sets it back, unless the program has set another one meanwhile; also for a forced end. */
+    void restore() const;
+
+private:
+    bool transfer(bool isRead, int& value, std::uint64_t address) const;
+
+    pid_t m_process;
+    std::uint64_t m_address;
+    int m_raised;
+    int m_before = 0;
+    bool m_isRaised = false;
+};
+
+AdmittedLevel::AdmittedLevel(pid_t process, const TracedLibrary& library, int level)
+    : m_process(process), m_address(library.addressOf("_ZN11VornSupport11VornLogging16s_nAdmittedLevelE")),
+      m_raised(level) {
+    m_isRaised = transfer(true, m_before, m_address) && m_before < level;
+    if (m_isRaised && !transfer(false, level, m_address))
+        throw ToolError(exitFailed, std::string("cannot raise the level: ") + std::strerror(errno));
+}
+
+AdmittedLevel::~AdmittedLevel() {
+    restore();
+}
+
+void AdmittedLevel::restore() const {
+    int level = 0;
+    int before = m_before;
+    if (m_isRaised && transfer(true, level, m_address) && level == m_raised)
+        transfer(false, before, m_address);
+}
+
+bool AdmittedLevel::transfer(bool isRead, int& value, std::uint64_t address) const {
+    iovec here{&value, sizeof value};
+    iovec there{reinterpret_cast<void*>(address), sizeof value};
+    const ssize_t count = isRead ? ::process_vm_readv(m_process, &here, 1, &there, 1, 0)
+                                 : ::process_vm_writev(m_process, &here, 1, &there, 1, 0);
+    return count == sizeof value;
 }
 
 /** Prints the records of the lines of a trace. */

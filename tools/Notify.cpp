@@ -2,18 +2,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Address.h"
 #include "Command.h"
-#include "Confirmation.h"
 #include "ExitStatus.h"
 #include "Interruption.h"
 #include "LibraryRecords.h"
 #include "Output.h"
 #include "Values.h"
 
+#include <VornDispatcher.h>
 #include <VornException.h>
-#include <VornNotification.h>
 #include <VornProxyDependent.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -22,9 +23,12 @@
 namespace VornTool {
 
 using VornNet::VornConnection;
+using VornNet::VornDispatcher;
 using VornNet::VornProxyDependent;
 using VornSupport::VornException;
 using VornSupport::VornNotification;
+
+using Outcome = VornDispatcher::Outcome;
 
 namespace {
 
@@ -144,6 +148,115 @@ int Tally::exitStatus() const {
         return exitIncomplete;
     const auto& [code, failure] = *m_failures.begin();
     return statusOfFailure(code, failure.text);
+}
+
+/**
+ * Sends through a dispatcher, and prints what became of each notification when it is known.
+ *
+ * What has no outcome when it is destroyed is stopped, and printed so.
+ */
+class Confirmation {
+public:
+    /** @param timeLimit of each notification; 0 for the dispatcher's own */
+    Confirmation(std::chrono::milliseconds timeLimit, bool bJson);
+
+    /** @throws ToolError for an address that a dispatcher does not take */
+    void post(VornProxyDependent& proxy, const VornNotification& notification);
+
+    /** Waits for the outcomes, @p limit at a time. @return whether all are known */
+    bool await(std::chrono::milliseconds limit) { return m_dispatcher.flush(limit); }
+
+    /** Gives up what has no outcome. */
+    void stop() { m_dispatcher.stop(std::chrono::milliseconds(0)); }
+
+    /** @return the program's exit status, once all outcomes are known. */
+    int exitStatus() const;
+
+private:
+    VornDispatcher::Options optionsFor(std::chrono::milliseconds timeLimit);
+    void print(const VornDispatcher::Result& result);
+
+    const bool m_bJson;
+    mutable std::mutex m_mutex;
+    VornDispatcher::Result m_lastFailure; // guarded by m_mutex
+    VornDispatcher m_dispatcher;          // last: its handler uses the others
+};
+
+bool isDone(Outcome outcome) {
+    return outcome == Outcome::delivered || outcome == Outcome::sent;
+}
+
+std::string counted(unsigned int count, const char* one, const char* many) {
+    return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+Confirmation::Confirmation(std::chrono::milliseconds timeLimit, bool bJson)
+    : m_bJson(bJson), m_dispatcher(optionsFor(timeLimit)) {}
+
+void Confirmation::post(VornProxyDependent& proxy, const VornNotification& notification) {
+    try {
+        m_dispatcher.post(proxy, notification);
+    } catch (const VornException& error) {
+        if (error.getCode() != EINVAL)
+            throw;
+        throw ToolError(exitUsage, "with --confirm an address is pipe:NAME, or socket: or udp: with a dotted "
+                                   "address and a port");
+    }
+}
+
+int Confirmation::exitStatus() const {
+    const VornDispatcher::Statistics sums = m_dispatcher.statistics();
+    const std::lock_guard lock(m_mutex);
+    if (sums.nDelivered + sums.nSent == sums.nPosted)
+        return exitDone;
+    if (sums.nDelivered + sums.nSent > 0)
+        return exitIncomplete;
+    switch (m_lastFailure.outcome) {
+    case Outcome::unread:
+        return exitRefused;
+    case Outcome::expired:
+        return statusOfFailure(m_lastFailure.nCode, "");
+    default:
+        return exitFailed;
+    }
+}
+
+VornDispatcher::Options Confirmation::optionsFor(std::chrono::milliseconds timeLimit) {
+    VornDispatcher::Options options;
+    if (timeLimit > std::chrono::milliseconds(0))
+        options.terms.timeLimit = timeLimit;
+    options.overflow = VornDispatcher::Overflow::wait;
+    options.stopLimit = std::chrono::milliseconds(0);
+    options.onResult = [this](const VornDispatcher::Result& result) { print(result); };
+    return options;
+}
+
+void Confirmation::print(const VornDispatcher::Result& result) {
+    if (!isDone(result.outcome)) {
+        const std::lock_guard lock(m_mutex);
+        m_lastFailure = result;
+    }
+    const std::string outcome = VornDispatcher::nameOf(result.outcome);
+    if (m_bJson) {
+        Output::json({{"notification", result.nTicket},
+                      {"address", result.sAddress},
+                      {"outcome", outcome},
+                      {"code", result.nCode},
+                      {"tries", result.nTries},
+                      {"doubtful", result.nDoubtfulTries},
+                      {"microseconds", result.elapsed.count()}});
+        return;
+    }
+    char milliseconds[32];
+    std::snprintf(milliseconds, sizeof milliseconds, "%.2f",
+                  static_cast<double>(result.elapsed.count()) / 1000);
+    std::string text = "notification " + std::to_string(result.nTicket) + ": " + outcome + ", " +
+                       counted(result.nTries, "try", "tries") + ", " + milliseconds + " ms";
+    if (result.nDoubtfulTries > 0)
+        text += ", " + std::to_string(result.nDoubtfulTries) + " of them doubtful";
+    if (!isDone(result.outcome) && result.nCode != 0)
+        text += " (" + std::to_string(result.nCode) + " " + std::strerror(result.nCode) + ")";
+    Output::line(text);
 }
 
 /** Sees what remoteNotify() does not tell: a datagram that is too long is dropped silently. */

@@ -8,11 +8,6 @@
 
 #include <VornUtilities.h>
 
-#include <algorithm>
-#include <cctype>
-
-#include <arpa/inet.h>
-
 namespace VornTool {
 
 namespace {
@@ -65,13 +60,9 @@ int runResolve(ResolveOptions& options) {
     const std::string& query = options.query;
     if (isIPv6(query))
         throw ToolError(exitUsage, quoted(query) + " is an IPv6 address: the library has IPv4 only");
-    const bool isName = std::any_of(query.begin(), query.end(), [](char character) {
-        return std::isalpha(static_cast<unsigned char>(character)) != 0;
-    });
-    if (isName)
+    if (isName(query))
         return resolveName(options);
-    in_addr address{};
-    if (::inet_pton(AF_INET, query.c_str(), &address) != 1)
+    if (!isDotted(query))
         throw ToolError(exitUsage, quoted(query) + " is neither a host name nor a dotted IPv4 address");
     return resolveAddress(options);
 }

@@ -78,6 +78,10 @@ std::vector<Server> listUnmoved(std::vector<Server>& all, pid_t pid) {
     return unmoved;
 }
 
+std::string checkOf(const Server& server) {
+    return server.isSink() ? "sinks" : "services";
+}
+
 std::string placeOf(const Server& server) {
     return server.address + " of " + describeFully(server.processes);
 }
@@ -151,12 +155,10 @@ std::optional<Finding> judgeHeld(const Server& server) {
     const bool isWaitedFor = server.backlog() > 0;
     if (!isWaitedFor && since && *since < cPatience)
         return std::nullopt;
-    Client named = holder;
-    named.since.reset();
-    return Finding{server.isSink() ? "sinks" : "services",
+    return Finding{checkOf(server),
                    server.isSink() || isWaitedFor ? Severity::Problem : Severity::Warning,
                    placeOf(server) + " is held" + (since ? " for " + durationText(*since) : "") + " by " +
-                       describe(named) +
+                       describeWho(holder) +
                        (isReading ? ", which has connected and sends nothing" : ", which does not read") +
                        describeWaiting(server),
                    remedyAgainst(holder, server),
@@ -176,7 +178,7 @@ std::optional<Finding> judgeWorking(const Server& server) {
         isDatagram        ? "nobody reads its datagrams: a callback does not return, or its thread has ended"
         : server.isSink() ? "a callback does not return, for a notification of " + describe(server.served[0])
                           : "it is busy with " + describe(server.served[0]);
-    return Finding{server.isSink() ? "sinks" : "services",
+    return Finding{checkOf(server),
                    isWaitedFor ? Severity::Problem : Severity::Warning,
                    placeOf(server) + ": " + what + describeWaiting(server),
                    stacksOf(server.processes),
@@ -207,7 +209,7 @@ std::optional<Finding> judgeSteady(const Server& server) {
 /** The process itself does nothing, whatever its threads were doing before. */
 Finding judgeStopped(const Server& server) {
     const auto since = idleTime(server.processes.front().pid);
-    return {server.isSink() ? "sinks" : "services",
+    return {checkOf(server),
             Severity::Problem,
             placeOf(server) + ": the process is stopped" + (since ? " for " + durationText(*since) : "") +
                 describeWaiting(server),
@@ -224,13 +226,11 @@ std::optional<Finding> judgeSubscriber(const Server& server, const Client& subsc
     const auto since = isUnknown ? std::nullopt : idleTime(subscriber.processes.front().pid);
     if (since && *since < cPatience)
         return std::nullopt;
-    Client named = subscriber;
-    named.since.reset();
     const bool isStopped = areStopped(subscriber.processes);
     return Finding{"subscribers",
                    Severity::Problem,
                    "a subscriber of " + placeOf(server) + " does not read its events" +
-                       (since ? " for " + durationText(*since) : "") + ": " + describe(named) +
+                       (since ? " for " + durationText(*since) : "") + ": " + describeWho(subscriber) +
                        (isStopped   ? " is stopped"
                         : isUnknown ? ""
                                     : ", whose event handler does not return"),
@@ -253,7 +253,7 @@ std::optional<Finding> judgeWaitedFor(const Server& server) {
     if (server.backlog() == 0)
         return std::nullopt;
     const bool isHidden = ::geteuid() != 0 && server.activity == Activity::Unclear;
-    return Finding{server.isSink() ? "sinks" : "services",
+    return Finding{checkOf(server),
                    Severity::Problem,
                    placeOf(server) + ": nobody accepts its clients" +
                        (isHidden ? ", and this user may not see why" : "") + describeWaiting(server),

@@ -292,12 +292,15 @@ std::vector<Server> listServers() {
 }
 
 std::string describe(const Client& client) {
+    const bool isTimed = client.since && !client.hasGone;
+    return describeWho(client) + (isTimed ? " for " + durationText(*client.since) : "");
+}
+
+std::string describeWho(const Client& client) {
     if (client.hasGone)
         return "a process that has closed its end";
-    const std::string text = client.processes.empty() && !client.place.empty()
-                                 ? "the peer at " + client.place
-                                 : describeFully(client.processes);
-    return client.since ? text + " for " + durationText(*client.since) : text;
+    return client.processes.empty() && !client.place.empty() ? "the peer at " + client.place
+                                                             : describeFully(client.processes);
 }
 
 std::string durationText(std::chrono::milliseconds duration) {

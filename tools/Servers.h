@@ -62,8 +62,10 @@ struct Server {
 /** @return the servers of the library on this host. */
 std::vector<Server> listServers();
 
-/** @return "process 123 (name, user alice)" or its address, and how long. */
+/** @return "process 123 (name, user alice)" or its address, and for describe() how long. @{ */
 std::string describe(const Client& client);
+std::string describeWho(const Client& client);
+/** @} */
 
 /** @return "3 s", "5 min", "2 h". */
 std::string durationText(std::chrono::milliseconds duration);

@@ -136,11 +136,9 @@ std::string rateText(std::optional<double> rate) {
 }
 
 void addClients(const std::vector<Client>& clients, const std::string& state, std::vector<Row>& rows) {
-    for (const Client& client : clients) {
-        Client named = client;
-        named.since.reset();
-        rows.push_back({"  client", state, "", ageText(client.since), "", "", printable(describe(named))});
-    }
+    for (const Client& client : clients)
+        rows.push_back(
+            {"  client", state, "", ageText(client.since), "", "", printable(describeWho(client))});
 }
 
 std::vector<Row> rowsOf(const std::vector<Server>& servers, const Rates& rates) {

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Usage.h"
 
+#include "Command.h"
+#include "ExitStatus.h"
 #include "Output.h"
 
 #include <algorithm>
@@ -55,6 +57,13 @@ std::string withNearest(const std::string& text, const std::string& found, const
     return text + (found.empty() ? "; see " + otherwise : "; did you mean " + quoted(found) + "?");
 }
 
+std::string describeUnknownCommand(const CLI::App& app, const std::string& name) {
+    Names names;
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(command->get_name());
+    return withNearest("there is no command " + quoted(name), nearest(name, names), "vornnet help");
+}
+
 std::string describeUnknownArgument(const CLI::App& command, const std::string& typed) {
     const std::string help = "vornnet " + command.get_name() + " --help";
     if (typed.size() < 2 || typed[0] != '-')
@@ -66,6 +75,17 @@ std::string describeUnknownArgument(const CLI::App& command, const std::string& 
             names.push_back("--" + name);
     }
     return withNearest("there is no option " + quoted(option), nearest(option, names), help);
+}
+
+std::string helpOf(const CLI::App& app, const std::string& name) {
+    // The program's own help() would be that of the command that has been chosen.
+    if (name.empty())
+        return app.get_formatter()->make_help(&app, app.get_name(), CLI::AppFormatMode::Normal);
+    const auto commands =
+        app.get_subcommands([&name](const CLI::App* command) { return command->get_name() == name; });
+    if (commands.empty())
+        throw ToolError(exitUsage, describeUnknownCommand(app, name));
+    return commands[0]->help(app.get_name());
 }
 
 } // namespace
@@ -90,13 +110,6 @@ std::string describeUsageError(const CLI::App& app, const CLI::ParseError& error
     return std::string(error.what()) + "; see vornnet " + chosen[0]->get_name() + " --help";
 }
 
-std::string describeUnknownCommand(const CLI::App& app, const std::string& name) {
-    Names names;
-    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
-        names.push_back(command->get_name());
-    return withNearest("there is no command " + quoted(name), nearest(name, names), "vornnet help");
-}
-
 CLI::Validator atLeastOne() {
     return CLI::Validator(
         [](std::string& text) -> std::string {
@@ -107,6 +120,18 @@ CLI::Validator atLeastOne() {
             return number >= 1 ? "" : "it must be at least 1, not " + text;
         },
         "");
+}
+
+void addHelp(CLI::App& app, Runner& runner) {
+    auto name = std::make_shared<std::string>();
+    CLI::App* command = app.add_subcommand("help", "Print the help text of a command");
+    command->add_option("COMMAND", *name, "Name of the command; without it the program's own text");
+    command->callback([&app, &runner, name] {
+        runner = [&app, name] {
+            Output::bytes(helpOf(app, *name));
+            return static_cast<int>(exitDone);
+        };
+    });
 }
 
 } // namespace VornTool

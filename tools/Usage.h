@@ -12,9 +12,6 @@ namespace VornTool {
 /** @return what is wrong with the command line: what was typed, and the nearest that there is. */
 std::string describeUsageError(const CLI::App& app, const CLI::ParseError& error);
 
-/** @return that the program has no such command, and which is the nearest. */
-std::string describeUnknownCommand(const CLI::App& app, const std::string& name);
-
 /** @return a check that a number is at least 1. */
 CLI::Validator atLeastOne();
 

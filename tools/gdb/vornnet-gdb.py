@@ -86,20 +86,21 @@ def string_parts(string):
         return read_number(address, 8), read_number(address + 8, 8)
 
 
-def checked_parts(string):
-    start, size = string_parts(string)
-    if size > LONGEST_TEXT:
-        raise Unreadable("no text: its length would be %d" % size)
-    return start, size, min(size, shown_elements())
+def shown_text(string, width, decoded):
+    """A text of characters that take so many bytes, as much of it as is shown."""
+    try:
+        start, size = string_parts(string)
+        if size > LONGEST_TEXT:
+            raise Unreadable("no text: its length would be %d" % size)
+        shown = min(size, shown_elements())
+        data = read(start, shown * width) if shown else b""
+    except Unreadable as problem:
+        return "<%s>" % problem
+    return quoted(decoded(data), shown == size)
 
 
 def narrow_text(string):
-    try:
-        start, size, shown = checked_parts(string)
-        data = read(start, shown) if shown else b""
-    except Unreadable as problem:
-        return "<%s>" % problem
-    return quoted(data.decode("utf-8", "surrogateescape"), shown == size)
+    return shown_text(string, 1, lambda data: data.decode("utf-8", "surrogateescape"))
 
 
 def wide_character(number):
@@ -108,13 +109,11 @@ def wide_character(number):
 
 
 def wide_text(string):
-    try:
-        start, size, shown = checked_parts(string)
-        data = read(start, shown * 4) if shown else b""
-    except Unreadable as problem:
-        return "<%s>" % problem
-    numbers = (int.from_bytes(data[at : at + 4], "little") for at in range(0, len(data), 4))
-    return quoted("".join(map(wide_character, numbers)), shown == size)
+    def decoded(data):
+        numbers = (int.from_bytes(data[at : at + 4], "little") for at in range(0, len(data), 4))
+        return "".join(map(wide_character, numbers))
+
+    return shown_text(string, 4, decoded)
 
 
 def name_field(value, field):
@@ -796,17 +795,21 @@ PARTS = {
 TEXTS = {"VornSupport::VornString": narrow_text, "VornSupport::VornUString": wide_text}
 
 
-class ObjectPrinter:
-    """Shows an object of one of the library's classes."""
+class Printer:
+    """Shows a value as the text that a function makes of it."""
 
-    def __init__(self, value):
+    def __init__(self, value, text_of):
         self.value = value
+        self.text_of = text_of
 
     def to_string(self):
-        return described(self.value)
+        try:
+            return self.text_of(self.value)
+        except Exception as problem:  # pylint: disable=broad-except
+            return "<%s>" % str(problem).rstrip(".")
 
 
-class PartsPrinter(ObjectPrinter):
+class PartsPrinter(Printer):
     """Shows an object that has entries or parts worth a line of their own."""
 
     def children(self):
@@ -816,19 +819,6 @@ class PartsPrinter(ObjectPrinter):
             yield from PARTS[class_name(self.value.type)](self.value)
         except Exception as problem:  # pylint: disable=broad-except
             yield "[...]", "<%s>" % str(problem).rstrip(".")
-
-
-class TextPrinter:
-    """Shows one of the library's text types, where a variable is declared with it."""
-
-    def __init__(self, value):
-        self.value = value
-
-    def to_string(self):
-        try:
-            return TEXTS[self.value.type.unqualified().name](self.value)
-        except Exception as problem:  # pylint: disable=broad-except
-            return "<%s>" % str(problem).rstrip(".")
 
 
 class Printers(gdb.printing.PrettyPrinter):
@@ -842,12 +832,14 @@ class Printers(gdb.printing.PrettyPrinter):
         if type_.code == gdb.TYPE_CODE_REF:
             value = value.referenced_value()
             type_ = value.type
-        if type_.unqualified().name in TEXTS:
-            return TextPrinter(value)
+        # The text types are shown so where a variable is declared with them.
+        text_of = TEXTS.get(type_.unqualified().name)
         name = class_name(type_)
+        if text_of is not None:
+            return Printer(value, text_of)
         if name in PARTS:
-            return PartsPrinter(value)
-        return ObjectPrinter(value) if name in DESCRIBERS or is_smart_pointer(name) else None
+            return PartsPrinter(value, described)
+        return Printer(value, described) if name in DESCRIBERS or is_smart_pointer(name) else None
 
 
 # `*p` and `p->` of a smart pointer, without a process that could run its operators.

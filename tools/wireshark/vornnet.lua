@@ -175,14 +175,11 @@ end
 -- Adds a value to the tree and returns its text.
 local add = {}
 
-function add.int(tree, range)
-    tree:add(field.int, range)
-    return "int " .. range:int()
-end
-
-function add.short(tree, range)
-    tree:add(field.short, range)
-    return "short " .. range:int()
+for _, kind in ipairs({"int", "short"}) do
+    add[kind] = function(tree, range)
+        tree:add(field[kind], range)
+        return kind .. " " .. range:int()
+    end
 end
 
 function add.bool(tree, range)
@@ -289,6 +286,18 @@ function Walk:wait(what, missing)
     self.is_waiting = true
 end
 
+-- What begins here is not there as a whole: waits for the rest, or says with the text, if there is one, that it
+-- is missing.
+function Walk:lack(what, missing, text)
+    if self.can_wait then
+        self:wait(what, missing)
+    else
+        local was_captured = self.tvb:len() == self.tvb:reported_len()
+        self:rest(was_captured and remark.truncated or remark.cut, was_captured and text or nil)
+        self.is_lost = true
+    end
+end
+
 -- Takes a value of the type; false when it is not there or cannot be told.
 function Walk:value(kind)
     local size, missing, problem = measure(kind, self.tvb, self.offset)
@@ -299,13 +308,8 @@ function Walk:value(kind)
     if problem then
         self:rest(remark.length, problem)
         self.is_lost = true
-    elseif self.can_wait then
-        self:wait(kind, missing)
     else
-        local was_captured = self.tvb:len() == self.tvb:reported_len()
-        local text = was_captured and counted(self:left(), "byte") .. " of a " .. kind or nil
-        self:rest(was_captured and remark.truncated or remark.cut, text)
-        self.is_lost = true
+        self:lack(kind, missing, counted(self:left(), "byte") .. " of a " .. kind)
     end
     return false
 end
@@ -333,12 +337,8 @@ function Walk:has(size, what)
     elseif size > LONGEST_FRAME then
         self:rest(remark.length, "a " .. what .. " of " .. size .. " bytes")
         self.is_lost = true
-    elseif self.can_wait then
-        self:wait(what, missing)
     else
-        local was_captured = self.tvb:len() == self.tvb:reported_len()
-        self:rest(was_captured and remark.truncated or remark.cut)
-        self.is_lost = true
+        self:lack(what, missing)
     end
     return false
 end

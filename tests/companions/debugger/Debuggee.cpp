@@ -128,6 +128,11 @@ void use(const Pointers*... pointers) {
     (std::printf("%p", static_cast<const void*>(pointers)), ...);
 }
 
+void requireBlocked(pid_t tid) {
+    if (!VornTest::awaitBlockedInIo(tid))
+        std::abort();
+}
+
 void showTexts() {
     const VornString sPlain = "pipe:quorax1f3a";
     const VornString sEmpty;
@@ -215,15 +220,12 @@ void showServers() {
     // number.
     VornTest::WatchedThread tcpThread([&] { spTcp->waitForClient(false); });
     spTcp->waitForInit();
-    if (!VornTest::awaitBlockedInIo(tcpThread.tid()))
-        std::abort();
+    requireBlocked(tcpThread.tid());
     VornTest::WatchedThread udpThread([&] { spUdp->waitForClient(false); });
     spUdp->waitForInit();
-    if (!VornTest::awaitBlockedInIo(udpThread.tid()))
-        std::abort();
+    requireBlocked(udpThread.tid());
     VornTest::WatchedThread pipeThread([&] { spPipe->waitForClient(false); });
-    if (!VornTest::awaitBlockedInIo(pipeThread.tid()))
-        std::abort();
+    requireBlocked(pipeThread.tid());
     stopHere();
     spTcp->close();
     spUdp->close();
@@ -257,8 +259,8 @@ void showCallbacks() {
     VornLibraryCallbackSink sink("desk");
     sink.getCallbackContainer().add(new AlarmCallback(0));
     for (const pid_t tid : VornTest::threadIds()) {
-        if (tid != VornTest::currentTid() && !VornTest::awaitBlockedInIo(tid))
-            std::abort();
+        if (tid != VornTest::currentTid())
+            requireBlocked(tid);
     }
     stopHere();
 }
@@ -329,18 +331,12 @@ void showOverwritten() {
     alignas(16) std::array<unsigned char, 4096> letters{};
     alignas(16) std::array<unsigned char, 4096> zeros{};
     auto* socket = overwritten<VornSocketConnection>(letters, 0x41);
-    auto* server = overwritten<VornPipeServer>(letters, 0x41);
     auto* pointer = overwritten<VornSmartPointer<VornConnection>>(letters, 0x41);
     auto* callbacks = overwritten<VornCallbackContainer>(letters, 0x41);
     auto* identifier = overwritten<VornProxyDependentIdentifier>(letters, 0x41);
-    auto* exception = overwritten<VornException>(letters, 0x41);
-    auto* sink = overwritten<VornLibraryCallbackSink>(letters, 0x41);
     auto* dispatcher = overwritten<VornDispatcher>(letters, 0x41);
-    auto* steady = overwritten<VornSteadySink>(letters, 0x41);
     auto* publisher = overwritten<VornPublisher>(letters, 0x41);
-    auto* subscriber = overwritten<VornSubscriber>(letters, 0x41);
     auto* zeroPublisher = overwritten<VornPublisher>(zeros, 0);
-    auto* zeroSocket = overwritten<VornSocketConnection>(zeros, 0);
     auto* zeroCallbacks = overwritten<VornCallbackContainer>(zeros, 0);
     auto* zeroPointer = overwritten<VornSmartPointer<VornConnection>>(zeros, 0);
     // A word that leads into data, as the allocator leaves it in freed memory.
@@ -353,8 +349,8 @@ void showOverwritten() {
     auto* destroyed = new (remains.data()) VornPipeConnection("quorax1f3a");
     destroyed->~VornPipeConnection();
     stopHere();
-    use(socket, server, pointer, callbacks, identifier, exception, sink, zeroSocket, zeroCallbacks,
-        zeroPointer, freed, pNull, destroyed, dispatcher, steady, publisher, subscriber, zeroPublisher);
+    use(socket, pointer, callbacks, identifier, zeroCallbacks, zeroPointer, freed, pNull, destroyed,
+        dispatcher, publisher, zeroPublisher);
 }
 
 void showSpoiled() {
