@@ -5,7 +5,6 @@
 #include "LeakCheckedTest.h"
 #include "Posix.h"
 #include "Process.h"
-#include "Sandbox.h"
 
 #include <csignal>
 #include <filesystem>
@@ -15,7 +14,6 @@
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 using namespace VornTest;
 

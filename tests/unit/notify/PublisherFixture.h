@@ -3,6 +3,7 @@
 #ifndef VORNTEST_PUBLISHERFIXTURE_H
 #define VORNTEST_PUBLISHERFIXTURE_H
 
+#include "AllocationFaults.h"
 #include "Await.h"
 #include "Failure.h"
 #include "Interpose.h"
@@ -21,6 +22,20 @@
 #include <vector>
 
 namespace VornTest {
+
+/** Does it without the n-th block of memory, for each n that it needs. @return what was thrown */
+inline std::vector<std::string> withoutEachBlock(const std::function<void()>& work) {
+    std::vector<std::string> thrown;
+    work(); // so that the kit has looked up the functions that it stands before
+    for (int nth = 1; thrown.empty() || thrown.back() != "nothing"; ++nth) {
+        thrown.push_back(thrownBy([&] {
+            const AllocationFault fault(nth, AllocationFault::Mode::once, AllocationFault::Scope::thisThread);
+            work();
+        }));
+    }
+    thrown.pop_back();
+    return thrown;
+}
 
 /** A writer of these bytes. */
 inline VornNet::VornPublisher::Writer writing(const std::string& content) {

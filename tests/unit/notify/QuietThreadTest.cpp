@@ -1,13 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "QuietThread.h"
-#include "Await.h"
 #include "LeakCheckedTest.h"
-#include "Posix.h"
 
 #include <csignal>
 #include <future>
-#include <string>
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -40,40 +37,10 @@ TEST_F(QuietThreadTest, HasAllSignalsBlockedAndItsStarterHasNot) {
     }
 }
 
-TEST_F(QuietThreadTest, HasItsNameWhenItHasBeenStarted) {
-    std::promise<void> mayEnd;
-    std::promise<pid_t> number;
-    QuietThread thread;
-    thread.start("a name of twenty let", [&] {
-        number.set_value(VornTest::currentTid());
-        mayEnd.get_future().wait();
-    });
-    const std::string task = "/proc/self/task/" + std::to_string(number.get_future().get());
-    EXPECT_EQ(VornTest::readTextFile(task + "/comm"), "a name of twent\n");
-    mayEnd.set_value();
-    thread.join();
-}
-
 TEST_F(QuietThreadTest, SleepsNoLongerThanAskedFor) {
     QuietThread thread;
     std::promise<int> slack;
     thread.start("quiet", [&slack] { slack.set_value(::prctl(PR_GET_TIMERSLACK)); });
     EXPECT_EQ(slack.get_future().get(), 1);
     thread.join();
-}
-
-TEST_F(QuietThreadTest, KnowsWhetherTheCallerRunsOnIt) {
-    QuietThread thread;
-    std::promise<void> started;
-    std::promise<bool> isCurrent;
-    thread.start("quiet", [&] {
-        started.get_future().wait();
-        isCurrent.set_value(thread.isCurrent());
-    });
-    EXPECT_FALSE(thread.isCurrent());
-    started.set_value();
-    EXPECT_TRUE(isCurrent.get_future().get());
-    thread.join();
-    thread.join();
-    EXPECT_FALSE(thread.isCurrent());
 }

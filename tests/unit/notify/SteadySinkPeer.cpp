@@ -36,9 +36,20 @@ CallbackPointer SteadyClient::add(RecordingCallback::Action action) const {
     return callback;
 }
 
+std::vector<std::string> SteadyClient::awaitContents(int count) const {
+    EXPECT_TRUE(m_callback->awaitCalls(count));
+    return m_callback->contents();
+}
+
 void endSending(int fd) {
     if (::shutdown(fd, SHUT_WR) != 0)
         throw std::system_error(errno, std::generic_category(), "shutdown()");
+}
+
+UniqueFd beginNotification(const std::string& address, std::string_view content) {
+    UniqueFd fd = connectToSink(address);
+    sendAll(fd.get(), onWire(0) + std::string(content));
+    return fd;
 }
 
 UniqueFd sendNotification(const std::string& address, std::string_view content, long handle) {

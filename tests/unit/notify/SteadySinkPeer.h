@@ -5,7 +5,6 @@
 
 #include "NotificationPeer.h"
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -41,6 +40,9 @@ public:
 
     const CallbackPointer& callback() const { return m_callback; }
 
+    /** The contents of the callback's notifications; a test failure unless there are so many in time. */
+    std::vector<std::string> awaitContents(int count) const;
+
     /** Waits until one of the numbers is @p value. */
     template <typename Number>
     bool await(Number SteadyStatistics::*number, Number value) const {
@@ -56,6 +58,9 @@ private:
 
 /** Ends the sending side. */
 void endSending(int fd);
+
+/** Connects, and sends the beginning of a notification for id 0. */
+UniqueFd beginNotification(const std::string& address, std::string_view content);
 
 /** Sends a whole notification for id @p handle and ends the sending side. */
 UniqueFd sendNotification(const std::string& address, std::string_view content, long handle = 0);

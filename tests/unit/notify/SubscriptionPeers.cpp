@@ -126,6 +126,13 @@ RawSubscriber::RawSubscriber(const std::string& address, const std::string& topi
     place = {numberOf(data), numberOf(data, 8), numberOf(data, 16), intOf(data, 24)};
 }
 
+WireFrame RawSubscriber::nextButSigns() const {
+    WireFrame frame = next();
+    while (frame.kind == 3)
+        frame = next();
+    return frame;
+}
+
 std::string refusalOf(int fd) {
     const std::string answer = receiveToEnd(fd);
     if (answer.size() < 8 || answer.substr(0, 4) != bytes("00 01 ff ff") ||

@@ -96,6 +96,9 @@ public:
 
     WireFrame next() const { return receiveFrame(m_socket.get()); }
 
+    /** The next frame that is no sign of life. */
+    WireFrame nextButSigns() const;
+
 private:
     UniqueFd m_socket;
 };

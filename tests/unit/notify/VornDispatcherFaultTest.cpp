@@ -11,7 +11,6 @@
 #include <optional>
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;

@@ -5,7 +5,6 @@
 #include "Interpose.h"
 
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "DispatcherTestSupport.h"
+#include "ForkedChild.h"
 #include "Interpose.h"
 #include "Process.h"
 #include "Sanitizer.h"
@@ -15,7 +16,6 @@
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -178,16 +178,11 @@ KIT_ROLE(forksWithADispatcher) {
     static VornDispatcher dispatcher;
     BytesProxy proxy("pipe:nobody");
     dispatcher.post(proxy, VornNotification(1));
-    const pid_t child = ::fork();
-    if (child == 0)
-        std::exit(7); // destroys the child's copy
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    return std::stoi(childThatExits()); // and destroys its copy
 }
 
 TEST_F(VornDispatcher_Process, AChildThatWasForkedEndsWithoutIt) {
-    EXPECT_EQ(ChildProcess::spawnRoleWith(exitOnAnyThread, "forksWithADispatcher").wait(), 7);
+    EXPECT_EQ(ChildProcess::spawnRoleWith(exitOnAnyThread, "forksWithADispatcher").wait(), exitStatus);
 }
 
 TEST_F(VornDispatcher_Process, AChildThatHoldsItsSocketsDisturbsNothing) {
@@ -196,32 +191,22 @@ TEST_F(VornDispatcher_Process, AChildThatHoldsItsSocketsDisturbsNothing) {
     post(dispatcher, "pipe:peer", "content");
     const UniqueFd client = acceptClient(listener.get());
     EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const pid_t child = ::fork();
+    const pid_t child = forkChild([] { return ::pause(); });
     ASSERT_NE(child, -1);
-    if (child == 0) {
-        char byte = 0;
-        ::close(ends[1]);
-        [[maybe_unused]] const ssize_t ignored = ::read(ends[0], &byte, 1);
-        ::_exit(0);
-    }
-    UniqueFd mayEnd(ends[1]);
-    ::close(ends[0]);
     EXPECT_EQ(dispatcher.cancel("pipe:peer"), 1U);
     EXPECT_EQ(receiveToEnd(client.get()), "content") << "although the child has the socket, too";
     sendAll(client.get(), "an event of a socket that the dispatcher has closed");
     post(dispatcher, "pipe:peer", "next");
     EXPECT_EQ(takeOne(listener.get()), cHandle + "next");
     EXPECT_TRUE(dispatcher.flush(10s));
-    mayEnd.reset();
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    ::kill(child, SIGKILL);
+    EXPECT_EQ(statusOf(child), 128 + SIGKILL);
 }
 
 KIT_ROLE(handlerThatExits) {
     static std::unique_ptr<VornDispatcher> spDispatcher; // which exit() destroys
     VornDispatcher::Options options;
-    options.onResult = [](const Result&) { std::exit(7); };
+    options.onResult = [](const Result&) { std::exit(exitStatus); };
     spDispatcher = std::make_unique<VornDispatcher>(options);
     BytesProxy proxy("pipe:nobody");
     VornDispatcher::Terms terms;
@@ -234,7 +219,7 @@ KIT_ROLE(handlerThatExits) {
 TEST_F(VornDispatcher_Process, AResultHandlerThatExitsEndsTheProcessInGoodOrder) {
     // The thread sanitizer finds no order between the threads of a process of which one ends it.
     ChildProcess child = ChildProcess::spawnRoleWith({"TSAN_OPTIONS=report_bugs=0"}, "handlerThatExits");
-    EXPECT_EQ(child.wait(), 7);
+    EXPECT_EQ(child.wait(), exitStatus);
     EXPECT_EQ(child.readAllErrors(), "");
 }
 

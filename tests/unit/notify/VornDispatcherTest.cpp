@@ -14,8 +14,6 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 using namespace std::chrono_literals;
 using namespace VornTest;
@@ -29,7 +27,25 @@ const std::string cStopped = "VornDispatcher::post: stopped. 108";
 /** What its operations promise, whatever the transport. */
 class VornDispatcher_Operations : public DispatcherTest {
 protected:
+    void SetUp() override {
+        DispatcherTest::SetUp();
+        m_listener = listen("peer");
+    }
+
+    void TearDown() override {
+        m_listener.reset();
+        DispatcherTest::TearDown();
+    }
+
+    using DispatcherTest::takeOne;
+
+    UniqueFd accept() const { return acceptClient(m_listener.get()); }
+
+    std::string takeOne() const { return DispatcherTest::takeOne(m_listener.get()); }
+
     /** Waits until the first notification is being tried: a connection is in the listener's queue. */
+    void awaitTry() const { awaitTry(m_listener.get()); }
+
     static void awaitTry(int listener) {
         pollfd entry{listener, POLLIN, 0};
         ASSERT_EQ(::poll(&entry, 1, 10'000), 1);
@@ -51,6 +67,8 @@ protected:
 
     using Tickets = std::vector<std::uint64_t>;
     using Outcomes = std::vector<Outcome>;
+
+    UniqueFd m_listener; // of "pipe:peer", unless the test says otherwise
 };
 
 } // namespace
@@ -129,7 +147,6 @@ TEST_F(VornDispatcher_Operations, RefusesWhatIsNoAddressAndNoTerms) {
 }
 
 TEST_F(VornDispatcher_Operations, ComposesAtOnceOnceAndOnTheCallersThread) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     int nCalls = 0;
     {
@@ -147,8 +164,7 @@ TEST_F(VornDispatcher_Operations, ComposesAtOnceOnceAndOnTheCallersThread) {
         dispatcher.post(proxy, VornNotification(1));
     }
     EXPECT_EQ(nCalls, 1);
-    EXPECT_EQ(takeOne(listener.get()),
-              cHandle + bytes("00 00 00 04") + "text" + bytes("00 00 00 05 00 00 00 00 00 03"));
+    EXPECT_EQ(takeOne(), cHandle + bytes("00 00 00 04") + "text" + bytes("00 00 00 05 00 00 00 00 00 03"));
     EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
 }
 
@@ -195,7 +211,6 @@ TEST_F(VornDispatcher_Operations, PassesOnWhatAProxyThrows) {
 }
 
 TEST_F(VornDispatcher_Operations, RefusesWhatIsLongerThanAllMemoryForAll) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.nByteLimit = 100; }));
     post(dispatcher, "pipe:peer", std::string(92, 'x'));
     EXPECT_EQ(dispatcher.statistics().nQueuedBytes, 100U);
@@ -203,18 +218,17 @@ TEST_F(VornDispatcher_Operations, RefusesWhatIsLongerThanAllMemoryForAll) {
               "VornDispatcher::post: notification too long. 90");
     EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:other"); }), cQueueFull);
     EXPECT_EQ(dispatcher.statistics().nRefused, 1U) << "one that can never fit is no full queue";
-    takeOne(listener.get());
+    takeOne();
 }
 
 TEST_F(VornDispatcher_Operations, DeliversToOneAddressInOrderAndOneAtATime) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     for (int i = 1; i <= 50; ++i)
         EXPECT_EQ(post(dispatcher, "pipe:peer", std::to_string(i), i % 3), static_cast<std::uint64_t>(i));
     for (int i = 1; i <= 50; ++i) {
-        const UniqueFd client = acceptClient(listener.get());
+        const UniqueFd client = accept();
         EXPECT_EQ(receiveToEnd(client.get()).substr(8), std::to_string(i));
-        pollfd next{listener.get(), POLLIN, 0};
+        pollfd next{m_listener.get(), POLLIN, 0};
         EXPECT_EQ(::poll(&next, 1, 0), 0) << "the next one while this one has no outcome";
     }
     Tickets expected;
@@ -225,21 +239,19 @@ TEST_F(VornDispatcher_Operations, DeliversToOneAddressInOrderAndOneAtATime) {
 
 TEST_F(VornDispatcher_Operations, AddressesDoNotWaitForEachOther) {
     const UniqueFd silent = listen("silent");
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "pipe:nobody");
     post(dispatcher, "pipe:silent");
     post(dispatcher, "socket:127.0.0.1:" + std::to_string(unusedTcpPort()));
     post(dispatcher, "pipe:peer");
-    takeOne(listener.get());
+    takeOne();
     EXPECT_EQ(ticketsOf(m_results.await(1)), Tickets{4});
 }
 
 TEST_F(VornDispatcher_Operations, EachTimeLimitCountsFromItsOwnPost) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     postWith(termsOf(10s), dispatcher, "pipe:peer");
-    awaitTry(listener.get());
+    awaitTry();
     postWith(termsOf(500ms), dispatcher, "pipe:peer");
     postWith(termsOf(40ms), dispatcher, "pipe:peer");
     const std::vector<Result> results = m_results.await(2);
@@ -249,12 +261,11 @@ TEST_F(VornDispatcher_Operations, EachTimeLimitCountsFromItsOwnPost) {
         EXPECT_EQ(result.nTries, 0U);
         EXPECT_EQ(result.nCode, 0);
     }
-    takeOne(listener.get());
+    takeOne();
     EXPECT_EQ(m_results.await(3)[2].outcome, Outcome::delivered);
 }
 
 TEST_F(VornDispatcher_Operations, RefusesByDefaultWhenTheQueueIsFull) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults([](auto& o) { o.nQueueLimit = 2; }));
     post(dispatcher, "pipe:peer");
     post(dispatcher, "pipe:peer");
@@ -262,58 +273,55 @@ TEST_F(VornDispatcher_Operations, RefusesByDefaultWhenTheQueueIsFull) {
     EXPECT_EQ(post(dispatcher, "pipe:other"), 3U) << "the limit is each address's own";
     EXPECT_EQ(dispatcher.statistics().nRefused, 1U);
     EXPECT_EQ(dispatcher.queued("pipe:peer"), 2U);
-    takeOne(listener.get());
+    takeOne();
     ASSERT_TRUE(awaitCondition([&] { return dispatcher.queued("pipe:peer") == 1; }));
     EXPECT_EQ(post(dispatcher, "pipe:peer"), 4U);
 }
 
 TEST_F(VornDispatcher_Operations, DropsTheOldestThatIsNotBeingTried) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithRoomFor(3, Overflow::dropOldest));
     post(dispatcher, "pipe:peer");
-    awaitTry(listener.get());
+    awaitTry();
     for (int i = 0; i < 4; ++i)
         post(dispatcher, "pipe:peer");
     std::vector<Result> results = m_results.await(2);
     EXPECT_EQ(ticketsOf(results), (Tickets{2, 3}));
     EXPECT_EQ(outcomesOf(results), (Outcomes{Outcome::dropped, Outcome::dropped}));
     for (int i = 0; i < 3; ++i)
-        takeOne(listener.get());
+        takeOne();
     EXPECT_EQ(ticketsOf(m_results.await(5)), (Tickets{2, 3, 1, 4, 5}));
     EXPECT_EQ(dispatcher.statistics().nDropped, 2U);
     EXPECT_EQ(dispatcher.statistics().nRefused, 0U);
 }
 
 TEST_F(VornDispatcher_Operations, RefusesWhereThereIsNoneToDrop) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher::Options options = optionsWithRoomFor(1, Overflow::dropOldest);
     options.nByteLimit = 100;
     VornDispatcher dispatcher(options);
     post(dispatcher, "pipe:peer");
-    awaitTry(listener.get());
+    awaitTry();
     EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cQueueFull);
     post(dispatcher, "pipe:other", std::string(72, 'x')); // leaves 12 bytes
     EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:third", "12345"); }), cQueueFull)
         << "only the same address gives way";
     EXPECT_TRUE(m_results.now().empty());
-    takeOne(listener.get());
+    takeOne();
 }
 
 TEST_F(VornDispatcher_Operations, DropsAsManyAsMemoryAsksFor) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher::Options options = optionsWithResults();
     options.nByteLimit = 100;
     options.overflow = Overflow::dropOldest;
     VornDispatcher dispatcher(options);
     post(dispatcher, "pipe:peer");
-    awaitTry(listener.get());
+    awaitTry();
     for (int i = 0; i < 4; ++i)
         post(dispatcher, "pipe:peer", std::string(12, 'x'));
     EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer", std::string(90, 'x')); }), cQueueFull);
     EXPECT_TRUE(m_results.now().empty()) << "nothing is dropped in vain";
     post(dispatcher, "pipe:peer", std::string(50, 'x'));
     EXPECT_EQ(ticketsOf(m_results.await(3)), (Tickets{2, 3, 4}));
-    takeOne(listener.get());
+    takeOne();
 }
 
 TEST_F(VornDispatcher_Operations, DropsAsManyAsAreAboveTheLimitAfterARedirect) {
@@ -332,20 +340,18 @@ TEST_F(VornDispatcher_Operations, DropsAsManyAsAreAboveTheLimitAfterARedirect) {
 }
 
 TEST_F(VornDispatcher_Operations, WaitsForRoom) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithRoomFor(1, Overflow::wait));
     post(dispatcher, "pipe:peer");
     WatchedThread waiting([&] { EXPECT_EQ(post(dispatcher, "pipe:peer"), 2U); });
     EXPECT_TRUE(awaitBlockedOnLock(waiting.tid()));
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(waiting.join());
-    takeOne(listener.get());
+    takeOne();
     EXPECT_EQ(m_results.await(2)[1].outcome, Outcome::delivered);
     EXPECT_EQ(dispatcher.statistics().nRefused, 0U);
 }
 
 TEST_F(VornDispatcher_Operations, WaitsForRoomNoLongerThanTheTimeLimit) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithRoomFor(1, Overflow::wait));
     post(dispatcher, "pipe:peer");
     const auto start = std::chrono::steady_clock::now();
@@ -353,13 +359,12 @@ TEST_F(VornDispatcher_Operations, WaitsForRoomNoLongerThanTheTimeLimit) {
               "VornDispatcher::post: queue full. 110");
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
     EXPECT_EQ(dispatcher.statistics().nRefused, 1U);
-    takeOne(listener.get());
+    takeOne();
 }
 
 TEST_F(VornDispatcher_Operations, TheResultHandlerNeverWaitsForRoom) {
     VornDispatcher* pDispatcher = nullptr;
     std::promise<std::string> thrown;
-    const UniqueFd listener = listen("peer");
     VornDispatcher::Options options = optionsWithRoomFor(1, Overflow::wait);
     options.onResult = [&](const Result& result) {
         if (result.nTicket == 1)
@@ -370,14 +375,13 @@ TEST_F(VornDispatcher_Operations, TheResultHandlerNeverWaitsForRoom) {
     post(dispatcher, "pipe:peer");
     WatchedThread other([&] { post(dispatcher, "pipe:peer"); });
     ASSERT_TRUE(awaitBlockedOnLock(other.tid()));
-    takeOne(listener.get()); // the thread that waits fills the queue, or the handler finds room
+    takeOne(); // the thread that waits fills the queue, or the handler finds room
     EXPECT_THAT(thrown.get_future().get(), testing::AnyOf(cQueueFull, "nothing"));
     dispatcher.stop(0ms);
     other.join();
 }
 
 TEST_F(VornDispatcher_Operations, FlushWaitsForTheHandlersOfWhatWasPostedBefore) {
-    const UniqueFd listener = listen("peer");
     std::promise<void> mayReturn;
     std::shared_future<void> returns = mayReturn.get_future().share();
     std::atomic<int> nReturned = 0;
@@ -390,7 +394,7 @@ TEST_F(VornDispatcher_Operations, FlushWaitsForTheHandlersOfWhatWasPostedBefore)
     EXPECT_TRUE(dispatcher.flush(0ms)) << "nothing was posted";
     post(dispatcher, "pipe:peer");
     EXPECT_FALSE(dispatcher.flush(0ms));
-    takeOne(listener.get());
+    takeOne();
     ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 1; }));
     EXPECT_FALSE(dispatcher.flush(20ms)) << "the handler has not returned";
     WatchedThread flushing([&] {
@@ -405,7 +409,6 @@ TEST_F(VornDispatcher_Operations, FlushWaitsForTheHandlersOfWhatWasPostedBefore)
 }
 
 TEST_F(VornDispatcher_Operations, EachFlushWaitsForWhatWasPostedBeforeItself) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher;
     post(dispatcher, "pipe:peer");
     WatchedThread earlier([&] { EXPECT_TRUE(dispatcher.flush(-1ms)); });
@@ -413,15 +416,14 @@ TEST_F(VornDispatcher_Operations, EachFlushWaitsForWhatWasPostedBeforeItself) {
     post(dispatcher, "pipe:peer");
     WatchedThread later([&] { EXPECT_TRUE(dispatcher.flush(-1ms)); });
     ASSERT_TRUE(awaitBlockedOnLock(later.tid()));
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(earlier.join());
     EXPECT_FALSE(later.finished());
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(later.join());
 }
 
 TEST_F(VornDispatcher_Operations, AFlushDoesNotCountWhatIsPostedLaterAndDeliveredEarlier) {
-    const UniqueFd listener = listen("peer");
     const UniqueFd other = listen("other");
     VornDispatcher dispatcher;
     post(dispatcher, "pipe:peer");
@@ -431,7 +433,7 @@ TEST_F(VornDispatcher_Operations, AFlushDoesNotCountWhatIsPostedLaterAndDelivere
     takeOne(other.get());
     ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 1; }));
     EXPECT_FALSE(flushing.finished());
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(flushing.join());
 }
 
@@ -486,7 +488,6 @@ TEST_F(VornDispatcher_Operations, TheResultHandlerMayPostCancelRedirectAndAsk) {
 }
 
 TEST_F(VornDispatcher_Operations, CancelGivesUpEverythingForOneAddress) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     EXPECT_EQ(dispatcher.cancel("pipe:peer"), 0U);
     EXPECT_EQ(dispatcher.cancel("no address"), 0U);
@@ -494,7 +495,7 @@ TEST_F(VornDispatcher_Operations, CancelGivesUpEverythingForOneAddress) {
     for (int i = 0; i < 3; ++i)
         post(dispatcher, "pipe:peer", "content");
     post(dispatcher, "pipe:nobody");
-    const UniqueFd client = acceptClient(listener.get());
+    const UniqueFd client = accept();
     EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
     EXPECT_EQ(dispatcher.cancel("pipe:peer"), 3U);
     EXPECT_EQ(dispatcher.queued("pipe:peer"), 0U);
@@ -504,18 +505,18 @@ TEST_F(VornDispatcher_Operations, CancelGivesUpEverythingForOneAddress) {
     EXPECT_EQ(outcomesOf(results), Outcomes(3, Outcome::cancelled));
     EXPECT_EQ(results[0].nDoubtfulTries, 1U) << "it may have reached the callback";
     EXPECT_EQ(results[1].nDoubtfulTries, 0U);
-    pollfd next{listener.get(), POLLIN, 0};
+    pollfd next{m_listener.get(), POLLIN, 0};
     EXPECT_EQ(::poll(&next, 1, 0), 0) << "nothing more is sent";
     EXPECT_EQ(dispatcher.queued("pipe:nobody"), 1U);
     post(dispatcher, "pipe:peer", "new");
-    EXPECT_EQ(takeOne(listener.get()), cHandle + "new");
+    EXPECT_EQ(takeOne(), cHandle + "new");
 }
 
 TEST_F(VornDispatcher_Operations, RedirectTakesEverythingBeforeWhatWaitsThere) {
-    const UniqueFd listener = listen("new");
+    m_listener = listen("new");
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "pipe:new", "first");
-    awaitTry(listener.get());
+    awaitTry();
     post(dispatcher, "pipe:new", "last");
     post(dispatcher, "pipe:old", "second");
     post(dispatcher, "pipe:old", "third");
@@ -524,7 +525,7 @@ TEST_F(VornDispatcher_Operations, RedirectTakesEverythingBeforeWhatWaitsThere) {
     EXPECT_EQ(dispatcher.queued("pipe:old"), 0U);
     EXPECT_EQ(dispatcher.queued("pipe:new"), 4U);
     for (const char* sContent : {"first", "second", "third", "last"})
-        EXPECT_EQ(takeOne(listener.get()), cHandle + sContent);
+        EXPECT_EQ(takeOne(), cHandle + sContent);
     const std::vector<Result> results = m_results.await(4);
     EXPECT_EQ(ticketsOf(results), (Tickets{1, 3, 4, 2}));
     EXPECT_EQ(results[1].sAddress, "pipe:new");
@@ -540,13 +541,13 @@ TEST_F(VornDispatcher_Operations, RedirectEndsATryAsAResetWould) {
     int nPort = 0;
     const UniqueFd tcp = tcpListen("127.0.0.1", nPort);
     const std::string sTcp = "socket:127.0.0.1:" + std::to_string(nPort);
-    const UniqueFd listener = listen("new");
+    m_listener = listen("new");
     VornDispatcher dispatcher(optionsWithResults());
 
     post(dispatcher, "pipe:old", "untaken");
     awaitTry(pipe.get());
     EXPECT_EQ(dispatcher.redirect("pipe:old", "pipe:new"), 1U);
-    EXPECT_EQ(takeOne(listener.get()), cHandle + "untaken");
+    EXPECT_EQ(takeOne(), cHandle + "untaken");
     EXPECT_EQ(m_results.await(1)[0].nDoubtfulTries, 0U);
     acceptClient(pipe.get());
 
@@ -563,7 +564,7 @@ TEST_F(VornDispatcher_Operations, RedirectEndsATryAsAResetWould) {
     const UniqueFd other = acceptClient(tcp.get());
     EXPECT_EQ(receiveExactly(other.get(), 8), cHandle);
     EXPECT_EQ(dispatcher.redirect(sTcp, "pipe:new"), 1U);
-    EXPECT_EQ(takeOne(listener.get()), cHandle + "doubtful");
+    EXPECT_EQ(takeOne(), cHandle + "doubtful");
     const Result doubtful = m_results.await(3)[2];
     EXPECT_EQ(doubtful.outcome, Outcome::delivered);
     EXPECT_EQ(doubtful.nCode, ECONNRESET);
@@ -601,13 +602,12 @@ TEST_F(VornDispatcher_Operations, RedirectMayExceedTheLimitAndKeepsTimeLimits) {
 }
 
 TEST_F(VornDispatcher_Operations, StatisticsAreTheSumOfAll) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "pipe:peer", "content");
     post(dispatcher, "pipe:peer", "more");
     postWith(termsOf(200ms), dispatcher, "pipe:nobody");
     m_results.await(1);
-    awaitTry(listener.get());
+    awaitTry();
     VornDispatcher::Statistics found = dispatcher.statistics();
     EXPECT_EQ(found.nPosted, 3U);
     EXPECT_EQ(found.nExpired, 1U);
@@ -616,8 +616,8 @@ TEST_F(VornDispatcher_Operations, StatisticsAreTheSumOfAll) {
     EXPECT_EQ(found.nAddresses, 1U);
     EXPECT_EQ(found.nConnections, 1U);
     EXPECT_GT(found.nTries, 1U);
-    takeOne(listener.get());
-    takeOne(listener.get());
+    takeOne();
+    takeOne();
     m_results.await(3);
     found = dispatcher.statistics();
     EXPECT_EQ(found.nPosted, found.nDelivered + found.nExpired);
@@ -626,14 +626,13 @@ TEST_F(VornDispatcher_Operations, StatisticsAreTheSumOfAll) {
 }
 
 TEST_F(VornDispatcher_Operations, StopDeliversWhatItCanAndTellsEveryResult) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     for (int i = 0; i < 3; ++i)
         post(dispatcher, "pipe:peer");
     post(dispatcher, "pipe:nobody");
     WatchedThread stopping([&] { dispatcher.stop(1s); });
     for (int i = 0; i < 3; ++i)
-        takeOne(listener.get());
+        takeOne();
     EXPECT_TRUE(stopping.join());
     const std::vector<Result> results = m_results.now();
     EXPECT_EQ(outcomesOf(results),
@@ -656,10 +655,9 @@ TEST_F(VornDispatcher_Operations, StopEndsAtOnceWhenEverythingHasItsOutcome) {
 }
 
 TEST_F(VornDispatcher_Operations, StopWithoutTimeLeavesATryInDoubt) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "pipe:peer", "content");
-    const UniqueFd client = acceptClient(listener.get());
+    const UniqueFd client = accept();
     EXPECT_EQ(receiveExactly(client.get(), 8), cHandle);
     dispatcher.stop(0ms);
     const Result result = m_results.awaitOne();
@@ -669,7 +667,6 @@ TEST_F(VornDispatcher_Operations, StopWithoutTimeLeavesATryInDoubt) {
 }
 
 TEST_F(VornDispatcher_Operations, ASecondStopWaitsForTheFirst) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "pipe:peer");
     WatchedThread first([&] { dispatcher.stop(-1ms); });
@@ -679,7 +676,7 @@ TEST_F(VornDispatcher_Operations, ASecondStopWaitsForTheFirst) {
         EXPECT_EQ(m_results.now().size(), 1U);
     });
     ASSERT_TRUE(awaitBlockedOnLock(second.tid()));
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(first.join());
     EXPECT_TRUE(second.join());
     EXPECT_EQ(m_results.now()[0].outcome, Outcome::delivered);
@@ -705,7 +702,6 @@ TEST_F(VornDispatcher_Operations, StopWaitsForAThreadThatIsAboutToWakeIt) {
 }
 
 TEST_F(VornDispatcher_Operations, StopEndsThoseWhoWaitForRoom) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithRoomFor(1, Overflow::wait));
     post(dispatcher, "pipe:peer");
     WatchedThread waiting([&] { EXPECT_EQ(thrownBy([&] { post(dispatcher, "pipe:peer"); }), cStopped); });
@@ -715,14 +711,13 @@ TEST_F(VornDispatcher_Operations, StopEndsThoseWhoWaitForRoom) {
 }
 
 TEST_F(VornDispatcher_Operations, TheDestructorGivesWhatIsQueuedItsTime) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher::Options options = optionsWithResults();
     options.stopLimit = 10s;
     WatchedThread owner([&] {
         VornDispatcher dispatcher(options);
         post(dispatcher, "pipe:peer");
     });
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(owner.join());
     EXPECT_EQ(m_results.now()[0].outcome, Outcome::delivered);
 }
@@ -777,7 +772,6 @@ TEST_F(VornDispatcher_Operations, WithoutMemoryForWhatAHandlerThrewItIsCalledAga
 #endif
 
 TEST_F(VornDispatcher_Operations, ASlowHandlerDelaysNoDelivery) {
-    const UniqueFd listener = listen("peer");
     std::promise<void> mayReturn;
     std::shared_future<void> returns = mayReturn.get_future().share();
     std::atomic<int> nCalls = 0;
@@ -790,7 +784,7 @@ TEST_F(VornDispatcher_Operations, ASlowHandlerDelaysNoDelivery) {
     for (int i = 0; i < 20; ++i)
         post(dispatcher, "pipe:peer");
     for (int i = 0; i < 20; ++i)
-        takeOne(listener.get());
+        takeOne();
     ASSERT_TRUE(awaitCondition([&] { return dispatcher.statistics().nDelivered == 20; }));
     EXPECT_LE(nCalls, 1) << "one call at a time";
     mayReturn.set_value();
@@ -799,12 +793,11 @@ TEST_F(VornDispatcher_Operations, ASlowHandlerDelaysNoDelivery) {
 }
 
 TEST_F(VornDispatcher_Operations, TimeLimitsWithoutEndAreNone) {
-    const UniqueFd listener = listen("peer");
     VornDispatcher::Options options = optionsWithResults();
     options.terms.timeLimit = options.connectLimit = options.stopLimit = std::chrono::milliseconds::max();
     VornDispatcher dispatcher(options);
     post(dispatcher, "pipe:peer");
-    takeOne(listener.get());
+    takeOne();
     EXPECT_TRUE(dispatcher.flush(std::chrono::milliseconds::max()));
     EXPECT_EQ(m_results.awaitOne().outcome, Outcome::delivered);
     dispatcher.stop(std::chrono::milliseconds::max());
@@ -845,7 +838,6 @@ TEST_F(VornDispatcher_Operations, FewConnectionsServeManyAddresses) {
 TEST_F(VornDispatcher_Operations, PostsOfManyThreadsAreNumberedInTheOrderOfTheirQueue) {
     constexpr int cThreads = 4;
     constexpr int cPosts = 200;
-    const UniqueFd listener = listen("peer");
     VornDispatcher dispatcher(optionsWithResults());
     std::vector<std::unique_ptr<WatchedThread>> threads;
     for (int i = 0; i < cThreads; ++i)
@@ -858,7 +850,7 @@ TEST_F(VornDispatcher_Operations, PostsOfManyThreadsAreNumberedInTheOrderOfTheir
             }
         }));
     for (int i = 0; i < cThreads * cPosts; ++i)
-        takeOne(listener.get());
+        takeOne();
     for (const auto& thread : threads)
         EXPECT_TRUE(thread->join());
     const Tickets tickets = ticketsOf(m_results.await(cThreads * cPosts));

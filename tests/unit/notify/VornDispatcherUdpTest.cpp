@@ -5,8 +5,11 @@
 
 #include <set>
 
+#include <gmock/gmock.h>
+
 using namespace std::chrono_literals;
 using namespace VornTest;
+using testing::MatchesRegex;
 
 namespace {
 
@@ -39,11 +42,7 @@ TEST_F(VornDispatcher_Udp, WhereNobodyListensItIsSentAgainUntilTheLimit) {
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, m_sAddress);
     expireAfter(3, dispatcher);
-    const Result result = m_results.awaitOne();
-    EXPECT_EQ(result.outcome, Outcome::expired);
-    EXPECT_EQ(result.nCode, ECONNREFUSED);
-    EXPECT_GT(result.nTries, 2U);
-    EXPECT_EQ(result.nDoubtfulTries, 0U);
+    EXPECT_THAT(summaryOf(m_results.awaitOne()), MatchesRegex("expired 111, .* tries, 0 doubtful"));
 }
 
 TEST_F(VornDispatcher_Udp, ASinkThatOpensLaterGetsIt) {
@@ -107,8 +106,5 @@ TEST_F(VornDispatcher_Udp, AnAddressThatCannotBeReachedIsTriedAgain) {
     VornDispatcher dispatcher(optionsWithResults());
     post(dispatcher, "udp:10.1.2.3:5023");
     expireAfter(2, dispatcher);
-    const Result result = m_results.awaitOne();
-    EXPECT_EQ(result.outcome, Outcome::expired);
-    EXPECT_EQ(result.nCode, ENETUNREACH);
-    EXPECT_GT(result.nTries, 1U);
+    EXPECT_THAT(summaryOf(m_results.awaitOne()), MatchesRegex("expired 101, .*"));
 }

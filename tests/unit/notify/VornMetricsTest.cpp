@@ -11,7 +11,6 @@
 #include <limits>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using namespace VornNet;
 using namespace VornTest;

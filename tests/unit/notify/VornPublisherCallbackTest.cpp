@@ -59,14 +59,6 @@ protected:
         return wireNumber(handle << 32) + wireNumber(number) + content;
     }
 
-    /** The next frame of another kind. */
-    static WireFrame nextBut(const RawSubscriber& subscriber, std::uint32_t kind) {
-        WireFrame frame = subscriber.next();
-        while (frame.kind == kind)
-            frame = subscriber.next();
-        return frame;
-    }
-
     UniqueFd m_sink;
     int m_port = 0;
 };
@@ -173,21 +165,6 @@ TEST_P(VornPublisher_Callback, WhoeverLeaves_IsSentNothingMore) {
     }
 }
 
-TEST_P(VornPublisher_Callback, OneOfTwoAtAnAddressLeaves_AndTheOtherHasItAll) {
-    RawSubscriber first(address(), "builds", request(7));
-    const RawSubscriber second(address(), "builds", request(8));
-    for (int i = 0; i < 40; ++i)
-        publish("x");
-    first.socket().reset();
-    ASSERT_TRUE(m_departures.await(1));
-    for (std::uint64_t expected = 1; expected <= 40;) {
-        const std::string data = take();
-        if (numberOf(data) >> 32 == 8) {
-            ASSERT_EQ(data, notification(8, expected++, "x"));
-        }
-    }
-}
-
 TEST_P(VornPublisher_Callback, OneOfTwoLeavesWhoseAddressesReadDifferently_AndTheOtherHasEachOnce) {
     RawSubscriber first(address(), "builds", request(7));
     WireRequest sameElsewhere = request(8);
@@ -249,7 +226,7 @@ TEST_P(VornPublisher_CallbackOfMebibytes, MoreThanMayWaitForAllSinks_IsSentLater
     EXPECT_EQ(take().substr(0, 17), notification(2, 1, "y"));
     EXPECT_EQ(take(), notification(2, 2, "after it"));
     for (const RawSubscriber* subscriber : {&first, &second}) {
-        EXPECT_EQ(nextBut(*subscriber, 3), WireFrame::last(1, "the service stops"));
+        EXPECT_EQ(subscriber->nextButSigns(), WireFrame::last(1, "the service stops"));
         ::shutdown(subscriber->fd(), SHUT_RDWR);
     }
     EXPECT_TRUE(stopping.join());
@@ -266,7 +243,7 @@ TEST_P(VornPublisher_Callback, ASinkThatTakesNothingForAMinute_EndsTheSubscripti
     EXPECT_FALSE(publisher().flush(50ms));
     ClockShift::set(61s);
     publish("so that the publisher looks");
-    EXPECT_EQ(nextBut(subscriber, 3), WireFrame::last(2, "the callback address does not answer"));
+    EXPECT_EQ(subscriber.nextButSigns(), WireFrame::last(2, "the callback address does not answer"));
     subscriber.socket().reset();
     ASSERT_TRUE(m_departures.await(1));
     EXPECT_THAT(m_departures.lines(), ElementsAre("1 lost 110"));
@@ -286,7 +263,7 @@ TEST_P(VornPublisher_Callback, ASinkThatTakesEventsSlowly_HasAMinuteForEach) {
             awaitCondition([&] { return publisher().subscribers().at(0).position.nNumber == number - 1; }));
         ClockShift::set(number * 40s);
         publish("so that the publisher looks");
-        EXPECT_EQ(nextBut(looking, 3).kind, 1U);
+        EXPECT_EQ(looking.nextButSigns().kind, 1U);
         receiveToEnd(sender.get());
     }
     for (int i = 0; i < 6; ++i)
@@ -323,7 +300,7 @@ TEST_P(VornPublisher_Callback, ASinkThatTakesTheEventsOfOneWhoHasLeft_IsThereFor
     EXPECT_EQ(publisher().statistics().nSubscribers, 2U);
     ClockShift::set(101s);
     publish("so that the publisher looks");
-    EXPECT_EQ(nextBut(staying, 3), WireFrame::last(2, "the callback address does not answer"));
+    EXPECT_EQ(staying.nextButSigns(), WireFrame::last(2, "the callback address does not answer"));
 }
 
 /** A sink that takes datagrams, into which an event may not fit. */

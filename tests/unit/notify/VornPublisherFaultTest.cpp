@@ -9,7 +9,6 @@
 
 #include <VornSubscriber.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>

@@ -16,7 +16,6 @@
 #include <filesystem>
 #include <memory>
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 using namespace VornNet;

@@ -4,9 +4,7 @@
  * A publisher without memory.
  */
 
-#include "WithoutMemory.h"
-
-#include <filesystem>
+#include "PublisherFixture.h"
 
 #include <gmock/gmock.h>
 #include <poll.h>
@@ -20,9 +18,7 @@ using namespace VornTest;
 
 namespace {
 
-class VornPublisher_Memory : public HistoryFixture {
-protected:
-};
+using VornPublisher_Memory = HistoryFixture;
 
 TEST_F(VornPublisher_Memory, APublisherThatGetsNoneAtItsConstruction_ThrowsAndLeavesNothing) {
     const VornPublisher::Options options;

@@ -18,7 +18,6 @@
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 
 using namespace VornTest;
 using namespace std::chrono_literals;
@@ -121,8 +120,7 @@ TEST_P(VornSteadySink_Confirmation, AnUnknownId_IsAReset) {
 
 TEST_P(VornSteadySink_Confirmation, ANotificationThatIsTooLong_IsAResetAtOnce) {
     const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.nMessageLimit = 100; }));
-    const UniqueFd fd = connectToSink(client.address());
-    sendAll(fd.get(), onWire(0) + std::string(93, 'x'));
+    const UniqueFd fd = beginNotification(client.address(), std::string(93, 'x'));
     EXPECT_EQ(endingOf(fd.get()), "reset");
     EXPECT_EQ(client.statistics().nTooLong, 1U);
     EXPECT_EQ(deliverTo(client.address(), std::string(92, 'x')), "end");
@@ -131,8 +129,7 @@ TEST_P(VornSteadySink_Confirmation, ANotificationThatIsTooLong_IsAResetAtOnce) {
 TEST_P(VornSteadySink_Confirmation, ANotificationThatIsNotCompleteInTime_IsAReset) {
     const SteadyClient client(optionsFor(GetParam(), [](auto& o) { o.readLimit = 50ms; }));
     const auto start = std::chrono::steady_clock::now();
-    const UniqueFd fd = connectToSink(client.address());
-    sendAll(fd.get(), onWire(0) + "but no end");
+    const UniqueFd fd = beginNotification(client.address(), "but no end");
     EXPECT_EQ(endingOf(fd.get()), "reset");
     EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
     EXPECT_EQ(client.statistics().nTimedOut, 1U);
@@ -169,8 +166,7 @@ TEST_P(VornSteadySink_Confirmation, WhenTheSinkIsDestroyed_WhatWaitsIsResetAndWh
     ASSERT_TRUE(held.awaitEntered());
     const UniqueFd waiting = sendNotification(client.address(), "waiting");
     ASSERT_TRUE(client.await(&SteadyStatistics::nWaiting, std::size_t{2}));
-    const UniqueFd half = connectToSink(client.address());
-    sendAll(half.get(), onWire(0) + "half");
+    const UniqueFd half = beginNotification(client.address(), "half");
     ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{3}));
     WatchedThread destroyer([&] { client.destroy(); });
     EXPECT_EQ(endingOf(waiting.get()), "reset");
@@ -197,8 +193,7 @@ TEST_P(VornSteadySink_Confirmation, WhenTheProcessIsKilledInACallback_TheSenderS
 
 TEST_P(VornSteadySink_Confirmation, ASenderThatWaitsWithTheEnd_IsNotCalledBefore) {
     const SteadyClient client(optionsFor(GetParam()));
-    const UniqueFd fd = connectToSink(client.address());
-    sendAll(fd.get(), onWire(0) + "content");
+    const UniqueFd fd = beginNotification(client.address(), "content");
     ASSERT_EQ(deliverTo(client.address(), "other"), "end");
     EXPECT_THAT(client.callback()->contents(), ElementsAre("other"));
     endSending(fd.get());
@@ -233,8 +228,7 @@ TEST_F(VornSteadySink_PipeBytes, TheFirstSevenAtOnce_AreTaken) {
 TEST_F(VornSteadySink_PipeBytes, TheLastOne_IsLeftUntilTheCallbackHasReturned) {
     HeldCallback held;
     const SteadyClient client(optionsFor(Kind::pipe), held.action());
-    const UniqueFd fd = connectToSink(client.address());
-    sendAll(fd.get(), onWire(0) + "conten");
+    const UniqueFd fd = beginNotification(client.address(), "conten");
     sendAll(fd.get(), "t");
     endSending(fd.get());
     ASSERT_TRUE(held.awaitEntered());
@@ -259,8 +253,7 @@ TEST_F(VornSteadySink_PipeBytes, ATooShortStreamThatHasEndedBeforeItIsRead_IsARe
 
 TEST_F(VornSteadySink_PipeBytes, OverTcp_AResetOfTheSender_IsCountedAndCallsNothing) {
     const SteadyClient client(optionsFor(Kind::socket));
-    UniqueFd fd = connectToSink(client.address());
-    sendAll(fd.get(), onWire(0) + "content");
+    UniqueFd fd = beginNotification(client.address(), "content");
     ASSERT_TRUE(client.await(&SteadyStatistics::nConnections, std::size_t{1}));
     resetOnClose(fd.get());
     fd.reset();

@@ -5,7 +5,6 @@
  */
 
 #include "Interpose.h"
-#include "LogCapture.h"
 #include "Process.h"
 #include "Sandbox.h"
 #include "SteadySinkPeer.h"
@@ -21,7 +20,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace VornTest;
@@ -94,9 +92,7 @@ TEST_F(VornSteadySink_Senders, Networks_AdmitTheirAddressesOnly) {
 }
 
 TEST_F(VornSteadySink_Senders, OverTcp_ARefusedOneSeesAResetBeforeItHasSentAnything) {
-    SteadyOptions options = optionsFor(Kind::socket);
-    options.allowedNetworks = {"10.0.0.0/8"};
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::socket, [](auto& o) { o.allowedNetworks = {"10.0.0.0/8"}; }));
     const UniqueFd fd = connectToSink(client.address());
     EXPECT_EQ(endingOf(fd.get()), "reset");
     EXPECT_EQ(client.statistics().nRefused, 1U);
@@ -104,9 +100,7 @@ TEST_F(VornSteadySink_Senders, OverTcp_ARefusedOneSeesAResetBeforeItHasSentAnyth
 }
 
 TEST_F(VornSteadySink_Senders, OverUdp_ARefusedDatagramIsCountedAndIgnored) {
-    SteadyOptions options = optionsFor(Kind::udp);
-    options.allowedNetworks = {"127.0.0.2"};
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::udp, [](auto& o) { o.allowedNetworks = {"127.0.0.2"}; }));
     const Target target(client.address());
     for (const char* source : {"127.0.0.1", "127.0.0.2"}) {
         int port = 0;
@@ -117,17 +111,13 @@ TEST_F(VornSteadySink_Senders, OverUdp_ARefusedDatagramIsCountedAndIgnored) {
 }
 
 TEST_F(VornSteadySink_Senders, OverAPipe_OnlyTheUsersInTheListMaySend) {
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.allowedUsers = {4711, ::getuid()};
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) { o.allowedUsers = {4711, ::getuid()}; }));
     EXPECT_EQ(deliverTo(client.address(), ""), "end");
     EXPECT_EQ(client.statistics().nRefused, 0U);
 }
 
 TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneSeesAReset) {
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.allowedUsers = {4711};
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) { o.allowedUsers = {4711}; }));
     const UniqueFd fd = connectToSink(client.address());
     ASSERT_TRUE(client.await(&SteadyStatistics::nRefused, std::uint64_t{1}));
     sendAll(fd.get(), std::string(1, '\0')); // only now there is something to be reset
@@ -140,10 +130,10 @@ TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneSeesAReset) {
 }
 
 TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneThatIsSilentIsClosedAtTheReadLimit) {
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.allowedUsers = {4711};
-    options.readLimit = 50ms;
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) {
+        o.allowedUsers = {4711};
+        o.readLimit = 50ms;
+    }));
     const UniqueFd fd = connectToSink(client.address());
     EXPECT_EQ(endingOf(fd.get()), "end");
     EXPECT_EQ(client.statistics().nRefused, 1U);
@@ -151,9 +141,7 @@ TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneThatIsSilentIsClosedAtTheRea
 }
 
 TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneThatClosesSilentlyIsForgotten) {
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.allowedUsers = {4711};
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) { o.allowedUsers = {4711}; }));
     UniqueFd fd = connectToSink(client.address());
     ASSERT_TRUE(client.await(&SteadyStatistics::nRefused, std::uint64_t{1}));
     EXPECT_EQ(client.statistics().nConnections, 1U);
@@ -163,9 +151,7 @@ TEST_F(VornSteadySink_Senders, OverAPipe_ARefusedOneThatClosesSilentlyIsForgotte
 }
 
 TEST_F(VornSteadySink_Senders, OverAPipe_OneWhoseUserCannotBeToldIsRefused) {
-    SteadyOptions options = optionsFor(Kind::pipe);
-    options.allowedUsers = {::getuid()};
-    const SteadyClient client(options);
+    const SteadyClient client(optionsFor(Kind::pipe, [](auto& o) { o.allowedUsers = {::getuid()}; }));
     {
         const FaultRule fault("getsockopt", EIO);
         EXPECT_EQ(deliverTo(client.address(), "first"), "reset");

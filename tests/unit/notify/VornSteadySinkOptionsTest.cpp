@@ -10,11 +10,8 @@
 
 #include <limits>
 
-#include <VornException.h>
 #include <gmock/gmock.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace VornTest;
@@ -22,7 +19,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-using testing::MatchesRegex;
 using testing::StartsWith;
 
 class VornSteadySink_Options : public NotificationTest {};

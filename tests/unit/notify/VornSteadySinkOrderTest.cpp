@@ -108,8 +108,7 @@ TEST_P(VornSteadySink_Order, WhatWaits_IsCalledInTheOrderOfAcceptance) {
 
 TEST_P(VornSteadySink_Order, AYoungerOne_DoesNotWaitForAnOlderThatIsNotComplete) {
     const SteadyClient client(optionsFor(GetParam()));
-    const UniqueFd half = connectToSink(client.address());
-    sendAll(half.get(), onWire(0) + "half");
+    const UniqueFd half = beginNotification(client.address(), "half");
     EXPECT_EQ(deliverTo(client.address(), "whole"), "end");
     EXPECT_THAT(client.callback()->contents(), ElementsAre("whole"));
 }

@@ -4,7 +4,7 @@
  * A subscriber without memory.
  */
 
-#include "WithoutMemory.h"
+#include "PublisherFixture.h"
 
 #include <VornSubscriber.h>
 

@@ -13,7 +13,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -25,8 +24,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace VornNet;
@@ -36,7 +33,6 @@ using namespace std::chrono_literals;
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Options = VornSubscriber::Options;
 using State = VornSubscriber::State;
 
@@ -831,13 +827,6 @@ TEST_P(VornSubscriber_Wire, Stop_LeavesNoDescriptorButTheHandle) {
         EXPECT_EQ(::poll(&entry, 1, 0), 0);
     }
     ::unlink("/opt/position");
-}
-
-TEST_P(VornSubscriber_Wire, NoHandlerIsToldOfStop) {
-    connect();
-    ASSERT_TRUE(awaitLine("connected '' 0"));
-    subscriber().stop();
-    EXPECT_THAT(lines(), ElementsAre("connected '' 0"));
 }
 
 // Position files.
