@@ -23,16 +23,11 @@ using testing::HasSubstr;
 
 class Kit : public LeakCheckedTest {};
 
-/** A test that is run by hand, as it must fail. */
+/** A test that leaves a descriptor open. */
 class LeakyKit : public LeakCheckedTest {
 public:
-    explicit LeakyKit(int expected) : m_expected(expected) {}
-
-    void runOnce() {
-        SetUp();
-        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        expectDescriptorLeak(m_expected);
-        TearDown();
+    explicit LeakyKit(int expected) : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        expectDescriptorLeak(expected);
     }
 
     int fd() const { return m_fd; }
@@ -40,28 +35,20 @@ public:
 private:
     void TestBody() override {}
 
-    int m_expected;
-    int m_fd = -1;
+    const int m_fd;
 };
 
 } // namespace
 
 TEST_F(Kit, LeaksAreReported) {
     int fd = -1;
-    EXPECT_NONFATAL_FAILURE(
-        {
-            LeakyKit test(0);
-            test.runOnce();
-            fd = test.fd();
-        },
-        "left open: descriptor");
+    EXPECT_NONFATAL_FAILURE(fd = LeakyKit(0).fd(), "left open: descriptor");
     EXPECT_FALSE(isOpen(fd));
 }
 
 TEST_F(Kit, ExpectedLeaksAreClosed) {
-    LeakyKit test(1);
-    test.runOnce();
-    EXPECT_FALSE(isOpen(test.fd()));
+    const int fd = LeakyKit(1).fd();
+    EXPECT_FALSE(isOpen(fd));
 }
 
 TEST_F(Kit, ConditionWhichNeverComesTrueTimesOut) {

@@ -32,13 +32,13 @@ void list(std::ostream& out, const char* title, const std::map<int, std::string>
 
 } // namespace
 
-void LeakCheckedTest::SetUp() {
+LeakCheckedTest::LeakCheckedTest() {
     restoreSystemFiles();
     m_descriptors = descriptorTable();
     m_threads = threadIds().size();
 }
 
-void LeakCheckedTest::TearDown() {
+LeakCheckedTest::~LeakCheckedTest() {
     // A joined thread may be listed for a moment after its join.
     if (!awaitCondition([this] { return isAsExpected(); }, std::chrono::seconds(5))) {
         ADD_FAILURE() << "the test leaves its process changed (" << m_expectedLeak

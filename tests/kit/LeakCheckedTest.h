@@ -20,16 +20,15 @@ namespace VornTest {
  *
  * Every test starts with the sandbox's own /etc/hosts and /etc/group, see restoreSystemFiles().
  *
- * An overriding SetUp() calls this one first, an overriding TearDown() calls this one last; members of the
- * fixture live longer than TearDown(), so what they own must have been closed by then. Combine it with
- * testing::WithParamInterface for tests with parameters.
+ * It looks before the members of a fixture are made and when they are gone, so they may own what they like.
+ * Combine it with testing::WithParamInterface for tests with parameters.
  */
 class LeakCheckedTest : public testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    LeakCheckedTest();
+    ~LeakCheckedTest() override;
 
-    /** Says that the test leaves @p count descriptors open by contract; TearDown() then closes them. */
+    /** Says that the test leaves @p count descriptors open by contract; they are closed at its end. */
     void expectDescriptorLeak(int count);
 
 private:

@@ -31,9 +31,8 @@ struct Loop {
 
 class VornSubscriber_EventLoop : public LeakCheckedTest, public testing::WithParamInterface<Loop> {
 protected:
-    void SetUp() override {
+    static void SetUpTestSuite() {
         g_main_context_default(); // GLib keeps it to the end
-        LeakCheckedTest::SetUp();
     }
 };
 
