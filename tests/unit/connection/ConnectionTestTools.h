@@ -5,16 +5,13 @@
 
 #include "Failure.h"
 #include "Posix.h"
-#include "Sanitizer.h"
 
 #include <VornConnection.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <ostream>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -113,35 +110,6 @@ inline SocketPair unixPair(const std::string& path) {
     UniqueFd ours = acceptClient(listener.get());
     return {std::move(ours), std::move(peer)};
 }
-
-/**
- * The environment of a role in which 512 MiB are more than malloc() gives.
- *
- * A sanitizer needs terabytes of address space, so its allocator is told to refuse; elsewhere the role limits
- * its address space.
- */
-inline std::vector<std::string> scarceMemoryEnvironment(int megabytes = 512) {
-    std::vector<std::string> result;
-    for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
-        const char* old = std::getenv(name);
-        const std::string options = old != nullptr ? std::string(old) + ":" : std::string();
-        result.push_back(std::string(name) + "=" + options +
-                         "allocator_may_return_null=1:max_allocation_size_mb=" + std::to_string(megabytes));
-    }
-    return result;
-}
-
-/** To be called in such a role: leaves no more than so many bytes of address space. */
-void limitMemory(long bytes = 512L * 1024 * 1024);
-
-/** The most memory, in KiB, that the process has had resident so far. */
-long peakResidentKiB();
-
-/** What counts as memory in these: a sanitizer's own notes on an allocation are a part of its size. */
-inline constexpr long noticeableKiB = underSanitizer ? 1024 * 1024 : 16 * 1024;
-
-/** The memory, in KiB, that the process has resident now. */
-long residentKiB();
 
 } // namespace VornTest
 

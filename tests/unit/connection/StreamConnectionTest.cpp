@@ -20,7 +20,6 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <iterator>
 #include <optional>
 #include <ostream>
@@ -29,7 +28,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 
 using namespace VornNet;
@@ -75,23 +73,12 @@ const Transport transports[] = {
 };
 
 class StreamConnectionTest : public LeakCheckedTest, public testing::WithParamInterface<Transport> {
+    SocketPair m_pair = GetParam().makePair();
+
 protected:
-    void SetUp() override {
-        LeakCheckedTest::SetUp();
-        m_pair.emplace(GetParam().makePair());
-        fd = m_pair->ours.release();
-        connection = GetParam().wrap(fd);
-    }
+    int peer() const { return m_pair.peer.get(); }
 
-    void TearDown() override {
-        connection = nullptr;
-        m_pair.reset();
-        LeakCheckedTest::TearDown();
-    }
-
-    int peer() const { return m_pair->peer.get(); }
-
-    void closePeer() { m_pair->peer.reset(); }
+    void closePeer() { m_pair.peer.reset(); }
 
     /** How many bytes have arrived at the connection's descriptor and have not been read. */
     int unread() const {
@@ -100,11 +87,8 @@ protected:
         return count;
     }
 
-    VornSmartPointer<VornConnection> connection;
-    int fd = -1;
-
-private:
-    std::optional<SocketPair> m_pair;
+    const int fd = m_pair.ours.release();
+    const VornSmartPointer<VornConnection> connection{GetParam().wrap(fd)};
 };
 
 } // namespace
@@ -413,8 +397,6 @@ TEST_P(StreamConnectionTest, WhenThePeerHasClosed_GetLineStillWaits) {
     EXPECT_EQ(result, nullptr);
     EXPECT_EQ(error, EIO);
 }
-
-// Sharing.
 
 INSTANTIATE_TEST_SUITE_P(Connection, StreamConnectionTest, testing::ValuesIn(transports),
                          [](const auto& transport) { return std::string(transport.param.name); });

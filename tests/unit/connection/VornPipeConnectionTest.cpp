@@ -38,7 +38,6 @@ public:
     using VornPipeConnection::m_bClientConnection;
     using VornPipeConnection::m_bConnected;
     using VornPipeConnection::m_bRaw;
-    using VornPipeConnection::m_iAccessRights;
     using VornPipeConnection::m_pipeHandle;
     using VornPipeConnection::m_sPipeName;
 
@@ -51,23 +50,16 @@ public:
 
 class VornPipeConnectionTest : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        LeakCheckedTest::SetUp();
-        m_listener = unixListen(pipePath("alpha"));
-    }
-
-    void TearDown() override {
-        m_listener.reset();
-        // The last two are socat's, which leaves its own behind when it is killed.
-        for (const char* name : {"alpha", "echo", "sink"})
+    ~VornPipeConnectionTest() override {
+        // The second one is socat's, which leaves it when it is killed.
+        for (const char* name : {"alpha", "echo"})
             ::unlink(pipePath(name).c_str());
-        LeakCheckedTest::TearDown();
     }
 
     UniqueFd accept() const { return acceptClient(m_listener.get()); }
 
 private:
-    UniqueFd m_listener;
+    const UniqueFd m_listener = unixListen(pipePath("alpha"));
 };
 
 } // namespace
@@ -79,7 +71,7 @@ TEST_F(VornPipeConnectionTest, WhenMadeByName_HoldsItAndDoesNotConnect) {
     Probe client("alpha");
     EXPECT_EQ(client.m_sPipeName, "alpha");
     EXPECT_EQ(client.m_pipeHandle, nullptr);
-    EXPECT_EQ(client.m_iAccessRights, 1U);
+    EXPECT_EQ(client.getAccessRights(), 1U);
     EXPECT_FALSE(client.m_bConnected);
     EXPECT_FALSE(client.m_bRaw);
     EXPECT_THAT(trace.records(), IsEmpty());
@@ -98,8 +90,9 @@ TEST_F(VornPipeConnectionTest, WhenMadeAroundASocket_CopiesTheDescriptorIntoACel
     SocketPair pair = unixPair(pipePath("beta"));
     int fd = pair.ours.release();
     const int number = fd;
-    Probe accepted(&fd, 7);
+    Probe accepted(&fd, 0xFFFFFFFFU);
     fd = -1;
+    EXPECT_EQ(accepted.getAccessRights(), 0xFFFFFFFFU);
     EXPECT_NE(accepted.m_pipeHandle, static_cast<void*>(&fd));
     EXPECT_EQ(accepted.fd(), number);
     EXPECT_EQ(accepted.m_sPipeName, "");
@@ -118,15 +111,6 @@ TEST_F(VornPipeConnectionTest, WhenMadeAroundASocket_TheConnectedMarkStaysUnset)
     EXPECT_EQ(accepted.receiveInt(), 7);
     EXPECT_FALSE(accepted.m_bConnected);
     EXPECT_THAT(accepted.calls, IsEmpty());
-}
-
-TEST_F(VornPipeConnectionTest, AccessRightsAreOneByNameAndAsGivenAroundASocket) {
-    Probe client("alpha");
-    EXPECT_EQ(client.getAccessRights(), 1U);
-    SocketPair pair = unixPair(pipePath("beta"));
-    int fd = pair.ours.release();
-    Probe accepted(&fd, 0xFFFFFFFFU);
-    EXPECT_EQ(accepted.getAccessRights(), 0xFFFFFFFFU);
 }
 
 // Establishing.
@@ -160,7 +144,7 @@ TEST_F(VornPipeConnectionTest, NothingButThePathIsLogged) {
     VornPipeConnection client("alpha");
     client.transfer(7);
     VornPipeConnection nobody("nobody");
-    EXPECT_TRUE(failureOf([&] { nobody.establish(); }).has_value());
+    EXPECT_EQ(failureOf([&] { nobody.establish(); }), failure(connectFailed, ENOENT));
     EXPECT_THAT(
         log.records(),
         ElementsAre(
@@ -208,29 +192,6 @@ TEST_F(VornPipeConnectionTest, AfterItsServerIsGone_AnAcceptedConnectionFindsNoP
 }
 
 // Failures to establish.
-
-TEST_F(VornPipeConnectionTest, WhenThereIsNoPipe_ThrowsTheConnectErrorAndHoldsNoDescriptor) {
-    Probe client("nobody");
-    const int before = openDescriptors();
-    EXPECT_EQ(failureOf([&] { client.transfer(7); }), failure(connectFailed, ENOENT));
-    EXPECT_EQ(failureOf([&] { client.receiveInt(); }), failure(connectFailed, ENOENT));
-    EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(client.m_pipeHandle, nullptr);
-    EXPECT_FALSE(client.m_bConnected);
-    EXPECT_THAT(client.calls, IsEmpty());
-}
-
-TEST_F(VornPipeConnectionTest, WhenThePipesServerIsGone_ThrowsConnectionRefused) {
-    unixListen(pipePath("dead")).reset();
-    VornPipeConnection client("dead");
-    EXPECT_EQ(failureOf([&] { client.establish(); }), failure(connectFailed, ECONNREFUSED));
-    EXPECT_EQ(rawWrite(client, "abc"), raw(0, ECONNREFUSED));
-    std::string data = "###";
-    EXPECT_EQ(rawRead(client, data, 3, true), raw(0, ECONNREFUSED));
-    EXPECT_EQ(rawRead(client, data, 3, false), raw(0, ECONNREFUSED));
-    EXPECT_EQ(peek(client, 3), peeked(false, 3, ECONNREFUSED));
-    EXPECT_EQ(::unlink(pipePath("dead").c_str()), 0);
-}
 
 TEST_F(VornPipeConnectionTest, WhenThePathIsTooLong_FailsAsNameTooLong) {
     const int before = openDescriptors();
@@ -293,18 +254,6 @@ TEST_F(VornPipeConnectionTest, ValuesEchoedBySocatComeBack) {
     EXPECT_EQ(connection.receiveInt(), -2);
     EXPECT_EQ(connection.receiveShort(), -3);
     EXPECT_EQ(connection.receiveString(), VornString(50'000, 't'));
-}
-
-TEST_F(VornPipeConnectionTest, WhatSocatTakesDownIsWhatWasWritten) {
-    ChildProcess socat = ChildProcess::spawn({"socat", "-u", "UNIX-LISTEN:" + pipePath("sink"), "STDOUT"});
-    {
-        VornPipeConnection connection("sink");
-        ASSERT_TRUE(awaitCondition([&] { return !failureOf([&] { connection.establish(); }).has_value(); }));
-        connection.transfer("abc");
-        connection.transferACK();
-    }
-    EXPECT_EQ(hex(socat.readAllOutput()), "00 00 00 03 61 62 63 00 01 00 00");
-    EXPECT_EQ(socat.wait(), 0);
 }
 
 TEST_F(VornPipeConnectionTest, LinesWrittenThroughSocatAreReadOneByOne) {
