@@ -48,7 +48,7 @@ def is_shown(piece, text):
 def untested(tree, known):
     """The texts of which no test file, together with the helpers of its folder, has all pieces."""
     folders = {}
-    for path in sorted(tree.glob("tests/unit/*/*.*")):
+    for path in sorted([*tree.glob("tests/unit/*/*.*"), *tree.glob("tests/hostile/faults/*.*")]):
         folders.setdefault(path.parent, {})[path.name] = "\n".join(
             source_texts.literal(token) for token in source_texts.tokens_of(path.read_text()) if token[0] == '"')
     files = ["\n".join([text, *(helper for other, helper in folder.items() if not other.endswith("Test.cpp"))])

@@ -206,14 +206,13 @@ Rule holdsWhileItLasts() {
 }
 
 std::vector<FailingCall> pipeServerCalls() {
-    const std::string init = "VornPipeServer::init: failed to ";
-    return {{"pipe", fails(init + "create pipe.")},
-            {"socket", fails(init + "create pipe.")},
+    return {{"pipe", fails("VornPipeServer::init: failed to create pipe.")},
+            {"socket", fails("VornPipeServer::init: failed to create pipe.")},
             // The file of the last run is in the way.
-            {"unlink", endsWith(init + "prepare pipe.", EADDRINUSE)},
+            {"unlink", endsWith("VornPipeServer::init: failed to prepare pipe.", EADDRINUSE)},
             {"fchmod", isIgnored()},
-            {"bind", fails(init + "prepare pipe.")},
-            {"listen", fails(init + "listen on bound pipe.")},
+            {"bind", fails("VornPipeServer::init: failed to prepare pipe.")},
+            {"listen", fails("VornPipeServer::init: failed to listen on bound pipe.")},
             {"chmod", isIgnored()},
             {"select", endsWith("VornPipeServer::waitForClient: pipe read error. ")},
             {"accept", fails("VornPipeServer::waitForClient: connection error. ")},
@@ -223,11 +222,10 @@ std::vector<FailingCall> pipeServerCalls() {
 }
 
 std::vector<FailingCall> tcpServerCalls() {
-    const std::string init = "VornServerSocket::init: failed to ";
-    return {{"socket", fails(init + "create socket.")},
-            {"bind", fails(init + "bind socket.")},
-            {"getsockname", fails(init + "get socket name.")},
-            {"listen", fails(init + "listen on bound socket.")},
+    return {{"socket", fails("VornServerSocket::init: failed to create socket.")},
+            {"bind", fails("VornServerSocket::init: failed to bind socket.")},
+            {"getsockname", fails("VornServerSocket::init: failed to get socket name.")},
+            {"listen", fails("VornServerSocket::init: failed to listen on bound socket.")},
             {"accept", endsWait({EINTR, EBADF, ENONET, ENOTSOCK, EHOSTDOWN})},
             {"recv", fails(cRead)},
             {"fcntl", isIgnored()},
@@ -235,10 +233,10 @@ std::vector<FailingCall> tcpServerCalls() {
 }
 
 std::vector<FailingCall> udpServerCalls() {
-    const std::string init = "VornUDPServerSocket::init: failed to ";
-    return {{"socket", ofFirstCall(fails(init + "create socket."))}, // the second one is the wake-up's
-            {"bind", fails(init + "bind socket.")},
-            {"getsockname", fails(init + "get socket name.")},
+    // The second socket is the wake-up's.
+    return {{"socket", ofFirstCall(fails("VornUDPServerSocket::init: failed to create socket."))},
+            {"bind", fails("VornUDPServerSocket::init: failed to bind socket.")},
+            {"getsockname", fails("VornUDPServerSocket::init: failed to get socket name.")},
             {"recvfrom", endsWait({EINTR, EBADF, ENONET, ENOTSOCK, ECONNRESET, EHOSTDOWN})},
             {"setsockopt", isIgnoredAndLeaks()},
             {"sendto", isIgnoredAndLeaks()},
