@@ -38,15 +38,6 @@ struct Closed {
     friend void PrintTo(const Closed& row, std::ostream* out) { *out << row.name; }
 };
 
-template <typename Server>
-class Opened : public Server {
-public:
-    template <typename... Arguments>
-    explicit Opened(Arguments... arguments) : Server(arguments...) {
-        Server::init();
-    }
-};
-
 int anySocket() {
     int number = 0;
     return udpSocket("127.0.0.1", number).release();

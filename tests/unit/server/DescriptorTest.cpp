@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
 #include "Interpose.h"
-#include "LeakCheckedTest.h"
 #include "Process.h"
+#include "ServerTestSupport.h"
 
 #include <VornEvent.h>
 #include <VornPipeConnection.h>
@@ -13,7 +13,6 @@
 #include <VornUDPSocketConnection.h>
 
 #include <cstdio>
-#include <string>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -25,16 +24,6 @@ using namespace VornTest;
 namespace {
 
 constexpr int cPort = 4711;
-
-/** A server that can be opened before anybody waits. */
-template <typename Server>
-class Opened : public Server {
-public:
-    template <typename... Arguments>
-    explicit Opened(const Arguments&... arguments) : Server(arguments...) {
-        this->init();
-    }
-};
 
 /** Shows on @p output what was opened, and how many of the numbers of the standard streams are taken. */
 void report(int output, const char* what) {

@@ -59,34 +59,23 @@ UniqueFd meet(Kind kind, const std::string& data) {
 /** A server on which a thread of this process waits. */
 class ForkedServer : public LeakCheckedTest, public testing::WithParamInterface<Kind> {
 protected:
-    void SetUp() override {
-        LeakCheckedTest::SetUp();
-        m_descriptors = openDescriptors();
-        m_spServer = makeServer(GetParam());
-        m_wait = std::make_unique<ClientWait>(*m_spServer);
-        ASSERT_TRUE(m_wait->awaitBlocked());
-    }
+    ForkedServer() { EXPECT_TRUE(m_wait.awaitBlocked()); }
 
-    void TearDown() override {
-        m_spServer->close();
-        m_wait.reset();
-        m_spServer = nullptr;
-        LeakCheckedTest::TearDown();
-    }
+    ~ForkedServer() override { m_spServer->close(); }
 
     /** Checks that the parent's wait goes on, and that a client is still served. */
     void expectToServe() {
-        EXPECT_FALSE(m_wait->thread().finished());
+        EXPECT_FALSE(m_wait.thread().finished());
         UniqueFd peer = meet(GetParam(), bytes("00 00 00 07"));
-        ASSERT_NE(m_wait->outcome().client(), nullptr);
-        EXPECT_EQ(m_wait->outcome().spClient->receiveInt(), 7);
+        ASSERT_NE(m_wait.outcome().client(), nullptr);
+        EXPECT_EQ(m_wait.outcome().spClient->receiveInt(), 7);
         if (peer.get() != -1 && GetParam() == Kind::Tcp)
             reset(peer);
     }
 
-    int m_descriptors = 0; ///< before there was a server
-    VornSmartPointer<VornIPCServer> m_spServer;
-    std::unique_ptr<ClientWait> m_wait;
+    const int m_descriptors = openDescriptors(); ///< before there was a server
+    const VornSmartPointer<VornIPCServer> m_spServer{makeServer(GetParam())};
+    ClientWait m_wait{*m_spServer};
 };
 
 /** A server that is open, and on which nobody waits. */
@@ -101,10 +90,10 @@ VornSmartPointer<VornIPCServer> openServer(Kind kind) {
     return spServer;
 }
 
-class OpenedServer : public VornServerSocket {
+class OpenTcpServer : public Opened<VornServerSocket> {
 public:
+    using Opened::Opened;
     using VornServerSocket::init;
-    using VornServerSocket::VornServerSocket;
 
     /** Keeps its socket at another place in memory, as a derived class may. */
     void replaceSocket() {
@@ -209,8 +198,7 @@ TEST(ForkedTcpServer, TwoClosedInTheChildWhileThreadsThereWait_AreLetGoOfOneByOn
         GTEST_SKIP() << takesItForTheParentsThread;
     const int before = openDescriptors();
     const VornSmartPointer<VornIPCServer> spServer = openServer(Kind::Tcp);
-    OpenedServer another(port + 1, 5, "127.0.0.1");
-    another.init();
+    Opened<VornServerSocket> another(port + 1, 5, "127.0.0.1");
     EXPECT_EQ(inChild([&] {
                   ClientWait first(*spServer);
                   ClientWait second(another);
@@ -234,8 +222,7 @@ TEST(ForkedTcpServer, TwoClosedInTheChildWhileThreadsThereWait_AreLetGoOfOneByOn
 }
 
 TEST(ForkedTcpServer, WhoseClassHasPutAnotherSocketThere_EndsThatWhenItCloses) {
-    OpenedServer server(port, 5, "127.0.0.1");
-    server.init();
+    OpenTcpServer server(port, 5, "127.0.0.1");
     const auto replaceAndClose = [&] {
         server.replaceSocket();
         const CallTrace trace;
@@ -249,8 +236,7 @@ TEST(ForkedTcpServer, WhoseClassHasPutAnotherSocketThere_EndsThatWhenItCloses) {
 TEST(ForkedTcpServer, OpenedAnewInTheChild_IsItsOwn) {
     if (underThreadSanitizer)
         GTEST_SKIP() << takesItForTheParentsThread;
-    const auto server = std::make_unique<OpenedServer>(port, 5, "127.0.0.1");
-    server->init();
+    const auto server = std::make_unique<OpenTcpServer>(port, 5, "127.0.0.1");
     EXPECT_EQ(inChild([&] {
                   server->close();
                   server->setPort(port + 1);

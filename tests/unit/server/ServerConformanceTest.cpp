@@ -11,23 +11,19 @@
 #include <VornUDPServerSocket.h>
 
 #include "Interpose.h"
-#include "LogCapture.h"
+#include "Interruptions.h"
 #include "Posix.h"
 #include "Sandbox.h"
+#include "Sanitizer.h"
 #include "ServerTestSupport.h"
 
 #include <atomic>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
 #include <random>
 #include <thread>
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace VornTest;
 using VornNet::VornCertificate;
@@ -53,10 +49,9 @@ protected:
 };
 
 template <typename Server>
-class ReachableServer : public Server, public Reachable {
+class ReachableServer : public Probe<Server>, public Reachable {
 public:
-    using Server::m_pSocketImpl;
-    using Server::Server;
+    using Probe<Server>::Probe;
 
     int boundPort() const override { return localPort(socketOf(*this)); }
 };
@@ -162,46 +157,8 @@ void useSockets() {
     reset(client);
 }
 
-/** A program that has inherited whatever is not closed when it is started, and lives as long as this. */
-class Bystander {
-public:
-    Bystander() {
-        int ends[2];
-        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        const UniqueFd readEnd(ends[0]);
-        m_writeEnd.reset(ends[1]);
-        posix_spawn_file_actions_t actions;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawn_file_actions_adddup2(&actions, readEnd.get(), STDIN_FILENO);
-        char program[] = "cat";
-        char* const arguments[] = {program, nullptr};
-        EXPECT_EQ(::posix_spawnp(&m_pid, program, &actions, nullptr, arguments, environ), 0);
-        ::posix_spawn_file_actions_destroy(&actions);
-    }
-
-    ~Bystander() {
-        m_writeEnd.reset();
-        ::waitpid(m_pid, nullptr, 0);
-    }
-
-private:
-    UniqueFd m_writeEnd;
-    pid_t m_pid = -1;
-};
-
 class ServerConformance : public ServerTest, public testing::WithParamInterface<ServerKind> {
 protected:
-    void SetUp() override {
-        ServerTest::SetUp();
-        static int nextPort = 5023;
-        m_spServer = GetParam().make(nextPort++);
-    }
-
-    void TearDown() override {
-        m_spServer = nullptr;
-        ServerTest::TearDown();
-    }
-
     VornIPCServer& server() { return *m_spServer; }
 
     static bool hasClients() { return static_cast<bool>(GetParam().meet); }
@@ -246,7 +203,8 @@ protected:
     /** So many waits, each of them ended at a random moment by one of the closing threads. */
     CycleResult runCycles(int cycles, int closers);
 
-    VornSmartPointer<VornIPCServer> m_spServer;
+    static inline int s_nextPort = 5023;
+    VornSmartPointer<VornIPCServer> m_spServer{GetParam().make(s_nextPort++)};
 };
 
 /** Lets a random, short time pass without giving up the processor for long. */
@@ -297,19 +255,11 @@ TEST_P(ServerConformance, WhenClosedBeforeTheFirstWait_ServesAfterwards) {
     serveClient('x');
 }
 
-TEST_P(ServerConformance, WhenClosedAgainAndAgain_ServesAfterwards) {
-    for (const char value : {'a', 'b', 'c'}) {
-        serveClient(value);
-        server().close();
-        server().close();
-        server().close();
-    }
-}
-
-TEST_P(ServerConformance, WhenClosedAfterEachOf200Clients_ServesThemAll) {
+TEST_P(ServerConformance, WhenClosedAgainAndAgainAfterEachOf200Clients_ServesThemAll) {
     for (int i = 0; i < 200 && !HasFailure(); ++i) {
         serveClient(static_cast<char>(i % 100));
-        server().close();
+        for (int times = 0; times < 3; ++times)
+            server().close();
     }
 }
 
@@ -363,10 +313,13 @@ TEST_P(ServerConformance, OpensNoDescriptorThatAnotherProgramWouldInherit) {
 TEST_P(ServerConformance, WhenAProgramWasStartedWhileItListened_ServesAgainAfterClose) {
     ClientWait wait(server());
     awaitReady(wait);
-    const Bystander bystander;
+    // It inherits whatever is not closed when it is started.
+    FILE* const bystander = ::popen("cat", "we");
+    ASSERT_NE(bystander, nullptr);
     server().close();
     expectQuiet(wait.outcome());
     serveClient('x');
+    EXPECT_EQ(::pclose(bystander), 0);
 }
 
 TEST_P(ServerConformance, WhenASignalInterruptsTheWait_EndsAsItsKindSays) {

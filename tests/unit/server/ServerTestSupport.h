@@ -7,12 +7,9 @@
 #include "Checkpoint.h"
 #include "Failure.h"
 #include "Interpose.h"
-#include "Interruptions.h"
 #include "LeakCheckedTest.h"
-#include "LogCapture.h"
 #include "Posix.h"
 #include "Sandbox.h"
-#include "Sanitizer.h"
 
 #include <VornException.h>
 #include <VornIPCServer.h>
@@ -20,12 +17,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -39,7 +33,6 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 /**
  * @file
@@ -65,6 +58,30 @@ inline std::vector<std::string> callsOf(const CallTrace& trace) {
     names.erase(std::remove(names.begin(), names.end(), "pipe"), names.end());
     return names;
 }
+
+/** A server that shows its fields and hooks. */
+template <typename Server>
+class Probe : public Server {
+public:
+    using Server::init;
+    using Server::m_bInitialized;
+    using Server::m_nBacklog;
+    using Server::m_nPort;
+    using Server::m_pSocketImpl;
+    using Server::m_sBindAddress;
+    using Server::Server;
+    using Server::waitForClientImpl;
+};
+
+/** A server that is open before anybody waits. */
+template <typename Server>
+class Opened : public Server {
+public:
+    template <typename... Arguments>
+    explicit Opened(const Arguments&... arguments) : Server(arguments...) {
+        Server::init();
+    }
+};
 
 /** How a wait for a client ended. */
 struct WaitOutcome {
@@ -199,10 +216,7 @@ inline void addLocalAddress(const char* label, const char* address) {
 /** A host with an address besides that of its loopback device. */
 class ServerTest : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        addLocalAddress("lo:1", lanAddress);
-        LeakCheckedTest::SetUp();
-    }
+    ServerTest() { addLocalAddress("lo:1", lanAddress); }
 };
 
 /** Ends a connection without leaving its port in TIME_WAIT, whoever closes first. */

@@ -23,27 +23,22 @@ constexpr int port = 5023;
 
 class VornSSLServerSocketTest : public LeakCheckedTest {};
 
-class Probe : public VornSSLServerSocket {
+class SslProbe : public Probe<VornSSLServerSocket> {
 public:
-    Probe() : VornSSLServerSocket(port, VornCertificate("c.pem", "PEM", "k.pem", "DER"), 7, "127.0.0.1") {}
+    SslProbe() : Probe(port, VornCertificate("c.pem", "PEM", "k.pem", "DER"), 7, "127.0.0.1") {}
 
-    using VornServerSocket::m_bInitialized;
-    using VornServerSocket::m_nBacklog;
-    using VornServerSocket::m_pSocketImpl;
-    using VornSSLServerSocket::init;
+    using Probe::Probe;
     using VornSSLServerSocket::m_certificate;
     using VornSSLServerSocket::m_pSSLImpl;
-    using VornSSLServerSocket::VornSSLServerSocket;
-    using VornSSLServerSocket::waitForClientImpl;
 };
 
 /** What a derived class makes of it that brings a socket. */
-class Listening : public Probe {
+class Listening : public SslProbe {
 public:
     void init() override { VornServerSocket::init(); }
 };
 
-class Failing : public Probe {
+class Failing : public SslProbe {
 protected:
     void init() override { throw VornException("derived", 12); }
 };
@@ -52,7 +47,7 @@ protected:
 
 TEST_F(VornSSLServerSocketTest, WhenConstructed_KeepsItsArguments) {
     const CallTrace trace;
-    Probe server;
+    SslProbe server;
     EXPECT_EQ(server.getPort(), port);
     EXPECT_EQ(server.getBindAddress(), "127.0.0.1");
     EXPECT_EQ(server.m_nBacklog, 7);
@@ -64,7 +59,7 @@ TEST_F(VornSSLServerSocketTest, WhenConstructed_KeepsItsArguments) {
 
 TEST_F(VornSSLServerSocketTest, WhenConstructed_KeepsACopyOfTheCertificate) {
     auto certificate = std::make_unique<VornCertificate>("c.pem", "PEM", "k.pem", "DER");
-    Probe server(port, *certificate, 5, "*");
+    SslProbe server(port, *certificate, 5, "*");
     *certificate = VornCertificate("other", "", "other", "");
     certificate.reset();
     EXPECT_EQ(server.m_certificate.getFile(), "c.pem");
@@ -74,7 +69,7 @@ TEST_F(VornSSLServerSocketTest, WhenConstructed_KeepsACopyOfTheCertificate) {
 }
 
 TEST_F(VornSSLServerSocketTest, Init_DoesNothing) {
-    Probe server;
+    SslProbe server;
     const CallTrace trace;
     server.init();
     EXPECT_THAT(callsOf(trace), IsEmpty());
@@ -83,7 +78,7 @@ TEST_F(VornSSLServerSocketTest, Init_DoesNothing) {
 }
 
 TEST_F(VornSSLServerSocketTest, Wait_EndsAtOnceWithoutClientOrTextAndTouchesNoDescriptor) {
-    Probe server;
+    SslProbe server;
     const LogCapture log(4);
     const CallTrace trace;
     const ImplOutcome outcome = waitForImpl(server);
@@ -110,7 +105,7 @@ TEST_F(VornSSLServerSocketTest, Wait_WhenADerivedClassFails_ReportsTextAndCode) 
 }
 
 TEST_F(VornSSLServerSocketTest, WaitForInit_NeverReturns) {
-    Probe server;
+    SslProbe server;
     const CallTrace trace;
     WatchedThread thread([&] { server.waitForInit(); });
     ASSERT_TRUE(awaitCondition([&] { return trace.calls("usleep") >= 3; }));
@@ -124,7 +119,7 @@ TEST_F(VornSSLServerSocketTest, WaitForInit_NeverReturns) {
 }
 
 TEST_F(VornSSLServerSocketTest, Close_WhenThereIsNoSocket_DoesNothing) {
-    Probe server;
+    SslProbe server;
     int state = 0;
     server.m_pSSLImpl = &state;
     const LogCapture log(9);
