@@ -9,6 +9,9 @@
 #include <VornSubscriber.h>
 
 #include <limits>
+#include <sstream>
+#include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -124,4 +127,27 @@ TEST_F(VornMetricsTest, ObjectsOfTheLibrary_AddWhatTheyTellOfThemselves) {
           "vornnet_subscriber_events_total counter d 1\n", "vornnet_subscriber_connected gauge d 1\n",
           "vornnet_subscriber_connected gauge e 0\n"})
         EXPECT_THAT(read, HasSubstr(line));
+
+    const struct {
+        const char* object;
+        const char* counters;
+        const char* gauges;
+    } all[] = {{"dispatcher",
+                "posted refused delivered sent unread expired dropped cancelled stopped tries doubtful_tries",
+                "queued queued_bytes addresses connections"},
+               {"publisher",
+                "published sent sent_bytes gaps missed connections subscribed refused timed_out left",
+                "subscribers behind"},
+               {"steady_sink", "delivered failed unknown refused timed_out too_long incomplete",
+                "waiting connections"},
+               {"subscriber", "events failed gaps missed repeated subscriptions tries", "newest connected"}};
+
+    for (const auto& [object, counters, gauges] : all) {
+        for (const auto& [names, end] :
+             {std::pair(counters, "_total counter "), std::pair(gauges, " gauge ")}) {
+            std::istringstream words(names);
+            for (std::string name; words >> name;)
+                EXPECT_THAT(read, HasSubstr(std::string("vornnet_") + object + "_" + name + end));
+        }
+    }
 }

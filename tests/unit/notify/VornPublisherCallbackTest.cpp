@@ -233,16 +233,25 @@ TEST_P(VornPublisher_CallbackOfMebibytes, MoreThanMayWaitForAllSinks_IsSentLater
 }
 
 TEST_P(VornPublisher_Callback, ASinkThatTakesNothingForAMinute_EndsTheSubscription) {
+    int port = 0;
+    const UniqueFd taking = udpSocket("127.0.0.1", port);
     RawSubscriber subscriber(address(), "builds", request());
-    const RawSubscriber idle(address(), "other", {.callback = "pipe:elsewhere"}); // is not looked at
+    const RawSubscriber other(address(), "other", {.callback = "udp:127.0.0.1:" + std::to_string(port)});
     publish("a");
     publish("b");
     const UniqueFd sender = acceptClient(m_sink.get());
     const ClockShift shift(CLOCK_MONOTONIC);
     ClockShift::set(59s);
     EXPECT_FALSE(publisher().flush(50ms));
+    const auto awaitOther = [&] {
+        const std::uint64_t number = publisher().publish("other", writing("no sign of the first sink"));
+        return awaitCondition([&] { return publisher().subscribers().back().position.nNumber == number; });
+    };
+    ASSERT_TRUE(awaitOther());
     ClockShift::set(61s);
-    publish("so that the publisher looks");
+    ASSERT_TRUE(awaitOther());
+    ASSERT_TRUE(awaitOther()); // the publisher has looked at all sinks since the time has come
+    EXPECT_EQ(publisher().statistics().nSubscribers, 1U);
     EXPECT_EQ(subscriber.nextButSigns(), WireFrame::last(2, "the callback address does not answer"));
     subscriber.socket().reset();
     ASSERT_TRUE(m_departures.await(1));
