@@ -17,7 +17,6 @@
 #include <system_error>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 using namespace VornNet;
@@ -101,8 +100,7 @@ TEST_F(ForwardTest, ClientSubscribesAtAServiceOfTheOtherHost_AndIsNotifiedThroug
     ChildProcess client = ChildProcess::spawnRole("relay_typed_client", "b", sLease.substr(0, nBlank),
                                                   sLease.substr(nBlank + 1));
     EXPECT_EQ(client.readLine(), "subscribed " + sLease.substr(nBlank + 1));
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", 5));
-    EXPECT_EQ(RelayStage::history("log", 5), (History{5, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", 5);
 }
 
 TEST_F(ForwardTest, BytesArriveWholeOrAreReset_WhateverHappensToTheEngine) {
@@ -125,6 +123,7 @@ TEST_F(ForwardTest, BytesArriveWholeOrAreReset_WhateverHappensToTheEngine) {
         EXPECT_EQ(receiveToEnd(client.get()), sAnswer);
         reads.join();
         EXPECT_EQ(sReceived, sQuestion);
+        EXPECT_THAT(RelayStage::metricsOf("b"), HasSubstr("forwarded_bytes_total 4000000\n"));
     }
     const UniqueFd client = connectTo("b", "plain@a");
     const UniqueFd service = acceptClient(listener.get());
@@ -134,10 +133,7 @@ TEST_F(ForwardTest, BytesArriveWholeOrAreReset_WhateverHappensToTheEngine) {
     m_stage.killEngine();
     EXPECT_EQ(endOf(client), ECONNRESET);
     EXPECT_EQ(endOf(service), ECONNRESET);
-    EXPECT_TRUE(awaitCondition([&] {
-        return m_stage.run("b", {"status"}).first.find("service plain@a at pipe:plain@a: closed") !=
-               std::string::npos;
-    }));
+    EXPECT_TRUE(m_stage.awaitStatus("b", "service plain@a at pipe:plain@a: closed"));
     EXPECT_THROW(connectTo("b", "plain@a"), std::system_error);
     m_stage.startEngine();
     UniqueFd again;

@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "Await.h"
 #include "Posix.h"
 #include "RelayStage.h"
 #include "Sandbox.h"
@@ -10,13 +9,11 @@
 #include <VornDispatcher.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornNotificationCallback.h>
-#include <VornPipeConnection.h>
 #include <VornProxyDependent.h>
 #include <VornSteadySink.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>

@@ -5,7 +5,6 @@
 #include "RelayStage.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -16,7 +15,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 
 using namespace VornTest;
@@ -41,9 +39,7 @@ protected:
             ASSERT_TRUE(RelayStage::awaitNumbers("log", step.nSeen));
             step.happen();
         }
-        EXPECT_TRUE(RelayStage::awaitNumbers("log", static_cast<std::size_t>(nCount), seconds(90)))
-            << m_stage.run("a", {"status"}).first << m_stage.run("b", {"status"}).first << m_stage.state();
-        EXPECT_EQ(RelayStage::history("log", nCount), (History{static_cast<std::size_t>(nCount), 0, 0, 0}));
+        m_stage.expectEachOnceInOrder("log", static_cast<std::size_t>(nCount), seconds(90));
     }
 
     Step cutAt(std::size_t nSeen, const std::string& sHost, milliseconds time) {
@@ -116,10 +112,8 @@ TEST_F(RelayFaultsTest, EngineWithAFullDisk_GoesOnWhenThereIsRoomAgain) {
         const std::string sMuch(1 << 16, 'x');
         while (filler.write(sMuch.data(), static_cast<std::streamsize>(sMuch.size())).flush()) {
         }
-        EXPECT_TRUE(awaitCondition([&] {
-            return m_stage.run("a", {"status"}).first.find("to b: 1 waiting, 16 bytes, ") !=
-                   std::string::npos;
-        })) << m_stage.run("a", {"status"}).first;
+        EXPECT_TRUE(m_stage.awaitStatus("a", "to b: 1 waiting, 16 bytes, "))
+            << m_stage.run("a", {"status"}).first;
     };
     const auto makeRoom = [&] {
         std::filesystem::remove(sFiller);

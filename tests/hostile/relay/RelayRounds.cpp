@@ -1,6 +1,5 @@
 // SPDX-FileCopyrightText: 2026 The vornnet authors
 // SPDX-License-Identifier: Apache-2.0
-#include "Await.h"
 #include "RelayStage.h"
 
 #include <csignal>

@@ -8,7 +8,6 @@
 
 #include <NatsAdministration.h>
 #include <VornDispatcher.h>
-#include <VornException.h>
 #include <VornLibraryCallbackSink.h>
 #include <VornNotificationCallback.h>
 #include <VornPipeConnection.h>
@@ -16,7 +15,6 @@
 #include <VornSteadySink.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -26,12 +24,12 @@
 #include <iostream>
 #include <mutex>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
 #include <poll.h>
@@ -188,32 +186,6 @@ KIT_ROLE(relay_sink) {
     }
     VornLibraryCallbackSink sink("sink");
     return runSink(sink, args.at(1), args.at(2));
-}
-
-/** A sink of plain calls, which moves its port when it is told to. */
-KIT_ROLE(relay_mover) {
-    RelayStage::enterHost(args.at(0));
-    int nPort = std::stoi(args.at(2));
-    UniqueFd listener = tcpListen(args.at(1), nPort);
-    std::ofstream log(args.at(3));
-    std::cout << "listens" << std::endl;
-    for (std::array<pollfd, 2> ends{{{listener.get(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};;
-         ends[0].fd = listener.get()) {
-        if (::poll(ends.data(), ends.size(), -1) == -1)
-            return 1;
-        if ((ends[0].revents & POLLIN) != 0) {
-            const UniqueFd client = acceptClient(listener.get());
-            log << static_cast<int>(receiveToEnd(client.get()).at(11)) << std::endl; // of the id, a long
-        }
-        std::string sLine;
-        if ((ends[1].revents & (POLLIN | POLLHUP)) != 0 && !std::getline(std::cin, sLine))
-            return 0;
-        if (!sLine.empty()) {
-            listener.reset();
-            listener = tcpListen(args.at(1), ++nPort);
-            std::cout << "has moved" << std::endl;
-        }
-    }
 }
 
 KIT_ROLE(relay_network) {
@@ -448,9 +420,7 @@ void RelayStage::reloadRelay(const std::string& sHost, const std::string& sMore)
 }
 
 void RelayStage::awaitReady(const std::string& sHost) {
-    if (!awaitCondition(
-            [&] { return run(sHost, {"status"}).first.find("ready      true") != std::string::npos; },
-            cReadyLimit))
+    if (!awaitStatus(sHost, "ready      true", cReadyLimit))
         throw std::runtime_error("the relay of " + sHost + " is not ready: " + run(sHost, {"status"}).first);
 }
 
@@ -474,6 +444,12 @@ std::string RelayStage::metricsOf(const std::string& sHost) {
 std::pair<std::string, int> RelayStage::run(const std::string& sHost,
                                             const std::vector<std::string>& arguments) {
     return runWith(sHost, sHost, arguments);
+}
+
+bool RelayStage::awaitStatus(const std::string& sHost, const std::string& sText,
+                             std::chrono::milliseconds limit) {
+    return awaitCondition([&] { return run(sHost, {"status"}).first.find(sText) != std::string::npos; },
+                          limit);
 }
 
 std::pair<std::string, int> RelayStage::runAsAdministrator(const std::string& sHost,
@@ -518,6 +494,13 @@ bool RelayStage::awaitNumbers(const std::string& sLog, std::size_t nCount, std::
             return seen.nSeen - seen.nDuplicated >= nCount;
         },
         limit);
+}
+
+void RelayStage::expectEachOnceInOrder(const std::string& sLog, std::size_t nCount,
+                                       std::chrono::seconds limit) {
+    EXPECT_TRUE(awaitNumbers(sLog, nCount, limit))
+        << run("a", {"status"}).first << run("b", {"status"}).first << state();
+    EXPECT_EQ(history(sLog, static_cast<int>(nCount)), (History{nCount, 0, 0, 0}));
 }
 
 VornRelay::EngineAccess RelayStage::access(const std::string& sUser) const {

@@ -108,12 +108,14 @@ public:
     /** @return what a host's relay tells Prometheus, with the head of the answer. */
     static std::string metricsOf(const std::string& sHost);
 
-    bool hasRelay(const std::string& sHost) const { return m_relays.contains(sHost); }
-
     /** Runs `vornnet-relay` on a host. @return what it prints, and its status */
     std::pair<std::string, int> run(const std::string& sHost, const std::vector<std::string>& arguments);
 
-    /** The same with the administrator's certificate. */
+    /** Awaits that the status of a host's relay has a text; false when it has not in time. */
+    bool awaitStatus(const std::string& sHost, const std::string& sText,
+                     std::chrono::milliseconds limit = defaultLimit);
+
+    /** The same as run() with the administrator's certificate. */
     std::pair<std::string, int> runAsAdministrator(const std::string& sHost,
                                                    const std::vector<std::string>& arguments);
 
@@ -133,6 +135,11 @@ public:
     /** Awaits that a log has that many different numbers; false when it has not in time. */
     static bool awaitNumbers(const std::string& sLog, std::size_t nCount,
                              std::chrono::seconds limit = std::chrono::seconds(60));
+
+    /** Awaits that a log has the numbers from 1 to a count; a test failure unless each came once, in order.
+     */
+    void expectEachOnceInOrder(const std::string& sLog, std::size_t nCount,
+                               std::chrono::seconds limit = std::chrono::seconds(60));
 
     VornRelay::EngineAccess access(const std::string& sUser) const;
 

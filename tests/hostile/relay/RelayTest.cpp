@@ -4,7 +4,6 @@
 #include "Posix.h"
 #include "RelayStage.h"
 #include "Sandbox.h"
-#include "Sanitizer.h"
 
 #include <NatsConnection.h>
 #include <NatsEngine.h>
@@ -22,9 +21,6 @@
 #include <utility>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -204,8 +200,7 @@ TEST_P(RelayPairing, BurstArrivesOnceAndInOrder) {
     ChildProcess sink = m_stage.startSink("b", "", "log", szSink);
     ChildProcess service = m_stage.startService("a", szService, sink.readLine(), nCount);
     EXPECT_EQ(nothingUnread(service), 0);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", nCount);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, RelayPairing,
@@ -224,8 +219,7 @@ TEST_F(RelayTest, WhenTheEngineIsKilledInABurst_NothingIsLostRepeatedOrOutOfOrde
     ASSERT_TRUE(RelayStage::awaitNumbers("log", 200));
     m_stage.killEngine();
     m_stage.startEngine();
-    ASSERT_TRUE(RelayStage::awaitNumbers("log", nCount));
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", nCount);
 }
 
 TEST_F(RelayTest, WhenTheReceivingRelayIsKilled_NothingIsLostAndAtMostOneRepeatedForEachKill) {
@@ -270,8 +264,7 @@ TEST_F(RelayTest, WhenTheSendingRelayIsStopped_NothingOfAPlainServicesBurstIsLos
     ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), nCount);
     EXPECT_EQ(nothingUnread(service), 0); // all are written, and not all are read
     EXPECT_EQ(m_stage.endRelay("a", SIGTERM), 0);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", nCount);
 }
 
 TEST_F(RelayTest, NamedLease_SurvivesTheClientTheRelayAndABurstMeanwhile) {
@@ -287,8 +280,7 @@ TEST_F(RelayTest, NamedLease_SurvivesTheClientTheRelayAndABurstMeanwhile) {
     m_stage.startRelay("b");
     ChildProcess second = m_stage.startSink("b", "billing", "log");
     EXPECT_EQ(second.readLine(), sLease);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", nCount);
 }
 
 TEST_F(RelayTest, AnonymousLease_EndsWithItsProcessAndWhatCameBecomesDeadLetters) {
@@ -306,27 +298,7 @@ TEST_F(RelayTest, AnonymousLease_EndsWithItsProcessAndWhatCameBecomesDeadLetters
     EXPECT_THAT(m_stage.run("a", {"status"}).first, HasSubstr("refused    0"));
     ChildProcess again = m_stage.startService("a", "plain", sLease, 1);
     again.wait();
-    EXPECT_TRUE(awaitCondition([&] {
-        return m_stage.run("a", {"status"}).first.find("refused    1") != std::string::npos;
-    })) << "the sender's relay has been told, and refuses";
-}
-
-TEST_F(RelayTest, NameThatWasReleasedWhileASenderWasAway_IsRefusedAfterItsFirstNotification) {
-    startRelays();
-    ChildProcess sink = m_stage.startSink("b", "billing", "log");
-    const std::string sLease = sink.readLine();
-    m_stage.endRelay("a", SIGTERM);
-    EXPECT_EQ(m_stage.run("b", {"release", "billing"}).second, 0);
-    m_stage.endRelay("b", SIGKILL);
-    startRelays();
-    ChildProcess first = m_stage.startService("a", "plain", sLease, 1);
-    first.wait();
-    EXPECT_TRUE(awaitCondition([&] { return deadLetters("gone") == 1; }));
-    EXPECT_THAT(m_stage.run("a", {"status"}).first, HasSubstr("refused    0"));
-    ChildProcess second = m_stage.startService("a", "plain", sLease, 1);
-    second.wait();
-    EXPECT_TRUE(awaitCondition(
-        [&] { return m_stage.run("a", {"status"}).first.find("refused    1") != std::string::npos; }));
+    EXPECT_TRUE(m_stage.awaitStatus("a", "refused    1")) << "the sender's relay has been told, and refuses";
 }
 
 TEST_F(RelayTest, FullStream_HoldsBackAndLosesNothing) {
@@ -340,29 +312,9 @@ TEST_F(RelayTest, FullStream_HoldsBackAndLosesNothing) {
     const std::string sLease = sink.readLine();
     m_stage.endRelay("b", SIGTERM);
     ChildProcess service = m_stage.startService("a", "plain", sLease, nCount);
-    EXPECT_TRUE(awaitCondition(
-        [&] { return m_stage.run("a", {"status"}).first.find("stream full") != std::string::npos; }));
+    EXPECT_TRUE(m_stage.awaitStatus("a", "stream full"));
     m_stage.startRelay("b");
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount))
-        << m_stage.run("a", {"status"}).first << m_stage.run("b", {"status"}).first;
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
-}
-
-TEST_F(RelayTest, HostThatCannotTakeMore_HoldsUpNoServiceOfAnotherHost) {
-    VornRelay::NatsAdministration::Limits limits;
-    limits.nMessages = 1;
-    m_stage.administration().addHost("c", limits);
-    m_stage.startRelay("b");
-    m_stage.startRelay("a", "send-to = b, c\nhold-bytes = 200000\n");
-    ChildProcess sink = m_stage.startSink("b", "", "log");
-    ChildProcess tooMany = m_stage.startService("a", "plain", "pipe:relay-c 7", 100'000);
-    EXPECT_NE(tooMany.wait(), 0) << "remoteNotify() throws";
-    const std::string sStatus = m_stage.run("a", {"status"}).first;
-    EXPECT_THAT(sStatus, HasSubstr("stream full, closed\n"));
-    EXPECT_THAT(sStatus, HasSubstr("to b: 0 waiting, 0 bytes\n"));
-    ChildProcess service = m_stage.startService("a", "plain", sink.readLine(), 50);
-    EXPECT_EQ(nothingUnread(service), 0);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", 50));
+    m_stage.expectEachOnceInOrder("log", nCount);
 }
 
 TEST_F(RelayTest, WhatCannotBeStored_IsToldInStatusAndLog) {
@@ -419,33 +371,6 @@ TEST_F(RelayTest, EngineThatReadsNothing_IsGivenUpAndConnectedToAgain) {
     EXPECT_TRUE(awaitCondition([&] { return connection.nConnected == 2; }));
 }
 
-TEST_F(RelayTest, RelayWithoutDescriptors_GoesOnWhenItHasSomeAgain) {
-    if (underAddressSanitizer)
-        GTEST_SKIP() << needsDescriptors;
-    const int nCount = 100;
-    startRelays();
-    ChildProcess sink = m_stage.startSink("b", "", "log");
-    const std::string sLease = sink.readLine();
-    const auto limit = [&](const char* szHost, rlim_t nDescriptors) {
-        const rlimit limits{nDescriptors, 4096};
-        ASSERT_EQ(::prlimit(m_stage.relayProcess(szHost), RLIMIT_NOFILE, &limits, nullptr), 0);
-    };
-    const rlim_t nTaken = 8; // all of them, and enough for poll(2)
-    limit("a", nTaken);
-    limit("b", nTaken);
-    ChildProcess service = m_stage.startService("a", "plain", sLease, nCount);
-    EXPECT_EQ(nothingUnread(service), 0); // they wait to be accepted
-    limit("a", 4096);
-    EXPECT_TRUE(awaitCondition([&] {
-        return m_stage.administration().request("$JS.API.CONSUMER.INFO.VORN_TO_b.relay")["num_ack_pending"] ==
-               nCount;
-    })) << m_stage.state();
-    EXPECT_EQ(RelayStage::history("log", nCount).nSeen, 0U);
-    limit("b", 4096);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount)) << m_stage.run("b", {"status"}).first;
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
-}
-
 TEST_F(RelayTest, WhatComesLateForAKilledRelay_IsNotTakenByTheNext) {
     const Listener listener(m_stage.access("admin"), "$JS.API.CONSUMER.MSG.NEXT.VORN_TO_b.relay");
     std::string sInbox;
@@ -490,8 +415,7 @@ TEST_F(RelayTest, ConsumerThatIsDeleted_IsOpenedAgain) {
     const std::string sLease = sink.readLine();
     m_stage.administration().request("$JS.API.CONSUMER.DELETE.VORN_TO_b.relay");
     ChildProcess service = m_stage.startService("a", "plain", sLease, 10);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", 10));
-    EXPECT_EQ(RelayStage::history("log", 10), (History{10, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", 10);
 }
 
 TEST_F(RelayTest, WhatTheEngineHandsToAnother_IsNotPassedByWhatComesAfterIt) {
@@ -527,18 +451,6 @@ TEST_F(RelayTest, RunningRelay_PrintsItsMetricsAndReadsItsLogLevelAgain) {
     m_stage.run("a", {"status"}); // it takes the signal first, which came first
     m_stage.endRelay("a", SIGTERM);
     EXPECT_THAT(m_stage.logOf("a"), AllOf(HasSubstr("ready"), Not(HasSubstr("stopped"))));
-}
-
-TEST_F(RelayTest, DamagedJournal_IsPutAsideAndSaid) {
-    startRelays();
-    ChildProcess sink = m_stage.startSink("b", "", "log");
-    ChildProcess service = m_stage.startService("a", "confirmed", sink.readLine(), 5);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", 5));
-    m_stage.endRelay("b", SIGTERM);
-    std::filesystem::resize_file(RelayStage::pathOf("state-b/journal"), 300);
-    m_stage.startRelay("b");
-    EXPECT_TRUE(std::filesystem::exists(RelayStage::pathOf("state-b/journal.damaged")));
-    EXPECT_EQ(RelayStage::history("log", 5), (History{5, 0, 0, 0}));
 }
 
 TEST_F(RelayTest, Permissions_AreThoseOfTheHostAndNoMore) {
@@ -679,8 +591,7 @@ TEST_F(RelayRedirect, AddressOfAnUnmodifiedTcpSink_LeadsAnUnmodifiedServiceThere
         EXPECT_THAT(sAddress, HasSubstr(std::string("socket:") + RelayStage::cSinkAddress + ":"));
         ChildProcess service = m_stage.startService("a", szService, sAddress, nCount);
         EXPECT_EQ(nothingUnread(service), 0);
-        EXPECT_TRUE(RelayStage::awaitNumbers(sLog, nCount)) << m_stage.run("b", {"status"}).first;
-        EXPECT_EQ(RelayStage::history(sLog, nCount), (History{nCount, 0, 0, 0}));
+        m_stage.expectEachOnceInOrder(sLog, nCount);
     }
     EXPECT_EQ(m_stage.run("a", {"redirect", "off"}).second, 0);
 }
@@ -694,41 +605,7 @@ TEST_F(RelayRedirect, WhenTheSendingRelayIsStopped_NothingOfAPlainServicesBurstI
     EXPECT_EQ(nothingUnread(service), 0);
     ::kill(m_stage.relayProcess("a"), SIGTERM);
     EXPECT_EQ(m_stage.endRelay("a", SIGCONT), 0);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount));
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount, 0, 0, 0}));
-}
-
-TEST_F(RelayRedirect, WhenAnotherProcessTakesTheOldPort_NothingReachesIt) {
-    const int nCount = 50;
-    startRelays();
-    ChildProcess sink = ChildProcess::spawnRole("relay_mover", "b", RelayStage::cSinkAddress, "6001",
-                                                RelayStage::pathOf("log"));
-    ASSERT_EQ(sink.readLine(), "listens");
-    const std::string sAddress = std::string("socket:") + RelayStage::cSinkAddress + ":6001 7";
-    ChildProcess first = m_stage.startService("a", "plain", sAddress, 1);
-    ASSERT_TRUE(RelayStage::awaitNumbers("log", 1));
-    sink.writeLine("move");
-    ASSERT_EQ(sink.readLine(), "has moved");
-    int nPort = 6001;
-    UniqueFd thief = tcpListen(RelayStage::cSinkAddress, nPort, 100);
-    ChildProcess service = m_stage.startService("a", "plain", sAddress, nCount);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", nCount)) << m_stage.run("b", {"status"}).first;
-    EXPECT_EQ(RelayStage::history("log", nCount), (History{nCount + 1, 0, 1, 0}));
-    pollfd waiting{thief.get(), POLLIN, 0};
-    EXPECT_EQ(::poll(&waiting, 1, 0), 0) << "somebody has connected to the other process";
-    EXPECT_THAT(m_stage.run("b", {"status", "--json"}).first, HasSubstr("\"moved-ports\":1"));
-    thief.reset();
-    sink.kill(SIGKILL);
-    sink.wait();
-    ChildProcess late = m_stage.startService("a", "plain", sAddress, 3);
-    EXPECT_TRUE(awaitCondition([&] { return deadLetters("gone") > 0; }))
-        << "the process that was meant has ended";
-    ChildProcess next = ChildProcess::spawnRole("relay_mover", "b", RelayStage::cSinkAddress, "6001",
-                                                RelayStage::pathOf("log-next"));
-    ASSERT_EQ(next.readLine(), "listens");
-    const std::uint64_t nLetter = m_stage.administration().deadLetters().front().nPosition;
-    EXPECT_EQ(m_stage.runAsAdministrator("b", {"dead", "resend", std::to_string(nLetter)}).second, 0);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log-next", 1)) << "it goes to the port that was meant";
+    m_stage.expectEachOnceInOrder("log", nCount);
 }
 
 TEST_F(RelayTest, DeadLetterThatAHostHasWrittenForAnother_IsNotSent) {
@@ -874,8 +751,7 @@ TEST_F(RelayTest, Notify_NeedsNoService_AndAnIdentityOfTheCallersIsStoredOnce) {
     EXPECT_EQ(m_stage.run("a", once), std::pair(std::string(), 0));
     EXPECT_EQ(m_stage.run("a", once), std::pair(std::string("stored before\n"), 0));
     EXPECT_EQ(m_stage.run("a", {"notify", "b", sNumber, "3"}).second, 0);
-    EXPECT_TRUE(RelayStage::awaitNumbers("log", 3));
-    EXPECT_EQ(RelayStage::history("log", 3), (History{3, 0, 0, 0}));
+    m_stage.expectEachOnceInOrder("log", 3);
     EXPECT_EQ(m_stage.run("a", {"notify", "b", sNumber, "colour:red"}).second, 2);
     EXPECT_EQ(m_stage.run("a", {"notify", "nowhere", sNumber, "1"}).second, 3);
 }

@@ -3,9 +3,7 @@
 #include <Certificate.h>
 
 #include <cstdio>
-#include <filesystem>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ControlPipe.h"
 
-#include "Await.h"
 #include "Posix.h"
 #include "Sandbox.h"
 

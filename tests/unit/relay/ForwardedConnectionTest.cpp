@@ -17,7 +17,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,7 +24,6 @@ using namespace VornRelay;
 using namespace VornTest;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::StartsWith;
 
 namespace {
 

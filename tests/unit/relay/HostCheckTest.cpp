@@ -5,12 +5,10 @@
 #include "Posix.h"
 #include "Sandbox.h"
 
-#include <filesystem>
 #include <fstream>
 #include <string>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 using namespace VornTest;

@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "LeaseTable.h"
 
-#include "Posix.h"
-
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -11,7 +9,6 @@
 #include <system_error>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 

@@ -2,12 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MetricsSocket.h"
 
-#include "Interpose.h"
 #include "Posix.h"
 #include "ScriptedEngine.h"
 
-#include <cerrno>
-#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -43,17 +40,6 @@ TEST_F(MetricsSocketTest, EachRequest_IsAnsweredAndItsConnectionClosed) {
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(ask(unixConnect(m_sPath)), "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\n"
                                              "Content-Length: 4\r\n\r\nx 1\n");
-}
-
-TEST_F(MetricsSocketTest, WithoutDescriptors_ItRestsAndAnswersLater) {
-    const UniqueFd client = unixConnect(m_sPath);
-    const auto start = RelayLoop::Clock::now();
-    {
-        const FaultRule fault("accept4", EMFILE, 1, FaultRule::always);
-        EXPECT_TRUE(runUntil(m_loop, [&] { return fault.failures() >= 2; }));
-    }
-    EXPECT_GE(RelayLoop::Clock::now() - start, std::chrono::milliseconds(100)) << "the loop has other work";
-    EXPECT_NE(ask(client), "");
 }
 
 TEST_F(MetricsSocketTest, FileOfAProcessThatHasEnded_IsReplaced) {

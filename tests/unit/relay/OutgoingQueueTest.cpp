@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using namespace VornRelay;
 using namespace std::chrono_literals;
@@ -24,6 +23,12 @@ protected:
     void add(const std::string& sContent) {
         m_queue.add({"subject", {{"Nats-Msg-Id", ""}}, sContent},
                     [this, sContent](bool bStored) { m_done.push_back(sContent + (bStored ? "+" : "-")); });
+    }
+
+    void begin(const std::vector<std::string>& contents) {
+        m_queue.setConnected(true);
+        for (const std::string& sContent : contents)
+            add(sContent);
     }
 
     /** Lets the pause go by that follows a failure. */
@@ -51,9 +56,7 @@ TEST_F(OutgoingQueueTest, WithoutConnection_NothingIsPublished) {
 }
 
 TEST_F(OutgoingQueueTest, NoMoreThanTheWindowIsUnanswered) {
-    m_queue.setConnected(true);
-    for (const char* szContent : {"a", "b", "c", "d"})
-        add(szContent);
+    begin({"a", "b", "c", "d"});
     EXPECT_EQ(m_engine.unanswered(), 3U);
     EXPECT_EQ(m_engine.answer(Answer::stored), "a/1");
     EXPECT_EQ(m_engine.unanswered(), 3U);
@@ -63,9 +66,7 @@ TEST_F(OutgoingQueueTest, NoMoreThanTheWindowIsUnanswered) {
 }
 
 TEST_F(OutgoingQueueTest, WhatIsRefusedForGoodIsTold_AndNothingWaitsForIt) {
-    m_queue.setConnected(true);
-    add("a");
-    add("b");
+    begin({"a", "b"});
     m_engine.answer(Answer::refused);
     m_engine.answer(Answer::stored);
     EXPECT_THAT(m_done, ElementsAre("a-", "b+"));
@@ -73,9 +74,7 @@ TEST_F(OutgoingQueueTest, WhatIsRefusedForGoodIsTold_AndNothingWaitsForIt) {
 }
 
 TEST_F(OutgoingQueueTest, AfterAFailure_NothingNewIsPublishedUntilAllAreAnswered) {
-    m_queue.setConnected(true);
-    for (const char* szContent : {"a", "b", "c", "d"})
-        add(szContent);
+    begin({"a", "b", "c", "d"});
     m_engine.answer(Answer::stored);
     m_engine.answer(Answer::unknown);
     EXPECT_EQ(m_engine.unanswered(), 2U);
@@ -91,9 +90,7 @@ TEST_F(OutgoingQueueTest, AfterAFailure_NothingNewIsPublishedUntilAllAreAnswered
 }
 
 TEST_F(OutgoingQueueTest, WhatFailedBeforeAStoredOneGetsANewNumberAfterTheOthers) {
-    m_queue.setConnected(true);
-    for (const char* szContent : {"a", "b", "c", "d"})
-        add(szContent);
+    begin({"a", "b", "c", "d"});
     m_engine.answer(Answer::unknown);
     m_engine.answer(Answer::stored);
     m_engine.answer(Answer::unknown);
@@ -104,9 +101,7 @@ TEST_F(OutgoingQueueTest, WhatFailedBeforeAStoredOneGetsANewNumberAfterTheOthers
 }
 
 TEST_F(OutgoingQueueTest, NewNumbers_ComeAfterAllThatWereGivenBefore) {
-    m_queue.setConnected(true);
-    for (const char* szContent : {"a", "b", "c"})
-        add(szContent);
+    begin({"a", "b", "c"});
     m_engine.answer(Answer::full);
     m_engine.answer(Answer::full);
     m_engine.answer(Answer::full);
@@ -126,9 +121,7 @@ TEST_F(OutgoingQueueTest, NewNumbers_ComeAfterAllThatWereGivenBefore) {
 }
 
 TEST_F(OutgoingQueueTest, FullStream_IsTriedWithOneMessage) {
-    m_queue.setConnected(true);
-    for (const char* szContent : {"a", "b", "c"})
-        add(szContent);
+    begin({"a", "b", "c"});
     for (int i = 0; i < 3; ++i)
         m_engine.answer(Answer::full);
     EXPECT_TRUE(m_queue.isFull());
@@ -158,9 +151,7 @@ TEST_F(OutgoingQueueTest, AfterAFullStream_TheWindowGrowsAgainWhenItHasBeenCalm)
 }
 
 TEST_F(OutgoingQueueTest, StreamThatIsNotThere_IsTriedAgainForAWhileAndThenRefuses) {
-    m_queue.setConnected(true);
-    add("a");
-    add("b");
+    begin({"a", "b"});
     m_engine.answer(Answer::absent, "no stream");
     m_engine.answer(Answer::absent, "no stream");
     EXPECT_EQ(m_queue.failure(), "no stream");
@@ -175,8 +166,7 @@ TEST_F(OutgoingQueueTest, StreamThatIsNotThere_IsTriedAgainForAWhileAndThenRefus
 }
 
 TEST_F(OutgoingQueueTest, StreamThatWasThere_IsWaitedForHoweverLong) {
-    m_queue.setConnected(true);
-    add("a");
+    begin({"a"});
     m_engine.answer(Answer::stored);
     add("b");
     const auto until = RelayLoop::Clock::now() + 60ms;
@@ -190,8 +180,7 @@ TEST_F(OutgoingQueueTest, StreamThatWasThere_IsWaitedForHoweverLong) {
 }
 
 TEST_F(OutgoingQueueTest, WhatIsNotStored_SaysWhyUntilTheNextConnection) {
-    m_queue.setConnected(true);
-    add("a");
+    begin({"a"});
     m_engine.answer(Answer::unknown, "insufficient resources");
     EXPECT_EQ(m_queue.failure(), "insufficient resources");
     m_queue.setConnected(false);
@@ -199,9 +188,7 @@ TEST_F(OutgoingQueueTest, WhatIsNotStored_SaysWhyUntilTheNextConnection) {
 }
 
 TEST_F(OutgoingQueueTest, FailuresInARow_ChangeNothingOfWhatWaits) {
-    m_queue.setConnected(true);
-    for (const char* szContent : {"a", "b", "c", "d", "e"})
-        add(szContent);
+    begin({"a", "b", "c", "d", "e"});
     for (int i = 0; i < 3; ++i)
         m_engine.answer(Answer::full);
     for (int i = 0; i < 3; ++i) {
@@ -214,8 +201,7 @@ TEST_F(OutgoingQueueTest, FailuresInARow_ChangeNothingOfWhatWaits) {
 }
 
 TEST_F(OutgoingQueueTest, WhenTheConnectionIsLost_EverythingWaitsForTheNextOne) {
-    m_queue.setConnected(true);
-    add("a");
+    begin({"a"});
     m_engine.answer(Answer::unknown);
     m_queue.setConnected(false);
     EXPECT_EQ(m_engine.unanswered(), 0U);

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 using namespace VornRelay;
@@ -33,6 +32,7 @@ protected:
         RelaySettings settings;
         settings.access.sHost = "s";
         settings.sendTo = {"g", "h"};
+        settings.nHoldBytes = 72;
         settings.sStateDirectory = "/opt/hosts-" + std::to_string(::getpid());
         std::filesystem::create_directories(settings.sStateDirectory);
         return settings;
@@ -115,6 +115,23 @@ TEST_F(RelayHostsTest, LeaseThatHasEnded_IsRefusedAtItsHostAlone) {
     EXPECT_TRUE(runUntil(m_loop, [&] { return m_counters.nRefused == 1; }));
     notify("h");
     EXPECT_EQ(m_engine.published(0).sSubject, "vorn.to.h.sink.lease.7");
+}
+
+TEST_F(RelayHostsTest, WhileTooMuchWaits_ItsHostsPipeIsClosed) {
+    const auto acceptsAfterALook = [this] {
+        m_hosts.look();
+        return accepts("h");
+    };
+    for (int i = 0; i < 4; ++i)
+        notify("h");
+    EXPECT_TRUE(acceptsAfterALook()) << "32 of 72 bytes wait, and no more than the 40 that are left";
+    notify("h");
+    EXPECT_FALSE(acceptsAfterALook());
+    EXPECT_TRUE(accepts("g")) << "it has what is left to itself";
+    m_engine.answer(Engine::Answer::stored);
+    EXPECT_FALSE(acceptsAfterALook()) << "more than half of what is left";
+    m_engine.answer(Engine::Answer::stored);
+    EXPECT_TRUE(acceptsAfterALook());
 }
 
 TEST_F(RelayHostsTest, OnceStopped_NothingIsAcceptedAndWhatWasIsStillStored) {

@@ -7,12 +7,15 @@
 #include <RelayLoop.h>
 
 #include <Await.h>
+#include <Posix.h>
 
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <future>
 #include <set>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -125,6 +128,24 @@ inline bool runUntil(VornRelay::RelayLoop& loop, const std::function<bool()>& co
     look();
     loop.run();
     return condition();
+}
+
+/** Has a loop of another thread call a function. @return what it returns */
+template <typename Function>
+auto onLoop(VornRelay::RelayLoop& loop, Function function) {
+    std::packaged_task<decltype(function())()> call(function);
+    loop.post([&call] { call(); });
+    return call.get_future().get();
+}
+
+/** @return how reading to the end ends: 0, or the error. */
+inline int endOf(const UniqueFd& peer) {
+    try {
+        receiveToEnd(peer.get());
+        return 0;
+    } catch (const std::system_error& error) {
+        return error.code().value();
+    }
 }
 
 } // namespace VornTest

@@ -2,19 +2,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServicePipe.h"
 
-#include "Await.h"
-#include "Posix.h"
 #include "Sandbox.h"
+#include "ScriptedEngine.h"
 
 #include <cerrno>
-#include <future>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -39,35 +36,15 @@ protected:
         m_thread.join();
     }
 
-    template <typename Function>
-    auto onLoop(Function function) {
-        std::promise<decltype(function())> result;
-        m_loop.post([&] { result.set_value(function()); });
-        return result.get_future().get();
-    }
-
     bool awaitAccepted(std::size_t nCount) {
-        return awaitCondition([&] { return onLoop([&] { return m_exchanges.size(); }) == nCount; });
+        return awaitCondition([&] { return onLoop(m_loop, [&] { return m_exchanges.size(); }) == nCount; });
     }
 
     void answer(std::size_t nExchange, bool bStored) {
-        onLoop([&] {
-            m_handlers[nExchange](bStored);
-            return 0;
-        });
+        onLoop(m_loop, [&] { m_handlers[nExchange](bStored); });
     }
 
     static UniqueFd connect() { return unixConnect(pipePath("relay-x")); }
-
-    /** Ends sending and waits for the relay's end. @return 0, or the error of the wait */
-    static int awaitEnd(const UniqueFd& service) {
-        try {
-            receiveToEnd(service.get());
-            return 0;
-        } catch (const std::system_error& error) {
-            return error.code().value();
-        }
-    }
 
     RelayLoop m_loop;
     std::vector<std::string> m_exchanges;
@@ -109,7 +86,7 @@ TEST_F(ServicePipeTest, ServiceThatWaits_SeesTheEndWhenItIsStored) {
     ::shutdown(service.get(), SHUT_WR);
     ASSERT_TRUE(awaitAccepted(1));
     answer(0, true);
-    EXPECT_EQ(awaitEnd(service), 0);
+    EXPECT_EQ(endOf(service), 0);
 }
 
 TEST_F(ServicePipeTest, ServiceThatWaits_SeesAResetWhenItIsRefused) {
@@ -120,7 +97,7 @@ TEST_F(ServicePipeTest, ServiceThatWaits_SeesAResetWhenItIsRefused) {
         ::shutdown(service.get(), SHUT_WR);
         ASSERT_TRUE(awaitAccepted(nExchange + 1));
         answer(nExchange++, false);
-        EXPECT_EQ(awaitEnd(service), ECONNRESET) << szContent;
+        EXPECT_EQ(endOf(service), ECONNRESET) << szContent;
     }
 }
 
@@ -154,9 +131,9 @@ TEST_F(ServicePipeTest, LessThanAHandle_IsThrownAwayAndCounted) {
         const UniqueFd service = connect();
         sendAll(service.get(), szBytes);
         ::shutdown(service.get(), SHUT_WR);
-        awaitEnd(service);
+        endOf(service);
     }
-    EXPECT_TRUE(awaitCondition([&] { return onLoop([&] { return m_nBroken; }) == 3; }));
+    EXPECT_TRUE(awaitCondition([&] { return onLoop(m_loop, [&] { return m_nBroken; }) == 3; }));
     EXPECT_THAT(m_exchanges, IsEmpty());
 }
 
@@ -165,26 +142,23 @@ TEST_F(ServicePipeTest, MoreThanTheEngineTakes_IsRefusedWithAReset) {
     int nError = 0;
     try {
         sendAll(service.get(), cHandle + std::string(400'000, 'x'));
-        nError = awaitEnd(service);
+        nError = endOf(service);
     } catch (const std::system_error& error) { // it came before everything was written
         nError = error.code().value();
     }
     EXPECT_TRUE(nError == ECONNRESET || nError == EPIPE) << nError;
-    EXPECT_TRUE(awaitCondition([&] { return onLoop([&] { return m_nTooLong; }) == 1; }));
+    EXPECT_TRUE(awaitCondition([&] { return onLoop(m_loop, [&] { return m_nTooLong; }) == 1; }));
 }
 
 TEST_F(ServicePipeTest, Closed_RefusesAndHasTakenWhoCameBefore) {
-    const int nCount = onLoop([&] {
-        for (int i = 0; i < 20; ++i)
+    constexpr std::size_t nCount = 20;
+    onLoop(m_loop, [&] {
+        for (std::size_t i = 0; i < nCount; ++i)
             sendAll(connect().get(), cHandle + "x"); // nobody accepts meanwhile
         m_pipe.close();
-        return 20;
     });
-    EXPECT_TRUE(awaitAccepted(static_cast<std::size_t>(nCount)));
+    EXPECT_TRUE(awaitAccepted(nCount));
     EXPECT_THROW(connect(), std::system_error);
-    onLoop([&] {
-        m_pipe.open();
-        return 0;
-    });
+    onLoop(m_loop, [&] { m_pipe.open(); });
     connect();
 }

@@ -22,7 +22,6 @@
 #include <string>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -36,7 +35,6 @@ using namespace VornTest;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using Answer = Engine::Answer;
 
 namespace {
@@ -435,9 +433,11 @@ TEST_F(SinkDeliveryTest, SinkThatHasMoved_IsFollowedAlsoWhenItsPortWasTakenAtOnc
     const UniqueFd after = tcpListen("127.0.0.1", ports[1]);
     awaitLooks();
     arrive(static_cast<std::uint32_t>(ports[0]), 1);
-    pollfd sink{after.get(), POLLIN, 0};
-    EXPECT_TRUE(runUntil([&] { return ::poll(&sink, 1, 0) == 1 || m_engine.unanswered() == 1; }));
+    WatchedThread sink([&] { receiveToEnd(acceptClient(after.get()).get()); });
+    EXPECT_TRUE(runUntil([&] { return m_counters.nDelivered + m_engine.unanswered() == 1; }));
     EXPECT_EQ(m_engine.unanswered(), 0U) << reason();
+    EXPECT_EQ(m_counters.nMovedPorts, 1U);
+    EXPECT_TRUE(sink.join());
 }
 
 TEST_F(SinkDeliveryTest, EndOfAnExchange_ReachesATcpSinkAlongWithTheContent) {

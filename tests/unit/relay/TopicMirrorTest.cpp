@@ -7,14 +7,12 @@
 #include <VornSubscriber.h>
 
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 using namespace VornRelay;

@@ -11,7 +11,6 @@
 #include <string>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using namespace VornRelay;
 using namespace VornTest;
