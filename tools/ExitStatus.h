@@ -16,9 +16,7 @@ enum ExitStatus : int {
     exitRefused = 3,
     exitUnreachable = 4,
     exitProblems = 5,
-    exitIncomplete = 6,
-    exitInterrupted = 130,
-    exitTerminated = 143
+    exitIncomplete = 6
 };
 
 /** @return the table of exit statuses that ends every help text. */

@@ -70,9 +70,6 @@ public:
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    /** @return whether there is a terminal to show something on. */
-    bool isShown() const { return m_shown; }
-
     void update(const std::string& text);
     void clear();
 

@@ -171,13 +171,11 @@ std::vector<int> judge(pid_t pid, const Call& call, Thread& thread) {
     switch (call.number) {
     case SYS_accept:
     case SYS_accept4:
-        thread.wait = Thread::Wait::Accept;
-        return first;
     case SYS_recvfrom:
     case SYS_recvmsg:
     case SYS_read:
     case SYS_readv:
-        thread.wait = Thread::Wait::Receive;
+        thread.wait = Thread::Wait::Arrival;
         return first;
     case SYS_sendto:
     case SYS_sendmsg:
@@ -190,20 +188,20 @@ std::vector<int> judge(pid_t pid, const Call& call, Thread& thread) {
     case SYS_select:
 #endif
     case SYS_pselect6:
-        thread.wait = Thread::Wait::Readiness;
+        thread.wait = Thread::Wait::Arrival;
         return selected(pid, call);
 #ifdef SYS_poll
     case SYS_poll:
 #endif
     case SYS_ppoll:
-        thread.wait = Thread::Wait::Readiness;
+        thread.wait = Thread::Wait::Arrival;
         return polled(pid, call);
 #ifdef SYS_epoll_wait
     case SYS_epoll_wait:
 #endif
     case SYS_epoll_pwait:
     case SYS_epoll_pwait2:
-        thread.wait = Thread::Wait::Readiness;
+        thread.wait = Thread::Wait::Arrival;
         return watched(pid, call.arguments[0]);
     default:
         thread.wait = Thread::Wait::Other;
@@ -240,7 +238,6 @@ std::uint64_t wakesOf(const Path& directory) {
 Thread threadAt(pid_t pid, pid_t id, const Path& directory, const SocketTable& table) {
     Thread thread;
     thread.id = id;
-    thread.name = lineOf(directory / "comm");
     thread.since = timeSinceRun(directory);
     thread.wakes = wakesOf(directory);
     const std::string call = lineOf(directory / "syscall");

@@ -27,17 +27,14 @@ struct Process {
 /** A thread, and what it is waiting for. */
 struct Thread {
     enum class Wait {
-        None, ///< it runs
-        Accept,
-        Receive,
+        None,    ///< it runs
+        Arrival, ///< of a client or of bytes, also in select(), poll() or epoll_wait()
         Send,
-        Readiness, ///< in select(), poll() or epoll_wait()
         Other,
         Unknown ///< this user may not know
     };
 
     pid_t id = 0;
-    std::string name;
     Wait wait = Wait::Unknown;
     std::set<std::uint32_t> sockets;                ///< the numbers of those that it waits on
     std::optional<std::chrono::milliseconds> since; ///< how long it has not run

@@ -7,7 +7,6 @@
 #include "Output.h"
 #include "Values.h"
 
-#include <VornException.h>
 #include <VornPublisher.h>
 
 #include <array>
@@ -24,7 +23,6 @@ namespace VornTool {
 
 using VornNet::VornConnection;
 using VornNet::VornPublisher;
-using VornSupport::VornException;
 
 namespace {
 

@@ -17,7 +17,6 @@
 #include <VornUDPServerSocket.h>
 
 #include <array>
-#include <cerrno>
 #include <chrono>
 
 #include <poll.h>

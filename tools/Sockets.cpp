@@ -188,14 +188,14 @@ bool dumpPipes(Sockets& sockets) {
     return dump(request, readPipe, &sockets);
 }
 
-bool dumpPorts(unsigned char family, Socket::Kind kind, Sockets& sockets) {
+void dumpPorts(int family, Socket::Kind kind, Sockets& sockets) {
     inet_diag_req_v2 request{};
-    request.sdiag_family = family;
+    request.sdiag_family = static_cast<std::uint8_t>(family);
     request.sdiag_protocol = kind == Socket::Kind::Tcp ? IPPROTO_TCP : IPPROTO_UDP;
     request.idiag_states = ~0U;
     request.idiag_ext = (1U << (INET_DIAG_INFO - 1)) | (1U << (INET_DIAG_SKMEMINFO - 1));
     PortDump data{kind, sockets};
-    return dump(request, readPort, &data);
+    dump(request, readPort, &data);
 }
 
 } // namespace
@@ -205,11 +205,11 @@ Sockets listSockets(bool withPorts) {
     sockets.pipesKnown = dumpPipes(sockets);
     if (!withPorts)
         return sockets;
-    sockets.portsKnown =
-        dumpPorts(AF_INET, Socket::Kind::Tcp, sockets) && dumpPorts(AF_INET, Socket::Kind::Udp, sockets);
     // A socket of IPv6 takes the port for IPv4 as well, unless it was told not to; there may be no IPv6.
-    dumpPorts(AF_INET6, Socket::Kind::Tcp, sockets);
-    dumpPorts(AF_INET6, Socket::Kind::Udp, sockets);
+    for (const int family : {AF_INET, AF_INET6}) {
+        dumpPorts(family, Socket::Kind::Tcp, sockets);
+        dumpPorts(family, Socket::Kind::Udp, sockets);
+    }
     return sockets;
 }
 

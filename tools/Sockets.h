@@ -66,8 +66,7 @@ struct Socket {
 
 /** All sockets, or less where the kernel does not tell. */
 struct Sockets {
-    bool pipesKnown = false;
-    bool portsKnown = false;
+    bool pipesKnown = false; ///< whether the kernel has told of all pipes
     std::vector<Socket> list;
 };
 

@@ -319,12 +319,10 @@ void NotificationTest::SetUp() {
     const auto* transport = dynamic_cast<const testing::WithParamInterface<Kind>*>(this);
     if (transport == nullptr || testing::WithParamInterface<Kind>::GetParam() != Kind::pipe)
         enterFreshNetwork();
-    LeakCheckedTest::SetUp();
 }
 
 void NotificationTest::TearDown() {
     ::unsetenv(typeVariable);
-    LeakCheckedTest::TearDown();
 }
 
 int liveAsClient() {

@@ -57,12 +57,6 @@ inline constexpr const char* runsHandlersLate = "it runs a signal handler only w
 inline constexpr const char* overflowsByItself =
     "it reports its own sigaltstack() as an overflow while a cancelled thread unwinds";
 
-/**
- * With the address sanitizer the virtual table of an exception is checked, by writing it to a pipe that is
- * opened for that; without a descriptor the check fails and ends the process. The thread sanitizer runs it.
- */
-inline constexpr const char* needsDescriptors = "its check of virtual tables opens a pipe";
-
 /** The thread sanitizer's own thread wakes ten times a second, so that the process never rests. */
 inline constexpr const char* keepsTheProcessAwake = "its own thread keeps the process awake";
 

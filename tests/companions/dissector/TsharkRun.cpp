@@ -59,7 +59,6 @@ std::string bigEndian(unsigned long number) {
 } // namespace
 
 void VornnetDissector::SetUp() {
-    LeakCheckedTest::SetUp();
     std::string path = (std::filesystem::temp_directory_path() / "vornnet-wire.XXXXXX").string();
     if (::mkdtemp(path.data()) == nullptr)
         throw std::runtime_error("no temporary directory");
@@ -74,7 +73,6 @@ void VornnetDissector::TearDown() {
     m_capture.reset();
     std::error_code ignored;
     std::filesystem::remove_all(m_directory, ignored);
-    LeakCheckedTest::TearDown();
 }
 
 std::string VornnetDissector::tshark(const Lines& options) {

@@ -12,7 +12,6 @@
 
 using namespace VornTest;
 using testing::_;
-using testing::HasSubstr;
 
 namespace {
 

@@ -4,7 +4,6 @@
 #include "ToolRun.h"
 
 #include <fstream>
-#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -218,7 +218,7 @@ TEST_F(VornnetPipes, WithAPublisher_ShowsItWithItsSubscribers) {
     ChildProcess service = startTool({"publish", "pipe:news", "builds"});
     EXPECT_EQ(nextLine(service), "address pipe:news");
     const std::string publishes = std::to_string(service.pid()) + " (vornnet) publishes";
-    EXPECT_TRUE(awaitCondition( // it is told by its thread's name
+    EXPECT_TRUE(awaitCondition( // its thread may begin later
         [&] { return runTool({"pipes"}).output.find(publishes + "\n") != std::string::npos; }));
     ChildProcess client = startTool({"subscribe", "pipe:news", "builds", "--content", "string"});
     EXPECT_EQ(nextLine(client), "connected");

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 using namespace VornTest;
 using testing::_;

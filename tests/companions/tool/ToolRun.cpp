@@ -6,19 +6,12 @@
 #include "Posix.h"
 #include "Sandbox.h"
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <ostream>
-#include <system_error>
 
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace VornTest {
@@ -26,19 +19,6 @@ namespace VornTest {
 namespace {
 
 constexpr std::chrono::seconds cPatience(60);
-
-/** Ports stay in TIME_WAIT for a minute, in the network in which they were used. */
-void enterNewNetwork() {
-    needSandbox("a network of its own");
-    if (::unshare(CLONE_NEWNET) != 0)
-        throw std::system_error(errno, std::generic_category(), "unshare(CLONE_NEWNET)");
-    const UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ifreq request{};
-    std::memcpy(request.ifr_name, "lo", sizeof "lo");
-    request.ifr_flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK;
-    if (::ioctl(fd.get(), SIOCSIFFLAGS, &request) != 0)
-        throw std::system_error(errno, std::generic_category(), "ioctl(SIOCSIFFLAGS)");
-}
 
 /** Whether the process has taken every signal, or has ended. */
 bool hasTakenSignals(pid_t pid) {
@@ -52,11 +32,10 @@ bool hasTakenSignals(pid_t pid) {
 void ToolTest::SetUp() {
     for (const auto& file : std::filesystem::directory_iterator(pipeDirectory()))
         std::filesystem::remove_all(file.path());
-    LeakCheckedTest::SetUp();
 }
 
 void ToolNetworkTest::SetUp() {
-    enterNewNetwork();
+    enterFreshNetwork(); // where ports have been used, they stay in TIME_WAIT for a minute
     ToolTest::SetUp();
 }
 

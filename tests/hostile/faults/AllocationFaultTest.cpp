@@ -149,7 +149,6 @@ const Operations& allOperations() {
 class AllocationFaults : public LeakCheckedTest {
 protected:
     void SetUp() override {
-        LeakCheckedTest::SetUp();
         useHostsFile(hostsFile());
         // The first exception of a process makes the C library load what it takes call stacks with, and that
         // stays.
@@ -161,7 +160,6 @@ protected:
         g_isLogging = false;
         setLogging();
         ::munmap(m_report, sizeof(Report));
-        LeakCheckedTest::TearDown();
     }
 
     /** @param alsoAllowed what every operation may do besides */

@@ -108,7 +108,6 @@ std::string describe(const Scenario& scenario, const CallFault& fault) {
 class SystemCallFaults : public LeakCheckedTest, public testing::WithParamInterface<std::size_t> {
 protected:
     void SetUp() override {
-        LeakCheckedTest::SetUp();
         // The first exception of a process makes the C library load what it takes call stacks with, and that
         // stays.
         outcomeOf([]() -> std::string { throw VornSupport::VornException("first", 0); });

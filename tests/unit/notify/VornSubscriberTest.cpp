@@ -74,7 +74,6 @@ protected:
         m_service.reset();
         m_listener.reset();
         ::unlink(pipePath("alpha").c_str());
-        LeakCheckedTest::TearDown();
     }
 
     virtual Way way() const { return {true, true}; }

@@ -46,15 +46,9 @@ VornProxyDependentContainer& registry() {
 
 class VornProxyDependentContainerTest : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        LeakCheckedTest::SetUp();
-        VornProxyDependentContainer::deleteInstance();
-    }
+    void SetUp() override { VornProxyDependentContainer::deleteInstance(); }
 
-    void TearDown() override {
-        VornProxyDependentContainer::deleteInstance();
-        LeakCheckedTest::TearDown();
-    }
+    void TearDown() override { VornProxyDependentContainer::deleteInstance(); }
 
     VornProxyDependent* make(const VornString& name, long handle) {
         return new Proxy(name, handle, m_destroyed);

@@ -51,10 +51,7 @@ void log(const char* text) {
 
 class ForkedProcess : public LeakCheckedTest {
 protected:
-    void TearDown() override {
-        VornLogging::setRecordHandler({});
-        LeakCheckedTest::TearDown();
-    }
+    void TearDown() override { VornLogging::setRecordHandler({}); }
 };
 
 } // namespace

@@ -34,11 +34,6 @@ namespace {
 
 class VornEventTest : public LeakCheckedTest {
 protected:
-    void TearDown() override {
-        m_event = std::nullopt; // with its descriptor
-        LeakCheckedTest::TearDown();
-    }
-
     /** Makes the event one for which the operation makes that call. */
     void prepareFor(const std::string& function) {
         if (function == "eventfd") {

@@ -178,16 +178,12 @@ std::vector<std::string> textsOf(const std::vector<std::string>& writes) {
 
 class VornLoggingTest : public LeakCheckedTest {
 protected:
-    void SetUp() override {
-        LeakCheckedTest::SetUp();
-        VornLogging::getInstance().setLogLevel(9);
-    }
+    void SetUp() override { VornLogging::getInstance().setLogLevel(9); }
 
     void TearDown() override {
         VornLogging::setRecordHandler({});
         VornLogging::setAccessAllowed(true);
         VornLogging::getInstance().setLogLevel(VornLogging::cOff);
-        LeakCheckedTest::TearDown();
     }
 };
 
