@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <system_error>
 
 #include <VornException.h>
@@ -258,14 +259,20 @@ TEST_P(VornSteadySink_StreamFailures, AReadThatFindsNothing_IsDoneAgainWhenMoreC
 }
 
 TEST_F(VornSteadySink_Senders, OverTcp_BytesThatComeJustAfterTheyWereCounted_AreRead) {
-    const SteadyClient client(optionsFor(Kind::socket));
-    FaultRule none("ioctl", 0, 1, 1, threadIds().back());
-    none.returning(0);
-    HeldCall accepting("accept4");
-    const UniqueFd sender = sendNotification(client.address(), "content");
-    accepting.open();
-    EXPECT_EQ(endingOf(sender.get()), "end");
-    EXPECT_THAT(client.callback()->contents(), ElementsAre("content"));
+    for (const bool isInterrupted : {false, true}) {
+        const SteadyClient client(optionsFor(Kind::socket));
+        const pid_t reading = threadIds().back();
+        FaultRule none("ioctl", 0, 1, 1, reading);
+        none.returning(0);
+        std::optional<FaultRule> interruption;
+        if (isInterrupted)
+            interruption.emplace("recv", EINTR, 1, 1, reading);
+        HeldCall accepting("accept4");
+        const UniqueFd sender = sendNotification(client.address(), "content");
+        accepting.open();
+        EXPECT_EQ(endingOf(sender.get()), "end");
+        EXPECT_THAT(client.callback()->contents(), ElementsAre("content"));
+    }
 }
 
 TEST_P(VornSteadySink_StreamFailures, ASourceThatCannotBeWatched_IsTriedAgain) {
@@ -281,14 +288,18 @@ TEST_P(VornSteadySink_StreamFailures, ASourceThatCannotBeWatched_IsTriedAgain) {
 }
 
 TEST_F(VornSteadySink_PipeFailures, AnEndWithoutTheBytesThatWereCounted_IsIncomplete) {
-    const SteadyClient client(optionsFor(Kind::pipe));
-    const FaultRule nothing("recv", EAGAIN, 1, 1, threadIds().back());
-    HeldCall accepting("accept4");
-    const UniqueFd sender = sendNotification(client.address(), "content");
-    accepting.open();
-    EXPECT_TRUE(client.await(&SteadyStatistics::nIncomplete, std::uint64_t{1}));
-    EXPECT_EQ(endingOf(sender.get()), "reset");
-    EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+    for (const bool isEndItself : {false, true}) {
+        const SteadyClient client(optionsFor(Kind::pipe));
+        FaultRule nothing("recv", EAGAIN, 1, 1, threadIds().back());
+        if (isEndItself)
+            nothing.returning(0);
+        HeldCall accepting("accept4");
+        const UniqueFd sender = sendNotification(client.address(), "content");
+        accepting.open();
+        EXPECT_TRUE(client.await(&SteadyStatistics::nIncomplete, std::uint64_t{1}));
+        EXPECT_EQ(endingOf(sender.get()), "reset");
+        EXPECT_EQ(deliverTo(client.address(), "content"), "end");
+    }
 }
 
 KIT_ROLE(steadyBareClient) {
