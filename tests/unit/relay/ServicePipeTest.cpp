@@ -26,12 +26,15 @@ namespace {
 /** A pipe on a thread of its own; the test is the service. */
 class ServicePipeTest : public testing::Test, private ServicePipe::Owner {
 protected:
-    ServicePipeTest() : m_pipe(m_loop, "relay-x", *this) {
+    ServicePipeTest() : m_pipe(m_loop, "relay-x", *this) {}
+
+    // The thread calls this object's virtual functions, so it runs only while the object is whole.
+    void SetUp() override {
         m_pipe.open();
         m_thread = std::thread([this] { m_loop.run(); });
     }
 
-    ~ServicePipeTest() override {
+    void TearDown() override {
         m_loop.end();
         m_thread.join();
     }
