@@ -176,6 +176,15 @@ TEST_F(VornSteadySink_Options, AllAddresses_ArePublishedAsTheGivenHost) {
     }
 }
 
+TEST_F(VornSteadySink_Options, AServerThatMayNotListen_IsToldWithItsNumber) {
+    const auto before = openDescriptors();
+    for (const Kind kind : {Kind::pipe, Kind::socket}) {
+        const FaultRule failing("listen", EOPNOTSUPP);
+        EXPECT_EQ(codeOf(optionsFor(kind), cOpenFailed), EOPNOTSUPP);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
 TEST_F(VornSteadySink_Options, AnythingThatCannotBeStarted_IsToldWithItsNumber) {
     const auto before = openDescriptors();
     for (const char* call : {"epoll_create1", "eventfd", "epoll_ctl"}) {
